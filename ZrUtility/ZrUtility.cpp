@@ -1,0 +1,1 @@
+#include "ZrUtility/ZrUtility.h"

@@ -1,0 +1,5 @@
+#pragma once
+
+// Every public header of the library.
+
+#include "ZrUtility/Export.h"

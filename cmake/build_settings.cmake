@@ -1,0 +1,38 @@
+# One set of compiler settings for every target of the tree.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+# An installed program finds the libraries it was installed with.
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}:$ORIGIN")
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+endif()
+
+find_package(Threads REQUIRED)
+
+find_program(ZR_CCACHE ccache)
+if(ZR_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${ZR_CCACHE})
+endif()
+
+add_library(zr_settings INTERFACE)
+target_compile_options(zr_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
+                                             -Wnon-virtual-dtor -Wold-style-cast -Werror)
+# Unique symbols would keep a library in memory after dlclose; the static objects of ZrUtility must end with it.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  target_compile_options(zr_settings INTERFACE -fno-gnu-unique)
+endif()
+if(ZR_SANITIZE)
+  target_compile_options(zr_settings INTERFACE -fsanitize=${ZR_SANITIZE} -fno-sanitize-recover=all
+                                               -fno-omit-frame-pointer)
+  target_link_options(zr_settings INTERFACE -fsanitize=${ZR_SANITIZE})
+endif()
+target_link_libraries(zr_settings INTERFACE Threads::Threads)

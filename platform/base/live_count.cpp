@@ -1,0 +1,11 @@
+#include "live_count.h"
+
+namespace zr::platform {
+
+std::atomic<LONGLONG> live_counts[kLiveKinds];
+
+}  // namespace zr::platform
+
+LONGLONG ZrLiveObjects(ZrLiveKind kind) {
+    return zr::platform::live_counts[static_cast<int>(kind)].load(std::memory_order_relaxed);
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+// Counts of what is alive in this process, for tests and for programs that look for their own leaks.
+
+#include "platform/export.h"
+#include "platform/types.h"
+
+enum class ZrLiveKind : int {
+    Interfaces,  // COM objects that the platform made and that have references left
+    Strings,     // BSTRs
+    Windows,
+    Handles,     // open kernel handles: events, mutexes, threads, searches
+    HeapBlocks,  // HeapAlloc and LocalAlloc
+};
+
+// How many objects of a kind are alive now. Any thread; exact once other threads are quiet.
+ZRPLATFORM_API LONGLONG ZrLiveObjects(ZrLiveKind kind);

@@ -1,0 +1,5 @@
+#pragma once
+
+#include "platform/errors.h"
+#include "platform/export.h"
+#include "platform/types.h"

@@ -1,0 +1,14 @@
+#pragma once
+
+// Everything that the platform offers.
+
+#include "platform/base.h"
+#include "platform/com.h"
+#include "platform/diagnostics.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/kernel.h"
+#include "platform/pim.h"
+#include "platform/shell.h"
+#include "platform/types.h"
+#include "platform/windowing.h"

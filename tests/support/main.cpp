@@ -1,0 +1,15 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "support/child.h"
+#include "support/sandbox.h"
+
+int main(int argc, char** argv) {
+    signal(SIGPIPE, SIG_IGN);
+    zr::test::enter_sandbox();
+    if (const int result = zr::test::run_as_child(argc, argv); result >= 0) return result;
+    testing::InitGoogleTest(&argc, argv);
+    const int result = RUN_ALL_TESTS();
+    zr::test::leave_sandbox();
+    return result;
+}
