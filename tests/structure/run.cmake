@@ -1,0 +1,66 @@
+# The arrows of the house run one way: checks what each part of the tree includes.
+#   cmake -DROOT=... -P run.cmake
+set(wrong)
+
+# include_lines(FILE OUT): the names between the brackets or quotes of the file's #include lines
+function(include_lines file out)
+  file(STRINGS ${file} lines REGEX "^[ \t]*#[ \t]*include")
+  set(names)
+  foreach(line IN LISTS lines)
+    string(REGEX REPLACE "^[^<\"]*([<\"][^>\"]+[>\"]).*$" "\\1" name "${line}")
+    list(APPEND names "${name}")
+  endforeach()
+  set(${out} "${names}" PARENT_SCOPE)
+endfunction()
+
+# The library: its own headers, the log, the platform's public headers, the C++ standard library.
+file(GLOB_RECURSE files ${ROOT}/ZrUtility/*.h ${ROOT}/ZrUtility/*.cpp)
+foreach(file IN LISTS files)
+  include_lines(${file} names)
+  foreach(name IN LISTS names)
+    if(NOT name MATCHES "^\"(ZrUtility/.*\\.h|ZrLog/ZrLog\\.h|platform/[a-z_]+\\.h)\"$" AND NOT name MATCHES "^<[a-z_]+>$")
+      list(APPEND wrong "${file} includes ${name}")
+    endif()
+  endforeach()
+endforeach()
+
+# A platform family: never a private header of another family, never the library.
+set(families base kernel windowing files com pim shell)
+foreach(family IN LISTS families)
+  file(GLOB files ${ROOT}/platform/${family}/*)
+  file(GLOB own RELATIVE ${ROOT}/platform/${family} ${ROOT}/platform/${family}/*.h)
+  file(GLOB seam RELATIVE ${ROOT}/platform/seam ${ROOT}/platform/seam/*.h)
+  foreach(file IN LISTS files)
+    if(NOT file MATCHES "\\.(h|cpp)$")
+      continue()
+    endif()
+    include_lines(${file} names)
+    foreach(name IN LISTS names)
+      if(name MATCHES "^<(ZrUtility|zr)/" OR name MATCHES "\\.\\./")
+        list(APPEND wrong "${file} includes ${name}")
+      elseif(name MATCHES "^\"(.*)\"$")
+        set(plain ${CMAKE_MATCH_1})
+        if(NOT plain MATCHES "^platform/[a-z_]+\\.h$" AND NOT plain STREQUAL "ZrLog/ZrLog.h"
+           AND NOT plain IN_LIST own AND NOT plain IN_LIST seam)
+          list(APPEND wrong "${file} includes ${name}")
+        endif()
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+
+# The tool and the examples: what an outside user can use.
+file(GLOB_RECURSE files ${ROOT}/zr/*.h ${ROOT}/zr/*.cpp ${ROOT}/examples/*.cpp)
+foreach(file IN LISTS files)
+  include_lines(${file} names)
+  foreach(name IN LISTS names)
+    if(name MATCHES "[<\"]platform/(seam|base|kernel|windowing|files|com|pim|shell)/" OR name MATCHES "\\.\\./")
+      list(APPEND wrong "${file} includes ${name}")
+    endif()
+  endforeach()
+endforeach()
+
+if(wrong)
+  list(JOIN wrong "\n" wrong)
+  message(FATAL_ERROR "includes against the order of the house:\n${wrong}")
+endif()
