@@ -15,3 +15,7 @@ enum class ZrLiveKind : int {
 
 // How many objects of a kind are alive now. Any thread; exact once other threads are quiet.
 ZRPLATFORM_API LONGLONG ZrLiveObjects(ZrLiveKind kind);
+
+// Fault injection for tests: the next `successes` allocations of HeapAlloc, HeapReAlloc, LocalAlloc and LocalReAlloc in
+// this process succeed and every later one fails, until this is called with a negative number.
+ZRPLATFORM_API void ZrFailHeapAfter(LONGLONG successes);
