@@ -1,49 +1,134 @@
 #include "ZrLog/ZrLog.h"
 
+#include <errno.h>
+#include <pthread.h>
+#include <stdlib.h>
+
 #include <atomic>
 #include <mutex>
-#include <shared_mutex>
+#include <new>
+#include <string>
+
+#include "ZrLog/log_file.h"
+#include "ZrLog/sink.h"
 
 namespace {
 
-std::atomic<bool> listening{false};
-std::shared_mutex sink_mutex;
-ZrLogSink sink = nullptr;
-void* sink_context = nullptr;
+using zr::log::LogFile;
 
-void deliver(const ZrLogRecord& record) {
-    const std::shared_lock lock(sink_mutex);
-    if (sink) sink(record, sink_context);
+// What a record is wanted for. The environment is asked at the first record, so that a process that logs nothing
+// makes no file.
+constexpr unsigned kUndecided = 1;
+constexpr unsigned kFile = 2;
+constexpr unsigned kSink = 4;
+
+std::atomic<unsigned> wanted{kUndecided};
+std::atomic<LogFile*> file{nullptr};
+std::atomic<const char*> error_text{nullptr};
+std::mutex deciding;
+std::mutex changing_sink;
+
+void after_fork_in_child() {
+    zr::log::forget_ids();
+    zr::log::forget_sink_visitors();
+    new (&deciding) std::mutex;
+    new (&changing_sink) std::mutex;
+}
+
+// Files and texts that are no longer current are kept for good: other threads may be using them.
+struct Kept {
+    Kept* before;
+    LogFile* file;
+    std::string error;
+};
+Kept* kept = nullptr;
+
+bool open_file(const char* path) {
+    static const int registered = pthread_atfork(nullptr, nullptr, after_fork_in_child);
+    static_cast<void>(registered);
+    LogFile* opened = nullptr;
+    const char* text = nullptr;
+    try {
+        std::string error;
+        opened = path && *path ? LogFile::open(path, error) : nullptr;
+        kept = new Kept{kept, opened, std::move(error)};
+        if (!kept->error.empty()) text = kept->error.c_str();
+    } catch (...) {
+        opened = nullptr;
+        text = "out of memory";
+    }
+    file.store(opened, std::memory_order_release);
+    error_text.store(text, std::memory_order_release);
+    if (opened) {
+        wanted.fetch_or(kFile, std::memory_order_release);
+    } else {
+        wanted.fetch_and(~kFile, std::memory_order_release);
+    }
+    wanted.fetch_and(~kUndecided, std::memory_order_release);
+    return text == nullptr;
+}
+
+void decide() {
+    const int saved_errno = errno;
+    const std::lock_guard lock(deciding);
+    if (wanted.load(std::memory_order_relaxed) & kUndecided) open_file(secure_getenv("ZR_LOG"));
+    errno = saved_errno;
+}
+
+[[gnu::noinline]] void record_wanted(const ZrLogRecord& record, bool is_buffer = false) {
+    if (wanted.load(std::memory_order_relaxed) & kUndecided) decide();
+    const unsigned now_wanted = wanted.load(std::memory_order_acquire);
+    if (now_wanted & kFile) {
+        if (LogFile* open = file.load(std::memory_order_acquire)) open->write(record, is_buffer);
+    }
+    if (now_wanted & kSink) zr::log::deliver_to_sink(record);
+}
+
+bool anybody_listens() {
+    return wanted.load(std::memory_order_relaxed) != 0;
 }
 
 }  // namespace
 
-void zrLogSetSink(ZrLogSink new_sink, void* context) noexcept {
-    const std::lock_guard lock(sink_mutex);
-    sink = new_sink;
-    sink_context = context;
-    listening = new_sink != nullptr;
+bool zrLogSetFile(const char* path) noexcept {
+    const std::lock_guard lock(deciding);
+    return open_file(path);
+}
+
+const char* zrLogError() noexcept {
+    if (wanted.load(std::memory_order_relaxed) & kUndecided) decide();
+    return error_text.load(std::memory_order_acquire);
+}
+
+void zrLogSetSink(ZrLogSink sink, void* context) noexcept {
+    const std::lock_guard lock(changing_sink);
+    zr::log::replace_sink(sink, context);
+    if (sink) {
+        wanted.fetch_or(kSink);
+    } else {
+        wanted.fetch_and(~kSink);
+    }
 }
 
 void zrKelDebugBinLog0(const char* source, int line, std::uint32_t category) noexcept {
-    if (listening) deliver({source, line, category, 0, {}, nullptr, 0});
+    if (anybody_listens()) record_wanted({source, line, category, 0, {}, nullptr, 0});
 }
 void zrKelDebugBinLog1(const char* source, int line, std::uint32_t category, std::uintptr_t a) noexcept {
-    if (listening) deliver({source, line, category, 1, {a}, nullptr, 0});
+    if (anybody_listens()) record_wanted({source, line, category, 1, {a}, nullptr, 0});
 }
 void zrKelDebugBinLog2(const char* source, int line, std::uint32_t category, std::uintptr_t a,
                        std::uintptr_t b) noexcept {
-    if (listening) deliver({source, line, category, 2, {a, b}, nullptr, 0});
+    if (anybody_listens()) record_wanted({source, line, category, 2, {a, b}, nullptr, 0});
 }
 void zrKelDebugBinLog3(const char* source, int line, std::uint32_t category, std::uintptr_t a, std::uintptr_t b,
                        std::uintptr_t c) noexcept {
-    if (listening) deliver({source, line, category, 3, {a, b, c}, nullptr, 0});
+    if (anybody_listens()) record_wanted({source, line, category, 3, {a, b, c}, nullptr, 0});
 }
 void zrKelDebugBinLog4(const char* source, int line, std::uint32_t category, std::uintptr_t a, std::uintptr_t b,
                        std::uintptr_t c, std::uintptr_t d) noexcept {
-    if (listening) deliver({source, line, category, 4, {a, b, c, d}, nullptr, 0});
+    if (anybody_listens()) record_wanted({source, line, category, 4, {a, b, c, d}, nullptr, 0});
 }
 void zrKelDebugBinBuffer(const char* source, int line, std::uint32_t category, const void* data,
                          std::size_t size) noexcept {
-    if (listening) deliver({source, line, category, 0, {}, data, size});
+    if (anybody_listens()) record_wanted({source, line, category, 0, {}, data, size}, true);
 }

@@ -4,8 +4,13 @@
 //
 // Callers hand over facts, never text: where (source tag and line), what (category) and up to four integers or a run
 // of bytes. A log is kept when the environment variable ZR_LOG names a file, or while a sink is installed; otherwise
-// a call costs a load and a branch. All functions may be called from any thread at any time and never fail towards
-// the caller.
+// a call costs a load and a branch. All functions may be called from any thread at any time, but not from a signal
+// handler, and never fail towards the caller; errno is left as it was.
+//
+// The file is shared by every process that names it, and appended to: see docs/log-format.md. A record is in the file
+// when the call returns, so a killed process loses none; what a power failure loses is up to the kernel's write-back.
+// Records that find no room (full disk, file size limit) are counted in the file's header. A child made by fork goes
+// on with its parent's log; a program started by exec opens the log anew when the variable still names it.
 
 #include <cstddef>
 #include <cstdint>
@@ -44,14 +49,25 @@ struct ZrLogRecord {
     const char* source;
     int line;
     std::uint32_t category;
-    int argumentCount;             // 0 to 4; 0 for a buffer record
-    std::uintptr_t arguments[4];   // the first argumentCount are set, the others are 0
-    const void* data;              // buffer records only, else nullptr
+    int argumentCount;            // 0 to 4; 0 for a buffer record
+    std::uintptr_t arguments[4];  // the first argumentCount are set, the others are 0
+    const void* data;             // buffer records only, else nullptr
     std::size_t size;
 };
 
 using ZrLogSink = void (*)(const ZrLogRecord& record, void* context);
 
+// Keeps the log in the file at `path` from now on, instead of the one that ZR_LOG named at the first record; nullptr
+// keeps no file. Creates a missing file with mode 0600. False, with the reason in zrLogError(), when the file cannot be
+// opened or is not a log; such a file is left untouched and no log file is kept. The mapping of a file that was kept
+// before stays until the process ends, because threads may still be writing to it.
+ZRLOG_API bool zrLogSetFile(const char* path) noexcept;
+
+// Why no log file is kept although one was asked for, as English text; nullptr when nothing is wrong. The text stays
+// valid until the process ends.
+ZRLOG_API const char* zrLogError() noexcept;
+
 // Sends every further record of this process to `sink` as well as to the file, if one is kept; nullptr removes it.
-// Returns once no thread is inside the previous sink. A sink runs on the logging thread and must not log.
+// Returns once no thread is inside the previous sink, so it must not be called from within one. A sink runs on the
+// logging thread; what it logs itself reaches the file only.
 ZRLOG_API void zrLogSetSink(ZrLogSink sink, void* context) noexcept;
