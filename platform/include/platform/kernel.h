@@ -1,5 +1,151 @@
 #pragma once
 
+// Handles, events, mutexes, critical sections, threads and waits.
+//
+// Handles. A function that takes a handle fails with ERROR_INVALID_HANDLE when the value is not an open handle of the
+// right kind: closed, of another kind, or never a handle. A handle is closed with CloseHandle; the object lives until
+// its last handle is closed and nothing uses it any more. Closing a handle while a thread waits on it leaves that wait
+// as it is. All functions may be called from any thread, also from threads that CreateThread did not make.
+//
+// Names. Objects are unnamed for now: a name that is neither NULL nor empty fails with ERROR_NOT_SUPPORTED.
+//
+// Ended threads. TerminateThread ends its target at the target's next call of the platform; a wait ends at once. Every
+// function here is such a point except those that give something back (ReleaseMutex, LeaveCriticalSection,
+// DeleteCriticalSection, CloseHandle, TlsFree) and those that only report (GetLastError, the clock, identifiers).
+
+#include "platform/base.h"
 #include "platform/errors.h"
 #include "platform/export.h"
 #include "platform/types.h"
+
+inline constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;
+inline constexpr DWORD STILL_ACTIVE = 259;
+
+inline constexpr DWORD CREATE_SUSPENDED = 0x4;
+inline constexpr DWORD STACK_SIZE_PARAM_IS_A_RESERVATION = 0x10000;
+
+inline constexpr DWORD DUPLICATE_CLOSE_SOURCE = 0x1;
+inline constexpr DWORD DUPLICATE_SAME_ACCESS = 0x2;
+
+inline constexpr DWORD EVENT_PULSE = 1;
+inline constexpr DWORD EVENT_RESET = 2;
+inline constexpr DWORD EVENT_SET = 3;
+
+inline constexpr DWORD TLS_OUT_OF_INDEXES = 0xFFFFFFFF;
+inline constexpr DWORD TLS_MINIMUM_AVAILABLE = 64;
+
+using LPSECURITY_ATTRIBUTES = SECURITY_ATTRIBUTES*;
+using LPTHREAD_START_ROUTINE = DWORD (*)(LPVOID parameter);
+
+// --- Handles ---------------------------------------------------------------------------------------------------------
+
+// Closes a handle. FALSE with ERROR_INVALID_HANDLE when it is not open. The pseudo handles need no closing: TRUE.
+ZRPLATFORM_API BOOL CloseHandle(HANDLE object);
+
+// A second handle to the same object; both processes must be this one (GetCurrentProcess()), else ERROR_NOT_SUPPORTED.
+// Turns the pseudo handle of a thread into a real one. Access rights are not kept. With DUPLICATE_CLOSE_SOURCE the
+// source is closed in any case; `target` may then be NULL.
+ZRPLATFORM_API BOOL DuplicateHandle(HANDLE source_process, HANDLE source, HANDLE target_process, HANDLE* target,
+                                    DWORD access, BOOL inherit, DWORD options);
+
+// --- Events ----------------------------------------------------------------------------------------------------------
+
+// A new event, signalled at first if `initial_state` is set. A manual-reset event stays signalled until it is reset and
+// lets every waiter go; an auto-reset event lets one waiter go and is reset by that. NULL on failure:
+// ERROR_NOT_ENOUGH_MEMORY, ERROR_NOT_SUPPORTED for a name. `attributes` is not used.
+ZRPLATFORM_API HANDLE CreateEventW(LPSECURITY_ATTRIBUTES attributes, BOOL manual_reset, BOOL initial_state,
+                                   LPCWSTR name);
+ZRPLATFORM_API BOOL SetEvent(HANDLE event);
+ZRPLATFORM_API BOOL ResetEvent(HANDLE event);
+// Lets go those who wait at this instant (one of them for an auto-reset event), and leaves the event reset.
+ZRPLATFORM_API BOOL PulseEvent(HANDLE event);
+// SetEvent, ResetEvent or PulseEvent by number; another number fails with ERROR_INVALID_PARAMETER.
+ZRPLATFORM_API BOOL EventModify(HANDLE event, DWORD action);
+
+// --- Mutexes ---------------------------------------------------------------------------------------------------------
+
+// A new mutex, owned by the caller if `initial_owner` is set. Waiting takes ownership; its owner may take it again and
+// releases it as often. When the owning thread ends without releasing it, the next owner's wait says WAIT_ABANDONED.
+ZRPLATFORM_API HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES attributes, BOOL initial_owner, LPCWSTR name);
+// Gives up one hold. FALSE with ERROR_NOT_OWNER when the calling thread is not the owner.
+ZRPLATFORM_API BOOL ReleaseMutex(HANDLE mutex);
+
+// --- Waits -----------------------------------------------------------------------------------------------------------
+
+// Waits until the object is signalled: an event set, a mutex free or the caller's own, a thread ended.
+// WAIT_OBJECT_0, WAIT_ABANDONED, WAIT_TIMEOUT; WAIT_FAILED with ERROR_INVALID_HANDLE. The timeout is in milliseconds of
+// a clock that nobody sets; 0 only looks, INFINITE waits for ever.
+ZRPLATFORM_API DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+
+// Waits for one (the result names the lowest signalled index) or for all of 1 to MAXIMUM_WAIT_OBJECTS objects. A wait
+// for all takes them at one instant, and nothing before; the same object twice in it fails. WAIT_OBJECT_0 + index,
+// WAIT_ABANDONED_0 + index (index 0 in a wait for all: some mutex was abandoned), WAIT_TIMEOUT; WAIT_FAILED with
+// ERROR_INVALID_HANDLE or ERROR_INVALID_PARAMETER.
+ZRPLATFORM_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL wait_all, DWORD milliseconds);
+
+// Sleep(0) gives the processor to another thread that can run; Sleep(INFINITE) never returns.
+ZRPLATFORM_API void Sleep(DWORD milliseconds);
+
+// --- Critical sections -----------------------------------------------------------------------------------------------
+
+// A lock for the threads of one process; its owner may enter it again. Takes no system call unless threads meet. Plain
+// data: it lives where the caller puts it, must not move while it is in use, and holds nothing that needs freeing.
+// A thread that ends inside leaves it locked.
+struct CRITICAL_SECTION {
+    DWORD LockWord;        // the owning thread's identifier, 0 when free; the top bit: others may be waiting
+    DWORD RecursionCount;  // written by the owner only
+};
+using LPCRITICAL_SECTION = CRITICAL_SECTION*;
+
+ZRPLATFORM_API void InitializeCriticalSection(CRITICAL_SECTION* section);
+ZRPLATFORM_API void EnterCriticalSection(CRITICAL_SECTION* section);
+ZRPLATFORM_API BOOL TryEnterCriticalSection(CRITICAL_SECTION* section);
+// Does nothing, on this and every later count, when the caller is not the owner.
+ZRPLATFORM_API void LeaveCriticalSection(CRITICAL_SECTION* section);
+ZRPLATFORM_API void DeleteCriticalSection(CRITICAL_SECTION* section);
+
+// --- Threads ---------------------------------------------------------------------------------------------------------
+
+// Starts a thread. `stack_size` 0 takes the usual size, others are raised to a safe least one. CREATE_SUSPENDED makes
+// it wait for ResumeThread. `id`, where not NULL, receives its identifier, which is known to the platform from then on.
+// The thread runs on when its handle is closed. NULL on failure: ERROR_INVALID_PARAMETER without a start routine or for
+// an unknown flag, ERROR_NOT_ENOUGH_MEMORY.
+ZRPLATFORM_API HANDLE CreateThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stack_size, LPTHREAD_START_ROUTINE start,
+                                   LPVOID parameter, DWORD flags, DWORD* id);
+// Lets a thread go that was created suspended. Returns how often it was suspended before (1 or 0), 0xFFFFFFFF with
+// ERROR_INVALID_HANDLE on failure. Running threads are not suspended.
+ZRPLATFORM_API DWORD ResumeThread(HANDLE thread);
+// Ends the calling thread. The stack is unwound as far as the code on it allows, then the thread's windows, owned
+// mutexes and the like are given up and its handle is signalled.
+[[noreturn]] ZRPLATFORM_API void ExitThread(DWORD exit_code);
+// STILL_ACTIVE until the thread has ended.
+ZRPLATFORM_API BOOL GetExitCodeThread(HANDLE thread, DWORD* exit_code);
+// Makes another thread end, with this exit code, at its next call of the platform; a wait is interrupted at once. The
+// thread ends as by ExitThread, so that no lock of the platform's own stays locked. Returns at once: the handle is
+// signalled when the thread has ended. A thread that never calls the platform is not ended. A thread that had ended
+// already keeps its exit code: TRUE. The calling thread itself: like ExitThread.
+ZRPLATFORM_API BOOL TerminateThread(HANDLE thread, DWORD exit_code);
+
+ZRPLATFORM_API DWORD GetCurrentThreadId();
+ZRPLATFORM_API DWORD GetCurrentProcessId();
+// Pseudo handles, good in the calling thread for what a real handle is good for.
+ZRPLATFORM_API HANDLE GetCurrentThread();
+ZRPLATFORM_API HANDLE GetCurrentProcess();
+
+// A pointer-wide value per thread. TlsAlloc: TLS_OUT_OF_INDEXES with ERROR_NO_MORE_ITEMS when all TLS_MINIMUM_AVAILABLE
+// are taken. A new index reads NULL on every thread. TlsGetValue clears the last error when it succeeds; an index that
+// is not allocated gives ERROR_INVALID_PARAMETER.
+ZRPLATFORM_API DWORD TlsAlloc();
+ZRPLATFORM_API BOOL TlsFree(DWORD index);
+ZRPLATFORM_API LPVOID TlsGetValue(DWORD index);
+ZRPLATFORM_API BOOL TlsSetValue(DWORD index, LPVOID value);
+
+// --- Clocks and the process ------------------------------------------------------------------------------------------
+
+// Milliseconds of the monotonic clock; wraps after 49.7 days.
+ZRPLATFORM_API DWORD GetTickCount();
+ZRPLATFORM_API BOOL QueryPerformanceCounter(LARGE_INTEGER* count);
+ZRPLATFORM_API BOOL QueryPerformanceFrequency(LARGE_INTEGER* frequency);
+
+// The program's own module (name NULL). Other names: NULL with ERROR_MOD_NOT_FOUND.
+ZRPLATFORM_API HMODULE GetModuleHandleW(LPCWSTR name);

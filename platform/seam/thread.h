@@ -1,0 +1,81 @@
+#pragma once
+
+// The record of a thread, its end, and the point at which another thread can end it.
+
+#include <atomic>
+#include <cstdint>
+
+#include "waitable.h"
+
+namespace zr::platform {
+
+class Mutex;
+
+// Where families hang what they keep per thread.
+enum class ThreadSlot { Windowing, Com, Shell, Count };
+
+// Every thread that calls the platform has a record, made by CreateThread or at the thread's first call, and signalled
+// when the thread has ended. References keep the record, not the thread.
+class ZRPLATFORM_API Thread final : public Waitable {
+public:
+    static constexpr ObjectKind kKind = ObjectKind::Thread;
+
+    // The calling thread.
+    static Thread& current();
+    // The running thread with this identifier, empty if there is none.
+    static Ref<Thread> find(DWORD id) noexcept;
+
+    DWORD id() const noexcept { return id_.load(std::memory_order_acquire); }
+    DWORD exit_code() const noexcept { return exit_code_.load(std::memory_order_acquire); }
+
+    // A pointer of a family's own, NULL at first. Its family frees what it points to in a thread exit hook.
+    std::atomic<void*>& slot(ThreadSlot which) noexcept { return slots_[static_cast<int>(which)]; }
+
+private:
+    friend class Engine;
+    friend class Mutex;
+    friend struct ThreadAccess;
+
+    Thread() noexcept : Waitable(kKind) {}
+    ~Thread() override = default;
+    bool is_signalled(const Thread& waiter) const noexcept override;
+    Attempt try_acquire(Thread& self) noexcept override;
+
+    std::atomic<DWORD> id_{0};
+    std::atomic<DWORD> exit_code_{259};  // STILL_ACTIVE
+    std::atomic<void*> slots_[static_cast<int>(ThreadSlot::Count)] = {};
+
+    // Asked to end by another thread; ending: past the point of no return, nothing interrupts it any more.
+    std::atomic<bool> end_requested_{false};
+    std::atomic<DWORD> requested_code_{0};
+    bool ending_ = false;
+
+    // The wait under way. Guarded by the engine's lock, except for the parking word.
+    std::atomic<std::uint32_t> parking_{0};
+    WaitBlock* blocks_ = nullptr;
+    std::uint32_t block_count_ = 0;
+    bool wait_all_ = false;
+    bool waiting_ = false;
+    bool abandoned_ = false;
+    std::uint32_t satisfied_index_ = 0;
+
+    Mutex* owned_ = nullptr;  // the mutexes that this thread owns; only the thread itself looks
+    std::uint32_t spin_ = 0;  // how long waiting without sleeping paid off lately
+    Thread* next_ = nullptr;  // in the table of running threads
+    void* start_ = nullptr;   // what CreateThread prepared
+    struct TlsValues* tls_ = nullptr;
+};
+
+// Called on every thread that ends and has a record: one that CreateThread made, by return, ExitThread or
+// TerminateThread, and any other when it exits. Runs on that thread with no lock held, before its mutexes are abandoned
+// and its record is signalled; the hook may call the platform, and wait. Hooks run last added first. The main thread's
+// hooks do not run when the process exits. At most 16 hooks; they cannot be removed.
+using ThreadExitHook = void (*)(Thread& self);
+ZRPLATFORM_API void add_thread_exit_hook(ThreadExitHook hook) noexcept;
+
+// Ends the calling thread here if TerminateThread asked for it: does not return then, the stack is unwound. Call it on
+// entry of platform functions that do not otherwise wait, with no lock held, and never from those that give something
+// back (release, close, delete, free): those run while the stack is unwound.
+ZRPLATFORM_API void cancellation_point();
+
+}  // namespace zr::platform
