@@ -3,3 +3,11 @@
 // Every public header of the library.
 
 #include "ZrUtility/Export.h"
+#include "ZrUtility/Helpers/AddressUtilities.h"
+#include "ZrUtility/Helpers/KeywordTable.h"
+#include "ZrUtility/Helpers/StringUtilities.h"
+#include "ZrUtility/ZrCollections.h"
+#include "ZrUtility/ZrIterator.h"
+#include "ZrUtility/ZrLinkList.h"
+#include "ZrUtility/ZrList.h"
+#include "ZrUtility/ZrTypedList.h"

@@ -8,6 +8,7 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/kernel.h"
+#include "platform/mapi.h"
 #include "platform/pim.h"
 #include "platform/shell.h"
 #include "platform/types.h"
