@@ -2,6 +2,7 @@
 
 // Every public header of the library.
 
+#include "ZrUtility/BufferStream.h"
 #include "ZrUtility/Export.h"
 #include "ZrUtility/Helpers/AddressUtilities.h"
 #include "ZrUtility/Helpers/KeywordTable.h"

@@ -5,7 +5,8 @@ set_target_properties(zrplatform PROPERTIES EXPORT_NAME Platform)
 install(TARGETS ZrLog zrplatform ZrUtility EXPORT ZrUtilityTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY ZrUtility ZrLog DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+# A header whose name begins with a small letter is private to its library.
+install(DIRECTORY ZrUtility ZrLog DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING REGEX "/[A-Z][^/]*\\.h$")
 install(DIRECTORY platform/include/platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/ZrUtility)

@@ -120,10 +120,14 @@ public:
     static WCHAR* SafeFormatString(const WCHAR* format, ...);
 
 private:
+    friend class AddressUtilities;
+
     StringUtilities() {}
     StringUtilities& operator=(const StringUtilities&) { return *this; }
 
     static int ComparePrefixFunction(const WCHAR* s, const WCHAR* prefix);
     static int CompareWordPrefixFunction(const WCHAR* s, const WCHAR* prefix);
     static int MyStringCompareIgnoreCRAndLF(const WCHAR* a, const WCHAR* b, int len);
+    // Terminates the address that follows a '<' before its '>', without spaces around it, and returns its start.
+    static WCHAR* CutBracketedAddress(WCHAR* s);
 };
