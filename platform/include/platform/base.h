@@ -95,9 +95,9 @@ ZRPLATFORM_API WCHAR* CharUpperW(WCHAR* text);
 // ---- Character classes ----------------------------------------------------------------------------------------
 //
 // Nonzero for members. Space: U+0009 to U+000D, U+0020, U+0085, U+00A0, U+1680, U+2000 to U+200A, U+2028, U+2029,
-// U+202F, U+205F, U+3000. Upper and lower: characters that the lower-casing or upper-casing of the table changes,
-// and which are therefore letters with case. Alpha: Unicode letters of the Basic Multilingual Plane. Digit: 0 to 9
-// alone; so that a digit is always one that _wtol reads.
+// U+202F, U+205F, U+3000. Digit: 0 to 9 alone, so that a digit is always one that _wtol reads. Alpha, upper and lower:
+// the letters, upper-case and lower-case letters of Unicode 15.0. Punct: its punctuation and symbols. Print: letters,
+// marks, numbers, punctuation, symbols and spaces. Of the Basic Multilingual Plane; no surrogate is a member of any.
 
 ZRPLATFORM_API int iswspace(WCHAR character);
 ZRPLATFORM_API int iswdigit(WCHAR character);
@@ -111,26 +111,26 @@ ZRPLATFORM_API int iswcntrl(WCHAR character);
 ZRPLATFORM_API int iswprint(WCHAR character);
 
 // The result of arithmetic on a WCHAR is an int, and means the WCHAR. A wchar_t stays with the C library.
-#define ZRPLATFORM_CLASS_OVERLOADS(result, name)                                    \
-    inline result name(int character) {                                             \
-        return name(static_cast<WCHAR>(character));                                 \
-    }                                                                               \
-    inline std::wint_t name(wchar_t character) {                                    \
-        return static_cast<std::wint_t>(name(static_cast<std::wint_t>(character))); \
+#define ZRPLATFORM_WIDE_OVERLOADS(result, c_result, name) \
+    inline result name(int character) {                   \
+        return name(static_cast<WCHAR>(character));       \
+    }                                                     \
+    inline c_result name(wchar_t character) {             \
+        return name(static_cast<std::wint_t>(character)); \
     }
-ZRPLATFORM_CLASS_OVERLOADS(WCHAR, towlower)
-ZRPLATFORM_CLASS_OVERLOADS(WCHAR, towupper)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswspace)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswdigit)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswxdigit)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswalpha)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswalnum)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswupper)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswlower)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswpunct)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswcntrl)
-ZRPLATFORM_CLASS_OVERLOADS(int, iswprint)
-#undef ZRPLATFORM_CLASS_OVERLOADS
+ZRPLATFORM_WIDE_OVERLOADS(WCHAR, std::wint_t, towlower)
+ZRPLATFORM_WIDE_OVERLOADS(WCHAR, std::wint_t, towupper)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswspace)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswdigit)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswxdigit)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswalpha)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswalnum)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswupper)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswlower)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswpunct)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswcntrl)
+ZRPLATFORM_WIDE_OVERLOADS(int, int, iswprint)
+#undef ZRPLATFORM_WIDE_OVERLOADS
 
 // ---- Numbers out of text --------------------------------------------------------------------------------------
 

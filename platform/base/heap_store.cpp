@@ -1,0 +1,186 @@
+#include "heap_store.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include "live_count.h"
+
+namespace zr::platform {
+
+namespace {
+
+constexpr std::size_t kMostBytes = std::numeric_limits<std::size_t>::max() / 4;
+
+std::atomic<LONGLONG> successes_left{-1};  // negative: no failure is asked for
+
+bool may_allocate() {
+    LONGLONG left = successes_left.load(std::memory_order_relaxed);
+    while (left > 0 && !successes_left.compare_exchange_weak(left, left - 1)) {
+    }
+    return left != 0;
+}
+
+class ProcessHeap final : public Heap {
+protected:
+    void* obtain(std::size_t bytes, bool zero) override { return zero ? std::calloc(1, bytes) : std::malloc(bytes); }
+    void* resize(void* base, std::size_t bytes) override { return std::realloc(base, bytes); }
+    void release(void* base) override { std::free(base); }
+};
+
+// Keeps its blocks in a ring, so that they can go with it.
+class PrivateHeap final : public Heap {
+public:
+    explicit PrivateHeap(std::size_t maximum) : maximum_(maximum) {}
+    ~PrivateHeap() override {
+        while (ring_.next != &ring_) {
+            count_live(ZrLiveKind::HeapBlocks, -1);
+            release(ring_.next + 1);
+        }
+    }
+
+    PrivateHeap* next_heap = nullptr;
+
+protected:
+    void* obtain(std::size_t bytes, bool zero) override {
+        const std::lock_guard lock(mutex_);
+        if (!fits(bytes)) return nullptr;
+        const std::size_t total = bytes + sizeof(Node);
+        return enter(static_cast<Node*>(zero ? std::calloc(1, total) : std::malloc(total)), bytes);
+    }
+    void* resize(void* base, std::size_t bytes) override {
+        const std::lock_guard lock(mutex_);
+        Node* const old = static_cast<Node*>(base) - 1;
+        const std::size_t old_bytes = old->bytes;
+        if (bytes > old_bytes && !fits(bytes - old_bytes)) return nullptr;
+        leave(old);
+        auto* const moved = static_cast<Node*>(std::realloc(old, bytes + sizeof(Node)));
+        if (moved == nullptr) {
+            enter(old, old_bytes);
+            return nullptr;
+        }
+        return enter(moved, bytes);
+    }
+    void release(void* base) override {
+        const std::lock_guard lock(mutex_);
+        Node* const node = static_cast<Node*>(base) - 1;
+        leave(node);
+        std::free(node);
+    }
+
+private:
+    struct alignas(kUnit) Node {
+        Node* next;
+        Node* previous;
+        std::size_t bytes;
+    };
+
+    bool fits(std::size_t bytes) const { return maximum_ == 0 || bytes <= maximum_ - used_; }
+
+    void* enter(Node* node, std::size_t bytes) {
+        if (node == nullptr) return nullptr;
+        node->bytes = bytes;
+        node->next = ring_.next;
+        node->previous = &ring_;
+        node->next->previous = node;
+        ring_.next = node;
+        used_ += bytes;
+        return node + 1;
+    }
+    void leave(Node* node) {
+        node->previous->next = node->next;
+        node->next->previous = node->previous;
+        used_ -= node->bytes;
+    }
+
+    std::mutex mutex_;
+    Node ring_{&ring_, &ring_, 0};
+    std::size_t maximum_;
+    std::size_t used_ = 0;
+};
+
+std::mutex heaps_mutex;
+PrivateHeap* first_heap = nullptr;
+
+// The link that points at a private heap; the list's last link if there is none. Under the mutex.
+PrivateHeap** link_to(const Heap* heap) {
+    PrivateHeap** link = &first_heap;
+    while (*link != nullptr && *link != heap) {
+        link = &(*link)->next_heap;
+    }
+    return link;
+}
+
+}  // namespace
+
+void* Heap::allocate(std::size_t bytes, bool zero) {
+    if (bytes > kMostBytes || !may_allocate()) return nullptr;
+    auto* const base = static_cast<unsigned char*>(obtain(bytes + kBlockOverhead, zero));
+    if (base == nullptr) return nullptr;
+    count_live(ZrLiveKind::HeapBlocks, 1);
+    return block_bytes(lay_block(this, base, bytes, 0, 0));
+}
+
+void* Heap::reallocate(BlockHeader* block, std::size_t bytes, bool zero) {
+    if (bytes > kMostBytes || !may_allocate()) return nullptr;
+    const std::size_t old_size = block_size(block);
+    const std::size_t slack = (block->size & 1) != 0 ? kUnit : 0;
+    const std::uintptr_t seal = block->seal;
+    unseal(block);
+    auto* const base = static_cast<unsigned char*>(resize(block_base(block), bytes + kBlockOverhead));
+    if (base == nullptr) {
+        block->seal = seal;
+        return nullptr;
+    }
+    void* const result = block_bytes(lay_block(this, base, bytes, slack, std::min(old_size, bytes)));
+    if (zero && bytes > old_size) std::memset(static_cast<unsigned char*>(result) + old_size, 0, bytes - old_size);
+    return result;
+}
+
+void Heap::free(BlockHeader* block) {
+    unseal(block);
+    release(block_base(block));
+    count_live(ZrLiveKind::HeapBlocks, -1);
+}
+
+Heap* process_heap() {
+    // Never destroyed: blocks are freed while the process ends, too.
+    alignas(ProcessHeap) static unsigned char place[sizeof(ProcessHeap)];
+    static ProcessHeap* const heap = new (place) ProcessHeap;
+    return heap;
+}
+
+Heap* create_heap(std::size_t maximum) {
+    auto* const heap = new (std::nothrow) PrivateHeap(maximum);
+    if (heap == nullptr) return nullptr;
+    const std::lock_guard lock(heaps_mutex);
+    heap->next_heap = first_heap;
+    first_heap = heap;
+    return heap;
+}
+
+bool destroy_heap(Heap* heap) {
+    PrivateHeap* found = nullptr;
+    {
+        const std::lock_guard lock(heaps_mutex);
+        PrivateHeap** const link = link_to(heap);
+        found = *link;
+        if (found != nullptr) *link = found->next_heap;
+    }
+    delete found;
+    return found != nullptr;
+}
+
+Heap* find_heap(HANDLE handle) {
+    if (handle == process_heap()) return process_heap();
+    const std::lock_guard lock(heaps_mutex);
+    return *link_to(static_cast<Heap*>(handle));
+}
+
+}  // namespace zr::platform
+
+void ZrFailHeapAfter(LONGLONG successes) {
+    zr::platform::successes_left.store(successes < 0 ? -1 : successes);
+}

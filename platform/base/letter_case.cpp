@@ -1,0 +1,149 @@
+// Letter case, comparing without regard to it, and character classes.
+
+#include "character_tables.h"
+#include "platform/base.h"
+
+using zr::platform::class_bits;
+using zr::platform::fold;
+using zr::platform::upper;
+
+namespace {
+
+WCHAR* single(WCHAR character) {
+    return reinterpret_cast<WCHAR*>(static_cast<ULONG_PTR>(character));
+}
+
+bool is_single(const WCHAR* text) {
+    return reinterpret_cast<ULONG_PTR>(text) < 0x10000;
+}
+
+WCHAR single_of(const WCHAR* text) {
+    return static_cast<WCHAR>(reinterpret_cast<ULONG_PTR>(text));
+}
+
+int fold_ascii(char character) {
+    const auto value = static_cast<unsigned char>(character);
+    return value >= 'A' && value <= 'Z' ? value + ('a' - 'A') : value;
+}
+
+}  // namespace
+
+WCHAR towlower(WCHAR character) {
+    return fold(character);
+}
+
+WCHAR towupper(WCHAR character) {
+    return upper(character);
+}
+
+WCHAR* _wcslwr(WCHAR* text) {
+    for (WCHAR* at = text; *at != 0; ++at) {
+        *at = fold(*at);
+    }
+    return text;
+}
+
+WCHAR* _wcsupr(WCHAR* text) {
+    for (WCHAR* at = text; *at != 0; ++at) {
+        *at = upper(*at);
+    }
+    return text;
+}
+
+int _wcsicmp(const WCHAR* left, const WCHAR* right) {
+    for (;; ++left, ++right) {
+        if (*left != *right) {
+            const int difference = fold(*left) - fold(*right);
+            if (difference != 0) return difference;
+        }
+        if (*left == 0) return 0;
+    }
+}
+
+int _wcsnicmp(const WCHAR* left, const WCHAR* right, std::size_t count) {
+    for (; count != 0; --count, ++left, ++right) {
+        if (*left != *right) {
+            const int difference = fold(*left) - fold(*right);
+            if (difference != 0) return difference;
+        }
+        if (*left == 0) return 0;
+    }
+    return 0;
+}
+
+int _stricmp(const char* left, const char* right) {
+    return _strnicmp(left, right, static_cast<std::size_t>(-1));
+}
+
+int _strnicmp(const char* left, const char* right, std::size_t count) {
+    for (; count != 0; --count, ++left, ++right) {
+        const int difference = fold_ascii(*left) - fold_ascii(*right);
+        if (difference != 0) return difference;
+        if (*left == 0) return 0;
+    }
+    return 0;
+}
+
+DWORD CharLowerBuffW(WCHAR* text, DWORD length) {
+    if (text == nullptr) return 0;
+    for (DWORD i = 0; i < length; ++i) {
+        text[i] = fold(text[i]);
+    }
+    return length;
+}
+
+DWORD CharUpperBuffW(WCHAR* text, DWORD length) {
+    if (text == nullptr) return 0;
+    for (DWORD i = 0; i < length; ++i) {
+        text[i] = upper(text[i]);
+    }
+    return length;
+}
+
+WCHAR* CharLowerW(WCHAR* text) {
+    return is_single(text) ? single(fold(single_of(text))) : _wcslwr(text);
+}
+
+WCHAR* CharUpperW(WCHAR* text) {
+    return is_single(text) ? single(upper(single_of(text))) : _wcsupr(text);
+}
+
+int iswspace(WCHAR character) {
+    return class_bits(character) & zr::platform::kSpace;
+}
+
+int iswdigit(WCHAR character) {
+    return class_bits(character) & zr::platform::kDigit;
+}
+
+int iswxdigit(WCHAR character) {
+    return class_bits(character) & zr::platform::kHex;
+}
+
+int iswalpha(WCHAR character) {
+    return class_bits(character) & zr::platform::kAlpha;
+}
+
+int iswalnum(WCHAR character) {
+    return class_bits(character) & (zr::platform::kAlpha | zr::platform::kDigit);
+}
+
+int iswupper(WCHAR character) {
+    return class_bits(character) & zr::platform::kUpper;
+}
+
+int iswlower(WCHAR character) {
+    return class_bits(character) & zr::platform::kLower;
+}
+
+int iswpunct(WCHAR character) {
+    return class_bits(character) & zr::platform::kPunct;
+}
+
+int iswcntrl(WCHAR character) {
+    return class_bits(character) & zr::platform::kControl;
+}
+
+int iswprint(WCHAR character) {
+    return class_bits(character) & zr::platform::kPrint;
+}

@@ -1,0 +1,12 @@
+#pragma once
+
+// What the host's error numbers are called on the handheld.
+
+#include "platform/types.h"
+
+namespace zr::platform {
+
+// 0 for 0; ERROR_GEN_FAILURE for a number that has no better name.
+DWORD error_from_errno(int number) noexcept;
+
+}  // namespace zr::platform
