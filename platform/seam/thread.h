@@ -9,8 +9,6 @@
 
 namespace zr::platform {
 
-class Mutex;
-
 // Where families hang what they keep per thread.
 enum class ThreadSlot { Windowing, Com, Shell, Count };
 
@@ -33,7 +31,6 @@ public:
 
 private:
     friend class Engine;
-    friend class Mutex;
     friend struct ThreadAccess;
 
     Thread() noexcept : Waitable(kKind) {}
@@ -41,29 +38,40 @@ private:
     bool is_signalled(const Thread& waiter) const noexcept override;
     Attempt try_acquire(Thread& self) noexcept override;
 
+    static constexpr std::uint32_t kEnded = 1;  // in the word
+
     std::atomic<DWORD> id_{0};
     std::atomic<DWORD> exit_code_{259};  // STILL_ACTIVE
     std::atomic<void*> slots_[static_cast<int>(ThreadSlot::Count)] = {};
 
-    // Asked to end by another thread; ending: past the point of no return, nothing interrupts it any more.
+    // How the thread began: a routine of CreateThread's caller, or nothing for a thread that others made.
+    struct ThreadStart* start_ = nullptr;
+    Ref<Event> gate_;  // a thread created suspended waits for it
+    std::atomic<bool> suspended_{false};
+
+    // Asked to end by another thread. Ending: it is past the point of no return and nothing interrupts it any more.
     std::atomic<bool> end_requested_{false};
     std::atomic<DWORD> requested_code_{0};
+    DWORD code_ = 0;
     bool ending_ = false;
+    int hooks_left_ = -1;
 
-    // The wait under way. Guarded by the engine's lock, except for the parking word.
+    // The wait under way. The parking word is what the thread sleeps on; the others are guarded by the engine's lock.
     std::atomic<std::uint32_t> parking_{0};
-    WaitBlock* blocks_ = nullptr;
-    std::uint32_t block_count_ = 0;
+    std::atomic<bool> waiting_{false};
     bool wait_all_ = false;
-    bool waiting_ = false;
     bool abandoned_ = false;
-    std::uint32_t satisfied_index_ = 0;
+    std::uint32_t satisfied_ = 0;  // index of the object that ended the wait
+    std::uint32_t block_count_ = 0;
+    WaitBlock* blocks_ = nullptr;
 
-    Mutex* owned_ = nullptr;  // the mutexes that this thread owns; only the thread itself looks
-    std::uint32_t spin_ = 0;  // how long waiting without sleeping paid off lately
-    Thread* next_ = nullptr;  // in the table of running threads
-    void* start_ = nullptr;   // what CreateThread prepared
+    // Touched by the thread itself only.
+    std::uint32_t spin_ = 0;  // how long it paid lately to look again before sleeping
+    std::uint32_t spin_misses_ = 0;
+    class Mutex* owned_ = nullptr;
     struct TlsValues* tls_ = nullptr;
+
+    Thread* next_ = nullptr;  // in the table of running threads
 };
 
 // Called on every thread that ends and has a record: one that CreateThread made, by return, ExitThread or

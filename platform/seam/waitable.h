@@ -32,7 +32,6 @@ namespace zr::platform {
 
 class Thread;
 struct WaitBlock;
-class Wakeups;
 
 // The longest list that one wait takes: MAXIMUM_WAIT_OBJECTS handles and the caller's message queue.
 inline constexpr std::size_t kMaxWait = 65;
@@ -72,6 +71,9 @@ protected:
         return false;
     }
 
+    // After acquire: is nothing left that could satisfy another waiter? Spares looking at the rest of them.
+    virtual bool is_exhausted() const noexcept { return false; }
+
     // Bookkeeping after acquire: on the waiter's own thread, with no lock held, before its wait returns.
     virtual void acquired(Thread& self) noexcept { static_cast<void>(self); }
 
@@ -87,9 +89,6 @@ protected:
     // engine's lock changes the word; lock-free paths compare-and-swap from values without it.
     static constexpr std::uint32_t kHasWaiters = 0x80000000u;
     std::atomic<std::uint32_t> word_{0};
-
-    // Serves the waiters with the engine's lock held.
-    void serve(Wakeups& wakeups) noexcept;
 
 private:
     friend class Engine;
@@ -115,6 +114,7 @@ protected:
     ~Event() override = default;
     bool is_signalled(const Thread& waiter) const noexcept override;
     bool acquire(Thread& waiter) noexcept override;
+    bool is_exhausted() const noexcept override;
     Attempt try_acquire(Thread& self) noexcept override;
 
 private:
@@ -150,6 +150,15 @@ ZRPLATFORM_API WaitResult wait(Waitable& object, Deadline deadline);
 // The objects of one wait, their handles pinned.
 class ZRPLATFORM_API WaitSet {
 public:
+    WaitSet() noexcept {}
+    ~WaitSet() {
+        for (std::size_t i = 0; i < count_; ++i) {
+            pins_[i].~Pin();
+        }
+    }
+    WaitSet(const WaitSet&) = delete;
+    WaitSet& operator=(const WaitSet&) = delete;
+
     bool add(HANDLE handle) noexcept;  // false with ERROR_INVALID_HANDLE or, when full, ERROR_INVALID_PARAMETER
     bool add(Waitable& object) noexcept;
     std::size_t size() const noexcept { return count_; }
@@ -157,9 +166,13 @@ public:
     WaitResult wait(WaitMode mode, Deadline deadline) { return platform::wait({objects_, count_}, mode, deadline); }
 
 private:
-    Pin pins_[kMaxWait];
-    Waitable* objects_[kMaxWait];
+    bool add(Waitable& object, Pin pin) noexcept;
+
     std::size_t count_ = 0;
+    Waitable* objects_[kMaxWait];
+    union {  // only the first count_ are alive: most waits are short
+        Pin pins_[kMaxWait];
+    };
 };
 
 }  // namespace zr::platform

@@ -1,0 +1,109 @@
+#pragma once
+
+// The engine's inside: its lock, the list of a wait's objects, and how a thread sleeps and is woken.
+
+#include <mutex>
+
+#include "futex.h"
+#include "thread.h"
+#include "waitable.h"
+
+namespace zr::platform {
+
+// One object of one thread's wait, linked into the object's list of waiters. Lives on the waiter's stack.
+struct WaitBlock {
+    Waitable* object;
+    Thread* thread;
+    WaitBlock* previous;
+    WaitBlock* next;
+};
+
+// Threads to be woken once the lock is given back, so that they do not run into it.
+class Wakeups {
+public:
+    Wakeups() noexcept = default;
+    Wakeups(const Wakeups&) = delete;
+    Wakeups& operator=(const Wakeups&) = delete;
+    ~Wakeups() {
+        for (std::uint32_t i = 0; i < count_; ++i) {
+            futex_wake(words_[i], 1);
+        }
+    }
+    void add(const void* word) noexcept {
+        if (count_ < kRoom) {
+            words_[count_++] = word;
+        } else {
+            futex_wake(word, 1);
+        }
+    }
+
+private:
+    static constexpr std::uint32_t kRoom = 16;
+    const void* words_[kRoom];
+    std::uint32_t count_ = 0;
+};
+
+// The calling thread's record, NULL until it is asked for.
+extern constinit thread_local Thread* current_thread [[gnu::tls_model("initial-exec")]];
+
+// What the family's sources may do with a thread's record.
+struct ThreadAccess {
+    static Thread& current() { return current_thread ? *current_thread : adopt_current(); }
+
+    // Sleeping. begin_park, then make it known where wakers look, then park until it says notified. A notification
+    // may be stale: the sleeper looks at what it waits for again. A waker that has taken the sleeper off its list and
+    // notified it does not touch the record any more.
+    static void begin_park(Thread& self) noexcept;
+    static bool park(Thread& self, Deadline deadline) noexcept;  // false: the deadline has passed
+    static void notify(Thread& thread, Wakeups& wakeups) noexcept;
+
+    // Ending.
+    static bool end_requested(const Thread& self) noexcept {
+        return self.end_requested_.load(std::memory_order_acquire);
+    }
+    static bool must_end(const Thread& self) noexcept { return end_requested(self) && !self.ending_; }
+    static bool has_ended(const Thread& thread) noexcept;
+    static void request_end(Thread& thread, DWORD code) noexcept;
+    [[noreturn]] static void end_current(Thread& self, DWORD code);  // unwinds
+    static void finish(Thread& self) noexcept;                       // hooks, mutexes, signal
+    static DWORD requested_code(const Thread& self) noexcept { return self.requested_code_.load(); }
+
+    // Beginning. The calling thread becomes the record's, which has one reference for as long as the thread runs.
+    static Thread* make() noexcept;
+    static Thread& adopt_current();
+    static void enter(Thread& self) noexcept;
+    static void leave(Thread& self) noexcept;
+    static void set_exit_code(Thread& self, DWORD code) noexcept { self.code_ = code; }
+    static ThreadStart*& start(Thread& thread) noexcept { return thread.start_; }
+    static Ref<Event>& gate(Thread& thread) noexcept { return thread.gate_; }
+    static std::atomic<bool>& suspended(Thread& thread) noexcept { return thread.suspended_; }
+    static DWORD wait_for_id(Thread& thread) noexcept;
+
+    static Mutex*& owned(Thread& self) noexcept { return self.owned_; }
+    static TlsValues*& tls(Thread& self) noexcept { return self.tls_; }
+};
+
+class Engine {
+public:
+    // Guards every object's list of waiters and every word with kHasWaiters set.
+    static FutexLock lock;
+
+    static WaitResult wait(std::span<Waitable* const> objects, WaitMode mode, Deadline deadline);
+
+    // Lets go everybody who can go on now that the object has changed. With the lock held.
+    static void serve(Waitable& object, Wakeups& wakeups) noexcept;
+
+private:
+    static bool take_at_once(Thread& self, std::span<Waitable* const> objects, WaitResult& result) noexcept;
+    static bool take_any(Thread& self, std::span<Waitable* const> objects, WaitResult& result) noexcept;
+    static bool take_all(Thread& self, std::span<Waitable* const> objects, WaitResult& result) noexcept;
+    static bool sleep(Thread& self, Deadline deadline) noexcept;
+    static void enlist(Thread& self, std::span<Waitable* const> objects, WaitMode mode, WaitBlock* blocks) noexcept;
+    static void delist(Thread& thread) noexcept;
+    static bool is_satisfied(const Thread& thread) noexcept;
+    static void complete(Thread& thread, std::uint32_t index, Wakeups& wakeups) noexcept;
+    static void hold(Waitable& object) noexcept;
+    static void let_go(Waitable& object) noexcept;
+};
+
+}  // namespace zr::platform

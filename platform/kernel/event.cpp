@@ -1,0 +1,118 @@
+#include <new>
+
+#include "engine.h"
+#include "names.h"
+#include "platform/kernel.h"
+
+namespace zr::platform {
+
+Event::Event(bool manual_reset, bool signalled, ObjectKind kind) noexcept
+    : Waitable(kind), manual_reset_(manual_reset) {
+    word_.store(signalled ? kSignalled : 0, std::memory_order_relaxed);
+}
+
+void Event::set() noexcept {
+    std::uint32_t word = word_.load(std::memory_order_relaxed);
+    while ((word & kHasWaiters) == 0) {
+        // Also when it is set already: who takes the signal has to see what the setter did before.
+        if (word_.compare_exchange_weak(word, kSignalled, std::memory_order_acq_rel, std::memory_order_relaxed)) return;
+    }
+    Wakeups wakeups;
+    const std::lock_guard guard(Engine::lock);
+    word_.fetch_or(kSignalled, std::memory_order_acq_rel);
+    Engine::serve(*this, wakeups);
+}
+
+void Event::reset() noexcept {
+    std::uint32_t word = word_.load(std::memory_order_relaxed);
+    while ((word & kHasWaiters) == 0) {
+        if (word_.compare_exchange_weak(word, 0, std::memory_order_acq_rel, std::memory_order_relaxed)) return;
+    }
+    const std::lock_guard guard(Engine::lock);
+    word_.fetch_and(~kSignalled, std::memory_order_acq_rel);
+}
+
+void Event::pulse() noexcept {
+    Wakeups wakeups;
+    const std::lock_guard guard(Engine::lock);
+    word_.fetch_or(kSignalled, std::memory_order_acq_rel);
+    Engine::serve(*this, wakeups);
+    word_.fetch_and(~kSignalled, std::memory_order_acq_rel);
+}
+
+bool Event::is_signalled(const Thread&) const noexcept {
+    return is_set();
+}
+
+bool Event::acquire(Thread&) noexcept {
+    if (!manual_reset_) word_.fetch_and(~kSignalled, std::memory_order_acq_rel);
+    return false;
+}
+
+bool Event::is_exhausted() const noexcept {
+    return !is_set();
+}
+
+Waitable::Attempt Event::try_acquire(Thread&) noexcept {
+    if (manual_reset_) return is_set() ? Attempt::Taken : Attempt::No;
+    std::uint32_t word = kSignalled;
+    if (word_.load(std::memory_order_relaxed) != kSignalled) return Attempt::No;
+    return word_.compare_exchange_strong(word, 0, std::memory_order_acq_rel, std::memory_order_relaxed) ? Attempt::Taken
+                                                                                                        : Attempt::No;
+}
+
+namespace {
+
+BOOL modify(HANDLE handle, void (Event::*action)() noexcept) {
+    cancellation_point();
+    const Pin pin(handle);
+    Event* event = pin ? pin.object()->event() : nullptr;
+    if (!event) {
+        report_invalid_handle();
+        return FALSE;
+    }
+    (event->*action)();
+    return TRUE;
+}
+
+}  // namespace
+}  // namespace zr::platform
+
+using namespace zr::platform;
+
+HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual_reset, BOOL initial_state, LPCWSTR name) {
+    cancellation_point();
+    if (!may_be_named(name)) return nullptr;
+    const Ref<Event> event = Ref<Event>::adopt(new (std::nothrow) Event(manual_reset != FALSE, initial_state != FALSE));
+    if (!event) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    return open_handle(*event);
+}
+
+BOOL SetEvent(HANDLE event) {
+    return modify(event, &Event::set);
+}
+
+BOOL ResetEvent(HANDLE event) {
+    return modify(event, &Event::reset);
+}
+
+BOOL PulseEvent(HANDLE event) {
+    return modify(event, &Event::pulse);
+}
+
+BOOL EventModify(HANDLE event, DWORD action) {
+    switch (action) {
+        case EVENT_PULSE:
+            return PulseEvent(event);
+        case EVENT_RESET:
+            return ResetEvent(event);
+        case EVENT_SET:
+            return SetEvent(event);
+        default:
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return FALSE;
+    }
+}

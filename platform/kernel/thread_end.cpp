@@ -1,0 +1,112 @@
+// How a thread ends before its routine returns.
+//
+// The stack is unwound, so that everything on it that has a destructor gives back what it holds. Unwinding that meets a
+// function declared noexcept (every destructor is one) would end the whole process, and a catch (...) could swallow it.
+// So before each frame is unwound its exception table is asked, in the way a throw asks it, whether it would stop an
+// exception. Up to the first frame that would, the stack is unwound; the rest of it is left by a jump to the thread's
+// first frame, as the platform's own threads are ended. A thread that CreateThread did not make has no such frame: it
+// ends by pthread_exit when nothing stands in the way, and is otherwise taken off the processor where it is.
+
+#include <pthread.h>
+
+#include "engine.h"
+#include "platform/kernel.h"
+#include "thread_start.h"
+
+#if !defined(__ARM_EABI_UNWINDER__)
+extern "C" _Unwind_Reason_Code __gxx_personality_v0(int version, _Unwind_Action actions,
+                                                    _Unwind_Exception_Class exception_class,
+                                                    _Unwind_Exception* exception, _Unwind_Context* context);
+#endif
+
+namespace zr::platform {
+namespace {
+
+#if !defined(__ARM_EABI_UNWINDER__)
+
+constexpr _Unwind_Exception_Class kThreadEnd = 0x5A52544852454144;  // "ZRTHREAD"
+
+bool would_stop(_Unwind_Context* context, _Unwind_Exception* exception) noexcept {
+    if (_Unwind_GetLanguageSpecificData(context) == nullptr) return false;
+    return __gxx_personality_v0(1, _UA_SEARCH_PHASE, kThreadEnd, exception, context) == _URC_HANDLER_FOUND;
+}
+
+_Unwind_Reason_Code before_frame(int, _Unwind_Action actions, _Unwind_Exception_Class, _Unwind_Exception* exception,
+                                 _Unwind_Context* context, void* argument) {
+    ThreadStart& start = *static_cast<ThreadStart*>(argument);
+    if ((actions & _UA_END_OF_STACK) != 0 || _Unwind_GetCFA(context) > start.base_frame ||
+        would_stop(context, exception)) {
+        longjmp(start.base, 1);
+    }
+    return _URC_NO_REASON;
+}
+
+[[noreturn]] void unwind(ThreadStart& start) {
+    start.exception = {};
+    start.exception.exception_class = kThreadEnd;
+    _Unwind_ForcedUnwind(&start.exception, before_frame, &start);
+    longjmp(start.base, 1);
+}
+
+bool stack_is_free() noexcept {
+    struct Search {
+        _Unwind_Exception exception;
+        bool stopped;
+    } search{};
+    search.exception.exception_class = kThreadEnd;
+    _Unwind_Backtrace(
+        [](_Unwind_Context* context, void* argument) {
+            Search& found = *static_cast<Search*>(argument);
+            found.stopped = would_stop(context, &found.exception);
+            return found.stopped ? _URC_NORMAL_STOP : _URC_NO_REASON;
+        },
+        &search);
+    return !search.stopped;
+}
+
+#else
+
+[[noreturn]] void unwind(ThreadStart& start) {
+    longjmp(start.base, 1);
+}
+
+bool stack_is_free() noexcept {
+    return false;
+}
+
+#endif
+
+}  // namespace
+
+void ThreadAccess::end_current(Thread& self, DWORD code) {
+    self.code_ = code;
+    self.ending_ = true;
+    if (self.start_) unwind(*self.start_);
+    if (stack_is_free()) pthread_exit(nullptr);
+    finish(self);
+    for (;;) {
+        syscall(SYS_exit, 0);
+    }
+}
+
+}  // namespace zr::platform
+
+using namespace zr::platform;
+
+void ExitThread(DWORD exit_code) {
+    ThreadAccess::end_current(ThreadAccess::current(), exit_code);
+}
+
+BOOL TerminateThread(HANDLE handle, DWORD exit_code) {
+    cancellation_point();
+    Thread& self = ThreadAccess::current();
+    {
+        const Pinned<Thread> thread = lookup<Thread>(handle);
+        if (!thread) return FALSE;
+        if (thread.get() != &self) {
+            ThreadAccess::request_end(*thread, exit_code);
+            return TRUE;
+        }
+    }
+    ThreadAccess::end_current(self, exit_code);
+}
