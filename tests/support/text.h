@@ -17,7 +17,7 @@ public:
     explicit Text(std::u16string_view text) : text_(std::make_unique<WCHAR[]>(text.size() + 1)) {
         text.copy(text_.get(), text.size());
     }
-    operator WCHAR*() { return text_.get(); }
+    operator WCHAR*() const { return text_.get(); }
     // Up to the terminator.
     std::u16string string() const { return text_.get(); }
 
