@@ -121,15 +121,17 @@ ZRPLATFORM_API BOOL MoveFileW(LPCWSTR from, LPCWSTR to);
 // Copies a file's content, permissions and stored attributes. ERROR_FILE_EXISTS when `failIfExists` and the target is
 // there; a target that cannot be completed (ERROR_DISK_FULL) is removed again if it was new.
 ZRPLATFORM_API BOOL CopyFileW(LPCWSTR from, LPCWSTR to, BOOL failIfExists);
-// The folder for temporary files, with a trailing backslash. Returns the length without the NUL; when `size` is too
-// small, the size needed with it. 0: the host's folder lies outside the root (ERROR_PATH_NOT_FOUND).
+// The folder for temporary files, with a trailing backslash: the host's, or "\Temp\" when that lies outside the root;
+// whether it exists is not looked at. Returns the length without the NUL; when `size` is too small, the size needed
+// with it, and nothing is written.
 ZRPLATFORM_API DWORD GetTempPathW(DWORD size, LPWSTR buffer);
 
 // Opens or creates a file; close it with CloseHandle. INVALID_HANDLE_VALUE on failure: ERROR_FILE_EXISTS (CREATE_NEW),
 // ERROR_ACCESS_DENIED (a folder, or writing to a read-only file), ERROR_SHARING_VIOLATION, ...
 // CREATE_ALWAYS and OPEN_ALWAYS set the last error to ERROR_ALREADY_EXISTS when the file was there and to 0 when not.
 // `share` is honoured exactly among the handles of one process; between processes a share of 0 keeps others out, and
-// any other share keeps out those who ask for 0. `security` and `templateFile` are ignored.
+// any other share keeps out those who ask for 0. The attributes in `flagsAndAttributes` are set on a new file, as far
+// as the host's file system can keep them. `security` and `templateFile` are ignored.
 ZRPLATFORM_API HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
                                   DWORD creation, DWORD flagsAndAttributes, HANDLE templateFile);
 // Reads at the file pointer and moves it. TRUE with `*read` 0 at the end of the file.
@@ -150,7 +152,7 @@ ZRPLATFORM_API BOOL GetFileTime(HANDLE file, FILETIME* creation, FILETIME* acces
 ZRPLATFORM_API BOOL SetFileTime(HANDLE file, const FILETIME* creation, const FILETIME* access, const FILETIME* write);
 
 // Writes a message text and returns its length without the NUL.
-// FORMAT_MESSAGE_FROM_SYSTEM: the host's text, in the user's language, for the host error that the code `messageId`
+// FORMAT_MESSAGE_FROM_SYSTEM: the C library's text for the host error that the code `messageId`
 // stands for, ended with CR LF; `languageId` is not looked at. FORMAT_MESSAGE_FROM_STRING: the NUL-ended text that
 // `source` points to, with %1 to %99 replaced by the arguments (texts, or %1!format! with a printf format), %n by CR
 // LF, %0 ending the text, and % before another character standing for that character; FORMAT_MESSAGE_IGNORE_INSERTS

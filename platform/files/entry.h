@@ -1,0 +1,32 @@
+#pragma once
+
+// What every function of this family does on entry and on failure.
+
+#include <new>
+#include <utility>
+
+#include "platform/base.h"
+#include "thread.h"
+
+namespace zr::platform {
+
+// Sets the last error and returns `result`.
+template <class T>
+T fail(DWORD error, T result) {
+    SetLastError(error);
+    return result;
+}
+
+// Runs the body of a platform function: a thread that was asked to end ends here, and a memory shortage inside becomes
+// `failure` with ERROR_NOT_ENOUGH_MEMORY.
+template <class T, class Body>
+T enter(T failure, Body&& body) {
+    cancellation_point();
+    try {
+        return std::forward<Body>(body)();
+    } catch (const std::bad_alloc&) {
+        return fail(ERROR_NOT_ENOUGH_MEMORY, failure);
+    }
+}
+
+}  // namespace zr::platform

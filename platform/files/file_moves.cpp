@@ -1,0 +1,164 @@
+// Files as wholes: delete, move, copy.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "dos_attributes.h"
+#include "entry.h"
+#include "host_file.h"
+#include "host_path.h"
+#include "platform/files.h"
+
+namespace zr::platform {
+namespace {
+
+constexpr mode_t kAnyWrite = S_IWUSR | S_IWGRP | S_IWOTH;
+
+DWORD delete_file(const char* path) {
+    struct stat status;
+    if (lstat(path, &status) != 0) return error_from_host(errno);
+    if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
+    if (S_ISLNK(status.st_mode)) {
+        struct stat target;
+        if (stat(path, &target) == 0 && S_ISDIR(target.st_mode)) return ERROR_ACCESS_DENIED;
+    } else if ((status.st_mode & kAnyWrite) == 0) {
+        return ERROR_ACCESS_DENIED;
+    }
+    return unlink(path) == 0 ? ERROR_SUCCESS : error_from_host(errno);
+}
+
+// The file's content, in the kernel where it can do that. An errno value, or 0.
+int copy_content(int from, int to) {
+    while (true) {
+        const ssize_t copied = copy_file_range(from, nullptr, to, nullptr, std::size_t{1} << 30, 0);
+        if (copied == 0) break;  // at the end, or a file whose size the host does not know: the loop below tells
+        if (copied < 0 && errno == EINTR) continue;
+        if (copied < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EIO || errno == EFBIG)) return errno;
+        if (copied < 0) break;
+    }
+    char buffer[65536];
+    while (true) {
+        const ssize_t got = read(from, buffer, sizeof buffer);
+        if (got == 0) return 0;
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return errno;
+        for (ssize_t done = 0; done < got;) {
+            const ssize_t put = write(to, buffer + done, static_cast<std::size_t>(got - done));
+            if (put < 0 && errno == EINTR) continue;
+            if (put < 0) return errno;
+            done += put;
+        }
+    }
+}
+
+// Permissions, stored attributes and the time of the last write follow the content as far as the host lets them.
+void copy_facts(const char* from, const struct stat& status, const char* to, int fd) {
+    const DWORD bits = read_dos_attributes(AT_FDCWD, from);
+    if (bits) write_dos_attributes(to, bits);
+    const timespec times[2] = {{0, UTIME_OMIT}, status.st_mtim};
+    [[maybe_unused]] const int ignored = futimens(fd, times) | fchmod(fd, status.st_mode & 0777);
+}
+
+DWORD open_source(const std::string& path, HostFile& file, struct stat& status) {
+    file = HostFile(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file || fstat(file.get(), &status) != 0) return error_from_host(errno);
+    return S_ISREG(status.st_mode) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+}
+
+DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& source, HostFile& file) {
+    if (!target.exists) {
+        file = HostFile(open(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        return file ? ERROR_SUCCESS : errno == EEXIST ? ERROR_FILE_EXISTS : error_from_host(errno);
+    }
+    if (must_be_new) return ERROR_FILE_EXISTS;
+    struct stat status;
+    if (stat(target.path.c_str(), &status) != 0) return error_from_host(errno);
+    if (!S_ISREG(status.st_mode) || (status.st_mode & kAnyWrite) == 0) return ERROR_ACCESS_DENIED;
+    if (status.st_dev == source.st_dev && status.st_ino == source.st_ino) return ERROR_SHARING_VIOLATION;
+    file = HostFile(open(target.path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    return file ? ERROR_SUCCESS : error_from_host(errno);
+}
+
+DWORD copy_file(const std::string& from, const HostPath& target, bool must_be_new) {
+    HostFile source;
+    HostFile copy;
+    struct stat status;
+    if (const DWORD error = open_source(from, source, status)) return error;
+    if (const DWORD error = open_target(target, must_be_new, status, copy)) return error;
+    int error = copy_content(source.get(), copy.get());
+    if (error == 0) copy_facts(from.c_str(), status, target.path.c_str(), copy.get());
+    if (copy.close() != 0 && error == 0) error = errno;
+    if (error && !target.exists) unlink(target.path.c_str());
+    return error ? error_from_host(error) : ERROR_SUCCESS;
+}
+
+// Gives a file its new name, which must not be taken. An errno value, or 0.
+int rename_to_new(const char* from, const char* to) {
+    if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EINVAL && errno != ENOSYS) return errno;
+    struct stat unused;  // a file system without that call
+    if (lstat(to, &unused) == 0) return EEXIST;
+    return rename(from, to) == 0 ? 0 : errno;
+}
+
+DWORD move_to_other_device(const std::string& from, const HostPath& target) {
+    struct stat status;
+    if (lstat(from.c_str(), &status) != 0) return error_from_host(errno);
+    if (!S_ISREG(status.st_mode)) return ERROR_NOT_SAME_DEVICE;
+    if (const DWORD error = copy_file(from, target, true)) return error;
+    if (unlink(from.c_str()) == 0) return ERROR_SUCCESS;
+    const DWORD error = error_from_host(errno);
+    unlink(target.path.c_str());
+    return error;
+}
+
+DWORD move_file(const HostPath& from, HostPath target, LPCWSTR to) {
+    if (from.root) return ERROR_ACCESS_DENIED;
+    if (target.exists) {
+        // Only the old name in another case may be taken, by the file itself.
+        if (target.root || target.path != from.path) return ERROR_ALREADY_EXISTS;
+        const std::string spelled = spelled_host_path(to).path;
+        target.path.replace(target.path.rfind('/'), std::string::npos, spelled, spelled.rfind('/'), std::string::npos);
+        if (target.path == from.path) return ERROR_SUCCESS;
+    }
+    const int error = rename_to_new(from.path.c_str(), target.path.c_str());
+    if (error != EXDEV) return error ? error_from_host(error) : ERROR_SUCCESS;
+    target.exists = false;
+    return move_to_other_device(from.path, target);
+}
+
+}  // namespace
+}  // namespace zr::platform
+
+using namespace zr::platform;
+
+BOOL DeleteFileW(LPCWSTR path) {
+    return enter(FALSE, [&] {
+        const HostPath host = existing_host_path(path);
+        const DWORD error = host.error ? host.error : delete_file(host.path.c_str());
+        return error ? fail(error, FALSE) : TRUE;
+    });
+}
+
+BOOL MoveFileW(LPCWSTR from, LPCWSTR to) {
+    return enter(FALSE, [&] {
+        const HostPath source = existing_host_path(from);
+        if (source.error) return fail(source.error, FALSE);
+        const HostPath target = new_host_path(to);
+        const DWORD error = target.error ? target.error : move_file(source, target, to);
+        return error ? fail(error, FALSE) : TRUE;
+    });
+}
+
+BOOL CopyFileW(LPCWSTR from, LPCWSTR to, BOOL failIfExists) {
+    return enter(FALSE, [&] {
+        const HostPath source = existing_host_path(from);
+        if (source.error) return fail(source.error, FALSE);
+        const HostPath target = new_host_path(to);
+        const DWORD error = target.error ? target.error : copy_file(source.path, target, failIfExists != FALSE);
+        return error ? fail(error, FALSE) : TRUE;
+    });
+}

@@ -1,0 +1,217 @@
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstring>
+#include <mutex>
+#include <span>
+
+#include "entry.h"
+#include "file_facts.h"
+#include "handle_table.h"
+#include "host_path.h"
+#include "platform/files.h"
+#include "utf.h"
+#include "wildcard.h"
+
+namespace zr::platform {
+namespace {
+
+// What getdents64 writes.
+struct RawEntry {
+    std::uint64_t inode;
+    std::int64_t offset;
+    unsigned short length;
+    unsigned char type;
+    char name[1];
+};
+
+// Reads a folder's names in runs, straight from the kernel: entries may come and go meanwhile.
+class Listing {
+public:
+    ~Listing() {
+        if (fd_ >= 0) close(fd_);
+    }
+
+    int open(const char* path) {
+        fd_ = ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        return fd_ >= 0 ? 0 : errno;
+    }
+
+    int fd() const { return fd_; }
+
+    // The next name but "." and ".."; null at the end or, with `error` set, when reading failed.
+    const RawEntry* next(int& error) {
+        while (true) {
+            if (at_ >= size_ && !refill(error)) return nullptr;
+            const auto* entry = reinterpret_cast<const RawEntry*>(buffer_ + at_);
+            at_ += entry->length;
+            const char* name = entry->name;
+            if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0))) continue;
+            return entry;
+        }
+    }
+
+private:
+    bool refill(int& error) {
+        const long got = syscall(SYS_getdents64, fd_, buffer_, sizeof buffer_);
+        // A folder that was removed meanwhile has no more entries.
+        if (got < 0 && errno != ENOENT) error = errno;
+        if (got <= 0) return false;
+        at_ = 0;
+        size_ = static_cast<std::size_t>(got);
+        return true;
+    }
+
+    alignas(RawEntry) char buffer_[32768];
+    std::size_t at_ = 0;
+    std::size_t size_ = 0;
+    int fd_ = -1;
+};
+
+void fill(const FileFacts& facts, WIN32_FIND_DATAW& data) {
+    data.dwFileAttributes = facts.attributes;
+    data.ftCreationTime = facts.created;
+    data.ftLastAccessTime = facts.accessed;
+    data.ftLastWriteTime = facts.written;
+    data.nFileSizeHigh = static_cast<DWORD>(facts.size >> 32);
+    data.nFileSizeLow = static_cast<DWORD>(facts.size);
+    data.dwOID = 0;
+}
+
+// The handheld's name of a host name; its length. A host name has at most 255 bytes, so it fits.
+std::size_t fill_name(const char* host, WCHAR (&name)[MAX_PATH]) {
+    std::size_t length = 0;
+    for (; host[length]; ++length) {
+        const auto c = static_cast<unsigned char>(host[length]);
+        if (c >= 0x80 || c == '\\') {
+            const std::u16string whole = handheld_name(host);
+            length = whole.copy(name, MAX_PATH - 1);
+            break;
+        }
+        name[length] = c;
+    }
+    name[length] = 0;
+    return length;
+}
+
+class Search final : public Object {
+public:
+    static constexpr ObjectKind kKind = ObjectKind::FileSearch;
+
+    Search(std::string folder, std::u16string_view pattern)
+        : Object(kKind), folder_(std::move(folder)), pattern_(pattern) {}
+
+    // A system error code, or 0 with the entry in `data`.
+    DWORD first(WIN32_FIND_DATAW& data) {
+        if (const int error = listing_.open(folder_.c_str()))
+            return error == ENOENT || error == ENOTDIR ? ERROR_PATH_NOT_FOUND : error_from_host(error);
+        return next(data);
+    }
+
+    DWORD next(WIN32_FIND_DATAW& data) {
+        const std::lock_guard lock(mutex_);
+        if (listing_.fd() < 0) return ERROR_NO_MORE_FILES;
+        int error = 0;
+        while (const RawEntry* entry = listing_.next(error)) {
+            const std::size_t length = fill_name(entry->name, data.cFileName);
+            if (pattern_.matches({data.cFileName, length}) && look_at(*entry, data)) return ERROR_SUCCESS;
+        }
+        return error ? error_from_host(error) : ERROR_NO_MORE_FILES;
+    }
+
+private:
+    ~Search() override = default;
+
+    // False when the entry is gone. One that the host does not let us look at is shown with what the folder tells.
+    bool look_at(const RawEntry& entry, WIN32_FIND_DATAW& data) {
+        FileFacts facts;
+        const int error = read_file_facts(listing_.fd(), folder_, entry.name, Wanted::Everything, facts);
+        if (error == ENOENT) return false;
+        if (error) facts.attributes = entry.type == DT_DIR ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+        fill(facts, data);
+        return true;
+    }
+
+    std::mutex mutex_;
+    const std::string folder_;
+    const Wildcard pattern_;
+    Listing listing_;
+};
+
+bool is_separator(WCHAR c) {
+    return c == u'\\' || c == u'/';
+}
+
+// "folder\pattern" in its two parts; without a separator the folder is the root.
+struct SearchPath {
+    std::u16string folder;
+    std::u16string_view pattern;
+};
+
+SearchPath split(std::u16string_view path) {
+    std::size_t cut = path.size();
+    while (cut > 0 && !is_separator(path[cut - 1]))
+        --cut;
+    return {cut == 0 ? u"\\" : std::u16string(path.substr(0, cut)), path.substr(cut)};
+}
+
+// A pattern without wildcards names one file: no need to read the folder.
+DWORD look_up(LPCWSTR path, WIN32_FIND_DATAW& data) {
+    const HostPath host = existing_host_path(path);
+    if (host.error) return host.error == ERROR_FILE_NOT_FOUND ? ERROR_NO_MORE_FILES : host.error;
+    FileFacts facts;
+    const int error = read_file_facts(AT_FDCWD, {}, host.path.c_str(), Wanted::Everything, facts);
+    if (error) return error == ENOENT ? ERROR_NO_MORE_FILES : error_from_host(error);
+    fill(facts, data);
+    fill_name(host.path.c_str() + host.path.rfind('/') + 1, data.cFileName);
+    return ERROR_SUCCESS;
+}
+
+HANDLE start_search(LPCWSTR path, WIN32_FIND_DATAW* data) {
+    const HostPath whole = spelled_host_path(path);
+    if (whole.error) return fail(whole.error, INVALID_HANDLE_VALUE);
+    if (!data) return fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
+    const SearchPath parts = split(path);
+    HostPath folder = existing_host_path(parts.folder.c_str());
+    if (folder.error == ERROR_FILE_NOT_FOUND) folder.error = ERROR_PATH_NOT_FOUND;
+    if (folder.error) return fail(folder.error, INVALID_HANDLE_VALUE);
+
+    const Wildcard pattern(parts.pattern);
+    const bool named = pattern.is_literal();
+    const auto search = Ref<Search>::adopt(new Search(std::move(folder.path), parts.pattern));
+    DWORD error = ERROR_NO_MORE_FILES;
+    if (!named)
+        error = search->first(*data);
+    else if (!parts.pattern.empty() && parts.pattern != u"." && parts.pattern != u"..")
+        error = look_up(path, *data);
+    if (error) return fail(error, INVALID_HANDLE_VALUE);
+    const HANDLE handle = open_handle(*search);
+    return handle ? handle : INVALID_HANDLE_VALUE;
+}
+
+}  // namespace
+}  // namespace zr::platform
+
+using namespace zr::platform;
+
+HANDLE FindFirstFileW(LPCWSTR path, WIN32_FIND_DATAW* data) {
+    return enter(INVALID_HANDLE_VALUE, [&] { return start_search(path, data); });
+}
+
+BOOL FindNextFileW(HANDLE handle, WIN32_FIND_DATAW* data) {
+    return enter(FALSE, [&] {
+        if (!data) return fail(ERROR_INVALID_PARAMETER, FALSE);
+        const auto search = lookup<Search>(handle);
+        if (!search) return FALSE;
+        const DWORD error = search->next(*data);
+        return error ? fail(error, FALSE) : TRUE;
+    });
+}
+
+BOOL FindClose(HANDLE handle) {
+    return close_handle(handle, ObjectKind::FileSearch) ? TRUE : FALSE;
+}

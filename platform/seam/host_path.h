@@ -1,0 +1,51 @@
+#pragma once
+
+// Handheld paths as paths of the host, and back.
+//
+// The rules stand in platform/files.h. The root is read from ZR_ROOT once, at the first use. All functions may be
+// called from any thread; those that return a string may throw std::bad_alloc, nothing else.
+
+#include <string>
+#include <string_view>
+
+#include "platform/export.h"
+#include "platform/types.h"
+
+namespace zr::platform {
+
+// The host folder that is the root, without a trailing slash: empty for "/".
+ZRPLATFORM_API const std::string& host_root();
+
+// One name, converted without loss. A backslash in a host name is U+F05C in the handheld's; a host name that holds
+// U+F05C itself has the escapes of its three bytes there.
+ZRPLATFORM_API std::u16string handheld_name(std::string_view host);
+ZRPLATFORM_API std::string host_name(std::u16string_view name);
+
+struct HostPath {
+    std::string path;     // absolute, no trailing slash but for "/"; meaningful without error only
+    DWORD error = 0;      // why there is none: ERROR_PATH_NOT_FOUND, ERROR_FILENAME_EXCED_RANGE, ...
+    bool exists = false;  // the last name was there (new_host_path)
+    bool root = false;    // it is the root itself
+
+    explicit operator bool() const { return error == 0; }
+};
+
+// The path with its names taken as they are written; the file system is not looked at.
+ZRPLATFORM_API HostPath spelled_host_path(LPCWSTR path);
+
+// The path of what is there, names matched ignoring case. The last name may be a link to anywhere or nowhere.
+ZRPLATFORM_API HostPath existing_host_path(LPCWSTR path);
+
+// The same, but the last name may be missing: then it is where a file of this name is to be made, or
+// ERROR_INVALID_NAME when the handheld forbids such a name.
+ZRPLATFORM_API HostPath new_host_path(LPCWSTR path);
+
+// The handheld path of an absolute host path. False when it lies outside the root. Neither is looked up; "." and ".."
+// in the host path must have been resolved.
+ZRPLATFORM_API bool handheld_path(std::string_view host, std::u16string& path);
+
+// The system error code that stands for an errno value, and the errno value whose text describes a code (0: none).
+ZRPLATFORM_API DWORD error_from_host(int host_error) noexcept;
+ZRPLATFORM_API int host_error_of(DWORD error) noexcept;
+
+}  // namespace zr::platform
