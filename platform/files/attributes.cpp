@@ -5,6 +5,7 @@
 #include "dos_attributes.h"
 #include "entry.h"
 #include "file_facts.h"
+#include "host_error.h"
 #include "host_path.h"
 #include "platform/files.h"
 
@@ -23,7 +24,7 @@ DWORD facts_of(LPCWSTR path, Wanted wanted, FileFacts& facts) {
     }
     // The root has no name that could hide it.
     if (error == 0 && host.root) facts.attributes &= ~FILE_ATTRIBUTE_HIDDEN;
-    return error ? error_from_host(error) : ERROR_SUCCESS;
+    return error ? error_from_errno(error) : ERROR_SUCCESS;
 }
 
 // Read-only is a file nobody may write; to end that is to let its owner write.
@@ -85,6 +86,6 @@ BOOL SetFileAttributesW(LPCWSTR path, DWORD attributes) {
         const HostPath host = existing_host_path(path);
         if (host.error) return fail(host.error, FALSE);
         const int error = write_attributes(host.path.c_str(), attributes);
-        return error ? fail(error_from_host(error), FALSE) : TRUE;
+        return error ? fail(error_from_errno(error), FALSE) : TRUE;
     });
 }

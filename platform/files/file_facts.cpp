@@ -13,6 +13,7 @@
 namespace zr::platform {
 namespace {
 
+constexpr unsigned kEverything = STATX_BASIC_STATS | STATX_BTIME;
 constexpr std::int64_t kTicksPerSecond = 10'000'000;
 constexpr std::int64_t kSecondsTo1970 = 11'644'473'600;
 
@@ -95,6 +96,13 @@ FILETIME to_filetime(const struct statx_timestamp& time) {
     return platform::to_filetime(time.tv_sec, time.tv_nsec);
 }
 
+void read_times_and_size(const struct statx& status, FileFacts& facts) {
+    facts.accessed = to_filetime(status.stx_atime);
+    facts.written = to_filetime(status.stx_mtime);
+    facts.created = status.stx_mask & STATX_BTIME ? to_filetime(status.stx_btime) : facts.written;
+    facts.size = S_ISDIR(status.stx_mode) ? 0 : status.stx_size;
+}
+
 }  // namespace
 
 FILETIME to_filetime(std::int64_t seconds, std::uint32_t nanoseconds) noexcept {
@@ -118,10 +126,14 @@ int read_file_facts(int folder, std::string_view folder_path, const char* name, 
     if (S_ISLNK(status.stx_mode)) follow_link(folder, folder_path, name, mask, status);
     facts.attributes = attributes_of(folder, name, status);
     if (wanted == Wanted::AttributesOnly) return 0;
-    facts.accessed = to_filetime(status.stx_atime);
-    facts.written = to_filetime(status.stx_mtime);
-    facts.created = status.stx_mask & STATX_BTIME ? to_filetime(status.stx_btime) : facts.written;
-    facts.size = S_ISDIR(status.stx_mode) ? 0 : status.stx_size;
+    read_times_and_size(status, facts);
+    return 0;
+}
+
+int read_open_file_facts(int fd, FileFacts& facts) {
+    struct statx status;
+    if (statx(fd, "", AT_EMPTY_PATH, kEverything, &status) != 0) return errno;
+    read_times_and_size(status, facts);
     return 0;
 }
 

@@ -23,6 +23,9 @@ enum class Wanted { AttributesOnly, Everything };
 // AT_FDCWD and an empty `folder_path`. An errno value on failure, else 0.
 int read_file_facts(int folder, std::string_view folder_path, const char* name, Wanted wanted, FileFacts& facts);
 
+// The times and the size of an open file; its attributes stay 0. An errno value on failure, else 0.
+int read_open_file_facts(int fd, FileFacts& facts);
+
 // 100-nanosecond units since 1601 of a host time; times before 1601 are 0.
 FILETIME to_filetime(std::int64_t seconds, std::uint32_t nanoseconds) noexcept;
 

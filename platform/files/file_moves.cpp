@@ -8,6 +8,7 @@
 
 #include "dos_attributes.h"
 #include "entry.h"
+#include "host_error.h"
 #include "host_file.h"
 #include "host_path.h"
 #include "platform/files.h"
@@ -19,7 +20,7 @@ constexpr mode_t kAnyWrite = S_IWUSR | S_IWGRP | S_IWOTH;
 
 DWORD delete_file(const char* path) {
     struct stat status;
-    if (lstat(path, &status) != 0) return error_from_host(errno);
+    if (lstat(path, &status) != 0) return error_from_errno(errno);
     if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
     if (S_ISLNK(status.st_mode)) {
         struct stat target;
@@ -27,7 +28,7 @@ DWORD delete_file(const char* path) {
     } else if ((status.st_mode & kAnyWrite) == 0) {
         return ERROR_ACCESS_DENIED;
     }
-    return unlink(path) == 0 ? ERROR_SUCCESS : error_from_host(errno);
+    return unlink(path) == 0 ? ERROR_SUCCESS : error_from_errno(errno);
 }
 
 // The file's content, in the kernel where it can do that. An errno value, or 0.
@@ -64,22 +65,22 @@ void copy_facts(const char* from, const struct stat& status, const char* to, int
 
 DWORD open_source(const std::string& path, HostFile& file, struct stat& status) {
     file = HostFile(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!file || fstat(file.get(), &status) != 0) return error_from_host(errno);
+    if (!file || fstat(file.get(), &status) != 0) return error_from_errno(errno);
     return S_ISREG(status.st_mode) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
 }
 
 DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& source, HostFile& file) {
     if (!target.exists) {
         file = HostFile(open(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-        return file ? ERROR_SUCCESS : errno == EEXIST ? ERROR_FILE_EXISTS : error_from_host(errno);
+        return file ? ERROR_SUCCESS : errno == EEXIST ? ERROR_FILE_EXISTS : error_from_errno(errno);
     }
     if (must_be_new) return ERROR_FILE_EXISTS;
     struct stat status;
-    if (stat(target.path.c_str(), &status) != 0) return error_from_host(errno);
+    if (stat(target.path.c_str(), &status) != 0) return error_from_errno(errno);
     if (!S_ISREG(status.st_mode) || (status.st_mode & kAnyWrite) == 0) return ERROR_ACCESS_DENIED;
     if (status.st_dev == source.st_dev && status.st_ino == source.st_ino) return ERROR_SHARING_VIOLATION;
     file = HostFile(open(target.path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
-    return file ? ERROR_SUCCESS : error_from_host(errno);
+    return file ? ERROR_SUCCESS : error_from_errno(errno);
 }
 
 DWORD copy_file(const std::string& from, const HostPath& target, bool must_be_new) {
@@ -92,7 +93,7 @@ DWORD copy_file(const std::string& from, const HostPath& target, bool must_be_ne
     if (error == 0) copy_facts(from.c_str(), status, target.path.c_str(), copy.get());
     if (copy.close() != 0 && error == 0) error = errno;
     if (error && !target.exists) unlink(target.path.c_str());
-    return error ? error_from_host(error) : ERROR_SUCCESS;
+    return error ? error_from_errno(error) : ERROR_SUCCESS;
 }
 
 // Gives a file its new name, which must not be taken. An errno value, or 0.
@@ -106,11 +107,11 @@ int rename_to_new(const char* from, const char* to) {
 
 DWORD move_to_other_device(const std::string& from, const HostPath& target) {
     struct stat status;
-    if (lstat(from.c_str(), &status) != 0) return error_from_host(errno);
+    if (lstat(from.c_str(), &status) != 0) return error_from_errno(errno);
     if (!S_ISREG(status.st_mode)) return ERROR_NOT_SAME_DEVICE;
     if (const DWORD error = copy_file(from, target, true)) return error;
     if (unlink(from.c_str()) == 0) return ERROR_SUCCESS;
-    const DWORD error = error_from_host(errno);
+    const DWORD error = error_from_errno(errno);
     unlink(target.path.c_str());
     return error;
 }
@@ -125,7 +126,7 @@ DWORD move_file(const HostPath& from, HostPath target, LPCWSTR to) {
         if (target.path == from.path) return ERROR_SUCCESS;
     }
     const int error = rename_to_new(from.path.c_str(), target.path.c_str());
-    if (error != EXDEV) return error ? error_from_host(error) : ERROR_SUCCESS;
+    if (error != EXDEV) return error ? error_from_errno(error) : ERROR_SUCCESS;
     target.exists = false;
     return move_to_other_device(from.path, target);
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "entry.h"
+#include "host_error.h"
 #include "host_path.h"
 #include "platform/files.h"
 
@@ -15,13 +16,13 @@ DWORD remove_folder(const HostPath& host) {
     if (host.root) return ERROR_ACCESS_DENIED;
     if (rmdir(host.path.c_str()) == 0) return ERROR_SUCCESS;
     if (errno == EEXIST) return ERROR_DIR_NOT_EMPTY;  // some file systems say it so
-    if (errno != ENOTDIR) return error_from_host(errno);
+    if (errno != ENOTDIR) return error_from_errno(errno);
     struct stat link;
     struct stat target;
-    if (lstat(host.path.c_str(), &link) != 0) return error_from_host(errno);
+    if (lstat(host.path.c_str(), &link) != 0) return error_from_errno(errno);
     const bool to_folder = S_ISLNK(link.st_mode) && stat(host.path.c_str(), &target) == 0 && S_ISDIR(target.st_mode);
     if (!to_folder) return ERROR_DIRECTORY;
-    return unlink(host.path.c_str()) == 0 ? ERROR_SUCCESS : error_from_host(errno);
+    return unlink(host.path.c_str()) == 0 ? ERROR_SUCCESS : error_from_errno(errno);
 }
 
 std::u16string temporary_folder() {
@@ -44,7 +45,7 @@ BOOL CreateDirectoryW(LPCWSTR path, SECURITY_ATTRIBUTES*) {
         if (host.exists) return fail(ERROR_ALREADY_EXISTS, FALSE);
         if (mkdir(host.path.c_str(), 0777) == 0) return TRUE;
         // The place was there a moment ago: its folder went away meanwhile.
-        return fail(errno == ENOENT ? ERROR_PATH_NOT_FOUND : error_from_host(errno), FALSE);
+        return fail(errno == ENOENT ? ERROR_PATH_NOT_FOUND : error_from_errno(errno), FALSE);
     });
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "host_error.h"
 #include "platform/base.h"
 #include "utf.h"
 
@@ -137,7 +138,7 @@ struct CloseFolder {
 std::string find_ignoring_case(const std::string& folder, std::string_view wanted, DWORD& error) {
     const std::unique_ptr<DIR, CloseFolder> listing(opendir(folder.empty() ? "/" : folder.c_str()));
     if (!listing) {
-        if (errno != EACCES && errno != EPERM && errno != ENOENT && errno != ENOTDIR) error = error_from_host(errno);
+        if (errno != EACCES && errno != EPERM && errno != ENOENT && errno != ENOTDIR) error = error_from_errno(errno);
         return {};
     }
     const NameMatcher matcher(wanted);
@@ -163,7 +164,7 @@ bool is_forbidden_in_new(std::string_view name) {
 void missing_last(HostPath& result, const std::string& folder, std::string_view name, Last last) {
     struct stat status;
     if (stat(folder.empty() ? "/" : folder.c_str(), &status) != 0) {
-        result.error = errno == ENOENT || errno == ENOTDIR ? ERROR_PATH_NOT_FOUND : error_from_host(errno);
+        result.error = errno == ENOENT || errno == ENOTDIR ? ERROR_PATH_NOT_FOUND : error_from_errno(errno);
     } else if (!S_ISDIR(status.st_mode)) {
         result.error = ERROR_PATH_NOT_FOUND;
     } else if (last == Last::MustExist) {
@@ -193,7 +194,7 @@ void resolve(HostPath& result, Last last) {
             if (result.error) return;
             if (other.empty()) {
                 if (why != ENOENT && why != ENOTDIR)
-                    result.error = error_from_host(why);
+                    result.error = error_from_errno(why);
                 else if (end < spelled.size())
                     result.error = ERROR_PATH_NOT_FOUND;
                 else

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "entry.h"
+#include "host_error.h"
 #include "host_path.h"
 #include "platform/files.h"
 #include "utf.h"
@@ -115,7 +116,7 @@ std::u16string system_text(DWORD code) {
     constexpr DWORD kFacilityMask = 0xFFFF0000;
     if ((code & kFacilityMask) == static_cast<DWORD>(HRESULT_FROM_WIN32(1) & kFacilityMask)) code &= 0xFFFF;
     const char* text = code == ERROR_SUCCESS ? strerrordesc_np(0) : nullptr;
-    if (const int host_error = host_error_of(code)) text = strerrordesc_np(host_error);
+    if (const int host_error = errno_for_error(code)) text = strerrordesc_np(host_error);
     return text ? host_to_wide(text) + u"\r\n" : std::u16string();
 }
 

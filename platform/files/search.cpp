@@ -12,6 +12,7 @@
 #include "entry.h"
 #include "file_facts.h"
 #include "handle_table.h"
+#include "host_error.h"
 #include "host_path.h"
 #include "platform/files.h"
 #include "utf.h"
@@ -108,7 +109,7 @@ public:
     // A system error code, or 0 with the entry in `data`.
     DWORD first(WIN32_FIND_DATAW& data) {
         if (const int error = listing_.open(folder_.c_str()))
-            return error == ENOENT || error == ENOTDIR ? ERROR_PATH_NOT_FOUND : error_from_host(error);
+            return error == ENOENT || error == ENOTDIR ? ERROR_PATH_NOT_FOUND : error_from_errno(error);
         return next(data);
     }
 
@@ -120,7 +121,7 @@ public:
             const std::size_t length = fill_name(entry->name, data.cFileName);
             if (pattern_.matches({data.cFileName, length}) && look_at(*entry, data)) return ERROR_SUCCESS;
         }
-        return error ? error_from_host(error) : ERROR_NO_MORE_FILES;
+        return error ? error_from_errno(error) : ERROR_NO_MORE_FILES;
     }
 
 private:
@@ -165,7 +166,7 @@ DWORD look_up(LPCWSTR path, WIN32_FIND_DATAW& data) {
     if (host.error) return host.error == ERROR_FILE_NOT_FOUND ? ERROR_NO_MORE_FILES : host.error;
     FileFacts facts;
     const int error = read_file_facts(AT_FDCWD, {}, host.path.c_str(), Wanted::Everything, facts);
-    if (error) return error == ENOENT ? ERROR_NO_MORE_FILES : error_from_host(error);
+    if (error) return error == ENOENT ? ERROR_NO_MORE_FILES : error_from_errno(error);
     fill(facts, data);
     fill_name(host.path.c_str() + host.path.rfind('/') + 1, data.cFileName);
     return ERROR_SUCCESS;

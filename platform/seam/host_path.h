@@ -44,8 +44,4 @@ ZRPLATFORM_API HostPath new_host_path(LPCWSTR path);
 // in the host path must have been resolved.
 ZRPLATFORM_API bool handheld_path(std::string_view host, std::u16string& path);
 
-// The system error code that stands for an errno value, and the errno value whose text describes a code (0: none).
-ZRPLATFORM_API DWORD error_from_host(int host_error) noexcept;
-ZRPLATFORM_API int host_error_of(DWORD error) noexcept;
-
 }  // namespace zr::platform

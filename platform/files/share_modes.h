@@ -1,0 +1,32 @@
+#pragma once
+
+// Which of this process's open files tolerate each other.
+
+#include <sys/stat.h>
+
+#include <cstdint>
+
+#include "platform/types.h"
+
+namespace zr::platform {
+
+// One open file's place among the others; gives it back when destroyed.
+class ShareClaim {
+public:
+    ShareClaim() = default;
+    ~ShareClaim();
+    ShareClaim(const ShareClaim&) = delete;
+    ShareClaim& operator=(const ShareClaim&) = delete;
+
+    // False when another open file does not share what `access` wants, or wants what `share` does not allow.
+    bool take(const struct stat& file, DWORD access, DWORD share);
+
+private:
+    std::uint64_t device_ = 0;
+    std::uint64_t inode_ = 0;
+    DWORD access_ = 0;
+    DWORD share_ = 0;
+    bool taken_ = false;
+};
+
+}  // namespace zr::platform
