@@ -3,7 +3,9 @@
 // Every public header of the library.
 
 #include "ZrUtility/BufferStream.h"
+#include "ZrUtility/Enumerator.h"
 #include "ZrUtility/Export.h"
+#include "ZrUtility/FileEnumerator.h"
 #include "ZrUtility/Helpers/AddressUtilities.h"
 #include "ZrUtility/Helpers/Contact.h"
 #include "ZrUtility/Helpers/ContactsManager.h"
