@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "platform/export.h"
 #include "platform/types.h"
 
 namespace zr::platform {
@@ -21,11 +22,11 @@ struct Folder {
 
 // ZR_HOME, or the zrutility folder under the user's XDG data folder. Created with mode 0700, parents included, when it
 // does not exist. A ZR_HOME that exists is used as it is, whoever may read it: the user chose it.
-Folder state_folder() noexcept;
+ZRPLATFORM_API Folder state_folder() noexcept;
 
 // The folder of what lives as long as the user's session: $XDG_RUNTIME_DIR/zrutility, or zrutility-UID under /tmp when
 // that variable is unset. Created with mode 0700. ERROR_ACCESS_DENIED unless it is a real directory (no symbolic link)
 // that the user owns and nobody else may enter; a wider mode of a folder that the user owns is narrowed.
-Folder runtime_folder() noexcept;
+ZRPLATFORM_API Folder runtime_folder() noexcept;
 
 }  // namespace zr::platform

@@ -17,21 +17,22 @@
 #include <string>
 #include <string_view>
 
+#include "platform/export.h"
 #include "platform/types.h"
 
 namespace zr::platform {
 
-std::u16string host_to_wide(std::string_view host);
-std::string wide_to_host(std::u16string_view wide);
+ZRPLATFORM_API std::u16string host_to_wide(std::string_view host);
+ZRPLATFORM_API std::string wide_to_host(std::u16string_view wide);
 
 // The number of units that the whole result has; it is written to `out` only if it fits. No terminator.
-std::size_t host_to_wide(std::string_view host, std::span<WCHAR> out) noexcept;
-std::size_t wide_to_host(std::u16string_view wide, std::span<char> out) noexcept;
+ZRPLATFORM_API std::size_t host_to_wide(std::string_view host, std::span<WCHAR> out) noexcept;
+ZRPLATFORM_API std::size_t wide_to_host(std::u16string_view wide, std::span<char> out) noexcept;
 
-std::optional<std::u16string> utf8_to_wide(std::string_view utf8);
-std::optional<std::string> wide_to_utf8(std::u16string_view wide);
+ZRPLATFORM_API std::optional<std::u16string> utf8_to_wide(std::string_view utf8);
+ZRPLATFORM_API std::optional<std::string> wide_to_utf8(std::u16string_view wide);
 
-bool is_valid_utf8(std::string_view utf8) noexcept;
-bool is_valid_utf16(std::u16string_view wide) noexcept;
+ZRPLATFORM_API bool is_valid_utf8(std::string_view utf8) noexcept;
+ZRPLATFORM_API bool is_valid_utf16(std::u16string_view wide) noexcept;
 
 }  // namespace zr::platform
