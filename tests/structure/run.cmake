@@ -1,5 +1,6 @@
 # The arrows of the house run one way: checks what each part of the tree includes.
 #   cmake -DROOT=... -P run.cmake
+cmake_minimum_required(VERSION 3.25)
 set(wrong)
 
 # include_lines(FILE OUT): the names between the brackets or quotes of the file's #include lines
