@@ -67,6 +67,11 @@ void Engine::serve(Waitable& object, Wakeups& wakeups) noexcept {
             next = next->next;
         }
         if (thread.wait_all_) {
+            thread.interrupted_ = object.interrupts(thread);
+            if (thread.interrupted_) {
+                complete(thread, 0, wakeups);
+                continue;
+            }
             if (!is_satisfied(thread)) continue;
             thread.abandoned_ = false;
             for (std::uint32_t i = 0; i < thread.block_count_; ++i) {
@@ -111,14 +116,16 @@ bool Engine::take_any(Thread& self, std::span<Waitable* const> objects, WaitResu
 
 bool Engine::take_all(Thread& self, std::span<Waitable* const> objects, WaitResult& result) noexcept {
     bool ready = true;
+    bool interrupted = false;
     for (Waitable* object : objects) {
         hold(*object);
         ready = ready && object->is_signalled(self);
+        interrupted = interrupted || object->interrupts(self);
     }
-    if (!ready) return false;
-    result = {WaitResult::Status::Satisfied, 0};
+    if (!ready && !interrupted) return false;
+    result = {ready ? WaitResult::Status::Satisfied : WaitResult::Status::Interrupted, 0};
     for (Waitable* object : objects) {
-        if (object->acquire(self)) result.status = WaitResult::Status::Abandoned;
+        if (ready && object->acquire(self)) result.status = WaitResult::Status::Abandoned;
         let_go(*object);
     }
     return true;
@@ -177,8 +184,10 @@ WaitResult Engine::wait(std::span<Waitable* const> objects, WaitMode mode, Deadl
             }
             result.index = self.satisfied_;
             result.status = self.abandoned_ ? WaitResult::Status::Abandoned : WaitResult::Status::Satisfied;
+            if (mode == WaitMode::All && self.interrupted_) result.status = WaitResult::Status::Interrupted;
         }
     }
+    if (result.status == WaitResult::Status::Interrupted) return result;
     if (mode == WaitMode::All) {
         for (Waitable* object : objects) {
             object->acquired(self);

@@ -61,6 +61,7 @@ private:
     std::atomic<bool> waiting_{false};
     bool wait_all_ = false;
     bool abandoned_ = false;
+    bool interrupted_ = false;
     std::uint32_t satisfied_ = 0;  // index of the object that ended the wait
     std::uint32_t block_count_ = 0;
     WaitBlock* blocks_ = nullptr;

@@ -64,6 +64,12 @@ protected:
     // take no lock, call nothing of the engine.
     virtual bool is_signalled(const Thread& waiter) const noexcept = 0;
 
+    // Does the object, whatever the others say, interrupt a wait for all? Called like is_signalled.
+    virtual bool interrupts(const Thread& waiter) const noexcept {
+        static_cast<void>(waiter);
+        return false;
+    }
+
     // Take what a satisfied wait of this thread takes. Called like is_signalled, right after it said yes and with the
     // same lock still held. True when what was taken had been abandoned.
     virtual bool acquire(Thread& waiter) noexcept {
@@ -125,7 +131,7 @@ private:
 enum class WaitMode { Any, All };
 
 struct WaitResult {
-    enum class Status { Satisfied, Abandoned, TimedOut };
+    enum class Status { Satisfied, Abandoned, TimedOut, Interrupted };
     Status status;
     std::uint32_t index;  // which object; 0 for a wait for all
 
