@@ -157,7 +157,8 @@ inline LPCWSTR MAKEINTATOM(ATOM atom) {
 // window (WM_DESTROY, WM_NCDESTROY) and the call returns NULL. A window with a parent is a child, whatever its style,
 // and is destroyed with its parent; a child made by another thread than its parent's goes as soon as that thread
 // next serves messages. `menu` is a child's identifier (GWL_ID). NULL: ERROR_CANNOT_FIND_WND_CLASS, an invalid parent
-// ERROR_INVALID_WINDOW_HANDLE, WS_CHILD without parent ERROR_TLW_WITH_WSCHILD, ERROR_NOT_ENOUGH_MEMORY (65,000
+// ERROR_INVALID_WINDOW_HANDLE, more than 100 levels ERROR_INVALID_PARAMETER,
+// WS_CHILD without parent ERROR_TLW_WITH_WSCHILD, ERROR_NOT_ENOUGH_MEMORY (65,000
 // windows at once are the most).
 ZRPLATFORM_API HWND CreateWindowExW(DWORD ex_style, LPCWSTR class_name, LPCWSTR title, DWORD style, int x, int y,
                                     int width, int height, HWND parent, HMENU menu, HINSTANCE instance, LPVOID param);

@@ -1,0 +1,62 @@
+#include "queue_descriptor.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+
+namespace zr::platform {
+
+std::unique_ptr<QueueDescriptor> QueueDescriptor::create() noexcept {
+    std::unique_ptr<QueueDescriptor> made(new (std::nothrow) QueueDescriptor);
+    if (made && !made->open()) made.reset();
+    return made;
+}
+
+bool QueueDescriptor::open() noexcept {
+    epoll_ = epoll_create1(EPOLL_CLOEXEC);
+    event_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    if (epoll_ < 0 || event_ < 0 || timer_ < 0) return false;
+    epoll_event readable{};
+    readable.events = EPOLLIN;
+    return epoll_ctl(epoll_, EPOLL_CTL_ADD, event_, &readable) == 0 &&
+           epoll_ctl(epoll_, EPOLL_CTL_ADD, timer_, &readable) == 0;
+}
+
+QueueDescriptor::~QueueDescriptor() {
+    for (const int descriptor : {timer_, event_, epoll_}) {
+        if (descriptor >= 0) close(descriptor);
+    }
+}
+
+void QueueDescriptor::set_ready(bool ready) noexcept {
+    if (ready == ready_) return;
+    // Neither can fail: the count only goes between 0 and 1.
+    eventfd_t count = 1;
+    if (ready) {
+        eventfd_write(event_, count);
+    } else {
+        eventfd_read(event_, &count);
+    }
+    ready_ = ready;
+}
+
+void QueueDescriptor::set_timer(std::int64_t due) noexcept {
+    if (due == due_) return;
+    constexpr std::int64_t kSecond = 1'000'000'000;
+    itimerspec when{};
+    if (due != INT64_MAX) {
+        // All zero would disarm.
+        const std::int64_t at = std::max<std::int64_t>(due, 1);
+        when.it_value.tv_sec = static_cast<time_t>(at / kSecond);
+        when.it_value.tv_nsec = static_cast<long>(at % kSecond);
+    }
+    timerfd_settime(timer_, TFD_TIMER_ABSTIME, &when, nullptr);
+    due_ = due;
+}
+
+}  // namespace zr::platform

@@ -1,0 +1,73 @@
+#pragma once
+
+// A message on its way from one thread to another, and the answer on its way back.
+
+#include <atomic>
+#include <utility>
+
+#include "handle_table.h"
+#include "platform/windowing.h"
+
+namespace zr::platform {
+
+class MessageQueue;
+
+struct SendRequest {
+    enum class Kind {
+        Message,
+        Destroy,  // the window's parent is gone; lives in the window itself
+    };
+    // Sender and receiver each make one step from Waiting; who finds that the other was first disposes of the request.
+    enum class State {
+        Waiting,
+        Answered,   // by the receiver: result and handled are set
+        Abandoned,  // by the sender, which waits no more
+    };
+
+    HWND window = nullptr;
+    UINT message = 0;
+    WPARAM wparam = 0;
+    LPARAM lparam = 0;
+    Kind kind = Kind::Message;
+    std::atomic<State> state{State::Waiting};
+    LRESULT result = 0;
+    bool handled = false;
+    Ref<MessageQueue> sender;  // empty: nobody waits for the answer
+    SendRequest* next = nullptr;
+};
+
+// First in, first out, linked through the requests.
+class SendList {
+public:
+    bool empty() const noexcept { return first_ == nullptr; }
+
+    void push(SendRequest* request) noexcept {
+        request->next = nullptr;
+        *(first_ ? &last_->next : &first_) = request;
+        last_ = request;
+    }
+
+    SendRequest* pop() noexcept {
+        SendRequest* request = first_;
+        if (request) first_ = request->next;
+        return request;
+    }
+
+    // Takes out what is for the window.
+    SendList take_window(HWND window) noexcept {
+        SendList kept;
+        SendList taken;
+        while (SendRequest* request = pop())
+            (request->window == window ? taken : kept).push(request);
+        *this = kept;
+        return taken;
+    }
+
+    SendList take_all() noexcept { return std::exchange(*this, SendList()); }
+
+private:
+    SendRequest* first_ = nullptr;
+    SendRequest* last_ = nullptr;
+};
+
+}  // namespace zr::platform
