@@ -266,7 +266,7 @@ HostPath spelled_host_path(LPCWSTR path) {
     HostPath result;
     result.error = spell(path, result.path);
     result.root = result.error == 0 && result.path.size() == host_root().size();
-    if (result.root && result.path.empty()) result.path = "/";
+    if (result.root && result.path.empty()) result.path.assign(1, '/');
     return result;
 }
 
@@ -292,7 +292,7 @@ bool handheld_path(std::string_view host, std::u16string& path) {
         }
         host.remove_prefix(end);
     }
-    if (path.empty()) path = u"\\";
+    if (path.empty()) path.assign(1, u'\\');
     return true;
 }
 
