@@ -1,0 +1,246 @@
+#include "collection.h"
+
+#include "application.h"
+#include "item_object.h"
+
+namespace zr::platform::pim {
+namespace {
+
+// A walk in another order than the identifiers' that meets this many unread contacts in a row reads all of them.
+constexpr int kWalkMisses = 16;
+// More changes than this are followed faster by starting over.
+constexpr std::size_t kFollowedChanges = 2048;
+
+}  // namespace
+
+HRESULT Collection::QueryInterface(REFIID riid, void** object) {
+    if (!cleared(object)) return fail(E_POINTER);
+    if (riid != IID_IPOutlookItemCollection && riid != IID_IDispatch && riid != IID_IUnknown)
+        return fail(E_NOINTERFACE);
+    *object = static_cast<IPOutlookItemCollection*>(this);
+    references_.add();
+    return S_OK;
+}
+
+ULONG Collection::Release() {
+    const ULONG left = references_.remove();
+    if (left == 0) delete this;
+    return left;
+}
+
+HRESULT Collection::load(CEPROPID sort, bool descending, Order& order, LONGLONG& seq) {
+    Store& store = session_->store();
+    std::vector<LONG> oids;
+    HRESULT result = store.oids(folder_, oids, seq);
+    if (FAILED(result)) return result;
+    order = Order(first_oid(folder_), sort != 0, descending);
+    if (sort != 0) {
+        // Read after the identifiers: what changed in between is in the log behind `seq` and followed next time.
+        result = store.each_text(
+            folder_, sort, [&order](LONG oid, std::u16string_view text) { order.set_key(oid, Order::fold(text)); });
+        if (FAILED(result)) return result;
+    }
+    order.assign(std::move(oids));
+    return S_OK;
+}
+
+HRESULT Collection::follow_change(const Change& change) {
+    if (folder_of(change.oid) != folder_ || change.kind == ChangeKind::Folder) return S_OK;
+    if (change.kind == ChangeKind::Deleted) {
+        order_.erase(change.oid);
+        return S_OK;
+    }
+    if (sort_ == 0) {
+        if (change.kind == ChangeKind::Created) order_.put(change.oid, {});
+        return S_OK;
+    }
+    std::u16string text;
+    const HRESULT result = session_->store().text(change.oid, sort_, text);
+    if (result == kGone) return S_OK;  // a later change says so
+    if (SUCCEEDED(result)) order_.put(change.oid, Order::fold(text));
+    return result;
+}
+
+HRESULT Collection::follow() {
+    if (!session_->is_open()) return session_->check_open();
+    Store& store = session_->store();
+    HRESULT result = store.refresh();
+    if (FAILED(result) || (loaded_ && seq_ >= store.seq())) return result;
+    std::vector<Change> changes;
+    if (loaded_ && store.recent(seq_, changes) && changes.size() <= kFollowedChanges) {
+        loaded_ = false;  // unless all of it is followed
+        for (const Change& change : changes) {
+            result = follow_change(change);
+            if (FAILED(result)) return result;
+        }
+        seq_ = store.seq();
+        loaded_ = true;
+        return S_OK;
+    }
+    loaded_ = false;
+    result = load(sort_, descending_, order_, seq_);
+    loaded_ = SUCCEEDED(result);
+    return result;
+}
+
+HRESULT Collection::give(LONG oid, RowRef row, IDispatch** item) {
+    *item = make_item(session_, folder_, oid, std::move(row));
+    return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
+}
+
+HRESULT Collection::Add(IDispatch** item) {
+    if (!cleared(item)) return fail(E_POINTER);
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        return give(0, {}, item);
+    });
+}
+
+HRESULT Collection::get_Count(INT* count) {
+    if (count == nullptr) return fail(E_POINTER);
+    *count = 0;
+    return guarded([&]() -> HRESULT {
+        const auto lock = session_->store().lock();
+        const HRESULT result = follow();
+        if (SUCCEEDED(result)) *count = static_cast<INT>(order_.size());
+        return result;
+    });
+}
+
+void Collection::read_ahead_if_walking(std::size_t position, const RowRef& row) {
+    const bool next = position == walk_position_;
+    walk_position_ = position + 1;
+    if (row || !next) {
+        walk_misses_ = 0;
+        return;
+    }
+    if (++walk_misses_ < kWalkMisses) return;
+    walk_misses_ = 0;
+    // Only an attempt: what could not be read ahead is read when it is asked for, and fails there.
+    static_cast<void>(session_->store().read_ahead());
+}
+
+HRESULT Collection::Item(INT index, IDispatch** item) {
+    if (!cleared(item)) return fail(E_POINTER);
+    return guarded([&]() -> HRESULT {
+        LONG oid = 0;
+        RowRef row;
+        {
+            Store& store = session_->store();
+            const auto lock = store.lock();
+            const HRESULT result = follow();
+            if (FAILED(result)) return result;
+            if (index < 1 || static_cast<std::size_t>(index) > order_.size())
+                return fail(E_INVALIDARG, "There is no item at this index.");
+            const auto position = static_cast<std::size_t>(index) - 1;
+            oid = order_.at(position);
+            if (folder_ == olFolderContacts) {
+                row = store.cached(oid);
+                if (sort_ != 0) read_ahead_if_walking(position, row);
+            }
+        }
+        return give(oid, std::move(row), item);
+    });
+}
+
+HRESULT Collection::Remove(INT index) {
+    return guarded([&]() -> HRESULT {
+        BatchMark mark;
+        return session_->write(mark, [&](Transaction& transaction) -> HRESULT {
+            LONG oid = 0;
+            {
+                // Nobody else can write now: the position means what it meant to the caller or what was committed
+                // since.
+                const auto lock = session_->store().lock();
+                const HRESULT result = follow();
+                if (FAILED(result)) return result;
+                if (index < 1 || static_cast<std::size_t>(index) > order_.size())
+                    return fail(E_INVALIDARG, "There is no item at this index.");
+                oid = order_.at(static_cast<std::size_t>(index) - 1);
+            }
+            return transaction.remove(oid);
+        });
+    });
+}
+
+HRESULT Collection::Restrict(BSTR, IPOutlookItemCollection** items) {
+    return cleared(items) ? fail(E_NOTIMPL) : fail(E_POINTER);
+}
+
+HRESULT Collection::Sort(BSTR tag, VARIANT_BOOL descending) {
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        const CEPROPID sort = tag != nullptr ? text_field_of_tag(folder_, tag) : 0;
+        if (sort == 0) return fail(E_INVALIDARG, "The items cannot be sorted by this tag.");
+        const auto lock = session_->store().lock();
+        HRESULT result = session_->store().refresh();
+        Order order;
+        LONGLONG seq = 0;
+        if (SUCCEEDED(result)) result = load(sort, descending != VARIANT_FALSE, order, seq);
+        if (FAILED(result)) return result;
+        order_ = std::move(order);
+        sort_ = sort;
+        descending_ = descending != VARIANT_FALSE;
+        seq_ = seq;
+        loaded_ = true;
+        found_ = 0;
+        return S_OK;
+    });
+}
+
+HRESULT Collection::find_from(std::size_t position, IDispatch** item) {
+    Store& store = session_->store();
+    const auto lock = store.lock();
+    const HRESULT result = follow();
+    if (FAILED(result)) return result;
+    for (; position < order_.size(); ++position) {
+        const LONG oid = order_.at(position);
+        std::u16string text;
+        const HRESULT read = store.text(oid, restriction_.field, text);
+        if (read == kGone) continue;
+        if (FAILED(read)) return read;
+        if (!restriction_.holds(Order::fold(text))) continue;
+        found_ = position + 1;
+        return give(oid, folder_ == olFolderContacts ? store.cached(oid) : RowRef(), item);
+    }
+    found_ = position;
+    return S_FALSE;
+}
+
+HRESULT Collection::Find(BSTR restriction, IDispatch** item) {
+    if (!cleared(item)) return fail(E_POINTER);
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        if (restriction == nullptr || !restriction_.parse(folder_, restriction)) {
+            restriction_.field = 0;
+            return fail(E_INVALIDARG, "The restriction cannot be understood.");
+        }
+        return find_from(0, item);
+    });
+}
+
+HRESULT Collection::FindNext(IDispatch** item) {
+    if (!cleared(item)) return fail(E_POINTER);
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        if (restriction_.field == 0) return fail(E_UNEXPECTED, "FindNext goes on from a Find.");
+        return find_from(found_, item);
+    });
+}
+
+HRESULT Collection::get_Application(IPOutlookApp** app) {
+    return give_application(*session_, app);
+}
+
+HRESULT Collection::get_IncludeRecurrences(VARIANT_BOOL* include) {
+    if (include == nullptr) return fail(E_POINTER);
+    *include = include_recurrences_;
+    return S_OK;
+}
+
+HRESULT Collection::put_IncludeRecurrences(VARIANT_BOOL include) {
+    include_recurrences_ = include != VARIANT_FALSE ? VARIANT_TRUE : VARIANT_FALSE;
+    return S_OK;
+}
+
+}  // namespace zr::platform::pim

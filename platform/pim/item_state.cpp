@@ -1,0 +1,308 @@
+#include "item_state.h"
+
+#include "file_as.h"
+#include "property_block.h"
+
+namespace zr::platform::pim {
+namespace {
+
+std::u16string as_text(const Value* value) {
+    const auto* text = value != nullptr ? std::get_if<std::u16string>(value) : nullptr;
+    return text != nullptr ? *text : std::u16string();
+}
+
+}  // namespace
+
+ItemState::ItemState(const SessionRef& session, INT folder, LONG oid, RowRef row)
+    : session_(session), folder_(folder), oid_(oid), row_(std::move(row)), fresh_(oid == 0) {
+    if (fresh_) pending_ = std::make_unique<Values>();
+}
+
+ItemState::~ItemState() {
+    session_->store().note_reads(reads_);
+}
+
+// Takes notice of what became of the batch in which the item was saved.
+void ItemState::settle() {
+    if (!batch_) return;
+    const BatchOutcome outcome = batch_->load();
+    if (outcome == BatchOutcome::Open) return;
+    batch_.reset();
+    if (outcome == BatchOutcome::Dropped) {
+        dirty_ = true;
+        if (fresh_) oid_ = 0;
+        return;
+    }
+    fresh_ = false;
+    row_.reset();
+    if (!dirty_) pending_.reset();
+}
+
+HRESULT ItemState::oid(LONG* oid) {
+    if (oid == nullptr) return fail(E_POINTER);
+    settle();
+    *oid = oid_;
+    return S_OK;
+}
+
+HRESULT ItemState::give(std::u16string_view text, BSTR* string) {
+    *string = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+    return *string != nullptr ? S_OK : fail(E_OUTOFMEMORY);
+}
+
+HRESULT ItemState::load(ColumnMask mask) {
+    if (row_ && row_->has(mask)) return S_OK;
+    Store& store = session_->store();
+    const auto lock = store.lock();
+    const HRESULT result = store.refresh();
+    return SUCCEEDED(result) ? store.row(oid_, mask, row_) : result;
+}
+
+HRESULT ItemState::column_text(unsigned column, std::u16string& text) {
+    if (const Value* value = pending_ ? pending_->find(text_field(column)) : nullptr) {
+        text = as_text(value);
+        return S_OK;
+    }
+    if (fresh_) return S_OK;
+    reads_ |= 1u << column;
+    const HRESULT result = load(1u << column);
+    if (SUCCEEDED(result)) text = row_->text_of(column);
+    return result;
+}
+
+// The name as the next save would store it.
+HRESULT ItemState::file_as(std::u16string& text) {
+    const Value* put = pending_ ? pending_->find(field::FileAs) : nullptr;
+    text = as_text(put);
+    if (!text.empty() || !pending_) return text.empty() ? column_text(kFileAs, text) : S_OK;
+    if (!fresh_) {
+        const HRESULT result = load(kAllColumns);
+        if (FAILED(result)) return result;
+        if (put == nullptr && row_->own_file_as()) {
+            text = row_->text_of(kFileAs);
+            return S_OK;
+        }
+    }
+    std::u16string texts[kColumns];
+    std::u16string_view views[kColumns];
+    for (unsigned i = kTitle; i < kColumns; ++i) {
+        const HRESULT result = column_text(i, texts[i]);
+        if (FAILED(result)) return result;
+        views[i] = texts[i];
+    }
+    text = file_as_from(views);
+    return S_OK;
+}
+
+HRESULT ItemState::get_column_slowly(unsigned column, BSTR* text) {
+    if (!cleared_text(text)) return fail(E_POINTER);
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        settle();
+        std::u16string found;
+        const HRESULT result = column == kFileAs && pending_ ? file_as(found) : column_text(column, found);
+        return SUCCEEDED(result) ? give(found, text) : result;
+    });
+}
+
+HRESULT ItemState::stored_value(CEPROPID id, Value& value) {
+    Store& store = session_->store();
+    const auto lock = store.lock();
+    HRESULT result = store.refresh();
+    if (SUCCEEDED(result)) result = store.value(oid_, id, value);
+    if (SUCCEEDED(result) && std::holds_alternative<std::monostate>(value)) result = store.exists(oid_);
+    return result;
+}
+
+HRESULT ItemState::value(CEPROPID id, Value& value) {
+    if (!session_->is_open()) return session_->check_open();
+    settle();
+    if (const Value* put = pending_ ? pending_->find(id) : nullptr) {
+        value = *put;
+        return S_OK;
+    }
+    return fresh_ ? S_OK : stored_value(id, value);
+}
+
+HRESULT ItemState::get_property_text(CEPROPID id, BSTR* text) {
+    if (!cleared_text(text)) return fail(E_POINTER);
+    return guarded([&]() -> HRESULT {
+        Value found;
+        const HRESULT result = value(id, found);
+        return SUCCEEDED(result) ? give(as_text(&found), text) : result;
+    });
+}
+
+void ItemState::put(CEPROPID id, Value value) {
+    settle();
+    if (!pending_) pending_ = std::make_unique<Values>();
+    pending_->set(id, std::move(value));
+    dirty_ = true;
+}
+
+HRESULT ItemState::put_text(CEPROPID id, const WCHAR* text) {
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        std::u16string copy = text != nullptr ? std::u16string(text) : std::u16string();
+        const bool column = is_column(id) && folder_ == olFolderContacts;
+        put(id, copy.empty() && !column ? Value() : Value(std::move(copy)));
+        return S_OK;
+    });
+}
+
+HRESULT ItemState::get_number(CEPROPID id, LONGLONG otherwise, LONGLONG& number) {
+    return guarded([&]() -> HRESULT {
+        Value found;
+        const HRESULT result = value(id, found);
+        const auto* integer = std::get_if<LONGLONG>(&found);
+        number = integer != nullptr ? *integer : otherwise;
+        return result;
+    });
+}
+
+HRESULT ItemState::put_number(CEPROPID id, LONGLONG number) {
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        put(id, number);
+        return S_OK;
+    });
+}
+
+HRESULT ItemState::get_date(CEPROPID id, DATE* date) {
+    if (date == nullptr) return fail(E_POINTER);
+    *date = ZR_PIM_NO_DATE;
+    return guarded([&]() -> HRESULT {
+        Value found;
+        const HRESULT result = value(id, found);
+        if (const auto* real = std::get_if<double>(&found)) *date = *real;
+        return result;
+    });
+}
+
+HRESULT ItemState::put_date(CEPROPID id, DATE date) {
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        if (!(date > -657435.0 && date < 2958466.0)) return fail(E_INVALIDARG, "The date is out of range.");
+        put(id, date == ZR_PIM_NO_DATE ? Value() : Value(date));
+        return S_OK;
+    });
+}
+
+HRESULT ItemState::get_props(const CEPROPID* ids, ULONG flags, WORD count, CEPROPVAL** values, ULONG* size,
+                             HANDLE heap) {
+    return guarded([&]() -> HRESULT {
+        std::vector<Values::Entry> found;
+        if (count != 0 && ids == nullptr) return fail(E_POINTER);
+        for (WORD i = 0; i < count; ++i) {
+            if (is_named_field(ids[i])) return fail(E_INVALIDARG, "A named field is not read as a property.");
+            Value read;
+            const HRESULT result = value(ids[i], read);
+            if (FAILED(result)) return result;
+            found.emplace_back(ids[i], std::move(read));
+        }
+        if (count == 0) {
+            if (!session_->is_open()) return session_->check_open();
+            settle();
+            Values all;
+            if (!fresh_) {
+                Store& store = session_->store();
+                const auto lock = store.lock();
+                HRESULT result = store.refresh();
+                if (SUCCEEDED(result)) result = store.exists(oid_);
+                if (SUCCEEDED(result)) result = store.values(oid_, false, all);
+                if (FAILED(result)) return result;
+            }
+            if (pending_) {
+                for (const auto& [id, put] : pending_->entries()) {
+                    if (!is_named_field(id)) all.set(id, put);
+                }
+            }
+            for (const auto& entry : all.entries()) {
+                if (!std::holds_alternative<std::monostate>(entry.second)) found.push_back(entry);
+            }
+            if (found.empty()) return S_FALSE;
+        }
+        return write_property_block(found, flags, values, size, heap);
+    });
+}
+
+HRESULT ItemState::set_props(WORD count, const CEPROPVAL* values) {
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        std::vector<Values::Entry> entries;
+        const HRESULT result = read_property_values(count, values, entries);
+        if (FAILED(result)) return result;
+        for (auto& [id, value] : entries) {
+            put(id, std::move(value));
+        }
+        return S_OK;
+    });
+}
+
+HRESULT ItemState::save() {
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        settle();
+        if (oid_ != 0 && !dirty_) return S_OK;
+        LONG oid = oid_;
+        BatchMark mark;
+        const HRESULT result = session_->write(mark, [&](Transaction& transaction) {
+            return oid_ == 0 ? transaction.insert(folder_, *pending_, oid) : transaction.update(oid_, *pending_);
+        });
+        if (FAILED(result)) return result;
+        oid_ = oid;
+        dirty_ = false;
+        batch_ = mark;
+        if (!mark) {
+            fresh_ = false;
+            pending_.reset();
+            row_.reset();
+        }
+        return S_OK;
+    });
+}
+
+HRESULT ItemState::remove() {
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        settle();
+        if (oid_ == 0) return fail(E_INVALIDARG, "An item that was never saved cannot be deleted.");
+        BatchMark mark;
+        return session_->write(mark, [&](Transaction& transaction) { return transaction.remove(oid_); });
+    });
+}
+
+HRESULT ItemState::copy_to(ItemState& copy) {
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        settle();
+        Values all;
+        if (!fresh_) {
+            Store& store = session_->store();
+            const auto lock = store.lock();
+            HRESULT result = store.refresh();
+            if (SUCCEEDED(result)) result = store.exists(oid_);
+            if (SUCCEEDED(result)) result = store.values(oid_, true, all);
+            if (FAILED(result)) return result;
+        }
+        if (!fresh_ && folder_ == olFolderContacts) {
+            row_.reset();
+            const HRESULT result = load(kAllColumns);
+            if (FAILED(result)) return result;
+            for (unsigned i = row_->own_file_as() ? kFileAs : kTitle; i < kColumns; ++i) {
+                if (!row_->text_of(i).empty()) all.set(text_field(i), std::u16string(row_->text_of(i)));
+            }
+        }
+        if (pending_) {
+            for (const auto& [id, value] : pending_->entries()) {
+                all.set(id, value);
+            }
+        }
+        for (const auto& [id, value] : all.entries()) {
+            copy.put(id, value);
+        }
+        return S_OK;
+    });
+}
+
+}  // namespace zr::platform::pim

@@ -1,0 +1,82 @@
+#pragma once
+
+// Turns the change log into window messages for the sessions of this process.
+//
+// Each window has its own place in the log and gets what lies behind it in the log's order, this process's changes as
+// local and other processes' as remote. Local ones are posted by the call that committed them; remote ones by a worker
+// that sleeps on the signal file and lives while a window is logged on. A window whose queue is full keeps its place,
+// and the worker tries again until the queue has room.
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/pim.h"
+
+namespace zr::platform::pim {
+
+class Store;
+struct Change;
+
+class Notifier {
+public:
+    explicit Notifier(Store& store) : store_(store) {}
+    ~Notifier();
+    Notifier(const Notifier&) = delete;
+    Notifier& operator=(const Notifier&) = delete;
+
+    // From now on `window` is told of changes; `key` takes that back. Nothing is posted after remove_window returned.
+    HRESULT add_window(const void* key, HWND window);
+    void remove_window(const void* key);
+
+    // Counts the sessions that are logged on; with the last one what was set but not saved ends.
+    void session_began();
+    void session_ended();
+
+    // What a folder reports (PIMFOLDERNOTIFICATION_*). set_flags holds until the last session ends.
+    HRESULT flags(INT folder, ULONG& flags);
+    HRESULT set_flags(INT folder, ULONG flags);
+
+    // Posts everything that is committed and not yet posted. Locks the reading side: not to be called with it locked.
+    void dispatch();
+
+    // A folder's saved properties changed; with the reading side locked.
+    void folder_changed() { saved_known_.store(false); }
+
+private:
+    struct Window {
+        const void* key;
+        HWND window;
+        LONGLONG seq;
+    };
+
+    HRESULT add_place(const void* key, HWND window);
+    ULONG effective(INT folder);
+    HRESULT load_saved();
+    void dispatch_locked();
+    bool read_changes(LONGLONG seq, std::vector<Change>& changes);
+    bool post_all(Window& window, const std::vector<Change>& changes);
+    bool post(Window& window, const Change& change);
+    HRESULT start_worker();
+    void stop_worker();
+    void work(int watch, int stop);
+
+    Store& store_;
+    std::mutex worker_mutex_;  // taken before mutex_
+    std::thread worker_;
+    int stop_ = -1;
+
+    std::mutex mutex_;
+    std::vector<Window> windows_;
+    std::atomic<int> window_count_{0};
+    std::atomic<bool> behind_{false};  // some window's queue was full
+    int sessions_ = 0;
+    std::map<INT, ULONG> set_;
+    std::map<INT, ULONG> saved_;
+    std::atomic<bool> saved_known_{false};
+};
+
+}  // namespace zr::platform::pim

@@ -1,0 +1,139 @@
+#include "sqlite.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "last_error.h"
+#include "schema.h"
+#include "utf.h"
+
+namespace zr::platform::pim {
+namespace {
+
+constexpr int kBusyMilliseconds = 5000;
+
+HRESULT meaning(int code, int system_error) {
+    switch (code & 0xFF) {
+        case SQLITE_FULL:
+            return HRESULT_FROM_WIN32(ERROR_DISK_FULL);
+        case SQLITE_IOERR:
+            if (system_error == ENOSPC || system_error == EDQUOT || system_error == EFBIG)
+                return HRESULT_FROM_WIN32(ERROR_DISK_FULL);
+            return code == SQLITE_IOERR_NOMEM ? E_OUTOFMEMORY : HRESULT_FROM_WIN32(ERROR_IO_DEVICE);
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+            return kBusy;
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
+            return kCorrupt;
+        case SQLITE_NOMEM:
+        case SQLITE_TOOBIG:
+            return E_OUTOFMEMORY;
+        case SQLITE_READONLY:
+        case SQLITE_PERM:
+        case SQLITE_AUTH:
+        case SQLITE_CANTOPEN:
+            return E_ACCESSDENIED;
+        default:
+            return E_FAIL;
+    }
+}
+
+void leave_suspicion(const std::string& path) {
+    const int file = ::open(suspicion(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (file >= 0) close(file);
+}
+
+// SQLite takes a byte order mark off the front of text; and what is not valid Unicode is better called bytes.
+bool survives_as_text(std::u16string_view text) {
+    if (text.empty() || text.front() == 0xFEFF || text.front() == 0xFFFE) return false;
+    for (const WCHAR unit : text) {
+        if (unit >= 0xD800 && unit <= 0xDFFF) return is_valid_utf16(text);
+    }
+    return true;
+}
+
+}  // namespace
+
+void Statement::bind_blob(int index, const void* bytes, std::size_t size) {
+    sqlite3_bind_blob64(statement_, index, size == 0 ? "" : bytes, size, SQLITE_STATIC);
+}
+
+void Statement::bind_text(int index, std::u16string_view text) {
+    if (text.empty()) {
+        bind_null(index);
+    } else if (survives_as_text(text)) {
+        sqlite3_bind_text64(statement_, index, reinterpret_cast<const char*>(text.data()), text.size() * sizeof(WCHAR),
+                            SQLITE_STATIC, SQLITE_UTF16);
+    } else {
+        bind_blob(index, text.data(), text.size() * sizeof(WCHAR));
+    }
+}
+
+Database::~Database() {
+    statements_.clear();
+    sqlite3_close(db_);
+}
+
+HRESULT Database::open(const std::string& path) {
+    path_ = path;
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) return result();
+    sqlite3_extended_result_codes(db_, 1);
+    sqlite3_busy_timeout(db_, kBusyMilliseconds);
+    return S_OK;
+}
+
+HRESULT Database::execute(const char* sql) {
+    return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK ? S_OK : result();
+}
+
+Use Database::use(const char* sql) {
+    auto& statement = statements_[sql];
+    if (!statement) {
+        sqlite3_stmt* prepared = nullptr;
+        if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr) != SQLITE_OK)
+            return Use(nullptr);
+        statement = std::make_unique<Statement>(prepared);
+    }
+    return Use(statement.get());
+}
+
+HRESULT Database::run(Use& statement) {
+    if (!statement) return result();
+    return statement->step() == SQLITE_DONE ? S_OK : result();
+}
+
+HRESULT Database::scalar(const char* sql, LONGLONG& value, LONGLONG otherwise) {
+    value = otherwise;
+    const Use statement = use(sql);
+    if (!statement) return result();
+    const int code = statement->step();
+    if (code == SQLITE_DONE) return S_OK;
+    if (code != SQLITE_ROW) return result();
+    if (!statement->is_null(0)) value = statement->integer(0);
+    return S_OK;
+}
+
+HRESULT Database::result() {
+    if (db_ == nullptr) return fail(E_OUTOFMEMORY);
+    const int system_error = sqlite3_system_errno(db_);
+    const HRESULT result = meaning(sqlite3_extended_errcode(db_), system_error);
+    std::string sentence = "The contact store " + path_ + ": ";
+    if (result == HRESULT_FROM_WIN32(ERROR_DISK_FULL)) {
+        sentence += "the disk is full.";
+    } else if (result == kBusy) {
+        sentence += "another program keeps it locked.";
+    } else {
+        if (result == kCorrupt) leave_suspicion(path_);
+        sentence += sqlite3_errmsg(db_);
+        if (system_error != 0) sentence += std::string(" (") + strerror(system_error) + ")";
+        sentence += ".";
+    }
+    return fail(result, sentence);
+}
+
+}  // namespace zr::platform::pim

@@ -1,0 +1,98 @@
+#pragma once
+
+// SQLite behind three small classes. Results are HRESULTs with their sentence already kept (last_error.h).
+
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "platform/types.h"
+
+namespace zr::platform::pim {
+
+// A prepared statement, used by one thread at a time. Text is bound for the time of the step: it must stay in place.
+class Statement {
+public:
+    explicit Statement(sqlite3_stmt* statement) : statement_(statement) {}
+    ~Statement() { sqlite3_finalize(statement_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    void bind(int index, LONGLONG value) { sqlite3_bind_int64(statement_, index, value); }
+    void bind(int index, LONG value) { sqlite3_bind_int64(statement_, index, value); }
+    void bind(int index, DWORD value) { sqlite3_bind_int64(statement_, index, value); }
+    void bind(int index, double value) { sqlite3_bind_double(statement_, index, value); }
+    void bind_null(int index) { sqlite3_bind_null(statement_, index); }
+    void bind_blob(int index, const void* bytes, std::size_t size);
+    // Empty text is null. Text that SQLite would not give back as it was is kept as a blob of its units.
+    void bind_text(int index, std::u16string_view text);
+
+    int step() { return sqlite3_step(statement_); }
+    void reset() { sqlite3_reset(statement_); }
+
+    bool is_null(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+    LONGLONG integer(int column) const { return sqlite3_column_int64(statement_, column); }
+    double real(int column) const { return sqlite3_column_double(statement_, column); }
+    // The units of a text or blob; valid until the next step.
+    std::u16string_view text(int column) const {
+        // In this order: asking for the bytes first could convert.
+        const void* units = sqlite3_column_blob(statement_, column);
+        const int size = sqlite3_column_bytes16(statement_, column);
+        return {static_cast<const WCHAR*>(units), static_cast<std::size_t>(size) / sizeof(WCHAR)};
+    }
+    std::string_view blob(int column) const {
+        const void* bytes = sqlite3_column_blob(statement_, column);
+        return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_column_bytes16(statement_, column))};
+    }
+
+private:
+    sqlite3_stmt* statement_;
+};
+
+// Resets a statement at the end of its use, so that it holds no lock and no bound text.
+class Use {
+public:
+    explicit Use(Statement* statement) : statement_(statement) {}
+    ~Use() {
+        if (statement_ != nullptr) statement_->reset();
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+    Statement* operator->() const { return statement_; }
+    explicit operator bool() const { return statement_ != nullptr; }
+
+private:
+    Statement* statement_;
+};
+
+class Database {
+public:
+    Database() = default;
+    ~Database();
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    HRESULT open(const std::string& path);
+    HRESULT execute(const char* sql);
+    // The statement for `sql`, a literal, prepared once. Empty on failure, which result() then describes.
+    Use use(const char* sql);
+    // Runs a statement that returns nothing.
+    HRESULT run(Use& statement);
+    // The first column of the first row of a literal's result; `otherwise` when there is no row.
+    HRESULT scalar(const char* sql, LONGLONG& value, LONGLONG otherwise = 0);
+    LONGLONG changes() const { return sqlite3_changes64(db_); }
+    bool in_transaction() const { return db_ != nullptr && sqlite3_get_autocommit(db_) == 0; }
+    // What the last failing call means.
+    HRESULT result();
+    sqlite3* handle() { return db_; }
+
+private:
+    sqlite3* db_ = nullptr;
+    std::string path_;
+    std::unordered_map<const char*, std::unique_ptr<Statement>> statements_;
+};
+
+}  // namespace zr::platform::pim

@@ -1,0 +1,383 @@
+#include "store.h"
+
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "last_error.h"
+#include "notifier.h"
+#include "schema.h"
+#include "state_folder.h"
+#include "utf.h"
+
+namespace zr::platform::pim {
+namespace {
+
+constexpr std::chrono::seconds kWriteRightTimeout{5};
+constexpr int kLargestWindow = 512;
+constexpr LONG kRunGap = 64;  // a walk may skip what is cached or deleted
+
+std::mutex stores_mutex;
+
+// Lives for ever: sessions may end in a static object's destructor.
+std::vector<std::weak_ptr<Store>>& stores() {
+    static auto* all = new std::vector<std::weak_ptr<Store>>;
+    return *all;
+}
+
+// A value as the store keeps it: text and bytes look alike there, the identifier says which it is.
+Value read_value(const Use& row, int column, CEPROPID id) {
+    switch (type_of(id)) {
+        case CEVT_R8:
+            return row->real(column);
+        case CEVT_LPWSTR:
+            return std::u16string(row->text(column));
+        case CEVT_BLOB: {
+            const std::string_view bytes = row->blob(column);
+            return std::vector<BYTE>(bytes.begin(), bytes.end());
+        }
+        default:
+            return row->integer(column);
+    }
+}
+
+}  // namespace
+
+Store::Store() : notifier_(std::make_unique<Notifier>(*this)) {
+    // A process is told apart from others by chance, not by number: numbers are used again.
+    if (getrandom(&origin_, sizeof origin_, 0) != sizeof origin_) origin_ = static_cast<DWORD>(getpid());
+    origin_ &= 0x7FFFFFFF;
+}
+
+Store::~Store() {
+    notifier_.reset();
+}
+
+HRESULT Store::join(std::shared_ptr<Store>& store) {
+    const Folder folder = state_folder();
+    if (!folder) return fail(HRESULT_FROM_WIN32(folder.error), folder.message);
+    const std::string path = folder.path + "/pim.db";
+    const std::lock_guard lock(stores_mutex);
+    auto& all = stores();
+    std::erase_if(all, [](const auto& each) { return each.expired(); });
+    if (access(suspicion(path).c_str(), F_OK) != 0) {
+        for (const auto& each : all) {
+            store = each.lock();
+            if (store && store->path_ == path) return S_OK;
+        }
+    }
+    store = std::make_shared<Store>();
+    const HRESULT result = store->open(path);
+    if (FAILED(result)) {
+        store.reset();
+        return result;
+    }
+    all.push_back(store);
+    return S_OK;
+}
+
+HRESULT Store::open(const std::string& path) {
+    path_ = path;
+    HRESULT result = open_store(path, reader_);
+    if (SUCCEEDED(result)) result = signal_.open(path + ".signal");
+    if (FAILED(result)) return result;
+    LONGLONG seq = 0;
+    result = reader_.scalar("SELECT max(seq) FROM change", seq);
+    if (FAILED(result)) return result;
+    seq_ = seq;
+    map_header();
+    return S_OK;
+}
+
+// The journal's index is shared memory of all processes and starts with two copies of its header, 48 bytes each. The
+// header changes with every commit: SQLite compares it to tell whether it has to look at anything else.
+void Store::map_header() {
+    sqlite3_file* file = nullptr;
+    if (sqlite3_file_control(reader_.handle(), "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK) return;
+    if (file == nullptr || file->pMethods == nullptr || file->pMethods->iVersion < 2) return;
+    constexpr int kRegion = 32768;
+    void volatile* region = nullptr;
+    if (file->pMethods->xShmMap(file, 0, kRegion, 0, &region) != SQLITE_OK) return;
+    shared_header_ = static_cast<const volatile ULONGLONG*>(region);
+}
+
+bool Store::header(Header& header) const {
+    if (shared_header_ == nullptr) return false;  // then every refresh looks at the log
+    for (int i = 0; i < 6; ++i) {
+        header.words[i] = __atomic_load_n(&shared_header_[i], __ATOMIC_RELAXED);
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return true;
+}
+
+HRESULT Store::refresh() {
+    Header now = {};
+    const bool known = header(now);
+    if (known && header_known_ && now == header_) return S_OK;
+    std::vector<Change> changes;
+    const HRESULT result = logged(seq_, static_cast<int>(kRecentChanges) + 1, changes);
+    if (FAILED(result)) return result;
+    if (changes.size() > kRecentChanges || (!changes.empty() && changes.front().seq != seq_ + 1)) {
+        LONGLONG seq = 0;
+        const HRESULT read = reader_.scalar("SELECT max(seq) FROM change", seq);
+        if (FAILED(read)) return read;
+        forget_all(seq);
+    } else {
+        for (const Change& change : changes) {
+            apply(change);
+        }
+    }
+    // The header from before the look: what came after it will show next time.
+    header_ = now;
+    header_known_ = known;
+    return S_OK;
+}
+
+void Store::apply(const Change& change) {
+    drop(change.oid);
+    recent_.push_back(change);
+    if (recent_.size() > kRecentChanges) recent_.pop_front();
+    seq_ = change.seq;
+    if (change.kind == ChangeKind::Folder) notifier_->folder_changed();
+}
+
+void Store::forget_all(LONGLONG seq) {
+    rows_.clear();
+    row_bytes_ = 0;
+    recent_.clear();
+    seq_ = seq;
+    notifier_->folder_changed();
+}
+
+bool Store::recent(LONGLONG seq, std::vector<Change>& changes) const {
+    const LONGLONG first = seq_ - static_cast<LONGLONG>(recent_.size()) + 1;
+    if (seq + 1 < first || seq > seq_) return false;
+    changes.assign(recent_.begin() + static_cast<std::ptrdiff_t>(seq + 1 - first), recent_.end());
+    return true;
+}
+
+HRESULT Store::logged(LONGLONG seq, int limit, std::vector<Change>& changes) {
+    const Use rows = reader_.use("SELECT seq, kind, oid, origin FROM change WHERE seq > ?1 ORDER BY seq LIMIT ?2");
+    if (!rows) return reader_.result();
+    rows->bind(1, seq);
+    rows->bind(2, limit);
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        changes.push_back({rows->integer(0), static_cast<ChangeKind>(rows->integer(1)),
+                           static_cast<LONG>(rows->integer(2)), static_cast<DWORD>(rows->integer(3))});
+    }
+    return code == SQLITE_DONE ? S_OK : reader_.result();
+}
+
+HRESULT Store::oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq) {
+    // One view of everything: identifiers in use are those below the next new one that are not free.
+    HRESULT result = reader_.execute("BEGIN");
+    if (FAILED(result)) return result;
+    const auto read = [&]() -> HRESULT {
+        const HRESULT head = reader_.scalar("SELECT max(seq) FROM change", seq);
+        if (FAILED(head)) return head;
+        const Use next = reader_.use("SELECT next FROM folder WHERE id = ?1");
+        if (!next) return reader_.result();
+        next->bind(1, folder);
+        if (next->step() != SQLITE_ROW) return reader_.result();
+        const auto end = static_cast<LONG>(next->integer(0));
+        const Use free = reader_.use("SELECT oid FROM free_oid WHERE oid BETWEEN ?1 AND ?2 ORDER BY oid");
+        if (!free) return reader_.result();
+        free->bind(1, first_oid(folder));
+        free->bind(2, last_oid(folder));
+        oids.reserve(static_cast<std::size_t>(end - first_oid(folder)));
+        LONG oid = first_oid(folder);
+        int code;
+        while ((code = free->step()) == SQLITE_ROW) {
+            for (const auto hole = static_cast<LONG>(free->integer(0)); oid < hole; ++oid) {
+                oids.push_back(oid);
+            }
+            ++oid;
+        }
+        for (; code == SQLITE_DONE && oid < end; ++oid) {
+            oids.push_back(oid);
+        }
+        return code == SQLITE_DONE ? S_OK : reader_.result();
+    };
+    result = read();
+    reader_.execute("COMMIT");
+    return result;
+}
+
+HRESULT Store::text(LONG oid, CEPROPID id, std::u16string& text) {
+    if (is_column(id) && folder_of(oid) == olFolderContacts) {
+        RowRef found;
+        const HRESULT result = row(oid, 1u << column_of(id), found);
+        if (SUCCEEDED(result)) text = found->text_of(column_of(id));
+        return result;
+    }
+    Value found;
+    const HRESULT result = value(oid, id, found);
+    if (const auto* units = std::get_if<std::u16string>(&found)) text = *units;
+    return result;
+}
+
+HRESULT Store::exists(LONG oid) {
+    if (folder_of(oid) == 0) return fail(kGone);
+    if (folder_of(oid) == olFolderContacts) {
+        RowRef found;
+        return row(oid, 0, found);
+    }
+    const Use entry = reader_.use("SELECT 1 FROM entry WHERE oid = ?1");
+    if (!entry) return reader_.result();
+    entry->bind(1, oid);
+    const int code = entry->step();
+    return code == SQLITE_ROW ? S_OK : code == SQLITE_DONE ? fail(kGone) : reader_.result();
+}
+
+RowRef Store::cached(LONG oid) const {
+    const auto index = static_cast<std::size_t>(oid);
+    return index < rows_.size() ? rows_[index] : RowRef();
+}
+
+void Store::drop(LONG oid) {
+    const auto index = static_cast<std::size_t>(oid);
+    if (index >= rows_.size() || !rows_[index]) return;
+    row_bytes_ -= rows_[index]->bytes();
+    rows_[index].reset();
+}
+
+void Store::keep(RowRef row) {
+    if (row_bytes_ > kCacheBytes) {
+        rows_.clear();
+        row_bytes_ = 0;
+    }
+    const auto index = static_cast<std::size_t>(row->oid());
+    drop(row->oid());
+    if (index >= rows_.size()) rows_.resize(std::max(index + 1, rows_.size() + rows_.size() / 2));
+    row_bytes_ += row->bytes();
+    rows_[index] = std::move(row);
+}
+
+const char* Store::batch_sql(ColumnMask mask) {
+    std::string& sql = batch_sql_[mask];
+    if (sql.empty()) {
+        sql = "SELECT oid";
+        for (unsigned i = 0; i < kColumns; ++i) {
+            if ((mask >> i & 1) != 0) sql += std::string(", ") + kColumnNames[i];
+        }
+        if (mask == kAllColumns) sql += ", own_file_as";
+        sql += " FROM contact WHERE oid >= ?1 ORDER BY oid LIMIT ?2";
+    }
+    return sql.c_str();
+}
+
+HRESULT Store::fetch(LONG oid, int count, ColumnMask mask, LONG& last) {
+    // Walks settle on few sets of columns; a program that does not reads all of them.
+    if (batch_sql_.size() > 24 && !batch_sql_.contains(mask)) mask = kAllColumns;
+    const Use rows = reader_.use(batch_sql(mask));
+    if (!rows) return reader_.result();
+    rows->bind(1, oid);
+    rows->bind(2, count);
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        last = static_cast<LONG>(rows->integer(0));
+        std::u16string_view texts[kColumns];
+        int at = 1;
+        for (unsigned i = 0; i < kColumns; ++i) {
+            if ((mask >> i & 1) != 0) texts[i] = rows->text(at++);
+        }
+        RowRef row = RowRef::adopt(Row::make(last, mask, mask == kAllColumns && rows->integer(at) != 0, texts));
+        if (!row) return fail(E_OUTOFMEMORY);
+        keep(std::move(row));
+    }
+    return code == SQLITE_DONE ? S_OK : reader_.result();
+}
+
+Store::Run& Store::run_for(LONG oid) {
+    for (Run& run : runs_) {
+        if (oid < run.next || oid >= run.next + kRunGap || run.next == 0) continue;
+        runs_[0].used_last = &run == &runs_[0];
+        run.window = std::min(run.window * 4, kLargestWindow);
+        return run;
+    }
+    Run& run = runs_[runs_[0].used_last ? 1 : 0];
+    runs_[0].used_last = &run == &runs_[0];
+    run.next = 0;
+    run.window = 1;
+    return run;
+}
+
+// The first row of a walk is read whole; the following ones are read ahead, with the columns that were asked for.
+HRESULT Store::row(LONG oid, ColumnMask need, RowRef& row) {
+    row = cached(oid);
+    if (row && row->has(need)) return S_OK;
+    Run& run = run_for(oid);
+    ColumnMask mask = kAllColumns;
+    if (run.window == 1) {
+        seen_.store(need, std::memory_order_relaxed);
+    } else {
+        note_reads(need);
+        mask = seen_.load(std::memory_order_relaxed);
+        if (mask == 0) mask = kAllColumns;
+    }
+    LONG last = 0;
+    const HRESULT result = fetch(oid, run.window, mask, last);
+    if (FAILED(result)) return result;
+    run.next = last + 1;
+    row = cached(oid);
+    return row && row->has(need) ? S_OK : fail(kGone);
+}
+
+HRESULT Store::read_ahead() {
+    ColumnMask mask = seen_.load(std::memory_order_relaxed);
+    if (mask == 0) mask = kAllColumns;
+    LONG last = 0;
+    const auto room = static_cast<int>(kCacheBytes / 512);  // most contacts are smaller than that
+    return fetch(1, room, mask, last);
+}
+
+HRESULT Store::value(LONG oid, CEPROPID id, Value& value) {
+    const Use rows = reader_.use("SELECT value FROM property WHERE oid = ?1 AND id = ?2");
+    if (!rows) return reader_.result();
+    rows->bind(1, oid);
+    rows->bind(2, id);
+    const int code = rows->step();
+    if (code == SQLITE_ROW) value = read_value(rows, 0, id);
+    return code == SQLITE_ROW || code == SQLITE_DONE ? S_OK : reader_.result();
+}
+
+HRESULT Store::values(LONG oid, bool named, Values& values) {
+    const Use rows = reader_.use("SELECT id, value FROM property WHERE oid = ?1 ORDER BY id");
+    if (!rows) return reader_.result();
+    rows->bind(1, oid);
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        const auto id = static_cast<CEPROPID>(rows->integer(0));
+        if (named || !is_named_field(id)) values.set(id, read_value(rows, 1, id));
+    }
+    return code == SQLITE_DONE ? S_OK : reader_.result();
+}
+
+HRESULT Store::take_write_right() {
+    std::unique_lock lock(write_mutex_);
+    if (writing_ && writing_thread_ == std::this_thread::get_id())
+        return fail(kBusy, "Another session of this thread has a batch open in the contact store.");
+    if (!write_free_.wait_for(lock, kWriteRightTimeout, [this] { return !writing_; })) return fail(kBusy);
+    if (!writer_) {
+        auto writer = std::make_unique<Database>();
+        const HRESULT result = open_connection(path_, *writer);
+        if (FAILED(result)) return result;
+        writer_ = std::move(writer);
+    }
+    writing_ = true;
+    writing_thread_ = std::this_thread::get_id();
+    return S_OK;
+}
+
+void Store::give_write_right() {
+    {
+        const std::lock_guard lock(write_mutex_);
+        writing_ = false;
+    }
+    write_free_.notify_one();
+}
+
+}  // namespace zr::platform::pim

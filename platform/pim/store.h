@@ -1,0 +1,203 @@
+#pragma once
+
+// The contact store as one process sees it: a connection that reads, what was read lately, and one that writes.
+//
+// Freshness. Every read first compares the journal's shared header, which SQLite itself compares to tell whether its
+// view is the newest, with the one of the last comparison. Equal: nothing was committed, and the cache holds. Not
+// equal: the change log says what happened since, and what it names is dropped. The cache is thus never older than a
+// commit that came before the read.
+//
+// Locks. `lock()` guards the reading side. The right to write is one per process (Transaction); it is taken before,
+// never while, the reading side is locked.
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fields.h"
+#include "row.h"
+#include "signal_file.h"
+#include "sqlite.h"
+#include "values.h"
+
+namespace zr::platform::pim {
+
+class Notifier;
+
+enum class ChangeKind : LONG { Created = 0, Deleted = 1, Changed = 2, Folder = 3 };
+
+struct Change {
+    LONGLONG seq;
+    ChangeKind kind;
+    LONG oid;
+    DWORD origin;
+};
+
+class Store {
+public:
+    // The process's store for the present ZR_HOME, opened if need be.
+    static HRESULT join(std::shared_ptr<Store>& store);
+    Store();
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    const std::string& path() const { return path_; }
+    DWORD origin() const { return origin_; }
+    SignalFile& signal() { return signal_; }
+    Notifier& notifier() { return *notifier_; }
+
+    // --- reading; all of these with the lock held ---
+    std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex_); }
+    // Takes notice of every commit up to now.
+    HRESULT refresh();
+    LONGLONG seq() const { return seq_; }
+    // The changes behind `seq` that are still at hand, in order; false when some are not.
+    bool recent(LONGLONG seq, std::vector<Change>& changes) const;
+    // From the log itself, at most `limit`.
+    HRESULT logged(LONGLONG seq, int limit, std::vector<Change>& changes);
+    // The identifiers of a folder in their order, and the change up to which that holds.
+    HRESULT oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq);
+    // A text field of every item of a folder that has one.
+    template <class Visitor>
+    HRESULT each_text(INT folder, CEPROPID id, Visitor visit);
+    HRESULT text(LONG oid, CEPROPID id, std::u16string& text);
+    HRESULT exists(LONG oid);
+    // What is at hand of a contact; may be nothing, may lack columns.
+    RowRef cached(LONG oid) const;
+    // A contact's row with at least these columns; it and, on a walk, some that follow are read.
+    HRESULT row(LONG oid, ColumnMask need, RowRef& row);
+    // Reads a whole folder of contacts ahead, for walks in another order than the identifiers'.
+    HRESULT read_ahead();
+    HRESULT value(LONG oid, CEPROPID id, Value& value);
+    // All properties of an item, the named fields' only if `named`.
+    HRESULT values(LONG oid, bool named, Values& values);
+
+    // Which columns callers read; lets a walk leave out the others.
+    void note_reads(ColumnMask columns) {
+        if ((seen_.load(std::memory_order_relaxed) & columns) != columns)
+            seen_.fetch_or(columns, std::memory_order_relaxed);
+    }
+
+private:
+    friend class Transaction;
+    struct Header {
+        ULONGLONG words[6];
+        friend bool operator==(const Header&, const Header&) = default;
+    };
+    // A walk over identifiers: where it goes on (0: nowhere) and how many rows it reads at a time.
+    struct Run {
+        LONG next = 0;
+        int window = 1;
+        bool used_last = false;
+    };
+
+    HRESULT open(const std::string& path);
+    void map_header();
+    bool header(Header& header) const;
+    void apply(const Change& change);
+    void forget_all(LONGLONG seq);
+    void drop(LONG oid);
+    void keep(RowRef row);
+    const char* batch_sql(ColumnMask mask);
+    HRESULT fetch(LONG oid, int count, ColumnMask mask, LONG& last);
+    Run& run_for(LONG oid);
+
+    HRESULT take_write_right();
+    void give_write_right();
+
+    static constexpr std::size_t kCacheBytes = 64u << 20;
+    static constexpr std::size_t kRecentChanges = 8192;
+
+    std::string path_;
+    DWORD origin_ = 0;
+    SignalFile signal_;
+    std::unique_ptr<Notifier> notifier_;
+
+    std::mutex mutex_;
+    Database reader_;
+    const volatile ULONGLONG* shared_header_ = nullptr;
+    Header header_ = {};
+    bool header_known_ = false;
+    LONGLONG seq_ = 0;
+    std::deque<Change> recent_;
+    std::vector<RowRef> rows_;  // by identifier
+    std::size_t row_bytes_ = 0;
+    std::map<ColumnMask, std::string> batch_sql_;
+    Run runs_[2];
+    std::atomic<ColumnMask> seen_{0};
+
+    std::mutex write_mutex_;
+    std::condition_variable write_free_;
+    bool writing_ = false;
+    std::thread::id writing_thread_;
+    std::unique_ptr<Database> writer_;
+};
+
+// A write transaction; rolled back unless committed.
+class Transaction {
+public:
+    Transaction() = default;
+    ~Transaction() { rollback(); }
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    HRESULT begin(Store& store);
+    bool open() const { return store_ != nullptr; }
+    // Keeps everything, wakes the watchers, reports to this process's windows. On failure nothing is kept.
+    HRESULT commit();
+    void rollback();
+
+    // A failure other than kGone leaves the transaction good for nothing but a rollback.
+    HRESULT insert(INT folder, const Values& values, LONG& oid);
+    HRESULT update(LONG oid, const Values& values);
+    HRESULT remove(LONG oid);
+    HRESULT update_folder(INT folder, const Values& values);
+    bool failed() const { return failed_; }
+
+private:
+    HRESULT checked(HRESULT result);
+    HRESULT take_oid(INT folder, LONG& oid);
+    HRESULT insert_contact(LONG oid, const Values& values);
+    HRESULT update_contact(LONG oid, const Values& values);
+    HRESULT write_properties(LONG oid, const Values& values);
+    HRESULT log(ChangeKind kind, LONG oid);
+    HRESULT prune();
+
+    Store* store_ = nullptr;
+    Database* db_ = nullptr;
+    LONGLONG first_seq_ = 0;
+    LONGLONG seq_ = 0;
+    INT full_folder_ = 0;  // this folder has no free identifier below the next new one
+    bool failed_ = false;
+};
+
+template <class Visitor>
+HRESULT Store::each_text(INT folder, CEPROPID id, Visitor visit) {
+    std::string column_sql;
+    if (is_column(id))
+        column_sql =
+            std::string("SELECT oid, ") + kColumnNames[column_of(id)] + " FROM contact WHERE oid BETWEEN ?1 AND ?2";
+    else
+        column_sql = "SELECT oid, value FROM property WHERE oid BETWEEN ?1 AND ?2 AND id = " + std::to_string(id);
+    sqlite3_stmt* prepared = nullptr;
+    if (sqlite3_prepare_v2(reader_.handle(), column_sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK)
+        return reader_.result();
+    Statement statement(prepared);
+    statement.bind(1, first_oid(folder));
+    statement.bind(2, last_oid(folder));
+    int code;
+    while ((code = statement.step()) == SQLITE_ROW) {
+        visit(static_cast<LONG>(statement.integer(0)), statement.text(1));
+    }
+    return code == SQLITE_DONE ? S_OK : reader_.result();
+}
+
+}  // namespace zr::platform::pim

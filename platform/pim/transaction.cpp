@@ -1,0 +1,262 @@
+#include <algorithm>
+
+#include "file_as.h"
+#include "last_error.h"
+#include "notifier.h"
+#include "store.h"
+
+namespace zr::platform::pim {
+namespace {
+
+// The log keeps at least this many changes, so that caches seldom have to start over.
+constexpr LONGLONG kKeptChanges = 8192;
+constexpr LONGLONG kPruneEvery = 1024;
+
+constexpr const char* kInsertContact =
+    "INSERT INTO contact(file_as, title, first_name, middle_name, last_name, suffix, company, email1, email2, email3,"
+    " job_title, own_file_as, oid) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13)";
+constexpr const char* kUpdateContact =
+    "UPDATE contact SET file_as = ?1, title = ?2, first_name = ?3, middle_name = ?4, last_name = ?5, suffix = ?6,"
+    " company = ?7, email1 = ?8, email2 = ?9, email3 = ?10, job_title = ?11, own_file_as = ?12 WHERE oid = ?13";
+constexpr const char* kReadContact =
+    "SELECT file_as, title, first_name, middle_name, last_name, suffix, company, email1, email2, email3, job_title,"
+    " own_file_as FROM contact WHERE oid = ?1";
+
+// A contact's columns with what is to be saved laid over them.
+struct Columns {
+    std::u16string_view texts[kColumns];
+    bool own_file_as = false;
+    std::u16string file_as;
+
+    void lay_over(const Values& values) {
+        for (const auto& [id, value] : values.entries()) {
+            if (!is_column(id)) continue;
+            const auto* text = std::get_if<std::u16string>(&value);
+            texts[column_of(id)] = text != nullptr ? std::u16string_view(*text) : std::u16string_view();
+            if (id == field::FileAs) own_file_as = !texts[kFileAs].empty();
+        }
+        if (own_file_as) return;
+        file_as = file_as_from(texts);
+        texts[kFileAs] = file_as;
+    }
+    void bind(const Use& statement, LONG oid) const {
+        for (unsigned i = 0; i < kColumns; ++i) {
+            statement->bind_text(static_cast<int>(i) + 1, texts[i]);
+        }
+        statement->bind(static_cast<int>(kColumns) + 1, own_file_as ? 1 : 0);
+        statement->bind(static_cast<int>(kColumns) + 2, oid);
+    }
+};
+
+void bind_value(const Use& statement, int index, const Value& value) {
+    if (const auto* integer = std::get_if<LONGLONG>(&value)) {
+        statement->bind(index, *integer);
+    } else if (const auto* real = std::get_if<double>(&value)) {
+        statement->bind(index, *real);
+    } else if (const auto* text = std::get_if<std::u16string>(&value)) {
+        statement->bind_text(index, *text);
+    } else if (const auto* bytes = std::get_if<std::vector<BYTE>>(&value)) {
+        statement->bind_blob(index, bytes->data(), bytes->size());
+    }
+}
+
+}  // namespace
+
+HRESULT Transaction::begin(Store& store) {
+    HRESULT result = store.take_write_right();
+    if (FAILED(result)) return result;
+    db_ = store.writer_.get();
+    result = db_->execute("BEGIN IMMEDIATE");
+    if (SUCCEEDED(result)) result = db_->scalar("SELECT max(seq) FROM change", seq_);
+    store_ = &store;
+    first_seq_ = seq_;
+    full_folder_ = 0;
+    failed_ = false;
+    if (FAILED(result)) rollback();
+    return result;
+}
+
+HRESULT Transaction::checked(HRESULT result) {
+    if (FAILED(result)) failed_ = true;
+    return result;
+}
+
+void Transaction::rollback() {
+    if (store_ == nullptr) return;
+    if (db_->in_transaction()) sqlite3_exec(db_->handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    std::exchange(store_, nullptr)->give_write_right();
+}
+
+HRESULT Transaction::commit() {
+    if (failed_) {
+        rollback();
+        return fail(E_ABORT, "A change of the batch failed; nothing of the batch was kept.");
+    }
+    HRESULT result = S_OK;
+    const bool changed = seq_ != first_seq_;
+    if (seq_ / kPruneEvery != first_seq_ / kPruneEvery) result = prune();
+    if (SUCCEEDED(result)) result = db_->execute("COMMIT");
+    if (FAILED(result)) {
+        rollback();
+        return result;
+    }
+    Store& store = *std::exchange(store_, nullptr);
+    store.give_write_right();
+    if (changed) {
+        store.signal().touch();
+        store.notifier().dispatch();
+    }
+    return S_OK;
+}
+
+HRESULT Transaction::prune() {
+    const LONGLONG end = std::min(seq_ - kKeptChanges, store_->signal().oldest_position(seq_));
+    Use statement = db_->use("DELETE FROM change WHERE seq <= ?1");
+    if (!statement) return db_->result();
+    statement->bind(1, end);
+    return db_->run(statement);
+}
+
+HRESULT Transaction::log(ChangeKind kind, LONG oid) {
+    Use statement = db_->use("INSERT INTO change(seq, kind, oid, origin) VALUES(?1, ?2, ?3, ?4)");
+    if (!statement) return db_->result();
+    statement->bind(1, ++seq_);
+    statement->bind(2, static_cast<LONG>(kind));
+    statement->bind(3, oid);
+    statement->bind(4, store_->origin());
+    return db_->run(statement);
+}
+
+HRESULT Transaction::take_oid(INT folder, LONG& oid) {
+    if (full_folder_ != folder) {
+        const Use lowest = db_->use("SELECT min(oid) FROM free_oid WHERE oid BETWEEN ?1 AND ?2");
+        if (!lowest) return db_->result();
+        lowest->bind(1, first_oid(folder));
+        lowest->bind(2, last_oid(folder));
+        if (lowest->step() != SQLITE_ROW) return db_->result();
+        if (!lowest->is_null(0)) {
+            oid = static_cast<LONG>(lowest->integer(0));
+            Use taken = db_->use("DELETE FROM free_oid WHERE oid = ?1");
+            if (!taken) return db_->result();
+            taken->bind(1, oid);
+            return db_->run(taken);
+        }
+        full_folder_ = folder;
+    }
+    const Use next = db_->use("UPDATE folder SET next = next + 1 WHERE id = ?1 AND next <= ?2 RETURNING next - 1");
+    if (!next) return db_->result();
+    next->bind(1, folder);
+    next->bind(2, last_oid(folder));
+    const int code = next->step();
+    if (code == SQLITE_DONE) return fail(E_OUTOFMEMORY, "The folder has no identifier left for another item.");
+    if (code != SQLITE_ROW) return db_->result();
+    oid = static_cast<LONG>(next->integer(0));
+    return next->step() == SQLITE_DONE ? S_OK : db_->result();
+}
+
+HRESULT Transaction::insert(INT folder, const Values& values, LONG& oid) {
+    LONG fresh = 0;
+    HRESULT result = take_oid(folder, fresh);
+    if (SUCCEEDED(result)) {
+        if (folder == olFolderContacts) {
+            result = insert_contact(fresh, values);
+        } else {
+            Use entry = db_->use("INSERT INTO entry(oid) VALUES(?1)");
+            if (entry) entry->bind(1, fresh);
+            result = db_->run(entry);
+        }
+    }
+    if (SUCCEEDED(result)) result = write_properties(fresh, values);
+    if (SUCCEEDED(result)) result = log(ChangeKind::Created, fresh);
+    if (SUCCEEDED(result)) oid = fresh;
+    return checked(result);
+}
+
+HRESULT Transaction::insert_contact(LONG oid, const Values& values) {
+    Columns columns;
+    columns.lay_over(values);
+    Use statement = db_->use(kInsertContact);
+    if (!statement) return db_->result();
+    columns.bind(statement, oid);
+    return db_->run(statement);
+}
+
+HRESULT Transaction::update_contact(LONG oid, const Values& values) {
+    const Use present = db_->use(kReadContact);
+    if (!present) return db_->result();
+    present->bind(1, oid);
+    const int code = present->step();
+    if (code == SQLITE_DONE) return kGone;
+    if (code != SQLITE_ROW) return db_->result();
+    Columns columns;
+    std::u16string kept[kColumns];  // the row goes away while the statement writes
+    for (unsigned i = 0; i < kColumns; ++i) {
+        kept[i] = present->text(static_cast<int>(i));
+        columns.texts[i] = kept[i];
+    }
+    columns.own_file_as = present->integer(kColumns) != 0;
+    present->reset();
+    columns.lay_over(values);
+    Use statement = db_->use(kUpdateContact);
+    if (!statement) return db_->result();
+    columns.bind(statement, oid);
+    return db_->run(statement);
+}
+
+HRESULT Transaction::update(LONG oid, const Values& values) {
+    HRESULT result = S_OK;
+    if (folder_of(oid) == olFolderContacts) {
+        result = update_contact(oid, values);
+    } else {
+        const Use entry = db_->use("SELECT 1 FROM entry WHERE oid = ?1");
+        if (!entry) return checked(db_->result());
+        entry->bind(1, oid);
+        const int code = entry->step();
+        result = code == SQLITE_ROW ? S_OK : code == SQLITE_DONE ? kGone : db_->result();
+    }
+    if (result == kGone) return fail(kGone);  // nothing was written: the transaction is as good as before
+    if (SUCCEEDED(result)) result = write_properties(oid, values);
+    if (SUCCEEDED(result)) result = log(ChangeKind::Changed, oid);
+    return checked(result);
+}
+
+HRESULT Transaction::write_properties(LONG oid, const Values& values) {
+    for (const auto& [id, value] : values.entries()) {
+        if (is_column(id)) continue;
+        const bool removed = std::holds_alternative<std::monostate>(value);
+        Use statement = db_->use(removed ? "DELETE FROM property WHERE oid = ?1 AND id = ?2"
+                                         : "INSERT OR REPLACE INTO property(oid, id, value) VALUES(?1, ?2, ?3)");
+        if (!statement) return db_->result();
+        statement->bind(1, oid);
+        statement->bind(2, id);
+        if (!removed) bind_value(statement, 3, value);
+        const HRESULT result = db_->run(statement);
+        if (FAILED(result)) return result;
+    }
+    return S_OK;
+}
+
+HRESULT Transaction::remove(LONG oid) {
+    const bool contact = folder_of(oid) == olFolderContacts;
+    Use statement = db_->use(contact ? "DELETE FROM contact WHERE oid = ?1" : "DELETE FROM entry WHERE oid = ?1");
+    if (statement) statement->bind(1, oid);
+    HRESULT result = db_->run(statement);
+    if (SUCCEEDED(result) && db_->changes() == 0) return fail(kGone);
+    for (const char* sql : {"DELETE FROM property WHERE oid = ?1", "INSERT INTO free_oid(oid) VALUES(?1)"}) {
+        if (FAILED(result)) break;
+        Use step = db_->use(sql);
+        if (step) step->bind(1, oid);
+        result = db_->run(step);
+    }
+    if (SUCCEEDED(result)) result = log(ChangeKind::Deleted, oid);
+    full_folder_ = 0;
+    return checked(result);
+}
+
+HRESULT Transaction::update_folder(INT folder, const Values& values) {
+    HRESULT result = write_properties(folder_oid(folder), values);
+    if (SUCCEEDED(result)) result = log(ChangeKind::Folder, folder_oid(folder));
+    return checked(result);
+}
+
+}  // namespace zr::platform::pim
