@@ -66,6 +66,8 @@ struct ThreadAccess {
     static void request_end(Thread& thread, DWORD code) noexcept;
     [[noreturn]] static void end_current(Thread& self, DWORD code);  // unwinds
     static void finish(Thread& self) noexcept;                       // hooks, mutexes, signal
+    static bool is_unwinding(const Thread& self) noexcept { return self.unwinding_; }
+    [[noreturn]] static void cut_off(Thread& self);  // leaves the rest of the stack as it is
     static DWORD requested_code(const Thread& self) noexcept { return self.requested_code_.load(); }
 
     // Beginning. The calling thread becomes the record's, which has one reference for as long as the thread runs.

@@ -120,6 +120,7 @@ void ThreadAccess::request_end(Thread& thread, DWORD code) noexcept {
 // A hook may run code that ends the thread once more; the second time takes up where the first one was.
 void ThreadAccess::finish(Thread& self) noexcept {
     self.ending_ = true;
+    self.unwinding_ = false;
     if (self.hooks_left_ < 0) {
         const std::lock_guard guard(hooks_lock);
         self.hooks_left_ = hook_count;

@@ -1,13 +1,17 @@
 // How a thread ends before its routine returns.
 //
-// The stack is unwound, so that everything on it that has a destructor gives back what it holds. Unwinding that meets a
-// function declared noexcept (every destructor is one) would end the whole process, and a catch (...) could swallow it.
-// So before each frame is unwound its exception table is asked, in the way a throw asks it, whether it would stop an
-// exception. Up to the first frame that would, the stack is unwound; the rest of it is left by a jump to the thread's
-// first frame, as the platform's own threads are ended. A thread that CreateThread did not make has no such frame: it
-// ends by pthread_exit when nothing stands in the way, and is otherwise taken off the processor where it is.
+// The stack is unwound, so that everything on it that has a destructor gives back what it holds. Two things on it could
+// spoil that. A catch (...) could swallow the end: so before each frame is unwound its exception table is asked, in the
+// way a throw asks it, whether it would stop an exception. And a function declared noexcept (every destructor is one)
+// calls std::terminate when it is unwound, which its table tells only sometimes: so a terminate handler knows the
+// threads that are being unwound. In both cases the rest of the stack is cut off, by a jump to the thread's first
+// frame. A thread that CreateThread did not make has no such frame: it ends by pthread_exit where nothing stands in the
+// way, and is otherwise taken off the processor where it is.
 
 #include <pthread.h>
+
+#include <cstdlib>
+#include <exception>
 
 #include "engine.h"
 #include "platform/kernel.h"
@@ -41,14 +45,13 @@ _Unwind_Reason_Code before_frame(int, _Unwind_Action actions, _Unwind_Exception_
     return _URC_NO_REASON;
 }
 
-[[noreturn]] void unwind(ThreadStart& start) {
+void unwind(ThreadStart& start) {
     start.exception = {};
     start.exception.exception_class = kThreadEnd;
     _Unwind_ForcedUnwind(&start.exception, before_frame, &start);
-    longjmp(start.base, 1);
 }
 
-bool stack_is_free() noexcept {
+bool stack_is_free() {
     struct Search {
         _Unwind_Exception exception;
         bool stopped;
@@ -66,27 +69,50 @@ bool stack_is_free() noexcept {
 
 #else
 
-[[noreturn]] void unwind(ThreadStart& start) {
-    longjmp(start.base, 1);
-}
+void unwind(ThreadStart&) {}
 
-bool stack_is_free() noexcept {
+bool stack_is_free() {
     return false;
 }
 
 #endif
 
+std::atomic<std::terminate_handler> next_handler = nullptr;
+
+void on_terminate() {
+    if (current_thread && ThreadAccess::is_unwinding(*current_thread)) ThreadAccess::cut_off(*current_thread);
+    if (const std::terminate_handler next = next_handler) next();
+    std::abort();
+}
+
+// The program may have put a handler of its own in front since the last time.
+void watch_for_terminate() noexcept {
+    static FutexLock lock;
+    const std::lock_guard guard(lock);
+    if (std::get_terminate() != on_terminate) next_handler = std::set_terminate(on_terminate);
+}
+
 }  // namespace
 
-void ThreadAccess::end_current(Thread& self, DWORD code) {
-    self.code_ = code;
-    self.ending_ = true;
-    if (self.start_) unwind(*self.start_);
-    if (stack_is_free()) pthread_exit(nullptr);
+void ThreadAccess::cut_off(Thread& self) {
+    if (self.start_) longjmp(self.start_->base, 1);
     finish(self);
     for (;;) {
         syscall(SYS_exit, 0);
     }
+}
+
+void ThreadAccess::end_current(Thread& self, DWORD code) {
+    self.code_ = code;
+    self.ending_ = true;
+    watch_for_terminate();
+    self.unwinding_ = true;
+    if (self.start_) {
+        unwind(*self.start_);
+    } else if (stack_is_free()) {
+        pthread_exit(nullptr);
+    }
+    cut_off(self);
 }
 
 }  // namespace zr::platform

@@ -54,6 +54,7 @@ private:
     std::atomic<DWORD> requested_code_{0};
     DWORD code_ = 0;
     bool ending_ = false;
+    bool unwinding_ = false;
     int hooks_left_ = -1;
 
     // The wait under way. The parking word is what the thread sleeps on; the others are guarded by the engine's lock.
