@@ -156,10 +156,10 @@ inline LPCWSTR MAKEINTATOM(ATOM atom) {
 // CREATESTRUCTW before the call returns, as on the handheld without WM_NCCREATE before it; the answer -1 destroys the
 // window (WM_DESTROY, WM_NCDESTROY) and the call returns NULL. A window with a parent is a child, whatever its style,
 // and is destroyed with its parent; a child made by another thread than its parent's goes as soon as that thread
-// next serves messages. `menu` is a child's identifier (GWL_ID). NULL: ERROR_CANNOT_FIND_WND_CLASS, an invalid parent
-// ERROR_INVALID_WINDOW_HANDLE, more than 100 levels ERROR_INVALID_PARAMETER,
-// WS_CHILD without parent ERROR_TLW_WITH_WSCHILD, ERROR_NOT_ENOUGH_MEMORY (65,000
-// windows at once are the most).
+// next serves messages. `menu` is a child's identifier (GWL_ID). NULL: ERROR_CANNOT_FIND_WND_CLASS,
+// ERROR_INVALID_WINDOW_HANDLE for a parent that is none or is being destroyed, ERROR_TLW_WITH_WSCHILD for WS_CHILD
+// without parent, ERROR_INVALID_PARAMETER below 100 levels of parents, ERROR_NOT_ENOUGH_MEMORY (also with 65,000
+// windows in the process).
 ZRPLATFORM_API HWND CreateWindowExW(DWORD ex_style, LPCWSTR class_name, LPCWSTR title, DWORD style, int x, int y,
                                     int width, int height, HWND parent, HMENU menu, HINSTANCE instance, LPVOID param);
 
