@@ -1,0 +1,123 @@
+// The library loaded and unloaded at run time. This program does not link it: it calls what it needs through dlsym and
+// through the contacts manager's virtual operations.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "ZrUtility/Helpers/ContactsManager.h"
+#include "platform/com.h"
+#include "platform/diagnostics.h"
+#include "platform/windowing.h"
+
+namespace {
+
+struct Alive {
+    LONGLONG interfaces = ZrLiveObjects(ZrLiveKind::Interfaces);
+    LONGLONG strings = ZrLiveObjects(ZrLiveKind::Strings);
+    LONGLONG windows = ZrLiveObjects(ZrLiveKind::Windows);
+    LONGLONG blocks = ZrLiveObjects(ZrLiveKind::HeapBlocks);
+    friend bool operator==(const Alive&, const Alive&) = default;
+};
+
+bool is_mapped() {
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find("libZrUtility") != std::string::npos) return true;
+    }
+    return false;
+}
+
+class Library {
+public:
+    Library() : handle_(dlopen(ZR_LIBRARY, RTLD_NOW | RTLD_LOCAL)) { EXPECT_NE(handle_, nullptr) << dlerror(); }
+    ~Library() { unload(); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+
+    void unload() {
+        if (handle_ == nullptr) return;
+        EXPECT_EQ(dlclose(handle_), 0);
+        handle_ = nullptr;
+    }
+    ContactsManager& manager() const {
+        // OutlookManager::GetContactsManagerInstance
+        void* const function =
+            dlsym(handle_, "_ZN14OutlookManager26GetContactsManagerInstanceEN15ContactsManager15CM_MANAGER_TYPEE");
+        EXPECT_NE(function, nullptr);
+        return *reinterpret_cast<ContactsManager* (*)(ContactsManager::CM_MANAGER_TYPE)>(function)(
+            ContactsManager::CM_TYPE_EMAIL);
+    }
+
+private:
+    void* handle_;
+};
+
+// Opens and closes the store once, so that what the process keeps of it is there before anything is counted.
+void warm_up() {
+    Library library;
+    ASSERT_GE(library.manager().Initialize(), 0);
+    ASSERT_GE(library.manager().Uninitialize(0), 0);
+}
+
+}  // namespace
+
+TEST(Unload, TheLibraryGoesWhenItWasNotUsed) {
+    const Alive before;
+    for (int round = 0; round < 50; ++round) {
+        Library library;
+        EXPECT_TRUE(is_mapped());
+        library.unload();
+        ASSERT_FALSE(is_mapped()) << round;
+    }
+    EXPECT_EQ(Alive(), before);
+}
+
+TEST(Unload, TheLibraryGoesAfterUse) {
+    warm_up();
+    const Alive before;
+    for (int round = 0; round < 20; ++round) {
+        Library library;
+        ASSERT_GE(library.manager().Initialize(), 0);
+        ASSERT_TRUE(library.manager().IsInitialized());
+        ASSERT_GE(library.manager().Uninitialize(0), 0);
+        library.unload();
+        ASSERT_FALSE(is_mapped()) << round;
+        ASSERT_EQ(Alive(), before) << round;
+    }
+}
+
+TEST(Unload, AManagerThatIsStillInUseIsEnded) {
+    warm_up();
+    const Alive before;
+    for (int round = 0; round < 20; ++round) {
+        Library library;
+        ASSERT_GE(library.manager().Initialize(), 0);
+        ASSERT_GE(library.manager().Initialize(), 0);
+        // Whoever unloads may have given COM back already.
+        if (round % 2 != 0) CoUninitialize();
+        library.unload();
+        ASSERT_FALSE(is_mapped()) << round;
+        ASSERT_EQ(Alive(), before) << round;
+    }
+}
+
+TEST(Unload, AWindowOfAnotherThreadIsHarmlessAfterwards) {
+    warm_up();
+    const Alive before;
+    std::thread([] {
+        Library library;
+        ASSERT_GE(library.manager().Initialize(), 0);
+        const HWND window = FindWindowW(u"kel.net.Contacts.Listener", nullptr);
+        ASSERT_NE(window, nullptr);
+        std::thread([&library] { library.unload(); }).join();
+        EXPECT_FALSE(is_mapped());
+        // Its procedure is gone with the library; messages to it must not go there.
+        EXPECT_EQ(SendMessageW(window, 0x8100, 1, 0), 0);
+        EXPECT_TRUE(DestroyWindow(window));
+    }).join();
+    EXPECT_EQ(Alive(), before);
+}
