@@ -22,7 +22,6 @@ namespace {
 constexpr int kChunk = 512;
 constexpr int kRetryMilliseconds = 20;
 constexpr INT kFolders[] = {olFolderCalendar, olFolderContacts, olFolderTasks};
-constexpr DWORD kQueueFull = 1816;  // ERROR_NOT_ENOUGH_QUOTA
 
 void drain(int file) {
     char buffer[4096];
@@ -191,7 +190,7 @@ bool Notifier::post(Window& window, const Change& change) {
     const UINT message = (local ? PIM_ITEM_CREATED_LOCAL : PIM_ITEM_CREATED_REMOTE) + static_cast<UINT>(change.kind);
     const DWORD error_before = GetLastError();
     const BOOL posted = PostMessageW(window.window, message, static_cast<WPARAM>(change.oid), folder);
-    const bool full = posted == FALSE && GetLastError() == kQueueFull;
+    const bool full = posted == FALSE && GetLastError() == ERROR_NOT_ENOUGH_QUOTA;
     SetLastError(error_before);
     return !full;
 }

@@ -42,6 +42,18 @@ HRESULT meaning(int code, int system_error) {
     }
 }
 
+// SQLite does not pass on why a commit's write to the journal failed; the journal's file knows.
+int last_system_error(sqlite3* db) {
+    if (const int error = sqlite3_system_errno(db); error != 0) return error;
+    if (sqlite3_extended_errcode(db) != SQLITE_IOERR_WRITE) return 0;
+    sqlite3_file* journal = nullptr;
+    sqlite3_file_control(db, "main", SQLITE_FCNTL_JOURNAL_POINTER, &journal);
+    int error = 0;
+    if (journal != nullptr && journal->pMethods != nullptr)
+        journal->pMethods->xFileControl(journal, SQLITE_FCNTL_LAST_ERRNO, &error);
+    return error;
+}
+
 void leave_suspicion(const std::string& path) {
     const int file = ::open(suspicion(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (file >= 0) close(file);
@@ -120,7 +132,7 @@ HRESULT Database::scalar(const char* sql, LONGLONG& value, LONGLONG otherwise) {
 
 HRESULT Database::result() {
     if (db_ == nullptr) return fail(E_OUTOFMEMORY);
-    const int system_error = sqlite3_system_errno(db_);
+    const int system_error = last_system_error(db_);
     const HRESULT result = meaning(sqlite3_extended_errcode(db_), system_error);
     std::string sentence = "The contact store " + path_ + ": ";
     if (result == HRESULT_FROM_WIN32(ERROR_DISK_FULL)) {

@@ -1,0 +1,205 @@
+#include <cstring>
+
+#include "platform/base.h"
+#include "session_support.h"
+
+namespace {
+
+using namespace zr::test;
+
+Ptr<IItem> as_item(IUnknown& object) {
+    Ptr<IItem> item;
+    EXPECT_EQ(object.QueryInterface(IID_IItem, item.any()), S_OK);
+    return item;
+}
+
+CEPROPVAL number(CEPROPID id, ULONG value) {
+    CEPROPVAL made = {};
+    made.propid = id;
+    made.val.ulVal = value;
+    return made;
+}
+
+TEST(Properties, SourceIdentifierAsWipingReadsIt) {
+    TestSession session;
+    const auto item = as_item(*session.contact(session.add(u"a", u"b")).get());
+    const CEPROPID id = PIMPR_SOURCE_ID;
+    CEPROPVAL* values = nullptr;
+    ULONG size = 0;
+    ASSERT_EQ(item->GetProps(&id, CEDB_ALLOWREALLOC, 1, &values, &size, GetProcessHeap()), S_OK);
+    ASSERT_NE(values, nullptr);
+    EXPECT_EQ(values->wFlags, CEDB_PROPNOTFOUND);
+    EXPECT_EQ(values->propid, id);
+    EXPECT_EQ(size, sizeof(CEPROPVAL));
+    CEPROPVAL set = number(id, 0x89ABCDEF);
+    ASSERT_EQ(item->SetProps(0, 1, &set), S_OK);
+    ASSERT_EQ(item->GetProps(&id, CEDB_ALLOWREALLOC, 1, &values, &size, GetProcessHeap()), S_OK);
+    EXPECT_EQ(values->wFlags, 0);
+    EXPECT_EQ(values->val.ulVal, 0x89ABCDEFu);
+    CEPROPVAL* stored = nullptr;
+    ULONG stored_size = 0;
+    const auto other = as_item(*session.contact(1).get());
+    ASSERT_EQ(other->GetProps(&id, CEDB_ALLOWREALLOC, 1, &stored, &stored_size, nullptr), S_OK);
+    EXPECT_EQ(stored->wFlags, CEDB_PROPNOTFOUND) << "not saved yet";
+    ASSERT_EQ(item->Save(), S_OK);
+    ASSERT_EQ(other->GetProps(&id, CEDB_ALLOWREALLOC, 1, &stored, &stored_size, nullptr), S_OK);
+    EXPECT_EQ(stored->val.ulVal, 0x89ABCDEFu);
+    HeapFree(GetProcessHeap(), 0, values);
+    HeapFree(GetProcessHeap(), 0, stored);
+}
+
+TEST(Properties, EveryTypeSurvives) {
+    TestSession session;
+    const LONG oid = session.add(u"a", u"b");
+    BYTE bytes[] = {1, 0, 255};
+    WCHAR odd[] = {0xD800, u'x', 0};
+    WCHAR empty[] = {0};
+    CEPROPVAL set[11] = {};
+    const WORD types[] = {CEVT_I2,     CEVT_UI2,      CEVT_I4,     CEVT_UI4,  CEVT_BOOL, CEVT_R8,
+                          CEVT_LPWSTR, CEVT_FILETIME, CEVT_LPWSTR, CEVT_BLOB, CEVT_BLOB};
+    CEPROPID ids[11];
+    for (DWORD i = 0; i < 11; ++i) {
+        ids[i] = set[i].propid = (0x0100 + i) << 16 | types[i];
+    }
+    set[0].val.iVal = -5;
+    set[1].val.uiVal = 65535;
+    set[2].val.lVal = -70000;
+    set[3].val.ulVal = 0xFFFFFFFF;
+    set[4].val.boolVal = TRUE;
+    set[5].val.dblVal = -1.5;
+    set[6].val.lpwstr = odd;
+    set[7].val.filetime = {0xDEADBEEF, 0xFEDCBA98};
+    set[8].val.lpwstr = empty;
+    set[9].val.blob = {3, bytes};
+    set[10].val.blob = {0, nullptr};
+    {
+        const auto item = as_item(*session.contact(oid).get());
+        ASSERT_EQ(item->SetProps(0, 11, set), S_OK);
+        ASSERT_EQ(item->Save(), S_OK);
+    }
+    const auto item = as_item(*session.contact(oid).get());
+    for (const bool all : {false, true}) {
+        CEPROPVAL* got = nullptr;
+        ULONG size = 0;
+        ASSERT_EQ(item->GetProps(all ? nullptr : ids, CEDB_ALLOWREALLOC, all ? 0 : 11, &got, &size, GetProcessHeap()),
+                  S_OK);
+        for (int i = 0; i < 11; ++i) {
+            EXPECT_EQ(got[i].propid, ids[i]);
+            EXPECT_EQ(got[i].wFlags, 0);
+        }
+        EXPECT_EQ(got[0].val.iVal, -5);
+        EXPECT_EQ(got[1].val.uiVal, 65535);
+        EXPECT_EQ(got[2].val.lVal, -70000);
+        EXPECT_EQ(got[3].val.ulVal, 0xFFFFFFFF);
+        EXPECT_EQ(got[4].val.boolVal, TRUE);
+        EXPECT_EQ(got[5].val.dblVal, -1.5);
+        EXPECT_EQ(std::u16string(got[6].val.lpwstr), std::u16string(odd));
+        EXPECT_EQ(got[7].val.filetime.dwHighDateTime, 0xFEDCBA98u);
+        EXPECT_EQ(got[7].val.filetime.dwLowDateTime, 0xDEADBEEFu);
+        EXPECT_EQ(std::u16string(got[8].val.lpwstr), u"");
+        ASSERT_EQ(got[9].val.blob.dwCount, 3u);
+        EXPECT_EQ(std::memcmp(got[9].val.blob.lpb, bytes, 3), 0);
+        EXPECT_EQ(got[10].val.blob.dwCount, 0u);
+        HeapFree(GetProcessHeap(), 0, got);
+    }
+    set[6].wFlags = CEDB_PROPDELETE;
+    ASSERT_EQ(item->SetProps(0, 1, &set[6]), S_OK);
+    ASSERT_EQ(item->Save(), S_OK);
+    CEPROPVAL* got = nullptr;
+    ULONG size = 0;
+    ASSERT_EQ(item->GetProps(&ids[6], CEDB_ALLOWREALLOC, 1, &got, &size, GetProcessHeap()), S_OK);
+    EXPECT_EQ(got->wFlags, CEDB_PROPNOTFOUND);
+    HeapFree(GetProcessHeap(), 0, got);
+}
+
+TEST(Properties, CallersBufferWithoutReallocation) {
+    TestSession session;
+    const auto item = as_item(*session.contact(session.add(u"a", u"b")).get());
+    WCHAR extras[] = u"X-THING:1";
+    CEPROPVAL set = {};
+    set.propid = ZR_PROPID_CARD_EXTRAS;
+    set.val.lpwstr = extras;
+    ASSERT_EQ(item->SetProps(0, 1, &set), S_OK);
+    const CEPROPID id = ZR_PROPID_CARD_EXTRAS;
+    alignas(8) BYTE room[256];
+    auto* values = reinterpret_cast<CEPROPVAL*>(room);
+    ULONG size = sizeof(CEPROPVAL);
+    EXPECT_EQ(item->GetProps(&id, 0, 1, &values, &size, nullptr), HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER));
+    EXPECT_GT(size, sizeof(CEPROPVAL));
+    ASSERT_LE(size, sizeof room);
+    ASSERT_EQ(item->GetProps(&id, 0, 1, &values, &size, nullptr), S_OK);
+    EXPECT_EQ(reinterpret_cast<BYTE*>(values), room);
+    EXPECT_EQ(std::u16string(values->val.lpwstr), extras);
+}
+
+TEST(Properties, WrongOnesAreRefusedWhole) {
+    TestSession session;
+    const auto item = as_item(*session.contact(session.add(u"a", u"b")).get());
+    CEPROPVAL set[2] = {number(0x01230013, 1), number(0x01240099, 1)};
+    EXPECT_EQ(item->SetProps(0, 2, set), E_INVALIDARG) << "an unknown type";
+    set[1] = number(0x7E00001F, 0);
+    EXPECT_EQ(item->SetProps(0, 2, set), E_INVALIDARG) << "a named field";
+    set[1] = {};
+    set[1].propid = 0x0124001F;
+    EXPECT_EQ(item->SetProps(0, 2, set), E_INVALIDARG) << "text that is null";
+    EXPECT_EQ(item->SetProps(0, 1, nullptr), E_POINTER);
+    CEPROPVAL* got = nullptr;
+    ULONG size = 0;
+    EXPECT_EQ(item->GetProps(nullptr, CEDB_ALLOWREALLOC, 0, &got, &size, nullptr), S_FALSE) << "nothing was set";
+    EXPECT_EQ(item->GetProps(nullptr, CEDB_ALLOWREALLOC, 1, &got, &size, nullptr), E_POINTER);
+    const CEPROPID named = 0x7E00001F;
+    EXPECT_EQ(item->GetProps(&named, CEDB_ALLOWREALLOC, 1, &got, &size, nullptr), E_INVALIDARG);
+}
+
+TEST(Folder, HasPropertiesAndAnIdentifier) {
+    TestSession session;
+    TestSession other;
+    const auto folder = as_item(*session.folder().get());
+    LONG oid = 0;
+    ASSERT_EQ(folder->get_Oid(&oid), S_OK);
+    EXPECT_GT(oid, 0);
+    LONG tasks = 0;
+    ASSERT_EQ(as_item(*session.folder(olFolderTasks).get())->get_Oid(&tasks), S_OK);
+    EXPECT_NE(oid, tasks);
+    CEPROPVAL set = number(PIMPR_FOLDERNOTIFICATIONS, 3);
+    ASSERT_EQ(folder->SetProps(0, 1, &set), S_OK);
+    const CEPROPID id = PIMPR_FOLDERNOTIFICATIONS;
+    CEPROPVAL* got = nullptr;
+    ULONG size = 0;
+    ASSERT_EQ(as_item(*other.folder().get())->GetProps(&id, CEDB_ALLOWREALLOC, 1, &got, &size, nullptr), S_OK);
+    EXPECT_EQ(got->val.ulVal, 3u) << "in effect in this process without Save";
+    ASSERT_EQ(folder->Save(), S_OK);
+    EXPECT_EQ(folder->Delete(), E_ACCESSDENIED);
+    Ptr<IFolder> back;
+    EXPECT_EQ(folder->QueryInterface(IID_IFolder, back.any()), S_OK);
+    HeapFree(GetProcessHeap(), 0, got);
+}
+
+TEST(Folder, NotificationsSavedOutliveTheSessions) {
+    const auto flags = [](TestSession& session) {
+        const CEPROPID id = PIMPR_FOLDERNOTIFICATIONS;
+        CEPROPVAL* got = nullptr;
+        ULONG size = 0;
+        EXPECT_EQ(as_item(*session.folder().get())->GetProps(&id, CEDB_ALLOWREALLOC, 1, &got, &size, nullptr), S_OK);
+        const ULONG found = got->val.ulVal;
+        HeapFree(GetProcessHeap(), 0, got);
+        return found;
+    };
+    for (const bool save : {false, true}) {
+        {
+            TestSession session;
+            EXPECT_EQ(flags(session), 0u);
+            const auto folder = as_item(*session.folder().get());
+            CEPROPVAL set = number(PIMPR_FOLDERNOTIFICATIONS, 1);
+            ASSERT_EQ(folder->SetProps(0, 1, &set), S_OK);
+            if (save) {
+                ASSERT_EQ(folder->Save(), S_OK);
+            }
+            EXPECT_EQ(flags(session), 1u);
+        }
+        TestSession session;
+        EXPECT_EQ(flags(session), save ? 1u : 0u);
+    }
+}
+
+}  // namespace
