@@ -41,10 +41,12 @@ DWORD refused_flags(UINT codePage, DWORD flags, DWORD always, DWORD for_1252) {
 bool decode_utf8_text(std::string_view text, UnitSink<WCHAR>& sink) {
     bool valid = true;
     while (!text.empty()) {
-        const std::size_t ascii = zr::platform::ascii_run(text);
-        sink.put_ascii(text.substr(0, ascii));
-        text.remove_prefix(ascii);
-        if (text.empty()) break;
+        if (zr::platform::is_ascii(text.front())) {
+            const std::size_t ascii = zr::platform::ascii_run(text);
+            sink.put_ascii(text.substr(0, ascii));
+            text.remove_prefix(ascii);
+            continue;
+        }
         const Utf8Part part = decode_utf8(text);
         const bool character = part.kind == Utf8Part::Character;
         zr::platform::put_utf16(sink, character ? part.value : kReplacement);

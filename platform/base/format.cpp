@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <limits>
 
 #include "code_page.h"
 #include "format_conversion.h"
+#include "platform/base.h"
 
 namespace zr::platform {
 
@@ -354,10 +356,7 @@ void Formatter::write_string(const Conversion& conversion) {
     }
     const WCHAR* text = va_arg(arguments_, const WCHAR*);
     if (text == nullptr) text = kNullText;
-    std::size_t length = 0;
-    while (length < conversion.precision && text[length] != 0) {
-        ++length;
-    }
+    const std::size_t length = conversion.has_precision() ? wcsnlen(text, conversion.precision) : wcslen(text);
     write_wide(conversion, text, length);
 }
 
@@ -373,10 +372,7 @@ void Formatter::write_wide(const Conversion& conversion, const WCHAR* text, std:
 }
 
 void Formatter::write_narrow(const Conversion& conversion, const char* text) {
-    std::size_t length = 0;
-    while (length < conversion.precision && text[length] != 0) {
-        ++length;
-    }
+    const std::size_t length = strnlen(text, conversion.precision);
     write_padding(conversion, length, true);
     for (std::size_t i = 0; i < length && !sink_.full(); ++i) {
         sink_.put(from_1252(static_cast<unsigned char>(text[i])));

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 
 #include "platform/types.h"
 
@@ -22,11 +23,14 @@ public:
         *at_++ = character;
     }
 
-    // Text is short as a rule: a loop beats a call.
     void put(const WCHAR* text, std::size_t count) {
         count = take(count);
-        for (std::size_t i = 0; i < count; ++i) {
-            at_[i] = text[i];
+        if (count < kShort) {
+            for (std::size_t i = 0; i < count; ++i) {
+                at_[i] = text[i];
+            }
+        } else {
+            std::memcpy(at_, text, count * sizeof(WCHAR));
         }
         at_ += count;
     }
@@ -41,6 +45,8 @@ public:
     std::size_t length() const { return static_cast<std::size_t>(at_ - begin_); }
 
 private:
+    static constexpr std::size_t kShort = 16;  // below it a loop beats a call
+
     std::size_t take(std::size_t count) {
         if (count > room_) {
             full_ = true;

@@ -1,5 +1,8 @@
 // Letter case, comparing without regard to it, and character classes.
 
+#include <cstdint>
+#include <cstring>
+
 #include "character_tables.h"
 #include "platform/base.h"
 
@@ -21,6 +24,38 @@ WCHAR single_of(const WCHAR* text) {
     return static_cast<WCHAR>(reinterpret_cast<ULONG_PTR>(text));
 }
 
+constexpr std::size_t kChunk = 8;
+
+bool is_ascii_chunk(const WCHAR* text) {
+    std::uint64_t words[2];
+    std::memcpy(words, text, sizeof words);
+    return ((words[0] | words[1]) & 0xFF80FF80FF80FF80u) == 0;
+}
+
+// Changes `length` characters by `change`; whole chunks of ASCII at once, in which the letters from `first` on get the
+// case bit turned.
+template <WCHAR First, class Change>
+void change_case(WCHAR* text, std::size_t length, Change change) {
+    std::size_t at = 0;
+    while (length - at >= kChunk) {
+        WCHAR* const chunk = text + at;
+        at += kChunk;
+        if (is_ascii_chunk(chunk)) {
+            for (std::size_t i = 0; i < kChunk; ++i) {
+                const bool letter = static_cast<std::uint16_t>(chunk[i] - First) < 26;
+                chunk[i] = static_cast<WCHAR>(chunk[i] ^ (letter ? 0x20 : 0));
+            }
+            continue;
+        }
+        for (std::size_t i = 0; i < kChunk; ++i) {
+            chunk[i] = change(chunk[i]);
+        }
+    }
+    for (; at < length; ++at) {
+        text[at] = change(text[at]);
+    }
+}
+
 int fold_ascii(char character) {
     const auto value = static_cast<unsigned char>(character);
     return value >= 'A' && value <= 'Z' ? value + ('a' - 'A') : value;
@@ -37,16 +72,12 @@ WCHAR towupper(WCHAR character) {
 }
 
 WCHAR* _wcslwr(WCHAR* text) {
-    for (WCHAR* at = text; *at != 0; ++at) {
-        *at = fold(*at);
-    }
+    change_case<u'A'>(text, wcslen(text), fold);
     return text;
 }
 
 WCHAR* _wcsupr(WCHAR* text) {
-    for (WCHAR* at = text; *at != 0; ++at) {
-        *at = upper(*at);
-    }
+    change_case<u'a'>(text, wcslen(text), upper);
     return text;
 }
 
@@ -86,17 +117,13 @@ int _strnicmp(const char* left, const char* right, std::size_t count) {
 
 DWORD CharLowerBuffW(WCHAR* text, DWORD length) {
     if (text == nullptr) return 0;
-    for (DWORD i = 0; i < length; ++i) {
-        text[i] = fold(text[i]);
-    }
+    change_case<u'A'>(text, length, fold);
     return length;
 }
 
 DWORD CharUpperBuffW(WCHAR* text, DWORD length) {
     if (text == nullptr) return 0;
-    for (DWORD i = 0; i < length; ++i) {
-        text[i] = upper(text[i]);
-    }
+    change_case<u'a'>(text, length, upper);
     return length;
 }
 

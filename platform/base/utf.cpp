@@ -54,10 +54,12 @@ std::size_t put_spelled_highs(UnitSink<WCHAR>& sink, std::string_view text) {
 
 void to_wide(UnitSink<WCHAR>& sink, std::string_view host) {
     while (!host.empty()) {
-        const std::size_t ascii = ascii_run(host);
-        sink.put_ascii(host.substr(0, ascii));
-        host.remove_prefix(ascii);
-        if (host.empty()) return;
+        if (is_ascii(host.front())) {
+            const std::size_t ascii = ascii_run(host);
+            sink.put_ascii(host.substr(0, ascii));
+            host.remove_prefix(ascii);
+            continue;
+        }
         const Utf8Part part = decode_utf8(host);
         if (is_spelled_high(part)) {
             host.remove_prefix(put_spelled_highs(sink, host));
@@ -74,10 +76,12 @@ void to_wide(UnitSink<WCHAR>& sink, std::string_view host) {
 
 void to_host(UnitSink<char>& sink, std::u16string_view wide) {
     while (!wide.empty()) {
-        const std::size_t ascii = ascii_run(wide);
-        sink.put_ascii(wide.substr(0, ascii));
-        wide.remove_prefix(ascii);
-        if (wide.empty()) return;
+        if (is_ascii(wide.front())) {
+            const std::size_t ascii = ascii_run(wide);
+            sink.put_ascii(wide.substr(0, ascii));
+            wide.remove_prefix(ascii);
+            continue;
+        }
         const Utf16Part part = decode_utf16(wide);
         if (is_escape(part.value)) {
             sink.put(static_cast<char>(part.value - kEscape));

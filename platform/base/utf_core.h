@@ -70,6 +70,13 @@ inline Utf8Part decode_utf8(std::string_view text) {
     return {0, 1, Utf8Part::Damaged};
 }
 
+inline bool is_ascii(char unit) {
+    return static_cast<unsigned char>(unit) < 0x80;
+}
+inline bool is_ascii(WCHAR unit) {
+    return unit < 0x80;
+}
+
 // How many ASCII characters the text begins with, found eight bytes at a time.
 inline std::size_t ascii_run(std::string_view text) {
     std::size_t count = 0;
