@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <string>
 
 #include "ZrUtility/FileEnumerator.h"
@@ -20,45 +21,45 @@ namespace fs = std::filesystem;
 
 constexpr int kFolders = 100;
 
-// A tree of empty files in folders of equal size, made once for each size and removed at the end. It is the root of
-// the handheld's file system for this program.
-class Tree {
-public:
-    static const Tree& of(int files) {
-        static World world;
-        return world.tree(files);
-    }
+struct Tree {
     std::string host;
     std::u16string handheld;
+};
+
+// Trees of empty files in folders of equal size, each made once and all removed at the end, below the root of the
+// handheld's file system for this program.
+class Trees {
+public:
+    static const Tree& of(int files) {
+        static Trees trees;
+        Tree& tree = trees.made_[files];
+        if (tree.host.empty()) trees.make(tree, files);
+        return tree;
+    }
 
 private:
-    struct World {
-        World() {
-            std::string pattern = (fs::temp_directory_path() / "zrbench-XXXXXX").string();
-            root = mkdtemp(pattern.data());
-            setenv("ZR_ROOT", root.c_str(), 1);
+    Trees() {
+        std::string pattern = (fs::temp_directory_path() / "zrbench-XXXXXX").string();
+        root_ = mkdtemp(pattern.data());
+        setenv("ZR_ROOT", root_.c_str(), 1);
+    }
+    ~Trees() { fs::remove_all(root_); }
+
+    void make(Tree& tree, int files) {
+        const std::string name = "tree" + std::to_string(files);
+        tree.host = (root_ / name).string();
+        tree.handheld = u"\\" + std::u16string(name.begin(), name.end());
+        for (int i = 0; i < kFolders; ++i) {
+            const fs::path folder = root_ / name / ("folder " + std::to_string(i));
+            fs::create_directories(folder);
+            for (int file = 0; file < files / kFolders; ++file)
+                close(open((folder / ("message " + std::to_string(file))).c_str(), O_CREAT | O_WRONLY, 0600));
         }
-        ~World() { fs::remove_all(root); }
-        const Tree& tree(int files) {
-            Tree& made = files >= 100000 ? large : small;
-            if (!made.host.empty()) return made;
-            const std::string name = "tree" + std::to_string(files);
-            made.host = (root / name).string();
-            made.handheld = u"\\" + std::u16string(name.begin(), name.end());
-            for (int i = 0; i < kFolders; ++i) {
-                const fs::path folder = root / name / ("folder " + std::to_string(i));
-                fs::create_directories(folder);
-                for (int file = 0; file < files / kFolders; ++file)
-                    close(open((folder / ("message " + std::to_string(file) + ".txt")).c_str(), O_CREAT | O_WRONLY,
-                               0600));
-            }
-            sync();  // the writing of the tree is not to be measured with the walks
-            return made;
-        }
-        fs::path root;
-        Tree small;
-        Tree large;
-    };
+        sync();  // writing the tree is not to be measured with the walks
+    }
+
+    fs::path root_;
+    std::map<int, Tree> made_;
 };
 
 void expect(benchmark::State& state, long counted) {
@@ -66,14 +67,14 @@ void expect(benchmark::State& state, long counted) {
 }
 
 void count_ours(benchmark::State& state) {
-    const Tree& tree = Tree::of(static_cast<int>(state.range(0)));
+    const Tree& tree = Trees::of(static_cast<int>(state.range(0)));
     for (auto _ : state)
         expect(state, FileEnumerator::CountFilesInFolder(tree.handheld.c_str(), nullptr, 100, 0));
 }
 
 // Its output is counted as the program writes it: one byte for each file.
 void count_find(benchmark::State& state) {
-    const Tree& tree = Tree::of(static_cast<int>(state.range(0)));
+    const Tree& tree = Trees::of(static_cast<int>(state.range(0)));
     const std::string command = "exec find '" + tree.host + "' -type f -printf x";
     for (auto _ : state) {
         FILE* output = popen(command.c_str(), "r");
@@ -88,7 +89,7 @@ void count_find(benchmark::State& state) {
 
 // The usual way: each path on a line.
 void count_find_paths(benchmark::State& state) {
-    const Tree& tree = Tree::of(static_cast<int>(state.range(0)));
+    const Tree& tree = Trees::of(static_cast<int>(state.range(0)));
     const std::string command = "exec find '" + tree.host + "' -type f";
     for (auto _ : state) {
         FILE* output = popen(command.c_str(), "r");
@@ -105,7 +106,7 @@ void count_find_paths(benchmark::State& state) {
 long walked;
 
 void count_nftw(benchmark::State& state) {
-    const Tree& tree = Tree::of(static_cast<int>(state.range(0)));
+    const Tree& tree = Trees::of(static_cast<int>(state.range(0)));
     for (auto _ : state) {
         walked = 0;
         nftw(
@@ -121,7 +122,7 @@ void count_nftw(benchmark::State& state) {
 
 // What the platform itself costs: each entry with its attributes, times and size, against the same of the host.
 void search_ours(benchmark::State& state) {
-    const std::u16string path = Tree::of(100000).handheld + u"\\folder 7\\*";
+    const std::u16string path = Trees::of(100000).handheld + u"\\folder 7\\*";
     for (auto _ : state) {
         WIN32_FIND_DATAW data;
         long count = 0;
@@ -135,7 +136,7 @@ void search_ours(benchmark::State& state) {
 }
 
 void search_filesystem(benchmark::State& state) {
-    const std::string path = Tree::of(100000).host + "/folder 7";
+    const std::string path = Trees::of(100000).host + "/folder 7";
     for (auto _ : state) {
         long count = 0;
         for (const auto& entry : fs::directory_iterator(path)) {
