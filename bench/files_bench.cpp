@@ -48,7 +48,7 @@ private:
     void make(Tree& tree, int files) {
         const std::string name = "tree" + std::to_string(files);
         tree.host = (root_ / name).string();
-        tree.handheld = u"\\" + std::u16string(name.begin(), name.end());
+        tree.handheld.assign(1, u'\\').append(name.begin(), name.end());
         for (int i = 0; i < kFolders; ++i) {
             const fs::path folder = root_ / name / ("folder " + std::to_string(i));
             fs::create_directories(folder);

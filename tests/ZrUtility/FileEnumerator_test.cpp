@@ -210,7 +210,7 @@ TEST_F(FileEnumeratorTest, EntryWithoutRoomRepeatsTheOneBefore) {
     // Down to a folder whose path has 250 characters, where only short names have room.
     std::u16string deep = base_;
     while (deep.size() < 250) {
-        deep += u"\\" + std::u16string(std::min<std::size_t>(49, 249 - deep.size()), u'd');
+        deep.append(1, u'\\').append(std::min<std::size_t>(49, 249 - deep.size()), u'd');
         ASSERT_TRUE(CreateDirectoryW(deep.c_str(), nullptr));
     }
     ASSERT_EQ(deep.size(), 250u);

@@ -13,6 +13,11 @@ bool is_there(const std::u16string& path) {
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
+// A backslash and a character so many times.
+std::u16string rooted(std::size_t count, WCHAR character) {
+    return std::u16string(1, u'\\').append(count, character);
+}
+
 }  // namespace
 
 TEST(Paths, SeparatorsOfBothKindsRepeatedAndTrailing) {
@@ -85,13 +90,13 @@ TEST(Paths, FailuresTellMissingFolderFromMissingFile) {
 }
 
 TEST(Paths, LongPathsAndLongNames) {
-    EXPECT_FAILS_WITH(ERROR_FILENAME_EXCED_RANGE, is_there(u"\\" + std::u16string(259, u'a')));
-    EXPECT_FAILS_WITH(ERROR_FILENAME_EXCED_RANGE, is_there(u"\\" + std::u16string(100000, u'a')));
-    EXPECT_FAILS_WITH(ERROR_FILENAME_EXCED_RANGE, is_there(u"\\" + std::u16string(256, u'a')));  // over 255 bytes
-    EXPECT_FAILS_WITH(ERROR_FILE_NOT_FOUND, is_there(u"\\" + std::u16string(255, u'a')));
+    EXPECT_FAILS_WITH(ERROR_FILENAME_EXCED_RANGE, is_there(rooted(259, u'a')));
+    EXPECT_FAILS_WITH(ERROR_FILENAME_EXCED_RANGE, is_there(rooted(100000, u'a')));
+    EXPECT_FAILS_WITH(ERROR_FILENAME_EXCED_RANGE, is_there(rooted(256, u'a')));  // over 255 bytes
+    EXPECT_FAILS_WITH(ERROR_FILE_NOT_FOUND, is_there(rooted(255, u'a')));
     // 100 characters of three bytes each are too long for the host.
-    EXPECT_FAILS_WITH(ERROR_FILENAME_EXCED_RANGE, is_there(u"\\" + std::u16string(100, u'\u4E00')));
-    const std::u16string longest = u"\\" + std::u16string(129, u'/') + std::u16string(129, u'a');
+    EXPECT_FAILS_WITH(ERROR_FILENAME_EXCED_RANGE, is_there(rooted(100, u'\u4E00')));
+    const std::u16string longest = rooted(129, u'/').append(129, u'a');
     ASSERT_EQ(longest.size(), 259u);
     EXPECT_FAILS_WITH(ERROR_FILE_NOT_FOUND, is_there(longest));
 }

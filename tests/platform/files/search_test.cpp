@@ -90,7 +90,7 @@ TEST(Search, NothingFound) {
         {base + u"\\file\\*", ERROR_PATH_NOT_FOUND},
         {base + u"\\file\\x", ERROR_PATH_NOT_FOUND},
         {u"", ERROR_PATH_NOT_FOUND},
-        {u"\\" + std::u16string(300, u'x') + u"\\*", ERROR_FILENAME_EXCED_RANGE},
+        {std::u16string(300, u'x') + u"\\*", ERROR_FILENAME_EXCED_RANGE},
     };
     for (const auto& [path, expected] : cases) {
         DWORD error = 0;
