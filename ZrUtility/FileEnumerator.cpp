@@ -97,11 +97,14 @@ int FileEnumerator::accepts(WIN32_FIND_DATAW& entry) {
     return !m_pFilter || m_pFilter->filter(m_wzDirectory, &entry);
 }
 
-void FileEnumerator::setCurrent(const WIN32_FIND_DATAW& entry) {
-    MakeFullPath(m_wzPath, MAX_PATH, m_wzDirectory, entry.cFileName);
+int FileEnumerator::setCurrent(const WIN32_FIND_DATAW& entry) {
+    return MakeFullPath(m_wzPath, MAX_PATH, m_wzDirectory, entry.cFileName);
 }
 
-int FileEnumerator::start(const WCHAR* directory, const WCHAR* pattern) {
+// Opens a walk on its first entry, which is not current yet. The result is that of start; without an entry the walk is
+// closed.
+int FileEnumerator::findFirst(const WCHAR* directory, const WCHAR* pattern, FINDEX_INFO_LEVELS level,
+                              WIN32_FIND_DATAW& entry) {
     uninit();
     if (!directory || !pattern) return -1;
     if (wcslen(directory) + wcslen(pattern) + kPathRoom >= MAX_PATH) return 1;
@@ -109,17 +112,23 @@ int FileEnumerator::start(const WCHAR* directory, const WCHAR* pattern) {
 
     WCHAR searchPath[MAX_PATH];
     MakeFullPath(searchPath, MAX_PATH, directory, pattern);
-    WIN32_FIND_DATAW entry;
-    m_hFind = FindFirstFileW(searchPath, &entry);
+    m_hFind = FindFirstFileExW(searchPath, level, &entry, FindExSearchNameMatch, nullptr, 0);
     if (m_hFind == INVALID_HANDLE_VALUE) {
         logNothingFound(GetLastError(), searchPath);
         uninit();
-    } else if (accepts(entry)) {
-        setCurrent(entry);
-    } else {
-        advance();
     }
     return 0;
+}
+
+int FileEnumerator::start(const WCHAR* directory, const WCHAR* pattern) {
+    WIN32_FIND_DATAW entry;
+    const int result = findFirst(directory, pattern, FindExInfoStandard, entry);
+    if (m_hFind == INVALID_HANDLE_VALUE) return result;
+    if (accepts(entry))
+        setCurrent(entry);
+    else
+        advance();
+    return result;
 }
 
 void FileEnumerator::advance() {
@@ -155,6 +164,7 @@ int FileEnumerator::MakeFullPath(WCHAR* out, unsigned int capacity, const WCHAR*
 int FileEnumerator::CountFilesInFolder(const WCHAR* directory, FileEnumeratorFilter* filter, int depth, int limit) {
     int count = 0;
     if (!directory || depth < 0) return count;
+    if (!filter) return countEverything(directory, depth, limit);
     FileEnumerator walk;
     walk.setFilter(filter);
     for (walk.start(directory, u"*"); walk.isValid(); walk.advance()) {
@@ -164,6 +174,28 @@ int FileEnumerator::CountFilesInFolder(const WCHAR* directory, FileEnumeratorFil
             ++count;
         if (limit && count >= limit) break;
     }
+    return count;
+}
+
+// Without a filter nobody looks at the entries but this loop, and all it asks is which of them are folders. The search
+// knows that, so no file needs to be looked at by its path again.
+int FileEnumerator::countEverything(const WCHAR* directory, int depth, int limit) {
+    int count = 0;
+    FileEnumerator walk;
+    WIN32_FIND_DATAW entry;
+    walk.findFirst(directory, u"*", ZrFindExInfoKind, entry);
+    if (walk.m_hFind == INVALID_HANDLE_VALUE) return count;
+    bool folder = false;
+    do {
+        // An entry without room leaves the one before it current, and what that is.
+        if (walk.setCurrent(entry)) folder = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+        if (!walk.isValid()) break;
+        if (folder)
+            count += CountFilesInFolder(walk.value(), nullptr, depth - 1, limit ? limit - count : 0);
+        else
+            ++count;
+        if (limit && count >= limit) break;
+    } while (FindNextFileW(walk.m_hFind, &entry));
     return count;
 }
 

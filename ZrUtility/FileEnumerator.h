@@ -74,8 +74,11 @@ protected:
     static int MakeFullPath(WCHAR* out, unsigned int capacity, const WCHAR* directory, const WCHAR* name);
 
 private:
+    static int countEverything(const WCHAR* directory, int depth, int limit);
+
     void uninit();
-    void setCurrent(const WIN32_FIND_DATAW& entry);
+    int findFirst(const WCHAR* directory, const WCHAR* pattern, FINDEX_INFO_LEVELS level, WIN32_FIND_DATAW& entry);
+    int setCurrent(const WIN32_FIND_DATAW& entry);
     int accepts(WIN32_FIND_DATAW& entry);
 
     HANDLE m_hFind;

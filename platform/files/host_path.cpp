@@ -17,9 +17,12 @@
 namespace zr::platform {
 namespace {
 
-constexpr WCHAR kBackslashInName = 0xF05C;
-constexpr std::string_view kBackslashInNameUtf8 = "\xEF\x81\x9C";
-constexpr std::u16string_view kEscapedBackslashInName = u"\xDCEF\xDC81\xDC9C";
+// What stands for a backslash in a name, and what stands before the two of them where the host means themselves.
+constexpr WCHAR kBackslash = 0xF05C;
+constexpr WCHAR kItself = 0xF05B;
+constexpr std::u16string_view kStandIns = u"\xF05B\xF05C";
+constexpr std::string_view kBackslashUtf8 = "\xEF\x81\x9C";
+constexpr std::string_view kItselfUtf8 = "\xEF\x81\x9B";
 
 bool is_separator(WCHAR c) {
     return c == u'\\' || c == u'/';
@@ -228,37 +231,41 @@ const std::string& host_root() {
 }
 
 std::u16string handheld_name(std::string_view host) {
-    if (host.find('\\') == std::string_view::npos && host.find(kBackslashInNameUtf8) == std::string_view::npos)
-        return host_to_wide(host);
     std::u16string name;
-    std::size_t at = 0;
-    const auto flush = [&](std::size_t end) { name += host_to_wide(host.substr(at, end - at)); };
+    std::size_t done = 0;
     for (std::size_t i = 0; i < host.size();) {
-        const bool escaped = host.substr(i).starts_with(kBackslashInNameUtf8);
-        if (!escaped && host[i] != '\\') {
+        const std::string_view rest = host.substr(i);
+        const bool backslash = rest.starts_with('\\');
+        const bool itself = rest.starts_with(kItselfUtf8);
+        if (!backslash && !itself && !rest.starts_with(kBackslashUtf8)) {
             ++i;
             continue;
         }
-        flush(i);
-        if (escaped)
-            name += kEscapedBackslashInName;
-        else
-            name += kBackslashInName;
-        i += escaped ? kBackslashInNameUtf8.size() : 1;
-        at = i;
+        name += host_to_wide(host.substr(done, i - done));
+        if (!backslash) name += kItself;
+        name += itself ? kItself : kBackslash;
+        i += backslash ? 1 : kItselfUtf8.size();
+        done = i;
     }
-    flush(host.size());
-    return name;
+    return done == 0 ? host_to_wide(host) : name + host_to_wide(host.substr(done));
 }
 
 std::string host_name(std::u16string_view name) {
     std::string host;
     while (true) {
-        const std::size_t end = name.find(kBackslashInName);
+        const std::size_t end = std::min(name.find_first_of(kStandIns), name.size());
         host += wide_to_host(name.substr(0, end));
-        if (end == std::u16string_view::npos) return host;
-        host += '\\';
-        name.remove_prefix(end + 1);
+        name.remove_prefix(end);
+        if (name.empty()) return host;
+        const bool escaped = name[0] == kItself && name.size() > 1 && kStandIns.find(name[1]) != kStandIns.npos;
+        if (escaped) name.remove_prefix(1);
+        if (name[0] == kItself)
+            host += kItselfUtf8;
+        else if (escaped)
+            host += kBackslashUtf8;
+        else
+            host += '\\';
+        name.remove_prefix(1);
     }
 }
 

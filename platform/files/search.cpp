@@ -1,6 +1,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -44,6 +45,12 @@ public:
 
     int fd() const { return fd_; }
 
+    // Whether files in the folder may be looked at: a folder can be open for listing only.
+    bool may_enter() const {
+        struct stat unused;
+        return fstatat(fd_, ".", &unused, 0) == 0;
+    }
+
     // The next name but "." and ".."; null at the end or, with `error` set, when reading failed.
     const RawEntry* next(int& error) {
         while (true) {
@@ -83,6 +90,18 @@ void fill(const FileFacts& facts, WIN32_FIND_DATAW& data) {
     data.dwOID = 0;
 }
 
+// How much the caller wants to know of each entry.
+enum class Detail { Everything, Kind };
+
+void fill_kind(DWORD attributes, WIN32_FIND_DATAW& data) {
+    FileFacts facts;
+    const bool known = attributes != INVALID_FILE_ATTRIBUTES;
+    facts.attributes = !known                                  ? INVALID_FILE_ATTRIBUTES
+                       : attributes & FILE_ATTRIBUTE_DIRECTORY ? FILE_ATTRIBUTE_DIRECTORY
+                                                               : FILE_ATTRIBUTE_NORMAL;
+    fill(facts, data);
+}
+
 // The handheld's name of a host name; its length. A host name has at most 255 bytes, so it fits.
 std::size_t fill_name(const char* host, WCHAR (&name)[MAX_PATH]) {
     std::size_t length = 0;
@@ -103,13 +122,14 @@ class Search final : public Object {
 public:
     static constexpr ObjectKind kKind = ObjectKind::FileSearch;
 
-    Search(std::string folder, std::u16string_view pattern)
-        : Object(kKind), folder_(std::move(folder)), pattern_(pattern) {}
+    Search(std::string folder, std::u16string_view pattern, Detail detail)
+        : Object(kKind), folder_(std::move(folder)), pattern_(pattern), detail_(detail) {}
 
     // A system error code, or 0 with the entry in `data`.
     DWORD first(WIN32_FIND_DATAW& data) {
         if (const int error = listing_.open(folder_.c_str()))
             return error == ENOENT || error == ENOTDIR ? ERROR_PATH_NOT_FOUND : error_from_errno(error);
+        enterable_ = detail_ == Detail::Everything || listing_.may_enter();
         return next(data);
     }
 
@@ -129,6 +149,7 @@ private:
 
     // False when the entry is gone. One that the host does not let us look at is shown with what the folder tells.
     bool look_at(const RawEntry& entry, WIN32_FIND_DATAW& data) {
+        if (detail_ == Detail::Kind) return look_at_kind(entry, data);
         FileFacts facts;
         const int error = read_file_facts(listing_.fd(), folder_, entry.name, Wanted::Everything, facts);
         if (error == ENOENT) return false;
@@ -137,9 +158,26 @@ private:
         return true;
     }
 
+    // The folder itself tells what is a folder, but for links and on file systems that do not keep it there.
+    bool look_at_kind(const RawEntry& entry, WIN32_FIND_DATAW& data) {
+        FileFacts facts;
+        facts.attributes = entry.type == DT_DIR ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+        if (!enterable_) {
+            facts.attributes = INVALID_FILE_ATTRIBUTES;
+        } else if (entry.type == DT_LNK || entry.type == DT_UNKNOWN) {
+            const int error = read_file_facts(listing_.fd(), folder_, entry.name, Wanted::AttributesOnly, facts);
+            if (error == ENOENT) return false;
+            if (error) facts.attributes = INVALID_FILE_ATTRIBUTES;
+        }
+        fill_kind(facts.attributes, data);
+        return true;
+    }
+
     std::mutex mutex_;
     const std::string folder_;
     const Wildcard pattern_;
+    const Detail detail_;
+    bool enterable_ = true;
     Listing listing_;
 };
 
@@ -172,7 +210,7 @@ DWORD look_up(LPCWSTR path, WIN32_FIND_DATAW& data) {
     return ERROR_SUCCESS;
 }
 
-HANDLE start_search(LPCWSTR path, WIN32_FIND_DATAW* data) {
+HANDLE start_search(LPCWSTR path, WIN32_FIND_DATAW* data, Detail detail) {
     const HostPath whole = spelled_host_path(path);
     if (whole.error) return fail(whole.error, INVALID_HANDLE_VALUE);
     if (!data) return fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
@@ -183,13 +221,14 @@ HANDLE start_search(LPCWSTR path, WIN32_FIND_DATAW* data) {
 
     const Wildcard pattern(parts.pattern);
     const bool named = pattern.is_literal();
-    const auto search = Ref<Search>::adopt(new Search(std::move(folder.path), parts.pattern));
+    const auto search = Ref<Search>::adopt(new Search(std::move(folder.path), parts.pattern, detail));
     DWORD error = ERROR_NO_MORE_FILES;
     if (!named)
         error = search->first(*data);
     else if (!parts.pattern.empty() && parts.pattern != u"." && parts.pattern != u"..")
         error = look_up(path, *data);
     if (error) return fail(error, INVALID_HANDLE_VALUE);
+    if (named && detail == Detail::Kind) fill_kind(data->dwFileAttributes, *data);
     const HANDLE handle = open_handle(*search);
     return handle ? handle : INVALID_HANDLE_VALUE;
 }
@@ -200,7 +239,19 @@ HANDLE start_search(LPCWSTR path, WIN32_FIND_DATAW* data) {
 using namespace zr::platform;
 
 HANDLE FindFirstFileW(LPCWSTR path, WIN32_FIND_DATAW* data) {
-    return enter(INVALID_HANDLE_VALUE, [&] { return start_search(path, data); });
+    return enter(INVALID_HANDLE_VALUE, [&] { return start_search(path, data, Detail::Everything); });
+}
+
+HANDLE FindFirstFileExW(LPCWSTR path, FINDEX_INFO_LEVELS level, LPVOID data, FINDEX_SEARCH_OPS operation, LPVOID filter,
+                        DWORD) {
+    return enter(INVALID_HANDLE_VALUE, [&] {
+        const bool kind = level == ZrFindExInfoKind;
+        const bool known = kind || level == FindExInfoStandard || level == FindExInfoBasic;
+        if (!known || filter || operation < FindExSearchNameMatch || operation > FindExSearchLimitToDevices)
+            return fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
+        if (operation == FindExSearchLimitToDevices) return fail(ERROR_NOT_SUPPORTED, INVALID_HANDLE_VALUE);
+        return start_search(path, static_cast<WIN32_FIND_DATAW*>(data), kind ? Detail::Kind : Detail::Everything);
+    });
 }
 
 BOOL FindNextFileW(HANDLE handle, WIN32_FIND_DATAW* data) {

@@ -16,8 +16,8 @@ namespace zr::platform {
 // The host folder that is the root, without a trailing slash: empty for "/".
 ZRPLATFORM_API const std::string& host_root();
 
-// One name, converted without loss. A backslash in a host name is U+F05C in the handheld's; a host name that holds
-// U+F05C itself has the escapes of its three bytes there.
+// One name, converted without loss. A backslash in a host name is U+F05C in the handheld's; where the host name holds
+// U+F05B or U+F05C itself, U+F05B stands before it.
 ZRPLATFORM_API std::u16string handheld_name(std::string_view host);
 ZRPLATFORM_API std::string host_name(std::u16string_view name);
 

@@ -117,8 +117,9 @@ TEST(Paths, AnyHostNameSurvivesTheRoundTrip) {
     std::mt19937 random(20260101);
     const TempFolder folder;
     const std::u16string base = folder.handheld();
-    const std::string pieces[] = {"\\",   "\xEF\x81\x9C", "\xED\xB2\x80", "\xF0\x9F\x98\x80", "\xC3", "a", " ", ".",
-                                  "\xEF", "\x81",         "\x9C"};
+    const std::string pieces[] = {
+        "\\", "\xEF\x81\x9C", "\xEF\x81\x9B", "\xED\xA0\x80", "\xED\xB2\x80", "\xF0\x9F\x98\x80", "\xC3", "a", " ",
+        ".",  "\xEF",         "\x81",         "\x9C"};
     for (int round = 0; round < 300; ++round) {
         std::string name;
         const std::size_t length = 1 + random() % 40;

@@ -313,3 +313,59 @@ TEST(Search, OneSearchFromManyThreadsYieldsEachEntryOnce) {
     EXPECT_EQ(seen, kMany);
     EXPECT_TRUE(FindClose(handle));
 }
+
+TEST(Search, KindAgreesWithTheAttributes) {
+    const TempFolder folder;
+    fs::create_directories(folder.host() / "sub/.hidden");
+    write_text(folder.host() / "file", "12345");
+    fs::create_symlink("sub", folder.host() / "to folder");
+    fs::create_symlink("file", folder.host() / "to file");
+    fs::create_symlink("nowhere", folder.host() / "broken");
+    fs::create_symlink(".", folder.host() / "here");
+    const auto check = [&](const std::u16string& pattern, int expected) {
+        WIN32_FIND_DATAW data;
+        const HANDLE handle = FindFirstFileExW((folder.handheld() + pattern).c_str(), ZrFindExInfoKind, &data,
+                                               FindExSearchNameMatch, nullptr, 0);
+        ASSERT_NE(handle, INVALID_HANDLE_VALUE);
+        int seen = 0;
+        do {
+            ++seen;
+            const DWORD known = GetFileAttributesW((folder.handheld() + u"\\" + data.cFileName).c_str());
+            const bool is_folder = (known & FILE_ATTRIBUTE_DIRECTORY) != 0;
+            EXPECT_EQ(data.dwFileAttributes, is_folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL);
+            EXPECT_EQ(data.nFileSizeLow, 0u);
+        } while (FindNextFileW(handle, &data));
+        EXPECT_EQ(seen, expected);
+        FindClose(handle);
+    };
+    check(u"\\*", 6);
+    check(u"\\file", 1);
+    check(u"\\TO FOLDER", 1);
+}
+
+TEST(Search, LevelsAndOperations) {
+    const TempFolder folder;
+    fs::create_directory(folder.host() / "closed");
+    write_text(folder.host() / "closed/file", "12345");
+    const std::u16string path = folder.handheld() + u"\\closed\\*";
+    WIN32_FIND_DATAW data;
+    const auto start = [&](int level, int operation, void* filter) {
+        const HANDLE handle = FindFirstFileExW(path.c_str(), static_cast<FINDEX_INFO_LEVELS>(level), &data,
+                                               static_cast<FINDEX_SEARCH_OPS>(operation), filter, 0);
+        FindClose(handle);
+        return handle != INVALID_HANDLE_VALUE;
+    };
+    EXPECT_TRUE(start(FindExInfoBasic, FindExSearchLimitToDirectories, nullptr));
+    EXPECT_EQ(data.nFileSizeLow, 5u);
+    EXPECT_FALSE(start(2, FindExSearchNameMatch, nullptr));
+    EXPECT_FALSE(start(FindExInfoStandard, 3, nullptr));
+    EXPECT_FALSE(start(FindExInfoStandard, FindExSearchLimitToDevices, nullptr));
+    EXPECT_FALSE(start(FindExInfoStandard, FindExSearchNameMatch, &data));
+    fs::permissions(folder.host() / "closed", fs::perms::owner_read);
+    {
+        const WithoutOverride everybody;
+        EXPECT_TRUE(start(ZrFindExInfoKind, FindExSearchNameMatch, nullptr));
+        EXPECT_EQ(data.dwFileAttributes, INVALID_FILE_ATTRIBUTES);
+    }
+    fs::permissions(folder.host() / "closed", fs::perms::owner_all);
+}
