@@ -45,7 +45,7 @@ bool peek(void* queue, long& wparam) {
 
 struct Receiver::State {
     wMessageQueue* queue = MessageQueue_New(nullptr);
-    HANDLE answered = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    HANDLE answered = CreateEventA(nullptr, TRUE, FALSE, nullptr);  // it has no events that reset themselves
     std::thread thread;
 
     void run() const {
@@ -75,6 +75,7 @@ long Receiver::send(unsigned, long wparam) {
     Request request{wparam, 0, state_->answered};
     MessageQueue_Post(state_->queue, nullptr, kSend, &request, nullptr);
     WaitForSingleObject(state_->answered, INFINITE);
+    ResetEvent(state_->answered);
     return request.result;
 }
 
