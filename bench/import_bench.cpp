@@ -1,0 +1,181 @@
+// Importing a file of cards into a fresh contact store, beside EVCard parsing the same file and keeping nothing.
+// import_memory runs zr itself and reports the most memory that it ever had.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <libebook-contacts/libebook-contacts.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "zr/card_reader.h"
+#include "zr/store.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A folder for the cards and the stores, removed at the end.
+class Scratch {
+public:
+    Scratch() {
+        std::string pattern = (fs::temp_directory_path() / "zrbench-XXXXXX").string();
+        path_ = mkdtemp(pattern.data());
+    }
+    ~Scratch() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    const fs::path& path() const { return path_; }
+
+    void fresh_store() {
+        const fs::path home = path_ / "store";
+        fs::remove_all(home);
+        fs::create_directory(home);
+        setenv("ZR_HOME", home.c_str(), 1);
+    }
+
+    // A file of so many cards, each with one to three addresses, as an address book writes them.
+    std::string cards(int count) {
+        const std::string name = path_ / (std::to_string(count) + ".vcf");
+        if (fs::exists(name)) return name;
+        std::ofstream file(name, std::ios::binary);
+        for (int i = 0; i < count; ++i) {
+            const std::string n = std::to_string(i);
+            file << "BEGIN:VCARD\r\nVERSION:3.0\r\nPRODID:-//Example//Address Book//EN\r\nN:Family" << n << ";Given"
+                 << n << ";Middle;;\r\nFN:Given" << n << " Middle Family" << n << "\r\nORG:Company " << i % 100
+                 << ";Department\r\nTITLE:Engineer\r\n";
+            for (int e = 0; e <= i % 3; ++e) {
+                file << "EMAIL;type=INTERNET" << (e == 0 ? ";type=pref" : "") << ":given" << n << "." << e
+                     << "@example.com\r\n";
+            }
+            file << "TEL;type=CELL;type=VOICE:+1 555 " << n << "\r\nTEL;type=WORK;type=VOICE:+1 556 " << n
+                 << "\r\nADR;type=HOME:;;" << n << " High Street;Springfield;State;12345;Country\r\n"
+                 << "BDAY:1980-01-31\r\nNOTE:Met at the fair\\, likes mail.\\nA second line that is long enough to "
+                    "be\r\n"
+                 << "  folded by the program that wrote it.\r\nUID:" << n << "-uid\r\nEND:VCARD\r\n";
+        }
+        return name;
+    }
+
+private:
+    fs::path path_;
+};
+
+Scratch& scratch() {
+    static Scratch instance;
+    return instance;
+}
+
+void import_ours(benchmark::State& state) {
+    const std::string path = scratch().cards(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        scratch().fresh_store();
+        state.ResumeTiming();
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        zr::LineReader lines(zr::read_from_descriptor(fd));
+        zr::CardReader reader(lines);
+        zr::Store store;
+        std::vector<zr::Card> batch;
+        std::vector<zr::CardProblem> problems;
+        zr::Card card;
+        while (reader.next(card, problems) == zr::CardReader::Result::Card) {
+            batch.push_back(std::move(card));
+            card = {};
+            if (batch.size() < 1000) continue;
+            store.add(batch);
+            batch.clear();
+        }
+        if (!batch.empty()) store.add(batch);
+        close(fd);
+        if (store.count() != state.range(0)) state.SkipWithError("cards are missing");
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void parse_ours(benchmark::State& state) {
+    const std::string path = scratch().cards(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        zr::LineReader lines(zr::read_from_descriptor(fd));
+        zr::CardReader reader(lines);
+        std::vector<zr::CardProblem> problems;
+        zr::Card card;
+        std::int64_t count = 0;
+        while (reader.next(card, problems) == zr::CardReader::Result::Card) {
+            ++count;
+        }
+        close(fd);
+        if (count != state.range(0)) state.SkipWithError("cards are missing");
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void parse_evcard(benchmark::State& state) {
+    const std::string path = scratch().cards(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        zr::LineReader lines(zr::read_from_descriptor(fd));
+        zr::CardSplitter splitter(lines);
+        zr::RawCard raw;
+        std::string text;
+        std::int64_t count = 0;
+        while (splitter.next(raw)) {
+            text = "BEGIN:VCARD\r\n";
+            for (std::size_t i = 0; i < raw.lines.size(); ++i) {
+                text += raw.line(i);
+                text += "\r\n";
+            }
+            text += "END:VCARD\r\n";
+            EVCard* card = e_vcard_new_from_string(text.c_str());
+            benchmark::DoNotOptimize(e_vcard_get_attributes(card));
+            g_object_unref(card);
+            ++count;
+        }
+        close(fd);
+        if (count != state.range(0)) state.SkipWithError("cards are missing");
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void import_memory(benchmark::State& state) {
+    const std::string path = scratch().cards(static_cast<int>(state.range(0)));
+    const std::string tool = fs::read_symlink("/proc/self/exe").parent_path() / "zr";
+    long peak = 0;
+    for (auto _ : state) {
+        scratch().fresh_store();
+        const char* argv[] = {tool.c_str(), "contacts", "import", "--quiet", path.c_str(), nullptr};
+        pid_t pid = -1;
+        int status = 1;
+        rusage usage = {};
+        if (posix_spawn(&pid, tool.c_str(), nullptr, nullptr, const_cast<char**>(argv), environ) != 0 ||
+            wait4(pid, &status, 0, &usage) != pid || status != 0) {
+            state.SkipWithError("zr failed");
+        }
+        peak = std::max(peak, usage.ru_maxrss);
+    }
+    state.counters["peak_MiB"] = static_cast<double>(peak) / 1024;
+}
+
+BENCHMARK(import_ours)->Name("import/ours")->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(parse_evcard)->Name("import/evcard")->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(parse_ours)->Name("parse_cards/ours")->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(parse_evcard)->Name("parse_cards/evcard")->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(import_memory)
+    ->Name("import_memory/ours")
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace

@@ -1,0 +1,47 @@
+#pragma once
+
+// Runs zr as a user does: as a process, with its own streams.
+
+#include <sys/types.h>
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+namespace zr::test {
+
+struct Result {
+    int code = 0;  // the exit code, or minus the signal that ended it
+    std::string out;
+    std::string err;
+};
+
+// Runs zr to its end with `input` on standard input.
+Result zr(const std::vector<std::string>& args, const std::string& input = {});
+// The same for any program, found by PATH.
+Result run(const std::vector<std::string>& command, const std::string& input = {});
+
+// A zr that goes on running, with pipes to its standard input and from its standard output.
+class RunningZr {
+public:
+    explicit RunningZr(const std::vector<std::string>& args);
+    ~RunningZr();  // kills and reaps what still runs
+    RunningZr(const RunningZr&) = delete;
+    RunningZr& operator=(const RunningZr&) = delete;
+
+    void write(const std::string& text);  // blocks while the pipe is full
+    std::string read_line();              // blocks; empty at the end
+    void kill(int signal);
+    int wait();
+
+private:
+    pid_t pid_ = -1;
+    int in_ = -1;
+    int out_ = -1;
+};
+
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& text);
+std::vector<std::string> lines_of(const std::string& text);
+
+}  // namespace zr::test

@@ -1,0 +1,111 @@
+#pragma once
+
+// One contact as zr carries it between a vCard, the contact store and the terminal. All text is UTF-8.
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zr {
+
+enum class Field : std::size_t {
+    FileAs,
+    Title,
+    FirstName,
+    MiddleName,
+    LastName,
+    Suffix,
+    Company,
+    Department,
+    JobTitle,
+    Office,
+    Email1,
+    Email2,
+    Email3,
+    BusinessPhone,
+    Business2Phone,
+    BusinessFax,
+    HomePhone,
+    Home2Phone,
+    HomeFax,
+    MobilePhone,
+    CarPhone,
+    Pager,
+    RadioPhone,
+    AssistantPhone,
+    BusinessStreet,
+    BusinessCity,
+    BusinessState,
+    BusinessPostalCode,
+    BusinessCountry,
+    HomeStreet,
+    HomeCity,
+    HomeState,
+    HomePostalCode,
+    HomeCountry,
+    OtherStreet,
+    OtherCity,
+    OtherState,
+    OtherPostalCode,
+    OtherCountry,
+    WebPage,
+    Note,
+    Categories,
+    Spouse,
+    Children,
+    Assistant,
+    YomiFirstName,
+    YomiLastName,
+    YomiCompany,
+    Count
+};
+
+// A calendar day; year 0 means that there is none.
+struct Day {
+    int year = 0;
+    int month = 0;
+    int day = 0;
+    explicit operator bool() const { return year != 0; }
+    bool operator==(const Day&) const = default;
+};
+
+struct Card {
+    std::array<std::string, static_cast<std::size_t>(Field::Count)> text;
+    Day birthday;
+    Day anniversary;
+    // Properties of the card that a contact has no place for, as unfolded vCard 3.0 lines each ended by LF, in the
+    // card's order. An export writes them back as they are.
+    std::string extras;
+
+    std::string& operator[](Field field) { return text[static_cast<std::size_t>(field)]; }
+    const std::string& operator[](Field field) const { return text[static_cast<std::size_t>(field)]; }
+    bool operator==(const Card&) const = default;
+
+    void clear() {
+        for (std::string& value : text) {
+            value.clear();
+        }
+        birthday = anniversary = {};
+        extras.clear();
+    }
+};
+
+// The name people read: the file-as name, else the parts of the name, else company, else first address.
+std::string display_name(const Card& card);
+// Title, first, middle and last name and suffix with single spaces, without the empty ones.
+std::string composed_name(const Card& card);
+
+// "Last, First Middle", which the contact store files a person as who was given no other name to file by.
+std::string sorted_name(const Card& card);
+
+// Appends decoded text as a value of vCard 3.0.
+void append_card_escaped(std::string& out, std::string_view text);
+
+// The name of a field in JSON output, such as "firstName".
+std::string_view field_key(Field field);
+// The name of a field for people, such as "First name".
+std::string_view field_label(Field field);
+
+}  // namespace zr

@@ -1,0 +1,64 @@
+# bash completion for zr
+
+_zr_words() {
+    mapfile -t COMPREPLY < <(compgen -W "$1" -- "$2")
+}
+
+_zr_files() {
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -f -- "$1")
+}
+
+_zr() {
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
+    local group=${COMP_WORDS[1]} command=${COMP_WORDS[2]}
+    local fields="--first --middle --last --title --suffix --file-as --company --department --job-title
+        --work-phone --home-phone --mobile --web --note --email --birthday"
+    COMPREPLY=()
+    if ((COMP_CWORD == 1)); then
+        _zr_words "contacts resolve log --help --version" "$current"
+        return
+    fi
+    case $previous in
+        -s | --sort) _zr_words "file-as first last middle title suffix company email1 email2 email3" "$current"; return ;;
+        -f | --field)
+            _zr_words "file-as title first last suffix company email email1 email2 email3 job-title" "$current"
+            return ;;
+        -l | --level) _zr_words "failure warning information trace" "$current"; return ;;
+        --vcard-version) _zr_words "2.1 3.0 4.0" "$current"; return ;;
+        -o | --output) _zr_files "$current"; return ;;
+    esac
+    case $group in
+        contacts)
+            if ((COMP_CWORD == 2)); then
+                _zr_words "import export list find show add change remove --help" "$current"
+                return
+            fi
+            case $command in
+                import)
+                    if [[ $current == -* ]]; then _zr_words "--json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
+                export) _zr_words "--output --vcard-version --json --help" "$current" ;;
+                list) _zr_words "--sort --reverse --limit --json --help" "$current" ;;
+                find) _zr_words "--field --exact --words --json --help" "$current" ;;
+                show) _zr_words "--json --help" "$current" ;;
+                add | change) _zr_words "$fields --json --help" "$current" ;;
+                remove) _zr_words "--email --all --json --help" "$current" ;;
+            esac ;;
+        resolve)
+            if [[ $current == -* ]]; then
+                _zr_words "--messages --addresses --watch --json --help" "$current"
+            else
+                _zr_files "$current"
+            fi ;;
+        log)
+            if ((COMP_CWORD == 2)); then
+                _zr_words "show --help" "$current"
+            elif [[ $current == -* ]]; then
+                _zr_words "--level --json --help" "$current"
+            else
+                _zr_files "$current"
+            fi ;;
+    esac
+}
+
+complete -F _zr zr

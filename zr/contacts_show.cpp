@@ -1,0 +1,82 @@
+// zr contacts show: all that is known of one contact.
+
+#include <algorithm>
+#include <memory>
+
+#include "command.h"
+#include "output.h"
+#include "store.h"
+#include "text.h"
+
+namespace zr {
+namespace {
+
+struct Options {
+    std::vector<LONG> oids;
+    bool json = false;
+};
+
+void print_row(std::string_view label, std::string_view value) {
+    std::string row(label);
+    row += ": ";
+    row.resize(std::max<std::size_t>(row.size(), 24), ' ');
+    print(row + printable(value) + "\n");
+}
+
+void print_contact(const Json& json, const Card& card) {
+    print_row("Identifier", std::to_string(json["oid"].get<LONG>()));
+    for (std::size_t i = 0; i < card.text.size(); ++i) {
+        if (!card.text[i].empty()) print_row(field_label(static_cast<Field>(i)), card.text[i]);
+    }
+    if (json.contains("birthday")) print_row("Birthday", json["birthday"].get<std::string>());
+    if (json.contains("anniversary")) print_row("Anniversary", json["anniversary"].get<std::string>());
+    for (std::string_view rest = card.extras; !rest.empty();) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        // A photo is kept, but nobody reads it here.
+        print_row("Also", rest.substr(0, std::min<std::size_t>(end, 200)));
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+}
+
+Exit show(const Options& options) {
+    Store store;
+    Exit code = Exit::Ok;
+    JsonArray array;
+    bool first = true;
+    for (const LONG oid : options.oids) {
+        const ComPtr<IContact> contact = store.with_oid(oid);
+        if (!contact) {
+            complain("no contact " + std::to_string(oid));
+            code = Exit::None;
+            continue;
+        }
+        const Card card = read_contact(contact.get(), true);
+        const Json json = contact_json(oid, card);
+        if (options.json) {
+            array.add(json);
+        } else {
+            if (!first) print("\n");
+            print_contact(json, card);
+        }
+        first = false;
+    }
+    if (options.json) array.finish();
+    return code;
+}
+
+}  // namespace
+
+void add_contacts_show(CLI::App& contacts, Run& run) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* command = contacts.add_subcommand("show", "Show all fields of contacts");
+    command->add_option("OID", options->oids, "Identifiers, as list and find print them")->required();
+    command->add_flag("--json", options->json, "Print JSON");
+    command->footer(
+        "The exit code is 1 when a contact does not exist.\n"
+        "\n"
+        "Example:\n"
+        "  zr contacts show 12");
+    command->callback([options, &run] { run = [options] { return show(*options); }; });
+}
+
+}  // namespace zr

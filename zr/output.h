@@ -1,0 +1,30 @@
+#pragma once
+
+// Standard output: UTF-8, buffered, checked.
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+namespace zr {
+
+using Json = nlohmann::ordered_json;
+
+void print(std::string_view text);
+// JSON text in which no character can steer a terminal.
+std::string json_text(const Json& value);
+void print_json_line(const Json& value);
+// Writes out what print() kept. Throws Failure when it cannot be written.
+void flush_output();
+
+// A JSON array that is printed element by element, so that memory does not grow with it.
+class JsonArray {
+public:
+    void add(const Json& element);
+    void finish();
+
+private:
+    bool any_ = false;
+};
+
+}  // namespace zr

@@ -1,0 +1,29 @@
+#pragma once
+
+// A progress bar on standard error, when that is a terminal, and nothing otherwise.
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+namespace zr {
+
+class Progress {
+public:
+    explicit Progress(bool wanted);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    // `total` 0: unknown, only `items` is shown. Cheap to call often.
+    void show(const std::string& what, std::size_t done, std::size_t total, long items);
+    // Takes the bar away, so that another line can be printed.
+    void clear();
+
+private:
+    bool on_;
+    bool drawn_ = false;
+    std::chrono::steady_clock::time_point next_;
+};
+
+}  // namespace zr
