@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <new>
 
@@ -18,7 +19,8 @@ constexpr WCHAR kCR = u'\r';
 constexpr WCHAR kLF = u'\n';
 constexpr std::size_t kLargestCount = std::numeric_limits<int>::max();
 
-// SafeFormatString starts with room for 2 to the power of this, in characters; the largest whose bytes a stream holds.
+// SafeFormatString's room is 2 to the power of an exponent, in characters. The first is on the stack; what is longer
+// starts with the room that the longest text so far took. The bytes of the last are as many as a stream holds.
 constexpr unsigned int kFirstFormatExponent = 8;
 constexpr unsigned int kLastFormatExponent = 30;
 std::atomic<unsigned int> formatExponent{kFirstFormatExponent};
@@ -46,22 +48,25 @@ void raiseFormatExponent(unsigned int exponent) {
     }
 }
 
-// Formats into the stream with `arguments` left as they were; NULL when there was no room even in the largest buffer.
-const WCHAR* formatInto(BufferStream& scratch, const WCHAR* format, va_list arguments) {
-    const unsigned int first = formatExponent.load(std::memory_order_relaxed);
-    for (unsigned int exponent = first; exponent <= kLastFormatExponent; ++exponent) {
-        const std::size_t room = std::size_t{1} << exponent;
-        scratch.Reset();
-        if (FAILED(scratch.Ensure(static_cast<unsigned int>(room * sizeof(WCHAR))))) return nullptr;
-        auto* text = reinterpret_cast<WCHAR*>(scratch.GetBuffer());
-        va_list again;
-        va_copy(again, arguments);
-        const HRESULT result = StringCchVPrintfW(text, room, format, again);
-        va_end(again);
-        if (result != STRSAFE_E_INSUFFICIENT_BUFFER) {
-            raiseFormatExponent(exponent);
-            return text;
-        }
+HRESULT formatOnce(WCHAR* room, std::size_t count, const WCHAR* format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const HRESULT result = StringCchVPrintfW(room, count, format, again);
+    va_end(again);
+    return result;
+}
+
+// Formats what is longer than the first room into a stream; a new string, or NULL when memory is short.
+WCHAR* formatLong(const WCHAR* format, va_list arguments) {
+    BufferStream scratch;
+    unsigned int exponent = std::max(formatExponent.load(std::memory_order_relaxed), kFirstFormatExponent + 1);
+    for (; exponent <= kLastFormatExponent; ++exponent) {
+        const std::size_t count = std::size_t{1} << exponent;
+        if (FAILED(scratch.Ensure(static_cast<unsigned int>(count * sizeof(WCHAR))))) return nullptr;
+        auto* room = reinterpret_cast<WCHAR*>(scratch.GetBuffer());
+        if (formatOnce(room, count, format, arguments) == STRSAFE_E_INSUFFICIENT_BUFFER) continue;
+        raiseFormatExponent(exponent);
+        return StringUtilities::NewAndCopyString(room);
     }
     return nullptr;
 }
@@ -337,10 +342,11 @@ int StringUtilities::removeLFFromCRLF(WCHAR* s) {
 }
 
 WCHAR* StringUtilities::SafeFormatString(const WCHAR* format, ...) {
-    BufferStream scratch;
+    WCHAR room[1u << kFirstFormatExponent];
     va_list arguments;
     va_start(arguments, format);
-    const WCHAR* text = formatInto(scratch, format, arguments);
+    const bool fits = formatOnce(room, std::size(room), format, arguments) != STRSAFE_E_INSUFFICIENT_BUFFER;
+    WCHAR* formatted = fits ? NewAndCopyString(room) : formatLong(format, arguments);
     va_end(arguments);
-    return NewAndCopyString(text);
+    return formatted;
 }

@@ -115,8 +115,8 @@ public:
     // Makes each CR LF a CR, in place; of several LFs after a CR the first goes. 0 for NULL, else 1.
     static int removeLFFromCRLF(WCHAR* s);
     // Formats as StringCchPrintfW does, into a new string of any length. NULL when memory is short; a format that the
-    // formatter refuses gives what it had written. The room it starts with doubles for the whole process each time it
-    // did not do, and never shrinks.
+    // formatter refuses gives what it had written. What does not fit into 256 characters starts with the room that the
+    // longest text of the process has taken so far, and doubles it until it fits: that room never shrinks.
     static WCHAR* SafeFormatString(const WCHAR* format, ...);
 
 private:

@@ -1,6 +1,7 @@
 #include "ZrUtility/Helpers/windows_1252.h"
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 
 namespace zr::windows1252 {
@@ -60,47 +61,49 @@ constexpr EncodeTable makeEncodeTable() {
 constexpr std::array<WCHAR, 256> kDecode = makeDecodeTable();
 constexpr EncodeTable kEncode = makeEncodeTable();
 
-// Blocks are read whole before they are written, through local arrays: that is what lets a compiler use wide registers.
+// Blocks whose characters all keep their value only change width, at once; they are most of any mail.
 constexpr std::size_t kBlock = 16;
+using Bytes = std::uint8_t __attribute__((vector_size(kBlock)));
+using Characters = std::uint16_t __attribute__((vector_size(kBlock * sizeof(WCHAR))));
+
+// Whether a bit of `bits`, which is repeated over all of a block, is set in it.
+template <class Block>
+bool hasAny(const Block& block, std::uint64_t bits) {
+    std::uint64_t words[sizeof block / sizeof(std::uint64_t)];
+    std::memcpy(words, &block, sizeof block);
+    std::uint64_t all = 0;
+    for (const std::uint64_t word : words) {
+        all |= word;
+    }
+    return (all & bits) != 0;
+}
 
 void encodeBlock(unsigned char* to, const WCHAR* from) {
-    WCHAR in[kBlock];
-    unsigned char out[kBlock];
-    std::memcpy(in, from, sizeof in);
-    unsigned int all = 0;
-    for (const WCHAR c : in) {
-        all |= c;
+    Characters in;
+    std::memcpy(&in, from, sizeof in);
+    if (!hasAny(in, 0xFF00FF00FF00FF00)) {
+        const Bytes out = __builtin_convertvector(in, Bytes);
+        std::memcpy(to, &out, sizeof out);
+        return;
     }
-    if (all < 256) {
-        for (std::size_t i = 0; i < kBlock; ++i) {
-            out[i] = static_cast<unsigned char>(in[i]);
-        }
-    } else {
-        for (std::size_t i = 0; i < kBlock; ++i) {
-            out[i] = kEncode[in[i]];
-        }
+    unsigned char out[kBlock];
+    for (std::size_t i = 0; i < kBlock; ++i) {
+        out[i] = kEncode[from[i]];
     }
     std::memcpy(to, out, sizeof out);
 }
 
 void decodeBlock(WCHAR* to, const unsigned char* from) {
-    unsigned char in[kBlock];
-    WCHAR out[kBlock];
-    std::memcpy(in, from, sizeof in);
-    unsigned char special = 0;
-    for (const unsigned char byte : in) {
-        special |= static_cast<unsigned char>((byte & 0xE0) == kFirstSpecial);
+    Bytes in;
+    std::memcpy(&in, from, sizeof in);
+    if (!hasAny((in & 0xE0) == kFirstSpecial, ~std::uint64_t{0})) {
+        const Characters out = __builtin_convertvector(in, Characters);
+        std::memcpy(to, &out, sizeof out);
+        return;
     }
-    if (special == 0) {
-        for (std::size_t i = 0; i < kBlock; ++i) {
-            out[i] = in[i];
-        }
-    } else {
-        for (std::size_t i = 0; i < kBlock; ++i) {
-            out[i] = kDecode[in[i]];
-        }
+    for (std::size_t i = 0; i < kBlock; ++i) {
+        to[i] = kDecode[from[i]];
     }
-    std::memcpy(to, out, sizeof out);
 }
 
 }  // namespace
