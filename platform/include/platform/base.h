@@ -234,7 +234,8 @@ ZRPLATFORM_API int WideCharToMultiByte(UINT codePage, DWORD flags, const WCHAR* 
 // ---- Heap -----------------------------------------------------------------------------------------------------
 //
 // Blocks are aligned for any type. A pointer that is NULL, was not handed out by the heap named, or was freed already
-// is detected where that can be told, and refused; it is never followed.
+// is refused. What tells is the 16 bytes before it: memory that is no longer there, such as that of a large block
+// freed before, cannot be asked.
 
 inline constexpr DWORD HEAP_NO_SERIALIZE = 0x1;
 inline constexpr DWORD HEAP_ZERO_MEMORY = 0x8;
