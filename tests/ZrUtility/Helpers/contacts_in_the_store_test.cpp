@@ -271,7 +271,8 @@ TEST_F(ContactsInTheStore, AgreesWithASimpleModel) {
         return _wcsicmp(a.c_str(), b.c_str()) == 0;
     };
     for (int step = 0; step < 600; ++step) {
-        const auto chosen = model.empty() ? model.end() : std::next(model.begin(), static_cast<long>(random() % model.size()));
+        const auto chosen =
+            model.empty() ? model.end() : std::next(model.begin(), static_cast<long>(random() % model.size()));
         const auto kind = static_cast<unsigned>(random() % 8);
         if (kind < 3 || chosen == model.end()) {
             const std::array<std::u16string, 3> emails = {address(true), address(true), address(true)};
