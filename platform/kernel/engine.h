@@ -56,6 +56,7 @@ struct ThreadAccess {
     static void begin_park(Thread& self) noexcept;
     static bool park(Thread& self, Deadline deadline) noexcept;  // false: the deadline has passed
     static void notify(Thread& thread, Wakeups& wakeups) noexcept;
+    static bool spin(Thread& self) noexcept;
 
     // Ending.
     static bool end_requested(const Thread& self) noexcept {
@@ -68,6 +69,7 @@ struct ThreadAccess {
     static void finish(Thread& self) noexcept;                       // hooks, mutexes, signal
     static bool is_unwinding(const Thread& self) noexcept { return self.unwinding_; }
     [[noreturn]] static void cut_off(Thread& self);  // leaves the rest of the stack as it is
+    static void free_exit_stack() noexcept;
     static DWORD requested_code(const Thread& self) noexcept { return self.requested_code_.load(); }
 
     // Beginning. The calling thread becomes the record's, which has one reference for as long as the thread runs.

@@ -1,5 +1,7 @@
 #include <sched.h>
 
+#include <algorithm>
+
 #include "engine.h"
 
 namespace zr::platform {
@@ -11,10 +13,11 @@ constexpr std::uint32_t kNotified = 2;
 
 // How often to look before sleeping. Falling asleep and being woken costs a few microseconds, so looking longer than
 // that never pays. Threads whose answers come quickly look longer, others hardly at all, with a longer look now and
-// then to find out whether that has changed.
+// then to find out whether that has changed; ever more seldom while it has not.
 constexpr std::uint32_t kSpinLeast = 4;
 constexpr std::uint32_t kSpinMost = 200;
-constexpr std::uint32_t kProbeEvery = 32;
+constexpr std::uint32_t kProbeOften = 16;
+constexpr std::uint32_t kProbeSeldom = 4096;
 
 bool one_processor() noexcept {
     cpu_set_t set;
@@ -42,21 +45,30 @@ void ThreadAccess::begin_park(Thread& self) noexcept {
     self.parking_.exchange(kAwake, std::memory_order_acq_rel);
 }
 
-bool ThreadAccess::park(Thread& self, Deadline deadline) noexcept {
+// Looks for a while whether the thread is notified before it has gone to sleep.
+bool ThreadAccess::spin(Thread& self) noexcept {
     static const bool alone = one_processor();
-    const bool probe = self.spin_misses_ % kProbeEvery == kProbeEvery - 1;
-    const std::uint32_t limit = alone ? 0 : probe ? kSpinMost : std::min(kSpinMost, self.spin_ * 2 + kSpinLeast);
-    for (std::uint32_t spun = 0; spun < limit; ++spun) {
-        if (self.parking_.load(std::memory_order_acquire) == kNotified) {
-            self.spin_ = (self.spin_ * 7 + spun + 7) / 8;
-            self.spin_misses_ = 0;
-            return true;
-        }
+    if (alone) return false;
+    const bool probe = --self.probe_in_ == 0;
+    const std::uint32_t limit = probe ? kSpinMost : std::min(kSpinMost, self.spin_ * 2 + kSpinLeast);
+    std::uint32_t spun = 0;
+    for (; spun < limit && self.parking_.load(std::memory_order_acquire) != kNotified; ++spun) {
         cpu_relax();
     }
-    self.spin_ -= self.spin_ / 4;
-    ++self.spin_misses_;
+    const bool notified = spun < limit;
+    if (notified) {
+        self.spin_ = (self.spin_ * 7 + spun + 7) / 8;
+        self.probe_every_ = kProbeOften;
+    } else {
+        self.spin_ -= self.spin_ / 4;
+        if (probe) self.probe_every_ = std::min(kProbeSeldom, self.probe_every_ * 2);
+    }
+    if (probe) self.probe_in_ = self.probe_every_;
+    return notified;
+}
 
+bool ThreadAccess::park(Thread& self, Deadline deadline) noexcept {
+    if (spin(self)) return true;
     std::uint32_t seen = kAwake;
     if (!self.parking_.compare_exchange_strong(seen, kSleeping, std::memory_order_acq_rel)) return true;
     while (futex_wait(self.parking_, kSleeping, deadline)) {

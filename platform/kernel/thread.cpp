@@ -152,6 +152,7 @@ void ThreadAccess::leave(Thread& self) noexcept {
     Mutex::abandon_all(self);
     free_tls_values(self.tls_);
     self.tls_ = nullptr;
+    free_exit_stack();
     current_thread = nullptr;
     self.release();
 }

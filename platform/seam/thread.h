@@ -68,8 +68,9 @@ private:
     WaitBlock* blocks_ = nullptr;
 
     // Touched by the thread itself only.
-    std::uint32_t spin_ = 0;  // how long it paid lately to look again before sleeping
-    std::uint32_t spin_misses_ = 0;
+    std::uint32_t spin_ = 0;       // how long it paid lately to look again before sleeping
+    std::uint32_t probe_in_ = 16;  // after how many more waits to look longer once
+    std::uint32_t probe_every_ = 16;
     class Mutex* owned_ = nullptr;
     struct TlsValues* tls_ = nullptr;
 

@@ -1,3 +1,5 @@
+#include <pthread.h>
+
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -202,14 +204,16 @@ TEST(Thread, ExitThreadInAThreadThatOthersMadeUnderNoexcept) {
     GTEST_SKIP() << "the thread sanitizer does not see a thread end this way";
 #endif
     HANDLE real = nullptr;
-    std::thread thread([&]() noexcept {
-        DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &real, 0, FALSE,
-                        DUPLICATE_SAME_ACCESS);
+    const auto routine = [](void* out) noexcept -> void* {
+        DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), static_cast<HANDLE*>(out), 0,
+                        FALSE, DUPLICATE_SAME_ACCESS);
         std::atomic<int> destroyed = 0;
         const Mark mark(destroyed);
         ExitThread(13);
-    });
-    thread.join();
+    };
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(&thread, nullptr, routine, &real), 0);
+    EXPECT_EQ(pthread_join(thread, nullptr), 0);
     DWORD code = 0;
     EXPECT_TRUE(GetExitCodeThread(real, &code));
     EXPECT_EQ(code, 13u);
