@@ -1,6 +1,9 @@
 // Importing a file of cards into a fresh contact store, beside EVCard parsing the same file and keeping nothing.
 // import_memory runs zr itself and reports the most memory that it ever had.
 
+// First: GLib makes macros of TRUE and FALSE, which the platform declares as constants.
+#include "zr/store.h"
+
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <libebook-contacts/libebook-contacts.h>
@@ -15,7 +18,6 @@
 #include <string>
 
 #include "zr/card_reader.h"
-#include "zr/store.h"
 
 extern char** environ;
 
