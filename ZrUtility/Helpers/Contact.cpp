@@ -107,7 +107,9 @@ LONG Contact::ReadField(int field, WCHAR*& value) {
     LONG result = S_OK;
     if (m_pwzFields[field] == nullptr) {
         if (m_pContact == nullptr) return E_FAIL;
-        result = (m_pContact->*FIELDS[field].get)(&m_pwzFields[field]);
+        // By a name of its own: an index inside the call is misjudged by the bounds check of some compilers.
+        const Getter get = FIELDS[field].get;
+        result = (m_pContact->*get)(&m_pwzFields[field]);
         if (result < 0 || m_pwzFields[field] == nullptr) return E_FAIL;
     }
     value = m_pwzFields[field];
@@ -115,7 +117,8 @@ LONG Contact::ReadField(int field, WCHAR*& value) {
 }
 
 LONG Contact::WriteField(int field, WCHAR* value) {
-    return m_pContact != nullptr ? (m_pContact->*FIELDS[field].put)(value) : E_FAIL;
+    const Setter put = FIELDS[field].put;
+    return m_pContact != nullptr ? (m_pContact->*put)(value) : E_FAIL;
 }
 
 LONG Contact::get_FileAs(WCHAR*& value) {

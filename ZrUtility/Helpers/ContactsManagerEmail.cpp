@@ -75,7 +75,8 @@ public:
     LONG Read(IContact* contact) {
         LONG result = S_OK;
         for (int i = 0; i < EMAIL_COUNT && result >= 0; ++i) {
-            result = (contact->*EMAIL_GETTERS[i])(&m_pwzAddresses[i]);
+            const EmailGetter get = EMAIL_GETTERS[i];
+            result = (contact->*get)(&m_pwzAddresses[i]);
         }
         return result;
     }
