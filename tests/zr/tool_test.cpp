@@ -424,12 +424,10 @@ TEST_F(Tool, SaysHowManyAreInWhenTheDiskIsFull) {
         cards += card("Person with a name of some length " + std::to_string(i), "p" + std::to_string(i) + "@x.y");
     }
     const std::string path = file("many.vcf", cards);
-    // A file system of its own that is soon full. Where that is not allowed there is nothing to see.
+    // No file may grow beyond this many blocks of 512 bytes, which a store meets as it meets a full disk.
     const std::string script =
-        "mount -t tmpfs -o size=2m none \"$ZR_HOME\" || exit 99; \"$0\" contacts import \"$1\"; echo \"code $?\";"
-        " \"$0\" contacts list --json";
-    const Result result = zr::test::run({"unshare", "-r", "-m", "sh", "-c", script, ZR_TOOL, path});
-    if (result.code == 99 || result.err.find("unshare") != std::string::npos) GTEST_SKIP() << result.err;
+        "(trap '' XFSZ; ulimit -f 3000; \"$0\" contacts import \"$1\"; echo \"code $?\"); \"$0\" contacts list --json";
+    const Result result = zr::test::run({"sh", "-c", script, ZR_TOOL, path});
     const auto lines = lines_of(result.out);
     ASSERT_GE(lines.size(), 3u) << result.err;
     ASSERT_EQ(lines[1], "code 8") << result.err;
