@@ -51,7 +51,7 @@ int run_as_child(int argc, char** argv);
 
 }  // namespace zr::test
 
-#define ZR_CHILD(name)                                                              \
-    static int zr_child_##name(std::vector<std::string> args);                      \
+#define ZR_CHILD(name)                                                                   \
+    static int zr_child_##name(std::vector<std::string> args);                           \
     static const zr::test::ChildRegistration zr_register_##name(#name, zr_child_##name); \
     static int zr_child_##name([[maybe_unused]] std::vector<std::string> args)
