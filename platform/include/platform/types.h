@@ -48,8 +48,13 @@ using LPWSTR = WCHAR*;
 using LPCWSTR = const WCHAR*;
 using LPDWORD = DWORD*;
 
+// Other libraries define these as macros, to the same values.
+#if !defined(FALSE)
 inline constexpr BOOL FALSE = 0;
+#endif
+#if !defined(TRUE)
 inline constexpr BOOL TRUE = 1;
+#endif
 inline constexpr DWORD MAX_PATH = 260;
 
 using HANDLE = void*;
