@@ -3,8 +3,8 @@
 #include <new>
 
 #include "ZrLog/ZrLog.h"
-#include "ZrUtility/Helpers/ContactItem.h"
 #include "ZrUtility/Helpers/OutlookManager.h"
+#include "ZrUtility/Helpers/contact_item.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <functional>
 #include <memory>
 #include <new>
 
 #include "ZrLog/ZrLog.h"
-#include "ZrUtility/Helpers/ContactItem.h"
+#include "ZrUtility/Helpers/contact_item.h"
+#include "ZrUtility/Helpers/hash_column.h"
 #include "platform/base.h"
 
 namespace {
@@ -37,12 +39,11 @@ std::uintptr_t LoggedRatio(float ratio) {
     return std::isfinite(ratio) ? static_cast<std::uintptr_t>(ratio * 10000) : UINTPTR_MAX;
 }
 
-// Lower-cases the address piece by piece, so that none needs memory of its own.
-ULONG AddressHash(const WCHAR* address) {
-    if (address == nullptr) return 0xFFFFFFFF;
+// Goes on from `hash`, with what is left of an address. Lower-cases piece by piece, so that none needs memory of its
+// own.
+ULONG HashOfRest(ULONG hash, const WCHAR* address) {
     constexpr DWORD PIECE = 128;
     WCHAR piece[PIECE];
-    ULONG hash = 17;
     for (bool more = true; more;) {
         DWORD length = 0;
         while (length < PIECE && address[length] != u'\0') {
@@ -55,6 +56,19 @@ ULONG AddressHash(const WCHAR* address) {
         for (DWORD i = 0; i < length; ++i) {
             hash = hash * 37 + piece[i];
         }
+    }
+    return hash;
+}
+
+// Of the lower-cased address. Nearly all addresses are of ASCII letters only, whose case needs no table.
+ULONG AddressHash(const WCHAR* address) {
+    if (address == nullptr) return 0xFFFFFFFF;
+    ULONG hash = 17;
+    for (; *address != u'\0'; ++address) {
+        const WCHAR character = *address;
+        if (character >= 0x80) return HashOfRest(hash, address);
+        const bool capital = character >= u'A' && character <= u'Z';
+        hash = hash * 37 + static_cast<ULONG>(capital ? character + (u'a' - u'A') : character);
     }
     return hash;
 }
@@ -92,8 +106,24 @@ private:
 
 }  // namespace
 
-// Collects the entries of a whole index and then puts them in bucket by bucket. Filled in the contacts' order, the
-// entries of one bucket would lie far apart, and a lookup would wait for memory at each of them.
+// Beside the buckets: the column of each one's hashes, and the block that holds the entries of the index as it was
+// built. Entries that were added since are allocated one by one.
+struct ContactsManagerEmail::IndexMemory {
+    HashColumn<Candidate> columns[BUCKET_COUNT];
+    std::unique_ptr<Candidate[]> block;
+    std::size_t blockCount = 0;
+
+    bool InBlock(const Candidate* entry) const {
+        const std::less<const Candidate*> before;
+        return !before(entry, block.get()) && before(entry, block.get() + blockCount);
+    }
+    void Free(Candidate* entry) const {
+        if (!InBlock(entry)) delete entry;
+    }
+};
+
+// Collects the entries of a whole index and then puts them in bucket by bucket, so that those of one bucket lie
+// together.
 class ContactsManagerEmail::IndexBuilder {
 public:
     LONG Add(const Candidate& candidate) {
@@ -109,22 +139,27 @@ public:
         return S_OK;
     }
 
+    // Into empty buckets.
     LONG PutInto(ContactsManagerEmail& manager) const {
         std::size_t starts[BUCKET_COUNT + 1] = {};
         for (std::size_t i = 0; i < m_count; ++i) {
             ++starts[m_entries[i].hash % BUCKET_COUNT + 1];
         }
+        IndexMemory& memory = *manager.m_pMemory;
         for (ULONG bucket = 0; bucket < BUCKET_COUNT; ++bucket) {
+            if (!memory.columns[bucket].Reserve(static_cast<int>(starts[bucket + 1]))) return E_FAIL;
             starts[bucket + 1] += starts[bucket];
         }
-        const std::unique_ptr<Candidate[]> sorted(new (std::nothrow) Candidate[m_count]);
+        std::unique_ptr<Candidate[]> sorted(new (std::nothrow) Candidate[m_count]);
         if (sorted == nullptr) return E_FAIL;
         for (std::size_t i = 0; i < m_count; ++i) {
             sorted[starts[m_entries[i].hash % BUCKET_COUNT]++] = m_entries[i];
         }
+        memory.block = std::move(sorted);
+        memory.blockCount = m_count;
         LONG result = S_OK;
         for (std::size_t i = 0; i < m_count && result >= 0; ++i) {
-            result = manager.AddCandidate(sorted[i]);
+            result = manager.AppendEntry(&memory.block[i]);
         }
         return result;
     }
@@ -139,7 +174,7 @@ const float ContactsManagerEmail::m_cfRehashThreshHold = 0.85f;
 const int ContactsManagerEmail::m_ciAssumedEmailsPerContact = 3;
 
 ContactsManagerEmail::ContactsManagerEmail()
-    : m_pBuckets(nullptr), m_lFirstDeletedOid(0), m_iAddedEntries(0), m_iEmailInitialized(0) {}
+    : m_pBuckets(nullptr), m_lFirstDeletedOid(0), m_iAddedEntries(0), m_iEmailInitialized(0), m_pMemory(nullptr) {}
 
 ContactsManagerEmail::~ContactsManagerEmail() {
     ContactsManagerEmail::Uninitialize(1);
@@ -187,22 +222,37 @@ LONG ContactsManagerEmail::Uninitialize(int force) {
 
 LONG ContactsManagerEmail::AddCandidate(const Candidate& candidate) {
     if (m_pBuckets == nullptr) return E_FAIL;
-    Bucket& bucket = m_pBuckets[candidate.hash % BUCKET_COUNT];
     auto* entry = new (std::nothrow) Candidate(candidate);
     if (entry == nullptr) return E_FAIL;
+    const LONG result = AppendEntry(entry);
+    if (result < 0) delete entry;
+    return result;
+}
+
+// At the end of its bucket's list and column; to neither when memory is short.
+LONG ContactsManagerEmail::AppendEntry(Candidate* entry) {
+    Bucket& bucket = m_pBuckets[entry->hash % BUCKET_COUNT];
+    HashColumn<Candidate>& column = m_pMemory->columns[entry->hash % BUCKET_COUNT];
+    if (!column.Reserve(1)) return E_FAIL;
     const int before = bucket.getNumberOfElement();
     bucket.appendElement(entry);
-    if (bucket.getNumberOfElement() != before) return S_OK;
-    delete entry;
-    return E_FAIL;
+    if (bucket.getNumberOfElement() == before) return E_FAIL;
+    column.Append(entry->hash, entry);
+    return S_OK;
+}
+
+void ContactsManagerEmail::RemoveEntry(ULONG bucket, int index) {
+    Candidate* entry = m_pMemory->columns[bucket].At(index);
+    m_pBuckets[bucket].removeElement(index);
+    m_pMemory->columns[bucket].Remove(index);
+    m_pMemory->Free(entry);
 }
 
 ContactsManagerEmail::Candidate* ContactsManagerEmail::FindCandidate(const Candidate& candidate) {
     if (m_pBuckets == nullptr) return nullptr;
-    const std::unique_ptr<ZrIterator> entries(m_pBuckets[candidate.hash % BUCKET_COUNT].untyped_iterator());
-    if (entries == nullptr) return nullptr;
-    while (auto* entry = static_cast<Candidate*>(entries->next())) {
-        if (entry->hash == candidate.hash && entry->oid == candidate.oid) return entry;
+    const HashColumn<Candidate>& column = m_pMemory->columns[candidate.hash % BUCKET_COUNT];
+    for (int i = column.Find(candidate.hash, 0); i < column.Count(); i = column.Find(candidate.hash, i + 1)) {
+        if (column.At(i)->oid == candidate.oid) return column.At(i);
     }
     return nullptr;
 }
@@ -230,7 +280,9 @@ LONG ContactsManagerEmail::CreateHashIndex() {
         zrKelDebugBinLog0(LOG_SOURCE, __LINE__, LOG_INFORMATION);
         DestroyHashIndex();
     }
-    m_pBuckets = new (std::nothrow) Bucket[BUCKET_COUNT];
+    m_pMemory = new (std::nothrow) IndexMemory;
+    m_pBuckets = m_pMemory != nullptr ? new (std::nothrow) Bucket[BUCKET_COUNT] : nullptr;
+    if (m_pBuckets == nullptr) DestroyHashIndex();
     IndexBuilder builder;
     int count = 0;
     LONG result = m_pBuckets == nullptr || m_pItems == nullptr ? E_FAIL : m_pItems->get_Count(&count);
@@ -253,14 +305,16 @@ LONG ContactsManagerEmail::CreateHashIndex() {
 
 LONG ContactsManagerEmail::DestroyHashIndex() {
     for (ULONG i = 0; m_pBuckets != nullptr && i < BUCKET_COUNT; ++i) {
-        const std::unique_ptr<ZrIterator> entries(m_pBuckets[i].untyped_iterator());
-        while (entries != nullptr && entries->hasNext() != 0) {
-            delete static_cast<Candidate*>(entries->next());
+        const HashColumn<Candidate>& column = m_pMemory->columns[i];
+        for (int entry = 0; entry < column.Count(); ++entry) {
+            m_pMemory->Free(column.At(entry));
         }
         m_pBuckets[i].clear();
     }
     delete[] m_pBuckets;
     m_pBuckets = nullptr;
+    delete m_pMemory;
+    m_pMemory = nullptr;
     m_lFirstDeletedOid = 0;
     m_iAddedEntries = 0;
     return S_OK;
@@ -274,17 +328,19 @@ ContactsManager::CM_QUANTIFIER ContactsManagerEmail::FindContact(WCHAR* pattern,
     }
     if (m_pBuckets == nullptr) return CM_NONE;
     const ULONG hash = AddressHash(pattern);
-    Bucket& bucket = m_pBuckets[hash % BUCKET_COUNT];
-    const std::unique_ptr<ZrIterator> entries(bucket.untyped_iterator());
+    const HashColumn<Candidate>& column = m_pMemory->columns[hash % BUCKET_COUNT];
     LONG found = 0;
     int matches = 0;
-    while (entries != nullptr && matches < 2) {
-        auto* entry = static_cast<Candidate*>(entries->next());
-        if (entry == nullptr) break;
-        if (entry->hash != hash) continue;
+    for (int i = column.Find(hash, 0); i < column.Count() && matches < 2; i = column.Find(hash, i)) {
+        const LONG oid = column.At(i)->oid;
         Contact* candidate = nullptr;
-        if (!FetchCandidate(bucket, entry, candidate)) continue;
-        if (entry->oid == found || candidate->IsComparable(pattern, EMAIL_FIELDS, exact, 0) == 0) {
+        if (GetContactFromOid(static_cast<ULONG>(oid), candidate) < 0 || candidate == nullptr) {
+            // The contact is gone, and then so is the entry; the next one takes its place.
+            RemoveEntry(hash % BUCKET_COUNT, i);
+            continue;
+        }
+        ++i;
+        if (oid == found || candidate->IsComparable(pattern, EMAIL_FIELDS, exact, 0) == 0) {
             ReleaseContact(candidate);
         } else if (++matches == 1) {
             contact = candidate;
@@ -295,15 +351,6 @@ ContactsManager::CM_QUANTIFIER ContactsManagerEmail::FindContact(WCHAR* pattern,
         }
     }
     return static_cast<CM_QUANTIFIER>(matches);
-}
-
-// False when the entry's contact is gone, and then so is the entry.
-bool ContactsManagerEmail::FetchCandidate(Bucket& bucket, Candidate* entry, Contact*& contact) {
-    const LONG result = GetContactFromOid(static_cast<ULONG>(entry->oid), contact);
-    if (result >= 0 && contact != nullptr) return true;
-    bucket.removeElement(entry);
-    delete entry;
-    return false;
 }
 
 // The contact with this identifier, for the caller to release; NULL, with a record, when there is none.

@@ -49,6 +49,7 @@ public:
 private:
     using Bucket = ZrTypedList<Candidate>;
     class IndexBuilder;
+    struct IndexMemory;
 
     static constexpr ULONG BUCKET_COUNT = 500;
 
@@ -56,10 +57,11 @@ private:
     LONG DestroyHashIndex();
     LONG AddContactEmailsToHash(IContact* contact, IPOutlookApp* application);
     LONG AddCandidate(const Candidate& candidate);
+    LONG AppendEntry(Candidate* entry);
     Candidate* FindCandidate(const Candidate& candidate);
     template <class Add>
     LONG ForEachEmail(IContact* contact, IPOutlookApp* application, Add add);
-    bool FetchCandidate(Bucket& bucket, Candidate* entry, Contact*& contact);
+    void RemoveEntry(ULONG bucket, int index);
     IContact* ItemFromOid(LONG oid);
     void RebuildIfGrown();
 
@@ -67,4 +69,5 @@ private:
     LONG m_lFirstDeletedOid;
     int m_iAddedEntries;
     int m_iEmailInitialized;
+    IndexMemory* m_pMemory;  // with m_pBuckets: their hashes once more, for fast searches, and what entries lie in
 };

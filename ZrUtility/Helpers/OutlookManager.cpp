@@ -246,7 +246,10 @@ int OutlookManager::GetSourceId(IDispatch* item) {
 }
 
 LONG OutlookManager::SetFolderNotification(IPOutlookApp*& app, int folder, ULONG flags, LONG* folderOid) {
-    if (m_pOutlookApp == nullptr || app == nullptr) return 1;
+    if (m_pOutlookApp == nullptr || app == nullptr) {
+        LogFailure(__LINE__, E_FAIL);
+        return 1;
+    }
     IFolder* opened = nullptr;
     LONG result = app->GetDefaultFolder(static_cast<OlDefaultFolders>(folder), &opened);
     if (result < 0) {

@@ -153,6 +153,39 @@ TEST_F(ContactsManagerEmailTest, AnOldWindowClassIsReplacedOrUsed) {
     EXPECT_EQ(second.Uninitialize(0), S_OK);
 }
 
+TEST_F(ContactsManagerEmailTest, AFailingLogoffStillTakesTheWindowAway) {
+    ASSERT_EQ(manager_.Initialize(), S_OK);
+    world_.results["Logoff"] = E_HANDLE;
+    EXPECT_EQ(manager_.Uninitialize(0), E_HANDLE);
+    EXPECT_FALSE(IsWindow(world_.window));
+    EXPECT_FALSE(manager_.IsInitialized());
+    EXPECT_EQ(world_.objects, 1);
+    EXPECT_EQ(log_.count(kFailure), 2);  // one of each class
+    EXPECT_EQ(log_.count(0x840004), 1);
+}
+
+TEST_F(ContactsManagerEmailTest, TheWindowsProcedureLetsGoOfTheManager) {
+    ASSERT_EQ(manager_.Initialize(), S_OK);
+    const HWND window = world_.window;
+    const auto logged = log_.records().size();
+    EXPECT_EQ(SendMessageW(window, WM_DESTROY, 0, 0), 0);
+    ASSERT_EQ(log_.records().size(), logged + 1);
+    EXPECT_EQ(log_.records().back().category, 0x730010u);
+    EXPECT_EQ(GetWindowLongW(window, GWL_USERDATA), 0);
+    // Nobody hears of this one, and nothing is called.
+    const int before = world_.calls["GetItemFromOid"];
+    EXPECT_EQ(SendMessageW(window, 0x8100, 1, 10), 0);
+    EXPECT_EQ(world_.calls["GetItemFromOid"], before);
+    // A window of the class without a manager.
+    const HWND other = CreateWindowExW(0, ContactsManager::S_pwzListenerClassName, nullptr, 0, 0, 0, 0, 0, nullptr,
+                                       nullptr, GetModuleHandleW(nullptr), nullptr);
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(GetWindowLongW(other, GWL_USERDATA), 0);
+    EXPECT_EQ(SendMessageW(other, 0x8102, 1, 10), 0);
+    EXPECT_EQ(world_.calls["GetItemFromOid"], before);
+    EXPECT_TRUE(DestroyWindow(other));
+}
+
 TEST_F(ContactsManagerEmailTest, AWindowOfAnotherThreadNoLongerCallsIn) {
     ContactsManagerEmail other;
     std::thread([&other] { EXPECT_EQ(other.Initialize(), S_OK); }).join();
@@ -207,18 +240,18 @@ TEST_F(ContactsManagerEmailTest, AddressesOfEveryLengthHashAlike) {
 }
 
 TEST_F(ContactsManagerEmailTest, EqualHashesAreToldApart) {
-    // 37 * 'a' + '%' + 37 is 37 * 'b' + '%': different texts, one hash.
-    world_.add(1, {{"Email1Address", u"aJ"}});
-    world_.add(2, {{"Email1Address", u"b%"}});
-    ASSERT_EQ(37 * u'a' + u'j', 37 * u'b' + u'E');
-    world_.add(3, {{"Email1Address", u"x1"}});
-    world_.add(4, {{"Email1Address", std::u16string{u'w', u'1' + 37}}});
+    ASSERT_EQ(37 * u'x' + u'@', 37 * u'w' + u'e');  // different texts, one hash, in lower case too
+    world_.add(1, {{"Email1Address", u"ax@h"}});
+    world_.add(2, {{"Email1Address", u"aweh"}});
     ASSERT_EQ(manager_.Initialize(), S_OK);
     LONG oid = 0;
-    EXPECT_EQ(lookup(u"x1", &oid), 1);
-    EXPECT_EQ(oid, 3);
-    EXPECT_EQ(lookup(std::u16string{u'w', u'1' + 37}, &oid), 1);
-    EXPECT_EQ(oid, 4);
+    const int before = world_.calls["GetItemFromOid"];
+    EXPECT_EQ(lookup(u"AX@h", &oid), 1);
+    EXPECT_EQ(oid, 1);
+    EXPECT_EQ(world_.calls["GetItemFromOid"], before + 2);  // both were looked at
+    EXPECT_EQ(lookup(u"AWEH", &oid), 1);
+    EXPECT_EQ(oid, 2);
+    EXPECT_EQ(world_.calls["GetItemFromOid"], before + 4);
 }
 
 TEST_F(ContactsManagerEmailTest, OtherSearchesLookAtEveryContact) {

@@ -128,6 +128,32 @@ TEST_F(ContactsManagerTest, AFailingLogoffIsTheResultOfTheEnd) {
     EXPECT_THAT(failures(), ElementsAre(ElementsAre(static_cast<ULONG>(E_HANDLE), 0)));
 }
 
+TEST_F(ContactsManagerTest, LogsItsUsersAndFailures) {
+    const auto records = [this] {
+        std::vector<std::pair<std::uint32_t, std::vector<std::uintptr_t>>> all;
+        for (const auto& record : log_.records()) {
+            if (record.category >> 16 == 0x73) all.emplace_back(record.category, record.arguments);
+        }
+        return all;
+    };
+    using Record = std::pair<std::uint32_t, std::vector<std::uintptr_t>>;
+    EXPECT_EQ(manager_.Initialize(), S_OK);
+    EXPECT_EQ(manager_.Initialize(), S_OK);
+    EXPECT_EQ(manager_.Uninitialize(0), S_OK);
+    EXPECT_EQ(manager_.Uninitialize(1), S_OK);
+    // That it succeeded and the count; the count; the count and whether it was forced, twice.
+    const std::vector<Record> expected = {
+        {0x730010, {0}}, {0x730010, {1}}, {0x730010, {2}}, {0x730010, {1, 0}}, {0x730010, {0, 1}}};
+    EXPECT_EQ(records(), expected);
+    world_.results["get_Items"] = E_ABORT;
+    EXPECT_EQ(manager_.Initialize(), E_ABORT);
+    const auto all = records();
+    ASSERT_EQ(all.size(), 8u);
+    EXPECT_EQ(all[5], Record(0x730010, {1}));
+    EXPECT_EQ(all[6], Record(kFailure, {static_cast<ULONG>(E_ABORT)}));
+    EXPECT_EQ(all[7], Record(0x730010, {0, 0}));
+}
+
 TEST_F(ContactsManagerTest, NothingWorksBeforeInitialize) {
     Contact* contact = reinterpret_cast<Contact*>(0x10);
     int count = 0;

@@ -349,6 +349,7 @@ TEST_F(OutlookManagerTest, SetsAFoldersNotifications) {
     IPOutlookApp* app = nullptr;
     LONG oid = 0;
     EXPECT_EQ(OutlookManager::SetFolderNotification(app, 10, 3, &oid), 1);  // no shared session
+    EXPECT_EQ(log_.count(kFailure), 1);
     ASSERT_EQ(OutlookManager::Login(app), S_OK);
     EXPECT_EQ(OutlookManager::SetFolderNotification(app, 10, 3, &oid), 0);
     EXPECT_EQ(oid, 4711);

@@ -1,4 +1,4 @@
-#include "ZrUtility/Helpers/ContactItem.h"
+#include "ZrUtility/Helpers/contact_item.h"
 
 namespace {
 
