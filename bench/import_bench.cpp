@@ -1,4 +1,6 @@
-// Importing a file of cards into a fresh contact store, beside EVCard parsing the same file and keeping nothing.
+// Importing a file of cards into a fresh contact store, beside EVCard parsing the same file and keeping nothing. The
+// import reads cards on a second thread, so that the processor time, which is of the whole process, is the other half
+// of the answer.
 // import_memory runs zr itself and reports the most memory that it ever had.
 
 // First: GLib makes macros of TRUE and FALSE, which the platform declares as constants.
@@ -15,9 +17,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
+#include <vector>
 
-#include "zr/card_reader.h"
+#include "zr/card_stream.h"
 
 extern char** environ;
 
@@ -84,18 +88,17 @@ void import_ours(benchmark::State& state) {
         scratch().fresh_store();
         state.ResumeTiming();
         const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        zr::LineReader lines(zr::read_from_descriptor(fd));
-        zr::CardReader reader(lines);
-        zr::Store store;
         std::vector<zr::Card> batch;
-        std::vector<zr::CardProblem> problems;
-        zr::Card card;
-        while (reader.next(card, problems) == zr::CardReader::Result::Card) {
-            batch.push_back(std::move(card));
-            card = {};
-            if (batch.size() < 1000) continue;
-            store.add(batch);
-            batch.clear();
+        zr::Store store;
+        {
+            zr::CardStream cards(fd);
+            zr::CardStream::Part part;
+            while (cards.next(part)) {
+                std::move(part.cards.begin(), part.cards.end(), std::back_inserter(batch));
+                if (batch.size() < 1000) continue;
+                store.add(batch);
+                batch.clear();
+            }
         }
         if (!batch.empty()) store.add(batch);
         close(fd);
@@ -168,10 +171,32 @@ void import_memory(benchmark::State& state) {
     state.counters["peak_MiB"] = static_cast<double>(peak) / 1024;
 }
 
-BENCHMARK(import_ours)->Name("import/ours")->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(parse_evcard)->Name("import/evcard")->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(parse_ours)->Name("parse_cards/ours")->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(parse_evcard)->Name("parse_cards/evcard")->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(import_ours)
+    ->Name("import/ours")
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+BENCHMARK(parse_evcard)
+    ->Name("import/evcard")
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+BENCHMARK(parse_ours)
+    ->Name("parse_cards/ours")
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+BENCHMARK(parse_evcard)
+    ->Name("parse_cards/evcard")
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 BENCHMARK(import_memory)
     ->Name("import_memory/ours")
     ->Arg(10000)

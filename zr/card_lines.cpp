@@ -26,12 +26,12 @@ bool is_base64(std::string_view line) {
                                         [](char c) { return g_ascii_isalnum(c) || c == '+' || c == '/' || c == '='; });
 }
 
-// The position of the first of `marks` outside of double quotes.
-std::size_t find_unquoted(std::string_view text, std::string_view marks, std::size_t from) {
+// The position of the first `mark` outside of double quotes.
+std::size_t find_unquoted(std::string_view text, char mark, std::size_t from) {
     bool quoted = false;
     for (std::size_t i = from; i < text.size(); ++i) {
         if (text[i] == '"') quoted = !quoted;
-        if (!quoted && marks.find(text[i]) != npos) return i;
+        if (!quoted && text[i] == mark) return i;
     }
     return npos;
 }
@@ -52,6 +52,11 @@ std::string decode_quoted_printable(std::string_view text) {
 // Whether text of this set may look like ASCII and mean something else.
 bool shifts_ascii(std::string_view charset) {
     return charset.starts_with("ISO-2022") || charset.starts_with("UTF-7") || charset.starts_with("HZ");
+}
+
+// Whether a value means itself, whatever its set.
+bool is_plain_ascii(std::string_view value) {
+    return std::all_of(value.begin(), value.end(), [](char c) { return c >= ' ' && c < 0x7F && c != '\\'; });
 }
 
 // Makes every backslash of a written value one of the escapes of vCard 3.0: a needless one goes, a plain one is
@@ -157,7 +162,7 @@ void PropertyLines::append_bare_base64() {
 bool PropertyLines::parse_header(Header& header) const {
     header = {};
     const std::string_view text = logical_;
-    std::size_t end = find_unquoted(text, ":", 0);
+    std::size_t end = find_unquoted(text, ':', 0);
     const bool balanced = end != npos;
     if (!balanced) end = text.find(':');
     header.trouble = "a line without a colon";
@@ -173,7 +178,7 @@ bool PropertyLines::parse_header(Header& header) const {
     }
     header.trouble = "a parameter that cannot be read";
     for (std::size_t at = header.name_end; at < end;) {
-        const std::size_t stop = std::min(balanced ? find_unquoted(text, ";", at + 1) : text.find(';', at + 1), end);
+        const std::size_t stop = std::min(balanced ? find_unquoted(text, ';', at + 1) : text.find(';', at + 1), end);
         std::string parameter(text.substr(at + 1, stop - at - 1));
         if (!balanced) std::erase(parameter, '"');
         if (!read_parameter(parameter, header)) return false;
@@ -242,6 +247,8 @@ void PropertyLines::build(const Header& header, PropertyLine& property) {
         std::copy_if(value.begin(), value.end(), std::back_inserter(property.text), [](char c) {
             return is_base64({&c, 1});
         });
+    } else if (is_plain_ascii(value) && !shifts_ascii(header.charset)) {
+        property.text += value;
     } else {
         std::string decoded = to_utf8_value(value, header.charset);
         property.text += decoded.find_first_of("\\\r") == npos ? decoded : with_clean_escapes(decoded);

@@ -1,12 +1,11 @@
 #include "card_reader.h"
 
-#include <libebook-contacts/libebook-contacts.h>
+#include <glib.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <memory>
-#include <unordered_map>
 
+#include "card_attributes.h"
 #include "text.h"
 
 namespace zr {
@@ -29,41 +28,44 @@ enum class Property {
 };
 
 struct Known {
+    std::string_view name;
     Property property;
     Field field = Field::Count;
 };
 
 Known lookup(std::string_view name) {
-    static const std::unordered_map<std::string_view, Known> names = {
-        {"N", {Property::Name}},
-        {"FN", {Property::FormattedName}},
-        {"ORG", {Property::Organization}},
-        {"TITLE", {Property::Text, Field::JobTitle}},
-        {"NOTE", {Property::Text, Field::Note}},
-        {"TEL", {Property::Phone}},
-        {"ADR", {Property::Address}},
-        {"EMAIL", {Property::Email}},
-        {"BDAY", {Property::Birthday}},
-        {"ANNIVERSARY", {Property::Anniversary}},
-        {"X-ANNIVERSARY", {Property::Anniversary}},
-        {"X-EVOLUTION-ANNIVERSARY", {Property::Anniversary}},
-        {"URL", {Property::Text, Field::WebPage}},
-        {"CATEGORIES", {Property::Categories}},
-        {"X-EVOLUTION-FILE-AS", {Property::FileAs}},
-        {"X-EVOLUTION-SPOUSE", {Property::Text, Field::Spouse}},
-        {"X-SPOUSE", {Property::Text, Field::Spouse}},
-        {"X-EVOLUTION-ASSISTANT", {Property::Text, Field::Assistant}},
-        {"X-ASSISTANT", {Property::Text, Field::Assistant}},
-        {"X-CHILDREN", {Property::Text, Field::Children}},
-        {"X-OFFICE", {Property::Text, Field::Office}},
-        {"X-PHONETIC-FIRST-NAME", {Property::Text, Field::YomiFirstName}},
-        {"X-PHONETIC-LAST-NAME", {Property::Text, Field::YomiLastName}},
-        {"X-PHONETIC-ORG", {Property::Text, Field::YomiCompany}},
-        {"VERSION", {Property::Ignored}},
-        {"PRODID", {Property::Ignored}},
+    static constexpr Known names[] = {
+        {"N", Property::Name},
+        {"FN", Property::FormattedName},
+        {"ORG", Property::Organization},
+        {"TITLE", Property::Text, Field::JobTitle},
+        {"NOTE", Property::Text, Field::Note},
+        {"TEL", Property::Phone},
+        {"ADR", Property::Address},
+        {"EMAIL", Property::Email},
+        {"BDAY", Property::Birthday},
+        {"ANNIVERSARY", Property::Anniversary},
+        {"X-ANNIVERSARY", Property::Anniversary},
+        {"X-EVOLUTION-ANNIVERSARY", Property::Anniversary},
+        {"URL", Property::Text, Field::WebPage},
+        {"CATEGORIES", Property::Categories},
+        {"X-EVOLUTION-FILE-AS", Property::FileAs},
+        {"X-EVOLUTION-SPOUSE", Property::Text, Field::Spouse},
+        {"X-SPOUSE", Property::Text, Field::Spouse},
+        {"X-EVOLUTION-ASSISTANT", Property::Text, Field::Assistant},
+        {"X-ASSISTANT", Property::Text, Field::Assistant},
+        {"X-CHILDREN", Property::Text, Field::Children},
+        {"X-OFFICE", Property::Text, Field::Office},
+        {"X-PHONETIC-FIRST-NAME", Property::Text, Field::YomiFirstName},
+        {"X-PHONETIC-LAST-NAME", Property::Text, Field::YomiLastName},
+        {"X-PHONETIC-ORG", Property::Text, Field::YomiCompany},
+        {"VERSION", Property::Ignored},
+        {"PRODID", Property::Ignored},
     };
-    const auto found = names.find(name);
-    return found == names.end() ? Known{Property::Unknown} : found->second;
+    for (const Known& known : names) {
+        if (equal_ignoring_case(known.name, name)) return known;
+    }
+    return {name, Property::Unknown};
 }
 
 enum Type : unsigned {
@@ -79,7 +81,11 @@ enum Type : unsigned {
 };
 
 unsigned type_bit(std::string_view name) {
-    static const std::unordered_map<std::string_view, unsigned> bits = {
+    struct Named {
+        std::string_view name;
+        unsigned bit;
+    };
+    static constexpr Named bits[] = {
         {"HOME", kHome},
         {"WORK", kWork},
         {"CELL", kCell},
@@ -92,22 +98,20 @@ unsigned type_bit(std::string_view name) {
         {"X-EVOLUTION-ASSISTANT", kAssistant},
         {"PREF", kPref},
     };
-    const auto found = bits.find(upper(name));
-    return found == bits.end() ? 0 : found->second;
+    for (const Named& known : bits) {
+        if (equal_ignoring_case(known.name, name)) return known.bit;
+    }
+    return 0;
 }
 
 constexpr int kLeastPreferred = 101;
 
 // A property with what its parameters say about its kind and preference.
 struct Ranked {
-    EVCardAttribute* attribute;
+    const Attribute* attribute;
     unsigned types = 0;
     int preference = kLeastPreferred;
 };
-
-std::string_view view(const char* text) {
-    return text ? std::string_view(text) : std::string_view();
-}
 
 void add_types(Ranked& ranked, std::string_view names) {
     while (!names.empty()) {
@@ -117,18 +121,13 @@ void add_types(Ranked& ranked, std::string_view names) {
     }
 }
 
-Ranked rank(EVCardAttribute* attribute) {
-    Ranked ranked{attribute};
-    for (GList* p = e_vcard_attribute_get_params(attribute); p; p = p->next) {
-        auto* param = static_cast<EVCardAttributeParam*>(p->data);
-        const std::string_view name = view(e_vcard_attribute_param_get_name(param));
-        GList* values = e_vcard_attribute_param_get_values(param);
-        if (equal_ignoring_case(name, "TYPE")) {
-            for (; values; values = values->next) {
-                add_types(ranked, view(static_cast<const char*>(values->data)));
-            }
-        } else if (equal_ignoring_case(name, "PREF")) {
-            const int given = values ? std::atoi(static_cast<const char*>(values->data)) : 0;
+Ranked rank(const Attribute& attribute) {
+    Ranked ranked{&attribute};
+    for (const Attribute::Parameter& parameter : attribute.parameters) {
+        if (equal_ignoring_case(parameter.name, "TYPE")) {
+            add_types(ranked, parameter.value);
+        } else if (equal_ignoring_case(parameter.name, "PREF") && ranked.preference == kLeastPreferred) {
+            const int given = std::atoi(std::string(parameter.value).c_str());
             ranked.preference = given >= 1 && given <= 100 ? given : 1;
         }
     }
@@ -136,19 +135,16 @@ Ranked rank(EVCardAttribute* attribute) {
     return ranked;
 }
 
-std::string value_at(EVCardAttribute* attribute, unsigned index) {
-    const gpointer value = g_list_nth_data(e_vcard_attribute_get_values(attribute), index);
-    return std::string(trimmed(view(static_cast<const char*>(value))));
+std::string value_at(const Attribute& attribute, std::size_t index) {
+    return index < attribute.values.size() ? std::string(trimmed(attribute.values[index])) : std::string();
 }
 
 // The values from `first` on, joined by `separator`.
-std::string joined_values(EVCardAttribute* attribute, unsigned first, std::string_view separator) {
+std::string joined_values(const Attribute& attribute, std::size_t first, std::string_view separator) {
     std::string out;
-    bool any = false;
-    for (GList* v = g_list_nth(e_vcard_attribute_get_values(attribute), first); v; v = v->next) {
-        if (any) out += separator;
-        any = true;
-        out += view(static_cast<const char*>(v->data));
+    for (std::size_t i = first; i < attribute.values.size(); ++i) {
+        if (i > first) out += separator;
+        out += attribute.values[i];
     }
     return out;
 }
@@ -179,20 +175,20 @@ class Builder {
 public:
     explicit Builder(Card& card) : card_(card) {}
 
-    void add(EVCardAttribute* attribute);
+    void add(const Attribute& attribute);
     void finish();
 
 private:
-    void add_name(EVCardAttribute* attribute);
-    void add_organization(EVCardAttribute* attribute);
-    void add_address(EVCardAttribute* attribute);
+    void add_name(const Attribute& attribute);
+    void add_organization(const Attribute& attribute);
+    void add_address(const Attribute& attribute);
     void add_phone(const Ranked& phone);
     void add_email(const Ranked& email);
     void add_file_as();
-    void add_categories(EVCardAttribute* attribute);
+    void add_categories(const Attribute& attribute);
     bool put(Field field, std::string value);
     bool put_first(std::initializer_list<Field> fields, const std::string& value);
-    void keep(EVCardAttribute* attribute, bool with_preference = true);
+    void keep(const Attribute& attribute, bool with_preference = true);
 
     Card& card_;
     std::string formatted_name_;
@@ -202,8 +198,8 @@ private:
     std::vector<Ranked> phones_;
 };
 
-void Builder::add(EVCardAttribute* attribute) {
-    const Known known = lookup(upper(view(e_vcard_attribute_get_name(attribute))));
+void Builder::add(const Attribute& attribute) {
+    const Known known = lookup(attribute.name);
     switch (known.property) {
         case Property::Name:
             return add_name(attribute);
@@ -267,7 +263,7 @@ bool Builder::put_first(std::initializer_list<Field> fields, const std::string& 
     return std::any_of(fields.begin(), fields.end(), [&](Field field) { return put(field, value); });
 }
 
-void Builder::add_name(EVCardAttribute* attribute) {
+void Builder::add_name(const Attribute& attribute) {
     if (named_) return keep(attribute);
     named_ = true;
     unsigned index = 0;
@@ -276,7 +272,7 @@ void Builder::add_name(EVCardAttribute* attribute) {
     }
 }
 
-void Builder::add_organization(EVCardAttribute* attribute) {
+void Builder::add_organization(const Attribute& attribute) {
     if (!card_[Field::Company].empty() || !card_[Field::Department].empty()) return keep(attribute);
     card_[Field::Company] = value_at(attribute, 0);
     std::string units = joined_values(attribute, 1, ";");
@@ -286,7 +282,7 @@ void Builder::add_organization(EVCardAttribute* attribute) {
     card_[Field::Department] = std::move(units);
 }
 
-void Builder::add_address(EVCardAttribute* attribute) {
+void Builder::add_address(const Attribute& attribute) {
     static constexpr std::array<Field, 3> streets = {Field::BusinessStreet, Field::HomeStreet, Field::OtherStreet};
     const unsigned types = rank(attribute).types;
     const auto is_free = [&](Field street) {
@@ -312,7 +308,7 @@ void Builder::add_address(EVCardAttribute* attribute) {
 }
 
 void Builder::add_phone(const Ranked& phone) {
-    std::string number = joined_values(phone.attribute, 0, ";");
+    std::string number = joined_values(*phone.attribute, 0, ";");
     if (number.starts_with("tel:")) number.erase(0, 4);
     const unsigned types = phone.types;
     bool placed = false;
@@ -335,17 +331,17 @@ void Builder::add_phone(const Ranked& phone) {
     } else {
         placed = number.empty();  // of no kind that a contact knows; kept as it stands
     }
-    if (!placed) keep(phone.attribute, (types & ~kPref) == 0);
+    if (!placed) keep(*phone.attribute, (types & ~kPref) == 0);
 }
 
 void Builder::add_email(const Ranked& email) {
-    std::string address(trimmed(joined_values(email.attribute, 0, ";")));
+    std::string address(trimmed(joined_values(*email.attribute, 0, ";")));
     if (equal_ignoring_case(address.substr(0, 7), "mailto:")) address.erase(0, 7);
     // The same address again would only take a place from another one.
     for (const Field field : {Field::Email1, Field::Email2, Field::Email3}) {
         if (equal_ignoring_case(card_[field], address)) return;
     }
-    if (!put_first({Field::Email1, Field::Email2, Field::Email3}, address)) keep(email.attribute, false);
+    if (!put_first({Field::Email1, Field::Email2, Field::Email3}, address)) keep(*email.attribute, false);
 }
 
 // A contact has one name beside the parts of it. The formatted name is that one when the parts do not tell it.
@@ -358,7 +354,7 @@ void Builder::add_file_as() {
     card_.extras += '\n';
 }
 
-void Builder::add_categories(EVCardAttribute* attribute) {
+void Builder::add_categories(const Attribute& attribute) {
     std::string& all = card_[Field::Categories];
     const std::string more = joined_values(attribute, 0, ",");
     for (std::string_view rest = more; !rest.empty();) {
@@ -378,33 +374,31 @@ bool is_preference(std::string_view parameter, std::string_view value) {
 
 // Writes the property again as a line, with its group and parameters. One that comes behind the fields of its kind does
 // so by its place, and would overtake them if it kept its preference.
-void Builder::keep(EVCardAttribute* attribute, bool with_preference) {
+void Builder::keep(const Attribute& attribute, bool with_preference) {
     std::string& out = card_.extras;
-    if (const char* group = e_vcard_attribute_get_group(attribute)) {
-        out += group;
+    if (!attribute.group.empty()) {
+        out += attribute.group;
         out += '.';
     }
-    out += view(e_vcard_attribute_get_name(attribute));
-    for (GList* p = e_vcard_attribute_get_params(attribute); p; p = p->next) {
-        auto* param = static_cast<EVCardAttributeParam*>(p->data);
-        const std::string_view name = view(e_vcard_attribute_param_get_name(param));
-        char mark = '=';
-        for (GList* v = e_vcard_attribute_param_get_values(param); v; v = v->next) {
-            const std::string_view value = view(static_cast<const char*>(v->data));
-            if (!with_preference && is_preference(name, value)) continue;
-            if (mark == '=') (out += ';') += name;
-            const bool quote = value.find_first_of(",;:") != std::string_view::npos;
-            out += mark;
-            if (quote) out += '"';
-            out += value;
-            if (quote) out += '"';
-            mark = ',';
+    out += attribute.name;
+    std::string_view before;
+    for (const auto& [name, value] : attribute.parameters) {
+        if (!with_preference && is_preference(name, value)) continue;
+        if (equal_ignoring_case(name, before)) {
+            out += ',';
+        } else {
+            ((out += ';') += name) += '=';
         }
+        before = name;
+        const bool quote = value.find_first_of(",;:") != std::string_view::npos;
+        if (quote) out += '"';
+        out += value;
+        if (quote) out += '"';
     }
     char mark = ':';
-    for (GList* v = e_vcard_attribute_get_values(attribute); v; v = v->next) {
+    for (const std::string_view value : attribute.values) {
         out += mark;
-        append_card_escaped(out, view(static_cast<const char*>(v->data)));
+        append_card_escaped(out, value);
         mark = ';';
     }
     if (mark == ':') out += ':';
@@ -418,36 +412,30 @@ bool is_empty(const Card& card) {
 
 }  // namespace
 
-bool parse_card(const RawCard& raw, Card& card, std::vector<CardProblem>& problems) {
+bool parse_card(const RawCard& raw, Card& card, std::vector<CardProblem>& problems, bool all_by_evcard) {
     card.clear();
-    std::string known = "BEGIN:VCARD\r\nVERSION:3.0\r\n";
-    known.reserve(raw.text.size() + 256);
+    CardAttributes attributes;
     PropertyLines lines(raw, problems);
     PropertyLine line;
-    int given = 1;
     while (lines.next(line)) {
-        const std::string name = upper(line.name_text());
+        const std::string_view name = line.name_text();
         const Property property = lookup(name).property;
-        if (name == "BEGIN" || name == "END") {
-            problems.push_back({line.line, name + " of something that is no card"});
+        if (equal_ignoring_case(name, "BEGIN") || equal_ignoring_case(name, "END")) {
+            problems.push_back({line.line, upper(name) + " of something that is no card"});
         } else if (property == Property::Unknown) {
             card.extras += line.text;
             card.extras += '\n';
         } else if (property != Property::Ignored) {
-            known += line.text;
-            known += "\r\n";
-            ++given;
+            attributes.add(line);
         }
     }
-    known += "END:VCARD\r\n";
-    const std::unique_ptr<EVCard, decltype(&g_object_unref)> parsed(e_vcard_new_from_string(known.c_str()),
-                                                                    &g_object_unref);
-    Builder builder(card);
-    for (GList* a = e_vcard_get_attributes(parsed.get()); a; a = a->next) {
-        builder.add(static_cast<EVCardAttribute*>(a->data));
-        --given;
+    if (!attributes.split(all_by_evcard)) {
+        problems.push_back({raw.number, "a card with properties that cannot be read"});
     }
-    if (given > 0) problems.push_back({raw.number, "a card with properties that cannot be read"});
+    Builder builder(card);
+    for (const Attribute& attribute : attributes.all()) {
+        builder.add(attribute);
+    }
     builder.finish();
     if (!is_empty(card)) return true;
     problems.push_back({raw.number, "a card with nothing in it"});

@@ -20,8 +20,8 @@
 namespace zr {
 
 // Makes `card` from a whole raw card. What could not be read is added to `problems`. False when nothing of it can be
-// imported (a problem says why); `card` is then undefined.
-bool parse_card(const RawCard& raw, Card& card, std::vector<CardProblem>& problems);
+// imported (a problem says why); `card` is then undefined. `all_by_evcard` as in CardAttributes::split.
+bool parse_card(const RawCard& raw, Card& card, std::vector<CardProblem>& problems, bool all_by_evcard = false);
 
 class CardReader {
 public:

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "card_reader.h"
+#include "card_stream.h"
 #include "command.h"
 #include "input_file.h"
 #include "output.h"
@@ -85,21 +85,21 @@ Exit Import::run() {
 }
 
 void Import::read(InputFile& file) {
-    LineReader lines(file.reader());
-    CardReader reader(lines);
-    std::vector<CardProblem> problems;
-    Card card;
+    CardStream cards(file.descriptor());
+    CardStream::Part part;
     bool any = false;
-    for (;;) {
-        const CardReader::Result result = reader.next(card, problems);
-        if (result == CardReader::Result::End) break;
+    while (cards.next(part)) {
         any = true;
-        note(file.name(), problems, result == CardReader::Result::Damaged);
-        if (result == CardReader::Result::Card) take(card);
-        progress_.show(file.name(), lines.bytes_read(), static_cast<std::size_t>(file.size()),
+        for (const CardStream::Note& found : part.notes) {
+            note(file.name(), found.problems, found.left_out);
+        }
+        for (Card& card : part.cards) {
+            take(card);
+        }
+        progress_.show(file.name(), part.bytes_read, static_cast<std::size_t>(file.size()),
                        imported_ + static_cast<long>(batch_.size()));
     }
-    if (lines.error() != 0) throw file_failure(file.name(), lines.error());
+    if (cards.error() != 0) throw file_failure(file.name(), cards.error());
     if (!any) note(file.name(), {{1, "no card in this file"}}, true);
 }
 
@@ -135,7 +135,6 @@ void Import::fail(const Failure& failure) {
 void Import::take(Card& card) {
     batch_bytes_ += bytes_of(card);
     batch_.push_back(std::move(card));
-    card = {};
     if (batch_.size() >= kBatchCards || batch_bytes_ >= kBatchBytes) save();
 }
 

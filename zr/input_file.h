@@ -17,6 +17,7 @@ public:
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
 
+    int descriptor() const { return fd_; }
     ReadFunction reader() const { return read_from_descriptor(fd_); }
     const std::string& name() const { return name_; }  // for messages
     off_t size() const;                                // 0 when it is not a regular file

@@ -12,6 +12,10 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
+bool is_ascii(char c) {
+    return static_cast<unsigned char>(c) < 0x80;
+}
+
 bool is_high(char16_t c) {
     return c >= 0xD800 && c <= 0xDBFF;
 }
@@ -88,10 +92,12 @@ std::string to_utf8(std::u16string_view text) {
 }
 
 std::u16string to_utf16(std::string_view text) {
-    std::u16string out;
+    const auto end = std::find_if_not(text.begin(), text.end(), is_ascii);
+    std::u16string out(text.begin(), end);
+    if (end == text.end()) return out;
     out.reserve(text.size());
     bool valid;
-    for (std::size_t at = 0; at < text.size();) {
+    for (auto at = static_cast<std::size_t>(end - text.begin()); at < text.size();) {
         const char32_t c = next_code_point(text, at, valid);
         if (c < 0x10000) {
             out += static_cast<char16_t>(c);
@@ -104,8 +110,7 @@ std::u16string to_utf16(std::string_view text) {
 }
 
 bool is_utf8(std::string_view bytes) {
-    const auto plain = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
-    std::size_t at = static_cast<std::size_t>(std::find_if_not(bytes.begin(), bytes.end(), plain) - bytes.begin());
+    std::size_t at = static_cast<std::size_t>(std::find_if_not(bytes.begin(), bytes.end(), is_ascii) - bytes.begin());
     bool valid = true;
     while (valid && at < bytes.size()) {
         next_code_point(bytes, at, valid);
