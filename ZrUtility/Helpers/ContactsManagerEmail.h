@@ -17,6 +17,7 @@ class ZRUTILITY_API ContactsManagerEmail : public ContactsManager {
 public:
     // One address of one contact.
     struct Candidate {
+        // Of the address in lower case: from 17 on, times 37 plus each character, wrapping.
         ULONG hash;
         LONG oid;
     };

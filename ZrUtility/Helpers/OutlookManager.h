@@ -25,15 +25,16 @@ public:
     // LogoutEx. `app` becomes NULL. The result is 0, or that of logging off.
     static LONG Logout(IPOutlookApp*& app);
 
-    // Opens a session of the caller's own, whose folders report changes to `hwnd`. When creating or logging on fails,
-    // COM stays initialised and `app` holds what was created: LogoutEx gives it back.
+    // Opens a session of the caller's own, whose folders report changes to `hwnd`. When logging on fails, COM stays
+    // initialised and `app` holds what was created: LogoutEx gives both back. When nothing could be created, `app` is
+    // NULL and COM stays initialised, which only CoUninitialize takes back.
     static LONG LoginEx(IPOutlookApp*& app, HWND hwnd);
     // Closes such a session; `app` becomes NULL, and NULL is harmless. The result is that of logging off with the
     // remaining reference count or-ed into it: not 0 when somebody still holds the session.
     static LONG LogoutEx(IPOutlookApp*& app);
 
     // The contacts folder and a collection of its items, for ReleaseContactsCollection. When only the second step fails
-    // *folder is set and the caller's to release.
+    // *folder is set and the caller's to release. E_FAIL when an argument is NULL.
     static LONG GetContactsCollection(IPOutlookApp* app, IFolder** folder, IPOutlookItemCollection** items);
     // Always 0; either may be NULL.
     static LONG ReleaseContactsCollection(IFolder* folder, IPOutlookItemCollection* items);
