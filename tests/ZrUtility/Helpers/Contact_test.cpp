@@ -253,9 +253,11 @@ TEST_F(ContactTest, FieldsArePointersInTheStatedOrder) {
     }
     memcpy(words.data(), static_cast<const void*>(contact_), sizeof words);
     EXPECT_EQ(words[0], world_.application);
-    for (int i = 0; i < 11; ++i) {
+    std::size_t place = 2;
+    for (const Field& field : kFields) {
         WCHAR* text = nullptr;
-        ASSERT_EQ((contact_->*kFields[i].get)(text), S_OK);
-        EXPECT_EQ(words[static_cast<std::size_t>(i) + 2], text) << kFields[i].name;
+        ASSERT_EQ((contact_->*field.get)(text), S_OK);
+        EXPECT_EQ(words[place], text) << field.name;
+        ++place;
     }
 }
