@@ -165,6 +165,8 @@ public:
 private:
     HRESULT checked(HRESULT result);
     HRESULT take_oid(INT folder, LONG& oid);
+    HRESULT read_next(INT folder);
+    HRESULT write_next();
     HRESULT insert_contact(LONG oid, const Values& values);
     HRESULT update_contact(LONG oid, const Values& values);
     HRESULT write_properties(LONG oid, const Values& values);
@@ -175,6 +177,9 @@ private:
     Database* db_ = nullptr;
     LONGLONG first_seq_ = 0;
     LONGLONG seq_ = 0;
+    INT next_folder_ = 0;  // next_ is this folder's lowest identifier never used; 0: of none
+    LONG next_ = 0;
+    LONG read_next_ = 0;   // what the store has of it
     INT full_folder_ = 0;  // this folder has no free identifier below the next new one
     bool failed_ = false;
 };

@@ -71,6 +71,7 @@ HRESULT Transaction::begin(Store& store) {
     store_ = &store;
     first_seq_ = seq_;
     full_folder_ = 0;
+    next_folder_ = 0;
     failed_ = false;
     if (FAILED(result)) rollback();
     return result;
@@ -92,9 +93,9 @@ HRESULT Transaction::commit() {
         rollback();
         return fail(E_ABORT, "A change of the batch failed; nothing of the batch was kept.");
     }
-    HRESULT result = S_OK;
+    HRESULT result = write_next();
     const bool changed = seq_ != first_seq_;
-    if (seq_ / kPruneEvery != first_seq_ / kPruneEvery) result = prune();
+    if (SUCCEEDED(result) && seq_ / kPruneEvery != first_seq_ / kPruneEvery) result = prune();
     if (SUCCEEDED(result)) result = db_->execute("COMMIT");
     if (FAILED(result)) {
         rollback();
@@ -143,15 +144,39 @@ HRESULT Transaction::take_oid(INT folder, LONG& oid) {
         }
         full_folder_ = folder;
     }
-    const Use next = db_->use("UPDATE folder SET next = next + 1 WHERE id = ?1 AND next <= ?2 RETURNING next - 1");
+    if (next_folder_ != folder) {
+        const HRESULT result = read_next(folder);
+        if (FAILED(result)) return result;
+    }
+    if (next_ > last_oid(folder)) return fail(E_OUTOFMEMORY, "The folder has no identifier left for another item.");
+    oid = next_++;
+    return S_OK;
+}
+
+// The lowest identifier never used is counted on here and written once, before the commit.
+HRESULT Transaction::read_next(INT folder) {
+    const HRESULT written = write_next();
+    if (FAILED(written)) return written;
+    const Use next = db_->use("SELECT next FROM folder WHERE id = ?1");
     if (!next) return db_->result();
     next->bind(1, folder);
-    next->bind(2, last_oid(folder));
     const int code = next->step();
     if (code == SQLITE_DONE) return fail(E_OUTOFMEMORY, "The folder has no identifier left for another item.");
     if (code != SQLITE_ROW) return db_->result();
-    oid = static_cast<LONG>(next->integer(0));
-    return next->step() == SQLITE_DONE ? S_OK : db_->result();
+    next_ = read_next_ = static_cast<LONG>(next->integer(0));
+    next_folder_ = folder;
+    return S_OK;
+}
+
+HRESULT Transaction::write_next() {
+    if (next_folder_ == 0 || next_ == read_next_) return S_OK;
+    Use next = db_->use("UPDATE folder SET next = ?2 WHERE id = ?1");
+    if (!next) return db_->result();
+    next->bind(1, next_folder_);
+    next->bind(2, next_);
+    const HRESULT result = db_->run(next);
+    if (SUCCEEDED(result)) read_next_ = next_;
+    return result;
 }
 
 HRESULT Transaction::insert(INT folder, const Values& values, LONG& oid) {
