@@ -40,6 +40,8 @@ BufferStream::BufferStream()
 }
 
 BufferStream::~BufferStream() {
+    // A callback that takes a reference and gives it back must not destroy the stream again.
+    m_nRefCount = 1;
     if (m_pReleaseCallback != nullptr) m_pReleaseCallback(this, m_pReleaseContext);
     HeapFree(GetProcessHeap(), 0, m_pBuffer);
 }

@@ -208,7 +208,7 @@ bool PropertyLines::read_parameter(std::string_view parameter, Header& header) {
     } else if (!encoding || key.empty()) {
         if (value == "8BIT" || value == "7BIT") return true;
         header.parameters += ';';
-        header.parameters += key.empty() ? written : parameter.substr(0, equals);
+        header.parameters += key.empty() ? written : trimmed(parameter.substr(0, equals));
         if (!key.empty()) (header.parameters += '=') += written;
     } else if (value != "8BIT" && value != "7BIT") {
         header.trouble = "an unknown encoding";

@@ -129,9 +129,10 @@ void AddressUtilities::TrimRecipientNameOrAddress(WCHAR* s) {
 
 void AddressUtilities::TrimMAPIRecipient(WCHAR* s) {
     if (s == nullptr) return;
-    for (; *s != 0; ++s) {
-        if (isControl(*s)) *s = 0;
+    while (*s != 0 && !isControl(*s)) {
+        ++s;
     }
+    if (*s != 0) *s = 0;
 }
 
 void AddressUtilities::NextRecipient(WCHAR* text, WCHAR** next, WCHAR* name, unsigned int, unsigned int* nameLen,

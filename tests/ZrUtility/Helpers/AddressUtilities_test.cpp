@@ -80,6 +80,10 @@ TEST(TrimMAPIRecipient, CutsAtTheFirstControlCharacter) {
         EXPECT_EQ(s.string(), trimmed);
     }
     AddressUtilities::TrimMAPIRecipient(nullptr);
+    // What stands behind the cut stays as it was.
+    WCHAR behind[] = u"a\tb\x01z";
+    AddressUtilities::TrimMAPIRecipient(behind);
+    EXPECT_EQ(u16string(behind, 5), u16string(u"a\0b\x01z", 5));
 }
 
 // One recipient: what it says, and where the next one begins.

@@ -60,6 +60,9 @@ protected:
         return contact_->IsComparable(copy.data(), mask, exact, substrings);
     }
     std::u16string& value(const char* field) { return record_->fields[field]; }
+    // Out of the macros: GCC 12 gives the undefined behaviour sanitizer a wrong object for such a call within one.
+    LONG get(const Field& field, WCHAR*& text) { return (contact_->*field.get)(text); }
+    LONG put(const Field& field, WCHAR*& text) { return (contact_->*field.put)(text); }
 
     FakeOutlook world_;
     std::shared_ptr<zr::test::FakeRecord> record_;
@@ -75,9 +78,9 @@ TEST_F(ContactTest, EveryFieldIsReadOnceAndKept) {
         value(field.name) = u"value of " + std::u16string(field.name, field.name + strlen(field.name));
         WCHAR* first = nullptr;
         WCHAR* second = nullptr;
-        EXPECT_EQ((contact_->*field.get)(first), S_OK);
+        EXPECT_EQ(get(field, first), S_OK);
         EXPECT_EQ(first, value(field.name)) << field.name;
-        EXPECT_EQ((contact_->*field.get)(second), S_OK);
+        EXPECT_EQ(get(field, second), S_OK);
         EXPECT_EQ(first, second);
         EXPECT_EQ(world_.calls[std::string("get_") + field.name], 1);
     }
@@ -90,12 +93,12 @@ TEST_F(ContactTest, AFieldThatCannotBeReadIsAFailure) {
         auto* const untouched = reinterpret_cast<WCHAR*>(0x10);
         WCHAR* text = untouched;
         world_.results[step] = E_ACCESSDENIED;
-        EXPECT_EQ((contact_->*field.get)(text), E_FAIL);
+        EXPECT_EQ(get(field, text), E_FAIL);
         world_.results[step] = S_FALSE;  // succeeds with nothing
-        EXPECT_EQ((contact_->*field.get)(text), E_FAIL);
+        EXPECT_EQ(get(field, text), E_FAIL);
         EXPECT_EQ(text, untouched);
         world_.results.erase(step);
-        EXPECT_EQ((contact_->*field.get)(text), S_OK);
+        EXPECT_EQ(get(field, text), S_OK);
         EXPECT_EQ(*text, u'\0');
     }
 }
@@ -105,19 +108,19 @@ TEST_F(ContactTest, PuttingDoesNotChangeWhatWasRead) {
         if (field.put == nullptr) continue;
         value(field.name) = u"old";
         WCHAR* text = nullptr;
-        ASSERT_EQ((contact_->*field.get)(text), S_OK);
+        ASSERT_EQ(get(field, text), S_OK);
         std::u16string fresh_value = u"new";
         WCHAR* given = fresh_value.data();
-        EXPECT_EQ((contact_->*field.put)(given), S_OK);
+        EXPECT_EQ(put(field, given), S_OK);
         EXPECT_EQ(value(field.name), u"new") << field.name;
-        ASSERT_EQ((contact_->*field.get)(text), S_OK);
+        ASSERT_EQ(get(field, text), S_OK);
         EXPECT_STREQ(reinterpret_cast<const char*>(text), reinterpret_cast<const char*>(u"old"));
         // Freed, it is read again.
         EXPECT_EQ(contact_->free_String(text), S_OK);
-        ASSERT_EQ((contact_->*field.get)(text), S_OK);
+        ASSERT_EQ(get(field, text), S_OK);
         EXPECT_EQ(std::u16string(text), u"new");
         world_.results[std::string("put_") + field.name] = E_ABORT;
-        EXPECT_EQ((contact_->*field.put)(given), E_ABORT);
+        EXPECT_EQ(put(field, given), E_ABORT);
     }
 }
 
@@ -249,14 +252,14 @@ TEST_F(ContactTest, FieldsArePointersInTheStatedOrder) {
     std::array<void*, 13> words;
     for (const Field& field : kFields) {
         WCHAR* text = nullptr;
-        ASSERT_EQ((contact_->*field.get)(text), S_OK);
+        ASSERT_EQ(get(field, text), S_OK);
     }
     memcpy(words.data(), static_cast<const void*>(contact_), sizeof words);
     EXPECT_EQ(words[0], world_.application);
     std::size_t place = 2;
     for (const Field& field : kFields) {
         WCHAR* text = nullptr;
-        ASSERT_EQ((contact_->*field.get)(text), S_OK);
+        ASSERT_EQ(get(field, text), S_OK);
         EXPECT_EQ(words[place], text) << field.name;
         ++place;
     }

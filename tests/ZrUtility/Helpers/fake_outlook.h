@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,7 @@ public:
 
     std::vector<std::shared_ptr<FakeRecord>> records;
     int objects = 0;  // interfaces alive
+    std::set<IUnknown*> alive;
     int strings = 0;  // texts handed out and not freed
     std::u16string last_sort;
     HWND window = nullptr;

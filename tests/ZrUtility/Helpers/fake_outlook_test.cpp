@@ -11,8 +11,14 @@ namespace {
 template <class Interface>
 class Counted : public Interface {
 public:
-    explicit Counted(FakeOutlook& world) : world_(world) { ++world_.objects; }
-    virtual ~Counted() { --world_.objects; }
+    explicit Counted(FakeOutlook& world) : world_(world) {
+        ++world_.objects;
+        world_.alive.insert(this);
+    }
+    virtual ~Counted() {
+        --world_.objects;
+        world_.alive.erase(this);
+    }
     Counted(const Counted&) = delete;
     Counted& operator=(const Counted&) = delete;
 
