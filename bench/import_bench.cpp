@@ -19,6 +19,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "zr/card_stream.h"
@@ -125,28 +126,21 @@ void parse_ours(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
+// The file in memory, cut behind each end of a card: nothing but EVCard's own work.
 void parse_evcard(benchmark::State& state) {
+    static constexpr std::string_view kEnd = "END:VCARD\r\n";
     const std::string path = scratch().cards(static_cast<int>(state.range(0)));
     for (auto _ : state) {
-        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        zr::LineReader lines(zr::read_from_descriptor(fd));
-        zr::CardSplitter splitter(lines);
-        zr::RawCard raw;
-        std::string text;
+        std::ifstream file(path, std::ios::binary);
+        const std::string text(std::istreambuf_iterator<char>(file), {});
         std::int64_t count = 0;
-        while (splitter.next(raw)) {
-            text = "BEGIN:VCARD\r\n";
-            for (std::size_t i = 0; i < raw.lines.size(); ++i) {
-                text += raw.line(i);
-                text += "\r\n";
-            }
-            text += "END:VCARD\r\n";
-            EVCard* card = e_vcard_new_from_string(text.c_str());
+        for (std::size_t begin = 0, end; (end = text.find(kEnd, begin)) != std::string::npos; begin = end) {
+            end += kEnd.size();
+            EVCard* card = e_vcard_new_from_string(text.substr(begin, end - begin).c_str());
             benchmark::DoNotOptimize(e_vcard_get_attributes(card));
             g_object_unref(card);
             ++count;
         }
-        close(fd);
         if (count != state.range(0)) state.SkipWithError("cards are missing");
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));

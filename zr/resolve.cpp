@@ -256,7 +256,7 @@ Exit resolve(const Options& options) {
     Directory directory;
     print_answers(directory, queries, options.json);
     watch(end, directory, queries, options.json);
-    return Exit::Ok;
+    return code;
 }
 
 }  // namespace

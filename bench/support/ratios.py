@@ -1,10 +1,10 @@
 """Prints measurements named SUBJECT/ours and SUBJECT/PEER as a table of ratios.
 
-The ratio of a pair is taken repetition by repetition, and its median is printed: the machine's speed drifts less
-within a repetition than between them. A number after the name (SUBJECT/ours/1000) belongs to the subject.
+Each file is one repetition of a program. The ratio of a pair is taken repetition by repetition, and its median is
+printed: the machine's speed drifts less within a repetition than between them. Where the processor time of all threads
+was measured too, its ratio follows. A number after the name (SUBJECT/ours/1000) belongs to the subject.
 """
 
-import collections
 import json
 import statistics
 import sys
@@ -23,19 +23,29 @@ def split(name):
     return " ".join(words + arguments), contender
 
 
+class Measurement:
+    def __init__(self):
+        self.real = []
+        self.processor = []
+        self.peak = None
+
+
 def read(paths):
-    times = collections.OrderedDict()
+    measurements = {}
     for path in paths:
         with open(path, encoding="utf-8") as file:
             report = json.load(file)
         for run in report["benchmarks"]:
             if run.get("error_occurred"):
                 print(f"{run['name']}: {run.get('error_message')}", file=sys.stderr)
-            elif run.get("run_type") != "aggregate":
-                scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
-                key = split(run.get("run_name", run["name"]))
-                times.setdefault(key, {})[run.get("repetition_index", 0)] = run["real_time"] * scale
-    return times
+                continue
+            scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
+            measurement = measurements.setdefault(split(run["name"]), Measurement())
+            measurement.real.append(run["real_time"] * scale)
+            if "/process_time" in run["name"]:
+                measurement.processor.append(run["cpu_time"] * scale)
+            measurement.peak = run.get("peak_MiB", measurement.peak)
+    return measurements
 
 
 def human(nanoseconds):
@@ -45,20 +55,27 @@ def human(nanoseconds):
     return f"{nanoseconds:.3g} ns"
 
 
+def ratio(ours, theirs):
+    return f"{statistics.median(a / b for a, b in zip(ours, theirs)):.2g}"
+
+
 def main(paths):
-    times = read(paths)
+    measurements = read(paths)
     print("| what | ours | beside | theirs | ratio ours : theirs |")
     print("|---|---|---|---|---|")
-    for (subject, contender), ours in times.items():
+    for (subject, contender), ours in measurements.items():
         if contender != "ours":
             continue
-        peers = [(c, t) for (s, c), t in times.items() if s == subject and c != "ours"]
-        mine = human(statistics.median(ours.values()))
+        peers = [(c, m) for (s, c), m in measurements.items() if s == subject and c != "ours"]
+        mine = human(statistics.median(ours.real))
         if not peers:
-            print(f"| {subject} | {mine} | | | |")
+            peak = f"peak {ours.peak:.0f} MiB" if ours.peak else ""
+            print(f"| {subject} | {mine} | | | {peak} |")
         for peer, theirs in peers:
-            ratio = statistics.median(ours[i] / theirs[i] for i in ours if i in theirs)
-            print(f"| {subject} | {mine} | {peer} | {human(statistics.median(theirs.values()))} | {ratio:.2f} |")
+            ratios = ratio(ours.real, theirs.real)
+            if ours.processor and theirs.processor:
+                ratios += f" (processor time {ratio(ours.processor, theirs.processor)})"
+            print(f"| {subject} | {mine} | {peer} | {human(statistics.median(theirs.real))} | {ratios} |")
 
 
 if __name__ == "__main__":

@@ -1,6 +1,6 @@
 #pragma once
 
-// Calls a virtual function by its slot, as code compiled against the handed-down layout does. A virtual destructor
+// Calls a virtual function by its slot, as code compiled against the documented layout does. A virtual destructor
 // takes two slots in a table, one after the other.
 
 #include <cstddef>
