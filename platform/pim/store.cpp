@@ -106,9 +106,8 @@ void Store::map_header() {
 bool Store::header(Header& header) const {
     if (shared_header_ == nullptr) return false;  // then every refresh looks at the log
     for (int i = 0; i < 6; ++i) {
-        header.words[i] = __atomic_load_n(&shared_header_[i], __ATOMIC_RELAXED);
+        header.words[i] = __atomic_load_n(&shared_header_[i], __ATOMIC_ACQUIRE);
     }
-    std::atomic_thread_fence(std::memory_order_acquire);
     return true;
 }
 
