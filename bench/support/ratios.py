@@ -56,7 +56,8 @@ def human(nanoseconds):
 
 
 def ratio(ours, theirs):
-    return f"{statistics.median(a / b for a, b in zip(ours, theirs)):.2g}"
+    value = statistics.median(a / b for a, b in zip(ours, theirs))
+    return f"{value:,.0f}" if value >= 10 else f"{value:.2g}"
 
 
 def main(paths):
