@@ -42,24 +42,30 @@ struct Header {
 };
 static_assert(sizeof(Header) == 48 && std::atomic<std::uint64_t>::is_always_lock_free);
 
+// The bytes of a buffer record.
+struct Run {
+    std::uint64_t size;  // of the caller's bytes, of which at most the limit is kept
+    std::uint8_t bytes[24];
+};
+
+// What a record's first slot says.
+struct Head {
+    std::uint64_t time;  // nanoseconds since 1970 UTC
+    std::uint32_t process;
+    std::uint32_t thread;
+    std::uint32_t category;
+    std::int32_t line;
+    union {
+        std::uint64_t arguments[4];
+        Run run;
+    };
+};
+
 struct Slot {
     std::uint32_t mark;    // 0 until the slot is whole: 0xA5, the kind, and the check of the rest
     std::uint32_t source;  // the slot that holds the source tag, 0 for none; of a continuation: the record's first slot
     union {
-        struct {
-            std::uint64_t time;  // nanoseconds since 1970 UTC
-            std::uint32_t process;
-            std::uint32_t thread;
-            std::uint32_t category;
-            std::int32_t line;
-            union {
-                std::uint64_t arguments[4];
-                struct {
-                    std::uint64_t size;  // of the caller's bytes, of which at most the limit is kept
-                    std::uint8_t bytes[24];
-                } run;
-            };
-        } head;
+        Head head;
         std::uint8_t more[56];
     };
 };
