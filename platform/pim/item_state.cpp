@@ -205,11 +205,7 @@ HRESULT ItemState::get_props(const CEPROPID* ids, ULONG flags, WORD count, CEPRO
             settle();
             Values all;
             if (!fresh_) {
-                Store& store = session_->store();
-                const auto lock = store.lock();
-                HRESULT result = store.refresh();
-                if (SUCCEEDED(result)) result = store.exists(oid_);
-                if (SUCCEEDED(result)) result = store.values(oid_, false, all);
+                const HRESULT result = stored_values(false, all);
                 if (FAILED(result)) return result;
             }
             if (pending_) {
@@ -272,17 +268,21 @@ HRESULT ItemState::remove() {
     });
 }
 
+HRESULT ItemState::stored_values(bool named_too, Values& values) {
+    Store& store = session_->store();
+    const auto lock = store.lock();
+    HRESULT result = store.refresh();
+    if (SUCCEEDED(result)) result = store.exists(oid_);
+    return SUCCEEDED(result) ? store.values(oid_, named_too, values) : result;
+}
+
 HRESULT ItemState::copy_to(ItemState& copy) {
     return guarded([&]() -> HRESULT {
         if (!session_->is_open()) return session_->check_open();
         settle();
         Values all;
         if (!fresh_) {
-            Store& store = session_->store();
-            const auto lock = store.lock();
-            HRESULT result = store.refresh();
-            if (SUCCEEDED(result)) result = store.exists(oid_);
-            if (SUCCEEDED(result)) result = store.values(oid_, true, all);
+            const HRESULT result = stored_values(true, all);
             if (FAILED(result)) return result;
         }
         if (!fresh_ && folder_ == olFolderContacts) {

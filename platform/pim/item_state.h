@@ -58,6 +58,8 @@ private:
     HRESULT stored_value(CEPROPID id, Value& value);
     void put(CEPROPID id, Value value);
     void settle();
+    // What the store has of the item now, its named fields only on request.
+    HRESULT stored_values(bool named_too, Values& values);
 
     SessionRef session_;
     INT folder_;
