@@ -44,14 +44,13 @@ std::string checked(const std::string& option, const std::string& value) {
 
 }  // namespace
 
-void ContactOptions::add_to(CLI::App& command) {
+void ContactOptions::add_to(Command command) {
     for (const FieldOption& option : kOptions) {
-        given_[option.field] =
-            command.add_option(option.name, texts_[option.field], std::string(field_label(option.field)));
+        given_.emplace(option.field,
+                       command.add_option(option.name, texts_[option.field], std::string(field_label(option.field))));
     }
-    command
-        .add_option("--email", emails_, "E-mail address; given several times (up to three), the preferred one first")
-        ->allow_extra_args(false);
+    command.add_option("--email", emails_, "E-mail address; given several times (up to three), the preferred one first")
+        .one_at_a_time();
     command.add_option("--birthday", birthday_, "A day such as 1990-01-31");
 }
 
@@ -71,7 +70,7 @@ Card ContactOptions::card() const {
 std::vector<Field> ContactOptions::fields() const {
     std::vector<Field> fields;
     for (const auto& [field, option] : given_) {
-        if (option->count() > 0) fields.push_back(field);
+        if (option.given()) fields.push_back(field);
     }
     // Addresses are a list: giving some replaces them all.
     if (!emails_.empty()) fields.insert(fields.end(), {Field::Email1, Field::Email2, Field::Email3});

@@ -2,18 +2,18 @@
 
 // The options that name a contact's fields, shared by add and change.
 
-#include <CLI/CLI.hpp>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "card.h"
+#include "command.h"
 
 namespace zr {
 
 class ContactOptions {
 public:
-    void add_to(CLI::App& command);
+    void add_to(Command command);
 
     // The fields given on the command line. Throws Failure (wrong usage) for text or days that are none.
     Card card() const;
@@ -22,7 +22,7 @@ public:
 
 private:
     std::map<Field, std::string> texts_;
-    std::map<Field, CLI::Option*> given_;
+    std::map<Field, Option> given_;
     std::vector<std::string> emails_;
     std::string birthday_;
 };

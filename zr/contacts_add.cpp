@@ -31,15 +31,15 @@ Exit add(const Options& options) {
 
 }  // namespace
 
-void add_contacts_add(CLI::App& contacts, Run& run) {
+void add_contacts_add(Command contacts) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = contacts.add_subcommand("add", "Add one contact and print its identifier");
-    options->contact.add_to(*command);
-    command->add_flag("--json", options->json, "Print the contact as JSON");
-    command->footer(
+    Command command = contacts.add_command("add", "Add one contact and print its identifier");
+    options->contact.add_to(command);
+    command.add_flag("--json", options->json, "Print the contact as JSON");
+    command.footer(
         "Example:\n"
         "  zr contacts add --first Jo --last Doe --email jo@example.com --email jo@home.example");
-    command->callback([options, &run] { run = [options] { return add(*options); }; });
+    command.runs([options] { return add(*options); });
 }
 
 }  // namespace zr

@@ -34,19 +34,19 @@ Exit change(const Options& options) {
 
 }  // namespace
 
-void add_contacts_change(CLI::App& contacts, Run& run) {
+void add_contacts_change(Command contacts) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = contacts.add_subcommand("change", "Change fields of a contact");
-    command->add_option("OID", options->oid, "Identifier, as list and find print it")->required();
-    options->contact.add_to(*command);
-    command->add_flag("--json", options->json, "Print the contact as JSON");
-    command->footer(
+    Command command = contacts.add_command("change", "Change fields of a contact");
+    command.add_option("OID", options->oid, "Identifier, as list and find print it").required();
+    options->contact.add_to(command);
+    command.add_flag("--json", options->json, "Print the contact as JSON");
+    command.footer(
         "Fields that are not given stay; an empty text clears a field; --email replaces all addresses.\n"
         "The exit code is 1 when the contact does not exist.\n"
         "\n"
         "Example:\n"
         "  zr contacts change 12 --email jo@newplace.example --company ''");
-    command->callback([options, &run] { run = [options] { return change(*options); }; });
+    command.runs([options] { return change(*options); });
 }
 
 }  // namespace zr

@@ -104,22 +104,22 @@ Exit export_contacts(const Options& options) {
 
 }  // namespace
 
-void add_contacts_export(CLI::App& contacts, Run& run) {
+void add_contacts_export(Command contacts) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = contacts.add_subcommand("export", "Write all contacts as vCards");
-    command->add_option("-o,--output", options->output,
-                        "Write to this file, whole or not at all (default: standard output)");
-    command->add_option("--vcard-version,--version", options->version, "vCard version to write: 2.1, 3.0 or 4.0")
-        ->check(CLI::IsMember({"2.1", "3.0", "4.0"}))
-        ->capture_default_str();
-    command->add_flag("--json", options->json, "Write JSON instead of vCards");
-    command->footer(
+    Command command = contacts.add_command("export", "Write all contacts as vCards");
+    command.add_option("-o,--output", options->output,
+                       "Write to this file, whole or not at all (default: standard output)");
+    command.add_option("--vcard-version,--version", options->version, "vCard version to write: 2.1, 3.0 or 4.0")
+        .one_of({"2.1", "3.0", "4.0"})
+        .shows_default();
+    command.add_flag("--json", options->json, "Write JSON instead of vCards");
+    command.footer(
         "Properties of imported cards that a contact has no place for are written again.\n"
         "\n"
         "Examples:\n"
         "  zr contacts export --output backup.vcf\n"
         "  zr contacts export --vcard-version 2.1 > for-the-car.vcf");
-    command->callback([options, &run] { run = [options] { return export_contacts(*options); }; });
+    command.runs([options] { return export_contacts(*options); });
 }
 
 }  // namespace zr

@@ -93,22 +93,22 @@ Exit find(const Options& options) {
 
 }  // namespace
 
-void add_contacts_find(CLI::App& contacts, Run& run) {
+void add_contacts_find(Command contacts) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = contacts.add_subcommand("find", "List the contacts that match a text");
-    command->add_option("PATTERN", options->pattern, "The text; letter case does not matter")->required();
+    Command command = contacts.add_command("find", "List the contacts that match a text");
+    command.add_option("PATTERN", options->pattern, "The text; letter case does not matter").required();
     std::vector<std::string> names;
     for (const auto& [name, mask] : masks()) {
         names.push_back(name);
     }
-    command->add_option("-f,--field", options->fields, "Search this field only; may be given several times")
-        ->check(CLI::IsMember(names))
-        ->allow_extra_args(false);
-    CLI::Option* exact = command->add_flag("-e,--exact", options->exact, "The whole field must equal the text");
-    command->add_flag("-w,--words", options->words, "Every word of the text must begin some word of some field")
-        ->excludes(exact);
-    command->add_flag("--json", options->json, "Print JSON");
-    command->footer(
+    command.add_option("-f,--field", options->fields, "Search this field only; may be given several times")
+        .one_of(names)
+        .one_at_a_time();
+    const Option exact = command.add_flag("-e,--exact", options->exact, "The whole field must equal the text");
+    command.add_flag("-w,--words", options->words, "Every word of the text must begin some word of some field")
+        .excludes(exact);
+    command.add_flag("--json", options->json, "Print JSON");
+    command.footer(
         "Without --exact or --words a field matches that begins with the text. An empty text matches\n"
         "every contact. The exit code is 1 when nothing matches.\n"
         "\n"
@@ -116,7 +116,7 @@ void add_contacts_find(CLI::App& contacts, Run& run) {
         "  zr contacts find smi\n"
         "  zr contacts find --words 'jo sm'\n"
         "  zr contacts find --exact --field email jo@example.com");
-    command->callback([options, &run] { run = [options] { return find(*options); }; });
+    command.runs([options] { return find(*options); });
 }
 
 }  // namespace zr

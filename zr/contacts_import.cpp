@@ -161,14 +161,14 @@ void Import::report() {
 
 }  // namespace
 
-void add_contacts_import(CLI::App& contacts, Run& run) {
+void add_contacts_import(Command contacts) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = contacts.add_subcommand("import", "Add the cards of vCard files to the contacts");
-    command->add_option("FILE", options->files, "vCard files of versions 2.1, 3.0 or 4.0; - is standard input")
-        ->required();
-    command->add_flag("--json", options->json, "Print the result as JSON");
-    command->add_flag("-q,--quiet", options->quiet, "Print nothing but what went wrong");
-    command->footer(
+    Command command = contacts.add_command("import", "Add the cards of vCard files to the contacts");
+    command.add_option("FILE", options->files, "vCard files of versions 2.1, 3.0 or 4.0; - is standard input")
+        .required();
+    command.add_flag("--json", options->json, "Print the result as JSON");
+    command.add_flag("-q,--quiet", options->quiet, "Print nothing but what went wrong");
+    command.footer(
         "A damaged card or line is named with file, line and reason on standard error, the rest is\n"
         "imported, and the exit code is 7. Every card becomes a new contact. What a contact has no\n"
         "place for is kept and exported again.\n"
@@ -176,7 +176,7 @@ void add_contacts_import(CLI::App& contacts, Run& run) {
         "Examples:\n"
         "  zr contacts import phone.vcf work.vcf\n"
         "  ssh server cat contacts.vcf | zr contacts import -");
-    command->callback([options, &run] { run = [options] { return Import(*options).run(); }; });
+    command.runs([options] { return Import(*options).run(); });
 }
 
 }  // namespace zr

@@ -50,27 +50,25 @@ Exit list(const Options& options) {
 
 }  // namespace
 
-void add_contacts_list(CLI::App& contacts, Run& run) {
+void add_contacts_list(Command contacts) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = contacts.add_subcommand("list", "List the contacts");
+    Command command = contacts.add_command("list", "List the contacts");
     std::vector<std::string> names;
     for (const auto& [name, tag] : tags()) {
         names.push_back(name);
     }
-    command->add_option("-s,--sort", options->sort, "Order by this field")
-        ->check(CLI::IsMember(names))
-        ->capture_default_str();
-    command->add_flag("-r,--reverse", options->descending, "Last ones first");
-    command->add_option("-n,--limit", options->limit, "List no more than this many")->check(CLI::PositiveNumber);
-    command->add_flag("--json", options->json, "Print JSON");
-    command->footer(
+    command.add_option("-s,--sort", options->sort, "Order by this field").one_of(names).shows_default();
+    command.add_flag("-r,--reverse", options->descending, "Last ones first");
+    command.add_option("-n,--limit", options->limit, "List no more than this many").positive();
+    command.add_flag("--json", options->json, "Print JSON");
+    command.footer(
         "A line is the identifier, the name, the addresses and the company, with tabs between.\n"
         "The exit code is 1 when there are no contacts.\n"
         "\n"
         "Examples:\n"
         "  zr contacts list --sort last --limit 20\n"
         "  zr contacts list --json | jq -r '.[].emails[]'");
-    command->callback([options, &run] { run = [options] { return list(*options); }; });
+    command.runs([options] { return list(*options); });
 }
 
 }  // namespace zr

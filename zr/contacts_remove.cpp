@@ -72,21 +72,21 @@ Exit remove(const Options& options) {
 
 }  // namespace
 
-void add_contacts_remove(CLI::App& contacts, Run& run) {
+void add_contacts_remove(Command contacts) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = contacts.add_subcommand("remove", "Remove contacts");
-    command->add_option("OID", options->oids, "Identifiers, as list and find print them");
-    command->add_option("--email", options->email, "Remove the contact with this address instead");
-    command->add_flag("--all", options->all, "With --email: remove all contacts with the address");
-    command->add_flag("--json", options->json, "Print the removed identifiers as JSON");
-    command->footer(
+    Command command = contacts.add_command("remove", "Remove contacts");
+    command.add_option("OID", options->oids, "Identifiers, as list and find print them");
+    command.add_option("--email", options->email, "Remove the contact with this address instead");
+    command.add_flag("--all", options->all, "With --email: remove all contacts with the address");
+    command.add_flag("--json", options->json, "Print the removed identifiers as JSON");
+    command.footer(
         "The exit code is 1 when a contact does not exist, 3 when several have the address and nothing\n"
         "was removed.\n"
         "\n"
         "Examples:\n"
         "  zr contacts remove 12 15\n"
         "  zr contacts remove --email jo@example.com");
-    command->callback([options, &run] { run = [options] { return remove(*options); }; });
+    command.runs([options] { return remove(*options); });
 }
 
 }  // namespace zr

@@ -66,17 +66,17 @@ Exit show(const Options& options) {
 
 }  // namespace
 
-void add_contacts_show(CLI::App& contacts, Run& run) {
+void add_contacts_show(Command contacts) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = contacts.add_subcommand("show", "Show all fields of contacts");
-    command->add_option("OID", options->oids, "Identifiers, as list and find print them")->required();
-    command->add_flag("--json", options->json, "Print JSON");
-    command->footer(
+    Command command = contacts.add_command("show", "Show all fields of contacts");
+    command.add_option("OID", options->oids, "Identifiers, as list and find print them").required();
+    command.add_flag("--json", options->json, "Print JSON");
+    command.footer(
         "The exit code is 1 when a contact does not exist.\n"
         "\n"
         "Example:\n"
         "  zr contacts show 12");
-    command->callback([options, &run] { run = [options] { return show(*options); }; });
+    command.runs([options] { return show(*options); });
 }
 
 }  // namespace zr

@@ -162,20 +162,20 @@ Exit show_log(const Options& options) {
 
 }  // namespace
 
-void add_log_show(CLI::App& log, Run& run) {
+void add_log_show(Command log) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = log.add_subcommand("show", "Print the records of a log file");
-    command->add_option("FILE", options->file, "The log, as ZR_LOG named it when it was written")->required();
-    command->add_option("-l,--level", options->level, "Only records that are at least this severe")
-        ->check(CLI::IsMember({"failure", "warning", "information", "trace"}));
-    command->add_flag("--json", options->json, "Print one JSON object per record and line");
-    command->footer(
+    Command command = log.add_command("show", "Print the records of a log file");
+    command.add_option("FILE", options->file, "The log, as ZR_LOG named it when it was written").required();
+    command.add_option("-l,--level", options->level, "Only records that are at least this severe")
+        .one_of({"failure", "warning", "information", "trace"});
+    command.add_flag("--json", options->json, "Print one JSON object per record and line");
+    command.footer(
         "A line is time (UTC), process/thread, level, module, source:line and the arguments. Records that\n"
         "are damaged or were not finished are counted on standard error.\n"
         "\n"
         "Example:\n"
         "  ZR_LOG=/tmp/zr.log zr resolve jo@example.com; zr log show --level warning /tmp/zr.log");
-    command->callback([options, &run] { run = [options] { return show_log(*options); }; });
+    command.runs([options] { return show_log(*options); });
 }
 
 }  // namespace zr

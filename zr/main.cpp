@@ -37,26 +37,22 @@ void silence_glib() {
                           nullptr, nullptr);
 }
 
-void build(CLI::App& app, zr::Run& run) {
-    app.require_subcommand(1);
-    app.set_version_flag("--version", "zr " ZR_VERSION, "Print the version and exit");
+void build(zr::Command app) {
     app.footer(kExitCodes);
-    CLI::App* contacts = app.add_subcommand("contacts", "Read and change the contact store");
-    contacts->require_subcommand(1);
-    contacts->footer("Example:\n  zr contacts import phone.vcf\n\n'zr contacts COMMAND --help' tells more.");
-    zr::add_contacts_import(*contacts, run);
-    zr::add_contacts_export(*contacts, run);
-    zr::add_contacts_list(*contacts, run);
-    zr::add_contacts_find(*contacts, run);
-    zr::add_contacts_show(*contacts, run);
-    zr::add_contacts_add(*contacts, run);
-    zr::add_contacts_change(*contacts, run);
-    zr::add_contacts_remove(*contacts, run);
-    zr::add_resolve(app, run);
-    CLI::App* log = app.add_subcommand("log", "Read the binary log");
-    log->require_subcommand(1);
-    log->footer("Example:\n  zr log show client.zrlog");
-    zr::add_log_show(*log, run);
+    zr::Command contacts = app.add_group("contacts", "Read and change the contact store");
+    contacts.footer("Example:\n  zr contacts import phone.vcf\n\n'zr contacts COMMAND --help' tells more.");
+    zr::add_contacts_import(contacts);
+    zr::add_contacts_export(contacts);
+    zr::add_contacts_list(contacts);
+    zr::add_contacts_find(contacts);
+    zr::add_contacts_show(contacts);
+    zr::add_contacts_add(contacts);
+    zr::add_contacts_change(contacts);
+    zr::add_contacts_remove(contacts);
+    zr::add_resolve(app);
+    zr::Command log = app.add_group("log", "Read the binary log");
+    log.footer("Example:\n  zr log show client.zrlog");
+    zr::add_log_show(log);
 }
 
 zr::Exit execute(const zr::Run& run) {
@@ -81,15 +77,8 @@ int main(int argc, char** argv) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_DFL);  // a reader that has seen enough ends us quietly
     silence_glib();
-    CLI::App app("Contacts, senders of messages and the log, at a terminal.", "zr");
-    zr::Run run;
-    build(app, run);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
-        zr::complain(std::string(error.what()) + " (zr --help tells more)");
-        return static_cast<int>(zr::Exit::Usage);
-    }
-    return static_cast<int>(execute(run));
+    zr::CommandLine line("Contacts, senders of messages and the log, at a terminal.", "zr " ZR_VERSION);
+    build(line.root());
+    if (const std::optional<int> code = line.parse(argc, argv)) return *code;
+    return static_cast<int>(execute(line.run()));
 }

@@ -261,20 +261,20 @@ Exit resolve(const Options& options) {
 
 }  // namespace
 
-void add_resolve(CLI::App& zr, Run& run) {
+void add_resolve(Command zr) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = zr.add_subcommand("resolve", "Tell which contact sent a message or has an address");
+    Command command = zr.add_command("resolve", "Tell which contact sent a message or has an address");
     command
-        ->add_option(
+        .add_option(
             "MESSAGE|ADDRESS", options->inputs,
             "Message files (- is standard input), or addresses such as 'Jo Doe <jo@example.com>; al@example.com'")
-        ->required();
-    CLI::Option* messages = command->add_flag("-m,--messages", options->messages, "Every argument is a message file");
-    command->add_flag("-a,--addresses", options->addresses, "Every argument is an address")->excludes(messages);
-    command->add_flag("-w,--watch", options->watch,
-                      "Stay, and print an answer anew whenever it changes, until interrupted");
-    command->add_flag("--json", options->json, "Print one JSON object per answer and line");
-    command->footer(
+        .required();
+    const Option messages = command.add_flag("-m,--messages", options->messages, "Every argument is a message file");
+    command.add_flag("-a,--addresses", options->addresses, "Every argument is an address").excludes(messages);
+    command.add_flag("-w,--watch", options->watch,
+                     "Stay, and print an answer anew whenever it changes, until interrupted");
+    command.add_flag("--json", options->json, "Print one JSON object per answer and line");
+    command.footer(
         "An answer is none, one with the contact, or several. The exit code is 0 when each address is\n"
         "one contact's, 1 when some is nobody's, 3 when some is several contacts', and 4, 5 or 6 when a\n"
         "message has no usable From, is no message, or cannot be read.\n"
@@ -284,7 +284,7 @@ void add_resolve(CLI::App& zr, Run& run) {
         "  zr resolve ~/Maildir/new/*\n"
         "  zr resolve jo@example.com\n"
         "  zr resolve --watch --json message.eml");
-    command->callback([options, &run] { run = [options] { return resolve(*options); }; });
+    command.runs([options] { return resolve(*options); });
 }
 
 }  // namespace zr
