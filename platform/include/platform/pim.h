@@ -85,6 +85,9 @@ inline constexpr ULONG PIMFOLDERNOTIFICATION_LOCAL = 1;            // report thi
 inline constexpr ULONG PIMFOLDERNOTIFICATION_REMOTE = 2;           // report other processes' changes
 // What an imported card said that no field holds, as card text (CEVT_LPWSTR). The store keeps it untouched.
 inline constexpr CEPROPID ZR_PROPID_CARD_EXTRAS = 0x7D01001F;
+// The same for an imported calendar component, and its unique identifier in other programs (CEVT_LPWSTR).
+inline constexpr CEPROPID ZR_PROPID_EVENT_EXTRAS = 0x7D02001F;
+inline constexpr CEPROPID ZR_PROPID_EVENT_UID = 0x7D03001F;
 // Numbers 0x7E00 to 0x7EFF are the named fields' own and E_INVALIDARG for SetProps and GetProps.
 
 // --- notifications --------------------------------------------------------------------------------------------------
@@ -114,7 +117,39 @@ enum OlItemType : INT {
     olCityItem = 101,
 };
 
-// A date field that was never set.
+enum OlBusyStatus : INT { olFree = 0, olTentative = 1, olBusy = 2, olOutOfOffice = 3 };
+enum OlSensitivity : INT { olNormal = 0, olPersonal = 1, olPrivate = 2, olConfidential = 3 };
+enum OlImportance : INT { olImportanceLow = 0, olImportanceNormal = 1, olImportanceHigh = 2 };
+enum OlMeetingStatus : INT { olNonMeeting = 0, olMeeting = 1, olMeetingReceived = 3, olMeetingCanceled = 5 };
+enum OlReminderOptions : INT { olLED = 1, olVibrate = 2, olDialog = 4, olSound = 8, olRepeat = 16 };
+
+enum OlRecurrenceType : INT {
+    olRecursOnce = -1,
+    olRecursDaily = 0,
+    olRecursWeekly = 1,
+    olRecursMonthly = 2,   // on a day of the month
+    olRecursMonthNth = 3,  // on the first .. last of certain weekdays of the month
+    olRecursYearly = 5,    // on a day of a month
+    olRecursYearNth = 6,   // on the first .. last of certain weekdays of a month
+};
+enum OlDaysOfWeek : INT {
+    olSunday = 1,
+    olMonday = 2,
+    olTuesday = 4,
+    olWednesday = 8,
+    olThursday = 16,
+    olFriday = 32,
+    olSaturday = 64,
+};
+// What an appointment is in its series (IZrOccurrence).
+enum OlRecurrenceState : INT {
+    olApptNotRecurring = 0,
+    olApptMaster = 1,
+    olApptOccurrence = 2,
+    olApptException = 3,
+};
+
+// A date field that was never set; also the end of a pattern without one.
 inline constexpr DATE ZR_PIM_NO_DATE = 949998.0;  // 1 January 4501
 
 inline constexpr CLSID CLSID_Application = {
@@ -129,6 +164,11 @@ inline constexpr IID IID_IContact = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x
 inline constexpr IID IID_IAppointment = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x04}};
 inline constexpr IID IID_ITask = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x05}};
 inline constexpr IID IID_IZrStore = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x06}};
+inline constexpr IID IID_IRecurrencePattern = {
+    0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x07}};
+inline constexpr IID IID_IExceptions = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x08}};
+inline constexpr IID IID_IException = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x09}};
+inline constexpr IID IID_IZrOccurrence = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x0A}};
 
 struct IPOutlookApp;
 struct IFolder;
@@ -311,38 +351,130 @@ protected:
     ~IContact() = default;
 };
 
-// An appointment; dates are local. Recurrence is not kept yet.
+// An appointment, a series of them (it has a recurrence pattern), or one occurrence of a series.
+//
+// Dates are local: a clock on the wall shows them. Nothing is converted when the zone or daylight saving changes, so a
+// series keeps its time of day all year. Dates are kept to the second.
+//
+// An all-day event takes whole days: Save moves its start back to midnight and its end on to midnight (at least a day
+// later).
+//
+// A series is one item; its Start and End are those of the first occurrence, and it is recurring as soon as its pattern
+// has a type. An occurrence is reached through the pattern (GetOccurrence), through an exception, or through a
+// collection that includes recurrences. It has the fields of its series, on its own day; what is put into it and saved
+// makes it an exception, which keeps those fields while the others still follow the series; Delete removes it from the
+// series. Its identifier is its series', its Copy an appointment of its own. ClearRecurrencePattern and a change of its
+// pattern are E_ACCESSDENIED. Save and Delete are ERROR_NOT_FOUND when the series was deleted meanwhile or no longer
+// occurs on that day.
 struct IAppointment : IDispatch {
     ZRPLATFORM_FIELD(VARIANT_BOOL, AllDayEvent)
-    ZRPLATFORM_FIELD(LONG, BusyStatus)
+    ZRPLATFORM_FIELD(LONG, BusyStatus)  // an OlBusyStatus
     ZRPLATFORM_FIELD(BSTR, Categories)
     ZRPLATFORM_FIELD(LONG, Duration)  // minutes between start and end; putting it moves the end
     ZRPLATFORM_FIELD(DATE, End)
     ZRPLATFORM_FIELD(BSTR, Location)
-    ZRPLATFORM_FIELD(LONG, MeetingStatus)
+    ZRPLATFORM_FIELD(LONG, MeetingStatus)  // an OlMeetingStatus
     ZRPLATFORM_FIELD(LONG, ReminderMinutesBeforeStart)
-    ZRPLATFORM_FIELD(LONG, ReminderOptions)
+    ZRPLATFORM_FIELD(LONG, ReminderOptions)  // of OlReminderOptions
     ZRPLATFORM_FIELD(VARIANT_BOOL, ReminderSet)
     ZRPLATFORM_FIELD(BSTR, ReminderSoundFile)
-    ZRPLATFORM_FIELD(LONG, Sensitivity)
+    ZRPLATFORM_FIELD(LONG, Sensitivity)  // an OlSensitivity
     ZRPLATFORM_FIELD(DATE, Start)
     ZRPLATFORM_FIELD(BSTR, Subject)
     ZRPLATFORM_FIELD(BSTR, Body)
+    // True for a series and for its occurrences.
     virtual HRESULT get_IsRecurring(VARIANT_BOOL* recurring) = 0;
-    virtual HRESULT GetRecurrencePattern(IRecurrencePattern** pattern) = 0;  // E_NOTIMPL
+    // The pattern of this very object: changes are stored by its Save. An appointment that does not recur has one of
+    // the type olRecursOnce. An occurrence gives its series' pattern, to be read only.
+    virtual HRESULT GetRecurrencePattern(IRecurrencePattern** pattern) = 0;
+    // Makes the series a single appointment, at the first occurrence's time; its exceptions go with the Save.
     virtual HRESULT ClearRecurrencePattern() = 0;
     virtual HRESULT get_Recipients(IRecipients** recipients) = 0;  // E_NOTIMPL
+    // As IContact::Save. E_INVALIDARG: a series without a start, without an occurrence, or with one after the year
+    // 4500.
     virtual HRESULT Save() = 0;
-    virtual HRESULT Delete() = 0;
-    virtual HRESULT Cancel() = 0;  // E_NOTIMPL
-    virtual HRESULT Send() = 0;    // E_NOTIMPL
-    virtual HRESULT Copy(IAppointment** copy) = 0;
+    virtual HRESULT Delete() = 0;                   // a series goes with its exceptions
+    virtual HRESULT Cancel() = 0;                   // E_NOTIMPL
+    virtual HRESULT Send() = 0;                     // E_NOTIMPL
+    virtual HRESULT Copy(IAppointment** copy) = 0;  // a series with its pattern, without its exceptions
     virtual HRESULT Display() = 0;
     virtual HRESULT get_Oid(LONG* oid) = 0;
     virtual HRESULT get_Application(IPOutlookApp** app) = 0;
 
 protected:
     ~IAppointment() = default;
+};
+
+// When a series occurs: at most once a day, for ever or up to an end. A part of the appointment that gave it out: the
+// same thread rule covers both, what is put here is seen there, and the appointment's Save stores it.
+//
+// Put the type first: it sets the fields that its kind of pattern has from the appointment's start, and the interval to
+// 1. A field that the type does not have reads 0 and is E_INVALIDARG to put; so are values out of range.
+//
+//     type                 fields
+//     olRecursDaily        Interval in days
+//     olRecursWeekly       Interval in weeks (which begin on Sunday), DayOfWeekMask
+//     olRecursMonthly      Interval in months, DayOfMonth
+//     olRecursMonthNth     Interval in months, Instance, DayOfWeekMask
+//     olRecursYearly       Interval in years, DayOfMonth, MonthOfYear
+//     olRecursYearNth      Interval in years, Instance, DayOfWeekMask, MonthOfYear
+//
+// Instance counts the days of the month that are in the mask: 1 to 4, and 5 for the last one. A month that lacks its
+// DayOfMonth (the 31st, 29 February) has its occurrence on its last day.
+//
+// The pattern starts with its first occurrence: Save moves the start on to the first day that fits type and fields,
+// and intervals count from there. The end is what was put last: none (the default), a number of occurrences, or a day
+// after which there are none. Deleted occurrences still count.
+//
+// A changed pattern, and a changed start, end, duration or all-day flag of a series, drop the series' exceptions, with
+// the Save. Putting the value that is there changes nothing.
+struct IRecurrencePattern : IDispatch {
+    ZRPLATFORM_FIELD(LONG, RecurrenceType)    // an OlRecurrenceType; putting olRecursOnce is ClearRecurrencePattern
+    ZRPLATFORM_FIELD(DATE, PatternStartDate)  // the first day, at midnight; the day of the appointment's start
+    ZRPLATFORM_FIELD(DATE, StartTime)         // time of day: the appointment's start; only the fraction counts
+    ZRPLATFORM_FIELD(DATE, EndTime)  // the appointment's end; putting an earlier time than the start's: next day
+    // The day of the last occurrence (as put: a day after which there is none), at midnight; ZR_PIM_NO_DATE: no end.
+    ZRPLATFORM_FIELD(DATE, PatternEndDate)
+    ZRPLATFORM_FIELD(VARIANT_BOOL, NoEndDate)  // putting VARIANT_FALSE without an end: ten occurrences
+    ZRPLATFORM_FIELD(LONG, Occurrences)        // all from the first to the last, also the deleted; -1: no end
+    ZRPLATFORM_FIELD(LONG, Interval)           // 1 to 999
+    ZRPLATFORM_FIELD(LONG, DayOfWeekMask)      // of OlDaysOfWeek, at least one
+    ZRPLATFORM_FIELD(LONG, DayOfMonth)         // 1 to 31
+    ZRPLATFORM_FIELD(LONG, Instance)           // 1 to 5
+    ZRPLATFORM_FIELD(LONG, MonthOfYear)        // 1 to 12
+    ZRPLATFORM_FIELD(LONG, Duration)           // minutes, 0 or more: the appointment's
+    // The exceptions as the store has them now, in the order of their days; none when a change not yet saved drops
+    // them.
+    virtual HRESULT get_Exceptions(IExceptions** exceptions) = 0;
+    // The occurrence that the pattern has on the day of `date`, whatever the time of day, also when it was moved to
+    // another day. ERROR_NOT_FOUND: none, or it was deleted. E_UNEXPECTED: the appointment has to be saved first.
+    virtual HRESULT GetOccurrence(DATE date, IAppointment** occurrence) = 0;
+    virtual HRESULT get_Application(IPOutlookApp** app) = 0;
+
+protected:
+    ~IRecurrencePattern() = default;
+};
+
+// The exceptions of a series at the time of get_Exceptions, numbered from 1.
+struct IExceptions : IDispatch {
+    virtual HRESULT get_Count(INT* count) = 0;
+    virtual HRESULT Item(INT index, IException** exception) = 0;  // E_INVALIDARG: no such index
+    virtual HRESULT get_Application(IPOutlookApp** app) = 0;
+
+protected:
+    ~IExceptions() = default;
+};
+
+// An occurrence that was changed or deleted.
+struct IException : IDispatch {
+    virtual HRESULT get_AppointmentItem(IAppointment** appointment) = 0;  // ERROR_NOT_FOUND: deleted
+    virtual HRESULT get_Deleted(VARIANT_BOOL* deleted) = 0;
+    // The day on which the pattern has it, at midnight; not where it was moved to.
+    virtual HRESULT get_OriginalDate(DATE* date) = 0;
+    virtual HRESULT get_Application(IPOutlookApp** app) = 0;
+
+protected:
+    ~IException() = default;
 };
 
 // A task. Recurrence is not kept yet.
@@ -395,6 +527,17 @@ struct IZrStore : IUnknown {
 
 protected:
     ~IZrStore() = default;
+};
+
+// Reached by QueryInterface from IAppointment.
+struct IZrOccurrence : IUnknown {
+    virtual HRESULT get_RecurrenceState(INT* state) = 0;  // an OlRecurrenceState
+    // The day of an occurrence in its series' pattern, at midnight. E_UNEXPECTED: not an occurrence, as below.
+    virtual HRESULT get_OriginalDate(DATE* date) = 0;
+    virtual HRESULT get_Series(IAppointment** series) = 0;  // a new object
+
+protected:
+    ~IZrOccurrence() = default;
 };
 
 // What went wrong in the last failing call of this header on the calling thread, in a sentence for people; empty when
