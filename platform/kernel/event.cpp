@@ -91,6 +91,12 @@ HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual_reset, BOOL initial_state
     return open_handle(*event);
 }
 
+HANDLE OpenEventW(DWORD, BOOL, LPCWSTR name) {
+    cancellation_point();
+    SetLastError(name && *name ? ERROR_FILE_NOT_FOUND : ERROR_INVALID_PARAMETER);
+    return nullptr;
+}
+
 BOOL SetEvent(HANDLE event) {
     return modify(event, &Event::set);
 }

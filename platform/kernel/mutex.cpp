@@ -108,6 +108,12 @@ HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initial_owner, LPCWSTR name) {
     return handle;
 }
 
+HANDLE OpenMutexW(DWORD, BOOL, LPCWSTR name) {
+    cancellation_point();
+    SetLastError(name && *name ? ERROR_FILE_NOT_FOUND : ERROR_INVALID_PARAMETER);
+    return nullptr;
+}
+
 BOOL ReleaseMutex(HANDLE handle) {
     const Pinned<Mutex> mutex = lookup<Mutex>(handle);
     if (!mutex) return FALSE;

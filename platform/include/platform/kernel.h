@@ -7,7 +7,15 @@
 // its last handle is closed and nothing uses it any more. Closing a handle while a thread waits on it leaves that wait
 // as it is. All functions may be called from any thread, also from threads that CreateThread did not make.
 //
-// Names. Objects are unnamed for now: a name that is neither NULL nor empty fails with ERROR_NOT_SUPPORTED.
+// Names. Events, mutexes and file mappings (platform/mapping.h) may have a name, by which every process of the user
+// reaches the same object. A name is any text of any length, told apart by every unit of it; NULL and the empty text
+// are no name. All kinds share one set of names. Who creates an object under a name that is taken gets a handle to the
+// object that is there, and ERROR_ALREADY_EXISTS as the last error; a name of another kind is ERROR_INVALID_HANDLE. A
+// creation that succeeds otherwise leaves ERROR_SUCCESS. An object has its name as long as some process has a handle to
+// it, however that process ends; then the next creator finds it fresh. Named objects need the runtime directory: where
+// it cannot be used their creation fails with the host's error (ERROR_DISK_FULL, ERROR_ACCESS_DENIED, ...), where too
+// many processes or objects are there already with ERROR_NOT_ENOUGH_MEMORY. Handles to named objects do not pass to a
+// forked child.
 //
 // Ended threads. TerminateThread ends its target at the target's next call of the platform; a wait ends at once. Every
 // function here is such a point except those that give something back (ReleaseMutex, LeaveCriticalSection,
@@ -16,6 +24,7 @@
 #include "platform/base.h"
 #include "platform/errors.h"
 #include "platform/export.h"
+#include "platform/mapping.h"
 #include "platform/types.h"
 
 inline constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;
@@ -30,6 +39,13 @@ inline constexpr DWORD DUPLICATE_SAME_ACCESS = 0x2;
 inline constexpr DWORD EVENT_PULSE = 1;
 inline constexpr DWORD EVENT_RESET = 2;
 inline constexpr DWORD EVENT_SET = 3;
+
+// Rights that opening a named object asks for. Every handle has all of them.
+inline constexpr DWORD SYNCHRONIZE = 0x00100000;
+inline constexpr DWORD EVENT_MODIFY_STATE = 0x0002;
+inline constexpr DWORD EVENT_ALL_ACCESS = 0x001F0003;
+inline constexpr DWORD MUTEX_MODIFY_STATE = 0x0001;
+inline constexpr DWORD MUTEX_ALL_ACCESS = 0x001F0001;
 
 inline constexpr DWORD TLS_OUT_OF_INDEXES = 0xFFFFFFFF;
 inline constexpr DWORD TLS_MINIMUM_AVAILABLE = 64;
@@ -52,9 +68,13 @@ ZRPLATFORM_API BOOL DuplicateHandle(HANDLE source_process, HANDLE source, HANDLE
 
 // A new event, signalled at first if `initial_state` is set. A manual-reset event stays signalled until it is reset and
 // lets every waiter go; an auto-reset event lets one waiter go and is reset by that. NULL on failure:
-// ERROR_NOT_ENOUGH_MEMORY, ERROR_NOT_SUPPORTED for a name. `attributes` is not used.
+// ERROR_NOT_ENOUGH_MEMORY, and what is said above of names. Of an event that was there already, kind and state stay as
+// they are. `attributes` is not used.
 ZRPLATFORM_API HANDLE CreateEventW(LPSECURITY_ATTRIBUTES attributes, BOOL manual_reset, BOOL initial_state,
                                    LPCWSTR name);
+// A handle to the event of that name. NULL with ERROR_FILE_NOT_FOUND when there is none, ERROR_INVALID_HANDLE when the
+// name is another kind's, ERROR_INVALID_PARAMETER without a name.
+ZRPLATFORM_API HANDLE OpenEventW(DWORD access, BOOL inherit, LPCWSTR name);
 ZRPLATFORM_API BOOL SetEvent(HANDLE event);
 ZRPLATFORM_API BOOL ResetEvent(HANDLE event);
 // Lets go those who wait at this instant (one of them for an auto-reset event), and leaves the event reset.
@@ -66,7 +86,11 @@ ZRPLATFORM_API BOOL EventModify(HANDLE event, DWORD action);
 
 // A new mutex, owned by the caller if `initial_owner` is set. Waiting takes ownership; its owner may take it again and
 // releases it as often. When the owning thread ends without releasing it, the next owner's wait says WAIT_ABANDONED.
+// A named mutex that was there already is not taken, whatever `initial_owner` says; the end of the owner's whole
+// process, by a kill too, counts as the end of the owner.
 ZRPLATFORM_API HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES attributes, BOOL initial_owner, LPCWSTR name);
+// A handle to the mutex of that name; fails as OpenEventW does.
+ZRPLATFORM_API HANDLE OpenMutexW(DWORD access, BOOL inherit, LPCWSTR name);
 // Gives up one hold. FALSE with ERROR_NOT_OWNER when the calling thread is not the owner.
 ZRPLATFORM_API BOOL ReleaseMutex(HANDLE mutex);
 

@@ -9,6 +9,8 @@
 #include "platform/files.h"
 #include "platform/kernel.h"
 #include "platform/mapi.h"
+#include "platform/mapping.h"
+#include "platform/objects.h"
 #include "platform/pim.h"
 #include "platform/shell.h"
 #include "platform/types.h"

@@ -1,0 +1,112 @@
+#include "mapping.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <limits>
+#include <new>
+
+#include "host_error.h"
+#include "names.h"
+#include "page_protection.h"
+#include "platform/kernel.h"
+#include "thread.h"
+#include "views.h"
+
+namespace zr::platform {
+namespace {
+
+constexpr std::uint64_t kGranularity = 64 * 1024;
+
+HANDLE fail(DWORD error) noexcept {
+    SetLastError(error);
+    return nullptr;
+}
+
+std::uint64_t whole_pages(std::uint64_t size) noexcept {
+    const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    return (size + page - 1) & ~(page - 1);
+}
+
+// A mapping that only this process knows: over a file, or over memory that has no name.
+class PrivateMapping final : public Mapping {
+public:
+    PrivateMapping(HostFd file, std::uint64_t size, DWORD protection) noexcept
+        : Mapping(size, protection, protection), file_(std::move(file)) {}
+
+protected:
+    ~PrivateMapping() override = default;
+    int contents(HostFd&) noexcept override { return file_.get(); }
+
+private:
+    const HostFd file_;
+};
+
+// Sets aside room for the whole file, so that no later access can fail for want of it. 0 or an error number.
+int reserve(int file, std::uint64_t size) noexcept {
+    if (size > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return EFBIG;
+    int error = EINTR;
+    while (error == EINTR) {
+        error = posix_fallocate(file, 0, static_cast<off_t>(size));
+    }
+    return error;
+}
+
+HANDLE open_private(HostFd file, std::uint64_t size, DWORD protection) noexcept {
+    const auto mapping = Ref<Mapping>::adopt(new (std::nothrow) PrivateMapping(std::move(file), size, protection));
+    return mapping ? open_handle(*mapping) : fail(ERROR_NOT_ENOUGH_MEMORY);
+}
+
+HANDLE create_over_memory(std::uint64_t size, DWORD protection) noexcept {
+    HostFd memory(memfd_create("mapping", MFD_CLOEXEC));
+    if (!memory) return fail(error_from_errno(errno));
+    // Memory is what runs out here, not a disk.
+    if (reserve(memory.get(), whole_pages(size)) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY);
+    return open_private(std::move(memory), size, protection);
+}
+
+}  // namespace
+
+void* Mapping::map(DWORD access, std::uint64_t offset, std::size_t size) noexcept {
+    const ViewAccess view(access);
+    if (!view.any()) return fail(ERROR_INVALID_PARAMETER);
+    if (!view.allowed_by(protection_) || !view.allowed_by(asked_)) return fail(ERROR_ACCESS_DENIED);
+    if (offset % kGranularity != 0) return fail(ERROR_MAPPED_ALIGNMENT);
+    const std::uint64_t end = whole_pages(size_);
+    if (offset >= size_ || size > end - offset) return fail(ERROR_ACCESS_DENIED);
+    const std::uint64_t length = size != 0 ? size : size_ - offset;
+    if (length > std::numeric_limits<std::size_t>::max() / 2) return fail(ERROR_NOT_ENOUGH_MEMORY);
+    HostFd keep;
+    const int file = contents(keep);
+    if (file < 0) return nullptr;
+    return map_view(file, offset, static_cast<std::size_t>(length), view.host_protection(), view.copies());
+}
+
+}  // namespace zr::platform
+
+using namespace zr::platform;
+
+HANDLE CreateFileMappingW(HANDLE file, SECURITY_ATTRIBUTES*, DWORD protection, DWORD size_high, DWORD size_low,
+                          LPCWSTR name) {
+    cancellation_point();
+    const std::uint64_t size = (std::uint64_t{size_high} << 32) | size_low;
+    if (!is_mapping_protection(protection) || file != INVALID_HANDLE_VALUE || size == 0) {
+        return fail(ERROR_INVALID_PARAMETER);
+    }
+    if (!may_be_named(name)) return nullptr;
+    return create_over_memory(size, protection & kPageBits);
+}
+
+HANDLE OpenFileMappingW(DWORD, BOOL, LPCWSTR name) {
+    cancellation_point();
+    return fail(name && *name ? ERROR_FILE_NOT_FOUND : ERROR_INVALID_PARAMETER);
+}
+
+LPVOID MapViewOfFile(HANDLE handle, DWORD access, DWORD offset_high, DWORD offset_low, SIZE_T size) {
+    cancellation_point();
+    const Pinned<Mapping> mapping = lookup<Mapping>(handle);
+    if (!mapping) return nullptr;
+    return mapping->map(access, (std::uint64_t{offset_high} << 32) | offset_low, size);
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "handle_table.h"
+#include "host_fd.h"
+
+namespace zr::platform {
+
+// What a handle to a file mapping names. Each creation makes one, with the access it asked for; the contents may be
+// shared with others.
+class Mapping : public Object {
+public:
+    static constexpr ObjectKind kKind = ObjectKind::FileMapping;
+
+    // `protections`: what views may do, by the mapping itself and by what this handle asked for.
+    Mapping(std::uint64_t size, DWORD protection, DWORD asked) noexcept
+        : Object(kKind), size_(size), protection_(protection), asked_(asked) {}
+
+    void* map(DWORD access, std::uint64_t offset, std::size_t size) noexcept;
+
+protected:
+    ~Mapping() override = default;
+
+    // The file that holds the contents, open for as long as `keep` lives; negative with the last error set.
+    virtual int contents(HostFd& keep) noexcept = 0;
+
+private:
+    const std::uint64_t size_;
+    const DWORD protection_;
+    const DWORD asked_;
+};
+
+}  // namespace zr::platform

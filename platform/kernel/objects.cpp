@@ -1,0 +1,7 @@
+#include "platform/objects.h"
+
+#include "platform/base.h"
+
+BOOL ZrEnumNamedObjects(ZrNamedObjectVisitor, LPVOID) {
+    return TRUE;
+}

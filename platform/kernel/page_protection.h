@@ -1,0 +1,67 @@
+#pragma once
+
+// What a mapping's protection lets a view of it do.
+
+#include <sys/mman.h>
+
+#include "platform/mapping.h"
+
+namespace zr::platform {
+
+inline constexpr DWORD kPageBits = 0xFF;
+inline constexpr DWORD kPageReadOnly = 0x02;
+inline constexpr DWORD kPageReadWrite = 0x04;
+inline constexpr DWORD kPageWriteCopy = 0x08;
+inline constexpr DWORD kPageExecuteRead = 0x20;
+inline constexpr DWORD kPageExecuteReadWrite = 0x40;
+inline constexpr DWORD kPageExecuteWriteCopy = 0x80;
+
+constexpr bool may_write(DWORD protection) noexcept {
+    return (protection & (kPageReadWrite | kPageExecuteReadWrite)) != 0;
+}
+constexpr bool may_execute(DWORD protection) noexcept {
+    return (protection & (kPageExecuteRead | kPageExecuteReadWrite | kPageExecuteWriteCopy)) != 0;
+}
+
+// One of the protections that a mapping can have, and no unknown flag.
+constexpr bool is_mapping_protection(DWORD protection) noexcept {
+    if ((protection & ~(kPageBits | SEC_RESERVE | SEC_COMMIT | SEC_NOCACHE)) != 0) return false;
+    switch (protection & kPageBits) {
+        case kPageReadOnly:
+        case kPageReadWrite:
+        case kPageWriteCopy:
+        case kPageExecuteRead:
+        case kPageExecuteReadWrite:
+        case kPageExecuteWriteCopy:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// The access that a view is asked for. Writing counts before copying, so that FILE_MAP_ALL_ACCESS writes.
+class ViewAccess {
+public:
+    explicit constexpr ViewAccess(DWORD access) noexcept
+        : write_((access & FILE_MAP_WRITE) != 0),
+          copy_(!write_ && (access & FILE_MAP_COPY) != 0),
+          read_((access & FILE_MAP_READ) != 0),
+          execute_((access & FILE_MAP_EXECUTE) != 0) {}
+
+    constexpr bool any() const noexcept { return write_ || copy_ || read_; }
+    constexpr bool copies() const noexcept { return copy_; }
+    constexpr bool allowed_by(DWORD protection) const noexcept {
+        return (!write_ || may_write(protection)) && (!execute_ || may_execute(protection));
+    }
+    constexpr int host_protection() const noexcept {
+        return PROT_READ | (write_ || copy_ ? PROT_WRITE : 0) | (execute_ ? PROT_EXEC : 0);
+    }
+
+private:
+    bool write_;
+    bool copy_;
+    bool read_;
+    bool execute_;
+};
+
+}  // namespace zr::platform

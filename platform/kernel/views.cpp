@@ -1,0 +1,109 @@
+#include "views.h"
+
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <mutex>
+#include <new>
+
+#include "futex.h"
+#include "host_error.h"
+#include "platform/base.h"
+#include "platform/kernel.h"
+
+namespace zr::platform {
+namespace {
+
+// Known by where it begins.
+struct View {
+    char* base;
+    std::size_t size;
+    View* next;
+};
+
+constexpr std::size_t kBuckets = 256;
+
+FutexLock views_lock;
+View* views[kBuckets];
+
+View*& bucket(const void* base) noexcept {
+    return views[(reinterpret_cast<std::uintptr_t>(base) >> 12) % kBuckets];
+}
+
+// The record of the view that begins there, taken off the table; NULL when there is none.
+View* take(const void* base) noexcept {
+    const std::lock_guard guard(views_lock);
+    for (View** link = &bucket(base); *link; link = &(*link)->next) {
+        View* const view = *link;
+        if (view->base != base) continue;
+        *link = view->next;
+        return view;
+    }
+    return nullptr;
+}
+
+// How many bytes are left from `at` to the end of the view that holds it; 0 when none does.
+std::size_t bytes_from(const char* at) noexcept {
+    const std::lock_guard guard(views_lock);
+    for (const View* view : views) {
+        for (; view; view = view->next) {
+            if (at >= view->base && at < view->base + view->size) {
+                return static_cast<std::size_t>(view->base + view->size - at);
+            }
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+void* map_view(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept {
+    View* const view = new (std::nothrow) View;
+    void* base = MAP_FAILED;
+    if (view) {
+        const int sharing = copy ? MAP_PRIVATE : MAP_SHARED;
+        base = mmap(nullptr, size, host_protection, sharing, file, static_cast<off_t>(offset));
+    }
+    if (base == MAP_FAILED) {
+        SetLastError(view ? error_from_errno(errno) : ERROR_NOT_ENOUGH_MEMORY);
+        delete view;
+        return nullptr;
+    }
+    *view = {static_cast<char*>(base), size, nullptr};
+    const std::lock_guard guard(views_lock);
+    View*& first = bucket(base);
+    view->next = first;
+    first = view;
+    return base;
+}
+
+}  // namespace zr::platform
+
+using namespace zr::platform;
+
+BOOL UnmapViewOfFile(LPCVOID base) {
+    const View* const view = take(base);
+    if (!view) {
+        SetLastError(ERROR_INVALID_ADDRESS);
+        return FALSE;
+    }
+    munmap(view->base, view->size);
+    delete view;
+    return TRUE;
+}
+
+BOOL FlushViewOfFile(LPCVOID base, SIZE_T size) {
+    const char* const at = static_cast<const char*>(base);
+    const std::size_t left = bytes_from(at);
+    if (left == 0 || size > left) {
+        SetLastError(ERROR_INVALID_ADDRESS);
+        return FALSE;
+    }
+    // The host flushes whole pages.
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(at);
+    const std::uintptr_t begin = address & ~(page - 1);
+    if (msync(reinterpret_cast<void*>(begin), (size != 0 ? size : left) + (address - begin), MS_SYNC) == 0) return TRUE;
+    SetLastError(error_from_errno(errno));
+    return FALSE;
+}
