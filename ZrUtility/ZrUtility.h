@@ -2,6 +2,7 @@
 
 // Every public header of the library.
 
+#include "ZrUtility/ArrayIterator.h"
 #include "ZrUtility/BufferStream.h"
 #include "ZrUtility/Enumerator.h"
 #include "ZrUtility/Export.h"
@@ -12,7 +13,11 @@
 #include "ZrUtility/Helpers/ContactsManagerEmail.h"
 #include "ZrUtility/Helpers/KeywordTable.h"
 #include "ZrUtility/Helpers/OutlookManager.h"
+#include "ZrUtility/Helpers/StringTokenizer.h"
 #include "ZrUtility/Helpers/StringUtilities.h"
+#include "ZrUtility/Helpers/ZrBasicStringFormatter.h"
+#include "ZrUtility/Helpers/ZrPropertyFileParser.h"
+#include "ZrUtility/ZrArray.h"
 #include "ZrUtility/ZrCollections.h"
 #include "ZrUtility/ZrIterator.h"
 #include "ZrUtility/ZrLinkList.h"
