@@ -114,7 +114,7 @@ void parse_ours(benchmark::State& state) {
         const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         zr::LineReader lines(zr::read_from_descriptor(fd));
         zr::CardReader reader(lines);
-        std::vector<zr::CardProblem> problems;
+        std::vector<zr::Problem> problems;
         zr::Card card;
         std::int64_t count = 0;
         while (reader.next(card, problems) == zr::CardReader::Result::Card) {

@@ -30,7 +30,7 @@ void check_card(const zr::Card& card) {
     zr::LineReader lines(zr::read_from_memory(text));
     zr::CardReader reader(lines);
     zr::Card again;
-    std::vector<zr::CardProblem> problems;
+    std::vector<zr::Problem> problems;
     check(reader.next(again, problems) == zr::CardReader::Result::Card);
     // Blanks around a name or an address are not kept, so only the note is compared to the letter.
     check(again[zr::Field::Note] == card[zr::Field::Note]);
@@ -45,7 +45,7 @@ void check_both_ways(std::string_view text) {
     while (splitter.next(raw)) {
         if (!raw.damage.empty()) continue;
         zr::Card card[2];
-        std::vector<zr::CardProblem> problems[2];
+        std::vector<zr::Problem> problems[2];
         const bool read = zr::parse_card(raw, card[0], problems[0], false);
         check(zr::parse_card(raw, card[1], problems[1], true) == read && problems[0].size() == problems[1].size());
         check(!read || card[0] == card[1]);
@@ -61,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     zr::LineReader lines(zr::read_from_memory(text));
     zr::CardReader reader(lines);
     zr::Card card;
-    std::vector<zr::CardProblem> problems;
+    std::vector<zr::Problem> problems;
     for (;;) {
         const zr::CardReader::Result result = reader.next(card, problems);
         if (result == zr::CardReader::Result::End) return 0;

@@ -8,14 +8,9 @@
 #include <vector>
 
 #include "card_splitter.h"
+#include "problem.h"
 
 namespace zr {
-
-struct CardProblem {
-    long line;
-    std::string reason;
-    bool lost = true;  // something of the card is not imported; else it is, with a guess that a person should know of
-};
 
 struct PropertyLine {
     std::string text;      // group.NAME;PARAMETERS:VALUE without an end of line
@@ -32,7 +27,7 @@ struct PropertyLine {
 // that is not one or that had to be guessed at.
 class PropertyLines {
 public:
-    PropertyLines(const RawCard& card, std::vector<CardProblem>& problems) : card_(card), problems_(problems) {}
+    PropertyLines(const RawCard& card, std::vector<Problem>& problems) : card_(card), problems_(problems) {}
 
     // The next property; false at the end of the card. The result is valid until the next call.
     bool next(PropertyLine& property);
@@ -52,7 +47,7 @@ private:
     void guessed(std::string reason) { problems_.push_back({line_, std::move(reason), false}); }
 
     const RawCard& card_;
-    std::vector<CardProblem>& problems_;
+    std::vector<Problem>& problems_;
     std::size_t at_ = 0;   // next physical line
     std::string logical_;  // the line being read, unfolded
     long line_ = 0;        // and where it begins

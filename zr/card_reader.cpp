@@ -412,7 +412,7 @@ bool is_empty(const Card& card) {
 
 }  // namespace
 
-bool parse_card(const RawCard& raw, Card& card, std::vector<CardProblem>& problems, bool all_by_evcard) {
+bool parse_card(const RawCard& raw, Card& card, std::vector<Problem>& problems, bool all_by_evcard) {
     card.clear();
     CardAttributes attributes;
     PropertyLines lines(raw, problems);
@@ -442,7 +442,7 @@ bool parse_card(const RawCard& raw, Card& card, std::vector<CardProblem>& proble
     return false;
 }
 
-CardReader::Result CardReader::next(Card& card, std::vector<CardProblem>& problems) {
+CardReader::Result CardReader::next(Card& card, std::vector<Problem>& problems) {
     problems.clear();
     if (!splitter_.next(raw_)) return Result::End;
     if (!raw_.damage.empty()) {

@@ -86,7 +86,7 @@ void CardStream::run() {
 
 // Some more cards, or what is wrong with some; false at the end.
 bool CardStream::read(Part& part) {
-    std::vector<CardProblem> problems;
+    std::vector<Problem> problems;
     Card card;
     const std::size_t begin = lines_.bytes_read();
     while (part.cards.size() + part.notes.size() < kPartCards && lines_.bytes_read() - begin < kPartBytes) {

@@ -26,7 +26,7 @@ class CardStream {
 public:
     // What was found wrong in one card.
     struct Note {
-        std::vector<CardProblem> problems;
+        std::vector<Problem> problems;
         bool left_out;  // the whole card
     };
     struct Part {

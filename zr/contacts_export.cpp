@@ -1,16 +1,11 @@
 // zr contacts export: the whole contact store as vCards.
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <memory>
-#include <string_view>
 
 #include "card_writer.h"
 #include "command.h"
 #include "output.h"
+#include "output_file.h"
 #include "store.h"
 
 namespace zr {
@@ -22,83 +17,29 @@ struct Options {
     bool json = false;
 };
 
-// A file that appears under its name only when it is complete. Devices and pipes are written to directly.
-class OutputFile {
-public:
-    explicit OutputFile(const std::string& path) : path_(path) {
-        struct stat status;
-        direct_ = ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-        if (direct_) {
-            fd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-        } else {
-            temporary_ = path + ".XXXXXX";
-            fd_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
-            if (fd_ < 0) temporary_.clear();
-        }
-        if (fd_ < 0) throw file_failure(path_, errno);
-    }
-    ~OutputFile() {
-        if (fd_ >= 0) ::close(fd_);
-        if (!temporary_.empty()) ::unlink(temporary_.c_str());
-    }
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-
-    void write(std::string_view text) {
-        while (!text.empty()) {
-            const ssize_t n = ::write(fd_, text.data(), text.size());
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) throw file_failure(path_, errno);
-            text.remove_prefix(static_cast<std::size_t>(n));
-        }
-    }
-
-    void finish() {
-        if (direct_) return;
-        if (::fsync(fd_) != 0 || ::rename(temporary_.c_str(), path_.c_str()) != 0) throw file_failure(path_, errno);
-        temporary_.clear();
-    }
-
-private:
-    std::string path_;
-    std::string temporary_;
-    bool direct_ = false;
-    int fd_ = -1;
-};
-
 Exit export_contacts(const Options& options) {
     const CardVersion version = options.version == "2.1"   ? CardVersion::V21
                                 : options.version == "4.0" ? CardVersion::V40
                                                            : CardVersion::V30;
     Store store;
-    std::unique_ptr<OutputFile> file;
-    if (!options.output.empty() && options.output != "-") file = std::make_unique<OutputFile>(options.output);
-    JsonArray array;
+    OutputFile file(options.output);
+    JsonArray array([&](std::string_view text) { file.write(text); });
     std::string text;
-    bool first = true;
     const int count = store.count();
     for (int i = 1; i <= count; ++i) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
         const Card card = read_contact(contact.get(), true);
-        text.clear();
-        if (!options.json) {
-            write_card(card, version, text);
-        } else if (file) {
-            text = (first ? "[\n" : ",\n") + json_text(contact_json(oid_of(contact.get()), card));
-        } else {
+        if (options.json) {
             array.add(contact_json(oid_of(contact.get()), card));
-        }
-        first = false;
-        if (file) {
-            file->write(text);
         } else {
-            print(text);
+            text.clear();
+            write_card(card, version, text);
+            file.write(text);
         }
     }
-    if (options.json && !file) array.finish();
-    if (options.json && file) file->write(!first ? "\n]\n" : "[]\n");
-    if (file) file->finish();
+    if (options.json) array.finish();
+    file.finish();
     return Exit::Ok;
 }
 

@@ -28,13 +28,13 @@ void flush_output() {
 }
 
 void JsonArray::add(const Json& element) {
-    print(any_ ? ",\n" : "[\n");
+    write_(any_ ? ",\n" : "[\n");
     any_ = true;
-    print(json_text(element));
+    write_(json_text(element));
 }
 
 void JsonArray::finish() {
-    print(any_ ? "\n]\n" : "[]\n");
+    write_(any_ ? "\n]\n" : "[]\n");
 }
 
 }  // namespace zr

@@ -2,9 +2,11 @@
 
 // Standard output: UTF-8, buffered, checked.
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace zr {
 
@@ -17,13 +19,17 @@ void print_json_line(const Json& value);
 // Writes out what print() kept. Throws Failure when it cannot be written.
 void flush_output();
 
-// A JSON array that is printed element by element, so that memory does not grow with it.
+// A JSON array that is written element by element, so that memory does not grow with it.
 class JsonArray {
 public:
+    using Write = std::function<void(std::string_view)>;
+    explicit JsonArray(Write write = print) : write_(std::move(write)) {}
+
     void add(const Json& element);
     void finish();
 
 private:
+    Write write_;
     bool any_ = false;
 };
 

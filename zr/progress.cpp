@@ -15,14 +15,14 @@ constexpr int kWidth = 30;
 
 }  // namespace
 
-Progress::Progress(bool wanted)
-    : on_(wanted && ::isatty(STDERR_FILENO) == 1), next_(std::chrono::steady_clock::now() + kInterval) {}
+Progress::Progress(bool wanted, const char* items)
+    : on_(wanted && ::isatty(STDERR_FILENO) == 1), items_(items), next_(std::chrono::steady_clock::now() + kInterval) {}
 
 Progress::~Progress() {
     clear();
 }
 
-void Progress::show(const std::string& what, std::size_t done, std::size_t total, long items) {
+void Progress::show(const std::string& what, std::size_t done, std::size_t total, long count) {
     if (!on_) return;
     const auto now = std::chrono::steady_clock::now();
     if (now < next_) return;
@@ -35,7 +35,7 @@ void Progress::show(const std::string& what, std::size_t done, std::size_t total
               std::string(static_cast<std::size_t>(kWidth - filled), ' ') + "] " +
               std::to_string(std::min(done, total) * 100 / total) + "%  ";
     }
-    const std::string line = "\r\x1b[K" + bar + std::to_string(items) + " contacts  " + printable(what);
+    const std::string line = "\r\x1b[K" + bar + std::to_string(count) + " " + items_ + "  " + printable(what);
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
 }

@@ -10,18 +10,20 @@ namespace zr {
 
 class Progress {
 public:
-    explicit Progress(bool wanted);
+    // `items` is what is counted, such as "contacts".
+    Progress(bool wanted, const char* items);
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    // `total` 0: unknown, only `items` is shown. Cheap to call often.
-    void show(const std::string& what, std::size_t done, std::size_t total, long items);
+    // `total` 0: unknown, only `count` is shown. Cheap to call often.
+    void show(const std::string& what, std::size_t done, std::size_t total, long count);
     // Takes the bar away, so that another line can be printed.
     void clear();
 
 private:
     bool on_;
+    const char* items_;
     bool drawn_ = false;
     std::chrono::steady_clock::time_point next_;
 };

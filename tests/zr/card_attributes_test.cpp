@@ -19,7 +19,7 @@ void expect_both_ways_agree(const std::string& text) {
     while (splitter.next(raw)) {
         if (!raw.damage.empty()) continue;
         zr::Card card[2];
-        std::vector<zr::CardProblem> problems[2];
+        std::vector<zr::Problem> problems[2];
         const bool read = zr::parse_card(raw, card[0], problems[0], false);
         ASSERT_EQ(zr::parse_card(raw, card[1], problems[1], true), read) << text;
         ASSERT_EQ(problems[0].size(), problems[1].size()) << text;

@@ -12,7 +12,7 @@ namespace zr::test {
 
 struct ReadCards {
     std::vector<Card> cards;
-    std::vector<CardProblem> problems;  // of all cards, in order
+    std::vector<Problem> problems;  // of all cards, in order
     int damaged = 0;
 };
 
@@ -21,7 +21,7 @@ inline ReadCards read_cards(std::string_view text) {
     LineReader lines(read_from_memory(text));
     CardReader reader(lines);
     Card card;
-    std::vector<CardProblem> problems;
+    std::vector<Problem> problems;
     for (;;) {
         const CardReader::Result found = reader.next(card, problems);
         if (found == CardReader::Result::End) return result;
