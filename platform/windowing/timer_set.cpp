@@ -1,11 +1,15 @@
 #include "timer_set.h"
 
+#include <atomic>
+
 namespace zr::platform {
 
 UINT_PTR TimerSet::fresh_id() {
-    while (next_id_ == 0 || has(nullptr, next_id_))
-        ++next_id_;
-    return next_id_++;
+    static std::atomic<UINT> next{1};
+    for (;;) {
+        const UINT id = next.fetch_add(1, std::memory_order_relaxed);
+        if (id != 0 && !has(nullptr, id)) return id;
+    }
 }
 
 void TimerSet::set(HWND window, UINT_PTR id, std::int64_t period, TIMERPROC procedure, std::int64_t now) {

@@ -34,7 +34,9 @@ public:
 
     bool empty() const noexcept { return timers_.empty(); }
     bool has(HWND window, UINT_PTR id) const { return timers_.contains(key(window, id)); }
-    UINT_PTR fresh_id();  // of a timer without window
+    // Of a timer without window. No other thread's timer gets the same one, so that a table that threads share, or that
+    // outlives one, can tell timers by it.
+    UINT_PTR fresh_id();
     // All times are nanoseconds of the monotonic clock. May throw std::bad_alloc; the timer is as it was then.
     void set(HWND window, UINT_PTR id, std::int64_t period, TIMERPROC procedure, std::int64_t now);
     bool kill(HWND window, UINT_PTR id);
@@ -62,7 +64,6 @@ private:
     std::map<Key, Timer> timers_;
     Order pending_;
     Order ready_;
-    UINT next_id_ = 1;
 };
 
 }  // namespace zr::platform
