@@ -18,6 +18,8 @@
 #include "ZrUtility/Helpers/ZrBasicStringFormatter.h"
 #include "ZrUtility/Helpers/ZrPropertyFileParser.h"
 #include "ZrUtility/ZrArray.h"
+#include "ZrUtility/Helpers/SystemTimeHelper.h"
+#include "ZrUtility/Helpers/TimerUtilities.h"
 #include "ZrUtility/ZrCollections.h"
 #include "ZrUtility/ZrIterator.h"
 #include "ZrUtility/ZrLinkList.h"
