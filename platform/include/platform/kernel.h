@@ -25,6 +25,7 @@
 #include "platform/errors.h"
 #include "platform/export.h"
 #include "platform/mapping.h"
+#include "platform/memory.h"
 #include "platform/types.h"
 
 inline constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;

@@ -12,6 +12,7 @@
 
 #include "platform/errors.h"
 #include "platform/export.h"
+#include "platform/memory.h"
 #include "platform/types.h"
 
 // With a page protection: how the memory is set aside. Pages are always committed when the mapping is made, so that a

@@ -10,6 +10,7 @@
 #include "platform/kernel.h"
 #include "platform/mapi.h"
 #include "platform/mapping.h"
+#include "platform/memory.h"
 #include "platform/notify.h"
 #include "platform/objects.h"
 #include "platform/pim.h"
