@@ -15,5 +15,6 @@
 #include "platform/objects.h"
 #include "platform/pim.h"
 #include "platform/shell.h"
+#include "platform/time.h"
 #include "platform/types.h"
 #include "platform/windowing.h"

@@ -1,0 +1,40 @@
+#pragma once
+
+// SYSTEMTIME and its parts.
+
+#include <chrono>
+#include <cstdint>
+
+#include "platform/types.h"
+
+namespace zr::platform {
+
+constexpr std::chrono::year_month_day date_of(const SYSTEMTIME& time) noexcept {
+    return {std::chrono::year(time.wYear), std::chrono::month(time.wMonth), std::chrono::day(time.wDay)};
+}
+
+constexpr bool is_time_of_day(const SYSTEMTIME& time) noexcept {
+    return time.wHour <= 23 && time.wMinute <= 59 && time.wSecond <= 59;
+}
+
+constexpr std::int64_t seconds_of_day(const SYSTEMTIME& time) noexcept {
+    return (time.wHour * 60 + time.wMinute) * 60 + time.wSecond;
+}
+
+// The day, of a year that a SYSTEMTIME holds, and a millisecond of it.
+constexpr SYSTEMTIME calendar_time(std::chrono::sys_days day, std::uint32_t millisecond) noexcept {
+    const std::chrono::year_month_day date(day);
+    const std::uint32_t second = millisecond / 1000;
+    SYSTEMTIME time{};
+    time.wYear = static_cast<WORD>(static_cast<int>(date.year()));
+    time.wMonth = static_cast<WORD>(static_cast<unsigned>(date.month()));
+    time.wDayOfWeek = static_cast<WORD>(std::chrono::weekday(day).c_encoding());
+    time.wDay = static_cast<WORD>(static_cast<unsigned>(date.day()));
+    time.wHour = static_cast<WORD>(second / 3600);
+    time.wMinute = static_cast<WORD>(second / 60 % 60);
+    time.wSecond = static_cast<WORD>(second % 60);
+    time.wMilliseconds = static_cast<WORD>(millisecond % 1000);
+    return time;
+}
+
+}  // namespace zr::platform

@@ -1,0 +1,52 @@
+#include <chrono>
+#include <cmath>
+
+#include "calendar.h"
+#include "platform/time.h"
+#include "units.h"
+
+namespace zr::platform {
+namespace {
+
+constexpr int kFirstYear = 100;
+constexpr int kLastYear = 9999;
+constexpr unsigned kLastDayNumber = 31;
+
+}  // namespace
+}  // namespace zr::platform
+
+INT SystemTimeToVariantTime(SYSTEMTIME* time, DATE* date) {
+    using namespace zr::platform;
+    if (time == nullptr || date == nullptr) return FALSE;
+    const std::chrono::year_month month{std::chrono::year(time->wYear), std::chrono::month(time->wMonth)};
+    if (time->wYear < kFirstYear || time->wYear > kLastYear || !month.ok()) return FALSE;
+    if (time->wDay > kLastDayNumber || !is_time_of_day(*time)) return FALSE;
+    // Day 0 and days behind the month's last one are days of the months beside it.
+    const std::chrono::sys_days first = month / 1;
+    const std::chrono::sys_days day = first + std::chrono::days(time->wDay - 1);
+    if (static_cast<int>(std::chrono::year_month_day(day).year()) < kFirstYear) return FALSE;
+    const auto days = static_cast<double>((day - kOleDay).count());
+    const double part = static_cast<double>(seconds_of_day(*time)) / kSecondsPerDay;
+    *date = days < 0 ? days - part : days + part;
+    return TRUE;
+}
+
+INT VariantTimeToSystemTime(DATE date, SYSTEMTIME* time) {
+    using namespace zr::platform;
+    constexpr std::chrono::sys_days kFirst = std::chrono::year(kFirstYear) / 1 / 1;
+    constexpr std::chrono::sys_days kEnd = std::chrono::year(kLastYear + 1) / 1 / 1;
+    constexpr double kLeast = (kFirst - kOleDay).count() - 1.0;
+    constexpr double kGreatest = (kEnd - kOleDay).count();
+    // Written so that what is no number fails.
+    if (time == nullptr || !(date > kLeast && date < kGreatest)) return FALSE;
+    const double whole = std::trunc(date);
+    auto second = static_cast<std::int64_t>(std::floor(std::fabs(date - whole) * kSecondsPerDay + 0.5));
+    std::chrono::sys_days day = kOleDay + std::chrono::days(static_cast<int>(whole));
+    if (second == kSecondsPerDay) {
+        second = 0;
+        day += std::chrono::days(1);
+    }
+    if (day >= kEnd) return FALSE;
+    *time = calendar_time(day, static_cast<std::uint32_t>(second) * 1000);
+    return TRUE;
+}
