@@ -1,53 +1,71 @@
-#include "item_makers.h"
-#include "item_object.h"
+#include "appointment.h"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
+
+#include "item_makers.h"
+#include "pattern.h"
 
 namespace zr::platform::pim {
-
-// An appointment; its duration is the distance between start and end.
-class Appointment final : public ItemObject<IAppointment, IID_IAppointment> {
-public:
-    using ItemObject::ItemObject;
-
-    ZRPIM_FIELD(VARIANT_BOOL, AllDayEvent)
-    ZRPIM_FIELD(LONG, BusyStatus)
-    ZRPIM_FIELD(BSTR, Categories)
-    ZRPIM_FIELD(DATE, End)
-    ZRPIM_FIELD(BSTR, Location)
-    ZRPIM_FIELD(LONG, MeetingStatus)
-    ZRPIM_FIELD(LONG, ReminderMinutesBeforeStart)
-    ZRPIM_FIELD(LONG, ReminderOptions)
-    ZRPIM_FIELD(VARIANT_BOOL, ReminderSet)
-    ZRPIM_FIELD(BSTR, ReminderSoundFile)
-    ZRPIM_FIELD(LONG, Sensitivity)
-    ZRPIM_FIELD(DATE, Start)
-    ZRPIM_FIELD(BSTR, Subject)
-    ZRPIM_FIELD(BSTR, Body)
-
-    HRESULT get_Duration(LONG* minutes) override;
-    HRESULT put_Duration(LONG minutes) override;
-    HRESULT get_IsRecurring(VARIANT_BOOL* recurring) override {
-        if (recurring == nullptr) return fail(E_POINTER);
-        *recurring = VARIANT_FALSE;
-        return S_OK;
-    }
-    HRESULT GetRecurrencePattern(IRecurrencePattern** pattern) override {
-        return cleared(pattern) ? fail(E_NOTIMPL) : fail(E_POINTER);
-    }
-    HRESULT ClearRecurrencePattern() override { return S_OK; }
-    HRESULT get_Recipients(IRecipients** recipients) override {
-        return cleared(recipients) ? fail(E_NOTIMPL) : fail(E_POINTER);
-    }
-    HRESULT Cancel() override { return fail(E_NOTIMPL); }
-    HRESULT Send() override { return fail(E_NOTIMPL); }
-};
-
 namespace {
 
-constexpr double kMinutesPerDay = 1440.0;
+constexpr int kSecondsPerMinute = 60;
 
 }  // namespace
+
+HRESULT Appointment::QueryInterface(REFIID riid, void** object) {
+    if (!cleared(object)) return fail(E_POINTER);
+    if (riid != IID_IZrOccurrence) return ItemObject::QueryInterface(riid, object);
+    *object = static_cast<IZrOccurrence*>(this);
+    AddRef();
+    return S_OK;
+}
+
+// --- when it is -----------------------------------------------------------------------------------------------------
+
+HRESULT Appointment::is_series(bool& series) {
+    series = false;
+    if (state_.occurrence() != nullptr) return S_OK;
+    LONGLONG type = olRecursOnce;
+    const HRESULT result = state_.get_number(field::RecurrenceType, olRecursOnce, type);
+    series = type != olRecursOnce;
+    return result;
+}
+
+template <class T>
+HRESULT Appointment::put_when(CEPROPID id, T value) {
+    bool series = false;
+    HRESULT result = is_series(series);
+    if (FAILED(result) || !series) return SUCCEEDED(result) ? put(id, value) : result;
+    T present = {};
+    result = get(id, &present);
+    if (FAILED(result) || present == value) return result;
+    result = put(id, value);
+    if (SUCCEEDED(result)) state_.change_series();
+    return result;
+}
+
+HRESULT Appointment::put_AllDayEvent(VARIANT_BOOL value) {
+    return put_when(field::AllDayEvent, value != VARIANT_FALSE ? VARIANT_TRUE : VARIANT_FALSE);
+}
+
+HRESULT Appointment::put_Start(DATE date) {
+    DATE start = 0;
+    DATE end = 0;
+    HRESULT result = get_Start(&start);
+    if (SUCCEEDED(result)) result = get_End(&end);
+    if (SUCCEEDED(result)) result = put_when(field::Start, date);
+    if (FAILED(result) || start == ZR_PIM_NO_DATE || end == ZR_PIM_NO_DATE || date == ZR_PIM_NO_DATE) return result;
+    VARIANT_BOOL all_day = VARIANT_FALSE;
+    result = get_AllDayEvent(&all_day);
+    if (FAILED(result)) return result;
+    Moment from = moment_of(start);
+    Moment to = moment_of(date);
+    if (all_day != VARIANT_FALSE) from.second = to.second = 0;
+    const LONGLONG moved = seconds_between(from, to);
+    return moved != 0 ? put_when(field::End, date_of(later(moment_of(end), moved))) : S_OK;
+}
 
 HRESULT Appointment::get_Duration(LONG* minutes) {
     if (minutes == nullptr) return fail(E_POINTER);
@@ -56,8 +74,11 @@ HRESULT Appointment::get_Duration(LONG* minutes) {
     DATE end = 0;
     HRESULT result = get_Start(&start);
     if (SUCCEEDED(result)) result = get_End(&end);
-    if (SUCCEEDED(result) && start != ZR_PIM_NO_DATE && end != ZR_PIM_NO_DATE)
-        *minutes = static_cast<LONG>(std::lround((end - start) * kMinutesPerDay));
+    if (FAILED(result) || start == ZR_PIM_NO_DATE || end == ZR_PIM_NO_DATE) return result;
+    const LONGLONG seconds = seconds_between(moment_of(start), moment_of(end));
+    constexpr LONGLONG kMost = std::numeric_limits<LONG>::max();
+    const LONGLONG nearest = std::llround(static_cast<double>(seconds) / kSecondsPerMinute);
+    *minutes = static_cast<LONG>(std::clamp(nearest, -kMost, kMost));
     return result;
 }
 
@@ -67,7 +88,168 @@ HRESULT Appointment::put_Duration(LONG minutes) {
     if (FAILED(result)) return result;
     if (minutes < 0 || start == ZR_PIM_NO_DATE)
         return fail(E_INVALIDARG, "A duration needs a start and cannot be negative.");
-    return put_End(start + minutes / kMinutesPerDay);
+    LONG present = 0;
+    DATE end = 0;
+    if (get_Duration(&present) == S_OK && present == minutes && get_End(&end) == S_OK && end != ZR_PIM_NO_DATE)
+        return S_OK;
+    return put_End(date_of(later(moment_of(start), LONGLONG{minutes} * kSecondsPerMinute)));
+}
+
+// Before a save: whole days, and a series that begins with its first occurrence.
+HRESULT Appointment::settle_times() {
+    bool recurring = false;
+    HRESULT result = is_series(recurring);
+    if (FAILED(result)) return result;
+    const bool changed = recurring && (state_.is_new() || state_.series_changed());
+    const bool moved = state_.has_put(field::Start) || state_.has_put(field::End) || state_.has_put(field::AllDayEvent);
+    if (!changed && !moved) return S_OK;
+    Series settled;
+    result = series(settled);
+    if (FAILED(result)) return result;
+    const Series before = settled;
+    settled.round_to_days();
+    if (changed && settled.rule.recurs()) {
+        result = settled.begin_with_first();
+        if (FAILED(result)) return result;
+        // All of it, so that the pattern is whole whatever another program stored meanwhile.
+        put_rule_fields(settled.rule);
+    }
+    if (settled.start && (changed || settled.start != before.start))
+        result = put(field::Start, date_of(*settled.start));
+    if (SUCCEEDED(result) && settled.end && (changed || settled.end != before.end))
+        result = put(field::End, date_of(*settled.end));
+    return result;
+}
+
+HRESULT Appointment::Save() {
+    const HRESULT result = guarded([&] { return settle_times(); });
+    return SUCCEEDED(result) ? ItemObject::Save() : result;
+}
+
+// --- as a series ----------------------------------------------------------------------------------------------------
+
+HRESULT Appointment::get_IsRecurring(VARIANT_BOOL* recurring) {
+    if (recurring == nullptr) return fail(E_POINTER);
+    bool series = false;
+    const HRESULT result = is_series(series);
+    *recurring = series || state_.occurrence() != nullptr ? VARIANT_TRUE : VARIANT_FALSE;
+    return result;
+}
+
+HRESULT Appointment::GetRecurrencePattern(IRecurrencePattern** pattern) {
+    if (!cleared(pattern)) return fail(E_POINTER);
+    if (!state_.session().is_open()) return state_.session().check_open();
+    if (state_.occurrence() == nullptr) return make_pattern(*this, false, pattern);
+    IAppointment* series = nullptr;
+    HRESULT result = get_Series(&series);
+    if (FAILED(result)) return result;
+    result = make_pattern(*static_cast<Appointment*>(series), true, pattern);
+    series->Release();
+    return result;
+}
+
+HRESULT Appointment::ClearRecurrencePattern() {
+    if (state_.occurrence() != nullptr) return fail(E_ACCESSDENIED, "An occurrence has no pattern of its own.");
+    return guarded([&]() -> HRESULT {
+        bool series = false;
+        const HRESULT result = is_series(series);
+        return SUCCEEDED(result) && series ? put_rule(Rule()) : result;
+    });
+}
+
+HRESULT Appointment::series(Series& series) {
+    Values all;
+    const HRESULT result = state_.everything(all);
+    if (SUCCEEDED(result)) series = Series::from(all);
+    return result;
+}
+
+void Appointment::put_rule_fields(const Rule& rule) {
+    const Values fields = rule_fields(rule);
+    for (const auto& [id, value] : fields.entries()) {
+        state_.put_value(id, value);
+    }
+}
+
+HRESULT Appointment::put_rule(const Rule& rule) {
+    put_rule_fields(rule);
+    state_.change_series();
+    return S_OK;
+}
+
+HRESULT Appointment::put_times(const Series& series) {
+    HRESULT result = put_Start(date_of(*series.start));
+    if (SUCCEEDED(result) && series.end) result = put_End(date_of(*series.end));
+    return result;
+}
+
+// --- occurrences ----------------------------------------------------------------------------------------------------
+
+HRESULT Appointment::occurrence_on(Day day, IAppointment** occurrence) {
+    if (state_.series_changed() || state_.is_new())
+        return fail(E_UNEXPECTED, "The appointment has to be saved before its occurrences are asked for.");
+    Values fields;
+    ExceptionFields exception;
+    const HRESULT result = state_.read_occurrence(day, fields, exception);
+    if (FAILED(result)) return result;
+    const Series series = Series::from(fields);
+    if (!series.start || !series.rule.recurs() || !Occurrences(series.rule).on(day))
+        return fail(kGone, "The series does not occur on that day.");
+    if (exception.deleted) return fail(kGone, "The occurrence of that day was deleted.");
+    return make_occurrence(day, std::move(fields), std::move(exception), occurrence);
+}
+
+HRESULT Appointment::make_occurrence(Day day, Values fields, ExceptionFields exception, IAppointment** occurrence) {
+    const Series series = Series::from(fields);
+    auto made = std::make_unique<Occurrence>();
+    made->day = day;
+    made->exception = exception.exists;
+    made->own.set(field::Start, date_of(series.start_on(day)));
+    if (series.end) made->own.set(field::End, date_of(series.end_on(day)));
+    for (const auto& [id, value] : exception.values.entries()) {
+        made->own.set(id, value);
+    }
+    made->series = std::make_shared<const Values>(std::move(fields));
+    LONG oid = 0;
+    const HRESULT result = state_.oid(&oid);
+    if (FAILED(result)) return result;
+    auto* object = new Appointment(SessionRef(&state_.session()), olFolderCalendar, oid, {});
+    object->state_.become_occurrence(std::move(made));
+    *occurrence = object;
+    return S_OK;
+}
+
+HRESULT Appointment::get_RecurrenceState(INT* state) {
+    if (state == nullptr) return fail(E_POINTER);
+    state_.settle();
+    if (const Occurrence* occurrence = state_.occurrence()) {
+        *state = occurrence->exception ? olApptException : olApptOccurrence;
+        return S_OK;
+    }
+    bool series = false;
+    const HRESULT result = is_series(series);
+    *state = series ? olApptMaster : olApptNotRecurring;
+    return result;
+}
+
+HRESULT Appointment::get_OriginalDate(DATE* date) {
+    if (date == nullptr) return fail(E_POINTER);
+    *date = ZR_PIM_NO_DATE;
+    if (state_.occurrence() == nullptr) return fail(E_UNEXPECTED, "The appointment is not an occurrence of a series.");
+    *date = state_.occurrence()->day;
+    return S_OK;
+}
+
+HRESULT Appointment::get_Series(IAppointment** series) {
+    if (!cleared(series)) return fail(E_POINTER);
+    if (state_.occurrence() == nullptr) return fail(E_UNEXPECTED, "The appointment is not an occurrence of a series.");
+    return guarded([&]() -> HRESULT {
+        LONG oid = 0;
+        HRESULT result = state_.oid(&oid);
+        if (SUCCEEDED(result)) result = state_.check_stored();
+        if (SUCCEEDED(result)) *series = new Appointment(SessionRef(&state_.session()), olFolderCalendar, oid, {});
+        return result;
+    });
 }
 
 IDispatch* make_appointment(const SessionRef& session, LONG oid, RowRef row) {

@@ -130,6 +130,14 @@ inline constexpr CEPROPID Complete = number_field(0x5F);
 inline constexpr CEPROPID ReminderTime = date_field(0x60);
 inline constexpr CEPROPID TeamTask = number_field(0x61);
 inline constexpr CEPROPID DateCompleted = date_field(0x62);
+inline constexpr CEPROPID RecurrenceType = number_field(0x63);
+inline constexpr CEPROPID Interval = number_field(0x64);
+inline constexpr CEPROPID DayOfWeekMask = number_field(0x65);
+inline constexpr CEPROPID DayOfMonth = number_field(0x66);
+inline constexpr CEPROPID Instance = number_field(0x67);
+inline constexpr CEPROPID MonthOfYear = number_field(0x68);
+inline constexpr CEPROPID PatternEndDate = date_field(0x69);
+inline constexpr CEPROPID Occurrences = number_field(0x6A);
 }  // namespace field
 
 // --- folders ---

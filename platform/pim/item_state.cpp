@@ -2,6 +2,7 @@
 
 #include "file_as.h"
 #include "property_block.h"
+#include "series.h"
 
 namespace zr::platform::pim {
 namespace {
@@ -9,6 +10,12 @@ namespace {
 std::u16string as_text(const Value* value) {
     const auto* text = value != nullptr ? std::get_if<std::u16string>(value) : nullptr;
     return text != nullptr ? *text : std::u16string();
+}
+
+void lay_over(const Values& upper, Values& values) {
+    for (const auto& [id, value] : upper.entries()) {
+        values.set(id, value);
+    }
 }
 
 }  // namespace
@@ -22,7 +29,6 @@ ItemState::~ItemState() {
     session_->store().note_reads(reads_);
 }
 
-// Takes notice of what became of the batch in which the item was saved.
 void ItemState::settle() {
     if (!batch_) return;
     const BatchOutcome outcome = batch_->load();
@@ -30,12 +36,36 @@ void ItemState::settle() {
     batch_.reset();
     if (outcome == BatchOutcome::Dropped) {
         dirty_ = true;
+        series_changed_ |= std::exchange(series_changed_in_batch_, false);
         if (fresh_) oid_ = 0;
         return;
     }
+    series_changed_in_batch_ = false;
+    note_saved();
+}
+
+// What was put is in the store now, except what was put since.
+void ItemState::note_saved() {
     fresh_ = false;
     row_.reset();
+    if (occurrence_) {
+        if (pending_) lay_over(*pending_, occurrence_->own);
+        occurrence_->exception = true;
+    }
     if (!dirty_) pending_.reset();
+}
+
+HRESULT ItemState::check_stored() {
+    if (!session_->is_open()) return session_->check_open();
+    Store& store = session_->store();
+    const auto lock = store.lock();
+    const HRESULT result = store.refresh();
+    return SUCCEEDED(result) ? store.exists(oid_) : result;
+}
+
+bool ItemState::series_changed() {
+    settle();
+    return series_changed_;
 }
 
 HRESULT ItemState::oid(LONG* oid) {
@@ -121,6 +151,10 @@ HRESULT ItemState::value(CEPROPID id, Value& value) {
         value = *put;
         return S_OK;
     }
+    if (occurrence_) {
+        if (const Value* found = occurrence_->find(id)) value = *found;
+        return S_OK;
+    }
     return fresh_ ? S_OK : stored_value(id, value);
 }
 
@@ -182,7 +216,7 @@ HRESULT ItemState::get_date(CEPROPID id, DATE* date) {
 HRESULT ItemState::put_date(CEPROPID id, DATE date) {
     return guarded([&]() -> HRESULT {
         if (!session_->is_open()) return session_->check_open();
-        if (!(date > -657435.0 && date < 2958466.0)) return fail(E_INVALIDARG, "The date is out of range.");
+        if (!is_date(date)) return fail(E_INVALIDARG, "The date is out of range.");
         put(id, date == ZR_PIM_NO_DATE ? Value() : Value(date));
         return S_OK;
     });
@@ -204,17 +238,11 @@ HRESULT ItemState::get_props(const CEPROPID* ids, ULONG flags, WORD count, CEPRO
             if (!session_->is_open()) return session_->check_open();
             settle();
             Values all;
-            if (!fresh_) {
-                const HRESULT result = stored_values(false, all);
-                if (FAILED(result)) return result;
-            }
-            if (pending_) {
-                for (const auto& [id, put] : pending_->entries()) {
-                    if (!is_named_field(id)) all.set(id, put);
-                }
-            }
+            const HRESULT result = everything(all);
+            if (FAILED(result)) return result;
             for (const auto& entry : all.entries()) {
-                if (!std::holds_alternative<std::monostate>(entry.second)) found.push_back(entry);
+                if (!is_named_field(entry.first) && !std::holds_alternative<std::monostate>(entry.second))
+                    found.push_back(entry);
             }
             if (found.empty()) return S_FALSE;
         }
@@ -242,20 +270,23 @@ HRESULT ItemState::save() {
         if (oid_ != 0 && !dirty_) return S_OK;
         LONG oid = oid_;
         BatchMark mark;
-        const HRESULT result = session_->write(mark, [&](Transaction& transaction) {
-            return oid_ == 0 ? transaction.insert(folder_, *pending_, oid) : transaction.update(oid_, *pending_);
-        });
+        const HRESULT result = session_->write(mark, [&](Transaction& transaction) { return write(transaction, oid); });
         if (FAILED(result)) return result;
         oid_ = oid;
         dirty_ = false;
         batch_ = mark;
-        if (!mark) {
-            fresh_ = false;
-            pending_.reset();
-            row_.reset();
-        }
+        if (series_changed_ && mark) series_changed_in_batch_ = true;
+        series_changed_ = false;
+        if (!mark) note_saved();
         return S_OK;
     });
+}
+
+HRESULT ItemState::write(Transaction& transaction, LONG& oid) {
+    if (oid_ == 0) return transaction.insert(folder_, *pending_, oid);
+    if (occurrence_) return transaction.save_occurrence(oid_, occurrence_->day, *pending_);
+    const HRESULT result = transaction.update(oid_, *pending_);
+    return SUCCEEDED(result) && series_changed_ ? transaction.drop_exceptions(oid_) : result;
 }
 
 HRESULT ItemState::remove() {
@@ -264,16 +295,62 @@ HRESULT ItemState::remove() {
         settle();
         if (oid_ == 0) return fail(E_INVALIDARG, "An item that was never saved cannot be deleted.");
         BatchMark mark;
-        return session_->write(mark, [&](Transaction& transaction) { return transaction.remove(oid_); });
+        return session_->write(mark, [&](Transaction& transaction) {
+            return occurrence_ ? transaction.remove_occurrence(oid_, occurrence_->day) : transaction.remove(oid_);
+        });
     });
 }
 
-HRESULT ItemState::stored_values(bool named_too, Values& values) {
+// What the store has of the item now; with its lock held and after a refresh.
+HRESULT ItemState::stored_values(Values& values) {
+    Store& store = session_->store();
+    const HRESULT result = store.exists(oid_);
+    return SUCCEEDED(result) ? store.values(oid_, true, values) : result;
+}
+
+HRESULT ItemState::everything(Values& values) {
+    if (!session_->is_open()) return session_->check_open();
+    settle();
+    if (occurrence_) {
+        lay_over(*occurrence_->series, values);
+        lay_over(occurrence_->own, values);
+    } else if (!fresh_) {
+        const auto lock = session_->store().lock();
+        HRESULT result = session_->store().refresh();
+        if (SUCCEEDED(result)) result = stored_values(values);
+        if (FAILED(result)) return result;
+    }
+    if (pending_) lay_over(*pending_, values);
+    return S_OK;
+}
+
+HRESULT ItemState::read_occurrence(LONG day, Values& series, ExceptionFields& exception) {
+    if (!session_->is_open()) return session_->check_open();
+    settle();
     Store& store = session_->store();
     const auto lock = store.lock();
     HRESULT result = store.refresh();
-    if (SUCCEEDED(result)) result = store.exists(oid_);
-    return SUCCEEDED(result) ? store.values(oid_, named_too, values) : result;
+    if (SUCCEEDED(result)) {
+        result = store.at_once([&]() -> HRESULT {
+            if (!fresh_) {
+                const HRESULT read = stored_values(series);
+                if (FAILED(read)) return read;
+            }
+            return series_changed_in_batch_ ? S_OK : store.exception(oid_, day, exception);
+        });
+    }
+    if (SUCCEEDED(result) && pending_) lay_over(*pending_, series);
+    return result;
+}
+
+HRESULT ItemState::exceptions(std::vector<ExceptionDay>& exceptions) {
+    if (!session_->is_open()) return session_->check_open();
+    settle();
+    if (oid_ == 0 || series_changed_ || series_changed_in_batch_) return S_OK;
+    Store& store = session_->store();
+    const auto lock = store.lock();
+    const HRESULT result = store.refresh();
+    return SUCCEEDED(result) ? store.exceptions(oid_, exceptions) : result;
 }
 
 HRESULT ItemState::copy_to(ItemState& copy) {
@@ -281,25 +358,18 @@ HRESULT ItemState::copy_to(ItemState& copy) {
         if (!session_->is_open()) return session_->check_open();
         settle();
         Values all;
-        if (!fresh_) {
-            const HRESULT result = stored_values(true, all);
-            if (FAILED(result)) return result;
-        }
+        HRESULT result = everything(all);
+        if (FAILED(result)) return result;
         if (!fresh_ && folder_ == olFolderContacts) {
             row_.reset();
-            const HRESULT result = load(kAllColumns);
+            result = load(kAllColumns);
             if (FAILED(result)) return result;
             for (unsigned i = row_->own_file_as() ? kFileAs : kTitle; i < kColumns; ++i) {
-                if (!row_->text_of(i).empty()) all.set(text_field(i), std::u16string(row_->text_of(i)));
-            }
-        }
-        if (pending_) {
-            for (const auto& [id, value] : pending_->entries()) {
-                all.set(id, value);
+                if (!row_->text_of(i).empty()) copy.put(text_field(i), std::u16string(row_->text_of(i)));
             }
         }
         for (const auto& [id, value] : all.entries()) {
-            copy.put(id, value);
+            if (!occurrence_ || !is_rule_field(id)) copy.put(id, value);
         }
         return S_OK;
     });

@@ -9,6 +9,19 @@
 
 namespace zr::platform::pim {
 
+// What an occurrence shows: its own fields over those of its series. A removed field of its own hides the series'.
+struct Occurrence {
+    LONG day;
+    Values own;
+    std::shared_ptr<const Values> series;
+    bool exception;  // it was changed, in the store
+
+    const Value* find(CEPROPID id) const {
+        const Value* mine = own.find(id);
+        return mine != nullptr ? mine : series->find(id);
+    }
+};
+
 class ItemState {
 public:
     // An item of the store, or with oid 0 a new one.
@@ -39,6 +52,26 @@ public:
     // Everything that the item has, to be saved as a new one.
     HRESULT copy_to(ItemState& copy);
 
+    // --- for appointments ---
+    // Takes notice of what became of the batch in which the item was saved.
+    void settle();
+    // kGone: the item, an occurrence's series, is not in the store.
+    HRESULT check_stored();
+    // Makes this the occurrence of a series, which `oid` names. It shows what was read when it was made.
+    void become_occurrence(std::unique_ptr<Occurrence> occurrence) { occurrence_ = std::move(occurrence); }
+    const Occurrence* occurrence() const { return occurrence_.get(); }
+    // Everything of the item in hand; contacts without their columns.
+    HRESULT everything(Values& values);
+    // The fields of the stored occurrence on a day, over the series in hand.
+    HRESULT read_occurrence(LONG day, Values& series, ExceptionFields& exception);
+    HRESULT exceptions(std::vector<ExceptionDay>& exceptions);
+    bool is_new() const { return oid_ == 0; }
+    bool has_put(CEPROPID id) const { return pending_ && pending_->find(id) != nullptr; }
+    void put_value(CEPROPID id, Value value) { put(id, std::move(value)); }
+    // The next save drops the series' exceptions.
+    void change_series() { series_changed_ = true; }
+    bool series_changed();
+
 private:
     HRESULT get_column(unsigned column, BSTR* text) {
         const ColumnMask bit = 1u << column;
@@ -56,10 +89,10 @@ private:
     HRESULT file_as(std::u16string& text);
     HRESULT value(CEPROPID id, Value& value);
     HRESULT stored_value(CEPROPID id, Value& value);
+    HRESULT write(Transaction& transaction, LONG& oid);
+    void note_saved();
     void put(CEPROPID id, Value value);
-    void settle();
-    // What the store has of the item now, its named fields only on request.
-    HRESULT stored_values(bool named_too, Values& values);
+    HRESULT stored_values(Values& values);
 
     SessionRef session_;
     INT folder_;
@@ -70,6 +103,9 @@ private:
     BatchMark batch_;                  // of the batch in which the item was saved last
     bool fresh_;                       // not in the store yet
     bool dirty_ = false;               // something was put since the last save
+    std::unique_ptr<Occurrence> occurrence_;
+    bool series_changed_ = false;           // the exceptions no longer fit since the last save
+    bool series_changed_in_batch_ = false;  // they were dropped in the batch
 };
 
 }  // namespace zr::platform::pim

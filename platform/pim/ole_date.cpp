@@ -8,19 +8,31 @@ namespace zr::platform::pim {
 namespace {
 
 constexpr std::chrono::sys_days kFirstDay = std::chrono::year(1899) / 12 / 30;
-constexpr LONGLONG kSecondsPerDay = 86400;
 
 }  // namespace
 
-bool date_to_parts(DATE date, SYSTEMTIME& parts) {
-    if (!(date > -657435.0 && date < 2958466.0)) return false;
+Moment moment_of(DATE date) {
     // Before the first day the fraction still counts forwards.
-    auto day = static_cast<LONGLONG>(std::trunc(date));
-    auto second = static_cast<LONGLONG>(std::llround(std::fabs(date - std::trunc(date)) * kSecondsPerDay));
-    if (second == kSecondsPerDay) {
-        second = 0;
-        ++day;
-    }
+    const double day = std::trunc(date);
+    const auto second = static_cast<LONG>(std::lround(std::fabs(date - day) * kSecondsPerDay));
+    return later({static_cast<LONG>(day), 0}, second);
+}
+
+DATE date_of(Moment moment) {
+    const double time = static_cast<double>(moment.second) / kSecondsPerDay;
+    return moment.day < 0 ? moment.day - time : moment.day + time;
+}
+
+Moment later(Moment moment, LONGLONG seconds) {
+    const LONGLONG total = moment.second + seconds;
+    LONGLONG days = total / kSecondsPerDay;
+    if (total % kSecondsPerDay < 0) --days;
+    return {static_cast<LONG>(moment.day + days), static_cast<LONG>(total - days * kSecondsPerDay)};
+}
+
+bool date_to_parts(DATE date, SYSTEMTIME& parts) {
+    if (!is_date(date)) return false;
+    const auto [day, second] = moment_of(date);
     const std::chrono::sys_days when = kFirstDay + std::chrono::days(day);
     const std::chrono::year_month_day civil(when);
     if (static_cast<int>(civil.year()) > 9999) return false;
@@ -40,9 +52,8 @@ bool parts_to_date(const SYSTEMTIME& parts, DATE& date) {
                                             std::chrono::day(parts.wDay)};
     if (parts.wYear < 100 || parts.wYear > 9999 || !civil.ok()) return false;
     if (parts.wHour > 23 || parts.wMinute > 59 || parts.wSecond > 59) return false;
-    const auto day = static_cast<double>((std::chrono::sys_days(civil) - kFirstDay).count());
-    const double time = static_cast<double>(parts.wHour * 3600 + parts.wMinute * 60 + parts.wSecond) / kSecondsPerDay;
-    date = day < 0 ? day - time : day + time;
+    date = date_of({static_cast<LONG>((std::chrono::sys_days(civil) - kFirstDay).count()),
+                    parts.wHour * 3600 + parts.wMinute * 60 + parts.wSecond});
     return true;
 }
 

@@ -36,6 +36,10 @@ constexpr const char* kSteps[] = {
     " origin INTEGER NOT NULL);"
     "INSERT INTO change VALUES(1, 3, 0, 0);"
     "PRAGMA application_id = 1517441101;",
+    // The occurrences of a series that were changed or deleted. A row with the id 0 says that there is one on that day
+    // of the pattern, its value whether it was deleted; the other rows are the fields that were put into it.
+    "CREATE TABLE exception(oid INTEGER NOT NULL, day INTEGER NOT NULL, id INTEGER NOT NULL, value,"
+    " PRIMARY KEY(oid, day, id)) WITHOUT ROWID;",
 };
 constexpr LONGLONG kVersion = sizeof kSteps / sizeof kSteps[0];
 static_assert(kApplicationId == 1517441101);

@@ -171,10 +171,8 @@ HRESULT Store::logged(LONGLONG seq, int limit, std::vector<Change>& changes) {
 }
 
 HRESULT Store::oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq) {
-    // One view of everything: identifiers in use are those below the next new one that are not free.
-    HRESULT result = reader_.execute("BEGIN");
-    if (FAILED(result)) return result;
-    const auto read = [&]() -> HRESULT {
+    // Identifiers in use are those below the next new one that are not free.
+    return at_once([&]() -> HRESULT {
         const HRESULT head = reader_.scalar("SELECT max(seq) FROM change", seq);
         if (FAILED(head)) return head;
         const Use next = reader_.use("SELECT next FROM folder WHERE id = ?1");
@@ -199,10 +197,7 @@ HRESULT Store::oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq) {
             oids.push_back(oid);
         }
         return code == SQLITE_DONE ? S_OK : reader_.result();
-    };
-    result = read();
-    reader_.execute("COMMIT");
-    return result;
+    });
 }
 
 HRESULT Store::text(LONG oid, CEPROPID id, std::u16string& text) {
@@ -344,15 +339,22 @@ HRESULT Store::value(LONG oid, CEPROPID id, Value& value) {
 }
 
 HRESULT Store::values(LONG oid, bool named, Values& values) {
-    const Use rows = reader_.use("SELECT id, value FROM property WHERE oid = ?1 ORDER BY id");
+    return read_values(reader_, oid, named, values);
+}
+
+HRESULT Store::exceptions(LONG oid, std::vector<ExceptionDay>& exceptions) {
+    const Use rows = reader_.use("SELECT day, value FROM exception WHERE oid = ?1 AND id = 0 ORDER BY day");
     if (!rows) return reader_.result();
     rows->bind(1, oid);
     int code;
     while ((code = rows->step()) == SQLITE_ROW) {
-        const auto id = static_cast<CEPROPID>(rows->integer(0));
-        if (named || !is_named_field(id)) values.set(id, read_value(rows, 1, id));
+        exceptions.push_back({static_cast<LONG>(rows->integer(0)), rows->integer(1) != 0});
     }
     return code == SQLITE_DONE ? S_OK : reader_.result();
+}
+
+HRESULT Store::exception(LONG oid, LONG day, ExceptionFields& exception) {
+    return read_exception(reader_, oid, day, exception);
 }
 
 HRESULT Store::take_write_right() {
@@ -377,6 +379,36 @@ void Store::give_write_right() {
         writing_ = false;
     }
     write_free_.notify_one();
+}
+
+HRESULT read_values(Database& database, LONG oid, bool named, Values& values) {
+    const Use rows = database.use("SELECT id, value FROM property WHERE oid = ?1 ORDER BY id");
+    if (!rows) return database.result();
+    rows->bind(1, oid);
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        const auto id = static_cast<CEPROPID>(rows->integer(0));
+        if (named || !is_named_field(id)) values.set(id, read_value(rows, 1, id));
+    }
+    return code == SQLITE_DONE ? S_OK : database.result();
+}
+
+HRESULT read_exception(Database& database, LONG oid, LONG day, ExceptionFields& exception) {
+    const Use rows = database.use("SELECT id, value FROM exception WHERE oid = ?1 AND day = ?2 ORDER BY id");
+    if (!rows) return database.result();
+    rows->bind(1, oid);
+    rows->bind(2, day);
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        const auto id = static_cast<CEPROPID>(rows->integer(0));
+        if (id == 0) {
+            exception.exists = true;
+            exception.deleted = rows->integer(1) != 0;
+        } else {
+            exception.values.set(id, rows->is_null(1) ? Value() : read_value(rows, 1, id));
+        }
+    }
+    return code == SQLITE_DONE ? S_OK : database.result();
 }
 
 }  // namespace zr::platform::pim

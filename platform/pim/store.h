@@ -40,6 +40,17 @@ struct Change {
     DWORD origin;
 };
 
+// An occurrence that was changed or deleted.
+struct ExceptionDay {
+    LONG day;
+    bool deleted;
+};
+struct ExceptionFields {
+    bool exists = false;
+    bool deleted = false;
+    Values values;
+};
+
 class Store {
 public:
     // The process's store for the present ZR_HOME, opened if need be.
@@ -79,6 +90,21 @@ public:
     HRESULT value(LONG oid, CEPROPID id, Value& value);
     // All properties of an item, the named fields' only if `named`.
     HRESULT values(LONG oid, bool named, Values& values);
+    // A series' changed and deleted occurrences, in the order of their days.
+    HRESULT exceptions(LONG oid, std::vector<ExceptionDay>& exceptions);
+    // What the exception of a day holds; nothing when there is none.
+    HRESULT exception(LONG oid, LONG day, ExceptionFields& exception);
+    // Several reads of the store as of one moment, after refresh().
+    template <class Reads>
+    HRESULT at_once(Reads reads) {
+        const HRESULT result = reader_.execute("BEGIN");
+        if (FAILED(result)) return result;
+        struct End {
+            Database& reader;
+            ~End() { sqlite3_exec(reader.handle(), "COMMIT", nullptr, nullptr, nullptr); }
+        } const end{reader_};
+        return reads();
+    }
 
     // Which columns callers read; lets a walk leave out the others.
     void note_reads(ColumnMask columns) {
@@ -160,6 +186,10 @@ public:
     HRESULT update(LONG oid, const Values& values);
     HRESULT remove(LONG oid);
     HRESULT update_folder(INT folder, const Values& values);
+    // An occurrence of a series: its own fields, its removal. kGone: the series does not occur on that day.
+    HRESULT save_occurrence(LONG oid, LONG day, const Values& values);
+    HRESULT remove_occurrence(LONG oid, LONG day);
+    HRESULT drop_exceptions(LONG oid);
     bool failed() const { return failed_; }
 
 private:
@@ -170,6 +200,8 @@ private:
     HRESULT insert_contact(LONG oid, const Values& values);
     HRESULT update_contact(LONG oid, const Values& values);
     HRESULT write_properties(LONG oid, const Values& values);
+    HRESULT check_occurrence(LONG oid, LONG day);
+    HRESULT write_exception(LONG oid, LONG day, CEPROPID id, const Value& value);
     HRESULT log(ChangeKind kind, LONG oid);
     HRESULT prune();
 
@@ -183,6 +215,10 @@ private:
     INT full_folder_ = 0;  // this folder has no free identifier below the next new one
     bool failed_ = false;
 };
+
+// On either connection.
+HRESULT read_values(Database& database, LONG oid, bool named, Values& values);
+HRESULT read_exception(Database& database, LONG oid, LONG day, ExceptionFields& exception);
 
 template <class Visitor>
 HRESULT Store::each_text(INT folder, CEPROPID id, Visitor visit) {

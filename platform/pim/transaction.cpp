@@ -3,6 +3,7 @@
 #include "file_as.h"
 #include "last_error.h"
 #include "notifier.h"
+#include "series.h"
 #include "store.h"
 
 namespace zr::platform::pim {
@@ -267,6 +268,7 @@ HRESULT Transaction::remove(LONG oid) {
     if (statement) statement->bind(1, oid);
     HRESULT result = db_->run(statement);
     if (SUCCEEDED(result) && db_->changes() == 0) return fail(kGone);
+    if (SUCCEEDED(result) && !contact) result = drop_exceptions(oid);
     for (const char* sql : {"DELETE FROM property WHERE oid = ?1", "INSERT INTO free_oid(oid) VALUES(?1)"}) {
         if (FAILED(result)) break;
         Use step = db_->use(sql);
@@ -276,6 +278,60 @@ HRESULT Transaction::remove(LONG oid) {
     if (SUCCEEDED(result)) result = log(ChangeKind::Deleted, oid);
     full_folder_ = 0;
     return checked(result);
+}
+
+// Nothing is written before it is known that the day still is one of the series'.
+HRESULT Transaction::check_occurrence(LONG oid, LONG day) {
+    Values values;
+    ExceptionFields exception;
+    HRESULT result = read_values(*db_, oid, true, values);
+    if (SUCCEEDED(result)) result = read_exception(*db_, oid, day, exception);
+    if (FAILED(result)) return checked(result);
+    const Rule rule = Series::from(values).rule;
+    if (rule.recurs() && Occurrences(rule).on(day) && !exception.deleted) return S_OK;
+    return fail(kGone, "The series no longer occurs on that day.");
+}
+
+HRESULT Transaction::write_exception(LONG oid, LONG day, CEPROPID id, const Value& value) {
+    Use statement = db_->use("INSERT OR REPLACE INTO exception(oid, day, id, value) VALUES(?1, ?2, ?3, ?4)");
+    if (!statement) return db_->result();
+    statement->bind(1, oid);
+    statement->bind(2, day);
+    statement->bind(3, id);
+    statement->bind_null(4);
+    bind_value(statement, 4, value);
+    return db_->run(statement);
+}
+
+HRESULT Transaction::save_occurrence(LONG oid, LONG day, const Values& values) {
+    HRESULT result = check_occurrence(oid, day);
+    if (FAILED(result)) return result;
+    result = write_exception(oid, day, 0, Value(LONGLONG{0}));
+    for (const auto& [id, value] : values.entries()) {
+        if (SUCCEEDED(result)) result = write_exception(oid, day, id, value);
+    }
+    if (SUCCEEDED(result)) result = log(ChangeKind::Changed, oid);
+    return checked(result);
+}
+
+HRESULT Transaction::remove_occurrence(LONG oid, LONG day) {
+    HRESULT result = check_occurrence(oid, day);
+    if (FAILED(result)) return result;
+    {
+        Use statement = db_->use("DELETE FROM exception WHERE oid = ?1 AND day = ?2");
+        if (statement) statement->bind(1, oid);
+        if (statement) statement->bind(2, day);
+        result = db_->run(statement);
+    }
+    if (SUCCEEDED(result)) result = write_exception(oid, day, 0, Value(LONGLONG{1}));
+    if (SUCCEEDED(result)) result = log(ChangeKind::Changed, oid);
+    return checked(result);
+}
+
+HRESULT Transaction::drop_exceptions(LONG oid) {
+    Use statement = db_->use("DELETE FROM exception WHERE oid = ?1");
+    if (statement) statement->bind(1, oid);
+    return checked(db_->run(statement));
 }
 
 HRESULT Transaction::update_folder(INT folder, const Values& values) {

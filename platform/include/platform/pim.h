@@ -379,7 +379,7 @@ struct IAppointment : IDispatch {
     ZRPLATFORM_FIELD(VARIANT_BOOL, ReminderSet)
     ZRPLATFORM_FIELD(BSTR, ReminderSoundFile)
     ZRPLATFORM_FIELD(LONG, Sensitivity)  // an OlSensitivity
-    ZRPLATFORM_FIELD(DATE, Start)
+    ZRPLATFORM_FIELD(DATE, Start)        // putting it moves the end, too: the duration stays
     ZRPLATFORM_FIELD(BSTR, Subject)
     ZRPLATFORM_FIELD(BSTR, Body)
     // True for a series and for its occurrences.
@@ -431,18 +431,18 @@ protected:
 struct IRecurrencePattern : IDispatch {
     ZRPLATFORM_FIELD(LONG, RecurrenceType)    // an OlRecurrenceType; putting olRecursOnce is ClearRecurrencePattern
     ZRPLATFORM_FIELD(DATE, PatternStartDate)  // the first day, at midnight; the day of the appointment's start
-    ZRPLATFORM_FIELD(DATE, StartTime)         // time of day: the appointment's start; only the fraction counts
+    ZRPLATFORM_FIELD(DATE, StartTime)         // time of day of the start; only the fraction counts; the duration stays
     ZRPLATFORM_FIELD(DATE, EndTime)  // the appointment's end; putting an earlier time than the start's: next day
     // The day of the last occurrence (as put: a day after which there is none), at midnight; ZR_PIM_NO_DATE: no end.
     ZRPLATFORM_FIELD(DATE, PatternEndDate)
     ZRPLATFORM_FIELD(VARIANT_BOOL, NoEndDate)  // putting VARIANT_FALSE without an end: ten occurrences
-    ZRPLATFORM_FIELD(LONG, Occurrences)        // all from the first to the last, also the deleted; -1: no end
-    ZRPLATFORM_FIELD(LONG, Interval)           // 1 to 999
-    ZRPLATFORM_FIELD(LONG, DayOfWeekMask)      // of OlDaysOfWeek, at least one
-    ZRPLATFORM_FIELD(LONG, DayOfMonth)         // 1 to 31
-    ZRPLATFORM_FIELD(LONG, Instance)           // 1 to 5
-    ZRPLATFORM_FIELD(LONG, MonthOfYear)        // 1 to 12
-    ZRPLATFORM_FIELD(LONG, Duration)           // minutes, 0 or more: the appointment's
+    ZRPLATFORM_FIELD(LONG, Occurrences)    // from the first to the last, also the deleted; -1: no end, 1: olRecursOnce
+    ZRPLATFORM_FIELD(LONG, Interval)       // 1 to 999
+    ZRPLATFORM_FIELD(LONG, DayOfWeekMask)  // of OlDaysOfWeek, at least one
+    ZRPLATFORM_FIELD(LONG, DayOfMonth)     // 1 to 31
+    ZRPLATFORM_FIELD(LONG, Instance)       // 1 to 5
+    ZRPLATFORM_FIELD(LONG, MonthOfYear)    // 1 to 12
+    ZRPLATFORM_FIELD(LONG, Duration)       // minutes, 0 or more: the appointment's
     // The exceptions as the store has them now, in the order of their days; none when a change not yet saved drops
     // them.
     virtual HRESULT get_Exceptions(IExceptions** exceptions) = 0;

@@ -156,13 +156,14 @@ TEST(Faults, AStoreOfANewerVersionIsLeftAlone) {
         TestSession session;
         session.add(u"a", u"");
     }
+    const std::string version = query(store_path(), "PRAGMA user_version");
     query(store_path(), "PRAGMA user_version = 999");
     TestSession session;
     EXPECT_EQ(session.logon, HRESULT_FROM_WIN32(ERROR_REVISION_MISMATCH));
     EXPECT_TRUE(error_text_has(u"newer version (999"));
     EXPECT_TRUE(set_aside().empty());
     EXPECT_EQ(query(store_path(), "SELECT count(*) FROM contact"), "1");
-    query(store_path(), "PRAGMA user_version = 1");
+    query(store_path(), "PRAGMA user_version = " + version);
     EXPECT_EQ(session.app->Logon(nullptr), S_OK);
 }
 
