@@ -9,8 +9,11 @@
 #include <thread>
 
 #include "ZrUtility/Helpers/ContactsManager.h"
+#include "ZrUtility/Helpers/VirtualMemoryManager.h"
+#include "platform/base.h"
 #include "platform/com.h"
 #include "platform/diagnostics.h"
+#include "platform/memory.h"
 #include "platform/windowing.h"
 
 namespace {
@@ -45,14 +48,27 @@ public:
     }
     ContactsManager& manager() const {
         // OutlookManager::GetContactsManagerInstance
-        void* const function =
-            dlsym(handle_, "_ZN14OutlookManager26GetContactsManagerInstanceEN15ContactsManager15CM_MANAGER_TYPEE");
-        EXPECT_NE(function, nullptr);
-        return *reinterpret_cast<ContactsManager* (*)(ContactsManager::CM_MANAGER_TYPE)>(function)(
-            ContactsManager::CM_TYPE_EMAIL);
+        const auto function = find<ContactsManager* (*)(ContactsManager::CM_MANAGER_TYPE)>(
+            "_ZN14OutlookManager26GetContactsManagerInstanceEN15ContactsManager15CM_MANAGER_TYPEE");
+        return *function(ContactsManager::CM_TYPE_EMAIL);
+    }
+    // A block of the virtual memory manager, which is made for it.
+    void* block() const {
+        // VirtualMemoryManager::GetInstance and GetMemory
+        const auto instance = find<VirtualMemoryManager* (*)()>("_ZN20VirtualMemoryManager11GetInstanceEv");
+        const auto memory = find<void* (*)(VirtualMemoryManager*, ULONG*)>("_ZN20VirtualMemoryManager9GetMemoryEPj");
+        ULONG size = 1;
+        return memory(instance(), &size);
     }
 
 private:
+    template <class Function>
+    Function find(const char* name) const {
+        void* const function = dlsym(handle_, name);
+        EXPECT_NE(function, nullptr) << name;
+        return reinterpret_cast<Function>(function);
+    }
+
     void* handle_;
 };
 
@@ -102,6 +118,20 @@ TEST(Unload, AManagerThatIsStillInUseIsEnded) {
         library.unload();
         ASSERT_FALSE(is_mapped()) << round;
         ASSERT_EQ(Alive(), before) << round;
+    }
+}
+
+TEST(Unload, ReservedMemoryGoesWithTheLibrary) {
+    for (int round = 0; round < 3; ++round) {
+        Library library;
+        void* const block = library.block();
+        ASSERT_NE(block, nullptr);
+        *static_cast<char*>(block) = 1;
+        library.unload();
+        ASSERT_FALSE(is_mapped());
+        // No region is there any more.
+        EXPECT_FALSE(VirtualFree(block, 1, MEM_DECOMMIT));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_ADDRESS);
     }
 }
 
