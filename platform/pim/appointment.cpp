@@ -12,6 +12,10 @@ namespace {
 
 constexpr int kSecondsPerMinute = 60;
 
+Value date_value(DATE date) {
+    return date != ZR_PIM_NO_DATE ? Value(date) : Value();
+}
+
 }  // namespace
 
 HRESULT Appointment::QueryInterface(REFIID riid, void** object) {
@@ -33,38 +37,58 @@ HRESULT Appointment::is_series(bool& series) {
     return result;
 }
 
-template <class T>
-HRESULT Appointment::put_when(CEPROPID id, T value) {
-    bool series = false;
-    HRESULT result = is_series(series);
-    if (FAILED(result) || !series) return SUCCEEDED(result) ? put(id, value) : result;
-    T present = {};
-    result = get(id, &present);
-    if (FAILED(result) || present == value) return result;
-    result = put(id, value);
-    if (SUCCEEDED(result)) state_.change_series();
-    return result;
+// Puts fields that say when it is, all of them or none; what is as it was changes no series.
+HRESULT Appointment::put_when(const Values& fields) {
+    bool recurring = false;
+    HRESULT result = is_series(recurring);
+    bool changed = !recurring;
+    for (const auto& [id, value] : fields.entries()) {
+        Value present;
+        if (SUCCEEDED(result) && !changed) result = state_.value(id, present);
+        changed = changed || present != value;
+    }
+    if (FAILED(result) || !changed) return result;
+    state_.put_values(fields);
+    if (recurring) state_.change_series();
+    return S_OK;
 }
 
 HRESULT Appointment::put_AllDayEvent(VARIANT_BOOL value) {
-    return put_when(field::AllDayEvent, value != VARIANT_FALSE ? VARIANT_TRUE : VARIANT_FALSE);
+    value = value != VARIANT_FALSE ? VARIANT_TRUE : VARIANT_FALSE;
+    VARIANT_BOOL present = VARIANT_FALSE;
+    const HRESULT result = get_AllDayEvent(&present);
+    if (FAILED(result) || present == value) return result;
+    return guarded([&]() -> HRESULT {
+        Values fields;
+        fields.set(field::AllDayEvent, LONGLONG{value});
+        return put_when(fields);
+    });
+}
+
+HRESULT Appointment::put_End(DATE date) {
+    if (!is_date(date)) return fail(E_INVALIDARG, "The date is out of range.");
+    return guarded([&]() -> HRESULT {
+        Values fields;
+        fields.set(field::End, date_value(date));
+        return put_when(fields);
+    });
 }
 
 HRESULT Appointment::put_Start(DATE date) {
-    DATE start = 0;
-    DATE end = 0;
-    HRESULT result = get_Start(&start);
-    if (SUCCEEDED(result)) result = get_End(&end);
-    if (SUCCEEDED(result)) result = put_when(field::Start, date);
-    if (FAILED(result) || start == ZR_PIM_NO_DATE || end == ZR_PIM_NO_DATE || date == ZR_PIM_NO_DATE) return result;
-    VARIANT_BOOL all_day = VARIANT_FALSE;
-    result = get_AllDayEvent(&all_day);
-    if (FAILED(result)) return result;
-    Moment from = moment_of(start);
-    Moment to = moment_of(date);
-    if (all_day != VARIANT_FALSE) from.second = to.second = 0;
-    const LONGLONG moved = seconds_between(from, to);
-    return moved != 0 ? put_when(field::End, date_of(later(moment_of(end), moved))) : S_OK;
+    if (!is_date(date)) return fail(E_INVALIDARG, "The date is out of range.");
+    return guarded([&]() -> HRESULT {
+        Series present;
+        const HRESULT result = series(present);
+        if (FAILED(result)) return result;
+        Values fields;
+        fields.set(field::Start, date_value(date));
+        if (present.start && present.end && date != ZR_PIM_NO_DATE) {
+            Moment to = moment_of(date);
+            if (present.all_day) to.second = present.start->second;  // whole days stay whole
+            fields.set(field::End, date_of(later(to, present.seconds())));
+        }
+        return put_when(fields);
+    });
 }
 
 HRESULT Appointment::get_Duration(LONG* minutes) {
@@ -107,18 +131,20 @@ HRESULT Appointment::settle_times() {
     result = series(settled);
     if (FAILED(result)) return result;
     const Series before = settled;
+    Values fields;
     settled.round_to_days();
     if (changed && settled.rule.recurs()) {
         result = settled.begin_with_first();
         if (FAILED(result)) return result;
         // All of it, so that the pattern is whole whatever another program stored meanwhile.
-        put_rule_fields(settled.rule);
+        fields = rule_fields(settled.rule);
+        fields.set(field::Start, date_of(*settled.start));
+        fields.set(field::End, settled.end ? Value(date_of(*settled.end)) : Value());
     }
-    if (settled.start && (changed || settled.start != before.start))
-        result = put(field::Start, date_of(*settled.start));
-    if (SUCCEEDED(result) && settled.end && (changed || settled.end != before.end))
-        result = put(field::End, date_of(*settled.end));
-    return result;
+    if (settled.start && settled.start != before.start) fields.set(field::Start, date_of(*settled.start));
+    if (settled.end && settled.end != before.end) fields.set(field::End, date_of(*settled.end));
+    if (!fields.empty()) state_.put_values(fields);
+    return S_OK;
 }
 
 HRESULT Appointment::Save() {
@@ -164,23 +190,17 @@ HRESULT Appointment::series(Series& series) {
     return result;
 }
 
-void Appointment::put_rule_fields(const Rule& rule) {
-    const Values fields = rule_fields(rule);
-    for (const auto& [id, value] : fields.entries()) {
-        state_.put_value(id, value);
-    }
-}
-
 HRESULT Appointment::put_rule(const Rule& rule) {
-    put_rule_fields(rule);
+    state_.put_values(rule_fields(rule));
     state_.change_series();
     return S_OK;
 }
 
 HRESULT Appointment::put_times(const Series& series) {
-    HRESULT result = put_Start(date_of(*series.start));
-    if (SUCCEEDED(result) && series.end) result = put_End(date_of(*series.end));
-    return result;
+    Values fields;
+    fields.set(field::Start, date_of(*series.start));
+    if (series.end) fields.set(field::End, date_of(*series.end));
+    return put_when(fields);
 }
 
 // --- occurrences ----------------------------------------------------------------------------------------------------

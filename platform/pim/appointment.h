@@ -31,7 +31,7 @@ public:
     HRESULT get_Duration(LONG* minutes) override;
     HRESULT put_Duration(LONG minutes) override;
     HRESULT get_End(DATE* date) override { return get(field::End, date); }
-    HRESULT put_End(DATE date) override { return put_when(field::End, date); }
+    HRESULT put_End(DATE date) override;
     HRESULT get_Start(DATE* date) override { return get(field::Start, date); }
     HRESULT put_Start(DATE date) override;
     HRESULT get_IsRecurring(VARIANT_BOOL* recurring) override;
@@ -58,12 +58,9 @@ public:
 private:
     ~Appointment() override = default;
 
-    // Puts one of the fields that say when it is.
-    template <class T>
-    HRESULT put_when(CEPROPID id, T value);
+    HRESULT put_when(const Values& fields);
     HRESULT is_series(bool& series);
     HRESULT settle_times();
-    void put_rule_fields(const Rule& rule);
     HRESULT make_occurrence(Day day, Values series, ExceptionFields exception, IAppointment** occurrence);
 };
 

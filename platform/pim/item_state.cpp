@@ -49,7 +49,7 @@ void ItemState::note_saved() {
     fresh_ = false;
     row_.reset();
     if (occurrence_) {
-        if (pending_) lay_over(*pending_, occurrence_->own);
+        occurrence_->own = std::move(occurrence_->saved);
         occurrence_->exception = true;
     }
     if (!dirty_) pending_.reset();
@@ -174,6 +174,14 @@ void ItemState::put(CEPROPID id, Value value) {
     dirty_ = true;
 }
 
+void ItemState::put_values(const Values& values) {
+    settle();
+    auto pending = pending_ ? std::make_unique<Values>(*pending_) : std::make_unique<Values>();
+    lay_over(values, *pending);
+    pending_ = std::move(pending);
+    dirty_ = true;
+}
+
 HRESULT ItemState::put_text(CEPROPID id, const WCHAR* text) {
     return guarded([&]() -> HRESULT {
         if (!session_->is_open()) return session_->check_open();
@@ -268,6 +276,10 @@ HRESULT ItemState::save() {
         if (!session_->is_open()) return session_->check_open();
         settle();
         if (oid_ != 0 && !dirty_) return S_OK;
+        if (occurrence_) {
+            occurrence_->saved = occurrence_->own;
+            lay_over(*pending_, occurrence_->saved);
+        }
         LONG oid = oid_;
         BatchMark mark;
         const HRESULT result = session_->write(mark, [&](Transaction& transaction) { return write(transaction, oid); });

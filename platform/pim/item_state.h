@@ -14,7 +14,8 @@ struct Occurrence {
     LONG day;
     Values own;
     std::shared_ptr<const Values> series;
-    bool exception;  // it was changed, in the store
+    bool exception;     // it was changed, in the store
+    Values saved = {};  // its own fields once what was saved is in the store
 
     const Value* find(CEPROPID id) const {
         const Value* mine = own.find(id);
@@ -67,7 +68,8 @@ public:
     HRESULT exceptions(std::vector<ExceptionDay>& exceptions);
     bool is_new() const { return oid_ == 0; }
     bool has_put(CEPROPID id) const { return pending_ && pending_->find(id) != nullptr; }
-    void put_value(CEPROPID id, Value value) { put(id, std::move(value)); }
+    HRESULT value(CEPROPID id, Value& value);
+    void put_values(const Values& values);  // all or, when memory is short, none
     // The next save drops the series' exceptions.
     void change_series() { series_changed_ = true; }
     bool series_changed();
@@ -87,7 +89,6 @@ private:
     HRESULT load(ColumnMask mask);
     HRESULT column_text(unsigned column, std::u16string& text);
     HRESULT file_as(std::u16string& text);
-    HRESULT value(CEPROPID id, Value& value);
     HRESULT stored_value(CEPROPID id, Value& value);
     HRESULT write(Transaction& transaction, LONG& oid);
     void note_saved();

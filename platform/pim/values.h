@@ -3,6 +3,7 @@
 // Property values and sets of them that wait to be saved.
 
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -13,7 +14,27 @@ namespace zr::platform::pim {
 
 // Nothing (the property is to be removed, or is not there), an integer (also booleans and file times), a number, text,
 // bytes.
-using Value = std::variant<std::monostate, LONGLONG, double, std::u16string, std::vector<BYTE>>;
+using AnyValue = std::variant<std::monostate, LONGLONG, double, std::u16string, std::vector<BYTE>>;
+
+// Copies the alternative by itself and moves it in: when memory runs out inside the variant's own copy constructor,
+// libstdc++ goes on to destroy an alternative that is not there.
+class Value : public AnyValue {
+public:
+    Value() = default;
+    using AnyValue::AnyValue;
+    Value(Value&&) noexcept = default;
+    Value& operator=(Value&&) noexcept = default;
+    Value(const Value& other) : AnyValue() {
+        std::visit(
+            [this](const auto& held) {
+                auto copy = held;
+                this->template emplace<std::decay_t<decltype(copy)>>(std::move(copy));
+            },
+            static_cast<const AnyValue&>(other));
+    }
+    Value& operator=(const Value& other) { return *this = Value(other); }
+    ~Value() = default;
+};
 
 class Values {
 public:
