@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "named_wait.h"
 #include "platform/base.h"
 
 namespace zr::platform {
@@ -53,9 +54,13 @@ bool Engine::is_satisfied(const Thread& thread) noexcept {
 
 void Engine::complete(Thread& thread, std::uint32_t index, Wakeups& wakeups) noexcept {
     delist(thread);
-    thread.satisfied_ = index;
+    thread.satisfied_ = thread.wait_all_ ? 0 : index;
     thread.waiting_.store(false, std::memory_order_release);
-    ThreadAccess::notify(thread, wakeups);
+    if (thread.mixed_) {
+        ThreadAccess::notify_anywhere(thread, wakeups);
+    } else {
+        ThreadAccess::notify(thread, wakeups);
+    }
 }
 
 void Engine::serve(Waitable& object, Wakeups& wakeups) noexcept {
@@ -66,22 +71,11 @@ void Engine::serve(Waitable& object, Wakeups& wakeups) noexcept {
         for (next = block->next; next && next->thread == &thread;) {
             next = next->next;
         }
-        if (thread.wait_all_) {
-            thread.interrupted_ = object.interrupts(thread);
-            if (thread.interrupted_) {
-                complete(thread, 0, wakeups);
-                continue;
-            }
-            if (!is_satisfied(thread)) continue;
-            thread.abandoned_ = false;
-            for (std::uint32_t i = 0; i < thread.block_count_; ++i) {
-                Waitable& each = *thread.blocks_[i].object;
-                thread.abandoned_ |= each.acquire(thread);
-            }
-            complete(thread, 0, wakeups);
-        } else if (object.is_signalled(thread)) {
-            thread.abandoned_ = object.acquire(thread);
-            complete(thread, static_cast<std::uint32_t>(block - thread.blocks_), wakeups);
+        const auto index = static_cast<std::uint32_t>(block - thread.blocks_);
+        if (thread.mixed_) {
+            named::serve_mixed(thread, object, index, wakeups);
+        } else if (take_for(thread, object, [] { return false; })) {
+            complete(thread, index, wakeups);
         }
     }
 }
@@ -153,6 +147,40 @@ bool Engine::sleep(Thread& self, Deadline deadline) noexcept {
     }
 }
 
+// A wait for objects of this process only, after the first attempts without the lock.
+WaitResult Engine::wait_here(Thread& self, std::span<Waitable* const> objects, WaitMode mode, Deadline deadline) {
+    WaitResult result{WaitResult::Status::TimedOut, 0};
+    WaitBlock blocks[kMaxWait];
+    {
+        const std::lock_guard guard(lock);
+        if (mode == WaitMode::All ? take_all(self, objects, result) : take_any(self, objects, result)) return result;
+        if (deadline == Deadline::at_once()) {
+            for (Waitable* object : objects) {
+                let_go(*object);
+            }
+            return result;
+        }
+        ThreadAccess::begin_park(self);
+        enlist(self, objects, mode, blocks);
+    }
+    if (sleep(self, deadline)) return completed(self, mode);
+    cancellation_point();
+    return result;
+}
+
+// What a wait came to that another thread of this process completed.
+WaitResult Engine::completed(const Thread& self, WaitMode mode) noexcept {
+    if (mode == WaitMode::All && self.interrupted_) return {WaitResult::Status::Interrupted, self.satisfied_};
+    return {self.abandoned_ ? WaitResult::Status::Abandoned : WaitResult::Status::Satisfied, self.satisfied_};
+}
+
+bool Engine::has_named(std::span<Waitable* const> objects) noexcept {
+    for (const Waitable* object : objects) {
+        if (is_named(*object)) return true;
+    }
+    return false;
+}
+
 WaitResult Engine::wait(std::span<Waitable* const> objects, WaitMode mode, Deadline deadline) {
     cancellation_point();
     Thread& self = ThreadAccess::current();
@@ -160,34 +188,11 @@ WaitResult Engine::wait(std::span<Waitable* const> objects, WaitMode mode, Deadl
     // A wait for all of one object is a wait for that one.
     if (objects.size() <= 1) mode = WaitMode::Any;
 
-    WaitBlock blocks[kMaxWait];
     if (mode == WaitMode::All || !take_at_once(self, objects, result)) {
-        bool taken = false;
-        {
-            const std::lock_guard guard(lock);
-            taken = mode == WaitMode::All ? take_all(self, objects, result) : take_any(self, objects, result);
-            if (!taken && deadline == Deadline::at_once()) {
-                for (Waitable* object : objects) {
-                    let_go(*object);
-                }
-                return result;
-            }
-            if (!taken) {
-                ThreadAccess::begin_park(self);
-                enlist(self, objects, mode, blocks);
-            }
-        }
-        if (!taken) {
-            if (!sleep(self, deadline)) {
-                cancellation_point();
-                return result;
-            }
-            result.index = self.satisfied_;
-            result.status = self.abandoned_ ? WaitResult::Status::Abandoned : WaitResult::Status::Satisfied;
-            if (mode == WaitMode::All && self.interrupted_) result.status = WaitResult::Status::Interrupted;
-        }
+        result =
+            has_named(objects) ? named::wait(self, objects, mode, deadline) : wait_here(self, objects, mode, deadline);
     }
-    if (result.status == WaitResult::Status::Interrupted) return result;
+    if (result.status >= WaitResult::Status::TimedOut) return result;
     if (mode == WaitMode::All) {
         for (Waitable* object : objects) {
             object->acquired(self);

@@ -56,7 +56,17 @@ struct ThreadAccess {
     static void begin_park(Thread& self) noexcept;
     static bool park(Thread& self, Deadline deadline) noexcept;  // false: the deadline has passed
     static void notify(Thread& thread, Wakeups& wakeups) noexcept;
-    static bool spin(Thread& self) noexcept;
+    static void notify_anywhere(Thread& thread, Wakeups& wakeups) noexcept;  // whatever word it sleeps on
+    static bool spin(Thread& self, const std::atomic<std::uint32_t>& word) noexcept;
+
+    // Sleeping on a word that other processes see, in place of the record's own. park_at before each such sleep, and
+    // with NULL after it.
+    static void park_at(Thread& self, std::atomic<std::uint32_t>* word) noexcept {
+        self.park_at_.exchange(word, std::memory_order_acq_rel);
+    }
+    static bool park_on(Thread& self, std::atomic<std::uint32_t>& word, Deadline deadline, FutexScope scope) noexcept;
+    static bool& mixed(Thread& thread) noexcept { return thread.mixed_; }
+    static NamedSleeper& named_sleeper(Thread& thread) noexcept { return thread.named_sleeper_; }
 
     // Ending.
     static bool end_requested(const Thread& self) noexcept {
@@ -67,6 +77,7 @@ struct ThreadAccess {
     static void request_end(Thread& thread, DWORD code) noexcept;
     [[noreturn]] static void end_current(Thread& self, DWORD code);  // unwinds
     static void finish(Thread& self) noexcept;                       // hooks, mutexes, signal
+    static void give_up_all(Thread& self) noexcept;
     static bool is_unwinding(const Thread& self) noexcept { return self.unwinding_; }
     [[noreturn]] static void cut_off(Thread& self);  // leaves the rest of the stack as it is
     static void free_exit_stack() noexcept;
@@ -84,6 +95,11 @@ struct ThreadAccess {
     static DWORD wait_for_id(Thread& thread) noexcept;
 
     static Mutex*& owned(Thread& self) noexcept { return self.owned_; }
+    static named::NamedMutex*& named_owned(Thread& self) noexcept { return self.named_owned_; }
+
+    // Holds the engine's locks while the process forks. In the child the calling thread is the only one.
+    static void before_fork() noexcept;
+    static void after_fork(bool in_child) noexcept;
     static TlsValues*& tls(Thread& self) noexcept { return self.tls_; }
 };
 
@@ -97,17 +113,51 @@ public:
     // Lets go everybody who can go on now that the object has changed. With the lock held.
     static void serve(Waitable& object, Wakeups& wakeups) noexcept;
 
+    // What waits for named objects are made of (named_wait.cpp). With the lock held.
+    static bool is_signalled(const Waitable& object, const Thread& thread) noexcept {
+        return object.is_signalled(thread);
+    }
+    static bool interrupts(const Waitable& object, const Thread& thread) noexcept { return object.interrupts(thread); }
+    static bool acquire(Waitable& object, Thread& thread) noexcept { return object.acquire(thread); }
+    static void hold(Waitable& object) noexcept;
+    static void let_go(Waitable& object) noexcept;
+    static void enlist(Thread& self, std::span<Waitable* const> objects, WaitMode mode, WaitBlock* blocks) noexcept;
+    static void delist(Thread& thread) noexcept;
+    static void complete(Thread& thread, std::uint32_t index, Wakeups& wakeups) noexcept;
+    // Takes what the thread's wait asks for, now that this object has changed; false when the wait has to go on. What a
+    // wait for all has of named objects, `acquire_named` takes; it says whether one was abandoned.
+    template <class AcquireNamed>
+    static bool take_for(Thread& thread, Waitable& object, AcquireNamed acquire_named) noexcept {
+        if (!thread.wait_all_) {
+            if (!object.is_signalled(thread)) return false;
+            thread.abandoned_ = object.acquire(thread);
+            return true;
+        }
+        thread.interrupted_ = object.interrupts(thread);
+        if (thread.interrupted_) return true;
+        if (!is_satisfied(thread)) return false;
+        thread.abandoned_ = acquire_named();
+        for (std::uint32_t i = 0; i < thread.block_count_; ++i) {
+            Waitable& each = *thread.blocks_[i].object;
+            if (!is_named(each)) thread.abandoned_ |= each.acquire(thread);
+        }
+        return true;
+    }
+    static bool is_named(const Waitable& object) noexcept {
+        return object.kind() == ObjectKind::NamedEvent || object.kind() == ObjectKind::NamedMutex;
+    }
+    static bool is_completed(const Thread& self) noexcept { return !self.waiting_.load(std::memory_order_acquire); }
+    static void stop_waiting(Thread& self) noexcept { self.waiting_.store(false, std::memory_order_relaxed); }
+    static WaitResult completed(const Thread& self, WaitMode mode) noexcept;
+
 private:
     static bool take_at_once(Thread& self, std::span<Waitable* const> objects, WaitResult& result) noexcept;
     static bool take_any(Thread& self, std::span<Waitable* const> objects, WaitResult& result) noexcept;
     static bool take_all(Thread& self, std::span<Waitable* const> objects, WaitResult& result) noexcept;
     static bool sleep(Thread& self, Deadline deadline) noexcept;
-    static void enlist(Thread& self, std::span<Waitable* const> objects, WaitMode mode, WaitBlock* blocks) noexcept;
-    static void delist(Thread& thread) noexcept;
     static bool is_satisfied(const Thread& thread) noexcept;
-    static void complete(Thread& thread, std::uint32_t index, Wakeups& wakeups) noexcept;
-    static void hold(Waitable& object) noexcept;
-    static void let_go(Waitable& object) noexcept;
+    static bool has_named(std::span<Waitable* const> objects) noexcept;
+    static WaitResult wait_here(Thread& self, std::span<Waitable* const> objects, WaitMode mode, Deadline deadline);
 };
 
 }  // namespace zr::platform

@@ -1,6 +1,8 @@
 #include <new>
+#include <utility>
 
 #include "engine.h"
+#include "named_objects.h"
 #include "names.h"
 #include "platform/kernel.h"
 
@@ -63,16 +65,19 @@ Waitable::Attempt Event::try_acquire(Thread&) noexcept {
 
 namespace {
 
-BOOL modify(HANDLE handle, void (Event::*action)() noexcept) {
+using named::NamedEvent;
+
+BOOL modify(HANDLE handle, void (Event::*action)() noexcept, bool (NamedEvent::*named_action)() noexcept) {
     cancellation_point();
-    const Pin pin(handle);
-    Event* event = pin ? pin.object()->event() : nullptr;
-    if (!event) {
-        report_invalid_handle();
-        return FALSE;
+    Pin pin(handle);
+    if (Event* const event = pin ? pin.object()->event() : nullptr) {
+        (event->*action)();
+        return TRUE;
     }
-    (event->*action)();
-    return TRUE;
+    const Pinned<NamedEvent> event(std::move(pin));
+    if (event && (event.get()->*named_action)()) return TRUE;
+    report_invalid_handle();
+    return FALSE;
 }
 
 }  // namespace
@@ -82,7 +87,8 @@ using namespace zr::platform;
 
 HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual_reset, BOOL initial_state, LPCWSTR name) {
     cancellation_point();
-    if (!may_be_named(name)) return nullptr;
+    if (is_name(name)) return named::create_event(name, manual_reset != FALSE, initial_state != FALSE);
+    SetLastError(ERROR_SUCCESS);
     const Ref<Event> event = Ref<Event>::adopt(new (std::nothrow) Event(manual_reset != FALSE, initial_state != FALSE));
     if (!event) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -93,20 +99,19 @@ HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manual_reset, BOOL initial_state
 
 HANDLE OpenEventW(DWORD, BOOL, LPCWSTR name) {
     cancellation_point();
-    SetLastError(name && *name ? ERROR_FILE_NOT_FOUND : ERROR_INVALID_PARAMETER);
-    return nullptr;
+    return named::open_event(name);
 }
 
 BOOL SetEvent(HANDLE event) {
-    return modify(event, &Event::set);
+    return modify(event, &Event::set, &NamedEvent::set);
 }
 
 BOOL ResetEvent(HANDLE event) {
-    return modify(event, &Event::reset);
+    return modify(event, &Event::reset, &NamedEvent::reset);
 }
 
 BOOL PulseEvent(HANDLE event) {
-    return modify(event, &Event::pulse);
+    return modify(event, &Event::pulse, &NamedEvent::pulse);
 }
 
 BOOL EventModify(HANDLE event, DWORD action) {

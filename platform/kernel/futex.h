@@ -25,8 +25,12 @@ inline constexpr long kFutexCall = sizeof(time_t) > sizeof(long) ? SYS_futex_tim
 inline constexpr long kFutexCall = SYS_futex;
 #endif
 
+// Who knows the word: the threads of this process, or all processes that map it.
+enum class FutexScope : int { Private = FUTEX_PRIVATE_FLAG, Shared = 0 };
+
 // Sleeps while the word holds `expected`. May return early; false only when the deadline has passed.
-inline bool futex_wait(std::atomic<std::uint32_t>& word, std::uint32_t expected, Deadline deadline) noexcept {
+inline bool futex_wait(std::atomic<std::uint32_t>& word, std::uint32_t expected, Deadline deadline,
+                       FutexScope scope = FutexScope::Private) noexcept {
     timespec until{};
     timespec* timeout = nullptr;
     if (deadline != Deadline::never()) {
@@ -34,15 +38,20 @@ inline bool futex_wait(std::atomic<std::uint32_t>& word, std::uint32_t expected,
         until.tv_nsec = static_cast<long>(deadline.ns % 1'000'000'000);
         timeout = &until;
     }
-    const long result = syscall(kFutexCall, &word, FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected, timeout, nullptr,
-                                FUTEX_BITSET_MATCH_ANY);
+    const long result = syscall(kFutexCall, &word, FUTEX_WAIT_BITSET | static_cast<int>(scope), expected, timeout,
+                                nullptr, FUTEX_BITSET_MATCH_ANY);
     return result == 0 || errno != ETIMEDOUT;
 }
 
 // The address is only a name here: waking a word that is gone meanwhile wakes nobody or somebody who looks again.
-inline void futex_wake(const void* word, int count) noexcept {
-    syscall(kFutexCall, word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, count, nullptr, nullptr, 0);
+inline void futex_wake(const void* word, int count, FutexScope scope = FutexScope::Private) noexcept {
+    syscall(kFutexCall, word, FUTEX_WAKE | static_cast<int>(scope), count, nullptr, nullptr, 0);
 }
+
+// What the word says that a thread sleeps on.
+inline constexpr std::uint32_t kAwake = 0;
+inline constexpr std::uint32_t kSleeping = 1;
+inline constexpr std::uint32_t kNotified = 2;
 
 inline void cpu_relax() noexcept {
 #if defined(__x86_64__) || defined(__i386__)

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "host_error.h"
+#include "named_mapping.h"
 #include "names.h"
 #include "page_protection.h"
 #include "platform/kernel.h"
@@ -25,11 +26,6 @@ HANDLE fail(DWORD error) noexcept {
     return nullptr;
 }
 
-std::uint64_t whole_pages(std::uint64_t size) noexcept {
-    const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-    return (size + page - 1) & ~(page - 1);
-}
-
 // A mapping that only this process knows: over a file, or over memory that has no name.
 class PrivateMapping final : public Mapping {
 public:
@@ -44,16 +40,6 @@ private:
     const HostFd file_;
 };
 
-// Sets aside room for the whole file, so that no later access can fail for want of it. 0 or an error number.
-int reserve(int file, std::uint64_t size) noexcept {
-    if (size > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return EFBIG;
-    int error = EINTR;
-    while (error == EINTR) {
-        error = posix_fallocate(file, 0, static_cast<off_t>(size));
-    }
-    return error;
-}
-
 HANDLE open_private(HostFd file, std::uint64_t size, DWORD protection) noexcept {
     const auto mapping = Ref<Mapping>::adopt(new (std::nothrow) PrivateMapping(std::move(file), size, protection));
     return mapping ? open_handle(*mapping) : fail(ERROR_NOT_ENOUGH_MEMORY);
@@ -63,11 +49,26 @@ HANDLE create_over_memory(std::uint64_t size, DWORD protection) noexcept {
     HostFd memory(memfd_create("mapping", MFD_CLOEXEC));
     if (!memory) return fail(error_from_errno(errno));
     // Memory is what runs out here, not a disk.
-    if (reserve(memory.get(), whole_pages(size)) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY);
+    if (reserve_file(memory.get(), size) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY);
     return open_private(std::move(memory), size, protection);
 }
 
 }  // namespace
+
+std::uint64_t whole_pages(std::uint64_t size) noexcept {
+    const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    return (size + page - 1) & ~(page - 1);
+}
+
+int reserve_file(int file, std::uint64_t size) noexcept {
+    const std::uint64_t whole = whole_pages(size);
+    if (whole < size || whole > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return EFBIG;
+    int error = EINTR;
+    while (error == EINTR) {
+        error = posix_fallocate(file, 0, static_cast<off_t>(whole));
+    }
+    return error;
+}
 
 void* Mapping::map(DWORD access, std::uint64_t offset, std::size_t size) noexcept {
     const ViewAccess view(access);
@@ -95,13 +96,14 @@ HANDLE CreateFileMappingW(HANDLE file, SECURITY_ATTRIBUTES*, DWORD protection, D
     if (!is_mapping_protection(protection) || file != INVALID_HANDLE_VALUE || size == 0) {
         return fail(ERROR_INVALID_PARAMETER);
     }
-    if (!may_be_named(name)) return nullptr;
+    if (is_name(name)) return named::create_mapping(name, size, protection & kPageBits);
+    SetLastError(ERROR_SUCCESS);
     return create_over_memory(size, protection & kPageBits);
 }
 
-HANDLE OpenFileMappingW(DWORD, BOOL, LPCWSTR name) {
+HANDLE OpenFileMappingW(DWORD access, BOOL, LPCWSTR name) {
     cancellation_point();
-    return fail(name && *name ? ERROR_FILE_NOT_FOUND : ERROR_INVALID_PARAMETER);
+    return named::open_mapping(name, access);
 }
 
 LPVOID MapViewOfFile(HANDLE handle, DWORD access, DWORD offset_high, DWORD offset_low, SIZE_T size) {

@@ -29,4 +29,9 @@ private:
     const DWORD asked_;
 };
 
+std::uint64_t whole_pages(std::uint64_t size) noexcept;
+
+// Sets aside room for all of the file's pages, so that no later access can fail for want of it. 0 or an error number.
+int reserve_file(int file, std::uint64_t size) noexcept;
+
 }  // namespace zr::platform

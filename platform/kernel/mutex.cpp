@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "engine.h"
+#include "named_objects.h"
 #include "names.h"
 #include "platform/kernel.h"
 
@@ -97,7 +98,8 @@ using namespace zr::platform;
 
 HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initial_owner, LPCWSTR name) {
     cancellation_point();
-    if (!may_be_named(name)) return nullptr;
+    if (is_name(name)) return named::create_mutex(name, initial_owner != FALSE);
+    SetLastError(ERROR_SUCCESS);
     const Ref<Mutex> mutex = Ref<Mutex>::adopt(new (std::nothrow) Mutex);
     if (!mutex) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -110,14 +112,22 @@ HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initial_owner, LPCWSTR name) {
 
 HANDLE OpenMutexW(DWORD, BOOL, LPCWSTR name) {
     cancellation_point();
-    SetLastError(name && *name ? ERROR_FILE_NOT_FOUND : ERROR_INVALID_PARAMETER);
-    return nullptr;
+    return named::open_mutex(name);
 }
 
 BOOL ReleaseMutex(HANDLE handle) {
-    const Pinned<Mutex> mutex = lookup<Mutex>(handle);
-    if (!mutex) return FALSE;
-    if (mutex->unlock(ThreadAccess::current())) return TRUE;
+    Pin pin(handle);
+    const ObjectKind kind = pin ? pin.object()->kind() : ObjectKind::Other;
+    bool released = false;
+    if (kind == ObjectKind::Mutex) [[likely]] {
+        released = static_cast<Mutex*>(pin.object())->unlock(ThreadAccess::current());
+    } else if (kind == ObjectKind::NamedMutex) {
+        released = static_cast<named::NamedMutex*>(pin.object())->unlock(ThreadAccess::current());
+    } else {
+        report_invalid_handle();
+        return FALSE;
+    }
+    if (released) return TRUE;
     SetLastError(ERROR_NOT_OWNER);
     return FALSE;
 }

@@ -7,10 +7,6 @@
 namespace zr::platform {
 namespace {
 
-constexpr std::uint32_t kAwake = 0;
-constexpr std::uint32_t kSleeping = 1;
-constexpr std::uint32_t kNotified = 2;
-
 // How often to look before sleeping. Falling asleep and being woken costs a few microseconds, so looking longer than
 // that never pays. Threads whose answers come quickly look longer, others hardly at all, with a longer look now and
 // then to find out whether that has changed; ever more seldom while it has not.
@@ -46,13 +42,13 @@ void ThreadAccess::begin_park(Thread& self) noexcept {
 }
 
 // Looks for a while whether the thread is notified before it has gone to sleep.
-bool ThreadAccess::spin(Thread& self) noexcept {
+bool ThreadAccess::spin(Thread& self, const std::atomic<std::uint32_t>& word) noexcept {
     static const bool alone = one_processor();
     if (alone) return false;
     const bool probe = --self.probe_in_ == 0;
     const std::uint32_t limit = probe ? kSpinMost : std::min(kSpinMost, self.spin_ * 2 + kSpinLeast);
     std::uint32_t spun = 0;
-    for (; spun < limit && self.parking_.load(std::memory_order_acquire) != kNotified; ++spun) {
+    for (; spun < limit && word.load(std::memory_order_acquire) != kNotified; ++spun) {
         cpu_relax();
     }
     const bool notified = spun < limit;
@@ -68,18 +64,33 @@ bool ThreadAccess::spin(Thread& self) noexcept {
 }
 
 bool ThreadAccess::park(Thread& self, Deadline deadline) noexcept {
-    if (spin(self)) return true;
+    return park_on(self, self.parking_, deadline, FutexScope::Private);
+}
+
+bool ThreadAccess::park_on(Thread& self, std::atomic<std::uint32_t>& word, Deadline deadline,
+                           FutexScope scope) noexcept {
+    if (spin(self, word)) return true;
     std::uint32_t seen = kAwake;
-    if (!self.parking_.compare_exchange_strong(seen, kSleeping, std::memory_order_acq_rel)) return true;
-    while (futex_wait(self.parking_, kSleeping, deadline)) {
-        if (self.parking_.load(std::memory_order_acquire) == kNotified) return true;
+    if (!word.compare_exchange_strong(seen, kSleeping, std::memory_order_acq_rel)) return true;
+    while (futex_wait(word, kSleeping, deadline, scope)) {
+        if (word.load(std::memory_order_acquire) == kNotified) return true;
     }
     seen = kSleeping;
-    return !self.parking_.compare_exchange_strong(seen, kAwake, std::memory_order_acq_rel);
+    return !word.compare_exchange_strong(seen, kAwake, std::memory_order_acq_rel);
 }
 
 void ThreadAccess::notify(Thread& thread, Wakeups& wakeups) noexcept {
     if (thread.parking_.exchange(kNotified, std::memory_order_acq_rel) == kSleeping) wakeups.add(&thread.parking_);
+}
+
+// The thread says first where it will sleep and then looks once more; this says first what there is to see and then
+// looks where it sleeps. Both by a read-modify-write of one word, so that one of the two sees the other.
+void ThreadAccess::notify_anywhere(Thread& thread, Wakeups& wakeups) noexcept {
+    std::atomic<std::uint32_t>* word = thread.park_at_.load(std::memory_order_relaxed);
+    while (!thread.park_at_.compare_exchange_weak(word, word, std::memory_order_acq_rel)) {
+    }
+    if (!word) return notify(thread, wakeups);
+    if (word->exchange(kNotified, std::memory_order_acq_rel) == kSleeping) futex_wake(word, 1, FutexScope::Shared);
 }
 
 }  // namespace zr::platform

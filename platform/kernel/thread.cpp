@@ -4,10 +4,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
+#include <iterator>
 #include <new>
 
 #include "engine.h"
 #include "mutex.h"
+#include "named_objects.h"
 #include "platform/kernel.h"
 #include "tls.h"
 
@@ -114,7 +117,36 @@ void ThreadAccess::request_end(Thread& thread, DWORD code) noexcept {
         }
     }
     Wakeups wakeups;
-    notify(thread, wakeups);
+    notify_anywhere(thread, wakeups);
+}
+
+// What the thread owns and keeps.
+void ThreadAccess::give_up_all(Thread& self) noexcept {
+    Mutex::abandon_all(self);
+    named::NamedMutex::abandon_all(self);
+    named::forget_sleeper(self);
+    free_tls_values(self.tls_);
+    self.tls_ = nullptr;
+}
+
+void ThreadAccess::before_fork() noexcept {
+    registry_lock.lock();
+    Engine::lock.lock();
+}
+
+void ThreadAccess::after_fork(bool in_child) noexcept {
+    if (in_child && current_thread) {
+        Thread& self = *current_thread;
+        std::fill(std::begin(running), std::end(running), nullptr);
+        const DWORD id = static_cast<DWORD>(gettid());
+        self.id_.store(id, std::memory_order_release);
+        self.next_ = nullptr;
+        bucket(id) = &self;
+        self.named_owned_ = nullptr;
+        self.named_sleeper_ = {};
+    }
+    Engine::lock.unlock();
+    registry_lock.unlock();
 }
 
 // A hook may run code that ends the thread once more; the second time takes up where the first one was.
@@ -128,9 +160,7 @@ void ThreadAccess::finish(Thread& self) noexcept {
     while (self.hooks_left_ > 0) {
         hook_at(--self.hooks_left_)(self);
     }
-    Mutex::abandon_all(self);
-    free_tls_values(self.tls_);
-    self.tls_ = nullptr;
+    give_up_all(self);
     {
         const std::lock_guard guard(registry_lock);
         Thread** link = &bucket(self.id());
@@ -149,9 +179,7 @@ void ThreadAccess::finish(Thread& self) noexcept {
 void ThreadAccess::leave(Thread& self) noexcept {
     if (!has_ended(self)) finish(self);
     // What destructors of thread_local objects took after the end.
-    Mutex::abandon_all(self);
-    free_tls_values(self.tls_);
-    self.tls_ = nullptr;
+    give_up_all(self);
     free_exit_stack();
     current_thread = nullptr;
     self.release();

@@ -30,6 +30,8 @@ enum class ObjectKind : std::uint32_t {
     FileChanges,
     RegistryChanges,
     MessageQueue,
+    NamedEvent,
+    NamedMutex,
     Other,
 };
 
@@ -45,9 +47,21 @@ public:
         if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
+    // A new reference, unless the last one is gone and the object is being deleted.
+    bool try_add_ref() noexcept {
+        std::uint32_t refs = refs_.load(std::memory_order_relaxed);
+        while (refs != 0 && !refs_.compare_exchange_weak(refs, refs + 1, std::memory_order_relaxed)) {
+        }
+        return refs != 0;
+    }
+    bool has_handle() const noexcept { return handles_.load(std::memory_order_acquire) != 0; }
+
     // The object as something to wait for, or as an event (EventModify works on these), where it is one.
     virtual Waitable* waitable() noexcept { return nullptr; }
     virtual Event* event() noexcept { return nullptr; }
+
+    // The host's descriptor of an open file, for as long as the object lives; -1 for what is no file.
+    virtual int host_descriptor() const noexcept { return -1; }
 
 protected:
     // A new object has one reference, its maker's.

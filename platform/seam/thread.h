@@ -9,6 +9,17 @@
 
 namespace zr::platform {
 
+namespace named {
+class Session;
+class NamedMutex;
+}  // namespace named
+
+// Where a thread sleeps that waits for named objects: its place among all processes' sleepers.
+struct NamedSleeper {
+    named::Session* session = nullptr;
+    std::uint32_t index = 0;
+};
+
 // Where families hang what they keep per thread.
 enum class ThreadSlot { Windowing, Com, Shell, Count };
 
@@ -60,6 +71,9 @@ private:
     // The wait under way. The parking word is what the thread sleeps on; the others are guarded by the engine's lock.
     std::atomic<std::uint32_t> parking_{0};
     std::atomic<bool> waiting_{false};
+    // Another word, in memory that processes share, while it waits for named objects.
+    std::atomic<std::atomic<std::uint32_t>*> park_at_{nullptr};
+    bool mixed_ = false;  // waits for named objects along with others
     bool wait_all_ = false;
     bool abandoned_ = false;
     bool interrupted_ = false;
@@ -72,6 +86,8 @@ private:
     std::uint32_t probe_in_ = 16;  // after how many more waits to look longer once
     std::uint32_t probe_every_ = 16;
     class Mutex* owned_ = nullptr;
+    named::NamedMutex* named_owned_ = nullptr;
+    NamedSleeper named_sleeper_;
     struct TlsValues* tls_ = nullptr;
 
     Thread* next_ = nullptr;  // in the table of running threads

@@ -131,8 +131,8 @@ private:
 enum class WaitMode { Any, All };
 
 struct WaitResult {
-    enum class Status { Satisfied, Abandoned, TimedOut, Interrupted };
-    Status status;
+    enum class Status { Satisfied, Abandoned, TimedOut, Interrupted, Failed };
+    Status status;        // Failed: nothing was waited for, the last error is set
     std::uint32_t index;  // which object; 0 for a wait for all
 
     // The value that the wait functions return.
@@ -142,6 +142,8 @@ struct WaitResult {
                 return WAIT_OBJECT_0 + index;
             case Status::Abandoned:
                 return WAIT_ABANDONED_0 + index;
+            case Status::Failed:
+                return WAIT_FAILED;
             default:
                 return WAIT_TIMEOUT;
         }

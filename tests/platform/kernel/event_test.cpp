@@ -35,14 +35,6 @@ TEST(Event, ResetTakesASignalBack) {
     EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
 }
 
-TEST(Event, NamesAreRefusedForNow) {
-    SetLastError(ERROR_SUCCESS);
-    EXPECT_EQ(CreateEventW(nullptr, FALSE, FALSE, u"a name"), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
-    EXPECT_EQ(CreateMutexW(nullptr, FALSE, u"a name"), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
-}
-
 TEST(Event, CreationClearsTheLastError) {
     SetLastError(ERROR_ALREADY_EXISTS);
     const Handle event = auto_event();

@@ -1,0 +1,181 @@
+#pragma once
+
+// The file of the runtime directory that holds the user's named objects, as every process maps it.
+//
+// Any process may be killed between any two instructions. So each fact is one field, and each change of a fact is one
+// store: `state` of an entry says whether the rest of it counts. Everything else here (the links of queues and of hash
+// chains, hints, the mark of waiters) is derived from the facts and made anew by whoever finds the lock left by a dead
+// owner. Fields are guarded by the header's lock; those that are also touched without it are atomic.
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace zr::platform::named {
+
+// The file grows by segments; a table is a list of segments, each full of its entries.
+inline constexpr std::uint32_t kSegment = 64 * 1024;
+inline constexpr std::uint32_t kChunks = 256;  // segments that a table can have
+inline constexpr std::uint32_t kProcesses = 512;
+inline constexpr std::uint32_t kBuckets = 4096;
+inline constexpr std::uint32_t kNone = 0xFFFFFFFF;
+
+inline constexpr std::uint64_t kMagic = 0x31626F2D6D616E7A;
+inline constexpr const char* kFileName = sizeof(void*) == 8 ? "objects-1-64" : "objects-1-32";
+
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
+
+// --- The state word of an object -------------------------------------------------------------------------------------
+//
+// Changed by compare-and-swap without the lock while kWaiters is not set, else by a holder of the lock only. It carries
+// the entry's generation: a thread of a process that was declared dead, in its last instructions, cannot change an
+// object that has taken the entry since.
+
+inline constexpr std::uint64_t kWaiters = std::uint64_t{1} << 63;
+inline constexpr int kGenerationShift = 45;
+inline constexpr std::uint32_t kGenerationMask = (1u << 18) - 1;
+inline constexpr std::uint64_t kAbandoned = std::uint64_t{1} << 44;  // a free mutex whose owner ended
+inline constexpr std::uint64_t kOwner = kAbandoned - 1;              // a mutex's owner, 0 when it is free
+inline constexpr std::uint64_t kSignalled = 1;                       // an event's
+
+// An owner: the process's place, the place's generation, and the thread's identifier.
+inline constexpr int kTidBits = 22;  // the most that the kernel hands out
+inline constexpr int kProcessGenerationBits = 12;
+inline constexpr std::uint32_t kTidMask = (1u << kTidBits) - 1;
+inline constexpr std::uint32_t kProcessGenerationMask = (1u << kProcessGenerationBits) - 1;
+
+constexpr std::uint64_t make_owner(std::uint32_t place, std::uint32_t generation, std::uint32_t tid) noexcept {
+    return (std::uint64_t{place} << (kTidBits + kProcessGenerationBits)) | (std::uint64_t{generation} << kTidBits) |
+           (tid & kTidMask);
+}
+constexpr std::uint32_t owner_place(std::uint64_t word) noexcept {
+    return static_cast<std::uint32_t>((word & kOwner) >> (kTidBits + kProcessGenerationBits));
+}
+constexpr std::uint32_t owner_generation(std::uint64_t word) noexcept {
+    return static_cast<std::uint32_t>(word >> kTidBits) & kProcessGenerationMask;
+}
+constexpr std::uint32_t owner_tid(std::uint64_t word) noexcept {
+    return static_cast<std::uint32_t>(word) & kTidMask;
+}
+
+// --- Processes -------------------------------------------------------------------------------------------------------
+
+// A place that a process takes at its first use of named objects. `life` is a robust lock that a thread of the process
+// holds for as long as the process lives: the kernel marks it when the process ends, and wakes who sleeps on it.
+struct alignas(64) Process {
+    enum State : std::uint32_t { Vacant, Taken };
+
+    pthread_mutex_t life;
+    std::atomic<std::uint32_t> state;
+    std::atomic<std::uint32_t> generation;  // counts up when the place is given back
+    std::atomic<std::uint32_t> id;
+};
+
+// --- Objects ---------------------------------------------------------------------------------------------------------
+
+enum class Kind : std::uint32_t { Event, Mutex, FileMapping };
+
+// Which processes ...
+struct ProcessSet {
+    std::uint64_t bits[kProcesses / 64];
+
+    void add(std::uint32_t place) noexcept { bits[place / 64] |= std::uint64_t{1} << place % 64; }
+    void remove(std::uint32_t place) noexcept { bits[place / 64] &= ~(std::uint64_t{1} << place % 64); }
+    bool has(std::uint32_t place) const noexcept { return (bits[place / 64] >> place % 64 & 1) != 0; }
+    bool empty() const noexcept {
+        std::uint64_t any = 0;
+        for (const std::uint64_t part : bits) {
+            any |= part;
+        }
+        return any == 0;
+    }
+};
+
+inline constexpr std::uint32_t kInlineName = 28;
+
+struct alignas(64) Object {
+    // Nameless: no process has a handle to it any more, but some thread still waits for it or owns it.
+    enum State : std::uint32_t { Vacant, Named, Nameless };
+
+    std::atomic<std::uint64_t> word;
+    std::atomic<std::uint32_t> state;
+    Kind kind;
+    std::uint32_t generation;
+    std::uint32_t manual_reset;  // of an event
+    std::uint32_t hash;
+    std::uint32_t next_in_bucket;  // derived
+    std::uint32_t first_waiter;    // derived: blocks, by the age of their waits
+    std::uint32_t last_waiter;
+    std::uint32_t name_length;
+    std::uint32_t name_rest;  // the first cell of what does not fit here
+    std::uint64_t size;       // of a mapping, in bytes
+    std::uint64_t contents;   // the number in the name of the file with its contents
+    std::uint32_t protection;
+    ProcessSet open;  // ... have a handle
+    ProcessSet used;  // ... have a handle, wait for it or own it
+    char16_t name[kInlineName];
+};
+
+// A piece of a long name.
+struct NameCell {
+    std::atomic<std::uint32_t> object;  // whose name, counted from 1; 0: vacant
+    std::uint32_t next;
+    char16_t text[60];
+};
+
+// --- Sleepers --------------------------------------------------------------------------------------------------------
+
+inline constexpr std::uint32_t kBlocks = 64;
+
+// One object of one sleeper's wait. Its number is the sleeper's times kBlocks, plus its place among the sleeper's.
+struct Block {
+    std::uint32_t object;
+    std::uint32_t place;     // in the caller's list
+    std::uint32_t previous;  // derived
+    std::uint32_t next;      // derived
+};
+
+// A thread that waits for named objects. What a wait takes is taken for it by the process that changed the object: the
+// state goes to Granting, everything is taken, the state goes to Granted. Taking it once more changes nothing, so who
+// finds Granting after a kill goes on with it.
+struct alignas(64) Sleeper {
+    enum State : std::uint32_t { Vacant, Idle, Waiting, Granting, Granted };
+    static constexpr std::uint32_t kAllBlocks = kNone;
+
+    std::atomic<std::uint32_t> parking;  // the word that the thread sleeps on
+    std::atomic<std::uint32_t> state;
+    std::uint32_t process;
+    std::uint32_t process_generation;
+    std::uint32_t thread;
+    std::uint32_t wait_all;
+    std::uint32_t mixed;    // waits for objects of its own process too, which others cannot see
+    std::uint32_t count;    // of blocks
+    std::uint32_t granted;  // the block that ended the wait, or kAllBlocks
+    std::uint32_t abandoned;
+    std::uint64_t ticket;  // who began to wait earlier has a lower one
+    Block blocks[kBlocks];
+};
+
+// --- The header ------------------------------------------------------------------------------------------------------
+
+enum class Table : std::uint32_t { Objects, Cells, Sleepers };
+inline constexpr std::uint32_t kTables = 3;
+
+struct Header {
+    std::atomic<std::uint64_t> magic;  // written last
+    pthread_mutex_t lock;
+    std::uint64_t tickets;
+    std::uint64_t contents;                               // the last number given to a mapping's file
+    std::atomic<std::uint32_t> segments;                  // derived: how many of the file are in use
+    std::uint32_t hints[kTables];                         // derived: no vacant entry below
+    std::atomic<std::uint32_t> chunks[kTables][kChunks];  // the segments of each table, 0: none
+    std::uint32_t buckets[kBuckets];                      // derived
+};
+
+inline constexpr std::uint32_t kFirstSegment = 2;  // behind the header and the processes
+inline constexpr std::size_t kWholeSize = std::size_t{kSegment} * (kFirstSegment + kTables * kChunks);
+static_assert(sizeof(Header) <= kSegment && sizeof(Process) * kProcesses <= kSegment);
+
+}  // namespace zr::platform::named

@@ -1,0 +1,197 @@
+#include "named_mapping.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <new>
+#include <string>
+
+#include "host_error.h"
+#include "named_session.h"
+#include "names.h"
+#include "page_protection.h"
+#include "platform/base.h"
+
+namespace zr::platform::named {
+namespace {
+
+HANDLE fail(DWORD error) noexcept {
+    SetLastError(error);
+    return nullptr;
+}
+
+// The contents are a file of the runtime directory, which is opened for each view: so a mapping keeps no descriptor.
+class NamedMapping final : public Mapping {
+public:
+    NamedMapping(const named::Object& object, DWORD asked) noexcept
+        : Mapping(object.size, object.protection, asked), contents_(object.contents) {}
+
+    Member& member() noexcept { return member_; }
+
+protected:
+    ~NamedMapping() override = default;
+    void last_handle_closed() noexcept override { member_.close(*this); }
+
+    int contents(HostFd& keep) noexcept override {
+        if (!member_.is_valid()) {
+            report_invalid_handle();
+            return -1;
+        }
+        try {
+            keep = HostFd(
+                open(member_.session().region().contents_path(contents_).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+        } catch (const std::bad_alloc&) {
+            errno = ENOMEM;
+        }
+        // Without its file the object is gone: another thread closed the handle meanwhile.
+        if (!keep) SetLastError(errno == ENOENT ? ERROR_INVALID_HANDLE : error_from_errno(errno));
+        return keep.get();
+    }
+
+private:
+    const std::uint64_t contents_;
+    Member member_;
+};
+
+// A file for the contents of a mapping that is not there yet. Its name says whose it is, so that it is deleted should
+// the process end first.
+class NewContents {
+public:
+    explicit NewContents(Session& session) noexcept : session_(session) {}
+    ~NewContents() {
+        if (!path_.empty()) unlink(path_.c_str());
+    }
+    NewContents(const NewContents&) = delete;
+    NewContents& operator=(const NewContents&) = delete;
+
+    // Room for that many bytes, all zero. 0 or an error number.
+    int make(std::uint64_t size);
+    // Becomes the contents of that number.
+    int keep_as(std::uint64_t number);
+
+private:
+    Session& session_;
+    std::string path_;
+};
+
+int NewContents::make(std::uint64_t size) {
+    static std::atomic<std::uint64_t> count{0};
+    const std::string& folder = session_.region().folder();
+    path_ = folder + "/" + kUnfinishedPrefix + std::to_string(session_.place()) + "." +
+            std::to_string(session_.generation()) + "." + std::to_string(++count);
+    const HostFd file(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file) {
+        const int error = errno;
+        path_.clear();
+        return error;
+    }
+    // Sticky: see the region's file.
+    fchmod(file.get(), S_ISVTX | S_IRUSR | S_IWUSR);
+    // Where it cannot fit, the host would find out only after it has filled everything.
+    struct statvfs room {};
+    if (fstatvfs(file.get(), &room) == 0 && size / room.f_frsize > room.f_bavail) return ENOSPC;
+    return reserve_file(file.get(), size);
+}
+
+int NewContents::keep_as(std::uint64_t number) {
+    if (rename(path_.c_str(), session_.region().contents_path(number).c_str()) != 0) return errno;
+    path_.clear();
+    return 0;
+}
+
+// The mapping of that name, in a handle object of its own. Without contents to make it of, ERROR_FILE_NOT_FOUND when
+// there is none. With the members' lock held.
+Ref<NamedMapping> open_or_make(Session& session, std::u16string_view name, NewObject* wanted, NewContents* contents,
+                               DWORD asked, DWORD& error) {
+    Region& region = session.region();
+    const std::uint32_t hash = hash_of(name);
+    const SessionHold hold(session);
+    std::uint32_t index = find(region, name, hash);
+    error = ERROR_ALREADY_EXISTS;
+    if (index != kNone && region.at<Object>(index).kind != Kind::FileMapping) {
+        error = ERROR_INVALID_HANDLE;
+        return {};
+    }
+    if (index == kNone) {
+        error = ERROR_FILE_NOT_FOUND;
+        if (!contents) return {};
+        wanted->contents = ++region.header().contents;
+        int number = contents->keep_as(wanted->contents);
+        if (number == 0) index = make(region, *wanted, name, hash, session.place(), number);
+        if (index == kNone && number != 0) unlink(region.contents_path(wanted->contents).c_str());
+        error = error_from_errno(number);
+        if (index == kNone) return {};
+    }
+    const auto mapping = Ref<NamedMapping>::adopt(new (std::nothrow) NamedMapping(region.at<Object>(index), asked));
+    if (mapping) {
+        mapping->member().join(session, index, nullptr);
+    } else {
+        if (error == ERROR_SUCCESS) leave(region, index, session.place());
+        error = ERROR_NOT_ENOUGH_MEMORY;
+    }
+    return mapping;
+}
+
+// Opens it, or learns why not; the reference goes after the locks.
+HANDLE open_handle_to(Session& session, std::u16string_view name, NewObject* wanted, NewContents* contents, DWORD asked,
+                      DWORD& error) {
+    Ref<NamedMapping> mapping;
+    const std::lock_guard guard(Member::lock());
+    mapping = open_or_make(session, name, wanted, contents, asked, error);
+    if (!mapping) return nullptr;
+    const HANDLE handle = open_handle(*mapping);
+    if (!handle) error = GetLastError();
+    return handle;
+}
+
+HANDLE create(std::u16string_view name, std::uint64_t size, DWORD protection) {
+    Session* const session = Session::begin();
+    if (!session) return nullptr;
+    DWORD error = ERROR_SUCCESS;
+    HANDLE handle = open_handle_to(*session, name, nullptr, nullptr, protection, error);
+    if (!handle && error == ERROR_FILE_NOT_FOUND) {
+        // Made without a lock held, as it may take long; another may be quicker.
+        NewContents contents(*session);
+        if (const int number = contents.make(size)) return fail(error_from_errno(number));
+        NewObject wanted{.kind = Kind::FileMapping, .size = size, .protection = protection};
+        handle = open_handle_to(*session, name, &wanted, &contents, protection, error);
+    }
+    SetLastError(error);
+    return handle;
+}
+
+// The protection whose access this is.
+DWORD protection_for(DWORD access) noexcept {
+    const bool execute = (access & FILE_MAP_EXECUTE) != 0;
+    if ((access & FILE_MAP_WRITE) != 0) return execute ? kPageExecuteReadWrite : kPageReadWrite;
+    return execute ? kPageExecuteRead : kPageReadOnly;
+}
+
+}  // namespace
+
+HANDLE create_mapping(std::u16string_view name, std::uint64_t size, DWORD protection) noexcept {
+    try {
+        return create(name, size, protection);
+    } catch (const std::bad_alloc&) {
+        return fail(ERROR_NOT_ENOUGH_MEMORY);
+    }
+}
+
+HANDLE open_mapping(LPCWSTR name, DWORD access) noexcept {
+    if (!is_name(name)) return fail(ERROR_INVALID_PARAMETER);
+    Session* const session = Session::begin();
+    if (!session) return nullptr;
+    DWORD error = ERROR_SUCCESS;
+    try {
+        const HANDLE handle = open_handle_to(*session, name, nullptr, nullptr, protection_for(access), error);
+        if (!handle) SetLastError(error);
+        return handle;
+    } catch (const std::bad_alloc&) {
+        return fail(ERROR_NOT_ENOUGH_MEMORY);
+    }
+}
+
+}  // namespace zr::platform::named

@@ -1,0 +1,220 @@
+#include "named_objects.h"
+
+#include <new>
+
+#include "host_error.h"
+#include "named_queue.h"
+#include "platform/base.h"
+
+namespace zr::platform::named {
+namespace {
+
+// The object of that name, opened, or made as `wanted` says; with the locks held. kNone and an error when neither.
+std::uint32_t find_or_make(Session& session, std::u16string_view name, Kind kind, const NewObject* wanted,
+                           DWORD& error) noexcept {
+    Region& region = session.region();
+    const std::uint32_t hash = hash_of(name);
+    const std::uint32_t found = find(region, name, hash);
+    if (found != kNone) {
+        const bool fits = region.at<Object>(found).kind == kind;
+        error = fits ? ERROR_ALREADY_EXISTS : ERROR_INVALID_HANDLE;
+        return fits ? found : kNone;
+    }
+    error = ERROR_FILE_NOT_FOUND;
+    if (!wanted) return kNone;
+    int number = 0;
+    const std::uint32_t made = make(region, *wanted, name, hash, session.place(), number);
+    error = error_from_errno(number);
+    return made;
+}
+
+// A reference to what stands for that object in this process, which is `fresh` if nothing does yet. The object is open.
+template <class Local>
+Ref<Local> local_for(Session& session, std::uint32_t index, const Ref<Local>& fresh) noexcept {
+    zr::platform::Object* there = nullptr;
+    if (Member* const member = Member::find_local(index, there)) {
+        member->join(session, index, there);
+        return Ref<Local>::adopt(static_cast<Local*>(there));
+    }
+    fresh->member().join(session, index, fresh.get());
+    return fresh;
+}
+
+struct Opened {
+    HANDLE handle;
+    DWORD error;  // ERROR_ALREADY_EXISTS beside a handle: it was there
+};
+
+template <class Local>
+Opened open_named(Session& session, std::u16string_view name, const NewObject* wanted, Thread* owner) noexcept {
+    // References go when no lock is held any more.
+    const Ref<Local> fresh = Ref<Local>::adopt(new (std::nothrow) Local);
+    if (!fresh) return {nullptr, ERROR_NOT_ENOUGH_MEMORY};
+    Ref<Local> local;
+    const std::lock_guard guard(Member::lock());
+    DWORD error = ERROR_SUCCESS;
+    {
+        const SessionHold hold(session);
+        const std::uint32_t index = find_or_make(session, name, Local::kNamedKind, wanted, error);
+        if (index == kNone) return {nullptr, error};
+        local = local_for(session, index, fresh);
+    }
+    const HANDLE handle = open_handle(*local);
+    if (!handle) return {nullptr, GetLastError()};
+    if constexpr (std::is_same_v<Local, NamedMutex>) {
+        if (owner && error == ERROR_SUCCESS) local->taken_initially(*owner);
+    }
+    return {handle, error};
+}
+
+template <class Local>
+HANDLE open_existing(LPCWSTR name) noexcept {
+    DWORD error = ERROR_INVALID_PARAMETER;
+    if (name && *name) {
+        Session* const session = Session::begin();
+        if (!session) return nullptr;
+        const Opened opened = open_named<Local>(*session, name, nullptr, nullptr);
+        if (opened.handle) return opened.handle;
+        error = opened.error;
+    }
+    SetLastError(error);
+    return nullptr;
+}
+
+}  // namespace
+
+// --- Events ----------------------------------------------------------------------------------------------------------
+
+bool NamedEvent::set() noexcept {
+    if (!member_.is_valid()) return false;
+    std::atomic<std::uint64_t>& state = word();
+    std::uint64_t seen = state.load(std::memory_order_relaxed);
+    while ((seen & ~kSignalled) == member_.base()) {
+        // Also when it is set already: who takes the signal has to see what the setter did before.
+        if (state.compare_exchange_weak(seen, seen | kSignalled, std::memory_order_acq_rel)) return true;
+    }
+    const SessionHold hold(member_.session());
+    state.fetch_or(kSignalled, std::memory_order_acq_rel);
+    serve(member_.session().region(), member_.index());
+    return true;
+}
+
+bool NamedEvent::reset() noexcept {
+    if (!member_.is_valid()) return false;
+    std::atomic<std::uint64_t>& state = word();
+    std::uint64_t seen = state.load(std::memory_order_relaxed);
+    while ((seen & ~kSignalled) == member_.base()) {
+        if (state.compare_exchange_weak(seen, member_.base(), std::memory_order_acq_rel)) return true;
+    }
+    const SessionHold hold(member_.session());
+    state.fetch_and(~kSignalled, std::memory_order_acq_rel);
+    return true;
+}
+
+bool NamedEvent::pulse() noexcept {
+    if (!member_.is_valid()) return false;
+    const SessionHold hold(member_.session());
+    serve(member_.session().region(), member_.index(), true);
+    word().fetch_and(~kSignalled, std::memory_order_acq_rel);
+    return true;
+}
+
+Waitable::Attempt NamedEvent::try_acquire(Thread&) noexcept {
+    if (!member_.is_valid()) return Attempt::No;
+    std::atomic<std::uint64_t>& state = word();
+    std::uint64_t seen = state.load(std::memory_order_acquire);
+    if (member_.object().manual_reset != 0) return (seen & kSignalled) != 0 ? Attempt::Taken : Attempt::No;
+    if (seen != (member_.base() | kSignalled)) return Attempt::No;
+    return state.compare_exchange_strong(seen, member_.base(), std::memory_order_acq_rel, std::memory_order_relaxed)
+               ? Attempt::Taken
+               : Attempt::No;
+}
+
+// --- Mutexes ---------------------------------------------------------------------------------------------------------
+
+Waitable::Attempt NamedMutex::try_acquire(Thread& self) noexcept {
+    if (!member_.is_valid()) return Attempt::No;
+    const std::uint64_t owner = member_.session().owner(self);
+    std::uint64_t seen = word().load(std::memory_order_acquire);
+    if ((seen & kOwner) == owner) return Attempt::Taken;
+    if ((seen & ~kAbandoned) != member_.base()) return Attempt::No;
+    if (!word().compare_exchange_strong(seen, member_.base() | owner, std::memory_order_acq_rel,
+                                        std::memory_order_relaxed)) {
+        return Attempt::No;
+    }
+    return (seen & kAbandoned) != 0 ? Attempt::TakenAbandoned : Attempt::Taken;
+}
+
+void NamedMutex::acquired(Thread& self) noexcept {
+    if (holds_++ != 0) return;
+    add_ref();
+    NamedMutex*& first = ThreadAccess::named_owned(self);
+    previous_ = nullptr;
+    next_ = first;
+    if (first) first->previous_ = this;
+    first = this;
+}
+
+bool NamedMutex::unlock(Thread& self) noexcept {
+    if (!member_.is_valid()) return false;
+    if ((word().load(std::memory_order_relaxed) & kOwner) != member_.session().owner(self)) return false;
+    if (holds_ > 1) {
+        --holds_;
+    } else {
+        give_up(self, 0);
+    }
+    return true;
+}
+
+void NamedMutex::give_up(Thread& self, std::uint64_t mark) noexcept {
+    (previous_ ? previous_->next_ : ThreadAccess::named_owned(self)) = next_;
+    if (next_) next_->previous_ = previous_;
+    holds_ = 0;
+    Session& session = member_.session();
+    std::uint64_t seen = member_.base() | session.owner(self);
+    if (!word().compare_exchange_strong(seen, member_.base() | mark, std::memory_order_release,
+                                        std::memory_order_relaxed)) {
+        const SessionHold hold(session);
+        word().exchange(member_.base() | kWaiters | mark, std::memory_order_acq_rel);
+        let_go(member_.object());
+        serve(session.region(), member_.index());
+    }
+    release();
+}
+
+void NamedMutex::abandon_all(Thread& self) noexcept {
+    while (NamedMutex* mutex = ThreadAccess::named_owned(self)) {
+        mutex->give_up(self, kAbandoned);
+    }
+}
+
+// --- Making and opening ----------------------------------------------------------------------------------------------
+
+HANDLE create_event(std::u16string_view name, bool manual_reset, bool signalled) noexcept {
+    Session* const session = Session::begin();
+    if (!session) return nullptr;
+    const NewObject wanted{.kind = Kind::Event, .manual_reset = manual_reset, .word = signalled ? kSignalled : 0};
+    const Opened opened = open_named<NamedEvent>(*session, name, &wanted, nullptr);
+    SetLastError(opened.error);
+    return opened.handle;
+}
+
+HANDLE create_mutex(std::u16string_view name, bool owned) noexcept {
+    Session* const session = Session::begin();
+    if (!session) return nullptr;
+    Thread& self = ThreadAccess::current();
+    const NewObject wanted{.kind = Kind::Mutex, .word = owned ? session->owner(self) : 0};
+    const Opened opened = open_named<NamedMutex>(*session, name, &wanted, owned ? &self : nullptr);
+    SetLastError(opened.error);
+    return opened.handle;
+}
+
+HANDLE open_event(LPCWSTR name) noexcept {
+    return open_existing<NamedEvent>(name);
+}
+
+HANDLE open_mutex(LPCWSTR name) noexcept {
+    return open_existing<NamedMutex>(name);
+}
+
+}  // namespace zr::platform::named

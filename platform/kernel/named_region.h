@@ -1,0 +1,116 @@
+#pragma once
+
+// The file of named objects, mapped; its tables and its lock.
+
+#include <string>
+
+#include "futex.h"
+#include "named_layout.h"
+
+namespace zr::platform::named {
+
+template <class Entry>
+struct TableOf;
+template <>
+struct TableOf<Object> {
+    static constexpr Table kTable = Table::Objects;
+};
+template <>
+struct TableOf<NameCell> {
+    static constexpr Table kTable = Table::Cells;
+};
+template <>
+struct TableOf<Sleeper> {
+    static constexpr Table kTable = Table::Sleepers;
+};
+
+class Region {
+public:
+    Region() noexcept = default;
+    Region(const Region&) = delete;
+    Region& operator=(const Region&) = delete;
+
+    // Maps the file, which is open as `file` and locked (flock) by the caller; makes it anew when it is none yet, is
+    // damaged, or when no process of those that it names lives. 0 or an error number, and then nothing is left.
+    int attach(int file, const std::string& folder) noexcept;
+    void detach() noexcept;
+
+    Header& header() const noexcept { return *reinterpret_cast<Header*>(base_); }
+    Process& process(std::uint32_t place) const noexcept { return reinterpret_cast<Process*>(base_ + kSegment)[place]; }
+    const std::string& folder() const noexcept { return folder_; }
+
+    // Entries by number.
+    template <class Entry>
+    static constexpr std::uint32_t kPerChunk = kSegment / sizeof(Entry);
+    template <class Entry>
+    Entry& at(std::uint32_t index) const noexcept {
+        const auto table = static_cast<std::uint32_t>(TableOf<Entry>::kTable);
+        const std::uint32_t segment = header().chunks[table][index / kPerChunk<Entry>].load(std::memory_order_acquire);
+        return reinterpret_cast<Entry*>(base_ + std::size_t{segment} * kSegment)[index % kPerChunk<Entry>];
+    }
+    template <class Entry>
+    std::uint32_t count() const noexcept {
+        const auto table = static_cast<std::uint32_t>(TableOf<Entry>::kTable);
+        std::uint32_t chunks = 0;
+        while (chunks < kChunks && header().chunks[table][chunks].load(std::memory_order_relaxed) != 0) {
+            ++chunks;
+        }
+        return chunks * kPerChunk<Entry>;
+    }
+
+    // The number of an entry that `is_vacant` says is, with the lock held; kNone and an error number when there is no
+    // room. The entry stays vacant until the caller says otherwise.
+    template <class Entry, class IsVacant>
+    std::uint32_t find_vacant(IsVacant is_vacant, int& error) noexcept {
+        std::uint32_t& hint = header().hints[static_cast<std::uint32_t>(TableOf<Entry>::kTable)];
+        const std::uint32_t count = this->count<Entry>();
+        for (; hint < count; ++hint) {
+            if (is_vacant(at<Entry>(hint))) return hint;
+        }
+        error = grow(TableOf<Entry>::kTable);
+        return error == 0 ? hint : kNone;
+    }
+    template <class Entry>
+    void now_vacant(std::uint32_t index) noexcept {
+        std::uint32_t& hint = header().hints[static_cast<std::uint32_t>(TableOf<Entry>::kTable)];
+        if (index < hint) hint = index;
+    }
+
+    // Whether the process at that place, of that generation, still lives.
+    bool lives(std::uint32_t place, std::uint32_t generation) const noexcept;
+    bool lives(std::uint32_t place) const noexcept;
+
+    // The word of a process's life lock: its holder's thread identifier, marked by the kernel when that ends.
+    std::atomic<std::uint32_t>& life(std::uint32_t place) const noexcept;
+
+    std::string contents_path(std::uint64_t number) const;
+    int open_file(int flags) const noexcept;  // the file of the region itself; -1 with errno
+
+private:
+    int initialise(int file) noexcept;
+    int grow(Table table) noexcept;
+    bool is_whole(int file) const noexcept;
+    bool anybody_lives() const noexcept;
+
+    char* base_ = nullptr;
+    std::string folder_;
+    std::uint64_t device_ = 0;
+    std::uint64_t inode_ = 0;
+};
+
+// A robust lock for all processes. 0 or an error number.
+int make_shared_lock(pthread_mutex_t& lock) noexcept;
+
+// Holds the region's lock. Who finds it left by a thread that was killed repairs the region first.
+class Hold {
+public:
+    explicit Hold(Region& region) noexcept;
+    ~Hold() { pthread_mutex_unlock(&region_.header().lock); }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+
+private:
+    Region& region_;
+};
+
+}  // namespace zr::platform::named

@@ -1,0 +1,286 @@
+#include "named_session.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <new>
+
+#include "engine.h"
+#include "host_error.h"
+#include "platform/base.h"
+#include "state_folder.h"
+
+namespace zr::platform::named {
+namespace {
+
+constexpr std::size_t kWatchStack = 256 * 1024;
+constexpr std::size_t kMemberBuckets = 1024;
+
+std::atomic<Session*> the_session = nullptr;
+Session* inherited = nullptr;  // a forked child keeps its parent's, which its objects name
+std::mutex session_lock;
+
+std::mutex members_lock;
+Member* members[kMemberBuckets];
+
+// The file is made sticky: what cleans up runtime directories leaves such files alone.
+constexpr mode_t kFileMode = S_ISVTX | S_IRUSR | S_IWUSR;
+
+// The region's file, open and locked; it is the one that the path names now.
+int open_locked(const std::string& path, int flags, HostFd& file) noexcept {
+    for (;;) {
+        file = HostFd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600));
+        if (!file) return errno;
+        while (flock(file.get(), LOCK_EX) != 0) {
+            if (errno != EINTR) return errno;
+        }
+        struct stat here {};
+        struct stat there {};
+        if (fstat(file.get(), &here) != 0) return errno;
+        if (lstat(path.c_str(), &there) != 0 || here.st_ino != there.st_ino || here.st_dev != there.st_dev) continue;
+        if ((here.st_mode & 07777) != kFileMode) fchmod(file.get(), kFileMode);
+        return 0;
+    }
+}
+
+}  // namespace
+
+RegionFile::~RegionFile() {
+    // Explicitly: a child that was forked meanwhile has the descriptor too.
+    if (file_) flock(file_.get(), LOCK_UN);
+}
+
+bool RegionFile::open(Region& region, bool create, DWORD& error) noexcept {
+    const Folder folder = runtime_folder();
+    if (!folder) {
+        error = folder.error;
+        return false;
+    }
+    int number = 0;
+    try {
+        number = open_locked(folder.path + "/" + kFileName, create ? O_CREAT : 0, file_);
+        if (number == 0) number = region.attach(file_.get(), folder.path);
+    } catch (const std::bad_alloc&) {
+        number = ENOMEM;
+    }
+    error = error_from_errno(number);
+    return number == 0;
+}
+
+Session* Session::current() noexcept {
+    return the_session.load(std::memory_order_acquire);
+}
+
+Session* Session::begin() noexcept {
+    if (Session* const session = current()) return session;
+    const std::lock_guard guard(session_lock);
+    if (Session* const session = current()) return session;
+    Session* const session = new (std::nothrow) Session;
+    if (!session) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    if (const DWORD error = session->join(); error != ERROR_SUCCESS) {
+        delete session;
+        SetLastError(error);
+        return nullptr;
+    }
+    static const int registered = pthread_atfork(&Session::before_fork, &Session::in_parent, &Session::in_child);
+    static_cast<void>(registered);
+    the_session.store(session, std::memory_order_release);
+    return session;
+}
+
+DWORD Session::join() noexcept {
+    RegionFile file;
+    DWORD error = ERROR_SUCCESS;
+    if (!file.open(region_, true, error)) return error;
+    if (!take_place() || !start_watch()) {
+        region_.detach();
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    return ERROR_SUCCESS;
+}
+
+bool Session::take_place() noexcept {
+    const Hold hold(region_);
+    clear_dead(region_);
+    for (place_ = 0; place_ < kProcesses; ++place_) {
+        Process& process = region_.process(place_);
+        if (process.state.load(std::memory_order_relaxed) != Process::Vacant) continue;
+        process.id.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
+        generation_ = process.generation.load(std::memory_order_relaxed);
+        return make_shared_lock(process.life) == 0;
+    }
+    return false;
+}
+
+// Returns when the thread runs and holds the life lock.
+bool Session::start_watch() noexcept {
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) return false;
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attributes, kWatchStack);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t thread{};
+    const bool started = pthread_create(&thread, &attributes, &Session::watch_main, this) == 0;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attributes);
+    while (started && watching_.load(std::memory_order_acquire) == 0) {
+        futex_wait(watching_, 0, Deadline::never());
+    }
+    return started;
+}
+
+void* Session::watch_main(void* argument) {
+    Session& self = *static_cast<Session*>(argument);
+    Process& process = self.region_.process(self.place_);
+    pthread_mutex_lock(&process.life);
+    {
+        const Hold hold(self.region_);
+        process.state.store(Process::Taken, std::memory_order_release);
+    }
+    self.announce();
+    self.watching_.store(1, std::memory_order_release);
+    futex_wake(&self.watching_, INT_MAX);
+    self.watch();
+    return nullptr;
+}
+
+// The next process in the circle of all; this one when it is alone.
+std::uint32_t Session::next_place() const noexcept {
+    for (std::uint32_t step = 1; step < kProcesses; ++step) {
+        const std::uint32_t place = (place_ + step) % kProcesses;
+        if (region_.process(place).state.load(std::memory_order_acquire) == Process::Taken) return place;
+    }
+    return place_;
+}
+
+// Who watched the process behind this one has to watch this one from now on. It sleeps while the mark of waiters is in
+// the word, so it looks again whether it is about to sleep or sleeps.
+void Session::announce() noexcept {
+    const std::uint32_t next = next_place();
+    if (next == place_) return;
+    std::atomic<std::uint32_t>& word = region_.life(next);
+    word.fetch_and(~std::uint32_t{FUTEX_WAITERS}, std::memory_order_acq_rel);
+    futex_wake(&word, INT_MAX, FutexScope::Shared);
+}
+
+// Every process watches the next one in the circle, and clears up after it when it has ended: so each end is noticed at
+// once by one process, and should that end meanwhile too, by the one before it.
+void Session::watch() noexcept {
+    for (;;) {
+        const std::uint32_t next = next_place();
+        if (next != place_ && !region_.lives(next)) {
+            const Hold hold(region_);
+            clear_place(region_, next);
+            continue;
+        }
+        std::atomic<std::uint32_t>& word = region_.life(next);
+        std::uint32_t seen = word.load(std::memory_order_acquire);
+        if ((seen & FUTEX_OWNER_DIED) != 0) continue;
+        const std::uint32_t marked = seen | FUTEX_WAITERS;
+        if (!word.compare_exchange_strong(seen, marked, std::memory_order_acq_rel)) continue;
+        if (next_place() == next) futex_wait(word, marked, Deadline::never(), FutexScope::Shared);
+    }
+}
+
+// What a forked child must find free.
+void Session::before_fork() noexcept {
+    session_lock.lock();
+    members_lock.lock();
+    ThreadAccess::before_fork();
+}
+
+void Session::in_parent() noexcept {
+    ThreadAccess::after_fork(false);
+    members_lock.unlock();
+    session_lock.unlock();
+}
+
+// The child is a process of its own, without a place: the next use of a named object begins a session for it.
+void Session::in_child() noexcept {
+    ThreadAccess::after_fork(true);
+    inherited = the_session.exchange(nullptr, std::memory_order_acq_rel);
+    members_lock.unlock();
+    session_lock.unlock();
+}
+
+SessionHold::SessionHold(Session& session) noexcept : Hold(session.region()) {
+    const Process& process = session.region().process(session.place());
+    if (process.generation.load(std::memory_order_relaxed) == session.generation()) return;
+    // Others have been told that this process ended: it is being killed, and this thread just has not noticed yet.
+    pthread_mutex_unlock(&session.region().header().lock);
+    for (;;) {
+        pause();
+    }
+}
+
+std::mutex& Member::lock() noexcept {
+    return members_lock;
+}
+
+void Member::join(Session& session, std::uint32_t index, zr::platform::Object* owner) noexcept {
+    if (!session_) {
+        session_ = &session;
+        index_ = index;
+        object_ = &session.region().at<Object>(index);
+        base_ = std::uint64_t{object_->generation} << kGenerationShift;
+        owner_ = owner;
+        next_ = members[index % kMemberBuckets];
+        members[index % kMemberBuckets] = this;
+    }
+    open_ = true;
+    named::join(session.region(), index, session.place());
+}
+
+Member::~Member() {
+    if (!session_) return;
+    const std::lock_guard guard(members_lock);
+    Member** link = &members[index_ % kMemberBuckets];
+    while (*link != this) {
+        link = &(*link)->next_;
+    }
+    *link = next_;
+    if (!is_valid() || !is_last(false)) return;
+    const SessionHold hold(*session_);
+    named::leave(session_->region(), index_, session_->place());
+}
+
+void Member::close(const zr::platform::Object& owner) noexcept {
+    const std::lock_guard guard(members_lock);
+    if (owner.has_handle()) return;  // opened again meanwhile
+    open_ = false;
+    if (!is_valid() || !is_last(true)) return;
+    const SessionHold hold(*session_);
+    named::close_by(session_->region(), index_, session_->place());
+}
+
+// Whether no other member stands for the same object, or none that is open.
+bool Member::is_last(bool open_only) const noexcept {
+    for (const Member* other = members[index_ % kMemberBuckets]; other; other = other->next_) {
+        if (other == this || other->index_ != index_ || other->session_ != session_) continue;
+        if (other->base_ == base_ && (other->open_ || !open_only)) return false;
+    }
+    return true;
+}
+
+Member* Member::find_local(std::uint32_t index, zr::platform::Object*& owner) noexcept {
+    for (Member* member = members[index % kMemberBuckets]; member; member = member->next_) {
+        if (member->index_ != index || !member->is_valid() || !member->owner_) continue;
+        // One that is being deleted has no reference left to share.
+        if (!member->owner_->try_add_ref()) continue;
+        owner = member->owner_;
+        return member;
+    }
+    return nullptr;
+}
+
+}  // namespace zr::platform::named

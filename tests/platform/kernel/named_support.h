@@ -1,0 +1,113 @@
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/kernel/kernel_support.h"
+#include "platform/mapping.h"
+#include "platform/memory.h"
+#include "platform/objects.h"
+
+namespace zr::test {
+
+// A second process that runs a function: forked, so that thousands of them take seconds. It has nothing of this
+// process's named objects; what it opens is its own. Killed and reaped with the object.
+class Fork {
+public:
+    explicit Fork(const std::function<int()>& body) {
+        EXPECT_EQ(pipe2(pipe_, O_CLOEXEC), 0);
+        pid_ = fork();
+        if (pid_ == 0) {
+            mine() = pipe_[1];
+            _exit(body());
+        }
+        close(pipe_[1]);
+    }
+    ~Fork() {
+        kill();
+        close(pipe_[0]);
+    }
+    Fork(const Fork&) = delete;
+    Fork& operator=(const Fork&) = delete;
+
+    // In the child: tells the parent how far it is. In the parent: waits for that; 0 when the child has ended.
+    static void say(char what) { EXPECT_EQ(write(mine(), &what, 1), 1); }
+    char hear() {
+        char what = 0;
+        return read(pipe_[0], &what, 1) == 1 ? what : '\0';
+    }
+
+    void kill() {
+        if (pid_ > 0) ::kill(pid_, SIGKILL);
+        join();
+    }
+    int join() {
+        int status = 0;
+        if (pid_ > 0) EXPECT_EQ(waitpid(std::exchange(pid_, -1), &status, 0) > 0, true);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    pid_t pid() const { return pid_; }
+
+private:
+    static int& mine() {
+        static int fd = -1;
+        return fd;
+    }
+
+    int pipe_[2] = {-1, -1};
+    pid_t pid_ = -1;
+};
+
+inline Handle named_event(const char16_t* name, bool manual = false, bool signalled = false) {
+    return Handle(CreateEventW(nullptr, manual ? TRUE : FALSE, signalled ? TRUE : FALSE, name));
+}
+inline Handle named_mutex(const char16_t* name, bool owned = false) {
+    return Handle(CreateMutexW(nullptr, owned ? TRUE : FALSE, name));
+}
+inline Handle named_mapping(const char16_t* name, DWORD size, DWORD protection = PAGE_READWRITE) {
+    return Handle(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, protection, 0, size, name));
+}
+
+// What a listing says of an object, copied.
+struct Listed {
+    std::u16string name;
+    ZrNamedObject object;
+    std::vector<DWORD> processes;
+};
+
+inline std::vector<Listed> listed() {
+    std::vector<Listed> all;
+    EXPECT_TRUE(ZrEnumNamedObjects(
+        [](const ZrNamedObject* object, LPVOID context) {
+            static_cast<std::vector<Listed>*>(context)->push_back(
+                {std::u16string(object->Name, object->NameLength),
+                 *object,
+                 {object->Processes, object->Processes + object->ProcessCount}});
+            return TRUE;
+        },
+        &all));
+    return all;
+}
+
+// The runtime directory's files but for the one of all objects.
+inline std::vector<std::string> content_files() {
+    std::vector<std::string> names;
+    const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
+    if (!std::filesystem::exists(folder)) return names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        const std::string name = entry.path().filename();
+        if (!name.starts_with("objects-")) names.push_back(name);
+    }
+    return names;
+}
+
+}  // namespace zr::test

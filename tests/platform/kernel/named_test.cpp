@@ -1,0 +1,413 @@
+// Named events and mutexes, in this process and with others.
+
+#include <set>
+
+#include "platform/kernel/named_support.h"
+#include "support/child.h"
+
+using namespace zr::test;
+
+TEST(Named, SecondCreatorOpensTheFirstObject) {
+    const Handle first = named_event(u"an event");
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    const Handle second = named_event(u"an event", true, true);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_NE(first, second);
+    // Neither kind nor state of the first one changed.
+    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_TIMEOUT);
+    EXPECT_TRUE(SetEvent(second));
+    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_TIMEOUT);
+}
+
+TEST(Named, NamesOfAnotherKindAreRefused) {
+    const Handle event = named_event(u"one");
+    EXPECT_EQ(CreateMutexW(nullptr, FALSE, u"one"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 10, u"one"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(OpenMutexW(SYNCHRONIZE, FALSE, u"one"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    const Handle mapping = named_mapping(u"two", 10);
+    EXPECT_EQ(CreateEventW(nullptr, FALSE, FALSE, u"two"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST(Named, OpeningNeedsAnObjectAndAName) {
+    EXPECT_EQ(OpenEventW(EVENT_ALL_ACCESS, FALSE, u"nobody made it"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, u"nobody made it"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(OpenEventW(EVENT_ALL_ACCESS, FALSE, nullptr), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(OpenEventW(EVENT_ALL_ACCESS, FALSE, u""), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    const Handle event = named_event(u"somebody made it");
+    const Handle opened(OpenEventW(EVENT_ALL_ACCESS, FALSE, u"somebody made it"));
+    EXPECT_TRUE(SetEvent(opened));
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+}
+
+TEST(Named, TheNameEndsWithTheLastHandle) {
+    Handle first = named_event(u"short", true, true);
+    Handle second = named_event(u"short");
+    first = Handle();
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);
+    second = Handle();
+    const Handle third = named_event(u"short");
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_EQ(WaitForSingleObject(third, 0), WAIT_TIMEOUT);
+}
+
+TEST(Named, ADuplicateKeepsTheName) {
+    Handle first = named_event(u"kept");
+    HANDLE copy = nullptr;
+    ASSERT_TRUE(DuplicateHandle(GetCurrentProcess(), first, GetCurrentProcess(), &copy, 0, FALSE, 0));
+    const Handle second(copy);
+    first = Handle();
+    named_event(u"kept");
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+}
+
+TEST(Named, AnyTextIsAName) {
+    std::u16string everything;
+    for (unsigned unit = 1; unit < 0x10000; ++unit) {
+        everything += static_cast<char16_t>(unit);
+    }
+    std::vector<std::u16string> names = {
+        u"\\",  u"/",     u"a/b",         u"a\\b",          u"..",    u".",        u" ",  u"  ", u"\t", u"Global\\x", u"x",
+        u"X",   u"x ",    u"\u00e9",      u"e\u0301",       u"a%sb",  u"new.0.0.", u"objects-1-64",
+        u"mapping.1",     std::u16string(28, u'n'),         std::u16string(29, u'n'), std::u16string(88, u'n'),
+        std::u16string(89, u'n'),         std::u16string(5000, u'n'),                 everything,
+    };
+    for (const char16_t lone : {u'\xD800', u'\xDBFF', u'\xDC00', u'\xDFFF'}) {
+        names.push_back(std::u16string(1, lone));
+    }
+    std::vector<Handle> handles;
+    for (const std::u16string& name : names) {
+        handles.push_back(named_event(name.c_str()));
+        ASSERT_NE(handles.back(), nullptr);
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    }
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        const Handle again = named_event(names[i].c_str());
+        EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+        EXPECT_TRUE(SetEvent(again));
+        EXPECT_EQ(WaitForSingleObject(handles[i], 0), WAIT_OBJECT_0);
+    }
+    std::vector<std::u16string> in_list;
+    for (const Listed& one : listed()) {
+        in_list.push_back(one.name);
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(in_list, names);
+}
+
+TEST(Named, MutexOfTwoHandlesIsOne) {
+    const Handle first = named_mutex(u"lock", true);
+    const Handle second = named_mutex(u"lock", true);
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    Worker other([&] { return WaitForSingleObject(second, 0); });
+    EXPECT_EQ(other.join(), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);  // a second hold
+    EXPECT_TRUE(ReleaseMutex(first));
+    EXPECT_TRUE(ReleaseMutex(second));
+    EXPECT_FALSE(ReleaseMutex(first));
+    EXPECT_EQ(GetLastError(), ERROR_NOT_OWNER);
+}
+
+TEST(Named, ThreadThatEndsAbandons) {
+    const Handle lock = named_mutex(u"left");
+    Worker other([&] { return WaitForSingleObject(lock, INFINITE); });
+    EXPECT_EQ(other.join(), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(lock, 0), WAIT_ABANDONED);
+    EXPECT_TRUE(ReleaseMutex(lock));
+    EXPECT_EQ(WaitForSingleObject(lock, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(ReleaseMutex(lock));
+}
+
+TEST(Named, WaitersAreServedInOrder) {
+    const Handle event = named_event(u"order");
+    std::string order;
+    Worker first([&] { return WaitForSingleObject(event, INFINITE) + (order += '1', 0); });
+    first.until_asleep();
+    Worker second([&] { return WaitForSingleObject(event, INFINITE) + (order += '2', 0); });
+    second.until_asleep();
+    SetEvent(event);
+    first.join();
+    SetEvent(event);
+    second.join();
+    EXPECT_EQ(order, "12");
+}
+
+TEST(Named, MixesWithUnnamedObjectsInAWaitForAny) {
+    const Handle named = named_event(u"mixed");
+    const Handle lock = named_mutex(u"mixed lock");
+    const Handle plain = auto_event();
+    const HANDLE all[] = {named, plain, lock};
+    Worker holder([&] {
+        WaitForSingleObject(lock, INFINITE);
+        Worker waiter([&] { return WaitForMultipleObjects(3, all, FALSE, INFINITE); });
+        waiter.until_asleep();
+        SetEvent(plain);
+        EXPECT_EQ(waiter.join(), WAIT_OBJECT_0 + 1);
+        Worker again([&] { return WaitForMultipleObjects(3, all, FALSE, INFINITE); });
+        again.until_asleep();
+        SetEvent(named);
+        EXPECT_EQ(again.join(), WAIT_OBJECT_0);
+        Worker third([&] {
+            const DWORD result = WaitForMultipleObjects(3, all, FALSE, INFINITE);
+            ReleaseMutex(lock);
+            return result;
+        });
+        third.until_asleep();
+        ReleaseMutex(lock);
+        EXPECT_EQ(third.join(), WAIT_OBJECT_0 + 2);
+        return DWORD{0};
+    });
+    holder.join();
+    EXPECT_EQ(WaitForMultipleObjects(3, all, FALSE, 0), WAIT_OBJECT_0 + 2);
+    EXPECT_EQ(WaitForMultipleObjects(2, all, FALSE, 5), WAIT_TIMEOUT);
+    ReleaseMutex(lock);
+}
+
+TEST(Named, AWaitForAllTakesEverythingOrNothing) {
+    const Handle named = named_event(u"all 1");
+    const Handle other = named_event(u"all 2");
+    const Handle plain = auto_event();
+    for (const DWORD count : {DWORD{2}, DWORD{3}}) {  // named ones only; mixed
+        const HANDLE all[] = {named, other, plain};
+        Worker waiter([&] { return WaitForMultipleObjects(count, all, TRUE, INFINITE); });
+        waiter.until_asleep();
+        SetEvent(named);
+        EXPECT_EQ(WaitForSingleObject(named, 0), WAIT_OBJECT_0);  // not taken yet
+        SetEvent(plain);
+        SetEvent(named);
+        SetEvent(other);
+        EXPECT_EQ(waiter.join(), WAIT_OBJECT_0);
+        EXPECT_EQ(WaitForSingleObject(named, 0), WAIT_TIMEOUT);
+        EXPECT_EQ(WaitForSingleObject(other, 0), WAIT_TIMEOUT);
+        EXPECT_EQ(WaitForSingleObject(plain, 0), count == 3 ? WAIT_TIMEOUT : WAIT_OBJECT_0);
+    }
+}
+
+TEST(Named, AMixedWaitForAllEndsByWhicheverComesLast) {
+    const Handle named = named_event(u"last");
+    const Handle plain = auto_event();
+    const HANDLE all[] = {named, plain};
+    for (int round = 0; round < 2; ++round) {
+        Worker waiter([&] { return WaitForMultipleObjects(2, all, TRUE, INFINITE); });
+        waiter.until_asleep();
+        SetEvent(all[round]);
+        SetEvent(all[1 - round]);
+        EXPECT_EQ(waiter.join(), WAIT_OBJECT_0);
+        EXPECT_EQ(WaitForSingleObject(named, 0), WAIT_TIMEOUT);
+        EXPECT_EQ(WaitForSingleObject(plain, 0), WAIT_TIMEOUT);
+    }
+}
+
+TEST(Named, PulseLetsGoThoseWhoWait) {
+    const Handle manual = named_event(u"pulse", true);
+    Worker first([&] { return WaitForSingleObject(manual, INFINITE); });
+    Worker second([&] { return WaitForSingleObject(manual, INFINITE); });
+    first.until_asleep();
+    second.until_asleep();
+    EXPECT_TRUE(PulseEvent(manual));
+    EXPECT_EQ(first.join(), WAIT_OBJECT_0);
+    EXPECT_EQ(second.join(), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(manual, 0), WAIT_TIMEOUT);
+    const Handle automatic = named_event(u"pulse one");
+    EXPECT_TRUE(PulseEvent(automatic));
+    EXPECT_EQ(WaitForSingleObject(automatic, 0), WAIT_TIMEOUT);
+    Worker third([&] { return WaitForSingleObject(automatic, INFINITE); });
+    third.until_asleep();
+    EXPECT_TRUE(EventModify(automatic, EVENT_PULSE));
+    EXPECT_EQ(third.join(), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(automatic, 0), WAIT_TIMEOUT);
+}
+
+TEST(Named, AWaitingThreadCanBeEnded) {
+    const Handle event = named_event(u"never set");
+    const Handle plain = auto_event();
+    const HANDLE both[] = {event, plain};
+    Worker pure([&] { return WaitForSingleObject(event, INFINITE); });
+    Worker mixed([&] { return WaitForMultipleObjects(2, both, FALSE, INFINITE); });
+    pure.until_asleep();
+    mixed.until_asleep();
+    EXPECT_TRUE(TerminateThread(pure.handle(), 7));
+    EXPECT_TRUE(TerminateThread(mixed.handle(), 8));
+    EXPECT_EQ(pure.join(), 7u);
+    EXPECT_EQ(mixed.join(), 8u);
+    EXPECT_TRUE(SetEvent(event));
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+}
+
+TEST(Named, TimeoutsAreKept) {
+    const Handle event = named_event(u"late");
+    const DWORD begin = GetTickCount();
+    EXPECT_EQ(WaitForSingleObject(event, 30), WAIT_TIMEOUT);
+    EXPECT_GE(GetTickCount() - begin, 29u);
+}
+
+// --- Other processes -------------------------------------------------------------------------------------------------
+
+ZR_CHILD(named_peer) {
+    const Handle there = named_event(u"there");
+    if (GetLastError() != ERROR_ALREADY_EXISTS) return 1;
+    const Handle back(OpenEventW(EVENT_MODIFY_STATE, FALSE, u"back"));
+    for (int i = 0; i < 100; ++i) {
+        if (WaitForSingleObject(there, INFINITE) != WAIT_OBJECT_0) return 2;
+        if (!SetEvent(back)) return 3;
+    }
+    return 0;
+}
+
+TEST(NamedProcesses, EventsReachAnotherProgram) {
+    const Handle there = named_event(u"there");
+    const Handle back = named_event(u"back");
+    Child child("named_peer");
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(SetEvent(there));
+        ASSERT_EQ(WaitForSingleObject(back, 10000), WAIT_OBJECT_0);
+    }
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(NamedProcesses, AMutexKeepsProcessesApart) {
+    const Handle lock = named_mutex(u"apart");
+    const Handle memory = named_mapping(u"apart counter", 8);
+    auto* counter = static_cast<volatile LONGLONG*>(MapViewOfFile(memory, FILE_MAP_WRITE, 0, 0, 8));
+    ASSERT_NE(counter, nullptr);
+    const auto body = [&] {
+        const Handle mine = named_mutex(u"apart");
+        for (int i = 0; i < 500; ++i) {
+            if (WaitForSingleObject(mine, INFINITE) != WAIT_OBJECT_0) return 1;
+            *counter = *counter + 1;
+            if (!ReleaseMutex(mine)) return 2;
+        }
+        return 0;
+    };
+    Fork first(body);
+    Fork second(body);
+    Fork third(body);
+    EXPECT_EQ(first.join(), 0);
+    EXPECT_EQ(second.join(), 0);
+    EXPECT_EQ(third.join(), 0);
+    EXPECT_EQ(*counter, 1500);
+    UnmapViewOfFile(const_cast<LONGLONG*>(counter));
+}
+
+TEST(NamedProcesses, AKilledOwnerAbandonsToTheSleepingWaiter) {
+    const Handle lock = named_mutex(u"owned by the dead");
+    Fork owner([] {
+        const Handle mine = named_mutex(u"owned by the dead");
+        WaitForSingleObject(mine, INFINITE);
+        Fork::say('o');
+        pause();
+        return 0;
+    });
+    ASSERT_EQ(owner.hear(), 'o');
+    EXPECT_EQ(WaitForSingleObject(lock, 0), WAIT_TIMEOUT);
+    Worker waiter([&] {
+        const DWORD result = WaitForSingleObject(lock, INFINITE);
+        ReleaseMutex(lock);
+        return result;
+    });
+    waiter.until_asleep();
+    owner.kill();
+    EXPECT_EQ(waiter.join(), WAIT_ABANDONED);
+    EXPECT_EQ(WaitForSingleObject(lock, 0), WAIT_OBJECT_0);
+    ReleaseMutex(lock);
+}
+
+TEST(NamedProcesses, AKilledProcessTakesItsNamesAlong) {
+    const Handle anchor = named_event(u"anchor");  // keeps this process among those that share objects
+    Fork owner([] {
+        CreateEventW(nullptr, TRUE, TRUE, u"gone event");
+        CreateMutexW(nullptr, TRUE, u"gone mutex");
+        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 100, u"gone mapping");
+        Fork::say('o');
+        pause();
+        return 0;
+    });
+    ASSERT_EQ(owner.hear(), 'o');
+    EXPECT_EQ(listed().size(), 4u);
+    EXPECT_EQ(content_files().size(), 1u);
+    owner.kill();
+    EXPECT_EQ(listed().size(), 1u);
+    EXPECT_TRUE(content_files().empty());
+    const Handle event = named_event(u"gone event");
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
+    const Handle lock = named_mutex(u"gone mutex");
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_EQ(WaitForSingleObject(lock, 0), WAIT_OBJECT_0);
+    ReleaseMutex(lock);
+}
+
+TEST(NamedProcesses, WhoComesAfterAllAreDeadFindsNothing) {
+    Fork owner([] {
+        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 100, u"left behind");
+        Fork::say('o');
+        pause();
+        return 0;
+    });
+    ASSERT_EQ(owner.hear(), 'o');
+    owner.kill();
+    const Handle memory = named_mapping(u"left behind", 100);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_EQ(content_files().size(), 1u);
+}
+
+TEST(NamedProcesses, ExactlyOneOfManyMakesIt) {
+    const Handle go = named_event(u"go", true);
+    for (int round = 0; round < 20; ++round) {
+        ResetEvent(go);
+        std::vector<std::unique_ptr<Fork>> racers;
+        for (int i = 0; i < 4; ++i) {
+            racers.push_back(std::make_unique<Fork>([&] {
+                const Handle start = named_event(u"go");
+                Fork::say('r');
+                WaitForSingleObject(start, INFINITE);
+                Handle made;
+                switch (round % 3) {
+                    case 0:
+                        made = named_event(u"race");
+                        break;
+                    case 1:
+                        made = named_mutex(u"race");
+                        break;
+                    default:
+                        made = named_mapping(u"race", 1000);
+                }
+                const DWORD error = GetLastError();
+                if (!made) return 3;
+                Fork::say('m');
+                pause();
+                return error == ERROR_SUCCESS ? 1 : error == ERROR_ALREADY_EXISTS ? 0 : 2;
+            }));
+        }
+        for (auto& racer : racers) {
+            ASSERT_EQ(racer->hear(), 'r');
+        }
+        SetEvent(go);
+        for (auto& racer : racers) {
+            ASSERT_EQ(racer->hear(), 'm');
+        }
+    }
+}
+
+TEST(NamedProcesses, ForkedChildHasNoneOfTheHandles) {
+    const Handle event = named_event(u"parent's", true, true);
+    Fork child([&] {
+        if (WaitForSingleObject(event, 0) != WAIT_FAILED || GetLastError() != ERROR_INVALID_HANDLE) return 1;
+        if (SetEvent(event) || GetLastError() != ERROR_INVALID_HANDLE) return 2;
+        const Handle own = named_event(u"parent's");
+        if (GetLastError() != ERROR_ALREADY_EXISTS) return 3;
+        return WaitForSingleObject(own, 0) == WAIT_OBJECT_0 ? 0 : 4;
+    });
+    EXPECT_EQ(child.join(), 0);
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+}
