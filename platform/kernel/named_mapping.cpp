@@ -166,8 +166,8 @@ HANDLE create(std::u16string_view name, std::uint64_t size, DWORD protection) {
 // The protection whose access this is.
 DWORD protection_for(DWORD access) noexcept {
     const bool execute = (access & FILE_MAP_EXECUTE) != 0;
-    if ((access & FILE_MAP_WRITE) != 0) return execute ? kPageExecuteReadWrite : kPageReadWrite;
-    return execute ? kPageExecuteRead : kPageReadOnly;
+    if ((access & FILE_MAP_WRITE) != 0) return execute ? PAGE_EXECUTE_READWRITE : PAGE_READWRITE;
+    return execute ? PAGE_EXECUTE_READ : PAGE_READONLY;
 }
 
 }  // namespace

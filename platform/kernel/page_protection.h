@@ -5,34 +5,29 @@
 #include <sys/mman.h>
 
 #include "platform/mapping.h"
+#include "platform/memory.h"
 
 namespace zr::platform {
 
 inline constexpr DWORD kPageBits = 0xFF;
-inline constexpr DWORD kPageReadOnly = 0x02;
-inline constexpr DWORD kPageReadWrite = 0x04;
-inline constexpr DWORD kPageWriteCopy = 0x08;
-inline constexpr DWORD kPageExecuteRead = 0x20;
-inline constexpr DWORD kPageExecuteReadWrite = 0x40;
-inline constexpr DWORD kPageExecuteWriteCopy = 0x80;
 
 constexpr bool may_write(DWORD protection) noexcept {
-    return (protection & (kPageReadWrite | kPageExecuteReadWrite)) != 0;
+    return (protection & (PAGE_READWRITE | PAGE_EXECUTE_READWRITE)) != 0;
 }
 constexpr bool may_execute(DWORD protection) noexcept {
-    return (protection & (kPageExecuteRead | kPageExecuteReadWrite | kPageExecuteWriteCopy)) != 0;
+    return (protection & (PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY)) != 0;
 }
 
 // One of the protections that a mapping can have, and no unknown flag.
 constexpr bool is_mapping_protection(DWORD protection) noexcept {
     if ((protection & ~(kPageBits | SEC_RESERVE | SEC_COMMIT | SEC_NOCACHE)) != 0) return false;
     switch (protection & kPageBits) {
-        case kPageReadOnly:
-        case kPageReadWrite:
-        case kPageWriteCopy:
-        case kPageExecuteRead:
-        case kPageExecuteReadWrite:
-        case kPageExecuteWriteCopy:
+        case PAGE_READONLY:
+        case PAGE_READWRITE:
+        case PAGE_WRITECOPY:
+        case PAGE_EXECUTE_READ:
+        case PAGE_EXECUTE_READWRITE:
+        case PAGE_EXECUTE_WRITECOPY:
             return true;
         default:
             return false;

@@ -50,6 +50,7 @@ public:
                     if (is_input()) queue_.set_news();
                     break;
                 case WaitResult::Status::Abandoned:
+                case WaitResult::Status::Failed:
                     return result.code();
                 case WaitResult::Status::Satisfied:
                     if (mode_ == WaitMode::All) queue_.clear_bits(MessageQueue::arrived(mask_));
