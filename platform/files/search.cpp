@@ -1,8 +1,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -15,70 +13,13 @@
 #include "handle_table.h"
 #include "host_error.h"
 #include "host_path.h"
+#include "listing.h"
 #include "platform/files.h"
 #include "utf.h"
 #include "wildcard.h"
 
 namespace zr::platform {
 namespace {
-
-// What getdents64 writes.
-struct RawEntry {
-    std::uint64_t inode;
-    std::int64_t offset;
-    unsigned short length;
-    unsigned char type;
-    char name[1];
-};
-
-// Reads a folder's names in runs, straight from the kernel: entries may come and go meanwhile.
-class Listing {
-public:
-    ~Listing() {
-        if (fd_ >= 0) close(fd_);
-    }
-
-    int open(const char* path) {
-        fd_ = ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        return fd_ >= 0 ? 0 : errno;
-    }
-
-    int fd() const { return fd_; }
-
-    // Whether files in the folder may be looked at: a folder can be open for listing only.
-    bool may_enter() const {
-        struct stat unused;
-        return fstatat(fd_, ".", &unused, 0) == 0;
-    }
-
-    // The next name but "." and ".."; null at the end or, with `error` set, when reading failed.
-    const RawEntry* next(int& error) {
-        while (true) {
-            if (at_ >= size_ && !refill(error)) return nullptr;
-            const auto* entry = reinterpret_cast<const RawEntry*>(buffer_ + at_);
-            at_ += entry->length;
-            const char* name = entry->name;
-            if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0))) continue;
-            return entry;
-        }
-    }
-
-private:
-    bool refill(int& error) {
-        const long got = syscall(SYS_getdents64, fd_, buffer_, sizeof buffer_);
-        // A folder that was removed meanwhile has no more entries.
-        if (got < 0 && errno != ENOENT) error = errno;
-        if (got <= 0) return false;
-        at_ = 0;
-        size_ = static_cast<std::size_t>(got);
-        return true;
-    }
-
-    alignas(RawEntry) char buffer_[32768];
-    std::size_t at_ = 0;
-    std::size_t size_ = 0;
-    int fd_ = -1;
-};
 
 void fill(const FileFacts& facts, WIN32_FIND_DATAW& data) {
     data.dwFileAttributes = facts.attributes;

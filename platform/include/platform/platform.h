@@ -6,6 +6,7 @@
 #include "platform/com.h"
 #include "platform/diagnostics.h"
 #include "platform/errors.h"
+#include "platform/file_changes.h"
 #include "platform/files.h"
 #include "platform/kernel.h"
 #include "platform/mapi.h"
