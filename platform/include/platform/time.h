@@ -9,7 +9,7 @@
 //
 // The zone is the one that TZ names, or the system's: the file /etc/localtime, UTC where there is none. docs/time.md
 // tells how a TIME_ZONE_INFORMATION is made of a zone's data. A change of TZ is noticed by the next call, a change of
-// the file within 10 milliseconds. As in the C library, the environment must not be changed while another thread
+// the file within 20 milliseconds. As in the C library, the environment must not be changed while another thread
 // calls. When TZ or the file names no zone that can be read, the functions that need one fail.
 //
 // Functions that return a truth value fail with ERROR_INVALID_PARAMETER, for a null pointer too, unless they say more;

@@ -1,0 +1,106 @@
+#include <algorithm>
+#include <new>
+
+#include "current_zone.h"
+#include "platform/base.h"
+#include "platform/time.h"
+#include "units.h"
+#include "utf.h"
+#include "zone_name.h"
+#include "zone_source.h"
+
+namespace zr::platform {
+namespace {
+
+BOOL fail(DWORD error) {
+    SetLastError(error);
+    return FALSE;
+}
+
+// Adds the bias now, or takes it off. 0 or an error code.
+DWORD shift(const FILETIME* time, int sign, FILETIME* shifted) {
+    if (time == nullptr || shifted == nullptr || units_of(*time) > kLastUnits) return ERROR_INVALID_PARAMETER;
+    const CurrentZone& zone = current_zone();
+    if (zone.error != 0) return zone.error;
+    // Both addends are far from the ends of 64 bits without a sign.
+    const auto bias = static_cast<std::uint64_t>(sign * zone.now.bias * 60 * kUnitsPerSecond);
+    const std::uint64_t units = units_of(*time) + bias;
+    if (units > kLastUnits) return ERROR_INVALID_PARAMETER;
+    *shifted = file_time_of(units);
+    return 0;
+}
+
+constexpr FILETIME file_time_of_second(std::int64_t second) {
+    return file_time_of(static_cast<std::uint64_t>((second + kEpochSeconds) * kUnitsPerSecond));
+}
+
+// Behind the last change that a file time can say there is none.
+constexpr std::int64_t kLastSecond = static_cast<std::int64_t>(kLastUnits / kUnitsPerSecond) - kEpochSeconds;
+
+void fill(const ZoneChange& change, ZR_ZONE_TRANSITION& transition) {
+    transition.When = file_time_of_second(change.at);
+    transition.BiasBefore = -change.before.offset;
+    transition.Bias = -change.after.offset;
+    copy_zone_name(change.before.name, transition.NameBefore);
+    copy_zone_name(change.after.name, transition.Name);
+}
+
+}  // namespace
+}  // namespace zr::platform
+
+BOOL FileTimeToLocalFileTime(const FILETIME* file_time, FILETIME* local) {
+    const DWORD error = zr::platform::shift(file_time, -1, local);
+    return error == 0 ? TRUE : zr::platform::fail(error);
+}
+
+BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* file_time) {
+    const DWORD error = zr::platform::shift(local, 1, file_time);
+    return error == 0 ? TRUE : zr::platform::fail(error);
+}
+
+DWORD GetTimeZoneInformation(TIME_ZONE_INFORMATION* information) {
+    using namespace zr::platform;
+    const CurrentZone& zone = current_zone();
+    const DWORD error = information == nullptr ? ERROR_INVALID_PARAMETER : zone.error;
+    if (error != 0) {
+        SetLastError(error);
+        return TIME_ZONE_ID_INVALID;
+    }
+    *information = zone.now.information;
+    return zone.now.id;
+}
+
+BOOL ZrGetNextZoneTransition(const FILETIME* after, ZR_ZONE_TRANSITION* transition) {
+    using namespace zr::platform;
+    if (after == nullptr || transition == nullptr || units_of(*after) > kLastUnits)
+        return fail(ERROR_INVALID_PARAMETER);
+    const auto second = static_cast<std::int64_t>(units_of(*after) / kUnitsPerSecond) - kEpochSeconds;
+    bool found = false;
+    try {
+        const DWORD error = with_zone([&](const Zone& zone) {
+            const std::optional<ZoneChange> change = zone.next(second);
+            found = change && change->at <= kLastSecond;
+            if (found) fill(*change, *transition);
+        });
+        if (error != 0) return fail(error);
+    } catch (const std::bad_alloc&) {
+        return fail(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    return found ? TRUE : fail(ERROR_NO_MORE_ITEMS);
+}
+
+DWORD ZrGetZoneName(LPWSTR name, DWORD size) {
+    using namespace zr::platform;
+    std::u16string whole;
+    try {
+        whole = host_to_wide(ZoneSource::from_environment().name());
+    } catch (const std::bad_alloc&) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    if (name != nullptr && size > 0) {
+        const std::size_t length = std::min<std::size_t>(whole.size(), size - 1);
+        std::copy_n(whole.begin(), length, name);
+        name[length] = u'\0';
+    }
+    return static_cast<DWORD>(whole.size());
+}
