@@ -9,8 +9,11 @@
 
 namespace zr::platform {
 
+// A date that is not ok() when the parts are none: chrono keeps only a byte of a month and of a day.
 constexpr std::chrono::year_month_day date_of(const SYSTEMTIME& time) noexcept {
-    return {std::chrono::year(time.wYear), std::chrono::month(time.wMonth), std::chrono::day(time.wDay)};
+    const unsigned month = time.wMonth <= 12 ? time.wMonth : 0;
+    const unsigned day = time.wDay <= 31 ? time.wDay : 0;
+    return {std::chrono::year(time.wYear), std::chrono::month(month), std::chrono::day(day)};
 }
 
 constexpr bool is_time_of_day(const SYSTEMTIME& time) noexcept {

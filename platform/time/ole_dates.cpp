@@ -18,11 +18,10 @@ constexpr unsigned kLastDayNumber = 31;
 INT SystemTimeToVariantTime(SYSTEMTIME* time, DATE* date) {
     using namespace zr::platform;
     if (time == nullptr || date == nullptr) return FALSE;
-    const std::chrono::year_month month{std::chrono::year(time->wYear), std::chrono::month(time->wMonth)};
-    if (time->wYear < kFirstYear || time->wYear > kLastYear || !month.ok()) return FALSE;
+    if (time->wYear < kFirstYear || time->wYear > kLastYear || time->wMonth < 1 || time->wMonth > 12) return FALSE;
     if (time->wDay > kLastDayNumber || !is_time_of_day(*time)) return FALSE;
     // Day 0 and days behind the month's last one are days of the months beside it.
-    const std::chrono::sys_days first = month / 1;
+    const std::chrono::sys_days first = std::chrono::year(time->wYear) / std::chrono::month(time->wMonth) / 1;
     const std::chrono::sys_days day = first + std::chrono::days(time->wDay - 1);
     if (static_cast<int>(std::chrono::year_month_day(day).year()) < kFirstYear) return FALSE;
     const auto days = static_cast<double>((day - kOleDay).count());

@@ -8,9 +8,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <new>
+#include <thread>
 
+#include "current_zone.h"
 #include "host_error.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
@@ -154,7 +157,10 @@ void TimeWatch::read_sources() {
     } catch (const std::bad_alloc&) {
     }
     if (clock) announce(TimeChange::Clock);
-    if (zone) announce(TimeChange::Zone);
+    if (!zone) return;
+    // Whoever is told asks for the zone at once, in any process, and is to get the new one.
+    std::this_thread::sleep_for(std::chrono::milliseconds(kZoneFreshMilliseconds));
+    announce(TimeChange::Zone);
 }
 
 void TimeWatch::announce(TimeChange change) {

@@ -150,7 +150,8 @@ std::optional<YearlyRule> best_rule(const Year& year) {
     std::int64_t least = wrongness(year, {{year.begin, year.offset()}});
     for (const YearlyRule& rule : rules_of(year)) {
         const OffsetSteps steps = steps_of(rule, year.number, year.last_of_measure);
-        if (offset_at(steps, year.from) != year.offset() || offset_at(steps, year.until - 1) != year.offset()) continue;
+        // A rule turns where the zone does, or at the new year; so it is the same until the zone's next turn.
+        if (offset_at(steps, year.until - 1) != year.offset()) continue;
         const std::int64_t wrong = wrongness(year, steps);
         if (wrong >= least) continue;
         least = wrong;
