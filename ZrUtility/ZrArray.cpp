@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <typeinfo>
 
 #include "ZrLog/ZrLog.h"
 
@@ -64,28 +65,30 @@ void ZrArray::init() {
     if (m_bOwned && m_nElementSize > 0) m_nGrowBy = std::max(m_nTotalSize / m_nElementSize / 2, 1) * m_nElementSize;
 }
 
-void* ZrArray::acquireSlot() {
-    if (!ensureRoom()) {
-        zrKelDebugBinLog0(kSource, kLineNoRoom, kFailure);
-        return m_pData != nullptr && m_nCount > 0 ? m_pNext - m_nElementSize : nullptr;
-    }
+inline bool ZrArray::hasRoom() const {
+    return m_nElementSize > 0 && m_pData != nullptr && m_pData + m_nTotalSize - m_pNext >= m_nElementSize;
+}
+
+inline unsigned char* ZrArray::takeSlot(int size) {
     unsigned char* slot = m_pNext;
-    std::memset(slot, 0, static_cast<std::size_t>(m_nElementSize));
     ++m_nCount;
-    m_pNext += m_nElementSize;
+    m_pNext += size;
     return slot;
 }
 
-bool ZrArray::ensureRoom() {
-    if (m_nElementSize < 1) return false;
-    const long long used = static_cast<long long>(m_nElementSize) * m_nCount;
-    if (m_nTotalSize - used < m_nElementSize) return m_bOwned && grow();
-    return m_pData != nullptr;
+void* ZrArray::acquireSlot() {
+    if (!hasRoom() && !grow()) {
+        zrKelDebugBinLog0(kSource, kLineNoRoom, kFailure);
+        return m_pData != nullptr && m_nCount > 0 ? m_pNext - m_nElementSize : nullptr;
+    }
+    unsigned char* slot = takeSlot(m_nElementSize);
+    std::memset(slot, 0, static_cast<std::size_t>(m_nElementSize));
+    return slot;
 }
 
 // A buffer that destroy() has taken away is not built up again: what was in it is lost.
 bool ZrArray::grow() {
-    if (m_pData == nullptr && m_nTotalSize != 0) return false;
+    if (m_nGrowBy == 0 || (m_pData == nullptr && m_nTotalSize != 0)) return false;
     const long long bytes = static_cast<long long>(m_nTotalSize) + m_nGrowBy;
     void* buffer = bytes <= kLargest ? std::realloc(m_pData, static_cast<std::size_t>(bytes)) : nullptr;
     if (buffer == nullptr) return false;
@@ -98,7 +101,32 @@ bool ZrArray::grow() {
     return true;
 }
 
+// The size as a constant needs no call to clear and copy.
+template <int size>
+inline int ZrArray::appendBytes(const void* element) {
+    unsigned char* slot = takeSlot(size);
+    std::memset(slot, 0, size);
+    std::memmove(slot, element, size);
+    return 1;
+}
+
 int ZrArray::appendElement(const void* element) {
+    // Nearly always the array is of this very class and has room, and then nothing needs to be called. The addresses of
+    // one type's information may differ between libraries; that only costs the call.
+    if (element == nullptr || &typeid(*this) != &typeid(ZrArray) || !hasRoom()) return appendToAcquired(element);
+    switch (m_nElementSize) {
+        case 4:
+            return appendBytes<4>(element);
+        case 8:
+            return appendBytes<8>(element);
+        case 16:
+            return appendBytes<16>(element);
+        default:
+            return appendToAcquired(element);
+    }
+}
+
+int ZrArray::appendToAcquired(const void* element) {
     if (element == nullptr) return 0;
     const auto from = reinterpret_cast<std::uintptr_t>(element);
     const auto before = reinterpret_cast<std::uintptr_t>(m_pData);

@@ -58,8 +58,12 @@ public:
 
 private:
     void init();
-    bool ensureRoom();
+    bool hasRoom() const;
     bool grow();
+    unsigned char* takeSlot(int size);
+    template <int size>
+    int appendBytes(const void* element);
+    int appendToAcquired(const void* element);
 
     unsigned char* m_pData;
     unsigned char* m_pNext;  // the first free byte

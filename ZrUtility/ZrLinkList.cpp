@@ -8,17 +8,17 @@ struct ZrLinkList::_Element {
 };
 
 // Walks a list's nodes; all it knows is the node whose item comes next.
-class LinkListIterator : public ZrIterator {
+class LinkListIterator final : public ZrIterator {
 public:
     explicit LinkListIterator(ZrLinkList* list) noexcept : m_pList(list), m_pNext(list->m_pHead) {}
 
     int hasNext() override { return m_pNext != nullptr ? 1 : 0; }
 
     void* next() override {
-        if (hasNext() == 0) return nullptr;
-        void* item = m_pNext->item;
-        m_pNext = m_pNext->next;
-        return item;
+        const ZrLinkList::_Element* element = m_pNext;
+        if (element == nullptr) return nullptr;
+        m_pNext = element->next;
+        return element->item;
     }
 
 private:

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstddef>
-
 #include "ZrUtility/Export.h"
 #include "platform/types.h"
 
@@ -35,7 +33,7 @@ public:
     void Reset();
 
 private:
-    std::size_t cutToken();
+    WCHAR* passToken();
 
     WCHAR* m_pwzBuffer;  // the text, cut into tokens
     WCHAR* m_pwzSource;  // the text as it came

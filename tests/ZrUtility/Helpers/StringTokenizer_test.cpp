@@ -133,16 +133,18 @@ TEST(StringTokenizer, HasNoTokensWhenMemoryIsShort) {
     const Text text(u"a,b");
     const Text delimiters(u",");
     const long before = zr::test::live_news();
-    for (int successes = 0; successes <= 3; ++successes) {
+    bool enough = false;
+    for (int successes = 0; !enough; ++successes) {
+        ASSERT_LT(successes, 10);
         std::optional<StringTokenizer> tokenizer;
         {
             const FailingNew failing(successes);
             tokenizer.emplace(text, delimiters, 0);
         }
-        EXPECT_EQ(rest(*tokenizer).size(), successes == 3 ? 2u : 0u);
+        enough = !rest(*tokenizer).empty();
         tokenizer->Reset();
-        EXPECT_EQ(rest(*tokenizer).size(), successes == 3 ? 2u : 0u);
-        EXPECT_EQ(zr::test::live_news(), before + successes);
+        EXPECT_EQ(rest(*tokenizer).size(), enough ? 2u : 0u);
+        EXPECT_EQ(enough, successes > 0);
         tokenizer.reset();
         EXPECT_EQ(zr::test::live_news(), before);
     }

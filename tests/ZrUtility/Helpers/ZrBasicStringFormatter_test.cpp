@@ -118,7 +118,7 @@ TEST(ZrBasicStringFormatter, RefusesTooLittleRoom) {
         unsigned int size = room;
         const Text out(u16string(room, u'#'));
         SetLastError(0);
-        EXPECT_EQ(ZrBasicStringFormatter::Format(Text(u"%0b%%"), Text(u"ab\0"), out, size), 0);
+        EXPECT_EQ(ZrBasicStringFormatter::Format(Text(u"%0b%%"), Text(multiString({u"ab"})), out, size), 0);
         EXPECT_EQ(GetLastError(), 8u);
         EXPECT_EQ(size, room);
         EXPECT_EQ(out.string(), u16string(room, u'#'));
@@ -128,7 +128,7 @@ TEST(ZrBasicStringFormatter, RefusesTooLittleRoom) {
 TEST(ZrBasicStringFormatter, ZeroesAllTheRoom) {
     unsigned int size = 10;
     const Text out(u"#########");
-    EXPECT_EQ(ZrBasicStringFormatter::Format(Text(u"%0c"), Text(u"ab\0"), out, size), 1);
+    EXPECT_EQ(ZrBasicStringFormatter::Format(Text(u"%0c"), Text(multiString({u"ab"})), out, size), 1);
     EXPECT_EQ(u16string_view(out, 10), u16string_view(u"abc\0\0\0\0\0\0", 10));
     EXPECT_EQ(size, 10u);
 }
