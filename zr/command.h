@@ -91,5 +91,6 @@ void add_contacts_change(Command contacts);
 void add_contacts_remove(Command contacts);
 void add_resolve(Command zr);
 void add_log_show(Command log);
+void add_objects(Command zr);
 
 }  // namespace zr

@@ -1,4 +1,4 @@
-// zr: who sent me this message, what is in my contacts, what does the log say?
+// zr: who sent me this message, what is in my contacts, what does the log say, who holds what?
 
 #include <glib.h>
 
@@ -53,6 +53,7 @@ void build(zr::Command app) {
     zr::Command log = app.add_group("log", "Read the binary log");
     log.footer("Example:\n  zr log show client.zrlog");
     zr::add_log_show(log);
+    zr::add_objects(app);
 }
 
 zr::Exit execute(const zr::Run& run) {
@@ -77,7 +78,7 @@ int main(int argc, char** argv) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_DFL);  // a reader that has seen enough ends us quietly
     silence_glib();
-    zr::CommandLine line("Contacts, senders of messages and the log, at a terminal.", "zr " ZR_VERSION);
+    zr::CommandLine line("Contacts, senders of messages, the log and named objects, at a terminal.", "zr " ZR_VERSION);
     build(line.root());
     if (const std::optional<int> code = line.parse(argc, argv)) return *code;
     return static_cast<int>(execute(line.run()));

@@ -57,8 +57,17 @@ void expect_failure(const Result& result, int code, const std::string& part) {
 }
 
 const std::vector<std::vector<std::string>> kCommands = {
-    {"contacts", "import"}, {"contacts", "export"}, {"contacts", "list"},   {"contacts", "find"}, {"contacts", "show"},
-    {"contacts", "add"},    {"contacts", "change"}, {"contacts", "remove"}, {"resolve"},          {"log", "show"},
+    {"contacts", "import"},
+    {"contacts", "export"},
+    {"contacts", "list"},
+    {"contacts", "find"},
+    {"contacts", "show"},
+    {"contacts", "add"},
+    {"contacts", "change"},
+    {"contacts", "remove"},
+    {"resolve"},
+    {"log", "show"},
+    {"objects"},
 };
 
 TEST_F(Tool, HelpsWithEveryCommand) {
@@ -78,6 +87,7 @@ TEST_F(Tool, HelpsWithEveryCommand) {
 
 TEST_F(Tool, DocumentsAndCompletesEveryOption) {
     const std::string manual = read_file(ZR_SOURCE_DIR "/zr/zr-contacts.1") + read_file(ZR_SOURCE_DIR "/zr/zr-log.1") +
+                               read_file(ZR_SOURCE_DIR "/zr/zr-objects.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-resolve.1") + read_file(ZR_SOURCE_DIR "/zr/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
     const std::string zsh = read_file(ZR_SOURCE_DIR "/zr/completion/_zr");
@@ -104,9 +114,10 @@ TEST_F(Tool, CompletesInBash) {
                                    " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(complete("zr"), "contacts resolve log --help --version\n");
+    EXPECT_EQ(complete("zr"), "contacts resolve log objects --help --version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
+    EXPECT_EQ(complete("zr objects"), "--json --help\n");
     EXPECT_EQ(complete("zr contacts export --vcard-version"), "2.1 3.0 4.0\n");
 }
 
@@ -128,6 +139,7 @@ TEST_F(Tool, RefusesWrongUsage) {
         {"contacts", "remove"},
         {"resolve", "-a", "-m", "x"},
         {"log", "show", "x", "--level", "loud"},
+        {"objects", "something"},
     };
     for (const auto& args : wrong) {
         expect_failure(zr(args), 2, "");
