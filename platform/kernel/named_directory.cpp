@@ -243,6 +243,19 @@ void clear_dead(Region& region) noexcept {
     }
 }
 
+std::uint32_t find_living(Region& region, std::u16string_view name, std::uint32_t hash) noexcept {
+    const std::uint32_t index = find(region, name, hash);
+    if (index == kNone) return kNone;
+    const ProcessSet open = region.at<Object>(index).open;
+    bool cleared = false;
+    for (std::uint32_t place = 0; place < kProcesses; ++place) {
+        if (!open.has(place) || region.lives(place)) continue;
+        clear_place(region, place);
+        cleared = true;
+    }
+    return cleared ? find(region, name, hash) : index;
+}
+
 void repair(Region& region) noexcept {
     Header& header = region.header();
     std::uint32_t segments = kFirstSegment;

@@ -39,6 +39,10 @@ void leave(Region& region, std::uint32_t index, std::uint32_t place) noexcept;
 void clear_place(Region& region, std::uint32_t place) noexcept;
 void clear_dead(Region& region) noexcept;
 
+// find, once whoever has ended is out of the object: one that only killed processes had open is gone, also when nobody
+// has come round to clear up after them yet.
+std::uint32_t find_living(Region& region, std::u16string_view name, std::uint32_t hash) noexcept;
+
 // Makes all that is derived anew and ends what a killed holder of the lock had begun.
 void repair(Region& region) noexcept;
 

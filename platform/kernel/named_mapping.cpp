@@ -109,7 +109,7 @@ Ref<NamedMapping> open_or_make(Session& session, std::u16string_view name, NewOb
     Region& region = session.region();
     const std::uint32_t hash = hash_of(name);
     const SessionHold hold(session);
-    std::uint32_t index = find(region, name, hash);
+    std::uint32_t index = find_living(region, name, hash);
     error = ERROR_ALREADY_EXISTS;
     if (index != kNone && region.at<Object>(index).kind != Kind::FileMapping) {
         error = ERROR_INVALID_HANDLE;

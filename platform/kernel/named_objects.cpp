@@ -14,7 +14,7 @@ std::uint32_t find_or_make(Session& session, std::u16string_view name, Kind kind
                            DWORD& error) noexcept {
     Region& region = session.region();
     const std::uint32_t hash = hash_of(name);
-    const std::uint32_t found = find(region, name, hash);
+    const std::uint32_t found = find_living(region, name, hash);
     if (found != kNone) {
         const bool fits = region.at<Object>(found).kind == kind;
         error = fits ? ERROR_ALREADY_EXISTS : ERROR_INVALID_HANDLE;

@@ -368,6 +368,28 @@ TEST(NamedProcesses, AKilledProcessTakesItsNamesAlong) {
     ReleaseMutex(lock);
 }
 
+// Also when nobody has come round to clear up after it: each kind is looked for first thing after the end.
+TEST(NamedProcesses, ANameIsFreeAtOnceWhenItsProcessHasEnded) {
+    const Handle anchor = named_event(u"anchor");
+    for (int round = 0; round < 60; ++round) {
+        Fork owner([] {
+            CreateEventW(nullptr, TRUE, TRUE, u"at once event");
+            CreateMutexW(nullptr, TRUE, u"at once mutex");
+            CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 100, u"at once mapping");
+            Fork::say('o');
+            pause();
+            return 0;
+        });
+        ASSERT_EQ(owner.hear(), 'o');
+        owner.kill();
+        const Handle made = round % 3 == 0   ? named_event(u"at once event")
+                            : round % 3 == 1 ? named_mutex(u"at once mutex")
+                                             : named_mapping(u"at once mapping", 100);
+        ASSERT_EQ(GetLastError(), ERROR_SUCCESS) << round;
+        ASSERT_NE(static_cast<HANDLE>(made), nullptr) << round;
+    }
+}
+
 TEST(NamedProcesses, WhoComesAfterAllAreDeadFindsNothing) {
     Fork owner([] {
         CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 100, u"left behind");
