@@ -15,6 +15,7 @@
 #include "platform/notify.h"
 #include "platform/objects.h"
 #include "platform/pim.h"
+#include "platform/screen.h"
 #include "platform/shell.h"
 #include "platform/time.h"
 #include "platform/types.h"

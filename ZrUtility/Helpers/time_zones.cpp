@@ -1,0 +1,251 @@
+// The zones of WindowsUtilities: the device's own, and those that the server has numbers for.
+
+#include <algorithm>
+#include <iterator>
+
+#include "ZrUtility/Helpers/WindowsUtilities.h"
+#include "ZrUtility/Helpers/file_time_value.h"
+#include "ZrUtility/Helpers/windows_utilities_log.h"
+#include "platform/base.h"
+
+namespace {
+
+constexpr LONG DAYLIGHT_MINUTES = 60;
+constexpr int MONTHS = 12;
+
+// Their codes modulo 7 are what a weekday moves on by from January to the months; the first one is for no month.
+constexpr const char* WEEKDAY_OF_MONTH = "-bed=pen+mad.";
+constexpr BYTE DAYS_IN_MONTH[MONTHS + 1] = {0, 31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+
+bool IsMonth(int month) {
+    return month >= 1 && month <= MONTHS;
+}
+
+bool AreEqual(const _TZDayInfo& left, const _TZDayInfo& right) {
+    return left.month == right.month && left.week == right.week && left.day == right.day && left.hour == right.hour;
+}
+
+int YearOf(const FILETIME& time) {
+    SYSTEMTIME parts{};
+    FileTimeToSystemTime(&time, &parts);
+    return parts.wYear;
+}
+
+void LogZone(int line, WORD index, BYTE coarse) {
+    zrKelDebugBinLog2(WINDOWS_UTILITIES_LOG_SOURCE, line, WINDOWS_UTILITIES_LOG_INFORMATION, index, coarse);
+}
+
+void LogZoneNotFound(int line, LONG bias, BYTE coarse) {
+    zrKelDebugBinLog2(WINDOWS_UTILITIES_LOG_SOURCE, line, WINDOWS_UTILITIES_LOG_FAILURE, static_cast<ULONG>(bias),
+                      coarse);
+}
+
+void LogNoZone(int line) {
+    const DWORD error = GetLastError();
+    zrKelDebugBinLog1(WINDOWS_UTILITIES_LOG_SOURCE, line, WINDOWS_UTILITIES_LOG_FAILURE, error);
+}
+
+}  // namespace
+
+void WindowsUtilities::CorrectLocalFileTime(const FILETIME* in, FILETIME* out, int toLocal) {
+    TIME_ZONE_INFORMATION tzi{};
+    const DWORD now = GetTimeZoneInformation(&tzi);
+    const bool isKnown = now == TIME_ZONE_ID_STANDARD || now == TIME_ZONE_ID_DAYLIGHT;
+    if (!isKnown || now == GetTimeZoneIDFromLocalTime(in, tzi)) {
+        *out = *in;
+        return;
+    }
+    const ULONGLONG delta = MinutesAsUnits(tzi.DaylightBias);
+    const bool add = (now == TIME_ZONE_ID_STANDARD) != (toLocal == 1);
+    *out = FileTimeOf(add ? FileTimeValue(*in) + delta : FileTimeValue(*in) - delta);
+}
+
+DWORD WindowsUtilities::GetTimeZoneIDFromLocalTime(const FILETIME* local, const TIME_ZONE_INFORMATION& tzi) {
+    FILETIME standardStart{};
+    FILETIME daylightStart{};
+    ConvertTZDayInfoToFileTime(tzi, YearOf(*local), &standardStart, &daylightStart);
+    return GetTimeZoneIDFromLocalTime(*local, standardStart, daylightStart);
+}
+
+DWORD WindowsUtilities::GetTimeZoneIDFromLocalTime(FILETIME time, FILETIME standardStart, FILETIME daylightStart) {
+    const ULONGLONG t = FileTimeValue(time);
+    const ULONGLONG s = FileTimeValue(standardStart);
+    const ULONGLONG d = FileTimeValue(daylightStart);
+    if (s == 0 || d == 0) return TIME_ZONE_ID_STANDARD;
+    const bool isNorth = d < s;
+    const bool isDaylight = isNorth ? d <= t && t < s : t < s || t >= d;
+    return isDaylight ? TIME_ZONE_ID_DAYLIGHT : TIME_ZONE_ID_STANDARD;
+}
+
+void WindowsUtilities::ConvertTZDayInfoToFileTime(const TIME_ZONE_INFORMATION& tzi, int year, FILETIME* standardStart,
+                                                  FILETIME* daylightStart) {
+    *standardStart = {};
+    *daylightStart = {};
+    if (tzi.StandardDate.wMonth == 0 || tzi.DaylightDate.wMonth == 0) return;
+    const auto convert = [year](const SYSTEMTIME& rule, FILETIME* start) {
+        SYSTEMTIME date{};
+        date.wYear = static_cast<WORD>(year);
+        date.wMonth = rule.wMonth;
+        date.wDay = GetPositionDate(year, rule.wMonth, rule.wDayOfWeek, rule.wDay);
+        date.wHour = rule.wHour;
+        date.wMinute = rule.wMinute;
+        SystemTimeToFileTime(&date, start);
+    };
+    convert(tzi.StandardDate, standardStart);
+    convert(tzi.DaylightDate, daylightStart);
+}
+
+LONG WindowsUtilities::GetCurrentTimeZoneBias() {
+    TIME_ZONE_INFORMATION tzi{};
+    switch (GetTimeZoneInformation(&tzi)) {
+        case TIME_ZONE_ID_UNKNOWN:
+            return tzi.Bias;
+        case TIME_ZONE_ID_STANDARD:
+            return tzi.Bias + tzi.StandardBias;
+        case TIME_ZONE_ID_DAYLIGHT:
+            return tzi.Bias + tzi.DaylightBias;
+        default:
+            LogNoZone(__LINE__);
+            return 0;
+    }
+}
+
+LONG WindowsUtilities::GetCurrentTimeZoneBias(FILETIME& localTime) {
+    const LONG bias = GetCurrentTimeZoneBias();
+    TIME_ZONE_INFORMATION tzi{};
+    const DWORD now = GetTimeZoneInformation(&tzi);
+    const bool isKnown = now == TIME_ZONE_ID_STANDARD || now == TIME_ZONE_ID_DAYLIGHT;
+    if (!isKnown || now == GetTimeZoneIDFromLocalTime(&localTime, tzi)) return bias;
+    return now == TIME_ZONE_ID_STANDARD ? bias + tzi.DaylightBias : bias - tzi.DaylightBias;
+}
+
+WORD WindowsUtilities::GetPositionDate(int year, int month, int dayOfWeek, int week) {
+    const int first = GetDayOfWeek(year, month, 1);
+    const int count = GetWeekdaysInMonth(GetDaysInMonth(year, month), first, dayOfWeek);
+    LONGLONG firstDay = LONGLONG{dayOfWeek} - first + 1;
+    if (firstDay < 1) firstDay += 7;
+    return static_cast<WORD>(firstDay + (LONGLONG{std::min(count, week)} - 1) * 7);
+}
+
+int WindowsUtilities::GetDayOfWeek(int year, int month, int day) {
+    const LONGLONG y = month < 3 ? LONGLONG{year} - 1 : year;
+    const int ofMonth = WEEKDAY_OF_MONTH[IsMonth(month) ? month : 0];
+    return static_cast<int>((y + y / 4 - y / 100 + y / 400 + ofMonth + day) % 7);
+}
+
+BYTE WindowsUtilities::GetDaysInMonth(int year, int month) {
+    const BYTE days = DAYS_IN_MONTH[IsMonth(month) ? month : 0];
+    return static_cast<BYTE>(month == 2 && IsLeapYear(year) ? days + 1 : days);
+}
+
+bool WindowsUtilities::IsLeapYear(int year) {
+    return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+}
+
+int WindowsUtilities::GetWeekdaysInMonth(int daysInMonth, int firstDayOfWeek, int dayOfWeek) {
+    const LONGLONG offset = (LONGLONG{dayOfWeek} - firstDayOfWeek + 7) % 7;
+    return offset < 3 && offset < daysInMonth % 7 ? 5 : 4;
+}
+
+void WindowsUtilities::ConvertTZInfo(SYSTEMTIME* st, _TZDayInfo* info) {
+    *info = {};
+    if (st->wMonth == 0) return;
+    info->month = st->wMonth & 0xF;
+    info->hour = st->wHour & 0xF;
+    const bool isFixedDate = st->wYear != 0;
+    info->week = isFixedDate ? 0 : st->wDay & 0x7;
+    info->day = (isFixedDate ? st->wDay : st->wDayOfWeek) & 0x1F;
+}
+
+int WindowsUtilities::TZDayInfoToSystemTime(_TZDayInfo info, SYSTEMTIME& st) {
+    st = {};
+    st.wMonth = info.month;
+    st.wHour = info.hour;
+    if (info.week == 0) {
+        st.wDay = info.day;
+        return 1;
+    }
+    st.wDay = info.week;
+    st.wDayOfWeek = info.day;
+    return 0;
+}
+
+WORD WindowsUtilities::GetCurrentTZIndex(BYTE coarse) {
+    TIME_ZONE_INFORMATION tzi{};
+    if (GetTimeZoneInformation(&tzi) == TIME_ZONE_ID_INVALID) {
+        LogNoZone(__LINE__);
+        return 0;
+    }
+    if (coarse == 1) {
+        const LONG hasDaylight = tzi.StandardDate.wMonth != 0;
+        for (const _TZMapElement& row : m_tzMap) {
+            if (row.offset != -tzi.Bias || row.daylight != hasDaylight) continue;
+            LogZone(__LINE__, row.index, coarse);
+            return row.index;
+        }
+    } else {
+        _TZDayInfo toStandard{};
+        _TZDayInfo toDaylight{};
+        ConvertTZInfo(&tzi.StandardDate, &toStandard);
+        ConvertTZInfo(&tzi.DaylightDate, &toDaylight);
+        for (const _TZInfo& row : m_tzList) {
+            if (row.offset != -tzi.Bias || !AreEqual(row.standard, toStandard) || !AreEqual(row.daylight, toDaylight))
+                continue;
+            LogZone(__LINE__, row.index, coarse);
+            return row.index;
+        }
+    }
+    LogZoneNotFound(__LINE__, tzi.Bias, coarse);
+    return 0;
+}
+
+// A number that is not in the list gives a row of zeros.
+_TZInfo WindowsUtilities::FindZone(int index) {
+    const auto row = std::ranges::find_if(m_tzList, [index](const _TZInfo& each) { return each.index == index; });
+    return row == std::end(m_tzList) ? _TZInfo{} : *row;
+}
+
+void WindowsUtilities::GetTimeZoneInfoFromTZIndex(int index, TIME_ZONE_INFORMATION& tzi) {
+    const _TZInfo zone = FindZone(index);
+    tzi.Bias = -zone.offset;
+    tzi.StandardBias = 0;
+    tzi.DaylightBias = -DAYLIGHT_MINUTES;
+    TZDayInfoToSystemTime(zone.daylight, tzi.DaylightDate);
+    TZDayInfoToSystemTime(zone.standard, tzi.StandardDate);
+}
+
+LONG WindowsUtilities::GetTimeZoneBias(int index, FILETIME localTime) {
+    const _TZInfo zone = FindZone(index);
+    const int year = YearOf(localTime);
+    FILETIME standardStart{};
+    FILETIME daylightStart{};
+    if (zone.daylight.month != 0) {
+        TIME_ZONE_INFORMATION tzi{};
+        const int isDaylightFixed = TZDayInfoToSystemTime(zone.daylight, tzi.DaylightDate);
+        const int isStandardFixed = TZDayInfoToSystemTime(zone.standard, tzi.StandardDate);
+        if (!isDaylightFixed && !isStandardFixed) {
+            ConvertTZDayInfoToFileTime(tzi, year, &standardStart, &daylightStart);
+        } else {
+            tzi.DaylightDate.wYear = tzi.StandardDate.wYear = static_cast<WORD>(year);
+            SystemTimeToFileTime(&tzi.DaylightDate, &daylightStart);
+            SystemTimeToFileTime(&tzi.StandardDate, &standardStart);
+        }
+    }
+    const DWORD id = GetTimeZoneIDFromLocalTime(localTime, standardStart, daylightStart);
+    return id == TIME_ZONE_ID_DAYLIGHT ? zone.offset + DAYLIGHT_MINUTES : zone.offset;
+}
+
+void WindowsUtilities::TzSpecificFileTimeToFileTime(int index, const FILETIME* local, FILETIME* utc) {
+    *utc = FileTimeOf(FileTimeValue(*local) - MinutesAsUnits(GetTimeZoneBias(index, *local)));
+}
+
+void WindowsUtilities::TzSpecificVariantTimeToFileTime(int index, double& local, FILETIME* utc) {
+    FILETIME time{};
+    VariantTimeToFileTime(local, &time);
+    TzSpecificFileTimeToFileTime(index, &time, utc);
+}
+
+void WindowsUtilities::CorrectRecurrenceFileTime(FILETIME* in, LONG minutes, FILETIME* out, int add) {
+    const ULONGLONG delta = MinutesAsUnits(minutes);
+    *out = FileTimeOf(add ? FileTimeValue(*in) + delta : FileTimeValue(*in) - delta);
+}
