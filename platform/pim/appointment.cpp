@@ -224,11 +224,7 @@ HRESULT Appointment::make_occurrence(Day day, Values fields, ExceptionFields exc
     auto made = std::make_unique<Occurrence>();
     made->day = day;
     made->exception = exception.exists;
-    made->own.set(field::Start, date_of(series.start_on(day)));
-    if (series.end) made->own.set(field::End, date_of(series.end_on(day)));
-    for (const auto& [id, value] : exception.values.entries()) {
-        made->own.set(id, value);
-    }
+    made->own = occurrence_fields(series, day, exception.values);
     made->series = std::make_shared<const Values>(std::move(fields));
     LONG oid = 0;
     const HRESULT result = state_.oid(&oid);
@@ -270,6 +266,13 @@ HRESULT Appointment::get_Series(IAppointment** series) {
         if (SUCCEEDED(result)) *series = new Appointment(SessionRef(&state_.session()), olFolderCalendar, oid, {});
         return result;
     });
+}
+
+HRESULT find_occurrence(const SessionRef& session, LONG oid, Day day, IAppointment** occurrence) {
+    auto* series = new Appointment(session, olFolderCalendar, oid, {});
+    const HRESULT result = guarded([&] { return series->occurrence_on(day, occurrence); });
+    series->Release();
+    return result;
 }
 
 IDispatch* make_appointment(const SessionRef& session, LONG oid, RowRef row) {

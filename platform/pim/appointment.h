@@ -64,4 +64,7 @@ private:
     HRESULT make_occurrence(Day day, Values series, ExceptionFields exception, IAppointment** occurrence);
 };
 
+// The occurrence of the series `oid` on a day. May throw std::bad_alloc.
+HRESULT find_occurrence(const SessionRef& session, LONG oid, Day day, IAppointment** occurrence);
+
 }  // namespace zr::platform::pim

@@ -1,6 +1,10 @@
 #include "collection.h"
 
+#include <map>
+#include <unordered_map>
+
 #include "application.h"
+#include "calendar_view.h"
 #include "item_object.h"
 
 namespace zr::platform::pim {
@@ -36,12 +40,44 @@ HRESULT Collection::load(CEPROPID sort, bool descending, Order& order, LONGLONG&
     order = Order(first_oid(folder_), sort != 0, descending);
     if (sort != 0) {
         // Read after the identifiers: what changed in between is in the log behind `seq` and followed next time.
-        result = store.each_text(
-            folder_, sort, [&order](LONG oid, std::u16string_view text) { order.set_key(oid, Order::fold(text)); });
+        result = store.each_key(folder_, sort,
+                                [&order](LONG oid, std::u16string key) { order.set_key(oid, std::move(key)); });
         if (FAILED(result)) return result;
     }
+    if (!filter_.empty()) result = keep_filtered(oids);
+    if (FAILED(result)) return result;
     order.assign(std::move(oids));
     return S_OK;
+}
+
+// Leaves only the identifiers of items that meet the filter.
+HRESULT Collection::keep_filtered(std::vector<LONG>& oids) {
+    std::map<CEPROPID, std::unordered_map<LONG, std::u16string>> keys;
+    for (const CEPROPID id : filter_.fields()) {
+        auto& of_field = keys[id];
+        const HRESULT result = session_->store().each_key(
+            folder_, id, [&of_field](LONG oid, std::u16string key) { of_field.emplace(oid, std::move(key)); });
+        if (FAILED(result)) return result;
+    }
+    std::erase_if(oids, [&](LONG oid) {
+        return !filter_.holds([&](CEPROPID id) {
+            const auto& of_field = keys[id];
+            const auto found = of_field.find(oid);
+            return found != of_field.end() ? found->second : key_of(id, nullptr);
+        });
+    });
+    return S_OK;
+}
+
+// kGone: there is no such item any more.
+HRESULT Collection::meets(const Restriction& restriction, LONG oid, bool& met) {
+    HRESULT result = S_OK;
+    met = restriction.holds([&](CEPROPID id) {
+        std::u16string key;
+        if (SUCCEEDED(result)) result = session_->store().key(oid, id, key);
+        return key;
+    });
+    return result;
 }
 
 HRESULT Collection::follow_change(const Change& change) {
@@ -50,15 +86,22 @@ HRESULT Collection::follow_change(const Change& change) {
         order_.erase(change.oid);
         return S_OK;
     }
-    if (sort_ == 0) {
+    if (sort_ == 0 && filter_.empty()) {
         if (change.kind == ChangeKind::Created) order_.put(change.oid, {});
         return S_OK;
     }
-    std::u16string text;
-    const HRESULT result = session_->store().text(change.oid, sort_, text);
+    bool met = true;
+    std::u16string key;
+    HRESULT result = filter_.empty() ? S_OK : meets(filter_, change.oid, met);
+    if (SUCCEEDED(result) && sort_ != 0) result = session_->store().key(change.oid, sort_, key);
     if (result == kGone) return S_OK;  // a later change says so
-    if (SUCCEEDED(result)) order_.put(change.oid, Order::fold(text));
-    return result;
+    if (FAILED(result)) return result;
+    if (met) {
+        order_.put(change.oid, std::move(key));
+    } else {
+        order_.erase(change.oid);
+    }
+    return S_OK;
 }
 
 HRESULT Collection::follow() {
@@ -163,15 +206,26 @@ HRESULT Collection::Remove(INT index) {
     });
 }
 
-HRESULT Collection::Restrict(BSTR, IPOutlookItemCollection** items) {
-    return cleared(items) ? fail(E_NOTIMPL) : fail(E_POINTER);
+HRESULT Collection::Restrict(BSTR restriction, IPOutlookItemCollection** items) {
+    if (!cleared(items)) return fail(E_POINTER);
+    return guarded([&]() -> HRESULT {
+        if (!session_->is_open()) return session_->check_open();
+        Restriction wanted;
+        if (restriction == nullptr || !wanted.parse(folder_, restriction))
+            return fail(E_INVALIDARG, "The restriction cannot be understood.");
+        wanted = Restriction::both(filter_, wanted);
+        if (include_recurrences_ != VARIANT_FALSE && folder_ == olFolderCalendar)
+            return make_calendar_view(session_, std::move(wanted), items);
+        *items = new Collection(session_, folder_, std::move(wanted));
+        return S_OK;
+    });
 }
 
 HRESULT Collection::Sort(BSTR tag, VARIANT_BOOL descending) {
     return guarded([&]() -> HRESULT {
         if (!session_->is_open()) return session_->check_open();
-        const CEPROPID sort = tag != nullptr ? text_field_of_tag(folder_, tag) : 0;
-        if (sort == 0) return fail(E_INVALIDARG, "The items cannot be sorted by this tag.");
+        const CEPROPID sort = tag != nullptr ? field_of_tag(folder_, tag) : 0;
+        if (sort == 0 || type_of(sort) == CEVT_I4) return fail(E_INVALIDARG, "The items cannot be sorted by this tag.");
         const auto lock = session_->store().lock();
         HRESULT result = session_->store().refresh();
         Order order;
@@ -195,11 +249,10 @@ HRESULT Collection::find_from(std::size_t position, IDispatch** item) {
     if (FAILED(result)) return result;
     for (; position < order_.size(); ++position) {
         const LONG oid = order_.at(position);
-        std::u16string text;
-        const HRESULT read = store.text(oid, restriction_.field, text);
-        if (read == kGone) continue;
+        bool met = false;
+        const HRESULT read = meets(sought_, oid, met);
+        if (read == kGone || (SUCCEEDED(read) && !met)) continue;
         if (FAILED(read)) return read;
-        if (!restriction_.holds(Order::fold(text))) continue;
         found_ = position + 1;
         return give(oid, folder_ == olFolderContacts ? store.cached(oid) : RowRef(), item);
     }
@@ -211,8 +264,8 @@ HRESULT Collection::Find(BSTR restriction, IDispatch** item) {
     if (!cleared(item)) return fail(E_POINTER);
     return guarded([&]() -> HRESULT {
         if (!session_->is_open()) return session_->check_open();
-        if (restriction == nullptr || !restriction_.parse(folder_, restriction)) {
-            restriction_.field = 0;
+        if (restriction == nullptr || !sought_.parse(folder_, restriction)) {
+            sought_.clear();
             return fail(E_INVALIDARG, "The restriction cannot be understood.");
         }
         return find_from(0, item);
@@ -223,7 +276,7 @@ HRESULT Collection::FindNext(IDispatch** item) {
     if (!cleared(item)) return fail(E_POINTER);
     return guarded([&]() -> HRESULT {
         if (!session_->is_open()) return session_->check_open();
-        if (restriction_.field == 0) return fail(E_UNEXPECTED, "FindNext goes on from a Find.");
+        if (sought_.empty()) return fail(E_UNEXPECTED, "FindNext goes on from a Find.");
         return find_from(found_, item);
     });
 }

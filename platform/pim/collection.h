@@ -5,25 +5,16 @@
 
 #include "com_object.h"
 #include "order.h"
+#include "restriction.h"
 #include "session.h"
 
 namespace zr::platform::pim {
 
-// A condition "[Field] = \"text\"".
-struct Restriction {
-    enum class Operator { Equal, NotEqual, Less, LessOrEqual, Greater, GreaterOrEqual };
-    CEPROPID field = 0;
-    Operator op = Operator::Equal;
-    std::u16string key;  // folded
-
-    // False: not a condition on a text field of the folder.
-    bool parse(INT folder, std::u16string_view text);
-    bool holds(const std::u16string& value_key) const;
-};
-
 class Collection final : public EarlyBound<IPOutlookItemCollection> {
 public:
-    Collection(const SessionRef& session, INT folder) : session_(session), folder_(folder) {}
+    // The items that meet a restriction; an empty one is met by all.
+    Collection(const SessionRef& session, INT folder, Restriction filter = {})
+        : session_(session), folder_(folder), filter_(std::move(filter)) {}
 
     HRESULT QueryInterface(REFIID riid, void** object) override;
     ULONG AddRef() override { return references_.add(); }
@@ -47,13 +38,16 @@ private:
     // With the store's lock held: brings the order up to date.
     HRESULT follow();
     HRESULT load(CEPROPID sort, bool descending, Order& order, LONGLONG& seq);
+    HRESULT keep_filtered(std::vector<LONG>& oids);
     HRESULT follow_change(const Change& change);
+    HRESULT meets(const Restriction& restriction, LONG oid, bool& met);
     HRESULT give(LONG oid, RowRef row, IDispatch** item);
     void read_ahead_if_walking(std::size_t position, const RowRef& row);
     HRESULT find_from(std::size_t position, IDispatch** item);
 
     SessionRef session_;
     const INT folder_;
+    const Restriction filter_;
     VARIANT_BOOL include_recurrences_ = VARIANT_FALSE;
     // All of this under the store's lock.
     Order order_;
@@ -63,7 +57,7 @@ private:
     LONGLONG seq_ = 0;
     std::size_t walk_position_ = 0;
     int walk_misses_ = 0;
-    Restriction restriction_;
+    Restriction sought_;     // by Find; empty before
     std::size_t found_ = 0;  // where FindNext goes on
     References references_;
 };

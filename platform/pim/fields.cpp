@@ -70,12 +70,29 @@ constexpr Tag kTags[] = {
     ZRPIM_TAG(Body, kContacts | kCalendar | kTasks),
     ZRPIM_TAG(Subject, kCalendar | kTasks),
     ZRPIM_TAG(Location, kCalendar),
+    ZRPIM_TAG(Birthday, kContacts),
+    ZRPIM_TAG(Anniversary, kContacts),
+    ZRPIM_TAG(Start, kCalendar),
+    ZRPIM_TAG(End, kCalendar),
+    ZRPIM_TAG(AllDayEvent, kCalendar),
+    ZRPIM_TAG(BusyStatus, kCalendar),
+    ZRPIM_TAG(MeetingStatus, kCalendar),
+    ZRPIM_TAG(ReminderMinutesBeforeStart, kCalendar),
+    ZRPIM_TAG(ReminderSet, kCalendar | kTasks),
+    ZRPIM_TAG(Sensitivity, kCalendar | kTasks),
+    ZRPIM_TAG(StartDate, kTasks),
+    ZRPIM_TAG(DueDate, kTasks),
+    ZRPIM_TAG(DateCompleted, kTasks),
+    ZRPIM_TAG(ReminderTime, kTasks),
+    ZRPIM_TAG(Importance, kTasks),
+    ZRPIM_TAG(Complete, kTasks),
+    ZRPIM_TAG(TeamTask, kTasks),
 };
 #undef ZRPIM_TAG
 
 }  // namespace
 
-CEPROPID text_field_of_tag(INT folder, std::u16string_view tag) {
+CEPROPID field_of_tag(INT folder, std::u16string_view tag) {
     if (tag.size() < 2 || tag.front() != u'[' || tag.back() != u']') return 0;
     const std::u16string name(tag.substr(1, tag.size() - 2));
     const unsigned wanted = folder == olFolderContacts ? kContacts : folder == olFolderCalendar ? kCalendar : kTasks;

@@ -165,7 +165,7 @@ constexpr LONG folder_oid(INT folder) {
     return 0x7F000000 | folder;
 }
 
-// The text field that a tag "[Name]" names in a folder, ignoring case; 0 when there is none.
-CEPROPID text_field_of_tag(INT folder, std::u16string_view tag);
+// The field that a tag "[Name]" names in a folder, ignoring case; 0 when there is none.
+CEPROPID field_of_tag(INT folder, std::u16string_view tag);
 
 }  // namespace zr::platform::pim

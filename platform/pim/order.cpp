@@ -2,15 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/base.h"
-
 namespace zr::platform::pim {
-
-std::u16string Order::fold(std::u16string_view text) {
-    std::u16string key(text.substr(0, text.find(u'\0')));
-    CharLowerBuffW(key.data(), static_cast<DWORD>(key.size()));
-    return key;
-}
 
 const std::u16string& Order::key_of(LONG oid) const {
     static const std::u16string none;

@@ -1,6 +1,6 @@
 #pragma once
 
-// A folder's identifiers in the order of a sort: by folded key, then by identifier.
+// A folder's identifiers in the order of a sort: by key (keys.h), then by identifier.
 //
 // The identifiers stand in blocks of bounded size, so that an insertion or removal moves little at any size of the
 // folder; positions are found through running totals that are brought up to date as far as they are asked for.
@@ -26,9 +26,6 @@ public:
     // Puts an identifier in its place; one that is there already moves to the place of its new key.
     void put(LONG oid, std::u16string key);
     void erase(LONG oid);
-
-    // The key of a text: compares as _wcsicmp compares the texts.
-    static std::u16string fold(std::u16string_view text);
 
 private:
     static constexpr std::size_t kBlock = 512;

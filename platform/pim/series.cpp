@@ -91,6 +91,16 @@ Values rule_fields(const Rule& rule) {
     return fields;
 }
 
+Values occurrence_fields(const Series& series, Day day, const Values& exception) {
+    Values own;
+    own.set(field::Start, date_of(series.start_on(day)));
+    if (series.end) own.set(field::End, date_of(series.end_on(day)));
+    for (const auto& [id, value] : exception.entries()) {
+        own.set(id, value);
+    }
+    return own;
+}
+
 bool is_rule_field(CEPROPID id) {
     for (const RuleField& each : kRuleFields) {
         if (id == each.id) return true;

@@ -35,4 +35,7 @@ struct Series {
 Values rule_fields(const Rule& rule);
 bool is_rule_field(CEPROPID id);
 
+// What the occurrence on a day has of its own: its time, or what an exception put.
+Values occurrence_fields(const Series& series, Day day, const Values& exception);
+
 }  // namespace zr::platform::pim

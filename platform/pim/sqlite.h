@@ -62,6 +62,7 @@ public:
     Use(const Use&) = delete;
     Use& operator=(const Use&) = delete;
     Statement* operator->() const { return statement_; }
+    Statement& operator*() const { return *statement_; }
     explicit operator bool() const { return statement_ != nullptr; }
 
 private:

@@ -27,23 +27,22 @@ std::vector<std::weak_ptr<Store>>& stores() {
     return *all;
 }
 
-// A value as the store keeps it: text and bytes look alike there, the identifier says which it is.
-Value read_value(const Use& row, int column, CEPROPID id) {
+}  // namespace
+
+Value read_value(const Statement& row, int column, CEPROPID id) {
     switch (type_of(id)) {
         case CEVT_R8:
-            return row->real(column);
+            return row.real(column);
         case CEVT_LPWSTR:
-            return std::u16string(row->text(column));
+            return std::u16string(row.text(column));
         case CEVT_BLOB: {
-            const std::string_view bytes = row->blob(column);
+            const std::string_view bytes = row.blob(column);
             return std::vector<BYTE>(bytes.begin(), bytes.end());
         }
         default:
-            return row->integer(column);
+            return row.integer(column);
     }
 }
-
-}  // namespace
 
 Store::Store() : notifier_(std::make_unique<Notifier>(*this)) {
     // A process is told apart from others by chance, not by number: numbers are used again.
@@ -200,16 +199,16 @@ HRESULT Store::oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq) {
     });
 }
 
-HRESULT Store::text(LONG oid, CEPROPID id, std::u16string& text) {
+HRESULT Store::key(LONG oid, CEPROPID id, std::u16string& key) {
     if (is_column(id) && folder_of(oid) == olFolderContacts) {
         RowRef found;
         const HRESULT result = row(oid, 1u << column_of(id), found);
-        if (SUCCEEDED(result)) text = found->text_of(column_of(id));
+        if (SUCCEEDED(result)) key = text_key(found->text_of(column_of(id)));
         return result;
     }
     Value found;
     const HRESULT result = value(oid, id, found);
-    if (const auto* units = std::get_if<std::u16string>(&found)) text = *units;
+    if (SUCCEEDED(result)) key = key_of(id, &found);
     return result;
 }
 
@@ -334,7 +333,7 @@ HRESULT Store::value(LONG oid, CEPROPID id, Value& value) {
     rows->bind(1, oid);
     rows->bind(2, id);
     const int code = rows->step();
-    if (code == SQLITE_ROW) value = read_value(rows, 0, id);
+    if (code == SQLITE_ROW) value = read_value(*rows, 0, id);
     return code == SQLITE_ROW || code == SQLITE_DONE ? S_OK : reader_.result();
 }
 
@@ -388,7 +387,7 @@ HRESULT read_values(Database& database, LONG oid, bool named, Values& values) {
     int code;
     while ((code = rows->step()) == SQLITE_ROW) {
         const auto id = static_cast<CEPROPID>(rows->integer(0));
-        if (named || !is_named_field(id)) values.set(id, read_value(rows, 1, id));
+        if (named || !is_named_field(id)) values.set(id, read_value(*rows, 1, id));
     }
     return code == SQLITE_DONE ? S_OK : database.result();
 }
@@ -405,7 +404,7 @@ HRESULT read_exception(Database& database, LONG oid, LONG day, ExceptionFields& 
             exception.exists = true;
             exception.deleted = rows->integer(1) != 0;
         } else {
-            exception.values.set(id, rows->is_null(1) ? Value() : read_value(rows, 1, id));
+            exception.values.set(id, rows->is_null(1) ? Value() : read_value(*rows, 1, id));
         }
     }
     return code == SQLITE_DONE ? S_OK : database.result();

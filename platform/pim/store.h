@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "fields.h"
+#include "keys.h"
 #include "row.h"
 #include "signal_file.h"
 #include "sqlite.h"
@@ -76,10 +77,10 @@ public:
     HRESULT logged(LONGLONG seq, int limit, std::vector<Change>& changes);
     // The identifiers of a folder in their order, and the change up to which that holds.
     HRESULT oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq);
-    // A text field of every item of a folder that has one.
+    // Calls `visit(oid, key)` with the key (keys.h) of a field of every item of a folder that has it.
     template <class Visitor>
-    HRESULT each_text(INT folder, CEPROPID id, Visitor visit);
-    HRESULT text(LONG oid, CEPROPID id, std::u16string& text);
+    HRESULT each_key(INT folder, CEPROPID id, Visitor visit);
+    HRESULT key(LONG oid, CEPROPID id, std::u16string& key);
     HRESULT exists(LONG oid);
     // What is at hand of a contact; may be nothing, may lack columns.
     RowRef cached(LONG oid) const;
@@ -216,27 +217,32 @@ private:
     bool failed_ = false;
 };
 
+// A value as the store keeps it: text and bytes look alike there, the identifier says which it is.
+Value read_value(const Statement& row, int column, CEPROPID id);
 // On either connection.
 HRESULT read_values(Database& database, LONG oid, bool named, Values& values);
 HRESULT read_exception(Database& database, LONG oid, LONG day, ExceptionFields& exception);
 
 template <class Visitor>
-HRESULT Store::each_text(INT folder, CEPROPID id, Visitor visit) {
-    std::string column_sql;
-    if (is_column(id))
-        column_sql =
-            std::string("SELECT oid, ") + kColumnNames[column_of(id)] + " FROM contact WHERE oid BETWEEN ?1 AND ?2";
-    else
-        column_sql = "SELECT oid, value FROM property WHERE oid BETWEEN ?1 AND ?2 AND id = " + std::to_string(id);
+HRESULT Store::each_key(INT folder, CEPROPID id, Visitor visit) {
+    const bool column = is_column(id) && folder == olFolderContacts;
+    const std::string sql =
+        column ? std::string("SELECT oid, ") + kColumnNames[column_of(id)] + " FROM contact WHERE oid BETWEEN ?1 AND ?2"
+               : "SELECT oid, value FROM property WHERE oid BETWEEN ?1 AND ?2 AND id = " + std::to_string(id);
     sqlite3_stmt* prepared = nullptr;
-    if (sqlite3_prepare_v2(reader_.handle(), column_sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK)
-        return reader_.result();
+    if (sqlite3_prepare_v2(reader_.handle(), sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK) return reader_.result();
     Statement statement(prepared);
     statement.bind(1, first_oid(folder));
     statement.bind(2, last_oid(folder));
     int code;
     while ((code = statement.step()) == SQLITE_ROW) {
-        visit(static_cast<LONG>(statement.integer(0)), statement.text(1));
+        const auto oid = static_cast<LONG>(statement.integer(0));
+        if (type_of(id) == CEVT_LPWSTR) {
+            visit(oid, text_key(statement.text(1)));
+        } else {
+            const Value value = read_value(statement, 1, id);
+            visit(oid, key_of(id, &value));
+        }
     }
     return code == SQLITE_DONE ? S_OK : reader_.result();
 }

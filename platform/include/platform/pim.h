@@ -235,19 +235,27 @@ protected:
 struct IPOutlookItemCollection : IDispatch {
     virtual HRESULT Add(IDispatch** item) = 0;  // a new item, which joins the folder with its Save
     virtual HRESULT get_Count(INT* count) = 0;
-    // The first item (in this order) that meets a restriction "[Field] = \"text\"" (ignoring case; also <, <=, >, >=,
-    // <>), and the ones behind it. S_FALSE and null: none. E_INVALIDARG: not such a restriction.
+    // The first item (in this order) that meets a restriction, and the ones behind it. S_FALSE and null: none.
+    // E_INVALIDARG: not a restriction. One is made of conditions "[Field] = \"value\"" (also <, <=, >, >=, <>), joined
+    // by AND and, weaker, OR; values of texts and dates stand in quotes. Texts compare ignoring case. Dates are written
+    // "2024-06-30" or "6/30/2024", with a time if need be ("17:30", "5:30 PM"); an item without the date meets <> only.
+    // Numbers are written plainly, truths TRUE and FALSE.
     virtual HRESULT Find(BSTR restriction, IDispatch** item) = 0;
     virtual HRESULT FindNext(IDispatch** item) = 0;
     virtual HRESULT Item(INT index, IDispatch** item) = 0;
-    virtual HRESULT Remove(INT index) = 0;                                            // deletes the item
-    virtual HRESULT Restrict(BSTR restriction, IPOutlookItemCollection** items) = 0;  // E_NOTIMPL
-    // Orders by a text field, "[LastName]": ignoring case as _wcsicmp does, equal ones by identifier. E_INVALIDARG: a
-    // tag that is not one of the folder's text fields; the order stays.
+    virtual HRESULT Remove(INT index) = 0;  // deletes the item
+    // A new collection of the items that meet a restriction (see Find), in identifier order; it follows changes, too.
+    virtual HRESULT Restrict(BSTR restriction, IPOutlookItemCollection** items) = 0;
+    // Orders by a text field, "[LastName]", ignoring case as _wcsicmp does, or by a date, "[Start]"; equal ones by
+    // identifier. E_INVALIDARG: a tag that is no such field of the folder; the order stays.
     virtual HRESULT Sort(BSTR tag, VARIANT_BOOL descending) = 0;
     virtual HRESULT get_Application(IPOutlookApp** app) = 0;
     virtual HRESULT get_IncludeRecurrences(VARIANT_BOOL* include) = 0;
-    virtual HRESULT put_IncludeRecurrences(VARIANT_BOOL include) = 0;  // kept; no recurrences are made yet
+    // With it, the collections that Restrict makes of a calendar's hold the occurrences of series instead of the
+    // series: everything that meets the restriction at its own time, in the order of [Start]. The restriction has to
+    // say until when, "[Start] < \"2024-07-01\"" (or by [End]), else it is E_INVALIDARG; Remove deletes the single
+    // occurrence.
+    virtual HRESULT put_IncludeRecurrences(VARIANT_BOOL include) = 0;
 
 protected:
     ~IPOutlookItemCollection() = default;

@@ -82,8 +82,9 @@ TEST(Collection, SortsIgnoringCase) {
     }
     EXPECT_EQ(items->Sort(nullptr, FALSE), E_INVALIDARG);
     EXPECT_EQ(first_names(*items.get()), u"\u0416\u00C4\u00E4CbBa") << "the order stays";
-    for (const WCHAR* tag : {u"[FileAs]", u"[Title]", u"[MiddleName]", u"[LastName]", u"[Suffix]", u"[CompanyName]",
-                             u"[Email1Address]", u"[Email2Address]", u"[Email3Address]", u"[Spouse]"}) {
+    for (const WCHAR* tag :
+         {u"[Birthday]", u"[FileAs]", u"[Title]", u"[MiddleName]", u"[LastName]", u"[Suffix]", u"[CompanyName]",
+          u"[Email1Address]", u"[Email2Address]", u"[Email3Address]", u"[Spouse]"}) {
         EXPECT_EQ(items->Sort(in(tag), FALSE), S_OK);
         EXPECT_EQ(count(*items.get()), 7);
     }
@@ -111,6 +112,52 @@ TEST(Collection, FindsByRestriction) {
          {u"", u"[FirstName]", u"[FirstName] =", u"[FirstName] = x", u"[No] = \"x\"", u"= \"x\""}) {
         EXPECT_EQ(items->Find(in(wrong), item.dispatch()), E_INVALIDARG);
     }
+}
+
+TEST(Collection, RestrictsAndFollowsChanges) {
+    TestSession session;
+    const auto items = session.items();
+    for (const WCHAR* name : {u"ann", u"Bob", u"ANN", u"or \"b\" and"}) {
+        session.add(name, u"x");
+    }
+    const auto restricted = [&](const WCHAR* restriction) {
+        Ptr<IPOutlookItemCollection> found;
+        EXPECT_EQ(items->Restrict(in(restriction), found.out()), S_OK);
+        return found;
+    };
+    const auto anns = restricted(u"[FirstName] = 'ann'");
+    EXPECT_EQ(first_names(*anns.get()), u"annANN");
+    EXPECT_EQ(first_names(*restricted(u"[FirstName] = \"bob\" or [LastName] = \"x\" AND [FirstName] = \"Ann\"").get()),
+              u"annBobANN");
+    EXPECT_EQ(first_names(*restricted(u"[FirstName] = \"or \"b\" and\"").get()), u"or \"b\" and");
+    EXPECT_EQ(count(*restricted(u"[Birthday] < \"1/1/2000\"").get()), 0) << "none has one";
+    EXPECT_EQ(count(*restricted(u"[Birthday] <> \"1/1/2000\"").get()), 4);
+    EXPECT_EQ(count(*restricted(u"[LastName] = \"y\"").get()), 0);
+    for (const WCHAR* wrong : {u"", u"[FirstName] = \"a\" AND", u"[FirstName] = \"a\" AND [No] = \"b\"",
+                               u"[Birthday] = \"soon\"", u"[Birthday] = \"2024-02-30\""}) {
+        Ptr<IPOutlookItemCollection> found;
+        EXPECT_EQ(items->Restrict(in(wrong), found.out()), E_INVALIDARG);
+        EXPECT_FALSE(found);
+    }
+    // Changes bring items in and take them out; positions, order and removal are those of the ones that are left.
+    const auto bob = session.contact(2);
+    bob->put_FirstName(in(u"Ann"));
+    ASSERT_EQ(bob->Save(), S_OK);
+    EXPECT_EQ(first_names(*anns.get()), u"annAnnANN");
+    const auto first = session.contact(1);
+    first->put_FirstName(in(u"Zoe"));
+    ASSERT_EQ(first->Save(), S_OK);
+    EXPECT_EQ(first_names(*anns.get()), u"AnnANN");
+    ASSERT_EQ(anns->Remove(2), S_OK);
+    EXPECT_EQ(first_names(*anns.get()), u"Ann");
+    EXPECT_EQ(count(*items.get()), 3);
+    session.add(u"ANn", u"a");
+    EXPECT_EQ(first_names(*anns.get()), u"AnnANn") << "on the identifier that became free";
+    ASSERT_EQ(anns->Sort(in(u"[LastName]"), FALSE), S_OK);
+    EXPECT_EQ(first_names(*anns.get()), u"ANnAnn");
+    Ptr<IPOutlookItemCollection> narrower;
+    ASSERT_EQ(anns->Restrict(in(u"[LastName] = \"a\""), narrower.out()), S_OK);
+    EXPECT_EQ(first_names(*narrower.get()), u"ANn");
 }
 
 // A plain model beside collections in several orders: whatever is done through whichever session, every collection

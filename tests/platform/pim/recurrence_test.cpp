@@ -1,6 +1,8 @@
 // When series occur: every kind of pattern beside a calendar that is walked day by day.
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -201,7 +203,7 @@ void expect_day(IRecurrencePattern& pattern, std::size_t day, DATE time, bool ex
 class Recurrence : public testing::TestWithParam<LONG> {};
 
 TEST_P(Recurrence, OccursOnTheDaysOfAWalkedCalendar) {
-    constexpr int kPatterns = 500;
+    constexpr int kPatterns = 350;
     TestSession session;
     const auto store = session.store();
     Chance chance(static_cast<unsigned>(GetParam()) + 1);
@@ -223,7 +225,7 @@ TEST_P(Recurrence, OccursOnTheDaysOfAWalkedCalendar) {
         expect_ends(*pattern.get(), model, days);
         std::vector<std::size_t> asked = {days.front() - 1, days.front(), days.front() + 1, days.back()};
         if (days.back() + 1 < calendar().size()) asked.push_back(days.back() + 1);
-        for (int i = 0; i < 6; ++i) {
+        for (int i = 0; i < 3; ++i) {
             const auto any = static_cast<std::size_t>(chance.between(0, static_cast<LONG>(days.size()) - 1));
             asked.push_back(days[any]);
             asked.push_back(days[any] - 1);
@@ -233,6 +235,45 @@ TEST_P(Recurrence, OccursOnTheDaysOfAWalkedCalendar) {
             expect_day(*pattern.get(), day, 0.375, std::binary_search(days.begin(), days.end(), day));
         }
         if (testing::Test::HasFailure()) return;
+    }
+}
+
+// All of them at once, as a calendar shows some weeks.
+TEST_P(Recurrence, ShowsTheDaysOfAWalkedCalendar) {
+    constexpr int kPatterns = 100;
+    TestSession session;
+    const auto store = session.store();
+    Chance chance(static_cast<unsigned>(GetParam()) + 100);
+    const std::size_t from = 8000;
+    const std::size_t to = GetParam() < olRecursMonthly ? 8045 : 8800;
+    std::vector<std::size_t> expected;
+    ASSERT_EQ(store->BeginBatch(), S_OK);
+    for (int i = 0; i < kPatterns; ++i) {
+        const ModelPattern model = random_pattern(GetParam(), chance);
+        static_cast<void>(save(session, model, 0.375));
+        for (const std::size_t day : days_of(model)) {
+            if (day >= from && day < to) expected.push_back(day);
+        }
+    }
+    ASSERT_EQ(store->CommitBatch(), S_OK);
+    std::sort(expected.begin(), expected.end());
+    ASSERT_GT(expected.size(), 20u);
+    const auto items = session.items(olFolderCalendar);
+    ASSERT_EQ(items->put_IncludeRecurrences(VARIANT_TRUE), S_OK);
+    SYSTEMTIME first = {};
+    SYSTEMTIME end = {};
+    ASSERT_EQ(session.app->VariantTimeToSystemTime(date_of_day(from), &first), S_OK);
+    ASSERT_EQ(session.app->VariantTimeToSystemTime(date_of_day(to), &end), S_OK);
+    char window[100];
+    std::snprintf(window, sizeof window, "[Start] >= \"%d-%d-%d\" AND [Start] < \"%d/%d/%d\"", first.wYear,
+                  first.wMonth, first.wDay, end.wMonth, end.wDay, end.wYear);
+    Ptr<IPOutlookItemCollection> shown;
+    ASSERT_EQ(items->Restrict(in(std::u16string(window, window + std::strlen(window)).c_str()), shown.out()), S_OK);
+    ASSERT_EQ(count(*shown.get()), static_cast<INT>(expected.size()));
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        Ptr<IAppointment> item;
+        ASSERT_EQ(shown->Item(static_cast<INT>(i) + 1, item.dispatch()), S_OK);
+        ASSERT_NEAR(got(*item.get(), &IAppointment::get_Start), date_of_day(expected[i]) + 0.375, 1e-9);
     }
 }
 

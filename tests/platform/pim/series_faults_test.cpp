@@ -297,6 +297,19 @@ TEST(SeriesWithoutMemory, FailsCleanlyAndWorksAfterwards) {
     until_memory_suffices("Copy", [&] { return series->Copy(copy.out()); });
     until_memory_suffices("Save of a copy", [&] { return copy->Save(); });
     EXPECT_EQ(count(*session.items(olFolderCalendar).get()), 2) << "saved once";
+    const auto items = session.items(olFolderCalendar);
+    ASSERT_EQ(items->put_IncludeRecurrences(VARIANT_TRUE), S_OK);
+    Ptr<IPOutlookItemCollection> shown;
+    until_memory_suffices("Restrict", [&] {
+        return items->Restrict(in(u"[Start] < \"2024-07-01\" AND [Start] > \"2024-06-11\""), shown.out());
+    });
+    INT number = 0;
+    until_memory_suffices("get_Count", [&] { return shown->get_Count(&number); });
+    EXPECT_EQ(number, 4) << "of the series and of its copy";
+    until_memory_suffices("Item of a view", [&] { return shown->Item(1, copy.dispatch()); });
+    EXPECT_EQ(got(*copy.get(), &IAppointment::get_Start), kMonday + 14.5);
+    Ptr<IDispatch> found;
+    until_memory_suffices("Find", [&] { return shown->Find(in(u"[Subject] <> \"Meeting\""), found.out()) & ~S_FALSE; });
     until_memory_suffices("ClearRecurrencePattern", [&] { return series->ClearRecurrencePattern(); });
     EXPECT_EQ(occurrence->Delete(), S_OK);
     EXPECT_EQ(exception_count(*stored(session, oid).get()), 1);

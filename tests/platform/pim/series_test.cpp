@@ -561,4 +561,114 @@ TEST(AllDay, TakesWholeDays) {
     EXPECT_EQ(got(*birthday.get(), &IAppointment::get_End), at(2030, 6, 5));
 }
 
+// What a calendar shows, as "day:subject" from the Monday on.
+std::string shown(IPOutlookItemCollection& items) {
+    std::string all;
+    for (INT i = 1; i <= count(items); ++i) {
+        Ptr<IAppointment> item;
+        EXPECT_EQ(items.Item(i, item.dispatch()), S_OK);
+        const std::u16string subject = subject_of(*item.get());
+        all += std::to_string(static_cast<int>(start_of(*item.get()) - kMonday)) + ":" +
+               std::string(subject.begin(), subject.end()) + " ";
+    }
+    return all;
+}
+
+Ptr<IPOutlookItemCollection> view(const TestSession& session, const WCHAR* restriction) {
+    const auto items = session.items(olFolderCalendar);
+    EXPECT_EQ(items->put_IncludeRecurrences(VARIANT_TRUE), S_OK);
+    Ptr<IPOutlookItemCollection> found;
+    EXPECT_EQ(items->Restrict(in(restriction), found.out()), S_OK);
+    return found;
+}
+
+TEST(CalendarView, ShowsSinglesOccurrencesAndExceptionsInOrder) {
+    TestSession session;
+    const auto series = mondays(session);
+    ASSERT_EQ(fresh_appointment(session, kMonday + 8.5, 60, u"Single")->Save(), S_OK);
+    const auto june = view(session, u"[Start] >= \"2024-06-03\" AND [Start] < \"2024-07-01\"");
+    EXPECT_EQ(shown(*june.get()), "0:Meeting 7:Meeting 8:Single 14:Meeting 21:Meeting ");
+    // Changes show at once: moved inside, moved in from outside, moved out, deleted.
+    const auto move = [&](int day, DATE to, const WCHAR* subject) {
+        const auto occurrence = occurrence_on(*series.get(), kMonday + day);
+        ASSERT_EQ(occurrence->put_Start(to), S_OK);
+        ASSERT_EQ(occurrence->put_Subject(in(subject)), S_OK);
+        ASSERT_EQ(occurrence->Save(), S_OK);
+    };
+    move(7, kMonday + 9.5, u"Later");
+    move(63, kMonday + 1.5, u"Early");
+    move(21, kMonday + 40, u"Out");
+    ASSERT_EQ(occurrence_on(*series.get(), kMonday + 14)->Delete(), S_OK);
+    EXPECT_EQ(shown(*june.get()), "0:Meeting 1:Early 8:Single 9:Later ");
+    ASSERT_EQ(june->Sort(in(u"[Start]"), VARIANT_TRUE), S_OK);
+    EXPECT_EQ(shown(*june.get()), "9:Later 8:Single 1:Early 0:Meeting ");
+    EXPECT_EQ(june->Sort(in(u"[Subject]"), VARIANT_FALSE), E_INVALIDARG);
+    Ptr<IAppointment> found;
+    ASSERT_EQ(june->Find(in(u"[Subject] < \"m\""), found.dispatch()), S_OK);
+    EXPECT_EQ(subject_of(*found.get()), u"Later");
+    ASSERT_EQ(june->FindNext(found.dispatch()), S_OK);
+    EXPECT_EQ(subject_of(*found.get()), u"Early");
+    EXPECT_EQ(state_of(*found.get()), olApptException);
+    EXPECT_EQ(june->FindNext(found.dispatch()), S_FALSE);
+    EXPECT_FALSE(found);
+    ASSERT_EQ(june->Remove(4), S_OK);
+    EXPECT_EQ(shown(*june.get()), "9:Later 8:Single 1:Early ");
+    EXPECT_FALSE(occurrence_on(*series.get(), kMonday));
+    ASSERT_EQ(june->Remove(2), S_OK);
+    EXPECT_EQ(shown(*june.get()), "9:Later 1:Early ");
+    Ptr<IPOutlookItemCollection> less;
+    ASSERT_EQ(june->Restrict(in(u"[Subject] = \"early\""), less.out()), S_OK);
+    EXPECT_EQ(shown(*less.get()), "1:Early ");
+    ASSERT_EQ(series->Delete(), S_OK);
+    EXPECT_EQ(shown(*june.get()), "");
+    EXPECT_EQ(count(*less.get()), 0);
+    EXPECT_EQ(june->Remove(1), E_INVALIDARG);
+    EXPECT_EQ(june->Item(1, found.dispatch()), E_INVALIDARG);
+}
+
+TEST(CalendarView, ShowsWhatIsUnderWay) {
+    TestSession session;
+    const auto nights = fresh_appointment(session, kMonday + 0.9, 3 * 1440, u"Long");
+    ASSERT_EQ(pattern_of(*nights.get())->put_RecurrenceType(olRecursWeekly), S_OK);
+    ASSERT_EQ(nights->Save(), S_OK);
+    EXPECT_EQ(shown(*view(session, u"[End] > \"2024-06-13 9:00 PM\" AND [Start] < \"6/14/2024\"").get()), "7:Long ");
+    EXPECT_EQ(shown(*view(session, u"[End] > \"2024-06-13 21:36\" AND [Start] < \"6/14/2024\"").get()), "");
+    EXPECT_EQ(shown(*view(session, u"[End] <= \"2024-06-14\"").get()), "0:Long 7:Long ");
+}
+
+TEST(CalendarView, NeedsToKnowUntilWhen) {
+    TestSession session;
+    const auto items = session.items(olFolderCalendar);
+    Ptr<IPOutlookItemCollection> found;
+    ASSERT_EQ(items->put_IncludeRecurrences(VARIANT_TRUE), S_OK);
+    for (const WCHAR* open : {u"[Start] > \"2024-06-03\"", u"[Subject] = \"x\"",
+                              u"[Start] < \"2024-06-03\" OR [Subject] = \"x\"", u"[Start] <> \"2024-06-03\""}) {
+        EXPECT_EQ(items->Restrict(in(open), found.out()), E_INVALIDARG);
+        EXPECT_FALSE(found);
+    }
+    ASSERT_EQ(items->put_IncludeRecurrences(VARIANT_FALSE), S_OK);
+    static_cast<void>(mondays(session));
+    ASSERT_EQ(items->Restrict(in(u"[BusyStatus] = 0 AND [AllDayEvent] = FALSE"), found.out()), S_OK);
+    EXPECT_EQ(shown(*found.get()), "0:Meeting ") << "the series itself";
+    EXPECT_EQ(items->Sort(in(u"[Start]"), VARIANT_FALSE), S_OK);
+    EXPECT_EQ(items->Sort(in(u"[BusyStatus]"), VARIANT_FALSE), E_INVALIDARG);
+}
+
+TEST(Collection, SortsByDate) {
+    TestSession session;
+    for (const DATE start : {kMonday + 5.5, kMonday - 1, DATE{-3.25}, kMonday + 5.25, DATE{-3.75}}) {
+        ASSERT_EQ(fresh_appointment(session, start, 10, u"x")->Save(), S_OK);
+    }
+    const auto items = session.items(olFolderCalendar);
+    ASSERT_EQ(items->Sort(in(u"[Start]"), VARIANT_FALSE), S_OK);
+    std::vector<DATE> starts;
+    for (INT i = 1; i <= count(*items.get()); ++i) {
+        Ptr<IAppointment> item;
+        ASSERT_EQ(items->Item(i, item.dispatch()), S_OK);
+        starts.push_back(start_of(*item.get()));
+    }
+    EXPECT_EQ(starts, (std::vector<DATE>{-3.25, -3.75, kMonday - 1, kMonday + 5.25, kMonday + 5.5}))
+        << "before the first day the time of day counts on from the whole part";
+}
+
 }  // namespace
