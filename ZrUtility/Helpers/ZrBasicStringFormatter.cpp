@@ -9,7 +9,7 @@
 namespace {
 
 constexpr WCHAR kPercent = u'%';
-constexpr std::size_t kPlaceholderLength = 2;
+constexpr std::size_t kFieldLength = 2;
 constexpr unsigned int kLargestSize = std::numeric_limits<unsigned int>::max();
 
 // The first ten texts of a multi-string.
@@ -24,7 +24,7 @@ public:
         }
     }
 
-    // The number of the argument that the two characters at `at` ask for, or -1 when they are no placeholder.
+    // The number of the argument that the two characters at `at` ask for, or -1 when they are no field.
     int named(const WCHAR* at) const {
         if (at[0] != kPercent || at[1] < u'0' || at[1] > u'9') return -1;
         const int number = at[1] - u'0';
@@ -46,7 +46,7 @@ ULONGLONG requiredSize(const WCHAR* format, const Arguments& arguments) {
     ULONGLONG size = wcslen(format) + 1;
     for (const WCHAR* at = format; *at != 0; ++at) {
         const int number = at == format || at[-1] != kPercent ? arguments.named(at) : -1;
-        if (number >= 0) size = size + arguments.length(number) - kPlaceholderLength;
+        if (number >= 0) size = size + arguments.length(number) - kFieldLength;
     }
     return size;
 }

@@ -3,12 +3,12 @@
 #include "ZrUtility/Export.h"
 #include "platform/types.h"
 
-// Fills the placeholders %0 to %9 of a template with texts.
+// Fills the fields %0 to %9 of a template with texts.
 //
 // The arguments are a multi-string: NUL-terminated texts one after the other, with an empty one behind the last
 // (u"first\0second\0"). So no argument can be empty; the first is %0, and what follows the tenth is not looked at.
 //
-// A placeholder may stand any number of times. One without its argument stays as it is, and so does a percent sign
+// A field may stand any number of times. One without its argument stays as it is, and so does a percent sign
 // before anything else. A percent sign before another one is left out, so "%%" yields one percent sign, "%%0" the
 // text "%0", and a longer run of them one as well.
 //

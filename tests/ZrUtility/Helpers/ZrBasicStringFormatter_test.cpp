@@ -50,7 +50,7 @@ u16string filled(const u16string& format, const std::vector<u16string>& args) {
     return out.string();
 }
 
-TEST(ZrBasicStringFormatter, FillsPlaceholdersByNumber) {
+TEST(ZrBasicStringFormatter, FillsFieldsByNumber) {
     EXPECT_EQ(filled(u"%1 and %0", {u"A", u"B"}), u"B and A");
     EXPECT_EQ(filled(u"%0%0%1%0", {u"ab", u"c"}), u"ababcab");
     EXPECT_EQ(filled(u"", {u"A"}), u"");
@@ -172,7 +172,7 @@ TEST(ZrBasicStringFormatter, RefusesWhatNoSizeCanSay) {
     EXPECT_EQ(Formatter::CalculateRequiredBufferSize(text, args), std::numeric_limits<unsigned int>::max());
 }
 
-// The rules said another way: a run of percent signs is a placeholder when it is one sign alone and a digit that has an
+// The rules said another way: a run of percent signs is a field when it is one sign alone and a digit that has an
 // argument follows, and yields one percent sign otherwise.
 u16string model(const u16string& format, const std::vector<u16string>& args, std::size_t& size) {
     u16string result;

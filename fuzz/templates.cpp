@@ -1,4 +1,4 @@
-// The placeholder formatter with any template. The first byte says how many arguments there are and how long each is.
+// The template formatter with any template. The first byte says how many arguments there are and how long each is.
 
 #include <algorithm>
 
