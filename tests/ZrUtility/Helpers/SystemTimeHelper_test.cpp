@@ -1,0 +1,445 @@
+#include "ZrUtility/Helpers/SystemTimeHelper.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ZrLog/ZrLog.h"
+#include "platform/base.h"
+#include "platform/diagnostics.h"
+#include "platform/errors.h"
+#include "platform/kernel.h"
+#include "support/child.h"
+#include "support/failing_new.h"
+#include "support/log_capture.h"
+#include "support/time_changes.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace {
+
+using zr::test::Child;
+using zr::test::FailingNew;
+using zr::test::LogCapture;
+using zr::test::TimeChanges;
+
+constexpr const WCHAR* kEvent = u"ZrNotificationListener";
+constexpr const char* kSource = ".\\Helpers\\SystemTimeHelper.cppzrwindowsmobile";
+constexpr std::uint32_t kFailure = 0x880004;
+constexpr std::uint32_t kInformation = 0x880010;
+
+// What the callbacks tell the test.
+struct Told {
+    HANDLE called = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    std::atomic<int> calls{0};
+    std::atomic<DWORD> thread{0};
+
+    ~Told() { CloseHandle(called); }
+    bool wait() const { return WaitForSingleObject(called, INFINITE) == WAIT_OBJECT_0; }
+};
+Told* told = nullptr;
+
+void note() {
+    ++told->calls;
+    told->thread = GetCurrentThreadId();
+    SetEvent(told->called);
+}
+
+std::atomic<int> other_calls{0};
+void note_other() {
+    ++other_calls;
+    note();
+}
+
+class SystemTime : public testing::Test {
+protected:
+    SystemTime() { told = &told_; }
+    ~SystemTime() override {
+        SystemTimeHelper::Release();
+        told = nullptr;
+    }
+
+    static SystemTimeHelper& helper() { return *SystemTimeHelper::GetInstance(); }
+    // True when the event is there and not signalled any more: the listener waits again.
+    static void until_reset() {
+        const HANDLE event = OpenEventW(EVENT_ALL_ACCESS, FALSE, kEvent);
+        ASSERT_NE(event, nullptr);
+        while (WaitForSingleObject(event, 0) == WAIT_OBJECT_0) {
+            std::this_thread::yield();
+        }
+        CloseHandle(event);
+    }
+    void change() const {
+        changes.set_clock();
+        EXPECT_TRUE(told_.wait());
+        until_reset();
+    }
+
+    const TimeChanges changes;
+    Told told_;
+};
+
+int threads() {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        ++count;
+    }
+    return count;
+}
+
+// A thread that has ended may still be listed for a moment.
+void until_threads(int count) {
+    while (threads() != count) {
+        std::this_thread::yield();
+    }
+}
+
+// Returns when the listening thread sleeps: it has reset the event, and will not do so again before the next change.
+void until_listening() {
+    const std::string path = "/proc/self/task/" + std::to_string(told->thread) + "/stat";
+    for (int asleep = 0; asleep < 3;) {
+        std::ifstream file(path);
+        const std::string text((std::istreambuf_iterator<char>(file)), {});
+        const std::size_t name_end = text.rfind(')');
+        const bool sleeps = name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
+        asleep = sleeps ? asleep + 1 : 0;
+        std::this_thread::yield();
+    }
+}
+
+bool event_exists() {
+    const HANDLE event = OpenEventW(EVENT_ALL_ACCESS, FALSE, kEvent);
+    if (event != nullptr) CloseHandle(event);
+    return event != nullptr;
+}
+
+}  // namespace
+
+TEST_F(SystemTime, IsOneListener) {
+    EXPECT_EQ(SystemTimeHelper::m_Instance, nullptr);
+    SystemTimeHelper::Release();
+    SystemTimeHelper* const first = SystemTimeHelper::GetInstance();
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(SystemTimeHelper::GetInstance(), first);
+    EXPECT_EQ(SystemTimeHelper::m_Instance, first);
+    SystemTimeHelper::Release();
+    EXPECT_EQ(SystemTimeHelper::m_Instance, nullptr);
+    SystemTimeHelper::Release();
+}
+
+TEST_F(SystemTime, IsNotMadeWithoutMemory) {
+    const long before = zr::test::live_news();
+    {
+        const FailingNew failing;
+        EXPECT_EQ(SystemTimeHelper::GetInstance(), nullptr);
+    }
+    EXPECT_EQ(SystemTimeHelper::m_Instance, nullptr);
+    EXPECT_NE(SystemTimeHelper::GetInstance(), nullptr);
+    EXPECT_EQ(zr::test::live_news(), before + 1);
+    SystemTimeHelper::Release();
+    EXPECT_EQ(zr::test::live_news(), before);
+}
+
+TEST_F(SystemTime, CallsOnEveryChangeOnAThreadOfItsOwn) {
+    const LogCapture log;
+    EXPECT_EQ(helper().StartListening(note), 0);
+    for (int i = 1; i <= 5; ++i) {
+        change();
+        EXPECT_EQ(told_.calls, i);
+        EXPECT_NE(told_.thread, GetCurrentThreadId());
+    }
+    changes.set_zone("Second");
+    EXPECT_TRUE(told_.wait());
+    until_reset();
+    EXPECT_EQ(told_.calls, 6);
+    EXPECT_TRUE(log.records().empty());
+}
+
+TEST_F(SystemTime, RefusesNoCallbackAndStaysAsItIs) {
+    EXPECT_EQ(helper().StartListening(nullptr), E_FAIL);
+    EXPECT_FALSE(event_exists());
+    EXPECT_EQ(helper().StartListening(note), 0);
+    EXPECT_EQ(helper().StartListening(nullptr), E_FAIL);
+    change();
+    EXPECT_EQ(told_.calls, 1);
+}
+
+TEST_F(SystemTime, StartedTwiceHasOneThreadAndTheSecondCallback) {
+    other_calls = 0;
+    EXPECT_EQ(helper().StartListening(note), 0);
+    const int with_one = threads();
+    EXPECT_EQ(helper().StartListening(note_other), 0);
+    until_threads(with_one);
+    change();
+    EXPECT_EQ(told_.calls, 1);
+    EXPECT_EQ(other_calls, 1);
+}
+
+TEST_F(SystemTime, StopsAndStartsAgain) {
+    EXPECT_EQ(helper().StartListening(note), 0);
+    EXPECT_EQ(helper().StopListening(), 0);
+    EXPECT_EQ(helper().StopListening(), 0);
+    EXPECT_FALSE(event_exists());
+    const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
+    const int idle = threads();
+    for (int round = 0; round < 50; ++round) {
+        ASSERT_EQ(helper().StartListening(note), 0);
+        if (round % 2 == 0) {
+            change();
+        } else if (round % 3 == 0) {
+            changes.set_clock();  // stopped while a change may be on its way
+        }
+        ASSERT_EQ(helper().StopListening(), 0);
+        ASSERT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
+        until_threads(idle);
+        const int calls = told_.calls;
+        changes.set_clock();
+        ASSERT_EQ(told_.calls, calls);
+        WaitForSingleObject(told_.called, 0);
+    }
+}
+
+TEST_F(SystemTime, ReleaseStops) {
+    const int idle = threads();
+    const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
+    EXPECT_EQ(helper().StartListening(note), 0);
+    change();
+    SystemTimeHelper::Release();
+    EXPECT_FALSE(event_exists());
+    until_threads(idle);
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
+}
+
+TEST_F(SystemTime, EndsWithARecordOrAtOnce) {
+    const LogCapture log;
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(helper().StartListening(note), 0);
+        ASSERT_EQ(helper().StopListening(), 0);
+    }
+    // The thread is ended, and may have seen before that it is to stop, or that its event has gone.
+    for (const auto& record : log.records()) {
+        EXPECT_EQ(record.source, kSource);
+        EXPECT_TRUE(record.category == kInformation || record.category == kFailure) << record.category;
+    }
+}
+
+TEST_F(SystemTime, LogsNothingWhenTheSystemCannotBeWatched) {
+    setenv("ZR_ZONE_FILE", "/nowhere/localtime", 1);
+    const LogCapture log;
+    EXPECT_EQ(helper().StartListening(note), E_FAIL);
+    EXPECT_TRUE(log.records().empty());
+    EXPECT_FALSE(event_exists());
+    setenv("ZR_ZONE_FILE", changes.zone_file().c_str(), 1);
+    EXPECT_EQ(helper().StartListening(note), 0);
+    change();
+}
+
+TEST_F(SystemTime, AFailedStartStopsTheListenerBefore) {
+    EXPECT_EQ(helper().StartListening(note), 0);
+    const int listening = threads();
+    setenv("ZR_ZONE_FILE", "/nowhere/localtime", 1);
+    EXPECT_EQ(helper().StartListening(note_other), E_FAIL);
+    until_threads(listening - 2);
+    EXPECT_FALSE(event_exists());
+    setenv("ZR_ZONE_FILE", changes.zone_file().c_str(), 1);
+}
+
+TEST_F(SystemTime, LogsWhenTheEventCannotBeMade) {
+    const HANDLE in_the_way = CreateMutexW(nullptr, FALSE, kEvent);
+    ASSERT_NE(in_the_way, nullptr);
+    {
+        const LogCapture log;
+        EXPECT_EQ(helper().StartListening(note), E_FAIL);
+        const auto records = log.records();
+        ASSERT_EQ(records.size(), 1u);
+        EXPECT_EQ(records[0].source, kSource);
+        EXPECT_EQ(records[0].category, kFailure);
+        EXPECT_EQ(records[0].arguments, std::vector<std::uintptr_t>{ERROR_INVALID_HANDLE});
+    }
+    CloseHandle(in_the_way);
+    EXPECT_EQ(helper().StartListening(note), 0);
+    change();
+}
+
+TEST_F(SystemTime, StartsOrFailsWholeWhenMemoryIsShort) {
+    EXPECT_EQ(helper().StartListening(note), 0);  // what the process keeps of its first time is there
+    EXPECT_EQ(helper().StopListening(), 0);
+    const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
+    const int idle = threads();
+    int failures = 0;
+    for (int successes = 0;; ++successes) {
+        ASSERT_LT(successes, 200);
+        LONG result = 0;
+        {
+            const FailingNew failing(successes);
+            result = helper().StartListening(note);
+        }
+        if (result == 0) break;
+        EXPECT_EQ(result, E_FAIL);
+        ++failures;
+        EXPECT_FALSE(event_exists());
+        EXPECT_EQ(helper().StopListening(), 0);
+        until_threads(idle);
+        EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
+    }
+    EXPECT_GT(failures, 1);
+    change();
+}
+
+TEST_F(SystemTime, IsToldThroughTheEventByOtherProcessesToo) {
+    EXPECT_EQ(helper().StartListening(note), 0);
+    const HANDLE event = OpenEventW(EVENT_ALL_ACCESS, FALSE, kEvent);
+    ASSERT_NE(event, nullptr);
+    EXPECT_TRUE(SetEvent(event));
+    EXPECT_TRUE(told_.wait());
+    until_reset();
+    CloseHandle(event);
+    EXPECT_EQ(told_.calls, 1);
+}
+
+ZR_CHILD(listening_process) {
+    Told own;
+    told = &own;
+    if (SystemTimeHelper::GetInstance()->StartListening(note) != 0) return 1;
+    zr::test::say("ready");
+    for (;;) {
+        own.wait();
+        until_listening();
+        zr::test::say("called");
+        if (args[0] == "once") break;
+    }
+    SystemTimeHelper::Release();
+    told = nullptr;
+    return 0;
+}
+
+TEST_F(SystemTime, IsToldInEveryProcess) {
+    EXPECT_EQ(helper().StartListening(note), 0);
+    Child first("listening_process", {"always"});
+    ASSERT_EQ(first.hear(), "ready");
+    for (int round = 0; round < 10; ++round) {
+        changes.set_clock();
+        EXPECT_EQ(first.hear(), "called");
+        EXPECT_TRUE(told_.wait());
+        until_listening();
+    }
+    // Killed in the middle of it, it takes nothing from the others.
+    first.kill(SIGKILL);
+    EXPECT_EQ(first.wait(), -SIGKILL);
+    change();
+    Child second("listening_process", {"once"});
+    ASSERT_EQ(second.hear(), "ready");
+    changes.set_clock();
+    EXPECT_EQ(second.hear(), "called");
+    EXPECT_EQ(second.wait(), 0);
+    // It stopped, which took back its own registration only.
+    EXPECT_TRUE(told_.wait());
+    until_listening();
+    WaitForSingleObject(told_.called, 0);  // its stopping may have been taken for a change
+    change();
+}
+
+// ---- The callback and the end of listening ----
+
+TEST_F(SystemTime, ACallbackMayStop) {
+    static std::atomic<bool> went_on{false};
+    went_on = false;
+    const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
+    const int idle = threads();
+    EXPECT_EQ(helper().StartListening([] {
+        SetEvent(told->called);
+        SystemTimeHelper::GetInstance()->StopListening();
+        went_on = true;
+    }),
+              0);
+    changes.set_clock();
+    EXPECT_TRUE(told_.wait());
+    until_threads(idle);
+    EXPECT_FALSE(went_on);
+    EXPECT_FALSE(event_exists());
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
+    EXPECT_EQ(helper().StartListening(note), 0);
+    change();
+}
+
+TEST_F(SystemTime, ACallbackIsEndedAtItsNextCallOfThePlatform) {
+    static std::atomic<bool> went_on{false};
+    went_on = false;
+    const int idle = threads();
+    EXPECT_EQ(helper().StartListening([] {
+        SetEvent(told->called);
+        Sleep(INFINITE);
+        went_on = true;
+    }),
+              0);
+    changes.set_clock();
+    EXPECT_TRUE(told_.wait());
+    EXPECT_EQ(helper().StopListening(), 0);
+    until_threads(idle);
+    EXPECT_FALSE(went_on);
+}
+
+TEST_F(SystemTime, ACallbackThatCallsNothingIsLeftToItself) {
+    static std::atomic<bool> let_go{false};
+    static std::atomic<int> returned{0};
+    let_go = false;
+    returned = 0;
+    const int idle = threads();
+    const auto busy = [] {
+        SetEvent(told->called);
+        while (!let_go) {
+            std::this_thread::yield();
+        }
+        ++returned;
+    };
+    EXPECT_EQ(helper().StartListening(busy), 0);
+    changes.set_clock();
+    EXPECT_TRUE(told_.wait());
+#if defined(__SANITIZE_ADDRESS__)
+    __lsan_ignore_object(SystemTimeHelper::m_Instance);  // which is left to the thread
+#endif
+    const DWORD start = GetTickCount();
+    SystemTimeHelper::Release();
+    EXPECT_GE(GetTickCount() - start, 900u);
+    EXPECT_EQ(SystemTimeHelper::m_Instance, nullptr);
+    EXPECT_EQ(helper().StartListening(note), 0);
+    change();
+    EXPECT_EQ(told_.calls, 1);
+    let_go = true;
+    while (returned == 0) {
+        std::this_thread::yield();
+    }
+    SystemTimeHelper::Release();
+    until_threads(idle);
+}
+
+TEST_F(SystemTime, ForgetsAChangeDuringTheCallback) {
+    static HANDLE go = nullptr;
+    go = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    EXPECT_EQ(helper().StartListening([] {
+        note();
+        WaitForSingleObject(go, INFINITE);
+    }),
+              0);
+    changes.set_clock();
+    EXPECT_TRUE(told_.wait());
+    const HANDLE event = OpenEventW(EVENT_ALL_ACCESS, FALSE, kEvent);
+    SetEvent(event);
+    CloseHandle(event);
+    SetEvent(go);
+    until_reset();
+    EXPECT_EQ(told_.calls, 1);
+    SetEvent(go);
+    change();
+    EXPECT_EQ(told_.calls, 2);
+    SystemTimeHelper::Release();
+    CloseHandle(go);
+}

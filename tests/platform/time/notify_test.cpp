@@ -1,0 +1,583 @@
+#include "platform/notify.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/base.h"
+#include "platform/kernel.h"
+#include "support/child.h"
+#include "support/time_changes.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using zr::test::Child;
+using zr::test::TimeChanges;
+
+const std::u16string kPrefix = NAMED_EVENT_PREFIX_TEXT;
+
+BOOL request(const std::u16string& name, LONG system_event = NOTIFICATION_EVENT_TIME_CHANGE) {
+    return CeRunAppAtEvent((kPrefix + name).c_str(), system_event);
+}
+
+// A registered event; neither outlives the object. Auto-reset, so that each signal is seen once.
+class Watched {
+public:
+    explicit Watched(std::u16string name, LONG system_event = NOTIFICATION_EVENT_TIME_CHANGE, BOOL manual = FALSE)
+        : name_(std::move(name)), event_(CreateEventW(nullptr, manual, FALSE, name_.c_str())) {
+        EXPECT_NE(event_, nullptr);
+        EXPECT_TRUE(request(name_, system_event));
+    }
+    ~Watched() {
+        EXPECT_TRUE(request(name_, NOTIFICATION_EVENT_NONE));
+        CloseHandle(event_);
+    }
+    Watched(const Watched&) = delete;
+    Watched& operator=(const Watched&) = delete;
+
+    HANDLE event() const { return event_; }
+    bool wait() const { return WaitForSingleObject(event_, INFINITE) == WAIT_OBJECT_0; }
+    bool is_set() const { return WaitForSingleObject(event_, 0) == WAIT_OBJECT_0; }
+
+private:
+    std::u16string name_;
+    HANDLE event_;
+};
+
+// Returns when everything that was changed before has been looked at: a change that is announced after it follows it,
+// and what is found together with the first one is announced before the second.
+void let_pass(const TimeChanges& changes) {
+    const Watched fence(u"fence");
+    for (int i = 0; i < 2; ++i) {
+        changes.set_clock();
+        EXPECT_TRUE(fence.wait());
+    }
+}
+
+int count_entries(const char* folder) {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder)) {
+        ++count;
+    }
+    return count;
+}
+
+// Returns when the process has that many threads: one that was joined may still be listed for a moment.
+void until_threads(int count) {
+    while (count_entries("/proc/self/task") != count) {
+        std::this_thread::yield();
+    }
+}
+
+int descriptors() {
+    return count_entries("/proc/self/fd");
+}
+
+void expect_refused(LPCWSTR application, LONG system_event, DWORD error) {
+    SetLastError(ERROR_SUCCESS);
+    EXPECT_FALSE(CeRunAppAtEvent(application, system_event));
+    EXPECT_EQ(GetLastError(), error);
+}
+
+}  // namespace
+
+TEST(Notify, RefusesWhatIsNoNamedEvent) {
+    const std::u16string longest = kPrefix + std::u16string(MAX_PATH - 1, u'n');
+    const std::u16string too_long = longest + u"n";
+    for (const LONG system_event : {NOTIFICATION_EVENT_TIME_CHANGE, NOTIFICATION_EVENT_NONE}) {
+        expect_refused(nullptr, system_event, ERROR_INVALID_PARAMETER);
+        expect_refused(kPrefix.c_str(), system_event, ERROR_INVALID_PARAMETER);
+        expect_refused(too_long.c_str(), system_event, ERROR_INVALID_PARAMETER);
+        expect_refused(u"", system_event, ERROR_NOT_SUPPORTED);
+        expect_refused(u"\\Windows\\clock.exe", system_event, ERROR_NOT_SUPPORTED);
+        expect_refused(u"\\\\.\\Notifications\\NamedEvents", system_event, ERROR_NOT_SUPPORTED);
+    }
+    const TimeChanges changes;
+    EXPECT_TRUE(CeRunAppAtEvent(longest.c_str(), NOTIFICATION_EVENT_TIME_CHANGE));
+    EXPECT_TRUE(CeRunAppAtEvent(longest.c_str(), NOTIFICATION_EVENT_NONE));
+}
+
+TEST(Notify, RefusesOtherSystemEvents) {
+    const std::u16string path = kPrefix + u"x";
+    expect_refused(path.c_str(), -1, ERROR_INVALID_PARAMETER);
+    expect_refused(path.c_str(), NOTIFICATION_EVENT_LAST + 1, ERROR_INVALID_PARAMETER);
+    for (LONG event = 1; event <= NOTIFICATION_EVENT_LAST; ++event) {
+        if (event == NOTIFICATION_EVENT_TIME_CHANGE || event == NOTIFICATION_EVENT_TZ_CHANGE) continue;
+        expect_refused(path.c_str(), event, ERROR_NOT_SUPPORTED);
+    }
+}
+
+TEST(Notify, SetsTheEventWhenTheClockIsSet) {
+    const TimeChanges changes;
+    const Watched watched(u"clock");
+    EXPECT_FALSE(watched.is_set());
+    for (int i = 0; i < 3; ++i) {
+        changes.set_clock();
+        EXPECT_TRUE(watched.wait());
+    }
+}
+
+TEST(Notify, TakesThePrefixInAnyLetterCaseAndTheNameAsItIs) {
+    const TimeChanges changes;
+    const Watched lower(u"name");
+    const Watched upper(u"NAME", NOTIFICATION_EVENT_TZ_CHANGE);
+    EXPECT_TRUE(CeRunAppAtEvent(u"\\\\.\\NOTIFICATIONS\\namedevents\\other", NOTIFICATION_EVENT_TIME_CHANGE));
+    const HANDLE other = CreateEventW(nullptr, FALSE, FALSE, u"other");
+    changes.set_clock();
+    EXPECT_EQ(WaitForSingleObject(other, INFINITE), WAIT_OBJECT_0);
+    CloseHandle(other);
+    EXPECT_TRUE(lower.wait());
+    let_pass(changes);
+    EXPECT_FALSE(upper.is_set());
+    EXPECT_TRUE(request(u"other", NOTIFICATION_EVENT_NONE));
+}
+
+TEST(Notify, LeavesAManualResetEventSet) {
+    const TimeChanges changes;
+    const Watched watched(u"manual", NOTIFICATION_EVENT_TIME_CHANGE, TRUE);
+    changes.set_clock();
+    EXPECT_TRUE(watched.wait());
+    EXPECT_TRUE(watched.is_set());
+    EXPECT_TRUE(ResetEvent(watched.event()));
+    changes.set_clock();
+    EXPECT_TRUE(watched.wait());
+}
+
+TEST(Notify, SetsTheEventForEachWayToChangeTheZone) {
+    const TimeChanges changes;
+    const Watched time(u"time");
+    const Watched zone(u"zone", NOTIFICATION_EVENT_TZ_CHANGE);
+    const auto expect_change = [&](const char* how) {
+        SCOPED_TRACE(how);
+        EXPECT_TRUE(zone.wait());
+        EXPECT_TRUE(time.wait());
+        let_pass(changes);
+        EXPECT_TRUE(time.is_set());  // by let_pass
+        EXPECT_FALSE(zone.is_set());
+    };
+    changes.set_zone("Second");
+    expect_change("another link in its place");
+    changes.make_zone("Second", "TZif2 with other rules\n");
+    expect_change("the link's target rewritten");
+    changes.make_zone("Third", "TZif2 with yet other rules\n");
+    fs::rename(changes.folder() / "Third", changes.folder() / "Second");
+    expect_change("the link's target replaced");
+    fs::create_directory(changes.folder() / "far");
+    changes.make_zone("far/Fourth");
+    changes.link_zone("far/Fourth");
+    expect_change("a link into another folder");
+    changes.make_zone("far/Fourth", "TZif2 again\n");
+    expect_change("the far target rewritten");
+    fs::remove(changes.zone_file());
+    expect_change("no file: UTC");
+    changes.make_zone("localtime", "TZif2 a plain file\n");
+    expect_change("a plain file");
+    changes.make_zone("localtime", "TZif2 another plain file\n");
+    expect_change("the plain file rewritten");
+    changes.make_zone("Fifth");
+    fs::rename(changes.folder() / "Fifth", changes.zone_file());
+    expect_change("the plain file replaced");
+}
+
+TEST(Notify, FollowsLinksToLinks) {
+    const TimeChanges changes;
+    fs::create_directory(changes.folder() / "a");
+    fs::create_directory(changes.folder() / "b");
+    changes.make_zone("b/Zone");
+    fs::create_symlink("../b/Zone", changes.folder() / "a/link");
+    changes.link_zone("a/link");
+    const Watched zone(u"zone", NOTIFICATION_EVENT_TZ_CHANGE);
+    changes.make_zone("b/Zone", "TZif2 changed\n");
+    EXPECT_TRUE(zone.wait());
+    changes.make_zone("b/Other");
+    fs::remove(changes.folder() / "a/link");
+    EXPECT_TRUE(zone.wait());
+    fs::create_symlink("../b/Other", changes.folder() / "a/link");
+    EXPECT_TRUE(zone.wait());
+}
+
+TEST(Notify, KeepsQuietWhenTheZoneStaysWhatItWas) {
+    const TimeChanges changes;
+    const Watched zone(u"zone", NOTIFICATION_EVENT_TZ_CHANGE);
+    changes.link_zone("First");
+    let_pass(changes);  // or it would be looked at while it is being written
+    changes.make_zone("First");
+    changes.make_zone("Unused");
+    fs::create_hard_link(changes.folder() / "First", changes.folder() / "localtime.spare");
+    let_pass(changes);
+    EXPECT_FALSE(zone.is_set());
+    changes.set_zone("Second");
+    EXPECT_TRUE(zone.wait());
+    // A circle of links and a file of something else are no zone, which is UTC both times.
+    fs::create_symlink("localtime", changes.folder() / "circle");
+    changes.link_zone("circle");
+    EXPECT_TRUE(zone.wait());
+    changes.make_zone("text", "not a zone");
+    changes.link_zone("text");
+    let_pass(changes);
+    EXPECT_FALSE(zone.is_set());
+}
+
+TEST(Notify, TellsTheZoneFromTheClock) {
+    const TimeChanges changes;
+    const Watched zone(u"zone", NOTIFICATION_EVENT_TZ_CHANGE);
+    changes.set_clock();
+    let_pass(changes);
+    EXPECT_FALSE(zone.is_set());
+    // Registered for both, it is told of the clock too, and once of the zone.
+    EXPECT_TRUE(request(u"zone", NOTIFICATION_EVENT_TIME_CHANGE));
+    changes.set_clock();
+    EXPECT_TRUE(zone.wait());
+    changes.set_zone("Second");
+    EXPECT_TRUE(zone.wait());
+    let_pass(changes);
+    EXPECT_TRUE(zone.is_set());  // by let_pass
+    EXPECT_FALSE(zone.is_set());
+}
+
+TEST(Notify, EndsAllRegistrationsOfAName) {
+    const TimeChanges changes;
+    EXPECT_TRUE(request(u"nobody", NOTIFICATION_EVENT_NONE));
+    const Watched watched(u"watched");
+    EXPECT_TRUE(request(u"watched", NOTIFICATION_EVENT_TZ_CHANGE));
+    EXPECT_TRUE(request(u"watched", NOTIFICATION_EVENT_NONE));
+    changes.set_clock();
+    changes.set_zone("Second");
+    let_pass(changes);
+    EXPECT_FALSE(watched.is_set());
+    EXPECT_TRUE(request(u"watched"));
+    changes.set_clock();
+    EXPECT_TRUE(watched.wait());
+}
+
+TEST(Notify, FindsAnEventThatIsMadeLater) {
+    const TimeChanges changes;
+    EXPECT_TRUE(request(u"later"));
+    let_pass(changes);
+    const Watched again(u"later");  // registering twice is registering once
+    EXPECT_FALSE(again.is_set());
+    changes.set_clock();
+    EXPECT_TRUE(again.wait());
+    let_pass(changes);
+}
+
+TEST(Notify, WatchesOnlyWhileSomethingIsRegistered) {
+    const TimeChanges changes;
+    const int threads_before = count_entries("/proc/self/task");
+    std::unique_ptr<Watched> warm_up = std::make_unique<Watched>(u"one");
+    warm_up.reset();
+    const int descriptors_before = descriptors();
+    for (int round = 0; round < 20; ++round) {
+        {
+            const Watched one(u"one");
+            EXPECT_EQ(count_entries("/proc/self/task"), threads_before + 1);
+            const Watched two(u"two", NOTIFICATION_EVENT_TZ_CHANGE);
+            EXPECT_EQ(count_entries("/proc/self/task"), threads_before + 1);
+            if (round % 2 == 0) changes.set_clock();
+        }
+        until_threads(threads_before);
+        EXPECT_EQ(descriptors(), descriptors_before);
+    }
+}
+
+TEST(Notify, SaysWhyItCannotWatch) {
+    setenv("ZR_ZONE_FILE", "/nowhere/localtime", 1);
+    const std::u16string path = kPrefix + u"x";
+    const int descriptors_before = descriptors();
+    expect_refused(path.c_str(), NOTIFICATION_EVENT_TIME_CHANGE, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(descriptors(), descriptors_before);
+    const TimeChanges changes;
+    const Watched watched(u"x");
+    changes.set_clock();
+    EXPECT_TRUE(watched.wait());
+}
+
+TEST(Notify, MayBeCalledByManyThreads) {
+    const TimeChanges changes;
+    std::vector<std::thread> crowd;
+    for (int i = 0; i < 4; ++i) {
+        crowd.emplace_back([&changes, i] {
+            const std::u16string name = u"crowd" + std::u16string(1, static_cast<WCHAR>(u'0' + i));
+            for (int round = 0; round < 25; ++round) {
+                const Watched watched(name,
+                                      round % 3 == 0 ? NOTIFICATION_EVENT_TZ_CHANGE : NOTIFICATION_EVENT_TIME_CHANGE);
+                changes.set_clock();
+                if (round % 3 != 0) {
+                    EXPECT_TRUE(watched.wait());
+                }
+            }
+        });
+    }
+    for (std::thread& thread : crowd) {
+        thread.join();
+    }
+}
+
+// ---- Several processes ----
+
+// Registers a shared event and one of its own, and says each time the latter is set, which follows the former.
+ZR_CHILD(listener) {
+    const std::u16string own(args[0].begin(), args[0].end());
+    EXPECT_TRUE(request(u"shared"));
+    const Watched watched(own);
+    zr::test::say("ready");
+    for (;;) {
+        const HANDLE event = watched.event();
+        WaitForSingleObject(event, INFINITE);
+        zr::test::say("set");
+    }
+}
+
+ZR_CHILD(passer_by) {
+    const Watched watched(u"shared");
+    zr::test::say("ready");
+    zr::test::hear();
+    return 0;
+}
+
+TEST(Notify, SetsASharedEventOnceForAllProcesses) {
+    const TimeChanges changes;
+    std::vector<std::unique_ptr<Child>> listeners;
+    for (const char* name : {"a", "b", "c", "d"}) {
+        listeners.push_back(std::make_unique<Child>("listener", std::vector<std::string>{name}));
+    }
+    for (const auto& listener : listeners) {
+        ASSERT_EQ(listener->hear(), "ready");
+    }
+    const Watched shared(u"shared");
+    const Watched own(u"own");
+    for (int round = 0; round < 25; ++round) {
+        if (round % 5 == 4) {
+            changes.set_zone("Zone" + std::to_string(round));
+        } else {
+            changes.set_clock();
+        }
+        ASSERT_TRUE(shared.wait());
+        for (const auto& listener : listeners) {
+            ASSERT_EQ(listener->hear(), "set");
+        }
+        ASSERT_TRUE(own.wait());
+        ASSERT_FALSE(shared.is_set()) << round;
+    }
+}
+
+TEST(Notify, ARegistrationIsItsProcesss) {
+    const TimeChanges changes;
+    const Watched shared(u"shared");
+    {
+        Child other("passer_by");
+        ASSERT_EQ(other.hear(), "ready");
+        changes.set_clock();
+        EXPECT_TRUE(shared.wait());
+        other.say("go");  // it takes its registration back
+        EXPECT_EQ(other.wait(), 0);
+    }
+    changes.set_clock();
+    EXPECT_TRUE(shared.wait());
+    {
+        Child killed("passer_by");
+        ASSERT_EQ(killed.hear(), "ready");
+        killed.kill(SIGKILL);
+        EXPECT_EQ(killed.wait(), -SIGKILL);
+    }
+    changes.set_clock();
+    EXPECT_TRUE(shared.wait());
+    // When this process takes its own back, nobody sets the event any more.
+    EXPECT_TRUE(request(u"shared", NOTIFICATION_EVENT_NONE));
+    changes.set_clock();
+    let_pass(changes);
+    EXPECT_FALSE(shared.is_set());
+}
+
+// Makes processes by fork that register the shared event, and kills each a random moment after the next change.
+ZR_CHILD(killer) {
+    std::mt19937 random(static_cast<unsigned>(std::stoul(args[0])));
+    for (std::string line = zr::test::hear(); line == "next"; line = zr::test::hear()) {
+        int ready[2];
+        if (pipe(ready) != 0) return 1;
+        const pid_t process = fork();
+        if (process == 0) {
+            const char byte = request(u"shared") ? 'y' : 'n';
+            static_cast<void>(!write(ready[1], &byte, 1));
+            pause();
+        }
+        char byte = 0;
+        static_cast<void>(!read(ready[0], &byte, 1));
+        close(ready[0]);
+        close(ready[1]);
+        zr::test::say(byte == 'y' ? "ready" : "failed");
+        zr::test::hear();
+        for (unsigned spin = static_cast<unsigned>(random() % 3000); spin > 0; --spin) {
+            getppid();
+        }
+        kill(process, SIGKILL);
+        waitpid(process, nullptr, 0);
+    }
+    return 0;
+}
+
+TEST(Notify, LosesNoChangeWhenProcessesAreKilled) {
+    const TimeChanges changes;
+    const Watched shared(u"shared");
+    Child killer("killer", {"11"});
+    for (int round = 0; round < 300; ++round) {
+        killer.say("next");
+        ASSERT_EQ(killer.hear(), "ready");
+        killer.say("go");
+        changes.set_clock();
+        ASSERT_TRUE(shared.wait()) << round;
+    }
+    killer.say("end");
+    EXPECT_EQ(killer.wait(), 0);
+}
+
+// ---- What others leave in the file by which the processes agree ----
+
+namespace {
+
+class Agreement {
+public:
+    explicit Agreement(const std::string& event)
+        : file_(open((std::string(getenv("XDG_RUNTIME_DIR")) + "/zrutility/time-changes/" + event).c_str(), O_RDWR)) {
+        EXPECT_GE(file_, 0);
+    }
+    ~Agreement() { close(file_); }
+    Agreement(const Agreement&) = delete;
+    Agreement& operator=(const Agreement&) = delete;
+
+    static std::uint64_t now() {
+        timespec time{};
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        return (static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(time.tv_nsec)) * 2;
+    }
+    // What the clock was last said to be set at; the lowest bit: the event is not set yet.
+    std::uint64_t clock() const {
+        std::uint64_t mark = 0;
+        EXPECT_EQ(pread(file_, &mark, sizeof mark, 0), static_cast<ssize_t>(sizeof mark));
+        return mark;
+    }
+    void put_clock(std::uint64_t mark) const {
+        EXPECT_EQ(pwrite(file_, &mark, sizeof mark, 0), static_cast<ssize_t>(sizeof mark));
+    }
+
+private:
+    int file_;
+};
+
+}  // namespace
+
+TEST(Notify, LeavesAChangeToTheProcessThatWasFirst) {
+    const TimeChanges changes;
+    const Watched watched(u"shared");
+    const Watched next(u"next");
+    const Agreement agreement("shared");
+    for (int round = 0; round < 3; ++round) {
+        const std::uint64_t mark = Agreement::now();
+        agreement.put_clock(mark);
+        changes.set_clock();
+        EXPECT_TRUE(next.wait());
+        EXPECT_EQ(agreement.clock(), mark);
+        EXPECT_FALSE(watched.is_set());
+        // The mark is spent: it stands for one change.
+        changes.set_clock();
+        EXPECT_TRUE(next.wait());
+        EXPECT_GT(agreement.clock(), mark);
+        EXPECT_TRUE(watched.is_set());
+    }
+}
+
+TEST(Notify, SetsTheEventForAProcessThatCameToGrief) {
+    const TimeChanges changes;
+    const Watched watched(u"shared");
+    const Agreement agreement("shared");
+    const std::uint64_t mark = Agreement::now() | 1;
+    agreement.put_clock(mark);
+    changes.set_clock();
+    EXPECT_TRUE(watched.wait());
+    EXPECT_GT(agreement.clock(), mark);
+    let_pass(changes);
+    EXPECT_EQ(agreement.clock() % 2, 0u);
+}
+
+TEST(Notify, TrustsAProcessThatGotThereInTheEnd) {
+    const TimeChanges changes;
+    const Watched watched(u"shared");
+    const Watched next(u"next");
+    const Agreement agreement("shared");
+    const std::uint64_t mark = Agreement::now();
+    agreement.put_clock(mark | 1);
+    changes.set_clock();
+    EXPECT_TRUE(next.wait());
+    agreement.put_clock(mark);
+    EXPECT_EQ(WaitForSingleObject(watched.event(), 400), WAIT_TIMEOUT);
+    EXPECT_EQ(agreement.clock(), mark);
+}
+
+TEST(Notify, TrustsNoMarkThatCannotBeOfThisChange) {
+    const TimeChanges changes;
+    const Watched watched(u"shared");
+    const Agreement agreement("shared");
+    for (const std::uint64_t mark : {std::uint64_t{0}, std::uint64_t{1}, Agreement::now() - 40'000'000'000u,
+                                     Agreement::now() + 40'000'000'000u, ~std::uint64_t{0}}) {
+        agreement.put_clock(mark);
+        changes.set_clock();
+        EXPECT_TRUE(watched.wait()) << mark;
+    }
+}
+
+TEST(Notify, DoesWithoutTheFile) {
+    const TimeChanges changes;
+    const fs::path folder = fs::path(getenv("XDG_RUNTIME_DIR")) / "zrutility";
+    fs::create_directories(folder);
+    std::ofstream(folder / "time-changes") << "in the way";
+    const Watched watched(u"shared");
+    changes.set_clock();
+    EXPECT_TRUE(watched.wait());
+    changes.set_zone("Second");
+    EXPECT_TRUE(watched.wait());
+}
+
+TEST(Notify, FindsAFileForEveryName) {
+    const TimeChanges changes;
+    const std::u16string odd = u"../odd name\u00E4\xD800/\n" + std::u16string(100, u'\u20AC');
+    const Watched watched(odd);
+    const Watched nearly(odd + u"x");
+    const Watched dots(u"..");
+    changes.set_clock();
+    EXPECT_TRUE(watched.wait());
+    EXPECT_TRUE(nearly.wait());
+    EXPECT_TRUE(dots.wait());
+    EXPECT_EQ(count_entries((std::string(getenv("XDG_RUNTIME_DIR")) + "/zrutility/time-changes").c_str()), 3);
+}
+
+TEST(Notify, AForkedChildHasNoRegistrations) {
+    const TimeChanges changes;
+    const Watched watched(u"shared");
+    const auto expect_success = [](auto child) {
+        const pid_t process = fork();
+        if (process == 0) exit(child() ? 0 : 1);
+        int status = -1;
+        EXPECT_EQ(waitpid(process, &status, 0), process);
+        EXPECT_EQ(status, 0);
+    };
+    // Its end must neither stop its parent's watching nor wait for a thread that it does not have.
+    expect_success([] { return true; });
+    expect_success([] { return request(u"shared", NOTIFICATION_EVENT_NONE) != FALSE; });
+#if !defined(__SANITIZE_THREAD__)  // which does not bear new threads there
+    expect_success([] { return request(u"shared") != FALSE; });
+#endif
+    changes.set_clock();
+    EXPECT_TRUE(watched.wait());
+}
