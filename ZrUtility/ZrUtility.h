@@ -11,6 +11,7 @@
 #include "ZrUtility/Helpers/Contact.h"
 #include "ZrUtility/Helpers/ContactsManager.h"
 #include "ZrUtility/Helpers/ContactsManagerEmail.h"
+#include "ZrUtility/Helpers/FileSystemMonitor.h"
 #include "ZrUtility/Helpers/KeywordTable.h"
 #include "ZrUtility/Helpers/LockHelper.h"
 #include "ZrUtility/Helpers/OutlookManager.h"

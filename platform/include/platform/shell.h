@@ -1,6 +1,6 @@
 #pragma once
 
-// The shell's special folders.
+// The shell's special folders, and its notifications of changed files.
 
 #include "platform/errors.h"
 #include "platform/export.h"
@@ -34,3 +34,54 @@ inline constexpr int CSIDL_FLAG_CREATE = 0x8000;  // may be added to a number: a
 // path, a number without a folder), ERROR_FILENAME_EXCED_RANGE, or the reason why the folder could not be made; `path`
 // is then empty. `owner` is not used. Any thread.
 ZRPLATFORM_API BOOL SHGetSpecialFolderPath(HWND owner, LPWSTR path, int folder, BOOL create);
+
+// ---- Notifications of changed files ----
+
+// What happened.
+inline constexpr LONG SHCNE_RENAMEITEM = 0x00000001;  // a file; both items
+inline constexpr LONG SHCNE_CREATE = 0x00000002;
+inline constexpr LONG SHCNE_DELETE = 0x00000004;
+inline constexpr LONG SHCNE_MKDIR = 0x00000008;
+inline constexpr LONG SHCNE_RMDIR = 0x00000010;
+inline constexpr LONG SHCNE_UPDATEDIR = 0x00001000;
+inline constexpr LONG SHCNE_UPDATEITEM = 0x00002000;
+inline constexpr LONG SHCNE_RENAMEFOLDER = 0x00020000;
+
+inline constexpr ULONG SHCNF_PATH = 0x0001;  // the items are paths
+
+// The message that carries a change; its LPARAM points to a FILECHANGENOTIFY.
+inline constexpr UINT WM_FILECHANGEINFO = 0x8101;
+
+struct FILECHANGEINFO {
+    DWORD cbSize;
+    LONG wEventId;      // SHCNE_
+    ULONG uFlags;       // SHCNF_
+    DWORD_PTR dwItem1;  // the path; the old one of a rename
+    DWORD_PTR dwItem2;  // the new path of a rename
+    DWORD dwAttributes;
+    FILETIME ftModified;
+    ULONG nFileSize;
+};
+
+struct FILECHANGENOTIFY {
+    DWORD dwRefCount;
+    FILECHANGEINFO fci;
+};
+
+struct SHCHANGENOTIFYENTRY {
+    DWORD dwEventMask;   // SHCNE_ bits
+    LPWSTR pszWatchDir;  // NULL: the root
+    BOOL fRecursive;
+};
+
+// Posts WM_FILECHANGEINFO to the window for each change in a folder that the mask names, until the window is
+// deregistered or destroyed. A window has one registration; a further one replaces it. Each message carries a
+// notification of its own, which whoever takes the message gives back with SHChangeNotifyFree. A message for which the
+// window's queue has no room waits. FALSE: ERROR_INVALID_PARAMETER (no entry, no event that can be told),
+// ERROR_INVALID_WINDOW_HANDLE, or why the folder cannot be watched. What cannot be told: that a folder changed because
+// its content did. Changes of files come in their order, and so do changes of folders. Any thread.
+ZRPLATFORM_API BOOL SHChangeNotifyRegister(HWND window, SHCHANGENOTIFYENTRY* entry);
+// Returns when no more will be posted. FALSE when the window has no registration.
+ZRPLATFORM_API BOOL SHChangeNotifyDeregister(HWND window);
+// What no message of SHChangeNotifyRegister carried is left alone.
+ZRPLATFORM_API void SHChangeNotifyFree(FILECHANGENOTIFY* notify);
