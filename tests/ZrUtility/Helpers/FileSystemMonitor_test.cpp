@@ -463,7 +463,7 @@ TEST(FileSystemMonitor, EventsGoWithTheMonitorAndWindowsToo) {
 }
 
 TEST(FileSystemMonitor, MemoryMayFailAnywhere) {
-    Sleep(0);  // a thread's first call of the platform has to have memory for its record
+    const Monitored first;  // a thread's first call of the platform has to have memory for its record
     for (int nth = 0; nth < 60; ++nth) {
         Notebook notebook;
         OpenMonitor monitor;
