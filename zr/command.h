@@ -92,5 +92,6 @@ void add_contacts_remove(Command contacts);
 void add_resolve(Command zr);
 void add_log_show(Command log);
 void add_objects(Command zr);
+void add_zone(Command zr);
 
 }  // namespace zr

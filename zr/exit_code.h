@@ -19,6 +19,7 @@ enum class Exit : int {
     DamagedStore = 10,  // the contact store is damaged
     StoreFailed = 11,   // the contact store failed otherwise
     NotALog = 12,       // a file that is no log
+    NoZone = 13,        // the time zone is not there or cannot be read
 };
 
 }  // namespace zr

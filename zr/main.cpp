@@ -24,7 +24,7 @@ constexpr const char* kExitCodes =
     "  3 several match       4 no usable From           5 not a message\n"
     "  6 unreadable file     7 damaged cards left out   8 disk full\n"
     "  9 newer store        10 damaged store           11 store failed otherwise\n"
-    " 12 not a log\n"
+    " 12 not a log            13 no time zone\n"
     "\n"
     "ZR_HOME names the folder of the contact store (default: zrutility in the user's data folder).";
 
@@ -54,6 +54,7 @@ void build(zr::Command app) {
     log.footer("Example:\n  zr log show client.zrlog");
     zr::add_log_show(log);
     zr::add_objects(app);
+    zr::add_zone(app);
 }
 
 zr::Exit execute(const zr::Run& run) {
@@ -78,7 +79,7 @@ int main(int argc, char** argv) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_DFL);  // a reader that has seen enough ends us quietly
     silence_glib();
-    zr::CommandLine line("Contacts, senders of messages, the log and named objects, at a terminal.", "zr " ZR_VERSION);
+    zr::CommandLine line("Contacts, senders of messages, the log, named objects and the time zone, at a terminal.", "zr " ZR_VERSION);
     build(line.root());
     if (const std::optional<int> code = line.parse(argc, argv)) return *code;
     return static_cast<int>(execute(line.run()));

@@ -68,6 +68,8 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"resolve"},
     {"log", "show"},
     {"objects"},
+    {"zone"},
+    {"zone"},
 };
 
 TEST_F(Tool, HelpsWithEveryCommand) {
@@ -87,7 +89,7 @@ TEST_F(Tool, HelpsWithEveryCommand) {
 
 TEST_F(Tool, DocumentsAndCompletesEveryOption) {
     const std::string manual = read_file(ZR_SOURCE_DIR "/zr/zr-contacts.1") + read_file(ZR_SOURCE_DIR "/zr/zr-log.1") +
-                               read_file(ZR_SOURCE_DIR "/zr/zr-objects.1") +
+                               read_file(ZR_SOURCE_DIR "/zr/zr-objects.1") + read_file(ZR_SOURCE_DIR "/zr/zr-zone.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-resolve.1") + read_file(ZR_SOURCE_DIR "/zr/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
     const std::string zsh = read_file(ZR_SOURCE_DIR "/zr/completion/_zr");
@@ -114,10 +116,11 @@ TEST_F(Tool, CompletesInBash) {
                                    " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(complete("zr"), "contacts resolve log objects --help --version\n");
+    EXPECT_EQ(complete("zr"), "contacts resolve log objects zone --help --version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr objects"), "--json --help\n");
+    EXPECT_EQ(complete("zr zone"), "--next --json --help\n");
     EXPECT_EQ(complete("zr contacts export --vcard-version"), "2.1 3.0 4.0\n");
 }
 
