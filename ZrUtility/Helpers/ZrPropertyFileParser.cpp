@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <iterator>
 
+#include "ZrUtility/Helpers/StringUtilities.h"
 #include "ZrUtility/Helpers/text_file.h"
 #include "platform/base.h"
 
@@ -23,17 +24,10 @@ bool beginsWithAny(const WCHAR* text, const WCHAR* markers) {
 
 WCHAR* ZrPropertyFileParser::StripWhiteSpace(WCHAR* s, int trailing, int leading) {
     if (s == nullptr) return nullptr;
-    if (trailing) {
-        for (WCHAR* end = s + wcslen(s); end != s && iswspace(end[-1]); --end) {
-            end[-1] = 0;
-        }
-    }
-    if (leading) {
-        while (*s != 0 && iswspace(*s)) {
-            ++s;
-        }
-    }
-    return s;
+    if (trailing) StringUtilities::TrimTrailingWhitespace(s);
+    const WCHAR* start = s;
+    if (leading) StringUtilities::TrimLeadingWhitespace(&start);
+    return s + (start - s);
 }
 
 WCHAR* ZrPropertyFileParser::StripComments(WCHAR* line, const WCHAR* markers, WCHAR quote, WCHAR escape) {
