@@ -139,6 +139,11 @@ public:
     explicit Lists(benchmark::State& state)
         : count_(state.range(0)), lists_(static_cast<std::size_t>(std::max<std::int64_t>(10000 / count_, 1))) {}
 
+    // The heap has had its memory from the system before either contender is measured.
+    void warmUp() {
+        append();
+        clear();
+    }
     void append() {
         for (List& list : lists_) {
             for (std::int64_t i = 0; i < count_; ++i) {
@@ -168,6 +173,7 @@ private:
 template <class List>
 void appendToList(benchmark::State& state) {
     Lists<List> lists(state);
+    lists.warmUp();
     for (auto _ : state) {
         lists.append();
         state.PauseTiming();
@@ -190,6 +196,7 @@ void walkList(benchmark::State& state) {
 template <class List>
 void clearList(benchmark::State& state) {
     Lists<List> lists(state);
+    lists.warmUp();
     for (auto _ : state) {
         state.PauseTiming();
         lists.append();
