@@ -135,10 +135,17 @@ HRESULT ItemState::get_column_slowly(unsigned column, BSTR* text) {
     });
 }
 
+// Whoever asks for a second property is likely to ask for more: then all are read at once.
 HRESULT ItemState::stored_value(CEPROPID id, Value& value) {
     Store& store = session_->store();
     const auto lock = store.lock();
     HRESULT result = store.refresh();
+    if (SUCCEEDED(result) && std::exchange(read_before_, true)) {
+        result = read_stored();
+        const Value* found = SUCCEEDED(result) ? stored_->find(id) : nullptr;
+        if (found != nullptr) value = *found;
+        return result;
+    }
     if (SUCCEEDED(result)) result = store.value(oid_, id, value);
     if (SUCCEEDED(result) && std::holds_alternative<std::monostate>(value)) result = store.exists(oid_);
     return result;
@@ -313,11 +320,16 @@ HRESULT ItemState::remove() {
     });
 }
 
-// What the store has of the item now; with its lock held and after a refresh.
-HRESULT ItemState::stored_values(Values& values) {
+HRESULT ItemState::read_stored() {
     Store& store = session_->store();
-    const HRESULT result = store.exists(oid_);
-    return SUCCEEDED(result) ? store.values(oid_, true, values) : result;
+    if (stored_ && stored_seq_ == store.seq()) return S_OK;
+    auto read = std::make_unique<Values>();
+    HRESULT result = store.exists(oid_);
+    if (SUCCEEDED(result)) result = store.values(oid_, true, *read);
+    if (FAILED(result)) return result;
+    stored_ = std::move(read);
+    stored_seq_ = store.seq();
+    return S_OK;
 }
 
 HRESULT ItemState::everything(Values& values) {
@@ -329,8 +341,9 @@ HRESULT ItemState::everything(Values& values) {
     } else if (!fresh_) {
         const auto lock = session_->store().lock();
         HRESULT result = session_->store().refresh();
-        if (SUCCEEDED(result)) result = stored_values(values);
+        if (SUCCEEDED(result)) result = read_stored();
         if (FAILED(result)) return result;
+        values = *stored_;
     }
     if (pending_) lay_over(*pending_, values);
     return S_OK;
@@ -345,8 +358,9 @@ HRESULT ItemState::read_occurrence(LONG day, Values& series, ExceptionFields& ex
     if (SUCCEEDED(result)) {
         result = store.at_once([&]() -> HRESULT {
             if (!fresh_) {
-                const HRESULT read = stored_values(series);
+                const HRESULT read = read_stored();
                 if (FAILED(read)) return read;
+                series = *stored_;
             }
             return series_changed_in_batch_ ? S_OK : store.exception(oid_, day, exception);
         });

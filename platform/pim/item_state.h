@@ -93,17 +93,21 @@ private:
     HRESULT write(Transaction& transaction, LONG& oid);
     void note_saved();
     void put(CEPROPID id, Value value);
-    HRESULT stored_values(Values& values);
+    // With the store's lock held and after a refresh: reads all of the item, unless what was read still holds.
+    HRESULT read_stored();
 
     SessionRef session_;
     INT folder_;
     LONG oid_;
     RowRef row_;
     ColumnMask reads_ = 0;
-    std::unique_ptr<Values> pending_;  // what was put and is not in the store yet
-    BatchMark batch_;                  // of the batch in which the item was saved last
-    bool fresh_;                       // not in the store yet
-    bool dirty_ = false;               // something was put since the last save
+    std::unique_ptr<const Values> stored_;  // what was read of its properties,
+    LONGLONG stored_seq_ = 0;               // when the store was at this change
+    bool read_before_ = false;              // a single property was
+    std::unique_ptr<Values> pending_;       // what was put and is not in the store yet
+    BatchMark batch_;                       // of the batch in which the item was saved last
+    bool fresh_;                            // not in the store yet
+    bool dirty_ = false;                    // something was put since the last save
     std::unique_ptr<Occurrence> occurrence_;
     bool series_changed_ = false;           // the exceptions no longer fit since the last save
     bool series_changed_in_batch_ = false;  // they were dropped in the batch

@@ -109,7 +109,9 @@ Use Database::use(const char* sql) {
         sqlite3_stmt* prepared = nullptr;
         if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr) != SQLITE_OK)
             return Use(nullptr);
+        std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> held(prepared, &sqlite3_finalize);
         statement = std::make_unique<Statement>(prepared);
+        static_cast<void>(held.release());
     }
     return Use(statement.get());
 }

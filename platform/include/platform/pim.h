@@ -398,8 +398,8 @@ struct IAppointment : IDispatch {
     // Makes the series a single appointment, at the first occurrence's time; its exceptions go with the Save.
     virtual HRESULT ClearRecurrencePattern() = 0;
     virtual HRESULT get_Recipients(IRecipients** recipients) = 0;  // E_NOTIMPL
-    // As IContact::Save. E_INVALIDARG: a series without a start, without an occurrence, or with one after the year
-    // 4500.
+    // As IContact::Save, but a changed pattern or time of a series is stored as a whole. E_INVALIDARG: a series without
+    // a start, without an occurrence, or with one after the year 4500.
     virtual HRESULT Save() = 0;
     virtual HRESULT Delete() = 0;                   // a series goes with its exceptions
     virtual HRESULT Cancel() = 0;                   // E_NOTIMPL
