@@ -43,6 +43,10 @@ private:
     std::uint32_t count_ = 0;
 };
 
+// The handle table's lock, for a fork.
+void lock_handles() noexcept;
+void unlock_handles() noexcept;
+
 // The calling thread's record, NULL until it is asked for.
 extern constinit thread_local Thread* current_thread [[gnu::tls_model("initial-exec")]];
 

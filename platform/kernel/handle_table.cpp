@@ -3,6 +3,7 @@
 #include <mutex>
 #include <new>
 
+#include "engine.h"
 #include "futex.h"
 #include "live_count.h"
 #include "platform/base.h"
@@ -194,6 +195,14 @@ Pin::Pin(HANDLE handle) noexcept {
 
 void Pin::unpin() noexcept {
     table.unpin(*static_cast<Entry*>(entry_));
+}
+
+void lock_handles() noexcept {
+    table.lock.lock();
+}
+
+void unlock_handles() noexcept {
+    table.lock.unlock();
 }
 
 void report_invalid_handle() noexcept {

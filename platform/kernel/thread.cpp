@@ -132,6 +132,7 @@ void ThreadAccess::give_up_all(Thread& self) noexcept {
 void ThreadAccess::before_fork() noexcept {
     registry_lock.lock();
     Engine::lock.lock();
+    lock_handles();
 }
 
 void ThreadAccess::after_fork(bool in_child) noexcept {
@@ -145,6 +146,7 @@ void ThreadAccess::after_fork(bool in_child) noexcept {
         self.named_owned_ = nullptr;
         self.named_sleeper_ = {};
     }
+    unlock_handles();
     Engine::lock.unlock();
     registry_lock.unlock();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -44,6 +46,17 @@ public:
     char hear() {
         char what = 0;
         return read(pipe_[0], &what, 1) == 1 ? what : '\0';
+    }
+
+    // Which of them has something to say; waits until one has.
+    static std::size_t next_to_speak(const std::vector<std::unique_ptr<Fork>>& all) {
+        std::vector<pollfd> fds;
+        for (const auto& one : all) {
+            fds.push_back({one->pipe_[0], POLLIN, 0});
+        }
+        EXPECT_GT(poll(fds.data(), fds.size(), -1), 0);
+        const auto ready = [](const pollfd& fd) { return fd.revents != 0; };
+        return static_cast<std::size_t>(std::find_if(fds.begin(), fds.end(), ready) - fds.begin());
     }
 
     void kill() {
