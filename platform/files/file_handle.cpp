@@ -32,6 +32,7 @@ public:
 
     explicit File(DWORD access) : Object(kKind), access_(access) {}
 
+    int host_descriptor() const noexcept override { return host.get(); }
     bool may_read() const { return (access_ & GENERIC_READ) != 0; }
     bool may_write() const { return (access_ & GENERIC_WRITE) != 0; }
 

@@ -8,11 +8,11 @@
 #include <limits>
 #include <new>
 
-#include "host_error.h"
 #include "named_mapping.h"
 #include "names.h"
 #include "page_protection.h"
 #include "platform/kernel.h"
+#include "room_error.h"
 #include "thread.h"
 #include "views.h"
 
@@ -53,7 +53,43 @@ HANDLE create_over_memory(std::uint64_t size, DWORD protection) noexcept {
     return open_private(std::move(memory), size, protection);
 }
 
+HANDLE create_over_file(HANDLE handle, std::uint64_t size, DWORD protection) noexcept {
+    MappedFile over{};
+    if (const DWORD error = over.open(handle, size, protection)) return fail(error);
+    return open_private(std::move(over.file), over.size, protection);
+}
+
+// Makes the file that large, with room on the disk for what is new.
+DWORD enlarge(int file, std::uint64_t from, std::uint64_t to) noexcept {
+    if (to > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return ERROR_DISK_FULL;
+    int error = EINTR;
+    while (error == EINTR) {
+        error = posix_fallocate(file, static_cast<off_t>(from), static_cast<off_t>(to - from));
+    }
+    if (error == 0) return ERROR_SUCCESS;
+    if (ftruncate(file, static_cast<off_t>(from)) != 0) return error_from_errno(errno);
+    return room_error(error);
+}
+
 }  // namespace
+
+DWORD MappedFile::open(HANDLE handle, std::uint64_t wanted_size, DWORD protection) noexcept {
+    const Pin pin(handle);
+    const int descriptor = pin ? pin.object()->host_descriptor() : -1;
+    struct stat status {};
+    if (descriptor < 0 || fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return ERROR_INVALID_HANDLE;
+    const int access = fcntl(descriptor, F_GETFL) & O_ACCMODE;
+    if (access == O_WRONLY || (access == O_RDONLY && may_write(protection))) return ERROR_ACCESS_DENIED;
+    const auto now = static_cast<std::uint64_t>(status.st_size);
+    size = wanted_size != 0 ? wanted_size : now;
+    if (size == 0) return ERROR_FILE_INVALID;
+    if (size > now && !may_write(protection)) return ERROR_NOT_ENOUGH_MEMORY;
+    if (size > now) {
+        if (const DWORD error = enlarge(descriptor, now, size)) return error;
+    }
+    file = HostFd(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+    return file ? ERROR_SUCCESS : error_from_errno(errno);
+}
 
 std::uint64_t whole_pages(std::uint64_t size) noexcept {
     const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
@@ -93,12 +129,12 @@ HANDLE CreateFileMappingW(HANDLE file, SECURITY_ATTRIBUTES*, DWORD protection, D
                           LPCWSTR name) {
     cancellation_point();
     const std::uint64_t size = (std::uint64_t{size_high} << 32) | size_low;
-    if (!is_mapping_protection(protection) || file != INVALID_HANDLE_VALUE || size == 0) {
-        return fail(ERROR_INVALID_PARAMETER);
-    }
-    if (is_name(name)) return named::create_mapping(name, size, protection & kPageBits);
+    const bool over_memory = file == INVALID_HANDLE_VALUE;
+    if (!is_mapping_protection(protection) || (over_memory && size == 0)) return fail(ERROR_INVALID_PARAMETER);
+    const DWORD page = protection & kPageBits;
+    if (is_name(name)) return named::create_mapping(name, file, size, page);
     SetLastError(ERROR_SUCCESS);
-    return create_over_memory(size, protection & kPageBits);
+    return over_memory ? create_over_memory(size, page) : create_over_file(file, size, page);
 }
 
 HANDLE OpenFileMappingW(DWORD access, BOOL, LPCWSTR name) {

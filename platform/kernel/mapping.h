@@ -11,7 +11,7 @@ class Mapping : public Object {
 public:
     static constexpr ObjectKind kKind = ObjectKind::FileMapping;
 
-    // `protections`: what views may do, by the mapping itself and by what this handle asked for.
+    // What views may do is bounded by the mapping's protection and by the one that this handle asked for.
     Mapping(std::uint64_t size, DWORD protection, DWORD asked) noexcept
         : Object(kKind), size_(size), protection_(protection), asked_(asked) {}
 
@@ -20,6 +20,8 @@ public:
 protected:
     ~Mapping() override = default;
 
+    DWORD protection() const noexcept { return protection_; }
+
     // The file that holds the contents, open for as long as `keep` lives; negative with the last error set.
     virtual int contents(HostFd& keep) noexcept = 0;
 
@@ -27,6 +29,15 @@ private:
     const std::uint64_t size_;
     const DWORD protection_;
     const DWORD asked_;
+};
+
+// A file that a mapping is made over.
+struct MappedFile {
+    HostFd file;
+    std::uint64_t size;  // the mapping's
+
+    // The file behind a handle, as large as asked for; an error code.
+    DWORD open(HANDLE handle, std::uint64_t wanted_size, DWORD protection) noexcept;
 };
 
 std::uint64_t whole_pages(std::uint64_t size) noexcept;

@@ -197,6 +197,8 @@ std::uint32_t make(Region& region, const NewObject& wanted, std::u16string_view 
     object.last_waiter = kNone;
     object.size = wanted.size;
     object.contents = wanted.contents;
+    object.device = wanted.device;
+    object.inode = wanted.inode;
     object.protection = wanted.protection;
     object.open = {};
     object.used = {};

@@ -22,6 +22,8 @@ struct NewObject {
     std::uint64_t size = 0;
     std::uint32_t protection = 0;
     std::uint64_t contents = 0;
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
 };
 
 // A new object that the process at `place` has open. The name is free. kNone with an error number when there is no

@@ -93,7 +93,7 @@ struct ProcessSet {
     }
 };
 
-inline constexpr std::uint32_t kInlineName = 28;
+inline constexpr std::uint32_t kInlineName = 20;
 
 struct alignas(64) Object {
     // Nameless: no process has a handle to it any more, but some thread still waits for it or owns it.
@@ -111,7 +111,9 @@ struct alignas(64) Object {
     std::uint32_t name_length;
     std::uint32_t name_rest;  // the first cell of what does not fit here
     std::uint64_t size;       // of a mapping, in bytes
-    std::uint64_t contents;   // the number in the name of the file with its contents
+    std::uint64_t contents;   // the number in the name of the file with its contents, or of a link to it
+    std::uint64_t device;     // which file that is, where it is the user's own
+    std::uint64_t inode;
     std::uint32_t protection;
     ProcessSet open;  // ... have a handle
     ProcessSet used;  // ... have a handle, wait for it or own it

@@ -5,15 +5,16 @@
 #include <sys/statvfs.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <new>
 #include <string>
 
-#include "host_error.h"
 #include "named_session.h"
 #include "names.h"
 #include "page_protection.h"
 #include "platform/base.h"
+#include "room_error.h"
 
 namespace zr::platform::named {
 namespace {
@@ -24,12 +25,26 @@ HANDLE fail(DWORD error) noexcept {
 }
 
 // The contents are a file of the runtime directory, which is opened for each view: so a mapping keeps no descriptor.
+// Over a file of the user's own, that is opened once, so that it may be renamed or deleted.
 class NamedMapping final : public Mapping {
 public:
     NamedMapping(const named::Object& object, DWORD asked) noexcept
-        : Mapping(object.size, object.protection, asked), contents_(object.contents) {}
+        : Mapping(object.size, object.protection, asked),
+          contents_(object.contents),
+          device_(object.device),
+          inode_(object.inode) {}
 
     Member& member() noexcept { return member_; }
+
+    // After it has become a member. An error code: without the file of the user's own there is no mapping.
+    DWORD open_own_file() noexcept {
+        if (inode_ == 0) return ERROR_SUCCESS;
+        own_ = open_contents(may_write(protection()) ? O_RDWR : O_RDONLY);
+        if (!own_) return error_from_errno(errno);
+        struct stat status {};
+        const bool same = fstat(own_.get(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+        return same ? ERROR_SUCCESS : ERROR_FILE_INVALID;
+    }
 
 protected:
     ~NamedMapping() override = default;
@@ -40,19 +55,27 @@ protected:
             report_invalid_handle();
             return -1;
         }
-        try {
-            keep = HostFd(
-                open(member_.session().region().contents_path(contents_).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-        } catch (const std::bad_alloc&) {
-            errno = ENOMEM;
-        }
+        if (own_) return own_.get();
+        keep = open_contents(O_RDWR | O_NOFOLLOW);
         // Without its file the object is gone: another thread closed the handle meanwhile.
         if (!keep) SetLastError(errno == ENOENT ? ERROR_INVALID_HANDLE : error_from_errno(errno));
         return keep.get();
     }
 
 private:
+    HostFd open_contents(int flags) const noexcept {
+        try {
+            return HostFd(open(member_.session().region().contents_path(contents_).c_str(), flags | O_CLOEXEC));
+        } catch (const std::bad_alloc&) {
+            errno = ENOMEM;
+            return {};
+        }
+    }
+
     const std::uint64_t contents_;
+    const std::uint64_t device_;
+    const std::uint64_t inode_;
+    HostFd own_;
     Member member_;
 };
 
@@ -69,19 +92,38 @@ public:
 
     // Room for that many bytes, all zero. 0 or an error number.
     int make(std::uint64_t size);
+    // A link to a file of the user's own, which is open.
+    int link_to(int file);
     // Becomes the contents of that number.
     int keep_as(std::uint64_t number);
 
 private:
+    std::string unused_path() const;
+
     Session& session_;
     std::string path_;
 };
 
-int NewContents::make(std::uint64_t size) {
+std::string NewContents::unused_path() const {
     static std::atomic<std::uint64_t> count{0};
-    const std::string& folder = session_.region().folder();
-    path_ = folder + "/" + kUnfinishedPrefix + std::to_string(session_.place()) + "." +
-            std::to_string(session_.generation()) + "." + std::to_string(++count);
+    return session_.region().folder() + "/" + kUnfinishedPrefix + std::to_string(session_.place()) + "." +
+           std::to_string(session_.generation()) + "." + std::to_string(++count);
+}
+
+int NewContents::link_to(int file) {
+    std::string path(PATH_MAX, '\0');
+    const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(file)).c_str(), path.data(), path.size());
+    if (length < 0) return errno;
+    path.resize(static_cast<std::size_t>(length));
+    path_ = unused_path();
+    if (symlink(path.c_str(), path_.c_str()) == 0) return 0;
+    const int error = errno;
+    path_.clear();
+    return error;
+}
+
+int NewContents::make(std::uint64_t size) {
+    path_ = unused_path();
     const HostFd file(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!file) {
         const int error = errno;
@@ -122,12 +164,13 @@ Ref<NamedMapping> open_or_make(Session& session, std::u16string_view name, NewOb
         int number = contents->keep_as(wanted->contents);
         if (number == 0) index = make(region, *wanted, name, hash, session.place(), number);
         if (index == kNone && number != 0) unlink(region.contents_path(wanted->contents).c_str());
-        error = error_from_errno(number);
+        error = room_error(number);
         if (index == kNone) return {};
     }
     const auto mapping = Ref<NamedMapping>::adopt(new (std::nothrow) NamedMapping(region.at<Object>(index), asked));
     if (mapping) {
         mapping->member().join(session, index, nullptr);
+        if (const DWORD failed = mapping->open_own_file()) error = failed;
     } else {
         if (error == ERROR_SUCCESS) leave(region, index, session.place());
         error = ERROR_NOT_ENOUGH_MEMORY;
@@ -141,22 +184,35 @@ HANDLE open_handle_to(Session& session, std::u16string_view name, NewObject* wan
     Ref<NamedMapping> mapping;
     const std::lock_guard guard(Member::lock());
     mapping = open_or_make(session, name, wanted, contents, asked, error);
-    if (!mapping) return nullptr;
+    if (!mapping || (error != ERROR_SUCCESS && error != ERROR_ALREADY_EXISTS)) return nullptr;
     const HANDLE handle = open_handle(*mapping);
     if (!handle) error = GetLastError();
     return handle;
 }
 
-HANDLE create(std::u16string_view name, std::uint64_t size, DWORD protection) {
+// Contents for a mapping that does not exist yet, made without a lock held as it may take long. An error code.
+DWORD prepare(NewContents& contents, HANDLE file, NewObject& wanted) {
+    if (file == INVALID_HANDLE_VALUE) return room_error(contents.make(wanted.size));
+    MappedFile over{};
+    if (const DWORD error = over.open(file, wanted.size, wanted.protection)) return error;
+    struct stat status {};
+    if (fstat(over.file.get(), &status) != 0) return error_from_errno(errno);
+    wanted.size = over.size;
+    wanted.device = status.st_dev;
+    wanted.inode = status.st_ino;
+    return error_from_errno(contents.link_to(over.file.get()));
+}
+
+HANDLE create(std::u16string_view name, HANDLE file, std::uint64_t size, DWORD protection) {
     Session* const session = Session::begin();
     if (!session) return nullptr;
     DWORD error = ERROR_SUCCESS;
     HANDLE handle = open_handle_to(*session, name, nullptr, nullptr, protection, error);
     if (!handle && error == ERROR_FILE_NOT_FOUND) {
-        // Made without a lock held, as it may take long; another may be quicker.
         NewContents contents(*session);
-        if (const int number = contents.make(size)) return fail(error_from_errno(number));
         NewObject wanted{.kind = Kind::FileMapping, .size = size, .protection = protection};
+        if (const DWORD failed = prepare(contents, file, wanted)) return fail(failed);
+        // Another may have been quicker: then theirs is opened.
         handle = open_handle_to(*session, name, &wanted, &contents, protection, error);
     }
     SetLastError(error);
@@ -172,9 +228,9 @@ DWORD protection_for(DWORD access) noexcept {
 
 }  // namespace
 
-HANDLE create_mapping(std::u16string_view name, std::uint64_t size, DWORD protection) noexcept {
+HANDLE create_mapping(std::u16string_view name, HANDLE file, std::uint64_t size, DWORD protection) noexcept {
     try {
-        return create(name, size, protection);
+        return create(name, file, size, protection);
     } catch (const std::bad_alloc&) {
         return fail(ERROR_NOT_ENOUGH_MEMORY);
     }

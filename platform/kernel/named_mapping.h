@@ -6,8 +6,9 @@
 
 namespace zr::platform::named {
 
-// What CreateFileMappingW does with a name, over memory; what OpenFileMappingW does. NULL with the last error set.
-HANDLE create_mapping(std::u16string_view name, std::uint64_t size, DWORD protection) noexcept;
+// What CreateFileMappingW does with a name, over memory for INVALID_HANDLE_VALUE, else over that file; what
+// OpenFileMappingW does. NULL with the last error set.
+HANDLE create_mapping(std::u16string_view name, HANDLE file, std::uint64_t size, DWORD protection) noexcept;
 HANDLE open_mapping(LPCWSTR name, DWORD access) noexcept;
 
 }  // namespace zr::platform::named

@@ -2,9 +2,9 @@
 
 #include <new>
 
-#include "host_error.h"
 #include "named_queue.h"
 #include "platform/base.h"
+#include "room_error.h"
 
 namespace zr::platform::named {
 namespace {
@@ -24,7 +24,7 @@ std::uint32_t find_or_make(Session& session, std::u16string_view name, Kind kind
     if (!wanted) return kNone;
     int number = 0;
     const std::uint32_t made = make(region, *wanted, name, hash, session.place(), number);
-    error = error_from_errno(number);
+    error = room_error(number);
     return made;
 }
 

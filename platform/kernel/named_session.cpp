@@ -10,8 +10,8 @@
 #include <new>
 
 #include "engine.h"
-#include "host_error.h"
 #include "platform/base.h"
+#include "room_error.h"
 #include "state_folder.h"
 
 namespace zr::platform::named {
@@ -67,7 +67,7 @@ bool RegionFile::open(Region& region, bool create, DWORD& error) noexcept {
     } catch (const std::bad_alloc&) {
         number = ENOMEM;
     }
-    error = error_from_errno(number);
+    error = room_error(number);
     return number == 0;
 }
 

@@ -1,0 +1,261 @@
+// Many names, many threads, no room; and the list of named objects.
+
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <atomic>
+
+#include "platform/kernel/named_support.h"
+
+using namespace zr::test;
+
+namespace {
+
+std::u16string numbered(const char16_t* prefix, int number) {
+    std::u16string name = prefix;
+    for (const char digit : std::to_string(number)) {
+        name += static_cast<char16_t>(digit);
+    }
+    return name;
+}
+
+// A world with a runtime directory of that size, for a forked child; false where the machine does not let us.
+bool enter_small_runtime(const std::string& size) {
+    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
+    return mount("none", std::getenv("XDG_RUNTIME_DIR"), "tmpfs", 0, ("mode=0700,size=" + size).c_str()) == 0;
+}
+
+constexpr int kNotPossibleHere = 77;
+
+// Runs the body with a small runtime directory.
+#define WITH_SMALL_RUNTIME(size, ...)                                                 \
+    Fork child([&]() -> int {                                                         \
+        if (!enter_small_runtime(size)) return kNotPossibleHere;                      \
+        __VA_ARGS__                                                                   \
+        return testing::Test::HasFailure() ? 1 : 0;                                   \
+    });                                                                               \
+    const int result = child.join();                                                  \
+    if (result == kNotPossibleHere) GTEST_SKIP() << "no file system of our own here"; \
+    EXPECT_EQ(result, 0)
+
+}  // namespace
+
+TEST(NamedLimits, ThousandsOfNames) {
+    constexpr int kCount = 5000;
+    std::vector<Handle> handles;
+    for (int i = 0; i < kCount; ++i) {
+        const std::u16string name = numbered(u"a name of some length, which goes on in another place ", i);
+        handles.push_back(i % 2 == 0 ? named_event(name.c_str()) : named_mutex(name.c_str()));
+        ASSERT_NE(handles.back(), nullptr);
+        ASSERT_EQ(GetLastError(), ERROR_SUCCESS);
+    }
+    for (int i = 0; i < kCount; i += 2) {
+        const Handle again(OpenEventW(SYNCHRONIZE, FALSE,
+                                      numbered(u"a name of some length, which goes on in another place ", i).c_str()));
+        ASSERT_TRUE(SetEvent(again));
+        ASSERT_EQ(WaitForSingleObject(handles[static_cast<std::size_t>(i)], 0), WAIT_OBJECT_0);
+    }
+    EXPECT_EQ(listed().size(), static_cast<std::size_t>(kCount));
+    handles.clear();
+    EXPECT_TRUE(listed().empty());
+}
+
+TEST(NamedLimits, ManyMappingsNeedNoDescriptors) {
+    std::vector<Handle> handles;
+    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    handles.push_back(named_mapping(u"first", 1));
+    const auto before = descriptors();
+    for (int i = 0; i < 500; ++i) {
+        handles.push_back(named_mapping(numbered(u"m", i).c_str(), 100));
+        ASSERT_NE(handles.back(), nullptr);
+    }
+    EXPECT_EQ(descriptors(), before);
+}
+
+TEST(NamedLimits, SixtyFourThreadsOnOneLock) {
+    const Handle lock = named_mutex(u"crowd");
+    int count = 0;
+    {
+        std::vector<std::unique_ptr<Worker>> crowd;
+        for (int i = 0; i < 64; ++i) {
+            crowd.push_back(std::make_unique<Worker>([&] {
+                for (int turn = 0; turn < 30; ++turn) {
+                    if (WaitForSingleObject(lock, INFINITE) != WAIT_OBJECT_0) return DWORD{1};
+                    ++count;
+                    if (!ReleaseMutex(lock)) return DWORD{2};
+                }
+                return DWORD{0};
+            }));
+        }
+        for (auto& one : crowd) {
+            EXPECT_EQ(one->join(), 0u);
+        }
+    }
+    EXPECT_EQ(count, 64 * 30);
+}
+
+TEST(NamedLimits, ManyThreadsMixWaits) {
+    const Handle lock = named_mutex(u"mix lock");
+    const Handle named = named_event(u"mix event", false, true);
+    const Handle plain = auto_event(true);
+    std::atomic<int> inside = 0;
+    std::vector<std::unique_ptr<Worker>> crowd;
+    for (int i = 0; i < 8; ++i) {
+        crowd.push_back(std::make_unique<Worker>([&] {
+            // The two events are one token each; a wait for all takes the token, or nothing.
+            const HANDLE all[] = {plain, named, lock};
+            for (int turn = 0; turn < 50; ++turn) {
+                if (WaitForMultipleObjects(3, all, TRUE, INFINITE) != WAIT_OBJECT_0) return DWORD{1};
+                if (++inside != 1) return DWORD{2};
+                --inside;
+                SetEvent(turn % 2 == 0 ? plain : named);
+                SetEvent(turn % 2 == 0 ? named : plain);
+                ReleaseMutex(lock);
+            }
+            return DWORD{0};
+        }));
+    }
+    for (auto& one : crowd) {
+        EXPECT_EQ(one->join(), 0u);
+    }
+}
+
+TEST(NamedLimits, NoRoomForTheFirstObject) {
+    WITH_SMALL_RUNTIME("64k", {
+        EXPECT_EQ(CreateEventW(nullptr, FALSE, FALSE, u"first"), nullptr);
+        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+        const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
+        EXPECT_TRUE(std::filesystem::is_empty(folder));
+    });
+}
+
+TEST(NamedLimits, NoRoomForOneMore) {
+    WITH_SMALL_RUNTIME("512k", {
+        std::vector<Handle> handles;
+        for (int i = 0; i < 100000; ++i) {
+            Handle one = named_event(numbered(u"a name that does not fit into the object itself ", i).c_str());
+            if (!one) break;
+            handles.push_back(std::move(one));
+        }
+        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+        EXPECT_GT(handles.size(), 300u);
+        EXPECT_EQ(listed().size(), handles.size());
+        EXPECT_EQ(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 100000, u"no room"), nullptr);
+        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+        EXPECT_TRUE(content_files().empty());
+        // What there is works on, and what is given back can be had again.
+        EXPECT_TRUE(SetEvent(handles.back()));
+        EXPECT_EQ(WaitForSingleObject(handles.back(), 0), WAIT_OBJECT_0);
+        const std::size_t count = handles.size();
+        handles.clear();
+        for (std::size_t i = 0; i < count; ++i) {
+            handles.push_back(named_event(
+                numbered(u"a name that does not fit into the object itself ", static_cast<int>(i)).c_str()));
+            EXPECT_NE(handles.back(), nullptr);
+        }
+    });
+}
+
+TEST(NamedLimits, NoRoomForAMappingLeavesNothing) {
+    WITH_SMALL_RUNTIME("1m", {
+        const Handle small = named_mapping(u"small", 100000);
+        EXPECT_NE(small, nullptr);
+        EXPECT_EQ(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 2000000, u"large"), nullptr);
+        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+        EXPECT_EQ(listed().size(), 1u);
+        EXPECT_EQ(content_files().size(), 1u);
+    });
+}
+
+TEST(NamedLimits, ARuntimeFolderThatIsNotOurs) {
+    Fork child([] {
+        const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "elsewhere";
+        std::filesystem::create_directory(folder);
+        std::filesystem::create_symlink(folder, folder / "zrutility");
+        setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
+        EXPECT_EQ(CreateMutexW(nullptr, FALSE, u"any"), nullptr);
+        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+        EXPECT_FALSE(ZrEnumNamedObjects([](const ZrNamedObject*, LPVOID) { return TRUE; }, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(child.join(), 0);
+}
+
+TEST(NamedLimits, ADamagedFileIsMadeAnew) {
+    Fork child([] {
+        const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
+        { const Handle first = named_event(u"first"); }
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            std::filesystem::resize_file(entry.path(), 0);
+            std::filesystem::resize_file(entry.path(), 200000);
+        }
+        Fork fresh([] {
+            const Handle event = named_event(u"fresh");
+            return event && GetLastError() == ERROR_SUCCESS && SetEvent(event) ? 0 : 1;
+        });
+        return fresh.join();
+    });
+    EXPECT_EQ(child.join(), 0);
+}
+
+// --- The list --------------------------------------------------------------------------------------------------------
+
+TEST(NamedList, IsEmptyWithoutObjects) {
+    EXPECT_TRUE(listed().empty());
+    EXPECT_TRUE(content_files().empty());
+    EXPECT_FALSE(ZrEnumNamedObjects(nullptr, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+TEST(NamedList, TellsWhatEachObjectIs) {
+    const Handle event = named_event(u"c event", true, true);
+    const Handle lock = named_mutex(u"a lock", true);
+    const Handle memory = named_mapping(u"b memory", 12345, PAGE_READONLY);
+    Fork other([] {
+        const Handle mine = named_mutex(u"a lock");
+        const Handle own = named_mutex(u"d other's", true);
+        Fork::say('r');
+        pause();
+        return 0;
+    });
+    ASSERT_EQ(other.hear(), 'r');
+    const DWORD here = GetCurrentProcessId();
+    const DWORD there = static_cast<DWORD>(other.pid());
+    const std::vector<Listed> all = listed();
+    ASSERT_EQ(all.size(), 4u);
+    EXPECT_EQ(all[0].name, u"a lock");
+    EXPECT_EQ(all[0].object.Kind, ZrNamedObjectKind::Mutex);
+    EXPECT_EQ(all[0].object.OwnerProcess, here);
+    EXPECT_EQ(all[0].object.OwnerThread, GetCurrentThreadId());
+    EXPECT_FALSE(all[0].object.Signalled);
+    EXPECT_EQ(all[0].processes, (std::vector<DWORD>{std::min(here, there), std::max(here, there)}));
+    EXPECT_EQ(all[1].name, u"b memory");
+    EXPECT_EQ(all[1].object.Kind, ZrNamedObjectKind::FileMapping);
+    EXPECT_EQ(all[1].object.Size, 12345u);
+    EXPECT_EQ(all[1].object.Protection, PAGE_READONLY);
+    EXPECT_EQ(all[1].processes, std::vector<DWORD>{here});
+    EXPECT_EQ(all[2].name, u"c event");
+    EXPECT_EQ(all[2].object.Kind, ZrNamedObjectKind::Event);
+    EXPECT_TRUE(all[2].object.ManualReset);
+    EXPECT_TRUE(all[2].object.Signalled);
+    EXPECT_EQ(all[3].object.OwnerProcess, there);
+    EXPECT_EQ(all[3].processes, std::vector<DWORD>{there});
+    ReleaseMutex(lock);
+    EXPECT_TRUE(listed()[0].object.Signalled);
+    EXPECT_EQ(listed()[0].object.OwnerProcess, 0u);
+}
+
+TEST(NamedList, EndsWhenTheVisitorSaysSo) {
+    const Handle first = named_event(u"1");
+    const Handle second = named_event(u"2");
+    int calls = 0;
+    EXPECT_TRUE(ZrEnumNamedObjects(
+        [](const ZrNamedObject*, LPVOID context) {
+            ++*static_cast<int*>(context);
+            return FALSE;
+        },
+        &calls));
+    EXPECT_EQ(calls, 1);
+}
