@@ -201,8 +201,8 @@ TEST(NamedKill, AWaiterKilledWhileItIsChosen) {
         });
         ASSERT_EQ(dying->hear(), 'w');
         Worker second([&] { return WaitForSingleObject(event, kLong); });
-        Worker setter([&] {
-            spin(random() % 200);
+        Worker setter([&, pause = random() % 200] {
+            spin(pause);
             SetEvent(event);
             return DWORD{0};
         });

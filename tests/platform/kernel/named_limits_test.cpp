@@ -185,8 +185,12 @@ TEST(NamedLimits, ARuntimeFolderThatIsNotOurs) {
 
 TEST(NamedLimits, ADamagedFileIsMadeAnew) {
     Fork child([] {
-        const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
-        { const Handle first = named_event(u"first"); }
+        // A runtime directory of its own: no other process has to live with the damage.
+        const auto run = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "damaged";
+        std::filesystem::create_directory(run);
+        setenv("XDG_RUNTIME_DIR", run.c_str(), 1);
+        const auto folder = run / "zrutility";
+        EXPECT_TRUE(SetEvent(named_event(u"first")));
         for (const auto& entry : std::filesystem::directory_iterator(folder)) {
             std::filesystem::resize_file(entry.path(), 0);
             std::filesystem::resize_file(entry.path(), 200000);

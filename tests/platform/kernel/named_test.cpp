@@ -7,6 +7,12 @@
 
 using namespace zr::test;
 
+// The thread sanitizer would end a forked child that starts a thread, as every process does that uses a name.
+extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() {
+    return "die_after_fork=0";
+}
+
 TEST(Named, SecondCreatorOpensTheFirstObject) {
     const Handle first = named_event(u"an event");
     ASSERT_NE(first, nullptr);
@@ -123,7 +129,7 @@ TEST(Named, AnyTextIsAName) {
         in_list.push_back(one.name);
     }
     std::sort(names.begin(), names.end());
-    EXPECT_EQ(in_list, names);
+    EXPECT_TRUE(in_list == names);  // too long to print
 }
 
 TEST(Named, MutexOfTwoHandlesIsOne) {
@@ -152,14 +158,19 @@ TEST(Named, ThreadThatEndsAbandons) {
 TEST(Named, WaitersAreServedInOrder) {
     const Handle event = named_event(u"order");
     std::string order;
-    Worker first([&] { return WaitForSingleObject(event, INFINITE) + (order += '1', 0); });
+    const auto wait_and_note = [&](char who) {
+        const DWORD got = WaitForSingleObject(event, INFINITE);
+        order += who;
+        return got;
+    };
+    Worker first([&] { return wait_and_note('1'); });
     first.until_asleep();
-    Worker second([&] { return WaitForSingleObject(event, INFINITE) + (order += '2', 0); });
+    Worker second([&] { return wait_and_note('2'); });
     second.until_asleep();
     SetEvent(event);
-    first.join();
+    EXPECT_EQ(first.join(), WAIT_OBJECT_0);
     SetEvent(event);
-    second.join();
+    EXPECT_EQ(second.join(), WAIT_OBJECT_0);
     EXPECT_EQ(order, "12");
 }
 
