@@ -1,6 +1,7 @@
 #include "ZrUtility/ZrHashTable.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -33,9 +34,16 @@ constexpr ULONG STATE = 3;
 // does not see both set knows that the key is not in the table.
 constexpr std::size_t HEADER = sizeof(ULONGLONG);
 
+constexpr std::array<BYTE, 64> FILTER_BITS = [] {
+    std::array<BYTE, 64> bits{};
+    for (std::size_t i = 0; i < bits.size(); ++i) {
+        bits[i] = static_cast<BYTE>(1u << i / 8 | 1u << i % 8);
+    }
+    return bits;
+}();
+
 BYTE filterBits(ULONG key) {
-    const ULONG hash = key * 0x9E3779B1u;
-    return static_cast<BYTE>(1u << (hash >> 29) | 1u << (hash >> 26 & 7));
+    return FILTER_BITS[key * 0x9E3779B1u >> 26];
 }
 
 ULONG valueOf(WCHAR c) {
@@ -57,6 +65,11 @@ ULONG hashOf(const Character* text, unsigned int maxLength) {
         hash += i % 2 == 0 ? (hash << 7 ^ hash >> 3 ^ c) : ~(hash << 11 ^ hash >> 5 ^ c);
     }
     return hash & HASH_MASK;
+}
+
+// 1 when a search for this word goes on beyond a slot with that word, else 0.
+ULONG endsNot(ULONG word, ULONG wanted) {
+    return static_cast<ULONG>(word != wanted) & static_cast<ULONG>(word != EMPTY);
 }
 
 // Gives a block back, of which these are the slots.
@@ -156,16 +169,18 @@ int ZrHashTable::FindValue(WCHAR* key, ULONG* value, FIND_OPTIONS option, ULONG 
 }
 
 int ZrHashTable::FindValue(unsigned int key, ULONG* value, FIND_OPTIONS option, ULONG newValue) {
-    Slot* const slot = m_slots != nullptr ? findSlot(key) : nullptr;
-    if (slot != nullptr) {
-        if (value != nullptr) *value = slot->value;
-        if (option != FIND_ONLY) apply(slot, option, newValue);
+    // A find that changes nothing, and that no rehash follows, as with most: there is a table, and fewer of its slots
+    // are deactivated than active.
+    if (option == FIND_ONLY && m_deactivatedCount < m_count) {
+        bool isKnown = false;
+        const Slot* const slot = findNearby(key, homeOf(key), isKnown);
+        if (isKnown) {
+            if (slot == nullptr) return 0;
+            if (value != nullptr) *value = slot->value;
+            return 1;
+        }
     }
-    if (m_autoRehash != 0 && IsDeactivatedCountTooHigh() != 0) {
-        zrKelDebugBinLog1(LOG_SOURCE, LINE_DEACTIVATED_TOO_HIGH, LOG_INFORMATION, m_deactivatedCount);
-        Rehash(0);
-    }
-    return slot != nullptr ? 1 : 0;
+    return findAndApply(key, value, option, newValue);
 }
 
 int ZrHashTable::DeleteValue(WCHAR* key) {
@@ -246,26 +261,57 @@ ZrHashTable::Slot* ZrHashTable::slotToTake(ULONG key) const {
     });
 }
 
-// The active slot that a find meets first with this key, or NULL.
+// The active slot that a find meets first with this key, or NULL; what the filter and the first slots of the path tell
+// of it. `isKnown` is false when that is not enough.
+inline ZrHashTable::Slot* ZrHashTable::findNearby(ULONG key, ULONG home, bool& isKnown) const {
+    isKnown = true;
+    const BYTE bits = filterBits(key);
+    const bool isPossible = (filters()[home] & bits) == bits;
+    // Fewer slots than a path has are anything but empty: a path without the key ends at an empty slot.
+    if (!isPossible && m_count + m_deactivatedCount <= m_tableSize / 2) return nullptr;
+    if (home + 4 < m_tableSize && key <= HASH_MASK) {
+        // Few paths go on beyond three slots. Which of them ends one is as good as random, so no branch depends on it.
+        Slot* const first = m_slots + home;
+        const ULONG wanted = key << 2 | ACTIVE;
+        const ULONG beyondFirst = 0u - endsNot(first[0].keyAndState, wanted);
+        const ULONG beyondSecond = endsNot(first[1].keyAndState, wanted);
+        Slot* const slot = first + (beyondFirst & (1 + 3 * beyondSecond));
+        if (slot->keyAndState == wanted) return slot;
+        if (slot->keyAndState == EMPTY) return nullptr;
+    }
+    isKnown = false;
+    return nullptr;
+}
+
+// The whole of FindValue().
+[[gnu::noinline]] int ZrHashTable::findAndApply(ULONG key, ULONG* value, FIND_OPTIONS option, ULONG newValue) {
+    Slot* const slot = m_slots != nullptr ? findSlot(key) : nullptr;
+    if (slot != nullptr) {
+        if (value != nullptr) *value = slot->value;
+        if (option == FIND_AND_UPDATE) slot->value = newValue;
+        if (option == FIND_AND_DELETE) deactivate(slot);
+    }
+    if (m_autoRehash != 0 && IsDeactivatedCountTooHigh() != 0) {
+        zrKelDebugBinLog1(LOG_SOURCE, LINE_DEACTIVATED_TOO_HIGH, LOG_INFORMATION, m_deactivatedCount);
+        Rehash(0);
+    }
+    return slot != nullptr ? 1 : 0;
+}
+
 ZrHashTable::Slot* ZrHashTable::findSlot(ULONG key) const {
     const ULONG home = homeOf(key);
-    const BYTE bits = filterBits(key);
-    // Fewer slots than a path has are anything but empty: a path without the key ends at an empty slot.
-    const bool endsEmpty = m_count + m_deactivatedCount <= m_tableSize / 2;
-    if (endsEmpty && (filters()[home] & bits) != bits) return nullptr;
+    bool isKnown = false;
+    Slot* const nearby = findNearby(key, home, isKnown);
+    if (isKnown) return nearby;
     Slot* const slot = walkPath(home, [key](const Slot& s) { return s.keyAndState == EMPTY || s.holds(key); });
     if (slot == nullptr) zrKelDebugBinLog0(LOG_SOURCE, LINE_PATH_EXHAUSTED, LOG_INFORMATION);
     return slot != nullptr && slot->keyAndState != EMPTY ? slot : nullptr;
 }
 
-void ZrHashTable::apply(Slot* slot, FIND_OPTIONS option, ULONG newValue) {
-    if (option == FIND_AND_UPDATE) {
-        slot->value = newValue;
-    } else if (option == FIND_AND_DELETE) {
-        *slot = {DEACTIVATED, 0};
-        --m_count;
-        ++m_deactivatedCount;
-    }
+void ZrHashTable::deactivate(Slot* slot) {
+    *slot = {DEACTIVATED, 0};
+    --m_count;
+    ++m_deactivatedCount;
 }
 
 // Inserts the entries of other slots; 0 as soon as one finds no place.

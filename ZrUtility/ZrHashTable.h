@@ -86,8 +86,10 @@ private:
     template <class Stop>
     Slot* walkPath(ULONG home, Stop stop) const;
     Slot* slotToTake(ULONG key) const;
+    Slot* findNearby(ULONG key, ULONG home, bool& isKnown) const;
     Slot* findSlot(ULONG key) const;
-    void apply(Slot* slot, FIND_OPTIONS option, ULONG newValue);
+    int findAndApply(ULONG key, ULONG* value, FIND_OPTIONS option, ULONG newValue);
+    void deactivate(Slot* slot);
     int reinsert(const Slot* slots, ULONG count);
 
     int m_autoRehash;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <utility>
 
 #include "ZrLog/ZrLog.h"
 #include "ZrUtility/hash_map_iterator.h"
@@ -24,8 +25,6 @@ constexpr BYTE EMPTY = 0;
 constexpr BYTE IN_USE = HashMapIterator::IN_USE;
 constexpr BYTE REMOVED = 2;
 constexpr BYTE HOLDS = 3;
-
-constexpr ULONG NO_SLOT = ~ULONG{0};
 
 // Two of the six bits, for each value of four bits of a hash. There are 15 such pairs, so one stands twice.
 constexpr std::array<BYTE, 16> FILTER_BITS = [] {
@@ -87,6 +86,13 @@ private:
     ULONG m_step;
 };
 
+// Fractions add up and wrap around as remainders do, so a path's slots are the capacity's parts of them. A reciprocal
+// is too large by less than 1, so a fraction by the number it was made of: less than 2^33 either way within a path's
+// first three slots. Slack makes that an excess of less than 2^34, which leaves the parts right while a slot is wider
+// than it.
+constexpr ULONGLONG FRACTION_SLACK = ULONGLONG{1} << 33;
+constexpr ULONG FRACTIONS_HOLD = ULONG{1} << 29;
+
 // In 32 bits, as on every target.
 int thresholdOf(int capacity) {
     const auto product = static_cast<unsigned>(ZrLLHashMap::_loadFactor) * static_cast<unsigned>(capacity);
@@ -95,7 +101,6 @@ int thresholdOf(int capacity) {
 
 // The slots' block: the reciprocal of their number, their keys, their values, their states.
 constexpr std::size_t HEADER = sizeof(ULONGLONG);
-constexpr std::size_t SLOT = 2 * sizeof(void*) + sizeof(BYTE);
 
 // Gives a block back, of which this is the first key.
 void freeBlock(void** keys) {
@@ -106,8 +111,16 @@ void freeBlock(void** keys) {
 
 const int ZrLLHashMap::_loadFactor = 75;
 
-ZrLLHashMap::ZrLLHashMap(int capacity) noexcept
-    : m_keys(nullptr), m_values(nullptr), m_states(nullptr), m_count(0), m_threshold(0), m_capacity(0) {
+ZrLLHashMap::ZrLLHashMap(int capacity) noexcept : ZrLLHashMap(capacity, 1) {}
+
+ZrLLHashMap::ZrLLHashMap(int capacity, int columns) noexcept
+    : m_keys(nullptr),
+      m_values(nullptr),
+      m_states(nullptr),
+      m_count(0),
+      m_threshold(0),
+      m_capacity(0),
+      m_columns(columns) {
     allocate(capacity);
 }
 
@@ -116,30 +129,20 @@ ZrLLHashMap::~ZrLLHashMap() {
 }
 
 void* ZrLLHashMap::put(void* key, void* value) {
-    if (m_count + 1 > m_threshold) rehash();
-    ULONG slot = find(key);
-    if (slot != NO_SLOT) {
-        void* old = m_values[slot];
-        m_values[slot] = value;
-        return old;
-    }
-    slot = freeSlot(key);
-    if (slot == NO_SLOT) return nullptr;
-    take(slot, key, value);
-    ++m_count;
-    return nullptr;
+    const ULONG slot = claim(key);
+    return slot != NO_SLOT ? std::exchange(m_values[slot], value) : nullptr;
 }
 
 void* ZrLLHashMap::get(void* key) {
-    const ULONG slot = find(key);
-    return slot != NO_SLOT ? m_values[slot] : nullptr;
+    const ULONG slot = findNearby(key);
+    if (slot < UNKNOWN) return m_values[slot];
+    return slot == NO_SLOT ? nullptr : getFar(key);
 }
 
 void* ZrLLHashMap::remove(void* key) {
     const ULONG slot = find(key);
     if (slot == NO_SLOT) return nullptr;
-    m_states[slot] = static_cast<BYTE>((m_states[slot] & ~HOLDS) | REMOVED);
-    --m_count;
+    drop(slot);
     return m_values[slot];
 }
 
@@ -180,13 +183,15 @@ HashMapIterator ZrLLHashMap::walkValues() const {
 bool ZrLLHashMap::allocate(int capacity) {
     if (capacity <= 0) return false;
     const auto slots = static_cast<std::size_t>(capacity);
-    if (slots > (std::numeric_limits<std::size_t>::max() - HEADER) / SLOT) return false;
-    auto* block = static_cast<BYTE*>(::operator new(HEADER + slots * SLOT, std::nothrow));
+    const std::size_t words = 1 + static_cast<std::size_t>(m_columns);
+    const std::size_t slotBytes = words * sizeof(void*) + sizeof(BYTE);
+    if (slots > (std::numeric_limits<std::size_t>::max() - HEADER) / slotBytes) return false;
+    auto* block = static_cast<BYTE*>(::operator new(HEADER + slots * slotBytes, std::nothrow));
     if (block == nullptr) return false;
     new (block) ULONGLONG(reciprocalOf(static_cast<ULONG>(capacity)));
     m_keys = reinterpret_cast<void**>(block + HEADER);
     m_values = m_keys + slots;
-    m_states = reinterpret_cast<BYTE*>(m_values + slots);
+    m_states = reinterpret_cast<BYTE*>(m_keys + slots * words);
     std::memset(m_keys, 0, slots * sizeof(void*));
     std::memset(m_states, 0, slots);
     m_capacity = capacity;
@@ -197,17 +202,25 @@ bool ZrLLHashMap::allocate(int capacity) {
 void ZrLLHashMap::rehash() {
     if (m_capacity > (std::numeric_limits<int>::max() - 1) / 2) return;
     const int grown = m_capacity * 2 + 1;
-    zrKelDebugBinLog2(LOG_SOURCE, LINE_REHASH, LOG_TRACE, static_cast<std::uintptr_t>(m_capacity),
-                      static_cast<std::uintptr_t>(grown));
-    void** const keys = m_keys;
-    void** const values = m_values;
-    const BYTE* const states = m_states;
-    const int capacity = m_capacity;
-    if (!allocate(grown)) return;
-    for (int slot = capacity - 1; slot >= 0; --slot) {
-        if ((states[slot] & HOLDS) == IN_USE) take(freeSlot(keys[slot]), keys[slot], values[slot]);
+    // Each of the maps in these slots grows.
+    for (int map = 0; map < m_columns; ++map) {
+        zrKelDebugBinLog2(LOG_SOURCE, LINE_REHASH, LOG_TRACE, static_cast<std::uintptr_t>(m_capacity),
+                          static_cast<std::uintptr_t>(grown));
     }
-    freeBlock(keys);
+    ZrLLHashMap old(*this);  // has the old slots, and frees them
+    if (!allocate(grown)) {
+        old.m_keys = nullptr;
+        return;
+    }
+    for (ULONG from = static_cast<ULONG>(old.m_capacity); from-- > 0;) {
+        if ((old.m_states[from] & HOLDS) != IN_USE) continue;
+        void* const key = old.m_keys[from];
+        const ULONG slot = freeSlot(key);
+        take(slot, key);
+        for (int column = 0; column < m_columns; ++column) {
+            valueAt(slot, column) = old.valueAt(from, column);
+        }
+    }
 }
 
 ULONGLONG ZrLLHashMap::reciprocal() const {
@@ -216,14 +229,38 @@ ULONGLONG ZrLLHashMap::reciprocal() const {
     return value;
 }
 
-// The slot in use that has this key, or NO_SLOT.
-ULONG ZrLLHashMap::find(void* key) const {
-    if (m_capacity == 0) return NO_SLOT;
-    const ULONG number = numberOf(key);
+// The slot in use that has this key, or NO_SLOT; UNKNOWN when the filter and the first slots of the path do not tell.
+inline ULONG ZrLLHashMap::findNearby(void* key) const {
     const auto capacity = static_cast<ULONG>(m_capacity);
-    Path path(number, capacity, reciprocal());
+    if (capacity == 0) return NO_SLOT;
+    const ULONG number = numberOf(key);
+    const ULONGLONG factor = reciprocal();
+    const ULONGLONG start = factor * (number & 0x7FFFFFFF);
+    const ULONG home = partOf(start, capacity);
     const BYTE bits = filterBits(number);
-    if ((m_states[path.at()] & bits) != bits) return NO_SLOT;
+    if ((m_states[home] & bits) != bits) return NO_SLOT;
+    if (capacity > FRACTIONS_HOLD) return UNKNOWN;
+    // Most keys lie in one of the first three slots of their path. Which one is as good as random, so no branch depends
+    // on it.
+    const ULONGLONG step = factor * static_cast<ULONGLONG>(LONGLONG{static_cast<LONG>(number * 2 + 1)});
+    const ULONG second = partOf(start + step + FRACTION_SLACK, capacity);
+    const ULONG third = partOf(start + step * 2 + FRACTION_SLACK, capacity);
+    const ULONG notFirst = 0u - static_cast<ULONG>(m_keys[home] != key);
+    const ULONG notSecond = 0u - static_cast<ULONG>(m_keys[second] != key);
+    const ULONG later = second ^ ((second ^ third) & notSecond);
+    const ULONG slot = home ^ ((home ^ later) & notFirst);
+    return m_keys[slot] == key && (m_states[slot] & IN_USE) != 0 ? slot : UNKNOWN;
+}
+
+ULONG ZrLLHashMap::find(void* key) const {
+    const ULONG slot = findNearby(key);
+    return slot != UNKNOWN ? slot : findFar(key);
+}
+
+// The same, one slot after the other.
+[[gnu::noinline]] ULONG ZrLLHashMap::findFar(void* key) const {
+    const auto capacity = static_cast<ULONG>(m_capacity);
+    Path path(numberOf(key), capacity, reciprocal());
     for (ULONG probes = 0; probes < capacity; ++probes, path.advance()) {
         const ULONG slot = path.at();
         const BYTE holds = m_states[slot] & HOLDS;
@@ -231,6 +268,11 @@ ULONG ZrLLHashMap::find(void* key) const {
         if (holds == IN_USE && m_keys[slot] == key) return slot;
     }
     return NO_SLOT;
+}
+
+[[gnu::noinline]] void* ZrLLHashMap::getFar(void* key) const {
+    const ULONG slot = findFar(key);
+    return slot != NO_SLOT ? m_values[slot] : nullptr;
 }
 
 // Where a key that the map does not hold goes: the first slot of its search that is not in use, as removed slots do not
@@ -244,10 +286,34 @@ ULONG ZrLLHashMap::freeSlot(void* key) const {
     return path.at();
 }
 
-void ZrLLHashMap::take(ULONG slot, void* key, void* value) {
+// The slot of a key, which is put into one, with values of 0, when the map does not hold it; NO_SLOT when there is
+// none.
+ULONG ZrLLHashMap::claim(void* key) {
+    if (m_count + 1 > m_threshold) rehash();
+    ULONG slot = find(key);
+    if (slot != NO_SLOT) return slot;
+    slot = freeSlot(key);
+    if (slot == NO_SLOT) return NO_SLOT;
+    take(slot, key);
+    for (int column = 0; column < m_columns; ++column) {
+        valueAt(slot, column) = nullptr;
+    }
+    ++m_count;
+    return slot;
+}
+
+void ZrLLHashMap::take(ULONG slot, void* key) {
     const ULONG number = numberOf(key);
     m_states[startOf(number, static_cast<ULONG>(m_capacity), reciprocal())] |= filterBits(number);
     m_states[slot] = static_cast<BYTE>((m_states[slot] & ~HOLDS) | IN_USE);
     m_keys[slot] = key;
-    m_values[slot] = value;
+}
+
+void ZrLLHashMap::drop(ULONG slot) {
+    m_states[slot] = static_cast<BYTE>((m_states[slot] & ~HOLDS) | REMOVED);
+    --m_count;
+}
+
+void*& ZrLLHashMap::valueAt(ULONG slot, int column) const {
+    return m_values[static_cast<std::size_t>(column) * static_cast<std::size_t>(m_capacity) + slot];
 }

@@ -50,12 +50,27 @@ protected:
     HashMapIterator walkValues() const;
 
 private:
+    // Two maps in one set of slots: a second value stands beside each key.
+    friend class ZrStringLongHashMap;
+
+    // No slot's numbers.
+    static constexpr ULONG NO_SLOT = 0xFFFFFFFF;
+    static constexpr ULONG UNKNOWN = 0xFFFFFFFE;
+
+    ZrLLHashMap(int capacity, int columns) noexcept;
+
     bool allocate(int capacity);
     void rehash();
     ULONGLONG reciprocal() const;
+    ULONG findNearby(void* key) const;
+    ULONG findFar(void* key) const;
+    void* getFar(void* key) const;
     ULONG find(void* key) const;
     ULONG freeSlot(void* key) const;
-    void take(ULONG slot, void* key, void* value);
+    ULONG claim(void* key);
+    void take(ULONG slot, void* key);
+    void drop(ULONG slot);
+    void*& valueAt(ULONG slot, int column) const;
 
     void** m_keys;
     void** m_values;
@@ -63,4 +78,5 @@ private:
     int m_count;
     int m_threshold;
     int m_capacity;
+    int m_columns;  // arrays of values, one after the other
 };

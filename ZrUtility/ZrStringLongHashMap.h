@@ -40,8 +40,11 @@ public:
 private:
     static int getStringHashCode(const char* text);
     int getHashCodeWithChecking(void* key, bool* found, bool* collision) const;
-    bool isUsable() const;
+    void followKeyMap();
 
+    // From hashes to keys and from hashes to values. They always hold the same hashes in the same slots, so the value
+    // map has none of its own: it shares the key map's, where each slot has room for a key and a value. Both are NULL
+    // when one could not be had.
     ZrLLHashMap* m_keyMap;
     ZrLLHashMap* m_valueMap;
 };
