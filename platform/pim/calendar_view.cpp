@@ -5,7 +5,7 @@
 #include <tuple>
 
 #include "appointment.h"
-#include "restriction.h"
+#include "item_collection.h"
 
 namespace zr::platform::pim {
 namespace {
@@ -30,31 +30,26 @@ struct Read {
     std::vector<ExceptionDay> exceptions;
 };
 
-class CalendarView final : public EarlyBound<IPOutlookItemCollection> {
+class CalendarView final : public ItemCollection {
 public:
-    CalendarView(const SessionRef& session, Restriction filter) : session_(session), filter_(std::move(filter)) {}
+    CalendarView(const SessionRef& session, Restriction filter)
+        : ItemCollection(session, olFolderCalendar), filter_(std::move(filter)) {}
 
-    HRESULT QueryInterface(REFIID riid, void** object) override;
-    ULONG AddRef() override { return references_.add(); }
-    ULONG Release() override;
-
-    HRESULT Add(IDispatch** item) override;
-    HRESULT get_Count(INT* count) override;
-    HRESULT Find(BSTR restriction, IDispatch** item) override;
-    HRESULT FindNext(IDispatch** item) override;
     HRESULT Item(INT index, IDispatch** item) override;
     HRESULT Remove(INT index) override;
     HRESULT Restrict(BSTR restriction, IPOutlookItemCollection** items) override;
     HRESULT Sort(BSTR tag, VARIANT_BOOL descending) override;
-    HRESULT get_Application(IPOutlookApp** app) override { return give_application(*session_, app); }
     HRESULT get_IncludeRecurrences(VARIANT_BOOL* include) override;
     HRESULT put_IncludeRecurrences(VARIANT_BOOL include) override;
 
 private:
-    ~CalendarView() = default;
+    ~CalendarView() override = default;
+
+    HRESULT follow() override;
+    std::size_t size() const override { return entries_.size(); }
+    HRESULT find_from(std::size_t position, IDispatch** item) override;
 
     // With the store's lock held.
-    HRESULT follow();
     HRESULT load();
     HRESULT read(LONG oid, Read& appointment);
     HRESULT append(LONG oid);
@@ -65,18 +60,13 @@ private:
     HRESULT meets(const Entry& entry, bool& met);
 
     HRESULT give(const Entry& entry, IDispatch** item);
-    HRESULT find_from(std::size_t position, IDispatch** item);
 
-    const SessionRef session_;
     const Restriction filter_;
     bool descending_ = false;
     // All of this under the store's lock.
     std::vector<Entry> entries_;  // in order, also when descending
     bool loaded_ = false;
     LONGLONG seq_ = 0;
-    Restriction sought_;
-    std::size_t found_ = 0;
-    References references_;
 };
 
 LONGLONG seconds_of(Moment moment) {
@@ -86,21 +76,6 @@ LONGLONG seconds_of(Moment moment) {
 const Value* find_in(const Values& own, const Values& fields, CEPROPID id) {
     const Value* mine = own.find(id);
     return mine != nullptr ? mine : fields.find(id);
-}
-
-HRESULT CalendarView::QueryInterface(REFIID riid, void** object) {
-    if (!cleared(object)) return fail(E_POINTER);
-    if (riid != IID_IPOutlookItemCollection && riid != IID_IDispatch && riid != IID_IUnknown)
-        return fail(E_NOINTERFACE);
-    *object = static_cast<IPOutlookItemCollection*>(this);
-    references_.add();
-    return S_OK;
-}
-
-ULONG CalendarView::Release() {
-    const ULONG left = references_.remove();
-    if (left == 0) delete this;
-    return left;
 }
 
 // --- what it holds --------------------------------------------------------------------------------------------------
@@ -207,11 +182,9 @@ HRESULT CalendarView::follow() {
 }
 
 HRESULT CalendarView::entry_at(INT index, Entry& entry) {
-    const HRESULT result = follow();
+    std::size_t position = 0;
+    const HRESULT result = position_of(index, position);
     if (FAILED(result)) return result;
-    if (index < 1 || static_cast<std::size_t>(index) > entries_.size())
-        return fail(E_INVALIDARG, "There is no item at this index.");
-    const auto position = static_cast<std::size_t>(index) - 1;
     entry = entries_[descending_ ? entries_.size() - 1 - position : position];
     return S_OK;
 }
@@ -227,25 +200,6 @@ HRESULT CalendarView::give(const Entry& entry, IDispatch** item) {
     const HRESULT result = find_occurrence(session_, entry.oid, *entry.day, &occurrence);
     *item = occurrence;
     return result;
-}
-
-HRESULT CalendarView::Add(IDispatch** item) {
-    if (!cleared(item)) return fail(E_POINTER);
-    return guarded([&]() -> HRESULT {
-        if (!session_->is_open()) return session_->check_open();
-        return give({0, 0, std::nullopt}, item);
-    });
-}
-
-HRESULT CalendarView::get_Count(INT* count) {
-    if (count == nullptr) return fail(E_POINTER);
-    *count = 0;
-    return guarded([&]() -> HRESULT {
-        const auto lock = session_->store().lock();
-        const HRESULT result = follow();
-        if (SUCCEEDED(result)) *count = static_cast<INT>(entries_.size());
-        return result;
-    });
 }
 
 HRESULT CalendarView::Item(INT index, IDispatch** item) {
@@ -304,34 +258,12 @@ HRESULT CalendarView::find_from(std::size_t position, IDispatch** item) {
     return met ? give(entry, item) : S_FALSE;
 }
 
-HRESULT CalendarView::Find(BSTR restriction, IDispatch** item) {
-    if (!cleared(item)) return fail(E_POINTER);
-    return guarded([&]() -> HRESULT {
-        if (!session_->is_open()) return session_->check_open();
-        if (restriction == nullptr || !sought_.parse(olFolderCalendar, restriction)) {
-            sought_.clear();
-            return fail(E_INVALIDARG, "The restriction cannot be understood.");
-        }
-        return find_from(0, item);
-    });
-}
-
-HRESULT CalendarView::FindNext(IDispatch** item) {
-    if (!cleared(item)) return fail(E_POINTER);
-    return guarded([&]() -> HRESULT {
-        if (!session_->is_open()) return session_->check_open();
-        if (sought_.empty()) return fail(E_UNEXPECTED, "FindNext goes on from a Find.");
-        return find_from(found_, item);
-    });
-}
-
 HRESULT CalendarView::Restrict(BSTR restriction, IPOutlookItemCollection** items) {
     if (!cleared(items)) return fail(E_POINTER);
     return guarded([&]() -> HRESULT {
-        if (!session_->is_open()) return session_->check_open();
         Restriction wanted;
-        if (restriction == nullptr || !wanted.parse(olFolderCalendar, restriction))
-            return fail(E_INVALIDARG, "The restriction cannot be understood.");
+        const HRESULT result = parse(restriction, wanted);
+        if (FAILED(result)) return result;
         return make_calendar_view(session_, Restriction::both(filter_, wanted), items);
     });
 }

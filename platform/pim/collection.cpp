@@ -17,21 +17,6 @@ constexpr std::size_t kFollowedChanges = 2048;
 
 }  // namespace
 
-HRESULT Collection::QueryInterface(REFIID riid, void** object) {
-    if (!cleared(object)) return fail(E_POINTER);
-    if (riid != IID_IPOutlookItemCollection && riid != IID_IDispatch && riid != IID_IUnknown)
-        return fail(E_NOINTERFACE);
-    *object = static_cast<IPOutlookItemCollection*>(this);
-    references_.add();
-    return S_OK;
-}
-
-ULONG Collection::Release() {
-    const ULONG left = references_.remove();
-    if (left == 0) delete this;
-    return left;
-}
-
 HRESULT Collection::load(CEPROPID sort, bool descending, Order& order, LONGLONG& seq) {
     Store& store = session_->store();
     std::vector<LONG> oids;
@@ -131,25 +116,6 @@ HRESULT Collection::give(LONG oid, RowRef row, IDispatch** item) {
     return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
 }
 
-HRESULT Collection::Add(IDispatch** item) {
-    if (!cleared(item)) return fail(E_POINTER);
-    return guarded([&]() -> HRESULT {
-        if (!session_->is_open()) return session_->check_open();
-        return give(0, {}, item);
-    });
-}
-
-HRESULT Collection::get_Count(INT* count) {
-    if (count == nullptr) return fail(E_POINTER);
-    *count = 0;
-    return guarded([&]() -> HRESULT {
-        const auto lock = session_->store().lock();
-        const HRESULT result = follow();
-        if (SUCCEEDED(result)) *count = static_cast<INT>(order_.size());
-        return result;
-    });
-}
-
 void Collection::read_ahead_if_walking(std::size_t position, const RowRef& row) {
     const bool next = position == walk_position_;
     walk_position_ = position + 1;
@@ -171,11 +137,9 @@ HRESULT Collection::Item(INT index, IDispatch** item) {
         {
             Store& store = session_->store();
             const auto lock = store.lock();
-            const HRESULT result = follow();
+            std::size_t position = 0;
+            const HRESULT result = position_of(index, position);
             if (FAILED(result)) return result;
-            if (index < 1 || static_cast<std::size_t>(index) > order_.size())
-                return fail(E_INVALIDARG, "There is no item at this index.");
-            const auto position = static_cast<std::size_t>(index) - 1;
             oid = order_.at(position);
             if (folder_ == olFolderContacts) {
                 row = store.cached(oid);
@@ -195,11 +159,10 @@ HRESULT Collection::Remove(INT index) {
                 // Nobody else can write now: the position means what it meant to the caller or what was committed
                 // since.
                 const auto lock = session_->store().lock();
-                const HRESULT result = follow();
+                std::size_t position = 0;
+                const HRESULT result = position_of(index, position);
                 if (FAILED(result)) return result;
-                if (index < 1 || static_cast<std::size_t>(index) > order_.size())
-                    return fail(E_INVALIDARG, "There is no item at this index.");
-                oid = order_.at(static_cast<std::size_t>(index) - 1);
+                oid = order_.at(position);
             }
             return transaction.remove(oid);
         });
@@ -209,10 +172,9 @@ HRESULT Collection::Remove(INT index) {
 HRESULT Collection::Restrict(BSTR restriction, IPOutlookItemCollection** items) {
     if (!cleared(items)) return fail(E_POINTER);
     return guarded([&]() -> HRESULT {
-        if (!session_->is_open()) return session_->check_open();
         Restriction wanted;
-        if (restriction == nullptr || !wanted.parse(folder_, restriction))
-            return fail(E_INVALIDARG, "The restriction cannot be understood.");
+        const HRESULT result = parse(restriction, wanted);
+        if (FAILED(result)) return result;
         wanted = Restriction::both(filter_, wanted);
         if (include_recurrences_ != VARIANT_FALSE && folder_ == olFolderCalendar)
             return make_calendar_view(session_, std::move(wanted), items);
@@ -258,31 +220,6 @@ HRESULT Collection::find_from(std::size_t position, IDispatch** item) {
     }
     found_ = position;
     return S_FALSE;
-}
-
-HRESULT Collection::Find(BSTR restriction, IDispatch** item) {
-    if (!cleared(item)) return fail(E_POINTER);
-    return guarded([&]() -> HRESULT {
-        if (!session_->is_open()) return session_->check_open();
-        if (restriction == nullptr || !sought_.parse(folder_, restriction)) {
-            sought_.clear();
-            return fail(E_INVALIDARG, "The restriction cannot be understood.");
-        }
-        return find_from(0, item);
-    });
-}
-
-HRESULT Collection::FindNext(IDispatch** item) {
-    if (!cleared(item)) return fail(E_POINTER);
-    return guarded([&]() -> HRESULT {
-        if (!session_->is_open()) return session_->check_open();
-        if (sought_.empty()) return fail(E_UNEXPECTED, "FindNext goes on from a Find.");
-        return find_from(found_, item);
-    });
-}
-
-HRESULT Collection::get_Application(IPOutlookApp** app) {
-    return give_application(*session_, app);
 }
 
 HRESULT Collection::get_IncludeRecurrences(VARIANT_BOOL* include) {

@@ -1,34 +1,17 @@
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "session_support.h"
+#include "store_query.h"
 #include "support/child.h"
 #include "support/sandbox.h"
 
 namespace {
 
 using namespace zr::test;
-
-std::filesystem::path store_path() {
-    return sandbox_home() / "pim.db";
-}
-
-std::string query(const std::filesystem::path& path, const std::string& sql) {
-    sqlite3* db = nullptr;
-    std::string result;
-    EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-    const auto take = [](void* to, int columns, char** values, char**) {
-        if (columns > 0 && values[0] != nullptr) *static_cast<std::string*>(to) = values[0];
-        return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), take, &result, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
-    sqlite3_close(db);
-    return result;
-}
 
 std::vector<std::filesystem::path> set_aside() {
     std::vector<std::filesystem::path> found;

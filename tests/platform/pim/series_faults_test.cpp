@@ -2,14 +2,13 @@
 
 #include <sched.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
 
 #include "calendar_support.h"
+#include "store_query.h"
 #include "support/child.h"
 #include "support/failing_new.h"
 #include "support/sandbox.h"
@@ -20,48 +19,34 @@ using namespace zr::test;
 
 constexpr DATE kMonday = 45446;  // 3 June 2024
 
-std::string query(const std::string& sql) {
-    sqlite3* db = nullptr;
-    std::string result;
-    EXPECT_EQ(sqlite3_open((sandbox_home() / "pim.db").c_str(), &db), SQLITE_OK);
-    sqlite3_busy_timeout(db, 5000);
-    const auto take = [](void* to, int columns, char** values, char**) {
-        if (columns > 0 && values[0] != nullptr) *static_cast<std::string*>(to) = values[0];
-        return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), take, &result, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
-    sqlite3_close(db);
-    return result;
-}
-
 // A store as the first version wrote it, with a contact and an appointment, one hour on 3 June 2024.
 void make_store_of_first_version() {
     std::filesystem::create_directories(sandbox_home());
-    query(
-        "PRAGMA encoding = 'UTF-16'; PRAGMA journal_mode = WAL;"
-        "CREATE TABLE folder(id INTEGER PRIMARY KEY, next INTEGER NOT NULL);"
-        "INSERT INTO folder VALUES(9, (9 << 24) + 2), (10, 2), (13, 13 << 24 | 1);"
-        "CREATE TABLE free_oid(oid INTEGER PRIMARY KEY);"
-        "CREATE TABLE contact(oid INTEGER PRIMARY KEY, file_as TEXT, title TEXT, first_name TEXT, middle_name TEXT,"
-        " last_name TEXT, suffix TEXT, company TEXT, email1 TEXT, email2 TEXT, email3 TEXT, job_title TEXT,"
-        " own_file_as INTEGER NOT NULL);"
-        "INSERT INTO contact(oid, file_as, first_name, last_name, own_file_as) VALUES(1, 'B, A', 'A', 'B', 0);"
-        "CREATE TABLE entry(oid INTEGER PRIMARY KEY);"
-        "INSERT INTO entry VALUES((9 << 24) + 1);"
-        "CREATE TABLE property(oid INTEGER NOT NULL, id INTEGER NOT NULL, value, PRIMARY KEY(oid, id)) WITHOUT ROWID;"
-        "INSERT INTO property VALUES((9 << 24) + 1, (0x7E5A << 16) + 5, 45446.375),"
-        " ((9 << 24) + 1, (0x7E52 << 16) + 5, 45446.5), ((9 << 24) + 1, (0x7E5B << 16) + 31, 'Old');"
-        "CREATE TABLE change(seq INTEGER PRIMARY KEY, kind INTEGER NOT NULL, oid INTEGER NOT NULL,"
-        " origin INTEGER NOT NULL);"
-        "INSERT INTO change VALUES(1, 3, 0, 0);"
-        "PRAGMA application_id = 1517441101; PRAGMA user_version = 1;");
+    query(store_path(),
+          "PRAGMA encoding = 'UTF-16'; PRAGMA journal_mode = WAL;"
+          "CREATE TABLE folder(id INTEGER PRIMARY KEY, next INTEGER NOT NULL);"
+          "INSERT INTO folder VALUES(9, (9 << 24) + 2), (10, 2), (13, 13 << 24 | 1);"
+          "CREATE TABLE free_oid(oid INTEGER PRIMARY KEY);"
+          "CREATE TABLE contact(oid INTEGER PRIMARY KEY, file_as TEXT, title TEXT, first_name TEXT, middle_name TEXT,"
+          " last_name TEXT, suffix TEXT, company TEXT, email1 TEXT, email2 TEXT, email3 TEXT, job_title TEXT,"
+          " own_file_as INTEGER NOT NULL);"
+          "INSERT INTO contact(oid, file_as, first_name, last_name, own_file_as) VALUES(1, 'B, A', 'A', 'B', 0);"
+          "CREATE TABLE entry(oid INTEGER PRIMARY KEY);"
+          "INSERT INTO entry VALUES((9 << 24) + 1);"
+          "CREATE TABLE property(oid INTEGER NOT NULL, id INTEGER NOT NULL, value, PRIMARY KEY(oid, id)) WITHOUT ROWID;"
+          "INSERT INTO property VALUES((9 << 24) + 1, (0x7E5A << 16) + 5, 45446.375),"
+          " ((9 << 24) + 1, (0x7E52 << 16) + 5, 45446.5), ((9 << 24) + 1, (0x7E5B << 16) + 31, 'Old');"
+          "CREATE TABLE change(seq INTEGER PRIMARY KEY, kind INTEGER NOT NULL, oid INTEGER NOT NULL,"
+          " origin INTEGER NOT NULL);"
+          "INSERT INTO change VALUES(1, 3, 0, 0);"
+          "PRAGMA application_id = 1517441101; PRAGMA user_version = 1;");
 }
 
 TEST(Migration, AStoreOfTheFirstVersionIsTakenOverInPlace) {
     make_store_of_first_version();
     TestSession session;
     ASSERT_EQ(session.logon, S_OK);
-    EXPECT_EQ(query("PRAGMA user_version"), "2");
+    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "2");
     EXPECT_EQ(text(*session.contact(1).get(), &IContact::get_FileAs), u"B, A");
     const auto appointment = stored(session, 0x09000001);
     EXPECT_EQ(text(*appointment.get(), &IAppointment::get_Subject), u"Old");
@@ -90,7 +75,7 @@ TEST(Migration, ByManyProcessesAtOnce) {
     for (const auto& child : children) {
         EXPECT_EQ(child->wait(), 0);
     }
-    EXPECT_EQ(query("PRAGMA user_version"), "2");
+    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "2");
 }
 
 // Turns the series of the store to and fro: weekly with exceptions, daily without any. A byte after each save.
@@ -151,14 +136,14 @@ TEST(SeriesFaults, AKillInTheMiddleOfSaveLeavesBeforeOrAfter) {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         close(saved[0]);
-        ASSERT_EQ(
-            query("SELECT " + named("0x7E5B", "31") + " = CASE WHEN " + daily + " THEN 'daily' ELSE 'weekly' END"),
-            "1");
-        ASSERT_EQ(query("SELECT NOT (" + daily + ") OR " + exceptions + " = 0"), "1")
+        ASSERT_EQ(query(store_path(), "SELECT " + named("0x7E5B", "31") + " = CASE WHEN " + daily +
+                                          " THEN 'daily' ELSE 'weekly' END"),
+                  "1");
+        ASSERT_EQ(query(store_path(), "SELECT NOT (" + daily + ") OR " + exceptions + " = 0"), "1")
             << "exceptions of another pattern";
-        ASSERT_EQ(query("SELECT " + fields + " = 2 * " + exceptions), "1") << "half an exception";
+        ASSERT_EQ(query(store_path(), "SELECT " + fields + " = 2 * " + exceptions), "1") << "half an exception";
     }
-    EXPECT_EQ(query("PRAGMA integrity_check"), "ok");
+    EXPECT_EQ(query(store_path(), "PRAGMA integrity_check"), "ok");
     TestSession session;
     EXPECT_TRUE(occurrence_on(*stored(session, 0x09000001).get(), kMonday));
 }

@@ -1,10 +1,9 @@
 // Series, their patterns, exceptions and occurrences, as a calendar uses them.
 
-#include <sqlite3.h>
+#include <string>
+#include <vector>
 
 #include "calendar_support.h"
-#include "support/child.h"
-#include "support/sandbox.h"
 
 namespace {
 
