@@ -93,5 +93,6 @@ void add_resolve(Command zr);
 void add_log_show(Command log);
 void add_objects(Command zr);
 void add_zone(Command zr);
+void add_watch(Command zr);
 
 }  // namespace zr

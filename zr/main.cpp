@@ -55,6 +55,7 @@ void build(zr::Command app) {
     zr::add_log_show(log);
     zr::add_objects(app);
     zr::add_zone(app);
+    zr::add_watch(app);
 }
 
 zr::Exit execute(const zr::Run& run) {

@@ -2,14 +2,12 @@
 
 #include <ZrUtility/ZrUtility.h>
 #include <platform/platform.h>
-#include <pthread.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <memory>
-#include <thread>
 
 #include "command.h"
+#include "event_loop.h"
 #include "input_file.h"
 #include "output.h"
 #include "recipients.h"
@@ -175,59 +173,6 @@ Exit print_answers(Directory& directory, std::vector<Query>& queries, bool json)
     return code;
 }
 
-// Sets an event when the user or the system asks the process to end.
-class EndRequest {
-public:
-    EndRequest() : event_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
-        sigemptyset(&signals_);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-            sigaddset(&signals_, signal);
-        }
-        // Threads that are made from here on have the signals blocked too, so that only ours takes them.
-        pthread_sigmask(SIG_BLOCK, &signals_, &before_);
-        thread_ = std::thread([this] {
-            int signal = 0;
-            sigwait(&signals_, &signal);
-            SetEvent(event_);
-        });
-    }
-    ~EndRequest() {
-        if (WaitForSingleObject(event_, 0) != WAIT_OBJECT_0) pthread_kill(thread_.native_handle(), SIGTERM);
-        thread_.join();
-        CloseHandle(event_);
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    EndRequest(const EndRequest&) = delete;
-    EndRequest& operator=(const EndRequest&) = delete;
-
-    HANDLE event() const { return event_; }
-
-private:
-    HANDLE event_;
-    sigset_t signals_;
-    sigset_t before_;
-    std::thread thread_;
-};
-
-void dispatch_messages() {
-    MSG message;
-    while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-        DispatchMessageW(&message);
-    }
-}
-
-// Answers anew after every change of the contacts, until the process is asked to end.
-void watch(const EndRequest& end, Directory& directory, std::vector<Query>& queries, bool json) {
-    const HANDLE event = end.event();
-    for (;;) {
-        const DWORD woken = MsgWaitForMultipleObjectsEx(1, &event, INFINITE, QS_ALLINPUT, MWMO_INPUTAVAILABLE);
-        if (woken == WAIT_OBJECT_0) return;
-        if (woken != WAIT_OBJECT_0 + 1) throw Failure{Exit::StoreFailed, "waiting for changes failed"};
-        dispatch_messages();
-        print_answers(directory, queries, json);
-    }
-}
-
 void collect_queries(const Options& options, std::vector<Query>& queries, Exit& code) {
     for (const std::string& input : options.inputs) {
         try {
@@ -252,10 +197,11 @@ Exit resolve(const Options& options) {
         Directory directory;
         return combine(code, print_answers(directory, queries, options.json));
     }
-    const EndRequest end;
+    EventLoop loop;
     Directory directory;
-    print_answers(directory, queries, options.json);
-    watch(end, directory, queries, options.json);
+    do {
+        print_answers(directory, queries, options.json);
+    } while (loop.wait({}));
     return code;
 }
 

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "support/sandbox.h"
 
@@ -23,6 +24,9 @@ public:
         setenv("ZR_ZONE_FILE", zone_file().c_str(), 1);
         setenv("ZR_CLOCK_CHANGES", clock_file().c_str(), 1);
     }
+
+    // Those of the process that started this one.
+    static TimeChanges of_parent() { return TimeChanges(sandbox() / "time"); }
 
     // The clock was set.
     void set_clock() const { std::ofstream(clock_file()) << "set"; }
@@ -47,6 +51,8 @@ public:
     std::filesystem::path clock_file() const { return folder_ / "clock"; }
 
 private:
+    explicit TimeChanges(std::filesystem::path folder) : folder_(std::move(folder)) {}
+
     std::filesystem::path folder_;
 };
 

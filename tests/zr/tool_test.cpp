@@ -69,7 +69,7 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"log", "show"},
     {"objects"},
     {"zone"},
-    {"zone"},
+    {"watch"},
 };
 
 TEST_F(Tool, HelpsWithEveryCommand) {
@@ -90,7 +90,8 @@ TEST_F(Tool, HelpsWithEveryCommand) {
 TEST_F(Tool, DocumentsAndCompletesEveryOption) {
     const std::string manual = read_file(ZR_SOURCE_DIR "/zr/zr-contacts.1") + read_file(ZR_SOURCE_DIR "/zr/zr-log.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-objects.1") + read_file(ZR_SOURCE_DIR "/zr/zr-zone.1") +
-                               read_file(ZR_SOURCE_DIR "/zr/zr-resolve.1") + read_file(ZR_SOURCE_DIR "/zr/zr.1");
+                               read_file(ZR_SOURCE_DIR "/zr/zr-resolve.1") + read_file(ZR_SOURCE_DIR "/zr/zr-watch.1") +
+                               read_file(ZR_SOURCE_DIR "/zr/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
     const std::string zsh = read_file(ZR_SOURCE_DIR "/zr/completion/_zr");
     int options = 0;
@@ -116,11 +117,12 @@ TEST_F(Tool, CompletesInBash) {
                                    " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(complete("zr"), "contacts resolve log objects zone --help --version\n");
+    EXPECT_EQ(complete("zr"), "contacts resolve log objects zone watch --help --version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr objects"), "--json --help\n");
     EXPECT_EQ(complete("zr zone"), "--next --json --help\n");
+    EXPECT_EQ(complete("zr watch"), "--clock --json --help\n");
     EXPECT_EQ(complete("zr contacts export --vcard-version"), "2.1 3.0 4.0\n");
 }
 
@@ -143,6 +145,8 @@ TEST_F(Tool, RefusesWrongUsage) {
         {"resolve", "-a", "-m", "x"},
         {"log", "show", "x", "--level", "loud"},
         {"objects", "something"},
+        {"watch"},
+        {"watch", "--clock", "now"},
     };
     for (const auto& args : wrong) {
         expect_failure(zr(args), 2, "");

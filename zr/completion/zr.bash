@@ -16,7 +16,7 @@ _zr() {
         --work-phone --home-phone --mobile --web --note --email --birthday"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts resolve log objects zone --help --version" "$current"
+        _zr_words "contacts resolve log objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
@@ -52,6 +52,7 @@ _zr() {
             fi ;;
         objects) _zr_words "--json --help" "$current" ;;
         zone) _zr_words "--next --json --help" "$current" ;;
+        watch) _zr_words "--clock --json --help" "$current" ;;
         log)
             if ((COMP_CWORD == 2)); then
                 _zr_words "show --help" "$current"
