@@ -69,12 +69,28 @@ StringTokenizer::StringTokenizer(WCHAR* text, WCHAR* delimiters, int delimiterIs
     m_pwzSource = std::copy_n(text, count, m_pwzBuffer);
     m_pwzDelimiters = std::copy_n(text, count, m_pwzSource) + kFlagCharacters;
     std::copy_n(delimiters, delimiterCount, m_pwzDelimiters);
-    setFlags(flagsBefore(m_pwzDelimiters), m_pwzDelimiters,
-             delimiterIsString ? delimiterCount > 1 : delimiterCount - 1);
+    // A delimiter string is looked for by its first character.
+    const std::size_t ends = std::min<std::size_t>(delimiterCount - 1, delimiterIsString ? 1 : kMostCharacters);
+    setFlags(flagsBefore(m_pwzDelimiters), m_pwzDelimiters, ends);
 }
 
 StringTokenizer::~StringTokenizer() {
     StringUtilities::DeleteString(m_pwzBuffer);
+}
+
+// The end of the token at the position, which moves behind it and its delimiter, though never past the text's end.
+inline WCHAR* StringTokenizer::passToken() {
+    const Flags& flags = flagsBefore(m_pwzDelimiters);
+    WCHAR* end = nullptr;
+    std::size_t skip = 1;
+    if (m_nDelimiterIsString == 0) {
+        end = findAny(m_pwzPosition, flags, m_pwzDelimiters);
+    } else {
+        skip = wcslen(m_pwzDelimiters);
+        end = findString(m_pwzPosition, flags, m_pwzDelimiters, skip);
+    }
+    m_pwzPosition = *end != 0 ? end + skip : end;
+    return end;
 }
 
 WCHAR* StringTokenizer::NextToken(int* offset) {
@@ -88,21 +104,6 @@ WCHAR* StringTokenizer::NextToken(int* offset) {
         if (end != start) return m_pwzBuffer + start;
     }
     return nullptr;
-}
-
-// The end of the token at the position, which moves behind it and its delimiter, though never past the text's end.
-WCHAR* StringTokenizer::passToken() {
-    const Flags& flags = flagsBefore(m_pwzDelimiters);
-    WCHAR* end = nullptr;
-    std::size_t skip = 1;
-    if (m_nDelimiterIsString == 0) {
-        end = findAny(m_pwzPosition, flags, m_pwzDelimiters);
-    } else {
-        skip = wcslen(m_pwzDelimiters);
-        end = findString(m_pwzPosition, flags, m_pwzDelimiters, skip);
-    }
-    m_pwzPosition = *end != 0 ? end + skip : end;
-    return end;
 }
 
 void StringTokenizer::Reset() {
