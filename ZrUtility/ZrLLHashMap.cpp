@@ -239,6 +239,8 @@ inline ULONG ZrLLHashMap::findNearby(void* key) const {
     const ULONG home = partOf(start, capacity);
     const BYTE bits = filterBits(number);
     if ((m_states[home] & bits) != bits) return NO_SLOT;
+    // The value is most likely here, and on its way while keys are compared.
+    __builtin_prefetch(m_values + home);
     if (capacity > FRACTIONS_HOLD) return UNKNOWN;
     // Most keys lie in one of the first three slots of their path. Which one is as good as random, so no branch depends
     // on it.

@@ -17,7 +17,11 @@ public:
 
     int hasNext() override { return findNext() ? 1 : 0; }
 
-    void* next() override { return findNext() ? m_array[m_position++] : nullptr; }
+    void* next() override {
+        // After hasNext() the position stands there already, and the processor need not wait to learn it.
+        const bool isThere = m_position < m_capacity && (m_states[m_position] & IN_USE) != 0;
+        return isThere || findNext() ? m_array[m_position++] : nullptr;
+    }
 
 private:
     // Moves the position to the next slot in use, itself included.
