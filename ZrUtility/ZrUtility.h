@@ -28,6 +28,7 @@
 #include "ZrUtility/ZrCollections.h"
 #include "ZrUtility/ZrFileTime.h"
 #include "ZrUtility/ZrHashTable.h"
+#include "ZrUtility/ZrIModuleEnumerator.h"
 #include "ZrUtility/ZrIterator.h"
 #include "ZrUtility/ZrLLHashMap.h"
 #include "ZrUtility/ZrLOHashMap.h"

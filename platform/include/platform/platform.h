@@ -13,6 +13,7 @@
 #include "platform/mapping.h"
 #include "platform/memory.h"
 #include "platform/notify.h"
+#include "platform/modules.h"
 #include "platform/objects.h"
 #include "platform/pim.h"
 #include "platform/screen.h"

@@ -1,0 +1,170 @@
+// Loading modules, finding what they export, and letting them go.
+
+#include <dlfcn.h>
+#include <link.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+
+#include "host_path.h"
+#include "module_file.h"
+#include "platform/base.h"
+#include "platform/kernel.h"
+#include "platform/modules.h"
+#include "thread.h"
+#include "utf.h"
+
+namespace zr::platform {
+namespace {
+
+// The modules that are loaded, so that no other value is ever taken for one.
+struct Module {
+    std::string path;  // on the host
+    int loads = 0;
+};
+
+struct Modules {
+    std::mutex mutex;  // never held while a module's own code may run
+    std::map<HMODULE, Module> loaded;
+};
+
+Modules& modules() {
+    static auto* const all = new Modules;  // modules may be freed while the process exits
+    return *all;
+}
+
+template <class T>
+T fail(DWORD error, T result) {
+    SetLastError(error);
+    return result;
+}
+
+HMODULE module_of(void* library) {
+    return reinterpret_cast<HMODULE>(library);
+}
+
+// Where the host's loader found it, as an absolute path.
+std::string loaded_path(void* library) {
+    link_map* map = nullptr;
+    if (dlinfo(library, RTLD_DI_LINKMAP, &map) != 0 || !map) return {};
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(map->l_name, nullptr), std::free);
+    return real ? real.get() : map->l_name;
+}
+
+bool has_separator(LPCWSTR path) {
+    return wcschr(path, u'\\') || wcschr(path, u'/');
+}
+
+// What to ask the host's loader for. `error` when there is nothing to ask for.
+std::string loader_name(LPCWSTR path, DWORD& error) {
+    const HostPath host = existing_host_path(path);
+    if (!host.error) {
+        const ModuleFile file(host.path.c_str());
+        error = file.error() ? file.error() : check_whole(file);
+        return host.path;
+    }
+    const bool missing = host.error == ERROR_FILE_NOT_FOUND || host.error == ERROR_PATH_NOT_FOUND;
+    if (missing && *path && !has_separator(path)) return host_name(path);
+    error = missing ? ERROR_MOD_NOT_FOUND : host.error;
+    return {};
+}
+
+HMODULE load(LPCWSTR path) {
+    DWORD error = ERROR_SUCCESS;
+    const std::string name = path ? loader_name(path, error) : std::string();
+    if (!path) error = ERROR_INVALID_PARAMETER;
+    if (error) return fail<HMODULE>(error, nullptr);
+    void* const library = dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!library) return fail<HMODULE>(name[0] == '/' ? ERROR_BAD_EXE_FORMAT : ERROR_MOD_NOT_FOUND, nullptr);
+    try {
+        std::string found = name[0] == '/' ? name : loaded_path(library);
+        const std::lock_guard guard(modules().mutex);
+        Module& module = modules().loaded[module_of(library)];
+        if (module.loads++ == 0) module.path = std::move(found);
+    } catch (...) {
+        dlclose(library);
+        throw;
+    }
+    return module_of(library);
+}
+
+// Counts one load less; false when there is none.
+bool give_back(HMODULE module) {
+    const std::lock_guard guard(modules().mutex);
+    const auto at = modules().loaded.find(module);
+    if (at == modules().loaded.end()) return false;
+    if (--at->second.loads == 0) modules().loaded.erase(at);
+    return true;
+}
+
+bool host_path_of(HMODULE module, std::string& path) {
+    if (!module || module == GetModuleHandleW(nullptr)) {
+        char buffer[PATH_MAX];
+        const ssize_t length = readlink("/proc/self/exe", buffer, sizeof buffer);
+        if (length > 0) path.assign(buffer, static_cast<std::size_t>(length));
+        return true;
+    }
+    const std::lock_guard guard(modules().mutex);
+    const auto at = modules().loaded.find(module);
+    if (at != modules().loaded.end()) path = at->second.path;
+    return at != modules().loaded.end();
+}
+
+DWORD file_name(HMODULE module, LPWSTR out, DWORD size) {
+    std::string host;
+    if (!host_path_of(module, host)) return fail(ERROR_INVALID_HANDLE, DWORD{0});
+    std::u16string path;
+    if (host.empty() || !handheld_path(host, path)) return fail(ERROR_PATH_NOT_FOUND, DWORD{0});
+    const std::size_t length = path.copy(out, size - 1);
+    out[length] = 0;
+    return length < path.size() ? fail(ERROR_INSUFFICIENT_BUFFER, size) : static_cast<DWORD>(length);
+}
+
+}  // namespace
+}  // namespace zr::platform
+
+using namespace zr::platform;
+
+HMODULE LoadLibraryW(LPCWSTR path) {
+    cancellation_point();
+    try {
+        return load(path);
+    } catch (const std::bad_alloc&) {
+        return fail<HMODULE>(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    }
+}
+
+BOOL FreeLibrary(HMODULE module) {
+    if (!give_back(module)) return fail(ERROR_INVALID_HANDLE, FALSE);
+    return dlclose(module) == 0 ? TRUE : fail(ERROR_GEN_FAILURE, FALSE);
+}
+
+FARPROC GetProcAddressW(HMODULE module, LPCWSTR name) {
+    cancellation_point();
+    if (!name) return fail<FARPROC>(ERROR_INVALID_PARAMETER, nullptr);
+    const bool program = module && module == GetModuleHandleW(nullptr);
+    try {
+        std::string unused;
+        if (!module || (!program && !host_path_of(module, unused))) return fail<FARPROC>(ERROR_INVALID_HANDLE, nullptr);
+        void* const found = dlsym(program ? RTLD_DEFAULT : static_cast<void*>(module), wide_to_host(name).c_str());
+        return found ? reinterpret_cast<FARPROC>(found) : fail<FARPROC>(ERROR_PROC_NOT_FOUND, nullptr);
+    } catch (const std::bad_alloc&) {
+        return fail<FARPROC>(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    }
+}
+
+DWORD GetModuleFileNameW(HMODULE module, LPWSTR path, DWORD size) {
+    cancellation_point();
+    if (!path || size == 0) return fail(ERROR_INVALID_PARAMETER, DWORD{0});
+    try {
+        return file_name(module, path, size);
+    } catch (const std::bad_alloc&) {
+        return fail(ERROR_NOT_ENOUGH_MEMORY, DWORD{0});
+    }
+}

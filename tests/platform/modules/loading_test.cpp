@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "platform/base.h"
+#include "platform/kernel.h"
+#include "platform/modules.h"
+#include "support/modules.h"
+
+using namespace zr::test;
+
+namespace {
+
+constexpr DWORD kCapacity = MAX_PATH;
+
+DWORD error_of_loading(const std::u16string& path) {
+    SetLastError(0);
+    EXPECT_EQ(LoadLibraryW(path.c_str()), nullptr);
+    return GetLastError();
+}
+
+}  // namespace
+
+TEST(Modules, LoadsFindsAndFrees) {
+    const ModuleFolder folder;
+    const std::u16string path = folder.add("seven", "a.so");
+    const HMODULE module = LoadLibraryW(path.c_str());
+    ASSERT_NE(module, nullptr);
+    const auto id = reinterpret_cast<int (*)()>(GetProcAddressW(module, u"ZrIGetModuleId"));
+    ASSERT_NE(id, nullptr);
+    EXPECT_EQ(id(), 7);
+    EXPECT_EQ(GetProcAddressW(module, u"NoSuchFunction"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_PROC_NOT_FOUND);
+    EXPECT_EQ(GetProcAddressW(module, nullptr), nullptr);
+    WCHAR name[kCapacity];
+    EXPECT_EQ(GetModuleFileNameW(module, name, kCapacity), path.size());
+    EXPECT_EQ(name, path);
+    EXPECT_TRUE(FreeLibrary(module));
+    EXPECT_FALSE(FreeLibrary(module));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(GetProcAddressW(module, u"ZrIGetModuleId"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(GetModuleFileNameW(module, name, kCapacity), 0u);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST(Modules, TheSameFileIsOneModule) {
+    const ModuleFolder folder;
+    const std::u16string path = folder.add("seven", "a.so");
+    const std::u16string other = folder.add("seven", "b.so");
+    const HMODULE first = LoadLibraryW(path.c_str());
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(LoadLibraryW(path.c_str()), first);
+    const HMODULE copy = LoadLibraryW(other.c_str());
+    EXPECT_NE(copy, first);
+    EXPECT_TRUE(FreeLibrary(copy));
+    EXPECT_TRUE(FreeLibrary(first));
+    EXPECT_NE(GetProcAddressW(first, u"ZrIGetModuleId"), nullptr);
+    EXPECT_TRUE(FreeLibrary(first));
+    EXPECT_FALSE(FreeLibrary(first));
+}
+
+TEST(Modules, WhatCannotBeLoaded) {
+    const ModuleFolder folder;
+    EXPECT_EQ(error_of_loading(folder.path("none.so")), ERROR_MOD_NOT_FOUND);
+    EXPECT_EQ(error_of_loading(u"no-such-module.so"), ERROR_MOD_NOT_FOUND);
+    EXPECT_EQ(error_of_loading(u""), ERROR_MOD_NOT_FOUND);
+    EXPECT_EQ(error_of_loading(folder.path(std::string(300, 'x'))), ERROR_FILENAME_EXCED_RANGE);
+    EXPECT_EQ(error_of_loading(folder.handheld()), ERROR_BAD_EXE_FORMAT);
+    std::ofstream(folder.host() / "text.so") << "no module";
+    EXPECT_EQ(error_of_loading(folder.path("text.so")), ERROR_BAD_EXE_FORMAT);
+    const std::u16string whole = folder.add("seven", "cut.so");
+    std::filesystem::resize_file(folder.host() / "cut.so", 700);
+    EXPECT_EQ(error_of_loading(whole), ERROR_BAD_EXE_FORMAT);
+    ASSERT_EQ(mkfifo((folder.host() / "pipe.so").c_str(), 0600), 0);
+    EXPECT_EQ(error_of_loading(folder.path("pipe.so")), ERROR_BAD_EXE_FORMAT);
+    EXPECT_EQ(LoadLibraryW(nullptr), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+TEST(Modules, AHostLibraryByItsName) {
+    const HMODULE math = LoadLibraryW(u"libm.so.6");
+    ASSERT_NE(math, nullptr);
+    EXPECT_NE(GetProcAddressW(math, u"cos"), nullptr);
+    WCHAR name[kCapacity];
+    EXPECT_EQ(GetModuleFileNameW(math, name, kCapacity), 0u);  // outside the root of this test
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_TRUE(FreeLibrary(math));
+}
+
+TEST(Modules, TheProgramItself) {
+    const HMODULE program = GetModuleHandleW(nullptr);
+    EXPECT_NE(GetProcAddressW(program, u"malloc"), nullptr);
+    EXPECT_FALSE(FreeLibrary(program));
+    EXPECT_EQ(GetProcAddressW(nullptr, u"malloc"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST(Modules, APathThatDoesNotFitIsCut) {
+    const ModuleFolder folder;
+    const std::u16string path = folder.add("seven", "a.so");
+    const HMODULE module = LoadLibraryW(path.c_str());
+    ASSERT_NE(module, nullptr);
+    WCHAR name[kCapacity];
+    EXPECT_EQ(GetModuleFileNameW(module, name, 5), 5u);
+    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_EQ(name, path.substr(0, 4));
+    const auto exact = static_cast<DWORD>(path.size());
+    EXPECT_EQ(GetModuleFileNameW(module, name, exact), exact);
+    EXPECT_EQ(name, path.substr(0, exact - 1));
+    EXPECT_EQ(GetModuleFileNameW(module, name, exact + 1), exact);
+    EXPECT_EQ(GetModuleFileNameW(module, name, 0), 0u);
+    EXPECT_TRUE(FreeLibrary(module));
+}
