@@ -463,7 +463,8 @@ protected:
     ~IRecurrencePattern() = default;
 };
 
-// The exceptions of a series at the time of get_Exceptions, numbered from 1.
+// The exceptions of a series at the time of get_Exceptions, numbered from 1. To the thread rule they and each of them
+// are parts of the appointment, too.
 struct IExceptions : IDispatch {
     virtual HRESULT get_Count(INT* count) = 0;
     virtual HRESULT Item(INT index, IException** exception) = 0;  // E_INVALIDARG: no such index
