@@ -36,9 +36,7 @@ VirtualMemoryManager::VirtualMemoryManager()
 
 VirtualMemoryManager::~VirtualMemoryManager() {
     if (m_base == nullptr) return;
-    for (void* block : m_blocks) {
-        if (block != nullptr) VirtualFree(block, BLOCK_SIZE, MEM_DECOMMIT);
-    }
+    DecommitMemory(0, BLOCK_COUNT);
     VirtualFree(m_base, 0, MEM_RELEASE);
     m_base = nullptr;
 }
@@ -73,18 +71,28 @@ int VirtualMemoryManager::CommitMemory(unsigned int first, unsigned int count) {
     return 1;
 }
 
+// Takes the memory from the blocks from `first` up to `end` that have any; neighbours in one call of the system.
+void VirtualMemoryManager::DecommitMemory(unsigned int first, unsigned int end) {
+    for (unsigned int i = first; i < end; ++i) {
+        void* const start = m_blocks[i];
+        unsigned int count = 0;
+        for (; i < end && m_blocks[i] != nullptr; ++i, ++count) {
+            m_blocks[i] = nullptr;
+        }
+        if (count != 0) VirtualFree(start, SIZE_T{count} * BLOCK_SIZE, MEM_DECOMMIT);
+    }
+}
+
 int VirtualMemoryManager::FreeMemory(void* memory, ULONG size) {
     if (memory == nullptr || size == 0) return 0;
     const auto offset =
         static_cast<std::intptr_t>(reinterpret_cast<std::uintptr_t>(memory) - reinterpret_cast<std::uintptr_t>(m_base));
-    constexpr std::intptr_t end = BLOCK_COUNT;
+    constexpr std::intptr_t blocks = BLOCK_COUNT;
     const std::intptr_t index = offset / static_cast<std::intptr_t>(BLOCK_SIZE);
     const std::intptr_t count = static_cast<std::intptr_t>(size / BLOCK_SIZE);
-    if (index >= end) return 0;
-    for (std::intptr_t i = std::max<std::intptr_t>(index, 0); i < std::min(index + count, end); ++i) {
-        if (m_blocks[i] == nullptr) continue;
-        VirtualFree(m_blocks[i], BLOCK_SIZE, MEM_DECOMMIT);
-        m_blocks[i] = nullptr;
-    }
+    if (index >= blocks || count == 0) return 0;
+    const std::intptr_t end = std::min(index + count, blocks);
+    if (end > 0)
+        DecommitMemory(static_cast<unsigned int>(std::max<std::intptr_t>(index, 0)), static_cast<unsigned int>(end));
     return 0;
 }

@@ -51,6 +51,7 @@ protected:
 
 private:
     int FindFreeRun(ULONG count) const;
+    void DecommitMemory(unsigned int first, unsigned int end);
 
     char* m_base;                 // NULL without a stretch
     void* m_blocks[BLOCK_COUNT];  // each block's address while it is handed out, else NULL
