@@ -2,7 +2,8 @@
 
 Each file is one repetition of a program. The ratio of a pair is taken repetition by repetition, and its median is
 printed: the machine's speed drifts less within a repetition than between them. Where the processor time of all threads
-was measured too, its ratio follows. A number after the name (SUBJECT/ours/1000) belongs to the subject.
+was measured too, its ratio follows. A number after the name (SUBJECT/ours/1000) belongs to the subject. A measurement
+with a counter "bytes" is one of memory: the counter stands for the time.
 """
 
 import json
@@ -28,6 +29,7 @@ class Measurement:
         self.real = []
         self.processor = []
         self.peak = None
+        self.is_bytes = False
 
 
 def read(paths):
@@ -41,7 +43,8 @@ def read(paths):
                 continue
             scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
             measurement = measurements.setdefault(split(run["name"]), Measurement())
-            measurement.real.append(run["real_time"] * scale)
+            measurement.is_bytes = "bytes" in run
+            measurement.real.append(run["bytes"] if measurement.is_bytes else run["real_time"] * scale)
             if "/process_time" in run["name"]:
                 measurement.processor.append(run["cpu_time"] * scale)
             measurement.peak = run.get("peak_MiB", measurement.peak)
@@ -53,6 +56,11 @@ def human(nanoseconds):
         if nanoseconds >= size:
             return f"{nanoseconds / size:.3g} {unit}"
     return f"{nanoseconds:.3g} ns"
+
+
+def shown(measurement):
+    value = statistics.median(measurement.real)
+    return f"{value:.4g} B" if measurement.is_bytes else human(value)
 
 
 def ratio(ours, theirs):
@@ -68,7 +76,7 @@ def main(paths):
         if contender != "ours":
             continue
         peers = [(c, m) for (s, c), m in measurements.items() if s == subject and c != "ours"]
-        mine = human(statistics.median(ours.real))
+        mine = shown(ours)
         if not peers:
             peak = f"peak {ours.peak:.0f} MiB" if ours.peak else ""
             print(f"| {subject} | {mine} | | | {peak} |")
@@ -76,7 +84,7 @@ def main(paths):
             ratios = ratio(ours.real, theirs.real)
             if ours.processor and theirs.processor:
                 ratios += f" (processor time {ratio(ours.processor, theirs.processor)})"
-            print(f"| {subject} | {mine} | {peer} | {human(statistics.median(theirs.real))} | {ratios} |")
+            print(f"| {subject} | {mine} | {peer} | {shown(theirs)} | {ratios} |")
 
 
 if __name__ == "__main__":

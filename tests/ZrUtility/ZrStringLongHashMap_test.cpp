@@ -253,7 +253,7 @@ private:
 std::vector<std::string> someTexts(std::mt19937& random) {
     std::vector<std::string> texts{"", "bA", "af", "bAbA", "afaf", "bAaf"};
     for (int i = 0; i < 40; ++i) {
-        std::string text(random() % 12, ' ');
+        std::string text(random() % 35, ' ');
         for (char& c : text) {
             c = "abAf%\xE4"[random() % 6];
         }
