@@ -16,9 +16,9 @@ constexpr std::int64_t kEpochSeconds = 11'644'473'600;
 constexpr std::size_t kTimes = 1024;
 
 struct Times {
-    std::array<std::time_t, kTimes> seconds;
+    std::array<time_t, kTimes> seconds;
     std::array<FILETIME, kTimes> file_times;
-    std::array<std::tm, kTimes> parts;
+    std::array<struct tm, kTimes> parts;
     std::array<SYSTEMTIME, kTimes> system_times;
 };
 
@@ -65,7 +65,7 @@ void to_calendar_ours(benchmark::State& state) {
 }
 void to_calendar_gmtime(benchmark::State& state) {
     go_round(state, [](std::size_t i) {
-        std::tm parts;
+        tm parts;
         benchmark::DoNotOptimize(gmtime_r(&times().seconds[i], &parts));
         benchmark::DoNotOptimize(parts);
     });
@@ -82,7 +82,7 @@ void from_calendar_ours(benchmark::State& state) {
 }
 void from_calendar_timegm(benchmark::State& state) {
     go_round(state, [](std::size_t i) {
-        std::tm parts = times().parts[i];  // it is written to
+        tm parts = times().parts[i];  // it is written to
         benchmark::DoNotOptimize(timegm(&parts));
     });
 }
@@ -115,7 +115,7 @@ void to_local_platform_ours(benchmark::State& state) {
 void to_local_localtime(benchmark::State& state) {
     set_zone();
     go_round(state, [](std::size_t i) {
-        std::tm parts;
+        tm parts;
         benchmark::DoNotOptimize(localtime_r(&times().seconds[i], &parts));
         benchmark::DoNotOptimize(parts);
     });
@@ -138,7 +138,7 @@ void from_local_ours(benchmark::State& state) {
 void from_local_mktime(benchmark::State& state) {
     set_zone();
     go_round(state, [](std::size_t i) {
-        std::tm parts = times().parts[i];
+        tm parts = times().parts[i];
         parts.tm_isdst = -1;
         benchmark::DoNotOptimize(mktime(&parts));
     });
@@ -161,7 +161,7 @@ void mail_date_ours(benchmark::State& state) {
 void mail_date_strftime(benchmark::State& state) {
     char text[25];
     go_round(state, [&text](std::size_t i) {
-        std::tm parts;
+        tm parts;
         gmtime_r(&times().seconds[i], &parts);
         benchmark::DoNotOptimize(strftime(text, sizeof text, "%d %b %Y %H:%M:%S GMT", &parts));
         benchmark::ClobberMemory();

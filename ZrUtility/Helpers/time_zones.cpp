@@ -1,6 +1,7 @@
 // The zones of WindowsUtilities: the device's own, and those that the server has numbers for.
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 
 #include "ZrUtility/Helpers/WindowsUtilities.h"
@@ -23,6 +24,31 @@ bool IsMonth(int month) {
 
 bool AreEqual(const _TZDayInfo& left, const _TZDayInfo& right) {
     return left.month == right.month && left.week == right.week && left.day == right.day && left.hour == right.hour;
+}
+
+// When a zone changes in a year. Times come in runs of the same year, so each thread keeps the last one.
+struct YearTurns {
+    bool AreFor(ULONGLONG time, const TIME_ZONE_INFORMATION& tzi) const {
+        return time >= begin && time < end && std::memcmp(&standard, &tzi.StandardDate, sizeof standard) == 0 &&
+               std::memcmp(&daylight, &tzi.DaylightDate, sizeof daylight) == 0;
+    }
+
+    ULONGLONG begin;  // of the year; none: the same as the end
+    ULONGLONG end;
+    SYSTEMTIME standard;  // the rules
+    SYSTEMTIME daylight;
+    FILETIME standardStart;
+    FILETIME daylightStart;
+};
+constinit thread_local YearTurns lastTurns = {};
+
+ULONGLONG BeginOfYear(int year) {
+    SYSTEMTIME date{};
+    FILETIME begin{};
+    date.wYear = static_cast<WORD>(year);
+    date.wMonth = date.wDay = 1;
+    SystemTimeToFileTime(&date, &begin);
+    return FileTimeValue(begin);
 }
 
 int YearOf(const FILETIME& time) {
@@ -61,10 +87,16 @@ void WindowsUtilities::CorrectLocalFileTime(const FILETIME* in, FILETIME* out, i
 }
 
 DWORD WindowsUtilities::GetTimeZoneIDFromLocalTime(const FILETIME* local, const TIME_ZONE_INFORMATION& tzi) {
-    FILETIME standardStart{};
-    FILETIME daylightStart{};
-    ConvertTZDayInfoToFileTime(tzi, YearOf(*local), &standardStart, &daylightStart);
-    return GetTimeZoneIDFromLocalTime(*local, standardStart, daylightStart);
+    YearTurns& turns = lastTurns;
+    if (!turns.AreFor(FileTimeValue(*local), tzi)) {
+        const int year = YearOf(*local);
+        turns.begin = BeginOfYear(year);
+        turns.end = BeginOfYear(year + 1);
+        turns.standard = tzi.StandardDate;
+        turns.daylight = tzi.DaylightDate;
+        ConvertTZDayInfoToFileTime(tzi, year, &turns.standardStart, &turns.daylightStart);
+    }
+    return GetTimeZoneIDFromLocalTime(*local, turns.standardStart, turns.daylightStart);
 }
 
 DWORD WindowsUtilities::GetTimeZoneIDFromLocalTime(FILETIME time, FILETIME standardStart, FILETIME daylightStart) {

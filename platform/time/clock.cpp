@@ -15,10 +15,9 @@ namespace {
 constinit std::atomic<UtcClock> other_clock = nullptr;
 
 // The coarse clocks are late by at most a tick of the kernel, 10 ms.
-constexpr std::int64_t kTickNanoseconds = 5'000'000;
+constexpr std::uint64_t kTickUnits = 5 * kUnitsPerMillisecond;
 
 std::uint64_t read_clock(clockid_t id) noexcept {
-    if (const UtcClock clock = other_clock.load(std::memory_order_acquire); clock != nullptr) return clock();
     timespec now{};
     clock_gettime(id, &now);
     return static_cast<std::uint64_t>((now.tv_sec + kEpochSeconds) * kUnitsPerSecond + now.tv_nsec / 100);
@@ -27,17 +26,14 @@ std::uint64_t read_clock(clockid_t id) noexcept {
 }  // namespace
 
 std::uint64_t utc_now() noexcept {
-    return read_clock(CLOCK_REALTIME);
+    const UtcClock clock = other_clock.load(std::memory_order_acquire);
+    return clock != nullptr ? clock() : read_clock(CLOCK_REALTIME);
 }
 
-std::uint64_t coarse_utc_now() noexcept {
-    return read_clock(CLOCK_REALTIME_COARSE);
-}
-
-std::int64_t coarse_tick() noexcept {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return (now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec) / kTickNanoseconds;
+CoarseTime coarse_now() noexcept {
+    const UtcClock clock = other_clock.load(std::memory_order_acquire);
+    const std::uint64_t real = read_clock(CLOCK_REALTIME_COARSE);
+    return {clock != nullptr ? clock() : real, real / kTickUnits};
 }
 
 void use_clock(UtcClock clock) noexcept {

@@ -1,7 +1,5 @@
 #include "current_zone.h"
 
-#include <time.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -78,13 +76,13 @@ private:
     static constexpr std::size_t kRoom = 64;
 
     bool is_for(const char* named) const noexcept;
-    bool holds_now() const noexcept;
+    bool holds_at(std::uint64_t coarse) const noexcept;
     void learn(const char* named) noexcept;
 
     bool known_ = false;
     bool named_ = false;
     char name_[kRoom] = {};  // what TZ was, if it was set
-    std::int64_t looked_ = 0;
+    std::uint64_t looked_ = 0;
     std::uint64_t reading_ = 0;
     CurrentZone current_{};
 };
@@ -95,9 +93,9 @@ bool KnownZone::is_for(const char* named) const noexcept {
 }
 
 // Near a change the coarse clock will not do.
-bool KnownZone::holds_now() const noexcept {
+bool KnownZone::holds_at(std::uint64_t coarse) const noexcept {
     if (current_.error != 0) return true;
-    const std::int64_t second = unix_second(coarse_utc_now());
+    const std::int64_t second = unix_second(coarse);
     if (second >= current_.now.from && second + 1 < current_.now.until) return true;
     const std::int64_t exact = unix_second(utc_now());
     return exact >= current_.now.from && exact < current_.now.until;
@@ -105,10 +103,10 @@ bool KnownZone::holds_now() const noexcept {
 
 const CurrentZone& KnownZone::get() noexcept {
     const char* const named = std::getenv("TZ");
-    const std::int64_t tick = coarse_tick();
-    if (!known_ || tick != looked_ || !is_for(named) || !holds_now()) {
+    const CoarseTime now = coarse_now();
+    if (!known_ || now.tick != looked_ || !is_for(named) || !holds_at(now.utc)) {
         learn(named);
-        looked_ = tick;
+        looked_ = now.tick;
     }
     return current_;
 }
@@ -119,8 +117,8 @@ void KnownZone::learn(const char* named) noexcept {
         SharedZone& shared = shared_zone();
         const std::lock_guard lock(shared.mutex());
         shared.refresh();
-        // A zone that this thread knows and that still is the one has at most to be told for another time.
-        if (!known_ || reading_ != shared.reading() || !holds_now()) shared.describe(unix_second(utc_now()), current_);
+        const std::uint64_t now = utc_now();
+        if (!known_ || reading_ != shared.reading() || !holds_at(now)) shared.describe(unix_second(now), current_);
         reading_ = shared.reading();
         known_ = fits;
     } catch (const std::bad_alloc&) {
