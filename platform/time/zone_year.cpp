@@ -129,7 +129,8 @@ std::vector<YearlyRule> rules_of(const Year& year) {
             others.push_back(step.offset);
     }
     for (const std::int32_t other : others) {
-        const auto [standard, daylight] = std::minmax(year.offset(), other);
+        const std::int32_t standard = std::min(year.offset(), other);
+        const std::int32_t daylight = std::max(year.offset(), other);
         for (const YearlyTurn& to_daylight : turns_to(year, daylight, standard)) {
             for (const YearlyTurn& to_standard : turns_to(year, standard, daylight))
                 rules.push_back({standard, daylight, to_daylight, to_standard});
