@@ -40,7 +40,7 @@ protected:
     void expect_one_failure(HRESULT result) {
         EXPECT_EQ(out, nullptr);
         ASSERT_EQ(log.records().size(), 1u);
-        const LoggedRecord& record = log.records()[0];
+        const LoggedRecord record = log.records()[0];
         EXPECT_EQ(record.source, kLogSource);
         EXPECT_EQ(record.category, kFailure);
         ASSERT_EQ(record.arguments.size(), 2u);
