@@ -16,6 +16,9 @@ class HashMapIterator;
 // Where a key is looked for depends on its low 32 bits alone when the others only extend them, by zeros or by the sign;
 // a key that needs more bits is looked for by all of them. Keys are equal when all of their bits are.
 //
+// A removed slot stays on the paths that lead over it until it is taken again, or the map grows or is cleared: where
+// much comes and goes for long without growth, looking for what is not there takes longer and longer.
+//
 // When memory is short a map stays as it is: it fills the slots it has, and when there is none left (or the map was
 // created without memory) a put of a new key is dropped and returns NULL.
 //

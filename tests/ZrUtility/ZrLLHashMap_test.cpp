@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <map>
-#include <memory>
 #include <new>
 #include <random>
 #include <vector>
@@ -17,21 +16,16 @@
 
 namespace {
 
+using zr::test::all;
+using zr::test::as;
 using zr::test::call_slot;
 using zr::test::FailingNew;
+using zr::test::growth;
 using zr::test::HashMapModel;
 using zr::test::LogTape;
 using zr::test::TapedRecord;
 
 constexpr const char* kSource = ".\\ZrLLHashMap.cppzrwindowsmobile";
-
-TapedRecord growth(std::uintptr_t from, std::uintptr_t to) {
-    return {kSource, 86, 0xA80020, {from, to}, {}};
-}
-
-void* as(std::intptr_t number) {
-    return reinterpret_cast<void*>(number);
-}
 
 // The map's data, in the order in which it is laid out.
 struct Fields {
@@ -49,15 +43,6 @@ Fields fieldsOf(const ZrLLHashMap& map) {
     Fields fields{};
     std::memcpy(&fields, static_cast<const void*>(&map), sizeof fields);
     return fields;
-}
-
-std::vector<void*> all(ZrIterator* iterator) {
-    const std::unique_ptr<ZrIterator> owned(iterator);
-    std::vector<void*> found;
-    while (owned->hasNext()) {
-        found.push_back(owned->next());
-    }
-    return found;
 }
 
 TEST(ZrLLHashMap, GrowsBeforeItPassesItsThreshold) {

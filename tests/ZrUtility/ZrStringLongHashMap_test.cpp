@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -15,37 +14,23 @@
 
 namespace {
 
+using zr::test::all;
+using zr::test::as;
 using zr::test::call_slot;
 using zr::test::FailingNew;
+using zr::test::growth;
 using zr::test::HashMapModel;
 using zr::test::LogTape;
 using zr::test::TapedRecord;
 
 constexpr const char* kSource = ".\\ZrStringLongHashMap.cppzrwindowsmobile";
 
-void* as(std::intptr_t number) {
-    return reinterpret_cast<void*>(number);
-}
-
 void* key(const char* text) {
     return const_cast<char*>(text);
 }
 
-TapedRecord growth(std::uintptr_t from, std::uintptr_t to) {
-    return {".\\ZrLLHashMap.cppzrwindowsmobile", 86, 0xA80020, {from, to}, {}};
-}
-
 std::vector<TapedRecord> collision(const char* stored) {
     return {{kSource, 107, 0xA80004, {}, {}}, {kSource, 108, 0xA80004, {}, stored}};
-}
-
-std::vector<void*> all(ZrIterator* iterator) {
-    const std::unique_ptr<ZrIterator> owned(iterator);
-    std::vector<void*> found;
-    while (owned->hasNext()) {
-        found.push_back(owned->next());
-    }
-    return found;
 }
 
 std::int32_t hashOf(const std::string& text) {

@@ -1,15 +1,37 @@
 #pragma once
 
-// A ZrLLHashMap as it is described, for comparison: vectors, divisions, no shortcuts. For keys of 32 bits.
+// What the tests of the hash maps share: a ZrLLHashMap as it is described, for comparison (vectors, divisions, no
+// shortcuts, keys of 32 bits), its log records, and what an iterator yields.
 
 #include <cstdint>
-#include <string>
+#include <memory>
 #include <utility>
 #include <vector>
 
+#include "ZrUtility/ZrIterator.h"
 #include "log_tape.h"
 
 namespace zr::test {
+
+// A number as the maps take it.
+inline void* as(std::intptr_t number) {
+    return reinterpret_cast<void*>(number);
+}
+
+// What a map logs when it grows.
+inline TapedRecord growth(std::uintptr_t from, std::uintptr_t to) {
+    return {".\\ZrLLHashMap.cppzrwindowsmobile", 86, 0xA80020, {from, to}, {}};
+}
+
+// All that is left of an iterator, which is deleted.
+inline std::vector<void*> all(ZrIterator* iterator) {
+    const std::unique_ptr<ZrIterator> owned(iterator);
+    std::vector<void*> found;
+    while (owned->hasNext()) {
+        found.push_back(owned->next());
+    }
+    return found;
+}
 
 class HashMapModel {
 public:
@@ -106,11 +128,7 @@ private:
         const auto oldValues = values;
         const auto oldStates = states;
         const int count = count_;
-        log_.push_back({".\\ZrLLHashMap.cppzrwindowsmobile",
-                        86,
-                        0xA80020,
-                        {static_cast<std::uintptr_t>(old), static_cast<std::uintptr_t>(2 * old + 1)},
-                        {}});
+        log_.push_back(growth(static_cast<std::uintptr_t>(old), static_cast<std::uintptr_t>(2 * old + 1)));
         reset(2 * old + 1);
         count_ = count;
         for (auto i = static_cast<std::size_t>(old); i-- > 0;) {
