@@ -5,16 +5,14 @@
 #include <string_view>
 #include <vector>
 
+#include "content_line.h"
+
 #include "text.h"
 
 namespace zr {
 namespace {
 
 constexpr std::size_t kLineBytes = 75;
-
-bool is_continuation(char c) {
-    return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
-}
 
 class Writer {
 public:
@@ -37,17 +35,7 @@ private:
 
 // One content line, folded. Version 2.1 folds nothing: its readers do not agree on where a blank belongs.
 void Writer::line(std::string_view text) {
-    std::size_t room = kLineBytes;
-    while (version_ != CardVersion::V21 && text.size() > room) {
-        std::size_t cut = room;
-        while (cut > 1 && is_continuation(text[cut])) {
-            --cut;
-        }
-        out_ += text.substr(0, cut);
-        out_ += "\r\n ";
-        text.remove_prefix(cut);
-        room = kLineBytes - 1;
-    }
+    if (version_ != CardVersion::V21) return append_folded(out_, text);
     out_ += text;
     out_ += "\r\n";
 }

@@ -1,8 +1,8 @@
 #include "contact_options.h"
 
 #include <chrono>
-#include <cstdio>
 
+#include "calendar_day.h"
 #include "failure.h"
 #include "text.h"
 
@@ -25,16 +25,8 @@ constexpr FieldOption kOptions[] = {
 };
 
 Day parse_birthday(const std::string& text) {
-    Day day;
-    char rest;
-    const bool shaped = std::sscanf(text.c_str(), "%4d-%2d-%2d%c", &day.year, &day.month, &day.day, &rest) == 3;
-    const std::chrono::year_month_day date(std::chrono::year(day.year),
-                                           std::chrono::month(static_cast<unsigned>(day.month)),
-                                           std::chrono::day(static_cast<unsigned>(day.day)));
-    if (!shaped || !date.ok() || day.year < 1601 || day.year > 4500) {
-        throw Failure{Exit::Usage, "--birthday: " + text + " is not a day such as 1990-01-31"};
-    }
-    return day;
+    const std::chrono::year_month_day date(parse_day("--birthday", text));
+    return {int(date.year()), static_cast<int>(unsigned(date.month())), static_cast<int>(unsigned(date.day()))};
 }
 
 std::string checked(const std::string& option, const std::string& value) {

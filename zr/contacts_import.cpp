@@ -10,7 +10,7 @@
 namespace zr {
 namespace {
 
-constexpr ImportWords kWords = {"contact", "contacts", "card", "cards", "line"};
+constexpr ImportWords kWords = {"contact", "contacts", "card", "cards", "line left out"};
 
 std::size_t bytes_of(const Card& card) {
     std::size_t bytes = card.extras.size();

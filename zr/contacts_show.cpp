@@ -1,12 +1,11 @@
 // zr contacts show: all that is known of one contact.
 
-#include <algorithm>
 #include <memory>
 
 #include "command.h"
+#include "event_rows.h"
 #include "output.h"
 #include "store.h"
-#include "text.h"
 
 namespace zr {
 namespace {
@@ -16,13 +15,6 @@ struct Options {
     bool json = false;
 };
 
-void print_row(std::string_view label, std::string_view value) {
-    std::string row(label);
-    row += ": ";
-    row.resize(std::max<std::size_t>(row.size(), 24), ' ');
-    print(row + printable(value) + "\n");
-}
-
 void print_contact(const Json& json, const Card& card) {
     print_row("Identifier", std::to_string(json["oid"].get<LONG>()));
     for (std::size_t i = 0; i < card.text.size(); ++i) {
@@ -30,12 +22,7 @@ void print_contact(const Json& json, const Card& card) {
     }
     if (json.contains("birthday")) print_row("Birthday", json["birthday"].get<std::string>());
     if (json.contains("anniversary")) print_row("Anniversary", json["anniversary"].get<std::string>());
-    for (std::string_view rest = card.extras; !rest.empty();) {
-        const std::size_t end = std::min(rest.find('\n'), rest.size());
-        // A photo is kept, but nobody reads it here.
-        print_row("Also", rest.substr(0, std::min<std::size_t>(end, 200)));
-        rest.remove_prefix(std::min(end + 1, rest.size()));
-    }
+    print_extras(card.extras);
 }
 
 Exit show(const Options& options) {

@@ -43,8 +43,9 @@ void Import::note(const std::string& file, const std::vector<Problem>& problems,
     progress_.clear();
     for (const Problem& problem : problems) {
         lost = lost || problem.lost;
-        const std::string effect =
-            !problem.lost ? "none" : std::string(left_out ? words_.source : words_.part) + " left out";
+        const std::string effect = !problem.lost ? "none"
+                                   : left_out    ? std::string(words_.source) + " left out"
+                                                 : words_.incomplete;
         complain(file + ":" + std::to_string(problem.line) + ": " + (problem.lost ? effect : "warning") + ": " +
                  problem.reason);
         if (!options_.json) continue;

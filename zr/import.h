@@ -24,13 +24,14 @@ struct ImportOptions {
     void add_to(Command command, const char* what_files);
 };
 
-// What the import calls the things that it makes, what it makes them of, and the parts of that.
+// What the import calls the things that it makes, what it makes them of, and what it says of one that came in without
+// something.
 struct ImportWords {
-    const char* made;      // "contact"
-    const char* all_made;  // "contacts"
-    const char* source;    // "card"
-    const char* sources;   // "cards"
-    const char* part;      // "line"
+    const char* made;        // "contact"
+    const char* all_made;    // "contacts"
+    const char* source;      // "card"
+    const char* sources;     // "cards"
+    const char* incomplete;  // "line left out"
 };
 
 class Import {

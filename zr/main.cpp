@@ -22,7 +22,7 @@ constexpr const char* kExitCodes =
     "Exit codes:\n"
     "  0 done, found         1 nothing matches          2 wrong usage\n"
     "  3 several match       4 no usable From           5 not a message\n"
-    "  6 unreadable file     7 damaged cards left out   8 disk full\n"
+    "  6 unreadable file     7 something left out       8 disk full\n"
     "  9 newer store        10 damaged store           11 store failed otherwise\n"
     " 12 not a log            13 no time zone\n"
     "\n"
@@ -49,6 +49,14 @@ void build(zr::Command app) {
     zr::add_contacts_add(contacts);
     zr::add_contacts_change(contacts);
     zr::add_contacts_remove(contacts);
+    zr::Command calendar = app.add_group("calendar", "Read and change the calendar and the tasks");
+    calendar.footer("Example:\n  zr calendar import work.ics\n\n'zr calendar COMMAND --help' tells more.");
+    zr::add_calendar_import(calendar);
+    zr::add_calendar_export(calendar);
+    zr::add_calendar_list(calendar);
+    zr::add_calendar_show(calendar);
+    zr::add_calendar_occurrence(calendar);
+    zr::add_calendar_remove(calendar);
     zr::add_resolve(app);
     zr::Command log = app.add_group("log", "Read the binary log");
     log.footer("Example:\n  zr log show client.zrlog");
@@ -80,7 +88,8 @@ int main(int argc, char** argv) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_DFL);  // a reader that has seen enough ends us quietly
     silence_glib();
-    zr::CommandLine line("Contacts, senders of messages, the log, named objects and the time zone, at a terminal.", "zr " ZR_VERSION);
+    zr::CommandLine line("Contacts, senders of messages, the log, named objects and the time zone, at a terminal.",
+                         "zr " ZR_VERSION);
     build(line.root());
     if (const std::optional<int> code = line.parse(argc, argv)) return *code;
     return static_cast<int>(execute(line.run()));

@@ -71,14 +71,6 @@ constexpr Accessors kAccessors[] = {
 #undef ZR_FIELD
 static_assert(std::size(kAccessors) == static_cast<std::size_t>(Field::Count));
 
-constexpr HRESULT of_error(DWORD error) {
-    return HRESULT_FROM_WIN32(error);
-}
-
-void check(HRESULT result, const char* doing) {
-    if (FAILED(result)) throw store_failure(result, doing);
-}
-
 // Days are counted from 30 December 1899.
 constexpr std::chrono::sys_days kFirstDay = std::chrono::year(1899) / 12 / 30;
 
@@ -98,25 +90,7 @@ Day to_day(DATE date) {
 std::string text_of(IContact* contact, HRESULT (IContact::*get)(BSTR*)) {
     BSTR text = nullptr;
     check((contact->*get)(&text), "reading a contact");
-    std::string out = to_utf8(text ? std::u16string_view(text) : std::u16string_view());
-    SysFreeString(text);
-    return out;
-}
-
-std::string extras_of(IContact* contact) {
-    ComPtr<IItem> item;
-    check(contact->QueryInterface(IID_IItem, item.out<void>()), "reading a contact");
-    CEPROPID id = ZR_PROPID_CARD_EXTRAS;
-    CEPROPVAL* value = nullptr;
-    ULONG size = 0;
-    const HRESULT result = item->GetProps(&id, CEDB_ALLOWREALLOC, 1, &value, &size, GetProcessHeap());
-    std::string out;
-    if (SUCCEEDED(result) && value && !(value->wFlags & CEDB_PROPNOTFOUND) && value->val.lpwstr) {
-        out = to_utf8(value->val.lpwstr);
-    }
-    if (value) HeapFree(GetProcessHeap(), 0, value);
-    check(result, "reading a contact");
-    return out;
+    return taken_text(text);
 }
 
 constexpr const char* kWriting = "writing a contact";
@@ -131,65 +105,9 @@ void put_days(IContact* contact, const Card& card) {
     if (card.anniversary) check(contact->put_Anniversary(to_date(card.anniversary)), kWriting);
 }
 
-void put_extras(IContact* contact, const std::string& text) {
-    ComPtr<IItem> item;
-    check(contact->QueryInterface(IID_IItem, item.out<void>()), kWriting);
-    std::u16string extras = to_utf16(text);
-    CEPROPVAL value = {};
-    value.propid = ZR_PROPID_CARD_EXTRAS;
-    value.val.lpwstr = extras.data();
-    check(item->SetProps(0, 1, &value), kWriting);
-}
-
 }  // namespace
 
-Failure store_failure(HRESULT result, const std::string& doing) {
-    Exit code = Exit::StoreFailed;
-    std::string reason = "the contact store failed";
-    if (result == of_error(ERROR_DISK_FULL) || result == of_error(ERROR_HANDLE_DISK_FULL)) {
-        code = Exit::DiskFull;
-        reason = "the disk is full";
-    } else if (result == of_error(ERROR_REVISION_MISMATCH)) {
-        code = Exit::NewerStore;
-        reason = "the contact store was written by a newer version";
-    } else if (result == of_error(ERROR_FILE_CORRUPT)) {
-        code = Exit::DamagedStore;
-        reason = "the contact store is damaged";
-    } else if (result == of_error(ERROR_BUSY)) {
-        reason = "another program keeps the contact store locked";
-    }
-    const LPCWSTR more = ZrPimLastErrorText();
-    char number[16];
-    std::snprintf(number, sizeof number, "0x%08X", static_cast<unsigned>(result));
-    std::string text = doing + ": " + reason + " (" + number;
-    if (more && *more) text += ": " + to_utf8(more);
-    return {code, text + ")"};
-}
-
-Store::Store() {
-    constexpr const char* opening = "opening the contact store";
-    check(CoInitializeEx(nullptr, COINIT_MULTITHREADED), opening);
-    initialised_ = true;
-    HRESULT result =
-        CoCreateInstance(CLSID_Application, nullptr, CLSCTX_INPROC_SERVER, IID_IPOutlookApp, app_.out<void>());
-    if (SUCCEEDED(result)) result = app_->Logon(nullptr);
-    if (SUCCEEDED(result)) result = app_->GetDefaultFolder(olFolderContacts, folder_.out());
-    if (SUCCEEDED(result)) result = folder_->get_Items(items_.out());
-    if (FAILED(result)) {
-        const Failure failure = store_failure(result, opening);
-        app_.reset();
-        CoUninitialize();
-        throw failure;
-    }
-}
-
-Store::~Store() {
-    items_.reset();
-    folder_.reset();
-    if (app_) app_->Logoff();
-    app_.reset();
-    if (initialised_) CoUninitialize();
-}
+Store::Store() : items_(session_.items(olFolderContacts)) {}
 
 int Store::count() {
     INT count = 0;
@@ -205,46 +123,36 @@ void Store::sort(const std::u16string& tag, bool descending) {
 ComPtr<IContact> Store::at(int index) {
     ComPtr<IContact> contact;
     const HRESULT result = items_->Item(index, contact.out<IDispatch>());
-    if (result != E_INVALIDARG && result != of_error(ERROR_NOT_FOUND)) check(result, "reading a contact");
+    if (!is_missing(result)) check(result, "reading a contact");
     return contact;
 }
 
 ComPtr<IContact> Store::with_oid(LONG oid) {
-    ComPtr<IDispatch> item;
-    const HRESULT result = app_->GetItemFromOid(oid, item.out());
+    const ComPtr<IDispatch> item = session_.with_oid(oid);
     ComPtr<IContact> contact;
-    if (result == of_error(ERROR_NOT_FOUND) || result == E_INVALIDARG) return contact;
-    check(result, "reading a contact");
     // An appointment or a task has an identifier too, and is no contact.
-    if (FAILED(item->QueryInterface(IID_IContact, contact.out<void>()))) contact.reset();
+    if (item && FAILED(item->QueryInterface(IID_IContact, contact.out<void>()))) contact.reset();
     return contact;
 }
 
 LONG Store::save_new(const Card& card) {
     ComPtr<IContact> contact;
-    check(app_->CreateItem(olContactItem, contact.out<IDispatch>()), "adding a contact");
+    check(session_.app()->CreateItem(olContactItem, contact.out<IDispatch>()), "adding a contact");
     for (const Accessors& accessors : kAccessors) {
         if (!card[accessors.field].empty()) put_text(contact.get(), accessors, card[accessors.field]);
     }
     put_days(contact.get(), card);
-    if (!card.extras.empty()) put_extras(contact.get(), card.extras);
+    if (!card.extras.empty()) put_text_property(contact.get(), ZR_PROPID_CARD_EXTRAS, card.extras);
     check(contact->Save(), "saving a contact");
     return oid_of(contact.get());
 }
 
 void Store::add(const std::vector<Card>& cards) {
-    ComPtr<IZrStore> batch;
-    check(app_->QueryInterface(IID_IZrStore, batch.out<void>()), "saving contacts");
-    check(batch->BeginBatch(), "saving contacts");
-    try {
+    session_.batch("saving contacts", [&] {
         for (const Card& card : cards) {
             save_new(card);
         }
-    } catch (const Failure&) {
-        batch->RollbackBatch();
-        throw;
-    }
-    check(batch->CommitBatch(), "saving contacts");
+    });
 }
 
 LONG Store::add(const Card& card) {
@@ -274,7 +182,7 @@ Card read_contact(IContact* contact, bool with_extras) {
     card.birthday = to_day(date);
     check(contact->get_Anniversary(&date), "reading a contact");
     card.anniversary = to_day(date);
-    if (with_extras) card.extras = extras_of(contact);
+    if (with_extras) card.extras = text_property(contact, ZR_PROPID_CARD_EXTRAS);
     return card;
 }
 

@@ -1,30 +1,20 @@
 #pragma once
 
-// The contact store as zr uses it. Every function throws Failure when the store fails.
-
-#include <ZrUtility/ZrUtility.h>
-#include <platform/platform.h>
+// The contacts of the store as zr uses them. Every function throws Failure when the store fails.
 
 #include <string>
 #include <vector>
 
 #include "card.h"
-#include "com_ptr.h"
-#include "failure.h"
 #include "output.h"
+#include "session.h"
 
 namespace zr {
 
-// What a failed call of the store means: the code to end with and one line for people.
-Failure store_failure(HRESULT result, const std::string& doing);
-
-// A session without notifications, open as long as the object. For one thread.
+// The contacts, open as long as the object. For one thread.
 class Store {
 public:
     Store();
-    ~Store();
-    Store(const Store&) = delete;
-    Store& operator=(const Store&) = delete;
 
     int count();
     void sort(const std::u16string& tag, bool descending);  // "[LastName]"
@@ -43,9 +33,7 @@ public:
 private:
     LONG save_new(const Card& card);
 
-    bool initialised_ = false;
-    ComPtr<IPOutlookApp> app_;
-    ComPtr<IFolder> folder_;
+    Session session_;
     ComPtr<IPOutlookItemCollection> items_;
 };
 

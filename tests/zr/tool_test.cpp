@@ -70,6 +70,12 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"objects"},
     {"zone"},
     {"watch"},
+    {"calendar", "import"},
+    {"calendar", "export"},
+    {"calendar", "list"},
+    {"calendar", "show"},
+    {"calendar", "occurrence"},
+    {"calendar", "remove"},
 };
 
 TEST_F(Tool, HelpsWithEveryCommand) {
@@ -90,6 +96,7 @@ TEST_F(Tool, HelpsWithEveryCommand) {
 TEST_F(Tool, DocumentsAndCompletesEveryOption) {
     const std::string manual = read_file(ZR_SOURCE_DIR "/zr/zr-contacts.1") + read_file(ZR_SOURCE_DIR "/zr/zr-log.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-objects.1") + read_file(ZR_SOURCE_DIR "/zr/zr-zone.1") +
+                               read_file(ZR_SOURCE_DIR "/zr/zr-calendar.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-resolve.1") + read_file(ZR_SOURCE_DIR "/zr/zr-watch.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
@@ -117,7 +124,7 @@ TEST_F(Tool, CompletesInBash) {
                                    " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(complete("zr"), "contacts resolve log objects zone watch --help --version\n");
+    EXPECT_EQ(complete("zr"), "contacts calendar resolve log objects zone watch --help --version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr objects"), "--json --help\n");
@@ -147,6 +154,10 @@ TEST_F(Tool, RefusesWrongUsage) {
         {"objects", "something"},
         {"watch"},
         {"watch", "--clock", "now"},
+        {"calendar", "list", "--from", "yesterday"},
+        {"calendar", "list", "--tasks", "--from", "2026-01-01"},
+        {"calendar", "occurrence", "1", "2026-02-30"},
+        {"calendar", "occurrence", "1"},
     };
     for (const auto& args : wrong) {
         expect_failure(zr(args), 2, "");

@@ -16,7 +16,7 @@ _zr() {
         --work-phone --home-phone --mobile --web --note --email --birthday"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts resolve log objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar resolve log objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
@@ -43,6 +43,18 @@ _zr() {
                 show) _zr_words "--json --help" "$current" ;;
                 add | change) _zr_words "$fields --json --help" "$current" ;;
                 remove) _zr_words "--email --all --json --help" "$current" ;;
+            esac ;;
+        calendar)
+            if ((COMP_CWORD == 2)); then
+                _zr_words "import export list show occurrence remove --help" "$current"
+                return
+            fi
+            case $command in
+                import)
+                    if [[ $current == -* ]]; then _zr_words "--json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
+                export) _zr_words "--output --json --help" "$current" ;;
+                list) _zr_words "--from --to --tasks --reverse --limit --json --help" "$current" ;;
+                show | occurrence | remove) _zr_words "--json --help" "$current" ;;
             esac ;;
         resolve)
             if [[ $current == -* ]]; then
