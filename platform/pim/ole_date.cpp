@@ -1,15 +1,10 @@
 #include "ole_date.h"
 
-#include <chrono>
 #include <cmath>
-#include <ctime>
+
+#include "platform/time.h"
 
 namespace zr::platform::pim {
-namespace {
-
-constexpr std::chrono::sys_days kFirstDay = std::chrono::year(1899) / 12 / 30;
-
-}  // namespace
 
 Moment moment_of(DATE date) {
     // Before the first day the fraction still counts forwards.
@@ -31,42 +26,26 @@ Moment later(Moment moment, LONGLONG seconds) {
 }
 
 bool date_to_parts(DATE date, SYSTEMTIME& parts) {
-    if (!is_date(date)) return false;
-    const auto [day, second] = moment_of(date);
-    const std::chrono::sys_days when = kFirstDay + std::chrono::days(day);
-    const std::chrono::year_month_day civil(when);
-    if (static_cast<int>(civil.year()) > 9999) return false;
-    parts = {};
-    parts.wYear = static_cast<WORD>(static_cast<int>(civil.year()));
-    parts.wMonth = static_cast<WORD>(static_cast<unsigned>(civil.month()));
-    parts.wDay = static_cast<WORD>(static_cast<unsigned>(civil.day()));
-    parts.wDayOfWeek = static_cast<WORD>(std::chrono::weekday(when).c_encoding());
-    parts.wHour = static_cast<WORD>(second / 3600);
-    parts.wMinute = static_cast<WORD>(second / 60 % 60);
-    parts.wSecond = static_cast<WORD>(second % 60);
-    return true;
+    return VariantTimeToSystemTime(date, &parts) != FALSE;
 }
 
+// The platform's conversion sets days right that a month does not have; here they are no date.
 bool parts_to_date(const SYSTEMTIME& parts, DATE& date) {
-    const std::chrono::year_month_day civil{std::chrono::year(parts.wYear), std::chrono::month(parts.wMonth),
-                                            std::chrono::day(parts.wDay)};
-    if (parts.wYear < 100 || parts.wYear > 9999 || !civil.ok()) return false;
-    if (parts.wHour > 23 || parts.wMinute > 59 || parts.wSecond > 59) return false;
-    date = date_of({static_cast<LONG>((std::chrono::sys_days(civil) - kFirstDay).count()),
-                    parts.wHour * 3600 + parts.wMinute * 60 + parts.wSecond});
+    SYSTEMTIME wanted = parts;
+    SYSTEMTIME meant = {};
+    DATE found = 0;
+    if (!SystemTimeToVariantTime(&wanted, &found) || !VariantTimeToSystemTime(found, &meant)) return false;
+    if (meant.wMonth != parts.wMonth || meant.wDay != parts.wDay) return false;
+    date = found;
     return true;
 }
 
 DATE today() {
-    const std::time_t now = std::time(nullptr);
-    std::tm local = {};
-    localtime_r(&now, &local);
-    SYSTEMTIME parts = {};
-    parts.wYear = static_cast<WORD>(local.tm_year + 1900);
-    parts.wMonth = static_cast<WORD>(local.tm_mon + 1);
-    parts.wDay = static_cast<WORD>(local.tm_mday);
+    SYSTEMTIME now = {};
+    GetLocalTime(&now);
+    now.wHour = now.wMinute = now.wSecond = 0;
     DATE date = 0;
-    parts_to_date(parts, date);
+    SystemTimeToVariantTime(&now, &date);
     return date;
 }
 
