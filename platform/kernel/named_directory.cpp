@@ -233,6 +233,7 @@ void clear_place(Region& region, std::uint32_t place) noexcept {
     if (process.state.load(std::memory_order_relaxed) != Process::Taken || region.lives(place)) return;
     clear_sleepers(region, place);
     clear_objects(region, place);
+    wake_notified(region);
     clear_files(region, place);
     process.generation.store((process.generation.load(std::memory_order_relaxed) + 1) & kProcessGenerationMask,
                              std::memory_order_relaxed);

@@ -69,7 +69,7 @@ void grant(Region& region, std::uint32_t index, std::uint32_t block) noexcept {
     sleeper.state.store(Sleeper::Granting, std::memory_order_release);
     finish_grant(region, sleeper);
     delist(region, index);
-    wake(sleeper);
+    wake(region, sleeper);
 }
 
 bool all_signalled(const Region& region, const Sleeper& sleeper, std::uint32_t pulsed) noexcept {
@@ -90,7 +90,7 @@ bool offer(Region& region, std::uint32_t object, std::uint32_t id, bool pulse) n
         return true;
     }
     if (sleeper.mixed != 0) {
-        wake(sleeper);  // it looks for itself
+        wake(region, sleeper);  // it looks for itself
         return false;
     }
     if (!all_signalled(region, sleeper, pulse ? object : kNone)) return false;
@@ -130,9 +130,18 @@ void let_go(Object& object) noexcept {
     if (object.first_waiter == kNone) object.word.fetch_and(~kWaiters, std::memory_order_release);
 }
 
-void wake(Sleeper& sleeper) noexcept {
+void wake(Region& region, Sleeper& sleeper) noexcept {
     if (sleeper.parking.exchange(kNotified, std::memory_order_acq_rel) == kSleeping) {
-        futex_wake(&sleeper.parking, 1, FutexScope::Shared);
+        region.wake_later(sleeper.parking);
+    }
+}
+
+void wake_notified(Region& region) noexcept {
+    const std::uint32_t count = region.count<Sleeper>();
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const Sleeper& sleeper = region.at<Sleeper>(i);
+        if (sleeper.state.load(std::memory_order_relaxed) == Sleeper::Vacant) continue;
+        if (sleeper.parking.load(std::memory_order_relaxed) == kNotified) region.wake_later(sleeper.parking);
     }
 }
 
@@ -194,7 +203,7 @@ void rebuild_queues(Region& region) noexcept {
         if (sleeper.state.load(std::memory_order_relaxed) == Sleeper::Granting) finish_grant(region, sleeper);
         if (sleeper.state.load(std::memory_order_relaxed) == Sleeper::Granted) {
             sleeper.count = 0;
-            wake(sleeper);
+            wake(region, sleeper);
         }
         if (!is_waiting(sleeper)) continue;
         for (std::uint32_t block = 0; block < sleeper.count; ++block) {
@@ -207,6 +216,7 @@ void rebuild_queues(Region& region) noexcept {
         let_go(object);
         serve(region, i);
     }
+    wake_notified(region);
 }
 
 }  // namespace zr::platform::named

@@ -28,7 +28,10 @@ void delist(Region& region, std::uint32_t sleeper) noexcept;
 // it by who repairs the region. True when one was abandoned.
 bool acquire_all(Region& region, Sleeper& sleeper) noexcept;
 
-void wake(Sleeper& sleeper) noexcept;
+void wake(Region& region, Sleeper& sleeper) noexcept;
+
+// Wakes those who may have been told to wake up by a process that was killed before it did the last step.
+void wake_notified(Region& region) noexcept;
 
 std::uint64_t owner_of(const Sleeper& sleeper) noexcept;
 

@@ -5,10 +5,12 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "named_directory.h"
 
@@ -169,6 +171,17 @@ Hold::Hold(Region& region) noexcept : region_(region) {
     if (result != EOWNERDEAD) return;
     repair(region);
     pthread_mutex_consistent(&lock);
+}
+
+// Should this thread be killed before it has woken everybody, who clears up after it does.
+Hold::~Hold() {
+    const void* words[Region::kMostToWake];
+    const std::uint32_t count = std::exchange(region_.to_wake_count_, 0);
+    std::copy_n(region_.to_wake_, count, words);
+    pthread_mutex_unlock(&region_.header().lock);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        futex_wake(words[i], 1, FutexScope::Shared);
+    }
 }
 
 }  // namespace zr::platform::named

@@ -83,6 +83,16 @@ public:
     // The word of a process's life lock: its holder's thread identifier, marked by the kernel when that ends.
     std::atomic<std::uint32_t>& life(std::uint32_t place) const noexcept;
 
+    // A word to wake a sleeper on once the lock has been given back, so that the sleeper does not run into it. With the
+    // lock held.
+    void wake_later(const std::atomic<std::uint32_t>& word) noexcept {
+        if (to_wake_count_ < kMostToWake) {
+            to_wake_[to_wake_count_++] = &word;
+        } else {
+            futex_wake(&word, 1, FutexScope::Shared);
+        }
+    }
+
     std::string contents_path(std::uint64_t number) const;
     int open_file(int flags) const noexcept;  // the file of the region itself; -1 with errno
 
@@ -92,7 +102,12 @@ private:
     bool is_whole(int file) const noexcept;
     bool anybody_lives() const noexcept;
 
+    friend class Hold;
+    static constexpr std::uint32_t kMostToWake = 16;
+
     char* base_ = nullptr;
+    const void* to_wake_[kMostToWake];  // guarded by the lock
+    std::uint32_t to_wake_count_ = 0;
     std::string folder_;
     std::uint64_t device_ = 0;
     std::uint64_t inode_ = 0;
@@ -105,7 +120,7 @@ int make_shared_lock(pthread_mutex_t& lock) noexcept;
 class Hold {
 public:
     explicit Hold(Region& region) noexcept;
-    ~Hold() { pthread_mutex_unlock(&region_.header().lock); }
+    ~Hold();
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
 
