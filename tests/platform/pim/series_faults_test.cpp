@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <functional>
+#include <thread>
+#include <vector>
 
 #include "calendar_support.h"
 #include "store_query.h"
@@ -230,6 +232,33 @@ TEST(SeriesProcesses, ChangeOneSeriesAtTheSameTime) {
         EXPECT_EQ(got(*exception_at(*series.get(), i + 1).get(), &IException::get_Deleted),
                   i % 3 == 0 ? VARIANT_TRUE : VARIANT_FALSE);
     }
+}
+
+TEST(SeriesThreads, WorkOnOneSeriesWithObjectsOfTheirOwn) {
+    constexpr int kThreads = 3;
+    constexpr int kDays = 30;
+    TestSession session;
+    const LONG oid = oid_of(*saved_series(session, kMonday + 0.375, olRecursDaily, 1, kThreads * kDays).get());
+    std::vector<std::thread> threads;
+    for (int number = 0; number < kThreads; ++number) {
+        threads.emplace_back([&, number] {
+            const auto items = session.items(olFolderCalendar);
+            items->put_IncludeRecurrences(VARIANT_TRUE);
+            Ptr<IPOutlookItemCollection> shown;
+            ASSERT_EQ(items->Restrict(in(u"[Start] < \"2025-01-01\""), shown.out()), S_OK);
+            const auto series = stored(session, oid);
+            for (int day = 0; day < kDays; ++day) {
+                const auto occurrence = occurrence_on(*series.get(), kMonday + number * kDays + day);
+                ASSERT_TRUE(occurrence);
+                ASSERT_EQ(occurrence->Delete(), S_OK);
+                EXPECT_LE(count(*shown.get()), kThreads * kDays - day - 1);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(exception_count(*stored(session, oid).get()), kThreads * kDays);
 }
 
 // Runs `work` with ever more memory until it succeeds; each failure must say so.
