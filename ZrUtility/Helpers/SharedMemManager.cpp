@@ -52,7 +52,8 @@ void StoreHeader(unsigned char* region, const Header& header) {
 
 // The header and `length` bytes of content; 0, of which there is no view, when this target has no such size.
 SIZE_T WithHeader(ULONG length) {
-    return length <= SIZE_MAX - HEADER_SIZE ? SIZE_T{length} + HEADER_SIZE : 0;
+    const SIZE_T whole = SIZE_T{length} + HEADER_SIZE;
+    return whole > length ? whole : 0;
 }
 
 }  // namespace
