@@ -77,7 +77,13 @@ Announcement::Announcement(std::u16string_view event) noexcept {
     if (page != MAP_FAILED) page_ = static_cast<Page*>(page);
 }
 
+// What this process announced is taken back: it is not there any more to announce a change that another process, which
+// is late, notices together with the one before.
 Announcement::~Announcement() {
+    for (const TimeChange change : {TimeChange::Clock, TimeChange::Zone}) {
+        Mark ours = ours_[static_cast<unsigned>(change)] & ~kPending;
+        if (ours != 0) last(change).compare_exchange_strong(ours, 0);
+    }
     if (page_ != &alone_) munmap(page_, sizeof(Page));
 }
 

@@ -129,6 +129,7 @@ void TimeWatch::stop() {
 }
 
 void* TimeWatch::run(void* self) {
+    pthread_setname_np(pthread_self(), "zr-time-watch");
     static_cast<TimeWatch*>(self)->work();
     return nullptr;
 }

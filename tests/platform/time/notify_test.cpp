@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -74,10 +75,17 @@ int count_entries(const char* folder) {
     return count;
 }
 
-// Returns when the process has that many threads: one that was joined may still be listed for a moment.
-void until_threads(int count) {
-    while (count_entries("/proc/self/task") != count) {
-        std::this_thread::yield();
+// Returns when that many threads watch: one takes its name after it began, and may be listed for a moment after it
+// ended.
+void until_watching(int count) {
+    int found = -1;
+    while (found != count) {
+        found = 0;
+        for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
+            std::string name;
+            std::ifstream(entry.path() / "comm") >> name;
+            found += name == "zr-time-watch" ? 1 : 0;
+        }
     }
 }
 
@@ -275,20 +283,18 @@ TEST(Notify, FindsAnEventThatIsMadeLater) {
 
 TEST(Notify, WatchesOnlyWhileSomethingIsRegistered) {
     const TimeChanges changes;
-    // With the first thread a sanitizer may start one of its own.
     std::unique_ptr<Watched> warm_up = std::make_unique<Watched>(u"one");
-    const int threads_before = count_entries("/proc/self/task") - 1;
     warm_up.reset();
     const int descriptors_before = descriptors();
     for (int round = 0; round < 20; ++round) {
         {
             const Watched one(u"one");
-            EXPECT_EQ(count_entries("/proc/self/task"), threads_before + 1);
+            until_watching(1);
             const Watched two(u"two", NOTIFICATION_EVENT_TZ_CHANGE);
-            EXPECT_EQ(count_entries("/proc/self/task"), threads_before + 1);
+            until_watching(1);
             if (round % 2 == 0) changes.set_clock();
         }
-        until_threads(threads_before);
+        until_watching(0);
         EXPECT_EQ(descriptors(), descriptors_before);
     }
 }
@@ -377,16 +383,19 @@ TEST(Notify, SetsASharedEventOnceForAllProcesses) {
 TEST(Notify, ARegistrationIsItsProcesss) {
     const TimeChanges changes;
     const Watched shared(u"shared");
+    const Watched own(u"own");  // tells that this process has noticed, too
     {
         Child other("passer_by");
         ASSERT_EQ(other.hear(), "ready");
         changes.set_clock();
         EXPECT_TRUE(shared.wait());
+        EXPECT_TRUE(own.wait());
         other.say("go");  // it takes its registration back
         EXPECT_EQ(other.wait(), 0);
     }
     changes.set_clock();
     EXPECT_TRUE(shared.wait());
+    EXPECT_TRUE(own.wait());
     {
         Child killed("passer_by");
         ASSERT_EQ(killed.hear(), "ready");
@@ -395,6 +404,7 @@ TEST(Notify, ARegistrationIsItsProcesss) {
     }
     changes.set_clock();
     EXPECT_TRUE(shared.wait());
+    EXPECT_TRUE(own.wait());
     // When this process takes its own back, nobody sets the event any more.
     EXPECT_TRUE(request(u"shared", NOTIFICATION_EVENT_NONE));
     changes.set_clock();
@@ -432,6 +442,7 @@ ZR_CHILD(killer) {
 TEST(Notify, LosesNoChangeWhenProcessesAreKilled) {
     const TimeChanges changes;
     const Watched shared(u"shared");
+    const Watched own(u"own");
     Child killer("killer", {"11"});
     for (int round = 0; round < 150; ++round) {
         killer.say("next");
@@ -439,6 +450,7 @@ TEST(Notify, LosesNoChangeWhenProcessesAreKilled) {
         killer.say("go");
         changes.set_clock();
         ASSERT_TRUE(shared.wait()) << round;
+        ASSERT_TRUE(own.wait());
     }
     killer.say("end");
     EXPECT_EQ(killer.wait(), 0);
