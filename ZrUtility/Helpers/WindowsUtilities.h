@@ -11,8 +11,6 @@ struct _TZDayInfo {
     WORD week : 3;   // 1 to 4: the first to fourth such weekday of the month, 5: the last; 0: a fixed date
     WORD day : 5;    // the weekday from 0, Sunday; of a fixed date the day of the month
     WORD hour : 4;   // local, 0 to 15
-
-    _TZDayInfo& operator=(const _TZDayInfo&) = default;
 };
 
 // A zone as the server numbers them.
@@ -21,8 +19,6 @@ struct _TZInfo {
     SHORT offset;  // minutes east of UTC in standard time
     _TZDayInfo standard;
     _TZDayInfo daylight;
-
-    _TZInfo& operator=(const _TZInfo&) = default;
 };
 
 // The number of a zone for those whose exact rules do not matter.
@@ -30,8 +26,6 @@ struct _TZMapElement {
     WORD index;
     LONG offset;    // minutes east of UTC
     LONG daylight;  // 1: there is daylight time, 0: there is none
-
-    _TZMapElement& operator=(const _TZMapElement&) = default;
 };
 
 // What MakeWindowsCompatible does, as bits.
