@@ -4,6 +4,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -13,8 +15,10 @@
 #include "platform/base.h"
 #include "platform/com.h"
 #include "platform/diagnostics.h"
+#include "platform/kernel.h"
 #include "platform/memory.h"
 #include "platform/windowing.h"
+#include "support/time_changes.h"
 
 namespace {
 
@@ -46,6 +50,12 @@ public:
         EXPECT_EQ(dlclose(handle_), 0);
         handle_ = nullptr;
     }
+    template <class Function>
+    Function find(const char* name) const {
+        void* const function = dlsym(handle_, name);
+        EXPECT_NE(function, nullptr) << name;
+        return reinterpret_cast<Function>(function);
+    }
     ContactsManager& manager() const {
         // OutlookManager::GetContactsManagerInstance
         const auto function = find<ContactsManager* (*)(ContactsManager::CM_MANAGER_TYPE)>(
@@ -62,13 +72,6 @@ public:
     }
 
 private:
-    template <class Function>
-    Function find(const char* name) const {
-        void* const function = dlsym(handle_, name);
-        EXPECT_NE(function, nullptr) << name;
-        return reinterpret_cast<Function>(function);
-    }
-
     void* handle_;
 };
 
@@ -150,4 +153,64 @@ TEST(Unload, AWindowOfAnotherThreadIsHarmlessAfterwards) {
         EXPECT_TRUE(DestroyWindow(window));
     }).join();
     EXPECT_EQ(Alive(), before);
+}
+
+namespace {
+
+std::atomic<int> time_changes{0};
+void count_change() {
+    ++time_changes;
+}
+
+int listening_threads() {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        ++count;
+    }
+    return count;
+}
+
+}  // namespace
+
+TEST(Unload, AListenerForTheTimeThatNobodyReleasedIsEnded) {
+    const zr::test::TimeChanges changes;
+    const HANDLE named = CreateEventW(nullptr, FALSE, FALSE, u"warm up");
+    const int threads = listening_threads();
+    const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
+    for (int round = 0; round < 10; ++round) {
+        Library library;
+        const auto get = library.find<void* (*)()>("_ZN16SystemTimeHelper11GetInstanceEv");
+        const auto start = library.find<LONG (*)(void*, void (*)())>("_ZN16SystemTimeHelper14StartListeningEPFvvE");
+        ASSERT_EQ(start(get(), count_change), 0);
+        if (round % 2 != 0) changes.set_clock();
+        library.unload();
+        ASSERT_FALSE(is_mapped()) << round;
+        ASSERT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles) << round;
+        while (listening_threads() > threads) {
+            std::this_thread::yield();
+        }
+    }
+    CloseHandle(named);
+}
+
+TEST(Unload, DelayedCallsThatArePendingAreDropped) {
+    const LONGLONG blocks = ZrLiveObjects(ZrLiveKind::HeapBlocks);
+    for (int round = 0; round < 10; ++round) {
+        Library library;
+        using Function = void (*)(void*);
+        const auto call =
+            library.find<bool (*)(Function, void*, unsigned int)>("_ZN14TimerUtilities11DelayedCallEPFvPvES0_j");
+        for (int i = 0; i < 25; ++i) {
+            ASSERT_TRUE(call([](void*) { ADD_FAILURE(); }, nullptr, 1));
+        }
+        library.unload();
+        ASSERT_FALSE(is_mapped()) << round;
+        ASSERT_EQ(ZrLiveObjects(ZrLiveKind::HeapBlocks), blocks) << round;
+        // No timer of theirs is left that would call into nothing.
+        MSG message{};
+        const UINT_PTR last = SetTimer(nullptr, 0, 5, nullptr);
+        ASSERT_EQ(GetMessageW(&message, nullptr, WM_TIMER, WM_TIMER), 1);
+        ASSERT_EQ(message.wParam, last);
+        KillTimer(nullptr, last);
+    }
 }
