@@ -393,7 +393,8 @@ TEST(MutexLock, AnAbandonedMutexCountsAsTaken) {
         nullptr, 0,
         [](void* to) -> DWORD {
             // Never released: the holder is not destroyed.
-            ::new (std::malloc(sizeof(LockHelper))) LockHelper(static_cast<LockInterface*>(to));
+            alignas(LockHelper) static unsigned char room[sizeof(LockHelper)];
+            new (room) LockHelper(static_cast<LockInterface*>(to));
             return 0;
         },
         static_cast<LockInterface*>(&lock), 0, nullptr);

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <random>
@@ -696,7 +696,7 @@ private:
         ASSERT_THAT(header, IsHeader(expected.size, expected.contentLength));
         const std::vector<unsigned char>& region = regions_[text].content;
         const std::size_t common = std::min<std::size_t>(header.contentLength, region.size());
-        ASSERT_EQ(std::memcmp(content, region.data(), common), 0);
+        ASSERT_TRUE(std::equal(content, content + common, region.begin()));
     }
 
     std::mt19937 random_;
