@@ -97,6 +97,7 @@ void add_calendar_occurrence(Command calendar);
 void add_calendar_remove(Command calendar);
 void add_resolve(Command zr);
 void add_log_show(Command log);
+void add_modules(Command zr);
 void add_objects(Command zr);
 void add_zone(Command zr);
 void add_watch(Command zr);

@@ -61,6 +61,7 @@ void build(zr::Command app) {
     zr::Command log = app.add_group("log", "Read the binary log");
     log.footer("Example:\n  zr log show client.zrlog");
     zr::add_log_show(log);
+    zr::add_modules(app);
     zr::add_objects(app);
     zr::add_zone(app);
     zr::add_watch(app);

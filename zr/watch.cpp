@@ -13,15 +13,21 @@ namespace zr {
 namespace {
 
 struct Options {
+    std::vector<std::string> folders;
+    std::string extension;
+    Option extension_option{nullptr};
     bool clock = false;
     bool json = false;
 };
 
 Exit watch(const Options& options) {
-    if (!options.clock) throw Failure{Exit::Usage, "nothing to watch (zr watch --help tells more)"};
+    if (!options.clock && options.folders.empty())
+        throw Failure{Exit::Usage, "nothing to watch (zr watch --help tells more)"};
     EventLoop loop;
     std::vector<std::unique_ptr<Watched>> all;
-    all.push_back(watch_clock(options.json));
+    const std::string* const extension = options.extension_option.given() ? &options.extension : nullptr;
+    if (!options.folders.empty()) all.push_back(watch_folders(options.folders, extension, options.json));
+    if (options.clock) all.push_back(watch_clock(options.json));
     std::vector<Watched*> by_event;
     std::vector<HANDLE> events;
     for (const auto& each : all) {
@@ -42,14 +48,19 @@ Exit watch(const Options& options) {
 void add_watch(Command zr) {
     const auto options = std::make_shared<Options>();
     Command command = zr.add_command("watch", "Print what changes, as it changes, until interrupted");
+    command.add_option("DIR", options->folders, "Folders whose files and folders are watched, ten at most");
+    options->extension_option =
+        command.add_option("--ext", options->extension, "Of files, only those with this extension; '' for none");
     command.add_flag("--clock", options->clock, "Watch the device's clock and time zone");
     command.add_flag("--json", options->json, "Print one JSON object per change and line");
     command.footer(
-        "The first line tells the time and the zone as they are. A line follows whenever the clock is set,\n"
-        "with how far it was moved, and whenever the system's zone changes, until SIGINT, SIGTERM or SIGHUP.\n"
+        "A line follows for each file or folder that is created, changed, deleted or renamed in a DIR, not\n"
+        "below it. What happens closely together to one file is told once. With --clock the first line\n"
+        "tells the time and the zone as they are, and one follows whenever the clock is set, with how far\n"
+        "it was moved, and whenever the system's zone changes. Ends with SIGINT, SIGTERM or SIGHUP.\n"
         "\n"
         "Examples:\n"
-        "  zr watch --clock\n"
+        "  zr watch ~/Documents --ext txt\n"
         "  zr watch --clock --json | jq -r 'select(.change == \"zone\") | .zone'");
     command.runs([options] { return watch(*options); });
 }

@@ -179,3 +179,11 @@ ZRPLATFORM_API BOOL SetFileTime(HANDLE file, const FILETIME* creation, const FIL
 // 0 on failure: ERROR_MR_MID_NOT_FOUND (no text), ERROR_INSUFFICIENT_BUFFER, ERROR_INVALID_PARAMETER.
 ZRPLATFORM_API DWORD FormatMessageW(DWORD flags, LPCVOID source, DWORD messageId, DWORD languageId, LPWSTR buffer,
                                     DWORD size, va_list* arguments);
+
+// Ours: a path of the host and the handheld path of the same file, for programs that talk to people in the host's
+// terms. Both write the result with its NUL when `size` has room for it and return the length without the NUL; when
+// `size` is too small, the size needed with it, and nothing is written. The file system is not looked at: names come
+// out as they are written. 0: ERROR_PATH_NOT_FOUND (not absolute, or outside the root), ERROR_FILENAME_EXCED_RANGE,
+// ERROR_INVALID_PARAMETER, ERROR_NOT_ENOUGH_MEMORY.
+ZRPLATFORM_API DWORD ZrHandheldPath(const char* hostPath, LPWSTR path, DWORD size);
+ZRPLATFORM_API DWORD ZrHostPath(LPCWSTR path, char* hostPath, DWORD size);
