@@ -50,7 +50,7 @@ void add_watch(Command zr) {
     Command command = zr.add_command("watch", "Print what changes, as it changes, until interrupted");
     command.add_option("DIR", options->folders, "Folders whose files and folders are watched, ten at most");
     options->extension_option =
-        command.add_option("--ext", options->extension, "Of files, only those with this extension; '' for none");
+        command.add_option("--ext", options->extension, "Only names with this extension; '' for those without");
     command.add_flag("--clock", options->clock, "Watch the device's clock and time zone");
     command.add_flag("--json", options->json, "Print one JSON object per change and line");
     command.footer(

@@ -27,7 +27,7 @@ public:
 // The device's clock and time zone; prints at once what they are. Throws Failure when they cannot be watched.
 std::unique_ptr<Watched> watch_clock(bool json);
 
-// What happens to the files and folders in these folders; with an extension (NULL: any) only to files that have it.
+// What happens to the files and folders in these folders; with an extension (NULL: any) only to names that have it.
 // Throws Failure when a folder cannot be watched.
 std::unique_ptr<Watched> watch_folders(const std::vector<std::string>& folders, const std::string* extension,
                                        bool json);

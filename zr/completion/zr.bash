@@ -16,7 +16,7 @@ _zr() {
         --work-phone --home-phone --mobile --web --note --email --birthday"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar resolve log objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar resolve log modules objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
@@ -24,7 +24,7 @@ _zr() {
         -f | --field)
             _zr_words "file-as title first last suffix company email email1 email2 email3 job-title" "$current"
             return ;;
-        -l | --level) _zr_words "failure warning information trace" "$current"; return ;;
+        -l | --level) [[ $group == modules ]] || _zr_words "failure warning information trace" "$current"; return ;;
         --vcard-version) _zr_words "2.1 3.0 4.0" "$current"; return ;;
         -o | --output) _zr_files "$current"; return ;;
     esac
@@ -64,7 +64,14 @@ _zr() {
             fi ;;
         objects) _zr_words "--json --help" "$current" ;;
         zone) _zr_words "--next --json --help" "$current" ;;
-        watch) _zr_words "--clock --json --help" "$current" ;;
+        watch)
+            if [[ $current == -* ]]; then _zr_words "--ext --clock --json --help" "$current"; else _zr_files "$current"; fi ;;
+        modules)
+            if [[ $current == -* ]]; then
+                _zr_words "--id --version --level --pattern --json --help" "$current"
+            else
+                _zr_files "$current"
+            fi ;;
         log)
             if ((COMP_CWORD == 2)); then
                 _zr_words "show --help" "$current"

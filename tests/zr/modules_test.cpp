@@ -1,0 +1,52 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "support/modules.h"
+#include "tool.h"
+
+using nlohmann::json;
+using testing::UnorderedElementsAre;
+using zr::test::lines_of;
+using zr::test::ModuleFolder;
+using zr::test::Result;
+
+namespace {
+
+Result modules(const ModuleFolder& folder, std::vector<std::string> more = {}) {
+    std::vector<std::string> args{"modules", folder.host().string()};
+    args.insert(args.end(), more.begin(), more.end());
+    return zr::test::zr(args);
+}
+
+}  // namespace
+
+TEST(ZrModules, ListsWhatAnswers) {
+    const ModuleFolder folder;
+    folder.add("seven", "a.so");
+    folder.add("seven_plain", "b.so");
+    folder.add("silent", "c.so");
+    zr::test::write_file((folder.host() / "d.so").string(), "no module");
+    const std::string path = folder.host().string();
+    const Result all = modules(folder);
+    EXPECT_EQ(all.code, 0);
+    EXPECT_THAT(lines_of(all.out),
+                UnorderedElementsAre("7\t1.2.3.4 debug\t" + path + "/a.so", "7\t-\t" + path + "/b.so"));
+    const Result exact = modules(folder, {"--id", "7", "--version", "1.2.3.4", "--json"});
+    EXPECT_EQ(json::parse(exact.out), (json{{"id", 7}, {"version", "1.2.3.4 debug"}, {"path", path + "/a.so"}}));
+    EXPECT_EQ(modules(folder, {"--id", "7", "--version", "9.2.3.4"}).code, 1);
+    EXPECT_EQ(modules(folder, {"--id", "7", "--version", "9.2.3.4", "--level", "2"}).code, 0);
+    EXPECT_EQ(modules(folder, {"--id", "8"}).code, 1);
+    EXPECT_EQ(modules(folder, {"--pattern", "b*"}).out, "7\t-\t" + path + "/b.so\n");
+}
+
+TEST(ZrModules, WrongUsage) {
+    const ModuleFolder folder;
+    EXPECT_EQ(modules(folder, {"--version", "1.2.3.4"}).code, 2);
+    EXPECT_EQ(modules(folder, {"--id", "7", "--version", "1.2"}).code, 2);
+    EXPECT_EQ(modules(folder, {"--id", "7", "--version", "1.2.3.70000"}).code, 2);
+    EXPECT_EQ(modules(folder, {"--id", "7", "--level", "2"}).code, 2);
+    EXPECT_EQ(modules(folder, {"--id", "x"}).code, 2);
+    EXPECT_EQ(zr::test::zr({"modules", (folder.host() / "none").string()}).code, 6);
+}
