@@ -67,6 +67,7 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"contacts", "remove"},
     {"resolve"},
     {"log", "show"},
+    {"modules"},
     {"objects"},
     {"zone"},
     {"watch"},
@@ -97,6 +98,7 @@ TEST_F(Tool, DocumentsAndCompletesEveryOption) {
     const std::string manual = read_file(ZR_SOURCE_DIR "/zr/zr-contacts.1") + read_file(ZR_SOURCE_DIR "/zr/zr-log.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-objects.1") + read_file(ZR_SOURCE_DIR "/zr/zr-zone.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-calendar.1") +
+                               read_file(ZR_SOURCE_DIR "/zr/zr-modules.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-resolve.1") + read_file(ZR_SOURCE_DIR "/zr/zr-watch.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
@@ -119,9 +121,9 @@ TEST_F(Tool, DocumentsAndCompletesEveryOption) {
 }
 
 TEST_F(Tool, CompletesInBash) {
-    const auto complete = [](const std::string& line) {
-        const std::string script = "source '" ZR_SOURCE_DIR "/zr/completion/zr.bash'; COMP_WORDS=(" + line +
-                                   " ''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
+    const auto complete = [](const std::string& line, const std::string& current = {}) {
+        const std::string script = "source '" ZR_SOURCE_DIR "/zr/completion/zr.bash'; COMP_WORDS=(" + line + " '" +
+                                   current + "'); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
     EXPECT_EQ(complete("zr"), "contacts calendar resolve log modules objects zone watch --help --version\n");
@@ -129,7 +131,7 @@ TEST_F(Tool, CompletesInBash) {
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr objects"), "--json --help\n");
     EXPECT_EQ(complete("zr zone"), "--next --json --help\n");
-    EXPECT_EQ(complete("zr watch --"), "--ext --clock --json --help\n");
+    EXPECT_EQ(complete("zr watch", "-"), "--ext --clock --json --help\n");
     EXPECT_EQ(complete("zr contacts export --vcard-version"), "2.1 3.0 4.0\n");
 }
 
