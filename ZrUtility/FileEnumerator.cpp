@@ -1,10 +1,9 @@
 #include "ZrUtility/FileEnumerator.h"
 
 #include <cstddef>
-#include <memory>
-#include <new>
 
 #include "ZrLog/ZrLog.h"
+#include "ZrUtility/log_text.h"
 #include "platform/base.h"
 
 namespace {
@@ -25,14 +24,8 @@ constexpr int kLineFilePath = 153;
 constexpr DWORD kUserLanguage = 0x400;
 constexpr std::size_t kPathRoom = 2;  // a backslash and the end
 
-// A text as a narrow buffer record, in UTF-8.
 void logText(int line, const WCHAR* text) {
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (size <= 0) return;
-    const std::unique_ptr<char[]> narrow(new (std::nothrow) char[static_cast<std::size_t>(size)]);
-    if (!narrow) return;
-    if (WideCharToMultiByte(CP_UTF8, 0, text, -1, narrow.get(), size, nullptr, nullptr) == size)
-        zrKelDebugBinBuffer(kSource, line, kWarningBuffer, narrow.get(), static_cast<std::size_t>(size) - 1);
+    LogText(kSource, line, kWarningBuffer, text);
 }
 
 void logNothingFound(DWORD error, const WCHAR* searchPath) {

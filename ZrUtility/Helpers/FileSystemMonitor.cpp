@@ -7,6 +7,7 @@
 #include "ZrUtility/Helpers/StringUtilities.h"
 #include "ZrUtility/Helpers/file_change_log.h"
 #include "ZrUtility/Helpers/file_change_worker.h"
+#include "ZrUtility/log_text.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/shell.h"
@@ -85,19 +86,9 @@ Merge RuleFor(unsigned int reference, unsigned int code) {
     }
 }
 
-void LogPath(int line, const WCHAR* path) {
-    const int size = path ? WideCharToMultiByte(CP_UTF8, 0, path, -1, nullptr, 0, nullptr, nullptr) : 0;
-    if (size <= 0) return;
-    const std::unique_ptr<char[]> narrow(new (std::nothrow) char[static_cast<std::size_t>(size)]);
-    if (!narrow) return;
-    if (WideCharToMultiByte(CP_UTF8, 0, path, -1, narrow.get(), size, nullptr, nullptr) == size)
-        zrKelDebugBinBuffer(FILE_CHANGE_SOURCE, line, FILE_CHANGE_PATH, narrow.get(),
-                            static_cast<std::size_t>(size) - 1);
-}
-
 void LogEvent(int line, int pathLine, const WCHAR* path) {
     zrKelDebugBinLog0(FILE_CHANGE_SOURCE, line, FILE_CHANGE_TRACE);
-    LogPath(pathLine, path);
+    LogText(FILE_CHANGE_SOURCE, pathLine, FILE_CHANGE_PATH, path);
 }
 
 // The shell's notifications are its receiver's to give back; others' are not touched by this.

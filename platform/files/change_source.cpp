@@ -2,8 +2,6 @@
 
 #include <errno.h>
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -16,6 +14,7 @@
 #include "folder_watch.h"
 #include "host_error.h"
 #include "listing.h"
+#include "signal_block.h"
 
 namespace zr::platform {
 namespace {
@@ -39,21 +38,15 @@ void wait_for_rename(const std::string& folder) {
     if (listing.open(folder.c_str()) == 0) listing.next(error);
 }
 
-// Signals are the program's own threads' business.
 template <class Body>
 bool start_thread(Body body) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool started = true;
+    const SignalBlock no_signals;
     try {
         std::thread(body).detach();
+        return true;
     } catch (const std::system_error&) {
-        started = false;
+        return false;
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return started;
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include "engine.h"
 #include "platform/base.h"
 #include "room_error.h"
+#include "signal_block.h"
 #include "state_folder.h"
 
 namespace zr::platform::named {
@@ -125,13 +125,12 @@ bool Session::start_watch() noexcept {
     if (pthread_attr_init(&attributes) != 0) return false;
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_attr_setstacksize(&attributes, kWatchStack);
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t thread{};
-    const bool started = pthread_create(&thread, &attributes, &Session::watch_main, this) == 0;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    bool started = false;
+    {
+        const SignalBlock no_signals;
+        pthread_t thread{};
+        started = pthread_create(&thread, &attributes, &Session::watch_main, this) == 0;
+    }
     pthread_attr_destroy(&attributes);
     while (started && watching_.load(std::memory_order_acquire) == 0) {
         futex_wait(watching_, 0, Deadline::never());

@@ -1,7 +1,6 @@
 #include "notifier.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include "last_error.h"
 #include "platform/base.h"
 #include "platform/windowing.h"
+#include "signal_block.h"
 #include "store.h"
 
 namespace zr::platform::pim {
@@ -204,17 +204,12 @@ HRESULT Notifier::start_worker() {
     if (error == 0 && inotify_add_watch(watch, store_.signal().path().c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0)
         error = errno;
     if (error == 0) {
-        // Signals are the program's own threads' business.
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
+        const SignalBlock no_signals;
         try {
             worker_ = std::thread(&Notifier::work, this, watch, stop);
         } catch (const std::system_error&) {
             error = EAGAIN;
         }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
     if (error == 0) {
         stop_ = stop;

@@ -1,8 +1,5 @@
 // Notifications of changed files as window messages: one thread per registered window.
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <iterator>
 #include <map>
 #include <memory>
@@ -19,6 +16,7 @@
 #include "platform/kernel.h"
 #include "platform/shell.h"
 #include "platform/windowing.h"
+#include "signal_block.h"
 #include "thread.h"
 
 namespace zr::platform {
@@ -112,18 +110,13 @@ private:
         return handle != INVALID_HANDLE_VALUE;
     }
 
-    // Signals are the program's own threads' business.
     bool start_thread() {
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
+        const SignalBlock no_signals;
         try {
             thread_ = std::thread([this] { run(); });
         } catch (const std::system_error&) {
             SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
         return thread_.joinable();
     }
 

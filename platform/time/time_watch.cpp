@@ -1,7 +1,6 @@
 #include "time_watch.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include "host_error.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
+#include "signal_block.h"
 #include "zone_file.h"
 
 namespace zr::platform {
@@ -101,13 +101,11 @@ DWORD TimeWatch::start() {
     stop_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (stop_ < 0) return error_from_errno(errno);
     sources_ = std::move(sources);
-    // Signals are the program's own threads' business.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const int error = pthread_create(&thread_, nullptr, run, this);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    int error = 0;
+    {
+        const SignalBlock no_signals;
+        error = pthread_create(&thread_, nullptr, run, this);
+    }
     if (error != 0) {
         close(stop_);
         sources_.reset();
