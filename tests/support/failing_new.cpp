@@ -6,6 +6,7 @@
 #include <new>
 
 #include "ZrLog/ZrLog.h"
+#include "platform/kernel.h"
 
 namespace {
 
@@ -68,6 +69,8 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
 namespace zr::test {
 
 FailingNew::FailingNew(int successes) {
+    // A thread's record, which its first wait makes, is the one thing that the platform cannot do without.
+    WaitForSingleObject(GetCurrentProcess(), 0);
     successesLeft = successes;
 }
 

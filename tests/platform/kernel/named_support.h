@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,6 +28,7 @@ class Fork {
 public:
     explicit Fork(const std::function<int()>& body) {
         EXPECT_EQ(pipe2(pipe_, O_CLOEXEC), 0);
+        until_threads_are_gone();
         pid_ = fork();
         if (pid_ == 0) {
             mine() = pipe_[1];
@@ -71,6 +73,20 @@ public:
     pid_t pid() const { return pid_; }
 
 private:
+    // A sanitizer's allocator does not survive a fork beside a thread that is just ending: only this thread and the one
+    // that watches over named objects are left, or those that the test keeps.
+    static void until_threads_are_gone() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        const auto threads = [] {
+            const std::filesystem::directory_iterator tasks("/proc/self/task");
+            return std::distance(begin(tasks), end(tasks));
+        };
+        for (int look = 0; look < 100 && threads() > 2; ++look) {
+            usleep(500);
+        }
+#endif
+    }
+
     static int& mine() {
         static int fd = -1;
         return fd;
