@@ -1,5 +1,7 @@
 #include "support/failing_new.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
@@ -32,6 +34,16 @@ void release(void* block) noexcept {
     if (block != nullptr) alive.fetch_sub(1, std::memory_order_relaxed);
     std::free(block);
 }
+
+// What the log keeps from its first record on, and the platform for a thread from its first wait on, is there before
+// memory fails or is counted. The platform cannot do without a thread's record.
+class WhatStays : public testing::Environment {
+    void SetUp() override {
+        zrKelDebugBinLog0("", 0, kZrLogTrace);
+        WaitForSingleObject(GetCurrentProcess(), 0);
+    }
+};
+const testing::Environment* const environment = testing::AddGlobalTestEnvironment(new WhatStays);
 
 }  // namespace
 
@@ -69,8 +81,7 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
 namespace zr::test {
 
 FailingNew::FailingNew(int successes) {
-    // A thread's record, which its first wait makes, is the one thing that the platform cannot do without.
-    WaitForSingleObject(GetCurrentProcess(), 0);
+    WaitForSingleObject(GetCurrentProcess(), 0);  // this thread's record
     successesLeft = successes;
 }
 
@@ -79,9 +90,6 @@ FailingNew::~FailingNew() {
 }
 
 long live_news() {
-    // What the log keeps from its first record on is there before anything is counted.
-    static const bool logged = (zrKelDebugBinLog0("", 0, kZrLogTrace), true);
-    static_cast<void>(logged);
     return alive.load(std::memory_order_relaxed);
 }
 
