@@ -226,7 +226,8 @@ HostPath find(LPCWSTR path, Last last) {
 }  // namespace
 
 const std::string& host_root() {
-    static const std::string root = read_root();
+    // Never destroyed: threads may ask while the process exits.
+    static const std::string& root = *new std::string(read_root());
     return root;
 }
 

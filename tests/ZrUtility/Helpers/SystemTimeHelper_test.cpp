@@ -107,15 +107,31 @@ void until_threads(int count) {
     }
 }
 
+bool sleeps(const std::filesystem::path& thread) {
+    std::ifstream file(thread / "stat");
+    const std::string text((std::istreambuf_iterator<char>(file)), {});
+    const std::size_t name_end = text.rfind(')');
+    return name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
+}
+
 // Returns when the listening thread sleeps: it has reset the event, and will not do so again before the next change.
 void until_listening() {
-    const std::string path = "/proc/self/task/" + std::to_string(told->thread) + "/stat";
+    const std::string thread = "/proc/self/task/" + std::to_string(told->thread);
     for (int asleep = 0; asleep < 3;) {
-        std::ifstream file(path);
-        const std::string text((std::istreambuf_iterator<char>(file)), {});
-        const std::size_t name_end = text.rfind(')');
-        const bool sleeps = name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
-        asleep = sleeps ? asleep + 1 : 0;
+        asleep = sleeps(thread) ? asleep + 1 : 0;
+        std::this_thread::yield();
+    }
+}
+
+// The same before the first call, which tells which thread it is: all others sleep.
+void until_others_sleep() {
+    const std::string self = std::to_string(GetCurrentThreadId());
+    for (int asleep = 0; asleep < 3;) {
+        bool all = true;
+        for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+            all = all && (thread.path().filename() == self || sleeps(thread.path()));
+        }
+        asleep = all ? asleep + 1 : 0;
         std::this_thread::yield();
     }
 }
@@ -316,6 +332,7 @@ ZR_CHILD(listening_process) {
     Told own;
     told = &own;
     if (SystemTimeHelper::GetInstance()->StartListening(note) != 0) return 1;
+    until_others_sleep();
     zr::test::say("ready");
     for (;;) {
         own.wait();
