@@ -190,11 +190,16 @@ TEST(NamedLimits, ADamagedFileIsMadeAnew) {
         std::filesystem::create_directory(run);
         setenv("XDG_RUNTIME_DIR", run.c_str(), 1);
         const auto folder = run / "zrutility";
-        EXPECT_TRUE(SetEvent(named_event(u"first")));
+        // Made by a process that has ended: one that has the file mapped would not survive the damage.
+        Fork first([] { return SetEvent(named_event(u"first")) ? 0 : 1; });
+        if (first.join() != 0) return 2;
+        int damaged = 0;
         for (const auto& entry : std::filesystem::directory_iterator(folder)) {
             std::filesystem::resize_file(entry.path(), 0);
             std::filesystem::resize_file(entry.path(), 200000);
+            ++damaged;
         }
+        if (damaged == 0) return 3;
         Fork fresh([] {
             const Handle event = named_event(u"fresh");
             return event && GetLastError() == ERROR_SUCCESS && SetEvent(event) ? 0 : 1;
