@@ -287,7 +287,6 @@ TEST(TimeZone, WhoIsToldOfAChangeGetsTheNewZone) {
     set_zone(nullptr);
     put_in_place(file, "Asia/Tokyo");
     const HANDLE event = CreateEventW(nullptr, FALSE, FALSE, u"a zone changed");
-    if (event == nullptr && GetLastError() == ERROR_NOT_SUPPORTED) GTEST_SKIP() << "no named events";
     ASSERT_NE(event, nullptr);
     ASSERT_TRUE(CeRunAppAtEvent(u"\\\\.\\Notifications\\NamedEvents\\a zone changed", NOTIFICATION_EVENT_TZ_CHANGE));
     for (int i = 0; i < 10; ++i) {
