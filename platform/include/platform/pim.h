@@ -35,7 +35,6 @@
 #include "platform/types.h"
 
 inline constexpr DWORD ERROR_NOT_LOGGED_ON = 1245;
-inline constexpr DWORD ERROR_REVISION_MISMATCH = 1306;
 
 // --- property values ------------------------------------------------------------------------------------------------
 

@@ -16,6 +16,7 @@
 #include "platform/modules.h"
 #include "platform/objects.h"
 #include "platform/pim.h"
+#include "platform/registry.h"
 #include "platform/screen.h"
 #include "platform/shell.h"
 #include "platform/time.h"
