@@ -65,11 +65,13 @@ bool LineReader::next(std::string_view& line) {
 
 bool LineReader::take(std::size_t length, std::size_t terminator, std::string_view& line) {
     line = std::string_view(text_).substr(start_, length);
+    ending_ = std::string_view(text_).substr(start_ + length, terminator);
     start_ += length + terminator;
     searched_ = start_;
     ++number_;
     while (!line.empty() && line.back() == '\r') {
         line.remove_suffix(1);
+        ending_ = {line.end(), ending_.end()};
     }
     return true;
 }
@@ -126,6 +128,7 @@ void LineReader::detect() {
     } else if (byte(0) == 0 && byte(1) != 0) {
         encoding_ = Encoding::Utf16Be;
     }
+    has_mark_ = mark > 0;
     chunk_.erase(0, mark);
     if (encoding_ == Encoding::Bytes && chunk_.find('\n') == std::string::npos &&
         chunk_.find('\r') != std::string::npos) {

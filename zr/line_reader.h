@@ -31,6 +31,9 @@ public:
 
     long number() const { return number_; }    // of the line last returned, counted from 1
     bool was_cut() const { return was_cut_; }  // whether that line was longer than kLongestLine
+    // What ended that line, as it stands in the file: LF, CR LF, CR, or nothing. Valid as long as the line.
+    std::string_view ending() const { return ending_; }
+    bool has_mark() const { return has_mark_; }  // whether the text begins with a byte-order mark
     bool is_utf16() const { return encoding_ == Encoding::Utf16Le || encoding_ == Encoding::Utf16Be; }
     int error() const { return error_; }  // errno of a failed read, else 0
     std::size_t bytes_read() const { return bytes_read_; }
@@ -53,6 +56,8 @@ private:
     char line_end_ = '\n';
     char16_t high_ = 0;  // a high surrogate that waits for its other half
     bool at_end_ = false;
+    std::string_view ending_;
+    bool has_mark_ = false;
     bool was_cut_ = false;
     bool skipping_ = false;
     long number_ = 0;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
-bool is_ascii(char c) {
+bool is_ascii_byte(char c) {
     return static_cast<unsigned char>(c) < 0x80;
 }
 
@@ -24,7 +24,7 @@ bool is_low(char16_t c) {
 }
 
 // The code point at `at`, which moves past it; kReplacement for one byte that starts nothing valid.
-char32_t next_code_point(std::string_view text, std::size_t& at, bool& valid) {
+char32_t next_code_point(std::string_view text, std::size_t& at, bool& valid, bool surrogates = false) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char first = byte(at);
     valid = true;
@@ -40,13 +40,48 @@ char32_t next_code_point(std::string_view text, std::size_t& at, bool& valid) {
         good = (byte(at + i) & 0xC0) == 0x80;
         c = c << 6 | (byte(at + i) & 0x3F);
     }
-    if (!good || c < smallest[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
+    if (!good || c < smallest[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF && !surrogates)) {
         valid = false;
         ++at;
         return kReplacement;
     }
     at += length;
     return c;
+}
+
+std::string encode(std::u16string_view text, bool surrogates) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char32_t c = text[i];
+        if (is_high(text[i]) && i + 1 < text.size() && is_low(text[i + 1])) {
+            c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
+        } else if (!surrogates && (is_high(text[i]) || is_low(text[i]))) {
+            c = kReplacement;
+        }
+        append_utf8(out, c);
+    }
+    return out;
+}
+
+// Whether all of it was valid.
+bool decode(std::string_view text, bool surrogates, std::u16string& out) {
+    const auto end = std::find_if_not(text.begin(), text.end(), is_ascii_byte);
+    out.assign(text.begin(), end);
+    out.reserve(text.size());
+    bool all_valid = true;
+    for (auto at = static_cast<std::size_t>(end - text.begin()); at < text.size();) {
+        bool valid;
+        const char32_t c = next_code_point(text, at, valid, surrogates);
+        all_valid = all_valid && valid;
+        if (c < 0x10000) {
+            out += static_cast<char16_t>(c);
+        } else {
+            out += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
+            out += static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
+        }
+    }
+    return all_valid;
 }
 
 bool hides_or_reorders(char32_t c) {
@@ -77,40 +112,30 @@ void append_utf8(std::string& out, char32_t c) {
 }
 
 std::string to_utf8(std::u16string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        char32_t c = text[i];
-        if (is_high(text[i]) && i + 1 < text.size() && is_low(text[i + 1])) {
-            c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
-        } else if (is_high(text[i]) || is_low(text[i])) {
-            c = kReplacement;
-        }
-        append_utf8(out, c);
-    }
-    return out;
+    return encode(text, false);
+}
+
+std::string to_utf8_with_surrogates(std::u16string_view text) {
+    return encode(text, true);
 }
 
 std::u16string to_utf16(std::string_view text) {
-    const auto end = std::find_if_not(text.begin(), text.end(), is_ascii);
-    std::u16string out(text.begin(), end);
-    if (end == text.end()) return out;
-    out.reserve(text.size());
-    bool valid;
-    for (auto at = static_cast<std::size_t>(end - text.begin()); at < text.size();) {
-        const char32_t c = next_code_point(text, at, valid);
-        if (c < 0x10000) {
-            out += static_cast<char16_t>(c);
-        } else {
-            out += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
-            out += static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
-        }
-    }
+    std::u16string out;
+    decode(text, false, out);
     return out;
 }
 
+bool to_utf16_with_surrogates(std::string_view text, std::u16string& out) {
+    return decode(text, true, out);
+}
+
+bool is_ascii(std::string_view bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), is_ascii_byte);
+}
+
 bool is_utf8(std::string_view bytes) {
-    std::size_t at = static_cast<std::size_t>(std::find_if_not(bytes.begin(), bytes.end(), is_ascii) - bytes.begin());
+    std::size_t at =
+        static_cast<std::size_t>(std::find_if_not(bytes.begin(), bytes.end(), is_ascii_byte) - bytes.begin());
     bool valid = true;
     while (valid && at < bytes.size()) {
         next_code_point(bytes, at, valid);

@@ -12,6 +12,12 @@ std::string to_utf8(std::u16string_view text);
 // Bytes that are not valid UTF-8 become U+FFFD.
 std::u16string to_utf16(std::string_view text);
 
+// The same without loss: a lone surrogate is three bytes that are not valid UTF-8, as LineReader hands it out.
+std::string to_utf8_with_surrogates(std::u16string_view text);
+// False, with `out` in an unknown state, when the bytes are neither UTF-8 nor such a surrogate.
+bool to_utf16_with_surrogates(std::string_view text, std::u16string& out);
+
+bool is_ascii(std::string_view bytes);
 bool is_utf8(std::string_view bytes);
 
 // Appends one code point as UTF-8.
