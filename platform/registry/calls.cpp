@@ -45,6 +45,9 @@ LONG RegEnumValueW(HKEY, DWORD, LPWSTR, DWORD*, DWORD*, DWORD*, BYTE*, DWORD*) {
 LONG ZrRegistryApply(const ZrRegistryChange*, DWORD, DWORD*) {
     return kUnavailable;
 }
+LONG ZrRegistryApplyEach(ZrRegistryNextChange, LPVOID, DWORD*) {
+    return kUnavailable;
+}
 LPCWSTR ZrRegistryLastErrorText() {
     return u"";
 }

@@ -182,6 +182,14 @@ struct ZrRegistryChange {
 // them in particular. Call RegFlushKey to have them on the disk.
 ZRPLATFORM_API LONG ZrRegistryApply(const ZrRegistryChange* changes, DWORD count, DWORD* failed);
 
+// The same for any number of changes, which need not be in memory together: `next` is called for one after the other,
+// on the caller's thread, until it returns less than 1. It fills *change in and returns 1; the pointers in it must stay
+// valid until it is called again. With 0 there are no more changes; with -1 none at all are made, and the result is
+// ERROR_CANCELLED. Other programs that write wait meanwhile, so what `next` reads should be at hand. It must not call
+// this header's functions.
+using ZrRegistryNextChange = int (*)(ZrRegistryChange* change, LPVOID context);
+ZRPLATFORM_API LONG ZrRegistryApplyEach(ZrRegistryNextChange next, LPVOID context, DWORD* failed);
+
 // What went wrong in the calling thread's last call of this header that failed because of the store or its files, in a
 // sentence for people that names the file. Empty when none did. Valid until the thread's next call of this header.
 ZRPLATFORM_API LPCWSTR ZrRegistryLastErrorText();
