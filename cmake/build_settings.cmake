@@ -21,6 +21,13 @@ find_package(Threads REQUIRED)
 find_program(ZR_CCACHE ccache)
 if(ZR_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${ZR_CCACHE})
+  if(ZR_PRECOMPILE)
+    # What ccache asks for before it keeps what was compiled with precompiled headers.
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${ZR_CCACHE})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      add_compile_options(-fpch-preprocess)
+    endif()
+  endif()
 endif()
 
 add_library(zr_settings INTERFACE)
