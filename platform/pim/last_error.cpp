@@ -2,8 +2,8 @@
 
 #include <string>
 
+#include "error_text.h"
 #include "platform/pim.h"
-#include "utf.h"
 
 namespace zr::platform::pim {
 namespace {
@@ -39,12 +39,7 @@ std::string_view sentence_of(HRESULT result) {
 }  // namespace
 
 HRESULT fail(HRESULT result, std::string_view sentence) noexcept {
-    constexpr std::size_t kRoom = sizeof text / sizeof text[0] - 1;
-    std::size_t length = host_to_wide(sentence, std::span<WCHAR>(text, kRoom));
-    if (length > kRoom) {  // too long to say whole
-        length = host_to_wide(sentence.substr(0, kRoom), std::span<WCHAR>(text, kRoom));
-    }
-    text[length > kRoom ? 0 : length] = 0;
+    keep_sentence(text, sentence);
     return result;
 }
 

@@ -1,10 +1,10 @@
 #pragma once
 
-// The store's file: opening, creating, migrating, setting aside.
+// The contact store's file.
 
 #include <string>
 
-#include "sqlite.h"
+#include "database.h"
 
 namespace zr::platform::pim {
 
@@ -14,8 +14,5 @@ HRESULT open_store(const std::string& path, Database& database);
 
 // Opens a further connection to a store that open_store opened.
 HRESULT open_connection(const std::string& path, Database& database);
-
-// The file that Database leaves beside a store that turned out to be damaged: the next open examines it whole.
-std::string suspicion(const std::string& path);
 
 }  // namespace zr::platform::pim

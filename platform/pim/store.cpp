@@ -10,6 +10,7 @@
 #include "notifier.h"
 #include "schema.h"
 #include "state_folder.h"
+#include "store_file.h"
 #include "utf.h"
 
 namespace zr::platform::pim {
@@ -86,34 +87,14 @@ HRESULT Store::open(const std::string& path) {
     result = reader_.scalar("SELECT max(seq) FROM change", seq);
     if (FAILED(result)) return result;
     seq_ = seq;
-    map_header();
+    commits_.attach(reader_);
     return S_OK;
 }
 
-// The journal's index is shared memory of all processes and starts with two copies of its header, 48 bytes each. The
-// header changes with every commit: SQLite compares it to tell whether it has to look at anything else.
-void Store::map_header() {
-    sqlite3_file* file = nullptr;
-    if (sqlite3_file_control(reader_.handle(), "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK) return;
-    if (file == nullptr || file->pMethods == nullptr || file->pMethods->iVersion < 2) return;
-    constexpr int kRegion = 32768;
-    void volatile* region = nullptr;
-    if (file->pMethods->xShmMap(file, 0, kRegion, 0, &region) != SQLITE_OK) return;
-    shared_header_ = static_cast<const volatile ULONGLONG*>(region);
-}
-
-bool Store::header(Header& header) const {
-    if (shared_header_ == nullptr) return false;  // then every refresh looks at the log
-    for (int i = 0; i < 6; ++i) {
-        header.words[i] = __atomic_load_n(&shared_header_[i], __ATOMIC_ACQUIRE);
-    }
-    return true;
-}
-
 HRESULT Store::refresh() {
-    Header now = {};
-    const bool known = header(now);
-    if (known && header_known_ && now == header_) return S_OK;
+    CommitWatch::Stamp now;
+    const bool known = commits_.look(now);  // if it does not, every refresh looks at the log
+    if (known && stamp_known_ && now == stamp_) return S_OK;
     std::vector<Change> changes;
     const HRESULT result = logged(seq_, static_cast<int>(kRecentChanges) + 1, changes);
     if (FAILED(result)) return result;
@@ -127,9 +108,9 @@ HRESULT Store::refresh() {
             apply(change);
         }
     }
-    // The header from before the look: what came after it will show next time.
-    header_ = now;
-    header_known_ = known;
+    // The stamp from before the reading: what came after it will show next time.
+    stamp_ = now;
+    stamp_known_ = known;
     return S_OK;
 }
 

@@ -2,10 +2,9 @@
 
 // The contact store as one process sees it: a connection that reads, what was read lately, and one that writes.
 //
-// Freshness. Every read first compares the journal's shared header, which SQLite itself compares to tell whether its
-// view is the newest, with the one of the last comparison. Equal: nothing was committed, and the cache holds. Not
-// equal: the change log says what happened since, and what it names is dropped. The cache is thus never older than a
-// commit that came before the read.
+// Freshness. Every read first asks whether anything was committed (commit_watch.h). If not, the cache holds. Otherwise
+// the change log says what happened since, and what it names is dropped. The cache is thus never older than a commit
+// that came before the read.
 //
 // Locks. `lock()` guards the reading side. The right to write is one per process (Transaction); it is taken before,
 // never while, the reading side is locked.
@@ -21,11 +20,12 @@
 #include <thread>
 #include <vector>
 
+#include "commit_watch.h"
+#include "database.h"
 #include "fields.h"
 #include "keys.h"
 #include "row.h"
 #include "signal_file.h"
-#include "sqlite.h"
 #include "values.h"
 
 namespace zr::platform::pim {
@@ -115,10 +115,6 @@ public:
 
 private:
     friend class Transaction;
-    struct Header {
-        ULONGLONG words[6];
-        friend bool operator==(const Header&, const Header&) = default;
-    };
     // A walk over identifiers: where it goes on (0: nowhere) and how many rows it reads at a time.
     struct Run {
         LONG next = 0;
@@ -127,8 +123,6 @@ private:
     };
 
     HRESULT open(const std::string& path);
-    void map_header();
-    bool header(Header& header) const;
     void apply(const Change& change);
     void forget_all(LONGLONG seq);
     void drop(LONG oid);
@@ -150,9 +144,9 @@ private:
 
     std::mutex mutex_;
     Database reader_;
-    const volatile ULONGLONG* shared_header_ = nullptr;
-    Header header_ = {};
-    bool header_known_ = false;
+    CommitWatch commits_;
+    CommitWatch::Stamp stamp_;
+    bool stamp_known_ = false;
     LONGLONG seq_ = 0;
     std::deque<Change> recent_;
     std::vector<RowRef> rows_;  // by identifier

@@ -85,7 +85,7 @@ HRESULT Transaction::checked(HRESULT result) {
 
 void Transaction::rollback() {
     if (store_ == nullptr) return;
-    if (db_->in_transaction()) sqlite3_exec(db_->handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    db_->roll_back();
     std::exchange(store_, nullptr)->give_write_right();
 }
 

@@ -28,6 +28,7 @@ enum class ObjectKind : std::uint32_t {
     File,
     FileSearch,
     FileChanges,
+    RegistryKey,
     RegistryChanges,
     MessageQueue,
     NamedEvent,

@@ -1,6 +1,8 @@
 #pragma once
 
-// SQLite behind three small classes. Results are HRESULTs with their sentence already kept (last_error.h).
+// SQLite behind three small classes, for the stores. Errors are system error codes.
+//
+// A connection and its statements are used by one thread at a time. May throw std::bad_alloc, nothing else.
 
 #include <sqlite3.h>
 
@@ -11,9 +13,9 @@
 
 #include "platform/types.h"
 
-namespace zr::platform::pim {
+namespace zr::platform {
 
-// A prepared statement, used by one thread at a time. Text is bound for the time of the step: it must stay in place.
+// A prepared statement. Text is bound for the time of the step: it must stay in place.
 class Statement {
 public:
     explicit Statement(sqlite3_stmt* statement) : statement_(statement) {}
@@ -27,6 +29,8 @@ public:
     void bind(int index, double value) { sqlite3_bind_double(statement_, index, value); }
     void bind_null(int index) { sqlite3_bind_null(statement_, index); }
     void bind_blob(int index, const void* bytes, std::size_t size);
+    // Text as a blob of its units, which keeps every text as it is, the empty one included.
+    void bind_units(int index, std::u16string_view text) { bind_blob(index, text.data(), text.size() * sizeof(WCHAR)); }
     // Empty text is null. Text that SQLite would not give back as it was is kept as a blob of its units.
     void bind_text(int index, std::u16string_view text);
 
@@ -69,31 +73,41 @@ private:
     Statement* statement_;
 };
 
-class Database {
+class Connection {
 public:
-    Database() = default;
-    ~Database();
-    Database(const Database&) = delete;
-    Database& operator=(const Database&) = delete;
+    Connection() = default;
+    ~Connection() { close(); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
 
-    HRESULT open(const std::string& path);
-    HRESULT execute(const char* sql);
-    // The statement for `sql`, a literal, prepared once. Empty on failure, which result() then describes.
+    DWORD open(const std::string& path);
+    void close();
+    DWORD execute(const char* sql);
+    // The statement for `sql`, a literal, prepared once. Empty on failure, which error() then describes.
     Use use(const char* sql);
     // Runs a statement that returns nothing.
-    HRESULT run(Use& statement);
+    DWORD run(Use& statement);
     // The first column of the first row of a literal's result; `otherwise` when there is no row.
-    HRESULT scalar(const char* sql, LONGLONG& value, LONGLONG otherwise = 0);
+    DWORD scalar(const char* sql, LONGLONG& value, LONGLONG otherwise = 0);
+    // Ends a transaction that is open.
+    void roll_back();
     LONGLONG changes() const { return sqlite3_changes64(db_); }
+    bool is_open() const { return db_ != nullptr; }
     bool in_transaction() const { return db_ != nullptr && sqlite3_get_autocommit(db_) == 0; }
-    // What the last failing call means.
-    HRESULT result();
     sqlite3* handle() { return db_; }
+
+    // What the last failing call means: ERROR_DISK_FULL, ERROR_BUSY (after five seconds), ERROR_FILE_CORRUPT (a mark is
+    // then left for the next opening of the store, see store_file.h), ERROR_ACCESS_DENIED, ERROR_IO_DEVICE,
+    // ERROR_NOT_ENOUGH_MEMORY or ERROR_GEN_FAILURE.
+    DWORD error();
+    // The same as a sentence about "the contact store" or whatever `store` says; after error().
+    std::string sentence(std::string_view store) const;
 
 private:
     sqlite3* db_ = nullptr;
     std::string path_;
+    std::string reason_;
     std::unordered_map<const char*, std::unique_ptr<Statement>> statements_;
 };
 
-}  // namespace zr::platform::pim
+}  // namespace zr::platform

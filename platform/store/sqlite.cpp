@@ -6,39 +6,38 @@
 #include <cerrno>
 #include <cstring>
 
-#include "last_error.h"
-#include "schema.h"
+#include "platform/errors.h"
+#include "store_file.h"
 #include "utf.h"
 
-namespace zr::platform::pim {
+namespace zr::platform {
 namespace {
 
 constexpr int kBusyMilliseconds = 5000;
 
-HRESULT meaning(int code, int system_error) {
+DWORD meaning(int code, int system_error) {
     switch (code & 0xFF) {
         case SQLITE_FULL:
-            return HRESULT_FROM_WIN32(ERROR_DISK_FULL);
+            return ERROR_DISK_FULL;
         case SQLITE_IOERR:
-            if (system_error == ENOSPC || system_error == EDQUOT || system_error == EFBIG)
-                return HRESULT_FROM_WIN32(ERROR_DISK_FULL);
-            return code == SQLITE_IOERR_NOMEM ? E_OUTOFMEMORY : HRESULT_FROM_WIN32(ERROR_IO_DEVICE);
+            if (system_error == ENOSPC || system_error == EDQUOT || system_error == EFBIG) return ERROR_DISK_FULL;
+            return code == SQLITE_IOERR_NOMEM ? ERROR_NOT_ENOUGH_MEMORY : ERROR_IO_DEVICE;
         case SQLITE_BUSY:
         case SQLITE_LOCKED:
-            return kBusy;
+            return ERROR_BUSY;
         case SQLITE_CORRUPT:
         case SQLITE_NOTADB:
-            return kCorrupt;
+            return ERROR_FILE_CORRUPT;
         case SQLITE_NOMEM:
         case SQLITE_TOOBIG:
-            return E_OUTOFMEMORY;
+            return ERROR_NOT_ENOUGH_MEMORY;
         case SQLITE_READONLY:
         case SQLITE_PERM:
         case SQLITE_AUTH:
         case SQLITE_CANTOPEN:
-            return E_ACCESSDENIED;
+            return ERROR_ACCESS_DENIED;
         default:
-            return E_FAIL;
+            return ERROR_GEN_FAILURE;
     }
 }
 
@@ -56,7 +55,7 @@ int last_system_error(sqlite3* db) {
 
 void leave_suspicion(const std::string& path) {
     const int file = ::open(suspicion(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file >= 0) close(file);
+    if (file >= 0) ::close(file);
 }
 
 // SQLite takes a byte order mark off the front of text; and what is not valid Unicode is better called bytes.
@@ -81,29 +80,30 @@ void Statement::bind_text(int index, std::u16string_view text) {
         sqlite3_bind_text64(statement_, index, reinterpret_cast<const char*>(text.data()), text.size() * sizeof(WCHAR),
                             SQLITE_STATIC, SQLITE_UTF16);
     } else {
-        bind_blob(index, text.data(), text.size() * sizeof(WCHAR));
+        bind_units(index, text);
     }
 }
 
-Database::~Database() {
-    statements_.clear();
-    sqlite3_close(db_);
-}
-
-HRESULT Database::open(const std::string& path) {
+DWORD Connection::open(const std::string& path) {
     path_ = path;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) return result();
+    if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) return error();
     sqlite3_extended_result_codes(db_, 1);
     sqlite3_busy_timeout(db_, kBusyMilliseconds);
-    return S_OK;
+    return ERROR_SUCCESS;
 }
 
-HRESULT Database::execute(const char* sql) {
-    return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK ? S_OK : result();
+void Connection::close() {
+    statements_.clear();
+    sqlite3_close(db_);
+    db_ = nullptr;
 }
 
-Use Database::use(const char* sql) {
+DWORD Connection::execute(const char* sql) {
+    return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK ? ERROR_SUCCESS : error();
+}
+
+Use Connection::use(const char* sql) {
     auto& statement = statements_[sql];
     if (!statement) {
         sqlite3_stmt* prepared = nullptr;
@@ -116,38 +116,45 @@ Use Database::use(const char* sql) {
     return Use(statement.get());
 }
 
-HRESULT Database::run(Use& statement) {
-    if (!statement) return result();
-    return statement->step() == SQLITE_DONE ? S_OK : result();
+DWORD Connection::run(Use& statement) {
+    if (!statement) return error();
+    return statement->step() == SQLITE_DONE ? ERROR_SUCCESS : error();
 }
 
-HRESULT Database::scalar(const char* sql, LONGLONG& value, LONGLONG otherwise) {
+DWORD Connection::scalar(const char* sql, LONGLONG& value, LONGLONG otherwise) {
     value = otherwise;
     const Use statement = use(sql);
-    if (!statement) return result();
+    if (!statement) return error();
     const int code = statement->step();
-    if (code == SQLITE_DONE) return S_OK;
-    if (code != SQLITE_ROW) return result();
+    if (code == SQLITE_DONE) return ERROR_SUCCESS;
+    if (code != SQLITE_ROW) return error();
     if (!statement->is_null(0)) value = statement->integer(0);
-    return S_OK;
+    return ERROR_SUCCESS;
 }
 
-HRESULT Database::result() {
-    if (db_ == nullptr) return fail(E_OUTOFMEMORY);
+void Connection::roll_back() {
+    if (in_transaction()) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+DWORD Connection::error() {
+    reason_.clear();
+    if (db_ == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     const int system_error = last_system_error(db_);
-    const HRESULT result = meaning(sqlite3_extended_errcode(db_), system_error);
-    std::string sentence = "The contact store " + path_ + ": ";
-    if (result == HRESULT_FROM_WIN32(ERROR_DISK_FULL)) {
-        sentence += "the disk is full.";
-    } else if (result == kBusy) {
-        sentence += "another program keeps it locked.";
+    const DWORD error = meaning(sqlite3_extended_errcode(db_), system_error);
+    if (error == ERROR_DISK_FULL) {
+        reason_ = "the disk is full";
+    } else if (error == ERROR_BUSY) {
+        reason_ = "another program keeps it locked";
     } else {
-        if (result == kCorrupt) leave_suspicion(path_);
-        sentence += sqlite3_errmsg(db_);
-        if (system_error != 0) sentence += std::string(" (") + strerror(system_error) + ")";
-        sentence += ".";
+        reason_ = sqlite3_errmsg(db_);
+        if (system_error != 0) reason_ += std::string(" (") + strerror(system_error) + ")";
+        if (error == ERROR_FILE_CORRUPT) leave_suspicion(path_);
     }
-    return fail(result, sentence);
+    return error;
 }
 
-}  // namespace zr::platform::pim
+std::string Connection::sentence(std::string_view store) const {
+    return "The " + std::string(store) + " " + path_ + ": " + (reason_.empty() ? "memory is short" : reason_) + ".";
+}
+
+}  // namespace zr::platform

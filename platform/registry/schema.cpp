@@ -1,0 +1,40 @@
+#include "schema.h"
+
+#include "last_error.h"
+
+namespace zr::platform::registry {
+namespace {
+
+constexpr LONGLONG kApplicationId = 0x5A725247;
+static_assert(kApplicationId == 1517441607);
+
+// Steps are never changed, only added.
+//
+// Names are blobs of UTF-16 units, so that every name is kept as it is; `folded` is the name as it is searched for. The
+// numbers of keys are never used again (AUTOINCREMENT): a handle to a deleted key must not find another one. `change`
+// is the log from which other processes' memory and the notifications learn what happened (changes.h); `parents` are
+// the numbers of the keys above, 8 bytes each, so that a change can be placed when its key is gone.
+constexpr const char* kSteps[] = {
+    "CREATE TABLE key(id INTEGER PRIMARY KEY AUTOINCREMENT, parent INTEGER NOT NULL, folded BLOB NOT NULL,"
+    " name BLOB NOT NULL, class BLOB NOT NULL, UNIQUE(parent, folded));"
+    "INSERT INTO key VALUES(1, 0, X'01', X'', X''), (2, 0, X'02', X'', X''), (3, 0, X'03', X'', X''),"
+    " (4, 0, X'04', X'', X'');"
+    "CREATE TABLE value(key INTEGER NOT NULL, folded BLOB NOT NULL, name BLOB NOT NULL, type INTEGER NOT NULL,"
+    " data BLOB NOT NULL, PRIMARY KEY(key, folded)) WITHOUT ROWID;"
+    "CREATE TABLE change(seq INTEGER PRIMARY KEY, kind INTEGER NOT NULL, key INTEGER NOT NULL,"
+    " parents BLOB NOT NULL, name BLOB NOT NULL);"
+    "PRAGMA application_id = 1517441607;",
+};
+
+}  // namespace
+
+// A commit is not synced: RegFlushKey does that. SQLite itself still syncs where it must to keep the file whole: the
+// journal before a checkpoint copies from it, the file before the journal is begun anew, and the journal's new front.
+const StoreKind kRegistryStore = {kStoreName, kApplicationId, kSteps,
+                                  "PRAGMA journal_mode = WAL;"
+                                  "PRAGMA synchronous = NORMAL;"
+                                  "PRAGMA wal_autocheckpoint = 2000;"
+                                  "PRAGMA journal_size_limit = 16777216;"
+                                  "PRAGMA cache_size = -4096;"};
+
+}  // namespace zr::platform::registry

@@ -1,0 +1,167 @@
+#include "store.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "last_error.h"
+#include "schema.h"
+#include "state_folder.h"
+
+namespace zr::platform::registry {
+namespace {
+
+constexpr const char* kFile = "registry.db";
+constexpr const char* kBellFile = "registry.bell";
+
+Store* the_store = nullptr;
+
+DWORD system_failure(const std::string& path, int number) {
+    return fail(store_error(number), "The registry " + path + ": " + strerror(number) + ".");
+}
+
+int flush_folder(const std::string& path) {
+    const int folder = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) return errno;
+    const int error = fsync(folder) == 0 ? 0 : errno;
+    close(folder);
+    return error;
+}
+
+// A file is only as durable as the entries of the folders on the way to it. The ones that are not ours need not let us.
+void flush_folders_above(std::string path) {
+    for (std::size_t end = path.rfind('/'); end != std::string::npos && end != 0; end = path.rfind('/')) {
+        path.resize(end);
+        flush_folder(path);
+    }
+}
+
+std::string folder_of(const std::string& file) {
+    return file.substr(0, file.rfind('/'));
+}
+
+}  // namespace
+
+Store* Store::instance() noexcept {
+    static Store* const store = []() noexcept -> Store* {
+        try {
+            the_store = new Store;
+            pthread_atfork(&Store::before_fork, &Store::after_fork, &Store::after_fork);
+        } catch (const std::bad_alloc&) {
+        }
+        return the_store;
+    }();
+    return store;
+}
+
+void Store::before_fork() noexcept {
+    the_store->write_mutex_.lock();
+    the_store->mutex_.lock();
+    the_store->writer_.close();
+    the_store->close_reader();
+}
+
+void Store::after_fork() noexcept {
+    the_store->mutex_.unlock();
+    the_store->write_mutex_.unlock();
+}
+
+void Store::close_reader() noexcept {
+    tree_.detach();
+    reader_.close();
+    if (journal_ >= 0) close(std::exchange(journal_, -1));
+    flushed_known_ = false;
+    folder_flushed_ = false;
+}
+
+DWORD Store::open() {
+    close_reader();
+    if (path_.empty()) {
+        const Folder folder = state_folder();
+        if (!folder) return fail(folder.error, folder.message);
+        path_ = folder.path + "/" + kFile;
+    }
+    const int error = bell_.open(folder_of(path_) + "/" + kBellFile);
+    if (error != 0) return system_failure(bell_.path(), error);
+    LONGLONG replacements = bell_.replacements();
+    StoreOpening opening = open_store(kRegistryStore, path_, reader_);
+    if (opening.set_aside) {
+        announce_set_aside(opening.message);
+        bell_.replaced();
+        replacements = bell_.replacements();
+        opening = open_store(kRegistryStore, path_, reader_);
+    }
+    if (!opening) return fail(opening.error, opening.message);
+    suspect_.store(false, std::memory_order_relaxed);
+    // Connections are closed for a fork, which is no time for copying the journal.
+    sqlite3_db_config(reader_.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    if (opening.created) flush_folders_above(folder_of(path_));
+    const DWORD journal = open_journal();
+    if (journal != ERROR_SUCCESS) return journal;
+    ++opening_;
+    tree_.attach(std::exchange(replacements_, replacements) != replacements);
+    return ERROR_SUCCESS;
+}
+
+// The journal is there from the first read on, and stays for as long as a connection is open.
+DWORD Store::open_journal() {
+    LONGLONG version = 0;
+    if (reader_.scalar("SELECT max(seq) FROM change", version) != 0) return fail(reader_);
+    const std::string path = path_ + "-wal";
+    journal_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    return journal_ >= 0 ? ERROR_SUCCESS : system_failure(path, errno);
+}
+
+DWORD Store::prepare_writer() {
+    const std::lock_guard lock(mutex_);
+    const DWORD error = fresh();
+    if (error != ERROR_SUCCESS) return error;
+    if (writer_.is_open() && writer_opening_ == opening_) return ERROR_SUCCESS;
+    writer_.close();
+    if (open_connection(kRegistryStore, path_, writer_) != 0) {
+        const DWORD failure = fail(writer_);
+        writer_.close();
+        return failure;
+    }
+    sqlite3_db_config(writer_.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    writer_opening_ = opening_;
+    return ERROR_SUCCESS;
+}
+
+// A commit is in the journal but not on the disk. Syncing the journal's file brings all that any process has committed
+// there: either it is in the journal now, or it was copied out of it, and then SQLite had synced the journal before it
+// began and the registry's file before the journal was used anew.
+DWORD Store::flush() noexcept {
+    CommitWatch::Stamp stamp;
+    bool known = false;
+    bool folder_too = false;
+    int file = -1;
+    DWORD error = read([&](Tree& tree) -> DWORD {
+        known = tree.stamp(stamp);
+        if (known && flushed_known_ && stamp == flushed_) return ERROR_SUCCESS;
+        folder_too = !folder_flushed_;
+        file = fcntl(journal_, F_DUPFD_CLOEXEC, 0);
+        return file >= 0 ? ERROR_SUCCESS : system_failure(path_, errno);
+    });
+    if (error != ERROR_SUCCESS || file < 0) return error;
+    error = flush_journal(file, folder_too);
+    close(file);
+    if (error != ERROR_SUCCESS) return error;
+    const std::lock_guard lock(mutex_);
+    folder_flushed_ = true;
+    flushed_ = stamp;
+    flushed_known_ = known;
+    return ERROR_SUCCESS;
+}
+
+DWORD Store::flush_journal(int file, bool folder_too) {
+    int number = fdatasync(file) == 0 ? 0 : errno;
+    if (number == 0 && folder_too) number = flush_folder(folder_of(path_));
+    return number == 0 ? ERROR_SUCCESS : system_failure(path_, number);
+}
+
+}  // namespace zr::platform::registry

@@ -1,0 +1,205 @@
+#include "transaction.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "host_error.h"
+#include "last_error.h"
+
+namespace zr::platform::registry {
+namespace {
+
+// The log keeps at least this many changes, so that who reads them seldom has to start over.
+constexpr LONGLONG kKeptChanges = 8192;
+constexpr LONGLONG kPruneEvery = 1024;
+
+}  // namespace
+
+DWORD Transaction::failed() {
+    return fail(connection_);
+}
+
+DWORD Transaction::begin() {
+    Use begin = connection_.use("BEGIN IMMEDIATE");
+    return begin && begin->step() == SQLITE_DONE ? ERROR_SUCCESS : failed();
+}
+
+DWORD Transaction::commit() {
+    if (first_seq_ == 0) return ERROR_SUCCESS;  // rolled back: there is nothing in it
+    if (last_seq_ / kPruneEvery != (first_seq_ - 1) / kPruneEvery) {
+        if (const DWORD error = prune(); error != ERROR_SUCCESS) return error;
+    }
+    const Bell::Pull pull(bell_);
+    if (!pull)
+        return fail(error_from_errno(pull.error()),
+                    "The registry's file " + bell_.path() + ": " + strerror(pull.error()) + ".");
+    Use commit = connection_.use("COMMIT");
+    return commit && commit->step() == SQLITE_DONE ? ERROR_SUCCESS : failed();
+}
+
+DWORD Transaction::prune() {
+    Use statement = connection_.use("DELETE FROM change WHERE seq <= ?1");
+    if (statement) statement->bind(1, last_seq_ - kKeptChanges);
+    return connection_.run(statement) == 0 ? ERROR_SUCCESS : failed();
+}
+
+DWORD Transaction::log(ChangeKind kind, const Place& key, std::u16string_view name) {
+    Use statement = connection_.use("INSERT INTO change(kind, key, parents, name) VALUES(?1, ?2, ?3, ?4)");
+    if (!statement) return failed();
+    statement->bind(1, static_cast<LONG>(kind));
+    statement->bind(2, key.id);
+    statement->bind_blob(3, key.parents.data(), key.parents.size() * sizeof(KeyId));
+    statement->bind_units(4, name);
+    if (connection_.run(statement) != 0) return failed();
+    last_seq_ = sqlite3_last_insert_rowid(connection_.handle());
+    if (first_seq_ == 0) first_seq_ = last_seq_;
+    return ERROR_SUCCESS;
+}
+
+DWORD Transaction::check(const Place& key) {
+    const Use row = connection_.use("SELECT 1 FROM key WHERE id = ?1");
+    if (!row) return failed();
+    row->bind(1, key.id);
+    const int code = row->step();
+    return code == SQLITE_ROW ? ERROR_SUCCESS : code == SQLITE_DONE ? ERROR_KEY_DELETED : failed();
+}
+
+DWORD Transaction::find_child(const Place& parent, std::u16string_view name, KeyId& id) {
+    const FoldedName folded(name);
+    if (!folded) return ERROR_FILE_NOT_FOUND;
+    const Use row = connection_.use("SELECT id FROM key WHERE parent = ?1 AND folded = ?2");
+    if (!row) return failed();
+    row->bind(1, parent.id);
+    row->bind_units(2, folded.view());
+    const int code = row->step();
+    if (code == SQLITE_DONE) return ERROR_FILE_NOT_FOUND;
+    if (code != SQLITE_ROW) return failed();
+    id = row->integer(0);
+    return ERROR_SUCCESS;
+}
+
+DWORD Transaction::make_child(const Place& parent, std::u16string_view name, std::u16string_view key_class, KeyId& id) {
+    const FoldedName folded(name);
+    if (!folded || parent.parents.size() + 1 > kDeepest) return ERROR_INVALID_PARAMETER;
+    Use statement = connection_.use("INSERT INTO key(parent, folded, name, class) VALUES(?1, ?2, ?3, ?4)");
+    if (!statement) return failed();
+    statement->bind(1, parent.id);
+    statement->bind_units(2, folded.view());
+    statement->bind_units(3, name);
+    statement->bind_units(4, key_class);
+    if (connection_.run(statement) != 0) return failed();
+    id = sqlite3_last_insert_rowid(connection_.handle());
+    return ERROR_SUCCESS;
+}
+
+DWORD Transaction::walk(Place& key, LPCWSTR path) {
+    DWORD error = check(key);
+    PathParts parts(path);
+    std::u16string_view part;
+    while (error == ERROR_SUCCESS && parts.next(part)) {
+        KeyId id = 0;
+        error = find_child(key, part, id);
+        key.parents.push_back(std::exchange(key.id, id));
+    }
+    return error;
+}
+
+DWORD Transaction::make(Place& key, LPCWSTR path, std::u16string_view key_class, bool& created) {
+    created = false;
+    DWORD error = check(key);
+    PathParts parts(path);
+    std::u16string_view part;
+    std::u16string_view next;
+    bool more = parts.next(part);
+    for (; error == ERROR_SUCCESS && more; part = next) {
+        more = parts.next(next);
+        KeyId id = 0;
+        error = created ? ERROR_FILE_NOT_FOUND : find_child(key, part, id);
+        if (error == ERROR_FILE_NOT_FOUND) {
+            error = make_child(key, part, more ? std::u16string_view() : key_class, id);
+            created = true;
+        }
+        key.parents.push_back(std::exchange(key.id, id));
+        if (error == ERROR_SUCCESS && created) error = log(ChangeKind::KeyAdded, key, part);
+    }
+    return error;
+}
+
+DWORD Transaction::name_of(KeyId id, std::u16string& name) {
+    const Use row = connection_.use("SELECT name FROM key WHERE id = ?1");
+    if (!row) return failed();
+    row->bind(1, id);
+    const int code = row->step();
+    if (code == SQLITE_DONE) return ERROR_KEY_DELETED;
+    if (code != SQLITE_ROW) return failed();
+    name = row->text(0);
+    return ERROR_SUCCESS;
+}
+
+// Appends what is below the keys, level by level.
+DWORD Transaction::collect(std::vector<Doomed>& keys) {
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        std::vector<KeyId> parents = keys[i].place.parents;
+        parents.push_back(keys[i].place.id);
+        const Use rows = connection_.use("SELECT id, name FROM key WHERE parent = ?1");
+        if (!rows) return failed();
+        rows->bind(1, keys[i].place.id);
+        int code;
+        while ((code = rows->step()) == SQLITE_ROW) {
+            keys.push_back({{rows->integer(0), parents}, std::u16string(rows->text(1))});
+        }
+        if (code != SQLITE_DONE) return failed();
+    }
+    return ERROR_SUCCESS;
+}
+
+DWORD Transaction::delete_key(const Doomed& key) {
+    for (const char* sql : {"DELETE FROM value WHERE key = ?1", "DELETE FROM key WHERE id = ?1"}) {
+        Use statement = connection_.use(sql);
+        if (statement) statement->bind(1, key.place.id);
+        if (connection_.run(statement) != 0) return failed();
+    }
+    return log(ChangeKind::KeyRemoved, key.place, key.name);
+}
+
+DWORD Transaction::delete_tree(const Place& key) {
+    if (key.parents.empty()) return ERROR_ACCESS_DENIED;
+    std::vector<Doomed> keys;
+    keys.push_back({key, {}});
+    DWORD error = name_of(key.id, keys.front().name);
+    if (error == ERROR_SUCCESS) error = collect(keys);
+    for (std::size_t i = keys.size(); i-- > 0 && error == ERROR_SUCCESS;) {
+        error = delete_key(keys[i]);
+    }
+    return error;
+}
+
+DWORD Transaction::set_value(const Place& key, std::u16string_view name, DWORD type, const BYTE* data, DWORD size) {
+    const FoldedName folded(name);
+    if (!folded || size > kLargestData) return ERROR_INVALID_PARAMETER;
+    Use statement = connection_.use(
+        "INSERT INTO value(key, folded, name, type, data) VALUES(?1, ?2, ?3, ?4, ?5)"
+        " ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = excluded.data");
+    if (!statement) return failed();
+    statement->bind(1, key.id);
+    statement->bind_units(2, folded.view());
+    statement->bind_units(3, name);
+    statement->bind(4, type);
+    statement->bind_blob(5, data, size);
+    if (connection_.run(statement) != 0) return failed();
+    return log(ChangeKind::ValueSet, key, name);
+}
+
+DWORD Transaction::delete_value(const Place& key, std::u16string_view name) {
+    const FoldedName folded(name);
+    if (!folded) return ERROR_FILE_NOT_FOUND;
+    Use statement = connection_.use("DELETE FROM value WHERE key = ?1 AND folded = ?2");
+    if (!statement) return failed();
+    statement->bind(1, key.id);
+    statement->bind_units(2, folded.view());
+    if (connection_.run(statement) != 0) return failed();
+    return connection_.changes() == 0 ? ERROR_FILE_NOT_FOUND : log(ChangeKind::ValueRemoved, key, name);
+}
+
+}  // namespace zr::platform::registry

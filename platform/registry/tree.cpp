@@ -1,0 +1,405 @@
+#include "tree.h"
+
+#include <algorithm>
+
+#include "last_error.h"
+
+namespace zr::platform::registry {
+namespace {
+
+std::u16string folded(std::u16string_view name) {
+    std::u16string text(name);
+    CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+    return text;
+}
+
+// Where an entry of a folded name is, or would be.
+template <class Entries>
+auto place_of(Entries& entries, std::u16string_view name) {
+    return std::lower_bound(entries.begin(), entries.end(), name,
+                            [](const auto& entry, std::u16string_view wanted) { return entry->folded < wanted; });
+}
+
+template <class Entries>
+auto find(Entries& entries, std::u16string_view name) {
+    const auto place = place_of(entries, name);
+    return place != entries.end() && (*place)->folded == name ? place : entries.end();
+}
+
+template <class Entries>
+void sort(Entries& entries) {
+    std::sort(entries.begin(), entries.end(),
+              [](const auto& left, const auto& right) { return left->folded < right->folded; });
+}
+
+std::unique_ptr<Value> read_value(const Statement& row) {
+    auto value = std::make_unique<Value>();
+    value->folded = row.text(0);
+    value->name = row.text(1);
+    value->type = static_cast<DWORD>(row.integer(2));
+    const std::string_view data = row.blob(3);
+    value->data.assign(data.begin(), data.end());
+    return value;
+}
+
+std::size_t weight(const Value& value) {
+    return sizeof(Value) + value.data.size() + (value.folded.size() + value.name.size()) * sizeof(WCHAR);
+}
+
+}  // namespace
+
+Node::Node(KeyId number, std::vector<KeyId> above, std::u16string text)
+    : id(number), parents(std::move(above)), name(std::move(text)), folded(registry::folded(name)) {}
+
+Tree::Tree(Connection& reader) : reader_(reader) {
+    for (int i = 0; i < kRoots; ++i) {
+        roots_[static_cast<std::size_t>(i)] =
+            Ref<Node>::adopt(new Node(kFirstRoot + i, std::vector<KeyId>(), std::u16string()));
+    }
+}
+
+void Tree::attach(bool replaced) {
+    if (replaced) {
+        forget();
+        for (const auto& [id, node] : nodes_) {
+            node->deleted_ = true;
+            node->verified_ = true;
+        }
+        nodes_.clear();
+        begun_ = false;
+    }
+    commits_.attach(reader_);
+    stamp_known_ = false;
+}
+
+void Tree::detach() {
+    commits_.detach();
+    stamp_known_ = false;
+}
+
+void Tree::forget() noexcept {
+    const auto empty = [](Node& node) {
+        node.children_.clear();
+        node.has_children_ = false;
+        node.values_.clear();
+        node.has_values_ = false;
+        node.value_bytes_ = 0;
+    };
+    for (auto at = nodes_.begin(); at != nodes_.end();) {
+        Node& node = *at->second;
+        empty(node);
+        node.verified_ = false;
+        at = node.refs_.load(std::memory_order_acquire) == 1 ? nodes_.erase(at) : std::next(at);
+    }
+    for (const auto& root : roots_) {
+        empty(*root);
+    }
+    value_bytes_ = 0;
+    stamp_known_ = false;
+}
+
+DWORD Tree::failed() {
+    return fail(reader_);
+}
+
+Node* Tree::at_hand(KeyId id) const {
+    if (id >= kFirstRoot && id < kFirstRoot + kRoots) return roots_[static_cast<std::size_t>(id - kFirstRoot)].get();
+    const auto found = nodes_.find(id);
+    return found == nodes_.end() ? nullptr : found->second.get();
+}
+
+// The node of a key that is in the store, new if need be.
+Node& Tree::adopt(KeyId id, const std::vector<KeyId>& parents, std::u16string_view name) {
+    Ref<Node>& node = nodes_[id];
+    if (!node) {
+        try {
+            node = Ref<Node>::adopt(new Node(id, parents, std::u16string(name)));
+        } catch (...) {
+            nodes_.erase(id);
+            throw;
+        }
+    }
+    node->verified_ = true;
+    return *node;
+}
+
+DWORD Tree::changes(LONGLONG behind, int limit, std::vector<Change>& changes) {
+    const Use rows =
+        reader_.use("SELECT seq, kind, key, parents, name FROM change WHERE seq > ?1 ORDER BY seq LIMIT ?2");
+    if (!rows) return failed();
+    rows->bind(1, behind);
+    rows->bind(2, static_cast<LONG>(limit));
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        Change change{rows->integer(0), static_cast<ChangeKind>(rows->integer(1)), rows->integer(2), {}, {}};
+        const std::string_view parents = rows->blob(3);
+        change.parents.resize(parents.size() / sizeof(KeyId));
+        if (!parents.empty()) std::memcpy(change.parents.data(), parents.data(), change.parents.size() * sizeof(KeyId));
+        change.name = rows->text(4);
+        changes.push_back(std::move(change));
+    }
+    return code == SQLITE_DONE ? ERROR_SUCCESS : failed();
+}
+
+DWORD Tree::catch_up(const CommitWatch::Stamp& now, bool known) {
+    stamp_known_ = false;
+    std::vector<Change> news;
+    DWORD error = begun_ ? changes(seq_, kMostChanges + 1, news) : ERROR_SUCCESS;
+    if (error != 0) return error;
+    if (!begun_ || news.size() > kMostChanges || (!news.empty() && news.front().seq != seq_ + 1)) {
+        error = start_over();
+    } else if (!news.empty()) {
+        std::vector<Stale> stale;
+        for (const Change& change : news) {
+            apply(change, stale);
+        }
+        seq_ = news.back().seq;
+        error = renew(stale);
+    }
+    if (error != 0) {
+        forget();
+        return error;
+    }
+    // The stamp from before the reading: what came after it will show next time.
+    stamp_ = now;
+    stamp_known_ = known;
+    return ERROR_SUCCESS;
+}
+
+DWORD Tree::start_over() {
+    forget();
+    if (reader_.scalar("SELECT max(seq) FROM change", seq_) != 0) return failed();
+    begun_ = true;
+    return ERROR_SUCCESS;
+}
+
+// Changes may already show in what was read since: each of them is made only where it is not there yet.
+void Tree::apply(const Change& change, std::vector<Stale>& stale) {
+    if (change.parents.empty() && change.kind <= ChangeKind::KeyRemoved) return;  // no root comes or goes
+    Node* const node = at_hand(change.key);
+    switch (change.kind) {
+        case ChangeKind::KeyAdded:
+            if (Node* const parent = at_hand(change.parents.back()); parent != nullptr && parent->has_children_)
+                add(*parent, change);
+            break;
+        case ChangeKind::KeyRemoved:
+            if (node != nullptr) remove(*node);
+            break;
+        case ChangeKind::ValueSet:
+        case ChangeKind::ValueRemoved:
+            if (node != nullptr && node->has_values_) stale.push_back({Ref<Node>::retain(*node), folded(change.name)});
+            break;
+    }
+}
+
+void Tree::add(Node& parent, const Change& change) {
+    const std::u16string name = folded(change.name);
+    const auto place = place_of(parent.children_, name);
+    const bool taken = place != parent.children_.end() && (*place)->folded == name;
+    if (taken && (*place)->id >= change.key) return;  // its like was removed, and made again
+    Node& node = adopt(change.key, change.parents, change.name);
+    const auto at = place_of(parent.children_, name);
+    if (taken) {
+        *at = &node;
+    } else {
+        parent.children_.insert(at, &node);
+    }
+}
+
+void Tree::remove(Node& node) noexcept {
+    if (Node* const parent = at_hand(node.parents.back()); parent != nullptr && parent->has_children_) {
+        const auto at = find(parent->children_, node.folded);
+        if (at != parent->children_.end() && *at == &node) parent->children_.erase(at);
+    }
+    drop_values(node);
+    node.children_.clear();
+    node.has_children_ = false;
+    node.deleted_ = true;
+    node.verified_ = true;
+    nodes_.erase(node.id);
+}
+
+// Many changed values of one key are read with all of its values, when somebody asks for them.
+DWORD Tree::renew(std::vector<Stale>& stale) {
+    std::erase_if(stale, [](const Stale& each) { return !each.node->has_values_; });
+    std::sort(stale.begin(), stale.end(), [](const Stale& left, const Stale& right) {
+        return left.node->id != right.node->id ? left.node->id < right.node->id : left.folded < right.folded;
+    });
+    for (std::size_t i = 0; i < stale.size();) {
+        Node& node = *stale[i].node;
+        std::size_t end = i;
+        while (end < stale.size() && stale[end].node.get() == &node) {
+            ++end;
+        }
+        const std::size_t count = end - i;
+        if (count > 32 && count > node.values_.size() / 4) {
+            drop_values(node);
+            i = end;
+        }
+        for (; i < end; ++i) {
+            if (i + 1 < end && stale[i].folded == stale[i + 1].folded) continue;
+            const DWORD error = renew(stale[i]);
+            if (error != 0) return error;
+        }
+    }
+    return ERROR_SUCCESS;
+}
+
+DWORD Tree::renew(const Stale& stale) {
+    const Use row = reader_.use("SELECT folded, name, type, data FROM value WHERE key = ?1 AND folded = ?2");
+    if (!row) return failed();
+    row->bind(1, stale.node->id);
+    row->bind_units(2, stale.folded);
+    const int code = row->step();
+    if (code != SQLITE_ROW && code != SQLITE_DONE) return failed();
+    auto& values = stale.node->values_;
+    std::unique_ptr<Value> value;
+    if (code == SQLITE_ROW) value = read_value(*row);
+    const auto place = place_of(values, stale.folded);
+    const bool present = place != values.end() && (*place)->folded == stale.folded;
+    const std::size_t before = present ? weight(**place) : 0;
+    const std::size_t after = value ? weight(*value) : 0;
+    if (present && value) {
+        *place = std::move(value);
+    } else if (present) {
+        values.erase(place);
+    } else if (value) {
+        values.insert(place, std::move(value));
+    }
+    stale.node->value_bytes_ += after - before;
+    value_bytes_ += after - before;
+    return ERROR_SUCCESS;
+}
+
+DWORD Tree::verify(Node& node) {
+    const Use row = reader_.use("SELECT 1 FROM key WHERE id = ?1");
+    if (!row) return failed();
+    row->bind(1, node.id);
+    const int code = row->step();
+    if (code == SQLITE_ROW) {
+        node.verified_ = true;
+        return ERROR_SUCCESS;
+    }
+    if (code != SQLITE_DONE) return failed();
+    remove(node);  // its handles keep it
+    return ERROR_KEY_DELETED;
+}
+
+DWORD Tree::load_children(Node& node) {
+    const Use rows = reader_.use("SELECT id, name FROM key WHERE parent = ?1");
+    if (!rows) return failed();
+    std::vector<KeyId> parents = node.parents;
+    parents.push_back(node.id);
+    std::vector<Node*> children;
+    rows->bind(1, node.id);
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        children.push_back(&adopt(rows->integer(0), parents, rows->text(1)));
+    }
+    if (code != SQLITE_DONE) return failed();
+    sort(children);
+    node.children_ = std::move(children);
+    node.has_children_ = true;
+    return ERROR_SUCCESS;
+}
+
+DWORD Tree::load_values(Node& node) {
+    if (value_bytes_ > kMostValueBytes) {
+        for (const auto& [id, other] : nodes_) {
+            drop_values(*other);
+        }
+    }
+    const Use rows = reader_.use("SELECT folded, name, type, data FROM value WHERE key = ?1");
+    if (!rows) return failed();
+    rows->bind(1, node.id);
+    std::vector<std::unique_ptr<Value>> values;
+    std::size_t bytes = 0;
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        values.push_back(read_value(*rows));
+        bytes += weight(*values.back());
+    }
+    if (code != SQLITE_DONE) return failed();
+    sort(values);
+    node.values_ = std::move(values);
+    node.has_values_ = true;
+    node.value_bytes_ = bytes;
+    value_bytes_ += bytes;
+    return ERROR_SUCCESS;
+}
+
+void Tree::drop_values(Node& node) noexcept {
+    value_bytes_ -= node.value_bytes_;
+    node.value_bytes_ = 0;
+    node.values_.clear();
+    node.has_values_ = false;
+}
+
+DWORD Tree::walk(Node& from, LPCWSTR path, Node*& found) {
+    DWORD error = check(from);
+    found = &from;
+    PathParts parts(path);
+    std::u16string_view part;
+    while (error == ERROR_SUCCESS && parts.next(part)) {
+        const FoldedName name(part);
+        if (!name) return ERROR_FILE_NOT_FOUND;
+        if (!found->has_children_) error = load_children(*found);
+        if (error != ERROR_SUCCESS) return error;
+        const auto child = find(found->children_, name.view());
+        if (child == found->children_.end()) return ERROR_FILE_NOT_FOUND;
+        found = *child;
+    }
+    return error;
+}
+
+DWORD Tree::value(Node& node, std::u16string_view name, const Value*& found) {
+    const std::vector<std::unique_ptr<Value>>* all = nullptr;
+    const DWORD error = values(node, all);
+    if (error != ERROR_SUCCESS) return error;
+    const FoldedName wanted(name);
+    if (!wanted) return ERROR_FILE_NOT_FOUND;
+    const auto value = find(*all, wanted.view());
+    if (value == all->end()) return ERROR_FILE_NOT_FOUND;
+    found = value->get();
+    return ERROR_SUCCESS;
+}
+
+DWORD Tree::children(Node& node, const std::vector<Node*>*& children) {
+    DWORD error = check(node);
+    if (error == ERROR_SUCCESS && !node.has_children_) error = load_children(node);
+    children = &node.children_;
+    return error;
+}
+
+DWORD Tree::values(Node& node, const std::vector<std::unique_ptr<Value>>*& values) {
+    DWORD error = check(node);
+    if (error == ERROR_SUCCESS && !node.has_values_) error = load_values(node);
+    values = &node.values_;
+    return error;
+}
+
+DWORD Tree::class_of(Node& node, std::u16string_view& text) {
+    if (const DWORD error = check(node); error != ERROR_SUCCESS) return error;
+    if (!node.has_class_) {
+        const Use row = reader_.use("SELECT class FROM key WHERE id = ?1");
+        if (!row) return failed();
+        row->bind(1, node.id);
+        const int code = row->step();
+        if (code != SQLITE_ROW && code != SQLITE_DONE) return failed();
+        if (code == SQLITE_ROW) node.class_ = row->text(0);
+        node.has_class_ = true;
+    }
+    text = node.class_;
+    return ERROR_SUCCESS;
+}
+
+DWORD Tree::longest_class(Node& node, DWORD& length) {
+    const Use row = reader_.use("SELECT max(length(class)) FROM key WHERE parent = ?1");
+    if (!row) return failed();
+    row->bind(1, node.id);
+    if (row->step() != SQLITE_ROW) return failed();
+    length = static_cast<DWORD>(static_cast<std::size_t>(row->integer(0)) / sizeof(WCHAR));
+    return ERROR_SUCCESS;
+}
+
+}  // namespace zr::platform::registry

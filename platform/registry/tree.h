@@ -1,0 +1,146 @@
+#pragma once
+
+// The registry as this process has it in memory: what was read of it, kept as new as the store.
+//
+// A key's sub-keys and its values are read whole when they are first asked for. After that only changes are read: the
+// change log names them (changes.h). Before anything is looked at, refresh() brings all that is here up to the last
+// commit of any process; while nothing is committed that costs a comparison of 48 bytes. What is read from the store
+// after refresh() may be newer than that; what is here is never older.
+//
+// Used with the store's lock held. May throw std::bad_alloc; then forget() must be called.
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "changes.h"
+#include "commit_watch.h"
+#include "handle_table.h"
+#include "names.h"
+#include "schema.h"
+#include "sqlite.h"
+
+namespace zr::platform::registry {
+
+struct Value {
+    std::u16string folded;
+    std::u16string name;
+    DWORD type = 0;
+    std::vector<BYTE> data;
+};
+
+// A key. The tree has a reference, and so has every handle: a key that was deleted lives on as that.
+class Node {
+public:
+    Node(KeyId id, std::vector<KeyId> parents, std::u16string name);
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
+
+    void add_ref() noexcept { refs_.fetch_add(1, std::memory_order_relaxed); }
+    void release() noexcept {
+        if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    }
+
+    // These never change, and may be read without a lock.
+    const KeyId id;
+    const std::vector<KeyId> parents;
+    const std::u16string name;
+    const std::u16string folded;
+    bool is_root() const { return parents.empty(); }
+
+private:
+    friend class Tree;
+    ~Node() = default;
+
+    std::atomic<std::uint32_t> refs_{1};
+    bool deleted_ = false;
+    bool verified_ = true;  // known to be in the store
+    bool has_children_ = false;
+    bool has_values_ = false;
+    bool has_class_ = false;
+    std::size_t value_bytes_ = 0;
+    std::vector<Node*> children_;                 // by folded name
+    std::vector<std::unique_ptr<Value>> values_;  // by folded name
+    std::u16string class_;
+};
+
+class Tree {
+public:
+    explicit Tree(Connection& reader);
+    Tree(const Tree&) = delete;
+    Tree& operator=(const Tree&) = delete;
+
+    // The reader has been opened; `replaced`: on another file than before, so that no key is any more what it was.
+    void attach(bool replaced);
+    void detach();
+
+    DWORD refresh() {
+        CommitWatch::Stamp now;
+        const bool known = commits_.look(now);
+        if (known && stamp_known_ && now == stamp_) return ERROR_SUCCESS;
+        return catch_up(now, known);
+    }
+    // Drops all that is here but for the keys that have handles. Needs no memory.
+    void forget() noexcept;
+    // The number of the last change that is here, and what the journal was like then (false: that is not known).
+    LONGLONG seq() const { return seq_; }
+    bool stamp(CommitWatch::Stamp& stamp) const {
+        stamp = stamp_;
+        return stamp_known_;
+    }
+
+    Node& root(std::size_t index) { return *roots_[index]; }
+    // ERROR_KEY_DELETED, or nothing.
+    DWORD check(Node& node) {
+        return node.verified_ ? node.deleted_ ? ERROR_KEY_DELETED : ERROR_SUCCESS : verify(node);
+    }
+    // ERROR_FILE_NOT_FOUND when the key or value is not there. What is found is good until the lock is given back.
+    DWORD walk(Node& from, LPCWSTR path, Node*& found);
+    DWORD value(Node& node, std::u16string_view name, const Value*& found);
+    DWORD children(Node& node, const std::vector<Node*>*& children);
+    DWORD values(Node& node, const std::vector<std::unique_ptr<Value>>*& values);
+    DWORD class_of(Node& node, std::u16string_view& text);
+    DWORD longest_class(Node& node, DWORD& length);
+
+    DWORD changes(LONGLONG behind, int limit, std::vector<Change>& changes);
+
+private:
+    // A value of a key in memory that has to be read again.
+    struct Stale {
+        Ref<Node> node;
+        std::u16string folded;
+    };
+
+    DWORD catch_up(const CommitWatch::Stamp& now, bool known);
+    DWORD start_over();
+    void apply(const Change& change, std::vector<Stale>& stale);
+    DWORD renew(std::vector<Stale>& stale);
+    DWORD renew(const Stale& stale);
+    DWORD verify(Node& node);
+    DWORD load_children(Node& node);
+    DWORD load_values(Node& node);
+    void drop_values(Node& node) noexcept;
+    void add(Node& parent, const Change& change);
+    void remove(Node& node) noexcept;
+    Node* at_hand(KeyId id) const;
+    Node& adopt(KeyId id, const std::vector<KeyId>& parents, std::u16string_view name);
+    DWORD failed();
+
+    static constexpr int kMostChanges = 8192;
+    static constexpr std::size_t kMostValueBytes = std::size_t{64} << 20;
+
+    Connection& reader_;
+    CommitWatch commits_;
+    CommitWatch::Stamp stamp_;
+    bool stamp_known_ = false;
+    bool begun_ = false;
+    LONGLONG seq_ = 0;
+    std::size_t value_bytes_ = 0;
+    std::unordered_map<KeyId, Ref<Node>> nodes_;  // all but the roots
+    std::array<Ref<Node>, kRoots> roots_;
+};
+
+}  // namespace zr::platform::registry
