@@ -57,13 +57,11 @@ void give(T* to, T value) {
 
 }  // namespace
 
-DWORD open_key(Ref<Node> node, HKEY& key) noexcept {
+DWORD open_key(Node& node, HKEY& key) noexcept {
     const DWORD last_error = GetLastError();
-    const Ref<KeyObject> object = Ref<KeyObject>::adopt(new (std::nothrow) KeyObject(std::move(node)));
-    if (!object) return ERROR_NOT_ENOUGH_MEMORY;
-    HANDLE handle = open_handle(*object);
+    HANDLE handle = open_handle(node);
     if (root_index(reinterpret_cast<HKEY>(handle)) >= 0) {  // where handles are short they may look like a root's
-        const HANDLE other = open_handle(*object);
+        const HANDLE other = open_handle(node);
         close_handle(handle);
         handle = other;
     }
@@ -94,7 +92,7 @@ LONG RegOpenKeyExW(HKEY key, LPCWSTR path, DWORD, REGSAM, HKEY* opened) {
     if (opened == nullptr) return result(ERROR_INVALID_PARAMETER);
     Ref<Node> node;
     const DWORD error = find(key, path, node);
-    return result(error == ERROR_SUCCESS ? open_key(std::move(node), *opened) : error);
+    return result(error == ERROR_SUCCESS ? open_key(*node, *opened) : error);
 }
 
 LONG RegCreateKeyExW(HKEY key, LPCWSTR path, DWORD reserved, LPCWSTR key_class, DWORD, REGSAM,
@@ -105,7 +103,7 @@ LONG RegCreateKeyExW(HKEY key, LPCWSTR path, DWORD reserved, LPCWSTR key_class, 
     Ref<Node> node;
     bool created = false;
     DWORD error = find_or_make(key, path, name_of_class, node, created);
-    if (error == ERROR_SUCCESS) error = open_key(std::move(node), *opened);
+    if (error == ERROR_SUCCESS) error = open_key(*node, *opened);
     if (error == ERROR_SUCCESS) give(disposition, created ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY);
     return result(error);
 }
@@ -113,7 +111,7 @@ LONG RegCreateKeyExW(HKEY key, LPCWSTR path, DWORD reserved, LPCWSTR key_class, 
 LONG RegCloseKey(HKEY key) {
     if (root_index(key) >= 0) return result(ERROR_SUCCESS);
     const DWORD last_error = GetLastError();
-    if (close_handle(reinterpret_cast<HANDLE>(key), KeyObject::kKind)) return result(ERROR_SUCCESS);
+    if (close_handle(reinterpret_cast<HANDLE>(key), Node::kKind)) return result(ERROR_SUCCESS);
     SetLastError(last_error);
     return result(ERROR_INVALID_HANDLE);
 }

@@ -1,24 +1,12 @@
 #pragma once
 
-// What a key's handle names.
+// From a caller's handle to the key.
 
 #include "handle_table.h"
 #include "platform/registry.h"
 #include "store.h"
 
 namespace zr::platform::registry {
-
-class KeyObject final : public Object {
-public:
-    static constexpr ObjectKind kKind = ObjectKind::RegistryKey;
-
-    explicit KeyObject(Ref<Node> key) noexcept : Object(kKind), node(std::move(key)) {}
-
-    const Ref<Node> node;
-
-private:
-    ~KeyObject() override = default;
-};
 
 // The position of a root handle among the roots; -1 for every other value.
 inline int root_index(HKEY key) noexcept {
@@ -34,21 +22,17 @@ public:
         : root_(root_index(key)), pinned_(root_ >= 0 ? Pin() : Pin(reinterpret_cast<HANDLE>(key))) {}
     explicit operator bool() const noexcept { return root_ >= 0 || pinned_; }
     // The key's node. A root's number and path are those of its place.
-    Node& node(Tree& tree) const noexcept {
-        return root_ >= 0 ? tree.root(static_cast<std::size_t>(root_)) : *pinned_->node;
-    }
-    Place place() const {
-        if (root_ >= 0) return {kFirstRoot + root_, {}};
-        return {pinned_->node->id, pinned_->node->parents};
-    }
+    Node& node(Tree& tree) const noexcept { return root_ >= 0 ? tree.root(static_cast<std::size_t>(root_)) : *pinned_; }
+    KeyId id() const noexcept { return root_ >= 0 ? kFirstRoot + root_ : pinned_->id; }
+    Place place() const { return {id(), root_ >= 0 ? std::vector<KeyId>() : pinned_->parents}; }
 
 private:
     int root_;
-    Pinned<KeyObject> pinned_;
+    Pinned<Node> pinned_;
 };
 
 // A new handle to the key.
-DWORD open_key(Ref<Node> node, HKEY& key) noexcept;
+DWORD open_key(Node& node, HKEY& key) noexcept;
 
 // Calls body(tree, node) with the key that a handle names.
 template <class Body>

@@ -31,6 +31,7 @@ constexpr const char* kSteps[] = {
 // A commit is not synced: RegFlushKey does that. SQLite itself still syncs where it must to keep the file whole: the
 // journal before a checkpoint copies from it, the file before the journal is begun anew, and the journal's new front.
 const StoreKind kRegistryStore = {kStoreName, kApplicationId, kSteps,
+                                  "PRAGMA page_size = 1024;"
                                   "PRAGMA journal_mode = WAL;"
                                   "PRAGMA synchronous = NORMAL;"
                                   "PRAGMA wal_autocheckpoint = 2000;"

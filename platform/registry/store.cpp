@@ -46,6 +46,10 @@ std::string folder_of(const std::string& file) {
 
 }  // namespace
 
+OpenFile::~OpenFile() {
+    if (descriptor >= 0) close(descriptor);
+}
+
 Store* Store::instance() noexcept {
     static Store* const store = []() noexcept -> Store* {
         try {
@@ -61,6 +65,7 @@ Store* Store::instance() noexcept {
 void Store::before_fork() noexcept {
     the_store->write_mutex_.lock();
     the_store->mutex_.lock();
+    the_store->commits_.detach();
     the_store->writer_.close();
     the_store->close_reader();
 }
@@ -73,7 +78,7 @@ void Store::after_fork() noexcept {
 void Store::close_reader() noexcept {
     tree_.detach();
     reader_.close();
-    if (journal_ >= 0) close(std::exchange(journal_, -1));
+    journal_.reset();
     flushed_known_ = false;
     folder_flushed_ = false;
 }
@@ -112,15 +117,17 @@ DWORD Store::open_journal() {
     LONGLONG version = 0;
     if (reader_.scalar("SELECT max(seq) FROM change", version) != 0) return fail(reader_);
     const std::string path = path_ + "-wal";
-    journal_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    return journal_ >= 0 ? ERROR_SUCCESS : system_failure(path, errno);
+    journal_ = std::make_shared<const OpenFile>(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    return journal_->descriptor >= 0 ? ERROR_SUCCESS : system_failure(path, errno);
 }
 
 DWORD Store::prepare_writer() {
     const std::lock_guard lock(mutex_);
     const DWORD error = fresh();
     if (error != ERROR_SUCCESS) return error;
+    prepared_known_ = tree_.stamp(prepared_);
     if (writer_.is_open() && writer_opening_ == opening_) return ERROR_SUCCESS;
+    commits_.detach();
     writer_.close();
     if (open_connection(kRegistryStore, path_, writer_) != 0) {
         const DWORD failure = fail(writer_);
@@ -128,8 +135,20 @@ DWORD Store::prepare_writer() {
         return failure;
     }
     sqlite3_db_config(writer_.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    commits_.attach(writer_);
     writer_opening_ = opening_;
     return ERROR_SUCCESS;
+}
+
+void Store::take_over(const Tree::OwnChange& change) noexcept {
+    CommitWatch::Stamp after;
+    if (!commits_.look(after) || !after.is_next_after(prepared_)) return;
+    const std::lock_guard lock(mutex_);
+    try {
+        tree_.take_over(change, prepared_, after);
+    } catch (const std::bad_alloc&) {
+        tree_.forget();
+    }
 }
 
 // A commit is in the journal but not on the disk. Syncing the journal's file brings all that any process has committed
@@ -139,17 +158,16 @@ DWORD Store::flush() noexcept {
     CommitWatch::Stamp stamp;
     bool known = false;
     bool folder_too = false;
-    int file = -1;
+    std::shared_ptr<const OpenFile> file;
     DWORD error = read([&](Tree& tree) -> DWORD {
         known = tree.stamp(stamp);
         if (known && flushed_known_ && stamp == flushed_) return ERROR_SUCCESS;
         folder_too = !folder_flushed_;
-        file = fcntl(journal_, F_DUPFD_CLOEXEC, 0);
-        return file >= 0 ? ERROR_SUCCESS : system_failure(path_, errno);
+        file = journal_;
+        return ERROR_SUCCESS;
     });
-    if (error != ERROR_SUCCESS || file < 0) return error;
-    error = flush_journal(file, folder_too);
-    close(file);
+    if (error != ERROR_SUCCESS || !file) return error;
+    error = flush_journal(file->descriptor, folder_too);
     if (error != ERROR_SUCCESS) return error;
     const std::lock_guard lock(mutex_);
     folder_flushed_ = true;

@@ -9,6 +9,7 @@
 // Fork. A connection cannot be carried into another process, nor stay behind in this one while another process has
 // copies of it. So before a fork both are closed, and opened again when they are next needed.
 
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
@@ -19,6 +20,16 @@
 #include "tree.h"
 
 namespace zr::platform::registry {
+
+// A descriptor, closed with the last of its users.
+struct OpenFile {
+    explicit OpenFile(int number) : descriptor(number) {}
+    ~OpenFile();
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    const int descriptor;
+};
 
 class Store {
 public:
@@ -38,17 +49,20 @@ public:
         }
     }
 
-    // Calls body(transaction) and commits, or takes all of it back when it returns an error.
+    // Calls body(transaction) and commits, or takes all of it back when it returns an error. `own`: the one change that
+    // is made; the tree then need not read what this process has just written.
     template <class Body>
-    DWORD write(Body&& body) noexcept {
+    DWORD write(Body&& body, const Tree::OwnChange* own = nullptr) noexcept {
         const std::lock_guard right(write_mutex_);
         try {
             DWORD error = prepare_writer();
             if (error != ERROR_SUCCESS) return error;
             Transaction transaction(writer_, bell_);
             error = transaction.begin();
+            const bool alone = error == ERROR_SUCCESS && own != nullptr && tree_is_newest();
             if (error == ERROR_SUCCESS) error = body(transaction);
             if (error == ERROR_SUCCESS) error = transaction.commit();
+            if (error == ERROR_SUCCESS && alone) take_over(*own);
             return seen(error);
         } catch (const std::bad_alloc&) {
             return ERROR_NOT_ENOUGH_MEMORY;
@@ -79,6 +93,12 @@ private:
     DWORD open_journal();
     void close_reader() noexcept;
     DWORD prepare_writer();
+    // Whether nothing was committed since prepare_writer; while the transaction is open nothing will be.
+    bool tree_is_newest() const {
+        CommitWatch::Stamp now;
+        return prepared_known_ && commits_.look(now) && now == prepared_;
+    }
+    void take_over(const Tree::OwnChange& change) noexcept;
     DWORD flush_journal(int file, bool folder_too);
     static void before_fork() noexcept;
     static void after_fork() noexcept;
@@ -86,6 +106,9 @@ private:
     std::mutex write_mutex_;  // guards the writer; the bell is made once and then needs no lock
     Connection writer_;
     unsigned writer_opening_ = 0;
+    CommitWatch commits_;          // by the writer's connection
+    CommitWatch::Stamp prepared_;  // what the tree was like when the writer was made ready
+    bool prepared_known_ = false;
 
     std::mutex mutex_;  // guards all that follows
     std::string path_;
@@ -95,7 +118,7 @@ private:
     unsigned opening_ = 0;  // counts how often the store was opened
     Connection reader_;
     Tree tree_;
-    int journal_ = -1;
+    std::shared_ptr<const OpenFile> journal_;
     bool folder_flushed_ = false;
     bool flushed_known_ = false;
     CommitWatch::Stamp flushed_;  // what the journal was like when it was last flushed

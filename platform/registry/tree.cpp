@@ -49,7 +49,7 @@ std::size_t weight(const Value& value) {
 }  // namespace
 
 Node::Node(KeyId number, std::vector<KeyId> above, std::u16string text)
-    : id(number), parents(std::move(above)), name(std::move(text)), folded(registry::folded(name)) {}
+    : Object(kKind), id(number), parents(std::move(above)), name(std::move(text)), folded(registry::folded(name)) {}
 
 Tree::Tree(Connection& reader) : reader_(reader) {
     for (int i = 0; i < kRoots; ++i) {
@@ -78,6 +78,7 @@ void Tree::detach() {
 }
 
 void Tree::forget() noexcept {
+    ++moves_;
     const auto empty = [](Node& node) {
         node.children_.clear();
         node.has_children_ = false;
@@ -85,11 +86,9 @@ void Tree::forget() noexcept {
         node.has_values_ = false;
         node.value_bytes_ = 0;
     };
-    for (auto at = nodes_.begin(); at != nodes_.end();) {
-        Node& node = *at->second;
-        empty(node);
-        node.verified_ = false;
-        at = node.refs_.load(std::memory_order_acquire) == 1 ? nodes_.erase(at) : std::next(at);
+    for (const auto& [id, node] : nodes_) {
+        empty(*node);
+        node->verified_ = false;
     }
     for (const auto& root : roots_) {
         empty(*root);
@@ -197,6 +196,7 @@ void Tree::add(Node& parent, const Change& change) {
     const auto place = place_of(parent.children_, name);
     const bool taken = place != parent.children_.end() && (*place)->folded == name;
     if (taken && (*place)->id >= change.key) return;  // its like was removed, and made again
+    ++moves_;
     Node& node = adopt(change.key, change.parents, change.name);
     const auto at = place_of(parent.children_, name);
     if (taken) {
@@ -207,6 +207,7 @@ void Tree::add(Node& parent, const Change& change) {
 }
 
 void Tree::remove(Node& node) noexcept {
+    ++moves_;
     if (Node* const parent = at_hand(node.parents.back()); parent != nullptr && parent->has_children_) {
         const auto at = find(parent->children_, node.folded);
         if (at != parent->children_.end() && *at == &node) parent->children_.erase(at);
@@ -252,11 +253,16 @@ DWORD Tree::renew(const Stale& stale) {
     row->bind_units(2, stale.folded);
     const int code = row->step();
     if (code != SQLITE_ROW && code != SQLITE_DONE) return failed();
-    auto& values = stale.node->values_;
-    std::unique_ptr<Value> value;
-    if (code == SQLITE_ROW) value = read_value(*row);
-    const auto place = place_of(values, stale.folded);
-    const bool present = place != values.end() && (*place)->folded == stale.folded;
+    replace(*stale.node, stale.folded, code == SQLITE_ROW ? read_value(*row) : nullptr);
+    return ERROR_SUCCESS;
+}
+
+// Puts a value into the place of the one of its name; none takes it away.
+void Tree::replace(Node& node, std::u16string_view folded, std::unique_ptr<Value> value) {
+    ++moves_;
+    auto& values = node.values_;
+    const auto place = place_of(values, folded);
+    const bool present = place != values.end() && (*place)->folded == folded;
     const std::size_t before = present ? weight(**place) : 0;
     const std::size_t after = value ? weight(*value) : 0;
     if (present && value) {
@@ -266,9 +272,30 @@ DWORD Tree::renew(const Stale& stale) {
     } else if (value) {
         values.insert(place, std::move(value));
     }
-    stale.node->value_bytes_ += after - before;
+    node.value_bytes_ += after - before;
     value_bytes_ += after - before;
-    return ERROR_SUCCESS;
+}
+
+void Tree::take_over(const OwnChange& change, const CommitWatch::Stamp& before, const CommitWatch::Stamp& after) {
+    if (!stamp_known_ || !(stamp_ == before)) return;
+    stamp_known_ = false;
+    Node* const node = at_hand(change.key);
+    if (node != nullptr && node->has_values_) {
+        const std::u16string name = folded(change.name);
+        std::unique_ptr<Value> value;
+        if (change.kind == ChangeKind::ValueSet) {
+            const auto old = find(node->values_, name);
+            value = std::make_unique<Value>();
+            value->folded = name;
+            value->name = old != node->values_.end() ? (*old)->name : change.name;
+            value->type = change.type;
+            value->data.assign(change.data, change.data + change.size);
+        }
+        replace(*node, name, std::move(value));
+    }
+    ++seq_;
+    stamp_ = after;
+    stamp_known_ = true;
 }
 
 DWORD Tree::verify(Node& node) {
@@ -298,6 +325,7 @@ DWORD Tree::load_children(Node& node) {
     }
     if (code != SQLITE_DONE) return failed();
     sort(children);
+    ++moves_;
     node.children_ = std::move(children);
     node.has_children_ = true;
     return ERROR_SUCCESS;
@@ -321,6 +349,7 @@ DWORD Tree::load_values(Node& node) {
     }
     if (code != SQLITE_DONE) return failed();
     sort(values);
+    ++moves_;
     node.values_ = std::move(values);
     node.has_values_ = true;
     node.value_bytes_ = bytes;
@@ -329,6 +358,7 @@ DWORD Tree::load_values(Node& node) {
 }
 
 void Tree::drop_values(Node& node) noexcept {
+    ++moves_;
     value_bytes_ -= node.value_bytes_;
     node.value_bytes_ = 0;
     node.values_.clear();
@@ -336,7 +366,23 @@ void Tree::drop_values(Node& node) noexcept {
 }
 
 DWORD Tree::walk(Node& from, LPCWSTR path, Node*& found) {
-    DWORD error = check(from);
+    const DWORD error = check(from);
+    if (error != ERROR_SUCCESS || path == nullptr) {
+        found = &from;
+        return error;
+    }
+    Recent<Node>& recent = recent_keys_[recent_place(from, path)];
+    if (recent.answers(from, path, moves_)) {
+        found = recent.found;
+        return ERROR_SUCCESS;
+    }
+    const DWORD failure = search(from, path, found);
+    if (failure == ERROR_SUCCESS) remember(recent, from, path, found);
+    return failure;
+}
+
+DWORD Tree::search(Node& from, LPCWSTR path, Node*& found) {
+    DWORD error = ERROR_SUCCESS;
     found = &from;
     PathParts parts(path);
     std::u16string_view part;
@@ -352,7 +398,13 @@ DWORD Tree::walk(Node& from, LPCWSTR path, Node*& found) {
     return error;
 }
 
-DWORD Tree::value(Node& node, std::u16string_view name, const Value*& found) {
+DWORD Tree::value(Node& node, LPCWSTR name, const Value*& found) {
+    if (name == nullptr) name = u"";
+    Recent<const Value>& recent = recent_values_[recent_place(node, name)];
+    if (recent.answers(node, name, moves_) && node.verified_ && !node.deleted_) {
+        found = recent.found;
+        return ERROR_SUCCESS;
+    }
     const std::vector<std::unique_ptr<Value>>* all = nullptr;
     const DWORD error = values(node, all);
     if (error != ERROR_SUCCESS) return error;
@@ -361,6 +413,7 @@ DWORD Tree::value(Node& node, std::u16string_view name, const Value*& found) {
     const auto value = find(*all, wanted.view());
     if (value == all->end()) return ERROR_FILE_NOT_FOUND;
     found = value->get();
+    remember(recent, node, name, found);
     return ERROR_SUCCESS;
 }
 

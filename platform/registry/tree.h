@@ -10,8 +10,8 @@
 // Used with the store's lock held. May throw std::bad_alloc; then forget() must be called.
 
 #include <array>
-#include <atomic>
 #include <memory>
+#include <new>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -32,17 +32,13 @@ struct Value {
     std::vector<BYTE> data;
 };
 
-// A key. The tree has a reference, and so has every handle: a key that was deleted lives on as that.
-class Node {
+// A key, and what its handles name. The tree has a reference, and so has every handle: a key that was deleted lives on
+// as that.
+class Node final : public Object {
 public:
-    Node(KeyId id, std::vector<KeyId> parents, std::u16string name);
-    Node(const Node&) = delete;
-    Node& operator=(const Node&) = delete;
+    static constexpr ObjectKind kKind = ObjectKind::RegistryKey;
 
-    void add_ref() noexcept { refs_.fetch_add(1, std::memory_order_relaxed); }
-    void release() noexcept {
-        if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
-    }
+    Node(KeyId id, std::vector<KeyId> parents, std::u16string name);
 
     // These never change, and may be read without a lock.
     const KeyId id;
@@ -53,9 +49,8 @@ public:
 
 private:
     friend class Tree;
-    ~Node() = default;
+    ~Node() override = default;
 
-    std::atomic<std::uint32_t> refs_{1};
     bool deleted_ = false;
     bool verified_ = true;  // known to be in the store
     bool has_children_ = false;
@@ -83,8 +78,20 @@ public:
         if (known && stamp_known_ && now == stamp_) return ERROR_SUCCESS;
         return catch_up(now, known);
     }
-    // Drops all that is here but for the keys that have handles. Needs no memory.
+    // Drops all that was read but for which keys there are. Needs no memory.
     void forget() noexcept;
+    // Takes over a change of a value that this process has committed: the only commit between the two stamps. Where the
+    // tree has moved on from the first it will be read like everybody's.
+    struct OwnChange {
+        KeyId key;
+        ChangeKind kind;
+        std::u16string_view name;
+        DWORD type;
+        const BYTE* data;
+        DWORD size;
+    };
+    void take_over(const OwnChange& change, const CommitWatch::Stamp& before, const CommitWatch::Stamp& after);
+
     // The number of the last change that is here, and what the journal was like then (false: that is not known).
     LONGLONG seq() const { return seq_; }
     bool stamp(CommitWatch::Stamp& stamp) const {
@@ -99,7 +106,7 @@ public:
     }
     // ERROR_FILE_NOT_FOUND when the key or value is not there. What is found is good until the lock is given back.
     DWORD walk(Node& from, LPCWSTR path, Node*& found);
-    DWORD value(Node& node, std::u16string_view name, const Value*& found);
+    DWORD value(Node& node, LPCWSTR name, const Value*& found);
     DWORD children(Node& node, const std::vector<Node*>*& children);
     DWORD values(Node& node, const std::vector<std::unique_ptr<Value>>*& values);
     DWORD class_of(Node& node, std::u16string_view& text);
@@ -114,11 +121,51 @@ private:
         std::u16string folded;
     };
 
+    // What was found lately, by the text that was asked for and where it stood: callers ask with the same constants
+    // over and over. Good while nothing in the tree has moved.
+    template <class Found>
+    struct Recent {
+        const Node* from = nullptr;
+        ULONGLONG moves = 0;
+        std::u16string text;
+        Found* found = nullptr;
+
+        bool answers(const Node& asked, const WCHAR* name, ULONGLONG now) const {
+            if (from != &asked || moves != now) return false;
+            for (const WCHAR unit : text) {
+                if (*name++ != unit) return false;
+            }
+            return *name == 0;
+        }
+    };
+    static constexpr std::size_t kRecent = 256;
+    static constexpr std::size_t kLongestRecent = 255;
+    static std::size_t recent_place(const Node& from, const WCHAR* text) {
+        const auto mixed =
+            reinterpret_cast<std::uintptr_t>(&from) / 64 * 31 + reinterpret_cast<std::uintptr_t>(text) / 2;
+        return (mixed ^ mixed >> 8) % kRecent;
+    }
+    template <class Found>
+    void remember(Recent<Found>& recent, const Node& from, std::u16string_view text, Found* found) noexcept {
+        if (text.size() > kLongestRecent) return;
+        recent.from = nullptr;
+        try {
+            recent.text = text;
+        } catch (const std::bad_alloc&) {
+            return;  // then it is searched for again
+        }
+        recent.moves = moves_;
+        recent.found = found;
+        recent.from = &from;
+    }
+
+    DWORD search(Node& from, LPCWSTR path, Node*& found);
     DWORD catch_up(const CommitWatch::Stamp& now, bool known);
     DWORD start_over();
     void apply(const Change& change, std::vector<Stale>& stale);
     DWORD renew(std::vector<Stale>& stale);
     DWORD renew(const Stale& stale);
+    void replace(Node& node, std::u16string_view folded, std::unique_ptr<Value> value);
     DWORD verify(Node& node);
     DWORD load_children(Node& node);
     DWORD load_values(Node& node);
@@ -138,6 +185,9 @@ private:
     bool stamp_known_ = false;
     bool begun_ = false;
     LONGLONG seq_ = 0;
+    ULONGLONG moves_ = 0;  // counts what may have made an answer another one
+    std::array<Recent<Node>, kRecent> recent_keys_;
+    std::array<Recent<const Value>, kRecent> recent_values_;
     std::size_t value_bytes_ = 0;
     std::unordered_map<KeyId, Ref<Node>> nodes_;  // all but the roots
     std::array<Ref<Node>, kRoots> roots_;

@@ -17,6 +17,24 @@ DWORD give_value(const Value& value, DWORD* type, BYTE* data, DWORD* size) noexc
     return ERROR_SUCCESS;
 }
 
+// Sets or deletes a value.
+DWORD change_value(HKEY key, Tree::OwnChange change) noexcept {
+    const KeyArgument argument(key);
+    if (!argument) return ERROR_INVALID_HANDLE;
+    Store* const store = Store::instance();
+    if (store == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    change.key = argument.id();
+    const auto body = [&](Transaction& transaction) {
+        const Place place = argument.place();
+        const DWORD error = transaction.check(place);
+        if (error != ERROR_SUCCESS) return error;
+        return change.kind == ChangeKind::ValueSet
+                   ? transaction.set_value(place, change.name, change.type, change.data, change.size)
+                   : transaction.delete_value(place, change.name);
+    };
+    return store->write(body, &change);
+}
+
 }  // namespace
 }  // namespace zr::platform::registry
 
@@ -27,24 +45,18 @@ LONG RegQueryValueExW(HKEY key, LPCWSTR name, DWORD* reserved, DWORD* type, BYTE
     if (reserved != nullptr || (data != nullptr && size == nullptr)) return result(ERROR_INVALID_PARAMETER);
     return result(read_key(key, [&](Tree& tree, Node& node) {
         const Value* value = nullptr;
-        const DWORD error = tree.value(node, value_name(name), value);
+        const DWORD error = tree.value(node, name, value);
         return error == ERROR_SUCCESS ? give_value(*value, type, data, size) : error;
     }));
 }
 
 LONG RegSetValueExW(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
     if (reserved != 0 || (data == nullptr && size != 0)) return result(ERROR_INVALID_PARAMETER);
-    return result(change_key(key, [&](Transaction& transaction, Place& place) {
-        const DWORD error = transaction.check(place);
-        return error == ERROR_SUCCESS ? transaction.set_value(place, value_name(name), type, data, size) : error;
-    }));
+    return result(change_value(key, {0, ChangeKind::ValueSet, value_name(name), type, data, size}));
 }
 
 LONG RegDeleteValueW(HKEY key, LPCWSTR name) {
-    return result(change_key(key, [&](Transaction& transaction, Place& place) {
-        const DWORD error = transaction.check(place);
-        return error == ERROR_SUCCESS ? transaction.delete_value(place, value_name(name)) : error;
-    }));
+    return result(change_value(key, {0, ChangeKind::ValueRemoved, value_name(name), 0, nullptr, 0}));
 }
 
 LONG RegEnumValueW(HKEY key, DWORD index, LPWSTR name, DWORD* name_chars, DWORD* reserved, DWORD* type, BYTE* data,

@@ -6,6 +6,9 @@
 // with every commit and that SQLite itself compares to learn whether its view is the newest. So: equal stamps mean that
 // nothing was committed between the two looks.
 
+#include <cstdint>
+#include <cstring>
+
 #include "platform/types.h"
 
 namespace zr::platform {
@@ -17,6 +20,16 @@ public:
     struct Stamp {
         ULONGLONG words[6] = {};
         friend bool operator==(const Stamp&, const Stamp&) = default;
+
+        // Whether exactly one commit lies between the two. The header's third 32-bit word counts them.
+        bool is_next_after(const Stamp& before) const { return count() == before.count() + 1; }
+
+    private:
+        std::uint32_t count() const {
+            std::uint32_t parts[2];
+            std::memcpy(parts, &words[1], sizeof parts);
+            return parts[0];
+        }
     };
 
     // Once the connection has read from the store; for as long as it is open.
