@@ -178,8 +178,8 @@ struct ZrRegistryChange {
 };
 
 // Makes the changes in their order, all of them or, on failure, none; no program sees some of them without the others.
-// On failure *failed (may be NULL) is the index of the change that could not be made, or `count` when it was none of
-// them in particular. Call RegFlushKey to have them on the disk.
+// On failure *failed (may be NULL) is how many changes had been made before: the index of the one that could not be, if
+// it was one's fault. Call RegFlushKey to have them on the disk.
 ZRPLATFORM_API LONG ZrRegistryApply(const ZrRegistryChange* changes, DWORD count, DWORD* failed);
 
 // The same for any number of changes, which need not be in memory together: `next` is called for one after the other,
