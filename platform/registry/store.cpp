@@ -18,8 +18,6 @@ namespace {
 constexpr const char* kFile = "registry.db";
 constexpr const char* kBellFile = "registry.bell";
 
-Store* the_store = nullptr;
-
 DWORD system_failure(const std::string& path, int number) {
     return fail(store_error(number), "The registry " + path + ": " + strerror(number) + ".");
 }
@@ -46,36 +44,43 @@ std::string folder_of(const std::string& file) {
 
 }  // namespace
 
+constinit std::atomic<Store*> Store::the_store_{nullptr};
+
 OpenFile::~OpenFile() {
     if (descriptor >= 0) close(descriptor);
 }
 
-Store* Store::instance() noexcept {
-    static Store* const store = []() noexcept -> Store* {
-        try {
-            the_store = new Store;
-            pthread_atfork(&Store::before_fork, &Store::after_fork, &Store::after_fork);
-        } catch (const std::bad_alloc&) {
-        }
-        return the_store;
-    }();
-    return store;
+Store* Store::make() noexcept {
+    static constinit std::mutex making;
+    const std::lock_guard lock(making);
+    if (Store* const made = the_store_.load(std::memory_order_relaxed)) return made;
+    try {
+        Store* const store = new Store;
+        the_store_.store(store, std::memory_order_release);
+        pthread_atfork(&Store::before_fork, &Store::after_fork, &Store::after_fork);
+        return store;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 void Store::before_fork() noexcept {
-    the_store->write_mutex_.lock();
-    the_store->mutex_.lock();
-    the_store->commits_.detach();
-    the_store->writer_.close();
-    the_store->close_reader();
+    Store& store = *instance();
+    store.write_mutex_.lock();
+    store.mutex_.lock();
+    store.commits_.detach();
+    store.writer_.close();
+    store.close_reader();
 }
 
 void Store::after_fork() noexcept {
-    the_store->mutex_.unlock();
-    the_store->write_mutex_.unlock();
+    Store& store = *instance();
+    store.mutex_.unlock();
+    store.write_mutex_.unlock();
 }
 
 void Store::close_reader() noexcept {
+    ready_ = false;
     tree_.detach();
     reader_.close();
     journal_.reset();
@@ -109,6 +114,7 @@ DWORD Store::open() {
     if (journal != ERROR_SUCCESS) return journal;
     ++opening_;
     tree_.attach(std::exchange(replacements_, replacements) != replacements);
+    ready_ = true;
     return ERROR_SUCCESS;
 }
 

@@ -9,6 +9,7 @@
 // Fork. A connection cannot be carried into another process, nor stay behind in this one while another process has
 // copies of it. So before a fork both are closed, and opened again when they are next needed.
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -33,8 +34,11 @@ struct OpenFile {
 
 class Store {
 public:
-    // The process's one; never destroyed, as handles may be closed by static objects' destructors.
-    static Store* instance() noexcept;
+    // The process's one; null when there is no memory for it. Never destroyed: static objects' destructors may call.
+    static Store* instance() noexcept {
+        Store* const store = the_store_.load(std::memory_order_acquire);
+        return store != nullptr ? store : make();
+    }
 
     // Calls body(tree) with the tree as new as the store.
     template <class Body>
@@ -78,7 +82,7 @@ private:
     ~Store() = delete;
 
     DWORD fresh() {
-        if (!reader_.is_open() || suspect_.load(std::memory_order_relaxed) || bell_.replacements() != replacements_) {
+        if (!ready_ || suspect_.load(std::memory_order_relaxed) || bell_.replacements() != replacements_) {
             if (const DWORD error = open(); error != ERROR_SUCCESS) return error;
         }
         return tree_.refresh();
@@ -89,6 +93,7 @@ private:
         return error;
     }
 
+    static Store* make() noexcept;
     DWORD open();
     DWORD open_journal();
     void close_reader() noexcept;
@@ -103,6 +108,8 @@ private:
     static void before_fork() noexcept;
     static void after_fork() noexcept;
 
+    static std::atomic<Store*> the_store_;
+
     std::mutex write_mutex_;  // guards the writer; the bell is made once and then needs no lock
     Connection writer_;
     unsigned writer_opening_ = 0;
@@ -115,6 +122,7 @@ private:
     Bell bell_;
     LONGLONG replacements_ = 0;
     std::atomic<bool> suspect_{false};
+    bool ready_ = false;
     unsigned opening_ = 0;  // counts how often the store was opened
     Connection reader_;
     Tree tree_;

@@ -1,34 +1,16 @@
 #pragma once
 
-// Looks into the store's file behind the store's back.
-
-#include <gtest/gtest.h>
-#include <sqlite3.h>
+// The contact store's file, for looks behind the store's back.
 
 #include <filesystem>
-#include <string>
 
 #include "support/sandbox.h"
+#include "support/sql.h"
 
 namespace zr::test {
 
 inline std::filesystem::path store_path() {
     return sandbox_home() / "pim.db";
-}
-
-// Runs statements on a file; the first column of the last row.
-inline std::string query(const std::filesystem::path& path, const std::string& sql) {
-    sqlite3* db = nullptr;
-    std::string result;
-    EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-    sqlite3_busy_timeout(db, 5000);
-    const auto take = [](void* to, int columns, char** values, char**) {
-        if (columns > 0 && values[0] != nullptr) *static_cast<std::string*>(to) = values[0];
-        return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), take, &result, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
-    sqlite3_close(db);
-    return result;
 }
 
 }  // namespace zr::test
