@@ -1,14 +1,14 @@
 #include "ZrUtility/Helpers/FileSystemMonitor.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <map>
 #include <random>
 #include <thread>
 
+#include "ZrUtility/Helpers/file_monitor_support.h"
 #include "platform/base.h"
 #include "platform/diagnostics.h"
 #include "platform/files.h"
@@ -18,35 +18,14 @@
 #include "support/failing_new.h"
 #include "support/log_capture.h"
 #include "support/sandbox.h"
+#include "support/slots.h"
 
 namespace fs = std::filesystem;
 using namespace zr::test;
 
 namespace {
 
-constexpr const char* kSource = ".\\Helpers\\FileSystemMonitor.cppzrwindowsmobile";
-constexpr DWORD kSoon = 10000;
-
-using Told = std::vector<std::u16string>;
-
-// Writes down what it is told: "+path" "*path" "-path" "old>new".
-class Notebook final : public FileSystemListener {
-public:
-    void OnFileCreated(const WCHAR* path) override { note(u"+" + text(path)); }
-    void OnFileChanged(const WCHAR* path) override { note(u"*" + text(path)); }
-    void OnFileDeleted(const WCHAR* path) override { note(u"-" + text(path)); }
-    void OnFileRenamed(const WCHAR* from, const WCHAR* to) override { note(text(from) + u">" + text(to)); }
-
-    Told told;
-    std::function<void()> on_note = [] {};
-
-private:
-    static std::u16string text(const WCHAR* path) { return path ? path : u"(null)"; }
-    void note(std::u16string words) {
-        told.push_back(std::move(words));
-        on_note();
-    }
-};
+int g_windows = -1;  // how many can be made until the next fails; less than 0: no end of them
 
 // The steps of a commit, one by one. The monitor's destructor is not virtual.
 #pragma GCC diagnostic push
@@ -76,22 +55,6 @@ public:
 };
 #pragma GCC diagnostic pop
 
-void pump(DWORD milliseconds, const std::function<bool()>& done) {
-    const DWORD begin = GetTickCount();
-    while (!done() && GetTickCount() - begin < milliseconds) {
-        MsgWaitForMultipleObjectsEx(0, nullptr, 50, QS_ALLINPUT, MWMO_INPUTAVAILABLE);
-        MSG message;
-        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-            DispatchMessageW(&message);
-        }
-    }
-    EXPECT_TRUE(done());
-}
-
-void write(const fs::path& path, const std::string& text = {}) {
-    std::ofstream(path) << text;
-}
-
 // A monitor on the calling thread, without a folder of its own.
 class Monitored {
 public:
@@ -116,21 +79,6 @@ public:
     Notebook notebook;
     OpenMonitor monitor;
 };
-
-int lines(const LogCapture& log, int line) {
-    int count = 0;
-    for (const LoggedRecord& each : log.records()) {
-        if (each.source == kSource && each.line == line) ++count;
-    }
-    return count;
-}
-
-const LoggedRecord* record(const std::vector<LoggedRecord>& records, int line) {
-    for (const LoggedRecord& each : records) {
-        if (each.source == kSource && each.line == line) return &each;
-    }
-    return nullptr;
-}
 
 constexpr unsigned int kCodes[] = {0x1, 0x2, 0x4, 0x8, 0x10, 0x1000, 0x2000, 0x20000};
 
@@ -168,9 +116,100 @@ std::vector<OpenMonitor::Event> merged(const std::vector<OpenMonitor::Event>& ev
     return kept;
 }
 
+// Overrides what may be overridden, and keeps the order of calls.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+class OverridingMonitor final : public FileSystemMonitor {
+public:
+    std::vector<std::string> calls;
+    int registers = 1;
+
+protected:
+    int RegisterThisClass() override {
+        calls.push_back("register");
+        return registers ? FileSystemMonitor::RegisterThisClass() : 0;
+    }
+    bool IsValidExtension(const WCHAR*) override {
+        calls.push_back("valid");
+        return true;
+    }
+    void PushMessageQueue(unsigned int code, const WCHAR* first, const WCHAR* second) override {
+        calls.push_back("push");
+        FileSystemMonitor::PushMessageQueue(code, first, second);
+    }
+    void FilterFileEventsOnFileType() override {
+        calls.push_back("filter");
+        FileSystemMonitor::FilterFileEventsOnFileType();
+    }
+    void OptimizeFileEvents() override { calls.push_back("optimize"); }
+    void ProcessFileEvents() override { calls.push_back("process"); }
+    void OnCommitActions() override {
+        calls.push_back("commit");
+        FileSystemMonitor::OnCommitActions();
+    }
+    void OnFileChangeInfo(HWND window, unsigned int wparam, LPARAM lparam) override {
+        calls.push_back("change");
+        FileSystemMonitor::OnFileChangeInfo(window, wparam, lparam);
+    }
+};
+#pragma GCC diagnostic pop
+
 }  // namespace
 
-TEST(FileSystemMonitor, ConstantsAndOrderOfCalls) {
+// Stands before the platform's own for everything in this program.
+__attribute__((visibility("default"))) HWND CreateWindowExW(DWORD extended, LPCWSTR name, LPCWSTR title, DWORD style,
+                                                            int x, int y, int width, int height, HWND parent,
+                                                            HMENU menu, HINSTANCE module, LPVOID argument) {
+    if (g_windows == 0) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    if (g_windows > 0) --g_windows;
+    static const auto own = reinterpret_cast<decltype(&CreateWindowExW)>(
+        dlsym(RTLD_NEXT, "_Z15CreateWindowExWjPKDsS0_jiiiiP6HWND__P7HMENU__P11HINSTANCE__Pv"));
+    return own(extended, name, title, style, x, y, width, height, parent, menu, module, argument);
+}
+
+TEST(FileSystemMonitor, Slots) {
+    OverridingMonitor monitor;
+    call_slot<int>(&monitor, 0);
+    call_slot<bool>(&monitor, 1, static_cast<const WCHAR*>(u"a"));
+    call_slot<void>(&monitor, 2, 2u, static_cast<const WCHAR*>(u"a"), static_cast<const WCHAR*>(nullptr));
+    for (const std::size_t slot : {3, 4, 5, 6}) {
+        call_slot<void>(&monitor, slot);
+    }
+    call_slot<void>(&monitor, 7, static_cast<HWND>(nullptr), 0u, LPARAM{0});
+    EXPECT_EQ(monitor.calls, (std::vector<std::string>{"register", "valid", "push", "filter", "optimize", "process",
+                                                       "commit", "filter", "optimize", "process", "change"}));
+    Notebook notebook;
+    const WCHAR* const path = u"\\a";
+    call_slot<void>(&notebook, 0, path);
+    call_slot<void>(&notebook, 1, path);
+    call_slot<void>(&notebook, 2, path);
+    call_slot<void>(&notebook, 3, path, path);
+    EXPECT_EQ(notebook.told, (Told{u"+\\a", u"*\\a", u"-\\a", u"\\a>\\a"}));
+}
+
+TEST(FileSystemMonitor, OverridesAreCalled) {
+    Notebook notebook;
+    OverridingMonitor monitor;
+    monitor.registers = 0;
+    EXPECT_EQ(monitor.Initialize(&notebook, nullptr, 0, nullptr, 0), 0);
+    EXPECT_EQ(monitor.GetNotificationHandler(0), nullptr);
+    monitor.registers = 1;
+    EXPECT_EQ(monitor.Initialize(&notebook, nullptr, 0, u"txt", 0), 1);
+    monitor.calls.clear();
+    FILECHANGENOTIFY notify = {};
+    notify.fci.wEventId = SHCNE_CREATE;
+    notify.fci.uFlags = SHCNF_PATH;
+    notify.fci.dwItem1 = reinterpret_cast<DWORD_PTR>(u"\\a.doc");
+    SendMessageW(monitor.GetNotificationHandler(0), WM_FILECHANGEINFO, 0, reinterpret_cast<LPARAM>(&notify));
+    pump(kSoon, [&] { return !monitor.calls.empty() && monitor.calls.back() == "process"; });
+    EXPECT_EQ(monitor.calls,
+              (std::vector<std::string>{"change", "push", "commit", "filter", "valid", "optimize", "process"}));
+}
+
+TEST(FileSystemMonitor, NoWindowsBeforeTheStart) {
     EXPECT_EQ(std::u16string(FileSystemMonitor::S_pwzClassName), u"kel.app.file.change.notifier");
     FileSystemMonitor monitor;
     for (const int index : {-1, 0, 9, 10}) {
@@ -226,12 +265,12 @@ TEST(FileSystemMonitor, TellsOfChangesInTenFolders) {
         int round = 0;
         // A worker logs before it watches: the first files may come too early.
         pump(kSoon, [&, i] {
-            write(folder.host() / std::to_string(i) / ("new" + std::to_string(round++)));
+            write_file(folder.host() / std::to_string(i) / ("new" + std::to_string(round++)));
             return std::any_of(notebook.told.begin(), notebook.told.end(),
                                [&](const auto& each) { return each.starts_with(u"+" + paths[i]); });
         });
     }
-    write(folder.host() / "3/a");
+    write_file(folder.host() / "3/a");
     pump(kSoon, [&] { return told(u"+" + paths[3] + u"\\a"); });
     std::ofstream(folder.host() / "3/a") << "text";
     pump(kSoon, [&] { return told(u"*" + paths[3] + u"\\a"); });
@@ -275,6 +314,45 @@ TEST(FileSystemMonitor, AFolderThatCannotBeWatchedEndsItsWorker) {
     EXPECT_EQ(lines(log, 110), 2);
     EXPECT_EQ(record(records, 110)->arguments, std::vector<std::uintptr_t>{ERROR_PATH_NOT_FOUND});
     EXPECT_EQ(record(records, 110)->category, 0x180004u);
+}
+
+TEST(FileSystemMonitor, WithoutItsMainWindowItHasNoThreads) {
+    std::u16string missing = u"\\none";
+    WCHAR* directories[] = {missing.data(), missing.data()};
+    Notebook notebook;
+    LogCapture log;
+    OpenMonitor monitor;
+    g_windows = 0;
+    EXPECT_EQ(monitor.Initialize(&notebook, directories, 2, nullptr, 0), 1);
+    g_windows = -1;
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].line, 309);
+    EXPECT_EQ(records[0].category, 0x180004u);
+    EXPECT_EQ(records[0].arguments, std::vector<std::uintptr_t>{ERROR_NOT_ENOUGH_MEMORY});
+    EXPECT_EQ(monitor.GetNotificationHandler(0), nullptr);
+    monitor.PushMessageQueue(SHCNE_CREATE, u"\\a", nullptr);  // there is a list all the same
+    monitor.ProcessFileEvents();
+    EXPECT_EQ(notebook.told, Told{u"+\\a"});
+}
+
+TEST(FileSystemMonitor, AFolderWithoutAWindowIsNotWatched) {
+    std::u16string missing = u"\\none";
+    WCHAR* directories[] = {missing.data(), missing.data(), missing.data()};
+    Notebook notebook;
+    LogCapture log;
+    FileSystemMonitor monitor;
+    g_windows = 1;
+    EXPECT_EQ(monitor.Initialize(&notebook, directories, 3, nullptr, 0), 1);
+    g_windows = -1;
+    pump(kSoon, [&] { return lines(log, 243) == 1; });
+    EXPECT_EQ(lines(log, 105), 1);
+    EXPECT_EQ(lines(log, 303), 2);
+    const auto records = log.records();
+    EXPECT_EQ(record(records, 303)->category, 0x180004u);
+    EXPECT_EQ(record(records, 303)->arguments, std::vector<std::uintptr_t>{ERROR_NOT_ENOUGH_MEMORY});
+    EXPECT_NE(monitor.GetNotificationHandler(0), nullptr);
+    EXPECT_EQ(monitor.GetNotificationHandler(1), nullptr);
 }
 
 TEST(FileSystemMonitor, WithoutFoldersTheWindowTakesWhatOthersSend) {
@@ -398,6 +476,76 @@ TEST(FileSystemMonitor, MergesAsTheTableSays) {
     }
 }
 
+TEST(FileSystemMonitor, EachDeliveryIsLoggedWithItsPath) {
+    struct Expected {
+        unsigned int code;
+        const WCHAR* told;
+        int line;
+        int path_line;
+    };
+    const Expected all[] = {{SHCNE_CREATE, u"+\\a", 627, 629},        {SHCNE_MKDIR, u"+\\a", 627, 629},
+                            {SHCNE_UPDATEDIR, u"*\\a", 640, 642},     {SHCNE_UPDATEITEM, u"*\\a", 640, 642},
+                            {SHCNE_DELETE, u"-\\a", 653, 655},        {SHCNE_RMDIR, u"-\\a", 659, 661},
+                            {SHCNE_RENAMEITEM, u"\\a>\\b", 672, 674}, {SHCNE_RENAMEFOLDER, u"\\a>\\b", 672, 674}};
+    Monitored world;
+    for (const Expected& each : all) {
+        const LogCapture log;
+        world.notebook.told.clear();
+        world.monitor.PushMessageQueue(each.code, u"\\a", u"\\b");
+        world.monitor.ProcessFileEvents();
+        EXPECT_EQ(world.notebook.told, Told{each.told});
+        std::vector<LoggedRecord> records = log.records();
+        std::erase_if(records, [](const LoggedRecord& record) { return record.line < 627; });  // the worker's
+        ASSERT_EQ(records.size(), 2u) << each.code;
+        EXPECT_EQ(records[0].line, each.line);
+        EXPECT_EQ(records[0].category, 0x180020u);
+        EXPECT_EQ(records[1].line, each.path_line);
+        EXPECT_EQ(records[1].category, 0x40180020u);
+        EXPECT_EQ(records[1].data, "\\a");
+    }
+}
+
+TEST(FileSystemMonitor, OtherCodesAreNotDelivered) {
+    Monitored world;
+    for (const unsigned int code : {0u, 0x20u, 0x100u, 0x80000000u}) {
+        world.monitor.PushMessageQueue(code, u"\\a", nullptr);
+    }
+    EXPECT_EQ(world.monitor.events().size(), 4u);
+    world.monitor.ProcessFileEvents();
+    EXPECT_TRUE(world.monitor.events().empty());
+    EXPECT_EQ(world.notebook.told, Told());
+}
+
+// Both would end the same windows and free the same list, so one of them is never destroyed.
+TEST(FileSystemMonitor, ACopySharesEverything) {
+    Monitored world(u"txt");
+    world.send(SHCNE_CREATE, u"\\a.txt");
+    alignas(OpenMonitor) std::byte room[2][sizeof(OpenMonitor)];
+    OpenMonitor& copy = *new (room[0]) OpenMonitor(world.monitor);
+    OpenMonitor& assigned = *new (room[1]) OpenMonitor;
+    assigned = world.monitor;
+    for (OpenMonitor* each : {&copy, &assigned}) {
+        EXPECT_EQ(each->GetNotificationHandler(0), world.monitor.GetNotificationHandler(0));
+        EXPECT_EQ(each->events(), world.monitor.events());
+        EXPECT_FALSE(each->IsValidExtension(u"\\a.doc"));
+    }
+    copy.ProcessFileEvents();
+    EXPECT_EQ(world.notebook.told, Told{u"+\\a.txt"});
+    EXPECT_TRUE(world.monitor.events().empty());
+}
+
+TEST(FileSystemMonitor, TheEndIsLogged) {
+    LogCapture log;
+    { const Monitored world; }
+    std::vector<LoggedRecord> records = log.records();
+    std::erase_if(records, [](const LoggedRecord& each) { return each.line >= 105 && each.line <= 243; });  // workers'
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].line, 753);
+    EXPECT_EQ(records[0].category, 0x180020u);
+    EXPECT_EQ(records[1].line, 37);
+    EXPECT_EQ(records[1].category, 0x180010u);
+}
+
 TEST(FileSystemMonitor, TheListenerMayPumpMessages) {
     Monitored world;
     world.send(SHCNE_CREATE, u"\\a");
@@ -428,6 +576,7 @@ TEST(FileSystemMonitor, TheClassIsRegisteredAnewOrKept) {
     LogCapture log;
     EXPECT_EQ(monitor.RegisterThisClass(), 1);
     EXPECT_EQ(lines(log, 70), 1);
+    EXPECT_EQ(record(log.records(), 70)->category, 0x180008u);
 }
 
 TEST(FileSystemMonitor, TakesTheShellsNotifications) {
@@ -437,7 +586,7 @@ TEST(FileSystemMonitor, TakesTheShellsNotifications) {
     SHCHANGENOTIFYENTRY entry{SHCNE_CREATE | SHCNE_MKDIR | SHCNE_RENAMEITEM, path.data(), FALSE};
     const HWND window = world.monitor.GetNotificationHandler(0);
     ASSERT_TRUE(SHChangeNotifyRegister(window, &entry));
-    write(folder.host() / "a");
+    write_file(folder.host() / "a");
     pump(kSoon, [&] { return !world.notebook.told.empty(); });
     fs::create_directory(folder.host() / "sub");
     pump(kSoon, [&] { return world.notebook.told.size() == 2; });
