@@ -24,6 +24,10 @@ bool is_hex(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
+unsigned value_of_digit(char c) {
+    return static_cast<unsigned>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
+}
+
 std::size_t count_digits(std::string_view text) {
     return static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), is_hex) - text.begin());
 }
@@ -192,7 +196,7 @@ bool RegReader::read_text(RegValue& value) {
     std::u16string text;
     to_utf16_with_surrogates(buffer_, text);
     text += u'\0';
-    if (2 * text.size() > kLargestRegData) return fail("data larger than 16 MiB");
+    if (2 * text.size() > largest_) return fail(too_large());
     value.type = REG_SZ;
     value.data = reg_bytes(text);
     return true;
@@ -226,7 +230,7 @@ bool RegReader::read_hex(RegValue& value) {
     if (!skip(":")) return fail("hex without :");
     if (!read_bytes(value.data)) return false;
     if (version_ == RegVersion::V4 && (value.type == REG_EXPAND_SZ || value.type == REG_MULTI_SZ)) {
-        if (2 * value.data.size() > kLargestRegData) return fail("data larger than 16 MiB");
+        if (2 * value.data.size() > largest_) return fail(too_large());
         value.data = widened(value.data);
     }
     return true;
@@ -252,17 +256,20 @@ bool RegReader::read_bytes(std::string& bytes) {
 }
 
 bool RegReader::read_byte(std::string& bytes) {
-    const std::size_t digits = count_digits(std::string_view(line_.text).substr(at_, 3));
-    if (digits == 0 || digits > 2) {
-        const char c = here();
-        const bool shown = c > ' ' && c < '\x7F' && digits == 0;
-        return fail(shown ? std::string("'") + c + "' is not a hexadecimal byte"
-                          : "bytes must be of one or two hexadecimal digits");
+    unsigned byte = 0;
+    const std::size_t begin = at_;
+    for (; is_hex(here()) && at_ - begin < 3; ++at_) {
+        byte = byte << 4 | value_of_digit(here());
     }
-    if (bytes.size() == kLargestRegData) return fail("data larger than 16 MiB");
-    bytes += static_cast<char>(number_of(std::string_view(line_.text).substr(at_, digits)));
-    at_ += digits;
-    return true;
+    if (at_ - begin == 1 || at_ - begin == 2) {
+        if (bytes.size() == largest_) return fail(too_large());
+        bytes += static_cast<char>(byte);
+        return true;
+    }
+    const char c = here();
+    const bool shown = at_ == begin && c > ' ' && c < '\x7F';
+    return fail(shown ? std::string("'") + c + "' is not a hexadecimal byte"
+                      : "bytes must be of one or two hexadecimal digits");
 }
 
 // From the backslash to the line behind it.
@@ -302,7 +309,8 @@ bool RegReader::read_quoted(std::string& text, const char* what) {
             text += line_.text[at_++];
         } else {
             in_text_ = true;
-            return fail("a backslash in quotes that is not doubled");
+            if (taken_.empty()) return fail("a backslash in quotes that is not doubled");
+            return fail(std::string(what) + " without \" at its end, or with a backslash that is not doubled");
         }
     }
 }
@@ -310,6 +318,10 @@ bool RegReader::read_quoted(std::string& text, const char* what) {
 // Whether nothing is left of the line but a comment.
 bool RegReader::ends_here() {
     return at_end() || here() == ';';
+}
+
+std::string RegReader::too_large() const {
+    return "data of more than " + std::to_string(largest_) + " bytes";
 }
 
 bool RegReader::fail(std::string reason) {

@@ -6,7 +6,7 @@
 //
 //     ; a comment
 //     [HKEY_LOCAL_MACHINE\Software\Example]     a key, made when it is not there
-//     @="the default value"                     text; \\ and \" are the only escapes; it may go over several lines
+//     @="the default value"                     text; \\ and \" are the only escapes; up to 1 MiB may go over lines
 //     "Port"=dword:00001f90                     one to eight hexadecimal digits
 //     "Blob"=hex:01,02,\                        bytes; the backslash goes on in the next line
 //       03
@@ -55,7 +55,8 @@ class RegReader {
 public:
     enum class Result { Statement, LeftOut, End };
 
-    explicit RegReader(LineReader& lines) : lines_(lines) {}
+    // Data of more than `largest` bytes is left out.
+    explicit RegReader(LineReader& lines, std::size_t largest = kLargestRegData) : lines_(lines), largest_(largest) {}
 
     // Adds what there is to say to `problems`: one that is lost for LeftOut, which is a statement that cannot be read;
     // the reader goes on behind it. With a key its values are left out, without being named. A file that does not begin
@@ -87,6 +88,7 @@ private:
     bool continue_bytes();
     bool ends_here();
 
+    std::string too_large() const;
     bool fail(std::string reason);
     void leave_out(long first_line);
     void skip_continuation();
@@ -99,6 +101,7 @@ private:
     bool skip(std::string_view word);  // ignoring case
 
     LineReader& lines_;
+    const std::size_t largest_;
     Line line_;
     std::size_t at_ = 0;
     std::deque<Line> again_;   // read, but to be read again
