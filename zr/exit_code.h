@@ -13,13 +13,14 @@ enum class Exit : int {
     NoSender = 4,       // a message without a usable From
     NotAMessage = 5,    // a file that is no message
     Unreadable = 6,     // a file that cannot be read, or an output that cannot be written
-    DamagedCards = 7,   // the import is done, but for what was named
-    DiskFull = 8,       // no room left for the contact store or the output
-    NewerStore = 9,     // the contact store was written by a newer version
-    DamagedStore = 10,  // the contact store is damaged
-    StoreFailed = 11,   // the contact store failed otherwise
+    DamagedCards = 7,   // the import or export is done, but for what was named
+    DiskFull = 8,       // no room left for the store or the output
+    NewerStore = 9,     // the contact store or the registry was written by a newer version
+    DamagedStore = 10,  // the contact store or the registry is damaged
+    StoreFailed = 11,   // the contact store or the registry failed otherwise
     NotALog = 12,       // a file that is no log
     NoZone = 13,        // the time zone is not there or cannot be read
+    BadRegFile = 14,    // a .reg file with mistakes in it; nothing was imported
 };
 
 }  // namespace zr

@@ -24,9 +24,10 @@ constexpr const char* kExitCodes =
     "  3 several match       4 no usable From           5 not a message\n"
     "  6 unreadable file     7 something left out       8 disk full\n"
     "  9 newer store        10 damaged store           11 store failed otherwise\n"
-    " 12 not a log            13 no time zone\n"
+    " 12 not a log            13 no time zone          14 not a sound .reg file\n"
     "\n"
-    "ZR_HOME names the folder of the contact store (default: zrutility in the user's data folder).";
+    "ZR_HOME names the folder of the contact store and the registry (default: zrutility in the user's\n"
+    "data folder).";
 
 void drop_glib_message(const gchar*, GLogLevelFlags, const gchar*, gpointer) {}
 
@@ -57,6 +58,16 @@ void build(zr::Command app) {
     zr::add_calendar_show(calendar);
     zr::add_calendar_occurrence(calendar);
     zr::add_calendar_remove(calendar);
+    zr::Command reg = app.add_group("reg", "Read and change the registry");
+    reg.footer("Example:\n  zr reg import device.reg\n\n'zr reg COMMAND --help' tells more.");
+    zr::add_reg_get(reg);
+    zr::add_reg_set(reg);
+    zr::add_reg_delete(reg);
+    zr::add_reg_list(reg);
+    zr::add_reg_tree(reg);
+    zr::add_reg_watch(reg);
+    zr::add_reg_import(reg);
+    zr::add_reg_export(reg);
     zr::add_resolve(app);
     zr::Command log = app.add_group("log", "Read the binary log");
     log.footer("Example:\n  zr log show client.zrlog");
@@ -89,8 +100,9 @@ int main(int argc, char** argv) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_DFL);  // a reader that has seen enough ends us quietly
     silence_glib();
-    zr::CommandLine line("Contacts, senders of messages, the log, named objects and the time zone, at a terminal.",
-                         "zr " ZR_VERSION);
+    zr::CommandLine line(
+        "Contacts, senders of messages, the registry, the log, named objects and the time zone, at a terminal.",
+        "zr " ZR_VERSION);
     build(line.root());
     if (const std::optional<int> code = line.parse(argc, argv)) return *code;
     return static_cast<int>(execute(line.run()));

@@ -65,6 +65,14 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"contacts", "add"},
     {"contacts", "change"},
     {"contacts", "remove"},
+    {"reg", "get"},
+    {"reg", "set"},
+    {"reg", "delete"},
+    {"reg", "list"},
+    {"reg", "tree"},
+    {"reg", "watch"},
+    {"reg", "import"},
+    {"reg", "export"},
     {"resolve"},
     {"log", "show"},
     {"modules"},
@@ -98,7 +106,7 @@ TEST_F(Tool, DocumentsAndCompletesEveryOption) {
     const std::string manual = read_file(ZR_SOURCE_DIR "/zr/zr-contacts.1") + read_file(ZR_SOURCE_DIR "/zr/zr-log.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-objects.1") + read_file(ZR_SOURCE_DIR "/zr/zr-zone.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-calendar.1") +
-                               read_file(ZR_SOURCE_DIR "/zr/zr-modules.1") +
+                               read_file(ZR_SOURCE_DIR "/zr/zr-modules.1") + read_file(ZR_SOURCE_DIR "/zr/zr-reg.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr-resolve.1") + read_file(ZR_SOURCE_DIR "/zr/zr-watch.1") +
                                read_file(ZR_SOURCE_DIR "/zr/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
@@ -126,9 +134,12 @@ TEST_F(Tool, CompletesInBash) {
                                    current + "'); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(complete("zr"), "contacts calendar resolve log modules objects zone watch --help --version\n");
+    EXPECT_EQ(complete("zr"), "contacts calendar reg resolve log modules objects zone watch --help --version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
+    EXPECT_EQ(complete("zr reg"), "get set delete list tree watch import export --help\n");
+    EXPECT_EQ(complete("zr reg set HKCU a b --type", "d"), "dword dword_big_endian\n");
+    EXPECT_EQ(complete("zr reg export --encoding"), "utf-16 utf-8 windows-1252\n");
     EXPECT_EQ(complete("zr objects"), "--json --help\n");
     EXPECT_EQ(complete("zr zone"), "--next --json --help\n");
     EXPECT_EQ(complete("zr watch", "-"), "--ext --clock --json --help\n");

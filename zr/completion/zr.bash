@@ -16,7 +16,7 @@ _zr() {
         --work-phone --home-phone --mobile --web --note --email --birthday"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar resolve log modules objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar reg resolve log modules objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
@@ -25,6 +25,13 @@ _zr() {
             _zr_words "file-as title first last suffix company email email1 email2 email3 job-title" "$current"
             return ;;
         -l | --level) [[ $group == modules ]] || _zr_words "failure warning information trace" "$current"; return ;;
+        -t | --type)
+            if [[ $group == reg ]]; then
+                _zr_words "sz expand_sz multi_sz dword qword binary none dword_big_endian mui_sz" "$current"
+                return
+            fi ;;
+        --format) _zr_words "4 5" "$current"; return ;;
+        --encoding) _zr_words "utf-16 utf-8 windows-1252" "$current"; return ;;
         --vcard-version) _zr_words "2.1 3.0 4.0" "$current"; return ;;
         -o | --output) _zr_files "$current"; return ;;
     esac
@@ -55,6 +62,25 @@ _zr() {
                 export) _zr_words "--output --json --help" "$current" ;;
                 list) _zr_words "--from --to --tasks --reverse --limit --json --help" "$current" ;;
                 show | occurrence | remove) _zr_words "--json --help" "$current" ;;
+            esac ;;
+        reg)
+            if ((COMP_CWORD == 2)); then
+                _zr_words "get set delete list tree watch import export --help" "$current"
+                return
+            fi
+            case $command in
+                get | list) _zr_words "--json --help" "$current" ;;
+                set) _zr_words "--type --json --help" "$current" ;;
+                delete) _zr_words "--tree --json --help" "$current" ;;
+                tree) _zr_words "--depth --keys --json --help" "$current" ;;
+                watch) _zr_words "--key-only --json --help" "$current" ;;
+                import)
+                    if [[ $current == -* ]]; then
+                        _zr_words "--keep-going --json --quiet --help" "$current"
+                    else
+                        _zr_files "$current"
+                    fi ;;
+                export) _zr_words "--output --format --encoding --json --help" "$current" ;;
             esac ;;
         resolve)
             if [[ $current == -* ]]; then
