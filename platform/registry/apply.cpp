@@ -1,6 +1,7 @@
 // Several changes as one.
 
 #include "key_handle.h"
+#include "thread.h"
 
 namespace zr::platform::registry {
 namespace {
@@ -39,9 +40,11 @@ DWORD make(Transaction& transaction, const ZrRegistryChange& change) {
 }  // namespace
 }  // namespace zr::platform::registry
 
+using namespace zr::platform;
 using namespace zr::platform::registry;
 
 LONG ZrRegistryApplyEach(ZrRegistryNextChange next, LPVOID context, DWORD* failed) {
+    cancellation_point();
     if (next == nullptr) return result(ERROR_INVALID_PARAMETER);
     Store* const store = Store::instance();
     if (store == nullptr) return result(ERROR_NOT_ENOUGH_MEMORY);

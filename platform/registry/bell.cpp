@@ -28,7 +28,7 @@ int Bell::open(const std::string& path) {
 }
 
 Bell::Pull::Pull(const Bell& bell)
-    : file_(::open(bell.path().c_str(), O_WRONLY | O_CLOEXEC)), error_(file_ < 0 ? errno : 0) {}
+    : file_(::open(bell.path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)), error_(file_ < 0 ? errno : 0) {}
 
 Bell::Pull::~Pull() {
     if (file_ >= 0) close(file_);

@@ -4,6 +4,7 @@
 
 #include "key_handle.h"
 #include "platform/base.h"
+#include "thread.h"
 
 namespace zr::platform::registry {
 namespace {
@@ -18,7 +19,7 @@ DWORD find(HKEY key, LPCWSTR path, Ref<Node>& found) noexcept {
 }
 
 // A key that another program deletes as soon as it is made is made again, but not for ever.
-DWORD find_or_make(HKEY key, LPCWSTR path, std::u16string_view key_class, Ref<Node>& found, bool& created) noexcept {
+DWORD find_or_make(HKEY key, LPCWSTR path, std::u16string_view key_class, Ref<Node>& found, bool& created) {
     constexpr int kTries = 16;
     created = false;
     DWORD error = find(key, path, found);
@@ -89,6 +90,7 @@ using namespace zr::platform;
 using namespace zr::platform::registry;
 
 LONG RegOpenKeyExW(HKEY key, LPCWSTR path, DWORD, REGSAM, HKEY* opened) {
+    cancellation_point();
     if (opened == nullptr) return result(ERROR_INVALID_PARAMETER);
     Ref<Node> node;
     const DWORD error = find(key, path, node);
@@ -97,6 +99,7 @@ LONG RegOpenKeyExW(HKEY key, LPCWSTR path, DWORD, REGSAM, HKEY* opened) {
 
 LONG RegCreateKeyExW(HKEY key, LPCWSTR path, DWORD reserved, LPCWSTR key_class, DWORD, REGSAM,
                      const SECURITY_ATTRIBUTES*, HKEY* opened, DWORD* disposition) {
+    cancellation_point();
     const std::u16string_view name_of_class = value_name(key_class);
     if (opened == nullptr || reserved != 0 || !path_fits(path) || !fits(name_of_class))
         return result(ERROR_INVALID_PARAMETER);
@@ -117,6 +120,7 @@ LONG RegCloseKey(HKEY key) {
 }
 
 LONG RegDeleteKeyW(HKEY key, LPCWSTR path) {
+    cancellation_point();
     if (path == nullptr) return result(ERROR_INVALID_PARAMETER);
     return result(change_key(key, [&](Transaction& transaction, Place& place) {
         const DWORD error = transaction.walk(place, path);
@@ -125,12 +129,14 @@ LONG RegDeleteKeyW(HKEY key, LPCWSTR path) {
 }
 
 LONG RegFlushKey(HKEY key) {
+    cancellation_point();
     const DWORD error = read_key(key, [](Tree& tree, Node& node) { return tree.check(node); });
     return result(error == ERROR_SUCCESS ? Store::instance()->flush() : error);
 }
 
 LONG RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, DWORD* name_chars, DWORD* reserved, LPWSTR key_class,
                    DWORD* class_chars, FILETIME* written) {
+    cancellation_point();
     if (name == nullptr || name_chars == nullptr || reserved != nullptr ||
         (key_class != nullptr && class_chars == nullptr))
         return result(ERROR_INVALID_PARAMETER);
@@ -154,6 +160,7 @@ LONG RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, DWORD* name_chars, DWORD*
 LONG RegQueryInfoKeyW(HKEY key, LPWSTR key_class, DWORD* class_chars, DWORD* reserved, DWORD* sub_keys,
                       DWORD* longest_sub_key, DWORD* longest_class, DWORD* value_count, DWORD* longest_value_name,
                       DWORD* largest_data, DWORD* security_size, FILETIME* written) {
+    cancellation_point();
     if (reserved != nullptr || (key_class != nullptr && class_chars == nullptr)) return result(ERROR_INVALID_PARAMETER);
     return result(read_key(key, [&](Tree& tree, Node& node) -> DWORD {
         const std::vector<Node*>* children = nullptr;

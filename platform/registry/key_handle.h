@@ -46,7 +46,7 @@ DWORD read_key(HKEY key, Body&& body) noexcept {
 
 // Calls body(transaction, place) likewise.
 template <class Body>
-DWORD change_key(HKEY key, Body&& body) noexcept {
+DWORD change_key(HKEY key, Body&& body) {
     const KeyArgument argument(key);
     if (!argument) return ERROR_INVALID_HANDLE;
     Store* const store = Store::instance();

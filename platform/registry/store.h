@@ -54,9 +54,9 @@ public:
     }
 
     // Calls body(transaction) and commits, or takes all of it back when it returns an error. `own`: the one change that
-    // is made; the tree then need not read what this process has just written.
+    // is made; the tree then need not read what this process has just written. Throws what the body throws.
     template <class Body>
-    DWORD write(Body&& body, const Tree::OwnChange* own = nullptr) noexcept {
+    DWORD write(Body&& body, const Tree::OwnChange* own = nullptr) {
         const std::lock_guard right(write_mutex_);
         try {
             DWORD error = prepare_writer();

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <utility>
 
-#include "host_error.h"
 #include "last_error.h"
+#include "store_file.h"
 
 namespace zr::platform::registry {
 namespace {
@@ -32,7 +32,7 @@ DWORD Transaction::commit() {
     }
     const Bell::Pull pull(bell_);
     if (!pull)
-        return fail(error_from_errno(pull.error()),
+        return fail(store_error(pull.error()),
                     "The registry's file " + bell_.path() + ": " + strerror(pull.error()) + ".");
     Use commit = connection_.use("COMMIT");
     return commit && commit->step() == SQLITE_DONE ? ERROR_SUCCESS : failed();

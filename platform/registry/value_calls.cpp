@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "key_handle.h"
+#include "thread.h"
 
 namespace zr::platform::registry {
 namespace {
@@ -18,7 +19,7 @@ DWORD give_value(const Value& value, DWORD* type, BYTE* data, DWORD* size) noexc
 }
 
 // Sets or deletes a value.
-DWORD change_value(HKEY key, Tree::OwnChange change) noexcept {
+DWORD change_value(HKEY key, Tree::OwnChange change) {
     const KeyArgument argument(key);
     if (!argument) return ERROR_INVALID_HANDLE;
     Store* const store = Store::instance();
@@ -42,6 +43,7 @@ using namespace zr::platform;
 using namespace zr::platform::registry;
 
 LONG RegQueryValueExW(HKEY key, LPCWSTR name, DWORD* reserved, DWORD* type, BYTE* data, DWORD* size) {
+    cancellation_point();
     if (reserved != nullptr || (data != nullptr && size == nullptr)) return result(ERROR_INVALID_PARAMETER);
     return result(read_key(key, [&](Tree& tree, Node& node) {
         const Value* value = nullptr;
@@ -51,16 +53,19 @@ LONG RegQueryValueExW(HKEY key, LPCWSTR name, DWORD* reserved, DWORD* type, BYTE
 }
 
 LONG RegSetValueExW(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
+    cancellation_point();
     if (reserved != 0 || (data == nullptr && size != 0)) return result(ERROR_INVALID_PARAMETER);
     return result(change_value(key, {0, ChangeKind::ValueSet, value_name(name), type, data, size}));
 }
 
 LONG RegDeleteValueW(HKEY key, LPCWSTR name) {
+    cancellation_point();
     return result(change_value(key, {0, ChangeKind::ValueRemoved, value_name(name), 0, nullptr, 0}));
 }
 
 LONG RegEnumValueW(HKEY key, DWORD index, LPWSTR name, DWORD* name_chars, DWORD* reserved, DWORD* type, BYTE* data,
                    DWORD* size) {
+    cancellation_point();
     if (name == nullptr || name_chars == nullptr || reserved != nullptr || (data != nullptr && size == nullptr))
         return result(ERROR_INVALID_PARAMETER);
     return result(read_key(key, [&](Tree& tree, Node& node) -> DWORD {

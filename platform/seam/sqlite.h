@@ -98,7 +98,7 @@ public:
 
     // What the last failing call means: ERROR_DISK_FULL, ERROR_BUSY (after five seconds), ERROR_FILE_CORRUPT (a mark is
     // then left for the next opening of the store, see store_file.h), ERROR_ACCESS_DENIED, ERROR_IO_DEVICE,
-    // ERROR_NOT_ENOUGH_MEMORY or ERROR_GEN_FAILURE.
+    // ERROR_TOO_MANY_OPEN_FILES, ERROR_NOT_ENOUGH_MEMORY or ERROR_GEN_FAILURE.
     DWORD error();
     // The same as a sentence about "the contact store" or whatever `store` says; after error().
     std::string sentence(std::string_view store) const;

@@ -34,8 +34,9 @@ DWORD meaning(int code, int system_error) {
         case SQLITE_READONLY:
         case SQLITE_PERM:
         case SQLITE_AUTH:
-        case SQLITE_CANTOPEN:
             return ERROR_ACCESS_DENIED;
+        case SQLITE_CANTOPEN:
+            return system_error == 0 || system_error == ENOENT ? ERROR_ACCESS_DENIED : store_error(system_error);
         default:
             return ERROR_GEN_FAILURE;
     }

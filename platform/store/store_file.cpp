@@ -154,6 +154,11 @@ DWORD store_error(int number) {
         case EDQUOT:
         case EFBIG:
             return ERROR_DISK_FULL;
+        case EMFILE:
+        case ENFILE:
+            return ERROR_TOO_MANY_OPEN_FILES;
+        case ENOMEM:
+            return ERROR_NOT_ENOUGH_MEMORY;
         case EACCES:
         case EPERM:
         case EROFS:

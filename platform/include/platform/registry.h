@@ -36,9 +36,10 @@
 //   ERROR_KEY_DELETED        the handle's key was deleted, by whomever; only RegCloseKey still works on it. A key made
 //                            later under the same name is another one.
 //   ERROR_ACCESS_DENIED      a root cannot be deleted; or the store's files may not be used
-//   ERROR_DISK_FULL, ERROR_NOT_ENOUGH_MEMORY, ERROR_BUSY (another program kept the store locked for more than five
-//   seconds), ERROR_REGISTRY_IO_FAILED, ERROR_REGISTRY_CORRUPT, ERROR_REVISION_MISMATCH (a newer version wrote the
-//   store): the registry is as it was before the call. ZrRegistryLastErrorText says more.
+//   ERROR_DISK_FULL, ERROR_NOT_ENOUGH_MEMORY, ERROR_TOO_MANY_OPEN_FILES, ERROR_BUSY (another program kept the store
+//   locked for more than five seconds), ERROR_REGISTRY_IO_FAILED, ERROR_REGISTRY_CORRUPT (the store is damaged; the next
+//   call of any program sets it aside and begins anew), ERROR_REVISION_MISMATCH (a newer version wrote the store): the
+//   registry is as it was before the call. ZrRegistryLastErrorText says more.
 // The last error (GetLastError) is left alone but by the three functions of the change notifications.
 //
 // Access rights are taken and not looked at: a user's registry is the user's own.
