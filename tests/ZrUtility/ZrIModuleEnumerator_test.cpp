@@ -1,5 +1,6 @@
 #include "ZrUtility/ZrIModuleEnumerator.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -8,6 +9,7 @@
 #include "platform/base.h"
 #include "platform/modules.h"
 #include "support/modules.h"
+#include "support/slots.h"
 
 using namespace zr::test;
 
@@ -34,7 +36,38 @@ std::multiset<std::u16string> found(const ModuleFolder& folder, int id, _ModuleV
 
 using Names = std::multiset<std::u16string>;
 
+// The modules of the folder that this process has loaded.
+std::set<std::string> loaded(const ModuleFolder& folder) {
+    std::set<std::string> names;
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        const std::size_t at = line.find(folder.host().string() + "/");
+        if (at != line.npos) names.insert(line.substr(at + folder.host().string().size() + 1));
+    }
+    return names;
+}
+
+using Loaded = std::set<std::string>;
+
+int g_versions_read = 0;
+UINT g_info_size = 0;  // what is given for the fixed part's size, unless 0
+
 }  // namespace
+
+// These stand before the platform's own for everything in this program.
+__attribute__((visibility("default"))) DWORD GetFileVersionInfoSizeW(LPCWSTR path, LPDWORD handle) {
+    ++g_versions_read;
+    static const auto own =
+        reinterpret_cast<decltype(&GetFileVersionInfoSizeW)>(dlsym(RTLD_NEXT, "_Z23GetFileVersionInfoSizeWPKDsPj"));
+    return own(path, handle);
+}
+__attribute__((visibility("default"))) BOOL VerQueryValueW(LPCVOID block, LPCWSTR name, LPVOID* value, UINT* size) {
+    static const auto own =
+        reinterpret_cast<decltype(&VerQueryValueW)>(dlsym(RTLD_NEXT, "_Z14VerQueryValueWPKvPKDsPPvPj"));
+    const BOOL result = own(block, name, value, size);
+    if (g_info_size != 0) *size = g_info_size;
+    return result;
+}
 
 TEST(ZrIModuleEnumerator, NothingBeforeTheStart) {
     ZrIModuleEnumerator walk;
@@ -78,6 +111,50 @@ TEST(ZrIModuleEnumerator, VersionsByLevel) {
     EXPECT_EQ(at({1, 2, 3, 4, 77}, 1), Names{u"1234.so"});
 }
 
+TEST(ZrIModuleEnumerator, LevelNoneReadsNoVersions) {
+    const ModuleFolder folder;
+    folder.add("seven", "a.so");
+    folder.add("eight", "b.so");
+    g_versions_read = 0;
+    EXPECT_EQ(found(folder, 7, {1, 2, 3, 4, 0}, 0), Names{u"a.so"});
+    EXPECT_EQ(g_versions_read, 0);
+    EXPECT_EQ(found(folder, 7, {1, 2, 3, 4, 0}, 5), Names{u"a.so"});
+    EXPECT_EQ(g_versions_read, 2);
+}
+
+TEST(ZrIModuleEnumerator, AFixedPartOfAnotherSizeIsNoVersion) {
+    const ModuleFolder folder;
+    folder.add("seven", "a.so");
+    for (const UINT size : {51u, 53u}) {
+        g_info_size = size;
+        EXPECT_EQ(found(folder, 7, {1, 2, 3, 4, 0}, 1), Names{});
+    }
+    g_info_size = 52;
+    EXPECT_EQ(found(folder, 7, {1, 2, 3, 4, 0}, 1), Names{u"a.so"});
+    g_info_size = 0;
+}
+
+TEST(ZrIModuleEnumerator, WhatIsSkippedIsUnloaded) {
+    const ModuleFolder folder;
+    folder.add("silent", "silent.so");
+    folder.add("eight", "other.so");
+    folder.add("seven_later", "later.so");
+    folder.add("seven_plain", "plain.so");
+    EXPECT_EQ(found(folder, 7, {1, 2, 3, 4, 0}, 1), Names{});
+    EXPECT_EQ(found(folder, 9, {}, 0), Names{});
+    EXPECT_EQ(loaded(folder), Loaded{});
+    folder.add("seven", "seven.so");
+    std::u16string path = folder.handheld();
+    ZrIModuleEnumerator walk;
+    ASSERT_EQ(walk.start(7, {1, 2, 3, 4, 0}, 1, path.data(), g_pattern), 0);
+    EXPECT_EQ(loaded(folder), Loaded{"seven.so"});
+    const HINSTANCE module = walk.value();
+    walk.advance();
+    EXPECT_EQ(loaded(folder), Loaded{"seven.so"});
+    EXPECT_TRUE(FreeLibrary(module));
+    EXPECT_EQ(loaded(folder), Loaded{});
+}
+
 TEST(ZrIModuleEnumerator, HandedOutModulesStayLoaded) {
     const ModuleFolder folder;
     folder.add("seven", "a.so");
@@ -114,11 +191,32 @@ TEST(ZrIModuleEnumerator, Slots) {
     folder.add("seven", "a.so");
     std::u16string path = folder.handheld();
     ZrIModuleEnumerator walk;
-    walk.start(7, {}, 0, path.data(), g_pattern);
-    Enumerator<HINSTANCE>& base = walk;
-    EXPECT_TRUE(base.isValid());
-    const HINSTANCE module = base.value();
-    base.advance();
-    EXPECT_FALSE(base.isValid());
+    EXPECT_EQ(call_slot<int>(&walk, 5, 7, _ModuleVersion{}, 0, path.data(), g_pattern), 0);
+    EXPECT_TRUE(call_slot<int>(&walk, 3));
+    const auto module = call_slot<HINSTANCE>(&walk, 4);
+    EXPECT_EQ(module, walk.value());
+    call_slot<void>(&walk, 2);
+    EXPECT_FALSE(call_slot<int>(&walk, 3));
     EXPECT_TRUE(FreeLibrary(module));
+}
+
+TEST(ZrIModuleEnumerator, ACopyGoesOnWithTheSameWalk) {
+    const ModuleFolder folder;
+    folder.add("seven", "a.so");
+    folder.add("seven_plain", "b.so");
+    std::u16string path = folder.handheld();
+    ZrIModuleEnumerator walk;
+    ASSERT_EQ(walk.start(7, {}, 0, path.data(), g_pattern), 0);
+    ZrIModuleEnumerator copy(walk);
+    const HINSTANCE first = copy.value();
+    EXPECT_EQ(first, walk.value());
+    copy.advance();
+    EXPECT_TRUE(copy.isValid());
+    const HINSTANCE second = copy.value();
+    EXPECT_NE(second, first);
+    EXPECT_EQ(walk.value(), first);
+    walk = copy;
+    EXPECT_EQ(walk.value(), second);
+    EXPECT_TRUE(FreeLibrary(first));
+    EXPECT_TRUE(FreeLibrary(second));
 }

@@ -79,6 +79,26 @@ TEST(Modules, WhatCannotBeLoaded) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
+// A process that touches what is missing from a mapped file is killed.
+TEST(Modules, AFileCutShortAnywhereDoesNoHarm) {
+    const ModuleFolder folder;
+    const auto whole = std::filesystem::file_size(std::filesystem::path(ZR_TEST_MODULES) / "seven.so");
+    int refused = 0;
+    for (std::uintmax_t size = 0; size < whole; size += size < 1200 ? 61 : 499) {
+        const std::string name = std::to_string(size) + ".so";
+        const std::u16string path = folder.add("seven", name);
+        std::filesystem::resize_file(folder.host() / name, size);
+        const HMODULE module = LoadLibraryW(path.c_str());
+        if (module) {
+            EXPECT_TRUE(FreeLibrary(module)) << size;
+            continue;
+        }
+        EXPECT_EQ(GetLastError(), ERROR_BAD_EXE_FORMAT) << size;
+        ++refused;
+    }
+    EXPECT_GT(refused, 20);
+}
+
 TEST(Modules, AHostLibraryByItsName) {
     const HMODULE math = LoadLibraryW(u"libm.so.6");
     ASSERT_NE(math, nullptr);
