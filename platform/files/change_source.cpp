@@ -210,30 +210,36 @@ void ChangeSource::dispatch() {
 }
 
 void ChangeSource::dispatch(const HostEvent& event) {
-    const bool is_folder = (event.mask & IN_ISDIR) != 0;
     // What is told may take targets away.
-    for (std::size_t i = 0;; ++i) {
-        const auto at = targets_.find(event.watch);
-        if (at == targets_.end() || i >= at->second.size()) break;
-        const auto [watch, node] = at->second[i];
-        if (watch->ended()) continue;
-        if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED)) {
-            const bool moved_below = (event.mask & IN_MOVE_SELF) && node->parent;
-            if (!moved_below) watch->lost(*node);
-        } else if (event.name.empty()) {
-            if (event.mask & IN_ATTRIB) watch->may_be_unreadable(*node);
-        } else if (event.mask & (IN_CREATE | IN_MOVED_TO)) {
-            watch->created(*node, event.name, is_folder);
-        } else if (event.mask & (IN_DELETE | IN_MOVED_FROM)) {
-            watch->removed(*node, event.name);
-        } else if (event.mask & IN_MODIFY) {
-            watch->written(*node, event.name);
-        } else if (event.mask & IN_ATTRIB) {
-            watch->attributes_changed(*node, event.name);
-        }
+    for (std::size_t i = 0;;) {
+        const Target target = target_at(event.watch, i);
+        if (!target.watch) break;
+        if (!target.watch->ended()) tell(target, event);
+        if (target_at(event.watch, i).node == target.node) ++i;
     }
     // The kernel has given up the number.
     if (event.mask & IN_IGNORED) targets_.erase(event.watch);
+}
+
+void ChangeSource::tell(const Target& target, const HostEvent& event) {
+    const auto [watch, node] = target;
+    const bool is_folder = (event.mask & IN_ISDIR) != 0;
+    if (event.mask & IN_UNMOUNT) {
+        watch->unmounted(*node);
+    } else if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
+        const bool moved_below = (event.mask & IN_MOVE_SELF) && node->parent;
+        if (!moved_below) watch->lost(*node);
+    } else if (event.name.empty()) {
+        if (event.mask & IN_ATTRIB) watch->may_be_unreadable(*node);
+    } else if (event.mask & (IN_CREATE | IN_MOVED_TO)) {
+        watch->created(*node, event.name, is_folder);
+    } else if (event.mask & (IN_DELETE | IN_MOVED_FROM)) {
+        watch->removed(*node, event.name);
+    } else if (event.mask & IN_MODIFY) {
+        watch->written(*node, event.name);
+    } else if (event.mask & IN_ATTRIB) {
+        watch->attributes_changed(*node, event.name);
+    }
 }
 
 void ChangeSource::move(const HostEvent& from, const HostEvent& to) {
@@ -275,6 +281,11 @@ void ChangeSource::scan_all() noexcept {
             scan_again_ = true;
         }
     }
+}
+
+ChangeSource::Target ChangeSource::target_at(int watch, std::size_t place) const {
+    const auto at = targets_.find(watch);
+    return at == targets_.end() || place >= at->second.size() ? Target{nullptr, nullptr} : at->second[place];
 }
 
 FolderNode* ChangeSource::node_of(int watch, const FolderWatch& owner) const {

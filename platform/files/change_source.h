@@ -58,9 +58,11 @@ private:
     std::string path_of(int watch);
     void dispatch();
     void dispatch(const HostEvent& event);
+    static void tell(const Target& target, const HostEvent& event);
     void move(const HostEvent& from, const HostEvent& to);
     void discard_queue();
     void scan_all() noexcept;
+    Target target_at(int watch, std::size_t place) const;  // no watch: there is none
     FolderNode* node_of(int watch, const FolderWatch& owner) const;
 
     const int inotify_;

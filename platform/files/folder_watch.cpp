@@ -124,8 +124,16 @@ void FolderWatch::attributes_changed(FolderNode& folder, std::string_view name) 
 
 void FolderWatch::lost(FolderNode& folder) {
     if (&folder == &root_) return end(ERROR_PATH_NOT_FOUND);
-    // What holds it tells of its removal; an unmounted one stays as the folder that it was mounted on.
-    leave_below(*folder.parent, std::string(folder.name));
+    leave_below(*folder.parent, std::string(folder.name));  // what holds it tells of its removal
+}
+
+void FolderWatch::unmounted(FolderNode& folder) {
+    if (&folder == &root_) return end(ERROR_PATH_NOT_FOUND);
+    FolderNode& holder = *folder.parent;
+    const std::string name = folder.name;
+    removed(holder, name);
+    const KnownEntry now = look_at(holder, name, true);
+    if (now.exact) add(holder, name, now);
 }
 
 void FolderWatch::may_be_unreadable(FolderNode& folder) {

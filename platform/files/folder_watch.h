@@ -63,8 +63,10 @@ public:
                  bool is_folder);
     void written(FolderNode& folder, std::string_view name);
     void attributes_changed(FolderNode& folder, std::string_view name);
-    // The host no longer reports on the folder, or its permissions changed.
+    // The host no longer reports on the folder, or (may_be_unreadable) its permissions changed.
     void lost(FolderNode& folder);
+    // Its file system is gone: what it was mounted on shows again, another folder of the same name.
+    void unmounted(FolderNode& folder);
     void may_be_unreadable(FolderNode& folder);
 
     // --- Called from any thread.

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <random>
 #include <set>
@@ -463,6 +464,87 @@ TEST(FileChanges, AFolderMadeUnreadableEndsTheWatch) {
     ASSERT_EQ(chmod((folder.host() / "sub").c_str(), 0), 0);
     expect_end(watch, ERROR_ACCESS_DENIED);
     chmod((folder.host() / "sub").c_str(), 0700);
+}
+
+// May be listed, but its files not looked at.
+TEST(FileChanges, AFolderThatCannotBeEnteredIsWatchedOn) {
+    const TempFolder folder;
+    fs::create_directory(folder.host() / "sub");
+    write_text(folder.host() / "sub/a");
+    const int inside = open((folder.host() / "sub").c_str(), O_PATH | O_CLOEXEC);
+    const WithoutOverride everybody;
+    {
+        const Watch watch(folder.handheld() + u"\\sub");
+        ASSERT_EQ(chmod((folder.host() / "sub").c_str(), 0600), 0);
+        ASSERT_EQ(chmod((folder.host() / "sub").c_str(), 0700), 0);
+        EXPECT_EQ(heard(watch, folder.host() / "sub"), Texts{});
+    }
+    close(inside);
+}
+
+TEST(FileChanges, RecordsBeforeTheEndAreRead) {
+    const TempFolder folder;
+    fs::create_directory(folder.host() / "sub");
+    const Watch watch(folder.handheld() + u"\\sub");
+    write_text(folder.host() / "sub/a");
+    fs::remove(folder.host() / "sub/a");
+    fs::remove(folder.host() / "sub");
+    Texts all;
+    while (true) {
+        ASSERT_TRUE(watch.wait());
+        for (std::u16string& each : words(watch.take())) {
+            all.push_back(std::move(each));
+        }
+        if (!FindNextChangeNotification(watch.handle())) break;
+    }
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(all, (Texts{u"+a", u"-a"}));
+}
+
+TEST(FileChanges, TheEndIsToldWithoutRecordsToo) {
+    const TempFolder folder;
+    fs::create_directory(folder.host() / "sub");
+    const std::u16string path = folder.handheld() + u"\\sub";
+    const HANDLE handle = FindFirstChangeNotificationW(path.c_str(), FALSE, FILE_NOTIFY_CHANGE_CREATION);
+    ASSERT_NE(handle, INVALID_HANDLE_VALUE);
+    write_text(folder.host() / "sub/a");
+    fs::remove(folder.host() / "sub/a");
+    fs::remove(folder.host() / "sub");
+    EXPECT_EQ(WaitForSingleObject(handle, kSoon), WAIT_OBJECT_0);
+    while (FindNextChangeNotification(handle)) {
+        ASSERT_EQ(WaitForSingleObject(handle, kSoon), WAIT_OBJECT_0);
+    }
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(WaitForSingleObject(handle, 0), WAIT_TIMEOUT);
+    EXPECT_TRUE(FindCloseChangeNotification(handle));
+}
+
+TEST(FileChanges, AFolderMadeAnewIsAnotherOne) {
+    const TempFolder folder;
+    fs::create_directory(folder.host() / "sub");
+    const Watch old(folder.handheld() + u"\\sub");
+    fs::remove(folder.host() / "sub");
+    fs::create_directory(folder.host() / "sub");
+    const Watch watch(folder.handheld() + u"\\sub");
+    expect_end(old, ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(heard(watch, folder.host() / "sub"), Texts{});
+    EXPECT_FALSE(old.wait(0));
+}
+
+// The thread that reads for all watches rests, however many of them have ended.
+TEST(FileChanges, EndedWatchesCostNoTime) {
+    const TempFolder folder;
+    fs::create_directory(folder.host() / "deleted");
+    fs::create_directory(folder.host() / "renamed");
+    const Watch deleted(folder.handheld() + u"\\deleted");
+    const Watch renamed(folder.handheld() + u"\\renamed");
+    fs::remove(folder.host() / "deleted");
+    fs::rename(folder.host() / "renamed", folder.host() / "other");
+    expect_end(deleted, ERROR_PATH_NOT_FOUND);
+    expect_end(renamed, ERROR_PATH_NOT_FOUND);
+    const std::clock_t before = std::clock();
+    EXPECT_FALSE(deleted.wait(200));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 20);
 }
 
 TEST(FileChanges, ASubtreeIsWatchedAsItGrows) {
