@@ -15,6 +15,7 @@
 #include "ZrUtility/Helpers/KeywordTable.h"
 #include "ZrUtility/Helpers/LockHelper.h"
 #include "ZrUtility/Helpers/OutlookManager.h"
+#include "ZrUtility/Helpers/RegistryMonitor.h"
 #include "ZrUtility/Helpers/SharedMemManager.h"
 #include "ZrUtility/Helpers/StringTokenizer.h"
 #include "ZrUtility/Helpers/StringUtilities.h"
