@@ -47,7 +47,8 @@ public:
     // differs from these; once there has been a report every further change counts. The data is compared by hash as a
     // text that ends with the first zero unit, so data that differs behind that, and texts of the same hash, pass for
     // the same. The expected data is a zero-terminated WCHAR text, aligned as such, or with `expectedIsDword` 1 the
-    // four bytes of a DWORD (which is a text of at most two units). All texts are copied.
+    // four bytes of a DWORD (a text of at most two units; an empty one, of the hash 0, stands for
+    // nothing expected). All texts are copied.
     virtual int StartMonitor(HKEY root, WCHAR* subKey, WCHAR* valueName, const char* expectedData, int watchSubtree,
                              ULONG notifyFilter, CallbackInfo info, bool createIfMissing, int expectedIsDword);
 
