@@ -97,32 +97,28 @@ inline DWORD get_dword(HKEY key, const std::u16string& name) {
     return result == kOk && type == REG_DWORD && size == sizeof value ? value : 0xDEADBEEF;
 }
 
-inline std::vector<std::u16string> sub_keys(HKEY key) {
-    std::vector<std::u16string> names;
+// The names that RegEnumKeyExW or RegEnumValueW tells.
+template <class Function>
+std::vector<std::u16string> names(HKEY key, Function* enumerate) {
+    std::vector<std::u16string> all;
     for (DWORD i = 0;; ++i) {
         WCHAR name[256];
         DWORD chars = 256;
-        const LONG result = RegEnumKeyExW(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr);
+        const LONG result = enumerate(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr);
         if (result != kOk) {
             EXPECT_EQ(result, code(ERROR_NO_MORE_ITEMS));
-            return names;
+            return all;
         }
-        names.emplace_back(name, chars);
+        all.emplace_back(name, chars);
     }
 }
 
+inline std::vector<std::u16string> sub_keys(HKEY key) {
+    return names(key, RegEnumKeyExW);
+}
+
 inline std::vector<std::u16string> value_names(HKEY key) {
-    std::vector<std::u16string> names;
-    for (DWORD i = 0;; ++i) {
-        WCHAR name[256];
-        DWORD chars = 256;
-        const LONG result = RegEnumValueW(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr);
-        if (result != kOk) {
-            EXPECT_EQ(result, code(ERROR_NO_MORE_ITEMS));
-            return names;
-        }
-        names.emplace_back(name, chars);
-    }
+    return names(key, RegEnumValueW);
 }
 
 }  // namespace zr::test
