@@ -22,7 +22,12 @@ constexpr unsigned kUndecided = 1;
 constexpr unsigned kFile = 2;
 constexpr unsigned kSink = 4;
 
-std::atomic<unsigned> wanted{kUndecided};
+}  // namespace
+
+constinit std::atomic<unsigned> zrLogWanted{kUndecided};
+
+namespace {
+
 std::atomic<LogFile*> file{nullptr};
 std::atomic<const char*> error_text{nullptr};
 std::mutex deciding;
@@ -60,32 +65,28 @@ bool open_file(const char* path) {
     file.store(opened, std::memory_order_release);
     error_text.store(text, std::memory_order_release);
     if (opened) {
-        wanted.fetch_or(kFile, std::memory_order_release);
+        zrLogWanted.fetch_or(kFile, std::memory_order_release);
     } else {
-        wanted.fetch_and(~kFile, std::memory_order_release);
+        zrLogWanted.fetch_and(~kFile, std::memory_order_release);
     }
-    wanted.fetch_and(~kUndecided, std::memory_order_release);
+    zrLogWanted.fetch_and(~kUndecided, std::memory_order_release);
     return text == nullptr;
 }
 
 void decide() {
     const int saved_errno = errno;
     const std::lock_guard lock(deciding);
-    if (wanted.load(std::memory_order_relaxed) & kUndecided) open_file(secure_getenv("ZR_LOG"));
+    if (zrLogWanted.load(std::memory_order_relaxed) & kUndecided) open_file(secure_getenv("ZR_LOG"));
     errno = saved_errno;
 }
 
 [[gnu::noinline]] void record_wanted(const ZrLogRecord& record, bool is_buffer = false) {
-    if (wanted.load(std::memory_order_relaxed) & kUndecided) decide();
-    const unsigned now_wanted = wanted.load(std::memory_order_acquire);
+    if (zrLogWanted.load(std::memory_order_relaxed) & kUndecided) decide();
+    const unsigned now_wanted = zrLogWanted.load(std::memory_order_acquire);
     if (now_wanted & kFile) {
         if (LogFile* open = file.load(std::memory_order_acquire)) open->write(record, is_buffer);
     }
     if (now_wanted & kSink) zr::log::deliver_to_sink(record);
-}
-
-bool anybody_listens() {
-    return wanted.load(std::memory_order_relaxed) != 0;
 }
 
 }  // namespace
@@ -96,7 +97,7 @@ bool zrLogSetFile(const char* path) noexcept {
 }
 
 const char* zrLogError() noexcept {
-    if (wanted.load(std::memory_order_relaxed) & kUndecided) decide();
+    if (zrLogWanted.load(std::memory_order_relaxed) & kUndecided) decide();
     return error_text.load(std::memory_order_acquire);
 }
 
@@ -104,31 +105,31 @@ void zrLogSetSink(ZrLogSink sink, void* context) noexcept {
     const std::lock_guard lock(changing_sink);
     zr::log::replace_sink(sink, context);
     if (sink) {
-        wanted.fetch_or(kSink);
+        zrLogWanted.fetch_or(kSink);
     } else {
-        wanted.fetch_and(~kSink);
+        zrLogWanted.fetch_and(~kSink);
     }
 }
 
 void zrKelDebugBinLog0(const char* source, int line, std::uint32_t category) noexcept {
-    if (anybody_listens()) record_wanted({source, line, category, 0, {}, nullptr, 0});
+    if (zrLogIsWanted()) record_wanted({source, line, category, 0, {}, nullptr, 0});
 }
 void zrKelDebugBinLog1(const char* source, int line, std::uint32_t category, std::uintptr_t a) noexcept {
-    if (anybody_listens()) record_wanted({source, line, category, 1, {a}, nullptr, 0});
+    if (zrLogIsWanted()) record_wanted({source, line, category, 1, {a}, nullptr, 0});
 }
 void zrKelDebugBinLog2(const char* source, int line, std::uint32_t category, std::uintptr_t a,
                        std::uintptr_t b) noexcept {
-    if (anybody_listens()) record_wanted({source, line, category, 2, {a, b}, nullptr, 0});
+    if (zrLogIsWanted()) record_wanted({source, line, category, 2, {a, b}, nullptr, 0});
 }
 void zrKelDebugBinLog3(const char* source, int line, std::uint32_t category, std::uintptr_t a, std::uintptr_t b,
                        std::uintptr_t c) noexcept {
-    if (anybody_listens()) record_wanted({source, line, category, 3, {a, b, c}, nullptr, 0});
+    if (zrLogIsWanted()) record_wanted({source, line, category, 3, {a, b, c}, nullptr, 0});
 }
 void zrKelDebugBinLog4(const char* source, int line, std::uint32_t category, std::uintptr_t a, std::uintptr_t b,
                        std::uintptr_t c, std::uintptr_t d) noexcept {
-    if (anybody_listens()) record_wanted({source, line, category, 4, {a, b, c, d}, nullptr, 0});
+    if (zrLogIsWanted()) record_wanted({source, line, category, 4, {a, b, c, d}, nullptr, 0});
 }
 void zrKelDebugBinBuffer(const char* source, int line, std::uint32_t category, const void* data,
                          std::size_t size) noexcept {
-    if (anybody_listens()) record_wanted({source, line, category, 0, {}, data, size}, true);
+    if (zrLogIsWanted()) record_wanted({source, line, category, 0, {}, data, size}, true);
 }

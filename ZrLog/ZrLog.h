@@ -12,6 +12,7 @@
 // Records that find no room (full disk, file size limit) are counted in the file's header. A child made by fork goes
 // on with its parent's log; a program started by exec opens the log anew when the variable still names it.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -30,6 +31,14 @@ inline constexpr std::uint32_t kZrLogBuffer = 0x40000000;
 
 constexpr std::uint32_t zrLogCategory(std::uint32_t module, std::uint32_t level) {
     return (module << 16) | level;
+}
+
+// Whether a record would be kept, or may be because nobody has asked yet: the load and the branch, made where it is
+// called. The calls below ask for themselves; ask before them where even a call is too much. The number is the log's
+// own.
+ZRLOG_API extern std::atomic<unsigned> zrLogWanted;
+inline bool zrLogIsWanted() noexcept {
+    return zrLogWanted.load(std::memory_order_relaxed) != 0;
 }
 
 // `source` must outlive the call only; the log keeps a copy. Arguments are of pointer width.

@@ -24,10 +24,11 @@ constexpr int LINE_SECTION_ENDED = 104;
 constexpr DWORD DEBUG_MUTEX_PATIENCE = 30000;  // milliseconds
 
 void LogLock(int line, const LockInterface* lock) {
-    zrKelDebugBinLog1(LOG_SOURCE, line, LOG_TRACE, reinterpret_cast<std::uintptr_t>(lock));
+    if (zrLogIsWanted()) zrKelDebugBinLog1(LOG_SOURCE, line, LOG_TRACE, reinterpret_cast<std::uintptr_t>(lock));
 }
 
 void LogCount(int line, const LockInterface* lock, LONG count) {
+    if (!zrLogIsWanted()) return;
     zrKelDebugBinLog2(LOG_SOURCE, line, LOG_TRACE, reinterpret_cast<std::uintptr_t>(lock), static_cast<ULONG>(count));
 }
 

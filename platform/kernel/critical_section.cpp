@@ -158,8 +158,9 @@ void DeleteCriticalSection(CRITICAL_SECTION* section) {
 }
 
 void EnterCriticalSection(CRITICAL_SECTION* section) {
-    cancellation_point();
     Thread& self = ThreadAccess::current();
+    if (ThreadAccess::must_end(self)) [[unlikely]]
+        cancellation_point();
     DWORD seen = 0;
     if (take(section, self.id(), seen)) return;
     if ((seen & ~kQueued) == self.id()) {

@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "mutex.h"
 #include "named_wait.h"
 #include "platform/base.h"
 
@@ -29,6 +30,7 @@ void Engine::enlist(Thread& self, std::span<Waitable* const> objects, WaitMode m
         blocks[i] = {&object, &self, object.last_, nullptr};
         (object.last_ ? object.last_->next : object.first_) = &blocks[i];
         object.last_ = &blocks[i];
+        if (!self.yields_) ++object.firm_;
     }
     self.waiting_.store(true, std::memory_order_relaxed);
 }
@@ -39,9 +41,11 @@ void Engine::delist(Thread& thread) noexcept {
         Waitable& object = *block.object;
         (block.previous ? block.previous->next : object.first_) = block.next;
         (block.next ? block.next->previous : object.last_) = block.previous;
+        if (!thread.yields_) --object.firm_;
         let_go(object);
     }
     thread.block_count_ = 0;
+    thread.yields_ = false;
 }
 
 bool Engine::is_satisfied(const Thread& thread) noexcept {
@@ -189,8 +193,13 @@ WaitResult Engine::wait(std::span<Waitable* const> objects, WaitMode mode, Deadl
     if (objects.size() <= 1) mode = WaitMode::Any;
 
     if (mode == WaitMode::All || !take_at_once(self, objects, result)) {
-        result =
-            has_named(objects) ? named::wait(self, objects, mode, deadline) : wait_here(self, objects, mode, deadline);
+        if (objects.size() == 1 && objects[0]->kind() == ObjectKind::Mutex) {
+            result = static_cast<Mutex*>(objects[0])->wait(self, deadline);
+        } else if (has_named(objects)) {
+            result = named::wait(self, objects, mode, deadline);
+        } else {
+            result = wait_here(self, objects, mode, deadline);
+        }
     }
     if (result.status >= WaitResult::Status::TimedOut) return result;
     if (mode == WaitMode::All) {

@@ -61,6 +61,7 @@ struct ThreadAccess {
     static bool park(Thread& self, Deadline deadline) noexcept;  // false: the deadline has passed
     static void notify(Thread& thread, Wakeups& wakeups) noexcept;
     static void notify_anywhere(Thread& thread, Wakeups& wakeups) noexcept;  // whatever word it sleeps on
+    static bool one_processor() noexcept;  // looking again is no use: nobody else runs meanwhile
     static bool spin(Thread& self, const std::atomic<std::uint32_t>& word) noexcept;
 
     // Sleeping on a word that other processes see, in place of the record's own. park_at before each such sleep, and
@@ -97,6 +98,10 @@ struct ThreadAccess {
     static Ref<Event>& gate(Thread& thread) noexcept { return thread.gate_; }
     static std::atomic<bool>& suspended(Thread& thread) noexcept { return thread.suspended_; }
     static DWORD wait_for_id(Thread& thread) noexcept;
+
+    static bool& yields(Thread& thread) noexcept { return thread.yields_; }
+    static std::uint32_t& passed_over(Thread& thread) noexcept { return thread.passed_over_; }
+    static QuickSlot* quick_slot(const Thread& self) noexcept { return self.quick_slot_; }
 
     static Mutex*& owned(Thread& self) noexcept { return self.owned_; }
     static named::NamedMutex*& named_owned(Thread& self) noexcept { return self.named_owned_; }

@@ -1,10 +1,10 @@
 #include <new>
 #include <utility>
 
-#include "engine.h"
 #include "named_objects.h"
 #include "names.h"
 #include "platform/kernel.h"
+#include "quick_pin.h"
 
 namespace zr::platform {
 
@@ -13,12 +13,19 @@ Event::Event(bool manual_reset, bool signalled, ObjectKind kind) noexcept
     word_.store(signalled ? kSignalled : 0, std::memory_order_relaxed);
 }
 
-void Event::set() noexcept {
+bool Event::try_set() noexcept {
     std::uint32_t word = word_.load(std::memory_order_relaxed);
     while ((word & kHasWaiters) == 0) {
         // Also when it is set already: who takes the signal has to see what the setter did before.
-        if (word_.compare_exchange_weak(word, kSignalled, std::memory_order_acq_rel, std::memory_order_relaxed)) return;
+        if (word_.compare_exchange_weak(word, kSignalled, std::memory_order_acq_rel, std::memory_order_relaxed)) {
+            return true;
+        }
     }
+    return false;
+}
+
+void Event::set() noexcept {
+    if (try_set()) return;
     Wakeups wakeups;
     const std::lock_guard guard(Engine::lock);
     word_.fetch_or(kSignalled, std::memory_order_acq_rel);
@@ -55,12 +62,16 @@ bool Event::is_exhausted() const noexcept {
     return !is_set();
 }
 
-Waitable::Attempt Event::try_acquire(Thread&) noexcept {
+Waitable::Attempt Event::try_take() noexcept {
     if (manual_reset_) return is_set() ? Attempt::Taken : Attempt::No;
     std::uint32_t word = kSignalled;
     if (word_.load(std::memory_order_relaxed) != kSignalled) return Attempt::No;
     return word_.compare_exchange_strong(word, 0, std::memory_order_acq_rel, std::memory_order_relaxed) ? Attempt::Taken
                                                                                                         : Attempt::No;
+}
+
+Waitable::Attempt Event::try_acquire(Thread&) noexcept {
+    return try_take();
 }
 
 namespace {
@@ -71,6 +82,7 @@ BOOL modify(HANDLE handle, void (Event::*action)() noexcept, bool (NamedEvent::*
     cancellation_point();
     Pin pin(handle);
     if (Event* const event = pin ? pin.object()->event() : nullptr) {
+        if (event->kind() == ObjectKind::Event) note_use(pin);
         (event->*action)();
         return TRUE;
     }
@@ -102,8 +114,14 @@ HANDLE OpenEventW(DWORD, BOOL, LPCWSTR name) {
     return named::open_event(name);
 }
 
-BOOL SetEvent(HANDLE event) {
-    return modify(event, &Event::set, &NamedEvent::set);
+BOOL SetEvent(HANDLE handle) {
+    Thread& self = ThreadAccess::current();
+    if (!ThreadAccess::must_end(self)) [[likely]] {
+        const QuickPin quick(self, handle);
+        Event* const event = quick.get<Event>();
+        if (event && event->try_set()) return TRUE;
+    }
+    return modify(handle, &Event::set, &NamedEvent::set);
 }
 
 BOOL ResetEvent(HANDLE event) {

@@ -1,12 +1,11 @@
 #include "mutex.h"
 
 #include <new>
-#include <utility>
 
-#include "engine.h"
 #include "named_objects.h"
 #include "names.h"
 #include "platform/kernel.h"
+#include "quick_pin.h"
 
 namespace zr::platform {
 
@@ -27,31 +26,44 @@ bool Mutex::is_exhausted() const noexcept {
 }
 
 Waitable::Attempt Mutex::try_acquire(Thread& self) noexcept {
-    std::uint32_t word = 0;
-    if (word_.compare_exchange_strong(word, self.id(), std::memory_order_acquire, std::memory_order_relaxed)) {
-        holds_ = 1;
-        return std::exchange(abandoned_, false) ? Attempt::TakenAbandoned : Attempt::Taken;
-    }
-    if ((word & ~kHasWaiters) != self.id()) return Attempt::No;
-    ++holds_;
-    return Attempt::Taken;
+    return try_lock(self);
 }
 
 void Mutex::acquired(Thread& self) noexcept {
-    if (listed_) return;
+    if (!listed_) enlist_owned(self);
+}
+
+void Mutex::enlist_owned(Thread& self) noexcept {
     listed_ = true;
-    add_ref();
     Mutex*& first = ThreadAccess::owned(self);
     previous_ = nullptr;
     next_ = first;
     if (first) first->previous_ = this;
     first = this;
+    if (!has_handle()) keep_while_owned();
+}
+
+void Mutex::delist_owned(Thread& self) noexcept {
+    (previous_ ? previous_->next_ : ThreadAccess::owned(self)) = next_;
+    if (next_) next_->previous_ = previous_;
+    listed_ = false;
+}
+
+// An owned mutex without handles. Who took it last looks at the handles after it has changed the word, and who closes
+// the last handle changes the word after that: so one of the two, or both, come here.
+void Mutex::keep_while_owned() noexcept {
+    add_ref();
+    std::uint32_t word = word_.fetch_or(0, std::memory_order_acq_rel);
+    while ((word & kOwner) != 0 && (word & kKept) == 0) {
+        if (word_.compare_exchange_weak(word, word | kKept, std::memory_order_acq_rel)) return;
+    }
+    release();
 }
 
 void Mutex::take_initially(Thread& self) noexcept {
     word_.store(self.id(), std::memory_order_relaxed);
     holds_ = 1;
-    acquired(self);
+    enlist_owned(self);
 }
 
 bool Mutex::unlock(Thread& self) noexcept {
@@ -64,19 +76,38 @@ bool Mutex::unlock(Thread& self) noexcept {
     return true;
 }
 
+bool Mutex::try_unlock(Thread& self) noexcept {
+    std::uint32_t word = self.id();
+    if (word_.load(std::memory_order_relaxed) != word) return false;
+    if (holds_ > 1) {
+        --holds_;
+        return true;
+    }
+    // All of it before the word, as the next owner may be there at once.
+    delist_owned(self);
+    holds_ = 0;
+    if (word_.compare_exchange_strong(word, 0, std::memory_order_release, std::memory_order_relaxed)) return true;
+    holds_ = 1;
+    enlist_owned(self);
+    return false;
+}
+
+// Whoever waits may be all that keeps the mutex, and gone as soon as it has it.
 void Mutex::give_up(Thread& self, bool abandoned) noexcept {
-    (previous_ ? previous_->next_ : ThreadAccess::owned(self)) = next_;
-    if (next_) next_->previous_ = previous_;
-    listed_ = false;
+    if (!abandoned && try_unlock(self)) return;
+    add_ref();
+    delist_owned(self);
     holds_ = 0;
     abandoned_ = abandoned;
-    std::uint32_t word = self.id();
-    if (!word_.compare_exchange_strong(word, 0, std::memory_order_release, std::memory_order_relaxed)) {
+    std::uint32_t word = 0;
+    {
         Wakeups wakeups;
         const std::lock_guard guard(Engine::lock);
-        word_.fetch_and(kHasWaiters, std::memory_order_acq_rel);
-        Engine::serve(*this, wakeups);
+        Engine::hold(*this);
+        word = word_.fetch_and(kHasWaiters, std::memory_order_acq_rel);
+        pass_on(wakeups);
     }
+    if ((word & kKept) != 0) release();
     release();
 }
 
@@ -89,7 +120,11 @@ void Mutex::abandon_all(Thread& self) noexcept {
 // Without a handle the owner can never release it; a thread that still waits for it learns what happened.
 void Mutex::last_handle_closed() noexcept {
     Thread& self = ThreadAccess::current();
-    if (owner() == self.id()) give_up(self, true);
+    if (owner() == self.id()) {
+        give_up(self, true);
+    } else {
+        keep_while_owned();
+    }
 }
 
 }  // namespace zr::platform
@@ -116,13 +151,20 @@ HANDLE OpenMutexW(DWORD, BOOL, LPCWSTR name) {
 }
 
 BOOL ReleaseMutex(HANDLE handle) {
+    Thread& self = ThreadAccess::current();
+    {
+        const QuickPin quick(self, handle);
+        Mutex* const mutex = quick.get<Mutex>();
+        if (mutex && mutex->try_unlock(self)) return TRUE;
+    }
     Pin pin(handle);
     const ObjectKind kind = pin ? pin.object()->kind() : ObjectKind::Other;
     bool released = false;
     if (kind == ObjectKind::Mutex) [[likely]] {
-        released = static_cast<Mutex*>(pin.object())->unlock(ThreadAccess::current());
+        note_use(pin);
+        released = static_cast<Mutex*>(pin.object())->unlock(self);
     } else if (kind == ObjectKind::NamedMutex) {
-        released = static_cast<named::NamedMutex*>(pin.object())->unlock(ThreadAccess::current());
+        released = static_cast<named::NamedMutex*>(pin.object())->unlock(self);
     } else {
         report_invalid_handle();
         return FALSE;

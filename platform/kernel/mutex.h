@@ -1,11 +1,19 @@
 #pragma once
 
-#include "thread.h"
+#include <utility>
+
+#include "engine.h"
 
 namespace zr::platform {
 
-// A mutex: the word holds its owner's thread identifier, 0 when it is free. While it is owned it has one reference more
-// and hangs in its owner's list, which only the owner touches.
+// A mutex: the word holds its owner's thread identifier, 0 when it is free. While it is owned it hangs in its owner's
+// list, which only the owner touches, and lives: by its handles, or when there are none left by a reference that kKept
+// stands for.
+//
+// Who waits for a mutex alone yields: a release leaves the mutex free, calls the first of those who wait, and whoever
+// is quickest has it; only when the first has been passed over a few times, is it handed over. While the called thread
+// is on its way the word is not marked with kHasWaiters, so that those who pass take the quick way. A mutex for which
+// others wait too, or that was abandoned, is handed over at once.
 class Mutex final : public Waitable {
 public:
     static constexpr ObjectKind kKind = ObjectKind::Mutex;
@@ -15,10 +23,26 @@ public:
     // Gives up one hold; false when the calling thread is not the owner.
     bool unlock(Thread& self) noexcept;
 
+    // What can be done without a lock and without waiting, else nothing is done and the answer is No, or false.
+    Attempt try_lock(Thread& self) noexcept {
+        const Attempt attempt = take_free(self);
+        if (attempt != Attempt::No) {
+            enlist_owned(self);
+            return attempt;
+        }
+        if (owner() != self.id()) return Attempt::No;
+        ++holds_;
+        return Attempt::Taken;
+    }
+    bool try_unlock(Thread& self) noexcept;
+
     // The calling thread ends and leaves all that it owns to others.
     static void abandon_all(Thread& self) noexcept;
 
     void take_initially(Thread& self) noexcept;  // a new mutex that nobody else knows
+
+    // Waits for this mutex alone, after the first attempt without the lock.
+    WaitResult wait(Thread& self, Deadline deadline);
 
 protected:
     ~Mutex() override = default;
@@ -30,8 +54,27 @@ protected:
     void last_handle_closed() noexcept override;
 
 private:
-    DWORD owner() const noexcept { return word_.load(std::memory_order_acquire) & ~kHasWaiters; }
+    static constexpr std::uint32_t kKept = 0x40000000u;
+    static constexpr std::uint32_t kOwner = kKept - 1;
+
+    DWORD owner() const noexcept { return word_.load(std::memory_order_acquire) & kOwner; }
+    Attempt take_free(Thread& self) noexcept {
+        std::uint32_t word = 0;
+        if (!word_.compare_exchange_strong(word, self.id(), std::memory_order_acquire, std::memory_order_relaxed)) {
+            return Attempt::No;
+        }
+        holds_ = 1;
+        return std::exchange(abandoned_, false) ? Attempt::TakenAbandoned : Attempt::Taken;
+    }
+    void enlist_owned(Thread& self) noexcept;
+    void delist_owned(Thread& self) noexcept;
+    void keep_while_owned() noexcept;
     void give_up(Thread& self, bool abandoned) noexcept;
+    void pass_on(Wakeups& wakeups) noexcept;
+
+    Attempt spin(Thread& self) noexcept;
+    bool take_held(Thread& self, WaitResult& result) noexcept;
+    bool sleep(Thread& self, Deadline deadline, WaitResult& result) noexcept;
 
     // Written by the owner, or for it while it sleeps.
     DWORD holds_ = 0;
@@ -39,6 +82,8 @@ private:
     bool abandoned_ = false;
     Mutex* previous_ = nullptr;
     Mutex* next_ = nullptr;
+
+    Thread* called_ = nullptr;  // was woken and has not looked yet. Guarded by the engine's lock.
 };
 
 }  // namespace zr::platform

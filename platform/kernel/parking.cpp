@@ -15,12 +15,15 @@ constexpr std::uint32_t kSpinMost = 200;
 constexpr std::uint32_t kProbeOften = 16;
 constexpr std::uint32_t kProbeSeldom = 4096;
 
-bool one_processor() noexcept {
-    cpu_set_t set;
-    return sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) == 1;
-}
-
 }  // namespace
+
+bool ThreadAccess::one_processor() noexcept {
+    static const bool one = [] {
+        cpu_set_t set;
+        return sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) == 1;
+    }();
+    return one;
+}
 
 void FutexLock::lock_contended() noexcept {
     for (int i = 0; i < 100; ++i) {
@@ -43,8 +46,7 @@ void ThreadAccess::begin_park(Thread& self) noexcept {
 
 // Looks for a while whether the thread is notified before it has gone to sleep.
 bool ThreadAccess::spin(Thread& self, const std::atomic<std::uint32_t>& word) noexcept {
-    static const bool alone = one_processor();
-    if (alone) return false;
+    if (one_processor()) return false;
     const bool probe = --self.probe_in_ == 0;
     const std::uint32_t limit = probe ? kSpinMost : std::min(kSpinMost, self.spin_ * 2 + kSpinLeast);
     std::uint32_t spun = 0;

@@ -12,6 +12,7 @@
 #include "mutex.h"
 #include "named_objects.h"
 #include "platform/kernel.h"
+#include "quick_pin.h"
 #include "tls.h"
 
 namespace zr::platform {
@@ -86,6 +87,7 @@ Thread& ThreadAccess::adopt_current() {
 
 void ThreadAccess::enter(Thread& self) noexcept {
     current_thread = &self;
+    self.quick_slot_ = claim_quick_slot();
     pthread_setspecific(exit_key(), &self);
     const std::lock_guard guard(registry_lock);
     const DWORD id = static_cast<DWORD>(gettid());
@@ -183,6 +185,7 @@ void ThreadAccess::leave(Thread& self) noexcept {
     // What destructors of thread_local objects took after the end.
     give_up_all(self);
     free_exit_stack();
+    give_back_quick_slot(self.quick_slot_);
     current_thread = nullptr;
     self.release();
 }

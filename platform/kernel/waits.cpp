@@ -1,12 +1,31 @@
 #include <sched.h>
 
+#include "mutex.h"
 #include "platform/kernel.h"
-#include "thread.h"
-#include "waitable.h"
+#include "quick_pin.h"
 
 using namespace zr::platform;
 
+namespace {
+
+// A mutex or an event that can be taken at once.
+Waitable::Attempt take_quickly(Thread& self, HANDLE handle) noexcept {
+    const QuickPin quick(self, handle);
+    if (Mutex* const mutex = quick.get<Mutex>()) return mutex->try_lock(self);
+    if (Event* const event = quick.get<Event>()) return event->try_take();
+    return Waitable::Attempt::No;
+}
+
+}  // namespace
+
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
+    Thread& self = ThreadAccess::current();
+    if (!ThreadAccess::must_end(self)) [[likely]] {
+        const Waitable::Attempt attempt = take_quickly(self, handle);
+        if (attempt == Waitable::Attempt::Taken) [[likely]]
+            return WAIT_OBJECT_0;
+        if (attempt == Waitable::Attempt::TakenAbandoned) return WAIT_ABANDONED;
+    }
     const Pin pin(handle);
     Waitable* object = pin ? pin.object()->waitable() : nullptr;
     if (!object) {
@@ -14,6 +33,7 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
         report_invalid_handle();
         return WAIT_FAILED;
     }
+    if (object->kind() == ObjectKind::Mutex || object->kind() == ObjectKind::Event) note_use(pin);
     return wait(*object, Deadline::after(milliseconds)).code();
 }
 

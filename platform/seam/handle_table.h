@@ -134,6 +134,8 @@ public:
     explicit operator bool() const noexcept { return object_ != nullptr; }
 
 private:
+    friend void note_use(const Pin& pin) noexcept;
+
     void unpin() noexcept;
 
     void* entry_ = nullptr;  // NULL for the pseudo handles, whose objects need no pin

@@ -77,7 +77,9 @@ private:
     bool wait_all_ = false;
     bool abandoned_ = false;
     bool interrupted_ = false;
-    std::uint32_t satisfied_ = 0;  // index of the object that ended the wait
+    bool yields_ = false;            // others may take the mutex first
+    std::uint32_t passed_over_ = 0;  // how often they were let
+    std::uint32_t satisfied_ = 0;    // index of the object that ended the wait
     std::uint32_t block_count_ = 0;
     WaitBlock* blocks_ = nullptr;
 
@@ -85,6 +87,7 @@ private:
     std::uint32_t spin_ = 0;       // how long it paid lately to look again before sleeping
     std::uint32_t probe_in_ = 16;  // after how many more waits to look longer once
     std::uint32_t probe_every_ = 16;
+    struct QuickSlot* quick_slot_ = nullptr;
     class Mutex* owned_ = nullptr;
     named::NamedMutex* named_owned_ = nullptr;
     NamedSleeper named_sleeper_;

@@ -31,6 +31,7 @@
 namespace zr::platform {
 
 class Thread;
+class Mutex;
 struct WaitBlock;
 
 // The longest list that one wait takes: MAXIMUM_WAIT_OBJECTS handles and the caller's message queue.
@@ -55,6 +56,9 @@ public:
     // Tells the engine that is_signalled may have turned true: waiters that can go on do. Cheap when nobody waits.
     // Change your state first. No lock of yours may be held that is_signalled or acquire take.
     void state_changed() noexcept;
+
+    // What came of trying to take an object without a lock.
+    enum class Attempt { No, Taken, TakenAbandoned };
 
 protected:
     using Object::Object;
@@ -85,7 +89,6 @@ protected:
 
     // The first, lock-free attempt of a wait for one or for any. Yes means is_signalled and acquire happened; No may
     // be said at any time and leads to the attempt with the lock held.
-    enum class Attempt { No, Taken, TakenAbandoned };
     virtual Attempt try_acquire(Thread& self) noexcept {
         static_cast<void>(self);
         return Attempt::No;
@@ -98,9 +101,11 @@ protected:
 
 private:
     friend class Engine;
+    friend class Mutex;
 
     WaitBlock* first_ = nullptr;  // guarded by the engine's lock
     WaitBlock* last_ = nullptr;
+    std::uint32_t firm_ = 0;  // how many of the blocks are of threads that do not yield
 };
 
 // An event, and the base of what is an event with something behind it.
@@ -114,6 +119,9 @@ public:
     void set() noexcept;
     void reset() noexcept;
     void pulse() noexcept;
+    // The lock-free attempts of setting it and of a wait; otherwise nothing is done and the answer is false, or No.
+    bool try_set() noexcept;
+    Attempt try_take() noexcept;
     bool is_set() const noexcept { return (word_.load(std::memory_order_acquire) & kSignalled) != 0; }
 
 protected:
