@@ -15,6 +15,9 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
+    // Whether nothing of it is seen before finish(), so that another one can be made instead.
+    bool can_start_over() const { return !temporary_.empty(); }
+
     void write(std::string_view text);
     void finish();
 

@@ -1,5 +1,6 @@
 // zr reg export: keys and all below them as registry text.
 
+#include <algorithm>
 #include <memory>
 
 #include "command.h"
@@ -10,6 +11,10 @@
 
 namespace zr {
 namespace {
+
+// Of writing a file while others change the registry.
+constexpr int kMostTries = 5;
+constexpr DWORD kNewsDelay = 10;
 
 struct Options {
     std::vector<std::string> keys;
@@ -46,33 +51,40 @@ public:
         });
     }
 
-    Exit code() const { return any_left_out_ ? Exit::DamagedCards : Exit::Ok; }
+    const std::vector<std::string>& left_out() const { return left_out_; }
 
 private:
     bool write_key(const RegPath& path, const std::vector<NamedRegValue>& values) {
         // A root without values need not be said; the others are there by having keys.
         if (path.below.empty() && values.empty()) return true;
         if (const std::string fault = writer_.key(path); !fault.empty()) {
-            leave_out(shown(path) + " with all below it: " + fault);
+            left_out_.push_back(shown(path) + " with all below it: " + fault);
             return false;
         }
         for (const NamedRegValue& each : values) {
             const std::string fault = writer_.value(each.name, each.value);
-            if (!fault.empty()) leave_out(shown(path) + ": " + shown_name(each.name) + ": " + fault);
+            if (!fault.empty()) left_out_.push_back(shown(path) + ": " + shown_name(each.name) + ": " + fault);
         }
         return true;
-    }
-
-    void leave_out(const std::string& what) {
-        any_left_out_ = true;
-        complain("left out: " + what);
     }
 
     const bool json_;
     OutputFile& file_;
     RegWriter writer_;
-    bool any_left_out_ = false;
+    std::vector<std::string> left_out_;
 };
+
+// Whether nothing changed while it was written; if something did, a key or value may be missing that was there.
+bool write_all(const std::vector<RegPath>& tops, Export& all) {
+    std::vector<std::unique_ptr<RegChanges>> changes;
+    for (const RegPath& top : tops) {
+        changes.push_back(std::make_unique<RegChanges>(RegKey::existing(top), true));
+    }
+    for (const RegPath& top : tops) {
+        all.write(top);
+    }
+    return std::none_of(changes.begin(), changes.end(), [](const auto& each) { return each->came(kNewsDelay); });
+}
 
 Exit export_keys(const Options& options) {
     std::vector<RegPath> tops;
@@ -86,13 +98,20 @@ Exit export_keys(const Options& options) {
         }
     }
     encoding_of(options);
-    OutputFile file(options.output);
-    Export all(options, file);
-    for (const RegPath& top : tops) {
-        all.write(top);
+    for (int tries = 1;; ++tries) {
+        OutputFile file(options.output);
+        Export all(options, file);
+        const bool settled = write_all(tops, all);
+        if (!settled && file.can_start_over() && tries < kMostTries) continue;
+        for (const std::string& each : all.left_out()) {
+            complain("left out: " + each);
+        }
+        if (!settled)
+            complain(
+                "warning: the registry was changed meanwhile; what others changed may be missing or of another moment");
+        file.finish();
+        return all.left_out().empty() ? Exit::Ok : Exit::DamagedCards;
     }
-    file.finish();
-    return all.code();
 }
 
 }  // namespace

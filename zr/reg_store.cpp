@@ -1,6 +1,8 @@
 #include "reg_store.h"
 
+#include <platform/base.h>
 #include <platform/errors.h>
+#include <platform/kernel.h>
 
 #include <new>
 #include <utility>
@@ -198,6 +200,27 @@ std::vector<NamedRegValue> RegKey::values() const {
         check(result, "reading " + shown(path_));
         values.push_back({{name, length}, {type, data.substr(0, size)}});
     }
+}
+
+RegChanges::RegChanges(const RegKey& key, bool subtree)
+    : handle_(CeFindFirstRegChange(key.handle(), subtree, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET)) {
+    if (handle_ == INVALID_HANDLE_VALUE)
+        throw reg_failure(static_cast<LONG>(GetLastError()), "watching " + shown(key.path()));
+}
+
+RegChanges::~RegChanges() {
+    CeFindCloseRegChange(handle_);
+}
+
+bool RegChanges::came(DWORD milliseconds) const {
+    return WaitForSingleObject(handle_, milliseconds) == WAIT_OBJECT_0;
+}
+
+bool RegChanges::rearm() const {
+    if (CeFindNextRegChange(handle_)) return true;
+    const DWORD error = GetLastError();
+    if (error == ERROR_KEY_DELETED) return false;
+    throw reg_failure(static_cast<LONG>(error), "watching the registry");
 }
 
 namespace {

@@ -76,6 +76,25 @@ private:
     RegPath path_;
 };
 
+// Changes of a key, with `subtree` also of what is below it, from when it is made on.
+class RegChanges {
+public:
+    RegChanges(const RegKey& key, bool subtree);
+    ~RegChanges();
+    RegChanges(const RegChanges&) = delete;
+    RegChanges& operator=(const RegChanges&) = delete;
+
+    HANDLE handle() const { return handle_; }
+    // Whether there was one. The news of it may take a moment; `milliseconds` to wait for that. rearm() makes it ready
+    // for the next.
+    bool came(DWORD milliseconds = 0) const;
+    // False when the key is gone.
+    bool rearm() const;
+
+private:
+    HANDLE handle_;
+};
+
 // A key and all below it, parents first: visit(path, values, depth) returns whether to go below the key. Keys that are
 // deleted meanwhile are passed over.
 using VisitRegKey = std::function<bool(const RegPath& path, const std::vector<NamedRegValue>& values, int depth)>;

@@ -1,8 +1,5 @@
 // zr reg watch: what changes in a key and below it, as it changes.
 
-#include <platform/base.h>
-#include <platform/kernel.h>
-
 #include <algorithm>
 #include <map>
 #include <memory>
@@ -22,33 +19,12 @@ struct Options {
     bool json = false;
 };
 
+// A look that others change the registry under is taken again, but not for ever.
+constexpr int kMostLooks = 10;
+
 // Keys by their whole name, values by name, as they were at one time.
 using Values = std::map<std::u16string, RegValue>;
 using Snapshot = std::map<std::u16string, Values>;
-
-class Changes {
-public:
-    Changes(const RegKey& key, bool subtree)
-        : handle_(CeFindFirstRegChange(key.handle(), subtree, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET)) {
-        if (handle_ == INVALID_HANDLE_VALUE)
-            throw reg_failure(static_cast<LONG>(GetLastError()), "watching " + shown(key.path()));
-    }
-    ~Changes() { CeFindCloseRegChange(handle_); }
-    Changes(const Changes&) = delete;
-    Changes& operator=(const Changes&) = delete;
-
-    HANDLE handle() const { return handle_; }
-    // False when the key is gone.
-    bool rearm() const {
-        if (CeFindNextRegChange(handle_)) return true;
-        const DWORD error = GetLastError();
-        if (error == ERROR_KEY_DELETED) return false;
-        throw reg_failure(static_cast<LONG>(error), "watching");
-    }
-
-private:
-    HANDLE handle_;
-};
 
 class RegWatch {
 public:
@@ -57,6 +33,7 @@ public:
     Exit run();
 
 private:
+    Snapshot settled_look(const RegChanges& changes) const;
     Snapshot look() const;
     bool is_gone() const;
     void report(const Snapshot& before, const Snapshot& now) const;
@@ -71,21 +48,29 @@ private:
 
 Exit RegWatch::run() {
     EventLoop loop;
-    const Changes changes(key_, !options_.key_only);
-    Snapshot last = look();
+    const RegChanges changes(key_, !options_.key_only);
+    Snapshot last = settled_look(changes);
     print_start(last);
     flush_output();
     while (const auto place = loop.wait({changes.handle()})) {
         if (*place != 0) continue;
-        // Armed before the look, so that what comes after it is told by another one.
-        const bool there = changes.rearm();
-        Snapshot now = there && !is_gone() ? look() : Snapshot();
+        Snapshot now = settled_look(changes);
         report(last, now);
         flush_output();
         if (now.empty()) throw Failure{Exit::None, shown(key_.path()) + " was deleted"};
         last = std::move(now);
     }
     return Exit::Ok;
+}
+
+// Nothing when the key is gone.
+Snapshot RegWatch::settled_look(const RegChanges& changes) const {
+    for (int tries = 0;; ++tries) {
+        // Armed before the look, so that what comes after it is told by another one.
+        if (!changes.rearm() || is_gone()) return {};
+        Snapshot now = look();
+        if (tries == kMostLooks || !changes.came()) return is_gone() ? Snapshot() : now;
+    }
 }
 
 bool RegWatch::is_gone() const {

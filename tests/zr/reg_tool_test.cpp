@@ -4,9 +4,12 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <thread>
 
 #include "random_registry.h"
@@ -241,6 +244,114 @@ TEST_F(RegTool, ImportsTheSamples) {
     EXPECT_EQ(reg({"get", "HKCU\\ControlPanel\\Owner", "Timeouts"}).out, "60\n");
 }
 
+TEST_F(RegTool, WatchesChangesOfOtherProcesses) {
+    ASSERT_EQ(reg({"set", "HKCU\\A\\B", "n", "1"}).code, 0);
+    RunningZr watch({"reg", "watch", "HKCU\\A"});
+    EXPECT_EQ(watch.read_line(), "now HKEY_CURRENT_USER\\A: 1 key, 1 value");
+    ASSERT_EQ(reg({"set", "HKCU\\A\\B", "n", "a\nb"}).code, 0);
+    EXPECT_EQ(watch.read_line(), "set HKEY_CURRENT_USER\\A\\B: \"n\" = REG_SZ a\\nb");
+    ASSERT_EQ(reg({"set", "HKCU\\Elsewhere", "n", "x"}).code, 0);
+    ASSERT_EQ(reg({"set", "HKCU\\A\\C\\D"}).code, 0);
+    EXPECT_EQ(watch.read_line(), "key added HKEY_CURRENT_USER\\A\\C");
+    EXPECT_EQ(watch.read_line(), "key added HKEY_CURRENT_USER\\A\\C\\D");
+    ASSERT_EQ(reg({"delete", "HKCU\\A\\B", "n"}).code, 0);
+    EXPECT_EQ(watch.read_line(), "removed HKEY_CURRENT_USER\\A\\B: \"n\"");
+    // Changes that are made as one are seen as one.
+    ASSERT_EQ(
+        reg({"import", "-q", "-"}, kHeader + "[-HKCU\\A\\C]\n[HKCU\\A]\n@=dword:7\n[HKCU\\A\\E]\n\"e\"=hex:1\n").code,
+        0);
+    EXPECT_EQ(watch.read_line(), "key removed HKEY_CURRENT_USER\\A\\C");
+    EXPECT_EQ(watch.read_line(), "key removed HKEY_CURRENT_USER\\A\\C\\D");
+    EXPECT_EQ(watch.read_line(), "set HKEY_CURRENT_USER\\A: @ = REG_DWORD 7");
+    EXPECT_EQ(watch.read_line(), "key added HKEY_CURRENT_USER\\A\\E");
+    EXPECT_EQ(watch.read_line(), "set HKEY_CURRENT_USER\\A\\E: \"e\" = REG_BINARY 01");
+    watch.kill(SIGINT);
+    EXPECT_EQ(watch.wait(), 0);
+    EXPECT_EQ(watch.read_line(), "");
+}
+
+TEST_F(RegTool, WatchesAKeyAloneInJson) {
+    ASSERT_EQ(reg({"set", "HKCU\\A\\B", "n", "1"}).code, 0);
+    RunningZr watch({"reg", "watch", "HKCU\\A", "--key-only", "--json"});
+    EXPECT_EQ(json::parse(watch.read_line()),
+              json::parse(R"({"change":"now","key":"HKEY_CURRENT_USER\\A","keys":1,"values":0})"));
+    ASSERT_EQ(reg({"set", "HKCU\\A\\B", "n", "2"}).code, 0);
+    ASSERT_EQ(reg({"set", "HKCU\\A", "Port", "80", "-t", "dword"}).code, 0);
+    EXPECT_EQ(
+        json::parse(watch.read_line()),
+        json::parse(R"({"change":"set","key":"HKEY_CURRENT_USER\\A","name":"Port","type":"REG_DWORD","data":80})"));
+    ASSERT_EQ(reg({"delete", "HKCU\\A", "Port"}).code, 0);
+    EXPECT_EQ(json::parse(watch.read_line()),
+              json::parse(R"({"change":"removed","key":"HKEY_CURRENT_USER\\A","name":"Port"})"));
+    ASSERT_EQ(reg({"set", "HKCU\\A\\C"}).code, 0);
+    EXPECT_EQ(json::parse(watch.read_line()), json::parse(R"({"change":"key-added","key":"HKEY_CURRENT_USER\\A\\C"})"));
+    // Its end is the end of the watch, even when it is there again.
+    ASSERT_EQ(reg({"import", "-q", "-"}, kHeader + "[-HKCU\\A]\n[HKCU\\A]\n").code, 0);
+    Lines last;
+    for (std::string line = watch.read_line(); !line.empty(); line = watch.read_line()) {
+        last.push_back(json::parse(line)["change"].get<std::string>() + " " +
+                       json::parse(line)["key"].get<std::string>());
+    }
+    EXPECT_EQ(last, (Lines{"key-removed HKEY_CURRENT_USER\\A", "key-removed HKEY_CURRENT_USER\\A\\B",
+                           "key-removed HKEY_CURRENT_USER\\A\\C"}));
+    EXPECT_EQ(watch.wait(), 1);
+}
+
+// What is printed adds up to what there is at the end, however fast the changes come.
+TEST_F(RegTool, WatchesUntilTheLastOfManyChanges) {
+    RunningZr watch({"reg", "watch", "HKCU", "--json"});
+    ASSERT_EQ(json::parse(watch.read_line())["change"], "now");
+    std::map<std::string, json> known;
+    std::thread writer([] {
+        std::mt19937 random(7);
+        for (int i = 0; i < 2000; ++i) {
+            const std::u16string name = zr::to_utf16("v" + std::to_string(random() % 20));
+            const auto number = static_cast<DWORD>(random());
+            if (random() % 4 == 0) {
+                RegDeleteValueW(HKEY_CURRENT_USER, name.c_str());
+            } else {
+                RegSetValueExW(HKEY_CURRENT_USER, name.c_str(), 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number),
+                               sizeof number);
+            }
+        }
+        RegSetValueExW(HKEY_CURRENT_USER, u"end", 0, REG_SZ, nullptr, 0);
+    });
+    while (!known.contains("end")) {
+        const json line = json::parse(watch.read_line());
+        const std::string name = line["name"];
+        if (line["change"] == "removed") {
+            EXPECT_EQ(known.erase(name), 1u);
+        } else {
+            ASSERT_EQ(line["change"], "set");
+            EXPECT_TRUE(!known.contains(name) || known[name] != line);
+            known[name] = line;
+        }
+    }
+    writer.join();
+    // "end" sorts before the others of the same look.
+    watch.kill(SIGINT);
+    for (std::string text = watch.read_line(); !text.empty(); text = watch.read_line()) {
+        const json line = json::parse(text);
+        if (line["change"] == "removed") {
+            known.erase(line["name"].get<std::string>());
+        } else {
+            known[line["name"].get<std::string>()] = line;
+        }
+    }
+    EXPECT_EQ(watch.wait(), 0);
+    const Contents all = contents();
+    const auto& values = all.at(u"HKEY_CURRENT_USER");
+    EXPECT_EQ(known.size(), values.size());
+    for (const auto& [name, value] : values) {
+        const json& line = known[zr::to_utf8(name)];
+        if (value.first == REG_DWORD) {
+            DWORD number = 0;
+            memcpy(&number, value.second.data(), sizeof number);
+            EXPECT_EQ(line["data"], number);
+        }
+    }
+}
+
 const Lines kDamage = {":5: refused: dword: with more than eight digits", ":6: refused: 'z' is not a hexadecimal byte",
                        ":10: refused: unknown root 'HKEY_CURRENT_USR'",
                        ":14: refused: a backslash in quotes that is not doubled",
@@ -380,6 +491,42 @@ TEST_F(RegTool, ImportsWhatItExportedAsItWas) {
         ASSERT_EQ(imported.code, 0) << imported.err;
         EXPECT_EQ(contents(), before) << seed;
     }
+}
+
+// Keys that come and go move the positions of those that stay.
+TEST_F(RegTool, MissesNothingSilentlyWhileOthersChange) {
+    std::string text = kHeader;
+    for (int i = 0; i < 300; ++i) {
+        text += "[HKCU\\Stays" + std::to_string(i) + "]\n";
+    }
+    ASSERT_EQ(reg({"import", "-q", "-"}, text).code, 0);
+    std::atomic<bool> done{false};
+    std::thread other([&] {
+        while (!done) {
+            HKEY key = nullptr;
+            RegCreateKeyExW(HKEY_CURRENT_USER, u"Comes and goes", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+                            nullptr);
+            RegCloseKey(key);
+            RegDeleteKeyW(HKEY_CURRENT_USER, u"Comes and goes");
+        }
+    });
+    for (int round = 0; round < 4; ++round) {
+        const Result result = reg({"export", "HKCU", "-o", file("all.reg"), "--encoding", "utf-8"});
+        EXPECT_EQ(result.code, 0);
+        const std::string all = read_file(file("all.reg"));
+        int there = 0;
+        for (std::size_t at = 0; (at = all.find("\\Stays", at)) != std::string::npos; ++at) {
+            ++there;
+        }
+        if (result.err.empty()) {
+            EXPECT_EQ(there, 300);
+        } else {
+            EXPECT_NE(result.err.find("warning: the registry was changed meanwhile"), std::string::npos) << result.err;
+        }
+    }
+    done = true;
+    other.join();
+    EXPECT_EQ(reg({"export", "HKCU", "-o", file("all.reg")}).err, "");
 }
 
 std::string numbered(int count, int number) {
