@@ -21,48 +21,49 @@ const unsigned int RegistryUtilities::m_colorBlobIndices[2] = {9, 8};
 const unsigned int RegistryUtilities::m_colorLargestBlobIndex = 9;
 std::atomic<int> RegistryUtilities::m_bCacheValid = 0;
 
+// Colours that are kept are never equal, so they are compared when they are read only.
 ULONG RegistryUtilities::GetColor(COLOR_INDICES index) {
-    bool read = true;
-    if (m_bCacheValid == 0) {
-        read = ReadColors();
-        if (read) m_bCacheValid = 1;
+    const int wanted = index == COLOR_AT_8 ? 1 : 0;
+    if (m_bCacheValid != 0) return m_colorValues[wanted];
+    Colors colors = {m_colorValues[0], m_colorValues[1]};
+    const bool read = ReadColors(colors);
+    const ULONG(&result)[2] = read && colors[0] != colors[1] ? colors : FALLBACK;
+    for (int i = 0; i < 2; ++i) {
+        m_colorValues[i] = result[i];
     }
-    if (!read || m_colorValues[0] == m_colorValues[1]) {
-        for (int i = 0; i < 2; ++i) {
-            m_colorValues[i] = FALLBACK[i];
-        }
-    }
-    return m_colorValues[index == COLOR_AT_8 ? 1 : 0];
+    if (read) m_bCacheValid = 1;
+    return result[wanted];
 }
 
 void RegistryUtilities::InvalidateCache() {
     m_bCacheValid = 0;
 }
 
-bool RegistryUtilities::ReadColors() {
+bool RegistryUtilities::ReadColors(Colors& colors) {
     OpenRegistryKey key;
     DWORD type = REG_NONE;
     DWORD size = 0;
     if (!key.Open(HKEY_LOCAL_MACHINE, COLOR_KEY)) return false;
     if (RegQueryValueExW(key, COLOR_ARRAY, nullptr, &type, nullptr, &size) != SUCCESS || type != REG_BINARY)
         return false;
-    return (size / sizeof(ULONG) <= m_colorLargestBlobIndex || ReadArray(key, size)) && ReadOverrides(key);
+    return (size / sizeof(ULONG) <= m_colorLargestBlobIndex || ReadArray(key, size, colors)) &&
+           ReadOverrides(key, colors);
 }
 
-bool RegistryUtilities::ReadArray(HKEY key, DWORD size) {
+bool RegistryUtilities::ReadArray(HKEY key, DWORD size, Colors& colors) {
     // Zeros in place of what is not there when the value has become shorter meanwhile.
-    const std::unique_ptr<ULONG[]> colors(new (std::nothrow) ULONG[size / sizeof(ULONG) + 1]());
-    if (!colors) return false;
-    if (RegQueryValueExW(key, COLOR_ARRAY, nullptr, nullptr, reinterpret_cast<BYTE*>(colors.get()), &size) != SUCCESS)
+    const std::unique_ptr<ULONG[]> array(new (std::nothrow) ULONG[size / sizeof(ULONG) + 1]());
+    if (!array) return false;
+    if (RegQueryValueExW(key, COLOR_ARRAY, nullptr, nullptr, reinterpret_cast<BYTE*>(array.get()), &size) != SUCCESS)
         return false;
     for (int i = 0; i < 2; ++i) {
-        m_colorValues[i] = colors[m_colorBlobIndices[i]];
+        colors[i] = array[m_colorBlobIndices[i]];
     }
     return true;
 }
 
 // Values of more than four bytes are passed over. False when the key was deleted meanwhile, or cannot be read on.
-bool RegistryUtilities::ReadOverrides(HKEY key) {
+bool RegistryUtilities::ReadOverrides(HKEY key, Colors& colors) {
     WCHAR name[512];
     for (DWORD index = 0;; ++index) {
         ULONG color = 0;
@@ -73,7 +74,7 @@ bool RegistryUtilities::ReadOverrides(HKEY key) {
         if (result == static_cast<LONG>(ERROR_MORE_DATA)) continue;
         if (result != SUCCESS) return result == static_cast<LONG>(ERROR_NO_MORE_ITEMS);
         for (int i = 0; i < 2; ++i) {
-            if (std::u16string_view(name) == m_colorValuesNames[i]) m_colorValues[i] = color;
+            if (std::u16string_view(name) == m_colorValuesNames[i]) colors[i] = color;
         }
     }
 }
