@@ -1,6 +1,5 @@
 #include "ZrUtility/Helpers/RegistryAccessor.h"
 
-#include <string>
 #include <string_view>
 
 #include "ZrUtility/Helpers/open_registry_key.h"
@@ -115,15 +114,13 @@ unsigned int RegistryAccessor::RegistryGetString(HKEY root, const WCHAR* subKey,
                                                  int dstChars, const WCHAR* def) {
     if (dst == nullptr || dstChars < 1) return root != NO_ROOT && HasText(subKey) ? StoredSize(root, subKey, name) : 0;
     const auto room = static_cast<DWORD>(dstChars);
-    // Measured before the read: the default may be the buffer itself, and what is read into that need not end.
-    std::u16string_view fallback = def != nullptr ? std::u16string_view(def) : std::u16string_view();
-    if (fallback.size() >= room) fallback = {};
     if (IsValid(root) && HasText(subKey) && name != nullptr) {
         const LONGLONG size = ReadString(root, subKey, name, dst, room * DWORD{sizeof(WCHAR)});
         if (size >= 0) return static_cast<unsigned int>(size) / sizeof(WCHAR);
     }
-    std::char_traits<WCHAR>::move(dst, fallback.data(), fallback.size());
-    dst[fallback.size()] = 0;
+    std::u16string_view fallback = def != nullptr ? std::u16string_view(def) : std::u16string_view();
+    if (fallback.size() >= room) fallback = {};
+    dst[fallback.copy(dst, fallback.size())] = 0;
     return 0;
 }
 

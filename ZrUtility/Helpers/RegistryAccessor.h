@@ -1,9 +1,8 @@
 #pragma once
 
 // Single values of the registry, each read or written by one call: a key is opened (or made), used and closed again, so
-// callers hold no handles. Readers take a default for what is missing or of another type. What sets a value returns
-// when that is on the disk; deleting and moving do not wait for the disk (they come there with the next value that is
-// set, by whomever, or when the platform writes the registry back).
+// callers hold no handles. Readers take a default for what is missing or of another type. Writers return when the value
+// is on the disk.
 //
 //     const ULONG port = RegistryAccessor::RegistryGetDWORD(HKEY_CURRENT_USER, u"Software\\Mail", u"Port", 143);
 //     RegistryAccessor::RegistrySetDWORD(HKEY_CURRENT_USER, u"Software\\Mail", u"Port", 993);
@@ -31,15 +30,13 @@ public:
     // With `dst` and `dstChars` of at least 1: the characters of the stored text, with its terminator if it was stored
     // with one; the text is in dst. When there is none that fits, `def` (or, when that is NULL or not shorter than
     // dstChars, the empty text) is in dst, and the result is 0. The name may be empty, not NULL. A text that was stored
-    // without terminator has none in dst. An odd last byte is stored, and not counted. `def` may lie in dst: a buffer
-    // that is its own default keeps its text, unless a value of another type was there and fitted.
+    // without terminator has none in dst. An odd last byte is stored, and not counted.
     // Otherwise: the size of the value in bytes, of whatever type; 0 when there is none, for the root (HKEY)-1 and a
     // NULL or empty sub-key.
     static unsigned int RegistryGetString(HKEY root, const WCHAR* subKey, const WCHAR* name, WCHAR* dst, int dstChars,
                                           const WCHAR* def);
     // Stores `byteCount` bytes; count the terminator in. 1, or 0 when it could not be written: also for an invalid root
-    // and a NULL or empty name. The sub-key may be NULL or empty: the value is then the root's. A negative count is
-    // refused by the platform, when the key has been made; so it is for RegistrySetBinary.
+    // and a NULL or empty name. The sub-key may be NULL or empty: the value is then the root's.
     static int RegistrySetString(HKEY root, const WCHAR* subKey, const WCHAR* name, WCHAR* data, int byteCount);
 
     // 0 with the value in `buf`, which has `len` bytes. -1 for NULL, a length below 1, an invalid root, a NULL or empty

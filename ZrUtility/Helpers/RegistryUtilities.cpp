@@ -21,49 +21,48 @@ const unsigned int RegistryUtilities::m_colorBlobIndices[2] = {9, 8};
 const unsigned int RegistryUtilities::m_colorLargestBlobIndex = 9;
 std::atomic<int> RegistryUtilities::m_bCacheValid = 0;
 
-// Colours that are kept are never equal, so they are compared when they are read only.
 ULONG RegistryUtilities::GetColor(COLOR_INDICES index) {
-    const int wanted = index == COLOR_AT_8 ? 1 : 0;
-    if (m_bCacheValid != 0) return m_colorValues[wanted];
-    Colors colors = {m_colorValues[0], m_colorValues[1]};
-    const bool read = ReadColors(colors);
-    const ULONG(&result)[2] = read && colors[0] != colors[1] ? colors : FALLBACK;
-    for (int i = 0; i < 2; ++i) {
-        m_colorValues[i] = result[i];
+    bool read = true;
+    if (m_bCacheValid == 0) {
+        read = ReadColors();
+        if (read) m_bCacheValid = 1;
     }
-    if (read) m_bCacheValid = 1;
-    return result[wanted];
+    if (!read || m_colorValues[0] == m_colorValues[1]) {
+        for (int i = 0; i < 2; ++i) {
+            m_colorValues[i] = FALLBACK[i];
+        }
+    }
+    return m_colorValues[index == COLOR_AT_8 ? 1 : 0];
 }
 
 void RegistryUtilities::InvalidateCache() {
     m_bCacheValid = 0;
 }
 
-bool RegistryUtilities::ReadColors(Colors& colors) {
+bool RegistryUtilities::ReadColors() {
     OpenRegistryKey key;
     DWORD type = REG_NONE;
     DWORD size = 0;
     if (!key.Open(HKEY_LOCAL_MACHINE, COLOR_KEY)) return false;
     if (RegQueryValueExW(key, COLOR_ARRAY, nullptr, &type, nullptr, &size) != SUCCESS || type != REG_BINARY)
         return false;
-    return (size / sizeof(ULONG) <= m_colorLargestBlobIndex || ReadArray(key, size, colors)) &&
-           ReadOverrides(key, colors);
+    return (size / sizeof(ULONG) <= m_colorLargestBlobIndex || ReadArray(key, size)) && ReadOverrides(key);
 }
 
-bool RegistryUtilities::ReadArray(HKEY key, DWORD size, Colors& colors) {
+bool RegistryUtilities::ReadArray(HKEY key, DWORD size) {
     // Zeros in place of what is not there when the value has become shorter meanwhile.
-    const std::unique_ptr<ULONG[]> array(new (std::nothrow) ULONG[size / sizeof(ULONG) + 1]());
-    if (!array) return false;
-    if (RegQueryValueExW(key, COLOR_ARRAY, nullptr, nullptr, reinterpret_cast<BYTE*>(array.get()), &size) != SUCCESS)
+    const std::unique_ptr<ULONG[]> colors(new (std::nothrow) ULONG[size / sizeof(ULONG) + 1]());
+    if (!colors) return false;
+    if (RegQueryValueExW(key, COLOR_ARRAY, nullptr, nullptr, reinterpret_cast<BYTE*>(colors.get()), &size) != SUCCESS)
         return false;
     for (int i = 0; i < 2; ++i) {
-        colors[i] = array[m_colorBlobIndices[i]];
+        m_colorValues[i] = colors[m_colorBlobIndices[i]];
     }
     return true;
 }
 
 // Values of more than four bytes are passed over. False when the key was deleted meanwhile, or cannot be read on.
-bool RegistryUtilities::ReadOverrides(HKEY key, Colors& colors) {
+bool RegistryUtilities::ReadOverrides(HKEY key) {
     WCHAR name[512];
     for (DWORD index = 0;; ++index) {
         ULONG color = 0;
@@ -74,7 +73,7 @@ bool RegistryUtilities::ReadOverrides(HKEY key, Colors& colors) {
         if (result == static_cast<LONG>(ERROR_MORE_DATA)) continue;
         if (result != SUCCESS) return result == static_cast<LONG>(ERROR_NO_MORE_ITEMS);
         for (int i = 0; i < 2; ++i) {
-            if (std::u16string_view(name) == m_colorValuesNames[i]) colors[i] = color;
+            if (std::u16string_view(name) == m_colorValuesNames[i]) m_colorValues[i] = color;
         }
     }
 }

@@ -23,12 +23,9 @@ public:
 private:
     RegistryUtilities() {}
 
-    // Colours while they are read: no other thread sees them half read.
-    using Colors = ULONG[2];
-
-    static bool ReadColors(Colors& colors);
-    static bool ReadArray(HKEY key, DWORD size, Colors& colors);
-    static bool ReadOverrides(HKEY key, Colors& colors);
+    static bool ReadColors();
+    static bool ReadArray(HKEY key, DWORD size);
+    static bool ReadOverrides(HKEY key);
 
     static std::atomic<ULONG> m_colorValues[2];
     static const WCHAR* const m_colorValuesNames[2];

@@ -1,6 +1,7 @@
 #include "ZrUtility/Helpers/SharedMemManager.h"
 
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstring>
 
@@ -20,6 +21,18 @@ bool IsNullOrEmpty(const WCHAR* name) {
     return name == nullptr || *name == 0;
 }
 
+// Whether the names are equal in the characters that are compared. Here and not by wcsncmp, as each call looks a name
+// up.
+bool IsSameName(const WCHAR* left, const WCHAR* right) {
+#pragma GCC unroll 8
+    for (std::size_t i = 0; i < COMPARED_CHARACTERS; ++i) {
+        const WCHAR character = left[i];
+        if (character != right[i]) return false;
+        if (character == 0) return true;
+    }
+    return true;
+}
+
 unsigned char* Map(HANDLE mapping, SIZE_T size) {
     return static_cast<unsigned char*>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, size));
 }
@@ -31,23 +44,20 @@ void Unmap(unsigned char*& view) {
 }
 
 // The fields of a region are little-endian, whatever the machine is.
-ULONG LoadField(const unsigned char* at) {
-    return at[0] | ULONG{at[1]} << 8 | ULONG{at[2]} << 16 | ULONG{at[3]} << 24;
-}
-
-void StoreField(unsigned char* at, ULONG value) {
-    for (int i = 0; i < 4; ++i) {
-        at[i] = static_cast<unsigned char>(value >> (8 * i));
-    }
+ULONG LittleEndian(ULONG value) {
+    if constexpr (std::endian::native == std::endian::little) return value;
+    return value >> 24 | (value >> 8 & 0xFF00) | (value << 8 & 0xFF0000) | value << 24;
 }
 
 Header LoadHeader(const unsigned char* region) {
-    return {LoadField(region), LoadField(region + 4)};
+    Header header;
+    std::memcpy(&header, region, sizeof header);
+    return {LittleEndian(header.size), LittleEndian(header.contentLength)};
 }
 
 void StoreHeader(unsigned char* region, const Header& header) {
-    StoreField(region, header.size);
-    StoreField(region + 4, header.contentLength);
+    const Header stored{LittleEndian(header.size), LittleEndian(header.contentLength)};
+    std::memcpy(region, &stored, sizeof stored);
 }
 
 // The header and `length` bytes of content; 0, of which there is no view, when this target has no such size.
@@ -118,7 +128,7 @@ int SharedMemManager::GetNextUsableStruct() {
 int SharedMemManager::GetMemStruct(const WCHAR* name) const {
     for (int i = 0; i <= m_highestSlot; ++i) {
         const WCHAR* identifier = m_slots[i].identifier;
-        if (identifier != nullptr && wcsncmp(identifier, name, COMPARED_CHARACTERS) == 0) return i;
+        if (identifier != nullptr && IsSameName(identifier, name)) return i;
     }
     return -1;
 }

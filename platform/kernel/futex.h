@@ -43,6 +43,10 @@ inline bool futex_wait(std::atomic<std::uint32_t>& word, std::uint32_t expected,
     return result == 0 || errno != ETIMEDOUT;
 }
 
+// How many to wake on a word that other processes map. A thread of theirs that was killed in its sleep is counted among
+// the sleepers until it gets to run once more, even when the word has been given to another thread since.
+inline constexpr int kEverybody = INT_MAX;
+
 // The address is only a name here: waking a word that is gone meanwhile wakes nobody or somebody who looks again.
 inline void futex_wake(const void* word, int count, FutexScope scope = FutexScope::Private) noexcept {
     syscall(kFutexCall, word, FUTEX_WAKE | static_cast<int>(scope), count, nullptr, nullptr, 0);

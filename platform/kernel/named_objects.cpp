@@ -1,6 +1,7 @@
 #include "named_objects.h"
 
 #include <new>
+#include <utility>
 
 #include "named_queue.h"
 #include "platform/base.h"
@@ -51,16 +52,19 @@ Opened open_named(Session& session, std::u16string_view name, const NewObject* w
     const Ref<Local> fresh = Ref<Local>::adopt(new (std::nothrow) Local);
     if (!fresh) return {nullptr, ERROR_NOT_ENOUGH_MEMORY};
     Ref<Local> local;
-    const std::lock_guard guard(Member::lock());
     DWORD error = ERROR_SUCCESS;
+    HANDLE handle = nullptr;
     {
-        const SessionHold hold(session);
-        const std::uint32_t index = find_or_make(session, name, Local::kNamedKind, wanted, error);
-        if (index == kNone) return {nullptr, error};
-        local = local_for(session, index, fresh);
+        const std::lock_guard guard(Member::lock());
+        {
+            const SessionHold hold(session);
+            const std::uint32_t index = find_or_make(session, name, Local::kNamedKind, wanted, error);
+            if (index == kNone) return {nullptr, error};
+            local = local_for(session, index, fresh);
+        }
+        handle = open_handle(*local);
+        if (!handle) return {nullptr, GetLastError()};
     }
-    const HANDLE handle = open_handle(*local);
-    if (!handle) return {nullptr, GetLastError()};
     if constexpr (std::is_same_v<Local, NamedMutex>) {
         if (owner && error == ERROR_SUCCESS) local->taken_initially(*owner);
     }
@@ -147,12 +151,43 @@ Waitable::Attempt NamedMutex::try_acquire(Thread& self) noexcept {
 
 void NamedMutex::acquired(Thread& self) noexcept {
     if (holds_++ != 0) return;
-    add_ref();
     NamedMutex*& first = ThreadAccess::named_owned(self);
     previous_ = nullptr;
     next_ = first;
     if (first) first->previous_ = this;
     first = this;
+    if (without_handle_.load(std::memory_order_relaxed)) keep_for_owner();
+}
+
+// Who closes the last handle says so and then looks whose the mutex is; who takes it or gives it up changes that and
+// then looks whether it was said. Both by a read-modify-write of the word, so that one of the two sees the other, and
+// what they do about it they do one after the other.
+void NamedMutex::last_handle_closed() noexcept {
+    without_handle_.store(true, std::memory_order_relaxed);
+    keep_for_owner();
+    Shared::last_handle_closed();
+}
+
+void NamedMutex::keep_for_owner() noexcept {
+    if (!member_.is_valid()) return;
+    const std::lock_guard guard(Member::lock());
+    const std::uint64_t seen = word().fetch_or(0, std::memory_order_acq_rel);
+    const Session& session = member_.session();
+    if ((seen & kOwner) == 0 || owner_place(seen) != session.place() ||
+        owner_generation(seen) != session.generation()) {
+        return;
+    }
+    // What is kept for an owner that has given it up, but has not yet come to dropping this, goes on to the next.
+    if (std::exchange(kept_for_, owner_tid(seen)) == 0) add_ref();
+}
+
+void NamedMutex::drop_kept(const Thread& self) noexcept {
+    {
+        const std::lock_guard guard(Member::lock());
+        if (kept_for_ != self.id()) return;
+        kept_for_ = 0;
+    }
+    release();
 }
 
 bool NamedMutex::unlock(Thread& self) noexcept {
@@ -166,24 +201,26 @@ bool NamedMutex::unlock(Thread& self) noexcept {
     return true;
 }
 
+// The caller keeps the mutex alive.
 void NamedMutex::give_up(Thread& self, std::uint64_t mark) noexcept {
     (previous_ ? previous_->next_ : ThreadAccess::named_owned(self)) = next_;
     if (next_) next_->previous_ = previous_;
     holds_ = 0;
     Session& session = member_.session();
     std::uint64_t seen = member_.base() | session.owner(self);
-    if (!word().compare_exchange_strong(seen, member_.base() | mark, std::memory_order_release,
+    if (!word().compare_exchange_strong(seen, member_.base() | mark, std::memory_order_acq_rel,
                                         std::memory_order_relaxed)) {
         const SessionHold hold(session);
         word().exchange(member_.base() | kWaiters | mark, std::memory_order_acq_rel);
         let_go(member_.object());
         serve(session.region(), member_.index());
     }
-    release();
+    if (without_handle_.load(std::memory_order_relaxed)) drop_kept(self);
 }
 
 void NamedMutex::abandon_all(Thread& self) noexcept {
     while (NamedMutex* mutex = ThreadAccess::named_owned(self)) {
+        const Ref<NamedMutex> kept = Ref<NamedMutex>::retain(*mutex);
         mutex->give_up(self, kAbandoned);
     }
 }

@@ -23,7 +23,8 @@ protected:
     Attempt try_acquire(Thread& self) noexcept override;
 };
 
-// While a thread of this process owns it, it has one reference more and hangs in the thread's list.
+// While a thread of this process owns it, it hangs in the thread's list, and lives: by its handles, or from when the
+// last one was closed by a reference that is kept for the owner.
 class NamedMutex final : public Shared {
 public:
     static constexpr ObjectKind kKind = ObjectKind::NamedMutex;
@@ -41,14 +42,20 @@ protected:
     ~NamedMutex() override = default;
     void acquired(Thread& self) noexcept override;
     Attempt try_acquire(Thread& self) noexcept override;
+    void last_handle_closed() noexcept override;
 
 private:
     void give_up(Thread& self, std::uint64_t mark) noexcept;
+    void keep_for_owner() noexcept;
+    void drop_kept(const Thread& self) noexcept;
 
     // Touched by the owner only.
     DWORD holds_ = 0;
     NamedMutex* previous_ = nullptr;
     NamedMutex* next_ = nullptr;
+
+    std::atomic<bool> without_handle_{false};  // once was; written before the word is looked at
+    DWORD kept_for_ = 0;                       // the thread that the reference is for. Guarded by the members' lock.
 };
 
 // What CreateEventW and CreateMutexW do with a name; NULL with the last error set.

@@ -180,7 +180,7 @@ Hold::~Hold() {
     std::copy_n(region_.to_wake_, count, words);
     pthread_mutex_unlock(&region_.header().lock);
     for (std::uint32_t i = 0; i < count; ++i) {
-        futex_wake(words[i], 1, FutexScope::Shared);
+        futex_wake(words[i], kEverybody, FutexScope::Shared);
     }
 }
 

@@ -83,13 +83,18 @@ public:
     // The word of a process's life lock: its holder's thread identifier, marked by the kernel when that ends.
     std::atomic<std::uint32_t>& life(std::uint32_t place) const noexcept;
 
+    // Lets all who sleep on the lock try again, who will see to it that one of them is called when it is free.
+    void wake_lock_waiters() const noexcept {
+        futex_wake(&header().lock.__data.__lock, kEverybody, FutexScope::Shared);
+    }
+
     // A word to wake a sleeper on once the lock has been given back, so that the sleeper does not run into it. With the
     // lock held.
     void wake_later(const std::atomic<std::uint32_t>& word) noexcept {
         if (to_wake_count_ < kMostToWake) {
             to_wake_[to_wake_count_++] = &word;
         } else {
-            futex_wake(&word, 1, FutexScope::Shared);
+            futex_wake(&word, kEverybody, FutexScope::Shared);
         }
     }
 

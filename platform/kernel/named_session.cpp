@@ -169,7 +169,7 @@ void Session::announce() noexcept {
     if (next == place_) return;
     std::atomic<std::uint32_t>& word = region_.life(next);
     word.fetch_and(~std::uint32_t{FUTEX_WAITERS}, std::memory_order_acq_rel);
-    futex_wake(&word, INT_MAX, FutexScope::Shared);
+    futex_wake(&word, kEverybody, FutexScope::Shared);
 }
 
 // Every process watches the next one in the circle, and clears up after it when it has ended: so each end is noticed at

@@ -49,9 +49,9 @@ public:
                 case WaitResult::Status::Interrupted:
                     if (is_input()) queue_.set_news();
                     break;
-                case WaitResult::Status::Abandoned:
                 case WaitResult::Status::Failed:
                     return result.code();
+                case WaitResult::Status::Abandoned:
                 case WaitResult::Status::Satisfied:
                     if (mode_ == WaitMode::All) queue_.clear_bits(MessageQueue::arrived(mask_));
                     if (mode_ == WaitMode::All || result.index < count_ || is_input()) return result.code();

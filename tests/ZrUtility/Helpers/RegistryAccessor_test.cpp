@@ -148,18 +148,6 @@ TEST(RegistryAccessor, ADefaultThatDoesNotFitIsEmpty) {
     EXPECT_EQ(text[0], 0);
 }
 
-TEST(RegistryAccessor, ABufferMayBeItsOwnDefault) {
-    std::vector<WCHAR> text = {u'a', u'b', u'c', 0};
-    EXPECT_EQ(Accessor::RegistryGetString(kRoot, kPath, u"missing", text.data(), 4, text.data()), 0u);
-    EXPECT_EQ(std::u16string(text.data()), u"abc");
-    EXPECT_EQ(Accessor::RegistryGetString(kRoot, kPath, u"missing", text.data(), 4, text.data() + 1), 0u);
-    EXPECT_EQ(std::u16string(text.data()), u"bc");
-    // What is read and then not taken fills the buffer to its end.
-    store(kPath, u"bytes", REG_BINARY, "xxxxxxxx", 8);
-    EXPECT_EQ(Accessor::RegistryGetString(kRoot, kPath, u"bytes", text.data(), 4, text.data()), 0u);
-    EXPECT_EQ(text[2], 0) << "as many characters as the default had";
-}
-
 TEST(RegistryAccessor, ReadsTextsOnlyButMeasuresEverything) {
     store(kPath, u"expand", REG_EXPAND_SZ, u"abc", 8);
     store(kPath, u"number", REG_DWORD, "\1\0\0\0", 4);

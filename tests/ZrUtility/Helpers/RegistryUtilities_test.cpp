@@ -143,28 +143,4 @@ TEST_F(Colors, FirstCallsOfManyThreadsAgree) {
     }
 }
 
-// The array's two colours are the same, and not those that count.
-TEST_F(Colors, NoThreadSeesThemHalfRead) {
-    const std::vector<ULONG> same(10, 7);
-    set(u"SHColor", REG_BINARY, same.data(), same.size() * sizeof(ULONG));
-    set_one(u"9", 5);
-    set_one(u"8", 6);
-    for (WCHAR name[] = u"0 "; name[1] < 200; ++name[1]) {
-        set(name, REG_SZ, "", 0);  // these come first, so that reading takes its time
-    }
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int round = 0; round < 1000; ++round) {
-                RegistryUtilities::InvalidateCache();
-                EXPECT_EQ(RegistryUtilities::GetColor(kAt9), 5u);
-                EXPECT_EQ(RegistryUtilities::GetColor(kAt8), 6u);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
-
 }  // namespace

@@ -1,5 +1,6 @@
 // Named events and mutexes, in this process and with others.
 
+#include <atomic>
 #include <set>
 
 #include "platform/kernel/named_support.h"
@@ -153,6 +154,89 @@ TEST(Named, ThreadThatEndsAbandons) {
     EXPECT_TRUE(ReleaseMutex(lock));
     EXPECT_EQ(WaitForSingleObject(lock, 0), WAIT_OBJECT_0);
     EXPECT_TRUE(ReleaseMutex(lock));
+}
+
+// Fills the objects' table but for a few places, so that a few objects that are not freed make the file grow.
+class FullTable {
+public:
+    FullTable() {
+        const Handle event = make();
+        Worker([&] { return WaitForSingleObject(event, 1); }).join();  // the sleepers' table is there
+        const std::uintmax_t before = size();
+        while (size() == before) {
+            all_.push_back(make());
+        }
+        const std::uintmax_t begun = size();
+        while (size() == begun) {
+            all_.push_back(make());
+        }
+        for (int i = 0; i < 4; ++i) {
+            all_.erase(all_.begin());
+        }
+        full_ = size();
+    }
+    void expect_no_growth() {
+        std::vector<Handle> left;
+        for (int i = 0; i < 4; ++i) {
+            left.push_back(make());
+        }
+        EXPECT_EQ(size(), full_);
+    }
+
+private:
+    Handle make() { return named_event((u"filling " + std::u16string(1, next_++)).c_str()); }
+    static std::uintmax_t size() {
+        const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            if (entry.path().filename().string().starts_with("objects-")) return entry.file_size();
+        }
+        return 0;
+    }
+
+    char16_t next_ = 0x4E00;
+    std::vector<Handle> all_;
+    std::uintmax_t full_ = 0;
+};
+
+TEST(Named, AMutexClosedWhileItIsOwnedLivesAsLongAsItsOwner) {
+    FullTable table;
+    for (int round = 0; round < 20; ++round) {
+        Worker owner([&] {
+            Handle made = named_mutex(u"closed", true);
+            EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+            if (round % 2 != 0) {  // given up and taken again
+                EXPECT_TRUE(ReleaseMutex(made));
+                EXPECT_EQ(WaitForSingleObject(made, 0), WAIT_OBJECT_0);
+            }
+            EXPECT_TRUE(CloseHandle(made.detach()));
+            return DWORD{0};
+        });
+        owner.join_and_close();
+    }
+    table.expect_no_growth();
+}
+
+// The handle is closed at any point between taking the mutex and giving it up.
+TEST(Named, AMutexMayBeClosedAtAnyMomentOfItsUse) {
+    FullTable table;
+    for (int round = 0; round < 200; ++round) {
+        Handle lock = named_mutex(u"closed in use");
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS) << round;
+        std::atomic<int> turns = 0;
+        const auto use = [&, handle = HANDLE(lock)] {
+            while (WaitForSingleObject(handle, INFINITE) != WAIT_FAILED && ReleaseMutex(handle)) {
+                ++turns;
+            }
+            return DWORD{0};
+        };
+        Worker first(use);
+        Worker second(use);
+        while (turns < round % 4) {
+            sched_yield();
+        }
+        EXPECT_TRUE(CloseHandle(lock.detach()));
+    }
+    table.expect_no_growth();
 }
 
 TEST(Named, WaitersAreServedInOrder) {
