@@ -7,6 +7,23 @@
 namespace zr::platform::registry {
 namespace {
 
+// While it lives everything is read as it was at one moment: what one commit changed is seen whole.
+class Snapshot {
+public:
+    explicit Snapshot(Connection& reader) : reader_(reader) {
+        Use begin = reader_.use("BEGIN");
+        begun_ = reader_.run(begin) == ERROR_SUCCESS;
+    }
+    ~Snapshot() { reader_.roll_back(); }
+    Snapshot(const Snapshot&) = delete;
+    Snapshot& operator=(const Snapshot&) = delete;
+    explicit operator bool() const { return begun_; }
+
+private:
+    Connection& reader_;
+    bool begun_;
+};
+
 std::u16string folded(std::u16string_view name) {
     std::u16string text(name);
     CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
@@ -142,6 +159,8 @@ DWORD Tree::changes(LONGLONG behind, int limit, std::vector<Change>& changes) {
 
 DWORD Tree::catch_up(const CommitWatch::Stamp& now, bool known) {
     stamp_known_ = false;
+    const Snapshot snapshot(reader_);
+    if (!snapshot) return failed();
     std::vector<Change> news;
     DWORD error = begun_ ? changes(seq_, kMostChanges + 1, news) : ERROR_SUCCESS;
     if (error != 0) return error;
