@@ -184,7 +184,8 @@ void Session::watch() noexcept {
         }
         std::atomic<std::uint32_t>& word = region_.life(next);
         std::uint32_t seen = word.load(std::memory_order_acquire);
-        if ((seen & FUTEX_OWNER_DIED) != 0) continue;
+        // A lock that nobody holds must not be marked: who takes the place just now would wait for its own lock.
+        if ((seen & FUTEX_OWNER_DIED) != 0 || (seen & FUTEX_TID_MASK) == 0) continue;
         const std::uint32_t marked = seen | FUTEX_WAITERS;
         if (!word.compare_exchange_strong(seen, marked, std::memory_order_acq_rel)) continue;
         if (next_place() == next) futex_wait(word, marked, Deadline::never(), FutexScope::Shared);
