@@ -23,6 +23,7 @@ namespace {
 
 constexpr int kAnyVersion = 0;
 constexpr int kExactVersion = 1;
+constexpr int kSomeVersion = 5;
 
 struct Options {
     std::string folder;
@@ -43,10 +44,11 @@ using Module = std::unique_ptr<HINSTANCE__, FreeModule>;
 _ModuleVersion parse_version(const std::string& text) {
     _ModuleVersion version{};
     char rest;
-    const bool shaped = std::sscanf(text.c_str(), "%5d.%5d.%5d.%5d%c", &version.major, &version.minor, &version.build,
+    const bool shaped = text.find_first_not_of("0123456789.") == text.npos &&
+                        std::sscanf(text.c_str(), "%5d.%5d.%5d.%5d%c", &version.major, &version.minor, &version.build,
                                     &version.revision, &rest) == 4;
     for (const int part : {version.major, version.minor, version.build, version.revision}) {
-        if (!shaped || part < 0 || part > 0xFFFF)
+        if (!shaped || part > 0xFFFF)
             throw Failure{Exit::Usage, "--version: " + text + " is not a version such as 1.2.0.417"};
     }
     return version;
@@ -125,6 +127,8 @@ Exit list_modules(const Options& options) {
     if (!by_id && (!options.version.empty() || options.level_option.given()))
         throw Failure{Exit::Usage, "--version and --level need --id"};
     if (options.version.empty() && options.level_option.given()) throw Failure{Exit::Usage, "--level needs --version"};
+    if (options.level < kExactVersion || options.level > kSomeVersion)
+        throw Failure{Exit::Usage, "--level: " + std::to_string(options.level) + " is not a number from 1 to 5"};
     const std::u16string folder = handheld_folder(options.folder);
     const std::u16string pattern = to_utf16(options.pattern);
     const bool found = by_id ? list_wanted(options, folder, pattern) : list_all(options, folder, pattern);
@@ -141,7 +145,7 @@ void add_modules(Command zr) {
     command.add_option("--version", options->version, "Only modules of this version, such as 1.2.0.417");
     options->level_option = command.add_option(
         "--level", options->level,
-        "How much of the version counts: 1 all, 2 without the first number, 3 the last two, 4 the last");
+        "How much of the version counts: 1 all, 2 without the first number, 3 the last two, 4 the last, 5 nothing");
     command.add_option("--pattern", options->pattern, "Only files with such names").shows_default();
     command.add_flag("--json", options->json, "Print one JSON object per module and line");
     command.footer(

@@ -31,13 +31,14 @@ Exit watch(const Options& options) {
     std::vector<Watched*> by_event;
     std::vector<HANDLE> events;
     for (const auto& each : all) {
-        if (each->event() == nullptr) continue;
-        by_event.push_back(each.get());
-        events.push_back(each->event());
+        for (const HANDLE event : each->events()) {
+            by_event.push_back(each.get());
+            events.push_back(event);
+        }
     }
     flush_output();
     while (const auto place = loop.wait(events)) {
-        if (*place < by_event.size()) by_event[*place]->report();
+        if (*place < by_event.size()) by_event[*place]->report(events[*place]);
         flush_output();
     }
     return Exit::Ok;
@@ -55,7 +56,9 @@ void add_watch(Command zr) {
     command.add_flag("--json", options->json, "Print one JSON object per change and line");
     command.footer(
         "A line follows for each file or folder that is created, changed, deleted or renamed in a DIR, not\n"
-        "below it. What happens closely together to one file is told once. With --clock the first line\n"
+        "below it. What happens closely together to one file is told once; a DIR that is deleted, renamed,\n"
+        "unmounted or made unreadable is told of on standard error, and not watched any more. With --clock the first "
+        "line\n"
         "tells the time and the zone as they are, and one follows whenever the clock is set, with how far\n"
         "it was moved, and whenever the system's zone changes. Ends with SIGINT, SIGTERM or SIGHUP.\n"
         "\n"

@@ -118,9 +118,9 @@ class WatchedClock final : public Watched {
 public:
     explicit WatchedClock(bool json) : json_(json), lead_(clock_lead()) { print_change("now", 0); }
 
-    HANDLE event() const override { return time_.event(); }
+    std::vector<HANDLE> events() const override { return {time_.event()}; }
 
-    void report() override {
+    void report(HANDLE) override {
         const double lead = clock_lead();
         const double moved = std::round((lead - lead_) * 1000) / 1000;
         lead_ = lead;

@@ -109,7 +109,7 @@ Result zr(const std::vector<std::string>& args, const std::string& input) {
     return run(command, input);
 }
 
-RunningZr::RunningZr(const std::vector<std::string>& args) {
+RunningZr::RunningZr(const std::vector<std::string>& args, Errors errors) {
     signal(SIGPIPE, SIG_IGN);
     int in[2];
     int out[2];
@@ -117,7 +117,7 @@ RunningZr::RunningZr(const std::vector<std::string>& args) {
     make_pipe(out);
     std::vector<std::string> command = {ZR_TOOL};
     command.insert(command.end(), args.begin(), args.end());
-    pid_ = spawn(command, in[0], out[1], -1);
+    pid_ = spawn(command, in[0], out[1], errors == Errors::ToOutput ? out[1] : -1);
     close(in[0]);
     close(out[1]);
     in_ = in[1];

@@ -24,7 +24,9 @@ Result run(const std::vector<std::string>& command, const std::string& input = {
 // A zr that goes on running, with pipes to its standard input and from its standard output.
 class RunningZr {
 public:
-    explicit RunningZr(const std::vector<std::string>& args);
+    enum class Errors { NotRead, ToOutput };
+
+    explicit RunningZr(const std::vector<std::string>& args, Errors errors = Errors::NotRead);
     ~RunningZr();  // kills and reaps what still runs
     RunningZr(const RunningZr&) = delete;
     RunningZr& operator=(const RunningZr&) = delete;

@@ -79,10 +79,46 @@ TEST(WatchFolders, JsonAndAnExtension) {
     EXPECT_EQ(watch.wait(), 0);
 }
 
+TEST(WatchFolders, NamesThatMakeThePathTooLongAreToldWhole) {
+    const TempFolder folder;
+    const fs::path deep = folder.host() / std::string(255 - folder.host().string().size(), 'd');
+    const std::string name(255, 'n');
+    fs::create_directory(deep);
+    RunningZr watch({"watch", deep.string()});
+    first_line(watch, deep, "");
+    fs::rename(deep / "last", deep / name);
+    EXPECT_EQ(watch.read_line(), "renamed " + (deep / "last").string() + " -> " + (deep / name).string());
+    fs::rename(deep / name, deep / "\xff");
+    EXPECT_EQ(watch.read_line(), "renamed " + (deep / name).string() + " -> " + (deep / "\uFFFD").string());
+}
+
+TEST(WatchFolders, AFolderThatGoesIsToldOf) {
+    const TempFolder folder;
+    fs::create_directory(folder.host() / "one");
+    fs::create_directory(folder.host() / "two");
+    RunningZr watch({"watch", (folder.host() / "one").string(), (folder.host() / "two").string()},
+                    RunningZr::Errors::ToOutput);
+    first_line(watch, folder.host() / "two", "");
+    fs::remove(folder.host() / "one");
+    EXPECT_EQ(watch.read_line(), "zr: " + (folder.host() / "one").string() +
+                                     ": is not watched any more: it was deleted, renamed or unmounted");
+    touch(folder.host() / "two/more");
+    EXPECT_EQ(watch.read_line(), "created " + (folder.host() / "two/more").string());
+    watch.kill(SIGTERM);
+    EXPECT_EQ(watch.wait(), 0);
+}
+
 TEST(WatchFolders, WrongUsage) {
     const TempFolder folder;
     EXPECT_EQ(run_zr({"watch"}).code, 2);
-    EXPECT_EQ(run_zr({"watch", folder.host().string(), "--ext", "html"}).code, 2);
+    for (const char* extension : {"html", ".h", "/", "\\", "\xff"}) {
+        EXPECT_EQ(run_zr({"watch", folder.host().string(), "--ext", extension}).code, 2) << extension;
+    }
+    const fs::path deep = folder.host() / std::string(200, 'd') / std::string(100, 'd');
+    fs::create_directories(deep);
+    const Result too_long = run_zr({"watch", deep.string()});
+    EXPECT_EQ(too_long.code, 6);
+    EXPECT_NE(too_long.err.find("File name too long"), std::string::npos) << too_long.err;
     std::vector<std::string> eleven(12, folder.host().string());
     eleven[0] = "watch";
     EXPECT_EQ(run_zr(eleven).code, 2);
