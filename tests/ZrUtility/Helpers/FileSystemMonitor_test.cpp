@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "ZrUtility/Helpers/file_monitor_support.h"
+#include "ZrUtility/Helpers/merge_table.h"
 #include "platform/base.h"
 #include "platform/diagnostics.h"
 #include "platform/files.h"
@@ -39,16 +40,11 @@ public:
     using FileSystemMonitor::PushMessageQueue;
     using FileSystemMonitor::RegisterThisClass;
 
-    struct Event {
-        unsigned int code;
-        std::u16string path;
-        friend bool operator==(const Event&, const Event&) = default;
-    };
-    std::vector<Event> events() const {
-        std::vector<Event> all;
+    std::vector<TableEvent> events() const {
+        std::vector<TableEvent> all;
         for (int i = 0; i < m_pEvents->getNumberOfElement(); ++i) {
             const FileEvent& each = *m_pEvents->getElementByIndex(i);
-            all.push_back({each.code, each.firstPath ? each.firstPath : u"(null)"});
+            all.push_back({each.code, each.firstPath ? each.firstPath : u"(null)", {}});
         }
         return all;
     }
@@ -79,42 +75,6 @@ public:
     Notebook notebook;
     OpenMonitor monitor;
 };
-
-constexpr unsigned int kCodes[] = {0x1, 0x2, 0x4, 0x8, 0x10, 0x1000, 0x2000, 0x20000};
-
-// Rows: the reference; columns: the event; both in the order of kCodes. d drop, r drop and refer, t take, - leave.
-const std::map<unsigned int, std::string> kRules = {
-    {0x1, "ttt---t-"},  {0x2, "rrrddddd"},    {0x4, "dtdddddd"},    {0x8, "---dtt-t"},
-    {0x10, "---tdd-d"}, {0x1000, "---dtt-t"}, {0x2000, "tdt---d-"}, {0x20000, "---dtt-t"},
-};
-
-char rule(unsigned int reference, unsigned int code) {
-    const auto row = kRules.find(reference);
-    for (std::size_t i = 0; i < std::size(kCodes); ++i) {
-        if (kCodes[i] == code) return row == kRules.end() ? '-' : row->second[i];
-    }
-    return '-';
-}
-
-std::u16string lower(std::u16string text) {
-    for (WCHAR& c : text) {
-        c = towlower(c);
-    }
-    return text;
-}
-
-std::vector<OpenMonitor::Event> merged(const std::vector<OpenMonitor::Event>& events) {
-    std::vector<OpenMonitor::Event> kept;
-    OpenMonitor::Event reference;
-    for (std::size_t i = 0; i < events.size(); ++i) {
-        const OpenMonitor::Event& each = events[i];
-        const bool other = i == 0 || lower(each.path) != lower(reference.path);
-        const char what = other ? 't' : rule(reference.code, each.code);
-        if (what == 't' || what == 'r') reference = each;
-        if (what == 't' || what == '-') kept.push_back(each);
-    }
-    return kept;
-}
 
 // Overrides what may be overridden, and keeps the order of calls.
 #pragma GCC diagnostic push
@@ -461,12 +421,12 @@ TEST(FileSystemMonitor, MergesAsTheTableSays) {
     const WCHAR* const paths[] = {u"\\a", u"\\A", u"\\b"};
     Monitored world;
     for (int round = 0; round < 3000; ++round) {
-        std::vector<OpenMonitor::Event> events;
+        std::vector<TableEvent> events;
         const auto length = random() % 12;
         for (unsigned i = 0; i < length; ++i) {
             const unsigned int code = random() % 40 == 0 ? 0x40 : kCodes[random() % std::size(kCodes)];
             const WCHAR* const path = paths[random() % (random() % 4 == 0 ? 3 : 2)];
-            events.push_back({code, path});
+            events.push_back({code, path, {}});
             world.monitor.PushMessageQueue(code, path, nullptr);
         }
         world.monitor.OptimizeFileEvents();

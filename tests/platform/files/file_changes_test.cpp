@@ -22,6 +22,7 @@
 #include "platform/kernel.h"
 #include "support/child.h"
 #include "support/permissions.h"
+#include "support/small_queue.h"
 
 namespace fs = std::filesystem;
 using namespace zr::test;
@@ -607,12 +608,6 @@ ZR_CHILD(watcher) {
     return 0;
 }
 
-int queue_length() {
-    int length = 0;
-    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> length;
-    return length;
-}
-
 // A process that is stopped while more happens than the kernel keeps for it.
 TEST(FileChanges, NothingIsLostWhenTheQueueOverflows) {
     if (queue_length() <= 0 || queue_length() > 50000) GTEST_SKIP() << "the kernel keeps too much";
@@ -636,28 +631,6 @@ TEST(FileChanges, NothingIsLostWhenTheQueueOverflows) {
     EXPECT_TRUE(said == "same 0 many" || said == "same 0 few") << said;
     EXPECT_EQ(child.wait(), 0);
 }
-
-// The kernel's limit is for the whole machine, so it is small only while the process asks for its queue.
-class SmallQueue {
-public:
-    SmallQueue() : before_(queue_length()) { changed_ = set(2); }
-    ~SmallQueue() {
-        if (changed_) set(before_);
-    }
-    SmallQueue(const SmallQueue&) = delete;
-    SmallQueue& operator=(const SmallQueue&) = delete;
-
-    explicit operator bool() const { return changed_; }
-
-private:
-    static bool set(int length) {
-        std::ofstream file("/proc/sys/fs/inotify/max_queued_events");
-        file << length << std::flush;
-        return file.good();
-    }
-    const int before_;
-    bool changed_ = false;
-};
 
 TEST(FileChanges, NothingIsLostWithTheSmallestQueue) {
     const TempFolder folder;
