@@ -297,7 +297,9 @@ bool MessageQueue::find(const Filter& filter, bool remove, MSG& message) {
 bool MessageQueue::find_posted(const Filter& filter, bool remove, MSG& message) {
     const std::lock_guard guard(lock_);
     const std::size_t count = posted_.size();
-    std::size_t at = 0;
+    const bool one = filter.first == filter.last && filter.first != 0;
+    const bool absent = one && !posted_.may_hold(filter.first) && !posted_.may_hold(WM_QUIT);
+    std::size_t at = absent ? count : 0;
     while (at < count && !(in_range(filter, posted_[at].message) && for_window(filter, posted_[at].hwnd)))
         ++at;
     if (at < count) {
