@@ -1,3 +1,4 @@
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -171,15 +172,35 @@ TEST(Mutex, ClosedByAnotherThreadWhileOwned) {
     owner.join();
 }
 
+namespace {
+
+void only_one_processor() {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+}
+
+// From now on the calling thread, when it is woken, does not interrupt who runs.
+void give_way() {
+    const sched_param none{};
+    EXPECT_EQ(sched_setscheduler(0, SCHED_IDLE, &none), 0);
+}
+
+}  // namespace
+
 // The main thread takes the mutex again at once whenever it has released it, and lets those who wait look in between.
+// It has the only processor at that moment, so that without a hand-over they would never find the mutex free.
 TEST(Mutex, WhoWaitsIsPassedOverAFewTimesOnlyAndKeepsItsPlace) {
     constexpr int kWaiters = 5;
+    only_one_processor();
     const Handle lock = mutex(true);
     const Handle end = manual_event();
     std::vector<int> order;
     std::vector<std::unique_ptr<Worker>> waiters;
     for (int i = 0; i < kWaiters; ++i) {
         waiters.push_back(std::make_unique<Worker>([&, i] {
+            give_way();
             EXPECT_EQ(WaitForSingleObject(lock, INFINITE), WAIT_OBJECT_0);
             order.push_back(i);
             EXPECT_TRUE(ReleaseMutex(lock));
@@ -192,6 +213,8 @@ TEST(Mutex, WhoWaitsIsPassedOverAFewTimesOnlyAndKeepsItsPlace) {
         ASSERT_LT(passes, kWaiters * 20);
         ReleaseMutex(lock);
         WaitForSingleObject(lock, INFINITE);
+        // By sleeping, not yielding: this thread then comes back with a whole slice of the processor's time.
+        usleep(100);
         for (const auto& waiter : waiters) {
             waiter->until_asleep();
         }
