@@ -30,6 +30,7 @@ inline constexpr int kGenerationShift = 33;
 struct Entry {
     std::atomic<std::uint64_t> state{std::uint64_t{1} << kGenerationShift};
     Object* object = nullptr;
+    std::atomic<ObjectKind> kind{};  // the object's, to be looked at without a pin
     std::uint32_t index = 0;
     std::uint32_t next_free = kNoEntry;
     std::atomic<std::uint32_t> uses{0};  // calls that quick pins would have served, as far as that was counted

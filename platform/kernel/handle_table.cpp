@@ -88,7 +88,11 @@ struct HandleTable {
     void unpin(Entry& entry) noexcept {
         const std::uint64_t state = entry.state.fetch_sub(1, std::memory_order_acq_rel);
         if ((state & kPins) != 1) return;
-        // Closed and let go by everybody: nobody gets in any more.
+        vacate(entry, state);
+    }
+
+    // The entry was closed and let go by everybody: nobody gets in any more.
+    void vacate(Entry& entry, std::uint64_t state) noexcept {
         Object* object = std::exchange(entry.object, nullptr);
         std::uint64_t generation = ((state >> kGenerationShift) + 1) & kGenerationMask;
         if (generation == 0) generation = 1;
@@ -98,12 +102,36 @@ struct HandleTable {
         object->release();
     }
 
+    static void count_closed(Object& object) noexcept {
+        count_live(ZrLiveKind::Handles, -1);
+        if (object.handles_.fetch_sub(1, std::memory_order_acq_rel) == 1) object.last_handle_closed();
+    }
+
+    // Closes the handle when nothing but the handle itself holds its entry, which is what most closing is. In one step,
+    // from open to closed and held by nobody; the entry is this thread's then. False: nothing has happened.
+    bool close_idle(HANDLE handle, const ObjectKind* kind) noexcept {
+        DecodedHandle wanted{};
+        if (!decode(handle, wanted)) return false;
+        Entry* entry = entry_at(wanted.index);
+        if (!entry) return false;
+        std::uint64_t state = entry->state.load(std::memory_order_acquire);
+        if (state != (wanted.open_state | 1)) return false;
+        // Whose kind this is, the exchange will tell: the entry then still is this handle's.
+        if (kind && entry->kind.load(std::memory_order_relaxed) != *kind) return false;
+        const std::uint64_t closed = state & ~(kOpen | kPins);
+        if (!entry->state.compare_exchange_strong(state, closed, std::memory_order_acq_rel)) return false;
+        count_closed(*entry->object);
+        vacate(*entry, closed);
+        return true;
+    }
+
     HANDLE open(Object& object) noexcept {
         Entry* entry = allocate();
         if (!entry) return nullptr;
         object.add_ref();
         object.handles_.fetch_add(1, std::memory_order_relaxed);
         entry->object = &object;
+        entry->kind.store(object.kind(), std::memory_order_relaxed);
         const std::uint64_t state = entry->state.load(std::memory_order_relaxed) | kOpen | 1;
         const HANDLE handle = encode(*entry, state);
         entry->state.store(state, std::memory_order_release);
@@ -127,14 +155,13 @@ struct HandleTable {
         } while (!entry.state.compare_exchange_weak(state, state & ~kOpen, std::memory_order_acq_rel,
                                                     std::memory_order_relaxed));
         const bool unused = (state & kQuick) == 0 || await_quick_pins(entry);
-        Object* object = entry.object;
-        count_live(ZrLiveKind::Handles, -1);
-        if (object->handles_.fetch_sub(1, std::memory_order_acq_rel) == 1) object->last_handle_closed();
+        count_closed(*entry.object);
         if (unused) unpin(entry);  // the handle's own
         return true;
     }
 
     bool close_if(HANDLE handle, const ObjectKind* kind) noexcept {
+        if (close_idle(handle, kind)) return true;
         bool closed = false;
         if (Entry* entry = pin(handle)) {
             DecodedHandle decoded{};
