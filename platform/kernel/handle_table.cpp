@@ -125,10 +125,10 @@ struct HandleTable {
         return true;
     }
 
+    // Takes over a reference, when it succeeds.
     HANDLE open(Object& object) noexcept {
         Entry* entry = allocate();
         if (!entry) return nullptr;
-        object.add_ref();
         object.handles_.fetch_add(1, std::memory_order_relaxed);
         entry->object = &object;
         entry->kind.store(object.kind(), std::memory_order_relaxed);
@@ -217,6 +217,13 @@ void report_invalid_handle() noexcept {
 }
 
 HANDLE open_handle(Object& object) noexcept {
+    object.add_ref();
+    const HANDLE handle = table.open(object);
+    if (!handle) object.release();
+    return handle;
+}
+
+HANDLE open_handle_adopting(Object& object) noexcept {
     return table.open(object);
 }
 

@@ -58,11 +58,13 @@ void give(T* to, T value) {
 
 }  // namespace
 
-DWORD open_key(Node& node, HKEY& key) noexcept {
+DWORD open_key(Ref<Node> node, HKEY& key) noexcept {
     const DWORD last_error = GetLastError();
-    HANDLE handle = open_handle(node);
-    if (root_index(reinterpret_cast<HKEY>(handle)) >= 0) {  // where handles are short they may look like a root's
-        const HANDLE other = open_handle(node);
+    Node& kept = *node;
+    HANDLE handle = open_handle_adopting(kept);
+    if (handle != nullptr) static_cast<void>(node.detach());  // the handle has it
+    if (root_index(reinterpret_cast<HKEY>(handle)) >= 0) {    // where handles are short they may look like a root's
+        const HANDLE other = open_handle(kept);
         close_handle(handle);
         handle = other;
     }
@@ -94,7 +96,7 @@ LONG RegOpenKeyExW(HKEY key, LPCWSTR path, DWORD, REGSAM, HKEY* opened) {
     if (opened == nullptr) return result(ERROR_INVALID_PARAMETER);
     Ref<Node> node;
     const DWORD error = find(key, path, node);
-    return result(error == ERROR_SUCCESS ? open_key(*node, *opened) : error);
+    return result(error == ERROR_SUCCESS ? open_key(std::move(node), *opened) : error);
 }
 
 LONG RegCreateKeyExW(HKEY key, LPCWSTR path, DWORD reserved, LPCWSTR key_class, DWORD, REGSAM,
@@ -106,7 +108,7 @@ LONG RegCreateKeyExW(HKEY key, LPCWSTR path, DWORD reserved, LPCWSTR key_class, 
     Ref<Node> node;
     bool created = false;
     DWORD error = find_or_make(key, path, name_of_class, node, created);
-    if (error == ERROR_SUCCESS) error = open_key(*node, *opened);
+    if (error == ERROR_SUCCESS) error = open_key(std::move(node), *opened);
     if (error == ERROR_SUCCESS) give(disposition, created ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY);
     return result(error);
 }

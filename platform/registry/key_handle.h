@@ -32,7 +32,7 @@ private:
 };
 
 // A new handle to the key.
-DWORD open_key(Node& node, HKEY& key) noexcept;
+DWORD open_key(Ref<Node> node, HKEY& key) noexcept;
 
 // Calls body(tree, node) with the key that a handle names.
 template <class Body>

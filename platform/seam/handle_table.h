@@ -171,6 +171,8 @@ Pinned<T> lookup(HANDLE handle) noexcept {
 // A new handle to the object; takes its own reference. NULL with ERROR_NOT_ENOUGH_MEMORY or
 // ERROR_TOO_MANY_OPEN_FILES when there is no room. Handles are never NULL or INVALID_HANDLE_VALUE.
 ZRPLATFORM_API HANDLE open_handle(Object& object) noexcept;
+// The same with the caller's reference, which the caller keeps when it fails.
+ZRPLATFORM_API HANDLE open_handle_adopting(Object& object) noexcept;
 
 // Closes an open handle; false with ERROR_INVALID_HANDLE when it is not open. Of two threads that close one handle,
 // one gets true. The second form closes only handles of that kind.

@@ -4,14 +4,17 @@
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
+#include "ZrUtility/Helpers/RegistryAccessor.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/windowing.h"
+#include "support/child.h"
 #include "support/failing_new.h"
 
 namespace {
@@ -344,6 +347,47 @@ TEST_F(Monitor, AReportThatNobodyTakesIsTerminatedAfterASecond) {
     EXPECT_GE(GetTickCount() - before, 900u);
     EXPECT_EQ(messages, 0);
     DestroyWindow(window);
+}
+
+// ---- other processes -----------------------------------------------------------------------------------------------
+
+constexpr ULONG kLast = 300;
+
+ULONG count_now() {
+    return RegistryAccessor::RegistryGetDWORD(HKEY_CURRENT_USER, kPath, u"Count", 0);
+}
+
+ZR_CHILD(registry_monitor_of_ten) {
+    static HANDLE at_the_end = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    static RegistryMonitor monitor;
+    const auto on_count = [](HKEY) {
+        ++reports.count;
+        if (monitor.ContinueMonitor() && count_now() == kLast) SetEvent(at_the_end);
+    };
+    if (!monitor.StartMonitor(HKEY_CURRENT_USER, kPath, nullptr, nullptr, FALSE, kValues, {nullptr, 0, on_count}, true,
+                              0))
+        return 1;
+    while (reports.count == 0) {  // until it listens
+        RegistryAccessor::RegistrySetDWORD(HKEY_CURRENT_USER, kPath, u"Hello", 1);
+    }
+    zr::test::say("ready");
+    return WaitForSingleObject(at_the_end, kLong) == WAIT_OBJECT_0 && monitor.StopMonitor() == 1 ? 0 : 2;
+}
+
+TEST_F(Monitor, TenInOtherProcessesEndAtTheFinalState) {
+    std::vector<std::unique_ptr<zr::test::Child>> children;
+    for (int i = 0; i < 10; ++i) {
+        children.push_back(std::make_unique<zr::test::Child>("registry_monitor_of_ten"));
+    }
+    for (const auto& child : children) {
+        ASSERT_EQ(child->hear(), "ready");
+    }
+    for (ULONG i = 1; i <= kLast; ++i) {
+        set(u"Count", i);
+    }
+    for (const auto& child : children) {
+        EXPECT_EQ(child->wait(), 0);
+    }
 }
 
 // ---- ends ----------------------------------------------------------------------------------------------------------
