@@ -7,7 +7,9 @@
 //     monitor.StartMonitor(HKEY_CURRENT_USER, path, nullptr, nullptr, FALSE, REG_NOTIFY_CHANGE_LAST_SET,
 //                          {window, WM_USER + 1, nullptr}, true, 0);
 //     ...
-//     case WM_USER + 1: Reload(); monitor.ContinueMonitor(); return 0;
+//     case WM_USER + 1: monitor.ContinueMonitor(); Reload(); return 0;
+//
+// What changes between a report and ContinueMonitor is not reported: so go on first, and read what changed then.
 //
 // Reports come on a thread of the monitor's. StartMonitor, StopMonitor and destruction are the owner's, on one thread;
 // ContinueMonitor is called during a report, or by the owner after one.

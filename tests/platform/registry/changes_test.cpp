@@ -1,6 +1,7 @@
 // Change notifications: what signals a handle, by whomever it was done, and how watching ends.
 
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <array>
 #include <memory>
 #include <random>
+#include <string_view>
 #include <thread>
 
 #include "platform/base.h"
@@ -320,28 +322,63 @@ ZR_CHILD(changes_endless_writer) {
     }
 }
 
-// Killed between its commit and its announcement, or anywhere else: what can be read has been told.
+// Has the process killed at the first moment at which its commit has been made.
+int kill_behind_commit(sqlite3* database, char**, const sqlite3_api_routines*) {
+    const auto done = [](unsigned, void*, void* statement, void*) {
+        const char* const sql = sqlite3_sql(static_cast<sqlite3_stmt*>(statement));
+        if (sql != nullptr && std::string_view(sql) == "COMMIT") raise(SIGKILL);
+        return 0;
+    };
+    return sqlite3_trace_v2(database, SQLITE_TRACE_PROFILE, done, nullptr);
+}
+
+ZR_CHILD(changes_writer_killed_behind_commit) {
+    if (sqlite3_auto_extension(reinterpret_cast<void (*)()>(&kill_behind_commit)) != SQLITE_OK) return 1;
+    Key key;
+    if (open(HKEY_CURRENT_USER, u"killed", key) != kOk) return 2;
+    set_dword(key, u"v", 1);
+    return 3;
+}
+
+TEST(RegistryChangesOfProcesses, AWriterKilledBetweenCommitAndAnnouncementIsTold) {
+    const Key key = create(HKEY_CURRENT_USER, u"killed");
+    const Watch watch(key, false, kValues);
+    EXPECT_EQ(Child("changes_writer_killed_behind_commit").wait(), -SIGKILL);
+    EXPECT_TRUE(watch.wait());
+    EXPECT_EQ(get_dword(key, u"v"), 1u);
+}
+
+// Killed anywhere: the last value that it left is told, and nobody else rings the bell.
 TEST(RegistryChangesOfProcesses, WhatAKilledWriterLeftIsTold) {
     std::mt19937 random(7);
     const Key key = create(HKEY_CURRENT_USER, u"killed");
+    const HANDLE dead = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     for (int round = 0; round < 40; ++round) {
-        Watch watch(key, false, kValues);
+        const Watch watch(key, false, kValues);
+        DWORD seen = get_dword(key, u"v");
+        const auto look = [&] {
+            EXPECT_TRUE(watch.next());
+            seen = get_dword(key, u"v");
+        };
         Child writer("changes_endless_writer");
         ASSERT_EQ(writer.hear(), "ready");
-        usleep(static_cast<useconds_t>(random() % 2000));
-        writer.kill(SIGKILL);
-        EXPECT_EQ(writer.wait(), -SIGKILL);
-        // From here on nobody writes. Each value that differs from the one that was read when the watch was armed
-        // must have been told.
-        DWORD seen = get_dword(key, u"v");
-        ASSERT_EQ(RegDeleteValueW(key, u"none"), code(ERROR_FILE_NOT_FOUND));
-        while (watch.signalled()) {
-            ASSERT_TRUE(watch.next());
-            seen = get_dword(key, u"v");
+        std::thread killer([&, after = static_cast<useconds_t>(random() % 2000)] {
+            usleep(after);
+            writer.kill(SIGKILL);
+            EXPECT_EQ(writer.wait(), -SIGKILL);
+            SetEvent(dead);
+        });
+        const std::array handles{dead, watch.handle()};
+        while (WaitForMultipleObjects(2, handles.data(), FALSE, kLong) == WAIT_OBJECT_0 + 1) {
+            look();
         }
-        Told().wait();
-        EXPECT_TRUE(watch.signalled() || get_dword(key, u"v") == seen);
+        killer.join();
+        while (seen != get_dword(key, u"v")) {
+            ASSERT_TRUE(watch.wait()) << round;
+            look();
+        }
     }
+    CloseHandle(dead);
 }
 
 TEST(RegistryChangesOfProcesses, AForkedChildWatchesForItself) {
