@@ -54,8 +54,9 @@ public:
     virtual int StartMonitor(HKEY root, WCHAR* subKey, WCHAR* valueName, const char* expectedData, int watchSubtree,
                              ULONG notifyFilter, CallbackInfo info, bool createIfMissing, int expectedIsDword);
 
-    // Goes on after a report: 1, or 0 when nothing was started or the key can no longer be watched. Outside of a report
-    // it arms a notification that nobody waits for; one that is armed already is given up without being closed.
+    // Goes on after a report: 1, or 0 when nothing was started or the key can no longer be watched. After the thread
+    // has ended it arms a notification that nobody waits for; one that is armed already is given up without being
+    // closed.
     virtual int ContinueMonitor();
 
     // Ends the thread and releases everything: 1, or 0 when nothing was started. Waits for a report that is under way,

@@ -69,6 +69,13 @@ protected:
     }
     static bool reported() { return WaitForSingleObject(reports.came, kLong) == WAIT_OBJECT_0; }
 
+    // Its first field.
+    static HANDLE thread_of(const RegistryMonitor& monitor) {
+        HANDLE fields[sizeof monitor / sizeof(HANDLE)];
+        std::memcpy(fields, static_cast<const void*>(&monitor), sizeof monitor);
+        return fields[1];
+    }
+
     // The thread listens from some time after the start on.
     void change_until_reported() {
         for (DWORD i = 0; WaitForSingleObject(reports.came, 20) != WAIT_OBJECT_0; ++i) {
@@ -152,9 +159,12 @@ TEST_F(Monitor, AfterItsThreadHasEndedContinuingArmsForNobody) {
     RegistryMonitor monitor;
     ASSERT_EQ(start(monitor), 1);
     change_until_reported();
+    ASSERT_EQ(WaitForSingleObject(thread_of(monitor), kLong), WAIT_OBJECT_0) << "else it would go on itself";
     EXPECT_EQ(monitor.ContinueMonitor(), 1);
     set(u"later", 1);
+    const DWORD before = GetTickCount();
     EXPECT_EQ(monitor.StopMonitor(), 1);
+    EXPECT_LT(GetTickCount() - before, 900u) << "there is nobody to wait for";
     EXPECT_EQ(reports.count, 1);
 }
 
