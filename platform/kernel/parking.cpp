@@ -92,7 +92,8 @@ void ThreadAccess::notify_anywhere(Thread& thread, Wakeups& wakeups) noexcept {
     while (!thread.park_at_.compare_exchange_weak(word, word, std::memory_order_acq_rel)) {
     }
     if (!word) return notify(thread, wakeups);
-    if (word->exchange(kNotified, std::memory_order_acq_rel) == kSleeping) futex_wake(word, kEverybody, FutexScope::Shared);
+    if (word->exchange(kNotified, std::memory_order_acq_rel) == kSleeping)
+        futex_wake(word, kEverybody, FutexScope::Shared);
 }
 
 }  // namespace zr::platform

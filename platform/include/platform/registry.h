@@ -27,9 +27,8 @@
 //
 // Results. ERROR_SUCCESS unless stated.
 //   ERROR_INVALID_HANDLE     the key's handle is not open
-//   ERROR_INVALID_PARAMETER  an output pointer that must not be NULL is; a reserved argument is not 0; a name or data
-//   is
-//                            too long; a path too deep
+//   ERROR_INVALID_PARAMETER  an output pointer that must not be NULL is; a reserved argument is not 0; a name or
+//                            data is too long; a path too deep
 //   ERROR_FILE_NOT_FOUND     there is no such key or value
 //   ERROR_MORE_DATA          a buffer is too small; the size needed is reported
 //   ERROR_NO_MORE_ITEMS      the index is past the last one
@@ -37,9 +36,9 @@
 //                            later under the same name is another one.
 //   ERROR_ACCESS_DENIED      a root cannot be deleted; or the store's files may not be used
 //   ERROR_DISK_FULL, ERROR_NOT_ENOUGH_MEMORY, ERROR_TOO_MANY_OPEN_FILES, ERROR_BUSY (another program kept the store
-//   locked for more than five seconds), ERROR_REGISTRY_IO_FAILED, ERROR_REGISTRY_CORRUPT (the store is damaged; the next
-//   call of any program sets it aside and begins anew), ERROR_REVISION_MISMATCH (a newer version wrote the store): the
-//   registry is as it was before the call. ZrRegistryLastErrorText says more.
+//   locked for more than five seconds), ERROR_REGISTRY_IO_FAILED, ERROR_REGISTRY_CORRUPT (the store is damaged; the
+//   next call of any program sets it aside and begins anew), ERROR_REVISION_MISMATCH (a newer version wrote the store):
+//   the registry is as it was before the call. ZrRegistryLastErrorText says more.
 // The last error (GetLastError) is left alone but by the three functions of the change notifications.
 //
 // Access rights are taken and not looked at: a user's registry is the user's own.
