@@ -229,21 +229,18 @@ bool concerns(const Step& step, const std::u16string& watched, bool subtree, DWO
     return (filter & kNames) && (parent(step.path) == watched || (subtree && below(step.path, watched)));
 }
 
-class Model {
-public:
-    // False when there was nothing to do. Deletes only keys without sub-keys, makes none without its parent.
-    static bool make(const Step& step) {
-        if (step.kind == 0) {
-            if (!exists(HKEY_CURRENT_USER, parent(step.path)) || exists(HKEY_CURRENT_USER, step.path)) return false;
-            create(HKEY_CURRENT_USER, step.path);
-            return true;
-        }
-        Key key;
-        if (open(HKEY_CURRENT_USER, step.path, key) != kOk) return false;
-        if (step.kind == 1) return sub_keys(key).empty() && RegDeleteKeyW(key, u"") == kOk;
-        return step.kind == 2 ? set_dword(key, u"v", 1) == kOk : RegDeleteValueW(key, u"v") == kOk;
+// False when there was nothing to do. Deletes only keys without sub-keys, makes none without its parent.
+bool make(const Step& step) {
+    if (step.kind == 0) {
+        if (!exists(HKEY_CURRENT_USER, parent(step.path)) || exists(HKEY_CURRENT_USER, step.path)) return false;
+        create(HKEY_CURRENT_USER, step.path);
+        return true;
     }
-};
+    Key key;
+    if (open(HKEY_CURRENT_USER, step.path, key) != kOk) return false;
+    if (step.kind == 1) return sub_keys(key).empty() && RegDeleteKeyW(key, u"") == kOk;
+    return step.kind == 2 ? set_dword(key, u"v", 1) == kOk : RegDeleteValueW(key, u"v") == kOk;
+}
 
 TEST(RegistryChanges, RandomChangesSignalWhomTheyConcern) {
     std::mt19937 random(20260211);
@@ -262,7 +259,7 @@ TEST(RegistryChanges, RandomChangesSignalWhomTheyConcern) {
         for (int i = 0; i < 4; ++i) {
             const Step step{static_cast<int>(random() % 4), kPaths[random() % std::size(kPaths)]};
             const bool keeps = step.kind != 1 || step.path != watched;  // its own end is another test's
-            if (keeps && Model::make(step)) expected = expected || concerns(step, watched, subtree, filter);
+            if (keeps && make(step)) expected = expected || concerns(step, watched, subtree, filter);
         }
         told.wait();
         ASSERT_EQ(watch.signalled(), expected) << round;
