@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <string>
 
+#include "files/host_path.h"
 #include "platform/base.h"
 #include "platform/files.h"
-#include "platform/seam/host_path.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/seam/clock.h"
-#include "platform/seam/zone.h"
 #include "platform/time.h"
 #include "support/input.h"
+#include "time/clock.h"
+#include "time/zone.h"
 
 namespace {
 

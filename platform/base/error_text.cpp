@@ -1,6 +1,6 @@
-#include "error_text.h"
+#include "base/error_text.h"
 
-#include "utf.h"
+#include "base/utf.h"
 
 namespace zr::platform {
 

@@ -6,7 +6,7 @@
 #include <limits>
 #include <new>
 
-#include "live_count.h"
+#include "base/live_count.h"
 
 namespace zr::platform {
 

@@ -1,4 +1,4 @@
-#include "host_error.h"
+#include "base/host_error.h"
 
 #include <cerrno>
 

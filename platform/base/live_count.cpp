@@ -1,4 +1,4 @@
-#include "live_count.h"
+#include "base/live_count.h"
 
 namespace zr::platform {
 

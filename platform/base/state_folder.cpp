@@ -1,4 +1,4 @@
-#include "state_folder.h"
+#include "base/state_folder.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -11,7 +11,7 @@
 #include <memory>
 #include <new>
 
-#include "host_error.h"
+#include "base/host_error.h"
 #include "platform/errors.h"
 
 namespace zr::platform {

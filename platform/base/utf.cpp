@@ -1,4 +1,4 @@
-#include "utf.h"
+#include "base/utf.h"
 
 #include "utf_core.h"
 

@@ -6,9 +6,9 @@
 #include <optional>
 #include <vector>
 
-#include "com_class.h"
+#include "base/live_count.h"
+#include "com/com_class.h"
 #include "initialise.h"
-#include "live_count.h"
 #include "platform/com.h"
 
 namespace zr::platform {

@@ -8,7 +8,7 @@
 #include <limits>
 #include <string>
 
-#include "live_count.h"
+#include "base/live_count.h"
 #include "platform/com.h"
 
 namespace {

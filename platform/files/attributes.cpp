@@ -2,11 +2,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "base/host_error.h"
 #include "dos_attributes.h"
 #include "entry.h"
 #include "file_facts.h"
-#include "host_error.h"
-#include "host_path.h"
+#include "files/host_path.h"
 #include "platform/files.h"
 
 namespace zr::platform {

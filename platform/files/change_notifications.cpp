@@ -4,8 +4,8 @@
 
 #include "change_source.h"
 #include "entry.h"
+#include "files/host_path.h"
 #include "folder_watch.h"
-#include "host_path.h"
 #include "platform/file_changes.h"
 
 namespace zr::platform {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "host_path.h"
+#include "files/host_path.h"
 
 namespace zr::platform {
 namespace {

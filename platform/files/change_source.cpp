@@ -11,10 +11,10 @@
 #include <system_error>
 #include <thread>
 
+#include "base/host_error.h"
+#include "base/signal_block.h"
 #include "folder_watch.h"
-#include "host_error.h"
 #include "listing.h"
-#include "signal_block.h"
 
 namespace zr::platform {
 namespace {

@@ -5,8 +5,8 @@
 #include <new>
 #include <utility>
 
+#include "kernel/thread.h"
 #include "platform/base.h"
-#include "thread.h"
 
 namespace zr::platform {
 

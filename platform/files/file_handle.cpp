@@ -10,13 +10,13 @@
 #include <cstdint>
 #include <limits>
 
+#include "base/host_error.h"
 #include "dos_attributes.h"
 #include "entry.h"
 #include "file_facts.h"
-#include "handle_table.h"
-#include "host_error.h"
+#include "files/host_path.h"
 #include "host_file.h"
-#include "host_path.h"
+#include "kernel/handle_table.h"
 #include "platform/files.h"
 #include "share_modes.h"
 

@@ -6,11 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/host_error.h"
 #include "dos_attributes.h"
 #include "entry.h"
-#include "host_error.h"
+#include "files/host_path.h"
 #include "host_file.h"
-#include "host_path.h"
 #include "platform/files.h"
 
 namespace zr::platform {

@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/host_error.h"
 #include "change_source.h"
-#include "host_error.h"
 #include "listing.h"
 
 namespace zr::platform {

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "change_records.h"
-#include "waitable.h"
+#include "kernel/waitable.h"
 
 namespace zr::platform {
 

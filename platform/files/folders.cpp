@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/host_error.h"
 #include "entry.h"
-#include "host_error.h"
-#include "host_path.h"
+#include "files/host_path.h"
 #include "platform/files.h"
 
 namespace zr::platform {

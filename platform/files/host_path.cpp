@@ -1,4 +1,4 @@
-#include "host_path.h"
+#include "files/host_path.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -10,9 +10,9 @@
 #include <memory>
 #include <vector>
 
-#include "host_error.h"
+#include "base/host_error.h"
+#include "base/utf.h"
 #include "platform/base.h"
-#include "utf.h"
 
 namespace zr::platform {
 namespace {

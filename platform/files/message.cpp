@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include "base/host_error.h"
+#include "base/utf.h"
 #include "entry.h"
-#include "host_error.h"
-#include "host_path.h"
+#include "files/host_path.h"
 #include "platform/files.h"
-#include "utf.h"
 
 namespace zr::platform {
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "entry.h"
-#include "host_path.h"
+#include "files/host_path.h"
 #include "platform/files.h"
 
 namespace zr::platform {

@@ -8,14 +8,14 @@
 #include <mutex>
 #include <span>
 
+#include "base/host_error.h"
+#include "base/utf.h"
 #include "entry.h"
 #include "file_facts.h"
-#include "handle_table.h"
-#include "host_error.h"
-#include "host_path.h"
+#include "files/host_path.h"
+#include "kernel/handle_table.h"
 #include "listing.h"
 #include "platform/files.h"
-#include "utf.h"
 #include "wildcard.h"
 
 namespace zr::platform {

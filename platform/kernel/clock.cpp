@@ -1,7 +1,7 @@
 #include <time.h>
 
+#include "kernel/waitable.h"
 #include "platform/kernel.h"
-#include "waitable.h"
 
 namespace zr::platform {
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "mutex.h"
-#include "named_wait.h"
+#include "named/wait.h"
 #include "platform/base.h"
 
 namespace zr::platform {

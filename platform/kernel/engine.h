@@ -5,8 +5,8 @@
 #include <mutex>
 
 #include "futex.h"
-#include "thread.h"
-#include "waitable.h"
+#include "kernel/thread.h"
+#include "kernel/waitable.h"
 
 namespace zr::platform {
 

@@ -1,7 +1,7 @@
 #include <new>
 #include <utility>
 
-#include "named_objects.h"
+#include "named/objects.h"
 #include "names.h"
 #include "platform/kernel.h"
 #include "quick_pin.h"

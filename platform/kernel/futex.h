@@ -12,7 +12,7 @@
 #include <climits>
 #include <cstdint>
 
-#include "waitable.h"
+#include "kernel/waitable.h"
 
 namespace zr::platform {
 

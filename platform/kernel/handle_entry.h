@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "handle_table.h"
+#include "kernel/handle_table.h"
 
 namespace zr::platform {
 

@@ -1,16 +1,16 @@
-#include "handle_table.h"
+#include "kernel/handle_table.h"
 
 #include <mutex>
 #include <new>
 
+#include "base/live_count.h"
 #include "engine.h"
 #include "futex.h"
-#include "live_count.h"
+#include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "process.h"
 #include "quick_pin.h"
-#include "thread.h"
 
 namespace zr::platform {
 namespace {

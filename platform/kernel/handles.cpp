@@ -1,6 +1,6 @@
-#include "handle_table.h"
+#include "kernel/handle_table.h"
+#include "kernel/thread.h"
 #include "platform/kernel.h"
-#include "thread.h"
 
 using namespace zr::platform;
 

@@ -8,12 +8,12 @@
 #include <limits>
 #include <new>
 
-#include "named_mapping.h"
+#include "kernel/thread.h"
+#include "named/file_mapping.h"
 #include "names.h"
 #include "page_protection.h"
 #include "platform/kernel.h"
 #include "room_error.h"
-#include "thread.h"
 #include "views.h"
 
 namespace zr::platform {

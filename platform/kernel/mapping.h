@@ -1,7 +1,7 @@
 #pragma once
 
-#include "handle_table.h"
 #include "host_fd.h"
+#include "kernel/handle_table.h"
 
 namespace zr::platform {
 

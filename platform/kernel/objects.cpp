@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "named_session.h"
+#include "kernel/thread.h"
+#include "named/session.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
-#include "thread.h"
 
 namespace zr::platform::named {
 namespace {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "waitable.h"
+#include "kernel/waitable.h"
 
 namespace zr::platform {
 

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "host_error.h"
+#include "base/host_error.h"
 #include "platform/errors.h"
 
 namespace zr::platform {

@@ -1,4 +1,4 @@
-#include "thread.h"
+#include "kernel/thread.h"
 
 #include <pthread.h>
 #include <stdio.h>
@@ -10,7 +10,7 @@
 
 #include "engine.h"
 #include "mutex.h"
-#include "named_objects.h"
+#include "named/objects.h"
 #include "platform/kernel.h"
 #include "quick_pin.h"
 #include "tls.h"

@@ -6,8 +6,8 @@
 #include <mutex>
 #include <new>
 
+#include "base/host_error.h"
 #include "futex.h"
-#include "host_error.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 

@@ -7,9 +7,9 @@
 #include <mutex>
 #include <new>
 
+#include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/memory.h"
-#include "thread.h"
 
 namespace zr::platform {
 namespace {

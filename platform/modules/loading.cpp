@@ -12,13 +12,13 @@
 #include <new>
 #include <string>
 
-#include "host_path.h"
+#include "base/utf.h"
+#include "files/host_path.h"
+#include "kernel/thread.h"
 #include "module_file.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/modules.h"
-#include "thread.h"
-#include "utf.h"
 
 namespace zr::platform {
 namespace {

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "host_error.h"
+#include "base/host_error.h"
 
 namespace zr::platform {
 

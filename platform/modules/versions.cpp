@@ -4,11 +4,11 @@
 #include <cstring>
 #include <string_view>
 
-#include "host_path.h"
+#include "files/host_path.h"
+#include "kernel/thread.h"
 #include "module_file.h"
 #include "platform/base.h"
 #include "platform/modules.h"
-#include "thread.h"
 
 namespace zr::platform {
 namespace {

@@ -1,10 +1,10 @@
 #include "application.h"
 
-#include "com_class.h"
+#include "base/utf.h"
+#include "com/com_class.h"
 #include "folder.h"
 #include "item_object.h"
 #include "ole_date.h"
-#include "utf.h"
 
 namespace zr::platform::pim {
 namespace {

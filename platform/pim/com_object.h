@@ -5,7 +5,7 @@
 #include <atomic>
 #include <new>
 
-#include "live_count.h"
+#include "base/live_count.h"
 #include "platform/pim.h"
 
 namespace zr::platform::pim {

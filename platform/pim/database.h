@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "sqlite.h"
+#include "store/sqlite.h"
 
 namespace zr::platform::pim {
 

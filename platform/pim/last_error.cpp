@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "error_text.h"
+#include "base/error_text.h"
 #include "platform/pim.h"
 
 namespace zr::platform::pim {

@@ -10,10 +10,10 @@
 #include <cstring>
 #include <system_error>
 
+#include "base/signal_block.h"
 #include "last_error.h"
 #include "platform/base.h"
 #include "platform/windowing.h"
-#include "signal_block.h"
 #include "store.h"
 
 namespace zr::platform::pim {

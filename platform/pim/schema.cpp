@@ -1,7 +1,7 @@
 #include "schema.h"
 
 #include "last_error.h"
-#include "store_file.h"
+#include "store/store_file.h"
 
 namespace zr::platform::pim {
 namespace {

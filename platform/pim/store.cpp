@@ -6,12 +6,12 @@
 #include <algorithm>
 #include <chrono>
 
+#include "base/state_folder.h"
+#include "base/utf.h"
 #include "last_error.h"
 #include "notifier.h"
 #include "schema.h"
-#include "state_folder.h"
-#include "store_file.h"
-#include "utf.h"
+#include "store/store_file.h"
 
 namespace zr::platform::pim {
 namespace {

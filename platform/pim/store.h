@@ -20,12 +20,12 @@
 #include <thread>
 #include <vector>
 
-#include "commit_watch.h"
 #include "database.h"
 #include "fields.h"
 #include "keys.h"
 #include "row.h"
 #include "signal_file.h"
+#include "store/commit_watch.h"
 #include "values.h"
 
 namespace zr::platform::pim {

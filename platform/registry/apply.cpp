@@ -1,7 +1,7 @@
 // Several changes as one.
 
+#include "kernel/thread.h"
 #include "key_handle.h"
-#include "thread.h"
 
 namespace zr::platform::registry {
 namespace {

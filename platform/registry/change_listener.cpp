@@ -12,8 +12,8 @@
 #include <system_error>
 #include <thread>
 
-#include "host_error.h"
-#include "signal_block.h"
+#include "base/host_error.h"
+#include "base/signal_block.h"
 
 namespace zr::platform::registry {
 namespace {

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "changes.h"
+#include "kernel/waitable.h"
 #include "platform/registry.h"
-#include "waitable.h"
 
 namespace zr::platform::registry {
 

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "kernel/thread.h"
 #include "key_handle.h"
 #include "platform/base.h"
-#include "thread.h"
 
 namespace zr::platform::registry {
 namespace {

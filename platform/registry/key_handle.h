@@ -2,7 +2,7 @@
 
 // From a caller's handle to the key.
 
-#include "handle_table.h"
+#include "kernel/handle_table.h"
 #include "platform/registry.h"
 #include "store.h"
 

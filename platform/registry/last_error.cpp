@@ -4,9 +4,9 @@
 #include <mutex>
 
 #include "ZrLog/ZrLog.h"
-#include "error_text.h"
+#include "base/error_text.h"
 #include "platform/registry.h"
-#include "sqlite.h"
+#include "store/sqlite.h"
 
 namespace zr::platform::registry {
 namespace {

@@ -3,8 +3,8 @@
 #include <new>
 
 #include "change_listener.h"
+#include "kernel/thread.h"
 #include "platform/base.h"
-#include "thread.h"
 
 namespace zr::platform::registry {
 namespace {

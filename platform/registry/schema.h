@@ -2,7 +2,7 @@
 
 // The tables of registry.db.
 
-#include "store_file.h"
+#include "store/store_file.h"
 
 namespace zr::platform::registry {
 

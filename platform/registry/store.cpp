@@ -8,9 +8,9 @@
 #include <cstring>
 #include <utility>
 
+#include "base/state_folder.h"
 #include "last_error.h"
 #include "schema.h"
-#include "state_folder.h"
 
 namespace zr::platform::registry {
 namespace {

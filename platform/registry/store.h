@@ -16,7 +16,7 @@
 #include <string>
 
 #include "bell.h"
-#include "sqlite.h"
+#include "store/sqlite.h"
 #include "transaction.h"
 #include "tree.h"
 

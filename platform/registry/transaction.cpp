@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "last_error.h"
-#include "store_file.h"
+#include "store/store_file.h"
 
 namespace zr::platform::registry {
 namespace {

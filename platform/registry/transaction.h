@@ -7,7 +7,7 @@
 #include "bell.h"
 #include "changes.h"
 #include "names.h"
-#include "sqlite.h"
+#include "store/sqlite.h"
 
 namespace zr::platform::registry {
 

@@ -17,11 +17,11 @@
 #include <vector>
 
 #include "changes.h"
-#include "commit_watch.h"
-#include "handle_table.h"
+#include "kernel/handle_table.h"
 #include "names.h"
 #include "schema.h"
-#include "sqlite.h"
+#include "store/commit_watch.h"
+#include "store/sqlite.h"
 
 namespace zr::platform::registry {
 

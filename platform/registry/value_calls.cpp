@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "kernel/thread.h"
 #include "key_handle.h"
-#include "thread.h"
 
 namespace zr::platform::registry {
 namespace {

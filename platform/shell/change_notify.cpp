@@ -10,14 +10,14 @@
 #include <thread>
 #include <vector>
 
+#include "base/signal_block.h"
+#include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/file_changes.h"
 #include "platform/files.h"
 #include "platform/kernel.h"
 #include "platform/shell.h"
 #include "platform/windowing.h"
-#include "signal_block.h"
-#include "thread.h"
 
 namespace zr::platform {
 namespace {

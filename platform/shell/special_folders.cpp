@@ -7,11 +7,11 @@
 #include <new>
 #include <string>
 
-#include "host_path.h"
+#include "files/host_path.h"
+#include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/files.h"
 #include "platform/shell.h"
-#include "thread.h"
 
 namespace zr::platform {
 namespace {

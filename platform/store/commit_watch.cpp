@@ -1,6 +1,6 @@
-#include "commit_watch.h"
+#include "store/commit_watch.h"
 
-#include "sqlite.h"
+#include "store/sqlite.h"
 
 namespace zr::platform {
 

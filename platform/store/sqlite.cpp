@@ -1,4 +1,4 @@
-#include "sqlite.h"
+#include "store/sqlite.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/utf.h"
 #include "platform/errors.h"
-#include "store_file.h"
-#include "utf.h"
+#include "store/store_file.h"
 
 namespace zr::platform {
 namespace {

@@ -9,9 +9,9 @@
 #include <new>
 #include <string>
 
-#include "state_folder.h"
-#include "utf.h"
-#include "waitable.h"
+#include "base/state_folder.h"
+#include "base/utf.h"
+#include "kernel/waitable.h"
 
 namespace zr::platform {
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "host_error.h"
+#include "base/host_error.h"
 
 namespace zr::platform {
 

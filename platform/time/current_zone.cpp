@@ -5,9 +5,9 @@
 #include <mutex>
 #include <new>
 
-#include "clock.h"
 #include "coarse_clock.h"
 #include "platform/errors.h"
+#include "time/clock.h"
 #include "units.h"
 
 namespace zr::platform {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <climits>
 
-#include "host_error.h"
+#include "base/host_error.h"
 
 namespace zr::platform {
 

@@ -3,8 +3,8 @@
 #include <new>
 #include <string_view>
 
+#include "kernel/thread.h"
 #include "platform/base.h"
-#include "thread.h"
 #include "time_watch.h"
 
 using namespace zr::platform;

@@ -12,11 +12,11 @@
 #include <new>
 #include <thread>
 
+#include "base/host_error.h"
+#include "base/signal_block.h"
 #include "current_zone.h"
-#include "host_error.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
-#include "signal_block.h"
 #include "zone_file.h"
 
 namespace zr::platform {

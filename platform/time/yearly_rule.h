@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "zone.h"
+#include "time/zone.h"
 
 namespace zr::platform {
 

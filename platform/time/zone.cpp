@@ -1,4 +1,4 @@
-#include "zone.h"
+#include "time/zone.h"
 
 #include <algorithm>
 #include <chrono>

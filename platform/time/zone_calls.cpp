@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <new>
 
+#include "base/utf.h"
 #include "current_zone.h"
 #include "platform/base.h"
 #include "platform/time.h"
 #include "units.h"
-#include "utf.h"
 #include "zone_name.h"
 #include "zone_source.h"
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "zone.h"
+#include "time/zone.h"
 
 namespace zr::platform {
 

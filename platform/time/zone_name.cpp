@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "utf.h"
+#include "base/utf.h"
 
 namespace zr::platform {
 

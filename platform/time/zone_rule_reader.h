@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "zone.h"
+#include "time/zone.h"
 
 namespace zr::platform {
 

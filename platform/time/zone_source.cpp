@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <new>
 
-#include "host_error.h"
+#include "base/host_error.h"
 #include "platform/errors.h"
 #include "zone_file.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/types.h"
-#include "zone.h"
+#include "time/zone.h"
 
 namespace zr::platform {
 

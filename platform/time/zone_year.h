@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "platform/time.h"
-#include "zone.h"
+#include "time/zone.h"
 
 namespace zr::platform {
 

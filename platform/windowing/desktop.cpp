@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-#include "live_count.h"
+#include "base/live_count.h"
 
 namespace zr::platform {
 

@@ -14,12 +14,12 @@
 #include <mutex>
 #include <utility>
 
+#include "kernel/thread.h"
+#include "kernel/waitable.h"
 #include "message_ring.h"
 #include "queue_descriptor.h"
 #include "send_request.h"
-#include "thread.h"
 #include "timer_set.h"
-#include "waitable.h"
 
 namespace zr::platform {
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <utility>
 
-#include "handle_table.h"
+#include "kernel/handle_table.h"
 #include "platform/windowing.h"
 
 namespace zr::platform {

@@ -2,9 +2,9 @@
 #include <new>
 
 #include "desktop.h"
+#include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/windowing.h"
-#include "thread.h"
 
 using zr::platform::Desktop;
 using zr::platform::WindowClass;

@@ -1,12 +1,12 @@
 #include <algorithm>
 #include <new>
 
+#include "base/live_count.h"
 #include "desktop.h"
-#include "live_count.h"
+#include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/windowing.h"
-#include "thread.h"
 #include "window_access.h"
 
 using namespace zr::platform;

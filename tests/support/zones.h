@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/seam/clock.h"
 #include "platform/types.h"
+#include "time/clock.h"
 
 namespace zr::test {
 

@@ -6,9 +6,9 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "platform/seam/zone.h"
 #include "support/sandbox.h"
 #include "support/zones.h"
+#include "time/zone.h"
 #include "tool.h"
 
 using nlohmann::json;

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "ZrUtility/Helpers/WindowsUtilities.h"
-#include "platform/seam/zone.h"
 #include "support/zones.h"
+#include "time/zone.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "platform/seam/state_folder.h"
+#include "base/state_folder.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/host_error.h"
 #include "platform/errors.h"
-#include "platform/seam/host_error.h"
 #include "support/permissions.h"
 #include "support/sandbox.h"
 

@@ -1,4 +1,4 @@
-#include "platform/seam/utf.h"
+#include "base/utf.h"
 
 #include <gtest/gtest.h>
 

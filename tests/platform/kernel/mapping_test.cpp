@@ -4,7 +4,7 @@
 #include <fstream>
 
 #include "platform/files.h"
-#include "platform/kernel/named_support.h"
+#include "platform/kernel/named/support.h"
 #include "support/sandbox.h"
 
 using namespace zr::test;

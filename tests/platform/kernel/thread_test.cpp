@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "../../../platform/seam/thread.h"
+#include "kernel/thread.h"
 #include "platform/kernel/kernel_support.h"
 
 using namespace zr::test;

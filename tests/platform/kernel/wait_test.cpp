@@ -2,7 +2,7 @@
 #include <memory>
 #include <vector>
 
-#include "../../../platform/seam/thread.h"
+#include "kernel/thread.h"
 #include "platform/kernel/kernel_support.h"
 
 using namespace zr::test;

@@ -1,6 +1,6 @@
 // Zone data and rules, against the C library's reading of them.
 
-#include "platform/seam/zone.h"
+#include "time/zone.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "platform/kernel/named_support.h"
+#include "platform/kernel/named/support.h"
 #include "windowing_support.h"
 
 // The thread sanitizer would end a forked child that starts a thread, as every process does that uses a name.

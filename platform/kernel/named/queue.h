@@ -2,7 +2,7 @@
 
 // Who waits for which object of the region, and what a change gives to whom. All with the region's lock held.
 
-#include "named_region.h"
+#include "named/region.h"
 
 namespace zr::platform::named {
 

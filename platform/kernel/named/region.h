@@ -5,7 +5,7 @@
 #include <string>
 
 #include "futex.h"
-#include "named_layout.h"
+#include "named/layout.h"
 
 namespace zr::platform::named {
 

@@ -1,4 +1,4 @@
-#include "named_region.h"
+#include "named/region.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 #include <new>
 #include <utility>
 
-#include "named_directory.h"
+#include "named/directory.h"
 
 namespace zr::platform::named {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/types.h"
-#include "sqlite.h"
+#include "store/sqlite.h"
 
 namespace zr::platform {
 

@@ -1,4 +1,4 @@
-#include "named_mapping.h"
+#include "named/file_mapping.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 #include <new>
 #include <string>
 
-#include "named_session.h"
+#include "named/session.h"
 #include "names.h"
 #include "page_protection.h"
 #include "platform/base.h"

@@ -1,9 +1,9 @@
-#include "named_objects.h"
+#include "named/objects.h"
 
 #include <new>
 #include <utility>
 
-#include "named_queue.h"
+#include "named/queue.h"
 #include "platform/base.h"
 #include "room_error.h"
 

@@ -5,7 +5,7 @@
 
 #include <atomic>
 
-#include "platform/kernel/named_support.h"
+#include "platform/kernel/named/support.h"
 
 using namespace zr::test;
 

@@ -2,7 +2,7 @@
 
 // Named events and mutexes: making and opening them, and what can be done with them.
 
-#include "named_wait.h"
+#include "named/wait.h"
 
 namespace zr::platform::named {
 

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <set>
 
-#include "platform/kernel/named_support.h"
+#include "platform/kernel/named/support.h"
 #include "support/child.h"
 
 using namespace zr::test;

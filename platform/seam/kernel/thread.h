@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "waitable.h"
+#include "kernel/waitable.h"
 
 namespace zr::platform {
 

@@ -1,4 +1,4 @@
-#include "named_queue.h"
+#include "named/queue.h"
 
 #include <mutex>
 

@@ -1,4 +1,4 @@
-#include "named_directory.h"
+#include "named/directory.h"
 
 #include <dirent.h>
 #include <unistd.h>
@@ -12,7 +12,7 @@
 #include <new>
 #include <span>
 
-#include "named_queue.h"
+#include "named/queue.h"
 
 namespace zr::platform::named {
 namespace {

@@ -5,10 +5,10 @@
 #include <mutex>
 #include <string_view>
 
-#include "handle_table.h"
 #include "host_fd.h"
-#include "named_directory.h"
-#include "thread.h"
+#include "kernel/handle_table.h"
+#include "kernel/thread.h"
+#include "named/directory.h"
 
 namespace zr::platform::named {
 

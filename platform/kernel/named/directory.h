@@ -5,7 +5,7 @@
 #include <optional>
 #include <string_view>
 
-#include "named_region.h"
+#include "named/region.h"
 #include "platform/types.h"
 
 namespace zr::platform::named {

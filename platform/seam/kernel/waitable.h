@@ -23,7 +23,7 @@
 #include <cstdint>
 #include <span>
 
-#include "handle_table.h"
+#include "kernel/handle_table.h"
 #include "platform/errors.h"
 #include "platform/export.h"
 #include "platform/types.h"

@@ -1,4 +1,4 @@
-#include "named_session.h"
+#include "named/session.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -8,11 +8,11 @@
 
 #include <new>
 
+#include "base/signal_block.h"
+#include "base/state_folder.h"
 #include "engine.h"
 #include "platform/base.h"
 #include "room_error.h"
-#include "signal_block.h"
-#include "state_folder.h"
 
 namespace zr::platform::named {
 namespace {

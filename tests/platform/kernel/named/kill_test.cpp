@@ -4,7 +4,7 @@
 #include <memory>
 #include <random>
 
-#include "platform/kernel/named_support.h"
+#include "platform/kernel/named/support.h"
 
 using namespace zr::test;
 

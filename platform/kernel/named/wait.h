@@ -3,7 +3,7 @@
 // Waits that have a named object among theirs.
 
 #include "engine.h"
-#include "named_session.h"
+#include "named/session.h"
 
 namespace zr::platform::named {
 

@@ -1,9 +1,9 @@
-#include "named_wait.h"
+#include "named/wait.h"
 
 #include <optional>
 
-#include "host_error.h"
-#include "named_queue.h"
+#include "base/host_error.h"
+#include "named/queue.h"
 #include "platform/base.h"
 
 namespace zr::platform::named {
