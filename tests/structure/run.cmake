@@ -1,6 +1,7 @@
 # The arrows of the house run one way: checks what each part of the tree includes.
 #   cmake -DROOT=... -P run.cmake
 cmake_minimum_required(VERSION 3.25)
+include(${ROOT}/platform/families.cmake)
 set(wrong)
 
 # include_lines(FILE OUT): the names between the brackets or quotes of the file's #include lines
@@ -25,37 +26,57 @@ foreach(file IN LISTS files)
   endforeach()
 endforeach()
 
-# A platform family: never a private header of another family, never the library.
-set(families base kernel windowing files store registry time com pim shell modules)
-foreach(family IN LISTS families)
-  file(GLOB_RECURSE files ${ROOT}/platform/${family}/*)
-  file(GLOB_RECURSE own RELATIVE ${ROOT}/platform/${family} ${ROOT}/platform/${family}/*.h)
-  file(GLOB_RECURSE seam RELATIVE ${ROOT}/platform/seam ${ROOT}/platform/seam/*.h)
+# A platform family: the log, its own headers, and what it and the families before it offer, to everybody
+# (include/platform) and to families only (seam/FAMILY). What is offered includes only what is offered likewise. Every
+# public header is some family's.
+
+# check_quoted(FILES ALLOWED): that the files include in quotes the allowed names only
+function(check_quoted files allowed)
+  set(found)
   foreach(file IN LISTS files)
-    if(NOT file MATCHES "\\.(h|cpp)$")
-      continue()
-    endif()
     include_lines(${file} names)
     foreach(name IN LISTS names)
-      if(name MATCHES "^<(ZrUtility|zr)/" OR name MATCHES "\\.\\./")
-        list(APPEND wrong "${file} includes ${name}")
-      elseif(name MATCHES "^\"(.*)\"$")
-        set(plain ${CMAKE_MATCH_1})
-        if(NOT plain MATCHES "^platform/[a-z_]+\\.h$" AND NOT plain STREQUAL "ZrLog/ZrLog.h"
-           AND NOT plain IN_LIST own AND NOT plain IN_LIST seam)
-          list(APPEND wrong "${file} includes ${name}")
-        endif()
+      if(name MATCHES "^<(ZrUtility|ZrLog|zr|platform)/")
+        list(APPEND found "${file} includes ${name}")
+      elseif(name MATCHES "^\"(.*)\"$" AND NOT CMAKE_MATCH_1 IN_LIST allowed)
+        list(APPEND found "${file} includes ${name}")
       endif()
     endforeach()
   endforeach()
+  set(wrong ${wrong} ${found} PARENT_SCOPE)
+endfunction()
+
+set(public)
+set(offered)
+foreach(family IN LISTS ZR_FAMILIES)
+  set(headers ${ZR_FAMILY_${family}_HEADERS})
+  list(TRANSFORM headers REPLACE "(.+)" "platform/\\1.h")
+  list(APPEND public ${headers})
+  list(TRANSFORM headers PREPEND ${ROOT}/platform/include/)
+  check_quoted("${headers}" "${public}")
+
+  file(GLOB headers RELATIVE ${ROOT}/platform/seam ${ROOT}/platform/seam/${family}/*.h)
+  list(APPEND offered ${headers})
+  list(TRANSFORM headers PREPEND ${ROOT}/platform/seam/)
+  check_quoted("${headers}" "${public};${offered}")
+
+  file(GLOB_RECURSE own RELATIVE ${ROOT}/platform/${family} ${ROOT}/platform/${family}/*.h)
+  file(GLOB_RECURSE files ${ROOT}/platform/${family}/*.h ${ROOT}/platform/${family}/*.cpp)
+  check_quoted("${files}" "${public};${offered};${own};ZrLog/ZrLog.h")
+endforeach()
+file(GLOB headers RELATIVE ${ROOT}/platform/include ${ROOT}/platform/include/platform/*.h)
+list(REMOVE_ITEM headers ${public} platform/platform.h)
+foreach(header IN LISTS headers)
+  list(APPEND wrong "${header} is no family's: name it in platform/families.cmake")
 endforeach()
 
 # The tool and the examples: what an outside user can use.
+list(JOIN ZR_FAMILIES "|" families)
 file(GLOB_RECURSE files ${ROOT}/zr/*.h ${ROOT}/zr/*.cpp ${ROOT}/examples/*.cpp)
 foreach(file IN LISTS files)
   include_lines(${file} names)
   foreach(name IN LISTS names)
-    if(name MATCHES "[<\"]platform/(seam|base|kernel|windowing|files|store|registry|time|com|pim|shell|modules)/" OR name MATCHES "\\.\\./")
+    if(name MATCHES "[<\"](platform/)?(seam|${families})/" OR name MATCHES "\\.\\./")
       list(APPEND wrong "${file} includes ${name}")
     endif()
   endforeach()

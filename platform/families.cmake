@@ -1,0 +1,27 @@
+# The platform's families, lower ones first: a family includes what it and those before it offer, nothing else.
+# Read by the build, by the tests' list and by the test `structure`.
+
+# zr_family(NAME HEADERS header... [LIBRARIES target...] [LABELS label...])
+#   HEADERS         its public headers, include/platform/HEADER.h
+#   LIBRARIES       what its sources and its tests link
+#   TEST_LIBRARIES  what its tests link besides
+#   LABELS          of its tests: threads runs them under ThreadSanitizer as well
+# Its sources are in NAME/, what it offers to the families behind it in seam/NAME/.
+set(ZR_FAMILIES)
+macro(zr_family name)
+  list(APPEND ZR_FAMILIES ${name})
+  cmake_parse_arguments(ZR_FAMILY_${name} "" "" "HEADERS;LIBRARIES;TEST_LIBRARIES;LABELS" ${ARGN})
+endmacro()
+
+zr_family(base HEADERS base diagnostics errors export types LABELS threads)
+zr_family(kernel HEADERS kernel mapping memory objects LABELS threads)
+zr_family(windowing HEADERS windowing screen LABELS threads)
+zr_family(files HEADERS files file_changes)
+zr_family(store LIBRARIES SQLite::SQLite3)
+zr_family(registry HEADERS registry LIBRARIES SQLite::SQLite3 TEST_LIBRARIES zr_test_memory LABELS threads)
+zr_family(time HEADERS time notify LABELS threads)
+zr_family(com HEADERS com LABELS threads)
+zr_family(pim HEADERS pim LIBRARIES SQLite::SQLite3 TEST_LIBRARIES zr_test_memory LABELS threads)
+zr_family(shell HEADERS shell)
+zr_family(modules HEADERS modules)
+zr_family(mapi HEADERS mapi)

@@ -1,0 +1,82 @@
+# The test `structure` itself: that it passes a small house whose arrows run the right way, and names each arrow that
+# does not.
+#   cmake -DROOT=... -DWORK=... -P check.cmake
+cmake_minimum_required(VERSION 3.25)
+
+# house(FILE INCLUDE): a house with one more file, which includes that
+function(house file include)
+  file(REMOVE_RECURSE ${WORK})
+  file(WRITE ${WORK}/platform/families.cmake "include(${ROOT}/platform/families.cmake)\n"
+       "set(ZR_FAMILIES)\nzr_family(low HEADERS low)\nzr_family(middle HEADERS middle)\nzr_family(high HEADERS high)\n")
+  foreach(family low middle high)
+    file(WRITE ${WORK}/platform/include/platform/${family}.h "")
+    file(WRITE ${WORK}/platform/seam/${family}/offer.h "")
+    file(WRITE ${WORK}/platform/${family}/private.h "")
+  endforeach()
+  file(WRITE ${WORK}/platform/include/platform/platform.h "#include \"platform/high.h\"\n")
+  file(WRITE ${WORK}/${file} "// a comment\n#include ${include}\n")
+endfunction()
+
+function(passes file include)
+  house(${file} ${include})
+  execute_process(COMMAND ${CMAKE_COMMAND} -DROOT=${WORK} -P ${ROOT}/tests/structure/run.cmake RESULT_VARIABLE result
+                  ERROR_VARIABLE error)
+  if(NOT result EQUAL 0)
+    message(SEND_ERROR "${file} must be allowed to include ${include}, but: ${error}")
+  endif()
+endfunction()
+
+# fails(FILE INCLUDE [SENTENCE])
+function(fails file include)
+  house(${file} ${include})
+  execute_process(COMMAND ${CMAKE_COMMAND} -DROOT=${WORK} -P ${ROOT}/tests/structure/run.cmake RESULT_VARIABLE result
+                  ERROR_VARIABLE error)
+  set(sentence "${file} includes ${include}")
+  if(ARGC GREATER 2)
+    set(sentence ${ARGV2})
+  endif()
+  string(REGEX REPLACE "[ \n]+" " " error "${error}")
+  string(FIND "${error}" "${sentence}" place)
+  if(result EQUAL 0 OR place EQUAL -1)
+    message(SEND_ERROR "expected '${sentence}', got result ${result} and: ${error}")
+  endif()
+endfunction()
+
+# A family sees what it and those below it offer, and its own folder.
+passes(platform/middle/x.cpp "\"low/offer.h\"")
+passes(platform/middle/x.cpp "\"middle/offer.h\"")
+passes(platform/middle/x.cpp "\"private.h\"")
+passes(platform/middle/x.cpp "\"platform/low.h\"")
+passes(platform/middle/room/x.cpp "\"platform/middle.h\"")
+passes(platform/middle/x.cpp "\"ZrLog/ZrLog.h\"")
+passes(platform/middle/x.cpp "<sys/mman.h>")
+passes(platform/seam/high/x.h "\"low/offer.h\"")
+fails(platform/middle/x.cpp "\"high/offer.h\"")
+fails(platform/middle/room/x.cpp "\"high/offer.h\"")
+fails(platform/middle/x.cpp "\"platform/high.h\"")
+fails(platform/middle/x.cpp "\"platform/platform.h\"")
+fails(platform/middle/x.cpp "\"low/private.h\"")
+fails(platform/middle/x.cpp "\"platform/low/private.h\"")
+fails(platform/middle/x.cpp "\"../low/private.h\"")
+fails(platform/middle/x.cpp "\"ZrUtility/ZrArray.h\"")
+fails(platform/seam/middle/x.h "\"high/offer.h\"")
+fails(platform/seam/middle/x.h "\"private.h\"")
+fails(platform/include/platform/middle.h "\"platform/high.h\"")
+fails(platform/include/platform/middle.h "\"middle/offer.h\"")
+fails(platform/include/platform/more.h "<string>" "platform/more.h is no family's")
+
+# The library sees the platform's public headers.
+passes(ZrUtility/X.cpp "\"platform/high.h\"")
+passes(ZrUtility/Helpers/X.cpp "\"ZrUtility/ZrArray.h\"")
+passes(ZrUtility/X.cpp "<string>")
+fails(ZrUtility/X.cpp "<unistd.h>")
+fails(ZrUtility/X.cpp "\"low/offer.h\"")
+fails(ZrUtility/X.cpp "\"zr/base/text.h\"")
+
+# The tool and the examples see what is installed.
+passes(examples/x.cpp "<platform/platform.h>")
+fails(examples/x.cpp "\"low/offer.h\"")
+fails(examples/x.cpp "\"platform/seam/low/offer.h\"")
+fails(examples/x.cpp "\"platform/low/private.h\"")
+
+file(REMOVE_RECURSE ${WORK})
