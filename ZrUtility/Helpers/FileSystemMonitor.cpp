@@ -86,9 +86,9 @@ Merge RuleFor(unsigned int reference, unsigned int code) {
     }
 }
 
-void LogEvent(int line, int pathLine, const WCHAR* path) {
+void LogEvent(int line, const WCHAR* path) {
     zrKelDebugBinLog0(FILE_CHANGE_SOURCE, line, FILE_CHANGE_TRACE);
-    LogText(FILE_CHANGE_SOURCE, pathLine, FILE_CHANGE_PATH, path);
+    LogText(FILE_CHANGE_SOURCE, line + LINES_TO_PATH, FILE_CHANGE_PATH, path);
 }
 
 // The shell's notifications are its receiver's to give back; others' are not touched by this.
@@ -141,7 +141,7 @@ FileSystemMonitor& FileSystemMonitor::operator=(const FileSystemMonitor& other) 
 
 FileSystemMonitor::~FileSystemMonitor() {
     End();
-    zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 37, FILE_CHANGE_INFORMATION);
+    zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_MONITOR_ENDED, FILE_CHANGE_INFORMATION);
     DeleteEvents();
     StringUtilities::DeleteString(m_pExtension);
 }
@@ -149,11 +149,11 @@ FileSystemMonitor::~FileSystemMonitor() {
 int FileSystemMonitor::Initialize(FileSystemListener* listener, WCHAR** directories, unsigned int count,
                                   const WCHAR* extension, ULONG value) {
     if (listener == nullptr) {
-        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 254, FILE_CHANGE_FAILURE);
+        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_NO_LISTENER, FILE_CHANGE_FAILURE);
         return 0;
     }
     if (count > MAX_DIRECTORIES) {
-        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 258, FILE_CHANGE_FAILURE);
+        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_TOO_MANY_FOLDERS, FILE_CHANGE_FAILURE);
         return 0;
     }
     End();
@@ -162,7 +162,7 @@ int FileSystemMonitor::Initialize(FileSystemListener* listener, WCHAR** director
     m_windows[0] = CreateWindowExW(0, S_pwzClassName, nullptr, 0, CW_USEDEFAULT, CW_USEDEFAULT, CW_USEDEFAULT,
                                    CW_USEDEFAULT, nullptr, nullptr, GetModuleHandleW(nullptr), nullptr);
     if (m_windows[0] == nullptr)
-        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, 309, FILE_CHANGE_FAILURE, GetLastError());
+        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, LINE_NO_WINDOW, FILE_CHANGE_FAILURE, GetLastError());
     else
         StartWorkers(directories, count, value);
     DeleteEvents();
@@ -196,7 +196,8 @@ HWND FileSystemMonitor::WindowFor(unsigned int index) {
     m_windows[index] =
         CreateWindowExW(0, S_pwzClassName, nullptr, WS_CHILD, CW_USEDEFAULT, CW_USEDEFAULT, CW_USEDEFAULT,
                         CW_USEDEFAULT, m_windows[0], nullptr, GetModuleHandleW(nullptr), nullptr);
-    if (m_windows[index] == nullptr) zrKelDebugBinLog1(FILE_CHANGE_SOURCE, 303, FILE_CHANGE_FAILURE, GetLastError());
+    if (m_windows[index] == nullptr)
+        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, LINE_NO_CHILD_WINDOW, FILE_CHANGE_FAILURE, GetLastError());
     return m_windows[index];
 }
 
@@ -231,7 +232,7 @@ int FileSystemMonitor::RegisterThisClass() {
     WNDCLASSW known;
     if (GetClassInfoW(module, S_pwzClassName, &known) && !UnregisterClassW(S_pwzClassName, module)) {
         // Another monitor's windows hold it; it does for this one as well.
-        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 70, FILE_CHANGE_WARNING);
+        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_CLASS_IN_USE, FILE_CHANGE_WARNING);
         return 1;
     }
     WNDCLASSW own = {};
@@ -246,11 +247,11 @@ LRESULT FileSystemMonitor::WndProcNotify(HWND window, UINT message, WPARAM wpara
     if (message == WM_DESTROY || message == WM_CLOSE) {
         if (monitor != nullptr) {
             std::replace(monitor->m_windows, monitor->m_windows + MAX_DIRECTORIES, window, HWND{});
-            zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 753, FILE_CHANGE_TRACE);
+            zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_WINDOW_ENDED, FILE_CHANGE_TRACE);
         }
         SHChangeNotifyDeregister(window);
     } else if (message == COMMIT_MESSAGE && monitor != nullptr) {
-        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 736, FILE_CHANGE_TRACE);
+        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_COMMIT, FILE_CHANGE_TRACE);
         monitor->OnCommitActions();
     } else if (message == CHANGE_MESSAGE && monitor != nullptr) {
         monitor->OnFileChangeInfo(window, static_cast<unsigned int>(wparam), lparam);
@@ -354,21 +355,21 @@ void FileSystemMonitor::Deliver(const FileEvent& event) {
     switch (event.code) {
         case SHCNE_CREATE:
         case SHCNE_MKDIR:
-            LogEvent(627, 629, event.firstPath);
+            LogEvent(LINE_CREATED_TOLD, event.firstPath);
             return m_pListener->OnFileCreated(event.firstPath);
         case SHCNE_UPDATEDIR:
         case SHCNE_UPDATEITEM:
-            LogEvent(640, 642, event.firstPath);
+            LogEvent(LINE_CHANGED_TOLD, event.firstPath);
             return m_pListener->OnFileChanged(event.firstPath);
         case SHCNE_DELETE:
-            LogEvent(653, 655, event.firstPath);
+            LogEvent(LINE_DELETED_TOLD, event.firstPath);
             return m_pListener->OnFileDeleted(event.firstPath);
         case SHCNE_RMDIR:
-            LogEvent(659, 661, event.firstPath);
+            LogEvent(LINE_FOLDER_DELETED_TOLD, event.firstPath);
             return m_pListener->OnFileDeleted(event.firstPath);
         case SHCNE_RENAMEITEM:
         case SHCNE_RENAMEFOLDER:
-            LogEvent(672, 674, event.firstPath);
+            LogEvent(LINE_RENAMED_TOLD, event.firstPath);
             return m_pListener->OnFileRenamed(event.firstPath, event.secondPath);
         default:
             return;

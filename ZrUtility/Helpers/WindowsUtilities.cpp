@@ -3,9 +3,12 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 
+#include "ZrLog/ZrLog.h"
 #include "ZrUtility/Helpers/KeywordTable.h"
 #include "ZrUtility/Helpers/file_time_value.h"
+#include "platform/base.h"
 #include "platform/screen.h"
 
 constinit const ULONGLONG WindowsUtilities::SECOND_TO_FILETIME_PRECISION = 10'000'000;
@@ -18,6 +21,10 @@ constinit const double WindowsUtilities::VARIANT_TIME_ONE_MINUTE = 1.0 / 1440;
 constinit double WindowsUtilities::V_ONE_MINUTE = 1.0 / 1440;
 
 namespace {
+
+constexpr const char* LOG_SOURCE = ".\\Helpers\\WindowsUtilities.cppzrwindowsmobile";
+constexpr std::uint32_t LOG_FAILURE = zrLogCategory(0x88, kZrLogFailure);
+constexpr std::uint32_t LOG_INFORMATION = zrLogCategory(0x88, kZrLogInformation);
 
 constexpr int MINUTES_IN_HALF_A_DAY = 720;
 constexpr int MINUTES_IN_A_DAY = 1440;
@@ -52,6 +59,84 @@ BYTE* WriteText(BYTE* out, const char* text) {
     const std::size_t length = std::strlen(text);
     std::memcpy(out, text, length);
     return out + length;
+}
+
+enum Result : int {
+    UNDECIDED = 0,
+    NO_PATTERN = 101,
+    FOUND = 102,
+    FAILED_TO_FIND = 103,
+};
+
+struct Releaser {
+    void operator()(IUnknown* object) const { object->Release(); }
+};
+template <typename T>
+using Held = std::unique_ptr<T, Releaser>;
+
+void LogFailure(int line, HRESULT result) {
+    const DWORD error = GetLastError();
+    zrKelDebugBinLog2(LOG_SOURCE, line, LOG_FAILURE, static_cast<ULONG>(result), error);
+}
+
+void LogFound(int line, LONG oid) {
+    zrKelDebugBinLog1(LOG_SOURCE, line, LOG_INFORMATION, static_cast<ULONG>(oid));
+}
+
+Held<IRecurrencePattern> PatternOf(IDispatch* item) {
+    void* appointment = nullptr;
+    HRESULT result = item->QueryInterface(IID_IAppointment, &appointment);
+    if (FAILED(result)) {
+        LogFailure(__LINE__, result);
+        return nullptr;
+    }
+    const Held<IAppointment> parent(static_cast<IAppointment*>(appointment));
+    IRecurrencePattern* pattern = nullptr;
+    result = parent->GetRecurrencePattern(&pattern);
+    if (FAILED(result)) LogFailure(__LINE__, result);
+    return Held<IRecurrencePattern>(FAILED(result) ? nullptr : pattern);
+}
+
+// What the exceptions say about the day: the appointment of the one that replaces its occurrence, a failure, or
+// nothing. `deleted` counts those met on the way that only take an occurrence away.
+Result LookAtExceptions(IExceptions* exceptions, double day, LONG& deleted, IAppointment** out) {
+    INT count = 0;
+    exceptions->get_Count(&count);
+    for (INT i = 1; i <= count; ++i) {
+        IException* each = nullptr;
+        if (FAILED(exceptions->Item(i, &each))) continue;
+        const Held<IException> exception(each);
+        VARIANT_BOOL isDeleted = VARIANT_FALSE;
+        DATE original = 0;
+        exception->get_Deleted(&isDeleted);
+        if (isDeleted != VARIANT_FALSE) {
+            ++deleted;
+            continue;
+        }
+        if (FAILED(exception->get_OriginalDate(&original)) || original != day) continue;
+        const HRESULT result = exception->get_AppointmentItem(out);
+        if (SUCCEEDED(result)) return FOUND;
+        LogFailure(__LINE__, result);
+        return FAILED_TO_FIND;
+    }
+    return UNDECIDED;
+}
+
+void LogZone(int line, WORD index, BYTE coarse) {
+    zrKelDebugBinLog2(LOG_SOURCE, line, LOG_INFORMATION, index, coarse);
+}
+
+void LogZoneNotFound(int line, LONG bias, BYTE coarse) {
+    zrKelDebugBinLog2(LOG_SOURCE, line, LOG_FAILURE, static_cast<ULONG>(bias), coarse);
+}
+
+void LogNoZone(int line) {
+    const DWORD error = GetLastError();
+    zrKelDebugBinLog1(LOG_SOURCE, line, LOG_FAILURE, error);
+}
+
+bool AreEqual(const _TZDayInfo& left, const _TZDayInfo& right) {
+    return left.month == right.month && left.week == right.week && left.day == right.day && left.hour == right.hour;
 }
 
 }  // namespace
@@ -221,6 +306,97 @@ bool WindowsUtilities::isDifferenceLessThanOneHalfDay(FILETIME& a, FILETIME& b) 
 
 bool WindowsUtilities::isDifferenceLessThanOneDay(FILETIME& a, FILETIME& b) {
     return isDifferenceLessThanNMinutes(a, b, MINUTES_IN_A_DAY);
+}
+
+LONG WindowsUtilities::GetCurrentTimeZoneBias() {
+    TIME_ZONE_INFORMATION tzi{};
+    switch (GetTimeZoneInformation(&tzi)) {
+        case TIME_ZONE_ID_UNKNOWN:
+            return tzi.Bias;
+        case TIME_ZONE_ID_STANDARD:
+            return tzi.Bias + tzi.StandardBias;
+        case TIME_ZONE_ID_DAYLIGHT:
+            return tzi.Bias + tzi.DaylightBias;
+        default:
+            LogNoZone(__LINE__);
+            return 0;
+    }
+}
+
+WORD WindowsUtilities::GetCurrentTZIndex(BYTE coarse) {
+    TIME_ZONE_INFORMATION tzi{};
+    if (GetTimeZoneInformation(&tzi) == TIME_ZONE_ID_INVALID) {
+        LogNoZone(__LINE__);
+        return 0;
+    }
+    if (coarse == 1) {
+        const LONG hasDaylight = tzi.StandardDate.wMonth != 0;
+        for (const _TZMapElement& row : m_tzMap) {
+            if (row.offset != -tzi.Bias || row.daylight != hasDaylight) continue;
+            LogZone(__LINE__, row.index, coarse);
+            return row.index;
+        }
+    } else {
+        _TZDayInfo toStandard{};
+        _TZDayInfo toDaylight{};
+        ConvertTZInfo(&tzi.StandardDate, &toStandard);
+        ConvertTZInfo(&tzi.DaylightDate, &toDaylight);
+        for (const _TZInfo& row : m_tzList) {
+            if (row.offset != -tzi.Bias || !AreEqual(row.standard, toStandard) || !AreEqual(row.daylight, toDaylight))
+                continue;
+            LogZone(__LINE__, row.index, coarse);
+            return row.index;
+        }
+    }
+    LogZoneNotFound(__LINE__, tzi.Bias, coarse);
+    return 0;
+}
+
+int WindowsUtilities::GetChildAppointmentFromParent(IPOutlookApp* app, LONG oid, FILETIME* instance,
+                                                    IAppointment** out) {
+    *out = nullptr;
+    IDispatch* object = nullptr;
+    HRESULT result = app->GetItemFromOid(oid, &object);
+    if (FAILED(result)) {
+        LogFailure(__LINE__, result);
+        return FAILED_TO_FIND;
+    }
+    const Held<IDispatch> item(object);
+    const Held<IRecurrencePattern> pattern = PatternOf(object);
+    if (!pattern) return NO_PATTERN;
+    double local = 0;
+    FileTimeToLocalVariantTime(instance, &local);
+    IExceptions* all = nullptr;
+    result = pattern->get_Exceptions(&all);
+    if (FAILED(result)) {
+        LogFailure(__LINE__, result);
+        return NO_PATTERN;
+    }
+    const Held<IExceptions> exceptions(all);
+    LONG occurrences = 0;
+    pattern->get_Occurrences(&occurrences);
+    LONG deleted = 0;
+    const Result found = LookAtExceptions(all, std::floor(local), deleted, out);
+    if (found == FOUND) LogFound(__LINE__, oid);
+    if (found != UNDECIDED) return found;
+    if (deleted == occurrences) {
+        LogFailure(__LINE__, S_FALSE);
+        return FAILED_TO_FIND;
+    }
+    result = pattern->GetOccurrence(local, out);
+    if (FAILED(result)) LogFailure(__LINE__, result);
+    return FAILED(result) ? FAILED_TO_FIND : FOUND;
+}
+
+FILETIME WindowsUtilities::getRecurrenceId(IAppointment* parent, IException* exception) {
+    DATE start = 0;
+    DATE original = 0;
+    parent->get_Start(&start);
+    exception->get_OriginalDate(&original);
+    double local = original + (start - std::floor(start));
+    FILETIME utc{};
+    LocalVariantTimeToFileTime(local, &utc);
+    return utc;
 }
 
 int WindowsUtilities::IsSystemInLandscapeMode() {

@@ -135,15 +135,15 @@ void Worker::Leave() {
 }
 
 void Worker::Watch() {
-    zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 105, FILE_CHANGE_INFORMATION);
+    zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_WORKER_BEGINS, FILE_CHANGE_INFORMATION);
     const ChangeHandle changes{FindFirstChangeNotificationW(m_directory, FALSE, FILTER)};
     if (changes.handle == INVALID_HANDLE_VALUE)
-        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, 110, FILE_CHANGE_FAILURE, GetLastError());
+        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, LINE_NOT_WATCHED, FILE_CHANGE_FAILURE, GetLastError());
     while (true) {
         const DWORD woken = MsgWaitForMultipleObjectsEx(1, &changes.handle, INFINITE, WAKE_MASK, 0);
-        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, 133, FILE_CHANGE_TRACE, woken);
+        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, LINE_WORKER_WOKEN, FILE_CHANGE_TRACE, woken);
         if (woken == WAIT_OBJECT_0) {
-            zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 139, FILE_CHANGE_TRACE);
+            zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_CHANGES, FILE_CHANGE_TRACE);
             ReadChanges(changes.handle);
             FindNextChangeNotification(changes.handle);
         } else if (woken == WAIT_FAILED) {
@@ -153,7 +153,7 @@ void Worker::Watch() {
             Sleep(INFINITE);
         }
     }
-    zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 243, FILE_CHANGE_INFORMATION);
+    zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_WORKER_ENDS, FILE_CHANGE_INFORMATION);
 }
 
 void Worker::ReadChanges(HANDLE changes) {
@@ -167,7 +167,7 @@ void Worker::ReadChanges(HANDLE changes) {
     const char* at = static_cast<const char*>(block.get());
     while (true) {
         const auto& record = *reinterpret_cast<const FILE_NOTIFY_INFORMATION*>(at);
-        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, 160, FILE_CHANGE_TRACE, record.Action);
+        zrKelDebugBinLog1(FILE_CHANGE_SOURCE, LINE_CHANGE, FILE_CHANGE_TRACE, record.Action);
         Tell(record, oldPath);
         if (record.NextEntryOffset == 0) break;
         at += record.NextEntryOffset;
@@ -178,23 +178,23 @@ void Worker::Tell(const FILE_NOTIFY_INFORMATION& record, OwnedText& oldPath) {
     const bool known = record.Action >= FILE_ACTION_ADDED && record.Action <= FILE_ACTION_RENAMED_NEW_NAME;
     if (!known) return;
     if (record.Action == FILE_ACTION_RENAMED_NEW_NAME && !oldPath) {
-        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, 204, FILE_CHANGE_WARNING);
+        zrKelDebugBinLog0(FILE_CHANGE_SOURCE, LINE_NO_OLD_NAME, FILE_CHANGE_WARNING);
         return;
     }
     OwnedText path = FullPath(record.FileName, record.FileNameLength);
     if (!path) return;
     switch (record.Action) {
         case FILE_ACTION_ADDED:
-            return Send(SHCNE_CREATE, path.get(), nullptr, 172);
+            return Send(SHCNE_CREATE, path.get(), nullptr, LINE_ADDED);
         case FILE_ACTION_REMOVED:
-            return Send(SHCNE_DELETE, path.get(), nullptr, 175);
+            return Send(SHCNE_DELETE, path.get(), nullptr, LINE_REMOVED);
         case FILE_ACTION_MODIFIED:
-            return Send(SHCNE_UPDATEITEM, path.get(), nullptr, 178);
+            return Send(SHCNE_UPDATEITEM, path.get(), nullptr, LINE_MODIFIED);
         case FILE_ACTION_RENAMED_OLD_NAME:
             oldPath = std::move(path);
             return;
         default:
-            Send(SHCNE_RENAMEITEM, oldPath.get(), path.get(), 212);
+            Send(SHCNE_RENAMEITEM, oldPath.get(), path.get(), LINE_RENAMED);
             oldPath.reset();
     }
 }

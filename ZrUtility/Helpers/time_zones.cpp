@@ -1,4 +1,5 @@
-// The zones of WindowsUtilities: the device's own, and those that the server has numbers for.
+// The zones of WindowsUtilities: the device's own, and those that the server has numbers for. What writes to the log is
+// in WindowsUtilities.cpp, which the records name.
 
 #include <algorithm>
 #include <cstring>
@@ -6,8 +7,6 @@
 
 #include "ZrUtility/Helpers/WindowsUtilities.h"
 #include "ZrUtility/Helpers/file_time_value.h"
-#include "ZrUtility/Helpers/windows_utilities_log.h"
-#include "platform/base.h"
 
 namespace {
 
@@ -20,10 +19,6 @@ constexpr BYTE DAYS_IN_MONTH[MONTHS + 1] = {0, 31, 28, 31, 30, 31, 30, 31, 31, 3
 
 bool IsMonth(int month) {
     return month >= 1 && month <= MONTHS;
-}
-
-bool AreEqual(const _TZDayInfo& left, const _TZDayInfo& right) {
-    return left.month == right.month && left.week == right.week && left.day == right.day && left.hour == right.hour;
 }
 
 // When a zone changes in a year. Times come in runs of the same year, so each thread keeps the last one.
@@ -55,20 +50,6 @@ int YearOf(const FILETIME& time) {
     SYSTEMTIME parts{};
     FileTimeToSystemTime(&time, &parts);
     return parts.wYear;
-}
-
-void LogZone(int line, WORD index, BYTE coarse) {
-    zrKelDebugBinLog2(WINDOWS_UTILITIES_LOG_SOURCE, line, WINDOWS_UTILITIES_LOG_INFORMATION, index, coarse);
-}
-
-void LogZoneNotFound(int line, LONG bias, BYTE coarse) {
-    zrKelDebugBinLog2(WINDOWS_UTILITIES_LOG_SOURCE, line, WINDOWS_UTILITIES_LOG_FAILURE, static_cast<ULONG>(bias),
-                      coarse);
-}
-
-void LogNoZone(int line) {
-    const DWORD error = GetLastError();
-    zrKelDebugBinLog1(WINDOWS_UTILITIES_LOG_SOURCE, line, WINDOWS_UTILITIES_LOG_FAILURE, error);
 }
 
 }  // namespace
@@ -125,21 +106,6 @@ void WindowsUtilities::ConvertTZDayInfoToFileTime(const TIME_ZONE_INFORMATION& t
     };
     convert(tzi.StandardDate, standardStart);
     convert(tzi.DaylightDate, daylightStart);
-}
-
-LONG WindowsUtilities::GetCurrentTimeZoneBias() {
-    TIME_ZONE_INFORMATION tzi{};
-    switch (GetTimeZoneInformation(&tzi)) {
-        case TIME_ZONE_ID_UNKNOWN:
-            return tzi.Bias;
-        case TIME_ZONE_ID_STANDARD:
-            return tzi.Bias + tzi.StandardBias;
-        case TIME_ZONE_ID_DAYLIGHT:
-            return tzi.Bias + tzi.DaylightBias;
-        default:
-            LogNoZone(__LINE__);
-            return 0;
-    }
 }
 
 LONG WindowsUtilities::GetCurrentTimeZoneBias(FILETIME& localTime) {
@@ -199,35 +165,6 @@ int WindowsUtilities::TZDayInfoToSystemTime(_TZDayInfo info, SYSTEMTIME& st) {
     }
     st.wDay = info.week;
     st.wDayOfWeek = info.day;
-    return 0;
-}
-
-WORD WindowsUtilities::GetCurrentTZIndex(BYTE coarse) {
-    TIME_ZONE_INFORMATION tzi{};
-    if (GetTimeZoneInformation(&tzi) == TIME_ZONE_ID_INVALID) {
-        LogNoZone(__LINE__);
-        return 0;
-    }
-    if (coarse == 1) {
-        const LONG hasDaylight = tzi.StandardDate.wMonth != 0;
-        for (const _TZMapElement& row : m_tzMap) {
-            if (row.offset != -tzi.Bias || row.daylight != hasDaylight) continue;
-            LogZone(__LINE__, row.index, coarse);
-            return row.index;
-        }
-    } else {
-        _TZDayInfo toStandard{};
-        _TZDayInfo toDaylight{};
-        ConvertTZInfo(&tzi.StandardDate, &toStandard);
-        ConvertTZInfo(&tzi.DaylightDate, &toDaylight);
-        for (const _TZInfo& row : m_tzList) {
-            if (row.offset != -tzi.Bias || !AreEqual(row.standard, toStandard) || !AreEqual(row.daylight, toDaylight))
-                continue;
-            LogZone(__LINE__, row.index, coarse);
-            return row.index;
-        }
-    }
-    LogZoneNotFound(__LINE__, tzi.Bias, coarse);
     return 0;
 }
 

@@ -1,5 +1,6 @@
 // From a series and a time to one of its appointments: in the store, and where something fails.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "ZrUtility/Helpers/WindowsUtilities.h"
@@ -7,6 +8,7 @@
 #include "platform/base.h"
 #include "platform/pim/calendar_support.h"
 #include "support/log_capture.h"
+#include "support/source_lines.h"
 #include "support/zones.h"
 
 namespace {
@@ -42,6 +44,7 @@ protected:
         ASSERT_EQ(log.records().size(), 1u);
         const LoggedRecord record = log.records()[0];
         EXPECT_EQ(record.source, kLogSource);
+        EXPECT_THAT(line_of(record), testing::HasSubstr("LogFailure(__LINE__"));
         EXPECT_EQ(record.category, kFailure);
         ASSERT_EQ(record.arguments.size(), 2u);
         EXPECT_EQ(record.arguments[0], static_cast<ULONG>(result));
@@ -70,6 +73,7 @@ TEST_F(FakeSeries, AnExceptionOfTheDayIsTakenInstead) {
     EXPECT_EQ(world.asked, 0);
     EXPECT_EQ(world.exceptions_read, 3);  // the walk stops there
     ASSERT_EQ(log.records().size(), 1u);
+    EXPECT_THAT(line_of(log.records()[0]), testing::HasSubstr("LogFound(__LINE__"));
     EXPECT_EQ(log.records()[0].category, kInformation);
     EXPECT_EQ(log.records()[0].arguments[0], 7u);
 }

@@ -1,5 +1,6 @@
 // The server's zones and the device's, as WindowsUtilities tells them.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -11,6 +12,7 @@
 #include "ZrUtility/Helpers/WindowsUtilities.h"
 #include "platform/base.h"
 #include "support/log_capture.h"
+#include "support/source_lines.h"
 #include "support/zones.h"
 
 namespace {
@@ -287,6 +289,7 @@ TEST(DevicesZone, HasTheNumberOfItsExactRules) {
             EXPECT_EQ(WindowsUtilities::GetCurrentTZIndex(coarse), zone.index) << rule;
         ASSERT_EQ(log.records().size(), 3u);
         EXPECT_EQ(log.records()[0].source, kLogSource);
+        EXPECT_THAT(zr::test::line_of(log.records()[0]), testing::HasSubstr("LogZone(__LINE__"));
         EXPECT_EQ(log.records()[0].category, 0x880010u);
         EXPECT_EQ(log.records()[0].arguments[0], static_cast<std::uintptr_t>(zone.index));
     }
@@ -300,7 +303,8 @@ TEST(DevicesZone, OneBitOfDifferenceIsNone) {
         set_zone(other);
         zr::test::LogCapture log;
         EXPECT_EQ(WindowsUtilities::GetCurrentTZIndex(0), 0) << other;
-        EXPECT_EQ(log.count(0x880004), 1);
+        ASSERT_EQ(log.count(0x880004), 1);
+        EXPECT_THAT(zr::test::line_of(log.records().back()), testing::HasSubstr("LogZoneNotFound(__LINE__"));
     }
 }
 
@@ -381,6 +385,7 @@ TEST(DevicesZone, AZoneThatIsNotThereIsLogged) {
     ASSERT_EQ(log.records().size(), 4u);
     for (const zr::test::LoggedRecord& record : log.records()) {
         EXPECT_EQ(record.source, kLogSource);
+        EXPECT_THAT(zr::test::line_of(record), testing::HasSubstr("LogNoZone(__LINE__"));
         EXPECT_EQ(record.category, 0x880004u);
         ASSERT_EQ(record.arguments.size(), 1u);
         EXPECT_EQ(record.arguments[0], ERROR_FILE_NOT_FOUND);
