@@ -35,13 +35,13 @@ BufferStream::BufferStream()
       m_nCapacity(0),
       m_pBuffer(static_cast<unsigned char*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, LAZY_CAPACITY))),
       m_pReleaseCallback(nullptr),
-      m_pReleaseContext(nullptr) {
+      m_pReleaseContext(nullptr),
+      m_bGoing(false) {
     if (m_pBuffer != nullptr) m_nCapacity = blockSize(m_pBuffer, 0);
 }
 
 BufferStream::~BufferStream() {
-    // A callback that takes a reference and gives it back must not destroy the stream again.
-    m_nRefCount = 1;
+    m_bGoing = true;
     if (m_pReleaseCallback != nullptr) m_pReleaseCallback(this, m_pReleaseContext);
     HeapFree(GetProcessHeap(), 0, m_pBuffer);
 }
@@ -58,7 +58,7 @@ ULONG BufferStream::AddRef() {
 
 ULONG BufferStream::Release() {
     const LONG count = InterlockedDecrement(&m_nRefCount);
-    if (count == 0) delete this;
+    if (count == 0 && !m_bGoing) delete this;
     return static_cast<ULONG>(count);
 }
 

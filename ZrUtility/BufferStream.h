@@ -11,7 +11,7 @@
 // threads; all else expects one thread at a time.
 //
 // A stream whose block could not be allocated, or was lost when it could not grow, is empty and stays so: it has no
-// capacity, GetBuffer() is NULL and Ensure() fails.
+// capacity, GetBuffer() is NULL and Ensure() fails for all but 0.
 //
 // Copies are shallow: a copy shares the block and carries the reference count's value, so only one of the two may be
 // changed or destroyed.
@@ -59,7 +59,8 @@ public:
     HRESULT Stat(STATSTG* stat, DWORD flag) override;
     HRESULT Clone(IStream** stream) override;
 
-    // Calls the release callback, then frees the block.
+    // Calls the release callback, then frees the block. The callback finds the reference count as it was (0 after the
+    // last Release); references taken or given back there change it and nothing else, balanced or not.
     virtual ~BufferStream();
 
     // Removes the bytes at the position, at most `count`; the position stays. STG_E_INVALIDFUNCTION when the position
@@ -69,8 +70,8 @@ public:
     // the stream cannot grow. `from` may lie in the stream's own data.
     virtual HRESULT Insert(const void* from, ULONG count);
 
-    // Makes room for `count` more bytes after the data. S_OK or E_FAIL; when the heap refuses the larger block, the old
-    // one is freed, and the stream is empty from then on.
+    // Makes room for `count` more bytes after the data: 0 need none. S_OK or E_FAIL; when the heap refuses the larger
+    // block, the old one is freed, and the stream is empty from then on.
     HRESULT Ensure(unsigned int count);
     // Zeroes the whole block; length and position become 0.
     void Reset();
@@ -97,4 +98,5 @@ private:
     unsigned char* m_pBuffer;
     void (*m_pReleaseCallback)(BufferStream*, void*);
     void* m_pReleaseContext;
+    bool m_bGoing;  // the destructor has begun
 };

@@ -278,14 +278,15 @@ ULONG ZrLLHashMap::find(void* key) const {
 }
 
 // Where a key that the map does not hold goes: the first slot of its search that is not in use, as removed slots do not
-// end a search but are taken again. NO_SLOT when all are in use.
+// end a search but are taken again. NO_SLOT when all are in use, which a copy's count may not say.
 ULONG ZrLLHashMap::freeSlot(void* key) const {
-    if (m_count == m_capacity) return NO_SLOT;
-    Path path(numberOf(key), static_cast<ULONG>(m_capacity), reciprocal());
-    while ((m_states[path.at()] & HOLDS) == IN_USE) {
-        path.advance();
+    const auto capacity = static_cast<ULONG>(m_capacity);
+    if (capacity == 0) return NO_SLOT;
+    Path path(numberOf(key), capacity, reciprocal());
+    for (ULONG probes = 0; probes < capacity; ++probes, path.advance()) {
+        if ((m_states[path.at()] & HOLDS) != IN_USE) return path.at();
     }
-    return path.at();
+    return NO_SLOT;
 }
 
 // The slot of a key, which is put into one, with values of 0, when the map does not hold it; NO_SLOT when there is

@@ -22,7 +22,8 @@ class HashMapIterator;
 // When memory is short a map stays as it is: it fills the slots it has, and when there is none left (or the map was
 // created without memory) a put of a new key is dropped and returns NULL.
 //
-// Copies are shallow: a copy shares its source's slots, so only one of the two may be changed or destroyed.
+// Copies are shallow: a copy shares its source's slots, so only one of the two may be changed or destroyed. A copy
+// whose source was changed counts wrong, and may find its slots full before it grows: a put is dropped then.
 class ZRUTILITY_API ZrLLHashMap : public ZrMap {
 public:
     // Grows before it is fuller than this, in per cent.

@@ -54,8 +54,9 @@ public:
     // Shares the windows, threads, list, filter and listener: only one of the copies may be used further and destroyed.
     FileSystemMonitor(const FileSystemMonitor& other);
     FileSystemMonitor& operator=(const FileSystemMonitor& other);
-    // On the thread that called Initialize. Does not wait for the worker threads: each one lives on, without effect but
-    // in the log, until its wait fails or the library is unloaded.
+    // On the thread that called Initialize. Leaves WM_QUIT with the worker threads and does not wait for them. A worker
+    // takes that message for no end: it lives on, without effect but in the log, until the library is unloaded, also
+    // when its wait fails (it rests then). Only a worker whose wait failed before the message came has ended.
     ~FileSystemMonitor();
 
     // Starts to watch. 1; 0 for a NULL listener, more than ten directories, or when the window class cannot be

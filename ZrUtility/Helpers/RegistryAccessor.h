@@ -1,8 +1,9 @@
 #pragma once
 
 // Single values of the registry, each read or written by one call: a key is opened (or made), used and closed again, so
-// callers hold no handles. Readers take a default for what is missing or of another type. Writers return when the value
-// is on the disk.
+// callers hold no handles. Readers take a default for what is missing or of another type. What sets a value flushes the
+// registry before it returns, so that the value is on the disk; a flush that fails is not told. What deletes or moves
+// does not flush: that is on the disk with the next flush of any program.
 //
 //     const ULONG port = RegistryAccessor::RegistryGetDWORD(HKEY_CURRENT_USER, u"Software\\Mail", u"Port", 143);
 //     RegistryAccessor::RegistrySetDWORD(HKEY_CURRENT_USER, u"Software\\Mail", u"Port", 993);
@@ -35,8 +36,9 @@ public:
     // NULL or empty sub-key.
     static unsigned int RegistryGetString(HKEY root, const WCHAR* subKey, const WCHAR* name, WCHAR* dst, int dstChars,
                                           const WCHAR* def);
-    // Stores `byteCount` bytes; count the terminator in. 1, or 0 when it could not be written: also for an invalid root
-    // and a NULL or empty name. The sub-key may be NULL or empty: the value is then the root's.
+    // Stores `byteCount` bytes; count the terminator in. 1, whether the flush succeeded or not, or 0 when it could not
+    // be written: also for an invalid root and a NULL or empty name. The sub-key may be NULL or empty: the value is
+    // then the root's.
     static int RegistrySetString(HKEY root, const WCHAR* subKey, const WCHAR* name, WCHAR* data, int byteCount);
 
     // 0 with the value in `buf`, which has `len` bytes. -1 for NULL, a length below 1, an invalid root, a NULL or empty

@@ -26,6 +26,9 @@ constexpr const char* LOG_SOURCE = ".\\Helpers\\WindowsUtilities.cppzrwindowsmob
 constexpr std::uint32_t LOG_FAILURE = zrLogCategory(0x88, kZrLogFailure);
 constexpr std::uint32_t LOG_INFORMATION = zrLogCategory(0x88, kZrLogInformation);
 
+// No date stands for it.
+constexpr FILETIME NO_CALENDAR_TIME = {0xFFFFFFFF, 0xFFFFFFFF};
+
 constexpr int MINUTES_IN_HALF_A_DAY = 720;
 constexpr int MINUTES_IN_A_DAY = 1440;
 
@@ -276,15 +279,15 @@ int WindowsUtilities::FileTimeCompare(FILETIME& a, FILETIME& b) {
 }
 
 int WindowsUtilities::FileTimeCompareDate(FILETIME* a, FILETIME* b) {
-    FILETIME local[2] = {};
-    SYSTEMTIME parts[2] = {};
-    WUFileTimeToLocalFileTime(a, &local[0]);
-    WUFileTimeToLocalFileTime(b, &local[1]);
-    FileTimeToSystemTime(&local[0], &parts[0]);
-    FileTimeToSystemTime(&local[1], &parts[1]);
-    const bool same =
-        parts[0].wYear == parts[1].wYear && parts[0].wMonth == parts[1].wMonth && parts[0].wDay == parts[1].wDay;
-    return same ? 0 : -1;
+    const auto day = [](FILETIME* utc, SYSTEMTIME* parts) {
+        FILETIME local = NO_CALENDAR_TIME;
+        WUFileTimeToLocalFileTime(utc, &local);
+        return FileTimeToSystemTime(&local, parts);
+    };
+    SYSTEMTIME left{};
+    SYSTEMTIME right{};
+    if (!day(a, &left) || !day(b, &right)) return -1;
+    return left.wYear == right.wYear && left.wMonth == right.wMonth && left.wDay == right.wDay ? 0 : -1;
 }
 
 int WindowsUtilities::VariantTimeCompareTimeOfDay(double& a, double& b) {

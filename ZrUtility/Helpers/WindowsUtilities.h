@@ -42,8 +42,9 @@ enum WIN_COMPATIBLE : int {
 // do so by the rule of the current year: docs/time.md lists where that differs from what clocks really showed.
 //
 // Nothing fails visibly. Where a platform conversion fails (a time that no calendar date stands for, a zone that is not
-// there), an output keeps its value, unless stated; a DATE that is out of range counts as 1 January 1601. Functions of
-// the type int return 0 unless stated. Pointers are valid ones. Inputs and outputs may be the same. Any thread.
+// there), an output keeps its value, unless stated. Where a file time is only the way from a DATE to something else, a
+// DATE that is out of range counts as 1 January 1601 in UTC. Functions of the type int return 0 unless stated. Pointers
+// are valid ones. Inputs and outputs may be the same. Any thread.
 class ZRUTILITY_API WindowsUtilities {
 public:
     static const ULONGLONG SECOND_TO_FILETIME_PRECISION;  // in 100-nanosecond units, as the following
@@ -103,11 +104,13 @@ public:
 
     // -1, 0 or 1: a is earlier, the same or later.
     static int FileTimeCompare(FILETIME& a, FILETIME& b);
-    // 0 when both UTC times fall on the same local day, otherwise -1, whichever is the later.
+    // 0 when both UTC times fall on the same local day, otherwise -1, whichever is the later; -1 also when one of them
+    // falls on none.
     static int FileTimeCompareDate(FILETIME* a, FILETIME* b);
     // 0, -1 or 1 by the time of day alone.
     static int VariantTimeCompareTimeOfDay(double& a, double& b);
-    // Whether less than `n` whole minutes lie between; always for a negative `n`.
+    // Whether less than `n` whole minutes lie between. A negative `n` stands for 2^64 units less so many minutes: two
+    // times that have a date are never so far apart, others may be.
     static bool isDifferenceLessThanNMinutes(FILETIME& a, FILETIME& b, int n);
     static bool isDifferenceLessThanOneHalfDay(FILETIME& a, FILETIME& b);
     static bool isDifferenceLessThanOneDay(FILETIME& a, FILETIME& b);

@@ -5,5 +5,6 @@
 #include "platform/types.h"
 
 // Starts one on a copy of the folder's path, which holds less than MAX_PATH characters. Its identifier, or 0 with the
-// last error set. It runs until its wait fails; one that still runs when the library is unloaded is ended then.
+// last error set. It runs until its wait fails with no WM_QUIT in its queue; one that is still there when the library
+// is unloaded is ended then.
 DWORD StartFileChangeWorker(const WCHAR* directory, HWND window);

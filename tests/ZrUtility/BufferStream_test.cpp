@@ -376,6 +376,36 @@ TEST(BufferStream, DestructorCallsBackToo) {
     EXPECT_EQ(released.stream, nullptr);
 }
 
+// What a release callback is told when it counts.
+struct Counted {
+    int calls = 0;
+    std::vector<ULONG> counts;
+};
+
+void onReleaseCount(BufferStream* stream, void* context) {
+    auto* counted = static_cast<Counted*>(context);
+    if (++counted->calls > 1) return;
+    counted->counts = {stream->AddRef(), stream->Release(), stream->Release(), stream->AddRef(), stream->AddRef()};
+}
+
+TEST(BufferStream, TheCallbackMayCountAsItLikes) {
+    const LONGLONG before = ZrLiveObjects(ZrLiveKind::HeapBlocks);
+    Counted counted;
+    auto* stream = new BufferStream;
+    stream->SetReleaseCallBack(onReleaseCount, &counted);
+    EXPECT_EQ(stream->Release(), 0u);
+    EXPECT_EQ(counted.calls, 1);
+    EXPECT_EQ(counted.counts, (std::vector<ULONG>{1, 0, 0xFFFFFFFF, 0, 1}));
+    counted = {};
+    {
+        BufferStream onTheStack;
+        onTheStack.SetReleaseCallBack(onReleaseCount, &counted);
+    }
+    EXPECT_EQ(counted.calls, 1);
+    EXPECT_EQ(counted.counts, (std::vector<ULONG>{2, 1, 0, 1, 2}));
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::HeapBlocks), before);
+}
+
 // The copy is laid in memory that is never destroyed, as only one of the two may be.
 TEST(BufferStream, CopiesShareTheBlock) {
     BufferStream stream;

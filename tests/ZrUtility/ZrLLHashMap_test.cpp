@@ -276,6 +276,28 @@ TEST(ZrLLHashMap, CopiesShareTheSlots) {
     EXPECT_EQ(zr::test::live_news(), before);
 }
 
+TEST(ZrLLHashMap, ACopyThatCountsWrongDropsWhatFindsNoSlot) {
+    const long before = zr::test::live_news();
+    {
+        ZrLLHashMap map(4);
+        alignas(ZrLLHashMap) unsigned char room[2][sizeof(ZrLLHashMap)];
+        auto* one = new (room[0]) ZrLLHashMap(map);
+        auto* other = new (room[1]) ZrLLHashMap(map);
+        for (int key = 1; key <= 3; ++key) {
+            EXPECT_EQ(map.put(as(key), as(key * 10)), nullptr);
+        }
+        EXPECT_EQ(one->put(as(4), as(40)), nullptr);
+        EXPECT_EQ(one->get(as(4)), as(40));
+        // All four slots are in use now, and to this copy the map is empty.
+        EXPECT_EQ(other->put(as(5), as(50)), nullptr);
+        EXPECT_FALSE(other->containsKey(as(5)));
+        EXPECT_EQ(other->size(), 0);
+        EXPECT_EQ(other->put(as(4), as(44)), as(40));
+        EXPECT_EQ(map.get(as(3)), as(30));
+    }
+    EXPECT_EQ(zr::test::live_news(), before);
+}
+
 TEST(ZrLLHashMap, WithoutMemoryItStaysAsItIs) {
     LogTape tape;
     const long before = zr::test::live_news();

@@ -2,13 +2,40 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cerrno>
 #include <map>
 #include <optional>
 #include <random>
 #include <string>
 #include <vector>
+
+namespace {
+
+// The syncs of this program, and whether they fail.
+std::atomic<int> syncs = 0;
+std::atomic<bool> syncs_fail = false;
+
+int sync_file(long number, int file) {
+    ++syncs;
+    if (!syncs_fail) return static_cast<int>(syscall(number, file));
+    errno = EIO;
+    return -1;
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int fdatasync(int file) {
+    return sync_file(SYS_fdatasync, file);
+}
+extern "C" __attribute__((visibility("default"))) int fsync(int file) {
+    return sync_file(SYS_fsync, file);
+}
 
 namespace {
 
@@ -345,6 +372,37 @@ TEST(RegistryAccessor, TheLastSubKeyThatCannotBeMadeIsTold) {
 }
 
 // ---- against a model -----------------------------------------------------------------------------------------------
+
+// ---- the disk ------------------------------------------------------------------------------------------------------
+
+// How often a call synced a file.
+template <typename Call>
+int syncs_of(const Call& call) {
+    const int before = syncs;
+    call();
+    return syncs - before;
+}
+
+TEST(RegistryAccessor, SettingFlushesAndDeletingAndMovingDoNot) {
+    WCHAR text[] = u"x";
+    unsigned char bytes[] = {1, 2};
+    EXPECT_GT(syncs_of([] { Accessor::RegistrySetDWORD(kRoot, kPath, u"n", 1); }), 0);
+    EXPECT_GT(syncs_of([] { Accessor::RegistrySetInteger(kRoot, kPath, u"i", 1); }), 0);
+    EXPECT_GT(syncs_of([] { Accessor::RegistrySetBoolean(kRoot, kPath, u"b", true); }), 0);
+    EXPECT_GT(syncs_of([&] { Accessor::RegistrySetString(kRoot, kPath, u"s", text, sizeof text); }), 0);
+    EXPECT_GT(syncs_of([&] { Accessor::RegistrySetBinary(kRoot, kPath, u"y", bytes, sizeof bytes); }), 0);
+    EXPECT_EQ(syncs_of([] { EXPECT_EQ(Accessor::RegistryDeleteKeyValue(kRoot, kPath, u"n"), 1); }), 0);
+    EXPECT_EQ(syncs_of([] { EXPECT_EQ(Accessor::RegistryMoveKey(kRoot, u"Software", u"Moved"), 0); }), 0);
+}
+
+TEST(RegistryAccessor, AFlushThatFailsIsNotTold) {
+    WCHAR text[] = u"x";
+    RegCloseKey(make(kPath));  // the store is there
+    syncs_fail = true;
+    EXPECT_GT(syncs_of([&] { EXPECT_EQ(Accessor::RegistrySetString(kRoot, kPath, u"s", text, sizeof text), 1); }), 0);
+    syncs_fail = false;
+    EXPECT_TRUE(stored(kPath, u"s").has_value());
+}
 
 TEST(RegistryAccessor, RandomOperationsDoWhatAMapDoes) {
     std::mt19937 random(81);

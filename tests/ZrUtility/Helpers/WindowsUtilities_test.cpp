@@ -21,6 +21,7 @@ namespace {
 using zr::test::units;
 
 constexpr ULONGLONG kEpoch = 116'444'736'000'000'000;
+constexpr ULONGLONG kMinute = 600'000'000;
 constexpr ULONGLONG kTooLate = 0x8000'0000'0000'0000;
 
 FILETIME of(ULONGLONG value) {
@@ -133,6 +134,11 @@ TEST(WindowsUtilities, WhatCannotBeConvertedLeavesTheOutput) {
         EXPECT_EQ(WindowsUtilities::VariantTimeToFileTime(wrong, &out), 0);
         EXPECT_EQ(units(out), 77u);
     }
+    // Where it is on its way to something else, it counts as the beginning of 1601.
+    zr::test::set_zone("Asia/Tokyo");
+    double far = 1e10;
+    WindowsUtilities::VariantTimeToLocalVariantTime(far, &date);
+    EXPECT_EQ(date, -109'205.375);  // nine in the morning there
     WindowsUtilities::WUFileTimeToLocalFileTime(&time, &out);
     EXPECT_EQ(units(out), 77u);
     WindowsUtilities::WULocalFileTimeToFileTime(&time, &out);
@@ -231,6 +237,18 @@ TEST(WindowsUtilities, ComparesLocalDays) {
     EXPECT_EQ(WindowsUtilities::FileTimeCompareDate(&after, &other_month), -1);
 }
 
+TEST(WindowsUtilities, WhatFallsOnNoDayFallsOnNoSameDay) {
+    zr::test::set_zone("Asia/Tokyo");
+    FILETIME first = of(0);  // the day that an empty file time stands for
+    EXPECT_EQ(WindowsUtilities::FileTimeCompareDate(&first, &first), 0);
+    for (const ULONGLONG value : {kTooLate, kTooLate + kMinute, ~ULONGLONG{0}}) {
+        FILETIME late = of(value);
+        EXPECT_EQ(WindowsUtilities::FileTimeCompareDate(&late, &late), -1);
+        EXPECT_EQ(WindowsUtilities::FileTimeCompareDate(&late, &first), -1);
+        EXPECT_EQ(WindowsUtilities::FileTimeCompareDate(&first, &late), -1);
+    }
+}
+
 TEST(WindowsUtilities, ComparesTimesOfDay) {
     const auto compare = [](double a, double b) { return WindowsUtilities::VariantTimeCompareTimeOfDay(a, b); };
     EXPECT_EQ(compare(1.25, 40000.25), 0);
@@ -259,7 +277,6 @@ TEST(WindowsUtilities, TimesOfDayAndIntervals) {
 }
 
 TEST(WindowsUtilities, DifferencesInMinutes) {
-    constexpr ULONGLONG kMinute = 600'000'000;
     const auto less = [](ULONGLONG a, ULONGLONG b, int n) {
         FILETIME left = of(a);
         FILETIME right = of(b);
@@ -271,6 +288,8 @@ TEST(WindowsUtilities, DifferencesInMinutes) {
     EXPECT_FALSE(less(kEpoch, kEpoch + 5 * kMinute, 5));
     EXPECT_FALSE(less(kEpoch, kEpoch, 0));
     EXPECT_TRUE(less(0, kTooLate, -1));
+    EXPECT_TRUE(less(0, ~ULONGLONG{0} - kMinute, -1));
+    EXPECT_FALSE(less(0, ~ULONGLONG{0} - kMinute + 1, -1));  // 2^64 less a minute
     EXPECT_FALSE(less(0, ~ULONGLONG{0}, std::numeric_limits<int>::max()));
     FILETIME a = of(kEpoch);
     FILETIME half = of(kEpoch + 720 * kMinute);
