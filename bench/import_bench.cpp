@@ -4,7 +4,7 @@
 // import_memory runs zr itself and reports the most memory that it ever had.
 
 // First: GLib makes macros of TRUE and FALSE, which the platform declares as constants.
-#include "zr/store.h"
+#include "zr/stores/contacts.h"
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -22,7 +22,7 @@
 #include <string_view>
 #include <vector>
 
-#include "zr/card_stream.h"
+#include "zr/vcard/stream.h"
 
 extern char** environ;
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "zr/calendar_reader.h"
-#include "zr/event_writer.h"
-#include "zr/recurrence.h"
-#include "zr/text.h"
+#include "zr/base/text.h"
+#include "zr/icalendar/event_writer.h"
+#include "zr/icalendar/reader.h"
+#include "zr/icalendar/recurrence.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "zr/message_reader.h"
-#include "zr/recipients.h"
-#include "zr/text.h"
+#include "zr/base/text.h"
+#include "zr/mail/message_reader.h"
+#include "zr/mail/recipients.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "support/input.h"
-#include "zr/reg_reader.h"
-#include "zr/reg_writer.h"
+#include "zr/regfile/reader.h"
+#include "zr/regfile/writer.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
-#include "zr/card_reader.h"
-#include "zr/card_writer.h"
-#include "zr/text.h"
+#include "zr/base/text.h"
+#include "zr/vcard/reader.h"
+#include "zr/vcard/writer.h"
 
 namespace {
 

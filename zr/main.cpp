@@ -8,9 +8,9 @@
 #include <exception>
 #include <new>
 
-#include "command.h"
-#include "failure.h"
-#include "output.h"
+#include "zr/base/failure.h"
+#include "zr/base/output.h"
+#include "zr/commands/command.h"
 
 #ifndef ZR_VERSION
 #error "ZR_VERSION is the version to report"

@@ -1,0 +1,32 @@
+#include "zr/base/input_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "zr/base/failure.h"
+
+namespace zr {
+
+InputFile::InputFile(const std::string& path) : name_(path == "-" ? "standard input" : path) {
+    if (path == "-") {
+        fd_ = STDIN_FILENO;
+        return;
+    }
+    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0) throw file_failure(name_, errno);
+    owned_ = true;
+}
+
+InputFile::~InputFile() {
+    if (owned_) ::close(fd_);
+}
+
+off_t InputFile::size() const {
+    struct stat status;
+    return ::fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : 0;
+}
+
+}  // namespace zr

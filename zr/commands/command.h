@@ -1,0 +1,113 @@
+#pragma once
+
+// The command line, as a subcommand sees it: it adds its options, and stores what to run when it is the one that was
+// given. One source knows the parsing library and pays for compiling it.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/types.h"
+#include "zr/base/exit_code.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace zr {
+
+using Run = std::function<Exit()>;
+
+// An option, a flag or an argument of a command. Belongs to the command line, like the variable it fills.
+class Option {
+public:
+    explicit Option(CLI::Option* option) : option_(option) {}
+
+    Option& required();
+    Option& one_of(const std::vector<std::string>& values);
+    Option& positive();
+    // Takes one value each time it is given, not all that follow.
+    Option& one_at_a_time();
+    Option& excludes(const Option& other);
+    Option& shows_default();
+
+    bool given() const;
+
+private:
+    CLI::Option* option_;
+};
+
+class Command {
+public:
+    Command(CLI::App* app, Run* run) : app_(app), run_(run) {}
+
+    // A group takes one of its subcommands.
+    Command add_group(const std::string& name, const std::string& description);
+    Command add_command(const std::string& name, const std::string& description);
+
+    Option add_flag(const std::string& name, bool& value, const std::string& description);
+    Option add_option(const std::string& name, std::string& value, const std::string& description);
+    Option add_option(const std::string& name, std::vector<std::string>& values, const std::string& description);
+    Option add_option(const std::string& name, LONG& value, const std::string& description);
+    Option add_option(const std::string& name, std::vector<LONG>& values, const std::string& description);
+
+    // What --help says last.
+    void footer(const std::string& text);
+    void runs(Run run);
+
+private:
+    CLI::App* app_;
+    Run* run_;
+};
+
+class CommandLine {
+public:
+    CommandLine(const std::string& description, const std::string& version);
+    ~CommandLine();
+    CommandLine(const CommandLine&) = delete;
+    CommandLine& operator=(const CommandLine&) = delete;
+
+    Command root();
+
+    // The exit code when there is nothing to run: wrong usage, which has been complained about, or help was asked for.
+    std::optional<int> parse(int argc, char** argv);
+    const Run& run() const;
+
+private:
+    struct Parser;
+    std::unique_ptr<Parser> parser_;
+};
+
+void add_contacts_import(Command contacts);
+void add_contacts_export(Command contacts);
+void add_contacts_list(Command contacts);
+void add_contacts_find(Command contacts);
+void add_contacts_show(Command contacts);
+void add_contacts_add(Command contacts);
+void add_contacts_change(Command contacts);
+void add_contacts_remove(Command contacts);
+void add_calendar_import(Command calendar);
+void add_calendar_export(Command calendar);
+void add_calendar_list(Command calendar);
+void add_calendar_show(Command calendar);
+void add_calendar_occurrence(Command calendar);
+void add_calendar_remove(Command calendar);
+void add_reg_get(Command reg);
+void add_reg_set(Command reg);
+void add_reg_delete(Command reg);
+void add_reg_list(Command reg);
+void add_reg_tree(Command reg);
+void add_reg_watch(Command reg);
+void add_reg_import(Command reg);
+void add_reg_export(Command reg);
+void add_resolve(Command zr);
+void add_log_show(Command log);
+void add_modules(Command zr);
+void add_objects(Command zr);
+void add_zone(Command zr);
+void add_watch(Command zr);
+
+}  // namespace zr

@@ -1,0 +1,52 @@
+// zr contacts change: other values for some fields of one contact.
+
+#include <memory>
+
+#include "zr/base/output.h"
+#include "zr/commands/command.h"
+#include "zr/commands/contact_options.h"
+#include "zr/stores/contacts.h"
+
+namespace zr {
+namespace {
+
+struct Options {
+    LONG oid = 0;
+    ContactOptions contact;
+    bool json = false;
+};
+
+Exit change(const Options& options) {
+    const Card card = options.contact.card();
+    if (options.contact.none_given()) throw Failure{Exit::Usage, "change: give at least one field to change"};
+    Store store;
+    const ComPtr<IContact> contact = store.with_oid(options.oid);
+    if (!contact) {
+        complain("no contact " + std::to_string(options.oid));
+        return Exit::None;
+    }
+    store.change(contact.get(), card, options.contact.fields());
+    if (!options.json) return Exit::Ok;
+    const ComPtr<IContact> changed = store.with_oid(options.oid);
+    if (changed) print_json_line(contact_json(options.oid, read_contact(changed.get(), false)));
+    return Exit::Ok;
+}
+
+}  // namespace
+
+void add_contacts_change(Command contacts) {
+    const auto options = std::make_shared<Options>();
+    Command command = contacts.add_command("change", "Change fields of a contact");
+    command.add_option("OID", options->oid, "Identifier, as list and find print it").required();
+    options->contact.add_to(command);
+    command.add_flag("--json", options->json, "Print the contact as JSON");
+    command.footer(
+        "Fields that are not given stay; an empty text clears a field; --email replaces all addresses.\n"
+        "The exit code is 1 when the contact does not exist.\n"
+        "\n"
+        "Example:\n"
+        "  zr contacts change 12 --email jo@newplace.example --company ''");
+    command.runs([options] { return change(*options); });
+}
+
+}  // namespace zr

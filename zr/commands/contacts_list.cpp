@@ -1,0 +1,74 @@
+// zr contacts list: the contacts in an order.
+
+#include <algorithm>
+#include <map>
+#include <memory>
+
+#include "zr/base/output.h"
+#include "zr/commands/command.h"
+#include "zr/stores/contacts.h"
+
+namespace zr {
+namespace {
+
+struct Options {
+    std::string sort = "file-as";
+    bool descending = false;
+    int limit = 0;
+    bool json = false;
+};
+
+const std::map<std::string, std::u16string>& tags() {
+    static const std::map<std::string, std::u16string> all = {
+        {"file-as", u"[FileAs]"},       {"first", u"[FirstName]"},      {"last", u"[LastName]"},
+        {"middle", u"[MiddleName]"},    {"title", u"[Title]"},          {"suffix", u"[Suffix]"},
+        {"company", u"[CompanyName]"},  {"email1", u"[Email1Address]"}, {"email2", u"[Email2Address]"},
+        {"email3", u"[Email3Address]"},
+    };
+    return all;
+}
+
+Exit list(const Options& options) {
+    Store store;
+    store.sort(tags().at(options.sort), options.descending);
+    const int count = store.count();
+    const int limit = options.limit > 0 ? std::min(options.limit, count) : count;
+    JsonArray array;
+    for (int i = 1; i <= limit; ++i) {
+        const ComPtr<IContact> contact = store.at(i);
+        if (!contact) continue;
+        const Card card = read_contact(contact.get(), false);
+        if (options.json) {
+            array.add(contact_json(oid_of(contact.get()), card));
+        } else {
+            print(contact_line(oid_of(contact.get()), card));
+        }
+    }
+    if (options.json) array.finish();
+    return count > 0 ? Exit::Ok : Exit::None;
+}
+
+}  // namespace
+
+void add_contacts_list(Command contacts) {
+    const auto options = std::make_shared<Options>();
+    Command command = contacts.add_command("list", "List the contacts");
+    std::vector<std::string> names;
+    for (const auto& [name, tag] : tags()) {
+        names.push_back(name);
+    }
+    command.add_option("-s,--sort", options->sort, "Order by this field").one_of(names).shows_default();
+    command.add_flag("-r,--reverse", options->descending, "Last ones first");
+    command.add_option("-n,--limit", options->limit, "List no more than this many").positive();
+    command.add_flag("--json", options->json, "Print JSON");
+    command.footer(
+        "A line is the identifier, the name, the addresses and the company, with tabs between.\n"
+        "The exit code is 1 when there are no contacts.\n"
+        "\n"
+        "Examples:\n"
+        "  zr contacts list --sort last --limit 20\n"
+        "  zr contacts list --json | jq -r '.[].emails[]'");
+    command.runs([options] { return list(*options); });
+}
+
+}  // namespace zr

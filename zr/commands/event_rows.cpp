@@ -1,0 +1,50 @@
+#include "zr/commands/event_rows.h"
+
+#include <algorithm>
+#include <string>
+
+#include "zr/base/output.h"
+#include "zr/base/text.h"
+#include "zr/stores/calendar.h"
+
+namespace zr {
+namespace {
+
+void print_text(std::string_view label, std::string_view value) {
+    if (!value.empty()) print_row(label, value);
+}
+
+}  // namespace
+
+void print_row(std::string_view label, std::string_view value) {
+    std::string row(label);
+    row += ": ";
+    row.resize(std::max<std::size_t>(row.size(), 24), ' ');
+    print(row + printable(value) + "\n");
+}
+
+void print_extras(std::string_view extras) {
+    while (!extras.empty()) {
+        const std::size_t end = std::min(extras.find('\n'), extras.size());
+        // A photo or an attachment is kept, but nobody reads it here.
+        print_row("Also", extras.substr(0, std::min<std::size_t>(end, 200)));
+        extras.remove_prefix(std::min(end + 1, extras.size()));
+    }
+}
+
+void print_fields(const EventFields& fields) {
+    print_text("Subject", fields.subject);
+    const Moment end = fields.all_day && fields.end > fields.start ? fields.end - std::chrono::days(1) : fields.end;
+    print_text("Start", shown_time(fields.start, fields.all_day));
+    print_text("End", shown_time(end, fields.all_day));
+    if (fields.all_day) print_row("All day", "yes");
+    print_text("Location", fields.location);
+    const Json json = fields_json(fields);
+    print_row("Shown as", json["busyStatus"].get<std::string>());
+    if (json.contains("sensitivity")) print_row("Sensitivity", json["sensitivity"].get<std::string>());
+    if (fields.reminder) print_row("Reminder", std::to_string(fields.reminder_minutes) + " minutes before");
+    print_text("Categories", fields.categories);
+    print_text("Body", fields.body);
+}
+
+}  // namespace zr

@@ -1,0 +1,81 @@
+#include "zr/commands/import.h"
+
+namespace zr {
+
+void ImportOptions::add_to(Command command, const char* what_files) {
+    command.add_option("FILE", files, what_files).required();
+    command.add_flag("--json", json, "Print the result as JSON");
+    command.add_flag("-q,--quiet", quiet, "Print nothing but what went wrong");
+}
+
+Exit Import::run() {
+    Exit code = Exit::Ok;
+    try {
+        for (const std::string& path : options_.files) {
+            try {
+                InputFile file(path);
+                read(file);
+            } catch (const Failure& failure) {
+                if (failure.code != Exit::Unreadable) throw;
+                progress_.clear();
+                complain(failure.text);
+                code = combine(code, failure.code);
+            }
+        }
+        save();
+    } catch (const Failure& failure) {
+        // The store failed: what was saved before stays, and nothing of the batch at hand is in.
+        progress_.clear();
+        report();
+        flush_output();
+        throw Failure{failure.code, failure.text + "; " + std::to_string(imported_) + " " + words_.all_made +
+                                        " are in, the rest is not"};
+    }
+    progress_.clear();
+    report();
+    if (code == Exit::Ok && left_out_ + incomplete_ > 0) code = Exit::DamagedCards;
+    return code;
+}
+
+void Import::note(const std::string& file, const std::vector<Problem>& problems, bool left_out) {
+    if (problems.empty()) return;
+    bool lost = false;
+    progress_.clear();
+    for (const Problem& problem : problems) {
+        lost = lost || problem.lost;
+        const std::string effect = !problem.lost ? "none"
+                                   : left_out    ? std::string(words_.source) + " left out"
+                                                 : words_.incomplete;
+        complain(file + ":" + std::to_string(problem.line) + ": " + (problem.lost ? effect : "warning") + ": " +
+                 problem.reason);
+        if (!options_.json) continue;
+        problems_.push_back({{"file", file}, {"line", problem.line}, {"reason", problem.reason}, {"effect", effect}});
+    }
+    if (left_out) {
+        ++left_out_;
+    } else if (lost) {
+        ++incomplete_;
+    }
+}
+
+void Import::show(const InputFile& file, std::size_t bytes_read, std::size_t waiting) {
+    progress_.show(file.name(), bytes_read, static_cast<std::size_t>(file.size()),
+                   imported_ + static_cast<long>(waiting));
+}
+
+void Import::report() {
+    if (options_.json) {
+        print_json_line(
+            {{"imported", imported_}, {"leftOut", left_out_}, {"incomplete", incomplete_}, {"problems", problems_}});
+        return;
+    }
+    if (options_.quiet) return;
+    std::string text = "imported " + std::to_string(imported_) + " " + (imported_ == 1 ? words_.made : words_.all_made);
+    if (incomplete_ > 0) text += ", " + std::to_string(incomplete_) + " of them not in full";
+    if (left_out_ > 0) {
+        text += "; left out " + std::to_string(left_out_) + " " + (left_out_ == 1 ? words_.source : words_.sources);
+    }
+    print(text + "\n");
+}
+
+}  // namespace zr

@@ -1,0 +1,73 @@
+#pragma once
+
+// What every import does: its files one after the other, problems named on standard error as they are met, batches that
+// are stored whole or not at all, and a count at the end.
+
+#include <string>
+#include <vector>
+
+#include "zr/base/exit_code.h"
+#include "zr/base/failure.h"
+#include "zr/base/input_file.h"
+#include "zr/base/output.h"
+#include "zr/base/problem.h"
+#include "zr/base/progress.h"
+#include "zr/commands/command.h"
+
+namespace zr {
+
+struct ImportOptions {
+    std::vector<std::string> files;
+    bool json = false;
+    bool quiet = false;
+
+    void add_to(Command command, const char* what_files);
+};
+
+// What the import calls the things that it makes, what it makes them of, and what it says of one that came in without
+// something.
+struct ImportWords {
+    const char* made;        // "contact"
+    const char* all_made;    // "contacts"
+    const char* source;      // "card"
+    const char* sources;     // "cards"
+    const char* incomplete;  // "line left out"
+};
+
+class Import {
+public:
+    virtual ~Import() = default;
+    Import(const Import&) = delete;
+    Import& operator=(const Import&) = delete;
+
+    Exit run();
+
+protected:
+    // A batch is one transaction of the store. It is small enough that other programs do not wait for it long.
+    static constexpr std::size_t kBatchItems = 1000;
+    static constexpr std::size_t kBatchBytes = std::size_t{4} << 20;
+
+    Import(const ImportOptions& options, const ImportWords& words)
+        : options_(options), words_(words), progress_(!options.quiet && !options.json, words.all_made) {}
+
+    virtual void read(InputFile& file) = 0;
+    // Stores the batch at hand and returns how many were in it. Called once more behind the last file.
+    virtual long save_batch() = 0;
+
+    void save() { imported_ += save_batch(); }
+    void note(const std::string& file, const std::vector<Problem>& problems, bool left_out);
+    void show(const InputFile& file, std::size_t bytes_read, std::size_t waiting);
+
+private:
+    void report();
+
+    const ImportOptions& options_;
+    const ImportWords& words_;
+    Progress progress_;
+    long imported_ = 0;
+    long left_out_ = 0;    // sources
+    long incomplete_ = 0;  // sources that came in without something
+    Json problems_ = Json::array();
+};
+
+}  // namespace zr

@@ -1,0 +1,236 @@
+// zr resolve: the contact behind the sender of a message, found through the library's e-mail index.
+
+#include <ZrUtility/ZrUtility.h>
+#include <platform/platform.h>
+#include <sys/stat.h>
+
+#include <memory>
+
+#include "zr/base/event_loop.h"
+#include "zr/base/input_file.h"
+#include "zr/base/output.h"
+#include "zr/base/text.h"
+#include "zr/commands/command.h"
+#include "zr/mail/recipients.h"
+#include "zr/stores/contacts.h"
+
+namespace zr {
+namespace {
+
+constexpr int kEmailFields =
+    Contact::CONTACT_FIELD_EMAIL1 | Contact::CONTACT_FIELD_EMAIL2 | Contact::CONTACT_FIELD_EMAIL3;
+
+struct Options {
+    std::vector<std::string> inputs;
+    bool addresses = false;
+    bool messages = false;
+    bool watch = false;
+    bool json = false;
+};
+
+// One address to look up and where it is from.
+struct Query {
+    std::string message;  // the file; empty for an address from the command line
+    std::string subject;
+    Sender sender;
+    std::string shown;  // the answer that was last printed
+};
+
+bool is_message_argument(const Options& options, const std::string& input) {
+    if (options.addresses || options.messages) return options.messages;
+    struct stat status;
+    return input == "-" || ::stat(input.c_str(), &status) == 0 || input.find('@') == std::string::npos;
+}
+
+void add_message(const std::string& path, std::vector<Query>& queries) {
+    InputFile file(path);
+    const Message message = read_message(file.reader());
+    switch (message.status) {
+        case MessageStatus::Unreadable:
+            throw file_failure(file.name(), message.error);
+        case MessageStatus::NotAMessage:
+            throw Failure{Exit::NotAMessage, file.name() + ": not a message"};
+        case MessageStatus::NoSender:
+            throw Failure{Exit::NoSender, file.name() + ": no usable From"};
+        case MessageStatus::Ok:
+            break;
+    }
+    const std::vector<Sender> senders = split_recipients(recipient_list(message.senders));
+    if (senders.empty()) throw Failure{Exit::NoSender, file.name() + ": no usable From"};
+    for (const Sender& sender : senders) {
+        queries.push_back({file.name(), message.subject, sender, {}});
+    }
+}
+
+void add_addresses(const std::string& text, std::vector<Query>& queries) {
+    const std::vector<Sender> senders = is_utf8(text) ? split_recipients(text) : std::vector<Sender>();
+    if (senders.empty()) throw Failure{Exit::NoSender, text + ": no usable address"};
+    for (const Sender& sender : senders) {
+        queries.push_back({"", "", sender, {}});
+    }
+}
+
+// The library's contacts manager, with the index, for as long as the object.
+class Directory {
+public:
+    Directory() : manager_(OutlookManager::GetContactsManagerInstance(ContactsManager::CM_TYPE_EMAIL)) {
+        const LONG result = manager_->Initialize();
+        if (FAILED(result)) throw store_failure(result, "opening the contact store");
+    }
+    ~Directory() {
+        manager_->Uninitialize(0);
+        OutlookManager::ReleaseContactsManagerInstance(manager_);
+    }
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+
+    Json answer(const std::string& address) {
+        std::u16string pattern = to_utf16(address);
+        Contact* contact = nullptr;
+        switch (manager_->FindContact(pattern.data(), kEmailFields, 1, 0, 0, contact)) {
+            case ContactsManager::CM_NONE:
+                return {{"answer", "none"}};
+            case ContactsManager::CM_SEVERAL:
+                return {{"answer", "several"}};
+            case ContactsManager::CM_ONE: {
+                Json json = {{"answer", "one"}, {"contact", describe(*contact)}};
+                manager_->ReleaseContact(contact);
+                return json;
+            }
+            default:
+                throw Failure{Exit::StoreFailed, address + ": the search failed"};
+        }
+    }
+
+private:
+    static std::string text(Contact& contact, LONG (Contact::*get)(WCHAR*&)) {
+        WCHAR* value = nullptr;
+        return SUCCEEDED((contact.*get)(value)) && value ? to_utf8(value) : std::string();
+    }
+
+    static Json describe(Contact& contact) {
+        LONG oid = 0;
+        contact.get_Oid(oid);
+        Card card;
+        card[Field::FileAs] = text(contact, &Contact::get_FileAs);
+        card[Field::Title] = text(contact, &Contact::get_Title);
+        card[Field::FirstName] = text(contact, &Contact::get_FirstName);
+        card[Field::MiddleName] = text(contact, &Contact::get_MiddleName);
+        card[Field::LastName] = text(contact, &Contact::get_LastName);
+        card[Field::Suffix] = text(contact, &Contact::get_Suffix);
+        card[Field::Company] = text(contact, &Contact::get_CompanyName);
+        card[Field::JobTitle] = text(contact, &Contact::get_JobTitle);
+        card[Field::Email1] = text(contact, &Contact::get_Email1Address);
+        card[Field::Email2] = text(contact, &Contact::get_Email2Address);
+        card[Field::Email3] = text(contact, &Contact::get_Email3Address);
+        return contact_json(oid, card);
+    }
+
+    ContactsManager* manager_;
+};
+
+std::string answer_line(const Query& query, const Json& answer) {
+    std::string line;
+    if (!query.message.empty()) line = printable(query.message) + ": ";
+    line += printable(query.sender.address) + ": " + answer["answer"].get<std::string>();
+    if (answer.contains("contact")) {
+        const Json& contact = answer["contact"];
+        line += ": " + printable(contact["name"].get<std::string>());
+        if (contact.contains("company")) line += ", " + printable(contact["company"].get<std::string>());
+        line += " (contact " + std::to_string(contact["oid"].get<LONG>()) + ")";
+    }
+    return line + "\n";
+}
+
+Json answer_object(const Query& query, const Json& answer) {
+    Json json;
+    if (!query.message.empty()) {
+        json["message"] = query.message;
+        json["subject"] = query.subject;
+    }
+    json["sender"] = {{"name", query.sender.name}, {"address", query.sender.address}};
+    json.update(answer);
+    return json;
+}
+
+Exit code_of(const Json& answer) {
+    const std::string word = answer["answer"];
+    return word == "one" ? Exit::Ok : word == "none" ? Exit::None : Exit::Several;
+}
+
+// Prints the answers that are not what was printed before.
+Exit print_answers(Directory& directory, std::vector<Query>& queries, bool json) {
+    Exit code = Exit::Ok;
+    for (Query& query : queries) {
+        const Json answer = directory.answer(query.sender.address);
+        code = combine(code, code_of(answer));
+        std::string text = json ? json_text(answer_object(query, answer)) + "\n" : answer_line(query, answer);
+        if (text == query.shown) continue;
+        print(text);
+        query.shown = std::move(text);
+    }
+    flush_output();
+    return code;
+}
+
+void collect_queries(const Options& options, std::vector<Query>& queries, Exit& code) {
+    for (const std::string& input : options.inputs) {
+        try {
+            if (is_message_argument(options, input)) {
+                add_message(input, queries);
+            } else {
+                add_addresses(input, queries);
+            }
+        } catch (const Failure& failure) {
+            complain(failure.text);
+            code = combine(code, failure.code);
+        }
+    }
+}
+
+Exit resolve(const Options& options) {
+    Exit code = Exit::Ok;
+    std::vector<Query> queries;
+    collect_queries(options, queries, code);
+    if (queries.empty()) return code;
+    if (!options.watch) {
+        Directory directory;
+        return combine(code, print_answers(directory, queries, options.json));
+    }
+    EventLoop loop;
+    Directory directory;
+    do {
+        print_answers(directory, queries, options.json);
+    } while (loop.wait({}));
+    return code;
+}
+
+}  // namespace
+
+void add_resolve(Command zr) {
+    const auto options = std::make_shared<Options>();
+    Command command = zr.add_command("resolve", "Tell which contact sent a message or has an address");
+    command
+        .add_option(
+            "MESSAGE|ADDRESS", options->inputs,
+            "Message files (- is standard input), or addresses such as 'Jo Doe <jo@example.com>; al@example.com'")
+        .required();
+    const Option messages = command.add_flag("-m,--messages", options->messages, "Every argument is a message file");
+    command.add_flag("-a,--addresses", options->addresses, "Every argument is an address").excludes(messages);
+    command.add_flag("-w,--watch", options->watch,
+                     "Stay, and print an answer anew whenever it changes, until interrupted");
+    command.add_flag("--json", options->json, "Print one JSON object per answer and line");
+    command.footer(
+        "An answer is none, one with the contact, or several. The exit code is 0 when each address is\n"
+        "one contact's, 1 when some is nobody's, 3 when some is several contacts', and 4, 5 or 6 when a\n"
+        "message has no usable From, is no message, or cannot be read.\n"
+        "An argument is an address when it holds an @ and no such file exists.\n"
+        "\n"
+        "Examples:\n"
+        "  zr resolve ~/Maildir/new/*\n"
+        "  zr resolve jo@example.com\n"
+        "  zr resolve --watch --json message.eml");
+    command.runs([options] { return resolve(*options); });
+}
+
+}  // namespace zr

@@ -1,0 +1,19 @@
+#pragma once
+
+// Recipient texts split by the library, AddressUtilities::NextRecipient.
+
+#include <string_view>
+#include <vector>
+
+#include "zr/mail/message_reader.h"
+
+namespace zr {
+
+// The recipients of a list separated by semicolons. One without angle brackets is an address. Recipients without a
+// usable address are left out.
+std::vector<Sender> split_recipients(std::string_view list);
+
+// The senders of a message as such a list.
+std::string recipient_list(const std::vector<Sender>& senders);
+
+}  // namespace zr

@@ -1,0 +1,17 @@
+# The rooms of zr, and which of the others each may include: none may include a room that is named behind it.
+# Read by the build and by the test `structure`.
+
+# zr_room(NAME [USES room...])
+set(ZR_ROOMS)
+macro(zr_room name)
+  list(APPEND ZR_ROOMS ${name})
+  cmake_parse_arguments(ZR_ROOM_${name} "" "" "USES" ${ARGN})
+endmacro()
+
+zr_room(base)
+zr_room(vcard USES base)
+zr_room(icalendar USES base)
+zr_room(regfile USES base)
+zr_room(mail USES base)
+zr_room(stores USES base vcard icalendar regfile)
+zr_room(commands USES base vcard icalendar regfile mail stores)

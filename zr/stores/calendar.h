@@ -1,0 +1,69 @@
+#pragma once
+
+// The appointments and tasks of the store as zr uses them. Every function throws Failure when the store fails.
+
+#include <vector>
+
+#include "zr/base/output.h"
+#include "zr/icalendar/event.h"
+#include "zr/stores/session.h"
+
+namespace zr {
+
+// Open as long as the object. For one thread.
+class CalendarStore {
+public:
+    CalendarStore();
+
+    IPOutlookApp* app() const { return session_.app(); }
+    int appointments() { return count(appointments_.get()); }
+    int tasks() { return count(tasks_.get()); }
+    // The appointments by their start, the tasks by the day they are due; those without one come first.
+    void sort(bool descending);
+    // From now on the appointments are those of the days from `from` on and before `to`, each occurrence of a series
+    // for itself, by their start.
+    void restrict_to(CalendarDay from, CalendarDay to);
+    // The item at a place, from 1; empty when it is gone meanwhile.
+    ComPtr<IAppointment> appointment_at(int index);
+    ComPtr<ITask> task_at(int index);
+    // Empty when there is none, or when it is another kind of item.
+    ComPtr<IAppointment> appointment(LONG oid);
+    ComPtr<ITask> task(LONG oid);
+
+    // Saves all of them, with their changed occurrences, or none of them.
+    void add(const std::vector<Event>& events, const std::vector<Task>& tasks);
+
+private:
+    static int count(IPOutlookItemCollection* items);
+    void save_new(const Event& event);
+    void save_new(const Task& task);
+
+    Session session_;
+    ComPtr<IPOutlookItemCollection> appointments_;
+    ComPtr<IPOutlookItemCollection> tasks_;
+};
+
+// All of an appointment, or of one occurrence without its series.
+Event read_appointment(IAppointment* appointment);
+EventFields read_fields(IAppointment* appointment);
+Task read_task(ITask* task);
+Moment start_of(IAppointment* appointment);  // kNoTime when it has none
+LONG oid_of(IAppointment* appointment);
+LONG oid_of(ITask* task);
+
+// An identifier for items that were not imported: the same at each export while the item stays as it is.
+std::string made_uid(LONG oid, const std::string& subject, Moment start);
+
+DATE to_date(Moment time);
+Moment to_moment(DATE date);  // kNoTime for ZR_PIM_NO_DATE
+
+// As JSON: identifier, and every field that is not empty.
+Json event_json(LONG oid, const Event& event);
+Json fields_json(const EventFields& fields);
+Json task_json(LONG oid, const Task& task);
+// As a line of text with tabs: identifier, start, end, subject, location, recurrence.
+std::string event_line(LONG oid, const Event& event);
+// Identifier, due date, whether it is done, subject.
+std::string task_line(LONG oid, const Task& task);
+
+}  // namespace zr

@@ -1,0 +1,49 @@
+#pragma once
+
+// The contacts of the store as zr uses them. Every function throws Failure when the store fails.
+
+#include <string>
+#include <vector>
+
+#include "zr/base/output.h"
+#include "zr/stores/session.h"
+#include "zr/vcard/card.h"
+
+namespace zr {
+
+// The contacts, open as long as the object. For one thread.
+class Store {
+public:
+    Store();
+
+    int count();
+    void sort(const std::u16string& tag, bool descending);  // "[LastName]"
+    // The contact at a place of the order, from 1; empty when it is gone meanwhile.
+    ComPtr<IContact> at(int index);
+    ComPtr<IContact> with_oid(LONG oid);  // empty when there is none
+
+    // Saves all of the cards or none of them.
+    void add(const std::vector<Card>& cards);
+    // Saves one new contact and returns its identifier.
+    LONG add(const Card& card);
+    // Stores these fields of `card`, empty ones too, in an existing contact, and its days where it has any.
+    void change(IContact* contact, const Card& card, const std::vector<Field>& fields);
+    void remove(IContact* contact);
+
+private:
+    LONG save_new(const Card& card);
+
+    Session session_;
+    ComPtr<IPOutlookItemCollection> items_;
+};
+
+// All of a contact. Its extras are read only when asked for.
+Card read_contact(IContact* contact, bool with_extras);
+LONG oid_of(IContact* contact);
+
+// The contact as JSON: identifier, name, addresses and every field that is not empty.
+Json contact_json(LONG oid, const Card& card);
+// The contact as a line of text with tabs: identifier, name, addresses, company.
+std::string contact_line(LONG oid, const Card& card);
+
+}  // namespace zr

@@ -1,0 +1,232 @@
+#include "zr/vcard/attributes.h"
+
+#include <libebook-contacts/libebook-contacts.h>
+
+#include <algorithm>
+#include <array>
+
+#include "zr/base/text.h"
+
+namespace zr {
+namespace {
+
+bool is_plain_parameter_character(char c) {
+    return g_ascii_isalnum(c) || c == '-' || c == '_' || c == '.' || c == '+';
+}
+
+// NAME=WORD or NAME=WORD,WORD and none that says how the value is written.
+bool is_plain_parameter(std::string_view parameter) {
+    const std::size_t equals = parameter.find('=');
+    if (equals == std::string_view::npos || equals == 0) return false;
+    const std::string_view name = parameter.substr(0, equals);
+    if (!std::all_of(name.begin(), name.end(), is_plain_parameter_character)) return false;
+    if (equal_ignoring_case(name, "ENCODING") || equal_ignoring_case(name, "CHARSET")) return false;
+    char before = ',';
+    for (const char c : parameter.substr(equals + 1)) {
+        if (c == ',' ? before == ',' : !is_plain_parameter_character(c)) return false;
+        before = c;
+    }
+    return before != ',';
+}
+
+// Whether a word comes twice; EVCard knows which of the two counts. Many words are taken for a yes.
+bool repeats(std::string_view parameters) {
+    std::array<std::string_view, 8> words;
+    std::size_t count = 0;
+    while (!parameters.empty()) {
+        const std::size_t end = std::min(parameters.find_first_of(",;="), parameters.size());
+        const std::string_view word = parameters.substr(0, end);
+        const bool is_name = end < parameters.size() && parameters[end] == '=';
+        parameters.remove_prefix(std::min(end + 1, parameters.size()));
+        if (is_name) continue;
+        const auto same = [&](std::string_view other) { return equal_ignoring_case(word, other); };
+        if (count == words.size() || std::any_of(words.begin(), words.begin() + count, same)) return true;
+        words[count++] = word;
+    }
+    return false;
+}
+
+// Text with no escapes but those that each stand for one character.
+bool is_plain_value(std::string_view value) {
+    for (std::size_t at = value.find_first_of("\\\r\n"); at != std::string_view::npos;
+         at = value.find_first_of("\\\r\n", at + 2)) {
+        if (value[at] != '\\' || at + 1 == value.size()) return false;
+        const char escaped = value[at + 1];
+        if (escaped != 'n' && escaped != ',' && escaped != ';' && escaped != '\\') return false;
+    }
+    return true;
+}
+
+bool is_plain(const PropertyLine& line) {
+    const std::string_view value = line.value_text();
+    if (value.empty() || value.front() == ' ' || value.front() == '\t') return false;
+    if (!is_plain_value(value)) return false;
+    if (equal_ignoring_case(line.name_text(), "CATEGORIES")) return false;  // a list with commas
+    const std::string_view text(line.text);
+    for (std::size_t at = line.name_end; text[at] == ';';) {
+        const std::size_t end = text.find_first_of(";:", at + 1);
+        if (end >= line.value || !is_plain_parameter(text.substr(at + 1, end - at - 1))) return false;
+        at = end;
+    }
+    return line.value <= line.name_end + 2 ||
+           !repeats(text.substr(line.name_end + 1, line.value - 1 - (line.name_end + 1)));
+}
+
+std::string_view view(const char* text) {
+    return text ? std::string_view(text) : std::string_view();
+}
+
+template <class Visit>
+void each_part(std::string_view text, char mark, Visit visit) {
+    for (;;) {
+        const std::size_t end = std::min(text.find(mark), text.size());
+        visit(text.substr(0, end));
+        if (end == text.size()) return;
+        text.remove_prefix(end + 1);
+    }
+}
+
+}  // namespace
+
+CardAttributes::~CardAttributes() {
+    if (card_) g_object_unref(card_);
+}
+
+void CardAttributes::add(const PropertyLine& line) {
+    const std::size_t begin = text_.size();
+    text_ += line.text;
+    lines_.push_back(
+        {begin, begin + line.name, begin + line.name_end, begin + line.value, text_.size(), is_plain(line)});
+}
+
+// The attributes, a GList, that EVCard makes of the lines that are not plain, or of all.
+void* CardAttributes::parse(bool all) {
+    std::string known;
+    for (const Line& line : lines_) {
+        if (line.plain && !all) continue;
+        if (known.empty()) known = "BEGIN:VCARD\r\nVERSION:3.0\r\n";
+        known.append(text_, line.begin, line.end - line.begin);
+        known += "\r\n";
+    }
+    if (card_) g_object_unref(card_);
+    card_ = nullptr;
+    if (known.empty()) return nullptr;
+    known += "END:VCARD\r\n";
+    EVCard* card = e_vcard_new_from_string(known.c_str());
+    card_ = card;
+    GList* attributes = e_vcard_get_attributes(card);
+    // The version comes back as the first of them.
+    while (attributes &&
+           equal_ignoring_case(view(e_vcard_attribute_get_name(static_cast<EVCardAttribute*>(attributes->data))),
+                               "VERSION")) {
+        attributes = attributes->next;
+    }
+    return attributes;
+}
+
+bool CardAttributes::split(bool all_by_evcard) {
+    const auto expected = static_cast<std::size_t>(
+        all_by_evcard ? lines_.size()
+                      : std::count_if(lines_.begin(), lines_.end(), [](const Line& line) { return !line.plain; }));
+    auto* parsed = static_cast<GList*>(parse(all_by_evcard));
+    const std::size_t found = g_list_length(parsed);
+    // EVCard does not say which one it left out; then the order is known only when it reads them all.
+    if (!all_by_evcard && found != expected) return split(true);
+    attributes_.reserve(lines_.size());
+    extents_.reserve(lines_.size());
+    values_.reserve(lines_.size() * 3);
+    parameters_.reserve(lines_.size() * 2);
+    if (all_by_evcard) {
+        for (; parsed; parsed = parsed->next) {
+            take_parsed(parsed->data);
+        }
+    } else {
+        for (const Line& line : lines_) {
+            if (line.plain) {
+                split_plain(line);
+            } else {
+                take_parsed(parsed->data);
+                parsed = parsed->next;
+            }
+        }
+    }
+    point();
+    return found >= expected;
+}
+
+void CardAttributes::split_plain(const Line& line) {
+    const std::string_view text(text_);
+    Attribute attribute;
+    if (line.name > line.begin) attribute.group = text.substr(line.begin, line.name - 1 - line.begin);
+    attribute.name = text.substr(line.name, line.name_end - line.name);
+    attributes_.push_back(attribute);
+    extents_.push_back({parameters_.size(), values_.size()});
+    if (line.name_end + 1 < line.value) {
+        each_part(text.substr(line.name_end + 1, line.value - 1 - (line.name_end + 1)), ';', [&](auto parameter) {
+            const std::size_t equals = parameter.find('=');
+            each_part(parameter.substr(equals + 1), ',',
+                      [&](auto value) { add_parameter(parameter.substr(0, equals), value); });
+        });
+    }
+    split_values(line);
+}
+
+// Each value is unescaped where it stands: it only becomes shorter.
+void CardAttributes::split_values(const Line& line) {
+    std::size_t begin = line.value;
+    std::size_t end = begin;
+    for (std::size_t at = line.value; at < line.end; ++at) {
+        if (text_[at] == ';') {
+            values_.push_back(std::string_view(text_).substr(begin, end - begin));
+            begin = end = at + 1;
+        } else if (text_[at] == '\\') {
+            ++at;
+            text_[end++] = text_[at] == 'n' ? '\n' : text_[at];
+        } else {
+            text_[end++] = text_[at];
+        }
+    }
+    values_.push_back(std::string_view(text_).substr(begin, end - begin));
+}
+
+void CardAttributes::take_parsed(void* pointer) {
+    auto* attribute = static_cast<EVCardAttribute*>(pointer);
+    attributes_.push_back(
+        {view(e_vcard_attribute_get_group(attribute)), view(e_vcard_attribute_get_name(attribute)), {}, {}});
+    extents_.push_back({parameters_.size(), values_.size()});
+    // EVCard keeps them last one first.
+    for (GList* p = g_list_last(e_vcard_attribute_get_params(attribute)); p; p = p->prev) {
+        auto* parameter = static_cast<EVCardAttributeParam*>(p->data);
+        const std::string_view name = view(e_vcard_attribute_param_get_name(parameter));
+        for (GList* v = e_vcard_attribute_param_get_values(parameter); v; v = v->next) {
+            add_parameter(name, view(static_cast<const char*>(v->data)));
+        }
+    }
+    for (GList* v = e_vcard_attribute_get_values(attribute); v; v = v->next) {
+        values_.push_back(view(static_cast<const char*>(v->data)));
+    }
+}
+
+// Behind the last one of its name, where there is one.
+void CardAttributes::add_parameter(std::string_view name, std::string_view value) {
+    std::size_t place = parameters_.size();
+    const auto differs = [&](std::size_t i) { return !equal_ignoring_case(parameters_[i].name, name); };
+    while (place > extents_.back().parameters && differs(place - 1)) {
+        --place;
+    }
+    if (place == extents_.back().parameters) place = parameters_.size();
+    parameters_.insert(parameters_.begin() + static_cast<std::ptrdiff_t>(place), {name, value});
+}
+
+// Gives each attribute its parts, now that these move no more.
+void CardAttributes::point() {
+    extents_.push_back({parameters_.size(), values_.size()});
+    for (std::size_t i = 0; i < attributes_.size(); ++i) {
+        const Extent& from = extents_[i];
+        const Extent& to = extents_[i + 1];
+        attributes_[i].parameters = {parameters_.data() + from.parameters, to.parameters - from.parameters};
+        attributes_[i].values = {values_.data() + from.values, to.values - from.values};
+    }
+}
+
+}  // namespace zr

@@ -1,0 +1,16 @@
+#pragma once
+
+// Contacts to vCards, for any program to read: CR LF, lines folded at 75 bytes between characters, UTF-8.
+
+#include <string>
+
+#include "zr/vcard/card.h"
+
+namespace zr {
+
+enum class CardVersion { V21, V30, V40 };
+
+// Appends the card to `out`.
+void write_card(const Card& card, CardVersion version, std::string& out);
+
+}  // namespace zr
