@@ -2,6 +2,7 @@
 #   cmake -DROOT=... -P run.cmake
 cmake_minimum_required(VERSION 3.25)
 include(${ROOT}/platform/families.cmake)
+include(${ROOT}/zr/rooms.cmake)
 set(wrong)
 
 # include_lines(FILE OUT): the names between the brackets or quotes of the file's #include lines
@@ -77,6 +78,23 @@ foreach(file IN LISTS files)
   include_lines(${file} names)
   foreach(name IN LISTS names)
     if(name MATCHES "[<\"](platform/)?(seam|${families})/" OR name MATCHES "\\.\\./")
+      list(APPEND wrong "${file} includes ${name}")
+    endif()
+  endforeach()
+endforeach()
+
+# The rooms of the tool: each sees itself and the rooms that it uses.
+file(GLOB_RECURSE files RELATIVE ${ROOT} ${ROOT}/zr/*/*.h ${ROOT}/zr/*/*.cpp)
+foreach(file IN LISTS files)
+  string(REGEX REPLACE "^zr/([^/]+)/.*$" "\\1" room ${file})
+  if(NOT room IN_LIST ZR_ROOMS)
+    list(APPEND wrong "${file} is in no room: name it in zr/rooms.cmake")
+  endif()
+  list(JOIN ZR_ROOM_${room}_USES "|" used)
+  include_lines(${ROOT}/${file} names)
+  foreach(name IN LISTS names)
+    if(name MATCHES "^<zr/" OR NOT name MATCHES "^<|^\"(platform|ZrUtility|ZrLog)/"
+       AND NOT name MATCHES "^\"zr/(${room}|${used})/[a-z_]+\\.h\"$")
       list(APPEND wrong "${file} includes ${name}")
     endif()
   endforeach()

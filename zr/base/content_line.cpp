@@ -92,6 +92,28 @@ std::string unescaped_text(std::string_view value) {
     return out;
 }
 
+void append_escaped_text(std::string& out, std::string_view text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        switch (text[i]) {
+            case '\\':
+            case ';':
+            case ',':
+                out += '\\';
+                out += text[i];
+                break;
+            case '\r':
+                out += "\\n";
+                if (i + 1 < text.size() && text[i + 1] == '\n') ++i;
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            default:
+                out += text[i];
+        }
+    }
+}
+
 void append_folded(std::string& out, std::string_view line) {
     std::size_t room = kLineBytes;
     while (line.size() > room) {

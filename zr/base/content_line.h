@@ -1,6 +1,6 @@
 #pragma once
 
-// Content lines of calendars: NAME;PARAMETER=VALUE:VALUE, unfolded.
+// Content lines of cards and calendars: NAME;PARAMETER=VALUE:VALUE, unfolded.
 
 #include <optional>
 #include <string>
@@ -27,6 +27,8 @@ std::string component_named(std::string_view mark, std::string_view line);
 
 // The text that a value of the type TEXT stands for.
 std::string unescaped_text(std::string_view value);
+// The other way round: appends text as such a value.
+void append_escaped_text(std::string& out, std::string_view text);
 
 // Appends one line with CR LF, folded at 75 bytes between characters.
 void append_folded(std::string& out, std::string_view line);

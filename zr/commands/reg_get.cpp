@@ -4,7 +4,7 @@
 
 #include "zr/base/output.h"
 #include "zr/base/text.h"
-#include "zr/commands/command.h"
+#include "zr/commands/reg_command.h"
 #include "zr/stores/registry.h"
 
 namespace zr {

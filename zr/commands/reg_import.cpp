@@ -13,7 +13,7 @@
 #include "zr/base/input_file.h"
 #include "zr/base/output.h"
 #include "zr/base/progress.h"
-#include "zr/commands/command.h"
+#include "zr/commands/reg_command.h"
 #include "zr/regfile/reader.h"
 #include "zr/stores/registry.h"
 

@@ -10,7 +10,6 @@
 #include <string_view>
 
 #include "zr/base/content_line.h"
-#include "zr/vcard/card.h"
 
 namespace zr {
 namespace {
@@ -262,7 +261,7 @@ void append_device_vtimezone(std::string& out, int first_year) {
     const ZoneState state = state_at(begin);
     append_folded(out, "BEGIN:VTIMEZONE");
     std::string id = "TZID:";
-    append_card_escaped(id, device_zone_id());
+    append_escaped_text(id, device_zone_id());
     append_folded(out, id);
     append_observance(out, {begin, state.offset, state.offset, state.daylight, state.name}, {});
     for (const Run& run : runs_of(zone_changes(begin + seconds(1), end))) {

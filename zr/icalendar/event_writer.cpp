@@ -12,7 +12,6 @@
 #include "zr/icalendar/component_reader.h"
 #include "zr/icalendar/device_zone.h"
 #include "zr/icalendar/recurrence.h"
-#include "zr/vcard/card.h"
 
 namespace zr {
 namespace {
@@ -66,7 +65,7 @@ public:
     void text(const char* name, std::string_view value) {
         if (value.empty()) return;
         std::string line = std::string(name) + ":";
-        append_card_escaped(line, value);
+        append_escaped_text(line, value);
         append_folded(out_, line);
     }
     void time(const char* name, Moment time, bool is_day) {
@@ -99,7 +98,7 @@ void CalendarWriter::Component::categories(std::string_view all) {
     std::string line = "CATEGORIES:";
     for (std::string_view rest = all;;) {
         const std::size_t end = std::min(rest.find(", "), rest.size());
-        append_card_escaped(line, rest.substr(0, end));
+        append_escaped_text(line, rest.substr(0, end));
         if (end == rest.size()) break;
         line += ',';
         rest.remove_prefix(end + 2);

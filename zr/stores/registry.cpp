@@ -32,11 +32,6 @@ std::string text_of(LPCWSTR text) {
     return to_utf8(text);
 }
 
-void tell_what_was_set_aside() {
-    const std::string text = text_of(ZrRegistrySetAsideText());
-    if (!text.empty()) complain("warning: " + text);
-}
-
 }  // namespace
 
 Failure reg_failure(LONG result, const std::string& doing) {
@@ -82,17 +77,9 @@ std::string shown_name(std::u16string_view name) {
     return name.empty() ? "@" : "\"" + printable(to_utf8(name)) + "\"";
 }
 
-void runs_with_registry(Command command, std::function<Exit()> run) {
-    command.runs([run = std::move(run)] {
-        try {
-            const Exit code = run();
-            tell_what_was_set_aside();
-            return code;
-        } catch (const Failure&) {
-            tell_what_was_set_aside();
-            throw;
-        }
-    });
+void tell_what_was_set_aside() {
+    const std::string text = text_of(ZrRegistrySetAsideText());
+    if (!text.empty()) complain("warning: " + text);
 }
 
 std::string value_line(const NamedRegValue& value) {

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "zr/base/failure.h"
-#include "zr/commands/command.h"
 #include "zr/regfile/path.h"
 #include "zr/regfile/value.h"
 
@@ -31,8 +30,8 @@ std::string shown_name(std::u16string_view name);
 std::string json_text_of(const RegPath& path);
 Json json_of(const RegPath& path);
 
-// Runs what a command does, and then tells of a store that was found damaged and set aside.
-void runs_with_registry(Command command, std::function<Exit()> run);
+// Warns of a store that was found damaged and set aside.
+void tell_what_was_set_aside();
 
 struct NamedRegValue {
     std::u16string name;

@@ -79,28 +79,6 @@ std::string sorted_name(const Card& card) {
     return card[Field::LastName] + ", " + given;
 }
 
-void append_card_escaped(std::string& out, std::string_view text) {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        switch (text[i]) {
-            case '\\':
-            case ';':
-            case ',':
-                out += '\\';
-                out += text[i];
-                break;
-            case '\r':
-                out += "\\n";
-                if (i + 1 < text.size() && text[i + 1] == '\n') ++i;
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            default:
-                out += text[i];
-        }
-    }
-}
-
 std::string display_name(const Card& card) {
     if (!card[Field::FileAs].empty()) return card[Field::FileAs];
     if (std::string name = composed_name(card); !name.empty()) return name;

@@ -100,9 +100,6 @@ std::string composed_name(const Card& card);
 // "Last, First Middle", which the contact store files a person as who was given no other name to file by.
 std::string sorted_name(const Card& card);
 
-// Appends decoded text as a value of vCard 3.0.
-void append_card_escaped(std::string& out, std::string_view text);
-
 // The name of a field in JSON output, such as "firstName".
 std::string_view field_key(Field field);
 // The name of a field for people, such as "First name".

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "zr/base/content_line.h"
 #include "zr/base/text.h"
-#include "zr/vcard/card.h"
 
 namespace zr {
 namespace {
@@ -238,7 +238,7 @@ void PropertyLines::build(const Header& header, PropertyLine& property) {
             const std::size_t stop = std::min(value.find(';', at), value.size());
             const bool escaped = stop > at && stop < value.size() && value[stop - 1] == '\\';
             const std::string_view part = value.substr(at, stop - at - (escaped ? 1 : 0));
-            append_card_escaped(property.text, to_utf8_value(decode_quoted_printable(part), header.charset));
+            append_escaped_text(property.text, to_utf8_value(decode_quoted_printable(part), header.charset));
             if (stop == value.size()) break;
             property.text += escaped ? "\\;" : ";";
             at = stop + 1;
@@ -266,7 +266,7 @@ void PropertyLines::read_agent(PropertyLine& property) {
         if (is_card_begin(line)) ++depth;
         if (is_card_end(line) && --depth == 0) break;
     }
-    append_card_escaped(property.text, to_utf8_value(nested, ""));
+    append_escaped_text(property.text, to_utf8_value(nested, ""));
 }
 
 // The bytes of a value as UTF-8: of the declared set, else as they are, else read as Windows-1252 and said so.

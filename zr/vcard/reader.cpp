@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "zr/base/content_line.h"
 #include "zr/base/text.h"
 #include "zr/vcard/attributes.h"
 
@@ -350,7 +351,7 @@ void Builder::add_file_as() {
     card_[Field::FileAs] = told && !file_as_.empty() ? file_as_ : formatted_name_;
     if (file_as_.empty() || card_[Field::FileAs] == file_as_) return;
     card_.extras += "X-EVOLUTION-FILE-AS:";
-    append_card_escaped(card_.extras, file_as_);
+    append_escaped_text(card_.extras, file_as_);
     card_.extras += '\n';
 }
 
@@ -398,7 +399,7 @@ void Builder::keep(const Attribute& attribute, bool with_preference) {
     char mark = ':';
     for (const std::string_view value : attribute.values) {
         out += mark;
-        append_card_escaped(out, value);
+        append_escaped_text(out, value);
         mark = ';';
     }
     if (mark == ':') out += ':';

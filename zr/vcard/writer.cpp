@@ -57,7 +57,7 @@ void Writer::property(std::string_view name, const std::vector<std::string_view>
         if (version_ == CardVersion::V21) {
             text += value;
         } else {
-            append_card_escaped(text, value);
+            append_escaped_text(text, value);
         }
         mark = ';';
     }
@@ -156,7 +156,7 @@ void write_categories(const Card& card, Writer& writer) {
     for (std::string_view rest = card[Field::Categories]; !rest.empty();) {
         const std::size_t comma = std::min(rest.find(','), rest.size());
         text += text.empty() ? "CATEGORIES:" : ",";
-        append_card_escaped(text, trimmed(rest.substr(0, comma)));
+        append_escaped_text(text, trimmed(rest.substr(0, comma)));
         rest.remove_prefix(std::min(comma + 1, rest.size()));
     }
     if (!text.empty()) writer.line(text);
