@@ -11,11 +11,11 @@
 #include <limits>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 #include "dos_attributes.h"
 #include "entry.h"
 #include "file_facts.h"
 #include "files/host_path.h"
-#include "host_file.h"
 #include "kernel/handle_table.h"
 #include "platform/files.h"
 #include "share_modes.h"
@@ -38,7 +38,7 @@ public:
 
     // The claim outlives the descriptor, so that nobody meets a file that is still open.
     ShareClaim claim;
-    HostFile host;
+    HostFd host;
 
 private:
     ~File() override = default;
@@ -75,20 +75,20 @@ int open_flags(const OpenRequest& request) {
     return flags;
 }
 
-DWORD open_new(const OpenRequest& request, const std::string& path, HostFile& file) {
+DWORD open_new(const OpenRequest& request, const std::string& path, HostFd& file) {
     const bool read_only = (request.flags & FILE_ATTRIBUTE_READONLY) != 0;
-    file = HostFile(open(path.c_str(), open_flags(request) | O_CREAT | O_EXCL, read_only ? 0444 : 0666));
+    file = HostFd(open(path.c_str(), open_flags(request) | O_CREAT | O_EXCL, read_only ? 0444 : 0666));
     if (!file) return errno == EEXIST ? ERROR_FILE_EXISTS : error_from_errno(errno);
     if (const DWORD bits = request.flags & kStoredAttributes) write_dos_attributes(path.c_str(), bits);
     return ERROR_SUCCESS;
 }
 
-DWORD open_old(const OpenRequest& request, const std::string& path, HostFile& file) {
+DWORD open_old(const OpenRequest& request, const std::string& path, HostFd& file) {
     struct stat status;
     if (stat(path.c_str(), &status) != 0) return error_from_errno(errno);
     if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
     if ((request.writes() || request.empties()) && (status.st_mode & kAnyWrite) == 0) return ERROR_ACCESS_DENIED;
-    file = HostFile(open(path.c_str(), open_flags(request)));
+    file = HostFd(open(path.c_str(), open_flags(request)));
     return file ? ERROR_SUCCESS : error_from_errno(errno);
 }
 

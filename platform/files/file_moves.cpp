@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 #include "dos_attributes.h"
 #include "entry.h"
 #include "files/host_path.h"
-#include "host_file.h"
 #include "platform/files.h"
 
 namespace zr::platform {
@@ -63,15 +63,15 @@ void copy_facts(const char* from, const struct stat& status, const char* to, int
     [[maybe_unused]] const int ignored = futimens(fd, times) | fchmod(fd, status.st_mode & 0777);
 }
 
-DWORD open_source(const std::string& path, HostFile& file, struct stat& status) {
-    file = HostFile(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+DWORD open_source(const std::string& path, HostFd& file, struct stat& status) {
+    file = HostFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file || fstat(file.get(), &status) != 0) return error_from_errno(errno);
     return S_ISREG(status.st_mode) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
 }
 
-DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& source, HostFile& file) {
+DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& source, HostFd& file) {
     if (!target.exists) {
-        file = HostFile(open(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        file = HostFd(open(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
         return file ? ERROR_SUCCESS : errno == EEXIST ? ERROR_FILE_EXISTS : error_from_errno(errno);
     }
     if (must_be_new) return ERROR_FILE_EXISTS;
@@ -79,13 +79,13 @@ DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& s
     if (stat(target.path.c_str(), &status) != 0) return error_from_errno(errno);
     if (!S_ISREG(status.st_mode) || (status.st_mode & kAnyWrite) == 0) return ERROR_ACCESS_DENIED;
     if (status.st_dev == source.st_dev && status.st_ino == source.st_ino) return ERROR_SHARING_VIOLATION;
-    file = HostFile(open(target.path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    file = HostFd(open(target.path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
     return file ? ERROR_SUCCESS : error_from_errno(errno);
 }
 
 DWORD copy_file(const std::string& from, const HostPath& target, bool must_be_new) {
-    HostFile source;
-    HostFile copy;
+    HostFd source;
+    HostFd copy;
     struct stat status;
     if (const DWORD error = open_source(from, source, status)) return error;
     if (const DWORD error = open_target(target, must_be_new, status, copy)) return error;

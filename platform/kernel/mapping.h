@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host_fd.h"
+#include "base/host_fd.h"
 #include "kernel/handle_table.h"
 
 namespace zr::platform {

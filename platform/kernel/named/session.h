@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "host_fd.h"
+#include "base/host_fd.h"
 #include "kernel/handle_table.h"
 #include "kernel/thread.h"
 #include "named/directory.h"

@@ -5,12 +5,6 @@
 #include "platform/kernel/named/support.h"
 #include "windowing_support.h"
 
-// The thread sanitizer would end a forked child that starts a thread, as every process does that uses a name.
-extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options();
-extern "C" const char* __tsan_default_options() {
-    return "die_after_fork=0";
-}
-
 namespace {
 
 using namespace zr::test;

@@ -8,12 +8,6 @@
 
 using namespace zr::test;
 
-// The thread sanitizer would end a forked child that starts a thread, as every process does that uses a name.
-extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options();
-extern "C" const char* __tsan_default_options() {
-    return "die_after_fork=0";
-}
-
 TEST(Named, SecondCreatorOpensTheFirstObject) {
     const Handle first = named_event(u"an event");
     ASSERT_NE(first, nullptr);

@@ -1,0 +1,69 @@
+#include "base/file_lock.h"
+
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <cerrno>
+
+namespace zr::platform {
+namespace {
+
+constexpr int kPauseMilliseconds = 5;
+
+long long milliseconds() noexcept {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * 1000LL + time.tv_nsec / 1'000'000;
+}
+
+int lock(int file, long long until) noexcept {
+    for (;;) {
+        if (flock(file, LOCK_EX | LOCK_NB) == 0) return 0;
+        if (errno != EWOULDBLOCK && errno != EINTR) return errno;
+        if (milliseconds() >= until) return ETIMEDOUT;
+        poll(nullptr, 0, kPauseMilliseconds);
+    }
+}
+
+// Whether it is a file of this user's that others cannot write; one that is wider is narrowed.
+int check(int file, const struct stat& status, mode_t mode) noexcept {
+    if (!S_ISREG(status.st_mode)) return EINVAL;
+    if (status.st_uid != geteuid()) return EPERM;
+    if ((status.st_mode & 07777) != mode && fchmod(file, mode) != 0) return errno;
+    return 0;
+}
+
+bool is_named(const char* path, const struct stat& status) noexcept {
+    struct stat there {};
+    return lstat(path, &there) == 0 && there.st_ino == status.st_ino && there.st_dev == status.st_dev;
+}
+
+}  // namespace
+
+FileLock::~FileLock() {
+    // Explicitly: a child that was forked meanwhile has the descriptor too.
+    if (file_) flock(file_.get(), LOCK_UN);
+}
+
+int FileLock::take(const char* path, Missing missing, mode_t mode, int limit) noexcept {
+    const long long until = milliseconds() + limit;
+    const int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | (missing == Missing::IsMade ? O_CREAT : 0);
+    for (;;) {
+        HostFd file = open_host(path, flags, mode & 0777);
+        struct stat status {};
+        if (!file || fstat(file.get(), &status) != 0) return errno;
+        int error = check(file.get(), status, mode);
+        if (error == 0) error = lock(file.get(), until);
+        if (error != 0) return error;
+        file_ = std::move(file);
+        path_ = path;
+        if (is_named(path, status)) return 0;
+        // It was removed before it was locked.
+        flock(file_.get(), LOCK_UN);
+        if (milliseconds() >= until) return ETIMEDOUT;
+    }
+}
+
+}  // namespace zr::platform

@@ -1,0 +1,168 @@
+#include "base/shared_memory.h"
+
+#include <sys/ipc.h>
+#include <sys/random.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+namespace zr::platform {
+namespace {
+
+constexpr std::uint64_t kMagic = 0x79726F6D656D727Au;
+constexpr int kMode = 0600;
+constexpr int kAttempts = 100;
+constexpr time_t kLeftBehind = 10;  // seconds after which a segment that nobody has attached was left by a killed maker
+
+// Whose memory it is: the folder that the path lies in, and the name there.
+struct Identity {
+    std::uint64_t device;
+    std::uint64_t inode;
+    std::uint64_t born;  // nanoseconds: numbers of folders are used again. 0 where the file system does not tell.
+    std::uint64_t name;  // hashed
+
+    friend bool operator==(const Identity&, const Identity&) = default;
+};
+
+struct Mark {
+    std::atomic<std::uint64_t> magic;  // written last; 0: not to be found any more
+    Identity identity;
+    std::uint64_t number;
+};
+
+// FNV-1a.
+std::uint64_t hash_of(const char* text) noexcept {
+    std::uint64_t hash = 0xCBF29CE484222325u;
+    for (; *text != '\0'; ++text) {
+        hash = (hash ^ static_cast<unsigned char>(*text)) * 0x100000001B3u;
+    }
+    return hash;
+}
+
+int identify(const char* path, Identity& identity) noexcept {
+    const char* const slash = std::strrchr(path, '/');
+    char folder[PATH_MAX] = ".";
+    if (slash != nullptr) {
+        const auto length = static_cast<std::size_t>(slash - path);
+        if (length >= sizeof folder) return ENAMETOOLONG;
+        std::memcpy(folder, path, length);
+        std::strcpy(folder + length, length == 0 ? "/" : "");
+    }
+    struct statx facts {};
+    if (statx(AT_FDCWD, folder, 0, STATX_INO | STATX_BTIME, &facts) != 0) return errno;
+    identity.device = std::uint64_t{facts.stx_dev_major} << 32 | facts.stx_dev_minor;
+    identity.inode = facts.stx_ino;
+    identity.born = (facts.stx_mask & STATX_BTIME) == 0
+                        ? 0
+                        : static_cast<std::uint64_t>(facts.stx_btime.tv_sec) * 1'000'000'000u + facts.stx_btime.tv_nsec;
+    identity.name = hash_of(slash != nullptr ? slash + 1 : path);
+    return 0;
+}
+
+bool is_ours(const shmid_ds& facts, std::size_t size) noexcept {
+    const ipc_perm& owner = facts.shm_perm;
+    return facts.shm_segsz == size && owner.uid == geteuid() && owner.cuid == geteuid() && (owner.mode & 0777) == kMode;
+}
+
+// A maker was killed before it could mark the segment for removal.
+bool is_left_behind(const shmid_ds& facts) noexcept {
+    return facts.shm_nattch == 0 && (facts.shm_perm.mode & SHM_DEST) == 0 &&
+           time(nullptr) - facts.shm_ctime > kLeftBehind;
+}
+
+void* attach(int id) noexcept {
+    void* const base = shmat(id, nullptr, 0);
+    return base == reinterpret_cast<void*>(-1) ? nullptr : base;
+}
+
+// The memory of that identity, attached; NULL with 0 when there is none, or an error number.
+void* look_for(const Identity& identity, std::size_t size, int& error) noexcept {
+    shm_info room{};
+    const int last = shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&room));
+    error = last < 0 ? errno : 0;
+    for (int index = 0; index <= last; ++index) {
+        shmid_ds facts{};
+        const int id = shmctl(index, SHM_STAT, &facts);
+        if (id < 0 || !is_ours(facts, size)) continue;
+        if (is_left_behind(facts)) shmctl(id, IPC_RMID, nullptr);
+        void* const base = facts.shm_nattch > 0 ? attach(id) : nullptr;
+        if (base == nullptr) continue;
+        const Mark& mark = *static_cast<const Mark*>(base);
+        if (mark.magic.load(std::memory_order_acquire) == kMagic && mark.identity == identity) return base;
+        shmdt(base);
+    }
+    return nullptr;
+}
+
+// Attached, and gone with the last process that is.
+void* new_segment(std::size_t size, int& error) noexcept {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const int id = shmget(IPC_PRIVATE, size, IPC_CREAT | SHM_NORESERVE | kMode);
+        if (id < 0) break;
+        void* const base = attach(id);
+        error = errno;
+        shmctl(id, IPC_RMID, nullptr);
+        if (base != nullptr) return base;
+        // Taken for one that was left behind, where the clock was set just now.
+        if (error != EIDRM && error != EINVAL) return nullptr;
+    }
+    error = errno;
+    return nullptr;
+}
+
+std::uint64_t chance() noexcept {
+    std::uint64_t number = 0;
+    if (getrandom(&number, sizeof number, 0) == sizeof number && number != 0) return number;
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return (static_cast<std::uint64_t>(now.tv_sec) << 32 ^ static_cast<std::uint64_t>(now.tv_nsec)) << 16 |
+           static_cast<std::uint64_t>(getpid());
+}
+
+}  // namespace
+
+int SharedMemory::find(const FileLock& path, std::size_t size) noexcept {
+    detach();
+    Identity identity{};
+    int error = identify(path.path(), identity);
+    if (error != 0) return error;
+    base_ = look_for(identity, kHeader + size, error);
+    if (base_ != nullptr) return 0;
+    return error != 0 ? error : ENOENT;
+}
+
+int SharedMemory::make(const FileLock& path, std::size_t size) noexcept {
+    detach();
+    Identity identity{};
+    int error = identify(path.path(), identity);
+    if (error != 0) return error;
+    while (void* const old = look_for(identity, kHeader + size, error)) {
+        static_cast<Mark*>(old)->magic.store(0, std::memory_order_release);
+        shmdt(old);
+    }
+    base_ = new_segment(kHeader + size, error);
+    if (base_ == nullptr) return error;
+    static_assert(sizeof(Mark) <= kHeader);
+    Mark& mark = *static_cast<Mark*>(base_);
+    mark.identity = identity;
+    mark.number = chance();
+    mark.magic.store(kMagic, std::memory_order_release);
+    return 0;
+}
+
+void SharedMemory::detach() noexcept {
+    if (base_ != nullptr) shmdt(base_);
+    base_ = nullptr;
+}
+
+std::uint64_t SharedMemory::number() const noexcept {
+    return static_cast<const Mark*>(base_)->number;
+}
+
+}  // namespace zr::platform

@@ -1,0 +1,76 @@
+#pragma once
+
+// Memory that all processes of a user share who name it by the same path.
+//
+// It is no file. A mapped file can be made shorter by anybody who may write it (`: > file`), and then ends the programs
+// that touch it; this cannot be made shorter. It is there for as long as some process has it, and ends with the last
+// one, in whatever way that ends: what is in it never comes from an earlier boot or from a copy. At the path stands an
+// empty file, which is locked while the memory is looked for or made, and whose folder says whose memory it is.
+//
+// Behind it stand the host's System V segments: made without a key, marked for removal at once, and found by looking
+// through those that there are for one that is this user's, has the size and carries the path's mark. A process has no
+// descriptor of it, and a child made by fork has it too. Processes of different IPC namespaces (containers) do not
+// share it, whatever files they share.
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "base/file_lock.h"
+#include "platform/export.h"
+
+namespace zr::platform {
+
+class ZRPLATFORM_API SharedMemory {
+public:
+    SharedMemory() noexcept = default;
+    ~SharedMemory() { detach(); }
+    SharedMemory(const SharedMemory&) = delete;
+    SharedMemory& operator=(const SharedMemory&) = delete;
+
+    // With the path's file locked. find: the memory that some process has; ENOENT when none has. make: new memory, all
+    // zero; what was found under the path so far is not found any more. 0 or an error number, and then there is none.
+    // Memory is spent on what is touched; `size` is an upper bound and part of what is looked for.
+    int find(const FileLock& path, std::size_t size) noexcept;
+    int make(const FileLock& path, std::size_t size) noexcept;
+    void detach() noexcept;
+
+    explicit operator bool() const noexcept { return base_ != nullptr; }
+    void* data() const noexcept { return static_cast<char*>(base_) + kHeader; }
+
+    // A number by chance, another one for each memory that was ever made.
+    std::uint64_t number() const noexcept;
+
+private:
+    static constexpr std::size_t kHeader = 4096;
+
+    void* base_ = nullptr;
+};
+
+// A small structure of atomics that is shared so, zero at first.
+template <class Page>
+class SharedPage {
+    static_assert(std::is_standard_layout_v<Page> && std::is_trivially_destructible_v<Page>);
+
+public:
+    // Opens or makes it. 0 or an error number; nothing when it is open. The path is kept for the length of the call.
+    int open(const char* path) noexcept {
+        if (memory_) return 0;
+        FileLock lock;
+        int error = lock.take(path, FileLock::Missing::IsMade);
+        if (error == 0) error = memory_.find(lock, sizeof(Page));
+        if (error == ENOENT) error = memory_.make(lock, sizeof(Page));
+        return error;
+    }
+
+    explicit operator bool() const noexcept { return static_cast<bool>(memory_); }
+    Page* operator->() const noexcept { return static_cast<Page*>(memory_.data()); }
+    Page& operator*() const noexcept { return *operator->(); }
+    std::uint64_t number() const noexcept { return memory_.number(); }
+
+private:
+    SharedMemory memory_;
+};
+
+}  // namespace zr::platform

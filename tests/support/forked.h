@@ -1,0 +1,82 @@
+#pragma once
+
+// Forked children for tests of what a fork leaves behind: the child has this process's memory and one thread.
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace zr::test {
+
+inline constexpr int kHung = -1000;
+inline constexpr int kForkLimitSeconds = 30;
+
+// Waits for a child: its exit code, minus the signal that ended it, or kHung (and then it is killed).
+inline int await_child(pid_t child, int seconds = kForkLimitSeconds) {
+    const int handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+    pollfd ended{handle, POLLIN, 0};
+    const bool hung = handle >= 0 && poll(&ended, 1, seconds * 1000) == 0;
+    if (hung) kill(child, SIGKILL);
+    if (handle >= 0) close(handle);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (hung) return kHung;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+// Runs `body` in a forked child, whose exit code it returns.
+inline int in_fork(const std::function<int()>& body, int seconds = kForkLimitSeconds) {
+    const pid_t child = fork();
+    if (child == 0) {
+        int result = 99;
+        try {
+            result = body();
+        } catch (const std::exception&) {
+        }
+        _exit(result);
+    }
+    return await_child(child, seconds);
+}
+
+// Threads that do something over and over for as long as this lives. Each has done it once when the object is there.
+class Load {
+public:
+    explicit Load(const std::vector<std::function<void()>>& bodies) {
+        std::atomic<std::size_t> begun{0};
+        for (const auto& body : bodies) {
+            threads_.emplace_back([this, &begun, body] {
+                body();
+                begun.fetch_add(1);
+                begun.notify_all();
+                while (!stop_.load(std::memory_order_relaxed)) {
+                    body();
+                }
+            });
+        }
+        for (std::size_t now = begun.load(); now < bodies.size(); now = begun.load()) {
+            begun.wait(now);
+        }
+    }
+    ~Load() {
+        stop_.store(true, std::memory_order_relaxed);
+        for (std::thread& thread : threads_) {
+            thread.join();
+        }
+    }
+    Load(const Load&) = delete;
+    Load& operator=(const Load&) = delete;
+
+private:
+    std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
+};
+
+}  // namespace zr::test
