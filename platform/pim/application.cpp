@@ -128,7 +128,7 @@ HRESULT Application::GetItemFromOid(LONG oid, IDispatch** item) {
             const auto lock = store.lock();
             HRESULT result = store.refresh();
             if (SUCCEEDED(result))
-                result = folder_of(oid) == olFolderContacts ? store.row(oid, 0, row) : store.exists(oid);
+                result = folder_of(oid) == olFolderContacts ? store.rows().read(oid, 0, row) : store.exists(oid);
             if (FAILED(result)) return result;
         }
         *item = make_item(session, folder_of(oid), oid, std::move(row));

@@ -1,5 +1,6 @@
 #include "collection.h"
 
+#include <algorithm>
 #include <map>
 #include <unordered_map>
 
@@ -10,8 +11,11 @@
 namespace zr::platform::pim {
 namespace {
 
-// A walk in another order than the identifiers' that meets this many unread contacts in a row reads all of them.
+// A walk in another order than the identifiers' that meets this many unread contacts reads ahead, first this many and
+// then more each time.
 constexpr int kWalkMisses = 16;
+constexpr std::size_t kFirstWindow = 512;
+constexpr std::size_t kWindowGrowth = 16;
 // More changes than this are followed faster by starting over.
 constexpr std::size_t kFollowedChanges = 2048;
 
@@ -116,17 +120,32 @@ HRESULT Collection::give(LONG oid, RowRef row, IDispatch** item) {
     return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
 }
 
-void Collection::read_ahead_if_walking(std::size_t position, const RowRef& row) {
-    const bool next = position == walk_position_;
-    walk_position_ = position + 1;
-    if (row || !next) {
-        walk_misses_ = 0;
-        return;
-    }
-    if (++walk_misses_ < kWalkMisses) return;
-    walk_misses_ = 0;
+// What is at hand of the contact at a position. A walk finds its next ones here.
+RowRef Collection::row_at(std::size_t position) {
+    if (folder_ != olFolderContacts) return {};
+    ContactRows& rows = session_->store().rows();
+    const LONG oid = order_.at(position);
+    RowRef row = rows.cached(oid);
+    if (sort_ == 0 || position + 1 == walk_.next) return row;
+    if (position != walk_.next) walk_ = {};
+    walk_.next = position + 1;
+    const bool expected = walk_.window != 0 && position >= walk_.window_end;
+    if (row || (!expected && ++walk_.misses < kWalkMisses)) return row;
+    walk_.misses = 0;
+    walk_.window = expected ? std::min(walk_.window * kWindowGrowth, rows.fit()) : kFirstWindow;
     // Only an attempt: what could not be read ahead is read when it is asked for, and fails there.
-    static_cast<void>(session_->store().read_ahead());
+    static_cast<void>(read_ahead(position));
+    return rows.cached(oid);
+}
+
+HRESULT Collection::read_ahead(std::size_t position) {
+    walk_.window_end = position + std::min(walk_.window, order_.size() - position);
+    std::vector<LONG> oids;
+    oids.reserve(walk_.window_end - position);
+    while (position < walk_.window_end) {
+        oids.push_back(order_.at(position++));
+    }
+    return session_->store().rows().read_ahead(std::move(oids));
 }
 
 HRESULT Collection::Item(INT index, IDispatch** item) {
@@ -135,16 +154,12 @@ HRESULT Collection::Item(INT index, IDispatch** item) {
         LONG oid = 0;
         RowRef row;
         {
-            Store& store = session_->store();
-            const auto lock = store.lock();
+            const auto lock = session_->store().lock();
             std::size_t position = 0;
             const HRESULT result = position_of(index, position);
             if (FAILED(result)) return result;
             oid = order_.at(position);
-            if (folder_ == olFolderContacts) {
-                row = store.cached(oid);
-                if (sort_ != 0) read_ahead_if_walking(position, row);
-            }
+            row = row_at(position);
         }
         return give(oid, std::move(row), item);
     });
@@ -205,18 +220,18 @@ HRESULT Collection::Sort(BSTR tag, VARIANT_BOOL descending) {
 }
 
 HRESULT Collection::find_from(std::size_t position, IDispatch** item) {
-    Store& store = session_->store();
-    const auto lock = store.lock();
+    const auto lock = session_->store().lock();
     const HRESULT result = follow();
     if (FAILED(result)) return result;
     for (; position < order_.size(); ++position) {
         const LONG oid = order_.at(position);
+        RowRef row = row_at(position);
         bool met = false;
         const HRESULT read = meets(sought_, oid, met);
         if (read == kGone || (SUCCEEDED(read) && !met)) continue;
         if (FAILED(read)) return read;
         found_ = position + 1;
-        return give(oid, folder_ == olFolderContacts ? store.cached(oid) : RowRef(), item);
+        return give(oid, std::move(row), item);
     }
     found_ = position;
     return S_FALSE;

@@ -33,7 +33,16 @@ private:
     HRESULT follow_change(const Change& change);
     HRESULT meets(const Restriction& restriction, LONG oid, bool& met);
     HRESULT give(LONG oid, RowRef row, IDispatch** item);
-    void read_ahead_if_walking(std::size_t position, const RowRef& row);
+    RowRef row_at(std::size_t position);
+    HRESULT read_ahead(std::size_t position);
+
+    // A walk in another order than the identifiers': where it goes on, and how far it was read ahead.
+    struct Walk {
+        std::size_t next = 0;
+        int misses = 0;
+        std::size_t window = 0;  // 0: not read ahead
+        std::size_t window_end = 0;
+    };
 
     const Restriction filter_;
     VARIANT_BOOL include_recurrences_ = VARIANT_FALSE;
@@ -43,8 +52,7 @@ private:
     bool descending_ = false;
     bool loaded_ = false;
     LONGLONG seq_ = 0;
-    std::size_t walk_position_ = 0;
-    int walk_misses_ = 0;
+    Walk walk_;
 };
 
 }  // namespace zr::platform::pim

@@ -26,7 +26,7 @@ ItemState::ItemState(const SessionRef& session, INT folder, LONG oid, RowRef row
 }
 
 ItemState::~ItemState() {
-    session_->store().note_reads(reads_);
+    session_->store().rows().note_reads(reads_);
 }
 
 void ItemState::settle() {
@@ -85,7 +85,7 @@ HRESULT ItemState::load(ColumnMask mask) {
     Store& store = session_->store();
     const auto lock = store.lock();
     const HRESULT result = store.refresh();
-    return SUCCEEDED(result) ? store.row(oid_, mask, row_) : result;
+    return SUCCEEDED(result) ? store.rows().read(oid_, mask, row_) : result;
 }
 
 HRESULT ItemState::column_text(unsigned column, std::u16string& text) {

@@ -17,8 +17,6 @@ namespace zr::platform::pim {
 namespace {
 
 constexpr std::chrono::seconds kWriteRightTimeout{5};
-constexpr int kLargestWindow = 512;
-constexpr LONG kRunGap = 64;  // a walk may skip what is cached or deleted
 
 std::mutex stores_mutex;
 
@@ -115,7 +113,7 @@ HRESULT Store::refresh() {
 }
 
 void Store::apply(const Change& change) {
-    drop(change.oid);
+    rows_.drop(change.oid);
     recent_.push_back(change);
     if (recent_.size() > kRecentChanges) recent_.pop_front();
     seq_ = change.seq;
@@ -124,7 +122,6 @@ void Store::apply(const Change& change) {
 
 void Store::forget_all(LONGLONG seq) {
     rows_.clear();
-    row_bytes_ = 0;
     recent_.clear();
     seq_ = seq;
     notifier_->folder_changed();
@@ -183,7 +180,7 @@ HRESULT Store::oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq) {
 HRESULT Store::key(LONG oid, CEPROPID id, std::u16string& key) {
     if (is_column(id) && folder_of(oid) == olFolderContacts) {
         RowRef found;
-        const HRESULT result = row(oid, 1u << column_of(id), found);
+        const HRESULT result = rows_.read(oid, 1u << column_of(id), found);
         if (SUCCEEDED(result)) key = text_key(found->text_of(column_of(id)));
         return result;
     }
@@ -197,115 +194,13 @@ HRESULT Store::exists(LONG oid) {
     if (folder_of(oid) == 0) return fail(kGone);
     if (folder_of(oid) == olFolderContacts) {
         RowRef found;
-        return row(oid, 0, found);
+        return rows_.read(oid, 0, found);
     }
     const Use entry = reader_.use("SELECT 1 FROM entry WHERE oid = ?1");
     if (!entry) return reader_.result();
     entry->bind(1, oid);
     const int code = entry->step();
     return code == SQLITE_ROW ? S_OK : code == SQLITE_DONE ? fail(kGone) : reader_.result();
-}
-
-RowRef Store::cached(LONG oid) const {
-    const auto index = static_cast<std::size_t>(oid);
-    return index < rows_.size() ? rows_[index] : RowRef();
-}
-
-void Store::drop(LONG oid) {
-    const auto index = static_cast<std::size_t>(oid);
-    if (index >= rows_.size() || !rows_[index]) return;
-    row_bytes_ -= rows_[index]->bytes();
-    rows_[index].reset();
-}
-
-void Store::keep(RowRef row) {
-    if (row_bytes_ > kCacheBytes) {
-        rows_.clear();
-        row_bytes_ = 0;
-    }
-    const auto index = static_cast<std::size_t>(row->oid());
-    drop(row->oid());
-    if (index >= rows_.size()) rows_.resize(std::max(index + 1, rows_.size() + rows_.size() / 2));
-    row_bytes_ += row->bytes();
-    rows_[index] = std::move(row);
-}
-
-const char* Store::batch_sql(ColumnMask mask) {
-    std::string& sql = batch_sql_[mask];
-    if (sql.empty()) {
-        sql = "SELECT oid";
-        for (unsigned i = 0; i < kColumns; ++i) {
-            if ((mask >> i & 1) != 0) sql += std::string(", ") + kColumnNames[i];
-        }
-        if (mask == kAllColumns) sql += ", own_file_as";
-        sql += " FROM contact WHERE oid >= ?1 ORDER BY oid LIMIT ?2";
-    }
-    return sql.c_str();
-}
-
-HRESULT Store::fetch(LONG oid, int count, ColumnMask mask, LONG& last) {
-    // Walks settle on few sets of columns; a program that does not reads all of them.
-    if (batch_sql_.size() > 24 && !batch_sql_.contains(mask)) mask = kAllColumns;
-    const Use rows = reader_.use(batch_sql(mask));
-    if (!rows) return reader_.result();
-    rows->bind(1, oid);
-    rows->bind(2, count);
-    int code;
-    while ((code = rows->step()) == SQLITE_ROW) {
-        last = static_cast<LONG>(rows->integer(0));
-        std::u16string_view texts[kColumns];
-        int at = 1;
-        for (unsigned i = 0; i < kColumns; ++i) {
-            if ((mask >> i & 1) != 0) texts[i] = rows->text(at++);
-        }
-        RowRef row = RowRef::adopt(Row::make(last, mask, mask == kAllColumns && rows->integer(at) != 0, texts));
-        if (!row) return fail(E_OUTOFMEMORY);
-        keep(std::move(row));
-    }
-    return code == SQLITE_DONE ? S_OK : reader_.result();
-}
-
-Store::Run& Store::run_for(LONG oid) {
-    for (Run& run : runs_) {
-        if (oid < run.next || oid >= run.next + kRunGap || run.next == 0) continue;
-        runs_[0].used_last = &run == &runs_[0];
-        run.window = std::min(run.window * 4, kLargestWindow);
-        return run;
-    }
-    Run& run = runs_[runs_[0].used_last ? 1 : 0];
-    runs_[0].used_last = &run == &runs_[0];
-    run.next = 0;
-    run.window = 1;
-    return run;
-}
-
-// The first row of a walk is read whole; the following ones are read ahead, with the columns that were asked for.
-HRESULT Store::row(LONG oid, ColumnMask need, RowRef& row) {
-    row = cached(oid);
-    if (row && row->has(need)) return S_OK;
-    Run& run = run_for(oid);
-    ColumnMask mask = kAllColumns;
-    if (run.window == 1) {
-        seen_.store(need, std::memory_order_relaxed);
-    } else {
-        note_reads(need);
-        mask = seen_.load(std::memory_order_relaxed);
-        if (mask == 0) mask = kAllColumns;
-    }
-    LONG last = 0;
-    const HRESULT result = fetch(oid, run.window, mask, last);
-    if (FAILED(result)) return result;
-    run.next = last + 1;
-    row = cached(oid);
-    return row && row->has(need) ? S_OK : fail(kGone);
-}
-
-HRESULT Store::read_ahead() {
-    ColumnMask mask = seen_.load(std::memory_order_relaxed);
-    if (mask == 0) mask = kAllColumns;
-    LONG last = 0;
-    const auto room = static_cast<int>(kCacheBytes / 512);  // most contacts are smaller than that
-    return fetch(1, room, mask, last);
 }
 
 HRESULT Store::value(LONG oid, CEPROPID id, Value& value) {

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -20,10 +19,10 @@
 #include <thread>
 #include <vector>
 
+#include "contact_rows.h"
 #include "database.h"
 #include "fields.h"
 #include "keys.h"
-#include "row.h"
 #include "signal_file.h"
 #include "store/commit_watch.h"
 #include "values.h"
@@ -82,12 +81,7 @@ public:
     HRESULT each_key(INT folder, CEPROPID id, Visitor visit);
     HRESULT key(LONG oid, CEPROPID id, std::u16string& key);
     HRESULT exists(LONG oid);
-    // What is at hand of a contact; may be nothing, may lack columns.
-    RowRef cached(LONG oid) const;
-    // A contact's row with at least these columns; it and, on a walk, some that follow are read.
-    HRESULT row(LONG oid, ColumnMask need, RowRef& row);
-    // Reads a whole folder of contacts ahead, for walks in another order than the identifiers'.
-    HRESULT read_ahead();
+    ContactRows& rows() { return rows_; }
     HRESULT value(LONG oid, CEPROPID id, Value& value);
     // All properties of an item, the named fields' only if `named`.
     HRESULT values(LONG oid, bool named, Values& values);
@@ -107,34 +101,15 @@ public:
         return reads();
     }
 
-    // Which columns callers read; lets a walk leave out the others.
-    void note_reads(ColumnMask columns) {
-        if ((seen_.load(std::memory_order_relaxed) & columns) != columns)
-            seen_.fetch_or(columns, std::memory_order_relaxed);
-    }
-
 private:
     friend class Transaction;
-    // A walk over identifiers: where it goes on (0: nowhere) and how many rows it reads at a time.
-    struct Run {
-        LONG next = 0;
-        int window = 1;
-        bool used_last = false;
-    };
-
     HRESULT open(const std::string& path);
     void apply(const Change& change);
     void forget_all(LONGLONG seq);
-    void drop(LONG oid);
-    void keep(RowRef row);
-    const char* batch_sql(ColumnMask mask);
-    HRESULT fetch(LONG oid, int count, ColumnMask mask, LONG& last);
-    Run& run_for(LONG oid);
 
     HRESULT take_write_right();
     void give_write_right();
 
-    static constexpr std::size_t kCacheBytes = 64u << 20;
     static constexpr std::size_t kRecentChanges = 8192;
 
     std::string path_;
@@ -149,11 +124,7 @@ private:
     bool stamp_known_ = false;
     LONGLONG seq_ = 0;
     std::deque<Change> recent_;
-    std::vector<RowRef> rows_;  // by identifier
-    std::size_t row_bytes_ = 0;
-    std::map<ColumnMask, std::string> batch_sql_;
-    Run runs_[2];
-    std::atomic<ColumnMask> seen_{0};
+    ContactRows rows_{reader_};
 
     std::mutex write_mutex_;
     std::condition_variable write_free_;
