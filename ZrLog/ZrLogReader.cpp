@@ -11,6 +11,7 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "ZrLog/descriptor.h"
 #include "ZrLog/format.h"
 
 namespace {
@@ -234,7 +235,7 @@ ZrLogReader::~ZrLogReader() = default;
 
 std::unique_ptr<ZrLogReader> ZrLogReader::open(const std::string& path, std::string& error, int waitMilliseconds) {
     auto state = std::make_unique<State>();
-    state->fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    state->fd = above_standard(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     state->wait = waitMilliseconds;
     struct stat facts;
     if (state->fd < 0) {

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <new>
 
+#include "ZrLog/descriptor.h"
+
 namespace zr::log {
 namespace {
 
@@ -74,7 +76,7 @@ bool within_size_limit(std::uint64_t size) {
 // written, so no lock is needed.
 bool append_zeros(int fd, std::uint64_t size) {
     const std::string self = "/proc/self/fd/" + std::to_string(fd);
-    const int appender = ::open(self.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    const int appender = above_standard(::open(self.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
     if (appender < 0) return false;
     static constexpr char kZeros[65536] = {};
     bool good = true;
@@ -118,7 +120,7 @@ void forget_ids() {
 }
 
 LogFile* LogFile::open(const char* path, std::string& error) {
-    const int fd = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
+    const int fd = above_standard(::open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
     if (fd < 0) {
         error = failure(path, strerror(errno));
         return nullptr;

@@ -10,6 +10,7 @@
 
 #include "zr/base/failure.h"
 #include "zr/base/output.h"
+#include "zr/base/streams.h"
 #include "zr/commands/command.h"
 
 #ifndef ZR_VERSION
@@ -97,6 +98,7 @@ zr::Exit execute(const zr::Run& run) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!zr::hold_standard_streams()) return static_cast<int>(zr::Exit::Unreadable);
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_DFL);  // a reader that has seen enough ends us quietly
     silence_glib();

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 #include "base/signal_block.h"
 #include "folder_watch.h"
 #include "listing.h"
@@ -56,7 +57,7 @@ ChangeSource* ChangeSource::get(DWORD& error) {
     static ChangeSource* source = nullptr;
     const std::lock_guard guard(making);
     if (source) return source;
-    const int inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    const int inotify = above_standard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (inotify < 0) {
         error = error_from_errno(errno);
         return nullptr;

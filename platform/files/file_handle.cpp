@@ -69,7 +69,7 @@ DWORD check(const OpenRequest& request) {
 int open_flags(const OpenRequest& request) {
     const bool writes = request.writes() || request.empties();
     const bool reads = (request.access & GENERIC_READ) != 0;
-    int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    int flags = O_NOCTTY | O_NONBLOCK;
     flags |= writes ? (reads ? O_RDWR : O_WRONLY) : O_RDONLY;
     if (request.flags & FILE_FLAG_WRITE_THROUGH) flags |= O_DSYNC;
     return flags;
@@ -77,7 +77,7 @@ int open_flags(const OpenRequest& request) {
 
 DWORD open_new(const OpenRequest& request, const std::string& path, HostFd& file) {
     const bool read_only = (request.flags & FILE_ATTRIBUTE_READONLY) != 0;
-    file = HostFd(open(path.c_str(), open_flags(request) | O_CREAT | O_EXCL, read_only ? 0444 : 0666));
+    file = open_host(path.c_str(), open_flags(request) | O_CREAT | O_EXCL, read_only ? 0444 : 0666);
     if (!file) return errno == EEXIST ? ERROR_FILE_EXISTS : error_from_errno(errno);
     if (const DWORD bits = request.flags & kStoredAttributes) write_dos_attributes(path.c_str(), bits);
     return ERROR_SUCCESS;
@@ -88,7 +88,7 @@ DWORD open_old(const OpenRequest& request, const std::string& path, HostFd& file
     if (stat(path.c_str(), &status) != 0) return error_from_errno(errno);
     if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
     if ((request.writes() || request.empties()) && (status.st_mode & kAnyWrite) == 0) return ERROR_ACCESS_DENIED;
-    file = HostFd(open(path.c_str(), open_flags(request)));
+    file = open_host(path.c_str(), open_flags(request));
     return file ? ERROR_SUCCESS : error_from_errno(errno);
 }
 

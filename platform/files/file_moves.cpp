@@ -64,14 +64,14 @@ void copy_facts(const char* from, const struct stat& status, const char* to, int
 }
 
 DWORD open_source(const std::string& path, HostFd& file, struct stat& status) {
-    file = HostFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    file = open_host(path.c_str(), O_RDONLY | O_NONBLOCK);
     if (!file || fstat(file.get(), &status) != 0) return error_from_errno(errno);
     return S_ISREG(status.st_mode) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
 }
 
 DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& source, HostFd& file) {
     if (!target.exists) {
-        file = HostFd(open(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        file = open_host(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
         return file ? ERROR_SUCCESS : errno == EEXIST ? ERROR_FILE_EXISTS : error_from_errno(errno);
     }
     if (must_be_new) return ERROR_FILE_EXISTS;
@@ -79,7 +79,7 @@ DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& s
     if (stat(target.path.c_str(), &status) != 0) return error_from_errno(errno);
     if (!S_ISREG(status.st_mode) || (status.st_mode & kAnyWrite) == 0) return ERROR_ACCESS_DENIED;
     if (status.st_dev == source.st_dev && status.st_ino == source.st_ino) return ERROR_SHARING_VIOLATION;
-    file = HostFd(open(target.path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    file = open_host(target.path.c_str(), O_WRONLY | O_TRUNC);
     return file ? ERROR_SUCCESS : error_from_errno(errno);
 }
 

@@ -6,6 +6,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "base/host_fd.h"
+
 namespace zr::platform {
 
 Listing::~Listing() {
@@ -17,7 +19,7 @@ int Listing::open(const char* path) {
 }
 
 int Listing::open(int folder, const char* name) {
-    fd_ = openat(folder, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    fd_ = above_standard(openat(folder, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd_ >= 0 ? 0 : errno;
 }
 

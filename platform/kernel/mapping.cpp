@@ -8,6 +8,7 @@
 #include <limits>
 #include <new>
 
+#include "base/host_fd.h"
 #include "kernel/thread.h"
 #include "named/file_mapping.h"
 #include "names.h"
@@ -46,7 +47,7 @@ HANDLE open_private(HostFd file, std::uint64_t size, DWORD protection) noexcept 
 }
 
 HANDLE create_over_memory(std::uint64_t size, DWORD protection) noexcept {
-    HostFd memory(memfd_create("mapping", MFD_CLOEXEC));
+    HostFd memory(above_standard(memfd_create("mapping", MFD_CLOEXEC)));
     if (!memory) return fail(error_from_errno(errno));
     // Memory is what runs out here, not a disk.
     if (reserve_file(memory.get(), size) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY);
@@ -87,7 +88,7 @@ DWORD MappedFile::open(HANDLE handle, std::uint64_t wanted_size, DWORD protectio
     if (size > now) {
         if (const DWORD error = enlarge(descriptor, now, size)) return error;
     }
-    file = HostFd(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+    file = HostFd(fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     return file ? ERROR_SUCCESS : error_from_errno(errno);
 }
 

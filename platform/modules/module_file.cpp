@@ -6,11 +6,13 @@
 #include <unistd.h>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 
 namespace zr::platform {
 
 // Opening must not wait for another program, as it would for a pipe.
-ModuleFile::ModuleFile(const char* path) : fd_(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)) {
+ModuleFile::ModuleFile(const char* path)
+    : fd_(above_standard(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK))) {
     struct stat status;
     if (fd_ < 0 || fstat(fd_, &status) != 0)
         error_ = error_from_errno(errno);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <system_error>
 
+#include "base/host_fd.h"
 #include "base/signal_block.h"
 #include "last_error.h"
 #include "platform/base.h"
@@ -198,8 +199,8 @@ bool Notifier::post(Window& window, const Change& change) {
 HRESULT Notifier::start_worker() {
     const HRESULT claimed = store_.signal().claim();
     if (FAILED(claimed)) return claimed;
-    const int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    const int stop = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const int watch = above_standard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    const int stop = above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     int error = watch < 0 || stop < 0 ? errno : 0;
     if (error == 0 && inotify_add_watch(watch, store_.signal().path().c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0)
         error = errno;

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "base/host_fd.h"
 #include "last_error.h"
 
 namespace zr::platform::pim {
@@ -27,7 +28,7 @@ HRESULT SignalFile::open(const std::string& path) {
                                                                          : HRESULT_FROM_WIN32(ERROR_IO_DEVICE),
                     "The contact store's signal file " + path + ": " + strerror(error) + ".");
     };
-    file_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    file_ = above_standard(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (file_ < 0) return failed();
     // Allocated, not just sized: a full disk must show here and not as a fault in the mapping.
     if (const int error = posix_fallocate(file_, 0, sizeof(Page)); error != 0) {

@@ -6,12 +6,14 @@
 
 #include <cerrno>
 
+#include "base/host_fd.h"
+
 namespace zr::platform::registry {
 
 int Bell::open(const std::string& path) {
     if (is_open()) return 0;
     path_ = path;
-    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int file = above_standard(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (file < 0) return errno;
     // Allocated, not just sized: a full disk must show here and not as a fault in the mapping.
     int error = posix_fallocate(file, 0, sizeof(Page));
@@ -28,7 +30,8 @@ int Bell::open(const std::string& path) {
 }
 
 Bell::Pull::Pull(const Bell& bell)
-    : file_(::open(bell.path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)), error_(file_ < 0 ? errno : 0) {}
+    : file_(above_standard(::open(bell.path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600))),
+      error_(file_ < 0 ? errno : 0) {}
 
 Bell::Pull::~Pull() {
     if (file_ >= 0) close(file_);

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 #include "base/signal_block.h"
 
 namespace zr::platform::registry {
@@ -40,7 +41,7 @@ ChangeListener::ChangeListener(int inotify) noexcept : inotify_(inotify) {}
 ChangeListener* ChangeListener::get(DWORD& error) noexcept {
     ChangeListener* known = the_listener_.load(std::memory_order_acquire);
     if (known != nullptr) return known;
-    const int inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    const int inotify = above_standard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (inotify < 0) {
         error = error_from_errno(errno);
         return nullptr;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "base/host_fd.h"
 #include "base/state_folder.h"
 #include "last_error.h"
 #include "schema.h"
@@ -123,7 +124,7 @@ DWORD Store::open_journal() {
     LONGLONG version = 0;
     if (reader_.scalar("SELECT max(seq) FROM change", version) != 0) return fail(reader_);
     const std::string path = path_ + "-wal";
-    journal_ = std::make_shared<const OpenFile>(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    journal_ = std::make_shared<const OpenFile>(above_standard(::open(path.c_str(), O_RDWR | O_CLOEXEC)));
     return journal_->descriptor >= 0 ? ERROR_SUCCESS : system_failure(path, errno);
 }
 

@@ -9,6 +9,7 @@
 #include <new>
 #include <string>
 
+#include "base/host_fd.h"
 #include "base/state_folder.h"
 #include "base/utf.h"
 #include "kernel/waitable.h"
@@ -50,7 +51,7 @@ int open_file(std::u16string_view event, std::size_t size) {
     const std::string folder = runtime.path + "/time-changes";
     mkdir(folder.c_str(), 0700);
     const std::string path = folder + "/" + file_name(event);
-    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const int file = above_standard(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     // Allocated, not just sized: a full disk must show here and not as a fault in the mapping.
     if (file >= 0 && posix_fallocate(file, 0, static_cast<off_t>(size)) != 0) {
         close(file);

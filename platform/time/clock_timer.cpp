@@ -8,11 +8,12 @@
 #include <limits>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 
 namespace zr::platform {
 
 DWORD ClockTimer::open() {
-    descriptor_ = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK);
+    descriptor_ = above_standard(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK));
     if (descriptor_ >= 0 && arm()) return 0;
     const DWORD error = error_from_errno(errno);
     close();

@@ -8,6 +8,7 @@
 #include <climits>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 
 namespace zr::platform {
 
@@ -28,7 +29,7 @@ std::string read_link(const std::string& path) {
 DWORD FileWatch::open(const std::string& path, std::uint32_t events) {
     path_ = path;
     events_ = events;
-    descriptor_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    descriptor_ = above_standard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (descriptor_ < 0) return error_from_errno(errno);
     const DWORD error = follow();
     if (error != 0) close();

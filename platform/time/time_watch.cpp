@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 #include "base/signal_block.h"
 #include "current_zone.h"
 #include "platform/base.h"
@@ -98,7 +99,7 @@ DWORD TimeWatch::start() {
     if (exiting_) return ERROR_NOT_READY;
     auto sources = std::make_unique<Sources>();
     if (const DWORD error = sources->open(); error != 0) return error;
-    stop_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    stop_ = above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (stop_ < 0) return error_from_errno(errno);
     sources_ = std::move(sources);
     int error = 0;

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <new>
 
+#include "base/host_fd.h"
+
 namespace zr::platform {
 
 std::unique_ptr<QueueDescriptor> QueueDescriptor::create() noexcept {
@@ -17,9 +19,9 @@ std::unique_ptr<QueueDescriptor> QueueDescriptor::create() noexcept {
 }
 
 bool QueueDescriptor::open() noexcept {
-    epoll_ = epoll_create1(EPOLL_CLOEXEC);
-    event_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    epoll_ = above_standard(epoll_create1(EPOLL_CLOEXEC));
+    event_ = above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    timer_ = above_standard(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (epoll_ < 0 || event_ < 0 || timer_ < 0) return false;
     epoll_event readable{};
     readable.events = EPOLLIN;

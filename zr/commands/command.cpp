@@ -2,9 +2,11 @@
 
 #include <CLI/CLI.hpp>
 #include <limits>
+#include <sstream>
 #include <utility>
 
 #include "zr/base/failure.h"
+#include "zr/base/output.h"
 
 namespace zr {
 
@@ -103,7 +105,15 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
     try {
         parser_->app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return parser_->app.exit(error);
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            std::ostringstream text;
+            parser_->app.exit(error, text, text);
+            parser_->run = [text = text.str()] {
+                print(text);
+                return Exit::Ok;
+            };
+            return std::nullopt;
+        }
         complain(std::string(error.what()) + " (zr --help tells more)");
         return static_cast<int>(Exit::Usage);
     }

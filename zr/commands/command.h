@@ -72,7 +72,7 @@ public:
 
     Command root();
 
-    // The exit code when there is nothing to run: wrong usage, which has been complained about, or help was asked for.
+    // The exit code when there is nothing to run: wrong usage, which has been complained about.
     std::optional<int> parse(int argc, char** argv);
     const Run& run() const;
 

@@ -10,6 +10,7 @@
 #include <new>
 #include <string>
 
+#include "base/host_fd.h"
 #include "named/session.h"
 #include "names.h"
 #include "page_protection.h"
@@ -65,7 +66,7 @@ protected:
 private:
     HostFd open_contents(int flags) const noexcept {
         try {
-            return HostFd(open(member_.session().region().contents_path(contents_).c_str(), flags | O_CLOEXEC));
+            return open_host(member_.session().region().contents_path(contents_).c_str(), flags);
         } catch (const std::bad_alloc&) {
             errno = ENOMEM;
             return {};
@@ -124,7 +125,7 @@ int NewContents::link_to(int file) {
 
 int NewContents::make(std::uint64_t size) {
     path_ = unused_path();
-    const HostFd file(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    const HostFd file = open_host(path_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
     if (!file) {
         const int error = errno;
         path_.clear();

@@ -12,6 +12,7 @@
 #include <new>
 #include <utility>
 
+#include "base/host_fd.h"
 #include "named/directory.h"
 
 namespace zr::platform::named {
@@ -106,7 +107,7 @@ int Region::initialise(int file) noexcept {
 
 int Region::open_file(int flags) const noexcept {
     try {
-        const int file = open((folder_ + "/" + kFileName).c_str(), flags | O_CLOEXEC | O_NOFOLLOW);
+        const int file = above_standard(open((folder_ + "/" + kFileName).c_str(), flags | O_CLOEXEC | O_NOFOLLOW));
         if (file < 0) return -1;
         struct stat status {};
         if (fstat(file, &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) return file;

@@ -8,6 +8,7 @@
 
 #include <new>
 
+#include "base/host_fd.h"
 #include "base/signal_block.h"
 #include "base/state_folder.h"
 #include "engine.h"
@@ -33,7 +34,7 @@ constexpr mode_t kFileMode = S_ISVTX | S_IRUSR | S_IWUSR;
 // The region's file, open and locked; it is the one that the path names now.
 int open_locked(const std::string& path, int flags, HostFd& file) noexcept {
     for (;;) {
-        file = HostFd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600));
+        file = open_host(path.c_str(), O_RDWR | O_NOFOLLOW | flags, 0600);
         if (!file) return errno;
         while (flock(file.get(), LOCK_EX) != 0) {
             if (errno != EINTR) return errno;
