@@ -1,0 +1,288 @@
+// Sessions that a process takes along when it is forked, and stores that are set aside while they are open.
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "platform/windowing.h"
+#include "session_support.h"
+#include "store_query.h"
+#include "support/child.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using namespace zr::test;
+
+// A process made by fork; it runs the body and ends with its result.
+class Forked {
+public:
+    explicit Forked(const std::function<int()>& body) : pid_(fork()) {
+        if (pid_ != 0) return;
+        alarm(60);
+        _exit(body());
+    }
+    // The exit code, or minus the signal.
+    int wait() const {
+        int status = 0;
+        if (waitpid(pid_, &status, 0) != pid_) return 1000;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+private:
+    pid_t pid_;
+};
+
+// A byte from one process to another.
+class Pipe {
+public:
+    Pipe() { EXPECT_EQ(pipe(ends_), 0); }
+    ~Pipe() {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    void say() const { EXPECT_EQ(write(ends_[1], "x", 1), 1); }
+    void hear() const {
+        char byte = 0;
+        EXPECT_EQ(read(ends_[0], &byte, 1), 1);
+    }
+
+private:
+    int ends_[2] = {-1, -1};
+};
+
+bool save(TestSession& session, const WCHAR* name) {
+    const auto made = session.fresh();
+    return made->put_LastName(in(name)) == S_OK && made->Save() == S_OK;
+}
+
+ZR_CHILD(contacts_there) {
+    TestSession session;
+    return session.logon == S_OK ? count(*session.items().get()) : 255;
+}
+
+// Counted by a process that has nothing to do with any other.
+int contacts_there() {
+    return Child("contacts_there").wait();
+}
+
+ZR_CHILD(forker_that_leaves) {
+    TestSession session;
+    if (!save(session, u"parent")) return 1;
+    const Pipe gone;
+    const Forked child([&] {
+        gone.hear();  // the parent has logged off
+        for (const WCHAR* name : {u"one", u"two", u"three"}) {
+            if (!save(session, name)) return 2;
+        }
+        return count(*session.items().get()) == 4 ? 0 : 3;
+    });
+    if (session.app->Logoff() != S_OK) return 4;
+    gone.say();
+    return child.wait();
+}
+
+TEST(Forks, AChildsContactsStayWhenItsParentLogsOff) {
+    EXPECT_EQ(Child("forker_that_leaves").wait(), 0);
+    EXPECT_EQ(contacts_there(), 4);
+    EXPECT_EQ(query(store_path(), "PRAGMA integrity_check"), "ok");
+}
+
+ZR_CHILD(adds_many) {
+    TestSession session;
+    say("ready");
+    for (int i = 0; i < 200; ++i) {
+        if (!save(session, u"other")) return 1;
+    }
+    return 0;
+}
+
+TEST(Forks, ParentAndChildAndOthersWriteAtTheSameTime) {
+    TestSession session;
+    Child other("adds_many");
+    ASSERT_EQ(other.hear(), "ready");
+    const auto add = [&] {
+        for (int i = 0; i < 50; ++i) {
+            if (!save(session, u"mine")) return 1;
+        }
+        return 0;
+    };
+    const Forked one(add);
+    const Forked two(add);
+    EXPECT_EQ(add(), 0);
+    EXPECT_EQ(one.wait(), 0);
+    EXPECT_EQ(two.wait(), 0);
+    EXPECT_EQ(other.wait(), 0);
+    EXPECT_EQ(contacts_there(), 350 % 256) << "an exit code has eight bits";
+    EXPECT_EQ(count(*session.items().get()), 350);
+    EXPECT_EQ(query(store_path(), "SELECT count(*) FROM contact WHERE last_name IS NULL"), "0");
+}
+
+class NoteWindow {
+public:
+    NoteWindow() {
+        WNDCLASSW shape = {};
+        shape.lpfnWndProc = &DefWindowProcW;
+        shape.lpszClassName = u"pim.test.forks";
+        RegisterClassW(&shape);
+        window_ = CreateWindowExW(0, u"pim.test.forks", nullptr, 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    }
+    ~NoteWindow() { DestroyWindow(window_); }
+    NoteWindow(const NoteWindow&) = delete;
+    NoteWindow& operator=(const NoteWindow&) = delete;
+    HWND window() const { return window_; }
+    // The next notification; waits for it.
+    UINT next() const {
+        MSG message = {};
+        while (GetMessageW(&message, window_, 0, 0) > 0) {
+            if (message.message >= PIM_ITEM_CREATED_LOCAL && message.message <= PIM_ITEM_CHANGED_REMOTE)
+                return message.message;
+        }
+        return 0;
+    }
+
+private:
+    HWND window_;
+};
+
+void tell_all(TestSession& session) {
+    Ptr<IItem> item;
+    ASSERT_EQ(session.folder()->QueryInterface(IID_IItem, item.any()), S_OK);
+    CEPROPVAL value = {};
+    value.propid = PIMPR_FOLDERNOTIFICATIONS;
+    value.val.ulVal = PIMFOLDERNOTIFICATION_LOCAL | PIMFOLDERNOTIFICATION_REMOTE;
+    ASSERT_EQ(item->SetProps(0, 1, &value), S_OK);
+}
+
+TEST(Forks, AChildsChangesAreRemoteToItsParent) {
+    const NoteWindow window;
+    TestSession session(window.window());
+    ASSERT_EQ(session.logon, S_OK);
+    tell_all(session);
+    ASSERT_TRUE(save(session, u"own"));
+    EXPECT_EQ(window.next(), PIM_ITEM_CREATED_LOCAL);
+    const Forked child([&] { return save(session, u"child's") ? 0 : 1; });
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(window.next(), PIM_ITEM_CREATED_REMOTE);
+    ASSERT_TRUE(save(session, u"own"));
+    EXPECT_EQ(window.next(), PIM_ITEM_CREATED_LOCAL);
+}
+
+TEST(Forks, AChildOfThreadsAtWorkWorksOn) {
+#if defined(__SANITIZE_THREAD__)
+    constexpr int kForks = 60;
+#else
+    constexpr int kForks = 300;
+#endif
+    TestSession session;
+    ASSERT_TRUE(save(session, u"first"));
+    std::atomic<bool> done{false};
+    std::atomic<int> saved{1};
+    const auto work = [&](bool of_its_own) {
+        while (!done) {
+            if (of_its_own) {
+                TestSession own;
+                EXPECT_TRUE(save(own, u"thread's"));
+            } else {
+                EXPECT_TRUE(save(session, u"thread's"));
+                EXPECT_GT(count(*session.items().get()), 0);
+            }
+            ++saved;
+        }
+    };
+    std::thread shared(work, false);
+    std::thread own(work, true);
+    for (int round = 0; round < kForks; ++round) {
+        const Forked child([&] {
+            if (!save(session, u"child's")) return 1;
+            return count(*session.items().get()) > round ? 0 : 2;
+        });
+        ASSERT_EQ(child.wait(), 0) << round;
+        ASSERT_TRUE(save(session, u"parent's"));
+    }
+    done = true;
+    shared.join();
+    own.join();
+    EXPECT_EQ(count(*session.items().get()), saved + 2 * kForks);
+    EXPECT_EQ(query(store_path(), "PRAGMA integrity_check"), "ok");
+}
+
+TEST(Forks, ABatchIsTheParentsAlone) {
+    TestSession session;
+    const auto store = session.store();
+    ASSERT_EQ(store->BeginBatch(), S_OK);
+    ASSERT_TRUE(save(session, u"in the batch"));
+    const Forked child([&] {
+        const auto item = session.fresh();
+        item->put_LastName(in(u"lost"));
+        if (SUCCEEDED(item->Save())) return 1;
+        if (SUCCEEDED(store->CommitBatch())) return 2;
+        // What the parent has in hand is none of the child's business, and a clear error.
+        const auto again = session.fresh();
+        again->put_LastName(in(u"later"));
+        if (again->Save() != HRESULT_FROM_WIN32(ERROR_BUSY)) return 3;
+        return std::u16string(ZrPimLastErrorText()).find(u"forked") != std::u16string::npos ? 0 : 4;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    ASSERT_TRUE(save(session, u"in the batch, too"));
+    EXPECT_EQ(store->CommitBatch(), S_OK);
+    EXPECT_EQ(contacts_there(), 2);
+}
+
+// --- stores that are set aside ---
+
+std::vector<std::filesystem::path> set_aside() {
+    std::vector<std::filesystem::path> found;
+    for (const auto& entry : std::filesystem::directory_iterator(sandbox_home())) {
+        const std::string name = entry.path().filename();
+        if (name.starts_with("pim.db.damaged-") && !name.ends_with("-wal")) found.push_back(entry.path());
+    }
+    return found;
+}
+
+std::string bytes_of(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+ZR_CHILD(finds_the_damage) {
+    TestSession session;
+    return session.logon == HRESULT_FROM_WIN32(ERROR_FILE_CORRUPT) ? 0 : 1;
+}
+
+TEST(SetAside, IsNoticedByWhoHasTheStoreOpen) {
+    TestSession session;
+    ASSERT_TRUE(save(session, u"before"));
+    const auto old = session.contact(1);
+    ASSERT_EQ(query(store_path(), "PRAGMA wal_checkpoint(TRUNCATE)"), "0");
+    {
+        std::fstream file(store_path(), std::ios::in | std::ios::out | std::ios::binary);
+        for (int page = 1; page < 8; ++page) {
+            file.seekp(page * 4096);
+            file << std::string(4096, '\xEE');
+        }
+    }
+    std::ofstream(store_path().string() + ".suspect").flush();
+    ASSERT_EQ(Child("finds_the_damage").wait(), 0);
+    ASSERT_EQ(set_aside().size(), 1u);
+    const std::string kept = bytes_of(set_aside()[0]);
+    ASSERT_TRUE(save(session, u"after"));
+    EXPECT_EQ(count(*session.items().get()), 1) << "the new store";
+    EXPECT_EQ(contacts_there(), 1);
+    EXPECT_EQ(bytes_of(set_aside()[0]), kept);
+    EXPECT_FALSE(std::filesystem::exists(set_aside()[0].string() + "-wal") &&
+                 std::filesystem::file_size(set_aside()[0].string() + "-wal") != 0);
+    // What was in hand is of the old store.
+    EXPECT_EQ(old->put_LastName(in(u"changed")), S_OK);
+    EXPECT_EQ(old->Save(), HRESULT_FROM_WIN32(ERROR_NOT_FOUND));
+}
+
+}  // namespace
