@@ -60,6 +60,7 @@ ULONG Application::Release() {
 }
 
 SessionRef Application::session() {
+    const InCall in_call;
     const std::lock_guard lock(mutex_);
     if (!session_) fail(HRESULT_FROM_WIN32(kNotLoggedOn));
     return session_;
@@ -67,6 +68,7 @@ SessionRef Application::session() {
 
 HRESULT Application::Logon(HWND window) {
     return guarded([&]() -> HRESULT {
+        const InCall in_call;
         const std::lock_guard lock(mutex_);
         if (session_) return S_FALSE;
         std::shared_ptr<Store> store;
@@ -82,6 +84,7 @@ HRESULT Application::Logon(HWND window) {
 HRESULT Application::Logoff() {
     SessionRef session;
     {
+        const InCall in_call;
         const std::lock_guard lock(mutex_);
         std::swap(session, session_);
     }
@@ -221,7 +224,7 @@ HRESULT Application::get_StorePath(BSTR* path) {
     if (!cleared(path)) return fail(E_POINTER);
     const SessionRef session = this->session();
     if (!session) return HRESULT_FROM_WIN32(kNotLoggedOn);
-    return guarded([&] { return give_text(host_to_wide(session->store().path()), path); });
+    return guarded([&] { return give_text(host_to_wide(session->store().shared().path()), path); });
 }
 
 HRESULT give_application(Session& session, IPOutlookApp** app) {

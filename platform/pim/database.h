@@ -2,29 +2,30 @@
 
 // A connection to the contact store. Results are HRESULTs with their sentence already kept (last_error.h).
 
-#include <string>
-
 #include "store/sqlite.h"
 
 namespace zr::platform::pim {
 
 inline constexpr const char* kStoreName = "contact store";
 
-class Database : public Connection {
+class Database {
 public:
-    HRESULT execute(const char* sql) { return result(Connection::execute(sql)); }
-    HRESULT run(Use& statement) { return result(Connection::run(statement)); }
-    HRESULT scalar(const char* sql, LONGLONG& value, LONGLONG otherwise = 0) {
-        return result(Connection::scalar(sql, value, otherwise));
-    }
+    explicit Database(Connection& connection) : connection_(connection) {}
+
+    Use use(const char* sql) { return connection_.use(sql); }
+    HRESULT run(Use& statement) { return result(connection_.run(statement)); }
     // What the last failing call means.
-    HRESULT result() { return result(error()); }
+    HRESULT result() { return result(connection_.error()); }
+    LONGLONG changes() const { return connection_.changes(); }
+    sqlite3* handle() { return connection_.handle(); }
 
 private:
     HRESULT result(DWORD error) const;
+
+    Connection& connection_;
 };
 
-// The result that stands for a store's error.
+// The result that stands for a store's error, whose sentence is kept already.
 HRESULT store_result(DWORD error);
 
 }  // namespace zr::platform::pim

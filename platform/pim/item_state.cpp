@@ -21,7 +21,12 @@ void lay_over(const Values& upper, Values& values) {
 }  // namespace
 
 ItemState::ItemState(const SessionRef& session, INT folder, LONG oid, RowRef row)
-    : session_(session), folder_(folder), oid_(oid), row_(std::move(row)), fresh_(oid == 0) {
+    : session_(session),
+      folder_(folder),
+      oid_(oid),
+      generation_(session->store().generation()),
+      row_(std::move(row)),
+      fresh_(oid == 0) {
     if (fresh_) pending_ = std::make_unique<Values>();
 }
 
@@ -59,7 +64,7 @@ HRESULT ItemState::check_stored() {
     if (!session_->is_open()) return session_->check_open();
     Store& store = session_->store();
     const auto lock = store.lock();
-    const HRESULT result = store.refresh();
+    const HRESULT result = refresh();
     return SUCCEEDED(result) ? store.exists(oid_) : result;
 }
 
@@ -84,7 +89,7 @@ HRESULT ItemState::load(ColumnMask mask) {
     if (row_ && row_->has(mask)) return S_OK;
     Store& store = session_->store();
     const auto lock = store.lock();
-    const HRESULT result = store.refresh();
+    const HRESULT result = refresh();
     return SUCCEEDED(result) ? store.rows().read(oid_, mask, row_) : result;
 }
 
@@ -139,7 +144,7 @@ HRESULT ItemState::get_column_slowly(unsigned column, BSTR* text) {
 HRESULT ItemState::stored_value(CEPROPID id, Value& value) {
     Store& store = session_->store();
     const auto lock = store.lock();
-    HRESULT result = store.refresh();
+    HRESULT result = refresh();
     if (SUCCEEDED(result) && std::exchange(read_before_, true)) {
         result = read_stored();
         const Value* found = SUCCEEDED(result) ? stored_->find(id) : nullptr;
@@ -301,8 +306,22 @@ HRESULT ItemState::save() {
     });
 }
 
+HRESULT ItemState::refresh() {
+    const HRESULT result = session_->store().refresh();
+    return SUCCEEDED(result) ? check_store() : result;
+}
+
+// An identifier of another store may be somebody else's here.
+HRESULT ItemState::check_store() const {
+    return generation_ == session_->store().generation() ? S_OK : fail(kGone);
+}
+
 HRESULT ItemState::write(Transaction& transaction, LONG& oid) {
-    if (oid_ == 0) return transaction.insert(folder_, *pending_, oid);
+    if (oid_ == 0) {
+        generation_ = session_->store().generation();
+        return transaction.insert(folder_, *pending_, oid);
+    }
+    if (const HRESULT result = check_store(); FAILED(result)) return result;
     if (occurrence_) return transaction.save_occurrence(oid_, occurrence_->day, *pending_);
     const HRESULT result = transaction.update(oid_, *pending_);
     return SUCCEEDED(result) && series_changed_ ? transaction.drop_exceptions(oid_) : result;
@@ -315,6 +334,7 @@ HRESULT ItemState::remove() {
         if (oid_ == 0) return fail(E_INVALIDARG, "An item that was never saved cannot be deleted.");
         BatchMark mark;
         return session_->write(mark, [&](Transaction& transaction) {
+            if (const HRESULT result = check_store(); FAILED(result)) return result;
             return occurrence_ ? transaction.remove_occurrence(oid_, occurrence_->day) : transaction.remove(oid_);
         });
     });
@@ -354,7 +374,7 @@ HRESULT ItemState::read_occurrence(LONG day, Values& series, ExceptionFields& ex
     settle();
     Store& store = session_->store();
     const auto lock = store.lock();
-    HRESULT result = store.refresh();
+    HRESULT result = refresh();
     if (SUCCEEDED(result)) {
         result = store.at_once([&]() -> HRESULT {
             if (!fresh_) {
@@ -375,7 +395,7 @@ HRESULT ItemState::exceptions(std::vector<ExceptionDay>& exceptions) {
     if (oid_ == 0 || series_changed_ || series_changed_in_batch_) return S_OK;
     Store& store = session_->store();
     const auto lock = store.lock();
-    const HRESULT result = store.refresh();
+    const HRESULT result = refresh();
     return SUCCEEDED(result) ? store.exceptions(oid_, exceptions) : result;
 }
 

@@ -90,6 +90,9 @@ private:
     HRESULT column_text(unsigned column, std::u16string& text);
     HRESULT file_as(std::u16string& text);
     HRESULT stored_value(CEPROPID id, Value& value);
+    // With the store's lock held: kGone when the store is no longer the one that the item is of.
+    HRESULT refresh();
+    HRESULT check_store() const;
     HRESULT write(Transaction& transaction, LONG& oid);
     void note_saved();
     void put(CEPROPID id, Value value);
@@ -99,6 +102,7 @@ private:
     SessionRef session_;
     INT folder_;
     LONG oid_;
+    LONG generation_;  // of the store that has the item
     RowRef row_;
     ColumnMask reads_ = 0;
     std::unique_ptr<const Values> stored_;  // what was read of its properties,

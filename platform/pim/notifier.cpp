@@ -1,17 +1,7 @@
 #include "notifier.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/inotify.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <system_error>
 
-#include "base/host_fd.h"
-#include "base/signal_block.h"
 #include "last_error.h"
 #include "platform/base.h"
 #include "platform/windowing.h"
@@ -21,30 +11,34 @@ namespace zr::platform::pim {
 namespace {
 
 constexpr int kChunk = 512;
-constexpr int kRetryMilliseconds = 20;
 constexpr INT kFolders[] = {olFolderCalendar, olFolderContacts, olFolderTasks};
-
-void drain(int file) {
-    char buffer[4096];
-    while (read(file, buffer, sizeof buffer) > 0) {
-    }
-}
 
 }  // namespace
 
 Notifier::~Notifier() {
-    stop_worker();
+    listen_no_more();
 }
 
 HRESULT Notifier::add_window(const void* key, HWND window) {
-    const std::lock_guard worker(worker_mutex_);
-    if (!worker_.joinable()) {
-        const HRESULT result = start_worker();
-        if (FAILED(result)) return result;
-    }
-    const HRESULT result = add_place(key, window);
-    if (FAILED(result) && window_count_.load() == 0) stop_worker();
+    const std::lock_guard membership(membership_);
+    HRESULT result = listen();
+    if (SUCCEEDED(result)) result = add_place(key, window);
+    if (FAILED(result) && window_count_.load() == 0) listen_no_more();
     return result;
+}
+
+HRESULT Notifier::listen() {
+    if (listening_) return S_OK;
+    const HRESULT result = store_result(store_.shared().watch(*this));
+    listening_ = SUCCEEDED(result);
+    return result;
+}
+
+void Notifier::listen_no_more() {
+    if (!listening_) return;
+    remove_store_watcher(*this);
+    store_.shared().keep_no_changes();
+    listening_ = false;
 }
 
 HRESULT Notifier::add_place(const void* key, HWND window) {
@@ -56,14 +50,17 @@ HRESULT Notifier::add_place(const void* key, HWND window) {
         if (FAILED(result)) return result;
         seq = store_.seq();
     }
+    if (windows_.empty()) {
+        const HRESULT result = store_result(store_.shared().keep_changes(seq));
+        if (FAILED(result)) return result;
+    }
     windows_.push_back({key, window, seq});
-    if (windows_.size() == 1) store_.signal().set_position(seq);
     window_count_.store(static_cast<int>(windows_.size()));
     return S_OK;
 }
 
 void Notifier::remove_window(const void* key) {
-    const std::lock_guard worker(worker_mutex_);
+    const std::lock_guard membership(membership_);
     bool last = false;
     {
         const std::lock_guard lock(mutex_);
@@ -71,7 +68,7 @@ void Notifier::remove_window(const void* key) {
         window_count_.store(static_cast<int>(windows_.size()));
         last = windows_.empty();
     }
-    if (last) stop_worker();
+    if (last) listen_no_more();
 }
 
 void Notifier::session_began() {
@@ -87,6 +84,7 @@ void Notifier::session_ended() {
 HRESULT Notifier::load_saved() {
     if (saved_known_.load()) return S_OK;
     const auto reading = store_.lock();
+    if (const HRESULT result = store_.refresh(); FAILED(result)) return result;
     saved_known_.store(true);  // before the look: a change that comes after it clears this again
     for (const INT folder : kFolders) {
         Value value;
@@ -112,7 +110,7 @@ HRESULT Notifier::flags(INT folder, ULONG& flags) {
     const std::lock_guard lock(mutex_);
     {
         const auto reading = store_.lock();
-        const HRESULT result = store_.refresh();
+        const HRESULT result = store_.refresh();  // somebody may have saved others
         if (FAILED(result)) return result;
     }
     const HRESULT result = load_saved();
@@ -151,12 +149,19 @@ void Notifier::dispatch_locked() {
         std::erase_if(round, [&](Window* window) { return !post_all(*window, changes); });
         if (changes.size() < kChunk) break;
     }
+    keep_place();
+    if (behind_.load()) call_store_watcher(*this);
+}
+
+// What the windows have not been told yet stays in the log. Where its place cannot be written the old one holds back
+// more.
+void Notifier::keep_place() {
     if (windows_.empty()) return;
     LONGLONG oldest = windows_.front().seq;
     for (const Window& window : windows_) {
         oldest = std::min(oldest, window.seq);
     }
-    store_.signal().set_position(oldest);
+    static_cast<void>(store_.shared().keep_changes(oldest));
 }
 
 bool Notifier::read_changes(LONGLONG seq, std::vector<Change>& changes) {
@@ -185,7 +190,7 @@ bool Notifier::post_all(Window& window, const std::vector<Change>& changes) {
 // False: the queue is full, the change is to be posted later. A window that is gone needs nothing.
 bool Notifier::post(Window& window, const Change& change) {
     if (change.kind == ChangeKind::Folder) return true;
-    const bool local = change.origin == store_.origin();
+    const bool local = change.origin == store_.shared().origin();
     const INT folder = folder_of(change.oid);
     if ((effective(folder) & (local ? PIMFOLDERNOTIFICATION_LOCAL : PIMFOLDERNOTIFICATION_REMOTE)) == 0) return true;
     const UINT message = (local ? PIM_ITEM_CREATED_LOCAL : PIM_ITEM_CREATED_REMOTE) + static_cast<UINT>(change.kind);
@@ -196,57 +201,13 @@ bool Notifier::post(Window& window, const Change& change) {
     return !full;
 }
 
-HRESULT Notifier::start_worker() {
-    const HRESULT claimed = store_.signal().claim();
-    if (FAILED(claimed)) return claimed;
-    const int watch = above_standard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    const int stop = above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    int error = watch < 0 || stop < 0 ? errno : 0;
-    if (error == 0 && inotify_add_watch(watch, store_.signal().path().c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0)
-        error = errno;
-    if (error == 0) {
-        const SignalBlock no_signals;
-        try {
-            worker_ = std::thread(&Notifier::work, this, watch, stop);
-        } catch (const std::system_error&) {
-            error = EAGAIN;
-        }
+bool Notifier::rang() noexcept {
+    try {
+        dispatch();
+    } catch (const std::bad_alloc&) {
+        return true;  // when there is memory again
     }
-    if (error == 0) {
-        stop_ = stop;
-        return S_OK;
-    }
-    if (watch >= 0) close(watch);
-    if (stop >= 0) close(stop);
-    store_.signal().give_up();
-    return fail(HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES),
-                std::string("The contact store cannot be watched: ") + strerror(error) + ".");
-}
-
-void Notifier::stop_worker() {
-    if (!worker_.joinable()) return;
-    const std::uint64_t one = 1;
-    static_cast<void>(!write(stop_, &one, sizeof one));
-    worker_.join();
-    close(stop_);
-    stop_ = -1;
-    store_.signal().give_up();
-}
-
-void Notifier::work(int watch, int stop) {
-    pollfd files[] = {{watch, POLLIN, 0}, {stop, POLLIN, 0}};
-    for (;;) {
-        const int ready = poll(files, 2, behind_.load() ? kRetryMilliseconds : -1);
-        if (ready < 0 && errno != EINTR) break;
-        if ((files[1].revents & POLLIN) != 0) break;
-        drain(watch);
-        try {
-            dispatch();
-        } catch (const std::bad_alloc&) {
-            behind_.store(true);  // later, when there is memory
-        }
-    }
-    close(watch);
+    return behind_.load();
 }
 
 }  // namespace zr::platform::pim

@@ -3,25 +3,24 @@
 // Turns the change log into window messages for the sessions of this process.
 //
 // Each window has its own place in the log and gets what lies behind it in the log's order, this process's changes as
-// local and other processes' as remote. Local ones are posted by the call that committed them; remote ones by a worker
-// that sleeps on the signal file and lives while a window is logged on. A window whose queue is full keeps its place,
-// and the worker tries again until the queue has room.
+// local and other processes' as remote. Local ones are posted by the call that committed them; remote ones behind the
+// ring of the store's bell. A window whose queue is full keeps its place, and is tried again until the queue has room.
 
 #include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "platform/pim.h"
+#include "store/store_listener.h"
 
 namespace zr::platform::pim {
 
 class Store;
 struct Change;
 
-class Notifier {
+class Notifier final : public StoreWatcher {
 public:
     explicit Notifier(Store& store) : store_(store) {}
     ~Notifier();
@@ -46,6 +45,18 @@ public:
     // A folder's saved properties changed; with the reading side locked.
     void folder_changed() { saved_known_.store(false); }
 
+    bool rang() noexcept override;
+
+    // A fork finds the locks free.
+    void before_fork() {
+        membership_.lock();
+        mutex_.lock();
+    }
+    void after_fork() {
+        mutex_.unlock();
+        membership_.unlock();
+    }
+
 private:
     struct Window {
         const void* key;
@@ -60,14 +71,13 @@ private:
     bool read_changes(LONGLONG seq, std::vector<Change>& changes);
     bool post_all(Window& window, const std::vector<Change>& changes);
     bool post(Window& window, const Change& change);
-    HRESULT start_worker();
-    void stop_worker();
-    void work(int watch, int stop);
+    HRESULT listen();
+    void listen_no_more();
+    void keep_place();
 
     Store& store_;
-    std::mutex worker_mutex_;  // taken before mutex_
-    std::thread worker_;
-    int stop_ = -1;
+    std::mutex membership_;  // held while the first window comes or the last one goes; taken before mutex_
+    bool listening_ = false;
 
     std::mutex mutex_;
     std::vector<Window> windows_;

@@ -1,7 +1,6 @@
 #include "schema.h"
 
-#include "last_error.h"
-#include "store/store_file.h"
+#include "database.h"
 
 namespace zr::platform::pim {
 namespace {
@@ -31,26 +30,23 @@ constexpr const char* kSteps[] = {
     // of the pattern, its value whether it was deleted; the other rows are the fields that were put into it.
     "CREATE TABLE exception(oid INTEGER NOT NULL, day INTEGER NOT NULL, id INTEGER NOT NULL, value,"
     " PRIMARY KEY(oid, day, id)) WITHOUT ROWID;",
+    // The log counts on from the time: no number of it is that of another store.
+    "DELETE FROM change;"
+    "INSERT INTO change SELECT " ZR_STORE_FIRST_SEQ ", 3, 0, 0;",
 };
-
-constexpr StoreKind kKind = {kStoreName, kApplicationId, kSteps,
-                             "PRAGMA encoding = 'UTF-16';"
-                             "PRAGMA journal_mode = WAL;"
-                             "PRAGMA synchronous = NORMAL;"
-                             "PRAGMA wal_autocheckpoint = 4000;"
-                             "PRAGMA journal_size_limit = 67108864;"
-                             "PRAGMA cache_size = -8192;"};
 
 }  // namespace
 
-HRESULT open_store(const std::string& path, Database& database) {
-    const StoreOpening opening = platform::open_store(kKind, path, database);
-    return opening ? S_OK : fail(store_result(opening.error), opening.message);
-}
-
-HRESULT open_connection(const std::string& path, Database& database) {
-    const DWORD error = platform::open_connection(kKind, path, database);
-    return error == ERROR_SUCCESS ? S_OK : database.result();
-}
+const StoreKind kContactStore = {kStoreName,
+                                 "pim.db",
+                                 kApplicationId,
+                                 kSteps,
+                                 "PRAGMA encoding = 'UTF-16';"
+                                 "PRAGMA journal_mode = WAL;"
+                                 "PRAGMA synchronous = NORMAL;"
+                                 "PRAGMA wal_autocheckpoint = 4000;"
+                                 "PRAGMA journal_size_limit = 67108864;"
+                                 "PRAGMA cache_size = -8192;",
+                                 false};
 
 }  // namespace zr::platform::pim

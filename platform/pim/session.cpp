@@ -31,6 +31,7 @@ void Session::end() {
 }
 
 HRESULT Session::begin_batch() {
+    const InCall in_call;
     const std::lock_guard lock(batch_mutex_);
     if (batch_mark_) return fail(E_UNEXPECTED, "A batch is open already.");
     BatchMark mark = std::make_shared<std::atomic<BatchOutcome>>(BatchOutcome::Open);
@@ -45,6 +46,7 @@ void Session::close_batch(BatchOutcome outcome) {
 }
 
 HRESULT Session::commit_batch() {
+    const InCall in_call;
     const std::lock_guard lock(batch_mutex_);
     if (!batch_mark_) return fail(E_UNEXPECTED, "No batch is open.");
     const HRESULT result = batch_.commit();
@@ -53,6 +55,7 @@ HRESULT Session::commit_batch() {
 }
 
 HRESULT Session::rollback_batch() {
+    const InCall in_call;
     const std::lock_guard lock(batch_mutex_);
     if (!batch_mark_) return fail(E_UNEXPECTED, "No batch is open.");
     batch_.rollback();

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 
+#include "fork_gate.h"
 #include "last_error.h"
 #include "platform/pim.h"
 #include "store.h"
@@ -46,6 +47,7 @@ public:
     template <class Work>
     HRESULT write(BatchMark& mark, Work work) {
         if (!is_open()) return check_open();
+        const InCall in_call;
         const std::lock_guard lock(batch_mutex_);
         if (batch_mark_) {
             mark = batch_mark_;

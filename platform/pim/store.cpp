@@ -1,22 +1,16 @@
 #include "store.h"
 
-#include <sys/random.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <chrono>
 
-#include "base/state_folder.h"
-#include "base/utf.h"
+#include "base/forks.h"
+#include "fork_gate.h"
 #include "last_error.h"
 #include "notifier.h"
 #include "schema.h"
-#include "store/store_file.h"
 
 namespace zr::platform::pim {
 namespace {
 
-constexpr std::chrono::seconds kWriteRightTimeout{5};
 
 std::mutex stores_mutex;
 
@@ -43,93 +37,118 @@ Value read_value(const Statement& row, int column, CEPROPID id) {
     }
 }
 
-Store::Store() : notifier_(std::make_unique<Notifier>(*this)) {
-    // A process is told apart from others by chance, not by number: numbers are used again.
-    if (getrandom(&origin_, sizeof origin_, 0) != sizeof origin_) origin_ = static_cast<DWORD>(getpid());
-    origin_ &= 0x7FFFFFFF;
-}
+Store::Store(std::string path)
+    : shared_(kContactStore, *this, std::move(path)), notifier_(std::make_unique<Notifier>(*this)) {}
 
 Store::~Store() {
     notifier_.reset();
 }
 
+// A fork finds the family's locks free: nobody is inside a call, no store comes or goes, nobody is being told anything.
+class Forks {
+public:
+    static void prepare() noexcept {
+        ForkGate::close();
+        stores_mutex.lock();
+        held().clear();
+        for (const auto& each : stores()) {
+            if (auto store = each.lock()) held().push_back(std::move(store));
+        }
+        for (const auto& store : held()) {
+            store->notifier().before_fork();
+        }
+    }
+    static void in_parent() noexcept {
+        unlock();
+        held().clear();
+        ForkGate::open();
+    }
+    // The references stay until the next look: a child frees nothing.
+    static void in_child() noexcept {
+        unlock();
+        ForkGate::open_in_child();
+    }
+    static void make_room(std::size_t stores) { held().reserve(stores); }
+    static void let_go() noexcept {
+        std::vector<std::shared_ptr<Store>> gone;
+        const std::lock_guard lock(stores_mutex);
+        gone.swap(held());
+    }
+
+private:
+    static void unlock() {
+        for (const auto& store : held()) {
+            store->notifier().after_fork();
+        }
+        stores_mutex.unlock();
+    }
+    // The stores that are there; they do not end while their locks are taken.
+    static std::vector<std::shared_ptr<Store>>& held() {
+        static auto* const all = new std::vector<std::shared_ptr<Store>>;
+        return *all;
+    }
+};
+
+const AtFork at_fork{ForkRank::Pim, {&Forks::prepare, &Forks::in_parent, &Forks::in_child, &Forks::let_go}};
+
 HRESULT Store::join(std::shared_ptr<Store>& store) {
-    const Folder folder = state_folder();
-    if (!folder) return fail(HRESULT_FROM_WIN32(folder.error), folder.message);
-    const std::string path = folder.path + "/pim.db";
     const std::lock_guard lock(stores_mutex);
     auto& all = stores();
     std::erase_if(all, [](const auto& each) { return each.expired(); });
-    if (access(suspicion(path).c_str(), F_OK) != 0) {
-        for (const auto& each : all) {
-            store = each.lock();
-            if (store && store->path_ == path) return S_OK;
-        }
-    }
-    store = std::make_shared<Store>();
-    const HRESULT result = store->open(path);
-    if (FAILED(result)) {
+    std::string path;
+    std::string trouble;
+    if (const DWORD error = SharedStore::path_of(kContactStore, path, trouble); error != ERROR_SUCCESS)
+        return fail(HRESULT_FROM_WIN32(error), trouble);
+    for (const auto& each : all) {
+        store = each.lock();
+        if (store && store->shared_.path() == path) break;
         store.reset();
-        return result;
     }
-    all.push_back(store);
-    return S_OK;
+    if (!store) {
+        store = std::make_shared<Store>(path);
+        all.push_back(store);
+        Forks::make_room(all.size());
+    }
+    const HRESULT result = store_result(store->shared_.join());
+    if (FAILED(result)) store.reset();
+    return result;
 }
 
-HRESULT Store::open(const std::string& path) {
-    path_ = path;
-    HRESULT result = open_store(path, reader_);
-    if (SUCCEEDED(result)) result = signal_.open(path + ".signal");
-    if (FAILED(result)) return result;
-    LONGLONG seq = 0;
-    result = reader_.scalar("SELECT max(seq) FROM change", seq);
-    if (FAILED(result)) return result;
-    seq_ = seq;
-    commits_.attach(reader_);
-    return S_OK;
+void Store::failed(std::string_view sentence) noexcept {
+    fail(S_OK, sentence);
 }
 
-HRESULT Store::refresh() {
-    CommitWatch::Stamp now;
-    const bool known = commits_.look(now);  // if it does not, every refresh looks at the log
-    if (known && stamp_known_ && now == stamp_) return S_OK;
+void Store::opened(bool another) {
+    if (!another) return;
+    generation_.fetch_add(1, std::memory_order_relaxed);
+    forget();
+}
+
+DWORD Store::follow(LONGLONG position) {
     std::vector<Change> changes;
-    const HRESULT result = logged(seq_, static_cast<int>(kRecentChanges) + 1, changes);
-    if (FAILED(result)) return result;
-    if (changes.size() > kRecentChanges || (!changes.empty() && changes.front().seq != seq_ + 1)) {
-        LONGLONG seq = 0;
-        const HRESULT read = reader_.scalar("SELECT max(seq) FROM change", seq);
-        if (FAILED(read)) return read;
-        forget_all(seq);
-    } else {
-        for (const Change& change : changes) {
-            apply(change);
-        }
+    if (FAILED(logged(position, -1, changes))) return shared_.reader().error();
+    for (const Change& change : changes) {
+        apply(change);
     }
-    // The stamp from before the reading: what came after it will show next time.
-    stamp_ = now;
-    stamp_known_ = known;
-    return S_OK;
+    return ERROR_SUCCESS;
 }
 
 void Store::apply(const Change& change) {
     rows_.drop(change.oid);
     recent_.push_back(change);
     if (recent_.size() > kRecentChanges) recent_.pop_front();
-    seq_ = change.seq;
     if (change.kind == ChangeKind::Folder) notifier_->folder_changed();
 }
 
-void Store::forget_all(LONGLONG seq) {
+void Store::forget() noexcept {
     rows_.clear();
     recent_.clear();
-    seq_ = seq;
     notifier_->folder_changed();
 }
 
 bool Store::recent(LONGLONG seq, std::vector<Change>& changes) const {
-    const LONGLONG first = seq_ - static_cast<LONGLONG>(recent_.size()) + 1;
-    if (seq + 1 < first || seq > seq_) return false;
+    const LONGLONG first = this->seq() - static_cast<LONGLONG>(recent_.size()) + 1;
+    if (seq + 1 < first || seq > this->seq()) return false;
     changes.assign(recent_.begin() + static_cast<std::ptrdiff_t>(seq + 1 - first), recent_.end());
     return true;
 }
@@ -150,8 +169,11 @@ HRESULT Store::logged(LONGLONG seq, int limit, std::vector<Change>& changes) {
 HRESULT Store::oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq) {
     // Identifiers in use are those below the next new one that are not free.
     return at_once([&]() -> HRESULT {
-        const HRESULT head = reader_.scalar("SELECT max(seq) FROM change", seq);
-        if (FAILED(head)) return head;
+        {
+            const Use head = reader_.use("SELECT max(seq) FROM change");
+            if (!head || head->step() != SQLITE_ROW) return reader_.result();
+            seq = head->integer(0);
+        }
         const Use next = reader_.use("SELECT next FROM folder WHERE id = ?1");
         if (!next) return reader_.result();
         next->bind(1, folder);
@@ -230,30 +252,6 @@ HRESULT Store::exceptions(LONG oid, std::vector<ExceptionDay>& exceptions) {
 
 HRESULT Store::exception(LONG oid, LONG day, ExceptionFields& exception) {
     return read_exception(reader_, oid, day, exception);
-}
-
-HRESULT Store::take_write_right() {
-    std::unique_lock lock(write_mutex_);
-    if (writing_ && writing_thread_ == std::this_thread::get_id())
-        return fail(kBusy, "Another session of this thread has a batch open in the contact store.");
-    if (!write_free_.wait_for(lock, kWriteRightTimeout, [this] { return !writing_; })) return fail(kBusy);
-    if (!writer_) {
-        auto writer = std::make_unique<Database>();
-        const HRESULT result = open_connection(path_, *writer);
-        if (FAILED(result)) return result;
-        writer_ = std::move(writer);
-    }
-    writing_ = true;
-    writing_thread_ = std::this_thread::get_id();
-    return S_OK;
-}
-
-void Store::give_write_right() {
-    {
-        const std::lock_guard lock(write_mutex_);
-        writing_ = false;
-    }
-    write_free_.notify_one();
 }
 
 HRESULT read_values(Database& database, LONG oid, bool named, Values& values) {

@@ -1,30 +1,22 @@
 #pragma once
 
-// The contact store as one process sees it: a connection that reads, what was read lately, and one that writes.
-//
-// Freshness. Every read first asks whether anything was committed (commit_watch.h). If not, the cache holds. Otherwise
-// the change log says what happened since, and what it names is dropped. The cache is thus never older than a commit
-// that came before the read.
-//
-// Locks. `lock()` guards the reading side. The right to write is one per process (Transaction); it is taken before,
-// never while, the reading side is locked.
+// The contact store as one process sees it: what was read lately is kept in a cache, behind the store's reading lock,
+// and what the change log names is dropped from it. The cache is thus never older than a commit that came before the
+// read.
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "contact_rows.h"
 #include "database.h"
 #include "fields.h"
 #include "keys.h"
-#include "signal_file.h"
-#include "store/commit_watch.h"
+#include "store/shared_store.h"
 #include "values.h"
 
 namespace zr::platform::pim {
@@ -51,25 +43,25 @@ struct ExceptionFields {
     Values values;
 };
 
-class Store {
+class Store final : public StoreFamily {
 public:
     // The process's store for the present ZR_HOME, opened if need be.
     static HRESULT join(std::shared_ptr<Store>& store);
-    Store();
+    explicit Store(std::string path);
     ~Store();
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
 
-    const std::string& path() const { return path_; }
-    DWORD origin() const { return origin_; }
-    SignalFile& signal() { return signal_; }
+    SharedStore& shared() { return shared_; }
     Notifier& notifier() { return *notifier_; }
 
     // --- reading; all of these with the lock held ---
-    std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex_); }
+    std::unique_lock<std::mutex> lock() { return shared_.lock(); }
     // Takes notice of every commit up to now.
-    HRESULT refresh();
-    LONGLONG seq() const { return seq_; }
+    HRESULT refresh() { return store_result(shared_.refresh()); }
+    LONGLONG seq() const { return shared_.position(); }
+    // Counts the files that were the store; what is known of another one's items holds no longer.
+    LONG generation() const { return generation_.load(std::memory_order_relaxed); }
     // The changes behind `seq` that are still at hand, in order; false when some are not.
     bool recent(LONGLONG seq, std::vector<Change>& changes) const;
     // From the log itself, at most `limit`.
@@ -92,8 +84,8 @@ public:
     // Several reads of the store as of one moment, after refresh().
     template <class Reads>
     HRESULT at_once(Reads reads) {
-        const HRESULT result = reader_.execute("BEGIN");
-        if (FAILED(result)) return result;
+        Use begin = reader_.use("BEGIN");
+        if (const HRESULT result = reader_.run(begin); FAILED(result)) return result;
         struct End {
             Database& reader;
             ~End() { sqlite3_exec(reader.handle(), "COMMIT", nullptr, nullptr, nullptr); }
@@ -101,36 +93,25 @@ public:
         return reads();
     }
 
-private:
-    friend class Transaction;
-    HRESULT open(const std::string& path);
-    void apply(const Change& change);
-    void forget_all(LONGLONG seq);
+    void opened(bool another) override;
+    DWORD follow(LONGLONG position) override;
+    void forget() noexcept override;
+    void failed(std::string_view sentence) noexcept override;
+    void was_set_aside(std::string_view sentence) noexcept override { failed(sentence); }
 
-    HRESULT take_write_right();
-    void give_write_right();
+private:
+    void apply(const Change& change);
 
     static constexpr std::size_t kRecentChanges = 8192;
 
-    std::string path_;
-    DWORD origin_ = 0;
-    SignalFile signal_;
+    SharedStore shared_;
+    Database reader_{shared_.reader()};
+    std::atomic<LONG> generation_{0};
     std::unique_ptr<Notifier> notifier_;
 
-    std::mutex mutex_;
-    Database reader_;
-    CommitWatch commits_;
-    CommitWatch::Stamp stamp_;
-    bool stamp_known_ = false;
-    LONGLONG seq_ = 0;
+    // Guarded by the reading lock.
     std::deque<Change> recent_;
     ContactRows rows_{reader_};
-
-    std::mutex write_mutex_;
-    std::condition_variable write_free_;
-    bool writing_ = false;
-    std::thread::id writing_thread_;
-    std::unique_ptr<Database> writer_;
 };
 
 // A write transaction; rolled back unless committed.
@@ -142,10 +123,10 @@ public:
     Transaction& operator=(const Transaction&) = delete;
 
     HRESULT begin(Store& store);
-    bool open() const { return store_ != nullptr; }
+    bool open() const { return writing_.is_open(); }
     // Keeps everything, wakes the watchers, reports to this process's windows. On failure nothing is kept.
     HRESULT commit();
-    void rollback();
+    void rollback() { writing_.roll_back(); }
 
     // A failure other than kGone leaves the transaction good for nothing but a rollback.
     HRESULT insert(INT folder, const Values& values, LONG& oid);
@@ -169,12 +150,10 @@ private:
     HRESULT check_occurrence(LONG oid, LONG day);
     HRESULT write_exception(LONG oid, LONG day, CEPROPID id, const Value& value);
     HRESULT log(ChangeKind kind, LONG oid);
-    HRESULT prune();
 
     Store* store_ = nullptr;
-    Database* db_ = nullptr;
-    LONGLONG first_seq_ = 0;
-    LONGLONG seq_ = 0;
+    StoreWriting writing_;
+    std::optional<Database> db_;
     INT next_folder_ = 0;  // next_ is this folder's lowest identifier never used; 0: of none
     LONG next_ = 0;
     LONG read_next_ = 0;   // what the store has of it

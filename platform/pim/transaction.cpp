@@ -9,10 +9,6 @@
 namespace zr::platform::pim {
 namespace {
 
-// The log keeps at least this many changes, so that caches seldom have to start over.
-constexpr LONGLONG kKeptChanges = 8192;
-constexpr LONGLONG kPruneEvery = 1024;
-
 constexpr const char* kInsertContact =
     "INSERT INTO contact(file_as, title, first_name, middle_name, last_name, suffix, company, email1, email2, email3,"
     " job_title, own_file_as, oid) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13)";
@@ -64,29 +60,19 @@ void bind_value(const Use& statement, int index, const Value& value) {
 }  // namespace
 
 HRESULT Transaction::begin(Store& store) {
-    HRESULT result = store.take_write_right();
+    const HRESULT result = store_result(writing_.begin(store.shared()));
     if (FAILED(result)) return result;
-    db_ = store.writer_.get();
-    result = db_->execute("BEGIN IMMEDIATE");
-    if (SUCCEEDED(result)) result = db_->scalar("SELECT max(seq) FROM change", seq_);
     store_ = &store;
-    first_seq_ = seq_;
+    db_.emplace(writing_.connection());
     full_folder_ = 0;
     next_folder_ = 0;
     failed_ = false;
-    if (FAILED(result)) rollback();
-    return result;
+    return S_OK;
 }
 
 HRESULT Transaction::checked(HRESULT result) {
     if (FAILED(result)) failed_ = true;
     return result;
-}
-
-void Transaction::rollback() {
-    if (store_ == nullptr) return;
-    db_->roll_back();
-    std::exchange(store_, nullptr)->give_write_right();
 }
 
 HRESULT Transaction::commit() {
@@ -95,37 +81,25 @@ HRESULT Transaction::commit() {
         return fail(E_ABORT, "A change of the batch failed; nothing of the batch was kept.");
     }
     HRESULT result = write_next();
-    const bool changed = seq_ != first_seq_;
-    if (SUCCEEDED(result) && seq_ / kPruneEvery != first_seq_ / kPruneEvery) result = prune();
-    if (SUCCEEDED(result)) result = db_->execute("COMMIT");
     if (FAILED(result)) {
         rollback();
         return result;
     }
-    Store& store = *std::exchange(store_, nullptr);
-    store.give_write_right();
-    if (changed) {
-        store.signal().touch();
-        store.notifier().dispatch();
-    }
-    return S_OK;
-}
-
-HRESULT Transaction::prune() {
-    const LONGLONG end = std::min(seq_ - kKeptChanges, store_->signal().oldest_position(seq_));
-    Use statement = db_->use("DELETE FROM change WHERE seq <= ?1");
-    if (!statement) return db_->result();
-    statement->bind(1, end);
-    return db_->run(statement);
+    const bool changed = writing_.has_changes();
+    result = store_result(writing_.commit());
+    if (SUCCEEDED(result) && changed) store_->notifier().dispatch();
+    return result;
 }
 
 HRESULT Transaction::log(ChangeKind kind, LONG oid) {
+    LONGLONG seq = 0;
+    if (const DWORD error = writing_.next_seq(seq); error != ERROR_SUCCESS) return store_result(error);
     Use statement = db_->use("INSERT INTO change(seq, kind, oid, origin) VALUES(?1, ?2, ?3, ?4)");
     if (!statement) return db_->result();
-    statement->bind(1, ++seq_);
+    statement->bind(1, seq);
     statement->bind(2, static_cast<LONG>(kind));
     statement->bind(3, oid);
-    statement->bind(4, store_->origin());
+    statement->bind(4, writing_.origin());
     return db_->run(statement);
 }
 

@@ -1,166 +1,119 @@
 #include "change_listener.h"
 
-#include <poll.h>
-#include <pthread.h>
-#include <sys/inotify.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <new>
-#include <string>
-#include <system_error>
-#include <thread>
 
-#include "base/host_error.h"
-#include "base/host_fd.h"
-#include "base/signal_block.h"
+#include "base/forks.h"
+#include "platform/base.h"
+#include "store.h"
 
 namespace zr::platform::registry {
+
+constinit std::atomic<ChangeListener*> ChangeListener::the_listener_{nullptr};
+
 namespace {
 
-constexpr int kRetryMilliseconds = 100;  // until the store is read again that could not be
-
-template <class Body>
-bool start_thread(Body body) noexcept {
-    const SignalBlock no_signals;
-    try {
-        std::thread(body).detach();
-        return true;
-    } catch (const std::exception&) {
-        return false;
-    }
-}
+constinit std::mutex making;
 
 }  // namespace
 
-std::atomic<ChangeListener*> ChangeListener::the_listener_{nullptr};
+// A fork finds the locks free: the child may close handles of its parent's watches.
+struct RegistryForks {
+    static void prepare() noexcept {
+        making.lock();
+        ChangeListener* const listener = ChangeListener::the_listener_.load(std::memory_order_relaxed);
+        if (listener == nullptr) return;
+        listener->membership_.lock();
+        listener->mutex_.lock();
+    }
+    static void release() noexcept {
+        if (ChangeListener* const listener = ChangeListener::the_listener_.load(std::memory_order_relaxed)) {
+            listener->mutex_.unlock();
+            listener->membership_.unlock();
+        }
+        making.unlock();
+    }
+};
 
-ChangeListener::ChangeListener(int inotify) noexcept : inotify_(inotify) {}
+namespace {
 
-ChangeListener* ChangeListener::get(DWORD& error) noexcept {
-    ChangeListener* known = the_listener_.load(std::memory_order_acquire);
-    if (known != nullptr) return known;
-    const int inotify = above_standard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (inotify < 0) {
-        error = error_from_errno(errno);
-        return nullptr;
-    }
-    auto* const made = new (std::nothrow) ChangeListener(inotify);
-    if (made == nullptr) {
-        close(inotify);
-        error = ERROR_NOT_ENOUGH_MEMORY;
-        return nullptr;
-    }
-    static std::once_flag forks;
-    std::call_once(forks, [] { pthread_atfork(&before_fork, &after_fork, &after_fork_in_child); });
-    if (!the_listener_.compare_exchange_strong(known, made, std::memory_order_acq_rel)) {
-        delete made;
-        close(inotify);
-        return known;
-    }
+const AtFork at_fork{ForkRank::Registry, {&RegistryForks::prepare, &RegistryForks::release, &RegistryForks::release}};
+
+}  // namespace
+
+ChangeListener* ChangeListener::get() noexcept {
+    if (ChangeListener* const made = the_listener_.load(std::memory_order_acquire)) return made;
+    const std::lock_guard lock(making);
+    if (ChangeListener* const made = the_listener_.load(std::memory_order_relaxed)) return made;
+    Store* const store = Store::instance();
+    auto* const made = store == nullptr ? nullptr : new (std::nothrow) ChangeListener(*store);
+    if (made == nullptr) return nullptr;
+    the_listener_.store(made, std::memory_order_release);
     return made;
 }
 
-// A fork finds the lock free: the child may close handles of its parent's watches, which are told nothing there. The
-// lock is taken before the store's, so this comes after the store's own preparation, and is run before it.
-void ChangeListener::before_fork() noexcept {
-    if (ChangeListener* const listener = the_listener_.load(std::memory_order_acquire)) listener->mutex_.lock();
-}
-
-void ChangeListener::after_fork() noexcept {
-    if (ChangeListener* const listener = the_listener_.load(std::memory_order_acquire)) listener->mutex_.unlock();
-}
-
-void ChangeListener::after_fork_in_child() noexcept {
-    after_fork();
-    if (ChangeListener* const parents = the_listener_.exchange(nullptr)) close(parents->inotify_);
-}
-
 DWORD ChangeListener::add(KeyWatch& watch) noexcept {
+    const std::lock_guard membership(membership_);
+    if (!listening_) {
+        try {
+            if (const DWORD error = store_.shared().watch(*this); error != ERROR_SUCCESS) return registry_error(error);
+        } catch (const std::bad_alloc&) {
+            return ERROR_NOT_ENOUGH_MEMORY;
+        }
+        listening_ = true;
+    }
+    const DWORD error = insert(watch);
+    if (error != ERROR_SUCCESS && erase(watch)) {
+        remove_store_watcher(*this);
+        listening_ = false;
+    }
+    return error;
+}
+
+DWORD ChangeListener::insert(KeyWatch& watch) noexcept {
     const std::lock_guard guard(mutex_);
     try {
         watches_.insert(&watch);
     } catch (const std::bad_alloc&) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    DWORD error = listen();
-    if (error == ERROR_SUCCESS) error = change_position(watch.from_);
+    DWORD error = change_position(watch.from_);
     if (error == ERROR_SUCCESS) error = key_id(watch.key_, watch.id_);
-    if (error == ERROR_SUCCESS) {
-        watch.armed_ = true;
-        if (watches_.size() == 1) position_ = watch.from_;
-    } else {
-        watches_.erase(&watch);
-    }
-    return error;
-}
-
-void ChangeListener::remove(KeyWatch& watch) noexcept {
-    const std::lock_guard guard(mutex_);
-    watches_.erase(&watch);
-}
-
-// Has the host report the bell, and the thread wait for it.
-DWORD ChangeListener::listen() noexcept {
-    if (listening_) return ERROR_SUCCESS;
-    try {
-        std::string bell;
-        if (const DWORD error = bell_path(bell); error != ERROR_SUCCESS) return error;
-        if (inotify_add_watch(inotify_, bell.c_str(), IN_CLOSE_WRITE) < 0)
-            return errno == ENOSPC ? ERROR_NO_SYSTEM_RESOURCES : error_from_errno(errno);
-        running_ = running_ || start_thread([this] { run(); });
-        if (!running_) return ERROR_NOT_ENOUGH_MEMORY;
-    } catch (const std::bad_alloc&) {
-        return ERROR_NOT_ENOUGH_MEMORY;
-    }
-    listening_ = true;
+    if (error != ERROR_SUCCESS) return error;
+    watch.armed_ = true;
+    if (watches_.size() == 1) position_ = watch.from_;
     return ERROR_SUCCESS;
 }
 
-void ChangeListener::run() noexcept {
-    while (true) {
-        bool again = false;
-        {
-            const std::lock_guard guard(mutex_);
-            again = again_ && !watches_.empty();
-        }
-        pollfd poll{inotify_, POLLIN, 0};
-        ::poll(&poll, 1, again ? kRetryMilliseconds : -1);
-        const bool lost = take_rings();
-        const std::lock_guard guard(mutex_);
-        if (lost) listening_ = false;
-        again_ = lost || again_;
-        if (!watches_.empty()) catch_up();
-    }
+// True when that was the last one.
+bool ChangeListener::erase(KeyWatch& watch) noexcept {
+    const std::lock_guard guard(mutex_);
+    watches_.erase(&watch);
+    return watches_.empty();
 }
 
-// Empties the host's queue: rings say nothing but that there was one. True when the bell is no longer reported.
-bool ChangeListener::take_rings() noexcept {
-    alignas(inotify_event) char buffer[4096];
-    bool lost = false;
-    for (ssize_t got = 0; (got = ::read(inotify_, buffer, sizeof buffer)) > 0;) {
-        for (const char* at = buffer; at < buffer + got;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(at);
-            lost = lost || (event->mask & IN_IGNORED) != 0;
-            at += sizeof *event + event->len;
-        }
-    }
-    return lost;
+void ChangeListener::remove(KeyWatch& watch) noexcept {
+    const std::lock_guard membership(membership_);
+    if (!erase(watch) || !listening_) return;
+    remove_store_watcher(*this);
+    listening_ = false;
 }
 
-void ChangeListener::catch_up() noexcept {
+bool ChangeListener::rang() noexcept {
+    const std::lock_guard guard(mutex_);
+    return !watches_.empty() && !catch_up();
+}
+
+// False: the changes could not be read, and will be later.
+bool ChangeListener::catch_up() noexcept {
     bool complete = false;
     changes_.clear();
-    const bool listens = listen() == ERROR_SUCCESS;
-    const DWORD error = changes_since(position_, changes_, complete);
-    again_ = !listens || error != ERROR_SUCCESS;
-    if (error != ERROR_SUCCESS) return;
+    if (changes_since(position_, changes_, complete) != ERROR_SUCCESS) return false;
     if (!complete) {
         LONGLONG position = 0;
-        again_ = again_ || change_position(position) != ERROR_SUCCESS;
-        if (!again_) tell_all(position);
-        return;
+        if (change_position(position) != ERROR_SUCCESS) return false;
+        tell_all(position);
+        return true;
     }
     for (const Change& change : changes_) {
         for (KeyWatch* watch : watches_) {
@@ -168,6 +121,7 @@ void ChangeListener::catch_up() noexcept {
         }
         position_ = change.seq;
     }
+    return true;
 }
 
 // What happened is not known, so it may have been anything.

@@ -1,6 +1,6 @@
 #pragma once
 
-// Handles that are signalled when keys change, and the thread of the process that serves them all.
+// Handles that are signalled when keys change, and what tells them all.
 
 #include <atomic>
 #include <mutex>
@@ -10,10 +10,12 @@
 #include "changes.h"
 #include "kernel/waitable.h"
 #include "platform/registry.h"
+#include "store/store_listener.h"
 
 namespace zr::platform::registry {
 
 class ChangeListener;
+class Store;
 
 class KeyWatch final : public Event {
 public:
@@ -46,40 +48,37 @@ private:
     bool changed_ = false;  // while it was not armed
 };
 
-class ChangeListener {
+// Waits for the store's bell while there are watches. Locks: membership_, then mutex_, then the store's.
+class ChangeListener final : public StoreWatcher {
 public:
-    // This process's, made at the first use; a child made by fork gets one of its own. Never destroyed: its thread may
-    // run as long as the process. Null, with `error` set, when the host gives no descriptor or thread.
-    static ChangeListener* get(DWORD& error) noexcept;
+    // This process's, made at the first use and never destroyed; null when there is no memory for it.
+    static ChangeListener* get() noexcept;
 
     // Begins to tell the watch, whose key is looked at behind the first change that could be told.
     DWORD add(KeyWatch& watch) noexcept;
     void remove(KeyWatch& watch) noexcept;
     std::mutex& lock() noexcept { return mutex_; }
 
+    bool rang() noexcept override;
+
 private:
-    explicit ChangeListener(int inotify) noexcept;
+    friend struct RegistryForks;
+    explicit ChangeListener(Store& store) noexcept : store_(store) {}
 
-    static void before_fork() noexcept;
-    static void after_fork() noexcept;
-    static void after_fork_in_child() noexcept;
-
-    DWORD listen() noexcept;
-    void run() noexcept;
-    bool take_rings() noexcept;
-    void catch_up() noexcept;
+    DWORD insert(KeyWatch& watch) noexcept;
+    bool erase(KeyWatch& watch) noexcept;
+    bool catch_up() noexcept;
     void tell_all(LONGLONG position) noexcept;
 
     static std::atomic<ChangeListener*> the_listener_;
 
-    const int inotify_;
+    Store& store_;
+    std::mutex membership_;  // held while the first watch comes or the last one goes
+    bool listening_ = false;
 
     std::mutex mutex_;  // guards what follows; held while the store is read
     std::unordered_set<KeyWatch*> watches_;
-    LONGLONG position_ = 0;   // of the last change that was told
-    bool running_ = false;    // the thread does
-    bool listening_ = false;  // the host reports the bell
-    bool again_ = false;      // the changes could not be read, or the bell is not reported
+    LONGLONG position_ = 0;  // of the last change that was told
     std::vector<Change> changes_;
 };
 

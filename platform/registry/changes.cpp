@@ -21,8 +21,8 @@ DWORD key_id(HKEY key, KeyId& id) noexcept {
 }
 
 DWORD change_position(LONGLONG& seq) noexcept {
-    return read([&](Tree& tree) -> DWORD {
-        seq = tree.seq();
+    return read([&](Tree&) -> DWORD {
+        seq = Store::instance()->shared().position();
         return ERROR_SUCCESS;
     });
 }
@@ -31,17 +31,11 @@ DWORD changes_since(LONGLONG seq, std::vector<Change>& changes, bool& complete) 
     return read([&](Tree& tree) -> DWORD {
         const std::size_t before = changes.size();
         const DWORD error = tree.changes(seq, -1, changes);
-        const bool gap = changes.size() > before ? changes[before].seq != seq + 1 : seq != tree.seq();
+        const LONGLONG last = Store::instance()->shared().position();
+        const bool gap = changes.size() > before ? changes[before].seq != seq + 1 : seq != last;
         complete = error == ERROR_SUCCESS && !gap;
         if (!complete) changes.resize(before);
         return error;
-    });
-}
-
-DWORD bell_path(std::string& path) noexcept {
-    return read([&](Tree&) -> DWORD {
-        path = Store::instance()->bell().path();
-        return ERROR_SUCCESS;
     });
 }
 

@@ -3,12 +3,9 @@
 // What has changed in the registry, for those who report it.
 //
 // Every commit, of whichever process, appends to the change log one entry for each change that it made, with ascending
-// numbers. The log is pruned: the last 8,192 entries at least are there. Who has fallen further behind learns that,
-// and has to assume that anything may have changed.
-//
-// Waking up: every process opens the bell's file for writing before it commits and closes it behind the commit. The
-// kernel tells watchers of the file that it was closed by a writer (IN_CLOSE_WRITE), also when the writer was killed.
-// So: take a position, arm; and after each ring read the changes behind the position. A ring may come without a change.
+// numbers. Who has fallen behind what the log keeps (store/shared_store.h) learns that, and has to assume that anything
+// may have changed. So: take a position, arm; and after each ring of the store's bell read the changes behind the
+// position. A ring may come without a change.
 //
 // All functions may be called from any thread, and none while a lock is held that a platform call takes.
 
@@ -47,8 +44,5 @@ DWORD change_position(LONGLONG& seq) noexcept;
 // Appends the changes behind `seq`, in order. `complete` is false when the log does not reach back so far: then nothing
 // is appended and the caller goes on from change_position.
 DWORD changes_since(LONGLONG seq, std::vector<Change>& changes, bool& complete) noexcept;
-
-// The host path of the bell's file, which exists from the first call of the registry on.
-DWORD bell_path(std::string& path) noexcept;
 
 }  // namespace zr::platform::registry

@@ -21,22 +21,22 @@ constinit WCHAR set_aside[1024] = {};
 constinit std::atomic<const WCHAR*> set_aside_text{u""};
 std::once_flag set_aside_once;
 
+}  // namespace
+
 // What happened to the store is said in the registry's own terms.
-DWORD registry_error(DWORD error) {
+DWORD registry_error(DWORD error) noexcept {
     if (error == ERROR_IO_DEVICE || error == ERROR_GEN_FAILURE) return ERROR_REGISTRY_IO_FAILED;
     return error == ERROR_FILE_CORRUPT ? ERROR_REGISTRY_CORRUPT : error;
 }
 
-}  // namespace
-
-DWORD fail(DWORD error, std::string_view sentence) noexcept {
+void keep_failure(std::string_view sentence) noexcept {
     keep_sentence(failure, sentence);
-    return registry_error(error);
 }
 
 DWORD fail(Connection& connection) {
     const DWORD error = connection.error();
-    return fail(error, connection.sentence(kStoreName));
+    keep_failure(connection.sentence(kStoreName));
+    return registry_error(error);
 }
 
 void announce_set_aside(std::string_view sentence) noexcept {

@@ -14,9 +14,12 @@ namespace zr::platform::registry {
 
 inline constexpr const char* kStoreName = "registry";
 
-// Keeps the sentence (UTF-8) for the calling thread and returns the error, as the registry's callers know it.
-DWORD fail(DWORD error, std::string_view sentence) noexcept;
-// What the connection's last failing call means.
+// What a store's error is called in the registry.
+DWORD registry_error(DWORD error) noexcept;
+
+// Keeps the sentence (UTF-8) for the calling thread.
+void keep_failure(std::string_view sentence) noexcept;
+// Keeps what the connection's last failing call means, and returns it as the registry's callers know it.
 DWORD fail(Connection& connection);
 
 // Keeps the sentence that says where the damaged store went, and logs it.

@@ -17,15 +17,14 @@ DWORD watch_key(HKEY key, bool subtree, DWORD filter, HANDLE& changes) noexcept 
     HKEY own = nullptr;
     if (const LONG failure = RegOpenKeyExW(key, nullptr, 0, KEY_NOTIFY, &own); failure != ERROR_SUCCESS)
         return static_cast<DWORD>(failure);
-    DWORD error = ERROR_NOT_ENOUGH_MEMORY;
-    ChangeListener* const listener = ChangeListener::get(error);
+    ChangeListener* const listener = ChangeListener::get();
     auto* const made = listener ? new (std::nothrow) KeyWatch(*listener, own, subtree, filter) : nullptr;
     if (made == nullptr) {
         RegCloseKey(own);
-        return error;
+        return ERROR_NOT_ENOUGH_MEMORY;
     }
     const auto watch = Ref<KeyWatch>::adopt(made);
-    error = listener->add(*watch);
+    DWORD error = listener->add(*watch);
     if (error != ERROR_SUCCESS) return error;
     changes = open_handle(*watch);
     if (changes != nullptr) return ERROR_SUCCESS;

@@ -24,18 +24,26 @@ constexpr const char* kSteps[] = {
     "CREATE TABLE change(seq INTEGER PRIMARY KEY, kind INTEGER NOT NULL, key INTEGER NOT NULL,"
     " parents BLOB NOT NULL, name BLOB NOT NULL);"
     "PRAGMA application_id = 1517441607;",
+    // The log says which process wrote, and counts on from the time: no number of it is that of another registry.
+    "ALTER TABLE change ADD COLUMN origin INTEGER NOT NULL DEFAULT 0;"
+    "DELETE FROM change;"
+    "INSERT INTO change SELECT " ZR_STORE_FIRST_SEQ ", 2, 1, X'', X'', 0;",
 };
 
 }  // namespace
 
 // A commit is not synced: RegFlushKey does that. SQLite itself still syncs where it must to keep the file whole: the
 // journal before a checkpoint copies from it, the file before the journal is begun anew, and the journal's new front.
-const StoreKind kRegistryStore = {kStoreName, kApplicationId, kSteps,
+const StoreKind kRegistryStore = {kStoreName,
+                                  "registry.db",
+                                  kApplicationId,
+                                  kSteps,
                                   "PRAGMA page_size = 1024;"
                                   "PRAGMA journal_mode = WAL;"
                                   "PRAGMA synchronous = NORMAL;"
                                   "PRAGMA wal_autocheckpoint = 2000;"
                                   "PRAGMA journal_size_limit = 16777216;"
-                                  "PRAGMA cache_size = -4096;"};
+                                  "PRAGMA cache_size = -4096;",
+                                  true};
 
 }  // namespace zr::platform::registry

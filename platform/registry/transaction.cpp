@@ -1,60 +1,27 @@
 #include "transaction.h"
 
-#include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "last_error.h"
-#include "store/store_file.h"
 
 namespace zr::platform::registry {
-namespace {
-
-// The log keeps at least this many changes, so that who reads them seldom has to start over.
-constexpr LONGLONG kKeptChanges = 8192;
-constexpr LONGLONG kPruneEvery = 1024;
-
-}  // namespace
-
 DWORD Transaction::failed() {
     return fail(connection_);
 }
 
-DWORD Transaction::begin() {
-    Use begin = connection_.use("BEGIN IMMEDIATE");
-    return begin && begin->step() == SQLITE_DONE ? ERROR_SUCCESS : failed();
-}
-
-DWORD Transaction::commit() {
-    if (first_seq_ == 0) return ERROR_SUCCESS;  // rolled back: there is nothing in it
-    if (last_seq_ / kPruneEvery != (first_seq_ - 1) / kPruneEvery) {
-        if (const DWORD error = prune(); error != ERROR_SUCCESS) return error;
-    }
-    const Bell::Pull pull(bell_);
-    if (!pull)
-        return fail(store_error(pull.error()),
-                    "The registry's file " + bell_.path() + ": " + strerror(pull.error()) + ".");
-    Use commit = connection_.use("COMMIT");
-    return commit && commit->step() == SQLITE_DONE ? ERROR_SUCCESS : failed();
-}
-
-DWORD Transaction::prune() {
-    Use statement = connection_.use("DELETE FROM change WHERE seq <= ?1");
-    if (statement) statement->bind(1, last_seq_ - kKeptChanges);
-    return connection_.run(statement) == 0 ? ERROR_SUCCESS : failed();
-}
-
 DWORD Transaction::log(ChangeKind kind, const Place& key, std::u16string_view name) {
-    Use statement = connection_.use("INSERT INTO change(kind, key, parents, name) VALUES(?1, ?2, ?3, ?4)");
+    LONGLONG seq = 0;
+    if (const DWORD error = writing_.next_seq(seq); error != ERROR_SUCCESS) return registry_error(error);
+    Use statement =
+        connection_.use("INSERT INTO change(kind, key, parents, name, seq, origin) VALUES(?1, ?2, ?3, ?4, ?5, ?6)");
     if (!statement) return failed();
     statement->bind(1, static_cast<LONG>(kind));
     statement->bind(2, key.id);
     statement->bind_blob(3, key.parents.data(), key.parents.size() * sizeof(KeyId));
     statement->bind_units(4, name);
-    if (connection_.run(statement) != 0) return failed();
-    last_seq_ = sqlite3_last_insert_rowid(connection_.handle());
-    if (first_seq_ == 0) first_seq_ = last_seq_;
-    return ERROR_SUCCESS;
+    statement->bind(5, seq);
+    statement->bind(6, writing_.origin());
+    return connection_.run(statement) == ERROR_SUCCESS ? ERROR_SUCCESS : failed();
 }
 
 DWORD Transaction::check(const Place& key) {

@@ -1,13 +1,12 @@
 #pragma once
 
-// One change of the registry, all of it or nothing.
+// What a change of the registry writes.
 
 #include <vector>
 
-#include "bell.h"
 #include "changes.h"
 #include "names.h"
-#include "store/sqlite.h"
+#include "store/shared_store.h"
 
 namespace zr::platform::registry {
 
@@ -21,13 +20,9 @@ struct Place {
 // std::bad_alloc.
 class Transaction {
 public:
-    Transaction(Connection& connection, const Bell& bell) : connection_(connection), bell_(bell) {}
-    ~Transaction() { connection_.roll_back(); }
+    explicit Transaction(StoreWriting& writing) : writing_(writing), connection_(writing.connection()) {}
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
-
-    DWORD begin();
-    DWORD commit();
 
     // ERROR_KEY_DELETED when the key is no longer there.
     DWORD check(const Place& key);
@@ -51,13 +46,10 @@ private:
     DWORD collect(std::vector<Doomed>& keys);
     DWORD delete_key(const Doomed& key);
     DWORD log(ChangeKind kind, const Place& key, std::u16string_view name);
-    DWORD prune();
     DWORD failed();
 
+    StoreWriting& writing_;
     Connection& connection_;
-    const Bell& bell_;
-    LONGLONG first_seq_ = 0;  // of the changes that were made; 0: none was
-    LONGLONG last_seq_ = 0;
 };
 
 }  // namespace zr::platform::registry

@@ -7,23 +7,6 @@
 namespace zr::platform::registry {
 namespace {
 
-// While it lives everything is read as it was at one moment: what one commit changed is seen whole.
-class Snapshot {
-public:
-    explicit Snapshot(Connection& reader) : reader_(reader) {
-        Use begin = reader_.use("BEGIN");
-        begun_ = reader_.run(begin) == ERROR_SUCCESS;
-    }
-    ~Snapshot() { reader_.roll_back(); }
-    Snapshot(const Snapshot&) = delete;
-    Snapshot& operator=(const Snapshot&) = delete;
-    explicit operator bool() const { return begun_; }
-
-private:
-    Connection& reader_;
-    bool begun_;
-};
-
 std::u16string folded(std::u16string_view name) {
     std::u16string text(name);
     CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
@@ -75,23 +58,13 @@ Tree::Tree(Connection& reader) : reader_(reader) {
     }
 }
 
-void Tree::attach(bool replaced) {
-    if (replaced) {
-        forget();
-        for (const auto& [id, node] : nodes_) {
-            node->deleted_ = true;
-            node->verified_ = true;
-        }
-        nodes_.clear();
-        begun_ = false;
+void Tree::start_anew() {
+    forget();
+    for (const auto& [id, node] : nodes_) {
+        node->deleted_ = true;
+        node->verified_ = true;
     }
-    commits_.attach(reader_);
-    stamp_known_ = false;
-}
-
-void Tree::detach() {
-    commits_.detach();
-    stamp_known_ = false;
+    nodes_.clear();
 }
 
 void Tree::forget() noexcept {
@@ -111,7 +84,6 @@ void Tree::forget() noexcept {
         empty(*root);
     }
     value_bytes_ = 0;
-    stamp_known_ = false;
 }
 
 DWORD Tree::failed() {
@@ -157,38 +129,14 @@ DWORD Tree::changes(LONGLONG behind, int limit, std::vector<Change>& changes) {
     return code == SQLITE_DONE ? ERROR_SUCCESS : failed();
 }
 
-DWORD Tree::catch_up(const CommitWatch::Stamp& now, bool known) {
-    stamp_known_ = false;
-    const Snapshot snapshot(reader_);
-    if (!snapshot) return failed();
+DWORD Tree::follow(LONGLONG position) {
     std::vector<Change> news;
-    DWORD error = begun_ ? changes(seq_, kMostChanges + 1, news) : ERROR_SUCCESS;
-    if (error != 0) return error;
-    if (!begun_ || news.size() > kMostChanges || (!news.empty() && news.front().seq != seq_ + 1)) {
-        error = start_over();
-    } else if (!news.empty()) {
-        std::vector<Stale> stale;
-        for (const Change& change : news) {
-            apply(change, stale);
-        }
-        seq_ = news.back().seq;
-        error = renew(stale);
+    if (const DWORD error = changes(position, -1, news); error != ERROR_SUCCESS) return error;
+    std::vector<Stale> stale;
+    for (const Change& change : news) {
+        apply(change, stale);
     }
-    if (error != 0) {
-        forget();
-        return error;
-    }
-    // The stamp from before the reading: what came after it will show next time.
-    stamp_ = now;
-    stamp_known_ = known;
-    return ERROR_SUCCESS;
-}
-
-DWORD Tree::start_over() {
-    forget();
-    if (reader_.scalar("SELECT max(seq) FROM change", seq_) != 0) return failed();
-    begun_ = true;
-    return ERROR_SUCCESS;
+    return renew(stale);
 }
 
 // Changes may already show in what was read since: each of them is made only where it is not there yet.
@@ -295,26 +243,20 @@ void Tree::replace(Node& node, std::u16string_view folded, std::unique_ptr<Value
     value_bytes_ += after - before;
 }
 
-void Tree::take_over(const OwnChange& change, const CommitWatch::Stamp& before, const CommitWatch::Stamp& after) {
-    if (!stamp_known_ || !(stamp_ == before)) return;
-    stamp_known_ = false;
+void Tree::take_over(const OwnChange& change) {
     Node* const node = at_hand(change.key);
-    if (node != nullptr && node->has_values_) {
-        const std::u16string name = folded(change.name);
-        std::unique_ptr<Value> value;
-        if (change.kind == ChangeKind::ValueSet) {
-            const auto old = find(node->values_, name);
-            value = std::make_unique<Value>();
-            value->folded = name;
-            value->name = old != node->values_.end() ? (*old)->name : change.name;
-            value->type = change.type;
-            value->data.assign(change.data, change.data + change.size);
-        }
-        replace(*node, name, std::move(value));
+    if (node == nullptr || !node->has_values_) return;
+    const std::u16string name = folded(change.name);
+    std::unique_ptr<Value> value;
+    if (change.kind == ChangeKind::ValueSet) {
+        const auto old = find(node->values_, name);
+        value = std::make_unique<Value>();
+        value->folded = name;
+        value->name = old != node->values_.end() ? (*old)->name : change.name;
+        value->type = change.type;
+        value->data.assign(change.data, change.data + change.size);
     }
-    ++seq_;
-    stamp_ = after;
-    stamp_known_ = true;
+    replace(*node, name, std::move(value));
 }
 
 DWORD Tree::verify(Node& node) {

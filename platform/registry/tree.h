@@ -3,11 +3,11 @@
 // The registry as this process has it in memory: what was read of it, kept as new as the store.
 //
 // A key's sub-keys and its values are read whole when they are first asked for. After that only changes are read: the
-// change log names them (changes.h). Before anything is looked at, refresh() brings all that is here up to the last
-// commit of any process; while nothing is committed that costs a comparison of 48 bytes. What is read from the store
-// after refresh() may be newer than that; what is here is never older.
+// change log names them (changes.h), and follow() reads them: before anything is looked at the store brings all that is
+// here up to the last commit of any process. What is read from the store after that may be newer; what is here is never
+// older.
 //
-// Used with the store's lock held. May throw std::bad_alloc; then forget() must be called.
+// Used with the store's reading lock held. May throw std::bad_alloc; then forget() must be called.
 
 #include <array>
 #include <memory>
@@ -20,7 +20,6 @@
 #include "kernel/handle_table.h"
 #include "names.h"
 #include "schema.h"
-#include "store/commit_watch.h"
 #include "store/sqlite.h"
 
 namespace zr::platform::registry {
@@ -68,20 +67,13 @@ public:
     Tree(const Tree&) = delete;
     Tree& operator=(const Tree&) = delete;
 
-    // The reader has been opened; `replaced`: on another file than before, so that no key is any more what it was.
-    void attach(bool replaced);
-    void detach();
-
-    DWORD refresh() {
-        CommitWatch::Stamp now;
-        const bool known = commits_.look(now);
-        if (known && stamp_known_ && now == stamp_) return ERROR_SUCCESS;
-        return catch_up(now, known);
-    }
+    // The store is another one than before: no key is any more what it was.
+    void start_anew();
+    // Takes notice of the changes behind `position`.
+    DWORD follow(LONGLONG position);
     // Drops all that was read but for which keys there are. Needs no memory.
     void forget() noexcept;
-    // Takes over a change of a value that this process has committed: the only commit between the two stamps. Where the
-    // tree has moved on from the first it will be read like everybody's.
+    // Takes over a change of a value that this process has committed: the only one since what is here was read.
     struct OwnChange {
         KeyId key;
         ChangeKind kind;
@@ -90,14 +82,7 @@ public:
         const BYTE* data;
         DWORD size;
     };
-    void take_over(const OwnChange& change, const CommitWatch::Stamp& before, const CommitWatch::Stamp& after);
-
-    // The number of the last change that is here, and what the journal was like then (false: that is not known).
-    LONGLONG seq() const { return seq_; }
-    bool stamp(CommitWatch::Stamp& stamp) const {
-        stamp = stamp_;
-        return stamp_known_;
-    }
+    void take_over(const OwnChange& change);
 
     Node& root(std::size_t index) { return *roots_[index]; }
     // ERROR_KEY_DELETED, or nothing.
@@ -160,8 +145,6 @@ private:
     }
 
     DWORD search(Node& from, LPCWSTR path, Node*& found);
-    DWORD catch_up(const CommitWatch::Stamp& now, bool known);
-    DWORD start_over();
     void apply(const Change& change, std::vector<Stale>& stale);
     DWORD renew(std::vector<Stale>& stale);
     DWORD renew(const Stale& stale);
@@ -176,15 +159,9 @@ private:
     Node& adopt(KeyId id, const std::vector<KeyId>& parents, std::u16string_view name);
     DWORD failed();
 
-    static constexpr int kMostChanges = 8192;
     static constexpr std::size_t kMostValueBytes = std::size_t{64} << 20;
 
     Connection& reader_;
-    CommitWatch commits_;
-    CommitWatch::Stamp stamp_;
-    bool stamp_known_ = false;
-    bool begun_ = false;
-    LONGLONG seq_ = 0;
     ULONGLONG moves_ = 0;  // counts what may have made an answer another one
     std::array<Recent<Node>, kRecent> recent_keys_;
     std::array<Recent<const Value>, kRecent> recent_values_;

@@ -1,11 +1,9 @@
 #include "store/sqlite.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
+#include "base/private_file.h"
 #include "base/utf.h"
 #include "platform/errors.h"
 #include "store/store_file.h"
@@ -55,8 +53,7 @@ int last_system_error(sqlite3* db) {
 }
 
 void leave_suspicion(const std::string& path) {
-    const int file = ::open(suspicion(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file >= 0) ::close(file);
+    static_cast<void>(open_private_file(suspicion(path), 0, nullptr));
 }
 
 // SQLite takes a byte order mark off the front of text; and what is not valid Unicode is better called bytes.
@@ -87,6 +84,8 @@ void Statement::bind_text(int index, std::u16string_view text) {
 
 DWORD Connection::open(const std::string& path) {
     path_ = path;
+    met_damage_ = false;
+    abandoned_ = false;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) return error();
     sqlite3_extended_result_codes(db_, 1);
@@ -95,16 +94,30 @@ DWORD Connection::open(const std::string& path) {
 }
 
 void Connection::close() {
+    if (abandoned_) {
+        // What they point into was left to another process.
+        for (auto& [sql, statement] : statements_) {
+            static_cast<void>(statement.release());
+        }
+    }
     statements_.clear();
     sqlite3_close(db_);
     db_ = nullptr;
+    met_damage_ = false;
+}
+
+void Connection::abandon() noexcept {
+    db_ = nullptr;
+    abandoned_ = true;
 }
 
 DWORD Connection::execute(const char* sql) {
+    if (db_ == nullptr) return error();
     return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK ? ERROR_SUCCESS : error();
 }
 
 Use Connection::use(const char* sql) {
+    if (db_ == nullptr) return Use(nullptr);
     auto& statement = statements_[sql];
     if (!statement) {
         sqlite3_stmt* prepared = nullptr;
@@ -139,6 +152,10 @@ void Connection::roll_back() {
 
 DWORD Connection::error() {
     reason_.clear();
+    if (abandoned_) {
+        reason_ = "it was being changed when this process was forked";
+        return ERROR_BUSY;
+    }
     if (db_ == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     const int system_error = last_system_error(db_);
     const DWORD error = meaning(sqlite3_extended_errcode(db_), system_error);
@@ -149,7 +166,10 @@ DWORD Connection::error() {
     } else {
         reason_ = sqlite3_errmsg(db_);
         if (system_error != 0) reason_ += std::string(" (") + strerror(system_error) + ")";
-        if (error == ERROR_FILE_CORRUPT) leave_suspicion(path_);
+        if (error == ERROR_FILE_CORRUPT) {
+            met_damage_ = true;
+            leave_suspicion(path_);
+        }
     }
     return error;
 }

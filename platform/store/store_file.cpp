@@ -1,51 +1,42 @@
 #include "store/store_file.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
 #include <ctime>
 #include <string>
 
+#include "base/file_lock.h"
+#include "base/host_error.h"
+#include "base/private_file.h"
 #include "platform/errors.h"
+#include "store/bell.h"
 
 namespace zr::platform {
 namespace {
 
-// One process at a time examines, makes or renames the file.
-class FileLock {
-public:
-    explicit FileLock(const std::string& path)
-        : file_(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-        if (file_ < 0) return;
-        while (flock(file_, LOCK_EX) != 0 && errno == EINTR) {
-        }
-    }
-    ~FileLock() {
-        if (file_ >= 0) close(file_);
-    }
-    FileLock(const FileLock&) = delete;
-    FileLock& operator=(const FileLock&) = delete;
-    bool held() const { return file_ >= 0; }
-
-private:
-    int file_;
-};
-
-StoreOpening system_failure(const StoreKind& kind, const std::string& path) {
-    const int error = errno;
-    return {store_error(error), std::string("The ") + kind.name + " " + path + ": " + strerror(error) + "."};
+std::string subject(const StoreKind& kind, const std::string& path) {
+    return std::string("The ") + kind.name + " " + path;
 }
 
-// SQLite would make it readable for others.
-bool make_private_file(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file < 0) return false;
-    close(file);
-    return true;
+StoreOpening host_failure(const StoreKind& kind, const std::string& path, int error) {
+    return {store_error(error), subject(kind, path) + ": " + file_trouble(path, error) + ".", false, false};
+}
+
+StoreOpening locked(const StoreKind& kind, const std::string& path, const std::string& lock_path) {
+    const pid_t holder = lock_holder(lock_path.c_str());
+    const std::string who = holder > 0 ? "process " + std::to_string(holder) : std::string("another process");
+    return {ERROR_BUSY, subject(kind, path) + ": " + who + " keeps it locked.", false, false};
+}
+
+// Made here, as SQLite would make it readable for others. What is there already is looked at only: closing a file would
+// end the locks that this process has on it.
+int make_private_file(const std::string& path) {
+    const int error = check_private_file(path);
+    return error == ENOENT ? open_private_file(path, 0, nullptr) : error;
 }
 
 std::string free_name(const std::string& path) {
@@ -62,17 +53,29 @@ std::string free_name(const std::string& path) {
     return name;
 }
 
-// The journal goes with its file: it may hold the only copy of the last changes.
-StoreOpening set_aside(const StoreKind& kind, const std::string& path) {
+// Whoever has the store open compares the header of the journal's index before each call (commit_watch.h).
+void change_index(const std::string& path) {
+    const HostFd file = open_host((path + "-shm").c_str(), O_RDWR | O_NOFOLLOW);
+    char noise[96];
+    if (!file || getrandom(noise, sizeof noise, 0) != sizeof noise) return;
+    static_cast<void>(!pwrite(file.get(), noise, sizeof noise, 0));
+}
+
+// The journal goes with its file: it may hold the only copy of the last changes. Writers are kept out meanwhile, so
+// that nothing is ever written to what has its new name.
+StoreOpening set_aside(const StoreKind& kind, const std::string& path, const Bell& bell) {
+    Bell::Pull alone;
+    if (const int error = alone.take_alone(bell); error != 0) return host_failure(kind, path, error);
     const std::string name = free_name(path);
-    if (rename(path.c_str(), name.c_str()) != 0) return system_failure(kind, path);
+    if (rename(path.c_str(), name.c_str()) != 0) return host_failure(kind, path, errno);
     rename((path + "-wal").c_str(), (name + "-wal").c_str());
+    change_index(path);
     unlink((path + "-shm").c_str());
     unlink(suspicion(path).c_str());
     StoreOpening result;
     result.error = ERROR_FILE_CORRUPT;
     result.set_aside = true;
-    result.message = std::string("The ") + kind.name + " " + path + " is damaged. It was set aside as " + name +
+    result.message = subject(kind, path) + " is damaged. It was set aside as " + name +
                      "; the next start begins with an empty store.";
     return result;
 }
@@ -89,7 +92,7 @@ DWORD examine(const std::string& path, Connection& connection) {
 }
 
 StoreOpening failure(const StoreKind& kind, DWORD error, const Connection& connection) {
-    return {error, error == ERROR_SUCCESS ? std::string() : connection.sentence(kind.name)};
+    return {error, error == ERROR_SUCCESS ? std::string() : connection.sentence(kind.name), false, false};
 }
 
 StoreOpening migrate(const StoreKind& kind, const std::string& path, Connection& connection) {
@@ -102,11 +105,12 @@ StoreOpening migrate(const StoreKind& kind, const std::string& path, Connection&
     if (error != 0) return failure(kind, error, connection);
     const auto latest = static_cast<LONGLONG>(kind.steps.size());
     const bool fresh = version == 0 && application == 0 && tables == 0;
-    if (!fresh && application != kind.application_id) return {ERROR_FILE_CORRUPT, {}};
+    if (!fresh && application != kind.application_id) return {ERROR_FILE_CORRUPT, {}, false, false};
     if (version > latest)
-        return {ERROR_REVISION_MISMATCH, std::string("The ") + kind.name + " " + path +
-                                             " was written by a newer version (" + std::to_string(version) +
-                                             "; this one knows " + std::to_string(latest) + "). It was left alone."};
+        return {ERROR_REVISION_MISMATCH,
+                subject(kind, path) + " was written by a newer version (" + std::to_string(version) +
+                    "; this one knows " + std::to_string(latest) + "). It was left alone.",
+                false, false};
     if (version == latest) return {};
     error = connection.execute("BEGIN IMMEDIATE");
     for (LONGLONG i = version; i < latest && error == 0; ++i) {
@@ -130,13 +134,16 @@ StoreOpening prepare(const StoreKind& kind, const std::string& path, Connection&
 
 }  // namespace
 
-StoreOpening open_store(const StoreKind& kind, const std::string& path, Connection& connection) {
-    const FileLock lock(path);
-    if (!lock.held() || !make_private_file(path)) return system_failure(kind, path);
+StoreOpening open_store(const StoreKind& kind, const std::string& path, const Bell& bell, Connection& connection) {
+    // One process at a time examines, makes or renames the file.
+    FileLock lock;
+    const std::string lock_path = path + ".lock";
+    if (const int error = lock.take(lock_path.c_str(), FileLock::Missing::IsMade); error != 0)
+        return error == ETIMEDOUT ? locked(kind, path, lock_path) : host_failure(kind, lock_path, error);
+    if (const int error = make_private_file(path); error != 0) return host_failure(kind, path, error);
     StoreOpening result = prepare(kind, path, connection);
     if (!result) connection.close();
-    if (result.error == ERROR_FILE_CORRUPT) return set_aside(kind, path);
-    return result;
+    return result.error == ERROR_FILE_CORRUPT ? set_aside(kind, path, bell) : result;
 }
 
 DWORD open_connection(const StoreKind& kind, const std::string& path, Connection& connection) {
@@ -149,23 +156,9 @@ std::string suspicion(const std::string& path) {
 }
 
 DWORD store_error(int number) {
-    switch (number) {
-        case ENOSPC:
-        case EDQUOT:
-        case EFBIG:
-            return ERROR_DISK_FULL;
-        case EMFILE:
-        case ENFILE:
-            return ERROR_TOO_MANY_OPEN_FILES;
-        case ENOMEM:
-            return ERROR_NOT_ENOUGH_MEMORY;
-        case EACCES:
-        case EPERM:
-        case EROFS:
-            return ERROR_ACCESS_DENIED;
-        default:
-            return ERROR_IO_DEVICE;
-    }
+    if (number == EFBIG) return ERROR_DISK_FULL;  // a limit of file sizes: to a store, there is no more room
+    const DWORD error = error_from_errno(number);
+    return error == ERROR_GEN_FAILURE ? ERROR_IO_DEVICE : error;
 }
 
 }  // namespace zr::platform

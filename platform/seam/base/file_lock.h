@@ -32,4 +32,7 @@ private:
     const char* path_ = nullptr;
 };
 
+// The process that has the file at the path locked; 0 when that is not known.
+ZRPLATFORM_API pid_t lock_holder(const char* path) noexcept;
+
 }  // namespace zr::platform

@@ -82,6 +82,9 @@ public:
 
     DWORD open(const std::string& path);
     void close();
+    // Leaves the connection as it is and forgets it: in a child made by fork, whose parent is in the middle of a
+    // change. What is called after that fails with ERROR_BUSY.
+    void abandon() noexcept;
     DWORD execute(const char* sql);
     // The statement for `sql`, a literal, prepared once. Empty on failure, which error() then describes.
     Use use(const char* sql);
@@ -93,6 +96,8 @@ public:
     void roll_back();
     LONGLONG changes() const { return sqlite3_changes64(db_); }
     bool is_open() const { return db_ != nullptr; }
+    // Whether an error since open() was damage.
+    bool met_damage() const { return met_damage_; }
     bool in_transaction() const { return db_ != nullptr && sqlite3_get_autocommit(db_) == 0; }
     sqlite3* handle() { return db_; }
 
@@ -107,6 +112,8 @@ private:
     sqlite3* db_ = nullptr;
     std::string path_;
     std::string reason_;
+    bool met_damage_ = false;
+    bool abandoned_ = false;
     std::unordered_map<const char*, std::unique_ptr<Statement>> statements_;
 };
 

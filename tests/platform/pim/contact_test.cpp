@@ -321,7 +321,7 @@ TEST(StoreFiles, AreTheUsersAlone) {
     EXPECT_EQ(status.st_mode & 0777, 0600u);
     ASSERT_EQ(stat((sandbox_home() / "pim.db-wal").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
-    ASSERT_EQ(stat((sandbox_home() / "pim.db.signal").c_str(), &status), 0);
+    ASSERT_EQ(stat((sandbox_home() / "pim.db.bell").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
     BSTR path = nullptr;
     ASSERT_EQ(session.store()->get_StorePath(&path), S_OK);

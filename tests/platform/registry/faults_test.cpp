@@ -102,11 +102,12 @@ TEST(Faults, TheRegistrySurvivesKilledWriters) {
 
 TEST(Faults, TheLogOfChangesIsPruned) {
     const Key key = create(HKEY_CURRENT_USER, u"log");
+    const std::string before = query(file(), "SELECT max(seq) FROM change");
     const std::vector<ZrRegistryChange> many(5000, {ZrRegistryStep::SetValue, key, u"", u"v", REG_SZ, nullptr, 0});
     for (int i = 0; i < 4; ++i) {
         ASSERT_EQ(ZrRegistryApply(many.data(), 5000, nullptr), kOk);
     }
-    EXPECT_EQ(query(file(), "SELECT max(seq) FROM change"), "20001");
+    EXPECT_EQ(query(file(), "SELECT max(seq) - " + before + " FROM change"), "20000");
     EXPECT_EQ(query(file(), "SELECT count(*) BETWEEN 8192 AND 8192 + 5000 FROM change"), "1");
 }
 
@@ -185,6 +186,7 @@ TEST(Faults, DamageThatIsMetIsSetAsideByTheNextCallOfAnyProcess) {
 TEST(Faults, AStoreOfANewerVersionIsLeftAlone) {
     Child filler("registry_filler");
     ASSERT_EQ(filler.wait(), 0);
+    const std::string version = query(file(), "PRAGMA user_version");
     query(file(), "PRAGMA user_version = 99");
     Key key;
     EXPECT_EQ(open(HKEY_CURRENT_USER, u"fill", key), code(ERROR_REVISION_MISMATCH));
@@ -192,7 +194,7 @@ TEST(Faults, AStoreOfANewerVersionIsLeftAlone) {
     EXPECT_TRUE(has(ZrRegistryLastErrorText(), u"newer version (99;"));
     EXPECT_TRUE(set_aside().empty());
     EXPECT_EQ(query(file(), "SELECT count(*) FROM value"), "300");
-    query(file(), "PRAGMA user_version = 1");
+    query(file(), "PRAGMA user_version = " + version);
     EXPECT_TRUE(exists(HKEY_CURRENT_USER, u"fill")) << "the next call tries again";
 }
 

@@ -1,0 +1,56 @@
+#include "base/private_file.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/host_fd.h"
+
+namespace zr::platform {
+namespace {
+
+constexpr mode_t kPrivate = 0600;
+constexpr mode_t kForOthers = 0077;
+
+int check(const struct stat& status) {
+    if (!S_ISREG(status.st_mode)) return S_ISDIR(status.st_mode) ? EISDIR : EACCES;
+    return status.st_uid == geteuid() ? 0 : EACCES;
+}
+
+int examine(int descriptor, off_t size) {
+    struct stat status = {};
+    if (fstat(descriptor, &status) != 0) return errno;
+    if (const int error = check(status); error != 0) return error;
+    if ((status.st_mode & kForOthers) != 0 && fchmod(descriptor, kPrivate) != 0) return errno;
+    return status.st_size < size ? posix_fallocate(descriptor, 0, size) : 0;
+}
+
+}  // namespace
+
+int open_private_file(const std::string& path, off_t size, int* descriptor) noexcept {
+    HostFd file = open_host(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, kPrivate);
+    if (!file) return errno;
+    const int error = examine(file.get(), size);
+    if (error == 0 && descriptor != nullptr) *descriptor = file.detach();
+    return error;
+}
+
+int check_private_file(const std::string& path) noexcept {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) return errno;
+    return check(status);
+}
+
+std::string file_trouble(const std::string& path, int error) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0) {
+        if (S_ISLNK(status.st_mode)) return "is a symbolic link";
+        if (!S_ISREG(status.st_mode)) return "is not a plain file";
+        if (status.st_uid != geteuid()) return "belongs to another user";
+    }
+    return strerror(error);
+}
+
+}  // namespace zr::platform
