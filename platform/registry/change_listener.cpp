@@ -61,6 +61,8 @@ DWORD ChangeListener::add(KeyWatch& watch) noexcept {
             return ERROR_NOT_ENOUGH_MEMORY;
         }
         listening_ = true;
+    } else {
+        resume_store_listener();  // a forked child's first watch
     }
     const DWORD error = insert(watch);
     if (error != ERROR_SUCCESS && erase(watch)) {
