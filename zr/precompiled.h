@@ -1,8 +1,6 @@
 // What most sources of zr include, compiled once when ZR_PRECOMPILE is on. Every source still includes what it uses.
 #pragma once
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <functional>
 #include <memory>

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "zr/base/failure.h"
+#include "zr/base/json.h"
 #include "zr/base/text.h"
 
 namespace zr {
@@ -13,9 +14,9 @@ void print(std::string_view text) {
 }
 
 std::string json_text(const Json& value) {
-    const std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    const std::string text = value.text(false);
     // Such characters stand inside of strings only, where an escape means the same.
-    return printable(text) == text ? text : value.dump(-1, ' ', true, Json::error_handler_t::replace);
+    return printable(text) == text ? text : value.text(true);
 }
 
 void print_json_line(const Json& value) {

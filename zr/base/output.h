@@ -3,14 +3,13 @@
 // Standard output: UTF-8, buffered, checked.
 
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <utility>
 
 namespace zr {
 
-using Json = nlohmann::ordered_json;
+class Json;
 
 void print(std::string_view text);
 // JSON text in which no character can steer a terminal.

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <memory>
 
+#include "zr/base/json.h"
+#include "zr/base/output.h"
 #include "zr/base/output_file.h"
 #include "zr/commands/command.h"
 #include "zr/icalendar/event_writer.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/commands/calendar_day.h"
 #include "zr/commands/command.h"

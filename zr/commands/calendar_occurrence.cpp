@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/commands/calendar_day.h"
 #include "zr/commands/command.h"
@@ -78,7 +79,7 @@ FILETIME Occurrence::recurrence_id(IAppointment* series, IException* exception, 
 void Occurrence::print(const EventFields& fields, const std::string& id, bool is_exception) const {
     if (json_) {
         Json json = {{"oid", oid_}, {"day", shown_time(day_, true)}, {"recurrenceId", id}, {"exception", is_exception}};
-        json.update(fields_json(fields));
+        json.set_all(fields_json(fields));
         print_json_line(json);
         return;
     }

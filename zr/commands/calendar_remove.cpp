@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/commands/command.h"
 #include "zr/stores/calendar.h"
@@ -27,7 +28,7 @@ Exit remove(const Options& options) {
             continue;
         }
         check(appointment ? appointment->Delete() : task->Delete(), "removing an item");
-        removed.push_back(oid);
+        removed.add(oid);
     }
     if (options.json) print_json_line({{"removed", removed}});
     return code;

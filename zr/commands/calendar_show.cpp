@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/commands/command.h"
 #include "zr/commands/event_rows.h"
@@ -36,7 +37,7 @@ void print_task(LONG oid, const Task& task) {
     if (task.start) print_row("Start", shown_time(*task.start, true));
     if (task.due) print_row("Due", shown_time(*task.due, true));
     print_row("State", task.complete ? "done" : "open");
-    print_row("Importance", task_json(oid, task)["importance"].get<std::string>());
+    print_row("Importance", importance_text(task));
     if (task.reminder) print_row("Reminder", shown_time(*task.reminder, false));
     if (!task.categories.empty()) print_row("Categories", task.categories);
     if (!task.body.empty()) print_row("Body", task.body);

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/commands/command.h"
 #include "zr/commands/contact_options.h"

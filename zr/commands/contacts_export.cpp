@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/output_file.h"
 #include "zr/commands/command.h"

@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"

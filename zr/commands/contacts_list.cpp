@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/commands/command.h"
 #include "zr/stores/contacts.h"

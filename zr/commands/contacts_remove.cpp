@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
@@ -64,7 +65,7 @@ Exit remove(const Options& options) {
             continue;
         }
         store.remove(contact.get());
-        removed.push_back(oid);
+        removed.add(oid);
     }
     if (options.json) print_json_line({{"removed", removed}});
     return code;

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/commands/command.h"
 #include "zr/commands/event_rows.h"
@@ -15,13 +16,13 @@ struct Options {
     bool json = false;
 };
 
-void print_contact(const Json& json, const Card& card) {
-    print_row("Identifier", std::to_string(json["oid"].get<LONG>()));
+void print_contact(LONG oid, const Card& card) {
+    print_row("Identifier", std::to_string(oid));
     for (std::size_t i = 0; i < card.text.size(); ++i) {
         if (!card.text[i].empty()) print_row(field_label(static_cast<Field>(i)), card.text[i]);
     }
-    if (json.contains("birthday")) print_row("Birthday", json["birthday"].get<std::string>());
-    if (json.contains("anniversary")) print_row("Anniversary", json["anniversary"].get<std::string>());
+    if (card.birthday) print_row("Birthday", day_text(card.birthday));
+    if (card.anniversary) print_row("Anniversary", day_text(card.anniversary));
     print_extras(card.extras);
 }
 
@@ -38,12 +39,11 @@ Exit show(const Options& options) {
             continue;
         }
         const Card card = read_contact(contact.get(), true);
-        const Json json = contact_json(oid, card);
         if (options.json) {
-            array.add(json);
+            array.add(contact_json(oid, card));
         } else {
             if (!first) print("\n");
-            print_contact(json, card);
+            print_contact(oid, card);
         }
         first = false;
     }

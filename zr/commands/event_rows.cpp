@@ -39,9 +39,8 @@ void print_fields(const EventFields& fields) {
     print_text("End", shown_time(end, fields.all_day));
     if (fields.all_day) print_row("All day", "yes");
     print_text("Location", fields.location);
-    const Json json = fields_json(fields);
-    print_row("Shown as", json["busyStatus"].get<std::string>());
-    if (json.contains("sensitivity")) print_row("Sensitivity", json["sensitivity"].get<std::string>());
+    print_row("Shown as", busy_text(fields));
+    if (fields.sensitivity != 0) print_row("Sensitivity", sensitivity_text(fields.sensitivity));
     if (fields.reminder) print_row("Reminder", std::to_string(fields.reminder_minutes) + " minutes before");
     print_text("Categories", fields.categories);
     print_text("Body", fields.body);

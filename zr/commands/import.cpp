@@ -1,5 +1,7 @@
 #include "zr/commands/import.h"
 
+#include "zr/base/output.h"
+
 namespace zr {
 
 void ImportOptions::add_to(Command command, const char* what_files) {
@@ -49,7 +51,7 @@ void Import::note(const std::string& file, const std::vector<Problem>& problems,
         complain(file + ":" + std::to_string(problem.line) + ": " + (problem.lost ? effect : "warning") + ": " +
                  problem.reason);
         if (!options_.json) continue;
-        problems_.push_back({{"file", file}, {"line", problem.line}, {"reason", problem.reason}, {"effect", effect}});
+        problems_.add({{"file", file}, {"line", problem.line}, {"reason", problem.reason}, {"effect", effect}});
     }
     if (left_out) {
         ++left_out_;

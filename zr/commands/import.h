@@ -9,7 +9,7 @@
 #include "zr/base/exit_code.h"
 #include "zr/base/failure.h"
 #include "zr/base/input_file.h"
-#include "zr/base/output.h"
+#include "zr/base/json.h"
 #include "zr/base/problem.h"
 #include "zr/base/progress.h"
 #include "zr/commands/command.h"

@@ -12,6 +12,7 @@
 
 #include "zr/base/failure.h"
 #include "zr/base/input_file.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
@@ -109,14 +110,15 @@ Json object_of(const ZrLogEntry& entry) {
                  {"module", module_of(entry)},
                  {"level", level_name(level_of(entry))}};
     if (entry.isBuffer) {
-        json["size"] = entry.size;
-        json["data"] = hex(entry.data);
+        json.set("size", entry.size);
+        json.set("data", hex(entry.data));
         return json;
     }
-    json["arguments"] = Json::array();
+    Json arguments = Json::array();
     for (int i = 0; i < entry.argumentCount; ++i) {
-        json["arguments"].push_back(entry.arguments[i]);
+        arguments.add(entry.arguments[i]);
     }
+    json.set("arguments", std::move(arguments));
     return json;
 }
 

@@ -14,6 +14,7 @@
 
 #include "zr/base/failure.h"
 #include "zr/base/host_paths.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
@@ -85,7 +86,7 @@ void print_module(HINSTANCE module, int id, bool json) {
         return;
     }
     Json line = {{"id", id}, {"version", nullptr}, {"path", shown}};
-    if (!version.empty()) line["version"] = version;
+    if (!version.empty()) line.set("version", version);
     print_json_line(line);
 }
 

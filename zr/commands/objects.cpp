@@ -11,6 +11,7 @@
 #include <new>
 
 #include "zr/base/failure.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
@@ -146,22 +147,26 @@ Json object_json(const Object& object) {
     Json json = {{"name", object.name}, {"kind", kind_name(facts.Kind)}};
     switch (facts.Kind) {
         case ZrNamedObjectKind::Event:
-            json["manual_reset"] = facts.ManualReset != FALSE;
-            json["set"] = facts.Signalled != FALSE;
+            json.set("manual_reset", facts.ManualReset != FALSE);
+            json.set("set", facts.Signalled != FALSE);
             break;
         case ZrNamedObjectKind::Mutex:
-            json["owner"] = nullptr;
+            json.set("owner", nullptr);
             if (facts.OwnerProcess != 0) {
-                json["owner"] = {{"process", facts.OwnerProcess}, {"thread", facts.OwnerThread}};
+                json.set("owner", {{"process", facts.OwnerProcess}, {"thread", facts.OwnerThread}});
             }
-            json["abandoned"] = facts.Abandoned != FALSE;
+            json.set("abandoned", facts.Abandoned != FALSE);
             break;
         case ZrNamedObjectKind::FileMapping:
-            json["size"] = facts.Size;
-            json["protection"] = protection_name(facts.Protection);
+            json.set("size", facts.Size);
+            json.set("protection", protection_name(facts.Protection));
             break;
     }
-    json["processes"] = object.processes;
+    Json processes = Json::array();
+    for (const DWORD process : object.processes) {
+        processes.add(process);
+    }
+    json.set("processes", std::move(processes));
     return json;
 }
 

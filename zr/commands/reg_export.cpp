@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/output_file.h"
 #include "zr/commands/reg_command.h"

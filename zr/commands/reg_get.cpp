@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/reg_command.h"
@@ -24,7 +25,7 @@ constexpr const char* kKeyHelp = "The key, such as 'HKCU\\Software\\Example'";
 
 void print_value(const RegPath& path, const NamedRegValue& value) {
     Json json = json_of(path);
-    json.update(value_json(value));
+    json.set_all(value_json(value));
     print_json_line(json);
 }
 

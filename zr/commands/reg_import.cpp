@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "zr/base/input_file.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/progress.h"
 #include "zr/commands/reg_command.h"

@@ -3,6 +3,7 @@
 #include <limits>
 #include <memory>
 
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/reg_command.h"
@@ -29,7 +30,7 @@ void list_key(const RegPath& path, std::u16string_view name, bool json) {
 void list_value(const RegPath& path, const NamedRegValue& value, bool json) {
     if (json) {
         Json line = json_of(path);
-        line.update(value_json(value));
+        line.set_all(value_json(value));
         print_json_line(line);
         return;
     }

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "zr/base/event_loop.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/reg_command.h"

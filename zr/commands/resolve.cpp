@@ -8,6 +8,7 @@
 
 #include "zr/base/event_loop.h"
 #include "zr/base/input_file.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
@@ -34,6 +35,12 @@ struct Query {
     std::string subject;
     Sender sender;
     std::string shown;  // the answer that was last printed
+};
+
+struct Answer {
+    Exit code = Exit::Ok;  // one, none or several contacts
+    LONG oid = 0;          // of the one
+    Card card;
 };
 
 bool is_message_argument(const Options& options, const std::string& input) {
@@ -84,18 +91,18 @@ public:
     Directory(const Directory&) = delete;
     Directory& operator=(const Directory&) = delete;
 
-    Json answer(const std::string& address) {
+    Answer answer(const std::string& address) {
         std::u16string pattern = to_utf16(address);
         Contact* contact = nullptr;
         switch (manager_->FindContact(pattern.data(), kEmailFields, 1, 0, 0, contact)) {
             case ContactsManager::CM_NONE:
-                return {{"answer", "none"}};
+                return {Exit::None, {}, {}};
             case ContactsManager::CM_SEVERAL:
-                return {{"answer", "several"}};
+                return {Exit::Several, {}, {}};
             case ContactsManager::CM_ONE: {
-                Json json = {{"answer", "one"}, {"contact", describe(*contact)}};
+                Answer answer = describe(*contact);
                 manager_->ReleaseContact(contact);
-                return json;
+                return answer;
             }
             default:
                 throw Failure{Exit::StoreFailed, address + ": the search failed"};
@@ -108,10 +115,10 @@ private:
         return SUCCEEDED((contact.*get)(value)) && value ? to_utf8(value) : std::string();
     }
 
-    static Json describe(Contact& contact) {
-        LONG oid = 0;
-        contact.get_Oid(oid);
-        Card card;
+    static Answer describe(Contact& contact) {
+        Answer answer;
+        contact.get_Oid(answer.oid);
+        Card& card = answer.card;
         card[Field::FileAs] = text(contact, &Contact::get_FileAs);
         card[Field::Title] = text(contact, &Contact::get_Title);
         card[Field::FirstName] = text(contact, &Contact::get_FirstName);
@@ -123,47 +130,47 @@ private:
         card[Field::Email1] = text(contact, &Contact::get_Email1Address);
         card[Field::Email2] = text(contact, &Contact::get_Email2Address);
         card[Field::Email3] = text(contact, &Contact::get_Email3Address);
-        return contact_json(oid, card);
+        return answer;
     }
 
     ContactsManager* manager_;
 };
 
-std::string answer_line(const Query& query, const Json& answer) {
+const char* word_of(const Answer& answer) {
+    return answer.code == Exit::Ok ? "one" : answer.code == Exit::None ? "none" : "several";
+}
+
+std::string answer_line(const Query& query, const Answer& answer) {
     std::string line;
     if (!query.message.empty()) line = printable(query.message) + ": ";
-    line += printable(query.sender.address) + ": " + answer["answer"].get<std::string>();
-    if (answer.contains("contact")) {
-        const Json& contact = answer["contact"];
-        line += ": " + printable(contact["name"].get<std::string>());
-        if (contact.contains("company")) line += ", " + printable(contact["company"].get<std::string>());
-        line += " (contact " + std::to_string(contact["oid"].get<LONG>()) + ")";
+    line += printable(query.sender.address) + ": " + word_of(answer);
+    if (answer.code == Exit::Ok) {
+        line += ": " + printable(display_name(answer.card));
+        const std::string& company = answer.card[Field::Company];
+        if (!company.empty()) line += ", " + printable(company);
+        line += " (contact " + std::to_string(answer.oid) + ")";
     }
     return line + "\n";
 }
 
-Json answer_object(const Query& query, const Json& answer) {
+Json answer_object(const Query& query, const Answer& answer) {
     Json json;
     if (!query.message.empty()) {
-        json["message"] = query.message;
-        json["subject"] = query.subject;
+        json.set("message", query.message);
+        json.set("subject", query.subject);
     }
-    json["sender"] = {{"name", query.sender.name}, {"address", query.sender.address}};
-    json.update(answer);
+    json.set("sender", {{"name", query.sender.name}, {"address", query.sender.address}});
+    json.set("answer", word_of(answer));
+    if (answer.code == Exit::Ok) json.set("contact", contact_json(answer.oid, answer.card));
     return json;
-}
-
-Exit code_of(const Json& answer) {
-    const std::string word = answer["answer"];
-    return word == "one" ? Exit::Ok : word == "none" ? Exit::None : Exit::Several;
 }
 
 // Prints the answers that are not what was printed before.
 Exit print_answers(Directory& directory, std::vector<Query>& queries, bool json) {
     Exit code = Exit::Ok;
     for (Query& query : queries) {
-        const Json answer = directory.answer(query.sender.address);
-        code = combine(code, code_of(answer));
+        const Answer answer = directory.answer(query.sender.address);
+        code = combine(code, answer.code);
         std::string text = json ? json_text(answer_object(query, answer)) + "\n" : answer_line(query, answer);
         if (text == query.shown) continue;
         print(text);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "zr/base/failure.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/watch.h"
@@ -142,14 +143,14 @@ private:
 
     static void print_object(const std::string& change, double moved, const Moment& now) {
         Json json = {{"change", change}, {"time", date_text(now.utc, 'T') + "Z"}};
-        if (change == "clock") json["moved"] = moved;
-        json["local"] = nullptr;
-        json["offset"] = nullptr;
+        if (change == "clock") json.set("moved", moved);
+        json.set("local", nullptr);
+        json.set("offset", nullptr);
         if (now.has_zone) {
-            json["local"] = date_text(now.local, 'T');
-            json["offset"] = now.offset_seconds();
+            json.set("local", date_text(now.local, 'T'));
+            json.set("offset", now.offset_seconds());
         }
-        json["zone"] = now.zone;
+        json.set("zone", now.zone);
         print_json_line(json);
     }
 

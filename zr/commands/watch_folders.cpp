@@ -10,6 +10,7 @@
 
 #include "zr/base/failure.h"
 #include "zr/base/host_paths.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/watch.h"
@@ -113,7 +114,7 @@ private:
             return;
         }
         Json json = {{"change", change}, {"path", shown(path)}};
-        if (to) json["to"] = shown(to);
+        if (to) json.set("to", shown(to));
         print_json_line(json);
     }
 

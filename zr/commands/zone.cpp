@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "zr/base/failure.h"
+#include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
@@ -170,10 +171,10 @@ Json json_of_time(const WCHAR* name, LONG bias) {
 
 Json json_of_rule(const WCHAR* name, LONG bias, const SYSTEMTIME& rule) {
     Json json = json_of_time(name, bias);
-    json["month"] = rule.wMonth;
-    json["week"] = rule.wDay;
-    json["weekday"] = rule.wDayOfWeek;
-    json["time"] = clock_text(rule);
+    json.set("month", rule.wMonth);
+    json.set("week", rule.wDay);
+    json.set("weekday", rule.wDayOfWeek);
+    json.set("time", clock_text(rule));
     return json;
 }
 
@@ -184,22 +185,23 @@ void print_json(const Zone& zone) {
                  {"local", text_of(zone.now, zone.bias_now(), 'T')},
                  {"offset", -zone.bias_now()}};
     if (zone.has_daylight()) {
-        json["daylight_now"] = zone.id == TIME_ZONE_ID_DAYLIGHT;
-        json["standard"] = json_of_rule(information.StandardName, zone.standard_bias(), information.StandardDate);
-        json["daylight"] = json_of_rule(information.DaylightName, zone.daylight_bias(), information.DaylightDate);
+        json.set("daylight_now", zone.id == TIME_ZONE_ID_DAYLIGHT);
+        json.set("standard", json_of_rule(information.StandardName, zone.standard_bias(), information.StandardDate));
+        json.set("daylight", json_of_rule(information.DaylightName, zone.daylight_bias(), information.DaylightDate));
     } else {
-        json["daylight_now"] = false;
-        json["standard"] = json_of_time(information.StandardName, zone.standard_bias());
-        json["daylight"] = nullptr;
+        json.set("daylight_now", false);
+        json.set("standard", json_of_time(information.StandardName, zone.standard_bias()));
+        json.set("daylight", nullptr);
     }
-    json["exact_index"] = json_of(zone.exact);
-    json["coarse_index"] = json_of(zone.coarse);
-    json["transitions"] = Json::array();
+    json.set("exact_index", json_of(zone.exact));
+    json.set("coarse_index", json_of(zone.coarse));
+    Json transitions = Json::array();
     for (const ZR_ZONE_TRANSITION& next : zone.transitions) {
-        json["transitions"].push_back({{"utc", text_of(next.When, 0, 'T') + "Z"},
-                                       {"before", json_of_time(next.NameBefore, next.BiasBefore)},
-                                       {"after", json_of_time(next.Name, next.Bias)}});
+        transitions.add({{"utc", text_of(next.When, 0, 'T') + "Z"},
+                         {"before", json_of_time(next.NameBefore, next.BiasBefore)},
+                         {"after", json_of_time(next.Name, next.Bias)}});
     }
+    json.set("transitions", std::move(transitions));
     print_json_line(json);
 }
 

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "zr/base/failure.h"
+#include "zr/base/json.h"
 #include "zr/base/text.h"
 
 namespace zr {
@@ -198,14 +199,14 @@ std::string reg_data_shown(const RegValue& value) {
 }
 
 void add_reg_value(Json& json, const RegValue& value) {
-    json["type"] = reg_type_name(value.type);
+    json.set("type", reg_type_name(value.type));
     if (const auto number = number_of(value)) {
-        json["data"] = *number;
+        json.set("data", *number);
         return;
     }
     if (is_text(value.type)) {
         if (const auto text = reg_text(value); text && is_well_formed(*text)) {
-            json["data"] = to_utf8(*text);
+            json.set("data", to_utf8(*text));
             return;
         }
     }
@@ -214,14 +215,14 @@ void add_reg_value(Json& json, const RegValue& value) {
         bool exact = true;
         for (const std::u16string& text : *texts) {
             exact = exact && is_well_formed(text);
-            array.push_back(to_utf8(text));
+            array.add(to_utf8(text));
         }
         if (exact) {
-            json["data"] = std::move(array);
+            json.set("data", std::move(array));
             return;
         }
     }
-    json["hex"] = hex_of(value.data, "");
+    json.set("hex", hex_of(value.data, ""));
 }
 
 RegValue parse_reg_value(DWORD type, const std::vector<std::string>& words) {

@@ -9,9 +9,10 @@
 #include <vector>
 
 #include "platform/types.h"
-#include "zr/base/output.h"
 
 namespace zr {
+
+class Json;
 
 inline constexpr std::size_t kLargestRegData = std::size_t{16} << 20;
 

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "zr/base/json.h"
 #include "zr/base/text.h"
 #include "zr/icalendar/recurrence.h"
 
@@ -157,7 +158,7 @@ std::string json_time(Moment time, bool is_day) {
 }
 
 void add_text(Json& json, const char* key, const std::string& text) {
-    if (!text.empty()) json[key] = text;
+    if (!text.empty()) json.set(key, text);
 }
 
 const char* named(const char* const* names, int count, int value) {
@@ -166,6 +167,7 @@ const char* named(const char* const* names, int count, int value) {
 
 constexpr const char* kBusy[] = {"free", "tentative", "busy", "out of office"};
 constexpr const char* kSensitivity[] = {"normal", "personal", "private", "confidential"};
+constexpr const char* kImportance[] = {"low", "normal", "high"};
 
 }  // namespace
 
@@ -351,19 +353,31 @@ std::string made_uid(LONG oid, const std::string& subject, Moment start) {
     return text;
 }
 
+std::string busy_text(const EventFields& fields) {
+    return named(kBusy, 4, fields.busy);
+}
+
+std::string sensitivity_text(int sensitivity) {
+    return named(kSensitivity, 4, sensitivity);
+}
+
+std::string importance_text(const Task& task) {
+    return named(kImportance, 3, task.importance);
+}
+
 Json fields_json(const EventFields& fields) {
     Json json;
-    json["subject"] = fields.subject;
+    json.set("subject", fields.subject);
     if (fields.start != kNoTime) {
-        json["start"] = json_time(fields.start, fields.all_day);
-        json["end"] = json_time(fields.end, fields.all_day);
+        json.set("start", json_time(fields.start, fields.all_day));
+        json.set("end", json_time(fields.end, fields.all_day));
     }
-    json["allDay"] = fields.all_day;
+    json.set("allDay", fields.all_day);
     add_text(json, "location", fields.location);
-    json["busyStatus"] = named(kBusy, 4, fields.busy);
-    if (fields.sensitivity != 0) json["sensitivity"] = named(kSensitivity, 4, fields.sensitivity);
-    if (fields.meeting != olNonMeeting) json["meetingStatus"] = fields.meeting;
-    if (fields.reminder) json["reminderMinutes"] = fields.reminder_minutes;
+    json.set("busyStatus", busy_text(fields));
+    if (fields.sensitivity != 0) json.set("sensitivity", sensitivity_text(fields.sensitivity));
+    if (fields.meeting != olNonMeeting) json.set("meetingStatus", fields.meeting);
+    if (fields.reminder) json.set("reminderMinutes", fields.reminder_minutes);
     add_text(json, "categories", fields.categories);
     add_text(json, "body", fields.body);
     add_text(json, "extras", fields.extras);
@@ -372,36 +386,35 @@ Json fields_json(const EventFields& fields) {
 
 Json event_json(LONG oid, const Event& event) {
     Json json;
-    json["oid"] = oid;
+    json.set("oid", oid);
     add_text(json, "uid", event.uid);
-    json.update(fields_json(event));
+    json.set_all(fields_json(event));
     if (!event.pattern) return json;
-    json["recurrence"] = describe(*event.pattern);
-    json["rule"] = rule_of_pattern(*event.pattern);
-    if (event.pattern->until) json["until"] = shown_time(*event.pattern->until, true);
+    json.set("recurrence", describe(*event.pattern));
+    json.set("rule", rule_of_pattern(*event.pattern));
+    if (event.pattern->until) json.set("until", shown_time(*event.pattern->until, true));
     Json exceptions = Json::array();
     for (const Change& change : event.changes) {
         Json one = {{"day", shown_time(change.day, true)}, {"deleted", change.deleted}};
-        if (!change.deleted) one.update(fields_json(change.fields));
-        exceptions.push_back(std::move(one));
+        if (!change.deleted) one.set_all(fields_json(change.fields));
+        exceptions.add(std::move(one));
     }
-    json["exceptions"] = std::move(exceptions);
+    json.set("exceptions", std::move(exceptions));
     return json;
 }
 
 Json task_json(LONG oid, const Task& task) {
-    static constexpr const char* importance[] = {"low", "normal", "high"};
     const auto is_day = [](Moment time) { return floor<days>(time) == time; };
     Json json;
-    json["oid"] = oid;
+    json.set("oid", oid);
     add_text(json, "uid", task.uid);
-    json["subject"] = task.subject;
-    if (task.start) json["start"] = json_time(*task.start, is_day(*task.start));
-    if (task.due) json["due"] = json_time(*task.due, is_day(*task.due));
-    json["complete"] = task.complete;
-    json["importance"] = named(importance, 3, task.importance);
-    if (task.sensitivity != 0) json["sensitivity"] = named(kSensitivity, 4, task.sensitivity);
-    if (task.reminder) json["reminder"] = json_time(*task.reminder, false);
+    json.set("subject", task.subject);
+    if (task.start) json.set("start", json_time(*task.start, is_day(*task.start)));
+    if (task.due) json.set("due", json_time(*task.due, is_day(*task.due)));
+    json.set("complete", task.complete);
+    json.set("importance", importance_text(task));
+    if (task.sensitivity != 0) json.set("sensitivity", sensitivity_text(task.sensitivity));
+    if (task.reminder) json.set("reminder", json_time(*task.reminder, false));
     add_text(json, "categories", task.categories);
     add_text(json, "body", task.body);
     add_text(json, "extras", task.extras);

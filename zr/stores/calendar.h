@@ -4,11 +4,12 @@
 
 #include <vector>
 
-#include "zr/base/output.h"
 #include "zr/icalendar/event.h"
 #include "zr/stores/session.h"
 
 namespace zr {
+
+class Json;
 
 // Open as long as the object. For one thread.
 class CalendarStore {
@@ -56,6 +57,11 @@ std::string made_uid(LONG oid, const std::string& subject, Moment start);
 
 DATE to_date(Moment time);
 Moment to_moment(DATE date);  // kNoTime for ZR_PIM_NO_DATE
+
+// In a word.
+std::string busy_text(const EventFields& fields);
+std::string sensitivity_text(int sensitivity);
+std::string importance_text(const Task& task);
 
 // As JSON: identifier, and every field that is not empty.
 Json event_json(LONG oid, const Event& event);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "zr/base/json.h"
 #include "zr/base/text.h"
 
 namespace zr {
@@ -192,30 +193,27 @@ LONG oid_of(IContact* contact) {
     return oid;
 }
 
-namespace {
-
 std::string day_text(Day day) {
     char text[32];
     std::snprintf(text, sizeof text, "%04d-%02d-%02d", day.year, day.month, day.day);
     return text;
 }
 
-}  // namespace
-
 Json contact_json(LONG oid, const Card& card) {
     Json json;
-    json["oid"] = oid;
-    json["name"] = display_name(card);
-    json["emails"] = Json::array();
+    json.set("oid", oid);
+    json.set("name", display_name(card));
+    Json emails = Json::array();
     for (const Field field : {Field::Email1, Field::Email2, Field::Email3}) {
-        if (!card[field].empty()) json["emails"].push_back(card[field]);
+        if (!card[field].empty()) emails.add(card[field]);
     }
+    json.set("emails", std::move(emails));
     for (std::size_t i = 0; i < card.text.size(); ++i) {
-        if (!card.text[i].empty()) json[std::string(field_key(static_cast<Field>(i)))] = card.text[i];
+        if (!card.text[i].empty()) json.set(field_key(static_cast<Field>(i)), card.text[i]);
     }
-    if (card.birthday) json["birthday"] = day_text(card.birthday);
-    if (card.anniversary) json["anniversary"] = day_text(card.anniversary);
-    if (!card.extras.empty()) json["extras"] = card.extras;
+    if (card.birthday) json.set("birthday", day_text(card.birthday));
+    if (card.anniversary) json.set("anniversary", day_text(card.anniversary));
+    if (!card.extras.empty()) json.set("extras", card.extras);
     return json;
 }
 

@@ -5,11 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "zr/base/output.h"
 #include "zr/stores/session.h"
 #include "zr/vcard/card.h"
 
 namespace zr {
+
+class Json;
 
 // The contacts, open as long as the object. For one thread.
 class Store {
@@ -41,6 +42,7 @@ private:
 Card read_contact(IContact* contact, bool with_extras);
 LONG oid_of(IContact* contact);
 
+std::string day_text(Day day);  // such as 2009-07-15
 // The contact as JSON: identifier, name, addresses and every field that is not empty.
 Json contact_json(LONG oid, const Card& card);
 // The contact as a line of text with tabs: identifier, name, addresses, company.

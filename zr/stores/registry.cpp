@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "zr/base/json.h"
 #include "zr/base/text.h"
 
 namespace zr {
@@ -65,7 +66,7 @@ std::string json_text_of(const RegPath& path) {
 
 Json json_of(const RegPath& path) {
     Json json;
-    json["key"] = json_text_of(path);
+    json.set("key", json_text_of(path));
     return json;
 }
 
@@ -88,7 +89,7 @@ std::string value_line(const NamedRegValue& value) {
 
 Json value_json(const NamedRegValue& value) {
     Json json;
-    json["name"] = to_utf8(value.name);
+    json.set("name", to_utf8(value.name));
     add_reg_value(json, value.value);
     return json;
 }
@@ -96,10 +97,10 @@ Json value_json(const NamedRegValue& value) {
 Json key_json(const RegPath& path, const std::vector<NamedRegValue>& values) {
     Json all = Json::array();
     for (const NamedRegValue& each : values) {
-        all.push_back(value_json(each));
+        all.add(value_json(each));
     }
     Json json = json_of(path);
-    json["values"] = std::move(all);
+    json.set("values", std::move(all));
     return json;
 }
 

@@ -16,6 +16,8 @@
 
 namespace zr {
 
+class Json;
+
 // What a failed call of the registry means: the code to end with and one line for people.
 Failure reg_failure(LONG result, const std::string& doing);
 

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/sandbox.h"
+#include "zr/base/json.h"
 #include "zr/commands/tool.h"
 #include "zr/icalendar/event_writer.h"
 #include "zr/icalendar/random_calendar.h"
@@ -248,8 +249,8 @@ TEST_F(CalendarTool, ExportsWhatItImports) {
         ASSERT_EQ(in.events.size(), out.events.size());
         for (std::size_t i = 0; i < in.events.size(); ++i) {
             ASSERT_EQ(in.events[i], out.events[i]) << zone << "\n"
-                                                   << zr::event_json(0, in.events[i]).dump(1) << "\n"
-                                                   << zr::event_json(0, out.events[i]).dump(1);
+                                                   << zr::event_json(0, in.events[i]).text(false) << "\n"
+                                                   << zr::event_json(0, out.events[i]).text(false);
         }
         EXPECT_EQ(in.tasks, out.tasks);
         use_store(std::string("second") + std::to_string(seed));

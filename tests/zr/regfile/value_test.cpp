@@ -4,6 +4,7 @@
 #include <platform/registry.h>
 
 #include "zr/base/failure.h"
+#include "zr/base/json.h"
 #include "zr/regfile/path.h"
 
 namespace {
@@ -19,7 +20,7 @@ using zr::RegValue;
 std::string json_of(const RegValue& value) {
     zr::Json json;
     zr::add_reg_value(json, value);
-    return json.dump();
+    return json.text(false);
 }
 
 TEST(RegValue, NamesTypes) {
