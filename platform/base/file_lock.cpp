@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
@@ -41,11 +42,34 @@ bool is_named(const char* path, const struct stat& status) noexcept {
     return lstat(path, &there) == 0 && there.st_ino == status.st_ino && there.st_dev == status.st_dev;
 }
 
+// The descriptors of the locks that this process holds, as far as there is room.
+constinit std::atomic<int> held[16] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+
+void exchange_held(int from, int to) noexcept {
+    for (std::atomic<int>& each : held) {
+        int seen = from;
+        if (each.compare_exchange_strong(seen, to)) return;
+    }
+}
+
 }  // namespace
 
 FileLock::~FileLock() {
-    // Explicitly: a child that was forked meanwhile has the descriptor too.
-    if (file_) flock(file_.get(), LOCK_UN);
+    give_back();
+}
+
+void FileLock::give_back() noexcept {
+    if (!file_) return;
+    // Explicitly: a child that was forked meanwhile may have the descriptor too.
+    flock(file_.get(), LOCK_UN);
+    exchange_held(file_.get(), -1);
+    file_ = HostFd();
+}
+
+void close_inherited_locks() noexcept {
+    for (std::atomic<int>& each : held) {
+        if (const int file = each.exchange(-1); file >= 0) close(file);
+    }
 }
 
 int FileLock::take(const char* path, Missing missing, mode_t mode, int limit) noexcept {
@@ -60,9 +84,10 @@ int FileLock::take(const char* path, Missing missing, mode_t mode, int limit) no
         if (error != 0) return error;
         file_ = std::move(file);
         path_ = path;
+        exchange_held(-1, file_.get());
         if (is_named(path, status)) return 0;
         // It was removed before it was locked.
-        flock(file_.get(), LOCK_UN);
+        give_back();
         if (milliseconds() >= until) return ETIMEDOUT;
     }
 }

@@ -43,6 +43,9 @@ public:
 
     PrivateHeap* next_heap = nullptr;
 
+    void lock() noexcept { mutex_.lock(); }
+    void unlock() noexcept { mutex_.unlock(); }
+
 protected:
     void* obtain(std::size_t bytes, bool zero) override {
         const std::lock_guard lock(mutex_);
@@ -101,6 +104,10 @@ private:
     std::size_t used_ = 0;
 };
 
+// Never destroyed: blocks are freed while the process ends, too.
+alignas(ProcessHeap) unsigned char place[sizeof(ProcessHeap)];
+ProcessHeap& the_process_heap = *new (place) ProcessHeap;
+
 std::mutex heaps_mutex;
 PrivateHeap* first_heap = nullptr;
 
@@ -146,10 +153,7 @@ void Heap::free(BlockHeader* block) {
 }
 
 Heap* process_heap() {
-    // Never destroyed: blocks are freed while the process ends, too.
-    alignas(ProcessHeap) static unsigned char place[sizeof(ProcessHeap)];
-    static ProcessHeap* const heap = new (place) ProcessHeap;
-    return heap;
+    return &the_process_heap;
 }
 
 Heap* create_heap(std::size_t maximum) {
@@ -177,6 +181,20 @@ Heap* find_heap(HANDLE handle) {
     if (handle == process_heap()) return process_heap();
     const std::lock_guard lock(heaps_mutex);
     return *link_to(static_cast<Heap*>(handle));
+}
+
+void lock_heaps() noexcept {
+    heaps_mutex.lock();
+    for (PrivateHeap* heap = first_heap; heap != nullptr; heap = heap->next_heap) {
+        heap->lock();
+    }
+}
+
+void unlock_heaps() noexcept {
+    for (PrivateHeap* heap = first_heap; heap != nullptr; heap = heap->next_heap) {
+        heap->unlock();
+    }
+    heaps_mutex.unlock();
 }
 
 }  // namespace zr::platform

@@ -37,4 +37,8 @@ bool destroy_heap(Heap* heap);
 // The heap behind a handle; null for what is none.
 Heap* find_heap(HANDLE handle);
 
+// All heaps, while the process forks.
+void lock_heaps() noexcept;
+void unlock_heaps() noexcept;
+
 }  // namespace zr::platform

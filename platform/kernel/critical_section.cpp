@@ -1,12 +1,13 @@
 #include <algorithm>
 
+#include "at_fork.h"
 #include "engine.h"
 #include "platform/kernel.h"
 
 namespace zr::platform {
 namespace {
 
-// The word of a section: its owner's thread identifier, and kQueued when a thread may be queued for it. Threads queue
+// The word of a section: its owner (Thread::lock_id), and kQueued when a thread may be queued for it. Threads queue
 // outside the section, keyed by its address, so a section is two plain numbers, owns nothing and can be copied as
 // bytes.
 constexpr DWORD kQueued = 0x80000000u;
@@ -88,7 +89,7 @@ bool take_or_queue(CRITICAL_SECTION* section, Bucket& bucket, Thread& self, Wait
     DWORD seen = word.load(std::memory_order_relaxed);
     for (;;) {
         const bool free = (seen & ~kQueued) == 0;
-        const DWORD wanted = free ? self.id() | (bucket.find(section) ? kQueued : 0) : seen | kQueued;
+        const DWORD wanted = free ? self.lock_id() | (bucket.find(section) ? kQueued : 0) : seen | kQueued;
         if (word.compare_exchange_weak(seen, wanted, std::memory_order_acquire, std::memory_order_relaxed)) {
             if (free) return true;
             break;
@@ -131,7 +132,7 @@ void enter_contended(CRITICAL_SECTION* section, Thread& self) {
     Bucket& bucket = bucket_of(section);
     Waiter waiter{section, &self};
     DWORD seen = 0;
-    if (becomes_free(word_of(section)) && take(section, self.id(), seen)) return;
+    if (becomes_free(word_of(section)) && take(section, self.lock_id(), seen)) return;
     // From here on only by way of the queue's lock: a thread that was woken has to mark the section for those behind
     // it.
     while (!take_or_queue(section, bucket, self, waiter)) {
@@ -145,6 +146,25 @@ void enter_contended(CRITICAL_SECTION* section, Thread& self) {
 }
 
 }  // namespace
+
+void at_fork::lock_sections() noexcept {
+    for (Bucket& bucket : buckets) {
+        bucket.lock.lock();
+    }
+}
+
+void at_fork::unlock_sections() noexcept {
+    for (Bucket& bucket : buckets) {
+        bucket.lock.unlock();
+    }
+}
+
+void at_fork::forget_section_queues() noexcept {
+    for (Bucket& bucket : buckets) {
+        bucket.first = nullptr;
+    }
+}
+
 }  // namespace zr::platform
 
 using namespace zr::platform;
@@ -162,8 +182,8 @@ void EnterCriticalSection(CRITICAL_SECTION* section) {
     if (ThreadAccess::must_end(self)) [[unlikely]]
         cancellation_point();
     DWORD seen = 0;
-    if (take(section, self.id(), seen)) return;
-    if ((seen & ~kQueued) == self.id()) {
+    if (take(section, self.lock_id(), seen)) return;
+    if ((seen & ~kQueued) == self.lock_id()) {
         ++section->RecursionCount;
         return;
     }
@@ -172,7 +192,7 @@ void EnterCriticalSection(CRITICAL_SECTION* section) {
 
 BOOL TryEnterCriticalSection(CRITICAL_SECTION* section) {
     cancellation_point();
-    const DWORD id = ThreadAccess::current().id();
+    const DWORD id = ThreadAccess::current().lock_id();
     DWORD seen = 0;
     if (take(section, id, seen)) return TRUE;
     if ((seen & ~kQueued) != id) return FALSE;
@@ -182,7 +202,7 @@ BOOL TryEnterCriticalSection(CRITICAL_SECTION* section) {
 
 void LeaveCriticalSection(CRITICAL_SECTION* section) {
     const std::atomic_ref<DWORD> word = word_of(section);
-    const DWORD id = ThreadAccess::current().id();
+    const DWORD id = ThreadAccess::current().lock_id();
     if ((word.load(std::memory_order_relaxed) & ~kQueued) != id) return;
     if (--section->RecursionCount != 0) return;
     if ((word.exchange(0, std::memory_order_release) & kQueued) != 0) wake_next(section);

@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "base/forks.h"
 #include "mutex.h"
 #include "named/wait.h"
 #include "platform/base.h"
@@ -193,6 +194,7 @@ WaitResult Engine::wait(std::span<Waitable* const> objects, WaitMode mode, Deadl
     if (objects.size() <= 1) mode = WaitMode::Any;
 
     if (mode == WaitMode::All || !take_at_once(self, objects, result)) {
+        resume_after_fork();
         if (objects.size() == 1 && objects[0]->kind() == ObjectKind::Mutex) {
             result = static_cast<Mutex*>(objects[0])->wait(self, deadline);
         } else if (has_named(objects)) {

@@ -43,10 +43,6 @@ private:
     std::uint32_t count_ = 0;
 };
 
-// The handle table's lock, for a fork.
-void lock_handles() noexcept;
-void unlock_handles() noexcept;
-
 // The calling thread's record, NULL until it is asked for.
 extern constinit thread_local Thread* current_thread [[gnu::tls_model("initial-exec")]];
 
@@ -106,9 +102,10 @@ struct ThreadAccess {
     static Mutex*& owned(Thread& self) noexcept { return self.owned_; }
     static named::NamedMutex*& named_owned(Thread& self) noexcept { return self.named_owned_; }
 
-    // Holds the engine's locks while the process forks. In the child the calling thread is the only one.
-    static void before_fork() noexcept;
-    static void after_fork(bool in_child) noexcept;
+    // In the child of a fork, with the table of threads and the engine locked: the calling thread is the only one.
+    static void survive_fork() noexcept;
+    // Whether the owner that a lock names stayed behind in a process that this one was forked from.
+    static bool stayed_behind(DWORD lock_id) noexcept;
     static TlsValues*& tls(Thread& self) noexcept { return self.tls_; }
 };
 

@@ -3,6 +3,7 @@
 #include <mutex>
 #include <new>
 
+#include "at_fork.h"
 #include "base/live_count.h"
 #include "engine.h"
 #include "futex.h"
@@ -204,11 +205,11 @@ void note_use(const Pin& pin) noexcept {
     if (uses + 1 == kUsesUntilQuick) table.make_quick(*entry);
 }
 
-void lock_handles() noexcept {
+void at_fork::lock_handles() noexcept {
     table.lock.lock();
 }
 
-void unlock_handles() noexcept {
+void at_fork::unlock_handles() noexcept {
     table.lock.unlock();
 }
 

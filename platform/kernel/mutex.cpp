@@ -11,13 +11,19 @@ namespace zr::platform {
 
 bool Mutex::is_signalled(const Thread& waiter) const noexcept {
     const DWORD now = owner();
-    return now == 0 || now == waiter.id();
+    return now == 0 || now == waiter.lock_id() || is_left_behind();
 }
 
 bool Mutex::acquire(Thread& waiter) noexcept {
+    if (is_left_behind()) {
+        word_.fetch_and(~(kOwner | kKept), std::memory_order_acq_rel);
+        holds_ = 0;
+        listed_ = false;
+        abandoned_ = true;
+    }
     ++holds_;
     if (holds_ > 1) return false;
-    word_.fetch_or(waiter.id(), std::memory_order_acq_rel);
+    word_.fetch_or(waiter.lock_id(), std::memory_order_acq_rel);
     return std::exchange(abandoned_, false);
 }
 
@@ -61,13 +67,13 @@ void Mutex::keep_while_owned() noexcept {
 }
 
 void Mutex::take_initially(Thread& self) noexcept {
-    word_.store(self.id(), std::memory_order_relaxed);
+    word_.store(self.lock_id(), std::memory_order_relaxed);
     holds_ = 1;
     enlist_owned(self);
 }
 
 bool Mutex::unlock(Thread& self) noexcept {
-    if (owner() != self.id()) return false;
+    if (owner() != self.lock_id()) return false;
     if (holds_ > 1) {
         --holds_;
     } else {
@@ -77,7 +83,7 @@ bool Mutex::unlock(Thread& self) noexcept {
 }
 
 bool Mutex::try_unlock(Thread& self) noexcept {
-    std::uint32_t word = self.id();
+    std::uint32_t word = self.lock_id();
     if (word_.load(std::memory_order_relaxed) != word) return false;
     if (holds_ > 1) {
         --holds_;
@@ -120,7 +126,7 @@ void Mutex::abandon_all(Thread& self) noexcept {
 // Without a handle the owner can never release it; a thread that still waits for it learns what happened.
 void Mutex::last_handle_closed() noexcept {
     Thread& self = ThreadAccess::current();
-    if (owner() == self.id()) {
+    if (owner() == self.lock_id()) {
         give_up(self, true);
     } else {
         keep_while_owned();

@@ -6,7 +6,7 @@
 
 namespace zr::platform {
 
-// A mutex: the word holds its owner's thread identifier, 0 when it is free. While it is owned it hangs in its owner's
+// A mutex: the word says who owns it (Thread::lock_id), 0 when it is free. While it is owned it hangs in its owner's
 // list, which only the owner touches, and lives: by its handles, or when there are none left by a reference that kKept
 // stands for.
 //
@@ -30,7 +30,7 @@ public:
             enlist_owned(self);
             return attempt;
         }
-        if (owner() != self.id()) return Attempt::No;
+        if (owner() != self.lock_id()) return Attempt::No;
         ++holds_;
         return Attempt::Taken;
     }
@@ -60,11 +60,16 @@ private:
     DWORD owner() const noexcept { return word_.load(std::memory_order_acquire) & kOwner; }
     Attempt take_free(Thread& self) noexcept {
         std::uint32_t word = 0;
-        if (!word_.compare_exchange_strong(word, self.id(), std::memory_order_acquire, std::memory_order_relaxed)) {
+        if (!word_.compare_exchange_strong(word, self.lock_id(), std::memory_order_acquire,
+                                           std::memory_order_relaxed)) {
             return Attempt::No;
         }
         holds_ = 1;
         return std::exchange(abandoned_, false) ? Attempt::TakenAbandoned : Attempt::Taken;
+    }
+    bool is_left_behind() const noexcept {
+        const DWORD now = owner();
+        return now != 0 && ThreadAccess::stayed_behind(now);
     }
     void enlist_owned(Thread& self) noexcept;
     void delist_owned(Thread& self) noexcept;

@@ -15,13 +15,14 @@ constexpr std::uint32_t kSpinMost = 200;
 constexpr std::uint32_t kProbeOften = 16;
 constexpr std::uint32_t kProbeSeldom = 4096;
 
+const bool one = [] {
+    cpu_set_t set;
+    return sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) == 1;
+}();
+
 }  // namespace
 
 bool ThreadAccess::one_processor() noexcept {
-    static const bool one = [] {
-        cpu_set_t set;
-        return sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) == 1;
-    }();
     return one;
 }
 

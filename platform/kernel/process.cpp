@@ -17,13 +17,14 @@ protected:
     bool is_signalled(const Thread&) const noexcept override { return false; }
 };
 
+// Never destroyed: threads may ask while the process exits.
+alignas(Process) std::byte room[sizeof(Process)];
+Process& process = *new (room) Process;
+
 }  // namespace
 
 Waitable& this_process() noexcept {
-    // Never destroyed: threads may ask while the process exits.
-    alignas(Process) static std::byte room[sizeof(Process)];
-    static Process* const process = new (room) Process;
-    return *process;
+    return process;
 }
 
 }  // namespace zr::platform

@@ -1,13 +1,14 @@
 #include "quick_pin.h"
 
 #include <linux/membarrier.h>
-#include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+
+#include "at_fork.h"
 
 namespace zr::platform {
 namespace {
@@ -31,20 +32,7 @@ bool barrier_everywhere() noexcept {
     return register_for_barriers() && membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0;
 }
 
-// Only the thread that forked goes on in the child; what the others were looking at there, nobody looks at any more.
-void after_fork_in_child() {
-    const QuickSlot* own = current_thread ? ThreadAccess::quick_slot(*current_thread) : nullptr;
-    for (QuickSlot& slot : slots) {
-        if (&slot == own) continue;
-        slot.entry.store(nullptr, std::memory_order_relaxed);
-        slot.used.store(false, std::memory_order_relaxed);
-    }
-}
-
-bool have_slots() noexcept {
-    static const bool have = register_for_barriers() && pthread_atfork(nullptr, nullptr, after_fork_in_child) == 0;
-    return have;
-}
+const bool have_slots = register_for_barriers();
 
 // A thread is through with a slot after a few instructions, unless it is not running.
 void await(const QuickSlot& slot, const Entry& entry) noexcept {
@@ -64,8 +52,18 @@ void await(const QuickSlot& slot, const Entry& entry) noexcept {
 
 }  // namespace
 
+// What the others were looking at nobody looks at any more.
+void at_fork::forget_quick_pins() noexcept {
+    const QuickSlot* own = current_thread ? ThreadAccess::quick_slot(*current_thread) : nullptr;
+    for (QuickSlot& slot : slots) {
+        if (&slot == own) continue;
+        slot.entry.store(nullptr, std::memory_order_relaxed);
+        slot.used.store(false, std::memory_order_relaxed);
+    }
+}
+
 QuickSlot* claim_quick_slot() noexcept {
-    if (!have_slots()) return nullptr;
+    if (!have_slots) return nullptr;
     for (int i = 0; i < kSlots; ++i) {
         if (slots[i].used.exchange(true, std::memory_order_acq_rel)) continue;
         // Before the slot is used for the first time, so that no closer overlooks it.

@@ -4,10 +4,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <algorithm>
-#include <iterator>
 #include <new>
 
+#include "at_fork.h"
+#include "base/forks.h"
 #include "engine.h"
 #include "mutex.h"
 #include "named/objects.h"
@@ -33,14 +33,23 @@ Thread*& bucket(DWORD id) noexcept {
 }
 
 // Called when a thread exits, after its C++ thread_local objects are gone.
-pthread_key_t exit_key() noexcept {
-    static const pthread_key_t key = [] {
-        pthread_key_t made{};
-        pthread_key_create(&made, [](void* record) { ThreadAccess::leave(*static_cast<Thread*>(record)); });
-        return made;
-    }();
-    return key;
+const pthread_key_t exit_key = [] {
+    pthread_key_t made{};
+    pthread_key_create(&made, [](void* record) { ThreadAccess::leave(*static_cast<Thread*>(record)); });
+    return made;
+}();
+
+// A thread is named in locks by its identifier and by how many forks its process is away from the first one: an
+// identifier is used again, also while a child has locks that say who owned them in the parent.
+constexpr int kTidBits = 22;  // the most that the kernel hands out
+constexpr std::uint32_t kForkMask = 0xFF;
+
+DWORD lock_id_of(DWORD id) noexcept {
+    return (fork_generation() & kForkMask) << kTidBits | id;
 }
+
+std::atomic<Thread*> survivor{nullptr};  // the thread that this process was forked by
+std::atomic<DWORD> survivors_lock_id{0};
 
 ThreadExitHook hook_at(int index) noexcept {
     const std::lock_guard guard(hooks_lock);
@@ -51,8 +60,19 @@ ThreadExitHook hook_at(int index) noexcept {
 
 constinit thread_local Thread* current_thread [[gnu::tls_model("initial-exec")]] = nullptr;
 
+Thread::Thread() noexcept : Waitable(kKind), generation_(fork_generation()) {}
+
+bool Thread::stayed_behind() const noexcept {
+    return generation_ != fork_generation() && this != survivor.load(std::memory_order_relaxed);
+}
+
+DWORD Thread::exit_code() const noexcept {
+    const DWORD code = exit_code_.load(std::memory_order_acquire);
+    return code == STILL_ACTIVE && stayed_behind() ? ERROR_PROCESS_ABORTED : code;
+}
+
 bool Thread::is_signalled(const Thread&) const noexcept {
-    return (word_.load(std::memory_order_acquire) & kEnded) != 0;
+    return (word_.load(std::memory_order_acquire) & kEnded) != 0 || stayed_behind();
 }
 
 Waitable::Attempt Thread::try_acquire(Thread& self) noexcept {
@@ -88,9 +108,10 @@ Thread& ThreadAccess::adopt_current() {
 void ThreadAccess::enter(Thread& self) noexcept {
     current_thread = &self;
     self.quick_slot_ = claim_quick_slot();
-    pthread_setspecific(exit_key(), &self);
+    pthread_setspecific(exit_key, &self);
     const std::lock_guard guard(registry_lock);
     const DWORD id = static_cast<DWORD>(gettid());
+    self.lock_id_ = lock_id_of(id);
     self.id_.store(id, std::memory_order_release);
     Thread*& first = bucket(id);
     self.next_ = first;
@@ -111,6 +132,7 @@ bool ThreadAccess::has_ended(const Thread& thread) noexcept {
 }
 
 void ThreadAccess::request_end(Thread& thread, DWORD code) noexcept {
+    if (thread.stayed_behind()) return;
     {
         const std::lock_guard guard(registry_lock);
         if (!thread.end_requested_.load(std::memory_order_relaxed)) {
@@ -131,25 +153,40 @@ void ThreadAccess::give_up_all(Thread& self) noexcept {
     self.tls_ = nullptr;
 }
 
-void ThreadAccess::before_fork() noexcept {
-    registry_lock.lock();
-    Engine::lock.lock();
-    lock_handles();
+bool ThreadAccess::stayed_behind(DWORD lock_id) noexcept {
+    return lock_id >> kTidBits != (fork_generation() & kForkMask) &&
+           lock_id != survivors_lock_id.load(std::memory_order_relaxed);
 }
 
-void ThreadAccess::after_fork(bool in_child) noexcept {
-    if (in_child && current_thread) {
-        Thread& self = *current_thread;
-        std::fill(std::begin(running), std::end(running), nullptr);
-        const DWORD id = static_cast<DWORD>(gettid());
-        self.id_.store(id, std::memory_order_release);
-        self.next_ = nullptr;
-        bucket(id) = &self;
-        self.named_owned_ = nullptr;
-        self.named_sleeper_ = {};
+// The others' stacks are still as they were, but nothing keeps them so.
+void ThreadAccess::survive_fork() noexcept {
+    for (Thread*& first : running) {
+        for (Thread* thread = first; thread; thread = thread->next_) {
+            if (thread == current_thread || thread->block_count_ == 0) continue;
+            Engine::delist(*thread);
+            Engine::stop_waiting(*thread);
+        }
+        first = nullptr;
     }
-    unlock_handles();
-    Engine::lock.unlock();
+    survivor.store(current_thread, std::memory_order_relaxed);
+    if (!current_thread) return;
+    Thread& self = *current_thread;
+    survivors_lock_id.store(self.lock_id_, std::memory_order_relaxed);
+    const DWORD id = static_cast<DWORD>(gettid());
+    self.id_.store(id, std::memory_order_release);
+    self.next_ = nullptr;
+    bucket(id) = &self;
+    self.named_owned_ = nullptr;
+    self.named_sleeper_ = {};
+}
+
+void at_fork::lock_threads() noexcept {
+    registry_lock.lock();
+    hooks_lock.lock();
+}
+
+void at_fork::unlock_threads() noexcept {
+    hooks_lock.unlock();
     registry_lock.unlock();
 }
 

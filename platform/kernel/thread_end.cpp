@@ -16,6 +16,7 @@
 #include <exception>
 #include <new>
 
+#include "at_fork.h"
 #include "engine.h"
 #include "platform/kernel.h"
 #include "thread_start.h"
@@ -106,6 +107,7 @@ constinit thread_local void* exit_stack = nullptr;
 }
 
 std::atomic<std::terminate_handler> next_handler = nullptr;
+constinit FutexLock handler_lock;
 
 void on_terminate() {
     if (current_thread && ThreadAccess::is_unwinding(*current_thread)) ThreadAccess::cut_off(*current_thread);
@@ -115,12 +117,19 @@ void on_terminate() {
 
 // The program may have put a handler of its own in front since the last time.
 void watch_for_terminate() noexcept {
-    static FutexLock lock;
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(handler_lock);
     if (std::get_terminate() != on_terminate) next_handler = std::set_terminate(on_terminate);
 }
 
 }  // namespace
+
+void at_fork::lock_thread_end() noexcept {
+    handler_lock.lock();
+}
+
+void at_fork::unlock_thread_end() noexcept {
+    handler_lock.unlock();
+}
 
 void ThreadAccess::cut_off(Thread& self) {
     if (self.start_) longjmp(self.start_->base, 1);

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <new>
 
+#include "at_fork.h"
 #include "base/host_error.h"
 #include "futex.h"
 #include "platform/base.h"
@@ -56,6 +57,14 @@ std::size_t bytes_from(const char* at) noexcept {
 }
 
 }  // namespace
+
+void at_fork::lock_views() noexcept {
+    views_lock.lock();
+}
+
+void at_fork::unlock_views() noexcept {
+    views_lock.unlock();
+}
 
 void* map_view(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept {
     View* const view = new (std::nothrow) View;

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <new>
 
+#include "at_fork.h"
 #include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/memory.h"
@@ -16,9 +17,10 @@ namespace {
 
 constexpr std::uintptr_t kGranularity = 0x10000;
 
+const auto host_page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+
 std::uintptr_t page_size() noexcept {
-    static const std::uintptr_t size = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    return size;
+    return host_page;
 }
 
 std::uintptr_t granularity() noexcept {
@@ -74,10 +76,11 @@ private:
 };
 
 // Never destroyed: objects that live as long as the process give their memory back at its very end.
+alignas(Regions) unsigned char storage[sizeof(Regions)];
+Regions& all_regions = *new (storage) Regions;
+
 Regions& regions() noexcept {
-    alignas(Regions) static unsigned char storage[sizeof(Regions)];
-    static Regions& made = *new (storage) Regions;
-    return made;
+    return all_regions;
 }
 
 void* fail(DWORD error) noexcept {
@@ -211,6 +214,15 @@ DWORD decommit(std::uintptr_t address, std::size_t size) noexcept {
 }
 
 }  // namespace
+
+void at_fork::lock_pages() noexcept {
+    regions().lock.lock();
+}
+
+void at_fork::unlock_pages() noexcept {
+    regions().lock.unlock();
+}
+
 }  // namespace zr::platform
 
 using namespace zr::platform;

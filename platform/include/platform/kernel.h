@@ -117,7 +117,7 @@ ZRPLATFORM_API void Sleep(DWORD milliseconds);
 // data: it lives where the caller puts it, must not move while it is in use, and holds nothing that needs freeing.
 // A thread that ends inside leaves it locked.
 struct CRITICAL_SECTION {
-    DWORD LockWord;        // the owning thread's identifier, 0 when free; the top bit: others may be waiting
+    DWORD LockWord;        // the owning thread, 0 when free; the top bit: others may be waiting
     DWORD RecursionCount;  // written by the owner only
 };
 using LPCRITICAL_SECTION = CRITICAL_SECTION*;

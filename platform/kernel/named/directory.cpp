@@ -322,10 +322,6 @@ bool is_unfinished(const char* file_name) noexcept {
     return std::strncmp(file_name, kUnfinishedPrefix, std::strlen(kUnfinishedPrefix)) == 0;
 }
 
-void remove_region_file(const std::string& folder) noexcept {
-    remove_file(folder, kFileName);
-}
-
 void remove_files_if(const std::string& folder, bool (*select)(const char*, void*), void* context) noexcept {
     DIR* const listing = opendir(folder.c_str());
     if (!listing) return;

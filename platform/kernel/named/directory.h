@@ -58,7 +58,6 @@ inline constexpr char kUnfinishedPrefix[] = "new.";  // and place, generation an
 
 bool is_contents(const char* file_name) noexcept;
 bool is_unfinished(const char* file_name) noexcept;
-void remove_region_file(const std::string& folder) noexcept;
 
 // Deletes those files of the folder that `select` picks by name.
 void remove_files_if(const std::string& folder, bool (*select)(const char* name, void* context),

@@ -1,6 +1,6 @@
 #pragma once
 
-// The file of the runtime directory that holds the user's named objects, as every process maps it.
+// The memory that holds the user's named objects, as every process of theirs has it (base/shared_memory.h).
 //
 // Any process may be killed between any two instructions. So each fact is one field, and each change of a fact is one
 // store: `state` of an entry says whether the rest of it counts. Everything else here (the links of queues and of hash
@@ -15,7 +15,7 @@
 
 namespace zr::platform::named {
 
-// The file grows by segments; a table is a list of segments, each full of its entries.
+// The memory is used by segments; a table is a list of segments, each full of its entries.
 inline constexpr std::uint32_t kSegment = 64 * 1024;
 inline constexpr std::uint32_t kChunks = 256;  // segments that a table can have
 inline constexpr std::uint32_t kProcesses = 512;
@@ -23,7 +23,7 @@ inline constexpr std::uint32_t kBuckets = 4096;
 inline constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
 inline constexpr std::uint64_t kMagic = 0x31626F2D6D616E7A;
-inline constexpr const char* kFileName = sizeof(void*) == 8 ? "objects-1-64" : "objects-1-32";
+inline constexpr const char* kFileName = sizeof(void*) == 8 ? "objects-2-64" : "objects-2-32";
 
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
@@ -71,6 +71,7 @@ struct alignas(64) Process {
     std::atomic<std::uint32_t> state;
     std::atomic<std::uint32_t> generation;  // counts up when the place is given back
     std::atomic<std::uint32_t> id;
+    std::atomic<std::uint64_t> birth;  // no two processes have the same; modulo kProcesses it is the place
 };
 
 // --- Objects ---------------------------------------------------------------------------------------------------------
@@ -169,8 +170,9 @@ struct Header {
     std::atomic<std::uint64_t> magic;  // written last
     pthread_mutex_t lock;
     std::uint64_t tickets;
+    std::uint64_t births;                                 // how many took a place
     std::uint64_t contents;                               // the last number given to a mapping's file
-    std::atomic<std::uint32_t> segments;                  // derived: how many of the file are in use
+    std::atomic<std::uint32_t> segments;                  // derived: how many are in use
     std::uint32_t hints[kTables];                         // derived: no vacant entry below
     std::atomic<std::uint32_t> chunks[kTables][kChunks];  // the segments of each table, 0: none
     std::uint32_t buckets[kBuckets];                      // derived

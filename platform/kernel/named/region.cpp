@@ -1,30 +1,15 @@
 #include "named/region.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cstdlib>
+#include <cerrno>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <utility>
 
-#include "base/host_fd.h"
 #include "named/directory.h"
 
 namespace zr::platform::named {
 namespace {
-
-int allocate(int file, off_t from, off_t size) noexcept {
-    int error = EINTR;
-    while (error == EINTR) {
-        error = posix_fallocate(file, from, size);
-    }
-    return error;
-}
 
 // Files of mappings that nobody can have open any more.
 void remove_contents(const std::string& folder) noexcept {
@@ -44,41 +29,31 @@ int make_shared_lock(pthread_mutex_t& lock) noexcept {
     return error;
 }
 
-int Region::attach(int file, const std::string& folder) noexcept {
-    struct stat status {};
-    if (fstat(file, &status) != 0) return errno;
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+int Region::attach(const FileLock& lock, const std::string& folder, bool make) noexcept {
     try {
         folder_ = folder;
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
-    // Addresses for all that the file can become; those behind its end are not touched before it has grown.
-    void* const base = mmap(nullptr, kWholeSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, file, 0);
-    if (base == MAP_FAILED) return errno;
-    base_ = static_cast<char*>(base);
-    const int error = is_whole(file) && anybody_lives() ? 0 : initialise(file);
+    int error = memory_.find(lock, kWholeSize);
+    if (error == 0) {
+        base_ = static_cast<char*>(memory_.data());
+        if (header().magic.load(std::memory_order_acquire) == kMagic && anybody_lives()) return 0;
+        detach();
+        error = ENOENT;
+    }
+    if (error != ENOENT || !make) return error;
+    error = memory_.make(lock, kWholeSize);
+    if (error != 0) return error;
+    base_ = static_cast<char*>(memory_.data());
+    error = initialise();
     if (error != 0) detach();
     return error;
 }
 
 void Region::detach() noexcept {
-    if (base_) munmap(base_, kWholeSize);
+    memory_.detach();
     base_ = nullptr;
-}
-
-bool Region::is_whole(int file) const noexcept {
-    struct stat status {};
-    if (fstat(file, &status) != 0 || status.st_size < off_t{kFirstSegment} * kSegment) return false;
-    if (header().magic.load(std::memory_order_acquire) != kMagic) return false;
-    const auto segments = static_cast<std::uint64_t>(status.st_size) / kSegment;
-    for (const auto& table : header().chunks) {
-        for (const auto& chunk : table) {
-            if (chunk.load(std::memory_order_relaxed) >= segments) return false;
-        }
-    }
-    return header().segments.load(std::memory_order_relaxed) <= segments;
 }
 
 bool Region::anybody_lives() const noexcept {
@@ -88,38 +63,16 @@ bool Region::anybody_lives() const noexcept {
     return false;
 }
 
-int Region::initialise(int file) noexcept {
+int Region::initialise() noexcept {
     remove_contents(folder_);
-    if (ftruncate(file, 0) != 0) return errno;
-    int error = allocate(file, 0, off_t{kFirstSegment} * kSegment);
-    if (error == 0) {
-        header().segments.store(kFirstSegment, std::memory_order_relaxed);
-        std::memset(header().buckets, 0xFF, sizeof header().buckets);
-        error = make_shared_lock(header().lock);
-    }
-    if (error == 0) {
-        header().magic.store(kMagic, std::memory_order_release);
-    } else if (ftruncate(file, 0) == 0) {
-        remove_region_file(folder_);
-    }
+    header().segments.store(kFirstSegment, std::memory_order_relaxed);
+    std::memset(header().buckets, 0xFF, sizeof header().buckets);
+    const int error = make_shared_lock(header().lock);
+    if (error == 0) header().magic.store(kMagic, std::memory_order_release);
     return error;
 }
 
-int Region::open_file(int flags) const noexcept {
-    try {
-        const int file = above_standard(open((folder_ + "/" + kFileName).c_str(), flags | O_CLOEXEC | O_NOFOLLOW));
-        if (file < 0) return -1;
-        struct stat status {};
-        if (fstat(file, &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) return file;
-        close(file);
-        errno = ESTALE;
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-    }
-    return -1;
-}
-
-// One more segment for a table. The file is opened for that only, so that no descriptor has to be kept.
+// One more segment for a table.
 int Region::grow(Table table) noexcept {
     auto& chunks = header().chunks[static_cast<std::uint32_t>(table)];
     std::uint32_t chunk = 0;
@@ -127,14 +80,7 @@ int Region::grow(Table table) noexcept {
         ++chunk;
     }
     if (chunk == kChunks) return ENOMEM;
-    const int file = open_file(O_RDWR);
-    if (file < 0) return errno;
     const std::uint32_t segment = header().segments.load(std::memory_order_relaxed);
-    const int error = allocate(file, off_t{segment} * kSegment, kSegment);
-    // What could not be had whole is given back.
-    if (error != 0 && ftruncate(file, off_t{segment} * kSegment) != 0) errno = error;
-    close(file);
-    if (error != 0) return error;
     chunks[chunk].store(segment, std::memory_order_release);
     header().segments.store(segment + 1, std::memory_order_relaxed);
     return 0;
@@ -154,6 +100,11 @@ bool Region::lives(std::uint32_t place) const noexcept {
 bool Region::lives(std::uint32_t place, std::uint32_t generation) const noexcept {
     if (place >= kProcesses) return false;
     return process(place).generation.load(std::memory_order_acquire) == generation && lives(place);
+}
+
+bool Region::lives_by_birth(std::uint64_t birth) const noexcept {
+    const auto place = static_cast<std::uint32_t>(birth % kProcesses);
+    return lives(place) && process(place).birth.load(std::memory_order_acquire) == birth;
 }
 
 std::string Region::contents_path(std::uint64_t number) const {

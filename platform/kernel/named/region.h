@@ -1,9 +1,10 @@
 #pragma once
 
-// The file of named objects, mapped; its tables and its lock.
+// The memory of named objects, its tables and its lock.
 
 #include <string>
 
+#include "base/shared_memory.h"
 #include "futex.h"
 #include "named/layout.h"
 
@@ -30,10 +31,14 @@ public:
     Region(const Region&) = delete;
     Region& operator=(const Region&) = delete;
 
-    // Maps the file, which is open as `file` and locked (flock) by the caller; makes it anew when it is none yet, is
-    // damaged, or when no process of those that it names lives. 0 or an error number, and then nothing is left.
-    int attach(int file, const std::string& folder) noexcept;
+    // Finds the memory, whose file the caller has locked, in the runtime directory; makes it anew where there is none,
+    // or no process of those that have a place in it lives. Without `make`: ENOENT then. 0 or an error number, and then
+    // nothing is left.
+    int attach(const FileLock& lock, const std::string& folder, bool make) noexcept;
     void detach() noexcept;
+
+    // Tells this memory from every other one.
+    std::uint64_t number() const noexcept { return memory_.number(); }
 
     Header& header() const noexcept { return *reinterpret_cast<Header*>(base_); }
     Process& process(std::uint32_t place) const noexcept { return reinterpret_cast<Process*>(base_ + kSegment)[place]; }
@@ -79,6 +84,8 @@ public:
     // Whether the process at that place, of that generation, still lives.
     bool lives(std::uint32_t place, std::uint32_t generation) const noexcept;
     bool lives(std::uint32_t place) const noexcept;
+    // Whether the process of that birth does.
+    bool lives_by_birth(std::uint64_t birth) const noexcept;
 
     // The word of a process's life lock: its holder's thread identifier, marked by the kernel when that ends.
     std::atomic<std::uint32_t>& life(std::uint32_t place) const noexcept;
@@ -99,23 +106,20 @@ public:
     }
 
     std::string contents_path(std::uint64_t number) const;
-    int open_file(int flags) const noexcept;  // the file of the region itself; -1 with errno
 
 private:
-    int initialise(int file) noexcept;
+    int initialise() noexcept;
     int grow(Table table) noexcept;
-    bool is_whole(int file) const noexcept;
     bool anybody_lives() const noexcept;
 
     friend class Hold;
     static constexpr std::uint32_t kMostToWake = 16;
 
+    SharedMemory memory_;
     char* base_ = nullptr;
     const void* to_wake_[kMostToWake];  // guarded by the lock
     std::uint32_t to_wake_count_ = 0;
     std::string folder_;
-    std::uint64_t device_ = 0;
-    std::uint64_t inode_ = 0;
 };
 
 // A robust lock for all processes. 0 or an error number.

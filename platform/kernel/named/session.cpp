@@ -1,15 +1,12 @@
 #include "named/session.h"
 
-#include <fcntl.h>
 #include <pthread.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <new>
 
-#include "base/host_fd.h"
-#include "base/signal_block.h"
+#include "at_fork.h"
 #include "base/state_folder.h"
 #include "engine.h"
 #include "platform/base.h"
@@ -31,29 +28,7 @@ Member* members[kMemberBuckets];
 // The file is made sticky: what cleans up runtime directories leaves such files alone.
 constexpr mode_t kFileMode = S_ISVTX | S_IRUSR | S_IWUSR;
 
-// The region's file, open and locked; it is the one that the path names now.
-int open_locked(const std::string& path, int flags, HostFd& file) noexcept {
-    for (;;) {
-        file = open_host(path.c_str(), O_RDWR | O_NOFOLLOW | flags, 0600);
-        if (!file) return errno;
-        while (flock(file.get(), LOCK_EX) != 0) {
-            if (errno != EINTR) return errno;
-        }
-        struct stat here {};
-        struct stat there {};
-        if (fstat(file.get(), &here) != 0) return errno;
-        if (lstat(path.c_str(), &there) != 0 || here.st_ino != there.st_ino || here.st_dev != there.st_dev) continue;
-        if ((here.st_mode & 07777) != kFileMode) fchmod(file.get(), kFileMode);
-        return 0;
-    }
-}
-
 }  // namespace
-
-RegionFile::~RegionFile() {
-    // Explicitly: a child that was forked meanwhile has the descriptor too.
-    if (file_) flock(file_.get(), LOCK_UN);
-}
 
 bool RegionFile::open(Region& region, bool create, DWORD& error) noexcept {
     const Folder folder = runtime_folder();
@@ -63,8 +38,9 @@ bool RegionFile::open(Region& region, bool create, DWORD& error) noexcept {
     }
     int number = 0;
     try {
-        number = open_locked(folder.path + "/" + kFileName, create ? O_CREAT : 0, file_);
-        if (number == 0) number = region.attach(file_.get(), folder.path);
+        path_ = folder.path + "/" + kFileName;
+        number = lock_.take(path_.c_str(), create ? FileLock::Missing::IsMade : FileLock::Missing::Fails, kFileMode);
+        if (number == 0) number = region.attach(lock_, folder.path, create);
     } catch (const std::bad_alloc&) {
         number = ENOMEM;
     }
@@ -90,8 +66,6 @@ Session* Session::begin() noexcept {
         SetLastError(error);
         return nullptr;
     }
-    static const int registered = pthread_atfork(&Session::before_fork, &Session::in_parent, &Session::in_child);
-    static_cast<void>(registered);
     the_session.store(session, std::memory_order_release);
     return session;
 }
@@ -115,6 +89,8 @@ bool Session::take_place() noexcept {
         if (process.state.load(std::memory_order_relaxed) != Process::Vacant) continue;
         process.id.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
         generation_ = process.generation.load(std::memory_order_relaxed);
+        birth_ = ++region_.header().births * kProcesses + place_;
+        process.birth.store(birth_, std::memory_order_relaxed);
         return make_shared_lock(process.life) == 0;
     }
     return false;
@@ -122,24 +98,14 @@ bool Session::take_place() noexcept {
 
 // Returns when the thread runs and holds the life lock.
 bool Session::start_watch() noexcept {
-    pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) return false;
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attributes, kWatchStack);
-    bool started = false;
-    {
-        const SignalBlock no_signals;
-        pthread_t thread{};
-        started = pthread_create(&thread, &attributes, &Session::watch_main, this) == 0;
-    }
-    pthread_attr_destroy(&attributes);
-    while (started && watching_.load(std::memory_order_acquire) == 0) {
+    if (!life_.start(&Session::live, this, kWatchStack)) return false;
+    while (watching_.load(std::memory_order_acquire) == 0) {
         futex_wait(watching_, 0, Deadline::never());
     }
-    return started;
+    return true;
 }
 
-void* Session::watch_main(void* argument) {
+void Session::live(void* argument) {
     Session& self = *static_cast<Session*>(argument);
     Process& process = self.region_.process(self.place_);
     pthread_mutex_lock(&process.life);
@@ -151,7 +117,6 @@ void* Session::watch_main(void* argument) {
     self.watching_.store(1, std::memory_order_release);
     futex_wake(&self.watching_, INT_MAX);
     self.watch();
-    return nullptr;
 }
 
 // The next process in the circle of all; this one when it is alone.
@@ -191,27 +156,6 @@ void Session::watch() noexcept {
         if (!word.compare_exchange_strong(seen, marked, std::memory_order_acq_rel)) continue;
         if (next_place() == next) futex_wait(word, marked, Deadline::never(), FutexScope::Shared);
     }
-}
-
-// What a forked child must find free.
-void Session::before_fork() noexcept {
-    session_lock.lock();
-    members_lock.lock();
-    ThreadAccess::before_fork();
-}
-
-void Session::in_parent() noexcept {
-    ThreadAccess::after_fork(false);
-    members_lock.unlock();
-    session_lock.unlock();
-}
-
-// The child is a process of its own, without a place: the next use of a named object begins a session for it.
-void Session::in_child() noexcept {
-    ThreadAccess::after_fork(true);
-    inherited = the_session.exchange(nullptr, std::memory_order_acq_rel);
-    members_lock.unlock();
-    session_lock.unlock();
 }
 
 SessionHold::SessionHold(Session& session) noexcept : Hold(session.region()) {
@@ -285,3 +229,22 @@ Member* Member::find_local(std::uint32_t index, zr::platform::Object*& owner) no
 }
 
 }  // namespace zr::platform::named
+
+namespace zr::platform {
+
+void at_fork::lock_session() noexcept {
+    named::session_lock.lock();
+    named::members_lock.lock();
+}
+
+void at_fork::unlock_session() noexcept {
+    named::members_lock.unlock();
+    named::session_lock.unlock();
+}
+
+// The child is a process of its own, without a place: the next use of a named object begins a session for it.
+void at_fork::forget_session() noexcept {
+    if (named::Session* const parents = named::the_session.exchange(nullptr)) named::inherited = parents;
+}
+
+}  // namespace zr::platform

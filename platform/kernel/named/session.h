@@ -3,29 +3,31 @@
 // This process among those that share named objects.
 
 #include <mutex>
+#include <string>
 #include <string_view>
 
-#include "base/host_fd.h"
+#include "base/file_lock.h"
 #include "kernel/handle_table.h"
 #include "kernel/thread.h"
+#include "kernel/worker.h"
 #include "named/directory.h"
 
 namespace zr::platform::named {
 
-// The file of the region, locked among processes for as long as this lives: while a process joins, and while somebody
-// who has no place looks.
+// The region's file, locked among processes for as long as this lives: while a process joins, and while somebody who
+// has no place looks.
 class RegionFile {
 public:
     RegionFile() noexcept = default;
-    ~RegionFile();
     RegionFile(const RegionFile&) = delete;
     RegionFile& operator=(const RegionFile&) = delete;
 
-    // Maps it, makes it if it may be made. False with the error.
+    // Finds the region, makes it if it may be made. False with the error.
     bool open(Region& region, bool create, DWORD& error) noexcept;
 
 private:
-    HostFd file_;
+    std::string path_;
+    FileLock lock_;
 };
 
 // This process's place in the region. There from the first use of a named object on, until the process ends; a forked
@@ -40,6 +42,7 @@ public:
     Region& region() noexcept { return region_; }
     std::uint32_t place() const noexcept { return place_; }
     std::uint32_t generation() const noexcept { return generation_; }
+    std::uint64_t birth() const noexcept { return birth_; }
     std::uint64_t owner(const Thread& thread) const noexcept { return make_owner(place_, generation_, thread.id()); }
 
 private:
@@ -49,14 +52,13 @@ private:
     void watch() noexcept;
     void announce() noexcept;
     std::uint32_t next_place() const noexcept;
-    static void* watch_main(void* session);
-    static void before_fork() noexcept;
-    static void in_parent() noexcept;
-    static void in_child() noexcept;
+    static void live(void* session);
 
     Region region_;
     std::uint32_t place_ = 0;
     std::uint32_t generation_ = 0;
+    std::uint64_t birth_ = 0;
+    Worker life_{"zr-named"};
     std::atomic<std::uint32_t> watching_{0};
 };
 

@@ -28,11 +28,17 @@ public:
     const char* path() const noexcept { return path_; }
 
 private:
+    void give_back() noexcept;
+
     HostFd file_;
     const char* path_ = nullptr;
 };
 
 // The process that has the file at the path locked; 0 when that is not known.
 ZRPLATFORM_API pid_t lock_holder(const char* path) noexcept;
+
+// In the child of a fork: a lock that another thread of the parent holds is given back when the parent gives it back or
+// ends, and not when the child does, too.
+void close_inherited_locks() noexcept;
 
 }  // namespace zr::platform

@@ -35,7 +35,9 @@ public:
     static Ref<Thread> find(DWORD id) noexcept;
 
     DWORD id() const noexcept { return id_.load(std::memory_order_acquire); }
-    DWORD exit_code() const noexcept { return exit_code_.load(std::memory_order_acquire); }
+    // What the locks of this process say of their owner. It outlives a fork, as the locks do that the thread owns.
+    DWORD lock_id() const noexcept { return lock_id_; }
+    DWORD exit_code() const noexcept;
 
     // A pointer of a family's own, NULL at first. Its family frees what it points to in a thread exit hook.
     std::atomic<void*>& slot(ThreadSlot which) noexcept { return slots_[static_cast<int>(which)]; }
@@ -44,14 +46,19 @@ private:
     friend class Engine;
     friend struct ThreadAccess;
 
-    Thread() noexcept : Waitable(kKind) {}
+    Thread() noexcept;
     ~Thread() override = default;
     bool is_signalled(const Thread& waiter) const noexcept override;
     Attempt try_acquire(Thread& self) noexcept override;
 
     static constexpr std::uint32_t kEnded = 1;  // in the word
 
+    // Whether the thread stayed behind in a process that this one was forked from.
+    bool stayed_behind() const noexcept;
+
     std::atomic<DWORD> id_{0};
+    DWORD lock_id_ = 0;
+    const std::uint32_t generation_;     // of the process that made it
     std::atomic<DWORD> exit_code_{259};  // STILL_ACTIVE
     std::atomic<void*> slots_[static_cast<int>(ThreadSlot::Count)] = {};
 

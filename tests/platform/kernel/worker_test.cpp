@@ -7,7 +7,7 @@
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
+#include <mutex>
 #include <string>
 
 #include "support/forked.h"
@@ -90,22 +90,29 @@ TEST(WorkerTest, IsToldToStop) {
     EXPECT_FALSE(worker.is_running());
 }
 
-TEST(WorkerTest, MayStopItself) {
-    std::atomic<int> stopped{0};
-    struct Both {
+TEST(WorkerTest, MayEndUnasked) {
+    struct Rounds {
+        std::mutex lock;
         Worker worker{"zr-test"};
-        std::atomic<int>* stopped = nullptr;
-    } both;
-    both.stopped = &stopped;
-    ASSERT_TRUE(both.worker.start(
-        [](void* context) {
-            Both& self = *static_cast<Both*>(context);
-            self.worker.stop();
-            self.stopped->store(1);
-            self.stopped->notify_all();
-        },
-        &both));
-    stopped.wait(0);
+        std::atomic<int> runs{0};
+    } rounds;
+    for (int round = 1; round <= 20; ++round) {
+        {
+            const std::lock_guard guard(rounds.lock);
+            ASSERT_FALSE(rounds.worker.is_running());
+            ASSERT_TRUE(rounds.worker.start(
+                [](void* context) {
+                    Rounds& self = *static_cast<Rounds*>(context);
+                    const std::lock_guard mine(self.lock);
+                    self.worker.leave();
+                    self.runs.fetch_add(1);
+                    self.runs.notify_all();
+                },
+                &rounds));
+        }
+        rounds.runs.wait(round - 1);
+        const std::lock_guard given_back(rounds.lock);
+    }
 }
 
 TEST(WorkerTest, IsNotInAForkedChildWhichMayStartItAnew) {

@@ -32,15 +32,6 @@ void spin(std::uint32_t microseconds) {
     } while ((now.QuadPart - begin.QuadPart) * 1'000'000 / frequency.QuadPart < microseconds);
 }
 
-std::uintmax_t region_size() {
-    const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
-    std::uintmax_t size = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        if (entry.path().filename().string().starts_with("objects-")) size += entry.file_size();
-    }
-    return size;
-}
-
 // Does all that can be done with a few names, for ever.
 class Busy {
 public:

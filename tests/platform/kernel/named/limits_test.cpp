@@ -121,8 +121,8 @@ TEST(NamedLimits, ManyThreadsMixWaits) {
     }
 }
 
-TEST(NamedLimits, NoRoomForTheFirstObject) {
-    WITH_SMALL_RUNTIME("64k", {
+TEST(NamedLimits, NoRoomForAFile) {
+    WITH_SMALL_RUNTIME("64k,nr_inodes=2", {
         EXPECT_EQ(CreateEventW(nullptr, FALSE, FALSE, u"first"), nullptr);
         EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
         const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
@@ -130,30 +130,21 @@ TEST(NamedLimits, NoRoomForTheFirstObject) {
     });
 }
 
-TEST(NamedLimits, NoRoomForOneMore) {
-    WITH_SMALL_RUNTIME("512k", {
+// Only the contents of mappings need room there.
+TEST(NamedLimits, AFullRuntimeFolder) {
+    WITH_SMALL_RUNTIME("64k", {
         std::vector<Handle> handles;
-        for (int i = 0; i < 100000; ++i) {
-            Handle one = named_event(numbered(u"a name that does not fit into the object itself ", i).c_str());
-            if (!one) break;
-            handles.push_back(std::move(one));
+        for (int i = 0; i < 2000; ++i) {
+            handles.push_back(named_event(numbered(u"a name that does not fit into the object itself ", i).c_str()));
+            EXPECT_NE(handles.back(), nullptr);
         }
-        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
-        EXPECT_GT(handles.size(), 300u);
         EXPECT_EQ(listed().size(), handles.size());
         EXPECT_EQ(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 100000, u"no room"), nullptr);
         EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
         EXPECT_TRUE(content_files().empty());
-        // What there is works on, and what is given back can be had again.
+        EXPECT_EQ(listed().size(), handles.size());
         EXPECT_TRUE(SetEvent(handles.back()));
         EXPECT_EQ(WaitForSingleObject(handles.back(), 0), WAIT_OBJECT_0);
-        const std::size_t count = handles.size();
-        handles.clear();
-        for (std::size_t i = 0; i < count; ++i) {
-            handles.push_back(named_event(
-                numbered(u"a name that does not fit into the object itself ", static_cast<int>(i)).c_str()));
-            EXPECT_NE(handles.back(), nullptr);
-        }
     });
 }
 
@@ -183,28 +174,63 @@ TEST(NamedLimits, ARuntimeFolderThatIsNotOurs) {
     EXPECT_EQ(child.join(), 0);
 }
 
-TEST(NamedLimits, ADamagedFileIsMadeAnew) {
+// Whatever is done to the file in the runtime directory, those who have the objects keep them, and newcomers find them.
+TEST(NamedLimits, NothingDependsOnWhatIsInTheFile) {
+    const Handle event = named_event(u"of the truncated");
+    const Handle answer = named_event(u"answer");
+    const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
+    const auto truncate = [&](std::uintmax_t size) {
+        int count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            std::filesystem::resize_file(entry.path(), size);
+            ++count;
+        }
+        return count;
+    };
+    Fork there([] {
+        const Handle first = named_event(u"of the truncated");
+        const Handle second = named_event(u"answer");
+        Fork::say('r');
+        return WaitForSingleObject(first, 20000) == WAIT_OBJECT_0 && SetEvent(second) ? 0 : 1;
+    });
+    ASSERT_EQ(there.hear(), 'r');
+    ASSERT_EQ(truncate(0), 1);
+    EXPECT_TRUE(SetEvent(event));
+    EXPECT_EQ(WaitForSingleObject(answer, 20000), WAIT_OBJECT_0);
+    EXPECT_EQ(there.join(), 0);
+    ASSERT_EQ(truncate(200000), 1);
+    Fork later([] {
+        const Handle known = named_event(u"answer");
+        return known && GetLastError() == ERROR_ALREADY_EXISTS && SetEvent(known) ? 0 : 1;
+    });
+    EXPECT_EQ(later.join(), 0);
+    EXPECT_EQ(WaitForSingleObject(answer, 0), WAIT_OBJECT_0);
+    std::filesystem::remove_all(folder);
+    Fork last([] {
+        const Handle known = named_event(u"answer");
+        return known && GetLastError() == ERROR_SUCCESS ? 0 : 1;  // another folder, other objects
+    });
+    EXPECT_EQ(last.join(), 0);
+}
+
+// The runtime directory of a machine that was switched off, or one that was copied back.
+TEST(NamedLimits, AFileOfAnEarlierBootMeansNothing) {
     Fork child([] {
-        // A runtime directory of its own: no other process has to live with the damage.
-        const auto run = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "damaged";
+        const auto run = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "earlier";
+        const auto folder = run / "zrutility";
         std::filesystem::create_directory(run);
         setenv("XDG_RUNTIME_DIR", run.c_str(), 1);
-        const auto folder = run / "zrutility";
-        // Made by a process that has ended: one that has the file mapped would not survive the damage.
-        Fork first([] { return SetEvent(named_event(u"first")) ? 0 : 1; });
-        if (first.join() != 0) return 2;
-        int damaged = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-            std::filesystem::resize_file(entry.path(), 0);
-            std::filesystem::resize_file(entry.path(), 200000);
-            ++damaged;
-        }
-        if (damaged == 0) return 3;
-        Fork fresh([] {
-            const Handle event = named_event(u"fresh");
-            return event && GetLastError() == ERROR_SUCCESS && SetEvent(event) ? 0 : 1;
+        Fork first([&] {
+            const Handle lock = named_mutex(u"lock", true);
+            std::filesystem::copy(folder, run / "copy");
+            return 0;
         });
-        return fresh.join();
+        if (first.join() != 0) return 1;
+        std::filesystem::remove_all(folder);
+        std::filesystem::copy(run / "copy", folder);
+        const Handle lock = named_mutex(u"lock");
+        if (!lock || GetLastError() != ERROR_SUCCESS) return 2;
+        return WaitForSingleObject(lock, 0) == WAIT_OBJECT_0 ? 0 : 3;
     });
     EXPECT_EQ(child.join(), 0);
 }

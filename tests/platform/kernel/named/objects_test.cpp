@@ -95,7 +95,7 @@ TEST(Named, AnyTextIsAName) {
         u"e\u0301",
         u"a%sb",
         u"new.0.0.",
-        u"objects-1-64",
+        u"objects-2-64",
         u"mapping.1",
         std::u16string(28, u'n'),
         std::u16string(29, u'n'),
@@ -150,42 +150,39 @@ TEST(Named, ThreadThatEndsAbandons) {
     EXPECT_TRUE(ReleaseMutex(lock));
 }
 
-// Fills the objects' table but for a few places, so that a few objects that are not freed make the file grow.
+// Fills a page of the objects' table but for a few places, so that an object that is not freed makes the table grow.
 class FullTable {
 public:
     FullTable() {
-        const Handle event = make();
-        Worker([&] { return WaitForSingleObject(event, 1); }).join();  // the sleepers' table is there
-        const std::uintmax_t before = size();
-        while (size() == before) {
+        {  // the sleepers' table is there
+            const Handle event = make();
+            Worker first([&] { return WaitForSingleObject(event, 20); });
+            Worker second([&] { return WaitForSingleObject(event, 20); });
+            Worker third([&] { return WaitForSingleObject(event, 20); });
+        }
+        for (const std::uintmax_t before = region_size(); region_size() == before;) {
             all_.push_back(make());
         }
-        const std::uintmax_t begun = size();
-        while (size() == begun) {
+        constexpr std::size_t kObjectsPerPage = 4096 / 256;
+        for (std::size_t there = 1; there < kObjectsPerPage - kPlaces; ++there) {
             all_.push_back(make());
         }
-        for (int i = 0; i < 4; ++i) {
-            all_.erase(all_.begin());
-        }
-        full_ = size();
+        full_ = region_size();
     }
     void expect_no_growth() {
-        std::vector<Handle> left;
-        for (int i = 0; i < 4; ++i) {
-            left.push_back(make());
+        std::vector<Handle> last;
+        for (std::size_t i = 0; i < kPlaces; ++i) {
+            last.push_back(make());
         }
-        EXPECT_EQ(size(), full_);
+        EXPECT_EQ(region_size(), full_);
+        last.push_back(make());
+        EXPECT_GT(region_size(), full_);  // it was full
     }
 
 private:
+    static constexpr std::size_t kPlaces = 4;
+
     Handle make() { return named_event((u"filling " + std::u16string(1, next_++)).c_str()); }
-    static std::uintmax_t size() {
-        const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
-        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-            if (entry.path().filename().string().starts_with("objects-")) return entry.file_size();
-        }
-        return 0;
-    }
 
     char16_t next_ = 0x4E00;
     std::vector<Handle> all_;

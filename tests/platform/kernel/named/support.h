@@ -9,9 +9,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -125,6 +127,39 @@ inline std::vector<Listed> listed() {
         },
         &all));
     return all;
+}
+
+// How many bytes of the memory of all named objects are in use, in whole pages: it is the largest of its kind that this
+// process has.
+inline std::uintmax_t region_size() {
+    std::string number;
+    std::uintmax_t largest = 0;
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find("/SYSV00000000") == std::string::npos) continue;
+        std::uintmax_t begin = 0;
+        std::uintmax_t end = 0;
+        std::string skip;
+        std::string inode;
+        std::istringstream fields(line);
+        char dash = 0;
+        fields >> std::hex >> begin >> dash >> end >> skip >> skip >> skip >> inode;
+        if (end - begin <= largest) continue;
+        largest = end - begin;
+        number = inode;
+    }
+    std::ifstream table("/proc/sysvipc/shm");
+    std::string line;
+    std::getline(table, line);
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::vector<std::string> values;
+        for (std::string value; fields >> value;) {
+            values.push_back(value);
+        }
+        if (values.size() > 14 && values[1] == number) return std::stoull(values[14]);
+    }
+    return 0;
 }
 
 // The runtime directory's files but for the one of all objects.

@@ -1,0 +1,43 @@
+#include "at_fork.h"
+
+#include "base/forks.h"
+#include "engine.h"
+
+namespace zr::platform {
+namespace {
+
+// In the order in which they are taken.
+void lock_all() noexcept {
+    at_fork::lock_session();
+    at_fork::lock_threads();
+    at_fork::lock_thread_end();
+    at_fork::lock_sections();
+    Engine::lock.lock();
+    at_fork::lock_pages();
+    at_fork::lock_views();
+    at_fork::lock_handles();
+}
+
+void unlock_all() noexcept {
+    at_fork::unlock_handles();
+    at_fork::unlock_views();
+    at_fork::unlock_pages();
+    Engine::lock.unlock();
+    at_fork::unlock_sections();
+    at_fork::unlock_thread_end();
+    at_fork::unlock_threads();
+    at_fork::unlock_session();
+}
+
+void begin_child() noexcept {
+    ThreadAccess::survive_fork();
+    at_fork::forget_section_queues();
+    at_fork::forget_quick_pins();
+    at_fork::forget_session();
+    unlock_all();
+}
+
+const AtFork registered{ForkRank::Kernel, {lock_all, unlock_all, begin_child}};
+
+}  // namespace
+}  // namespace zr::platform
