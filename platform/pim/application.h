@@ -3,7 +3,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "com_object.h"
+#include "com/com_object.h"
 #include "session.h"
 
 namespace zr::platform::pim {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "com_object.h"
+#include "com/com_object.h"
 #include "session.h"
 
 namespace zr::platform::pim {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "com_object.h"
+#include "com/com_object.h"
 #include "restriction.h"
 #include "session.h"
 

@@ -3,7 +3,7 @@
 // The object around an item: its own face and IItem's over one state.
 
 #include "application.h"
-#include "com_object.h"
+#include "com/com_object.h"
 #include "item_state.h"
 
 namespace zr::platform::pim {

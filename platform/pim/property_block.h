@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "com_object.h"
+#include "com/com_object.h"
 #include "values.h"
 
 namespace zr::platform::pim {

@@ -1,14 +1,14 @@
 #pragma once
 
-// What the objects of this family share: reference counts, and the late-bound calls that none of them offers.
+// What COM objects of the platform share: reference counts, and the late-bound calls that none of them offers.
 
 #include <atomic>
 #include <new>
 
 #include "base/live_count.h"
-#include "platform/pim.h"
+#include "platform/com.h"
 
-namespace zr::platform::pim {
+namespace zr::platform {
 
 // A face without type information or late binding.
 template <class Face>
@@ -53,4 +53,4 @@ bool cleared(T** output) {
     return output != nullptr;
 }
 
-}  // namespace zr::platform::pim
+}  // namespace zr::platform
