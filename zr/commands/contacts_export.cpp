@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "zr/base/failure.h"
 #include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/output_file.h"
@@ -26,6 +27,7 @@ Exit export_contacts(const Options& options) {
     OutputFile file(options.output);
     JsonArray array([&](std::string_view text) { file.write(text); });
     std::string text;
+    Exit code = Exit::Ok;
     const int count = store.count();
     for (int i = 1; i <= count; ++i) {
         const ComPtr<IContact> contact = store.at(i);
@@ -35,13 +37,17 @@ Exit export_contacts(const Options& options) {
             array.add(contact_json(oid_of(contact.get()), card));
         } else {
             text.clear();
-            write_card(card, version, text);
+            if (!write_card(card, version, text)) {
+                complain("contact " + std::to_string(oid_of(contact.get())) +
+                         " keeps lines that are no properties; they are left out");
+                code = Exit::DamagedCards;
+            }
             file.write(text);
         }
     }
     if (options.json) array.finish();
     file.finish();
-    return Exit::Ok;
+    return code;
 }
 
 }  // namespace

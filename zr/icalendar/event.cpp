@@ -1,6 +1,11 @@
 #include "zr/icalendar/event.h"
 
+#include <platform/platform.h>
+
+#include <charconv>
 #include <cstdio>
+
+#include "zr/base/text.h"
 
 namespace zr {
 
@@ -8,6 +13,18 @@ using namespace std::chrono;
 
 bool is_storable(Moment time) {
     return time >= CalendarDay(year(1601) / 1 / 1) && time < CalendarDay(year(4501) / 1 / 1);
+}
+
+int priority_of(std::string_view value) {
+    value = trimmed(value);
+    int priority = 0;
+    std::from_chars(value.data(), value.data() + value.size(), priority);
+    return priority;
+}
+
+int importance_of(int priority) {
+    if (priority <= 0 || priority == 5) return olImportanceNormal;
+    return priority < 5 ? olImportanceHigh : olImportanceLow;
 }
 
 std::string day_text(CalendarDay day) {

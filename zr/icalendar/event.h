@@ -6,6 +6,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zr {
@@ -88,6 +89,10 @@ struct Task {
 
     bool operator==(const Task&) const = default;
 };
+
+// The number that a PRIORITY is, 0 for none, and the OlImportance that it means.
+int priority_of(std::string_view value);
+int importance_of(int priority);
 
 // The store keeps times from 1601 to 4500.
 bool is_storable(Moment time);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <iterator>
+#include <utility>
 
 #include "zr/base/text.h"
 #include "zr/icalendar/component_reader.h"
@@ -37,8 +38,10 @@ private:
     void make_all_day(const ZonedTime& start);
     void read_reminder();
     bool set_reminder(const Trigger& trigger);
-    void read_rule();
-    void keep_rule(const Property& rule, const std::string& why);
+    void read_rules();
+    bool read_rule();
+    bool keeps_its_sense(const Property& rule) const;
+    bool keep_rule(const Property& rule, const std::string& why);
     CalendarDay last_day(const ZonedTime& until) const;
     void check_times();
     void read_dates();
@@ -51,7 +54,8 @@ private:
     std::optional<Property> duration_;
     std::optional<Property> recurrence_id_;
     std::optional<Property> rule_;
-    std::vector<Property> dates_;  // EXDATE, RDATE
+    std::vector<Property> more_rules_;  // behind it
+    std::vector<Property> dates_;       // EXDATE, RDATE
     bool all_day_flag_ = false;
     bool has_busy_ = false;
     ZonedTime start_time_;
@@ -73,8 +77,11 @@ bool EventReader::read() {
         const auto range = recurrence_id_->content.parameter("RANGE");
         if (range) lost(*recurrence_id_, "RANGE=" + *range + "; changes this occurrence only");
         if (rule_) lost(*rule_, "in an override");
+        for (const Property& rule : more_rules_) {
+            lost(rule, "in an override");
+        }
     } else if (rule_) {
-        read_rule();
+        read_rules();
     }
     read_dates();
     event_.extras = extras();
@@ -124,10 +131,10 @@ bool EventReader::take_status(const Property& property) {
 bool EventReader::take_recurrence(const Property& property) {
     if (property.content.is("RRULE")) {
         if (rule_) {
-            lost(property, "a second rule; kept, but not followed");
-            return false;
+            more_rules_.push_back(property);
+        } else {
+            rule_ = property;
         }
-        rule_ = property;
         return true;
     }
     if (property.content.is("EXRULE")) {
@@ -211,14 +218,29 @@ bool EventReader::set_reminder(const Trigger& trigger) {
     return true;
 }
 
-// The appointment is a single one. The rule is kept as text, where its text says the same on the device.
-void EventReader::keep_rule(const Property& rule, const std::string& why) {
-    const bool same_clock = start_time_.is_day || start_time_.zone.kind == Zone::Kind::Floating;
+// Whether the text of a rule says the same on the device.
+bool EventReader::keeps_its_sense(const Property& rule) const {
+    if (start_time_.is_day || start_time_.zone.kind == Zone::Kind::Floating) return true;
     const std::string text = upper(rule.content.value);
-    const bool kept = same_clock || (read_.shift == 0 && text.find("BYHOUR") == std::string::npos &&
-                                     text.find("BYMINUTE") == std::string::npos);
+    return read_.shift == 0 && text.find("BYHOUR") == std::string::npos && text.find("BYMINUTE") == std::string::npos;
+}
+
+// The appointment is a single one. The rule is kept as text, if it may be.
+bool EventReader::keep_rule(const Property& rule, const std::string& why) {
+    const bool kept = keeps_its_sense(rule);
     if (kept) keep(rule.text);
     lost(rule, why + (kept ? "; kept, but the appointment is a single one" : "; the appointment is a single one"));
+    return kept;
+}
+
+// Whoever reads what is kept follows the first rule. So a later one is kept only behind it.
+void EventReader::read_rules() {
+    const bool first_stays = read_rule();
+    for (const Property& rule : more_rules_) {
+        const bool kept = first_stays && keeps_its_sense(rule);
+        if (kept) keep(rule.text);
+        lost(rule, kept ? "a second rule; kept, but not followed" : "a second rule; not followed");
+    }
 }
 
 // The last day, in DTSTART's zone, on which an occurrence is not behind UNTIL.
@@ -232,7 +254,8 @@ CalendarDay EventReader::last_day(const ZonedTime& until) const {
     return wall - day < clock ? day - days(1) : day;
 }
 
-void EventReader::read_rule() {
+// Whether the appointment follows the rule or keeps it.
+bool EventReader::read_rule() {
     RuleStart start;
     start.wall = start_time_.wall;
     start.shift = read_.shift;
@@ -251,6 +274,7 @@ void EventReader::read_rule() {
     }
     event_.pattern = rule.pattern;
     check_times();
+    return true;
 }
 
 // The store keeps the device's wall-clock time: a series of a zone that puts its clock on other days drifts. Three
@@ -341,6 +365,7 @@ private:
     std::optional<Property> duration_;
     std::optional<ZonedTime> start_time_;
     std::optional<ZonedTime> due_time_;
+    bool has_priority_ = false;
 };
 
 bool TaskReader::read() {
@@ -371,11 +396,12 @@ bool TaskReader::take_progress(const Property& property) {
         return false;
     }
     if (property.content.is("PRIORITY")) {
-        int priority = 0;
-        std::from_chars(value.data(), value.data() + value.size(), priority);
-        task_.importance = priority <= 0 || priority == 5 ? olImportanceNormal
-                           : priority < 5                 ? olImportanceHigh
-                                                          : olImportanceLow;
+        if (std::exchange(has_priority_, true)) {
+            lost(property, "given twice");
+            return true;
+        }
+        const int priority = priority_of(value);
+        task_.importance = importance_of(priority);
         // The exact one is kept as long as it means the same.
         return priority <= 0 || priority == 1 || priority == 5 || priority == 9;
     }

@@ -46,9 +46,10 @@ bool names(std::string_view line, std::string_view property) {
            (line[property.size()] == ':' || line[property.size()] == ';');
 }
 
-int importance_of(std::string_view priority) {
-    const int number = priority.empty() ? 5 : priority.back() - '0';
-    return number == 5 ? olImportanceNormal : number < 5 ? olImportanceHigh : olImportanceLow;
+std::string_view value_of(std::string_view line) {
+    ContentLine content;
+    std::string why;
+    return split_content_line(line, content, why) ? content.value : std::string_view();
 }
 
 }  // namespace
@@ -233,7 +234,7 @@ void CalendarWriter::write(const Task& task, std::string& out) const {
     bool has_priority = false;
     for (const std::string_view line : lines_of(task.extras)) {
         const bool priority = names(line, "PRIORITY");
-        if (priority && importance_of(line) != task.importance) continue;
+        if (priority && importance_of(priority_of(value_of(line))) != task.importance) continue;
         if (!task.complete && names(line, "COMPLETED")) continue;
         has_priority = has_priority || priority;
         extras += std::string(line) + '\n';

@@ -22,53 +22,42 @@ std::string_view without_mark(std::string_view line) {
 
 }  // namespace
 
-// Reads the next line, unfolded and not blank, into line_.
+// Makes the next line that is not blank the one at hand.
 bool CalendarSplitter::read_line(std::vector<Problem>& problems) {
     if (std::exchange(again_, false)) return true;
-    const auto read = [&] {
-        std::string_view line;
-        has_physical_ = reader_.next(line);
-        if (!has_physical_) return;
-        physical_ = line;
-        physical_number_ = reader_.number();
-        was_cut_ = was_cut_ || reader_.was_cut();
-    };
     do {
-        if (!has_physical_) read();
-        if (!has_physical_) return false;
-        line_.swap(physical_);
-        number_ = physical_number_;
-        for (read(); has_physical_ && (physical_.starts_with(' ') || physical_.starts_with('\t')); read()) {
-            if (line_.size() <= kLargestComponent) line_.append(physical_, 1);
-            was_cut_ = was_cut_ || line_.size() > kLargestComponent;
-        }
-    } while (trimmed(line_).empty());
+        if (!lines_.next()) return false;
+    } while (trimmed(lines_.line()).empty());
     make_text(problems);
     return true;
 }
 
 // Makes the line at hand text that a store can keep.
 void CalendarSplitter::make_text(std::vector<Problem>& problems) {
-    if (!is_utf8(line_)) {
-        if (reader_.is_utf16()) {
-            line_ = to_utf8(to_utf16(line_));
-            problems.push_back({number_, "half a UTF-16 character; read as U+FFFD", false});
+    std::string& line = lines_.line();
+    if (!is_utf8(line)) {
+        if (lines_.reader().is_utf16()) {
+            line = to_utf8(to_utf16(line));
+            problems.push_back({lines_.number(), "half a UTF-16 character; read as U+FFFD", false});
         } else {
-            line_ = decode_windows_1252(line_);
-            problems.push_back({number_, "not valid UTF-8; read as Windows-1252", false});
+            line = decode_windows_1252(line);
+            problems.push_back({lines_.number(), "not valid UTF-8; read as Windows-1252", false});
         }
     }
-    if (line_.find('\0') == std::string::npos) return;
+    const bool zero = line.find('\0') != std::string::npos;
+    if (!zero && line.find('\r') == std::string::npos) return;
     std::string text;
-    for (const char c : line_) {
+    for (const char c : line) {
         if (c == '\0') {
             append_utf8(text, 0xFFFD);
+        } else if (c == '\r') {
+            text += "\\n";  // it would end the line for other readers
         } else {
             text += c;
         }
     }
-    line_ = std::move(text);
-    problems.push_back({number_, "a zero byte; read as U+FFFD", false});
+    line = std::move(text);
+    if (zero) problems.push_back({lines_.number(), "a zero byte; read as U+FFFD", false});
 }
 
 CalendarSplitter::Part CalendarSplitter::end_calendar() {
@@ -78,9 +67,9 @@ CalendarSplitter::Part CalendarSplitter::end_calendar() {
 
 // The calendar at hand has no END.
 CalendarSplitter::Part CalendarSplitter::lose_calendar(std::vector<Problem>& problems) {
-    const char* reason = again_                 ? "no END:VCALENDAR before the next calendar begins"
-                         : reader_.error() != 0 ? "the file could not be read further"
-                                                : "the file ends inside this calendar";
+    const char* reason = again_     ? "no END:VCALENDAR before the next calendar begins"
+                         : failed() ? "the file could not be read further"
+                                    : "the file ends inside this calendar";
     problems.push_back({calendar_number_, reason});
     return end_calendar();
 }
@@ -88,7 +77,7 @@ CalendarSplitter::Part CalendarSplitter::lose_calendar(std::vector<Problem>& pro
 CalendarSplitter::Part CalendarSplitter::next(RawComponent& component, std::vector<Problem>& problems) {
     component = {};
     while (read_line(problems)) {
-        const std::string_view line = without_mark(line_);
+        const std::string_view line = without_mark(lines_.line());
         std::string begins = component_named("BEGIN", line);
         if (begins == "VCALENDAR" && in_calendar_) {
             again_ = true;
@@ -97,13 +86,13 @@ CalendarSplitter::Part CalendarSplitter::next(RawComponent& component, std::vect
         if (begins == "VCALENDAR") {
             in_calendar_ = true;
             old_version_ = false;
-            calendar_number_ = number_;
+            calendar_number_ = lines_.number();
             continue;
         }
         if (in_calendar_ && component_named("END", line) == "VCALENDAR") return end_calendar();
         if (in_calendar_ && !begins.empty()) {
             component.name = std::move(begins);
-            component.number = number_;
+            component.number = lines_.number();
             read_body(component, problems);
             if (old_version_) damage(component, "in a calendar of version 1.0, which is not read", component.number);
             return Part::Component;
@@ -113,7 +102,7 @@ CalendarSplitter::Part CalendarSplitter::next(RawComponent& component, std::vect
             continue;
         }
         if (!std::exchange(stray_, true)) {
-            problems.push_back({number_, "text outside of BEGIN:VCALENDAR and END:VCALENDAR"});
+            problems.push_back({lines_.number(), "text outside of BEGIN:VCALENDAR and END:VCALENDAR"});
             return Part::Stray;
         }
     }
@@ -124,10 +113,10 @@ void CalendarSplitter::read_body(RawComponent& component, std::vector<Problem>& 
     component.lines.clear();
     std::vector<std::pair<std::string, long>> open = {{component.name, component.number}};
     std::size_t bytes = 0;
-    was_cut_ = false;
     while (read_line(problems)) {
-        std::string begins = component_named("BEGIN", line_);
-        const std::string ends = begins.empty() ? component_named("END", line_) : std::string();
+        const std::string_view line = lines_.line();
+        std::string begins = component_named("BEGIN", line);
+        const std::string ends = begins.empty() ? component_named("END", line) : std::string();
         if (is_outermost(begins) || ends == "VCALENDAR") {
             again_ = true;
             return damage(component, "no END:" + component.name + " before the next component begins",
@@ -139,15 +128,14 @@ void CalendarSplitter::read_body(RawComponent& component, std::vector<Problem>& 
         } else if (ends == component.name) {
             return damage(component, "no END:" + open.back().first, open.back().second);
         } else if (!ends.empty()) {
-            damage(component, "END:" + ends + " without its BEGIN", number_);
+            damage(component, "END:" + ends + " without its BEGIN", lines_.number());
         }
-        bytes += line_.size();
-        if (was_cut_ || bytes > kLargestComponent) damage(component, "larger than 64 MiB", number_);
-        if (!begins.empty()) open.emplace_back(std::move(begins), number_);
-        if (component.damage.empty()) component.lines.push_back({line_, number_});
+        bytes += line.size();
+        if (lines_.was_cut() || bytes > kLargestComponent) damage(component, "larger than 64 MiB", lines_.number());
+        if (!begins.empty()) open.emplace_back(std::move(begins), lines_.number());
+        if (component.damage.empty()) component.lines.push_back({std::string(line), lines_.number()});
     }
-    damage(component,
-           reader_.error() != 0 ? "the file could not be read further" : "the file ends inside this component",
+    damage(component, failed() ? "the file could not be read further" : "the file ends inside this component",
            component.number);
 }
 

@@ -9,6 +9,7 @@
 
 #include "zr/base/line_reader.h"
 #include "zr/base/problem.h"
+#include "zr/base/unfolded_lines.h"
 
 namespace zr {
 
@@ -37,7 +38,7 @@ public:
         Stray,      // text that belongs to no calendar, or a calendar without its end: see the problems
     };
 
-    explicit CalendarSplitter(LineReader& reader) : reader_(reader) {}
+    explicit CalendarSplitter(LineReader& reader) : lines_(reader) {}
 
     // The next part. Appends what was found wrong to `problems`.
     Part next(RawComponent& component, std::vector<Problem>& problems);
@@ -50,13 +51,9 @@ private:
     void damage(RawComponent& component, std::string why, long line);
     void make_text(std::vector<Problem>& problems);
 
-    LineReader& reader_;
-    std::string physical_;  // the physical line that was read ahead
-    long physical_number_ = 0;
-    bool has_physical_ = false;
-    bool was_cut_ = false;
-    std::string line_;  // the line at hand, unfolded
-    long number_ = 0;
+    bool failed() const { return lines_.reader().error() != 0; }
+
+    UnfoldedLines lines_;
     bool again_ = false;  // the line at hand is yet to be handled
     bool in_calendar_ = false;
     bool old_version_ = false;

@@ -89,7 +89,9 @@ void each_part(std::string_view text, char mark, Visit visit) {
 }  // namespace
 
 CardAttributes::~CardAttributes() {
-    if (card_) g_object_unref(card_);
+    for (void* card : cards_) {
+        g_object_unref(card);
+    }
 }
 
 void CardAttributes::add(const PropertyLine& line) {
@@ -99,21 +101,14 @@ void CardAttributes::add(const PropertyLine& line) {
         {begin, begin + line.name, begin + line.name_end, begin + line.value, text_.size(), is_plain(line)});
 }
 
-// The attributes, a GList, that EVCard makes of the lines that are not plain, or of all.
-void* CardAttributes::parse(bool all) {
-    std::string known;
-    for (const Line& line : lines_) {
-        if (line.plain && !all) continue;
-        if (known.empty()) known = "BEGIN:VCARD\r\nVERSION:3.0\r\n";
-        known.append(text_, line.begin, line.end - line.begin);
-        known += "\r\n";
-    }
-    if (card_) g_object_unref(card_);
-    card_ = nullptr;
-    if (known.empty()) return nullptr;
-    known += "END:VCARD\r\n";
-    EVCard* card = e_vcard_new_from_string(known.c_str());
-    card_ = card;
+std::string_view CardAttributes::text_of(const Line& line) const {
+    return std::string_view(text_).substr(line.begin, line.end - line.begin);
+}
+
+// The attributes, a GList, that EVCard makes of some lines.
+void* CardAttributes::parse(const std::string& lines) {
+    EVCard* card = e_vcard_new_from_string(("BEGIN:VCARD\r\nVERSION:3.0\r\n" + lines + "END:VCARD\r\n").c_str());
+    cards_.push_back(card);
     GList* attributes = e_vcard_get_attributes(card);
     // The version comes back as the first of them.
     while (attributes &&
@@ -124,39 +119,55 @@ void* CardAttributes::parse(bool all) {
     return attributes;
 }
 
+// What EVCard makes of each line that is not plain, or of all; NULL for one that it cannot read.
+std::vector<void*> CardAttributes::parse_all(bool all) {
+    std::vector<void*> found;
+    std::string known;
+    std::size_t expected = 0;
+    for (const Line& line : lines_) {
+        if (line.plain && !all) continue;
+        (known += with_kinds_only(text_of(line))) += "\r\n";
+        ++expected;
+    }
+    if (expected == 0) return found;
+    for (auto* each = static_cast<GList*>(parse(known)); each; each = each->next) {
+        found.push_back(each->data);
+    }
+    if (found.size() == expected) return found;
+    // It does not say which one it left out.
+    found.clear();
+    for (const Line& line : lines_) {
+        if (line.plain && !all) continue;
+        const auto* one = static_cast<GList*>(parse(with_kinds_only(text_of(line)) + "\r\n"));
+        found.push_back(one ? one->data : nullptr);
+    }
+    return found;
+}
+
 bool CardAttributes::split(bool all_by_evcard) {
-    const auto expected = static_cast<std::size_t>(
-        all_by_evcard ? lines_.size()
-                      : std::count_if(lines_.begin(), lines_.end(), [](const Line& line) { return !line.plain; }));
-    auto* parsed = static_cast<GList*>(parse(all_by_evcard));
-    const std::size_t found = g_list_length(parsed);
-    // EVCard does not say which one it left out; then the order is known only when it reads them all.
-    if (!all_by_evcard && found != expected) return split(true);
+    const std::vector<void*> parsed = parse_all(all_by_evcard);
     attributes_.reserve(lines_.size());
     extents_.reserve(lines_.size());
     values_.reserve(lines_.size() * 3);
     parameters_.reserve(lines_.size() * 2);
-    if (all_by_evcard) {
-        for (; parsed; parsed = parsed->next) {
-            take_parsed(parsed->data);
-        }
-    } else {
-        for (const Line& line : lines_) {
-            if (line.plain) {
-                split_plain(line);
-            } else {
-                take_parsed(parsed->data);
-                parsed = parsed->next;
-            }
+    unescaped_.reserve(text_.size());  // views into it stay
+    auto next = parsed.begin();
+    for (const Line& line : lines_) {
+        if (line.plain && !all_by_evcard) {
+            split_plain(line);
+        } else {
+            if (*next != nullptr) take_parsed(line, *next);
+            ++next;
         }
     }
     point();
-    return found >= expected;
+    return std::find(parsed.begin(), parsed.end(), nullptr) == parsed.end();
 }
 
 void CardAttributes::split_plain(const Line& line) {
     const std::string_view text(text_);
     Attribute attribute;
+    attribute.line = text_of(line);
     if (line.name > line.begin) attribute.group = text.substr(line.begin, line.name - 1 - line.begin);
     attribute.name = text.substr(line.name, line.name_end - line.name);
     attributes_.push_back(attribute);
@@ -171,28 +182,32 @@ void CardAttributes::split_plain(const Line& line) {
     split_values(line);
 }
 
-// Each value is unescaped where it stands: it only becomes shorter.
 void CardAttributes::split_values(const Line& line) {
-    std::size_t begin = line.value;
-    std::size_t end = begin;
+    std::size_t begin = unescaped_.size();
+    const auto end_value = [&] {
+        values_.push_back(std::string_view(unescaped_).substr(begin));
+        begin = unescaped_.size();
+    };
     for (std::size_t at = line.value; at < line.end; ++at) {
         if (text_[at] == ';') {
-            values_.push_back(std::string_view(text_).substr(begin, end - begin));
-            begin = end = at + 1;
+            end_value();
         } else if (text_[at] == '\\') {
             ++at;
-            text_[end++] = text_[at] == 'n' ? '\n' : text_[at];
+            unescaped_ += text_[at] == 'n' ? '\n' : text_[at];
         } else {
-            text_[end++] = text_[at];
+            unescaped_ += text_[at];
         }
     }
-    values_.push_back(std::string_view(text_).substr(begin, end - begin));
+    end_value();
 }
 
-void CardAttributes::take_parsed(void* pointer) {
+void CardAttributes::take_parsed(const Line& line, void* pointer) {
     auto* attribute = static_cast<EVCardAttribute*>(pointer);
-    attributes_.push_back(
-        {view(e_vcard_attribute_get_group(attribute)), view(e_vcard_attribute_get_name(attribute)), {}, {}});
+    attributes_.push_back({text_of(line),
+                           view(e_vcard_attribute_get_group(attribute)),
+                           view(e_vcard_attribute_get_name(attribute)),
+                           {},
+                           {}});
     extents_.push_back({parameters_.size(), values_.size()});
     // EVCard keeps them last one first.
     for (GList* p = g_list_last(e_vcard_attribute_get_params(attribute)); p; p = p->prev) {

@@ -23,6 +23,7 @@ struct Attribute {
         std::string_view value;
     };
 
+    std::string_view line;                  // all of it, as it was added
     std::string_view group;                 // empty when there is none
     std::string_view name;                  // as written
     std::span<const Parameter> parameters;  // one for each value, those of one name together
@@ -38,7 +39,8 @@ public:
 
     // The next property of the card, as PropertyLines gives it.
     void add(const PropertyLine& line);
-    // Splits what was added, once, in its order. False when a property could not be read; the others are there.
+    // Splits what was added, once, in its order. False when a property could not be read; the others are there. A
+    // property that EVCard does not take is read alone, so that it takes no other one along.
     // With `all_by_evcard` no line takes the short way.
     bool split(bool all_by_evcard = false);
     const std::vector<Attribute>& all() const { return attributes_; }
@@ -57,16 +59,19 @@ private:
         std::size_t values;
     };
 
-    void* parse(bool all);
+    std::string_view text_of(const Line& line) const;
+    void* parse(const std::string& lines);
+    std::vector<void*> parse_all(bool all);
     void split_plain(const Line& line);
     void split_values(const Line& line);
-    void take_parsed(void* attribute);
+    void take_parsed(const Line& line, void* attribute);
     void add_parameter(std::string_view name, std::string_view value);
     void point();
 
     std::string text_;
     std::vector<Line> lines_;
-    void* card_ = nullptr;  // the EVCard that owns the text of what it split
+    std::string unescaped_;     // values of plain lines
+    std::vector<void*> cards_;  // the EVCards that own the text of what they split
     std::vector<Attribute> attributes_;
     std::vector<Extent> extents_;  // where the parameters and values of each attribute begin
     std::vector<Attribute::Parameter> parameters_;

@@ -13,27 +13,9 @@ namespace {
 
 constexpr std::size_t npos = std::string_view::npos;
 
-bool is_name_character(char c) {
-    return g_ascii_isalnum(c) || c == '-' || c == '_';
-}
-
-bool is_name(std::string_view text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(), is_name_character);
-}
-
 bool is_base64(std::string_view line) {
     return !line.empty() && std::all_of(line.begin(), line.end(),
                                         [](char c) { return g_ascii_isalnum(c) || c == '+' || c == '/' || c == '='; });
-}
-
-// The position of the first `mark` outside of double quotes.
-std::size_t find_unquoted(std::string_view text, char mark, std::size_t from) {
-    bool quoted = false;
-    for (std::size_t i = from; i < text.size(); ++i) {
-        if (text[i] == '"') quoted = !quoted;
-        if (!quoted && text[i] == mark) return i;
-    }
-    return npos;
 }
 
 std::string decode_quoted_printable(std::string_view text) {
@@ -89,138 +71,40 @@ std::string with_clean_escapes(std::string_view value) {
 
 }  // namespace
 
-struct PropertyLines::Header {
-    std::size_t name = 0;
-    std::size_t name_end = 0;
-    std::size_t value = 0;
-    bool quoted_printable = false;
-    bool base64 = false;
-    std::string charset;
-    std::string parameters;  // the others, each with its leading semicolon
-    const char* trouble = "";
-};
-
 bool PropertyLines::next(PropertyLine& property) {
     while (at_ < card_.lines.size()) {
-        Header header;
-        if (!unfold(header)) continue;
+        CardHeader header;
+        if (!take_line(header)) continue;
         build(header, property);
         return true;
     }
     return false;
 }
 
-// Collects the next logical line and reads its header; false when it is blank or no property.
-bool PropertyLines::unfold(Header& header) {
+// Takes the next line and reads its header; false when it is blank or no property.
+bool PropertyLines::take_line(CardHeader& header) {
     line_ = card_.lines[at_].number;
-    logical_ = card_.line(at_++);
-    const bool blank = trimmed(logical_).empty();
-    const auto fold = [&] {
-        while (at_ < card_.lines.size() && card_.lines[at_].length > 0 &&
-               (card_.line(at_)[0] == ' ' || card_.line(at_)[0] == '\t')) {
-            logical_ += card_.line(at_++).substr(1);
-        }
-    };
-    if (blank) return false;
-    const bool soft = logical_.back() == '=';
-    if (!soft) fold();
-    bool readable = parse_header(header);
-    if (!readable && soft) {
-        fold();
-        readable = parse_header(header);
-    }
-    if (!readable) {
+    text_ = card_.line(at_++);
+    if (trimmed(text_).empty()) return false;
+    if (!read_card_header(text_, header)) {
         lost(header.trouble);
         return false;
-    }
-    if (header.quoted_printable) {
-        append_soft_lines();
-    } else if (soft) {
-        fold();
     }
     if (header.base64) append_bare_base64();
     return true;
 }
 
-// A quoted-printable value goes on behind a = at the end of its line.
-void PropertyLines::append_soft_lines() {
-    while (logical_.back() == '=' && at_ < card_.lines.size()) {
-        logical_.pop_back();
-        logical_ += card_.line(at_++);
-        if (logical_.empty()) return;
-    }
-}
-
 // Some programs write the lines of a photo without the blank that folding asks for.
 void PropertyLines::append_bare_base64() {
     while (at_ < card_.lines.size() && is_base64(card_.line(at_))) {
-        logical_ += card_.line(at_++);
+        text_ += card_.line(at_++);
     }
 }
 
-// Reads name and parameters. False when this is no property; header.trouble then says why.
-bool PropertyLines::parse_header(Header& header) const {
-    header = {};
-    const std::string_view text = logical_;
-    std::size_t end = find_unquoted(text, ':', 0);
-    const bool balanced = end != npos;
-    if (!balanced) end = text.find(':');
-    header.trouble = "a line without a colon";
-    if (end == npos) return false;
-    header.value = end + 1;
-    header.name_end = std::min(text.find(';'), end);
-    const std::size_t dot = text.substr(0, header.name_end).rfind('.');
-    header.name = dot == npos ? 0 : dot + 1;
-    header.trouble = "a line without a name";
-    if (!is_name(text.substr(header.name, header.name_end - header.name)) ||
-        (dot != npos && !is_name(text.substr(0, dot)))) {
-        return false;
-    }
-    header.trouble = "a parameter that cannot be read";
-    for (std::size_t at = header.name_end; at < end;) {
-        const std::size_t stop = std::min(balanced ? find_unquoted(text, ';', at + 1) : text.find(';', at + 1), end);
-        std::string parameter(text.substr(at + 1, stop - at - 1));
-        if (!balanced) std::erase(parameter, '"');
-        if (!read_parameter(parameter, header)) return false;
-        at = stop;
-    }
-    return true;
-}
-
-bool PropertyLines::read_parameter(std::string_view parameter, Header& header) {
-    if (parameter.empty()) return true;
-    const std::size_t equals = parameter.find('=');
-    const std::string key = equals == npos ? "" : upper(trimmed(parameter.substr(0, equals)));
-    const std::string_view written = trimmed(equals == npos ? parameter : parameter.substr(equals + 1));
-    const auto is_control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; };
-    if (!is_name(equals == npos ? written : key) || std::any_of(written.begin(), written.end(), is_control)) {
-        return false;
-    }
-    const bool encoding = key.empty() || key == "ENCODING";
-    const std::string value = key.empty() || encoding || key == "CHARSET" ? upper(written) : std::string();
-    if (key == "CHARSET") {
-        header.charset = value;
-    } else if (encoding && value == "QUOTED-PRINTABLE") {
-        header.quoted_printable = true;
-    } else if (encoding && (value == "BASE64" || (value == "B" && !key.empty()))) {
-        header.base64 = true;
-        header.parameters += ";ENCODING=b";
-    } else if (!encoding || key.empty()) {
-        if (value == "8BIT" || value == "7BIT") return true;
-        header.parameters += ';';
-        header.parameters += key.empty() ? written : trimmed(parameter.substr(0, equals));
-        if (!key.empty()) (header.parameters += '=') += written;
-    } else if (value != "8BIT" && value != "7BIT") {
-        header.trouble = "an unknown encoding";
-        return false;
-    }
-    return true;
-}
-
-void PropertyLines::build(const Header& header, PropertyLine& property) {
+void PropertyLines::build(const CardHeader& header, PropertyLine& property) {
     property.line = line_;
     property.name = header.name;
-    const std::string_view text = logical_;
+    const std::string_view text = text_;
     const bool agent =
         trimmed(text.substr(header.value)).empty() && at_ < card_.lines.size() && is_card_begin(card_.line(at_));
     property.text = text.substr(0, header.name_end);

@@ -1,13 +1,14 @@
 #pragma once
 
-// From the physical lines of a card to its properties: unfolded, decoded, in UTF-8, escaped as vCard 3.0 asks,
-// each with the number of the line it begins on. What cannot be read is named, never dropped silently.
+// From the lines of a card to its properties: decoded, in UTF-8, escaped as vCard 3.0 asks, each with the number of the
+// line it begins on. What cannot be read is named, never dropped silently.
 
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "zr/base/problem.h"
+#include "zr/vcard/header.h"
 #include "zr/vcard/splitter.h"
 
 namespace zr {
@@ -33,24 +34,19 @@ public:
     bool next(PropertyLine& property);
 
 private:
-    struct Header;
-
-    bool unfold(Header& header);
-    void append_soft_lines();
+    bool take_line(CardHeader& header);
     void append_bare_base64();
     void read_agent(PropertyLine& property);
-    bool parse_header(Header& header) const;
-    static bool read_parameter(std::string_view parameter, Header& header);
-    void build(const Header& header, PropertyLine& property);
+    void build(const CardHeader& header, PropertyLine& property);
     std::string to_utf8_value(std::string_view value, const std::string& charset);
     void lost(std::string reason) { problems_.push_back({line_, std::move(reason), true}); }
     void guessed(std::string reason) { problems_.push_back({line_, std::move(reason), false}); }
 
     const RawCard& card_;
     std::vector<Problem>& problems_;
-    std::size_t at_ = 0;   // next physical line
-    std::string logical_;  // the line being read, unfolded
-    long line_ = 0;        // and where it begins
+    std::size_t at_ = 0;  // next line
+    std::string text_;    // the one that is read
+    long line_ = 0;       // and where it begins
 };
 
 }  // namespace zr

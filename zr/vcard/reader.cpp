@@ -368,42 +368,11 @@ void Builder::add_categories(const Attribute& attribute) {
     }
 }
 
-bool is_preference(std::string_view parameter, std::string_view value) {
-    return equal_ignoring_case(parameter, "PREF") ||
-           (equal_ignoring_case(parameter, "TYPE") && equal_ignoring_case(value, "PREF"));
-}
-
-// Writes the property again as a line, with its group and parameters. One that comes behind the fields of its kind does
-// so by its place, and would overtake them if it kept its preference.
+// Keeps the property as it was. One that comes behind the fields of its kind does so by its place, and would overtake
+// them if it kept its preference.
 void Builder::keep(const Attribute& attribute, bool with_preference) {
-    std::string& out = card_.extras;
-    if (!attribute.group.empty()) {
-        out += attribute.group;
-        out += '.';
-    }
-    out += attribute.name;
-    std::string_view before;
-    for (const auto& [name, value] : attribute.parameters) {
-        if (!with_preference && is_preference(name, value)) continue;
-        if (equal_ignoring_case(name, before)) {
-            out += ',';
-        } else {
-            ((out += ';') += name) += '=';
-        }
-        before = name;
-        const bool quote = value.find_first_of(",;:") != std::string_view::npos;
-        if (quote) out += '"';
-        out += value;
-        if (quote) out += '"';
-    }
-    char mark = ':';
-    for (const std::string_view value : attribute.values) {
-        out += mark;
-        append_escaped_text(out, value);
-        mark = ';';
-    }
-    if (mark == ':') out += ':';
-    out += '\n';
+    card_.extras += with_preference ? std::string(attribute.line) : without_preference(attribute.line);
+    card_.extras += '\n';
 }
 
 bool is_empty(const Card& card) {

@@ -41,17 +41,17 @@ bool CardSplitter::next(RawCard& card) {
 
 // Moves to the next BEGIN:VCARD. False at the end of the text, or with a damage for text outside of any card.
 bool CardSplitter::next_begin(RawCard& card) {
-    std::string_view line;
-    while (!begin_seen_ && reader_.next(line)) {
+    while (!begin_seen_ && lines_.next()) {
+        const std::string_view line = lines_.line();
         if (is_card_begin(line)) {
             begin_seen_ = true;
-            begin_line_ = reader_.number();
+            begin_line_ = lines_.number();
         } else if (card.damage.empty() && !trimmed(without_mark(line)).empty()) {
             card.damage = "text outside of BEGIN:VCARD and END:VCARD";
-            card.damage_line = card.number = reader_.number();
+            card.damage_line = card.number = lines_.number();
         }
     }
-    card.utf16 = reader_.is_utf16();
+    card.utf16 = lines_.reader().is_utf16();
     if (!begin_seen_ || !card.damage.empty()) return false;
     begin_seen_ = false;
     card.number = begin_line_;
@@ -60,14 +60,14 @@ bool CardSplitter::next_begin(RawCard& card) {
 
 void CardSplitter::read_body(RawCard& card) {
     int depth = 1;
-    std::string_view line;
-    while (reader_.next(line)) {
+    while (lines_.next()) {
+        const std::string_view line = lines_.line();
         const bool begin = is_card_begin(line);
         if (begin && !(card.lines.empty() ? false : opens_agent(card.line(card.lines.size() - 1)))) {
             card.damage = "no END:VCARD before the next card begins";
             card.damage_line = card.number;
             begin_seen_ = true;
-            begin_line_ = reader_.number();
+            begin_line_ = lines_.number();
             return;
         }
         if (begin) ++depth;
@@ -75,16 +75,17 @@ void CardSplitter::read_body(RawCard& card) {
         add_line(card, line);
     }
     if (card.damage.empty()) {
-        card.damage = reader_.error() != 0 ? "the file could not be read further" : "the file ends inside this card";
+        card.damage =
+            lines_.reader().error() != 0 ? "the file could not be read further" : "the file ends inside this card";
         card.damage_line = card.number;
     }
 }
 
 void CardSplitter::add_line(RawCard& card, std::string_view line) {
-    const bool too_large = reader_.was_cut() || card.text.size() + line.size() > kLargestCard;
+    const bool too_large = lines_.was_cut() || card.text.size() + line.size() > kLargestCard;
     if (too_large && card.damage.empty()) {
         card.damage = "larger than 64 MiB";
-        card.damage_line = reader_.number();
+        card.damage_line = lines_.number();
     }
     if (!card.damage.empty()) {
         // Nothing of it will be used, so that memory stays bounded; only the last line is kept, to see an AGENT.
@@ -92,7 +93,7 @@ void CardSplitter::add_line(RawCard& card, std::string_view line) {
         card.lines.clear();
         line = line.substr(0, 256);
     }
-    card.lines.push_back({card.text.size(), line.size(), reader_.number()});
+    card.lines.push_back({card.text.size(), line.size(), lines_.number()});
     card.text += line;
 }
 

@@ -7,16 +7,17 @@
 #include <string_view>
 #include <vector>
 
-#include "zr/base/line_reader.h"
+#include "zr/base/unfolded_lines.h"
+#include "zr/vcard/header.h"
 
 namespace zr {
 
-// The lines of one card between BEGIN:VCARD and END:VCARD, both left out.
+// The lines of one card between BEGIN:VCARD and END:VCARD, both left out. They are unfolded.
 struct RawCard {
     struct Line {
         std::size_t offset;
         std::size_t length;
-        long number;
+        long number;  // where it begins
     };
 
     std::string text;
@@ -35,7 +36,7 @@ class CardSplitter {
 public:
     static constexpr std::size_t kLargestCard = std::size_t{64} << 20;
 
-    explicit CardSplitter(LineReader& reader) : reader_(reader) {}
+    explicit CardSplitter(LineReader& reader) : lines_(reader, SoftBreaks()) {}
 
     // The next card, whole or damaged, or a run of text that belongs to no card (as a damaged one).
     // False at the end of the text. `card` is reused to save allocations.
@@ -46,7 +47,7 @@ private:
     void read_body(RawCard& card);
     void add_line(RawCard& card, std::string_view line);
 
-    LineReader& reader_;
+    UnfoldedLines lines_;
     bool begin_seen_ = false;  // the last line read was the BEGIN of a card not yet returned
     long begin_line_ = 0;
 };

@@ -6,13 +6,25 @@
 #include <vector>
 
 #include "zr/base/content_line.h"
-
 #include "zr/base/text.h"
+#include "zr/vcard/header.h"
 
 namespace zr {
 namespace {
 
 constexpr std::size_t kLineBytes = 75;
+
+// A kept line, which is one of version 3.0, as 2.1 has it.
+std::string in_version_21(std::string_view text, const CardHeader& header) {
+    std::string out(text.substr(0, header.name_end));
+    for (const std::string_view parameter : card_parameters(text, header)) {
+        (out += ';') += equal_ignoring_case(parameter, "ENCODING=b") ? "ENCODING=BASE64" : parameter;
+    }
+    const bool ascii =
+        std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    if (!ascii) out += ";CHARSET=UTF-8";
+    return out += text.substr(header.value - 1);
+}
 
 class Writer {
 public:
@@ -23,7 +35,7 @@ public:
     void property(std::string_view name, const std::vector<std::string_view>& values);
     void types(std::string& name, std::initializer_list<std::string_view> types) const;
     void day(std::string_view name, Day day);
-    void extras(std::string_view lines);
+    bool extras(std::string_view lines);
     CardVersion version() const { return version_; }
 
 private:
@@ -105,24 +117,26 @@ void Writer::day(std::string_view name, Day day) {
     property(name, text);
 }
 
-void Writer::extras(std::string_view lines) {
+bool Writer::extras(std::string_view lines) {
+    bool whole = true;
     while (!lines.empty()) {
         const std::size_t end = std::min(lines.find('\n'), lines.size());
-        std::string text(lines.substr(0, end));
+        const std::string_view text = lines.substr(0, end);
         lines.remove_prefix(std::min(end + 1, lines.size()));
-        if (text.empty()) continue;
-        if (version_ == CardVersion::V21) {
-            const std::size_t encoding = text.find(";ENCODING=b");
-            if (encoding != std::string::npos && encoding < text.find(':'))
-                text.replace(encoding, 11, ";ENCODING=BASE64");
-            const bool ascii =
-                std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-            if (!ascii) text.insert(text.find(':'), ";CHARSET=UTF-8");
+        CardHeader header;
+        if (!read_card_header(text, header)) {
+            whole = whole && text.empty();
+            continue;
         }
-        line(text);
+        if (version_ != CardVersion::V21) {
+            line(text);
+            continue;
+        }
+        line(in_version_21(text, header));
         // A 2.1 reader looks for the blank line behind base64.
-        if (version_ == CardVersion::V21 && text.find(";ENCODING=BASE64") < text.find(':')) out_ += "\r\n";
+        if (header.base64) out_ += "\r\n";
     }
+    return whole;
 }
 
 struct TypedField {
@@ -214,7 +228,7 @@ void write_addresses(const Card& card, Writer& writer) {
 
 }  // namespace
 
-void write_card(const Card& card, CardVersion version, std::string& out) {
+bool write_card(const Card& card, CardVersion version, std::string& out) {
     Writer writer(version, out);
     writer.line("BEGIN:VCARD");
     writer.line(version == CardVersion::V21   ? "VERSION:2.1"
@@ -241,8 +255,9 @@ void write_card(const Card& card, CardVersion version, std::string& out) {
         writer.property(name, card[field]);
     }
     write_categories(card, writer);
-    writer.extras(card.extras);
+    const bool whole = writer.extras(card.extras);
     writer.line("END:VCARD");
+    return whole;
 }
 
 }  // namespace zr

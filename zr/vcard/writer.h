@@ -10,7 +10,7 @@ namespace zr {
 
 enum class CardVersion { V21, V30, V40 };
 
-// Appends the card to `out`.
-void write_card(const Card& card, CardVersion version, std::string& out);
+// Appends the card to `out`. False when it has kept lines that no reader would take for properties; they are left out.
+bool write_card(const Card& card, CardVersion version, std::string& out);
 
 }  // namespace zr

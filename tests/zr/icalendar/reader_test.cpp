@@ -215,13 +215,13 @@ TEST_F(Calendars, NamesWhatItCannotHoldAndKeepsIt) {
         "RDATE;VALUE=PERIOD:20260202T090000Z/PT1H\r\nATTACH:http://x.y/z\r\nEXRULE:FREQ=YEARLY\r\n",
         {}, &told);
     EXPECT_EQ(told,
-              "8 ! VEVENT u: RRULE: a second rule; kept, but not followed\n"
               "11 ? VEVENT u: ATTACH: kept, but not shown\n"
               "12 ! VEVENT u: EXRULE: kept, but not followed\n"
+              "8 ! VEVENT u: RRULE: a second rule; kept, but not followed\n"
               "9 ! VEVENT u: RDATE: 20260201T100000 is kept, but the appointment does not occur then\n"
               "10 ! VEVENT u: RDATE: 20260202T090000Z/PT1H is kept, but the appointment does not occur then\n");
     EXPECT_EQ(event.extras,
-              "RRULE:FREQ=WEEKLY\nATTACH:http://x.y/z\nEXRULE:FREQ=YEARLY\nRDATE:20260201T090000Z\n"
+              "ATTACH:http://x.y/z\nEXRULE:FREQ=YEARLY\nRRULE:FREQ=WEEKLY\nRDATE:20260201T090000Z\n"
               "RDATE;VALUE=PERIOD:20260202T090000Z/PT1H\n");
     EXPECT_TRUE(event.pattern);
     only("UID:u\r\nDTSTART:20260105T090000\r\nRRULE:FREQ=MONTHLY;BYMONTHDAY=31\r\n", {}, &told);

@@ -1,0 +1,184 @@
+// What was imported and is exported comes back as the same card, kept properties and all.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "zr/vcard/cards.h"
+#include "zr/vcard/writer.h"
+
+namespace {
+
+using zr::Card;
+using zr::CardVersion;
+using zr::Field;
+using zr::test::card_text;
+using zr::test::read_cards;
+using zr::test::ReadCards;
+
+std::vector<std::string> samples() {
+    std::vector<std::string> texts;
+    for (const char* folder : {"/fuzz/corpus/vcard", "/examples/data"}) {
+        for (const auto& entry : std::filesystem::directory_iterator(std::string(ZR_SOURCE_DIR) + folder)) {
+            if (std::string(folder) == "/examples/data" && entry.path().extension() != ".vcf") continue;
+            std::ostringstream text;
+            text << std::ifstream(entry.path(), std::ios::binary).rdbuf();
+            texts.push_back(text.str());
+        }
+    }
+    return texts;
+}
+
+// As the contact store keeps it: it files under something who was given no name to file by.
+Card stored(Card card) {
+    std::string& name = card[Field::FileAs];
+    if (name.empty()) name = zr::sorted_name(card);
+    if (name.empty()) name = card[Field::Company];
+    if (name.empty()) name = card[Field::Email1];
+    return card;
+}
+
+std::string shown(const Card& card) {
+    std::string text;
+    for (std::size_t i = 0; i < card.text.size(); ++i) {
+        if (!card.text[i].empty()) text += std::string(zr::field_key(Field(i))) + "=" + card.text[i] + "\n";
+    }
+    return text + card.extras;
+}
+
+::testing::AssertionResult comes_back(const Card& read) {
+    const Card card = stored(read);
+    for (const CardVersion version : {CardVersion::V30, CardVersion::V40, CardVersion::V21}) {
+        std::string text;
+        zr::write_card(card, version, text);
+        const ReadCards again = read_cards(text);
+        const std::string name = version == CardVersion::V21 ? "2.1" : version == CardVersion::V30 ? "3.0" : "4.0";
+        if (again.cards.size() != 1)
+            return ::testing::AssertionFailure() << again.cards.size() << " cards of one in " << name << ":\n" << text;
+        if (!again.problems.empty())
+            return ::testing::AssertionFailure() << again.problems[0].reason << " in " << name << ":\n" << text;
+        if (stored(again.cards[0]) != card)
+            return ::testing::AssertionFailure() << "written as " << name << ":\n"
+                                                 << text << "read:\n"
+                                                 << shown(again.cards[0]) << "was:\n"
+                                                 << shown(card);
+    }
+    return ::testing::AssertionSuccess();
+}
+
+TEST(CardRoundTrip, EveryCardOfTheCorpusComesBack) {
+    int cards = 0;
+    for (const std::string& text : samples()) {
+        for (const Card& card : read_cards(text).cards) {
+            EXPECT_TRUE(comes_back(card)) << text;
+            ++cards;
+        }
+    }
+    EXPECT_GT(cards, 20);
+}
+
+// Bytes of cards that mean something, to be strewn about.
+const char* const kPieces[] = {"\r\n ",
+                               "\n\t",
+                               "=\r\n",
+                               "BEGIN:VCARD\r\n",
+                               "END:VCARD\r\n",
+                               "\\",
+                               "\\n",
+                               ";",
+                               ",",
+                               ":",
+                               "\"",
+                               "^n",
+                               "ENCODING=b",
+                               ";TYPE=",
+                               ";CHARSET=UTF-8",
+                               ";ENCODING=QUOTED-PRINTABLE:",
+                               "=0D=0A",
+                               "item1.",
+                               "AGENT:\r\n",
+                               "\xC3\xA4",
+                               "\xE4",
+                               "X-",
+                               "\r",
+                               "PREF",
+                               " ",
+                               "=",
+                               "NOTE:",
+                               "CATEGORIES:",
+                               "N:",
+                               "FN:",
+                               "EMAIL:",
+                               "X-EVOLUTION-FILE-AS:",
+                               "PHOTO;ENCODING=b:AAAA\r\n"};
+
+TEST(CardRoundTrip, AndSoDoesWhatIsReadOfBrokenOnes) {
+    std::mt19937 random(11);
+    const std::vector<std::string> texts = samples();
+    int cards = 0;
+    for (int i = 0; i < 2000; ++i) {
+        std::string text = texts[random() % texts.size()];
+        for (int n = static_cast<int>(random() % 6); n > 0 && !text.empty(); --n) {
+            const std::size_t at = random() % text.size();
+            switch (random() % 4) {
+                case 0:
+                    text[at] = static_cast<char>(random());
+                    break;
+                case 1:
+                    text.erase(at, random() % 20);
+                    break;
+                default:
+                    text.insert(at, kPieces[random() % std::size(kPieces)]);
+            }
+        }
+        for (const Card& card : read_cards(text).cards) {
+            ASSERT_TRUE(comes_back(card)) << i << "\n" << text;
+            ++cards;
+        }
+    }
+    EXPECT_GT(cards, 1000);
+}
+
+// ---- Folds
+
+TEST(CardRoundTrip, AFoldedLineIsNoLineOfItsOwn) {
+    for (const std::string evil : {"BEGIN:VCARD", "END:VCARD"}) {
+        // As our own writer folds it, wherever the fold falls.
+        for (std::size_t length = 0; length < 80; ++length) {
+            Card card;
+            card[Field::FileAs] = "Jo";
+            card[Field::Note] = std::string(length, 'x') + evil + std::string(90 - length, 'y');
+            EXPECT_TRUE(comes_back(card));
+        }
+        const ReadCards folded = read_cards(card_text("FN:Jo\r\nNOTE:abc\r\n " + evil + "\r\nTITLE:Chief\r\n"));
+        ASSERT_EQ(folded.cards.size(), 1u);
+        EXPECT_TRUE(folded.problems.empty());
+        EXPECT_EQ(folded.cards[0][Field::Note], "abc" + evil);
+        EXPECT_EQ(folded.cards[0][Field::JobTitle], "Chief");
+        const ReadCards soft = read_cards(
+            card_text("FN:Jo\r\nNOTE;ENCODING=QUOTED-PRINTABLE:abc=\r\n" + evil + "\r\nTITLE:Chief\r\n", "2.1"));
+        ASSERT_EQ(soft.cards.size(), 1u);
+        EXPECT_TRUE(soft.problems.empty());
+        EXPECT_EQ(soft.cards[0][Field::Note], "abc" + evil);
+        EXPECT_EQ(soft.cards[0][Field::JobTitle], "Chief");
+    }
+}
+
+TEST(CardRoundTrip, ANoteSmugglesNoContact) {
+    const std::string note = "END:VCARD\r\n BEGIN:VCARD\r\n FN:Eve\r\n EMAIL:eve@x.org\r\n END:VCARD";
+    const ReadCards read = read_cards(card_text("FN:Jo\r\nNOTE:\r\n " + note + "\r\n"));
+    ASSERT_EQ(read.cards.size(), 1u);
+    EXPECT_EQ(read.cards[0][Field::FileAs], "Jo");
+    EXPECT_EQ(read.cards[0][Field::Email1], "");
+}
+
+TEST(CardRoundTrip, AnEqualsSignOfPlainTextJoinsNothing) {
+    const ReadCards read = read_cards(card_text("FN:Jo\r\nURL:http://x.org/?a=\r\n", "2.1") + card_text("FN:Al\r\n"));
+    ASSERT_EQ(read.cards.size(), 2u);
+    EXPECT_EQ(read.cards[0][Field::WebPage], "http://x.org/?a=");
+}
+
+}  // namespace
