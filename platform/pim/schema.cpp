@@ -47,6 +47,9 @@ const StoreKind kContactStore = {kStoreName,
                                  "PRAGMA wal_autocheckpoint = 4000;"
                                  "PRAGMA journal_size_limit = 67108864;"
                                  "PRAGMA cache_size = -8192;",
+                                 "SELECT NOT EXISTS(SELECT 1 FROM contact JOIN free_oid USING(oid))"
+                                 " AND NOT EXISTS(SELECT 1 FROM entry JOIN free_oid USING(oid))"
+                                 " AND (SELECT count(*) FROM folder) = 3",
                                  false};
 
 }  // namespace zr::platform::pim

@@ -11,7 +11,6 @@
 namespace zr::platform::pim {
 namespace {
 
-
 std::mutex stores_mutex;
 
 // Lives for ever: sessions may end in a static object's destructor.
@@ -48,7 +47,7 @@ Store::~Store() {
 class Forks {
 public:
     static void prepare() noexcept {
-        ForkGate::close();
+        ForkGate::instance().close();
         stores_mutex.lock();
         held().clear();
         for (const auto& each : stores()) {
@@ -61,12 +60,12 @@ public:
     static void in_parent() noexcept {
         unlock();
         held().clear();
-        ForkGate::open();
+        ForkGate::instance().open();
     }
     // The references stay until the next look: a child frees nothing.
     static void in_child() noexcept {
         unlock();
-        ForkGate::open_in_child();
+        ForkGate::instance().open_in_child();
     }
     static void make_room(std::size_t stores) { held().reserve(stores); }
     static void let_go() noexcept {

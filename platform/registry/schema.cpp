@@ -34,16 +34,17 @@ constexpr const char* kSteps[] = {
 
 // A commit is not synced: RegFlushKey does that. SQLite itself still syncs where it must to keep the file whole: the
 // journal before a checkpoint copies from it, the file before the journal is begun anew, and the journal's new front.
-const StoreKind kRegistryStore = {kStoreName,
-                                  "registry.db",
-                                  kApplicationId,
-                                  kSteps,
+const StoreKind kRegistryStore = {kStoreName, "registry.db", kApplicationId, kSteps,
                                   "PRAGMA page_size = 1024;"
                                   "PRAGMA journal_mode = WAL;"
                                   "PRAGMA synchronous = NORMAL;"
                                   "PRAGMA wal_autocheckpoint = 2000;"
                                   "PRAGMA journal_size_limit = 16777216;"
                                   "PRAGMA cache_size = -4096;",
+                                  // A key is made after the one above it.
+                                  "SELECT NOT EXISTS(SELECT 1 FROM key AS k WHERE id > 4 AND (parent >= id OR"
+                                  " NOT EXISTS(SELECT 1 FROM key WHERE id = k.parent)))"
+                                  " AND (SELECT count(*) FROM key WHERE id <= 4 AND parent = 0) = 4",
                                   true};
 
 }  // namespace zr::platform::registry

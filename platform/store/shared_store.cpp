@@ -15,6 +15,7 @@
 #include "base/forks.h"
 #include "base/private_file.h"
 #include "base/state_folder.h"
+#include "store/checked_file.h"
 
 namespace zr::platform {
 
@@ -514,6 +515,7 @@ bool StoreWriting::keep(CommitWatch::Stamp& after, DWORD& error) {
         error = store_->fail(connection());
         return false;
     }
+    mark_committed(connection().handle(), seq_);
     const bool alone = before_known_ && store_->writer_commits_.look(after) && after.is_next_after(before_);
     store_->pull_.let_go();
     return alone;

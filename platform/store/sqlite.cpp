@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/private_file.h"
 #include "base/utf.h"
 #include "platform/errors.h"
+#include "store/checked_file.h"
 #include "store/store_file.h"
 
 namespace zr::platform {
@@ -18,6 +20,7 @@ DWORD meaning(int code, int system_error) {
         case SQLITE_FULL:
             return ERROR_DISK_FULL;
         case SQLITE_IOERR:
+            if (code == SQLITE_IOERR_DATA) return ERROR_FILE_CORRUPT;
             if (system_error == ENOSPC || system_error == EDQUOT || system_error == EFBIG) return ERROR_DISK_FULL;
             return code == SQLITE_IOERR_NOMEM ? ERROR_NOT_ENOUGH_MEMORY : ERROR_IO_DEVICE;
         case SQLITE_BUSY:
@@ -87,7 +90,10 @@ DWORD Connection::open(const std::string& path) {
     met_damage_ = false;
     abandoned_ = false;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) return error();
+    const char* const layer = checked_vfs();
+    if (layer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    if (sqlite3_open_v2(path.c_str(), &db_, flags, layer) != SQLITE_OK || reserve_checksums(db_) != SQLITE_OK)
+        return error();
     sqlite3_extended_result_codes(db_, 1);
     sqlite3_busy_timeout(db_, kBusyMilliseconds);
     return ERROR_SUCCESS;
@@ -121,8 +127,11 @@ Use Connection::use(const char* sql) {
     auto& statement = statements_[sql];
     if (!statement) {
         sqlite3_stmt* prepared = nullptr;
-        if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr) != SQLITE_OK)
+        if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr) != SQLITE_OK) {
+            // Our own literals are right: where they do not fit the tables, these are not what was made.
+            wrong_tables_ = sqlite3_errcode(db_) == SQLITE_ERROR;
             return Use(nullptr);
+        }
         std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> held(prepared, &sqlite3_finalize);
         statement = std::make_unique<Statement>(prepared);
         static_cast<void>(held.release());
@@ -158,7 +167,8 @@ DWORD Connection::error() {
     }
     if (db_ == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     const int system_error = last_system_error(db_);
-    const DWORD error = meaning(sqlite3_extended_errcode(db_), system_error);
+    const bool wrong_tables = std::exchange(wrong_tables_, false);
+    const DWORD error = wrong_tables ? ERROR_FILE_CORRUPT : meaning(sqlite3_extended_errcode(db_), system_error);
     if (error == ERROR_DISK_FULL) {
         reason_ = "the disk is full";
     } else if (error == ERROR_BUSY) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include "base/private_file.h"
 #include "platform/errors.h"
 #include "store/bell.h"
+#include "store/checked_file.h"
 
 namespace zr::platform {
 namespace {
@@ -80,15 +82,93 @@ StoreOpening set_aside(const StoreKind& kind, const std::string& path, const Bel
     return result;
 }
 
-DWORD examine(const std::string& path, Connection& connection) {
+std::string doubled_quotes(const std::string& text) {
+    std::string result;
+    for (const char c : text) {
+        result.append(c == '\'' ? 2 : 1, c);
+    }
+    return result;
+}
+
+// The tables as a store of this kind has them, in one text.
+constexpr const char* kTables =
+    "SELECT group_concat(type || ' ' || name || ' ' || coalesce(sql, ''), ';') FROM"
+    " (SELECT * FROM sqlite_master WHERE name NOT LIKE 'sqlite_stat%' ORDER BY type, name)";
+
+DWORD read_text(Connection& connection, const char* sql, std::u16string& text) {
+    const Use row = connection.use(sql);
+    if (!row || row->step() != SQLITE_ROW) return connection.error();
+    text = row->text(0);
+    return ERROR_SUCCESS;
+}
+
+DWORD make_tables(const StoreKind& kind, Connection& connection, LONGLONG from) {
+    for (auto i = static_cast<std::size_t>(from); i < kind.steps.size(); ++i) {
+        if (const DWORD error = connection.execute(kind.steps[i]); error != ERROR_SUCCESS) return error;
+    }
+    return ERROR_SUCCESS;
+}
+
+// Where the tables are not the ones that this version makes, or the rows do not fit each other, the store is damaged.
+DWORD examine_content(const StoreKind& kind, Connection& connection) {
+    LONGLONG version = 0;
+    if (const DWORD error = connection.scalar("PRAGMA user_version", version); error != ERROR_SUCCESS) return error;
+    if (version != static_cast<LONGLONG>(kind.steps.size())) return ERROR_SUCCESS;
+    Connection model;
+    std::u16string wanted;
+    std::u16string found;
+    DWORD error = model.open(":memory:");
+    if (error == ERROR_SUCCESS) error = make_tables(kind, model, 0);
+    if (error == ERROR_SUCCESS) error = read_text(model, kTables, wanted);
+    if (error != ERROR_SUCCESS) return error;
+    error = read_text(connection, kTables, found);
+    if (error != ERROR_SUCCESS) return error;
+    if (found != wanted) return ERROR_FILE_CORRUPT;
+    LONGLONG sound = 0;
+    error = connection.scalar(kind.sound, sound);
+    return error == ERROR_SUCCESS && sound != 1 ? ERROR_FILE_CORRUPT : error;
+}
+
+DWORD examine(const StoreKind& kind, const std::string& path, Connection& connection) {
     if (access(suspicion(path).c_str(), F_OK) != 0) return ERROR_SUCCESS;
-    const Use check = connection.use("PRAGMA integrity_check(1)");
-    if (!check) return connection.error();
-    const int code = check->step();
-    if (code != SQLITE_ROW) return connection.error();
-    if (check->text(0) != u"ok") return ERROR_FILE_CORRUPT;
+    {
+        const Use check = connection.use("PRAGMA integrity_check(1)");
+        if (!check || check->step() != SQLITE_ROW) return connection.error();
+        if (check->text(0) != u"ok") return ERROR_FILE_CORRUPT;
+    }
+    if (const DWORD error = examine_content(kind, connection); error != ERROR_SUCCESS) return error;
     unlink(suspicion(path).c_str());
     return ERROR_SUCCESS;
+}
+
+// A journal that is begun anew has the next number.
+bool is_journal_of(const StoreMarks& marks, std::uint32_t journal) {
+    return marks.journal == 0 || journal == marks.journal || journal == marks.journal + 1;
+}
+
+// Whether the journal that belongs to the file is there.
+DWORD check_journal(Connection& connection) {
+    constexpr int kTries = 3;  // it may be begun anew between the looks
+    LONGLONG tables = 0;
+    if (connection.scalar("SELECT count(*) FROM sqlite_master", tables) != ERROR_SUCCESS) return connection.error();
+    StoreMarks marks = {};
+    for (int i = 0; i < kTries; ++i) {
+        if (read_marks(connection.handle(), marks) != SQLITE_OK) return ERROR_IO_DEVICE;
+        if (!marks.legible) return ERROR_FILE_CORRUPT;
+        if (!is_journal_of(marks, journal_number(connection.handle()))) continue;
+        return tables == 0 && marks.committed != 0 ? ERROR_FILE_CORRUPT : ERROR_SUCCESS;
+    }
+    return ERROR_FILE_CORRUPT;
+}
+
+// Whether the file holds what it must. The mark is read first: what is committed meanwhile makes the store newer.
+DWORD check_changes(Connection& connection) {
+    StoreMarks marks = {};
+    if (read_marks(connection.handle(), marks) != SQLITE_OK) return ERROR_IO_DEVICE;
+    if (!marks.checked) return ERROR_FILE_CORRUPT;
+    LONGLONG last = 0;
+    if (connection.scalar("SELECT max(seq) FROM change", last) != ERROR_SUCCESS) return connection.error();
+    return last < marks.committed ? ERROR_FILE_CORRUPT : ERROR_SUCCESS;
 }
 
 StoreOpening failure(const StoreKind& kind, DWORD error, const Connection& connection) {
@@ -113,9 +193,7 @@ StoreOpening migrate(const StoreKind& kind, const std::string& path, Connection&
                 false, false};
     if (version == latest) return {};
     error = connection.execute("BEGIN IMMEDIATE");
-    for (LONGLONG i = version; i < latest && error == 0; ++i) {
-        error = connection.execute(kind.steps[static_cast<std::size_t>(i)]);
-    }
+    if (error == 0) error = make_tables(kind, connection, version);
     const std::string stamp = "PRAGMA user_version = " + std::to_string(latest);
     if (error == 0) error = connection.execute(stamp.c_str());
     if (error == 0) error = connection.execute("COMMIT");
@@ -125,11 +203,53 @@ StoreOpening migrate(const StoreKind& kind, const std::string& path, Connection&
     return result;
 }
 
-StoreOpening prepare(const StoreKind& kind, const std::string& path, Connection& connection) {
+StoreOpening open_as_it_is(const StoreKind& kind, const std::string& path, Connection& connection) {
     DWORD error = connection.open(path);
     if (error == 0) error = connection.execute(kind.settings);
-    if (error == 0) error = examine(path, connection);
-    return error == 0 ? migrate(kind, path, connection) : failure(kind, error, connection);
+    if (error == 0) error = check_journal(connection);
+    if (error == 0) error = examine(kind, path, connection);
+    return failure(kind, error, connection);
+}
+
+// An earlier version's store, from before pages had checksums.
+bool lacks_checksums(const StoreKind& kind, Connection& connection) {
+    LONGLONG version = 0;
+    StoreMarks marks = {};
+    return connection.scalar("PRAGMA user_version", version) == ERROR_SUCCESS && version > 0 &&
+           version < static_cast<LONGLONG>(kind.steps.size()) && read_marks(connection.handle(), marks) == SQLITE_OK &&
+           !marks.checked;
+}
+
+// Writes the store anew, with checksums, beside the old one, and puts it in its place. Programs of that earlier version
+// must have let go of it: ERROR_BUSY otherwise. Closes the connection.
+StoreOpening give_checksums(const StoreKind& kind, const std::string& path, Connection& connection) {
+    const std::string fresh = path + ".new";
+    unlink(fresh.c_str());
+    DWORD error = connection.execute("PRAGMA journal_mode = DELETE");
+    if (error == 0) error = connection.execute("PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE; COMMIT");
+    if (error == 0 && reserve_checksums(connection.handle()) != SQLITE_OK) error = ERROR_NOT_ENOUGH_MEMORY;
+    // Pages come in their order then, the first one first, which says that there are checksums.
+    if (error == 0) error = connection.execute("PRAGMA cache_spill = OFF");
+    if (error == 0) error = connection.execute(("VACUUM INTO '" + doubled_quotes(fresh) + "'").c_str());
+    StoreOpening result = failure(kind, error, connection);
+    connection.close();
+    if (!result) return result;
+    const HostFd file = open_host(fresh.c_str(), O_RDWR | O_NOFOLLOW);
+    if (!file || fchmod(file.get(), 0600) != 0 || fsync(file.get()) != 0 || rename(fresh.c_str(), path.c_str()) != 0)
+        return host_failure(kind, fresh, errno);
+    return result;
+}
+
+StoreOpening prepare(const StoreKind& kind, const std::string& path, Connection& connection) {
+    StoreOpening result = open_as_it_is(kind, path, connection);
+    if (result && lacks_checksums(kind, connection)) {
+        result = give_checksums(kind, path, connection);
+        if (result) result = open_as_it_is(kind, path, connection);
+    }
+    if (result) result = migrate(kind, path, connection);
+    if (!result) return result;
+    const DWORD error = check_changes(connection);
+    return error == ERROR_SUCCESS ? result : failure(kind, error, connection);
 }
 
 }  // namespace

@@ -92,10 +92,11 @@ private:
     std::vector<std::thread> threads_;
 };
 
-// Runs `body` in a forked child, whose exit code it returns.
-inline int in_fork(const std::function<int()>& body, int seconds = kForkLimitSeconds) {
-    const pid_t child = Load::fork_beside();
-    if (child == 0) {
+// A forked child that runs `body`; its exit code is the body's result.
+class Forked {
+public:
+    explicit Forked(const std::function<int()>& body) : pid_(Load::fork_beside()) {
+        if (pid_ != 0) return;
         int result = 99;
         try {
             result = body();
@@ -103,7 +104,14 @@ inline int in_fork(const std::function<int()>& body, int seconds = kForkLimitSec
         }
         _exit(result);
     }
-    return await_child(child, seconds);
+    int wait(int seconds = kForkLimitSeconds) const { return await_child(pid_, seconds); }
+
+private:
+    const pid_t pid_;
+};
+
+inline int in_fork(const std::function<int()>& body, int seconds = kForkLimitSeconds) {
+    return Forked(body).wait(seconds);
 }
 
 }  // namespace zr::test

@@ -19,3 +19,7 @@ ZRPLATFORM_API LONGLONG ZrLiveObjects(ZrLiveKind kind);
 // Fault injection for tests: the next `successes` allocations of HeapAlloc, HeapReAlloc, LocalAlloc and LocalReAlloc in
 // this process succeed and every later one fails, until this is called with a negative number.
 ZRPLATFORM_API void ZrFailHeapAfter(LONGLONG successes);
+
+// For tests: from now on this process takes itself to run after another start of the computer, so that what the stores
+// held in the host's memory counts as lost.
+ZRPLATFORM_API void ZrPretendLaterBoot();

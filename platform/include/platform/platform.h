@@ -19,6 +19,7 @@
 #include "platform/registry.h"
 #include "platform/screen.h"
 #include "platform/shell.h"
+#include "platform/stores.h"
 #include "platform/time.h"
 #include "platform/types.h"
 #include "platform/windowing.h"

@@ -114,6 +114,7 @@ private:
     std::string reason_;
     bool met_damage_ = false;
     bool abandoned_ = false;
+    bool wrong_tables_ = false;
     std::unordered_map<const char*, std::unique_ptr<Statement>> statements_;
 };
 

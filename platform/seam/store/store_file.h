@@ -25,6 +25,7 @@ struct StoreKind {
     LONGLONG application_id;             // written into the file by the first step
     std::span<const char* const> steps;  // step i brings a store from version i to version i + 1
     const char* settings;                // statements for every connection; the file's encoding must come first
+    const char* sound;                   // a query: 1 when the rows fit each other; asked where damage is suspected
     bool begins_anew;                    // the call that sets a damaged store aside goes on with an empty one
 };
 

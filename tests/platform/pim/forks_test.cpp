@@ -1,43 +1,22 @@
 // Sessions that a process takes along when it is forked, and stores that are set aside while they are open.
 
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <thread>
 
 #include "platform/windowing.h"
 #include "session_support.h"
 #include "store_query.h"
 #include "support/child.h"
+#include "support/forked.h"
 #include "support/sandbox.h"
 
 namespace {
 
 using namespace zr::test;
-
-// A process made by fork; it runs the body and ends with its result.
-class Forked {
-public:
-    explicit Forked(const std::function<int()>& body) : pid_(fork()) {
-        if (pid_ != 0) return;
-        alarm(60);
-        _exit(body());
-    }
-    // The exit code, or minus the signal.
-    int wait() const {
-        int status = 0;
-        if (waitpid(pid_, &status, 0) != pid_) return 1000;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-
-private:
-    pid_t pid_;
-};
 
 // A byte from one process to another.
 class Pipe {

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <random>
 
+#include "platform/diagnostics.h"
 #include "registry_support.h"
 #include "support/child.h"
 #include "support/sandbox.h"
@@ -108,6 +109,7 @@ std::u16string payload_name(DWORD number) {
 // least.
 ZR_CHILD(after_the_cut) {
     setenv("ZR_HOME", args[0].c_str(), 1);
+    ZrPretendLaterBoot();
     const auto flushed = static_cast<DWORD>(std::stoul(args[1]));
     const auto written = static_cast<DWORD>(std::stoul(args[2]));
     const Key key = create(HKEY_LOCAL_MACHINE, u"power");

@@ -1,0 +1,527 @@
+#include "store/checked_file.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cstddef>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "base/host_fd.h"
+#include "platform/diagnostics.h"
+#include "platform/stores.h"
+
+namespace zr::platform {
+namespace {
+
+constexpr const char* kName = "zr-store";
+
+// --- the database's file (https://sqlite.org/fileformat2.html) ---
+constexpr int kHeader = 100;
+constexpr int kPageSizeAt = 16;
+constexpr int kReservedAt = 20;
+constexpr int kMarksAt = 72;  // twenty bytes, "reserved for expansion"
+constexpr int kMarksSize = 20;
+constexpr int kChecksum = 8;
+// --- the journal's ---
+constexpr int kJournalHeader = 32;
+constexpr int kFrameHeader = 24;
+constexpr std::uint32_t kJournalMagic = 0x377F0682;  // its lowest bit: checksums are of big-endian words
+// --- the journal's index in shared memory (https://sqlite.org/walformat.html) ---
+constexpr std::size_t kLastFrameAt = 16;
+
+using Byte = unsigned char;
+
+std::uint32_t big_endian(const Byte* bytes) {
+    return static_cast<std::uint32_t>(bytes[0]) << 24 | static_cast<std::uint32_t>(bytes[1]) << 16 |
+           static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3];
+}
+
+// Each step maps the state one to one, and each word changes it: no damage within one word goes unseen, and any other
+// with a chance of 2^-64.
+std::uint64_t mix(std::uint64_t state, std::uint64_t word) {
+    return std::rotl((state ^ word) * 0x9E3779B97F4A7C15u, 29);
+}
+
+std::uint64_t finish(std::uint64_t state) {
+    state ^= state >> 32;
+    state *= 0xD6E8FEB86659FD93u;
+    return state ^ state >> 32;
+}
+
+std::uint64_t checksum(const Byte* page, int size, std::uint64_t number) {
+    std::array<std::uint64_t, 4> lanes = {number, ~number, number << 1, number << 2};
+    for (int at = 0; at + kChecksum < size; at += 8) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, page + at, sizeof word);
+        auto& lane = lanes[static_cast<std::size_t>(at / 8 % 4)];
+        lane = mix(lane, word);
+    }
+    return finish(mix(mix(mix(lanes[0], lanes[1]), lanes[2]), lanes[3]));
+}
+
+std::atomic<std::uint64_t> boots_later{0};
+
+// A number that another start of the computer does not have.
+std::uint64_t boot_number() noexcept {
+    static const std::uint64_t number = [] {
+        char id[64] = {};
+        const HostFd file = open_host("/proc/sys/kernel/random/boot_id", O_RDONLY);
+        if (file) static_cast<void>(!::read(file.get(), id, sizeof id - 1));
+        std::uint64_t state = 0;
+        for (const char c : id) {
+            state = mix(state, static_cast<Byte>(c));
+        }
+        return finish(state);
+    }();
+    return number ^ boots_later.load(std::memory_order_relaxed);
+}
+
+// --- the marks' form ---
+// Little-endian: the change (7 bytes), the boot (4), a check of both (2); the journal's number (4), its check (3). All
+// zero: no mark.
+using MarkBytes = std::array<Byte, kMarksSize>;
+constexpr std::size_t kBootAt = 7;
+constexpr std::size_t kCommittedCheckAt = 11;
+constexpr std::size_t kJournalAt = 13;
+constexpr std::size_t kJournalCheckAt = 17;
+
+void put(Byte* to, std::uint64_t value, std::size_t size) {
+    for (std::size_t i = 0; i < size; ++i) {
+        to[i] = static_cast<Byte>(value >> 8 * i);
+    }
+}
+
+std::uint64_t get(const Byte* from, std::size_t size) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        value |= static_cast<std::uint64_t>(from[i]) << 8 * i;
+    }
+    return value;
+}
+
+std::uint64_t check_of(const Byte* from, std::size_t size) {
+    std::uint64_t state = size;
+    for (std::size_t i = 0; i < size; ++i) {
+        state = mix(state, from[i] + 1u);
+    }
+    return finish(state);
+}
+
+void put_committed(Byte* marks, LONGLONG seq, std::uint64_t boot) {
+    put(marks, static_cast<std::uint64_t>(seq), kBootAt);
+    put(marks + kBootAt, boot, kCommittedCheckAt - kBootAt);
+    put(marks + kCommittedCheckAt, check_of(marks, kCommittedCheckAt), kJournalAt - kCommittedCheckAt);
+}
+
+void put_journal(Byte* mark, std::uint32_t number) {
+    put(mark, number, 4);
+    put(mark + 4, number == 0 ? 0 : check_of(mark, 4), 3);
+}
+
+bool is_zero(const Byte* from, std::size_t size) {
+    return get(from, size < 8 ? size : 8) == 0 && (size <= 8 || get(from + 8, size - 8) == 0);
+}
+
+void read_form(const MarkBytes& bytes, StoreMarks& marks) {
+    const Byte* const at = bytes.data();
+    const bool no_change = is_zero(at, kJournalAt);
+    const bool no_journal = is_zero(at + kJournalAt, kMarksSize - kJournalAt);
+    const bool change_good = no_change || get(at + kCommittedCheckAt, 2) == (check_of(at, kCommittedCheckAt) & 0xFFFF);
+    const bool journal_good = no_journal || get(at + kJournalCheckAt, 3) == (check_of(at + kJournalAt, 4) & 0xFFFFFF);
+    marks.legible = change_good && journal_good;
+    const bool this_boot = get(at + kBootAt, 4) == (boot_number() & 0xFFFFFFFF);
+    marks.committed = marks.legible && this_boot ? static_cast<LONGLONG>(get(at, kBootAt)) : 0;
+    marks.journal = marks.legible ? static_cast<std::uint32_t>(get(at + kJournalAt, 4)) : 0;
+}
+
+// --- files ---
+
+sqlite3_vfs* host() noexcept {
+    static sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
+    return vfs;
+}
+
+enum class Kind { Database, Journal, Other };
+
+// Followed in memory by the host's file.
+struct File {
+    sqlite3_file base;
+    Kind kind;
+    // The database's.
+    int page_size;               // 0: not known yet
+    bool checked;                // its pages have checksums
+    Byte* scratch;               // a page; made when it is first needed
+    const volatile Byte* index;  // of the journal, in shared memory; null: not there yet
+    // The journal's.
+    File* database;  // null: not known, nothing is looked at
+    bool unmarked;   // its header was written, and the database's mark not yet
+
+    sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
+    const sqlite3_io_methods* methods() { return real()->pMethods; }
+    int read(void* to, int size, sqlite3_int64 at) { return methods()->xRead(real(), to, size, at); }
+    int write(const void* from, int size, sqlite3_int64 at) { return methods()->xWrite(real(), from, size, at); }
+};
+static_assert(sizeof(File) % alignof(std::max_align_t) == 0 || alignof(File) >= alignof(void*));
+
+File& file_of(sqlite3_file* file) {
+    return *reinterpret_cast<File*>(file);
+}
+
+// A database's first bytes say how its pages are.
+void learn(File& file, const Byte* header) {
+    const int size = header[kPageSizeAt] << 8 | header[kPageSizeAt + 1];
+    file.page_size = size == 1 ? 65536 : size;
+    file.checked = header[kReservedAt] == kChecksum && file.page_size >= 512 &&
+                   std::has_single_bit(static_cast<unsigned>(file.page_size));
+}
+
+bool is_page(const File& file, int size, sqlite3_int64 at) {
+    return file.checked && size == file.page_size && at % size == 0;
+}
+
+int verify_page(const File& file, const Byte* page, sqlite3_int64 at) {
+    std::uint64_t kept = 0;
+    std::memcpy(&kept, page + file.page_size - kChecksum, sizeof kept);
+    const auto number = static_cast<std::uint64_t>(at / file.page_size) + 1;
+    return kept == checksum(page, file.page_size, number) ? SQLITE_OK : SQLITE_IOERR_DATA;
+}
+
+// Hides the marks from SQLite where a read reaches over them.
+void hide_marks(Byte* bytes, int size, sqlite3_int64 at) {
+    for (int i = kMarksAt; i < kMarksAt + kMarksSize; ++i) {
+        if (i >= at && i - at < size) bytes[i - at] = 0;
+    }
+}
+
+int read_database(File& file, void* to, int size, sqlite3_int64 at) {
+    const int result = file.read(to, size, at);
+    // SQLite asks for no page behind the file's end: it was cut off.
+    if (result == SQLITE_IOERR_SHORT_READ && at != 0 && is_page(file, size, at)) return SQLITE_IOERR_DATA;
+    if (result != SQLITE_OK) return result;
+    auto* const bytes = static_cast<Byte*>(to);
+    hide_marks(bytes, size, at);
+    if (at == 0 && size >= kHeader) learn(file, bytes);
+    return is_page(file, size, at) ? verify_page(file, bytes, at) : SQLITE_OK;
+}
+
+int write_database(File& file, const void* from, int size, sqlite3_int64 at) {
+    const auto* bytes = static_cast<const Byte*>(from);
+    if (at == 0 && size >= kHeader) {
+        const int before = file.page_size;
+        learn(file, bytes);
+        if (file.page_size != before) delete[] std::exchange(file.scratch, nullptr);
+    }
+    if (!is_page(file, size, at)) return file.write(from, size, at);
+    if (file.scratch == nullptr) file.scratch = new (std::nothrow) Byte[static_cast<std::size_t>(size)];
+    if (file.scratch == nullptr) return SQLITE_IOERR_NOMEM;
+    std::memcpy(file.scratch, bytes, static_cast<std::size_t>(size));
+    hide_marks(file.scratch, size, at);
+    const std::uint64_t sum = checksum(file.scratch, size, static_cast<std::uint64_t>(at / size) + 1);
+    std::memcpy(file.scratch + size - kChecksum, &sum, sizeof sum);
+    if (at != 0) return file.write(file.scratch, size, at);
+    // The marks between stay as they are: others may write them meanwhile.
+    const int result = file.write(file.scratch, kMarksAt, 0);
+    constexpr int kBehind = kMarksAt + kMarksSize;
+    return result == SQLITE_OK ? file.write(file.scratch + kBehind, size - kBehind, kBehind) : result;
+}
+
+// SQLite's checksum of the journal, over words of the byte order that its header names.
+struct JournalSum {
+    bool big;
+    std::uint32_t first;
+    std::uint32_t second;
+
+    void add(const Byte* bytes, int size) {
+        const auto word = [this](const Byte* at) {
+            return big ? big_endian(at) : static_cast<std::uint32_t>(get(at, 4));
+        };
+        for (int i = 0; i < size; i += 8) {
+            first += word(bytes + i) + second;
+            second += word(bytes + i + 4) + first;
+        }
+    }
+};
+
+// A page of a frame that is committed. A frame's checksum goes on from that of the frame in front of it.
+int verify_frame(File& journal, const Byte* page, int size, sqlite3_int64 at) {
+    Byte header[kJournalHeader];
+    Byte frame[kFrameHeader];
+    Byte before[8];
+    const sqlite3_int64 start = at - kFrameHeader;
+    const sqlite3_int64 sum_before = start == kJournalHeader ? kJournalHeader - 8 : start - size - 8;
+    int result = journal.read(header, kJournalHeader, 0);
+    if (result == SQLITE_OK) result = journal.read(frame, kFrameHeader, start);
+    if (result == SQLITE_OK) result = journal.read(before, sizeof before, sum_before);
+    if (result != SQLITE_OK) return result;
+    JournalSum sum = {(big_endian(header) & 1) != 0, big_endian(before), big_endian(before + 4)};
+    sum.add(frame, 8);
+    sum.add(page, size);
+    const bool good = sum.first == big_endian(frame + 16) && sum.second == big_endian(frame + 20);
+    return good ? SQLITE_OK : SQLITE_IOERR_DATA;
+}
+
+// Frames behind the last commit are the writer's own, and their checksums may not be there yet.
+bool is_committed_frame(const File& journal, int size, sqlite3_int64 at) {
+    const File* const database = journal.database;
+    if (database == nullptr || !database->checked || database->index == nullptr || size != database->page_size)
+        return false;
+    const sqlite3_int64 past = at - kJournalHeader - kFrameHeader;
+    const sqlite3_int64 stride = size + kFrameHeader;
+    if (past < 0 || past % stride != 0) return false;
+    const auto* const last = reinterpret_cast<const volatile std::uint32_t*>(database->index + kLastFrameAt);
+    return past / stride + 1 <= *last;
+}
+
+int write_mark(File& database, const Byte* mark, std::size_t size, std::size_t at) {
+    return database.write(mark, static_cast<int>(size), kMarksAt + static_cast<sqlite3_int64>(at));
+}
+
+int mark_journal(File& database, std::uint32_t number) {
+    Byte mark[kMarksSize - kJournalAt];
+    put_journal(mark, number);
+    return write_mark(database, mark, sizeof mark, kJournalAt);
+}
+
+bool is_journal_header(const Byte* header) {
+    if ((big_endian(header) & ~1u) != kJournalMagic) return false;
+    JournalSum sum = {(big_endian(header) & 1) != 0, 0, 0};
+    sum.add(header, kJournalHeader - 8);
+    return sum.first == big_endian(header + 24) && sum.second == big_endian(header + 28);
+}
+
+std::uint32_t number_of(File& journal) {
+    Byte header[kJournalHeader];
+    if (journal.read(header, kJournalHeader, 0) != SQLITE_OK || !is_journal_header(header)) return 0;
+    const std::uint32_t salt = big_endian(header + 16);
+    return salt == 0 ? 1 : salt;
+}
+
+int write_journal(File& journal, const void* from, int size, sqlite3_int64 at) {
+    File* const database = journal.database;
+    if (at == 0) {
+        journal.unmarked = true;
+    } else if (journal.unmarked && database != nullptr && database->checked) {
+        // The header has been synced by now: a journal that is marked is there, also after a power cut.
+        const int result = mark_journal(*database, number_of(journal));
+        if (result != SQLITE_OK) return result;
+        journal.unmarked = false;
+    }
+    return journal.write(from, size, at);
+}
+
+// --- what SQLite calls ---
+
+int x_close(sqlite3_file* base) {
+    File& file = file_of(base);
+    delete[] std::exchange(file.scratch, nullptr);
+    return file.methods() == nullptr ? SQLITE_OK : file.methods()->xClose(file.real());
+}
+
+int x_read(sqlite3_file* base, void* to, int size, sqlite3_int64 at) {
+    File& file = file_of(base);
+    if (file.kind == Kind::Database) return read_database(file, to, size, at);
+    const int result = file.read(to, size, at);
+    if (result != SQLITE_OK || file.kind != Kind::Journal || !is_committed_frame(file, size, at)) return result;
+    return verify_frame(file, static_cast<const Byte*>(to), size, at);
+}
+
+int x_write(sqlite3_file* base, const void* from, int size, sqlite3_int64 at) {
+    File& file = file_of(base);
+    if (file.kind == Kind::Database) return write_database(file, from, size, at);
+    return file.kind == Kind::Journal ? write_journal(file, from, size, at) : file.write(from, size, at);
+}
+
+int x_truncate(sqlite3_file* base, sqlite3_int64 size) {
+    File& file = file_of(base);
+    if (file.kind == Kind::Journal && size == 0 && file.database != nullptr && file.database->checked) {
+        if (const int result = mark_journal(*file.database, 0); result != SQLITE_OK) return result;
+    }
+    return file.methods()->xTruncate(file.real(), size);
+}
+
+int x_sync(sqlite3_file* base, int flags) {
+    File& file = file_of(base);
+    return file.methods()->xSync(file.real(), flags);
+}
+
+int x_file_size(sqlite3_file* base, sqlite3_int64* size) {
+    File& file = file_of(base);
+    return file.methods()->xFileSize(file.real(), size);
+}
+
+int x_lock(sqlite3_file* base, int level) {
+    File& file = file_of(base);
+    return file.methods()->xLock(file.real(), level);
+}
+
+int x_unlock(sqlite3_file* base, int level) {
+    File& file = file_of(base);
+    return file.methods()->xUnlock(file.real(), level);
+}
+
+int x_check_reserved_lock(sqlite3_file* base, int* result) {
+    File& file = file_of(base);
+    return file.methods()->xCheckReservedLock(file.real(), result);
+}
+
+// Beside SQLite's: the marks (read_marks and so on).
+enum Control : int { kReadMarks = 0x5A720001, kMarkCommitted };
+
+int control_marks(File& file, int what, void* argument) {
+    MarkBytes bytes;
+    if (file.kind != Kind::Database) return SQLITE_NOTFOUND;
+    if (what == kMarkCommitted) {
+        if (!file.checked) return SQLITE_OK;
+        put_committed(bytes.data(), *static_cast<const LONGLONG*>(argument), boot_number());
+        return write_mark(file, bytes.data(), kJournalAt, 0);
+    }
+    const int result = file.read(bytes.data(), kMarksSize, kMarksAt);
+    if (result != SQLITE_OK) return result;
+    auto& marks = *static_cast<StoreMarks*>(argument);
+    marks.checked = file.checked;
+    read_form(bytes, marks);
+    return SQLITE_OK;
+}
+
+int x_file_control(sqlite3_file* base, int what, void* argument) {
+    File& file = file_of(base);
+    if (what >= kReadMarks && what <= kMarkCommitted) return control_marks(file, what, argument);
+    return file.methods()->xFileControl(file.real(), what, argument);
+}
+
+int x_sector_size(sqlite3_file* base) {
+    File& file = file_of(base);
+    return file.methods()->xSectorSize(file.real());
+}
+
+int x_device_characteristics(sqlite3_file* base) {
+    File& file = file_of(base);
+    return file.methods()->xDeviceCharacteristics(file.real());
+}
+
+int x_shm_map(sqlite3_file* base, int region, int size, int extend, void volatile** at) {
+    File& file = file_of(base);
+    const int result = file.methods()->xShmMap(file.real(), region, size, extend, at);
+    if (result == SQLITE_OK && region == 0) file.index = static_cast<const volatile Byte*>(*at);
+    return result;
+}
+
+int x_shm_lock(sqlite3_file* base, int offset, int count, int flags) {
+    File& file = file_of(base);
+    return file.methods()->xShmLock(file.real(), offset, count, flags);
+}
+
+void x_shm_barrier(sqlite3_file* base) {
+    File& file = file_of(base);
+    file.methods()->xShmBarrier(file.real());
+}
+
+int x_shm_unmap(sqlite3_file* base, int remove) {
+    File& file = file_of(base);
+    file.index = nullptr;
+    return file.methods()->xShmUnmap(file.real(), remove);
+}
+
+// Without xFetch: pages are read by calls, and looked at.
+constexpr sqlite3_io_methods kMethods = {
+    2,
+    x_close,
+    x_read,
+    x_write,
+    x_truncate,
+    x_sync,
+    x_file_size,
+    x_lock,
+    x_unlock,
+    x_check_reserved_lock,
+    x_file_control,
+    x_sector_size,
+    x_device_characteristics,
+    x_shm_map,
+    x_shm_lock,
+    x_shm_barrier,
+    x_shm_unmap,
+    nullptr,
+    nullptr,
+};
+
+int x_open(sqlite3_vfs*, const char* name, sqlite3_file* base, int flags, int* flags_out) {
+    File& file = *new (base) File{};
+    const int result = host()->xOpen(host(), name, file.real(), flags, flags_out);
+    if (result != SQLITE_OK) return result;
+    if ((flags & SQLITE_OPEN_MAIN_DB) != 0) {
+        file.kind = Kind::Database;
+    } else if ((flags & SQLITE_OPEN_WAL) != 0) {
+        file.kind = Kind::Journal;
+        file.database = &file_of(sqlite3_database_file_object(name));
+    } else {
+        file.kind = Kind::Other;
+    }
+    file.base.pMethods = &kMethods;
+    return SQLITE_OK;
+}
+
+bool is_journal(const char* name) {
+    const std::size_t length = std::strlen(name);
+    return length > 4 && std::memcmp(name + length - 4, "-wal", 4) == 0;
+}
+
+// SQLite removes a journal once all of it is in the file. It names it as it did when it was opened.
+int x_delete(sqlite3_vfs*, const char* name, int sync_folder) {
+    if (is_journal(name)) {
+        sqlite3_file* const base = sqlite3_database_file_object(name);
+        if (base != nullptr && base->pMethods == &kMethods && file_of(base).checked) mark_journal(file_of(base), 0);
+    }
+    return host()->xDelete(host(), name, sync_folder);
+}
+
+}  // namespace
+
+const char* checked_vfs() noexcept {
+    static const bool registered = [] {
+        static sqlite3_vfs vfs = *host();
+        vfs.szOsFile = static_cast<int>(sizeof(File)) + host()->szOsFile;
+        vfs.pNext = nullptr;
+        vfs.zName = kName;
+        vfs.xOpen = x_open;
+        vfs.xDelete = x_delete;
+        return sqlite3_vfs_register(&vfs, 0) == SQLITE_OK;
+    }();
+    return registered ? kName : nullptr;
+}
+
+int read_marks(sqlite3* database, StoreMarks& marks) noexcept {
+    return sqlite3_file_control(database, "main", kReadMarks, &marks);
+}
+
+int mark_committed(sqlite3* database, LONGLONG seq) noexcept {
+    return sqlite3_file_control(database, "main", kMarkCommitted, &seq);
+}
+
+std::uint32_t journal_number(sqlite3* database) noexcept {
+    sqlite3_file* base = nullptr;
+    if (sqlite3_file_control(database, "main", SQLITE_FCNTL_JOURNAL_POINTER, &base) != SQLITE_OK) return 0;
+    if (base == nullptr || base->pMethods != &kMethods || file_of(base).kind != Kind::Journal) return 0;
+    return number_of(file_of(base));
+}
+
+int reserve_checksums(sqlite3* database) noexcept {
+    int reserved = kChecksum;
+    return sqlite3_file_control(database, "main", SQLITE_FCNTL_RESERVE_BYTES, &reserved);
+}
+
+}  // namespace zr::platform
+
+LPCSTR ZrStoreLayer() {
+    return zr::platform::checked_vfs();
+}
+
+void ZrPretendLaterBoot() {
+    zr::platform::boots_later.fetch_add(1, std::memory_order_relaxed);
+}
