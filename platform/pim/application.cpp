@@ -113,7 +113,7 @@ HRESULT Application::CreateItem(OlItemType type, IDispatch** item) {
     return guarded([&]() -> HRESULT {
         for (const INT folder : {olFolderContacts, olFolderCalendar, olFolderTasks}) {
             if (item_type(folder) != type) continue;
-            *item = make_item(session, folder, 0, {});
+            *item = make_item(session, folder, {});
             return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
         }
         return fail(E_INVALIDARG, "There is no such type of item.");
@@ -125,16 +125,22 @@ HRESULT Application::GetItemFromOid(LONG oid, IDispatch** item) {
     const SessionRef session = this->session();
     if (!session) return HRESULT_FROM_WIN32(kNotLoggedOn);
     return guarded([&]() -> HRESULT {
-        RowRef row;
+        Given given = {.oid = oid};
         {
             Store& store = session->store();
             const auto lock = store.lock();
             HRESULT result = store.refresh();
-            if (SUCCEEDED(result))
-                result = folder_of(oid) == olFolderContacts ? store.rows().read(oid, 0, row) : store.exists(oid);
-            if (FAILED(result)) return result;
+            do {
+                given.seq = store.seq();
+                if (SUCCEEDED(result))
+                    result =
+                        folder_of(oid) == olFolderContacts ? store.rows().read(oid, 0, given.row) : store.exists(oid);
+                if (SUCCEEDED(result)) result = store.refresh();
+                if (FAILED(result)) return result;
+                // Its identifier was freed meanwhile: whose row is it?
+            } while (store.deleted_since(given.seq, oid));
         }
-        *item = make_item(session, folder_of(oid), oid, std::move(row));
+        *item = make_item(session, folder_of(oid), std::move(given));
         return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
     });
 }

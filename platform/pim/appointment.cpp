@@ -229,7 +229,7 @@ HRESULT Appointment::make_occurrence(Day day, Values fields, ExceptionFields exc
     LONG oid = 0;
     const HRESULT result = state_.oid(&oid);
     if (FAILED(result)) return result;
-    auto* object = new Appointment(SessionRef(&state_.session()), olFolderCalendar, oid, {});
+    auto* object = new Appointment(SessionRef(&state_.session()), olFolderCalendar, {.oid = oid});
     object->state_.become_occurrence(std::move(made));
     *occurrence = object;
     return S_OK;
@@ -263,20 +263,20 @@ HRESULT Appointment::get_Series(IAppointment** series) {
         LONG oid = 0;
         HRESULT result = state_.oid(&oid);
         if (SUCCEEDED(result)) result = state_.check_stored();
-        if (SUCCEEDED(result)) *series = new Appointment(SessionRef(&state_.session()), olFolderCalendar, oid, {});
+        if (SUCCEEDED(result)) *series = new Appointment(SessionRef(&state_.session()), olFolderCalendar, {.oid = oid});
         return result;
     });
 }
 
 HRESULT find_occurrence(const SessionRef& session, LONG oid, Day day, IAppointment** occurrence) {
-    auto* series = new Appointment(session, olFolderCalendar, oid, {});
+    auto* series = new Appointment(session, olFolderCalendar, {.oid = oid});
     const HRESULT result = guarded([&] { return series->occurrence_on(day, occurrence); });
     series->Release();
     return result;
 }
 
-IDispatch* make_appointment(const SessionRef& session, LONG oid, RowRef row) {
-    return static_cast<IAppointment*>(new (std::nothrow) Appointment(session, olFolderCalendar, oid, std::move(row)));
+IDispatch* make_appointment(const SessionRef& session, Given given) {
+    return static_cast<IAppointment*>(new (std::nothrow) Appointment(session, olFolderCalendar, std::move(given)));
 }
 
 }  // namespace zr::platform::pim

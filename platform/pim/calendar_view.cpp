@@ -10,9 +10,6 @@
 namespace zr::platform::pim {
 namespace {
 
-// More changed appointments than this are followed faster by starting over.
-constexpr std::size_t kFollowedChanges = 256;
-
 struct Entry {
     LONGLONG start;  // in seconds
     LONG oid;
@@ -36,7 +33,6 @@ public:
         : ItemCollection(session, olFolderCalendar), filter_(std::move(filter)) {}
 
     HRESULT Item(INT index, IDispatch** item) override;
-    HRESULT Remove(INT index) override;
     HRESULT Restrict(BSTR restriction, IPOutlookItemCollection** items) override;
     HRESULT Sort(BSTR tag, VARIANT_BOOL descending) override;
     HRESULT get_IncludeRecurrences(VARIANT_BOOL* include) override;
@@ -45,28 +41,33 @@ public:
 private:
     ~CalendarView() override = default;
 
-    HRESULT follow() override;
+    HRESULT load(LONGLONG& seq) override;
+    HRESULT apply(const std::vector<Change>& changes) override;
     std::size_t size() const override { return entries_.size(); }
-    HRESULT find_from(std::size_t position, IDispatch** item) override;
+    LONG oid_at(std::size_t position) override { return entry_at(position).oid; }
+    void drop(std::size_t position) override;
+    void forget_found() override { found_.reset(); }
+    HRESULT remove_at(std::size_t position, Transaction& transaction) override;
+    HRESULT find_next(IDispatch** item) override;
 
     // With the store's lock held.
-    HRESULT load();
     HRESULT read(LONG oid, Read& appointment);
     HRESULT append(LONG oid);
     HRESULT append_occurrences(LONG oid, const Read& appointment);
     HRESULT append_exception(LONG oid, Day day, const Read& appointment);
     void append_if_met(LONG oid, std::optional<Day> day, const Values& own, const Values& fields);
-    HRESULT entry_at(INT index, Entry& entry);
+    std::size_t place_of(std::size_t position) const { return descending_ ? size() - 1 - position : position; }
+    const Entry& entry_at(std::size_t position) const { return entries_[place_of(position)]; }
+    std::size_t behind_found() const;
     HRESULT meets(const Entry& entry, bool& met);
 
-    HRESULT give(const Entry& entry, IDispatch** item);
+    HRESULT give(const Entry& entry, bool left, IDispatch** item);
 
     const Restriction filter_;
     bool descending_ = false;
     // All of this under the store's lock.
     std::vector<Entry> entries_;  // in order, also when descending
-    bool loaded_ = false;
-    LONGLONG seq_ = 0;
+    std::optional<Entry> found_;  // last
 };
 
 LONGLONG seconds_of(Moment moment) {
@@ -140,94 +141,76 @@ HRESULT CalendarView::append(LONG oid) {
     return S_OK;
 }
 
-HRESULT CalendarView::load() {
+HRESULT CalendarView::load(LONGLONG& seq) {
     entries_.clear();
-    std::vector<LONG> oids;
-    const HRESULT result = session_->store().oids(olFolderCalendar, oids, seq_);
-    if (FAILED(result)) return result;
-    // What changes from here on is in the log behind `seq_` and followed next time.
-    for (const LONG oid : oids) {
-        const HRESULT appended = append(oid);
-        if (FAILED(appended)) return appended;
-    }
-    std::sort(entries_.begin(), entries_.end());
-    return S_OK;
-}
-
-HRESULT CalendarView::follow() {
-    if (!session_->is_open()) return session_->check_open();
-    Store& store = session_->store();
-    HRESULT result = store.refresh();
-    if (FAILED(result) || (loaded_ && seq_ >= store.seq())) return result;
-    std::vector<Change> changes;
-    std::set<LONG> changed;
-    bool known = loaded_ && store.recent(seq_, changes);
-    for (const Change& change : changes) {
-        if (folder_of(change.oid) == olFolderCalendar) changed.insert(change.oid);
-    }
-    known = known && changed.size() <= kFollowedChanges;
-    loaded_ = false;  // unless all of it is followed
-    if (!known) {
-        result = load();
-    } else {
-        std::erase_if(entries_, [&](const Entry& entry) { return changed.contains(entry.oid); });
-        seq_ = store.seq();
-        for (const LONG oid : changed) {
+    return session_->store().at_once([&]() -> HRESULT {
+        std::vector<LONG> oids;
+        HRESULT result = session_->store().oids(olFolderCalendar, oids, seq);
+        for (const LONG oid : oids) {
             if (SUCCEEDED(result)) result = append(oid);
         }
         std::sort(entries_.begin(), entries_.end());
-    }
-    loaded_ = SUCCEEDED(result);
-    return result;
+        return result;
+    });
 }
 
-HRESULT CalendarView::entry_at(INT index, Entry& entry) {
-    std::size_t position = 0;
-    const HRESULT result = position_of(index, position);
-    if (FAILED(result)) return result;
-    entry = entries_[descending_ ? entries_.size() - 1 - position : position];
-    return S_OK;
+HRESULT CalendarView::apply(const std::vector<Change>& changes) {
+    if (changes.empty()) return S_OK;
+    std::set<LONG> changed;
+    for (const Change& change : changes) {
+        changed.insert(change.oid);
+    }
+    std::erase_if(entries_, [&](const Entry& entry) { return changed.contains(entry.oid); });
+    HRESULT result = S_OK;
+    for (const LONG oid : changed) {
+        if (SUCCEEDED(result)) result = append(oid);
+    }
+    std::sort(entries_.begin(), entries_.end());
+    return result;
 }
 
 // --- the collection -------------------------------------------------------------------------------------------------
 
-HRESULT CalendarView::give(const Entry& entry, IDispatch** item) {
-    if (!entry.day) {
-        *item = make_item(session_, olFolderCalendar, entry.oid, {});
-        return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
+HRESULT CalendarView::give(const Entry& entry, bool left, IDispatch** item) {
+    if (entry.day && !left) {
+        IAppointment* occurrence = nullptr;
+        const HRESULT result = find_occurrence(session_, entry.oid, *entry.day, &occurrence);
+        *item = occurrence;
+        if (result != kGone) return result;
+        left = true;
     }
-    IAppointment* occurrence = nullptr;
-    const HRESULT result = find_occurrence(session_, entry.oid, *entry.day, &occurrence);
-    *item = occurrence;
-    return result;
+    *item = make_item(session_, olFolderCalendar, {.oid = entry.oid, .listed = true, .left = left});
+    return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
 }
 
 HRESULT CalendarView::Item(INT index, IDispatch** item) {
     if (!cleared(item)) return fail(E_POINTER);
     return guarded([&]() -> HRESULT {
         Entry entry = {};
+        bool left = false;
         {
             const auto lock = session_->store().lock();
-            const HRESULT result = entry_at(index, entry);
+            std::size_t position = 0;
+            const HRESULT result = position_of(index, position);
             if (FAILED(result)) return result;
+            entry = entry_at(position);
+            left = has_left(entry.oid);
         }
-        return give(entry, item);
+        return give(entry, left, item);
     });
 }
 
-HRESULT CalendarView::Remove(INT index) {
-    return guarded([&]() -> HRESULT {
-        BatchMark mark;
-        return session_->write(mark, [&](Transaction& transaction) -> HRESULT {
-            Entry entry = {};
-            {
-                const auto lock = session_->store().lock();
-                const HRESULT result = entry_at(index, entry);
-                if (FAILED(result)) return result;
-            }
-            return entry.day ? transaction.remove_occurrence(entry.oid, *entry.day) : transaction.remove(entry.oid);
-        });
-    });
+void CalendarView::drop(std::size_t position) {
+    entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(place_of(position)));
+}
+
+HRESULT CalendarView::remove_at(std::size_t position, Transaction& transaction) {
+    Entry entry = {};
+    {
+        const auto lock = session_->store().lock();
+        entry = entry_at(position);
+    }
+    return entry.day ? transaction.remove_occurrence(entry.oid, *entry.day) : transaction.remove(entry.oid);
 }
 
 HRESULT CalendarView::meets(const Entry& entry, bool& met) {
@@ -242,20 +225,28 @@ HRESULT CalendarView::meets(const Entry& entry, bool& met) {
     return result;
 }
 
-HRESULT CalendarView::find_from(std::size_t position, IDispatch** item) {
-    Entry entry = {};
-    bool met = false;
+std::size_t CalendarView::behind_found() const {
+    if (!found_) return 0;
+    const auto begin = entries_.begin();
+    return static_cast<std::size_t>(descending_ ? entries_.end() - std::lower_bound(begin, entries_.end(), *found_)
+                                                : std::upper_bound(begin, entries_.end(), *found_) - begin);
+}
+
+HRESULT CalendarView::find_next(IDispatch** item) {
     {
         const auto lock = session_->store().lock();
         HRESULT result = follow();
-        for (; SUCCEEDED(result) && !met && position < entries_.size(); ++position) {
-            entry = entries_[descending_ ? entries_.size() - 1 - position : position];
+        bool met = false;
+        for (std::size_t position = behind_found(); SUCCEEDED(result) && !met && position < size(); ++position) {
+            const Entry& entry = entry_at(position);
+            if (has_left(entry.oid)) continue;
             result = meets(entry, met);
+            if (met) found_ = entry;
         }
         if (FAILED(result)) return result;
-        found_ = position;
+        if (!met) return S_FALSE;
     }
-    return met ? give(entry, item) : S_FALSE;
+    return give(*found_, false, item);
 }
 
 HRESULT CalendarView::Restrict(BSTR restriction, IPOutlookItemCollection** items) {
@@ -274,7 +265,7 @@ HRESULT CalendarView::Sort(BSTR tag, VARIANT_BOOL descending) {
         if (tag == nullptr || field_of_tag(olFolderCalendar, tag) != field::Start)
             return fail(E_INVALIDARG, "Occurrences are sorted by their start only.");
         descending_ = descending != VARIANT_FALSE;
-        found_ = 0;
+        found_.reset();
         return S_OK;
     });
 }

@@ -16,27 +16,22 @@ namespace {
 constexpr int kWalkMisses = 16;
 constexpr std::size_t kFirstWindow = 512;
 constexpr std::size_t kWindowGrowth = 16;
-// More changes than this are followed faster by starting over.
-constexpr std::size_t kFollowedChanges = 2048;
 
 }  // namespace
 
 HRESULT Collection::load(CEPROPID sort, bool descending, Order& order, LONGLONG& seq) {
     Store& store = session_->store();
-    std::vector<LONG> oids;
-    HRESULT result = store.oids(folder_, oids, seq);
-    if (FAILED(result)) return result;
-    order = Order(first_oid(folder_), sort != 0, descending);
-    if (sort != 0) {
-        // Read after the identifiers: what changed in between is in the log behind `seq` and followed next time.
-        result = store.each_key(folder_, sort,
-                                [&order](LONG oid, std::u16string key) { order.set_key(oid, std::move(key)); });
-        if (FAILED(result)) return result;
-    }
-    if (!filter_.empty()) result = keep_filtered(oids);
-    if (FAILED(result)) return result;
-    order.assign(std::move(oids));
-    return S_OK;
+    return store.at_once([&]() -> HRESULT {
+        std::vector<LONG> oids;
+        order = Order(first_oid(folder_), sort != 0, descending);
+        HRESULT result = store.oids(folder_, oids, seq);
+        if (SUCCEEDED(result) && sort != 0)
+            result = store.each_key(folder_, sort,
+                                    [&order](LONG oid, std::u16string key) { order.set_key(oid, std::move(key)); });
+        if (SUCCEEDED(result) && !filter_.empty()) result = keep_filtered(oids);
+        if (SUCCEEDED(result)) order.assign(std::move(oids));
+        return result;
+    });
 }
 
 // Leaves only the identifiers of items that meet the filter.
@@ -69,14 +64,21 @@ HRESULT Collection::meets(const Restriction& restriction, LONG oid, bool& met) {
     return result;
 }
 
-HRESULT Collection::follow_change(const Change& change) {
-    if (folder_of(change.oid) != folder_ || change.kind == ChangeKind::Folder) return S_OK;
+HRESULT Collection::apply(const std::vector<Change>& changes) {
+    for (const Change& change : changes) {
+        const HRESULT result = apply(change);
+        if (FAILED(result)) return result;
+    }
+    return S_OK;
+}
+
+HRESULT Collection::apply(const Change& change) {
     if (change.kind == ChangeKind::Deleted) {
         order_.erase(change.oid);
         return S_OK;
     }
     if (sort_ == 0 && filter_.empty()) {
-        if (change.kind == ChangeKind::Created) order_.put(change.oid, {});
+        order_.put(change.oid, {});
         return S_OK;
     }
     bool met = true;
@@ -93,33 +95,6 @@ HRESULT Collection::follow_change(const Change& change) {
     return S_OK;
 }
 
-HRESULT Collection::follow() {
-    if (!session_->is_open()) return session_->check_open();
-    Store& store = session_->store();
-    HRESULT result = store.refresh();
-    if (FAILED(result) || (loaded_ && seq_ >= store.seq())) return result;
-    std::vector<Change> changes;
-    if (loaded_ && store.recent(seq_, changes) && changes.size() <= kFollowedChanges) {
-        loaded_ = false;  // unless all of it is followed
-        for (const Change& change : changes) {
-            result = follow_change(change);
-            if (FAILED(result)) return result;
-        }
-        seq_ = store.seq();
-        loaded_ = true;
-        return S_OK;
-    }
-    loaded_ = false;
-    result = load(sort_, descending_, order_, seq_);
-    loaded_ = SUCCEEDED(result);
-    return result;
-}
-
-HRESULT Collection::give(LONG oid, RowRef row, IDispatch** item) {
-    *item = make_item(session_, folder_, oid, std::move(row));
-    return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
-}
-
 // What is at hand of the contact at a position. A walk finds its next ones here.
 RowRef Collection::row_at(std::size_t position) {
     if (folder_ != olFolderContacts) return {};
@@ -134,8 +109,8 @@ RowRef Collection::row_at(std::size_t position) {
     walk_.misses = 0;
     walk_.window = expected ? std::min(walk_.window * kWindowGrowth, rows.fit()) : kFirstWindow;
     // Only an attempt: what could not be read ahead is read when it is asked for, and fails there.
-    static_cast<void>(read_ahead(position));
-    return rows.cached(oid);
+    if (FAILED(read_ahead(position)) || FAILED(session_->store().refresh())) return {};
+    return rows.cached(oid);  // unless it changed meanwhile
 }
 
 HRESULT Collection::read_ahead(std::size_t position) {
@@ -148,40 +123,40 @@ HRESULT Collection::read_ahead(std::size_t position) {
     return session_->store().rows().read_ahead(std::move(oids));
 }
 
+Given Collection::given_at(std::size_t position) {
+    const LONG oid = order_.at(position);
+    if (has_left(oid)) return {.oid = oid, .listed = true, .left = true};
+    const LONGLONG seq = session_->store().seq();  // before anything is read
+    return {.oid = oid, .row = row_at(position), .seq = seq, .listed = true};
+}
+
+HRESULT Collection::give(Given given, IDispatch** item) {
+    *item = make_item(session_, folder_, std::move(given));
+    return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
+}
+
 HRESULT Collection::Item(INT index, IDispatch** item) {
     if (!cleared(item)) return fail(E_POINTER);
     return guarded([&]() -> HRESULT {
-        LONG oid = 0;
-        RowRef row;
+        Given given;
         {
             const auto lock = session_->store().lock();
             std::size_t position = 0;
             const HRESULT result = position_of(index, position);
             if (FAILED(result)) return result;
-            oid = order_.at(position);
-            row = row_at(position);
+            given = given_at(position);
         }
-        return give(oid, std::move(row), item);
+        return give(std::move(given), item);
     });
 }
 
-HRESULT Collection::Remove(INT index) {
-    return guarded([&]() -> HRESULT {
-        BatchMark mark;
-        return session_->write(mark, [&](Transaction& transaction) -> HRESULT {
-            LONG oid = 0;
-            {
-                // Nobody else can write now: the position means what it meant to the caller or what was committed
-                // since.
-                const auto lock = session_->store().lock();
-                std::size_t position = 0;
-                const HRESULT result = position_of(index, position);
-                if (FAILED(result)) return result;
-                oid = order_.at(position);
-            }
-            return transaction.remove(oid);
-        });
-    });
+HRESULT Collection::remove_at(std::size_t position, Transaction& transaction) {
+    LONG oid = 0;
+    {
+        const auto lock = session_->store().lock();
+        oid = order_.at(position);
+    }
+    return transaction.remove(oid);
 }
 
 HRESULT Collection::Restrict(BSTR restriction, IPOutlookItemCollection** items) {
@@ -212,28 +187,25 @@ HRESULT Collection::Sort(BSTR tag, VARIANT_BOOL descending) {
         order_ = std::move(order);
         sort_ = sort;
         descending_ = descending != VARIANT_FALSE;
-        seq_ = seq;
-        loaded_ = true;
-        found_ = 0;
+        begin_moment(seq);
+        found_.reset();
         return S_OK;
     });
 }
 
-HRESULT Collection::find_from(std::size_t position, IDispatch** item) {
+HRESULT Collection::find_next(IDispatch** item) {
     const auto lock = session_->store().lock();
     const HRESULT result = follow();
     if (FAILED(result)) return result;
-    for (; position < order_.size(); ++position) {
-        const LONG oid = order_.at(position);
-        RowRef row = row_at(position);
+    for (std::size_t position = found_ ? order_.through(found_->key, found_->oid) : 0; position < size(); ++position) {
+        Given given = given_at(position);
         bool met = false;
-        const HRESULT read = meets(sought_, oid, met);
-        if (read == kGone || (SUCCEEDED(read) && !met)) continue;
-        if (FAILED(read)) return read;
-        found_ = position + 1;
-        return give(oid, std::move(row), item);
+        const HRESULT read = given.left ? kGone : meets(sought_, given.oid, met);
+        if (FAILED(read) && read != kGone) return read;
+        if (FAILED(read) || !met) continue;
+        found_ = {order_.key_of(given.oid), given.oid};
+        return give(std::move(given), item);
     }
-    found_ = position;
     return S_FALSE;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <mutex>
+#include <optional>
 #include <string>
 
 #include "item_collection.h"
@@ -15,7 +15,6 @@ public:
         : ItemCollection(session, folder), filter_(std::move(filter)) {}
 
     HRESULT Item(INT index, IDispatch** item) override;
-    HRESULT Remove(INT index) override;
     HRESULT Restrict(BSTR restriction, IPOutlookItemCollection** items) override;
     HRESULT Sort(BSTR tag, VARIANT_BOOL descending) override;
     HRESULT get_IncludeRecurrences(VARIANT_BOOL* include) override;
@@ -24,17 +23,23 @@ public:
 private:
     ~Collection() override = default;
 
-    HRESULT follow() override;
+    HRESULT load(LONGLONG& seq) override { return load(sort_, descending_, order_, seq); }
+    HRESULT apply(const std::vector<Change>& changes) override;
     std::size_t size() const override { return order_.size(); }
-    HRESULT find_from(std::size_t position, IDispatch** item) override;
+    LONG oid_at(std::size_t position) override { return order_.at(position); }
+    void drop(std::size_t position) override { order_.erase(order_.at(position)); }
+    void forget_found() override { found_.reset(); }
+    HRESULT remove_at(std::size_t position, Transaction& transaction) override;
+    HRESULT find_next(IDispatch** item) override;
     // With the store's lock held.
     HRESULT load(CEPROPID sort, bool descending, Order& order, LONGLONG& seq);
     HRESULT keep_filtered(std::vector<LONG>& oids);
-    HRESULT follow_change(const Change& change);
+    HRESULT apply(const Change& change);
     HRESULT meets(const Restriction& restriction, LONG oid, bool& met);
-    HRESULT give(LONG oid, RowRef row, IDispatch** item);
     RowRef row_at(std::size_t position);
     HRESULT read_ahead(std::size_t position);
+    Given given_at(std::size_t position);
+    HRESULT give(Given given, IDispatch** item);
 
     // A walk in another order than the identifiers': where it goes on, and how far it was read ahead.
     struct Walk {
@@ -43,6 +48,11 @@ private:
         std::size_t window = 0;  // 0: not read ahead
         std::size_t window_end = 0;
     };
+    // Where the item stood that was found last.
+    struct Found {
+        std::u16string key;
+        LONG oid;
+    };
 
     const Restriction filter_;
     VARIANT_BOOL include_recurrences_ = VARIANT_FALSE;
@@ -50,9 +60,8 @@ private:
     Order order_;
     CEPROPID sort_ = 0;
     bool descending_ = false;
-    bool loaded_ = false;
-    LONGLONG seq_ = 0;
     Walk walk_;
+    std::optional<Found> found_;
 };
 
 }  // namespace zr::platform::pim

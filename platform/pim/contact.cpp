@@ -60,8 +60,8 @@ public:
     ZRPIM_FIELD(BSTR, YomiLastName)
 };
 
-IDispatch* make_contact(const SessionRef& session, LONG oid, RowRef row) {
-    return static_cast<IContact*>(new (std::nothrow) Contact(session, olFolderContacts, oid, std::move(row)));
+IDispatch* make_contact(const SessionRef& session, Given given) {
+    return static_cast<IContact*>(new (std::nothrow) Contact(session, olFolderContacts, std::move(given)));
 }
 
 }  // namespace zr::platform::pim

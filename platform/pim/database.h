@@ -16,6 +16,7 @@ public:
     HRESULT run(Use& statement) { return result(connection_.run(statement)); }
     // What the last failing call means.
     HRESULT result() { return result(connection_.error()); }
+    bool in_transaction() const { return connection_.in_transaction(); }
     LONGLONG changes() const { return connection_.changes(); }
     sqlite3* handle() { return connection_.handle(); }
 

@@ -30,8 +30,7 @@ ULONG FolderObject::Release() {
 HRESULT FolderObject::get_Items(IPOutlookItemCollection** items) {
     if (!cleared(items)) return fail(E_POINTER);
     if (!session_->is_open()) return session_->check_open();
-    *items = new (std::nothrow) Collection(session_, folder_);
-    return *items != nullptr ? S_OK : fail(E_OUTOFMEMORY);
+    return ItemCollection::open(new (std::nothrow) Collection(session_, folder_), items);
 }
 
 HRESULT FolderObject::get_DefaultItemType(INT* type) {

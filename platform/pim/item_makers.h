@@ -1,12 +1,12 @@
 #pragma once
 
-#include "session.h"
+#include "item_state.h"
 
 namespace zr::platform::pim {
 
 // One per kind of item; each in the source of that kind.
-IDispatch* make_contact(const SessionRef& session, LONG oid, RowRef row);
-IDispatch* make_appointment(const SessionRef& session, LONG oid, RowRef row);
-IDispatch* make_task(const SessionRef& session, LONG oid, RowRef row);
+IDispatch* make_contact(const SessionRef& session, Given given);
+IDispatch* make_appointment(const SessionRef& session, Given given);
+IDispatch* make_task(const SessionRef& session, Given given);
 
 }  // namespace zr::platform::pim

@@ -4,14 +4,14 @@
 
 namespace zr::platform::pim {
 
-IDispatch* make_item(const SessionRef& session, INT folder, LONG oid, RowRef row) {
+IDispatch* make_item(const SessionRef& session, INT folder, Given given) {
     switch (folder) {
         case olFolderContacts:
-            return make_contact(session, oid, std::move(row));
+            return make_contact(session, std::move(given));
         case olFolderCalendar:
-            return make_appointment(session, oid, std::move(row));
+            return make_appointment(session, std::move(given));
         default:
-            return make_task(session, oid, std::move(row));
+            return make_task(session, std::move(given));
     }
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// The object around an item: its own face and IItem's over one state.
+// The object around an item: its own face, IItem's and IZrItem's over one state.
 
 #include "application.h"
 #include "com/com_object.h"
@@ -8,20 +8,21 @@
 
 namespace zr::platform::pim {
 
-// A new, unsaved item of a folder, or the item `oid`, as its own face with one reference. Null when memory is short.
-IDispatch* make_item(const SessionRef& session, INT folder, LONG oid, RowRef row);
+// A new, unsaved item of a folder, or one of the store, as its own face with one reference. Null when memory is short.
+IDispatch* make_item(const SessionRef& session, INT folder, Given given);
 OlItemType item_type(INT folder);
 
 template <class Face, const IID& iid>
-class ItemObject : public EarlyBound<Face>, public EarlyBound<IItem> {
+class ItemObject : public EarlyBound<Face>, public EarlyBound<IItem>, public IZrItem {
 public:
-    ItemObject(const SessionRef& session, INT folder, LONG oid, RowRef row)
-        : state_(session, folder, oid, std::move(row)) {}
+    ItemObject(const SessionRef& session, INT folder, Given given) : state_(session, folder, std::move(given)) {}
 
     HRESULT QueryInterface(REFIID riid, void** object) override {
         if (!cleared(object)) return fail(E_POINTER);
         if (riid == IID_IItem) {
             *object = static_cast<IItem*>(this);
+        } else if (riid == IID_IZrItem) {
+            *object = static_cast<IZrItem*>(this);
         } else if (riid == iid || riid == IID_IDispatch || riid == IID_IUnknown) {
             *object = static_cast<Face*>(this);
         } else {
@@ -65,6 +66,11 @@ public:
         return S_OK;
     }
     HRESULT get_Application(IPOutlookApp** app) override { return give_application(state_.session(), app); }
+    HRESULT get_HasLeft(VARIANT_BOOL* left) override {
+        if (left == nullptr) return fail(E_POINTER);
+        *left = state_.has_left() ? VARIANT_TRUE : VARIANT_FALSE;
+        return S_OK;
+    }
 
 protected:
     virtual ~ItemObject() = default;
@@ -93,7 +99,7 @@ private:
     }
     HRESULT copy_face(Face** copy) {
         return guarded([&]() -> HRESULT {
-            auto* made = static_cast<Face*>(make_item(SessionRef(&state_.session()), state_.folder(), 0, {}));
+            auto* made = static_cast<Face*>(make_item(SessionRef(&state_.session()), state_.folder(), {}));
             if (made == nullptr) return fail(E_OUTOFMEMORY);
             const HRESULT result = state_.copy_to(static_cast<ItemObject*>(made)->state_);
             if (FAILED(result)) {

@@ -20,13 +20,16 @@ void lay_over(const Values& upper, Values& values) {
 
 }  // namespace
 
-ItemState::ItemState(const SessionRef& session, INT folder, LONG oid, RowRef row)
+ItemState::ItemState(const SessionRef& session, INT folder, Given given)
     : session_(session),
       folder_(folder),
-      oid_(oid),
+      oid_(given.oid),
       generation_(session->store().generation()),
-      row_(std::move(row)),
-      fresh_(oid == 0) {
+      row_(std::move(given.row)),
+      seq_(given.seq),
+      listed_(given.listed),
+      left_(given.left),
+      fresh_(oid_ == 0) {
     if (fresh_) pending_ = std::make_unique<Values>();
 }
 
@@ -64,8 +67,9 @@ HRESULT ItemState::check_stored() {
     if (!session_->is_open()) return session_->check_open();
     Store& store = session_->store();
     const auto lock = store.lock();
-    const HRESULT result = refresh();
-    return SUCCEEDED(result) ? store.exists(oid_) : result;
+    HRESULT result = check_here();
+    if (SUCCEEDED(result)) result = store.exists(oid_);
+    return SUCCEEDED(result) ? check_here() : result;
 }
 
 bool ItemState::series_changed() {
@@ -85,12 +89,53 @@ HRESULT ItemState::give(std::u16string_view text, BSTR* string) {
     return *string != nullptr ? S_OK : fail(E_OUTOFMEMORY);
 }
 
-HRESULT ItemState::load(ColumnMask mask) {
-    if (row_ && row_->has(mask)) return S_OK;
+HRESULT ItemState::check_here() {
+    Store& store = session_->store();
+    const HRESULT result = left_ ? S_OK : store.refresh();
+    if (FAILED(result)) return result;
+    if (generation_ != store.generation()) left_ = true;  // an identifier of another store is somebody else's here
+    if (!left_ && seq_ != 0 && seq_ < store.seq()) {
+        left_ = store.deleted_since(seq_, oid_);
+        seq_ = store.seq();
+    }
+    return left_ ? fail(kGone) : S_OK;
+}
+
+HRESULT ItemState::check_here_locked() {
+    const auto lock = session_->store().lock();
+    return check_here();
+}
+
+bool ItemState::reads_on(HRESULT result) {
+    if (result != kGone) return false;
+    left_ = true;
+    return listed_;
+}
+
+HRESULT ItemState::read_row(ColumnMask mask, RowRef& row) {
     Store& store = session_->store();
     const auto lock = store.lock();
-    const HRESULT result = refresh();
-    return SUCCEEDED(result) ? store.rows().read(oid_, mask, row_) : result;
+    HRESULT result = check_here();
+    if (SUCCEEDED(result)) result = store.rows().read(oid_, mask, row);
+    return SUCCEEDED(result) ? check_here() : result;
+}
+
+HRESULT ItemState::load(ColumnMask mask) {
+    if (row_ && row_->has(mask)) return S_OK;
+    RowRef read;
+    const HRESULT result = read_row(mask, read);
+    if (reads_on(result)) {
+        std::u16string_view texts[kColumns];
+        for (unsigned i = 0; i < kColumns; ++i) {
+            if (row_ && row_->has(1u << i)) texts[i] = row_->text_of(i);
+        }
+        read = RowRef::adopt(Row::make(oid_, kAllColumns, false, texts));
+        if (!read) return fail(E_OUTOFMEMORY);
+    } else if (FAILED(result)) {
+        return result;
+    }
+    row_ = std::move(read);
+    return S_OK;
 }
 
 HRESULT ItemState::column_text(unsigned column, std::u16string& text) {
@@ -144,16 +189,19 @@ HRESULT ItemState::get_column_slowly(unsigned column, BSTR* text) {
 HRESULT ItemState::stored_value(CEPROPID id, Value& value) {
     Store& store = session_->store();
     const auto lock = store.lock();
-    HRESULT result = refresh();
-    if (SUCCEEDED(result) && std::exchange(read_before_, true)) {
-        result = read_stored();
+    if (std::exchange(read_before_, true) || left_) {
+        const HRESULT result = read_stored();
         const Value* found = SUCCEEDED(result) ? stored_->find(id) : nullptr;
         if (found != nullptr) value = *found;
         return result;
     }
-    if (SUCCEEDED(result)) result = store.value(oid_, id, value);
-    if (SUCCEEDED(result) && std::holds_alternative<std::monostate>(value)) result = store.exists(oid_);
-    return result;
+    Value read;
+    HRESULT result = store.refresh();
+    if (SUCCEEDED(result)) result = store.value(oid_, id, read);
+    if (SUCCEEDED(result) && std::holds_alternative<std::monostate>(read)) result = store.exists(oid_);
+    if (SUCCEEDED(result)) result = check_here();
+    if (SUCCEEDED(result)) value = std::move(read);
+    return reads_on(result) ? S_OK : result;
 }
 
 HRESULT ItemState::value(CEPROPID id, Value& value) {
@@ -306,22 +354,13 @@ HRESULT ItemState::save() {
     });
 }
 
-HRESULT ItemState::refresh() {
-    const HRESULT result = session_->store().refresh();
-    return SUCCEEDED(result) ? check_store() : result;
-}
-
-// An identifier of another store may be somebody else's here.
-HRESULT ItemState::check_store() const {
-    return generation_ == session_->store().generation() ? S_OK : fail(kGone);
-}
-
 HRESULT ItemState::write(Transaction& transaction, LONG& oid) {
     if (oid_ == 0) {
         generation_ = session_->store().generation();
+        left_ = false;
         return transaction.insert(folder_, *pending_, oid);
     }
-    if (const HRESULT result = check_store(); FAILED(result)) return result;
+    if (const HRESULT result = check_here_locked(); FAILED(result)) return result;
     if (occurrence_) return transaction.save_occurrence(oid_, occurrence_->day, *pending_);
     const HRESULT result = transaction.update(oid_, *pending_);
     return SUCCEEDED(result) && series_changed_ ? transaction.drop_exceptions(oid_) : result;
@@ -334,21 +373,36 @@ HRESULT ItemState::remove() {
         if (oid_ == 0) return fail(E_INVALIDARG, "An item that was never saved cannot be deleted.");
         BatchMark mark;
         return session_->write(mark, [&](Transaction& transaction) {
-            if (const HRESULT result = check_store(); FAILED(result)) return result;
+            if (const HRESULT result = check_here_locked(); FAILED(result)) return result;
             return occurrence_ ? transaction.remove_occurrence(oid_, occurrence_->day) : transaction.remove(oid_);
         });
     });
 }
 
-HRESULT ItemState::read_stored() {
+HRESULT ItemState::read_anew(std::unique_ptr<const Values>& read) {
     Store& store = session_->store();
-    if (stored_ && stored_seq_ == store.seq()) return S_OK;
-    auto read = std::make_unique<Values>();
-    HRESULT result = store.exists(oid_);
-    if (SUCCEEDED(result)) result = store.values(oid_, true, *read);
+    auto all = std::make_unique<Values>();
+    HRESULT result = left_ ? kGone : store.exists(oid_);
+    if (SUCCEEDED(result)) result = store.values(oid_, true, *all);
+    read = std::move(all);
+    return result;
+}
+
+HRESULT ItemState::read_stored() {
+    HRESULT result = left_ ? S_OK : session_->store().refresh();
+    if (FAILED(result)) return result;
+    const LONGLONG seq = session_->store().seq();
+    if (stored_ && (left_ || stored_seq_ == seq)) return S_OK;
+    std::unique_ptr<const Values> read;
+    result = read_anew(read);
+    if (SUCCEEDED(result)) result = check_here();
+    if (reads_on(result)) {
+        if (!stored_) stored_ = std::make_unique<Values>();
+        return S_OK;
+    }
     if (FAILED(result)) return result;
     stored_ = std::move(read);
-    stored_seq_ = store.seq();
+    stored_seq_ = seq;
     return S_OK;
 }
 
@@ -360,8 +414,7 @@ HRESULT ItemState::everything(Values& values) {
         lay_over(occurrence_->own, values);
     } else if (!fresh_) {
         const auto lock = session_->store().lock();
-        HRESULT result = session_->store().refresh();
-        if (SUCCEEDED(result)) result = read_stored();
+        const HRESULT result = read_stored();
         if (FAILED(result)) return result;
         values = *stored_;
     }
@@ -374,28 +427,34 @@ HRESULT ItemState::read_occurrence(LONG day, Values& series, ExceptionFields& ex
     settle();
     Store& store = session_->store();
     const auto lock = store.lock();
-    HRESULT result = refresh();
+    HRESULT result = check_here();
+    const LONGLONG seq = store.seq();
+    const bool known = fresh_ || (stored_ && stored_seq_ == seq);
+    std::unique_ptr<const Values> read;
     if (SUCCEEDED(result)) {
         result = store.at_once([&]() -> HRESULT {
-            if (!fresh_) {
-                const HRESULT read = read_stored();
-                if (FAILED(read)) return read;
-                series = *stored_;
-            }
-            return series_changed_in_batch_ ? S_OK : store.exception(oid_, day, exception);
+            const HRESULT anew = known ? S_OK : read_anew(read);
+            return FAILED(anew) || series_changed_in_batch_ ? anew : store.exception(oid_, day, exception);
         });
     }
-    if (SUCCEEDED(result) && pending_) lay_over(*pending_, series);
-    return result;
+    if (SUCCEEDED(result)) result = check_here();
+    if (FAILED(result)) return result;
+    if (!known) {
+        stored_ = std::move(read);
+        stored_seq_ = seq;
+    }
+    if (!fresh_) series = *stored_;
+    if (pending_) lay_over(*pending_, series);
+    return S_OK;
 }
 
 HRESULT ItemState::exceptions(std::vector<ExceptionDay>& exceptions) {
     if (!session_->is_open()) return session_->check_open();
     settle();
-    if (oid_ == 0 || series_changed_ || series_changed_in_batch_) return S_OK;
+    if (oid_ == 0 || series_changed_ || series_changed_in_batch_ || left_) return S_OK;
     Store& store = session_->store();
     const auto lock = store.lock();
-    const HRESULT result = refresh();
+    const HRESULT result = store.refresh();
     return SUCCEEDED(result) ? store.exceptions(oid_, exceptions) : result;
 }
 
@@ -405,11 +464,13 @@ HRESULT ItemState::copy_to(ItemState& copy) {
         settle();
         Values all;
         HRESULT result = everything(all);
-        if (FAILED(result)) return result;
-        if (!fresh_ && folder_ == olFolderContacts) {
+        if (SUCCEEDED(result) && !fresh_ && folder_ == olFolderContacts) {
             row_.reset();
             result = load(kAllColumns);
-            if (FAILED(result)) return result;
+        }
+        if (SUCCEEDED(result) && left_) result = fail(kGone);
+        if (FAILED(result)) return result;
+        if (!fresh_ && folder_ == olFolderContacts) {
             for (unsigned i = row_->own_file_as() ? kFileAs : kTitle; i < kColumns; ++i) {
                 if (!row_->text_of(i).empty()) copy.put(text_field(i), std::u16string(row_->text_of(i)));
             }

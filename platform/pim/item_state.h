@@ -23,10 +23,18 @@ struct Occurrence {
     }
 };
 
+// An item of the store as it is handed out; or a new one.
+struct Given {
+    LONG oid = 0;
+    RowRef row = {};      // what was read of it before
+    LONGLONG seq = 0;     // the change up to which it was there; 0: not known
+    bool listed = false;  // by a collection: once it is deleted, what was not read before is empty and no failure
+    bool left = false;    // it is deleted, and its identifier may be somebody else's
+};
+
 class ItemState {
 public:
-    // An item of the store, or with oid 0 a new one.
-    ItemState(const SessionRef& session, INT folder, LONG oid, RowRef row);
+    ItemState(const SessionRef& session, INT folder, Given given);
     ~ItemState();
     ItemState(const ItemState&) = delete;
     ItemState& operator=(const ItemState&) = delete;
@@ -34,6 +42,7 @@ public:
     Session& session() const { return *session_; }
     INT folder() const { return folder_; }
     HRESULT oid(LONG* oid);
+    bool has_left() const { return left_; }
 
     HRESULT get_text(CEPROPID id, BSTR* text) {
         return is_column(id) && folder_ == olFolderContacts ? get_column(column_of(id), text)
@@ -86,24 +95,32 @@ private:
     static HRESULT give(std::u16string_view text, BSTR* string);
     HRESULT get_column_slowly(unsigned column, BSTR* text);
     HRESULT get_property_text(CEPROPID id, BSTR* text);
+    // With the store's lock held: kGone when the item was deleted since it was handed out, or is another store's,
+    // whoever has its identifier now. To be asked after a read, and before a change.
+    HRESULT check_here();
+    HRESULT check_here_locked();
+    // Takes notice of a failure to read that says that the item is gone. True: it reads on as an empty one.
+    bool reads_on(HRESULT result);
     HRESULT load(ColumnMask mask);
+    HRESULT read_row(ColumnMask mask, RowRef& row);
     HRESULT column_text(unsigned column, std::u16string& text);
     HRESULT file_as(std::u16string& text);
     HRESULT stored_value(CEPROPID id, Value& value);
-    // With the store's lock held: kGone when the store is no longer the one that the item is of.
-    HRESULT refresh();
-    HRESULT check_store() const;
     HRESULT write(Transaction& transaction, LONG& oid);
     void note_saved();
     void put(CEPROPID id, Value value);
-    // With the store's lock held and after a refresh: reads all of the item, unless what was read still holds.
+    // With the store's lock held: reads all of the item, unless what was read still holds.
     HRESULT read_stored();
+    HRESULT read_anew(std::unique_ptr<const Values>& read);
 
     SessionRef session_;
     INT folder_;
     LONG oid_;
     LONG generation_;  // of the store that has the item
     RowRef row_;
+    LONGLONG seq_;
+    const bool listed_;
+    bool left_;
     ColumnMask reads_ = 0;
     std::unique_ptr<const Values> stored_;  // what was read of its properties,
     LONGLONG stored_seq_ = 0;               // when the store was at this change

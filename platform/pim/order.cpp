@@ -19,12 +19,12 @@ void Order::set_key(LONG oid, std::u16string key) {
     keys_[index] = std::move(key);
 }
 
-bool Order::before(LONG a, LONG b) const {
+bool Order::before(LONG a, const std::u16string& key, LONG oid) const {
     if (keyed_) {
-        const int order = key_of(a).compare(key_of(b));
+        const int order = key_of(a).compare(key);
         if (order != 0) return (order < 0) != descending_;
     }
-    return a < b;
+    return a < oid;
 }
 
 void Order::touch(std::size_t block) {
@@ -32,28 +32,43 @@ void Order::touch(std::size_t block) {
     last_block_ = std::min(last_block_, block);
 }
 
-LONG Order::at(std::size_t position) {
+// How many identifiers stand in front of a block.
+std::size_t Order::start_of(std::size_t block) {
     if (known_ == 0) {
         starts_.assign(1, 0);
         known_ = 1;
-        last_block_ = 0;
     }
+    if (known_ <= block) starts_.resize(std::max(starts_.size(), block + 1));
+    for (; known_ <= block; ++known_) {
+        starts_[known_] = starts_[known_ - 1] + blocks_[known_ - 1].size();
+    }
+    return starts_[block];
+}
+
+LONG Order::at(std::size_t position) {
+    static_cast<void>(start_of(0));
     std::size_t block = last_block_ < known_ ? last_block_ : 0;
     if (position < starts_[block] || position >= starts_[block] + blocks_[block].size()) {
         const auto end = starts_.begin() + static_cast<std::ptrdiff_t>(known_);
         block = static_cast<std::size_t>(std::upper_bound(starts_.begin(), end, position) - starts_.begin()) - 1;
     }
-    while (position >= starts_[block] + blocks_[block].size()) {
-        const std::size_t next = starts_[block] + blocks_[block].size();
+    while (position >= start_of(block) + blocks_[block].size()) {
         ++block;
-        if (block == known_) {
-            starts_.resize(std::max(starts_.size(), block + 1));
-            starts_[block] = next;
-            ++known_;
-        }
     }
     last_block_ = block;
     return blocks_[block][position - starts_[block]];
+}
+
+std::size_t Order::through(const std::u16string& key, LONG oid) {
+    const auto in_reach = [&](LONG each) {
+        return before(each, key, oid) || (each == oid && (!keyed_ || key_of(each) == key));
+    };
+    const auto block =
+        std::partition_point(blocks_.begin(), blocks_.end(), [&](const auto& each) { return in_reach(each.back()); });
+    if (block == blocks_.end()) return size_;
+    const auto place = std::partition_point(block->begin(), block->end(), in_reach);
+    return start_of(static_cast<std::size_t>(block - blocks_.begin())) +
+           static_cast<std::size_t>(place - block->begin());
 }
 
 void Order::assign(std::vector<LONG> oids) {

@@ -20,6 +20,9 @@ public:
 
     std::size_t size() const { return size_; }
     LONG at(std::size_t position);
+    const std::u16string& key_of(LONG oid) const;
+    // How many identifiers stand at or in front of the place that a key and an identifier have, there or not.
+    std::size_t through(const std::u16string& key, LONG oid);
     // Replaces everything; `oids` in identifier order. Keys that were set before count.
     void assign(std::vector<LONG> oids);
     void set_key(LONG oid, std::u16string key);
@@ -35,9 +38,10 @@ private:
         bool found;
     };
 
-    bool before(LONG a, LONG b) const;
-    const std::u16string& key_of(LONG oid) const;
+    bool before(LONG a, const std::u16string& key, LONG oid) const;
+    bool before(LONG a, LONG b) const { return before(a, key_of(b), b); }
     Place find(LONG oid) const;
+    std::size_t start_of(std::size_t block);
     void insert(LONG oid);
     void touch(std::size_t block);  // the totals from this block on are out of date
 

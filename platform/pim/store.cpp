@@ -152,6 +152,13 @@ bool Store::recent(LONGLONG seq, std::vector<Change>& changes) const {
     return true;
 }
 
+bool Store::deleted_since(LONGLONG seq, LONG oid) const {
+    for (auto change = recent_.rbegin(); change != recent_.rend() && change->seq > seq; ++change) {
+        if (change->oid == oid && change->kind == ChangeKind::Deleted) return true;
+    }
+    return false;
+}
+
 HRESULT Store::logged(LONGLONG seq, int limit, std::vector<Change>& changes) {
     const Use rows = reader_.use("SELECT seq, kind, oid, origin FROM change WHERE seq > ?1 ORDER BY seq LIMIT ?2");
     if (!rows) return reader_.result();

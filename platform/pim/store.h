@@ -16,6 +16,7 @@
 #include "database.h"
 #include "fields.h"
 #include "keys.h"
+#include "own_commits.h"
 #include "store/shared_store.h"
 #include "values.h"
 
@@ -64,8 +65,11 @@ public:
     LONG generation() const { return generation_.load(std::memory_order_relaxed); }
     // The changes behind `seq` that are still at hand, in order; false when some are not.
     bool recent(LONGLONG seq, std::vector<Change>& changes) const;
+    // Whether an item was deleted behind `seq`, as far as the changes are at hand. The identifier may be in use again.
+    bool deleted_since(LONGLONG seq, LONG oid) const;
     // From the log itself, at most `limit`.
     HRESULT logged(LONGLONG seq, int limit, std::vector<Change>& changes);
+    OwnCommits& own_commits() { return own_commits_; }
     // The identifiers of a folder in their order, and the change up to which that holds.
     HRESULT oids(INT folder, std::vector<LONG>& oids, LONGLONG& seq);
     // Calls `visit(oid, key)` with the key (keys.h) of a field of every item of a folder that has it.
@@ -81,9 +85,10 @@ public:
     HRESULT exceptions(LONG oid, std::vector<ExceptionDay>& exceptions);
     // What the exception of a day holds; nothing when there is none.
     HRESULT exception(LONG oid, LONG day, ExceptionFields& exception);
-    // Several reads of the store as of one moment, after refresh().
+    // Several reads of the store as of one moment, after refresh(). May be nested.
     template <class Reads>
     HRESULT at_once(Reads reads) {
+        if (reader_.in_transaction()) return reads();
         Use begin = reader_.use("BEGIN");
         if (const HRESULT result = reader_.run(begin); FAILED(result)) return result;
         struct End {
@@ -111,6 +116,7 @@ private:
 
     // Guarded by the reading lock.
     std::deque<Change> recent_;
+    OwnCommits own_commits_;
     ContactRows rows_{reader_};
 };
 
@@ -156,7 +162,9 @@ private:
     std::optional<Database> db_;
     INT next_folder_ = 0;  // next_ is this folder's lowest identifier never used; 0: of none
     LONG next_ = 0;
-    LONG read_next_ = 0;   // what the store has of it
+    LONG read_next_ = 0;      // what the store has of it
+    LONGLONG first_seq_ = 0;  // of the changes that were logged
+    LONGLONG last_seq_ = 0;
     INT full_folder_ = 0;  // this folder has no free identifier below the next new one
     bool failed_ = false;
 };

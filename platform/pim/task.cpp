@@ -41,8 +41,8 @@ public:
     HRESULT SkipRecurrence() override { return fail(E_NOTIMPL); }
 };
 
-IDispatch* make_task(const SessionRef& session, LONG oid, RowRef row) {
-    return static_cast<ITask*>(new (std::nothrow) Task(session, olFolderTasks, oid, std::move(row)));
+IDispatch* make_task(const SessionRef& session, Given given) {
+    return static_cast<ITask*>(new (std::nothrow) Task(session, olFolderTasks, std::move(given)));
 }
 
 }  // namespace zr::platform::pim

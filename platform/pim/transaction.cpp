@@ -66,6 +66,7 @@ HRESULT Transaction::begin(Store& store) {
     db_.emplace(writing_.connection());
     full_folder_ = 0;
     next_folder_ = 0;
+    first_seq_ = 0;
     failed_ = false;
     return S_OK;
 }
@@ -87,13 +88,20 @@ HRESULT Transaction::commit() {
     }
     const bool changed = writing_.has_changes();
     result = store_result(writing_.commit());
-    if (SUCCEEDED(result) && changed) store_->notifier().dispatch();
-    return result;
+    if (FAILED(result) || !changed) return result;
+    {
+        const auto lock = store_->lock();
+        store_->own_commits().note(first_seq_, last_seq_);
+    }
+    store_->notifier().dispatch();
+    return S_OK;
 }
 
 HRESULT Transaction::log(ChangeKind kind, LONG oid) {
     LONGLONG seq = 0;
     if (const DWORD error = writing_.next_seq(seq); error != ERROR_SUCCESS) return store_result(error);
+    if (first_seq_ == 0) first_seq_ = seq;
+    last_seq_ = seq;
     Use statement = db_->use("INSERT INTO change(seq, kind, oid, origin) VALUES(?1, ?2, ?3, ?4)");
     if (!statement) return db_->result();
     statement->bind(1, seq);

@@ -65,6 +65,7 @@ void Export::write_appointments(const CalendarWriter& writer) {
         if (!item) continue;
         const LONG oid = oid_of(item.get());
         Event event = read_appointment(item.get());
+        if (has_left(item.get())) continue;
         if (options_.json) {
             array_.add(event_json(oid, event));
             continue;
@@ -88,6 +89,7 @@ void Export::write_tasks(const CalendarWriter& writer) {
         if (!item) continue;
         const LONG oid = oid_of(item.get());
         Task task = read_task(item.get());
+        if (has_left(item.get())) continue;
         if (options_.json) {
             array_.add(task_json(oid, task));
             continue;

@@ -46,6 +46,7 @@ bool list_appointments(CalendarStore& store, const Options& options) {
         } else {
             event = read_appointment(item.get());
         }
+        if (has_left(item.get())) continue;
         if (options.json) {
             array.add(event_json(oid_of(item.get()), event));
         } else {
@@ -64,6 +65,7 @@ bool list_tasks(CalendarStore& store, const Options& options) {
         const ComPtr<ITask> item = store.task_at(i);
         if (!item) continue;
         const Task task = read_task(item.get());
+        if (has_left(item.get())) continue;
         if (options.json) {
             array.add(task_json(oid_of(item.get()), task));
         } else {

@@ -33,6 +33,7 @@ Exit export_contacts(const Options& options) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
         const Card card = read_contact(contact.get(), true);
+        if (has_left(contact.get())) continue;
         if (options.json) {
             array.add(contact_json(oid_of(contact.get()), card));
         } else {

@@ -39,6 +39,7 @@ Exit list(const Options& options) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
         const Card card = read_contact(contact.get(), false);
+        if (has_left(contact.get())) continue;
         if (options.json) {
             array.add(contact_json(oid_of(contact.get()), card));
         } else {

@@ -126,7 +126,9 @@ std::vector<Change> read_changes(IRecurrencePattern* pattern) {
         change.deleted = get(exception.get(), &IException::get_Deleted) != VARIANT_FALSE;
         if (!change.deleted) {
             ComPtr<IAppointment> occurrence;
-            check(exception->get_AppointmentItem(occurrence.out()), kReading);
+            const HRESULT result = exception->get_AppointmentItem(occurrence.out());
+            if (is_missing(result)) continue;  // deleted meanwhile
+            check(result, kReading);
             change.fields = read_fields(occurrence.get());
         }
         changes.push_back(std::move(change));

@@ -44,6 +44,15 @@ bool is_missing(HRESULT result) {
     return result == E_INVALIDARG || result == of_error(ERROR_NOT_FOUND);
 }
 
+bool has_left(IUnknown* item) {
+    constexpr const char* reading = "reading an item";
+    ComPtr<IZrItem> face;
+    VARIANT_BOOL left = VARIANT_FALSE;
+    check(item->QueryInterface(IID_IZrItem, face.out<void>()), reading);
+    check(face->get_HasLeft(&left), reading);
+    return left != VARIANT_FALSE;
+}
+
 Session::Session() {
     constexpr const char* opening = "opening the contact store";
     check(CoInitializeEx(nullptr, COINIT_MULTITHREADED), opening);

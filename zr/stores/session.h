@@ -19,6 +19,8 @@ Failure store_failure(HRESULT result, const std::string& doing);
 void check(HRESULT result, const char* doing);
 // Whether a failed call says that there is no such item.
 bool is_missing(HRESULT result);
+// Whether an item of a collection was deleted by another program before all of it was read that was asked for.
+bool has_left(IUnknown* item);
 
 // Open as long as the object. For one thread.
 class Session {

@@ -23,11 +23,12 @@
 // Threads. Any thread may use any object, one at a time per object; reference counts are safe anywhere.
 //
 // Identifiers are 32-bit, positive and unique in the store. The lowest free one of a folder is handed out: contacts
-// count from 1, other folders from their number shifted left by 24. A deleted item's identifier is free again.
+// count from 1, other folders from their number shifted left by 24. A deleted item's identifier is free again; an item
+// in hand does not become the one who gets it.
 //
-// Freshness. What a program committed before a call began is seen by that call. An item in hand shows fields as of
-// their first reading (no earlier than the fetch); fetch it again to see later changes. Save writes only the fields
-// that were put.
+// Freshness. What a program committed before a call began is seen by that call, but a collection shows one moment (see
+// there). An item in hand shows fields as of their first reading (no earlier than the fetch); fetch it again to see
+// later changes. Save writes only the fields that were put.
 
 #include "platform/com.h"
 #include "platform/errors.h"
@@ -168,6 +169,7 @@ inline constexpr IID IID_IRecurrencePattern = {
 inline constexpr IID IID_IExceptions = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x08}};
 inline constexpr IID IID_IException = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x09}};
 inline constexpr IID IID_IZrOccurrence = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x0A}};
+inline constexpr IID IID_IZrItem = {0x5C0B1B60, 0x6E0A, 0x4C35, {0x9D, 0x11, 0x3B, 0x52, 0x7E, 0x6A, 0x40, 0x0B}};
 
 struct IPOutlookApp;
 struct IFolder;
@@ -229,11 +231,20 @@ protected:
     ~IFolder() = default;
 };
 
-// The items of a folder in the order of the collection's sort, numbered from 1. It follows every change of the folder,
-// this program's and others', and closes up on removal.
+// The items of a folder as of one moment, in the order of the collection's sort, numbered from 1.
+//
+// The moment is that of get_Items (of the first call, for a collection that Restrict made), until get_Count, Find or
+// Sort moves on to the present. So who takes the count once and then walks from 1 to it meets everybody who was there,
+// whatever others do meanwhile. Fields are not part of the moment: they are as fresh as those of any item.
+//
+// What the calling thread itself does is followed by the collection's next call: who was saved joins or moves to the
+// right place, who was deleted leaves, and the collection closes up. Who was deleted by another thread or program keeps
+// the place until the next moment. Such an item, also one that was in hand already, reads on without failing: what was
+// not read before is empty (ZR_PIM_NO_DATE, CEDB_PROPNOTFOUND). Its Save, Delete and Copy are ERROR_NOT_FOUND, Remove
+// closes up, IZrItem tells it from an item that is merely empty.
 struct IPOutlookItemCollection : IDispatch {
     virtual HRESULT Add(IDispatch** item) = 0;  // a new item, which joins the folder with its Save
-    virtual HRESULT get_Count(INT* count) = 0;
+    virtual HRESULT get_Count(INT* count) = 0;  // now: moves on to the present moment
     // The first item (in this order) that meets a restriction, and the ones behind it. S_FALSE and null: none.
     // E_INVALIDARG: not a restriction. One is made of conditions "[Field] = \"value\"" (also <, <=, >, >=, <>), joined
     // by AND and, weaker, OR; values of texts and dates stand in quotes. Texts compare ignoring case. Dates are written
@@ -242,8 +253,8 @@ struct IPOutlookItemCollection : IDispatch {
     virtual HRESULT Find(BSTR restriction, IDispatch** item) = 0;
     virtual HRESULT FindNext(IDispatch** item) = 0;
     virtual HRESULT Item(INT index, IDispatch** item) = 0;
-    virtual HRESULT Remove(INT index) = 0;  // deletes the item
-    // A new collection of the items that meet a restriction (see Find), in identifier order; it follows changes, too.
+    virtual HRESULT Remove(INT index) = 0;  // deletes the item; as the first call: the one that is there now
+    // A new collection of the items that meet a restriction (see Find), in identifier order.
     virtual HRESULT Restrict(BSTR restriction, IPOutlookItemCollection** items) = 0;
     // Orders by a text field, "[LastName]", ignoring case as _wcsicmp does, or by a date, "[Start]"; equal ones by
     // identifier. E_INVALIDARG: a tag that is no such field of the folder; the order stays.
@@ -546,6 +557,17 @@ struct IZrOccurrence : IUnknown {
 
 protected:
     ~IZrOccurrence() = default;
+};
+
+// Reached by QueryInterface from IContact, IAppointment and ITask.
+struct IZrItem : IUnknown {
+    // Whether an item that a collection gave out turned out to be deleted by somebody else (see
+    // IPOutlookItemCollection). Looks nothing up: as long as it is false, everything was read of an item that was
+    // there.
+    virtual HRESULT get_HasLeft(VARIANT_BOOL* left) = 0;
+
+protected:
+    ~IZrItem() = default;
 };
 
 // What went wrong in the last failing call of this header on the calling thread, in a sentence for people; empty when

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <array>
 #include <map>
@@ -359,4 +360,54 @@ TEST_F(ContactsInTheStore, HearsOfAnotherProgramsChanges) {
     EXPECT_EQ(lookup(manager_, u"zoe@new", oid), 0);  // at once: a hit is checked against the store
     child.say("end");
     EXPECT_EQ(child.wait(), 0);
+}
+
+namespace {
+
+// Another program: deletes the contacts whose identifiers it is given and adds others, until it is killed.
+ZR_CHILD(restless_program) {
+    ContactsManager manager;
+    if (manager.Initialize() < 0) return 1;
+    std::mt19937 random(3);
+    zr::test::say("ready");
+    for (;;) {
+        std::string& own = args[static_cast<std::size_t>(random()) % args.size()];
+        Contact* contact = nullptr;
+        if (manager.GetContactFromOid(static_cast<ULONG>(std::stoul(own)), contact) < 0) return 2;
+        if (contact->Delete() < 0) return 3;
+        manager.ReleaseContact(contact);
+        own = std::to_string(add(manager, u"goes", {u"goes@x", u"", u""}));
+    }
+}
+
+}  // namespace
+
+TEST_F(ContactsInTheStore, MissesNobodyWhoStaysWhileOthersComeAndGo) {
+    std::vector<std::string> going;
+    std::map<LONG, std::u16string> staying;
+    for (unsigned i = 0; i < 150; ++i) {
+        going.push_back(std::to_string(add(manager_, u"goes", {u"goes@x", u"", u""})));
+        const std::string number = std::to_string(i);
+        const std::u16string name = u"stays" + std::u16string(number.begin(), number.end());
+        staying[add(manager_, name, {u"", u"", name + u"@x"})] = name;
+    }
+    Child child("restless_program", going);
+    ASSERT_EQ(child.hear(), "ready");
+    for (int round = 0; round < 60; ++round) {
+        ASSERT_EQ(manager_.Uninitialize(0), S_OK);
+        ASSERT_EQ(manager_.Initialize(), S_OK) << round;
+        for (const auto& [oid, name] : staying) {
+            LONG found = 0;
+            ASSERT_EQ(lookup(manager_, name + u"@x", found), 1) << round;
+            ASSERT_EQ(found, oid);
+        }
+        // The search through all contacts as well, by name.
+        const auto& [oid, name] = *std::next(staying.begin(), round);
+        std::u16string pattern = name;
+        Contact* contact = nullptr;
+        ASSERT_EQ(manager_.FindContact(pattern.data(), 0, 1, 0, 0, contact), 1) << round;
+        manager_.ReleaseContact(contact);
+    }
+    child.kill(SIGKILL);
+    EXPECT_EQ(child.wait(), -SIGKILL);
 }

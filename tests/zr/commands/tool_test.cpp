@@ -2,11 +2,15 @@
 #include <signal.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <regex>
 #include <set>
+#include <thread>
 
+#include "ZrUtility/Helpers/ContactsManager.h"
 #include "support/sandbox.h"
 #include "support/sql.h"
 #include "zr/commands/tool.h"
@@ -317,6 +321,61 @@ TEST_F(Tool, LeavesNoHalfFileBehind) {
         ++files;
     }
     EXPECT_EQ(files, 3);  // state, folder, o.vcf
+}
+
+// Adds a contact whose every field tells that it is whole.
+LONG add_whole(ContactsManager& manager, std::u16string last_name) {
+    Contact* contact = nullptr;
+    EXPECT_GE(manager.AddContact(contact), 0);
+    std::u16string job = u"whole";
+    WCHAR* text = last_name.data();
+    EXPECT_GE(contact->put_LastName(text), 0);
+    text = job.data();
+    EXPECT_GE(contact->put_JobTitle(text), 0);
+    EXPECT_GE(contact->Save(), 0);
+    LONG oid = 0;
+    EXPECT_GE(contact->get_Oid(oid), 0);
+    manager.ReleaseContact(contact);
+    return oid;
+}
+
+TEST_F(Tool, ListsAndExportsWhileOthersComeAndGo) {
+    ContactsManager manager;
+    ASSERT_GE(manager.Initialize(), 0);
+    std::vector<LONG> going;
+    for (int i = 0; i < 200; ++i) {
+        going.push_back(add_whole(manager, u"goes"));
+        add_whole(manager, u"stays");
+    }
+    std::atomic<bool> stop = false;
+    std::thread restless([&] {
+        std::mt19937 random(7);
+        while (!stop) {
+            LONG& oid = going[static_cast<std::size_t>(random()) % going.size()];
+            Contact* contact = nullptr;
+            EXPECT_GE(manager.GetContactFromOid(static_cast<ULONG>(oid), contact), 0);
+            EXPECT_GE(contact->Delete(), 0);
+            manager.ReleaseContact(contact);
+            oid = add_whole(manager, u"goes");
+        }
+    });
+    for (int round = 0; round < 5; ++round) {
+        for (const std::vector<std::string>& command :
+             {std::vector<std::string>{"contacts", "list", "--sort", "last", "--json"},
+              {"contacts", "export", "--json"}}) {
+            const Result result = zr(command);
+            EXPECT_EQ(result.code, 0) << result.err;
+            int staying = 0;
+            for (const json& contact : json::parse(result.out)) {
+                EXPECT_EQ(contact.value("jobTitle", ""), "whole") << contact;
+                if (contact.value("lastName", "") == "stays") ++staying;
+            }
+            EXPECT_EQ(staying, 200);
+        }
+    }
+    stop = true;
+    restless.join();
+    EXPECT_GE(manager.Uninitialize(0), 0);
 }
 
 TEST_F(Tool, EscapesControlCharacters) {
