@@ -70,10 +70,16 @@ Window* WindowTable::find_own(HWND handle, const MessageQueue* queue) const noex
     return found->window.load(std::memory_order_relaxed);
 }
 
+namespace {
+
+// Never destroyed: threads may end after static objects have.
+alignas(Desktop) unsigned char storage[sizeof(Desktop)];
+Desktop& the_desktop = *new (storage) Desktop;
+
+}  // namespace
+
 Desktop& Desktop::get() {
-    // Never destroyed: threads may end after static objects have.
-    static Desktop* const desktop = new Desktop;
-    return *desktop;
+    return the_desktop;
 }
 
 ATOM Desktop::class_atom(const WCHAR* name, const std::u16string& folded) const {
@@ -120,18 +126,32 @@ void Desktop::orphan(Window& child) noexcept {
     child.queue->push_sent(child.doom);
 }
 
-std::unique_ptr<Window> Desktop::remove(Window& window, SendList& sent) noexcept {
+void Desktop::remove_from_tree(Window& window) noexcept {
     while (window.first_child)
         orphan(*window.first_child);
     unlink(window);
-    (window.previous_own ? window.previous_own->next_own : window.queue->first_window()) = window.next_own;
-    if (window.next_own) window.next_own->previous_own = window.previous_own;
     table.remove(window);
     --window.window_class->windows;
+    count_live(ZrLiveKind::Windows, -1);
+}
+
+std::unique_ptr<Window> Desktop::remove(Window& window, SendList& sent) noexcept {
+    remove_from_tree(window);
+    (window.previous_own ? window.previous_own->next_own : window.queue->first_window()) = window.next_own;
+    if (window.next_own) window.next_own->previous_own = window.previous_own;
     window.queue->drop_posted(window.handle);
     sent = window.queue->take_sent(window.handle);
-    count_live(ZrLiveKind::Windows, -1);
     return std::unique_ptr<Window>(&window);
+}
+
+void Desktop::survive_fork() noexcept {
+    const MessageQueue* const own = MessageQueue::existing();
+    table.for_each([this, own](Window& window) {
+        if (window.queue.get() != own) remove_from_tree(window);
+    });
+    // Given back, and made anew as well: one that was taken for writing knows its owner by the parent's identifier.
+    lock.unlock();
+    new (&lock) std::shared_mutex;
 }
 
 bool is_below(const Window* parent, const Window* window) noexcept {

@@ -31,6 +31,13 @@ public:
     // Under the exclusive lock. add() sets window.handle; false: no room.
     bool add(Window& window) noexcept;
     void remove(Window& window) noexcept;
+    template <class Use>
+    void for_each(Use use) const noexcept {
+        for (std::uint32_t index = 1; index < used_; ++index) {
+            const Entry& entry = chunks_[index / kChunk].load(std::memory_order_relaxed)[index % kChunk];
+            if (Window* const window = entry.window.load(std::memory_order_relaxed)) use(*window);
+        }
+    }
     // Under the lock.
     Window* find(HWND handle) const noexcept;
     // Without the lock: the window if it is one of this queue's thread, which is the caller. Only that thread makes
@@ -79,6 +86,13 @@ public:
     void orphan(Window& child) noexcept;
     // Takes the window out of everything. What was sent to it is the caller's to refuse once the lock is given up.
     std::unique_ptr<Window> remove(Window& window, SendList& sent) noexcept;
+
+    // In the child of a fork, with the lock held: the windows of other threads than the calling one go, and the lock is
+    // made anew.
+    void survive_fork() noexcept;
+
+private:
+    void remove_from_tree(Window& window) noexcept;
 };
 
 // Whether `window` is below `parent`. Under the lock.

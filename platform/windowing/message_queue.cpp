@@ -1,11 +1,13 @@
 #include "message_queue.h"
 
-#include <map>
+#include <algorithm>
+#include <iterator>
 #include <new>
 
 #include "desktop.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
+#include "room_waiters.h"
 
 namespace zr::platform {
 
@@ -35,19 +37,51 @@ bool for_window(const MessageQueue::Filter& filter, HWND window) {
 }  // namespace
 
 // The queues of the running threads, by thread identifier.
-struct QueueRegistry {
-    std::mutex lock;
-    std::map<DWORD, MessageQueue*> queues;
+struct QueueTable {
+    static constexpr std::size_t kBuckets = 64;
 
-    static QueueRegistry& get() {
-        // Never destroyed: threads may end after static objects have.
-        static QueueRegistry* const registry = [] {
-            add_thread_exit_hook(&MessageQueue::thread_ends);
-            return new QueueRegistry;
-        }();
-        return *registry;
+    std::mutex lock;
+    bool hooked = false;  // to the end of threads
+    MessageQueue* buckets[kBuckets] = {};
+
+    // All of these with the lock held.
+    void add(MessageQueue& queue) noexcept {
+        if (!std::exchange(hooked, true)) add_thread_exit_hook(&MessageQueue::thread_ends);
+        MessageQueue*& first = buckets[queue.thread_id_ % kBuckets];
+        queue.next_ = first;
+        first = &queue;
+    }
+    void remove(const MessageQueue& queue) noexcept {
+        MessageQueue** link = &buckets[queue.thread_id_ % kBuckets];
+        while (*link != &queue) {
+            link = &(*link)->next_;
+        }
+        *link = queue.next_;
+    }
+    MessageQueue* find(DWORD thread) const noexcept {
+        MessageQueue* queue = buckets[thread % kBuckets];
+        while (queue && queue->thread_id_ != thread) {
+            queue = queue->next_;
+        }
+        return queue;
+    }
+    template <class Use>
+    void for_each(Use use) noexcept {
+        for (MessageQueue* queue : buckets) {
+            for (MessageQueue* next = nullptr; queue; queue = next) {
+                next = queue->next_;
+                use(*queue);
+            }
+        }
     }
 };
+
+namespace {
+
+// Threads may end after static objects have: it has no destructor that does anything.
+constinit QueueTable queues;
+
+}  // namespace
 
 MessageQueue* MessageQueue::existing() noexcept {
     return own_queue;
@@ -58,18 +92,15 @@ MessageQueue* MessageQueue::current() {
 }
 
 MessageQueue* MessageQueue::attach() {
-    try {
-        if (thread_over) throw std::bad_alloc();
-        const DWORD id = Thread::current().id();
-        Ref<MessageQueue> queue = Ref<MessageQueue>::adopt(new MessageQueue(id));
-        QueueRegistry& registry = QueueRegistry::get();
-        const std::lock_guard guard(registry.lock);
-        registry.queues.insert_or_assign(id, queue.get());
-        own_queue = queue.detach();
-    } catch (const std::bad_alloc&) {
+    const DWORD id = Thread::current().id();
+    auto* const queue = thread_over ? nullptr : new (std::nothrow) MessageQueue(id);
+    if (!queue) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
     }
-    return own_queue;
+    const std::lock_guard guard(queues.lock);
+    queues.add(*queue);
+    return own_queue = queue;
 }
 
 void MessageQueue::thread_ends(Thread&) {
@@ -80,9 +111,8 @@ void MessageQueue::thread_ends(Thread&) {
 void MessageQueue::close() {
     remove_windows_of(*this);
     {
-        QueueRegistry& registry = QueueRegistry::get();
-        const std::lock_guard guard(registry.lock);
-        registry.queues.erase(thread_id_);
+        const std::lock_guard guard(queues.lock);
+        queues.remove(*this);
     }
     SendList unanswered;
     std::unique_ptr<QueueDescriptor> descriptor;
@@ -93,6 +123,7 @@ void MessageQueue::close() {
         posted_.clear();
         descriptor = std::move(descriptor_);
     }
+    RoomWaiters::tell(*this);
     refuse_all(unanswered);
     for (; serving_; serving_ = serving_->outer) {
         if (serving_->request) answer(std::exchange(serving_->request, nullptr), 0, false);
@@ -124,11 +155,14 @@ void MessageQueue::clear_kind_locked(DWORD kind) {
     sync_locked();
 }
 
-DWORD MessageQueue::post(const MSG& message) {
+DWORD MessageQueue::post(const MSG& message, RoomWaiter* waiter) {
     {
         const std::lock_guard guard(lock_);
         if (closed_) return ERROR_INVALID_THREAD_ID;
-        if (posted_.size() >= kQueueLimit) return ERROR_NOT_ENOUGH_QUOTA;
+        if (posted_.size() >= kQueueLimit) {
+            if (waiter) RoomWaiters::add(*this, *waiter);
+            return ERROR_NOT_ENOUGH_QUOTA;
+        }
         if (!posted_.push(message)) return ERROR_NOT_ENOUGH_MEMORY;
         add_bits_locked(QS_POSTMESSAGE);
     }
@@ -137,21 +171,33 @@ DWORD MessageQueue::post(const MSG& message) {
 }
 
 DWORD MessageQueue::post_to_thread(DWORD thread, const MSG& message) {
-    QueueRegistry& registry = QueueRegistry::get();
-    const std::lock_guard guard(registry.lock);
-    const auto found = registry.queues.find(thread);
-    return found == registry.queues.end() ? ERROR_INVALID_THREAD_ID : found->second->post(message);
+    const std::lock_guard guard(queues.lock);
+    MessageQueue* const found = queues.find(thread);
+    return found ? found->post(message) : ERROR_INVALID_THREAD_ID;
 }
 
-bool MessageQueue::push_sent(SendRequest& request) {
+DWORD MessageQueue::push_sent(SendRequest& request) {
     {
         const std::lock_guard guard(lock_);
-        if (closed_) return false;
+        if (closed_) return ERROR_INVALID_WINDOW_HANDLE;
+        if (!request.sender && request.kind == SendRequest::Kind::Message && sent_.notices() >= kQueueLimit) {
+            return ERROR_NOT_ENOUGH_QUOTA;
+        }
         sent_.push(&request);
         add_bits_locked(QS_SENDMESSAGE);
     }
     state_changed();
-    return true;
+    return ERROR_SUCCESS;
+}
+
+// Not for each message that is taken out of a full queue, but when there is room for a good many.
+void MessageQueue::tell_room() {
+    if (!room_waiters()) return;
+    {
+        const std::lock_guard guard(lock_);
+        if (posted_.size() > kQueueLimit - kQueueLimit / 4) return;
+    }
+    RoomWaiters::tell(*this);
 }
 
 void MessageQueue::reply_arrived() {
@@ -288,10 +334,15 @@ void MessageQueue::quit(int exit_code) {
 bool MessageQueue::find(const Filter& filter, bool remove, MSG& message) {
     const std::uint32_t kinds = bits();
     if (!(kinds & (QS_POSTMESSAGE | QS_TIMER))) return false;
-    std::shared_lock<std::shared_mutex> tree;
-    if (filter.window) tree = std::shared_lock(Desktop::get().lock);
-    if (kinds & QS_POSTMESSAGE && find_posted(filter, remove, message)) return true;
-    return kinds & QS_TIMER && find_timer(filter, remove, message);
+    bool found = false;
+    {
+        std::shared_lock<std::shared_mutex> tree;
+        if (filter.window) tree = std::shared_lock(Desktop::get().lock);
+        found = (kinds & QS_POSTMESSAGE && find_posted(filter, remove, message)) ||
+                (kinds & QS_TIMER && find_timer(filter, remove, message));
+    }
+    if (found && remove) tell_room();
+    return found;
 }
 
 bool MessageQueue::find_posted(const Filter& filter, bool remove, MSG& message) {
@@ -352,6 +403,58 @@ int MessageQueue::descriptor() {
         descriptor_->set_timer(timers_.first_due());
     }
     return descriptor_->pollable();
+}
+
+// ---- Forks ----
+
+void MessageQueue::lock_all() noexcept {
+    queues.lock.lock();
+    queues.for_each([](MessageQueue& queue) { queue.lock_.lock(); });
+    RoomWaiters::lock();
+}
+
+void MessageQueue::unlock_all() noexcept {
+    RoomWaiters::unlock();
+    queues.for_each([](MessageQueue& queue) { queue.lock_.unlock(); });
+    queues.lock.unlock();
+}
+
+void MessageQueue::survive_fork() noexcept {
+    RoomWaiters::unlock_in_child();
+    queues.for_each([](MessageQueue& queue) {
+        if (&queue != own_queue) {
+            queue.closed_ = true;
+            queue.sent_.take_all();
+        }
+        queue.lock_.unlock();
+    });
+    std::fill(std::begin(queues.buckets), std::end(queues.buckets), nullptr);
+    if (own_queue) own_queue->go_on_alone();
+    queues.lock.unlock();
+}
+
+// What the others sent to this thread, and wait for, is answered in the parent; what this thread waits for, nobody will
+// answer here.
+void MessageQueue::go_on_alone() noexcept {
+    thread_id_ = Thread::current().id();
+    queues.add(*this);
+    sent_.take_if([](const SendRequest& request) { return static_cast<bool>(request.sender); });
+    if (sent_.empty()) clear_kind_locked(QS_SENDMESSAGE);
+    for (const Awaited* awaited = awaited_; awaited; awaited = awaited->outer) {
+        SendRequest::State waiting = SendRequest::State::Waiting;
+        awaited->request->state.compare_exchange_strong(waiting, SendRequest::State::Answered);
+    }
+    bits_.fetch_or(kReply, std::memory_order_acq_rel);
+    // Readable until the program has looked into the queue: that is when the child goes on by itself.
+    if (descriptor_) descriptor_->make_own();
+}
+
+void MessageQueue::sync_descriptors() noexcept {
+    const std::lock_guard guard(queues.lock);
+    queues.for_each([](MessageQueue& queue) {
+        const std::lock_guard held(queue.lock_);
+        queue.sync_locked();
+    });
 }
 
 }  // namespace zr::platform

@@ -6,7 +6,8 @@
 // (high half). It is written under the queue's lock or by the owning thread, and read by anyone: by the owner to see
 // that there is nothing to do, by the engine to see whether a wait is over.
 //
-// Locks are taken in this order: the desktop's, then a queue's, then the wait engine's.
+// Locks are taken in this order: the desktop's, then a queue's, then that of who waits for room, then the wait
+// engine's.
 
 #include <atomic>
 #include <cstdint>
@@ -23,6 +24,7 @@
 
 namespace zr::platform {
 
+class RoomWaiter;
 struct Window;
 
 inline constexpr std::size_t kQueueLimit = 10'000;
@@ -43,13 +45,25 @@ public:
     DWORD thread_id() const noexcept { return thread_id_; }
 
     // ---- From any thread ----
-    DWORD post(const MSG& message);        // 0 or the error
-    bool push_sent(SendRequest& request);  // false: the thread has ended
+    DWORD post(const MSG& message, RoomWaiter* waiter = nullptr);  // 0 or the error; who is to be told of room
+    DWORD push_sent(SendRequest& request);                         // likewise
     void reply_arrived();
     SendList take_sent(HWND window);  // what was sent to a window that goes away
     void drop_posted(HWND window);
 
     static DWORD post_to_thread(DWORD thread, const MSG& message);
+
+    // Tells those who wait for room in the queue, if there is. With no lock held.
+    void tell_room();
+    RoomWaiter* room_waiters() const noexcept { return room_waiters_.load(std::memory_order_relaxed); }
+    void set_room_waiters(RoomWaiter* first) noexcept { room_waiters_.store(first, std::memory_order_relaxed); }
+
+    // ---- At a fork: the desktop's lock is taken before, and given back behind these ----
+    static void lock_all() noexcept;
+    static void unlock_all() noexcept;
+    // In the child: only the calling thread's queue is left, which gets a descriptor of its own.
+    static void survive_fork() noexcept;
+    static void sync_descriptors() noexcept;
 
     // ---- On the owning thread only ----
     std::uint32_t bits() const noexcept { return bits_.load(std::memory_order_acquire); }
@@ -94,11 +108,17 @@ public:
         Serving* outer;
     };
     Serving* serving() const noexcept { return serving_; }
+    // A request that this thread waits for.
+    struct Awaited {
+        SendRequest* request;
+        Awaited* outer;
+    };
+    Awaited*& awaited() noexcept { return awaited_; }
 
     Window*& first_window() noexcept { return first_window_; }
 
 private:
-    friend struct QueueRegistry;
+    friend struct QueueTable;
 
     explicit MessageQueue(DWORD thread_id) noexcept : Waitable(kKind), thread_id_(thread_id) {}
     ~MessageQueue() override;
@@ -111,6 +131,7 @@ private:
     bool interrupts(const Thread& waiter) const noexcept override;
     Attempt try_acquire(Thread& self) noexcept override;
 
+    void go_on_alone() noexcept;
     void handle(SendRequest* request);
     bool find_posted(const Filter& filter, bool remove, MSG& message);
     bool find_timer(const Filter& filter, bool remove, MSG& message);
@@ -118,7 +139,8 @@ private:
     void clear_kind_locked(DWORD kind);
     void sync_locked();
 
-    const DWORD thread_id_;
+    DWORD thread_id_;
+    MessageQueue* next_ = nullptr;  // in the table
     std::atomic<std::uint32_t> bits_{0};
     std::atomic<std::uint32_t> wanted_{0};
     std::atomic<std::uint32_t> interrupting_{0};
@@ -131,10 +153,13 @@ private:
     bool closed_ = false;
     std::unique_ptr<QueueDescriptor> descriptor_;
 
+    std::atomic<RoomWaiter*> room_waiters_{nullptr};  // guarded by their lock
+
     // The owner's alone.
     TimerSet timers_;
     std::uint32_t looked_at_ = 0;
     Serving* serving_ = nullptr;
+    Awaited* awaited_ = nullptr;
     SendRequest* spare_ = nullptr;
     std::size_t spares_ = 0;
     Window* first_window_ = nullptr;  // under the desktop's lock

@@ -1,5 +1,6 @@
 #include "queue_descriptor.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -20,6 +21,10 @@ std::unique_ptr<QueueDescriptor> QueueDescriptor::create() noexcept {
 
 bool QueueDescriptor::open() noexcept {
     epoll_ = above_standard(epoll_create1(EPOLL_CLOEXEC));
+    return fill();
+}
+
+bool QueueDescriptor::fill() noexcept {
     event_ = above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     timer_ = above_standard(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (epoll_ < 0 || event_ < 0 || timer_ < 0) return false;
@@ -27,6 +32,24 @@ bool QueueDescriptor::open() noexcept {
     readable.events = EPOLLIN;
     return epoll_ctl(epoll_, EPOLL_CTL_ADD, event_, &readable) == 0 &&
            epoll_ctl(epoll_, EPOLL_CTL_ADD, timer_, &readable) == 0;
+}
+
+// Three are closed before three are made, so the child need not have room for more.
+void QueueDescriptor::make_own() noexcept {
+    for (const int descriptor : {timer_, event_, epoll_}) {
+        if (descriptor >= 0) close(descriptor);
+    }
+    const int made = epoll_create1(EPOLL_CLOEXEC);
+    if (made >= 0 && made != epoll_) {
+        dup3(made, epoll_, O_CLOEXEC);
+        close(made);
+    }
+    const std::int64_t due = due_;
+    ready_ = false;
+    due_ = INT64_MAX;
+    if (!fill()) return;
+    set_timer(due);
+    set_ready(true);
 }
 
 QueueDescriptor::~QueueDescriptor() {

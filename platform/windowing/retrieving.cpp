@@ -1,3 +1,4 @@
+#include "base/forks.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/windowing.h"
@@ -13,6 +14,7 @@ bool is_thread_filter(HWND window) {
 
 // Everything that can be done before a message is looked for.
 void prepare(MessageQueue& queue) {
+    resume_after_fork();
     queue.serve_sent();
     queue.expire_timers();
     queue.looked();
@@ -102,6 +104,7 @@ DWORD GetQueueStatus(UINT flags) {
 }
 
 int ZrGetQueueDescriptor() {
+    resume_after_fork();
     MessageQueue* queue = MessageQueue::current();
     if (!queue) return -1;
     const int descriptor = queue->descriptor();

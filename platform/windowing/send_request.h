@@ -3,6 +3,7 @@
 // A message on its way from one thread to another, and the answer on its way back.
 
 #include <atomic>
+#include <cstddef>
 #include <utility>
 
 #include "kernel/handle_table.h"
@@ -40,8 +41,11 @@ struct SendRequest {
 class SendList {
 public:
     bool empty() const noexcept { return first_ == nullptr; }
+    // How many nobody waits for: nothing but this bounds them.
+    std::size_t notices() const noexcept { return notices_; }
 
     void push(SendRequest* request) noexcept {
+        if (is_notice(*request)) ++notices_;
         request->next = nullptr;
         *(first_ ? &last_->next : &first_) = request;
         last_ = request;
@@ -49,25 +53,36 @@ public:
 
     SendRequest* pop() noexcept {
         SendRequest* request = first_;
-        if (request) first_ = request->next;
+        if (!request) return nullptr;
+        first_ = request->next;
+        if (is_notice(*request)) --notices_;
         return request;
     }
 
-    // Takes out what is for the window.
-    SendList take_window(HWND window) noexcept {
+    // Takes out what `chosen` says yes to.
+    template <class Chosen>
+    SendList take_if(Chosen chosen) noexcept {
         SendList kept;
         SendList taken;
         while (SendRequest* request = pop())
-            (request->window == window ? taken : kept).push(request);
+            (chosen(*request) ? taken : kept).push(request);
         *this = kept;
         return taken;
+    }
+    SendList take_window(HWND window) noexcept {
+        return take_if([window](const SendRequest& request) { return request.window == window; });
     }
 
     SendList take_all() noexcept { return std::exchange(*this, SendList()); }
 
 private:
+    static bool is_notice(const SendRequest& request) noexcept {
+        return request.kind == SendRequest::Kind::Message && !request.sender;
+    }
+
     SendRequest* first_ = nullptr;
     SendRequest* last_ = nullptr;
+    std::size_t notices_ = 0;
 };
 
 }  // namespace zr::platform

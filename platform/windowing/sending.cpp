@@ -9,36 +9,40 @@ namespace {
 
 // A request that the sender waits for. However the wait ends, by the answer, in time or by the end of the thread, the
 // side that comes second disposes of the request.
-class Pending {
+class Pending : MessageQueue::Awaited {
 public:
-    Pending(MessageQueue& sender, SendRequest* request) : sender_(sender), request_(request) {}
+    Pending(MessageQueue& sender, SendRequest* what) : Awaited{what, sender.awaited()}, sender_(sender) {
+        sender.awaited() = this;
+    }
     ~Pending() {
-        if (request_->state.exchange(SendRequest::State::Abandoned, std::memory_order_acq_rel) ==
+        sender_.awaited() = outer;
+        if (request->state.exchange(SendRequest::State::Abandoned, std::memory_order_acq_rel) ==
             SendRequest::State::Answered) {
-            sender_.recycle(request_);
+            sender_.recycle(request);
         }
     }
     Pending(const Pending&) = delete;
     Pending& operator=(const Pending&) = delete;
 
-    bool answered() const { return request_->state.load(std::memory_order_acquire) == SendRequest::State::Answered; }
-    const SendRequest& request() const { return *request_; }
+    bool answered() const { return request->state.load(std::memory_order_acquire) == SendRequest::State::Answered; }
+    const SendRequest& outcome() const { return *request; }
 
 private:
     MessageQueue& sender_;
-    SendRequest* request_;
 };
 
 // Hands the request to the window's thread; on failure it is disposed of.
 bool deliver(MessageQueue& sender, SendRequest* request) {
+    DWORD error = ERROR_INVALID_WINDOW_HANDLE;
     {
         Desktop& desktop = Desktop::get();
         const std::shared_lock guard(desktop.lock);
         const Window* window = desktop.table.find(request->window);
-        if (window && window->queue->push_sent(*request)) return true;
+        if (window) error = window->queue->push_sent(*request);
     }
+    if (error == ERROR_SUCCESS) return true;
     sender.recycle(request);
-    SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+    SetLastError(error);
     return false;
 }
 
@@ -84,11 +88,11 @@ bool send(HWND window, UINT message, WPARAM wparam, LPARAM lparam, bool serve, D
         SetLastError(ERROR_TIMEOUT);
         return false;
     }
-    if (!pending.request().handled) {
+    if (!pending.outcome().handled) {
         SetLastError(ERROR_INVALID_WINDOW_HANDLE);
         return false;
     }
-    result = pending.request().result;
+    result = pending.outcome().result;
     return true;
 }
 

@@ -7,6 +7,7 @@
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/windowing.h"
+#include "room_waiters.h"
 #include "window_access.h"
 
 using namespace zr::platform;
@@ -136,6 +137,7 @@ void remove_tree(HWND window) {
         if (Window* own = own_window(window)) removed = desktop.remove(*own, sent);
     }
     refuse_all(sent);
+    RoomWaiters::tell(*queue);
 }
 
 }  // namespace
