@@ -12,6 +12,7 @@ namespace zr {
 struct Failure {
     Exit code;
     std::string text;
+    bool refused = false;  // the store works, and does not take this item
 };
 
 // Failure about a file, from errno.

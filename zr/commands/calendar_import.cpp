@@ -75,11 +75,15 @@ void CalendarImport::save_when_full() {
 long CalendarImport::save_batch() {
     const std::size_t count = events_.size() + tasks_.size();
     if (count == 0) return 0;
-    store_.add(events_, tasks_);
+    const std::vector<Refused> refused = store_.add(events_, tasks_);
+    for (const auto& [index, why] : refused) {
+        const bool event = index < events_.size();
+        note_refused(event ? events_[index].subject : tasks_[index - events_.size()].subject, why);
+    }
     events_.clear();
     tasks_.clear();
     rows_ = bytes_ = 0;
-    return static_cast<long>(count);
+    return static_cast<long>(count - refused.size());
 }
 
 }  // namespace

@@ -60,8 +60,11 @@ void ContactsImport::take(Card& card) {
 
 long ContactsImport::save_batch() {
     if (batch_.empty()) return 0;
-    store_.add(batch_);
-    const long count = static_cast<long>(batch_.size());
+    const std::vector<Refused> refused = store_.add(batch_);
+    for (const auto& [index, why] : refused) {
+        note_refused(display_name(batch_[index]), why);
+    }
+    const long count = static_cast<long>(batch_.size() - refused.size());
     batch_.clear();
     batch_bytes_ = 0;
     return count;

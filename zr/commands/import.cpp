@@ -60,6 +60,14 @@ void Import::note(const std::string& file, const std::vector<Problem>& problems,
     }
 }
 
+void Import::note_refused(const std::string& name, const std::string& why) {
+    progress_.clear();
+    complain(std::string(words_.made) + " left out: " + name + ": " + why);
+    ++left_out_;
+    if (options_.json)
+        problems_.add({{"item", name}, {"reason", why}, {"effect", std::string(words_.made) + " left out"}});
+}
+
 void Import::show(const InputFile& file, std::size_t bytes_read, std::size_t waiting) {
     progress_.show(file.name(), bytes_read, static_cast<std::size_t>(file.size()),
                    imported_ + static_cast<long>(waiting));

@@ -56,6 +56,8 @@ protected:
 
     void save() { imported_ += save_batch(); }
     void note(const std::string& file, const std::vector<Problem>& problems, bool left_out);
+    // An item that was read and that the store did not take.
+    void note_refused(const std::string& name, const std::string& why);
     void show(const InputFile& file, std::size_t bytes_read, std::size_t waiting);
 
 private:

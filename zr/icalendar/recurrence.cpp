@@ -4,6 +4,7 @@
 #include <platform/platform.h>
 
 #include <algorithm>
+#include <bit>
 #include <array>
 #include <charconv>
 #include <string_view>
@@ -487,8 +488,10 @@ std::string describe(const Pattern& pattern) {
     return text;
 }
 
-bool occurs_on(const Pattern& pattern, CalendarDay first, CalendarDay day) {
-    if (day < first) return false;
+namespace {
+
+// Whether a pattern without an end has an occurrence on that day.
+bool recurs_on(const Pattern& pattern, CalendarDay first, CalendarDay day) {
     if (pattern.type == olRecursDaily) return (day - first).count() % pattern.interval == 0;
     if (pattern.type == olRecursWeekly) {
         const CalendarDay week = first - days(weekday(first).c_encoding());
@@ -500,6 +503,28 @@ bool occurs_on(const Pattern& pattern, CalendarDay first, CalendarDay day) {
     if (is_yearly(pattern) && month.month() != std::chrono::month(static_cast<unsigned>(pattern.month))) return false;
     return passed % (is_yearly(pattern) ? 12 * pattern.interval : pattern.interval) == 0 &&
            day_in(pattern, month) == day;
+}
+
+// Which occurrence is the one on `day`, counted from 1.
+std::int64_t number_of(const Pattern& pattern, CalendarDay first, CalendarDay day) {
+    if (pattern.type == olRecursDaily) return (day - first).count() / pattern.interval + 1;
+    if (pattern.type == olRecursWeekly) {
+        const auto before = [&](CalendarDay end) {
+            return std::popcount(static_cast<unsigned>(pattern.weekdays & (bit_of(weekday(end)) - 1)));
+        };
+        const CalendarDay week = first - days(weekday(first).c_encoding());
+        const std::int64_t weeks = (day - week).count() / 7 / pattern.interval;
+        return weeks * std::popcount(static_cast<unsigned>(pattern.weekdays)) + before(day) + 1 - before(first);
+    }
+    const auto months = (month_of(day) - month_of(first)).count();
+    return months / (is_yearly(pattern) ? 12 * pattern.interval : pattern.interval) + 1;
+}
+
+}  // namespace
+
+bool occurs_on(const Pattern& pattern, CalendarDay first, CalendarDay day) {
+    if (day < first || (pattern.until && day > *pattern.until) || !recurs_on(pattern, first, day)) return false;
+    return pattern.count == 0 || number_of(pattern, first, day) <= pattern.count;
 }
 
 }  // namespace zr

@@ -35,7 +35,7 @@ std::string rule_of_pattern(const Pattern& pattern);
 // The pattern in words, such as "every 2 weeks on Mon, Wed until 2026-12-31".
 std::string describe(const Pattern& pattern);
 
-// Whether the pattern has an occurrence on that day when `first` is its first one. The end is not looked at.
+// Whether the pattern has an occurrence on that day when `first` is its first one.
 bool occurs_on(const Pattern& pattern, CalendarDay first, CalendarDay day);
 
 }  // namespace zr

@@ -226,13 +226,12 @@ ComPtr<ITask> CalendarStore::task(LONG oid) {
     return as<ITask>(session_.with_oid(oid), IID_ITask);
 }
 
-void CalendarStore::add(const std::vector<Event>& events, const std::vector<Task>& tasks) {
-    session_.batch("saving appointments", [&] {
-        for (const Event& event : events) {
-            save_new(event);
-        }
-        for (const Task& task : tasks) {
-            save_new(task);
+std::vector<Refused> CalendarStore::add(const std::vector<Event>& events, const std::vector<Task>& tasks) {
+    return session_.store_all("saving appointments", events.size() + tasks.size(), [&](std::size_t i) {
+        if (i < events.size()) {
+            save_new(events[i]);
+        } else {
+            save_new(tasks[i - events.size()]);
         }
     });
 }

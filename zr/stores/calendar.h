@@ -31,8 +31,9 @@ public:
     ComPtr<IAppointment> appointment(LONG oid);
     ComPtr<ITask> task(LONG oid);
 
-    // Saves all of them, with their changed occurrences, or none of them.
-    void add(const std::vector<Event>& events, const std::vector<Task>& tasks);
+    // Saves all of them, with their changed occurrences, at once; an item that the store refuses stops none of the
+    // others. Tasks count on behind the events.
+    std::vector<Refused> add(const std::vector<Event>& events, const std::vector<Task>& tasks);
 
 private:
     static int count(IPOutlookItemCollection* items);

@@ -148,12 +148,8 @@ LONG Store::save_new(const Card& card) {
     return oid_of(contact.get());
 }
 
-void Store::add(const std::vector<Card>& cards) {
-    session_.batch("saving contacts", [&] {
-        for (const Card& card : cards) {
-            save_new(card);
-        }
-    });
+std::vector<Refused> Store::add(const std::vector<Card>& cards) {
+    return session_.store_all("saving contacts", cards.size(), [&](std::size_t i) { save_new(cards[i]); });
 }
 
 LONG Store::add(const Card& card) {

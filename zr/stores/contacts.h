@@ -23,8 +23,8 @@ public:
     ComPtr<IContact> at(int index);
     ComPtr<IContact> with_oid(LONG oid);  // empty when there is none
 
-    // Saves all of the cards or none of them.
-    void add(const std::vector<Card>& cards);
+    // Saves all of the cards at once; one that the store refuses stops none of the others.
+    std::vector<Refused> add(const std::vector<Card>& cards);
     // Saves one new contact and returns its identifier.
     LONG add(const Card& card);
     // Stores these fields of `card`, empty ones too, in an existing contact, and its days where it has any.

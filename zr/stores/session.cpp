@@ -13,6 +13,10 @@ constexpr HRESULT of_error(DWORD error) {
 
 }  // namespace
 
+bool is_missing(HRESULT result) {
+    return result == E_INVALIDARG || result == of_error(ERROR_NOT_FOUND);
+}
+
 Failure store_failure(HRESULT result, const std::string& doing) {
     Exit code = Exit::StoreFailed;
     std::string reason = "the contact store failed";
@@ -33,15 +37,11 @@ Failure store_failure(HRESULT result, const std::string& doing) {
     std::snprintf(number, sizeof number, "0x%08X", static_cast<unsigned>(result));
     std::string text = doing + ": " + reason + " (" + number;
     if (more && *more) text += ": " + to_utf8(more);
-    return {code, text + ")"};
+    return {code, text + ")", is_missing(result)};
 }
 
 void check(HRESULT result, const char* doing) {
     if (FAILED(result)) throw store_failure(result, doing);
-}
-
-bool is_missing(HRESULT result) {
-    return result == E_INVALIDARG || result == of_error(ERROR_NOT_FOUND);
 }
 
 bool has_left(IUnknown* item) {
@@ -99,6 +99,30 @@ void Session::batch(const char* doing, const std::function<void()>& saves) {
         throw;
     }
     check(store->CommitBatch(), doing);
+}
+
+std::vector<Refused> Session::store_all(const char* doing, std::size_t count,
+                                        const std::function<void(std::size_t)>& store_one) {
+    std::vector<Refused> refused;
+    try {
+        batch(doing, [&] {
+            for (std::size_t i = 0; i < count; ++i) {
+                store_one(i);
+            }
+        });
+        return refused;
+    } catch (const Failure& failure) {
+        if (!failure.refused) throw;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        try {
+            batch(doing, [&] { store_one(i); });
+        } catch (const Failure& failure) {
+            if (!failure.refused) throw;
+            refused.push_back({i, failure.text});
+        }
+    }
+    return refused;
 }
 
 std::string text_property(IDispatch* item, CEPROPID id) {

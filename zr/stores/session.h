@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "zr/base/failure.h"
 #include "zr/stores/com_ptr.h"
@@ -22,6 +23,12 @@ bool is_missing(HRESULT result);
 // Whether an item of a collection was deleted by another program before all of it was read that was asked for.
 bool has_left(IUnknown* item);
 
+// An item of several that the store did not take.
+struct Refused {
+    std::size_t index;
+    std::string why;
+};
+
 // Open as long as the object. For one thread.
 class Session {
 public:
@@ -36,6 +43,10 @@ public:
     ComPtr<IDispatch> with_oid(LONG oid);
     // Keeps all that `saves` stores or nothing of it.
     void batch(const char* doing, const std::function<void()>& saves);
+    // Calls `store_one` for each of `count` items and keeps them all at once; where the store refuses one for what it
+    // is, each by itself. Returns those that are not in.
+    std::vector<Refused> store_all(const char* doing, std::size_t count,
+                                   const std::function<void(std::size_t)>& store_one);
 
 private:
     ComPtr<IPOutlookApp> app_;

@@ -349,4 +349,32 @@ TEST_F(Calendars, ReadsEveryEncodingAndLineEnd) {
     EXPECT_EQ(reasons(old), "6 ? not valid UTF-8; read as Windows-1252\n");
 }
 
+TEST(CalendarReader, AnOverrideBehindTheEndOfItsSeriesIsAnAppointmentOfItsOwn) {
+    use_zone("Europe/Berlin");
+    struct Case {
+        const char* rule;
+        const char* last;  // its last day, and the next that the pattern would have
+        const char* behind;
+    };
+    for (const Case& one : {Case{"FREQ=DAILY;COUNT=3", "20260107", "20260108"},
+                            Case{"FREQ=DAILY;INTERVAL=2;UNTIL=20260109", "20260109", "20260111"},
+                            Case{"FREQ=WEEKLY;BYDAY=MO,TH;COUNT=4", "20260115", "20260119"},
+                            Case{"FREQ=WEEKLY;INTERVAL=2;BYDAY=MO;COUNT=2", "20260119", "20260202"},
+                            Case{"FREQ=MONTHLY;BYMONTHDAY=5;COUNT=2", "20260205", "20260305"},
+                            Case{"FREQ=YEARLY;BYMONTH=1;BYMONTHDAY=5;COUNT=2", "20270105", "20280105"}}) {
+        const auto with = [&](const std::string& day) {
+            return read_calendar(calendar_text(
+                event_text("UID:u\r\nDTSTART;VALUE=DATE:20260105\r\nRRULE:" + std::string(one.rule) + "\r\n") +
+                event_text("UID:u\r\nRECURRENCE-ID;VALUE=DATE:" + day + "\r\nDTSTART;VALUE=DATE:20260401\r\n")));
+        };
+        const auto inside = with(one.last);
+        ASSERT_EQ(inside.events.size(), 1u) << one.rule;
+        EXPECT_EQ(inside.events[0].changes.size(), 1u) << one.rule;
+        const auto behind = with(one.behind);
+        ASSERT_EQ(behind.events.size(), 2u) << one.rule;
+        ASSERT_EQ(behind.problems.size(), 1u);
+        EXPECT_NE(behind.problems[0].reason.find("imported as an appointment of its own"), std::string::npos);
+    }
+}
+
 }  // namespace
