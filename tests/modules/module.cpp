@@ -7,8 +7,22 @@
 WITH_VERSION(MODULE_VERSION)
 #endif
 
+#ifdef MODULE_CRASHES
+#include <signal.h>
+namespace {
+const int crash = raise(SIGSEGV);
+}
+#endif
+
+#ifdef MODULE_ENDS
+#include <unistd.h>
+#endif
+
 #ifdef MODULE_ID
 extern "C" __attribute__((visibility("default"))) int ZrIGetModuleId() {
+#ifdef MODULE_ENDS
+    _exit(0);
+#endif
     return MODULE_ID;
 }
 #else

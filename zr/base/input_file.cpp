@@ -15,8 +15,15 @@ InputFile::InputFile(const std::string& path) : name_(path == "-" ? "standard in
         fd_ = STDIN_FILENO;
         return;
     }
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Opening waits for nobody, as it would for the other end of a pipe; and neither does reading a file.
+    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (fd_ < 0) throw file_failure(name_, errno);
+    struct stat status = {};
+    if (::fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) {
+        ::close(fd_);
+        if (S_ISDIR(status.st_mode)) throw file_failure(name_, EISDIR);
+        throw Failure{Exit::Unreadable, name_ + ": not a file" + (S_ISFIFO(status.st_mode) ? "; - reads a pipe" : "")};
+    }
     owned_ = true;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// A file to read; "-" is standard input.
+// A file to read; "-" is standard input, which may be anything.
 
 #include <sys/types.h>
 
@@ -12,7 +12,7 @@ namespace zr {
 
 class InputFile {
 public:
-    explicit InputFile(const std::string& path);  // throws Failure when it cannot be opened
+    explicit InputFile(const std::string& path);  // throws Failure when it cannot be opened or is no regular file
     ~InputFile();
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +17,7 @@
 #include "zr/base/host_paths.h"
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/separate_process.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
 
@@ -77,48 +79,74 @@ std::string version_of(const std::u16string& path) {
     return info.dwFileFlags & VS_FF_DEBUG ? text + " debug" : text;
 }
 
-void print_module(HINSTANCE module, int id, bool json) {
-    const std::u16string path = path_of(module);
-    const std::string shown = to_utf8(to_utf16(host_path(path)));
-    const std::string version = version_of(path);
+// What is known of a module, and how the process that looked says it.
+struct Found {
+    int id;
+    std::u16string path;
+};
+
+std::string message_of(const Found& found) {
+    std::string message(reinterpret_cast<const char*>(&found.id), sizeof found.id);
+    return message.append(reinterpret_cast<const char*>(found.path.data()), found.path.size() * sizeof(WCHAR));
+}
+
+Found found_in(const std::string& message) {
+    Found found = {};
+    std::memcpy(&found.id, message.data(), sizeof found.id);
+    found.path.resize((message.size() - sizeof found.id) / sizeof(WCHAR));
+    std::memcpy(found.path.data(), message.data() + sizeof found.id, found.path.size() * sizeof(WCHAR));
+    return found;
+}
+
+void print_module(const Found& module, bool json) {
+    const std::string shown = to_utf8(to_utf16(host_path(module.path)));
+    const std::string version = version_of(module.path);
     if (!json) {
-        print(std::to_string(id) + "\t" + (version.empty() ? "-" : version) + "\t" + printable(shown) + "\n");
+        print(std::to_string(module.id) + "\t" + (version.empty() ? "-" : version) + "\t" + printable(shown) + "\n");
         return;
     }
-    Json line = {{"id", id}, {"version", nullptr}, {"path", shown}};
+    Json line = {{"id", module.id}, {"version", nullptr}, {"path", shown}};
     if (!version.empty()) line.set("version", version);
     print_json_line(line);
 }
 
-// Those that answer one number, as a client finds its companions.
-bool list_wanted(const Options& options, std::u16string folder, std::u16string pattern) {
+// The file, if it is a module that a client would find who looks for companions with this number and version.
+std::optional<Found> find_wanted(const Options& options, std::u16string path) {
+    const std::size_t slash = path.rfind(u'\\');
+    std::u16string folder = path.substr(0, slash);
+    std::u16string name = path.substr(slash + 1);
     const bool any = options.version.empty();
     ZrIModuleEnumerator walk;
-    const int error = walk.start(options.id, any ? _ModuleVersion{} : parse_version(options.version),
-                                 any ? kAnyVersion : options.level, folder.data(), pattern.data());
-    if (error != 0) throw Failure{Exit::Usage, "the folder's path and the pattern are too long together"};
-    bool found = false;
+    if (walk.start(options.id, any ? _ModuleVersion{} : parse_version(options.version),
+                   any ? kAnyVersion : options.level, folder.data(), name.data()) != 0)
+        return std::nullopt;
+    // The name is looked for as a pattern, which others may match.
+    const bool matches_others = name.find_first_of(u"*?") != name.npos;
     for (; walk.isValid(); walk.advance()) {
         const Module module(walk.value());
-        print_module(module.get(), options.id, options.json);
-        found = true;
+        Found found = {static_cast<int>(options.id), path_of(module.get())};
+        if (!matches_others || found.path == path) return found;
     }
-    return found;
+    return std::nullopt;
 }
 
-// Every module that has an identity.
-bool list_all(const Options& options, std::u16string folder, std::u16string pattern) {
+// The file, if it is a module that has an identity.
+std::optional<Found> find_any(const std::u16string& path) {
+    const Module module(LoadLibraryW(path.c_str()));
+    if (!module) return std::nullopt;
+    const auto identity = reinterpret_cast<int (*)()>(GetProcAddressW(module.get(), u"ZrIGetModuleId"));
+    if (!identity) return std::nullopt;
+    const int id = identity();
+    return Found{id, path_of(module.get())};
+}
+
+std::vector<std::u16string> files_of(std::u16string folder, std::u16string pattern) {
     FileEnumerator files;
     if (files.start(folder.data(), pattern.data()) != 0)
         throw Failure{Exit::Usage, "the folder's path and the pattern are too long together"};
-    bool found = false;
+    std::vector<std::u16string> found;
     for (; files.isValid(); files.advance()) {
-        const Module module(LoadLibraryW(files.value()));
-        if (!module) continue;
-        const auto identity = reinterpret_cast<int (*)()>(GetProcAddressW(module.get(), u"ZrIGetModuleId"));
-        if (!identity) continue;
-        print_module(module.get(), identity(), options.json);
-        found = true;
+        found.emplace_back(files.value());
     }
     return found;
 }
@@ -130,10 +158,25 @@ Exit list_modules(const Options& options) {
     if (options.version.empty() && options.level_option.given()) throw Failure{Exit::Usage, "--level needs --version"};
     if (options.level < kExactVersion || options.level > kSomeVersion)
         throw Failure{Exit::Usage, "--level: " + std::to_string(options.level) + " is not a number from 1 to 5"};
-    const std::u16string folder = handheld_folder(options.folder);
-    const std::u16string pattern = to_utf16(options.pattern);
-    const bool found = by_id ? list_wanted(options, folder, pattern) : list_all(options, folder, pattern);
-    return found ? Exit::Ok : Exit::None;
+    if (!options.version.empty()) parse_version(options.version);
+    const std::vector<std::u16string> files = files_of(handheld_folder(options.folder), to_utf16(options.pattern));
+    // To look is to load, and to run what is loaded.
+    SeparateProcess process([&](std::size_t i) {
+        const std::optional<Found> found = by_id ? find_wanted(options, files[i]) : find_any(files[i]);
+        return found ? message_of(*found) : std::string();
+    });
+    Exit code = Exit::None;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        std::string answer;
+        if (!process.ask(i, answer)) {
+            complain(host_path(files[i]) + ": " + process.failure() + "; passed over");
+            code = Exit::DamagedCards;
+        } else if (!answer.empty()) {
+            print_module(found_in(answer), options.json);
+            if (code == Exit::None) code = Exit::Ok;
+        }
+    }
+    return code;
 }
 
 }  // namespace
@@ -151,8 +194,9 @@ void add_modules(Command zr) {
     command.add_flag("--json", options->json, "Print one JSON object per module and line");
     command.footer(
         "A line is the number that the module answers, its version (- for none) and its path. Each file is\n"
-        "loaded to ask it, which runs its code; what cannot be loaded or has no ZrIGetModuleId is left\n"
-        "out. The exit code is 1 when nothing is found.\n"
+        "loaded to ask it, which runs its code, in a process of its own; what cannot be loaded or has no\n"
+        "ZrIGetModuleId is left out, what crashes or does not answer is named. The exit code is 1 when\n"
+        "nothing is found, and 7 when something was named.\n"
         "\n"
         "Examples:\n"
         "  zr modules /usr/lib/client\n"

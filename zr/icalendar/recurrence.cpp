@@ -4,8 +4,8 @@
 #include <platform/platform.h>
 
 #include <algorithm>
-#include <bit>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <string_view>
 #include <vector>

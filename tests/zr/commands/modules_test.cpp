@@ -56,6 +56,26 @@ TEST(ZrModules, FilesThatAreNoModulesAreLeftOut) {
     EXPECT_EQ(modules(folder, {"--id", "7"}).out, modules(folder).out);
 }
 
+TEST(ZrModules, WhatCrashesIsNamedAndPassedOver) {
+    const ModuleFolder folder;
+    folder.add("seven", "a.so");
+    folder.add("crashing", "b.so");
+    folder.add("ending", "c.so");
+    folder.add("seven_plain", "d.so");
+    const std::string path = folder.host().string();
+    for (const std::vector<std::string>& more : {std::vector<std::string>{}, {"--id", "7"}}) {
+        const Result found = modules(folder, more);
+        EXPECT_EQ(found.code, 7);
+        EXPECT_THAT(lines_of(found.out),
+                    UnorderedElementsAre("7\t1.2.3.4 debug\t" + path + "/a.so", "7\t-\t" + path + "/d.so"));
+        const auto errors = lines_of(found.err);
+        EXPECT_THAT(errors, testing::Contains(testing::StartsWith("zr: " + path + "/b.so: crashes")));
+        if (more.empty()) {
+            EXPECT_THAT(errors, testing::Contains("zr: " + path + "/c.so: ends the process that asks it; passed over"));
+        }
+    }
+}
+
 TEST(ZrModules, WrongUsage) {
     const ModuleFolder folder;
     EXPECT_EQ(modules(folder, {"--version", "1.2.3.4"}).code, 2);

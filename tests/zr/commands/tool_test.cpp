@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <filesystem>
@@ -557,6 +558,21 @@ TEST_F(Tool, ShowsALog) {
                                  std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z")));
     EXPECT_LT(lines_of(zr({"log", "show", "--level", "failure", file("zr.log")}).out).size(), records.size());
     expect_failure(zr({"log", "show", file("no.log", "This is text.\n")}), 12, "no.log");
+}
+
+TEST_F(Tool, ReadsNoPipeThatIsNamed) {
+    const std::string pipe = file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    for (const std::vector<std::string>& command : {std::vector<std::string>{"log", "show", pipe},
+                                                    {"contacts", "import", pipe},
+                                                    {"calendar", "import", pipe},
+                                                    {"reg", "import", pipe},
+                                                    {"resolve", pipe}}) {
+        const Result result = zr(command);
+        EXPECT_EQ(result.code, 6) << command[0];
+        EXPECT_NE(result.err.find("pipe: not a file; - reads a pipe\n"), std::string::npos) << result.err;
+    }
+    expect_failure(zr({"log", "show", "/dev/null"}), 6, "not a file");
 }
 
 }  // namespace
