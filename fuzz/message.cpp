@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
     const zr::Message message = zr::read_message(zr::read_from_memory(bytes));
     check((message.status == zr::MessageStatus::Ok) == !message.senders.empty());
-    for (const zr::Sender& sender : zr::split_recipients(zr::recipient_list(message.senders))) {
+    for (const zr::Sender& sender : message.senders) {
         check(zr::is_utf8(sender.name) && zr::is_utf8(sender.address) && !sender.address.empty());
     }
     zr::split_recipients(bytes);

@@ -62,9 +62,7 @@ void add_message(const std::string& path, std::vector<Query>& queries) {
         case MessageStatus::Ok:
             break;
     }
-    const std::vector<Sender> senders = split_recipients(recipient_list(message.senders));
-    if (senders.empty()) throw Failure{Exit::NoSender, file.name() + ": no usable From"};
-    for (const Sender& sender : senders) {
+    for (const Sender& sender : message.senders) {
         queries.push_back({file.name(), message.subject, sender, {}});
     }
 }

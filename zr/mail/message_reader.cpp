@@ -7,11 +7,13 @@
 #include <memory>
 
 #include "zr/base/text.h"
+#include "zr/mail/encoded_words.h"
 
 namespace zr {
 namespace {
 
 constexpr std::size_t kLongestHeader = std::size_t{4} << 20;
+constexpr std::ptrdiff_t kMostColons = 1000;
 
 struct Unref {
     void operator()(gpointer object) const { g_object_unref(object); }
@@ -80,13 +82,40 @@ bool looks_like_header(std::string_view header) {
                        [](char c) { return c > ' ' && c < 0x7F; });
 }
 
-bool is_message(GMimeMessage* message) {
-    GMimeHeaderList* headers = g_mime_object_get_header_list(GMIME_OBJECT(message));
-    static constexpr const char* names[] = {"From",       "To",       "Cc",           "Date",        "Subject",
-                                            "Message-ID", "Received", "MIME-Version", "Return-Path", "Delivered-To",
-                                            "Sender",     "Reply-To", "Content-Type"};
+// Whether the header has a field that only messages have.
+bool names_a_message(std::string_view name) {
+    static constexpr std::string_view names[] = {
+        "From",         "To",          "Cc",           "Date",   "Subject",  "Message-ID",  "Received",
+        "MIME-Version", "Return-Path", "Delivered-To", "Sender", "Reply-To", "Content-Type"};
     return std::any_of(std::begin(names), std::end(names),
-                       [&](const char* name) { return g_mime_header_list_contains(headers, name); });
+                       [&](std::string_view known) { return equal_ignoring_case(known, name); });
+}
+
+// The length of the field that the text begins with: a line and those behind it that begin with a blank.
+std::size_t field_length(std::string_view text) {
+    for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n', end + 1)) {
+        if (end + 1 == text.size() || (text[end + 1] != ' ' && text[end + 1] != '\t')) return end + 1;
+    }
+    return text.size();
+}
+
+// The fields that are read, and nothing else, so that nothing else costs anything. False when it is no message's
+// header. A From in which more groups could stand in each other than anybody writes is left out: the parser goes into
+// each.
+bool pick_fields(std::string_view header, std::string& picked) {
+    bool any = false;
+    while (!header.empty()) {
+        const std::string_view field = header.substr(0, field_length(header));
+        header.remove_prefix(field.size());
+        const std::string_view name = trimmed(field.substr(0, std::min(field.find(':'), field.size())));
+        any = any || names_a_message(name);
+        const bool from = equal_ignoring_case(name, "From");
+        if (!from && !equal_ignoring_case(name, "Subject")) continue;
+        if (from && std::count(field.begin(), field.end(), ':') > kMostColons) continue;
+        picked += with_joined_words(field);
+    }
+    picked += "\r\n";
+    return any;
 }
 
 std::string text_of(const char* text) {
@@ -121,11 +150,13 @@ Message read_message(const ReadFunction& read) {
     }
     result.status = MessageStatus::NotAMessage;
     if (!looks_like_header(header)) return result;
-    const std::unique_ptr<GMimeStream, Unref> stream(g_mime_stream_mem_new_with_buffer(header.data(), header.size()));
+    std::string fields;
+    if (!pick_fields(header, fields)) return result;
+    const std::unique_ptr<GMimeStream, Unref> stream(g_mime_stream_mem_new_with_buffer(fields.data(), fields.size()));
     const std::unique_ptr<GMimeParser, Unref> parser(g_mime_parser_new_with_stream(stream.get()));
     const Options options = parser_options();
     const std::unique_ptr<GMimeMessage, Unref> message(g_mime_parser_construct_message(parser.get(), options.get()));
-    if (!message || !is_message(message.get())) return result;
+    if (!message) return result;
     collect(g_mime_message_get_from(message.get()), result.senders);
     result.subject = text_of(g_mime_message_get_subject(message.get()));
     result.status = result.senders.empty() ? MessageStatus::NoSender : MessageStatus::Ok;

@@ -29,17 +29,4 @@ std::vector<Sender> split_recipients(std::string_view list) {
     return senders;
 }
 
-std::string recipient_list(const std::vector<Sender>& senders) {
-    std::string list;
-    for (const Sender& sender : senders) {
-        if (!list.empty()) list += "; ";
-        for (const char c : sender.name) {
-            // What separates recipients cannot be part of a name.
-            list += c == ';' || c == '<' || c == '>' || c == '"' ? ' ' : c;
-        }
-        list += " <" + sender.address + ">";
-    }
-    return list;
-}
-
 }  // namespace zr

@@ -13,7 +13,4 @@ namespace zr {
 // usable address are left out.
 std::vector<Sender> split_recipients(std::string_view list);
 
-// The senders of a message as such a list.
-std::string recipient_list(const std::vector<Sender>& senders);
-
 }  // namespace zr

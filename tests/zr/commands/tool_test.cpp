@@ -575,4 +575,14 @@ TEST_F(Tool, ReadsNoPipeThatIsNamed) {
     expect_failure(zr({"log", "show", "/dev/null"}), 6, "not a file");
 }
 
+TEST_F(Tool, ResolvesLegalAddressesAsTheyStand) {
+    import(card("A", "a|b@x.org") + card("B", "\"a;b\"@x.org"));
+    const Result pipe = zr({"resolve", "-"}, "From: a|b@x.org\r\n\r\n");
+    EXPECT_EQ(pipe.code, 0) << pipe.out;
+    EXPECT_NE(pipe.out.find("one: A"), std::string::npos) << pipe.out;
+    const Result quoted = zr({"resolve", "-"}, "From: Al <\"a;b\"@x.org>\r\n\r\n");
+    EXPECT_EQ(quoted.code, 0) << quoted.out;
+    EXPECT_NE(quoted.out.find("one: B"), std::string::npos) << quoted.out;
+}
+
 }  // namespace

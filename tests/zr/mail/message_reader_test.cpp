@@ -100,12 +100,41 @@ TEST(Recipients, AreSplitByTheLibrary) {
     EXPECT_TRUE(zr::split_recipients(" ;<>; @ ").empty());
 }
 
-TEST(Recipients, KeepEverySenderApart) {
-    const std::vector<zr::Sender> senders = {{"A; \"B\" <c>", "a@x.y"}, {"", "b@x.y"}};
-    const auto split = zr::split_recipients(zr::recipient_list(senders));
-    ASSERT_EQ(split.size(), 2u);
-    EXPECT_EQ(split[0].address, "a@x.y");
-    EXPECT_EQ(split[1].address, "b@x.y");
+TEST(MessageReader, GivesLegalAddressesAsTheyStand) {
+    expect_sender(with_from("a|b@x.org"), "", "a|b@x.org");
+    expect_sender(with_from("Al <\"a;b\"@x.org>"), "Al", "\"a;b\"@x.org");
+    expect_sender(with_from("\"A; <B>\" <c@x.org>"), "A; <B>", "c@x.org");
+}
+
+TEST(MessageReader, DecodesEncodedWordsOneByOne) {
+    const auto decoded = [](const std::string& words) {
+        const Message message = read("From: jo@x.y\r\nSubject: " + words + "\r\n\r\n");
+        return message.subject;
+    };
+    EXPECT_EQ(decoded("=?UTF-8?B?TXlTdXJ2ZXk=?= =?UTF-8?B?LmNvbSAmIEM=?="), "MySurvey.com & C");
+    EXPECT_EQ(decoded("=?UTF-8?B?TXlTdXJ2ZXk=?=\r\n =?utf-8?q?.com?= x =?UTF-8*en?Q?=C3=A4_b?="), "MySurvey.com x ä b");
+    // Each word begins and ends in ASCII.
+    EXPECT_EQ(decoded("=?ISO-2022-JP?B?GyRCOzNFRBsoQg==?= =?ISO-2022-JP?B?GyRCQkBPOhsoQg==?="), "山田太郎");
+    // Written by programs that cut a character in two.
+    EXPECT_EQ(decoded("=?UTF-8?B?5bE=?= =?UTF-8?B?seeUsA==?="), "山田");
+    EXPECT_EQ(decoded("=?UTF-8?B?TXl?= and =?UTF-8?X?a?="), "My and =?UTF-8?X?a?=");
+    expect_sender(with_from("=?UTF-8?B?Sm8=?= =?UTF-8?B?IERvZQ==?= <jo@x.y>"), "Jo Doe", "jo@x.y");
+}
+
+TEST(MessageReader, GroupsInGroupsEndNothing) {
+    std::string groups;
+    for (int i = 0; i < 40000; ++i) {
+        groups += "a:";
+    }
+    EXPECT_EQ(with_from(groups + " x@y.z").status, MessageStatus::NoSender);
+    EXPECT_EQ(read("To: " + groups + "\r\nFrom: jo@x.y\r\n\r\n").status, MessageStatus::Ok);
+    for (const char* opening : {"(", "<", "\"", "[", "=?", "=?UTF-8?B?", "@", ",", ";"}) {
+        std::string many;
+        for (int i = 0; i < 100000; ++i) {
+            many += opening;
+        }
+        with_from(many + "x@y.z");
+    }
 }
 
 }  // namespace
