@@ -8,6 +8,7 @@
 #include "zr/base/output.h"
 #include "zr/base/output_file.h"
 #include "zr/commands/command.h"
+#include "zr/commands/require_zone.h"
 #include "zr/icalendar/event_writer.h"
 #include "zr/stores/calendar.h"
 
@@ -135,7 +136,10 @@ void add_calendar_export(Command calendar) {
         "Examples:\n"
         "  zr calendar export --output backup.ics\n"
         "  zr calendar export --json | jq '.[].subject'");
-    command.runs([options] { return Export(*options).run(); });
+    command.runs([options] {
+        require_zone();
+        return Export(*options).run();
+    });
 }
 
 }  // namespace zr

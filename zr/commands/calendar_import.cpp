@@ -5,6 +5,7 @@
 
 #include "zr/commands/command.h"
 #include "zr/commands/import.h"
+#include "zr/commands/require_zone.h"
 #include "zr/icalendar/reader.h"
 #include "zr/stores/calendar.h"
 
@@ -101,7 +102,10 @@ void add_calendar_import(Command calendar) {
         "Examples:\n"
         "  zr calendar import work.ics holidays.ics\n"
         "  curl -s https://example.com/calendar.ics | zr calendar import -");
-    command.runs([options] { return CalendarImport(*options).run(); });
+    command.runs([options] {
+        require_zone();
+        return CalendarImport(*options).run();
+    });
 }
 
 }  // namespace zr

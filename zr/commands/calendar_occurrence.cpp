@@ -8,6 +8,7 @@
 #include "zr/commands/calendar_day.h"
 #include "zr/commands/command.h"
 #include "zr/commands/event_rows.h"
+#include "zr/commands/require_zone.h"
 #include "zr/stores/calendar.h"
 
 namespace zr {
@@ -131,7 +132,10 @@ void add_calendar_occurrence(Command calendar) {
         "\n"
         "Example:\n"
         "  zr calendar occurrence 150994945 2026-01-31");
-    command.runs([options] { return Occurrence(*options).run(); });
+    command.runs([options] {
+        require_zone();
+        return Occurrence(*options).run();
+    });
 }
 
 }  // namespace zr

@@ -15,6 +15,7 @@
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
+#include "zr/commands/require_zone.h"
 
 namespace zr {
 namespace {
@@ -39,27 +40,6 @@ struct Zone {
     LONG bias_now() const { return id == TIME_ZONE_ID_DAYLIGHT ? daylight_bias() : standard_bias(); }
 };
 
-std::string zone_name() {
-    std::u16string name(ZrGetZoneName(nullptr, 0) + 1, u'\0');
-    ZrGetZoneName(name.data(), static_cast<DWORD>(name.size()));
-    name.resize(std::char_traits<char16_t>::length(name.c_str()));
-    return to_utf8(name);
-}
-
-Failure no_zone(const std::string& name, DWORD error) {
-    const std::string subject = std::getenv("TZ") != nullptr ? "TZ=" + name : "the system's zone, " + name;
-    switch (error) {
-        case ERROR_FILE_NOT_FOUND:
-            return {Exit::NoZone, subject + ": there is no such zone"};
-        case ERROR_FILE_CORRUPT:
-            return {Exit::NoZone, subject + ": this is no zone data"};
-        case ERROR_ACCESS_DENIED:
-            return {Exit::NoZone, subject + ": the zone data may not be read"};
-        default:
-            return {Exit::NoZone, subject + ": the zone data cannot be read: error " + std::to_string(error)};
-    }
-}
-
 // 0 says that there is no number, and is the number of the zone twelve hours west.
 std::optional<WORD> index_of(const Zone& zone, bool coarse) {
     constexpr LONG kBiasOfIndex0 = 720;
@@ -71,8 +51,7 @@ std::optional<WORD> index_of(const Zone& zone, bool coarse) {
 Zone device_zone(LONG transitions) {
     Zone zone;
     zone.name = zone_name();
-    zone.id = GetTimeZoneInformation(&zone.information);
-    if (zone.id == TIME_ZONE_ID_INVALID) throw no_zone(zone.name, GetLastError());
+    zone.id = require_zone(zone.information);
     zone.exact = index_of(zone, false);
     zone.coarse = index_of(zone, true);
     GetSystemTimeAsFileTime(&zone.now);
