@@ -35,9 +35,36 @@ constexpr const char* kSteps[] = {
     "INSERT INTO change SELECT " ZR_STORE_FIRST_SEQ ", 3, 0, 0;",
 };
 
+constexpr StoreTable kTables[] = {
+    {"contact", "oid"},
+    {"entry", "oid"},
+    {"property", "oid"},
+    {"exception", "oid"},
+};
+
+// Identifiers below a folder's next one are in use or free.
+DWORD mend(Connection& connection) {
+    return connection.execute(
+        "DELETE FROM property WHERE oid > 16777216 AND oid >> 24 IN (9, 13)"
+        " AND oid NOT IN (SELECT oid FROM entry);"
+        "DELETE FROM property WHERE oid < 16777216 AND oid NOT IN (SELECT oid FROM contact);"
+        "DELETE FROM exception WHERE oid NOT IN (SELECT oid FROM entry);"
+        "UPDATE folder SET next = 1 + coalesce((SELECT max(oid) FROM contact), 0) WHERE id = 10;"
+        "UPDATE folder SET next = 1 + coalesce((SELECT max(oid) FROM entry WHERE oid >> 24 = folder.id), id << 24)"
+        " WHERE id IN (9, 13);"
+        "DELETE FROM free_oid;"
+        "WITH RECURSIVE below(oid, stop) AS (SELECT 1, next FROM folder WHERE id = 10 UNION ALL"
+        " SELECT oid + 1, stop FROM below WHERE oid + 1 < stop)"
+        " INSERT INTO free_oid SELECT oid FROM below WHERE oid < stop AND oid NOT IN (SELECT oid FROM contact);"
+        "WITH RECURSIVE below(oid, stop) AS (SELECT id << 24 | 1, next FROM folder WHERE id IN (9, 13) UNION ALL"
+        " SELECT oid + 1, stop FROM below WHERE oid + 1 < stop)"
+        " INSERT INTO free_oid SELECT oid FROM below WHERE oid < stop AND oid NOT IN (SELECT oid FROM entry);");
+}
+
 }  // namespace
 
-const StoreKind kContactStore = {kStoreName,
+const StoreKind kContactStore = {"contacts",
+                                 kStoreName,
                                  "pim.db",
                                  kApplicationId,
                                  kSteps,
@@ -50,6 +77,14 @@ const StoreKind kContactStore = {kStoreName,
                                  "SELECT NOT EXISTS(SELECT 1 FROM contact JOIN free_oid USING(oid))"
                                  " AND NOT EXISTS(SELECT 1 FROM entry JOIN free_oid USING(oid))"
                                  " AND (SELECT count(*) FROM folder) = 3",
+                                 kTables,
+                                 &mend,
                                  false};
+
+namespace {
+
+const KnownStore known(kContactStore);
+
+}  // namespace
 
 }  // namespace zr::platform::pim

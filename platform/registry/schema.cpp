@@ -1,6 +1,10 @@
 #include "schema.h"
 
+#include <string>
+#include <vector>
+
 #include "last_error.h"
+#include "names.h"
 
 namespace zr::platform::registry {
 namespace {
@@ -30,11 +34,64 @@ constexpr const char* kSteps[] = {
     "INSERT INTO change SELECT " ZR_STORE_FIRST_SEQ ", 2, 1, X'', X'', 0;",
 };
 
+constexpr StoreTable kTables[] = {{"key", "id"}, {"value", "key"}};
+
+void bind_name(Use& statement, int index, std::u16string_view name) {
+    statement->bind_blob(index, name.data(), name.size() * sizeof(WCHAR));
+}
+
+DWORD add_key(Connection& connection, LONGLONG id, LONGLONG parent, std::u16string_view name) {
+    const FoldedName folded(name);
+    Use statement = connection.use("INSERT OR IGNORE INTO key VALUES(?1, ?2, ?3, ?4, X'')");
+    if (!statement) return connection.error();
+    statement->bind(1, id);
+    statement->bind(2, parent);
+    bind_name(statement, 3, folded.view());
+    bind_name(statement, 4, name);
+    return connection.run(statement);
+}
+
+// What lay in a key that was lost gets one in its place, named by its number.
+DWORD mend(Connection& connection) {
+    constexpr LONGLONG kCurrentUser = kFirstRoot + 1;
+    constexpr LONGLONG kRecovered = kFirstRoot + kRoots;
+    LONGLONG present = 0;
+    if (connection.scalar("SELECT count(*) FROM key WHERE id = 5", present) != ERROR_SUCCESS) return connection.error();
+    std::vector<LONGLONG> lost;
+    {
+        const Use rows = connection.use(
+            "SELECT parent FROM key WHERE id > 4 UNION SELECT key FROM value EXCEPT SELECT id FROM key ORDER BY 1");
+        if (!rows) return connection.error();
+        int code;
+        while ((code = rows->step()) == SQLITE_ROW) {
+            lost.push_back(rows->integer(0));
+        }
+        if (code != SQLITE_DONE) return connection.error();
+    }
+    if (lost.empty()) return ERROR_SUCCESS;
+    // The fifth key is the oldest one that is no root, so whatever comes below it is younger.
+    LONGLONG home = kCurrentUser;
+    if (present == 0) {
+        if (const DWORD error = add_key(connection, kRecovered, kCurrentUser, u"Recovered"); error != ERROR_SUCCESS)
+            return error;
+        home = kRecovered;
+    }
+    for (const LONGLONG id : lost) {
+        if (id <= home) continue;
+        const std::string number = "Recovered " + std::to_string(id);
+        const DWORD error = add_key(connection, id, home, std::u16string(number.begin(), number.end()));
+        if (error != ERROR_SUCCESS) return error;
+    }
+    return connection.execute(
+        "DELETE FROM key WHERE id > 4 AND parent >= id;"
+        "DELETE FROM value WHERE key NOT IN (SELECT id FROM key);");
+}
+
 }  // namespace
 
 // A commit is not synced: RegFlushKey does that. SQLite itself still syncs where it must to keep the file whole: the
 // journal before a checkpoint copies from it, the file before the journal is begun anew, and the journal's new front.
-const StoreKind kRegistryStore = {kStoreName, "registry.db", kApplicationId, kSteps,
+const StoreKind kRegistryStore = {"registry", kStoreName, "registry.db", kApplicationId, kSteps,
                                   "PRAGMA page_size = 1024;"
                                   "PRAGMA journal_mode = WAL;"
                                   "PRAGMA synchronous = NORMAL;"
@@ -45,6 +102,12 @@ const StoreKind kRegistryStore = {kStoreName, "registry.db", kApplicationId, kSt
                                   "SELECT NOT EXISTS(SELECT 1 FROM key AS k WHERE id > 4 AND (parent >= id OR"
                                   " NOT EXISTS(SELECT 1 FROM key WHERE id = k.parent)))"
                                   " AND (SELECT count(*) FROM key WHERE id <= 4 AND parent = 0) = 4",
-                                  true};
+                                  kTables, &mend, true};
+
+namespace {
+
+const KnownStore known(kRegistryStore);
+
+}  // namespace
 
 }  // namespace zr::platform::registry

@@ -371,7 +371,7 @@ int x_check_reserved_lock(sqlite3_file* base, int* result) {
 }
 
 // Beside SQLite's: the marks (read_marks and so on).
-enum Control : int { kReadMarks = 0x5A720001, kMarkCommitted };
+enum Control : int { kReadMarks = 0x5A720001, kMarkCommitted, kExpectPages };
 
 int control_marks(File& file, int what, void* argument) {
     MarkBytes bytes;
@@ -380,6 +380,11 @@ int control_marks(File& file, int what, void* argument) {
         if (!file.checked) return SQLITE_OK;
         put_committed(bytes.data(), *static_cast<const LONGLONG*>(argument), boot_number());
         return write_mark(file, bytes.data(), kJournalAt, 0);
+    }
+    if (what == kExpectPages) {
+        file.page_size = *static_cast<const int*>(argument);
+        file.checked = true;
+        return SQLITE_OK;
     }
     const int result = file.read(bytes.data(), kMarksSize, kMarksAt);
     if (result != SQLITE_OK) return result;
@@ -391,7 +396,7 @@ int control_marks(File& file, int what, void* argument) {
 
 int x_file_control(sqlite3_file* base, int what, void* argument) {
     File& file = file_of(base);
-    if (what >= kReadMarks && what <= kMarkCommitted) return control_marks(file, what, argument);
+    if (what >= kReadMarks && what <= kExpectPages) return control_marks(file, what, argument);
     return file.methods()->xFileControl(file.real(), what, argument);
 }
 
@@ -502,6 +507,10 @@ int read_marks(sqlite3* database, StoreMarks& marks) noexcept {
 
 int mark_committed(sqlite3* database, LONGLONG seq) noexcept {
     return sqlite3_file_control(database, "main", kMarkCommitted, &seq);
+}
+
+int expect_pages(sqlite3* database, int page_size) noexcept {
+    return sqlite3_file_control(database, "main", kExpectPages, &page_size);
 }
 
 std::uint32_t journal_number(sqlite3* database) noexcept {

@@ -41,13 +41,13 @@ int make_private_file(const std::string& path) {
     return error == ENOENT ? open_private_file(path, 0, nullptr) : error;
 }
 
-std::string free_name(const std::string& path) {
+std::string free_name(const std::string& path, const char* reason) {
     char when[32];
     const std::time_t now = std::time(nullptr);
     std::tm parts = {};
     localtime_r(&now, &parts);
     std::strftime(when, sizeof when, "%Y%m%d-%H%M%S", &parts);
-    const std::string base = path + ".damaged-" + when;
+    const std::string base = path + "." + reason + "-" + when;
     std::string name = base;
     for (int i = 2; access(name.c_str(), F_OK) == 0; ++i) {
         name = base + "-" + std::to_string(i);
@@ -63,17 +63,10 @@ void change_index(const std::string& path) {
     static_cast<void>(!pwrite(file.get(), noise, sizeof noise, 0));
 }
 
-// The journal goes with its file: it may hold the only copy of the last changes. Writers are kept out meanwhile, so
-// that nothing is ever written to what has its new name.
 StoreOpening set_aside(const StoreKind& kind, const std::string& path, const Bell& bell) {
-    Bell::Pull alone;
-    if (const int error = alone.take_alone(bell); error != 0) return host_failure(kind, path, error);
-    const std::string name = free_name(path);
-    if (rename(path.c_str(), name.c_str()) != 0) return host_failure(kind, path, errno);
-    rename((path + "-wal").c_str(), (name + "-wal").c_str());
-    change_index(path);
-    unlink((path + "-shm").c_str());
-    unlink(suspicion(path).c_str());
+    std::string name;
+    if (const int error = replace_store(path, "damaged", {}, bell, name); error != 0)
+        return host_failure(kind, path, error);
     StoreOpening result;
     result.error = ERROR_FILE_CORRUPT;
     result.set_aside = true;
@@ -95,14 +88,14 @@ constexpr const char* kTables =
     "SELECT group_concat(type || ' ' || name || ' ' || coalesce(sql, ''), ';') FROM"
     " (SELECT * FROM sqlite_master WHERE name NOT LIKE 'sqlite_stat%' ORDER BY type, name)";
 
-DWORD read_text(Connection& connection, const char* sql, std::u16string& text) {
+DWORD read_text(Connection& connection, const char* sql, std::string& text) {
     const Use row = connection.use(sql);
     if (!row || row->step() != SQLITE_ROW) return connection.error();
-    text = row->text(0);
+    text = row->utf8(0);
     return ERROR_SUCCESS;
 }
 
-DWORD make_tables(const StoreKind& kind, Connection& connection, LONGLONG from) {
+DWORD take_steps(const StoreKind& kind, Connection& connection, LONGLONG from) {
     for (auto i = static_cast<std::size_t>(from); i < kind.steps.size(); ++i) {
         if (const DWORD error = connection.execute(kind.steps[i]); error != ERROR_SUCCESS) return error;
     }
@@ -115,10 +108,10 @@ DWORD examine_content(const StoreKind& kind, Connection& connection) {
     if (const DWORD error = connection.scalar("PRAGMA user_version", version); error != ERROR_SUCCESS) return error;
     if (version != static_cast<LONGLONG>(kind.steps.size())) return ERROR_SUCCESS;
     Connection model;
-    std::u16string wanted;
-    std::u16string found;
+    std::string wanted;
+    std::string found;
     DWORD error = model.open(":memory:");
-    if (error == ERROR_SUCCESS) error = make_tables(kind, model, 0);
+    if (error == ERROR_SUCCESS) error = take_steps(kind, model, 0);
     if (error == ERROR_SUCCESS) error = read_text(model, kTables, wanted);
     if (error != ERROR_SUCCESS) return error;
     error = read_text(connection, kTables, found);
@@ -129,16 +122,21 @@ DWORD examine_content(const StoreKind& kind, Connection& connection) {
     return error == ERROR_SUCCESS && sound != 1 ? ERROR_FILE_CORRUPT : error;
 }
 
-DWORD examine(const StoreKind& kind, const std::string& path, Connection& connection) {
-    if (access(suspicion(path).c_str(), F_OK) != 0) return ERROR_SUCCESS;
+// Reads everything.
+DWORD examine(const StoreKind& kind, Connection& connection) {
     {
         const Use check = connection.use("PRAGMA integrity_check(1)");
         if (!check || check->step() != SQLITE_ROW) return connection.error();
-        if (check->text(0) != u"ok") return ERROR_FILE_CORRUPT;
+        if (check->utf8(0) != "ok") return ERROR_FILE_CORRUPT;
     }
-    if (const DWORD error = examine_content(kind, connection); error != ERROR_SUCCESS) return error;
-    unlink(suspicion(path).c_str());
-    return ERROR_SUCCESS;
+    return examine_content(kind, connection);
+}
+
+DWORD examine_where_suspected(const StoreKind& kind, const std::string& path, Connection& connection) {
+    if (access(suspicion(path).c_str(), F_OK) != 0) return ERROR_SUCCESS;
+    const DWORD error = examine(kind, connection);
+    if (error == ERROR_SUCCESS) unlink(suspicion(path).c_str());
+    return error;
 }
 
 // A journal that is begun anew has the next number.
@@ -193,7 +191,7 @@ StoreOpening migrate(const StoreKind& kind, const std::string& path, Connection&
                 false, false};
     if (version == latest) return {};
     error = connection.execute("BEGIN IMMEDIATE");
-    if (error == 0) error = make_tables(kind, connection, version);
+    if (error == 0) error = take_steps(kind, connection, version);
     const std::string stamp = "PRAGMA user_version = " + std::to_string(latest);
     if (error == 0) error = connection.execute(stamp.c_str());
     if (error == 0) error = connection.execute("COMMIT");
@@ -207,7 +205,7 @@ StoreOpening open_as_it_is(const StoreKind& kind, const std::string& path, Conne
     DWORD error = connection.open(path);
     if (error == 0) error = connection.execute(kind.settings);
     if (error == 0) error = check_journal(connection);
-    if (error == 0) error = examine(kind, path, connection);
+    if (error == 0) error = examine_where_suspected(kind, path, connection);
     return failure(kind, error, connection);
 }
 
@@ -264,6 +262,41 @@ StoreOpening open_store(const StoreKind& kind, const std::string& path, const Be
     StoreOpening result = prepare(kind, path, connection);
     if (!result) connection.close();
     return result.error == ERROR_FILE_CORRUPT ? set_aside(kind, path, bell) : result;
+}
+
+StoreOpening examine_store(const StoreKind& kind, const std::string& path) {
+    Connection connection;
+    StoreOpening result = prepare(kind, path, connection);
+    if (result) {
+        const DWORD error = examine(kind, connection);
+        if (error != ERROR_SUCCESS) result = {error, {}, false, false};
+    }
+    connection.close();
+    unlink(suspicion(path).c_str());
+    if (result.error == ERROR_FILE_CORRUPT) result.message = path + " is damaged.";
+    return result;
+}
+
+DWORD make_tables(const StoreKind& kind, Connection& connection) {
+    DWORD error = connection.execute(kind.settings);
+    if (error == ERROR_SUCCESS) error = take_steps(kind, connection, 0);
+    const std::string stamp = "PRAGMA user_version = " + std::to_string(kind.steps.size());
+    return error == ERROR_SUCCESS ? connection.execute(stamp.c_str()) : error;
+}
+
+// The journal goes with its file: it may hold the only copy of the last changes. Writers are kept out meanwhile, so
+// that nothing is ever written to what has its new name.
+int replace_store(const std::string& path, const char* reason, const std::string& by, const Bell& bell,
+                  std::string& name) {
+    Bell::Pull alone;
+    if (const int error = alone.take_alone(bell); error != 0) return error;
+    name = free_name(path, reason);
+    if (rename(path.c_str(), name.c_str()) != 0 && (errno != ENOENT || by.empty())) return errno;
+    rename((path + "-wal").c_str(), (name + "-wal").c_str());
+    change_index(path);
+    unlink((path + "-shm").c_str());
+    unlink(suspicion(path).c_str());
+    return by.empty() || rename(by.c_str(), path.c_str()) == 0 ? 0 : errno;
 }
 
 DWORD open_connection(const StoreKind& kind, const std::string& path, Connection& connection) {

@@ -1,9 +1,40 @@
 #pragma once
 
-// The files in which the platform keeps what outlives a process: the registry, the contacts.
+// The files in which the platform keeps what outlives a process: the registry, the contacts and appointments. Looking
+// after them: examining, backing up, bringing back.
+//
+// Paths are the host's, UTF-8. Results are system error codes; ZrStoreLastErrorText says more. Any thread. Programs
+// that have a store open go on: while it is copied, and in the one that takes its place.
 
+#include "platform/errors.h"
 #include "platform/export.h"
 #include "platform/types.h"
+
+// The stores that there are, "registry" and "contacts", from 0; NULL behind the last one.
+ZRPLATFORM_API LPCSTR ZrStoreName(DWORD index);
+
+// Reads all of a store. ERROR_SUCCESS; ERROR_FILE_NOT_FOUND when nothing was kept so far; ERROR_FILE_CORRUPT when it is
+// damaged: it was set aside, and the text says as what; ERROR_INVALID_NAME for a store that there is not; ERROR_BUSY,
+// ERROR_REVISION_MISMATCH (a newer version wrote it), ERROR_ACCESS_DENIED and others when it cannot be read.
+ZRPLATFORM_API LONG ZrStoreCheck(LPCSTR store);
+
+// Writes a store as it is at one moment into a new file, which is a store itself. ERROR_FILE_EXISTS when `to` is there;
+// else as ZrStoreCheck, and ERROR_DISK_FULL. `to` is whole or not there.
+ZRPLATFORM_API LONG ZrStoreBackUp(LPCSTR store, LPCSTR to);
+
+// Writes what can be read of a store that was set aside, or of any other file of a store, into a new file. `from` is
+// not changed, and its journal, which lies beside it, is read too. What is damaged is left out, never guessed; what lay
+// in a registry key that was lost is in one named "Recovered" and a number below HKEY_CURRENT_USER. `items` gets the
+// number of rows. ERROR_BAD_FORMAT when it is no store's file; ERROR_FILE_CORRUPT when nothing can be read.
+ZRPLATFORM_API LONG ZrStoreRecover(LPCSTR from, LPCSTR to, ULONGLONG* items);
+
+// Puts a copy of `from`, a store's file that is whole, in the place of the store of its kind. The present one is
+// renamed (NAME.replaced-DATE), and is not changed any more. ERROR_BAD_FORMAT, ERROR_FILE_CORRUPT,
+// ERROR_REVISION_MISMATCH when `from` cannot be it.
+ZRPLATFORM_API LONG ZrStoreRestore(LPCSTR from);
+
+// What the calling thread's last call had to say; empty when that is nothing. Valid until its next one.
+ZRPLATFORM_API LPCSTR ZrStoreLastErrorText();
 
 // The name of the SQLite layer (VFS) through which the stores' files are read and written in this process, for programs
 // that look into them with SQLite's own calls (sqlite3_open_v2). Every page has a checksum there: what is written past

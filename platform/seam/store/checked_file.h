@@ -28,6 +28,9 @@ const char* checked_vfs() noexcept;
 
 // Has the pages of a new database get checksums, and of what VACUUM INTO makes of an old one. 0 or SQLite's error.
 int reserve_checksums(sqlite3* database) noexcept;
+// A new file gets pages of that size, in any order, with checksums: for a copy that is made page by page.
+int expect_pages(sqlite3* database, int page_size) noexcept;
+
 // What a file's marks say. With the database's file open and read from once.
 struct StoreMarks {
     bool checked;           // the file's pages have checksums

@@ -40,12 +40,22 @@ public:
     bool is_null(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
     LONGLONG integer(int column) const { return sqlite3_column_int64(statement_, column); }
     double real(int column) const { return sqlite3_column_double(statement_, column); }
-    // The units of a text or blob; valid until the next step.
+    // The units of a blob, or of a text in a store of UTF-16; valid until the next step.
     std::u16string_view text(int column) const {
         // In this order: asking for the bytes first could convert.
         const void* units = sqlite3_column_blob(statement_, column);
         const int size = sqlite3_column_bytes16(statement_, column);
         return {static_cast<const WCHAR*>(units), static_cast<std::size_t>(size) / sizeof(WCHAR)};
+    }
+    // Text in whatever encoding the store has, as UTF-8; valid until the next step.
+    std::string_view utf8(int column) const {
+        const unsigned char* characters = sqlite3_column_text(statement_, column);
+        const int size = sqlite3_column_bytes(statement_, column);
+        return {reinterpret_cast<const char*>(characters), static_cast<std::size_t>(size)};
+    }
+    // Binds a column of this row to another statement.
+    void copy(int column, Statement& to, int index) const {
+        sqlite3_bind_value(to.statement_, index, sqlite3_column_value(statement_, column));
     }
     std::string_view blob(int column) const {
         const void* bytes = sqlite3_column_blob(statement_, column);

@@ -18,15 +18,29 @@ class Bell;
 // in each of them, so they never meet the numbers of an earlier store of the same name.
 #define ZR_STORE_FIRST_SEQ "CAST((julianday('now') - 2440587.5) * 86400000000 AS INTEGER)"
 
+// A table whose rows are brought back one by one, by a column of numbers that orders it.
+struct StoreTable {
+    const char* name;
+    const char* key;
+};
+
 // What kind of store a file is to be.
 struct StoreKind {
+    const char* id;                      // for people: "contacts"
     const char* name;                    // in sentences: "contact store"
     const char* file;                    // its name below the state folder
     LONGLONG application_id;             // written into the file by the first step
     std::span<const char* const> steps;  // step i brings a store from version i to version i + 1
     const char* settings;                // statements for every connection; the file's encoding must come first
     const char* sound;                   // a query: 1 when the rows fit each other; asked where damage is suspected
+    std::span<const StoreTable> tables;  // all but the log of changes
+    DWORD (*mend)(Connection&);          // makes rows fit each other of which some were lost
     bool begins_anew;                    // the call that sets a damaged store aside goes on with an empty one
+};
+
+// All kinds, for what looks after every store. A static object of its family.
+struct KnownStore {
+    explicit KnownStore(const StoreKind& kind) noexcept;
 };
 
 struct StoreOpening {
@@ -47,6 +61,19 @@ StoreOpening open_store(const StoreKind& kind, const std::string& path, const Be
 
 // Opens a further connection to a store that open_store opened; an error is the connection's.
 DWORD open_connection(const StoreKind& kind, const std::string& path, Connection& connection);
+
+// Opens a file that is to be the kind's store, brings it to this version, reads all of it and closes it, without a
+// journal. An error says why it cannot be the store; nothing is set aside.
+StoreOpening examine_store(const StoreKind& kind, const std::string& path);
+
+// The tables of the kind, in an empty file; a system error code.
+DWORD make_tables(const StoreKind& kind, Connection& connection);
+
+// Renames the store as NAME.REASON-DATE, with its journal, and puts `by` in its place unless that is empty. Everybody
+// who has the store open notices. With the store's lock held; nobody is in the middle of a change meanwhile. 0 or the
+// host's error number; `name` is the new one.
+int replace_store(const std::string& path, const char* reason, const std::string& by, const Bell& bell,
+                  std::string& name);
 
 // The mark that a connection leaves beside a store that turned out to be damaged: the next opening examines it whole.
 std::string suspicion(const std::string& path);

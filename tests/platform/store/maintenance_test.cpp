@@ -1,0 +1,234 @@
+// Examining, backing up and bringing back stores.
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "platform/pim/session_support.h"
+#include "platform/registry/registry_support.h"
+#include "platform/stores.h"
+#include "support/child.h"
+#include "support/forked.h"
+#include "support/sandbox.h"
+#include "support/sql.h"
+
+namespace {
+
+using namespace zr::test;
+namespace fs = std::filesystem;
+
+std::string contacts_file() {
+    return sandbox_home() / "pim.db";
+}
+std::string registry_file() {
+    return sandbox_home() / "registry.db";
+}
+std::string beside(const char* name) {
+    return sandbox() / name;
+}
+bool says(std::string_view part) {
+    return std::string_view(ZrStoreLastErrorText()).find(part) != std::string_view::npos;
+}
+
+std::u16string long_text(int number) {
+    return std::u16string(400, static_cast<WCHAR>(u'a' + number % 26));
+}
+
+void fill(int contacts) {
+    TestSession session;
+    const auto store = session.store();
+    ASSERT_EQ(store->BeginBatch(), S_OK);
+    for (int i = 0; i < contacts; ++i) {
+        const auto made = session.fresh();
+        made->put_LastName(in(long_text(i).c_str()));
+        made->put_Body(in(long_text(i + 1).c_str()));
+        ASSERT_EQ(made->Save(), S_OK);
+    }
+    ASSERT_EQ(store->CommitBatch(), S_OK);
+}
+
+void damage_pages(const std::string& file, int from, int to) {
+    const int size = std::stoi(query(file, "PRAGMA page_size"));
+    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+    for (int page = from; page < to; ++page) {
+        stream.seekp(page * size + 200);
+        stream << "damage";
+    }
+}
+
+int contacts_now() {
+    return in_fork([] {
+        TestSession session;
+        return session.logon == S_OK ? count(*session.items().get()) % 200 : 250;
+    });
+}
+
+class Maintenance : public testing::Test {
+protected:
+    void SetUp() override {
+        fs::remove_all(sandbox_home());
+        for (const char* name : {"backup.db", "recovered.db"}) {
+            fs::remove(beside(name));
+        }
+    }
+};
+
+TEST_F(Maintenance, NamesTheStores) {
+    EXPECT_EQ(std::string(ZrStoreName(0)) + ZrStoreName(1), std::string("registrycontacts"));
+    EXPECT_EQ(ZrStoreName(2), nullptr);
+    EXPECT_EQ(ZrStoreName(1000), nullptr);
+    EXPECT_EQ(ZrStoreCheck("letters"), code(ERROR_INVALID_NAME));
+    EXPECT_EQ(ZrStoreCheck(nullptr), code(ERROR_INVALID_NAME));
+    EXPECT_EQ(ZrStoreCheck("contacts"), code(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(ZrStoreBackUp("contacts", beside("backup.db").c_str()), code(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(ZrStoreBackUp("contacts", nullptr), code(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(ZrStoreRestore(nullptr), code(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(ZrStoreRecover(beside("nothing").c_str(), beside("recovered.db").c_str(), nullptr),
+              code(ERROR_FILE_NOT_FOUND));
+}
+
+TEST_F(Maintenance, ExaminesAStoreWhileItIsOpen) {
+    fill(100);
+    TestSession session;
+    EXPECT_EQ(ZrStoreCheck("contacts"), kOk);
+    EXPECT_FALSE(fs::exists(contacts_file() + ".suspect"));
+    session.add(u"still", u"works");
+    EXPECT_EQ(contacts_now(), 101);
+}
+
+TEST_F(Maintenance, FindsDamageThatNobodyHasMet) {
+    fill(300);
+    damage_pages(contacts_file(), 60, 61);
+    EXPECT_EQ(ZrStoreCheck("contacts"), code(ERROR_FILE_CORRUPT));
+    EXPECT_TRUE(says("set aside as"));
+    EXPECT_EQ(ZrStoreCheck("contacts"), code(ERROR_FILE_NOT_FOUND));
+}
+
+TEST_F(Maintenance, BacksUpWhileOthersWrite) {
+    fill(50);
+    const std::string backup = beside("backup.db");
+    {
+        TestSession session;
+        const Forked writer([] {
+            TestSession own;
+            for (int i = 0; i < 200; ++i) {
+                own.add(u"meanwhile", u"");
+            }
+            return 0;
+        });
+        EXPECT_EQ(ZrStoreBackUp("contacts", backup.c_str()), kOk) << ZrStoreLastErrorText();
+        EXPECT_EQ(ZrStoreBackUp("contacts", backup.c_str()), code(ERROR_FILE_EXISTS));
+        EXPECT_EQ(writer.wait(), 0);
+    }
+    EXPECT_EQ(fs::status(backup).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(query(backup, "PRAGMA integrity_check"), "ok");
+    const int kept = std::stoi(query(backup, "SELECT count(*) FROM contact"));
+    EXPECT_GE(kept, 50);
+    EXPECT_LE(kept, 250);
+    EXPECT_EQ(query(backup, "SELECT next - 1 FROM folder WHERE id = 10"), std::to_string(kept)) << "of one moment";
+    EXPECT_EQ(contacts_now(), 50);
+}
+
+TEST_F(Maintenance, RestoresABackupUnderOpenSessions) {
+    fill(30);
+    const std::string backup = beside("backup.db");
+    ASSERT_EQ(ZrStoreBackUp("contacts", backup.c_str()), kOk) << ZrStoreLastErrorText();
+    TestSession session;
+    for (int i = 0; i < 5; ++i) {
+        session.add(u"later", u"");
+    }
+    ASSERT_EQ(count(*session.items().get()), 35);
+    ASSERT_EQ(ZrStoreRestore(backup.c_str()), kOk) << ZrStoreLastErrorText();
+    EXPECT_TRUE(says(".replaced-"));
+    EXPECT_EQ(count(*session.items().get()), 30);
+    EXPECT_EQ(session.add(u"now", u""), 31);
+    EXPECT_EQ(contacts_now(), 31);
+    EXPECT_EQ(query(backup, "SELECT count(*) FROM contact"), "30") << "a copy was put in place";
+    EXPECT_EQ(ZrStoreCheck("contacts"), kOk);
+}
+
+TEST_F(Maintenance, RefusesToRestoreWhatIsNotWhole) {
+    fill(300);
+    const std::string backup = beside("backup.db");
+    ASSERT_EQ(ZrStoreBackUp("contacts", backup.c_str()), kOk);
+    damage_pages(backup, 40, 41);
+    EXPECT_EQ(ZrStoreRestore(backup.c_str()), code(ERROR_FILE_CORRUPT));
+    EXPECT_EQ(contacts_now(), 300 % 200);
+    std::ofstream(beside("recovered.db")) << "something else";
+    EXPECT_EQ(ZrStoreRestore(beside("recovered.db").c_str()), code(ERROR_BAD_FORMAT));
+    for (const auto& entry : fs::directory_iterator(sandbox_home())) {
+        EXPECT_EQ(entry.path().string().find(".new"), std::string::npos) << entry.path();
+    }
+}
+
+// Contacts that lie in whole pages come back as they were; the others do not come back.
+TEST_F(Maintenance, RecoversWhatIsReadable) {
+    constexpr int kAll = 300;
+    fill(kAll);
+    const std::string damaged = beside("backup.db");
+    fs::copy_file(contacts_file(), damaged);
+    damage_pages(damaged, 50, 60);
+    damage_pages(damaged, 90, 91);
+    const std::string recovered = beside("recovered.db");
+    ULONGLONG items = 0;
+    ASSERT_EQ(ZrStoreRecover(damaged.c_str(), recovered.c_str(), &items), kOk) << ZrStoreLastErrorText();
+    EXPECT_GT(items, 200u);
+    EXPECT_LT(items, 2u * kAll);
+    EXPECT_EQ(query(recovered, "PRAGMA integrity_check"), "ok");
+    ASSERT_EQ(ZrStoreRestore(recovered.c_str()), kOk) << ZrStoreLastErrorText();
+    EXPECT_EQ(ZrStoreCheck("contacts"), kOk) << ZrStoreLastErrorText();
+    EXPECT_EQ(in_fork([] {
+                  TestSession session;
+                  const auto items_now = session.items();
+                  const INT there = count(*items_now.get());
+                  if (there < kAll / 2 || there >= kAll) return 1;
+                  for (INT i = 1; i <= there; ++i) {
+                      const LONG oid = oid_at(*items_now.get(), i);
+                      const auto item = session.contact(oid);
+                      if (text(*item.get(), &IContact::get_LastName) != long_text(oid - 1)) return 2;
+                      const std::u16string body = text(*item.get(), &IContact::get_Body);
+                      if (!body.empty() && body != long_text(oid)) return 3;
+                  }
+                  // The identifiers of those that were lost are free.
+                  return session.add(u"new", u"") <= kAll ? 0 : 4;
+              }),
+              0);
+}
+
+TEST_F(Maintenance, RecoversKeysWhoseParentsWereLost) {
+    EXPECT_EQ(in_fork([] {
+                  const Key key = create(HKEY_CURRENT_USER, u"lost\\below");
+                  set_dword(key, u"kept", 7);
+                  return set_dword(create(HKEY_LOCAL_MACHINE, u"other"), u"v", 1) == kOk ? 0 : 1;
+              }),
+              0);
+    query(registry_file(), "DELETE FROM key WHERE name = CAST(X'6C006F0073007400' AS BLOB)");
+    EXPECT_EQ(query(registry_file(), "SELECT count(*) FROM key"), "6");
+    const std::string recovered = beside("recovered.db");
+    ASSERT_EQ(ZrStoreRecover(registry_file().c_str(), recovered.c_str(), nullptr), kOk) << ZrStoreLastErrorText();
+    ASSERT_EQ(ZrStoreRestore(recovered.c_str()), kOk) << ZrStoreLastErrorText();
+    EXPECT_EQ(in_fork([] {
+                  Key key;
+                  if (open(HKEY_CURRENT_USER, u"Recovered\\below", key) != kOk &&
+                      open(HKEY_CURRENT_USER, u"Recovered 5\\below", key) != kOk)
+                      return 1;
+                  if (get_dword(key, u"kept") != 7) return 2;
+                  return get_dword(create(HKEY_LOCAL_MACHINE, u"other"), u"v") == 1 ? 0 : 3;
+              }),
+              0);
+    EXPECT_EQ(ZrStoreCheck("registry"), kOk) << ZrStoreLastErrorText();
+}
+
+TEST_F(Maintenance, SaysWhenNothingCanBeRead) {
+    fill(10);
+    damage_pages(contacts_file(), 0, 1);
+    EXPECT_EQ(ZrStoreRecover(contacts_file().c_str(), beside("recovered.db").c_str(), nullptr),
+              code(ERROR_FILE_CORRUPT));
+    EXPECT_FALSE(fs::exists(beside("recovered.db")));
+    for (const auto& entry : fs::directory_iterator(sandbox())) {
+        EXPECT_FALSE(entry.path().string().ends_with(".part") || entry.path().string().ends_with(".copy"))
+            << entry.path();
+    }
+}
+
+}  // namespace
