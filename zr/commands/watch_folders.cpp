@@ -3,8 +3,11 @@
 #include <ZrUtility/Helpers/FileSystemMonitor.h>
 #include <platform/base.h>
 #include <platform/file_changes.h>
+#include <platform/shell.h>
 
+#include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -66,6 +69,36 @@ private:
     HANDLE handle_;
 };
 
+// Not made to be deleted through a base.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+// Somebody who looks on wants to see how a folder ends up: the library's rules drop what follows the making of a file,
+// be it its deletion or its new name. Here only a change right behind the making or a change of the same file is told
+// with that.
+class EveryChange final : public FileSystemMonitor {
+private:
+    void OptimizeFileEvents() override {
+        if (m_pEvents == nullptr) return;
+        unsigned int code = 0;
+        std::u16string path;
+        for (int left = m_pEvents->getNumberOfElement(); left > 0; --left) {
+            std::unique_ptr<FileEvent> event(m_pEvents->removeElement(0));
+            const std::u16string_view name = event->firstPath ? event->firstPath : std::u16string_view();
+            const bool told =
+                event->code == SHCNE_UPDATEITEM && name == path && (code == SHCNE_CREATE || code == SHCNE_UPDATEITEM);
+            if (told) continue;
+            code = event->code;
+            path = name;
+            const int before = m_pEvents->getNumberOfElement();
+            m_pEvents->appendElement(event.get());
+            if (m_pEvents->getNumberOfElement() > before) static_cast<void>(event.release());
+        }
+    }
+};
+
+#pragma GCC diagnostic pop
+
 class WatchedFolders final : public Watched, public FileSystemListener {
 public:
     WatchedFolders(const std::vector<std::string>& folders, const std::string* extension, bool json) : json_(json) {
@@ -120,7 +153,7 @@ private:
 
     const bool json_;
     std::vector<FolderEnd> ends_;
-    FileSystemMonitor monitor_;
+    EveryChange monitor_;
 };
 
 }  // namespace

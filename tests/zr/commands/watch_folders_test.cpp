@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
 
 #include "support/sandbox.h"
@@ -61,6 +62,29 @@ TEST(WatchFolders, TellsWhatHappens) {
     EXPECT_EQ(watch.read_line(), "deleted " + (folder.host() / "b\\x1b").string());
     watch.kill(SIGTERM);
     EXPECT_EQ(watch.wait(), 0);
+}
+
+TEST(WatchFolders, TellsOfTheDeletionAndTheNewNameOfANewFile) {
+    const TempFolder folder;
+    RunningZr watch({"watch", folder.host().string()});
+    first_line(watch, folder.host(), "");
+    std::set<std::string> wanted;
+    for (int i = 0; i < 100; ++i) {
+        const fs::path made = folder.host() / ("made" + std::to_string(i));
+        const fs::path named = folder.host() / ("named" + std::to_string(i));
+        touch(made);
+        fs::rename(made, named);
+        wanted.insert("renamed " + made.string() + " -> " + named.string());
+        touch(made);
+        fs::remove(made);
+        wanted.insert("deleted " + made.string());
+    }
+    touch(folder.host() / "end");
+    for (std::string line; line != "created " + (folder.host() / "end").string(); wanted.erase(line)) {
+        line = watch.read_line();
+        ASSERT_NE(line, "");
+    }
+    EXPECT_EQ(wanted, std::set<std::string>());
 }
 
 TEST(WatchFolders, JsonAndAnExtension) {
