@@ -69,6 +69,12 @@ void build(zr::Command app) {
     zr::add_reg_watch(reg);
     zr::add_reg_import(reg);
     zr::add_reg_export(reg);
+    zr::Command store = app.add_group("store", "Examine, back up and bring back what is kept");
+    store.footer("Example:\n  zr store check\n\n'zr store COMMAND --help' tells more.");
+    zr::add_store_check(store);
+    zr::add_store_backup(store);
+    zr::add_store_recover(store);
+    zr::add_store_restore(store);
     zr::add_resolve(app);
     zr::Command log = app.add_group("log", "Read the binary log");
     log.footer("Example:\n  zr log show client.zrlog");

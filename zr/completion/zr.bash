@@ -16,7 +16,7 @@ _zr() {
         --work-phone --home-phone --mobile --web --note --email --birthday"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar reg resolve log modules objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar reg store resolve log modules objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
@@ -81,6 +81,14 @@ _zr() {
                         _zr_files "$current"
                     fi ;;
                 export) _zr_words "--output --format --encoding --json --help" "$current" ;;
+            esac ;;
+        store)
+            case $command in
+                check) _zr_words "registry contacts --json --help" "$current" ;;
+                backup)
+                    if ((COMP_CWORD == 3)); then _zr_words "registry contacts --help" "$current"; else _zr_files "$current"; fi ;;
+                recover | restore) _zr_files "$current" ;;
+                *) _zr_words "check backup recover restore --help" "$current" ;;
             esac ;;
         resolve)
             if [[ $current == -* ]]; then
