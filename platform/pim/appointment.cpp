@@ -275,7 +275,7 @@ HRESULT find_occurrence(const SessionRef& session, LONG oid, Day day, IAppointme
     return result;
 }
 
-IDispatch* make_appointment(const SessionRef& session, Given given) {
+IDispatch* make_appointment(const SessionRef& session, Given&& given) {
     return static_cast<IAppointment*>(new (std::nothrow) Appointment(session, olFolderCalendar, std::move(given)));
 }
 

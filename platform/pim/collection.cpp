@@ -96,10 +96,9 @@ HRESULT Collection::apply(const Change& change) {
 }
 
 // What is at hand of the contact at a position. A walk finds its next ones here.
-RowRef Collection::row_at(std::size_t position) {
+RowRef Collection::row_at(std::size_t position, LONG oid) {
     if (folder_ != olFolderContacts) return {};
     ContactRows& rows = session_->store().rows();
-    const LONG oid = order_.at(position);
     RowRef row = rows.cached(oid);
     if (sort_ == 0 || position + 1 == walk_.next) return row;
     if (position != walk_.next) walk_ = {};
@@ -127,10 +126,10 @@ Given Collection::given_at(std::size_t position) {
     const LONG oid = order_.at(position);
     if (has_left(oid)) return {.oid = oid, .listed = true, .left = true};
     const LONGLONG seq = session_->store().seq();  // before anything is read
-    return {.oid = oid, .row = row_at(position), .seq = seq, .listed = true};
+    return {.oid = oid, .row = row_at(position, oid), .seq = seq, .listed = true};
 }
 
-HRESULT Collection::give(Given given, IDispatch** item) {
+HRESULT Collection::give(Given&& given, IDispatch** item) {
     *item = make_item(session_, folder_, std::move(given));
     return *item != nullptr ? S_OK : fail(E_OUTOFMEMORY);
 }

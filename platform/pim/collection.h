@@ -36,10 +36,10 @@ private:
     HRESULT keep_filtered(std::vector<LONG>& oids);
     HRESULT apply(const Change& change);
     HRESULT meets(const Restriction& restriction, LONG oid, bool& met);
-    RowRef row_at(std::size_t position);
+    RowRef row_at(std::size_t position, LONG oid);
     HRESULT read_ahead(std::size_t position);
     Given given_at(std::size_t position);
-    HRESULT give(Given given, IDispatch** item);
+    HRESULT give(Given&& given, IDispatch** item);
 
     // A walk in another order than the identifiers': where it goes on, and how far it was read ahead.
     struct Walk {

@@ -60,7 +60,7 @@ public:
     ZRPIM_FIELD(BSTR, YomiLastName)
 };
 
-IDispatch* make_contact(const SessionRef& session, Given given) {
+IDispatch* make_contact(const SessionRef& session, Given&& given) {
     return static_cast<IContact*>(new (std::nothrow) Contact(session, olFolderContacts, std::move(given)));
 }
 

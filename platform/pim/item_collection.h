@@ -55,7 +55,7 @@ protected:
     // Follows, and gives the position of an index.
     HRESULT position_of(INT index, std::size_t& position);
     // Whether others deleted an item since the moment, or set its store aside.
-    bool has_left(LONG oid) const { return is_orphaned() || left_.contains(oid); }
+    bool has_left(LONG oid) const { return is_orphaned() || (!left_.empty() && left_.contains(oid)); }
 
     // Without the lock.
 

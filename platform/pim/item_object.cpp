@@ -4,7 +4,7 @@
 
 namespace zr::platform::pim {
 
-IDispatch* make_item(const SessionRef& session, INT folder, Given given) {
+IDispatch* make_item(const SessionRef& session, INT folder, Given&& given) {
     switch (folder) {
         case olFolderContacts:
             return make_contact(session, std::move(given));

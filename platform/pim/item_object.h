@@ -9,13 +9,13 @@
 namespace zr::platform::pim {
 
 // A new, unsaved item of a folder, or one of the store, as its own face with one reference. Null when memory is short.
-IDispatch* make_item(const SessionRef& session, INT folder, Given given);
+IDispatch* make_item(const SessionRef& session, INT folder, Given&& given);
 OlItemType item_type(INT folder);
 
 template <class Face, const IID& iid>
 class ItemObject : public EarlyBound<Face>, public EarlyBound<IItem>, public IZrItem {
 public:
-    ItemObject(const SessionRef& session, INT folder, Given given) : state_(session, folder, std::move(given)) {}
+    ItemObject(const SessionRef& session, INT folder, Given&& given) : state_(session, folder, std::move(given)) {}
 
     HRESULT QueryInterface(REFIID riid, void** object) override {
         if (!cleared(object)) return fail(E_POINTER);

@@ -20,7 +20,7 @@ void lay_over(const Values& upper, Values& values) {
 
 }  // namespace
 
-ItemState::ItemState(const SessionRef& session, INT folder, Given given)
+ItemState::ItemState(const SessionRef& session, INT folder, Given&& given)
     : session_(session),
       folder_(folder),
       oid_(given.oid),

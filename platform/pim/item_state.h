@@ -34,7 +34,7 @@ struct Given {
 
 class ItemState {
 public:
-    ItemState(const SessionRef& session, INT folder, Given given);
+    ItemState(const SessionRef& session, INT folder, Given&& given);
     ~ItemState();
     ItemState(const ItemState&) = delete;
     ItemState& operator=(const ItemState&) = delete;

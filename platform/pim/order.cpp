@@ -46,7 +46,7 @@ std::size_t Order::start_of(std::size_t block) {
 }
 
 LONG Order::at(std::size_t position) {
-    static_cast<void>(start_of(0));
+    if (known_ == 0) static_cast<void>(start_of(0));
     std::size_t block = last_block_ < known_ ? last_block_ : 0;
     if (position < starts_[block] || position >= starts_[block] + blocks_[block].size()) {
         const auto end = starts_.begin() + static_cast<std::ptrdiff_t>(known_);

@@ -41,7 +41,7 @@ public:
     HRESULT SkipRecurrence() override { return fail(E_NOTIMPL); }
 };
 
-IDispatch* make_task(const SessionRef& session, Given given) {
+IDispatch* make_task(const SessionRef& session, Given&& given) {
     return static_cast<ITask*>(new (std::nothrow) Task(session, olFolderTasks, std::move(given)));
 }
 
