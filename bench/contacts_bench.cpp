@@ -6,7 +6,9 @@
 //   build_index        Initialize and Uninitialize of the e-mail manager; the peer reads identifiers and addresses
 //   linear_scan        a search that matches nobody; the peer reads the eleven fields of all contacts
 //   walk_collection    every contact by its place, with its name; the peer reads identifiers and names
-//   remove_first       an emptied folder, always removing the first
+//   remove_first       an emptied folder, always removing the first; the peer deletes the rows from a copy of the
+//   store's
+//                      table, each in a transaction of its own, under the store's settings
 //
 // The store grows from measurement to measurement: smaller counts come first.
 
@@ -176,15 +178,20 @@ private:
     sqlite3_stmt* statement_ = nullptr;
 };
 
-// A copy of the store with a table of addresses, ignoring case, as somebody would make it who looks addresses up.
-std::string indexed_copy(int count) {
-    const std::string path = World::get().file(("indexed" + std::to_string(count) + ".db").c_str()).string();
-    if (std::filesystem::exists(path)) return path;
+void copy_store(const std::string& path) {
     sqlite3* database = nullptr;
     if (sqlite3_open(World::get().store_path().c_str(), &database) != SQLITE_OK) give_up("open");
     const std::string sql = "VACUUM INTO '" + path + "'";
     if (sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) give_up(sqlite3_errmsg(database));
     sqlite3_close(database);
+}
+
+// A copy of the store with a table of addresses, ignoring case, as somebody would make it who looks addresses up.
+std::string indexed_copy(int count) {
+    const std::string path = World::get().file(("indexed" + std::to_string(count) + ".db").c_str()).string();
+    if (std::filesystem::exists(path)) return path;
+    copy_store(path);
+    sqlite3* database = nullptr;
     if (sqlite3_open(path.c_str(), &database) != SQLITE_OK) give_up("open");
     const char* const make =
         "PRAGMA journal_mode = WAL;"
@@ -196,6 +203,33 @@ std::string indexed_copy(int count) {
     if (sqlite3_exec(database, make, nullptr, nullptr, nullptr) != SQLITE_OK) give_up(sqlite3_errmsg(database));
     sqlite3_close(database);
     return path;
+}
+
+void remove_first_deletes(benchmark::State& state) {
+    World::get().grow(static_cast<int>(state.range(0)));
+    const std::filesystem::path path = World::get().file("deleted.db");
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::filesystem::remove(path);
+        copy_store(path);
+        sqlite3* database = nullptr;
+        sqlite3_stmt* statement = nullptr;
+        if (sqlite3_open(path.c_str(), &database) != SQLITE_OK) give_up("open");
+        sqlite3_exec(database,
+                     "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA wal_autocheckpoint = 4000",
+                     nullptr, nullptr, nullptr);
+        sqlite3_prepare_v2(database, "DELETE FROM contact WHERE oid = ?1", -1, &statement, nullptr);
+        state.ResumeTiming();
+        for (int i = 1; i <= state.range(0); ++i) {
+            sqlite3_bind_int(statement, 1, i);
+            if (sqlite3_step(statement) != SQLITE_DONE || sqlite3_changes(database) != 1) give_up("lost");
+            sqlite3_reset(statement);
+        }
+        state.PauseTiming();
+        sqlite3_finalize(statement);
+        sqlite3_close(database);
+        state.ResumeTiming();
+    }
 }
 
 // ---- Ours ----
@@ -345,6 +379,7 @@ void remove_first_ours(benchmark::State& state) {
         benchmark::RegisterBenchmark(name, function)->Arg(count)->Unit(unit);
     };
     for (const int count : {1000, 10000}) {
+        once("remove_first/deletes", remove_first_deletes, count);
         once("remove_first/ours", remove_first_ours, count);
     }
     for (const int count : {1000, 10000, 100000}) {
@@ -360,6 +395,7 @@ void remove_first_ours(benchmark::State& state) {
         measure("linear_scan/ours", linear_scan_ours, count, benchmark::kMillisecond);
         measure("linear_scan/select", linear_scan_select, count, benchmark::kMillisecond);
     }
+    once("remove_first/deletes", remove_first_deletes, 100000);
     once("remove_first/ours", remove_first_ours, 100000);
     return true;
 }();

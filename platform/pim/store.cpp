@@ -126,17 +126,17 @@ void Store::opened(bool another) {
 DWORD Store::follow(LONGLONG position) {
     std::vector<Change> changes;
     if (FAILED(logged(position, -1, changes))) return shared_.reader().error();
-    for (const Change& change : changes) {
-        apply(change);
-    }
+    apply(changes);
     return ERROR_SUCCESS;
 }
 
-void Store::apply(const Change& change) {
-    rows_.drop(change.oid);
-    recent_.push_back(change);
-    if (recent_.size() > kRecentChanges) recent_.pop_front();
-    if (change.kind == ChangeKind::Folder) notifier_->folder_changed();
+void Store::apply(const std::vector<Change>& changes) {
+    for (const Change& change : changes) {
+        rows_.drop(change.oid);
+        recent_.push_back(change);
+        if (recent_.size() > kRecentChanges) recent_.pop_front();
+        if (change.kind == ChangeKind::Folder) notifier_->folder_changed();
+    }
 }
 
 void Store::forget() noexcept {

@@ -63,6 +63,8 @@ public:
     LONGLONG seq() const { return shared_.position(); }
     // Counts the files that were the store; what is known of another one's items holds no longer.
     LONG generation() const { return generation_.load(std::memory_order_relaxed); }
+    // Takes notice of changes that follow the last one that it knows.
+    void apply(const std::vector<Change>& changes);
     // The changes behind `seq` that are still at hand, in order; false when some are not.
     bool recent(LONGLONG seq, std::vector<Change>& changes) const;
     // Whether an item was deleted behind `seq`, as far as the changes are at hand. The identifier may be in use again.
@@ -105,8 +107,6 @@ public:
     void was_set_aside(std::string_view sentence) noexcept override { failed(sentence); }
 
 private:
-    void apply(const Change& change);
-
     static constexpr std::size_t kRecentChanges = 8192;
 
     SharedStore shared_;
@@ -162,10 +162,9 @@ private:
     std::optional<Database> db_;
     INT next_folder_ = 0;  // next_ is this folder's lowest identifier never used; 0: of none
     LONG next_ = 0;
-    LONG read_next_ = 0;      // what the store has of it
-    LONGLONG first_seq_ = 0;  // of the changes that were logged
-    LONGLONG last_seq_ = 0;
-    INT full_folder_ = 0;  // this folder has no free identifier below the next new one
+    LONG read_next_ = 0;           // what the store has of it
+    std::vector<Change> changes_;  // that were logged
+    INT full_folder_ = 0;          // this folder has no free identifier below the next new one
     bool failed_ = false;
 };
 

@@ -66,7 +66,7 @@ HRESULT Transaction::begin(Store& store) {
     db_.emplace(writing_.connection());
     full_folder_ = 0;
     next_folder_ = 0;
-    first_seq_ = 0;
+    changes_.clear();
     failed_ = false;
     return S_OK;
 }
@@ -86,12 +86,12 @@ HRESULT Transaction::commit() {
         rollback();
         return result;
     }
-    const bool changed = writing_.has_changes();
-    result = store_result(writing_.commit());
-    if (FAILED(result) || !changed) return result;
+    // When nobody else wrote meanwhile, nobody has to read in the log what is known here.
+    result = store_result(writing_.commit([this] { store_->apply(changes_); }));
+    if (FAILED(result) || changes_.empty()) return result;
     {
         const auto lock = store_->lock();
-        store_->own_commits().note(first_seq_, last_seq_);
+        store_->own_commits().note(changes_.front().seq, changes_.back().seq);
     }
     store_->notifier().dispatch();
     return S_OK;
@@ -100,14 +100,17 @@ HRESULT Transaction::commit() {
 HRESULT Transaction::log(ChangeKind kind, LONG oid) {
     LONGLONG seq = 0;
     if (const DWORD error = writing_.next_seq(seq); error != ERROR_SUCCESS) return store_result(error);
-    if (first_seq_ == 0) first_seq_ = seq;
-    last_seq_ = seq;
     Use statement = db_->use("INSERT INTO change(seq, kind, oid, origin) VALUES(?1, ?2, ?3, ?4)");
     if (!statement) return db_->result();
     statement->bind(1, seq);
     statement->bind(2, static_cast<LONG>(kind));
     statement->bind(3, oid);
     statement->bind(4, writing_.origin());
+    try {
+        changes_.push_back({seq, kind, oid, writing_.origin()});
+    } catch (const std::bad_alloc&) {
+        return fail(E_OUTOFMEMORY);  // what was written before is not to be kept
+    }
     return db_->run(statement);
 }
 
