@@ -52,7 +52,7 @@ bool is_plain_value(std::string_view value) {
          at = value.find_first_of("\\\r\n", at + 2)) {
         if (value[at] != '\\' || at + 1 == value.size()) return false;
         const char escaped = value[at + 1];
-        if (escaped != 'n' && escaped != ',' && escaped != ';' && escaped != '\\') return false;
+        if (escaped != 'n' && escaped != 'N' && escaped != ',' && escaped != ';' && escaped != '\\') return false;
     }
     return true;
 }
@@ -61,7 +61,6 @@ bool is_plain(const PropertyLine& line) {
     const std::string_view value = line.value_text();
     if (value.empty() || value.front() == ' ' || value.front() == '\t') return false;
     if (!is_plain_value(value)) return false;
-    if (equal_ignoring_case(line.name_text(), "CATEGORIES")) return false;  // a list with commas
     const std::string_view text(line.text);
     for (std::size_t at = line.name_end; text[at] == ';';) {
         const std::size_t end = text.find_first_of(";:", at + 1);
@@ -71,6 +70,9 @@ bool is_plain(const PropertyLine& line) {
     return line.value <= line.name_end + 2 ||
            !repeats(text.substr(line.name_end + 1, line.value - 1 - (line.name_end + 1)));
 }
+
+// More than a card for people has.
+constexpr std::ptrdiff_t kManyMarks = 200;
 
 std::string_view view(const char* text) {
     return text ? std::string_view(text) : std::string_view();
@@ -94,11 +96,31 @@ CardAttributes::~CardAttributes() {
     }
 }
 
+// A line that is not plain may be so without the parameters that nobody asks for. What has many values goes the short
+// way in any case: EVCard takes its time for each by the number of those before.
 void CardAttributes::add(const PropertyLine& line) {
-    const std::size_t begin = text_.size();
+    const std::size_t whole = text_.size();
     text_ += line.text;
+    if (is_plain(line)) return add_split(line, whole, text_.size(), true);
+    PropertyLine simple = line;
+    simple.text = with_kinds_only(line.text);
+    simple.value = simple.text.size() - line.value_text().size();
+    const auto marks =
+        std::count_if(simple.text.begin(), simple.text.end(), [](char c) { return c == ';' || c == ','; });
+    const std::size_t whole_end = text_.size();
+    text_ += simple.text;
+    add_split(simple, whole, whole_end,
+              is_plain(simple) || (marks > kManyMarks && is_plain_value(simple.value_text())));
+}
+
+void CardAttributes::add_split(const PropertyLine& line, std::size_t whole, std::size_t whole_end, bool plain) {
+    const std::size_t begin = text_.size() - line.text.size();
     lines_.push_back(
-        {begin, begin + line.name, begin + line.name_end, begin + line.value, text_.size(), is_plain(line)});
+        {whole, whole_end, begin, begin + line.name, begin + line.name_end, begin + line.value, text_.size(), plain});
+}
+
+std::string_view CardAttributes::whole_of(const Line& line) const {
+    return std::string_view(text_).substr(line.whole, line.whole_end - line.whole);
 }
 
 std::string_view CardAttributes::text_of(const Line& line) const {
@@ -167,7 +189,7 @@ bool CardAttributes::split(bool all_by_evcard) {
 void CardAttributes::split_plain(const Line& line) {
     const std::string_view text(text_);
     Attribute attribute;
-    attribute.line = text_of(line);
+    attribute.line = whole_of(line);
     if (line.name > line.begin) attribute.group = text.substr(line.begin, line.name - 1 - line.begin);
     attribute.name = text.substr(line.name, line.name_end - line.name);
     attributes_.push_back(attribute);
@@ -183,17 +205,19 @@ void CardAttributes::split_plain(const Line& line) {
 }
 
 void CardAttributes::split_values(const Line& line) {
+    const bool list =
+        equal_ignoring_case(std::string_view(text_).substr(line.name, line.name_end - line.name), "CATEGORIES");
     std::size_t begin = unescaped_.size();
     const auto end_value = [&] {
         values_.push_back(std::string_view(unescaped_).substr(begin));
         begin = unescaped_.size();
     };
     for (std::size_t at = line.value; at < line.end; ++at) {
-        if (text_[at] == ';') {
+        if (text_[at] == ';' || (list && text_[at] == ',')) {
             end_value();
         } else if (text_[at] == '\\') {
             ++at;
-            unescaped_ += text_[at] == 'n' ? '\n' : text_[at];
+            unescaped_ += text_[at] == 'n' || text_[at] == 'N' ? '\n' : text_[at];
         } else {
             unescaped_ += text_[at];
         }
@@ -203,7 +227,7 @@ void CardAttributes::split_values(const Line& line) {
 
 void CardAttributes::take_parsed(const Line& line, void* pointer) {
     auto* attribute = static_cast<EVCardAttribute*>(pointer);
-    attributes_.push_back({text_of(line),
+    attributes_.push_back({whole_of(line),
                            view(e_vcard_attribute_get_group(attribute)),
                            view(e_vcard_attribute_get_name(attribute)),
                            {},

@@ -47,6 +47,8 @@ public:
 
 private:
     struct Line {
+        std::size_t whole;  // where the line begins as it was added; what is split may be a shorter one
+        std::size_t whole_end;
         std::size_t begin;
         std::size_t name;
         std::size_t name_end;
@@ -59,6 +61,8 @@ private:
         std::size_t values;
     };
 
+    void add_split(const PropertyLine& line, std::size_t whole, std::size_t whole_end, bool plain);
+    std::string_view whole_of(const Line& line) const;
     std::string_view text_of(const Line& line) const;
     void* parse(const std::string& lines);
     std::vector<void*> parse_all(bool all);

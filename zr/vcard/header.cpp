@@ -3,6 +3,7 @@
 #include <glib.h>
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "zr/base/text.h"
@@ -11,6 +12,7 @@ namespace zr {
 namespace {
 
 constexpr std::size_t npos = std::string_view::npos;
+constexpr std::size_t kMostKinds = 8;  // of one property that count
 
 bool is_name_character(char c) {
     return g_ascii_isalnum(c) || c == '-' || c == '_';
@@ -120,15 +122,24 @@ std::string with_kinds_only(std::string_view line) {
     CardHeader header;
     if (!read_card_header(line, header)) return std::string(line);
     std::string out(line.substr(0, header.name_end));
-    const auto is_plain = [](char c) { return is_name_character(c) || c == ',' || c == '.' || c == '+'; };
+    const auto is_plain = [](char c) { return is_name_character(c) || c == '.' || c == '+'; };
+    std::vector<std::string> seen;
     for (const std::string_view parameter : card_parameters(line, header)) {
         const std::size_t equals = parameter.find('=');
         const std::string_view name = equals == npos ? "TYPE" : trimmed(parameter.substr(0, equals));
-        std::string value(trimmed(equals == npos ? parameter : parameter.substr(equals + 1)));
-        std::erase(value, '"');
-        const bool is_kind = equal_ignoring_case(name, "TYPE") || equal_ignoring_case(name, "PREF");
-        if (!is_kind || value.empty() || !std::all_of(value.begin(), value.end(), is_plain)) continue;
-        (((out += ';') += name) += '=') += value;
+        if (!equal_ignoring_case(name, "TYPE") && !equal_ignoring_case(name, "PREF")) continue;
+        std::string words(trimmed(equals == npos ? parameter : parameter.substr(equals + 1)));
+        std::erase(words, '"');
+        for (std::string_view rest = words; !rest.empty() && seen.size() < kMostKinds;) {
+            const std::size_t comma = std::min(rest.find(','), rest.size());
+            const std::string_view word = rest.substr(0, comma);
+            rest.remove_prefix(std::min(comma + 1, rest.size()));
+            std::string known = upper(name) + "=" + upper(word);
+            if (word.empty() || !std::all_of(word.begin(), word.end(), is_plain)) continue;
+            if (std::find(seen.begin(), seen.end(), known) != seen.end()) continue;
+            seen.push_back(std::move(known));
+            (((out += ';') += name) += '=') += word;
+        }
     }
     return out += line.substr(header.value - 1);
 }

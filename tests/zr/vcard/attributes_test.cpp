@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <random>
 #include <string>
 #include <vector>
@@ -72,6 +73,30 @@ TEST(CardAttributes, AgreeOnRandomLines) {
         expect_both_ways_agree(zr::test::card_text(body));
         if (HasFatalFailure()) return;
     }
+}
+
+// Reading took half a minute where each value cost the number of those before it. The test's time limit is far above
+// what a line of any length takes.
+TEST(CardAttributes, ManyValuesAndKindsCostTheirNumber) {
+    std::string words;
+    for (int i = 0; i < 200000; ++i) {
+        words += (i == 0 ? "" : ",") + std::to_string(i);
+    }
+    std::string types;
+    for (int i = 0; i < 50000; ++i) {
+        types += ";TYPE=t" + std::to_string(i);
+    }
+    for (const std::string& body :
+         {"FN:Jo\r\nCATEGORIES:" + words + "\r\n", "FN:Jo\r\nCATEGORIES: " + words + "\r\n",
+          "FN:Jo\r\nTEL;TYPE=" + words + ":1\r\n", "FN:Jo\r\nTEL" + types + ":1\r\n",
+          "FN:Jo\r\nEMAIL;X=\"" + words + "\":a@x.y\r\n", "FN:Jo\r\nORG: a" + std::string(200000, ';') + "\r\n"}) {
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(zr::test::read_cards(zr::test::card_text(body)).cards.size(), 1u);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << body.substr(0, 40);
+    }
+    const zr::Card card = zr::test::read_card(zr::test::card_text("FN:Jo\r\nCATEGORIES:a," + words + "\r\n"));
+    EXPECT_TRUE(card[zr::Field::Categories].starts_with("a, 0, 1, 2,"));
+    EXPECT_TRUE(card[zr::Field::Categories].ends_with(", 199998, 199999"));
 }
 
 }  // namespace
