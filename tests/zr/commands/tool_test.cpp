@@ -141,7 +141,7 @@ TEST_F(Tool, CompletesInBash) {
                                    current + "'); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(complete("zr"), "contacts calendar reg resolve log modules objects zone watch --help --version\n");
+    EXPECT_EQ(complete("zr"), "contacts calendar reg store resolve log modules objects zone watch --help --version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr reg"), "get set delete list tree watch import export --help\n");
