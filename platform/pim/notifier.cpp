@@ -202,6 +202,7 @@ bool Notifier::post(Window& window, const Change& change) {
 }
 
 bool Notifier::rang() noexcept {
+    store_.shared().look_again();
     try {
         dispatch();
     } catch (const std::bad_alloc&) {

@@ -71,7 +71,11 @@ public:
     static void let_go() noexcept {
         std::vector<std::shared_ptr<Store>> gone;
         const std::lock_guard lock(stores_mutex);
-        gone.swap(held());
+        gone.reserve(held().size());
+        for (auto& store : held()) {
+            gone.push_back(std::move(store));
+        }
+        held().clear();  // and keeps its room
     }
 
 private:

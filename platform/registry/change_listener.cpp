@@ -65,10 +65,7 @@ DWORD ChangeListener::add(KeyWatch& watch) noexcept {
         resume_store_listener();  // a forked child's first watch
     }
     const DWORD error = insert(watch);
-    if (error != ERROR_SUCCESS && erase(watch)) {
-        remove_store_watcher(*this);
-        listening_ = false;
-    }
+    if (error != ERROR_SUCCESS) remove(watch);
     return error;
 }
 
@@ -87,21 +84,13 @@ DWORD ChangeListener::insert(KeyWatch& watch) noexcept {
     return ERROR_SUCCESS;
 }
 
-// True when that was the last one.
-bool ChangeListener::erase(KeyWatch& watch) noexcept {
+void ChangeListener::remove(KeyWatch& watch) noexcept {
     const std::lock_guard guard(mutex_);
     watches_.erase(&watch);
-    return watches_.empty();
-}
-
-void ChangeListener::remove(KeyWatch& watch) noexcept {
-    const std::lock_guard membership(membership_);
-    if (!erase(watch) || !listening_) return;
-    remove_store_watcher(*this);
-    listening_ = false;
 }
 
 bool ChangeListener::rang() noexcept {
+    store_.shared().look_again();
     const std::lock_guard guard(mutex_);
     return !watches_.empty() && !catch_up();
 }

@@ -48,7 +48,8 @@ private:
     bool changed_ = false;  // while it was not armed
 };
 
-// Waits for the store's bell while there are watches. Locks: membership_, then mutex_, then the store's.
+// Waits for the store's bell from the first watch on: whoever watches once will do so again, and must not miss what
+// comes between. Locks: membership_, then mutex_, then the store's.
 class ChangeListener final : public StoreWatcher {
 public:
     // This process's, made at the first use and never destroyed; null when there is no memory for it.
@@ -66,14 +67,13 @@ private:
     explicit ChangeListener(Store& store) noexcept : store_(store) {}
 
     DWORD insert(KeyWatch& watch) noexcept;
-    bool erase(KeyWatch& watch) noexcept;
     bool catch_up() noexcept;
     void tell_all(LONGLONG position) noexcept;
 
     static std::atomic<ChangeListener*> the_listener_;
 
     Store& store_;
-    std::mutex membership_;  // held while the first watch comes or the last one goes
+    std::mutex membership_;  // held while a watch comes
     bool listening_ = false;
 
     std::mutex mutex_;  // guards what follows; held while the store is read

@@ -1,6 +1,7 @@
 #include "store/bell.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -57,7 +58,10 @@ bool first_lock(int file, off_t from, struct flock& found) {
 
 int Bell::make(const std::string& path) {
     path_ = path + ".bell";
-    return open_private_file(path_, file_ < 0 ? kSize : 0, nullptr);
+    // Looked at first: closing it would ring.
+    struct stat status = {};
+    if (lstat(path_.c_str(), &status) == 0 && status.st_size >= kSize) return check_private_file(path_);
+    return open_private_file(path_, kSize, nullptr);
 }
 
 int Bell::Pull::take(const Bell& bell) {

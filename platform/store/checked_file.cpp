@@ -67,18 +67,21 @@ std::uint64_t checksum(const Byte* page, int size, std::uint64_t number) {
 
 std::atomic<std::uint64_t> boots_later{0};
 
-// A number that another start of the computer does not have.
+// A number that another start of the computer does not have; 0 while that is not known.
 std::uint64_t boot_number() noexcept {
-    static const std::uint64_t number = [] {
+    static std::atomic<std::uint64_t> known{0};
+    std::uint64_t number = known.load(std::memory_order_relaxed);
+    if (number == 0) {
         char id[64] = {};
         const HostFd file = open_host("/proc/sys/kernel/random/boot_id", O_RDONLY);
-        if (file) static_cast<void>(!::read(file.get(), id, sizeof id - 1));
+        if (!file || ::read(file.get(), id, sizeof id - 1) <= 0) return 0;
         std::uint64_t state = 0;
         for (const char c : id) {
             state = mix(state, static_cast<Byte>(c));
         }
-        return finish(state);
-    }();
+        number = finish(state) | 1;
+        known.store(number, std::memory_order_relaxed);
+    }
     return number ^ boots_later.load(std::memory_order_relaxed);
 }
 
@@ -135,7 +138,8 @@ void read_form(const MarkBytes& bytes, StoreMarks& marks) {
     const bool change_good = no_change || get(at + kCommittedCheckAt, 2) == (check_of(at, kCommittedCheckAt) & 0xFFFF);
     const bool journal_good = no_journal || get(at + kJournalCheckAt, 3) == (check_of(at + kJournalAt, 4) & 0xFFFFFF);
     marks.legible = change_good && journal_good;
-    const bool this_boot = get(at + kBootAt, 4) == (boot_number() & 0xFFFFFFFF);
+    const std::uint64_t boot = boot_number();
+    const bool this_boot = boot != 0 && get(at + kBootAt, 4) == (boot & 0xFFFFFFFF);
     marks.committed = marks.legible && this_boot ? static_cast<LONGLONG>(get(at, kBootAt)) : 0;
     marks.journal = marks.legible ? static_cast<std::uint32_t>(get(at + kJournalAt, 4)) : 0;
 }
@@ -175,8 +179,10 @@ File& file_of(sqlite3_file* file) {
 
 // A database's first bytes say how its pages are.
 void learn(File& file, const Byte* header) {
+    const int before = file.page_size;
     const int size = header[kPageSizeAt] << 8 | header[kPageSizeAt + 1];
     file.page_size = size == 1 ? 65536 : size;
+    if (file.page_size != before) delete[] std::exchange(file.scratch, nullptr);
     file.checked = header[kReservedAt] == kChecksum && file.page_size >= 512 &&
                    std::has_single_bit(static_cast<unsigned>(file.page_size));
 }
@@ -206,17 +212,25 @@ int read_database(File& file, void* to, int size, sqlite3_int64 at) {
     if (result != SQLITE_OK) return result;
     auto* const bytes = static_cast<Byte*>(to);
     hide_marks(bytes, size, at);
-    if (at == 0 && size >= kHeader) learn(file, bytes);
+    if (at == 0 && size >= kHeader) {
+        const bool was_checked = file.checked;
+        const int size_before = file.page_size;
+        learn(file, bytes);
+        // What had checksums has them for good.
+        if (was_checked && (!file.checked || file.page_size != size_before)) {
+            file.checked = true;
+            file.page_size = size_before;
+            return SQLITE_IOERR_DATA;
+        }
+    }
     return is_page(file, size, at) ? verify_page(file, bytes, at) : SQLITE_OK;
 }
 
 int write_database(File& file, const void* from, int size, sqlite3_int64 at) {
     const auto* bytes = static_cast<const Byte*>(from);
-    if (at == 0 && size >= kHeader) {
-        const int before = file.page_size;
-        learn(file, bytes);
-        if (file.page_size != before) delete[] std::exchange(file.scratch, nullptr);
-    }
+    if (at == 0 && size >= kHeader) learn(file, bytes);
+    // Of a file whose first page is not there yet it is not known whether others need checksums.
+    if (file.page_size == 0) return SQLITE_IOERR_WRITE;
     if (!is_page(file, size, at)) return file.write(from, size, at);
     if (file.scratch == nullptr) file.scratch = new (std::nothrow) Byte[static_cast<std::size_t>(size)];
     if (file.scratch == nullptr) return SQLITE_IOERR_NOMEM;
@@ -302,10 +316,32 @@ std::uint32_t number_of(File& journal) {
     return salt == 0 ? 1 : salt;
 }
 
+// The mark is taken away, and that is on the disk, before the journal is: or else a power cut could leave the mark
+// alone.
+int unmark_journal(File& database) {
+    const int result = mark_journal(database, 0);
+    return result == SQLITE_OK ? database.methods()->xSync(database.real(), SQLITE_SYNC_NORMAL | SQLITE_SYNC_DATAONLY)
+                               : result;
+}
+
+// SQLite may give a journal that it begins anew a number by chance, while the mark names an earlier one.
+int prepare_number(File& database, const Byte* header) {
+    Byte mark[kMarksSize - kJournalAt];
+    const int result = database.read(mark, sizeof mark, kMarksAt + static_cast<int>(kJournalAt));
+    if (result != SQLITE_OK) return result;
+    const auto marked = static_cast<std::uint32_t>(get(mark, 4));
+    const std::uint32_t next = big_endian(header + 16);
+    return marked == 0 || next == marked || next == marked + 1 ? SQLITE_OK : unmark_journal(database);
+}
+
 int write_journal(File& journal, const void* from, int size, sqlite3_int64 at) {
     File* const database = journal.database;
     if (at == 0) {
         journal.unmarked = true;
+        if (size >= kJournalHeader && database != nullptr && database->checked) {
+            const int result = prepare_number(*database, static_cast<const Byte*>(from));
+            if (result != SQLITE_OK) return result;
+        }
     } else if (journal.unmarked && database != nullptr && database->checked) {
         // The header has been synced by now: a journal that is marked is there, also after a power cut.
         const int result = mark_journal(*database, number_of(journal));
@@ -340,7 +376,7 @@ int x_write(sqlite3_file* base, const void* from, int size, sqlite3_int64 at) {
 int x_truncate(sqlite3_file* base, sqlite3_int64 size) {
     File& file = file_of(base);
     if (file.kind == Kind::Journal && size == 0 && file.database != nullptr && file.database->checked) {
-        if (const int result = mark_journal(*file.database, 0); result != SQLITE_OK) return result;
+        if (const int result = unmark_journal(*file.database); result != SQLITE_OK) return result;
     }
     return file.methods()->xTruncate(file.real(), size);
 }
@@ -377,8 +413,9 @@ int control_marks(File& file, int what, void* argument) {
     MarkBytes bytes;
     if (file.kind != Kind::Database) return SQLITE_NOTFOUND;
     if (what == kMarkCommitted) {
-        if (!file.checked) return SQLITE_OK;
-        put_committed(bytes.data(), *static_cast<const LONGLONG*>(argument), boot_number());
+        const std::uint64_t boot = boot_number();
+        if (!file.checked || boot == 0) return SQLITE_OK;
+        put_committed(bytes.data(), *static_cast<const LONGLONG*>(argument), boot);
         return write_mark(file, bytes.data(), kJournalAt, 0);
     }
     if (what == kExpectPages) {
@@ -481,7 +518,9 @@ bool is_journal(const char* name) {
 int x_delete(sqlite3_vfs*, const char* name, int sync_folder) {
     if (is_journal(name)) {
         sqlite3_file* const base = sqlite3_database_file_object(name);
-        if (base != nullptr && base->pMethods == &kMethods && file_of(base).checked) mark_journal(file_of(base), 0);
+        if (base != nullptr && base->pMethods == &kMethods && file_of(base).checked) {
+            if (const int result = unmark_journal(file_of(base)); result != SQLITE_OK) return result;
+        }
     }
     return host()->xDelete(host(), name, sync_folder);
 }

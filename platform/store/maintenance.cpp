@@ -287,8 +287,12 @@ DWORD salvage(const StoreKind& kind, const std::string& from, const std::string&
     return rows != 0 ? ERROR_SUCCESS : say(ERROR_FILE_CORRUPT, from + ": nothing of it can be read.");
 }
 
+bool is_in_place(const std::string& path);
+DWORD refuse_in_place(const std::string& path);
+
 DWORD recover(const std::string& from, const std::string& to, ULONGLONG& rows) {
     if (access(from.c_str(), R_OK) != 0) return host_failure(from, errno);
+    if (is_in_place(from)) return refuse_in_place(from);
     const StoreKind* const kind = kind_of(from);
     if (kind == nullptr) return say(ERROR_BAD_FORMAT, from + " is no store's file.");
     if (access(to.c_str(), F_OK) == 0) return say(ERROR_FILE_EXISTS, to + " is there already.");
@@ -324,8 +328,42 @@ DWORD put_in_place(const StoreKind& kind, const std::string& fresh, const std::s
     return ERROR_SUCCESS;
 }
 
+// The log of the store that comes goes on where none of this name has been, so that everybody begins anew with it.
+DWORD number_anew(const StoreKind& kind, const std::string& path) {
+    Connection connection;
+    if (connection.open(path) != ERROR_SUCCESS) return failure(connection, kind);
+    const DWORD error = connection.execute(
+        "BEGIN IMMEDIATE;"
+        "DELETE FROM change WHERE seq < (SELECT max(seq) FROM change);"
+        "UPDATE change SET seq = " ZR_STORE_FIRST_SEQ
+        ";"
+        "COMMIT");
+    if (error != ERROR_SUCCESS) return failure(connection, kind);
+    connection.close();
+    const HostFd file = open_host(path.c_str(), O_RDWR | O_NOFOLLOW);
+    return file && fsync(file.get()) == 0 ? ERROR_SUCCESS : host_failure(path, errno);
+}
+
+// A store in its place is not opened as a file: closing it would end the locks that this process has on it.
+bool is_in_place(const std::string& path) {
+    const Folder folder = state_folder();
+    struct stat wanted = {};
+    if (!folder || stat(path.c_str(), &wanted) != 0) return false;
+    for (const StoreKind* kind : kinds) {
+        struct stat there = {};
+        if (kind == nullptr || stat((folder.path + "/" + kind->file).c_str(), &there) != 0) continue;
+        if (there.st_dev == wanted.st_dev && there.st_ino == wanted.st_ino) return true;
+    }
+    return false;
+}
+
+DWORD refuse_in_place(const std::string& path) {
+    return say(ERROR_SHARING_VIOLATION, path + " is the store that programs use: examine it, or back it up.");
+}
+
 DWORD restore(const std::string& from) {
     if (access(from.c_str(), R_OK) != 0) return host_failure(from, errno);
+    if (is_in_place(from)) return refuse_in_place(from);
     const StoreKind* const kind = kind_of(from);
     if (kind == nullptr) return say(ERROR_BAD_FORMAT, from + " is no store's file.");
     const Folder folder = state_folder();
@@ -342,7 +380,9 @@ DWORD restore(const std::string& from) {
         error = copy_file(from + "-wal", fresh + "-wal");
     if (error != ERROR_SUCCESS) return error;
     const StoreOpening opening = examine_store(*kind, fresh);
-    return opening ? put_in_place(*kind, fresh, path) : say(opening.error, opening.message);
+    if (!opening) return say(opening.error, opening.message);
+    error = number_anew(*kind, fresh);
+    return error == ERROR_SUCCESS ? put_in_place(*kind, fresh, path) : error;
 }
 
 // Runs a call; memory that runs out is a result.

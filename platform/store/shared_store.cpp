@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -98,6 +99,24 @@ void flush_folders_above(std::string path) {
     }
 }
 
+// Kinds of which this process, a child made by fork, has connections that are its parent's: SQLite's own tables of
+// locks are wrong for their files, for good.
+constexpr std::size_t kMostKinds = 8;
+constinit std::array<std::atomic<const StoreKind*>, kMostKinds> orphaned_kinds{};
+
+bool is_orphaned(const StoreKind& kind) {
+    return std::any_of(orphaned_kinds.begin(), orphaned_kinds.end(),
+                       [&](const auto& orphan) { return orphan.load(std::memory_order_relaxed) == &kind; });
+}
+
+void orphan(const StoreKind& kind) noexcept {
+    if (is_orphaned(kind)) return;
+    for (auto& place : orphaned_kinds) {
+        const StoreKind* none = nullptr;
+        if (place.compare_exchange_strong(none, &kind)) return;
+    }
+}
+
 std::string folder_of(const std::string& file) {
     return file.substr(0, file.rfind('/'));
 }
@@ -112,6 +131,12 @@ DWORD new_origin() noexcept {
 void checkpoint_on_close(Connection& connection, bool wanted) {
     if (connection.is_open())
         sqlite3_db_config(connection.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, wanted ? 0 : 1, nullptr);
+}
+
+// Whether the file that the connection has open has lost its name.
+bool has_moved(Connection& connection) {
+    int moved = 0;
+    return sqlite3_file_control(connection.handle(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0;
 }
 
 // While it lives everything is read as it was at one moment: what one commit changed is seen whole.
@@ -149,8 +174,8 @@ SharedStore::SharedStore(const StoreKind& kind, StoreFamily& family, std::string
 }
 
 SharedStore::~SharedStore() {
-    StoreForks::remove(*this);
     rest();
+    StoreForks::remove(*this);
 }
 
 DWORD SharedStore::fail(DWORD error, std::string_view sentence) {
@@ -238,7 +263,9 @@ void SharedStore::close_reader() noexcept {
 }
 
 DWORD SharedStore::open() {
-    if (orphaned_.load(std::memory_order_relaxed)) return fail(reader_);
+    if (is_orphaned(kind_))
+        return fail(ERROR_BUSY, std::string("The ") + kind_.name + " " + path_ +
+                                    ": it was being changed when this process was forked.");
     close_reader();
     if (path_.empty()) {
         std::string trouble;
@@ -250,7 +277,7 @@ DWORD SharedStore::open() {
     suspect_.store(false, std::memory_order_relaxed);
     checkpoint_on_close(reader_, false);
     if (opening.created) flush_folders_above(folder_of(path_));
-    return begin_reading();
+    return begin_reading(opening.created);
 }
 
 DWORD SharedStore::open_file(StoreOpening& opening) {
@@ -263,15 +290,15 @@ DWORD SharedStore::open_file(StoreOpening& opening) {
 }
 
 // The journal is there from the first read on, and stays for as long as a connection is open.
-DWORD SharedStore::begin_reading() {
+DWORD SharedStore::begin_reading(bool created) {
     LONGLONG last = 0;
     if (reader_.scalar("SELECT max(seq) FROM change", last) != ERROR_SUCCESS) return fail(reader_);
     const std::string journal = path_ + "-wal";
     journal_ = std::make_shared<const HostFd>(open_host(journal.c_str(), O_RDWR));
     if (!*journal_) return host_failure(journal, errno);
     commits_.attach(reader_);
-    const File before = std::exchange(file_, file_at(path_));
-    const bool another = !(before == file_);
+    const File before = std::exchange(file_, has_moved(reader_) ? File{} : file_at(path_));
+    const bool another = created || !(before == file_);
     followed_ = followed_ && !another;
     ++opening_;
     ready_ = true;
@@ -362,6 +389,11 @@ void SharedStore::keep_no_changes() {
     bell_.give_up();
 }
 
+void SharedStore::look_again() {
+    const auto reading = lock();
+    if (ready_ && is_replaced()) stamp_known_ = false;
+}
+
 // --- the right to write ---
 
 bool SharedStore::take_right(Clock::duration patience) {
@@ -417,6 +449,7 @@ void SharedStore::after_fork_in_child() noexcept {
     if (!fork_has_right_) {
         // Left as they are: even closing them would touch what the parent's change has written.
         orphaned_.store(true, std::memory_order_relaxed);
+        orphan(kind_);
         writer_commits_.detach();
         commits_.detach();
         writer_.abandon();
@@ -467,7 +500,7 @@ DWORD StoreWriting::prepare() {
         }
         const int number = store_->pull_.take(store_->bell_);
         if (number != 0) return store_->host_failure(store_->bell_.path(), number);
-        if (!store_->is_replaced()) return ERROR_SUCCESS;
+        if (!has_moved(connection())) return ERROR_SUCCESS;
         store_->pull_.let_go();
         const auto reading = store_->lock();
         store_->close_reader();

@@ -1,6 +1,7 @@
 #include "store/store_file.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,6 +27,13 @@ std::string subject(const StoreKind& kind, const std::string& path) {
 
 StoreOpening host_failure(const StoreKind& kind, const std::string& path, int error) {
     return {store_error(error), subject(kind, path) + ": " + file_trouble(path, error) + ".", false, false};
+}
+
+constexpr off_t kFront = 100;  // the header of SQLite's files
+
+off_t size_of(const std::string& path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 ? status.st_size : 0;
 }
 
 StoreOpening locked(const StoreKind& kind, const std::string& path, const std::string& lock_path) {
@@ -146,14 +154,15 @@ bool is_journal_of(const StoreMarks& marks, std::uint32_t journal) {
 
 // Whether the journal that belongs to the file is there.
 DWORD check_journal(Connection& connection) {
-    constexpr int kTries = 3;  // it may be begun anew between the looks
+    constexpr int kTries = 5;  // it may be begun anew between the looks, and a mark be written just now
+    constexpr int kPauseMilliseconds = 10;
     LONGLONG tables = 0;
     if (connection.scalar("SELECT count(*) FROM sqlite_master", tables) != ERROR_SUCCESS) return connection.error();
     StoreMarks marks = {};
     for (int i = 0; i < kTries; ++i) {
+        if (i > 0) poll(nullptr, 0, kPauseMilliseconds);
         if (read_marks(connection.handle(), marks) != SQLITE_OK) return ERROR_IO_DEVICE;
-        if (!marks.legible) return ERROR_FILE_CORRUPT;
-        if (!is_journal_of(marks, journal_number(connection.handle()))) continue;
+        if (!marks.legible || !is_journal_of(marks, journal_number(connection.handle()))) continue;
         return tables == 0 && marks.committed != 0 ? ERROR_FILE_CORRUPT : ERROR_SUCCESS;
     }
     return ERROR_FILE_CORRUPT;
@@ -227,11 +236,12 @@ StoreOpening give_checksums(const StoreKind& kind, const std::string& path, Conn
     if (error == 0) error = connection.execute("PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE; COMMIT");
     if (error == 0 && reserve_checksums(connection.handle()) != SQLITE_OK) error = ERROR_NOT_ENOUGH_MEMORY;
     // Pages come in their order then, the first one first, which says that there are checksums.
-    if (error == 0) error = connection.execute("PRAGMA cache_spill = OFF");
+    if (error == 0) error = connection.execute("PRAGMA cache_spill = OFF; PRAGMA cache_size = -1000000000");
     if (error == 0) error = connection.execute(("VACUUM INTO '" + doubled_quotes(fresh) + "'").c_str());
     StoreOpening result = failure(kind, error, connection);
     connection.close();
     if (!result) return result;
+    if (StoreOpening examined = examine_store(kind, fresh); !examined) return examined;
     const HostFd file = open_host(fresh.c_str(), O_RDWR | O_NOFOLLOW);
     if (!file || fchmod(file.get(), 0600) != 0 || fsync(file.get()) != 0 || rename(fresh.c_str(), path.c_str()) != 0)
         return host_failure(kind, fresh, errno);
@@ -259,6 +269,8 @@ StoreOpening open_store(const StoreKind& kind, const std::string& path, const Be
     if (const int error = lock.take(lock_path.c_str(), FileLock::Missing::IsMade); error != 0)
         return error == ETIMEDOUT ? locked(kind, path, lock_path) : host_failure(kind, lock_path, error);
     if (const int error = make_private_file(path); error != 0) return host_failure(kind, path, error);
+    // SQLite would remove the journal of a file without a front.
+    if (size_of(path) < kFront && size_of(path + "-wal") > 0) return set_aside(kind, path, bell);
     StoreOpening result = prepare(kind, path, connection);
     if (!result) connection.close();
     return result.error == ERROR_FILE_CORRUPT ? set_aside(kind, path, bell) : result;
@@ -291,12 +303,15 @@ int replace_store(const std::string& path, const char* reason, const std::string
     Bell::Pull alone;
     if (const int error = alone.take_alone(bell); error != 0) return error;
     name = free_name(path, reason);
-    if (rename(path.c_str(), name.c_str()) != 0 && (errno != ENOENT || by.empty())) return errno;
+    // Whoever is killed on the way leaves a file that says that its journal is missing, and never one that seems new.
+    if (link(path.c_str(), name.c_str()) != 0 && (errno != ENOENT || by.empty())) return errno;
     rename((path + "-wal").c_str(), (name + "-wal").c_str());
+    const int result = by.empty() ? unlink(path.c_str()) : rename(by.c_str(), path.c_str());
+    if (result != 0) return errno;
     change_index(path);
     unlink((path + "-shm").c_str());
     unlink(suspicion(path).c_str());
-    return by.empty() || rename(by.c_str(), path.c_str()) == 0 ? 0 : errno;
+    return 0;
 }
 
 DWORD open_connection(const StoreKind& kind, const std::string& path, Connection& connection) {

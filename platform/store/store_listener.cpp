@@ -102,7 +102,8 @@ void Listener::call(StoreWatcher& watcher) noexcept {
     for (Entry& entry : entries_) {
         if (entry.watcher == &watcher) entry.again = true;
     }
-    wake();
+    // A watcher that calls itself is called when the others had their turn, and a while later.
+    if (thread_ != std::this_thread::get_id()) wake();
 }
 
 void Listener::resume() noexcept {
@@ -120,6 +121,7 @@ void Listener::after_fork_in_child() noexcept {
     new (&called_) std::condition_variable;  // those who waited are not here
     for (Entry& entry : entries_) {
         entry.watch = -1;
+        entry.again = true;  // for the thread that will be started
     }
     mutex_.unlock();
 }

@@ -114,6 +114,8 @@ public:
 
     // --- watching ---
     DWORD watch(StoreWatcher& watcher);
+    // Behind a ring: somebody may have given the store's name to another file.
+    void look_again();
     // Keeps the changes behind `seq` in the log, for this process, until keep_no_changes or its end.
     DWORD keep_changes(LONGLONG seq);
     void keep_no_changes();
@@ -144,7 +146,7 @@ private:
     DWORD follow();
     DWORD open();
     DWORD open_file(StoreOpening& opening);
-    DWORD begin_reading();
+    DWORD begin_reading(bool created);
     void close_reader() noexcept;
     void close_both() noexcept;
     DWORD open_writer();

@@ -63,6 +63,20 @@ TEST(Migration, AStoreOfTheFirstVersionIsTakenOverInPlace) {
     }
 }
 
+TEST(Migration, OfAStoreThatIsLargerThanTheCache) {
+    make_store_of_first_version();
+    query(store_path(),
+          "WITH RECURSIVE n(i) AS (SELECT 2 UNION ALL SELECT i + 1 FROM n WHERE i < 20001)"
+          " INSERT INTO contact(oid, file_as, last_name, own_file_as)"
+          " SELECT i, hex(zeroblob(500)), 'name ' || i, 1 FROM n");
+    query(store_path(), "UPDATE folder SET next = 20002 WHERE id = 10");
+    const TestSession session;
+    ASSERT_EQ(session.logon, S_OK) << "a store of 40 MB";
+    EXPECT_EQ(count(*session.items().get()), 20001);
+    EXPECT_EQ(text(*session.contact(20001).get(), &IContact::get_LastName), u"name 20001");
+    EXPECT_EQ(query(store_path(), "PRAGMA integrity_check"), "ok");
+}
+
 ZR_CHILD(log_on_once) {
     TestSession session;
     return session.logon == S_OK && count(*session.items().get()) == 1 ? 0 : 1;

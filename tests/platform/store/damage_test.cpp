@@ -350,6 +350,21 @@ TYPED_TEST(Damage, AStoreThatIsCutOffIsNoticed) {
     }
 }
 
+TYPED_TEST(Damage, AFileWithoutAFrontBesideAJournalIsNoticed) {
+    ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
+    this->keep();
+    for (const std::size_t size : {0, 1, 99}) {
+        this->put(this->file_bytes_.substr(0, size), this->journal_bytes_);
+        EXPECT_EQ(this->look(), kNoticed) << size;
+        bool kept = false;
+        for (const auto& entry : fs::directory_iterator(sandbox_home())) {
+            kept =
+                kept || (entry.path().string().ends_with("-wal") && this->read(entry.path()) == this->journal_bytes_);
+        }
+        EXPECT_TRUE(kept) << "the journal is set aside with its file, " << size;
+    }
+}
+
 TYPED_TEST(Damage, AnOlderCopyOfTheFileUnderANewerJournalIsNoticed) {
     ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
     this->keep();

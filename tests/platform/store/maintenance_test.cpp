@@ -205,7 +205,10 @@ TEST_F(Maintenance, RecoversKeysWhoseParentsWereLost) {
     query(registry_file(), "DELETE FROM key WHERE name = CAST(X'6C006F0073007400' AS BLOB)");
     EXPECT_EQ(query(registry_file(), "SELECT count(*) FROM key"), "6");
     const std::string recovered = beside("recovered.db");
-    ASSERT_EQ(ZrStoreRecover(registry_file().c_str(), recovered.c_str(), nullptr), kOk) << ZrStoreLastErrorText();
+    EXPECT_EQ(ZrStoreRecover(registry_file().c_str(), recovered.c_str(), nullptr), code(ERROR_SHARING_VIOLATION));
+    const std::string damaged = beside("backup.db");
+    fs::copy_file(registry_file(), damaged);
+    ASSERT_EQ(ZrStoreRecover(damaged.c_str(), recovered.c_str(), nullptr), kOk) << ZrStoreLastErrorText();
     ASSERT_EQ(ZrStoreRestore(recovered.c_str()), kOk) << ZrStoreLastErrorText();
     EXPECT_EQ(in_fork([] {
                   Key key;
@@ -221,8 +224,9 @@ TEST_F(Maintenance, RecoversKeysWhoseParentsWereLost) {
 
 TEST_F(Maintenance, SaysWhenNothingCanBeRead) {
     fill(10);
-    damage_pages(contacts_file(), 0, 1);
-    EXPECT_EQ(ZrStoreRecover(contacts_file().c_str(), beside("recovered.db").c_str(), nullptr),
+    fs::copy_file(contacts_file(), beside("backup.db"));
+    damage_pages(beside("backup.db"), 0, 1);
+    EXPECT_EQ(ZrStoreRecover(beside("backup.db").c_str(), beside("recovered.db").c_str(), nullptr),
               code(ERROR_FILE_CORRUPT));
     EXPECT_FALSE(fs::exists(beside("recovered.db")));
     for (const auto& entry : fs::directory_iterator(sandbox())) {
