@@ -37,6 +37,19 @@ if(ZR_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   endif()
 endif()
 
+# zr_compile_together(TARGET...): by the dozen, where that is wanted
+function(zr_compile_together)
+  if(ZR_UNITY)
+    set_target_properties(${ARGV} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 12)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      # It takes a source that is included for a header, which should have no unnamed namespace.
+      foreach(target IN LISTS ARGV)
+        target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+      endforeach()
+    endif()
+  endif()
+endfunction()
+
 add_library(zr_settings INTERFACE)
 target_compile_options(zr_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
                                              -Wnon-virtual-dtor -Wold-style-cast -Werror)

@@ -1,10 +1,10 @@
 # The rooms of zr, and which of the others each may include: none may include a room that is named behind it.
 # Read by the build and by the test `structure`.
 
-# zr_room(NAME [USES room...])
+# zr_room(NAME [USES room...] [LIBRARIES target...])
 set(ZR_ROOMS)
 macro(zr_room name)
-  cmake_parse_arguments(ZR_ROOM_${name} "" "" "USES" ${ARGN})
+  cmake_parse_arguments(ZR_ROOM_${name} "" "" "USES;LIBRARIES" ${ARGN})
   foreach(used IN LISTS ZR_ROOM_${name}_USES)
     if(NOT used IN_LIST ZR_ROOMS)
       message(FATAL_ERROR "room ${name} uses ${used}, which is not named before it")
@@ -13,10 +13,10 @@ macro(zr_room name)
   list(APPEND ZR_ROOMS ${name})
 endmacro()
 
-zr_room(base)
-zr_room(vcard USES base)
-zr_room(icalendar USES base)
+zr_room(base LIBRARIES PkgConfig::GLIB nlohmann_json::nlohmann_json)
+zr_room(vcard USES base LIBRARIES PkgConfig::EBOOK_CONTACTS)
+zr_room(icalendar USES base LIBRARIES PkgConfig::ICAL)
 zr_room(regfile USES base)
-zr_room(mail USES base)
+zr_room(mail USES base LIBRARIES PkgConfig::GMIME)
 zr_room(stores USES base vcard icalendar regfile)
-zr_room(commands USES base vcard icalendar regfile mail stores)
+zr_room(commands USES base vcard icalendar regfile mail stores LIBRARIES CLI11::CLI11)

@@ -515,12 +515,12 @@ TEST(BufferStream, SlotsStandInOrder) {
 }
 
 // A stream as a string and a position.
-struct Model {
+struct StreamModel {
     std::string data;
     std::size_t position = 0;
 };
 
-void step(BufferStream& stream, Model& model, std::mt19937& random) {
+void step(BufferStream& stream, StreamModel& model, std::mt19937& random) {
     const std::string text(random() % (random() % 50 == 0 ? 9000 : 40), static_cast<char>('a' + random() % 26));
     const auto count = static_cast<ULONG>(text.size());
     const LONGLONG move = static_cast<LONGLONG>(random() % 100) - 20;
@@ -567,7 +567,7 @@ TEST(BufferStream, AgreesWithAStringOverRandomOperations) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
         BufferStream stream;
-        Model model;
+        StreamModel model;
         for (int i = 0; i < 500; ++i) {
             step(stream, model, random);
             ASSERT_FALSE(HasFatalFailure());

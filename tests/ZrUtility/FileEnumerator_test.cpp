@@ -71,7 +71,7 @@ protected:
     const std::u16string base_ = temp_.handheld();
 };
 
-constexpr const char* kSource = ".\\FileEnumerator.cppzrwindowsmobile";
+constexpr const char* kEnumeratorSource = ".\\FileEnumerator.cppzrwindowsmobile";
 
 }  // namespace
 
@@ -129,7 +129,7 @@ TEST_F(FileEnumeratorTest, NothingFoundIsLogged) {
     ASSERT_EQ(records.size(), 4u);
     const int lines[] = {68, 70, 74, 76};
     for (std::size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(records[i].source, kSource);
+        EXPECT_EQ(records[i].source, kEnumeratorSource);
         EXPECT_EQ(records[i].line, lines[i]);
         EXPECT_EQ(records[i].category, i % 2 ? 0x40180008u : 0x180008u);
         EXPECT_TRUE(records[i].arguments.empty());
@@ -393,10 +393,10 @@ TEST_F(DeleteFiles, WhatCannotBeDeletedIsLoggedAndPassedOver) {
     EXPECT_EQ(left(), (std::set<std::string>{"sub", "sub/locked"}));
     const std::vector<LoggedRecord> records = log.records();
     ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].source, kSource);
+    EXPECT_EQ(records[0].source, kEnumeratorSource);
     EXPECT_EQ(records[0].line, 151);
     EXPECT_EQ(records[0].category, 0x180008u);
-    EXPECT_EQ(records[1].source, kSource);
+    EXPECT_EQ(records[1].source, kEnumeratorSource);
     EXPECT_EQ(records[1].line, 153);
     EXPECT_EQ(records[1].category, 0x40180008u);
     EXPECT_EQ(records[1].data, "\\" + host_.filename().string() + "\\sub\\locked");

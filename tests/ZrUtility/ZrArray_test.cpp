@@ -16,18 +16,19 @@
 
 #include "support/failing_malloc.h"
 #include "support/log_capture.h"
+#include "support/log_categories.h"
 #include "support/slots.h"
 
 namespace {
 
 using zr::test::call_slot;
 using zr::test::FailingMalloc;
+using zr::test::kContainersFailure;
+using zr::test::kContainersInformation;
 using zr::test::LogCapture;
 using zr::test::LoggedRecord;
 
-constexpr const char* kSource = ".\\ZrArray.cppzrwindowsmobile";
-constexpr std::uint32_t kFailure = 0xA80004;
-constexpr std::uint32_t kInformation = 0xA80010;
+constexpr const char* kArraySource = ".\\ZrArray.cppzrwindowsmobile";
 
 struct Record {
     int line;
@@ -38,15 +39,15 @@ struct Record {
 };
 
 Record grown(std::uintptr_t from, std::uintptr_t to) {
-    return {68, kInformation, {from, to}};
+    return {68, kContainersInformation, {from, to}};
 }
-const Record kNoRoom{81, kFailure, {}};
-const Record kNotAppended{102, kFailure, {}};
+const Record kNoRoom{81, kContainersFailure, {}};
+const Record kNotAppended{102, kContainersFailure, {}};
 
 std::vector<Record> logged(const LogCapture& log) {
     std::vector<Record> records;
     for (const LoggedRecord& record : log.records()) {
-        EXPECT_EQ(record.source, kSource);
+        EXPECT_EQ(record.source, kArraySource);
         EXPECT_TRUE(record.data.empty());
         records.push_back({record.line, record.category, record.arguments});
     }
@@ -405,7 +406,7 @@ TEST(ZrArray, AppendsThroughTheVirtualOperation) {
 }
 
 // What an array is to be, said as simply as can be: the whole buffer, and how much of it is in use.
-struct Model {
+struct ArrayModel {
     std::vector<unsigned char> buffer;
     std::size_t elementSize;
     std::size_t count;
@@ -445,7 +446,7 @@ struct Model {
     }
 };
 
-void expectSame(ZrArray& array, const Model& model, const LogCapture& log) {
+void expectSame(ZrArray& array, const ArrayModel& model, const LogCapture& log) {
     ASSERT_EQ(array.getNumberOfElement(), model.count);
     ASSERT_EQ(array.getSizeOfElement(), model.elementSize);
     ASSERT_EQ(array.getTotalSize(), model.buffer.size());
@@ -459,7 +460,7 @@ void expectSame(ZrArray& array, const Model& model, const LogCapture& log) {
 }
 
 // One random operation on the array and on the model of it.
-void step(ZrArray& array, Model& model, std::mt19937& random) {
+void step(ZrArray& array, ArrayModel& model, std::mt19937& random) {
     const bool memory = random() % 8 != 0;
     std::vector<unsigned char> element(model.elementSize);
     std::generate(element.begin(), element.end(), [&] { return static_cast<unsigned char>(random()); });
@@ -499,7 +500,7 @@ void step(ZrArray& array, Model& model, std::mt19937& random) {
     }
 }
 
-void compare(ZrArray& array, Model model, std::mt19937& random) {
+void compare(ZrArray& array, ArrayModel model, std::mt19937& random) {
     for (int i = 0; i < 400; ++i) {
         model.log.clear();
         const LogCapture log;
@@ -529,7 +530,7 @@ TEST(ZrArray, AgreesWithASimpleModelOverRandomOperations) {
         std::vector<unsigned char> room(elementSize * capacity + random() % elementSize);
         std::generate(room.begin(), room.end(), [&] { return static_cast<unsigned char>(random()); });
         const std::size_t count = random() % (capacity + 1);
-        const Model model{room, elementSize, count, 0, {}};
+        const ArrayModel model{room, elementSize, count, 0, {}};
         ZrArray fixed(room.data(), static_cast<int>(elementSize), static_cast<int>(count),
                       static_cast<int>(room.size()), false);
         compare(fixed, model, random);

@@ -12,20 +12,21 @@
 
 #include "log_tape.h"
 #include "support/failing_new.h"
+#include "support/log_categories.h"
 #include "support/slots.h"
 
 namespace {
 
 using zr::test::FailingNew;
+using zr::test::kContainersFailure;
+using zr::test::kContainersInformation;
 using zr::test::LogTape;
 using zr::test::TapedRecord;
 
-constexpr const char* kSource = ".\\ZrHashTable.cppzrwindowsmobile";
-constexpr std::uint32_t kFailure = 0xA80004;
-constexpr std::uint32_t kInformation = 0xA80010;
+constexpr const char* kTableSource = ".\\ZrHashTable.cppzrwindowsmobile";
 
 TapedRecord record(int line, std::uint32_t category, std::vector<std::uintptr_t> arguments = {}) {
-    return {kSource, line, category, std::move(arguments), {}};
+    return {kTableSource, line, category, std::move(arguments), {}};
 }
 
 // The table's data, in the order in which it is laid out.
@@ -36,7 +37,7 @@ struct Slot {
     bool operator==(const Slot&) const = default;
 };
 
-struct Fields {
+struct TableFields {
     void* table;
     int autoRehash;
     ULONG requestedSize;
@@ -46,28 +47,28 @@ struct Fields {
     const Slot* slots;
     ULONG deactivatedCount;
 };
-static_assert(sizeof(Fields) == sizeof(ZrHashTable));
+static_assert(sizeof(TableFields) == sizeof(ZrHashTable));
 
-Fields fieldsOf(const ZrHashTable& table) {
-    Fields fields{};
+TableFields fieldsOf(const ZrHashTable& table) {
+    TableFields fields{};
     std::memcpy(&fields, static_cast<const void*>(&table), sizeof fields);
     return fields;
 }
 
 std::vector<Slot> slotsOf(const ZrHashTable& table) {
-    const Fields fields = fieldsOf(table);
+    const TableFields fields = fieldsOf(table);
     return {fields.slots, fields.slots + fields.tableSize};
 }
 
 // A table as it is described: slots in a vector, divisions, no shortcuts.
-class Model {
+class TableModel {
 public:
-    Model(int autoRehash, int replaceExisting) : autoRehash_(autoRehash), replaceExisting_(replaceExisting) {}
+    TableModel(int autoRehash, int replaceExisting) : autoRehash_(autoRehash), replaceExisting_(replaceExisting) {}
 
     int create(ULONG size) {
         const ULONG requested = 2 * size;
         if (requested >= 179897) {
-            log.push_back(record(57, kFailure, {requested}));
+            log.push_back(record(57, kContainersFailure, {requested}));
             return 0;
         }
         requestedSize_ = requested;
@@ -106,7 +107,7 @@ public:
         if (state(at) == 2) --deactivated_;
         slots_[at] = {key << 2 | 1, value};
         if (autoRehash_ != 0 && size() * 3 < count_ * 4) {
-            log.push_back(record(131, kInformation));
+            log.push_back(record(131, kContainersInformation));
             return rehash(requestedSize_ * 3 / 2);
         }
         return 1;
@@ -123,7 +124,7 @@ public:
                 gaveUp = probe > size() / 2 + 1;
                 at = static_cast<std::size_t>((key % size() + probe * probe) % size());
             }
-            if (gaveUp) log.push_back(record(168, kInformation));
+            if (gaveUp) log.push_back(record(168, kContainersInformation));
             if (!gaveUp && state(at) == 1) {
                 result = 1;
                 if (value != nullptr) *value = slots_[at].value;
@@ -136,14 +137,14 @@ public:
             }
         }
         if (autoRehash_ != 0 && count_ >= size() / 4 && deactivated_ >= count_) {
-            log.push_back(record(198, kInformation, {deactivated_}));
+            log.push_back(record(198, kContainersInformation, {deactivated_}));
             rehash(0);
         }
         return result;
     }
 
     int rehash(ULONG size) {
-        log.push_back(record(231, kInformation, {requestedSize_, size}));
+        log.push_back(record(231, kContainersInformation, {requestedSize_, size}));
         const std::vector<Slot> old = slots_;
         const ULONG walked = requestedSize_;
         free();
@@ -159,7 +160,7 @@ public:
     }
 
     void expectSame(ZrHashTable& table) const {
-        const Fields fields = fieldsOf(table);
+        const TableFields fields = fieldsOf(table);
         ASSERT_EQ(table.GetSize(), size());
         ASSERT_EQ(table.GetRequestedSize(), requestedSize_);
         ASSERT_EQ(fields.autoRehash, autoRehash_);
@@ -205,7 +206,7 @@ TEST(ZrHashTable, StartsWithoutATable) {
     EXPECT_EQ(table.FreeTable(), 0);
     EXPECT_EQ(table.IsLoadFactorTooHigh(), 0);
     EXPECT_EQ(table.IsDeactivatedCountTooHigh(), 1);
-    const Fields fields = fieldsOf(table);
+    const TableFields fields = fieldsOf(table);
     EXPECT_EQ(fields.autoRehash, 1);
     EXPECT_EQ(fields.replaceExisting, 1);
     EXPECT_EQ(fields.slots, nullptr);
@@ -217,7 +218,8 @@ TEST(ZrHashTable, FindByNumberWithoutATableMakesOne) {
     EXPECT_EQ(table.FindValue(5u, nullptr, ZrHashTable::FIND_ONLY, 0), 0);
     EXPECT_EQ(table.GetSize(), 5u);
     EXPECT_EQ(table.GetRequestedSize(), 0u);
-    EXPECT_EQ(tape.take(), (std::vector{record(198, kInformation, {0}), record(231, kInformation, {0, 0})}));
+    EXPECT_EQ(tape.take(),
+              (std::vector{record(198, kContainersInformation, {0}), record(231, kContainersInformation, {0, 0})}));
     ZrHashTable still(0);
     EXPECT_EQ(still.FindValue(5u, nullptr, ZrHashTable::FIND_ONLY, 0), 0);
     EXPECT_EQ(still.GetSize(), 0u);
@@ -235,7 +237,7 @@ TEST(ZrHashTable, TakesTheFirstPrimeAboveTwiceTheSize) {
     EXPECT_EQ(tape.take(), std::vector<TapedRecord>{});
     EXPECT_EQ(table.InsertValue(7u, 70), 1);
     EXPECT_EQ(table.CreateTable(89949), 0);
-    EXPECT_EQ(tape.take(), std::vector{record(57, kFailure, {179898})});
+    EXPECT_EQ(tape.take(), std::vector{record(57, kContainersFailure, {179898})});
     ULONG value = 0;
     EXPECT_EQ(table.FindValue(7u, &value, ZrHashTable::FIND_ONLY, 0), 1);
     EXPECT_EQ(value, 70u);
@@ -397,7 +399,7 @@ TEST(ZrHashTable, WithoutRehashItFillsUpToItsPaths) {
     EXPECT_EQ(fieldsOf(table).count, 3u);
     EXPECT_EQ(tape.take(), std::vector<TapedRecord>{});
     EXPECT_EQ(table.FindValue(15u, nullptr, ZrHashTable::FIND_ONLY, 0), 0);
-    EXPECT_EQ(tape.take(), std::vector{record(168, kInformation)});
+    EXPECT_EQ(tape.take(), std::vector{record(168, kContainersInformation)});
     EXPECT_EQ(table.InsertValue(2u, 2), 1);
     EXPECT_EQ(table.InsertValue(3u, 3), 1);
     EXPECT_EQ(table.InsertValue(4u, 4), 0);
@@ -421,7 +423,8 @@ TEST(ZrHashTable, GrowsBeyondThreeQuartersAndLosesTheLastSlots) {
     EXPECT_EQ(table.InsertValue(0u, 100), 1);
     EXPECT_EQ(table.GetRequestedSize(), 60u);
     EXPECT_EQ(table.GetSize(), 79u);
-    EXPECT_EQ(tape.take(), (std::vector{record(131, kInformation), record(231, kInformation, {20, 30})}));
+    EXPECT_EQ(tape.take(),
+              (std::vector{record(131, kContainersInformation), record(231, kContainersInformation, {20, 30})}));
     EXPECT_EQ(fieldsOf(table).count, 13u);
     for (unsigned int key = 8; key < 29; ++key) {
         EXPECT_EQ(table.FindValue(key, nullptr, ZrHashTable::FIND_ONLY, 0), key < 20 ? 1 : 0) << key;
@@ -438,8 +441,9 @@ TEST(ZrHashTable, ALargestTableThatMustGrowLosesAll) {
         ++key;
     }
     EXPECT_EQ(key, 134922u);
-    EXPECT_EQ(tape.take(), (std::vector{record(131, kInformation), record(231, kInformation, {179896, 269844}),
-                                        record(57, kFailure, {539688})}));
+    EXPECT_EQ(tape.take(),
+              (std::vector{record(131, kContainersInformation), record(231, kContainersInformation, {179896, 269844}),
+                           record(57, kContainersFailure, {539688})}));
     EXPECT_EQ(table.GetSize(), 0u);
     EXPECT_EQ(fieldsOf(table).count, 0u);
     EXPECT_EQ(zr::test::live_news(), before);
@@ -457,7 +461,8 @@ TEST(ZrHashTable, TooManyDeletedSlotsDoubleTheTable) {
     }
     EXPECT_EQ(tape.take(), std::vector<TapedRecord>{});
     EXPECT_EQ(table.FindValue(7u, nullptr, ZrHashTable::FIND_AND_DELETE, 0), 1);
-    EXPECT_EQ(tape.take(), (std::vector{record(198, kInformation, {8}), record(231, kInformation, {20, 0})}));
+    EXPECT_EQ(tape.take(),
+              (std::vector{record(198, kContainersInformation, {8}), record(231, kContainersInformation, {20, 0})}));
     EXPECT_EQ(table.GetRequestedSize(), 40u);
     EXPECT_EQ(table.GetSize(), 41u);
     EXPECT_EQ(fieldsOf(table).count, 7u);
@@ -486,7 +491,7 @@ TEST(ZrHashTable, CreateFailsWithoutMemory) {
         result = table.CreateTable(20);
     }
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(tape.take(), std::vector{record(54, kFailure, {41})});
+    EXPECT_EQ(tape.take(), std::vector{record(54, kContainersFailure, {41})});
     EXPECT_EQ(table.GetSize(), 0u);
     EXPECT_EQ(table.GetRequestedSize(), 40u);
     EXPECT_EQ(table.FreeTable(), 0);
@@ -508,8 +513,9 @@ TEST(ZrHashTable, GrowingWithoutMemoryLosesAll) {
         result = table.InsertValue(21u, 21);
     }
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(tape.take(), (std::vector{record(131, kInformation), record(231, kInformation, {20, 30}),
-                                        record(54, kFailure, {79})}));
+    EXPECT_EQ(tape.take(),
+              (std::vector{record(131, kContainersInformation), record(231, kContainersInformation, {20, 30}),
+                           record(54, kContainersFailure, {79})}));
     EXPECT_EQ(table.GetSize(), 0u);
     EXPECT_EQ(table.InsertValue(1u, 1), 0);
     EXPECT_EQ(zr::test::live_news(), before);
@@ -547,7 +553,7 @@ ULONG draw(std::mt19937& random) {
 }
 
 // One random operation on the table and on the model of it.
-void step(ZrHashTable& table, Model& model, std::mt19937& random) {
+void step(ZrHashTable& table, TableModel& model, std::mt19937& random) {
     const ULONG range = draw(random) % 4 == 0 ? 300 : 40;
     ULONG key = draw(random) % range;
     if (random() % 32 == 0) key |= 0x3FFFFF00u << random() % 3;
@@ -592,7 +598,7 @@ TEST(ZrHashTable, AgreesWithAModelOverRandomOperations) {
         const int autoRehash = seed % 2 == 0 ? 1 : 0;
         const int replaceExisting = seed % 4 < 2 ? 1 : 0;
         ZrHashTable table(autoRehash, replaceExisting);
-        Model model(autoRehash, replaceExisting);
+        TableModel model(autoRehash, replaceExisting);
         ASSERT_EQ(table.CreateTable(seed % 30), model.create(seed % 30));
         for (int i = 0; i < 1500; ++i) {
             step(table, model, random);
@@ -614,7 +620,7 @@ TEST(ZrHashTable, AgreesWithAModelOverLargeKeys) {
     LogTape tape;
     std::mt19937 random(7);
     ZrHashTable table(0);
-    Model model(0, 1);
+    TableModel model(0, 1);
     for (const unsigned int size : {50u, 500u, 5000u}) {
         ASSERT_EQ(table.CreateTable(size), model.create(size));
         std::vector<ULONG> keys(size * 2);

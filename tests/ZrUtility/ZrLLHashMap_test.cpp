@@ -25,10 +25,10 @@ using zr::test::HashMapModel;
 using zr::test::LogTape;
 using zr::test::TapedRecord;
 
-constexpr const char* kSource = ".\\ZrLLHashMap.cppzrwindowsmobile";
+constexpr const char* kMapSource = ".\\ZrLLHashMap.cppzrwindowsmobile";
 
 // The map's data, in the order in which it is laid out.
-struct Fields {
+struct MapFields {
     void* table;
     void** keys;
     void** values;
@@ -37,10 +37,10 @@ struct Fields {
     int threshold;
     int capacity;
 };
-static_assert(sizeof(Fields) == sizeof(ZrLLHashMap));
+static_assert(sizeof(MapFields) == sizeof(ZrLLHashMap));
 
-Fields fieldsOf(const ZrLLHashMap& map) {
-    Fields fields{};
+MapFields fieldsOf(const ZrLLHashMap& map) {
+    MapFields fields{};
     std::memcpy(&fields, static_cast<const void*>(&map), sizeof fields);
     return fields;
 }
@@ -163,7 +163,7 @@ TEST(ZrLLHashMap, SpreadsWideKeys) {
     for (std::intptr_t key = 1; key <= 100; ++key) {
         map.put(as(key * (std::intptr_t{1} << 32)), as(key));
     }
-    const Fields fields = fieldsOf(map);
+    const MapFields fields = fieldsOf(map);
     int homes = 0;
     for (int slot = 0; slot < fields.capacity; ++slot) {
         homes += fields.states[slot] > 3 ? 1 : 0;
@@ -209,13 +209,13 @@ TEST(ZrLLHashMap, HasNoEntries) {
     EXPECT_EQ(map.entries(), nullptr);
     ZrLOHashMap objects(4);
     EXPECT_EQ(objects.entries(), nullptr);
-    const TapedRecord record{kSource, 153, 0xA80004, {}, {}};
+    const TapedRecord record{kMapSource, 153, 0xA80004, {}, {}};
     EXPECT_EQ(tape.take(), (std::vector{record, record}));
 }
 
-class ClearsByItself : public ZrLLHashMap {
+class MapThatClearsByItself : public ZrLLHashMap {
 public:
-    ClearsByItself() : ZrLLHashMap(100) {}
+    MapThatClearsByItself() : ZrLLHashMap(100) {}
     int seen = -1;
 
 protected:
@@ -223,7 +223,7 @@ protected:
 };
 
 TEST(ZrLLHashMap, ClearGoesThroughTheVirtualOperation) {
-    ClearsByItself map;
+    MapThatClearsByItself map;
     map.put(as(1), as(10));
     map.put(as(2), as(20));
     map.remove(as(2));
@@ -239,7 +239,7 @@ TEST(ZrLLHashMap, ClearGoesThroughTheVirtualOperation) {
 }
 
 TEST(ZrLLHashMap, SlotsStandInOrder) {
-    ClearsByItself map;
+    MapThatClearsByItself map;
     EXPECT_EQ((call_slot<void*, void*, void*>(&map, 2, as(1), as(10))), nullptr);  // put
     EXPECT_EQ((call_slot<void*, void*>(&map, 3, as(1))), as(10));                  // get
     EXPECT_TRUE((call_slot<bool, void*>(&map, 5, as(1))));                         // containsKey
@@ -253,7 +253,7 @@ TEST(ZrLLHashMap, SlotsStandInOrder) {
     map.put(as(1), as(1));
     call_slot<void>(&map, 11);  // clearElements
     EXPECT_EQ(map.seen, 1);
-    auto* gone = new ClearsByItself;
+    auto* gone = new MapThatClearsByItself;
     const long before = zr::test::live_news();
     call_slot<void>(gone, zr::test::deleting(0));
     EXPECT_LT(zr::test::live_news(), before);
@@ -358,7 +358,7 @@ TEST(ZrLLHashMap, AMapCreatedWithoutMemoryIsEmptyUntilThereIsSome) {
 
 // The state that every step must leave: results of all keys, iterators, and the slots themselves.
 void expectSame(ZrLLHashMap& map, const HashMapModel& model, const std::vector<std::intptr_t>& keys) {
-    const Fields fields = fieldsOf(map);
+    const MapFields fields = fieldsOf(map);
     ASSERT_EQ(map.size(), model.size());
     ASSERT_EQ(fields.count, model.size());
     ASSERT_EQ(fields.threshold, model.threshold());

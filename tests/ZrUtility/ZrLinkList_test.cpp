@@ -182,7 +182,7 @@ TEST(ZrLinkList, CopiesShareTheNodes) {
     EXPECT_EQ(copy->getLastElement(), kB);
 }
 
-class ClearsByItself : public ZrLinkList {
+class ListThatClearsByItself : public ZrLinkList {
 public:
     int cleared = 0;
 
@@ -194,7 +194,7 @@ protected:
 };
 
 TEST(ZrLinkList, ClearGoesThroughTheVirtualOperation) {
-    ClearsByItself list;
+    ListThatClearsByItself list;
     list.appendElement(kA);
     list.clear();
     EXPECT_EQ(list.cleared, 1);
@@ -202,7 +202,7 @@ TEST(ZrLinkList, ClearGoesThroughTheVirtualOperation) {
 }
 
 TEST(ZrLinkList, SlotsStandInOrder) {
-    ClearsByItself list;
+    ListThatClearsByItself list;
     EXPECT_EQ((call_slot<int, void*>(&list, 2, kA)), 0);          // appendElement
     EXPECT_EQ((call_slot<int, int, void*>(&list, 3, 0, kB)), 0);  // insertElement
     EXPECT_EQ((call_slot<int>(&list, 4)), 2);                     // getNumberOfElement

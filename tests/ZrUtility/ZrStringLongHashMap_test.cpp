@@ -23,14 +23,14 @@ using zr::test::HashMapModel;
 using zr::test::LogTape;
 using zr::test::TapedRecord;
 
-constexpr const char* kSource = ".\\ZrStringLongHashMap.cppzrwindowsmobile";
+constexpr const char* kStringMapSource = ".\\ZrStringLongHashMap.cppzrwindowsmobile";
 
 void* key(const char* text) {
     return const_cast<char*>(text);
 }
 
 std::vector<TapedRecord> collision(const char* stored) {
-    return {{kSource, 107, 0xA80004, {}, {}}, {kSource, 108, 0xA80004, {}, stored}};
+    return {{kStringMapSource, 107, 0xA80004, {}, {}}, {kStringMapSource, 108, 0xA80004, {}, stored}};
 }
 
 std::int32_t hashOf(const std::string& text) {
@@ -114,7 +114,7 @@ TEST(ZrStringLongHashMap, HasNoEntries) {
     LogTape tape;
     ZrStringLongHashMap map(10);
     EXPECT_EQ(map.entries(), nullptr);
-    EXPECT_EQ(tape.take(), (std::vector<TapedRecord>{{kSource, 118, 0xA80004, {}, {}}}));
+    EXPECT_EQ(tape.take(), (std::vector<TapedRecord>{{kStringMapSource, 118, 0xA80004, {}, {}}}));
 }
 
 TEST(ZrStringLongHashMap, DropsANullKey) {
@@ -194,9 +194,10 @@ TEST(ZrStringLongHashMap, WorksAsFarAsItsMemoryGoes) {
     }
 }
 
-class Model {
+class StringMapModel {
 public:
-    Model(int capacity, std::vector<TapedRecord>& log) : log_(log), keys_(capacity, log), values_(capacity, log) {}
+    StringMapModel(int capacity, std::vector<TapedRecord>& log)
+        : log_(log), keys_(capacity, log), values_(capacity, log) {}
 
     std::intptr_t put(const char* text, std::intptr_t value) {
         const char* stored = storedFor(text);
@@ -256,7 +257,7 @@ TEST(ZrStringLongHashMap, AgreesWithAModelOverRandomOperations) {
         const int capacity = static_cast<int>(1 + random() % 20);
         std::vector<TapedRecord> log;
         ZrStringLongHashMap map(capacity);
-        Model model(capacity, log);
+        StringMapModel model(capacity, log);
         for (int i = 0; i < 400; ++i) {
             const char* text = texts[random() % texts.size()].c_str();
             const auto value = static_cast<std::intptr_t>(random() % 1000);

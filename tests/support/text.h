@@ -25,6 +25,11 @@ private:
     std::unique_ptr<WCHAR[]> text_;
 };
 
+// Each byte as a character.
+inline std::u16string widen(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
 // At most `longest` characters, all from the alphabet.
 inline std::u16string randomText(std::mt19937& random, std::u16string_view alphabet, std::size_t longest) {
     std::u16string text(random() % (longest + 1), u'\0');

@@ -12,14 +12,16 @@
 #include <iterator>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/types.h"
+#include "support/instrumented.h"
 #include "time/clock.h"
 
 namespace zr::test {
 
-// What TZ can be set to: the files below the zone folder, one for each content.
+// What TZ can be set to: the files below the zone folder, one for each content. Under a sanitizer, some of them.
 inline std::vector<std::string> system_zones() {
     namespace fs = std::filesystem;
     const fs::path folder = "/usr/share/zoneinfo";
@@ -38,6 +40,10 @@ inline std::vector<std::string> system_zones() {
     for (auto& [content, name] : by_content)
         zones.push_back(std::move(name));
     std::ranges::sort(zones);
+    std::size_t kept = 0;
+    for (std::size_t at = 0; at < zones.size(); at += kStride)
+        std::swap(zones[kept++], zones[at]);
+    zones.resize(kept);
     return zones;
 }
 

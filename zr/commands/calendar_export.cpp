@@ -15,7 +15,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct CalendarExportOptions {
     std::string output;
     bool json = false;
 };
@@ -27,7 +27,7 @@ int year_of(Moment time) {
 
 class Export {
 public:
-    explicit Export(const Options& options) : options_(options), file_(options.output) {}
+    explicit Export(const CalendarExportOptions& options) : options_(options), file_(options.output) {}
 
     Exit run();
 
@@ -40,7 +40,7 @@ private:
         text.clear();
     }
 
-    const Options& options_;
+    const CalendarExportOptions& options_;
     CalendarStore store_;
     OutputFile file_;
     JsonArray array_{[this](std::string_view text) { file_.write(text); }};
@@ -124,7 +124,7 @@ Exit Export::run() {
 }  // namespace
 
 void add_calendar_export(Command calendar) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CalendarExportOptions>();
     Command command = calendar.add_command("export", "Write all appointments and tasks as an iCalendar");
     command.add_option("-o,--output", options->output,
                        "Write to this file, whole or not at all (default: standard output)");

@@ -12,7 +12,7 @@
 namespace zr {
 namespace {
 
-constexpr ImportWords kWords = {"item", "items", "component", "components", "not in full"};
+constexpr ImportWords kCalendarWords = {"item", "items", "component", "components", "not in full"};
 
 std::size_t bytes_of(const EventFields& fields) {
     return fields.subject.size() + fields.location.size() + fields.body.size() + fields.extras.size();
@@ -20,7 +20,7 @@ std::size_t bytes_of(const EventFields& fields) {
 
 class CalendarImport : public Import {
 public:
-    explicit CalendarImport(const ImportOptions& options) : Import(options, kWords) {}
+    explicit CalendarImport(const ImportOptions& options) : Import(options, kCalendarWords) {}
 
 private:
     void read(InputFile& file) override;

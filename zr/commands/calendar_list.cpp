@@ -12,7 +12,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct CalendarListOptions {
     bool tasks = false;
     std::string from;
     std::string to;
@@ -21,11 +21,11 @@ struct Options {
     bool json = false;
 };
 
-int limited(int count, const Options& options) {
+int limited(int count, const CalendarListOptions& options) {
     return options.limit > 0 ? std::min<int>(count, options.limit) : count;
 }
 
-bool list_appointments(CalendarStore& store, const Options& options) {
+bool list_appointments(CalendarStore& store, const CalendarListOptions& options) {
     const bool some = !options.from.empty() || !options.to.empty();
     if (some) {
         const CalendarDay from =
@@ -57,7 +57,7 @@ bool list_appointments(CalendarStore& store, const Options& options) {
     return count > 0;
 }
 
-bool list_tasks(CalendarStore& store, const Options& options) {
+bool list_tasks(CalendarStore& store, const CalendarListOptions& options) {
     JsonArray array;
     const int count = store.tasks();
     const int limit = limited(count, options);
@@ -79,7 +79,7 @@ bool list_tasks(CalendarStore& store, const Options& options) {
 }  // namespace
 
 void add_calendar_list(Command calendar) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CalendarListOptions>();
     Command command = calendar.add_command("list", "List the appointments, or the tasks");
     command.add_flag("-t,--tasks", options->tasks, "List the tasks, by due date, instead of the appointments");
     command.add_option("--from", options->from, "List what there is from this day on, such as 2026-01-31");

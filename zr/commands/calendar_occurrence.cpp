@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono;
 
-struct Options {
+struct CalendarOccurrenceOptions {
     LONG oid = 0;
     std::string date;
     bool json = false;
@@ -50,7 +50,7 @@ std::string utc_text(FILETIME time) {
 
 class Occurrence {
 public:
-    explicit Occurrence(const Options& options)
+    explicit Occurrence(const CalendarOccurrenceOptions& options)
         : day_(parse_day("DATE", options.date)), oid_(options.oid), json_(options.json) {}
 
     Exit run();
@@ -121,7 +121,7 @@ Exit Occurrence::run() {
 }  // namespace
 
 void add_calendar_occurrence(Command calendar) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CalendarOccurrenceOptions>();
     Command command = calendar.add_command("occurrence", "Show one occurrence of a series");
     command.add_option("OID", options->oid, "The identifier of the series, as list prints it").required();
     command.add_option("DATE", options->date, "The day on which the series has it, such as 2026-01-31").required();

@@ -10,12 +10,12 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct CalendarRemoveOptions {
     std::vector<LONG> oids;
     bool json = false;
 };
 
-Exit remove(const Options& options) {
+Exit remove(const CalendarRemoveOptions& options) {
     CalendarStore store;
     Exit code = Exit::Ok;
     Json removed = Json::array();
@@ -37,7 +37,7 @@ Exit remove(const Options& options) {
 }  // namespace
 
 void add_calendar_remove(Command calendar) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CalendarRemoveOptions>();
     Command command = calendar.add_command("remove", "Remove appointments and tasks");
     command.add_option("OID", options->oids, "Identifiers, as list prints them").required();
     command.add_flag("--json", options->json, "Print the removed identifiers as JSON");

@@ -12,7 +12,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct CalendarShowOptions {
     std::vector<LONG> oids;
     bool json = false;
 };
@@ -47,7 +47,7 @@ void print_task(LONG oid, const Task& task) {
 
 class Show {
 public:
-    explicit Show(const Options& options) : options_(options) {}
+    explicit Show(const CalendarShowOptions& options) : options_(options) {}
 
     Exit run() {
         Exit code = Exit::Ok;
@@ -67,7 +67,7 @@ private:
         first_ = false;
     }
 
-    const Options& options_;
+    const CalendarShowOptions& options_;
     CalendarStore store_;
     JsonArray array_;
     bool first_ = true;
@@ -99,7 +99,7 @@ bool Show::show(LONG oid) {
 }  // namespace
 
 void add_calendar_show(Command calendar) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CalendarShowOptions>();
     Command command = calendar.add_command("show", "Show all fields of appointments and tasks");
     command.add_option("OID", options->oids, "Identifiers, as list prints them").required();
     command.add_flag("--json", options->json, "Print JSON");

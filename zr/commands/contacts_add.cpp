@@ -11,12 +11,12 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct ContactsAddOptions {
     ContactOptions contact;
     bool json = false;
 };
 
-Exit add(const Options& options) {
+Exit add(const ContactsAddOptions& options) {
     const Card card = options.contact.card();
     if (card == Card{}) throw Failure{Exit::Usage, "add: give at least one field of the contact"};
     Store store;
@@ -33,7 +33,7 @@ Exit add(const Options& options) {
 }  // namespace
 
 void add_contacts_add(Command contacts) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ContactsAddOptions>();
     Command command = contacts.add_command("add", "Add one contact and print its identifier");
     options->contact.add_to(command);
     command.add_flag("--json", options->json, "Print the contact as JSON");

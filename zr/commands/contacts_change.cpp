@@ -11,13 +11,13 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct ContactsChangeOptions {
     LONG oid = 0;
     ContactOptions contact;
     bool json = false;
 };
 
-Exit change(const Options& options) {
+Exit change(const ContactsChangeOptions& options) {
     const Card card = options.contact.card();
     if (options.contact.none_given()) throw Failure{Exit::Usage, "change: give at least one field to change"};
     Store store;
@@ -36,7 +36,7 @@ Exit change(const Options& options) {
 }  // namespace
 
 void add_contacts_change(Command contacts) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ContactsChangeOptions>();
     Command command = contacts.add_command("change", "Change fields of a contact");
     command.add_option("OID", options->oid, "Identifier, as list and find print it").required();
     options->contact.add_to(command);

@@ -13,13 +13,13 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct ContactsExportOptions {
     std::string output;
     std::string version = "3.0";
     bool json = false;
 };
 
-Exit export_contacts(const Options& options) {
+Exit export_contacts(const ContactsExportOptions& options) {
     const CardVersion version = options.version == "2.1"   ? CardVersion::V21
                                 : options.version == "4.0" ? CardVersion::V40
                                                            : CardVersion::V30;
@@ -54,7 +54,7 @@ Exit export_contacts(const Options& options) {
 }  // namespace
 
 void add_contacts_export(Command contacts) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ContactsExportOptions>();
     Command command = contacts.add_command("export", "Write all contacts as vCards");
     command.add_option("-o,--output", options->output,
                        "Write to this file, whole or not at all (default: standard output)");

@@ -15,7 +15,7 @@ namespace {
 constexpr unsigned kEveryField = 0xFFFFFFFF;
 constexpr unsigned kEmails = 128 | 256 | 512;
 
-struct Options {
+struct ContactsFindOptions {
     std::string pattern;
     std::vector<std::string> fields;
     bool exact = false;
@@ -63,7 +63,7 @@ private:
     ContactsManager manager_;
 };
 
-Exit find(const Options& options) {
+Exit find(const ContactsFindOptions& options) {
     unsigned mask = options.fields.empty() ? kEveryField : 0;
     for (const std::string& field : options.fields) {
         mask |= masks().at(field);
@@ -95,7 +95,7 @@ Exit find(const Options& options) {
 }  // namespace
 
 void add_contacts_find(Command contacts) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ContactsFindOptions>();
     Command command = contacts.add_command("find", "List the contacts that match a text");
     command.add_option("PATTERN", options->pattern, "The text; letter case does not matter").required();
     std::vector<std::string> names;

@@ -10,7 +10,7 @@
 namespace zr {
 namespace {
 
-constexpr ImportWords kWords = {"contact", "contacts", "card", "cards", "line left out"};
+constexpr ImportWords kContactWords = {"contact", "contacts", "card", "cards", "line left out"};
 
 std::size_t bytes_of(const Card& card) {
     std::size_t bytes = card.extras.size();
@@ -22,7 +22,7 @@ std::size_t bytes_of(const Card& card) {
 
 class ContactsImport : public Import {
 public:
-    explicit ContactsImport(const ImportOptions& options) : Import(options, kWords) {}
+    explicit ContactsImport(const ImportOptions& options) : Import(options, kContactWords) {}
 
 private:
     void read(InputFile& file) override;

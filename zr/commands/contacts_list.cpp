@@ -12,7 +12,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct ContactsListOptions {
     std::string sort = "file-as";
     bool descending = false;
     int limit = 0;
@@ -29,7 +29,7 @@ const std::map<std::string, std::u16string>& tags() {
     return all;
 }
 
-Exit list(const Options& options) {
+Exit list(const ContactsListOptions& options) {
     Store store;
     store.sort(tags().at(options.sort), options.descending);
     const int count = store.count();
@@ -53,7 +53,7 @@ Exit list(const Options& options) {
 }  // namespace
 
 void add_contacts_list(Command contacts) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ContactsListOptions>();
     Command command = contacts.add_command("list", "List the contacts");
     std::vector<std::string> names;
     for (const auto& [name, tag] : tags()) {

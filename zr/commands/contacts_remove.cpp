@@ -12,7 +12,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct ContactsRemoveOptions {
     std::vector<LONG> oids;
     std::string email;
     bool all = false;
@@ -39,7 +39,7 @@ std::vector<LONG> with_email(Store& store, const std::string& email) {
     return oids;
 }
 
-Exit remove(const Options& options) {
+Exit remove(const ContactsRemoveOptions& options) {
     if (options.oids.empty() == options.email.empty()) {
         throw Failure{Exit::Usage, "remove: give identifiers or --email"};
     }
@@ -74,7 +74,7 @@ Exit remove(const Options& options) {
 }  // namespace
 
 void add_contacts_remove(Command contacts) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ContactsRemoveOptions>();
     Command command = contacts.add_command("remove", "Remove contacts");
     command.add_option("OID", options->oids, "Identifiers, as list and find print them");
     command.add_option("--email", options->email, "Remove the contact with this address instead");

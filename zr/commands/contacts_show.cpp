@@ -11,7 +11,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct ContactsShowOptions {
     std::vector<LONG> oids;
     bool json = false;
 };
@@ -26,7 +26,7 @@ void print_contact(LONG oid, const Card& card) {
     print_extras(card.extras);
 }
 
-Exit show(const Options& options) {
+Exit show(const ContactsShowOptions& options) {
     Store store;
     Exit code = Exit::Ok;
     JsonArray array;
@@ -54,7 +54,7 @@ Exit show(const Options& options) {
 }  // namespace
 
 void add_contacts_show(Command contacts) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ContactsShowOptions>();
     Command command = contacts.add_command("show", "Show all fields of contacts");
     command.add_option("OID", options->oids, "Identifiers, as list and find print them").required();
     command.add_flag("--json", options->json, "Print JSON");

@@ -20,7 +20,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct LogShowOptions {
     std::string file;
     std::string level;
     bool json = false;
@@ -142,7 +142,7 @@ void tell_gaps(const std::string& file, const ZrLogStatistics& statistics) {
     }
 }
 
-Exit show_log(const Options& options) {
+Exit show_log(const LogShowOptions& options) {
     InputFile readable(options.file);  // tells a file that cannot be read from one that is no log
     std::string error;
     const auto reader = ZrLogReader::open(options.file, error);
@@ -165,7 +165,7 @@ Exit show_log(const Options& options) {
 }  // namespace
 
 void add_log_show(Command log) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<LogShowOptions>();
     Command command = log.add_command("show", "Print the records of a log file");
     command.add_option("FILE", options->file, "The log, as ZR_LOG named it when it was written").required();
     command.add_option("-l,--level", options->level, "Only records that are at least this severe")

@@ -28,7 +28,7 @@ constexpr int kAnyVersion = 0;
 constexpr int kExactVersion = 1;
 constexpr int kSomeVersion = 5;
 
-struct Options {
+struct ModulesOptions {
     std::string folder;
     std::string pattern = "*";
     LONG id = 0;
@@ -111,7 +111,7 @@ void print_module(const Found& module, bool json) {
 }
 
 // The file, if it is a module that a client would find who looks for companions with this number and version.
-std::optional<Found> find_wanted(const Options& options, std::u16string path) {
+std::optional<Found> find_wanted(const ModulesOptions& options, std::u16string path) {
     const std::size_t slash = path.rfind(u'\\');
     std::u16string folder = path.substr(0, slash);
     std::u16string name = path.substr(slash + 1);
@@ -151,7 +151,7 @@ std::vector<std::u16string> files_of(std::u16string folder, std::u16string patte
     return found;
 }
 
-Exit list_modules(const Options& options) {
+Exit list_modules(const ModulesOptions& options) {
     const bool by_id = options.id_option.given();
     if (!by_id && (!options.version.empty() || options.level_option.given()))
         throw Failure{Exit::Usage, "--version and --level need --id"};
@@ -182,7 +182,7 @@ Exit list_modules(const Options& options) {
 }  // namespace
 
 void add_modules(Command zr) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ModulesOptions>();
     Command command = zr.add_command("modules", "List the modules of a folder, with identity and version");
     command.add_option("DIR", options->folder, "The folder").required();
     options->id_option = command.add_option("--id", options->id, "Only modules that answer this number");

@@ -17,7 +17,7 @@ namespace {
 constexpr int kMostTries = 5;
 constexpr DWORD kNewsDelay = 10;
 
-struct Options {
+struct RegExportOptions {
     std::vector<std::string> keys;
     std::string output;
     std::string format = "5";
@@ -25,7 +25,7 @@ struct Options {
     bool json = false;
 };
 
-RegEncoding encoding_of(const Options& options) {
+RegEncoding encoding_of(const RegExportOptions& options) {
     const bool five = options.format == "5";
     if (options.encoding.empty()) return five ? RegEncoding::Utf16 : RegEncoding::Windows1252;
     if (options.encoding == "utf-8") return RegEncoding::Utf8;
@@ -34,9 +34,9 @@ RegEncoding encoding_of(const Options& options) {
     return RegEncoding::Windows1252;
 }
 
-class Export {
+class RegistryExport {
 public:
-    Export(const Options& options, OutputFile& file)
+    RegistryExport(const RegExportOptions& options, OutputFile& file)
         : json_(options.json),
           file_(file),
           writer_(options.format == "4" ? RegVersion::V4 : RegVersion::V5, encoding_of(options),
@@ -76,7 +76,7 @@ private:
 };
 
 // Whether nothing changed while it was written; if something did, a key or value may be missing that was there.
-bool write_all(const std::vector<RegPath>& tops, Export& all) {
+bool write_all(const std::vector<RegPath>& tops, RegistryExport& all) {
     std::vector<std::unique_ptr<RegChanges>> changes;
     for (const RegPath& top : tops) {
         changes.push_back(std::make_unique<RegChanges>(RegKey::existing(top), true));
@@ -87,7 +87,7 @@ bool write_all(const std::vector<RegPath>& tops, Export& all) {
     return std::none_of(changes.begin(), changes.end(), [](const auto& each) { return each->came(kNewsDelay); });
 }
 
-Exit export_keys(const Options& options) {
+Exit export_keys(const RegExportOptions& options) {
     std::vector<RegPath> tops;
     for (const std::string& each : options.keys) {
         tops.push_back(reg_path_of(each));
@@ -101,7 +101,7 @@ Exit export_keys(const Options& options) {
     encoding_of(options);
     for (int tries = 1;; ++tries) {
         OutputFile file(options.output);
-        Export all(options, file);
+        RegistryExport all(options, file);
         const bool settled = write_all(tops, all);
         if (!settled && file.can_start_over() && tries < kMostTries) continue;
         for (const std::string& each : all.left_out()) {
@@ -118,7 +118,7 @@ Exit export_keys(const Options& options) {
 }  // namespace
 
 void add_reg_export(Command reg) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RegExportOptions>();
     Command command = reg.add_command("export", "Write keys and all below them as a .reg file");
     command.add_option("KEY", options->keys, "The keys (default: the whole registry)");
     command.add_option("-o,--output", options->output,

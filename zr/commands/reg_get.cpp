@@ -11,7 +11,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct RegGetOptions {
     std::string key;
     std::string name;
     std::vector<std::string> words;
@@ -43,7 +43,7 @@ void make_changes(const std::vector<ZrRegistryChange>& changes, const std::strin
     if (result != ERROR_SUCCESS) throw reg_failure(result, doing);
 }
 
-Exit get(const Options& options) {
+Exit get(const RegGetOptions& options) {
     const std::u16string name = reg_name_of(options.name);
     const RegKey key = RegKey::existing(reg_path_of(options.key));
     const std::optional<RegValue> value = key.value(name);
@@ -56,7 +56,7 @@ Exit get(const Options& options) {
     return Exit::Ok;
 }
 
-Exit set(const Options& options) {
+Exit set(const RegGetOptions& options) {
     const RegPath path = reg_path_of(options.key);
     const std::optional<DWORD> type = parse_reg_type(options.type);
     if (!type) throw Failure{Exit::Usage, "--type: " + options.type + " is no type such as REG_DWORD or 0x15"};
@@ -105,7 +105,7 @@ void delete_key(const RegKey& key, bool tree, bool json) {
     if (json) print_json_line({{"deleted", "key"}, {"key", json_text_of(path)}});
 }
 
-Exit remove(const Options& options) {
+Exit remove(const RegGetOptions& options) {
     if (options.tree && !options.words.empty()) throw Failure{Exit::Usage, "--tree is for keys, not for values"};
     const RegPath path = reg_path_of(options.key);
     const RegKey key = RegKey::existing(path);
@@ -121,7 +121,7 @@ Exit remove(const Options& options) {
 }  // namespace
 
 void add_reg_get(Command reg) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RegGetOptions>();
     Command command = reg.add_command("get", "Print the data of a value");
     command.add_option("KEY", options->key, kKeyHelp).required();
     command.add_option("NAME", options->name, "The value; @, or left out, is the key's default value");
@@ -138,7 +138,7 @@ void add_reg_get(Command reg) {
 }
 
 void add_reg_set(Command reg) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RegGetOptions>();
     Command command = reg.add_command("set", "Set a value, or make a key");
     command.add_option("KEY", options->key, kKeyHelp).required();
     options->name_option =
@@ -160,7 +160,7 @@ void add_reg_set(Command reg) {
 }
 
 void add_reg_delete(Command reg) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RegGetOptions>();
     Command command = reg.add_command("delete", "Delete values, or a key");
     command.add_option("KEY", options->key, kKeyHelp).required();
     command.add_option("NAME", options->words, "The values to delete; @ is the default value. None: the key itself");

@@ -23,7 +23,7 @@ namespace {
 
 constexpr long kMostProblems = 20;  // that are named before a file is given up
 
-struct Options {
+struct RegImportOptions {
     std::vector<std::string> files;
     bool keep_going = false;
     bool json = false;
@@ -122,7 +122,7 @@ private:
 
 class RegImport {
 public:
-    explicit RegImport(const Options& options)
+    explicit RegImport(const RegImportOptions& options)
         : options_(options), progress_(!options.quiet && !options.json, "keys") {}
 
     Exit run();
@@ -138,7 +138,7 @@ private:
     Failure failure_of(LONG result) const;
     void report();
 
-    const Options& options_;
+    const RegImportOptions& options_;
     Progress progress_;
     std::vector<std::unique_ptr<Source>> sources_;
     Counts counts_;
@@ -330,7 +330,7 @@ void RegImport::report() {
 }  // namespace
 
 void add_reg_import(Command reg) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RegImportOptions>();
     Command command = reg.add_command("import", "Make the changes that .reg files tell of");
     command.add_option("FILE", options->files, ".reg files of version 4 or 5; - is standard input").required();
     command.add_flag("--keep-going", options->keep_going, "Import what is good of damaged files, and name the rest");

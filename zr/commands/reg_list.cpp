@@ -12,7 +12,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct RegListOptions {
     std::string key;
     LONG depth = std::numeric_limits<LONG>::max();
     bool keys = false;
@@ -38,7 +38,7 @@ void list_value(const RegPath& path, const NamedRegValue& value, bool json) {
           reg_data_shown(value.value) + "\n");
 }
 
-Exit list(const Options& options) {
+Exit list(const RegListOptions& options) {
     if (options.key.empty()) {
         for (const RegRoot root : kRegRoots) {
             list_key({root, u""}, to_utf16(reg_root_name(root)), options.json);
@@ -59,7 +59,7 @@ std::string last_name(const RegPath& path) {
     return printable(to_utf8(path.below.substr(path.below.rfind(u'\\') + 1)));
 }
 
-void print_tree(const RegPath& top, const Options& options) {
+void print_tree(const RegPath& top, const RegListOptions& options) {
     walk_reg_tree(RegKey::existing(top), [&](const RegPath& path, const auto& values, int depth) {
         if (options.json) {
             print_json_line(options.keys ? json_of(path) : key_json(path, values));
@@ -74,7 +74,7 @@ void print_tree(const RegPath& top, const Options& options) {
     });
 }
 
-Exit tree(const Options& options) {
+Exit tree(const RegListOptions& options) {
     if (!options.key.empty()) {
         print_tree(reg_path_of(options.key), options);
         return Exit::Ok;
@@ -88,7 +88,7 @@ Exit tree(const Options& options) {
 }  // namespace
 
 void add_reg_list(Command reg) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RegListOptions>();
     Command command = reg.add_command("list", "List the keys and values in a key");
     command.add_option("KEY", options->key, "The key (default: the roots)");
     command.add_flag("--json", options->json, "Print one JSON object per key or value and line");
@@ -103,7 +103,7 @@ void add_reg_list(Command reg) {
 }
 
 void add_reg_tree(Command reg) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RegListOptions>();
     Command command = reg.add_command("tree", "Print a key and all below it");
     command.add_option("KEY", options->key, "The key (default: all roots)");
     command.add_option("-d,--depth", options->depth, "Go down no more than this many keys").positive();

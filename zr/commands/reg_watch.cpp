@@ -14,7 +14,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct RegWatchOptions {
     std::string key;
     bool key_only = false;
     bool json = false;
@@ -29,7 +29,8 @@ using Snapshot = std::map<std::u16string, Values>;
 
 class RegWatch {
 public:
-    explicit RegWatch(const Options& options) : options_(options), key_(RegKey::existing(reg_path_of(options.key))) {}
+    explicit RegWatch(const RegWatchOptions& options)
+        : options_(options), key_(RegKey::existing(reg_path_of(options.key))) {}
 
     Exit run();
 
@@ -43,7 +44,7 @@ private:
     void print_value(const std::u16string& key, const std::u16string& name, const RegValue* value) const;
     void print_start(const Snapshot& now) const;
 
-    const Options& options_;
+    const RegWatchOptions& options_;
     RegKey key_;
 };
 
@@ -151,7 +152,7 @@ void RegWatch::print_value(const std::u16string& key, const std::u16string& name
 }  // namespace
 
 void add_reg_watch(Command reg) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RegWatchOptions>();
     Command command = reg.add_command("watch", "Print what changes in a key, as it changes, until interrupted");
     command.add_option("KEY", options->key, "The key").required();
     command.add_flag("--key-only", options->key_only, "Watch the key's own values and keys, not what is below these");

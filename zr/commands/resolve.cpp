@@ -21,7 +21,7 @@ namespace {
 constexpr int kEmailFields =
     Contact::CONTACT_FIELD_EMAIL1 | Contact::CONTACT_FIELD_EMAIL2 | Contact::CONTACT_FIELD_EMAIL3;
 
-struct Options {
+struct ResolveOptions {
     std::vector<std::string> inputs;
     bool addresses = false;
     bool messages = false;
@@ -43,7 +43,7 @@ struct Answer {
     Card card;
 };
 
-bool is_message_argument(const Options& options, const std::string& input) {
+bool is_message_argument(const ResolveOptions& options, const std::string& input) {
     if (options.addresses || options.messages) return options.messages;
     struct stat status;
     return input == "-" || ::stat(input.c_str(), &status) == 0 || input.find('@') == std::string::npos;
@@ -178,7 +178,7 @@ Exit print_answers(Directory& directory, std::vector<Query>& queries, bool json)
     return code;
 }
 
-void collect_queries(const Options& options, std::vector<Query>& queries, Exit& code) {
+void collect_queries(const ResolveOptions& options, std::vector<Query>& queries, Exit& code) {
     for (const std::string& input : options.inputs) {
         try {
             if (is_message_argument(options, input)) {
@@ -193,7 +193,7 @@ void collect_queries(const Options& options, std::vector<Query>& queries, Exit& 
     }
 }
 
-Exit resolve(const Options& options) {
+Exit resolve(const ResolveOptions& options) {
     Exit code = Exit::Ok;
     std::vector<Query> queries;
     collect_queries(options, queries, code);
@@ -213,7 +213,7 @@ Exit resolve(const Options& options) {
 }  // namespace
 
 void add_resolve(Command zr) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ResolveOptions>();
     Command command = zr.add_command("resolve", "Tell which contact sent a message or has an address");
     command
         .add_option(

@@ -12,7 +12,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct WatchOptions {
     std::vector<std::string> folders;
     std::string extension;
     Option extension_option{nullptr};
@@ -20,7 +20,7 @@ struct Options {
     bool json = false;
 };
 
-Exit watch(const Options& options) {
+Exit watch(const WatchOptions& options) {
     if (!options.clock && options.folders.empty())
         throw Failure{Exit::Usage, "nothing to watch (zr watch --help tells more)"};
     EventLoop loop;
@@ -47,7 +47,7 @@ Exit watch(const Options& options) {
 }  // namespace
 
 void add_watch(Command zr) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<WatchOptions>();
     Command command = zr.add_command("watch", "Print what changes, as it changes, until interrupted");
     command.add_option("DIR", options->folders, "Folders whose files and folders are watched, ten at most");
     options->extension_option =

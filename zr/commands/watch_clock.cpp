@@ -11,6 +11,7 @@
 #include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
+#include "zr/commands/require_zone.h"
 #include "zr/commands/watch.h"
 
 namespace zr {
@@ -59,21 +60,15 @@ std::string date_text(const FILETIME& time, char separator) {
     return text;
 }
 
-std::string zone_name() {
-    std::u16string name(ZrGetZoneName(nullptr, 0), u'\0');
-    name.resize(std::min<std::size_t>(ZrGetZoneName(name.data(), static_cast<DWORD>(name.size() + 1)), name.size()));
-    return to_utf8(name);
-}
-
 // The time and the zone at one moment.
-struct Moment {
+struct Reading {
     FILETIME utc{};
     FILETIME local{};
     bool has_zone = false;
     std::string zone;
 
-    static Moment now() {
-        Moment moment;
+    static Reading now() {
+        Reading moment;
         GetSystemTimeAsFileTime(&moment.utc);
         moment.has_zone = FileTimeToLocalFileTime(&moment.utc, &moment.local) != FALSE;
         moment.zone = zone_name();
@@ -133,7 +128,7 @@ public:
 
 private:
     void print_change(const std::string& change, double moved) const {
-        const Moment now = Moment::now();
+        const Reading now = Reading::now();
         if (json_) {
             print_object(change, moved, now);
         } else {
@@ -141,7 +136,7 @@ private:
         }
     }
 
-    static void print_object(const std::string& change, double moved, const Moment& now) {
+    static void print_object(const std::string& change, double moved, const Reading& now) {
         Json json = {{"change", change}, {"time", date_text(now.utc, 'T') + "Z"}};
         if (change == "clock") json.set("moved", moved);
         json.set("local", nullptr);
@@ -154,7 +149,7 @@ private:
         print_json_line(json);
     }
 
-    static void print_line(const std::string& change, double moved, const Moment& now) {
+    static void print_line(const std::string& change, double moved, const Reading& now) {
         std::string line = date_text(now.utc, 'T') + "Z " + change;
         if (moved != 0) {
             char text[48];

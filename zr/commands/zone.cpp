@@ -20,7 +20,7 @@
 namespace zr {
 namespace {
 
-struct Options {
+struct ZoneOptions {
     LONG next = 4;
     bool json = false;
 };
@@ -184,7 +184,7 @@ void print_json(const Zone& zone) {
     print_json_line(json);
 }
 
-Exit show_zone(const Options& options) {
+Exit show_zone(const ZoneOptions& options) {
     const Zone zone = device_zone(options.next);
     options.json ? print_json(zone) : print_text(zone);
     return Exit::Ok;
@@ -193,7 +193,7 @@ Exit show_zone(const Options& options) {
 }  // namespace
 
 void add_zone(Command zr) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ZoneOptions>();
     Command command = zr.add_command("zone", "Show the device's time zone, its number and its next changes");
     command.add_option("-n,--next", options->next, "How many changes to show").positive().shows_default();
     command.add_flag("--json", options->json, "Print one JSON object");

@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono;
 
-constexpr year kLastYear{2100};
+constexpr year kLastListedYear{2100};
 // No zone has changed its clock twice within less, but for corrections that were taken back at once.
 constexpr seconds kStep = days(4);
 
@@ -180,14 +180,14 @@ void append_observance(std::string& out, const ZoneChange& change, const std::st
 
 void append_run(std::string& out, const Run& run) {
     // Two changes are no rule yet.
-    if (run.changes < 3 && run.last_year < int(kLastYear)) {
+    if (run.changes < 3 && run.last_year < int(kLastListedYear)) {
         append_observance(out, run.first, {});
         const ZoneChange last = {run.last, run.first.before, run.first.after, run.first.daylight, run.first.name};
         if (run.changes > 1) append_observance(out, last, {});
         return;
     }
     std::string rule = "RRULE:FREQ=YEARLY;BYMONTH=" + std::to_string(run.month) + ";" + day_rule(run);
-    if (run.last_year < int(kLastYear)) rule += ";UNTIL=" + utc_text(run.last) + "Z";
+    if (run.last_year < int(kLastListedYear)) rule += ";UNTIL=" + utc_text(run.last) + "Z";
     append_observance(out, run.first, rule);
 }
 
@@ -228,7 +228,7 @@ std::string device_zone_id() {
 
 bool device_is_utc() {
     const sys_seconds begin = sys_days(year(1900) / 1 / 1);
-    return offset_at(begin) == 0 && zone_changes(begin, sys_days(kLastYear / 1 / 1)).empty();
+    return offset_at(begin) == 0 && zone_changes(begin, sys_days(kLastListedYear / 1 / 1)).empty();
 }
 
 std::vector<ZoneChange> zone_changes(sys_seconds from, sys_seconds to) {
@@ -257,7 +257,7 @@ std::vector<ZoneChange> zone_changes(sys_seconds from, sys_seconds to) {
 
 void append_device_vtimezone(std::string& out, int first_year) {
     const sys_seconds begin = sys_days(year(first_year) / 1 / 1) - days(2);
-    const sys_seconds end = sys_days((kLastYear + years(1)) / 1 / 1);
+    const sys_seconds end = sys_days((kLastListedYear + years(1)) / 1 / 1);
     const ZoneState state = state_at(begin);
     append_folded(out, "BEGIN:VTIMEZONE");
     std::string id = "TZID:";

@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::chrono;
 
-std::string utc_text(sys_seconds utc) {
+std::string utc_value(sys_seconds utc) {
     return time_text(Moment(utc.time_since_epoch())) + "Z";
 }
 
@@ -116,7 +116,7 @@ void CalendarWriter::Component::identity(const std::string& uid, std::string_vie
     text("UID", uid);
     const std::vector<std::string_view> lines = lines_of(extras);
     const bool stamped = std::any_of(lines.begin(), lines.end(), [](auto line) { return names(line, "DTSTAMP"); });
-    if (!stamped) line("DTSTAMP:" + utc_text(writer_.now_));
+    if (!stamped) line("DTSTAMP:" + utc_value(writer_.now_));
 }
 
 void CalendarWriter::Component::reminder(int options, const std::string& sound) {
@@ -196,7 +196,7 @@ void CalendarWriter::write(const Event& event, std::string& out) const {
         std::string rule = "RRULE:" + rule_of_pattern(*event.pattern);
         if (event.pattern->until) {
             const CalendarDay day = *event.pattern->until;
-            rule += ";UNTIL=" + (event.all_day ? day_text(day) : utc_text(until_of(day, clock)));
+            rule += ";UNTIL=" + (event.all_day ? day_text(day) : utc_value(until_of(day, clock)));
         } else if (event.pattern->count > 0) {
             rule += ";COUNT=" + std::to_string(event.pattern->count);
         }
@@ -245,7 +245,8 @@ void CalendarWriter::write(const Task& task, std::string& out) const {
     if (task.complete) component.line("STATUS:COMPLETED");
     component.reminder(task.reminder_options, task.reminder_sound);
     component.kept_properties(extras);
-    if (task.reminder) component.alarm("TRIGGER;VALUE=DATE-TIME:" + utc_text(device_utc(*task.reminder)), task.subject);
+    if (task.reminder)
+        component.alarm("TRIGGER;VALUE=DATE-TIME:" + utc_value(device_utc(*task.reminder)), task.subject);
     component.finish(extras);
 }
 

@@ -18,7 +18,7 @@ namespace {
 using namespace std::chrono;
 
 constexpr int kMostInterval = 999;
-constexpr int kLastYear = 4500;
+constexpr int kLastYearOfSeries = 4500;
 constexpr const char* kDayNames[] = {"SU", "MO", "TU", "WE", "TH", "FR", "SA"};
 
 template <std::size_t N>
@@ -323,7 +323,7 @@ bool RuleReader::start_in_month() {
     const months step(yearly_ ? 12 * pattern_.interval : pattern_.interval);
     // A month without the day has no occurrence, unless the rule says that its last day stands for it.
     for (int tries = 0; tries < 100; ++tries, month += step) {
-        if (int(month.year()) > kLastYear) break;
+        if (int(month.year()) > kLastYearOfSeries) break;
         const bool has_day = clamps_ || pattern_.day_of_month <= static_cast<int>(days_in(month));
         first_ = day_in(pattern_, month);
         if (has_day && first_ >= day_) return true;
@@ -377,14 +377,14 @@ bool RuleReader::read_end(const std::string& text) {
                             : pattern_.type == olRecursWeekly ? 7
                                                               : 31;
         const double last_day = unit * pattern_.interval * pattern_.count;
-        const auto room = static_cast<double>((local_days(year(kLastYear) / 12 / 31) - first_).count());
+        const auto room = static_cast<double>((local_days(year(kLastYearOfSeries) / 12 / 31) - first_).count());
         return last_day < room || fail("occurrences behind the year 4500");
     }
     if (until.empty()) return true;
     ZonedTime time;
     // A year that the store has no room for is how some programs write that there is no end.
     const int year = number_of(until.substr(0, std::min<std::size_t>(until.size(), 4)), 9999);
-    if (year >= kLastYear) return true;
+    if (year >= kLastYearOfSeries) return true;
     if (!parse_time(until, time)) return fail("an UNTIL that is no date");
     pattern_.until = start_.last_day(time) + days(start_.shift);
     return *pattern_.until >= first_ || fail("ends before it begins");

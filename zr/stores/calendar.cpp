@@ -13,12 +13,12 @@ namespace {
 using namespace std::chrono;
 
 constexpr const char* kReading = "reading an appointment";
-constexpr const char* kWriting = "writing an appointment";
+constexpr const char* kWritingAppointment = "writing an appointment";
 constexpr const char* kReadingTask = "reading a task";
 constexpr const char* kWritingTask = "writing a task";
 
 // Days are counted from 30 December 1899; the time of day is a fraction that is added to the size.
-constexpr CalendarDay kFirstDay = local_days(year(1899) / 12 / 30);
+constexpr CalendarDay kDayZero = local_days(year(1899) / 12 / 30);
 constexpr double kDaySeconds = 86400;
 
 template <typename Item, typename Value>
@@ -34,7 +34,8 @@ std::string get_text(Item* item, HRESULT (Item::*getter)(BSTR*), const char* doi
 }
 
 template <typename Item>
-void put_text(Item* item, HRESULT (Item::*putter)(BSTR), const std::string& value, const char* doing = kWriting) {
+void put_text(Item* item, HRESULT (Item::*putter)(BSTR), const std::string& value,
+              const char* doing = kWritingAppointment) {
     std::u16string text = to_utf16(value);
     check((item->*putter)(text.data()), doing);
 }
@@ -49,7 +50,7 @@ void put_fields(IAppointment* item, const EventFields& event, const EventFields&
         if (event.*field != before.*field) put_text(item, putter, event.*field);
     };
     const auto number = [&](HRESULT (IAppointment::*putter)(LONG), int EventFields::*field) {
-        if (event.*field != before.*field) check((item->*putter)(event.*field), kWriting);
+        if (event.*field != before.*field) check((item->*putter)(event.*field), kWritingAppointment);
     };
     text(&IAppointment::put_Subject, &EventFields::subject);
     text(&IAppointment::put_Location, &EventFields::location);
@@ -60,32 +61,32 @@ void put_fields(IAppointment* item, const EventFields& event, const EventFields&
     number(&IAppointment::put_MeetingStatus, &EventFields::meeting);
     number(&IAppointment::put_ReminderOptions, &EventFields::reminder_options);
     text(&IAppointment::put_ReminderSoundFile, &EventFields::reminder_sound);
-    if (event.reminder != before.reminder) check(item->put_ReminderSet(to_bool(event.reminder)), kWriting);
+    if (event.reminder != before.reminder) check(item->put_ReminderSet(to_bool(event.reminder)), kWritingAppointment);
     if (event.reminder) number(&IAppointment::put_ReminderMinutesBeforeStart, &EventFields::reminder_minutes);
-    if (event.all_day != before.all_day) check(item->put_AllDayEvent(to_bool(event.all_day)), kWriting);
+    if (event.all_day != before.all_day) check(item->put_AllDayEvent(to_bool(event.all_day)), kWritingAppointment);
     // A start that is put moves the end.
     if (event.start != before.start || event.end != before.end) {
-        check(item->put_Start(to_date(event.start)), kWriting);
-        check(item->put_End(to_date(event.end)), kWriting);
+        check(item->put_Start(to_date(event.start)), kWritingAppointment);
+        check(item->put_End(to_date(event.end)), kWritingAppointment);
     }
     if (event.extras != before.extras) put_text_property(item, ZR_PROPID_EVENT_EXTRAS, event.extras);
 }
 
 void put_pattern(IAppointment* item, const Pattern& from) {
     ComPtr<IRecurrencePattern> pattern;
-    check(item->GetRecurrencePattern(pattern.out()), kWriting);
-    check(pattern->put_RecurrenceType(from.type), kWriting);
-    check(pattern->put_Interval(from.interval), kWriting);
-    if (from.weekdays != 0) check(pattern->put_DayOfWeekMask(from.weekdays), kWriting);
-    if (from.instance != 0) check(pattern->put_Instance(from.instance), kWriting);
-    if (from.day_of_month != 0) check(pattern->put_DayOfMonth(from.day_of_month), kWriting);
-    if (from.month != 0) check(pattern->put_MonthOfYear(from.month), kWriting);
+    check(item->GetRecurrencePattern(pattern.out()), kWritingAppointment);
+    check(pattern->put_RecurrenceType(from.type), kWritingAppointment);
+    check(pattern->put_Interval(from.interval), kWritingAppointment);
+    if (from.weekdays != 0) check(pattern->put_DayOfWeekMask(from.weekdays), kWritingAppointment);
+    if (from.instance != 0) check(pattern->put_Instance(from.instance), kWritingAppointment);
+    if (from.day_of_month != 0) check(pattern->put_DayOfMonth(from.day_of_month), kWritingAppointment);
+    if (from.month != 0) check(pattern->put_MonthOfYear(from.month), kWritingAppointment);
     if (from.until) {
-        check(pattern->put_PatternEndDate(to_date(*from.until)), kWriting);
+        check(pattern->put_PatternEndDate(to_date(*from.until)), kWritingAppointment);
     } else if (from.count > 0) {
-        check(pattern->put_Occurrences(from.count), kWriting);
+        check(pattern->put_Occurrences(from.count), kWritingAppointment);
     } else {
-        check(pattern->put_NoEndDate(VARIANT_TRUE), kWriting);
+        check(pattern->put_NoEndDate(VARIANT_TRUE), kWritingAppointment);
     }
 }
 
@@ -94,7 +95,7 @@ void save_change(IRecurrencePattern* pattern, const Change& change) {
     const HRESULT result = pattern->GetOccurrence(to_date(change.day), occurrence.out());
     // Behind the end of the series there is nothing to delete.
     if (is_missing(result) && change.deleted) return;
-    check(result, kWriting);
+    check(result, kWritingAppointment);
     if (change.deleted) return check(occurrence->Delete(), "deleting an occurrence");
     put_fields(occurrence.get(), change.fields, read_fields(occurrence.get()));
     check(occurrence->Save(), "saving an occurrence");
@@ -175,7 +176,7 @@ constexpr const char* kImportance[] = {"low", "normal", "high"};
 
 DATE to_date(Moment time) {
     const auto day = floor<days>(time);
-    const double whole = static_cast<double>((day - kFirstDay).count());
+    const double whole = static_cast<double>((day - kDayZero).count());
     const double part = static_cast<double>((time - day).count()) / kDaySeconds;
     return whole < 0 ? whole - part : whole + part;
 }
@@ -183,7 +184,7 @@ DATE to_date(Moment time) {
 Moment to_moment(DATE date) {
     if (date == ZR_PIM_NO_DATE || !(date > -700000) || !(date < 3000000)) return kNoTime;
     const double whole = std::trunc(date);
-    return kFirstDay + days(static_cast<int>(whole)) + seconds(std::llround(std::abs(date - whole) * kDaySeconds));
+    return kDayZero + days(static_cast<int>(whole)) + seconds(std::llround(std::abs(date - whole) * kDaySeconds));
 }
 
 CalendarStore::CalendarStore()
@@ -245,7 +246,7 @@ void CalendarStore::save_new(const Event& event) {
     check(item->Save(), "saving an appointment");
     if (event.changes.empty()) return;
     ComPtr<IRecurrencePattern> pattern;
-    check(item->GetRecurrencePattern(pattern.out()), kWriting);
+    check(item->GetRecurrencePattern(pattern.out()), kWritingAppointment);
     for (const Change& change : event.changes) {
         save_change(pattern.get(), change);
     }

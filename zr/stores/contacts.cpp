@@ -94,16 +94,16 @@ std::string text_of(IContact* contact, HRESULT (IContact::*get)(BSTR*)) {
     return taken_text(text);
 }
 
-constexpr const char* kWriting = "writing a contact";
+constexpr const char* kWritingContact = "writing a contact";
 
 void put_text(IContact* contact, const Accessors& accessors, const std::string& value) {
     std::u16string text = to_utf16(value);
-    check((contact->*accessors.put)(text.data()), kWriting);
+    check((contact->*accessors.put)(text.data()), kWritingContact);
 }
 
 void put_days(IContact* contact, const Card& card) {
-    if (card.birthday) check(contact->put_Birthday(to_date(card.birthday)), kWriting);
-    if (card.anniversary) check(contact->put_Anniversary(to_date(card.anniversary)), kWriting);
+    if (card.birthday) check(contact->put_Birthday(to_date(card.birthday)), kWritingContact);
+    if (card.anniversary) check(contact->put_Anniversary(to_date(card.anniversary)), kWritingContact);
 }
 
 }  // namespace

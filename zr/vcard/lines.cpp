@@ -11,8 +11,6 @@
 namespace zr {
 namespace {
 
-constexpr std::size_t npos = std::string_view::npos;
-
 bool is_base64(std::string_view line) {
     return !line.empty() && std::all_of(line.begin(), line.end(),
                                         [](char c) { return g_ascii_isalnum(c) || c == '+' || c == '/' || c == '='; });
@@ -135,7 +133,8 @@ void PropertyLines::build(const CardHeader& header, PropertyLine& property) {
         property.text += value;
     } else {
         std::string decoded = to_utf8_value(value, header.charset);
-        property.text += decoded.find_first_of("\\\r") == npos ? decoded : with_clean_escapes(decoded);
+        property.text +=
+            decoded.find_first_of("\\\r") == std::string_view::npos ? decoded : with_clean_escapes(decoded);
     }
 }
 

@@ -361,12 +361,12 @@ TEST(ParseEmailAddress, NegativeRoomIsNoBuffer) {
     }
 }
 
-using Entries = std::vector<std::vector<SPropValue>>;
+using Recipients = std::vector<std::vector<SPropValue>>;
 
 // An address list with as many entries as it is given, each of them a list of properties.
 class AddressList {
 public:
-    explicit AddressList(const Entries& entries)
+    explicit AddressList(const Recipients& entries)
         : properties_(entries), bytes_(CbNewADRLIST(static_cast<ULONG>(entries.size()))) {
         auto* list = new (bytes_.data()) ADRLIST;
         list->cEntries = static_cast<ULONG>(entries.size());
@@ -379,7 +379,7 @@ public:
     int memory() { return AddressUtilities::CalculateMemoryForRecipient(reinterpret_cast<ADRLIST*>(bytes_.data())); }
 
 private:
-    Entries properties_;
+    Recipients properties_;
     std::vector<unsigned char> bytes_;
 };
 
@@ -400,11 +400,11 @@ TEST(CalculateMemoryForRecipient, CountsMarkedEntries) {
     Text address(u"al@jo.com");
     const SPropValue named = textProperty(PR_DISPLAY_NAME_W, name);
     const SPropValue addressed = textProperty(PR_EMAIL_ADDRESS_W, address);
-    EXPECT_EQ(AddressList(Entries()).memory(), 0);
+    EXPECT_EQ(AddressList(Recipients()).memory(), 0);
     EXPECT_EQ(AddressList({{recipientType(), named, addressed}}).memory(), 50);
     EXPECT_EQ(AddressList({{addressed, named, recipientType()}}).memory(), 50);
     EXPECT_EQ(AddressList({{named, addressed}}).memory(), 12);
-    EXPECT_EQ(AddressList(Entries(1)).memory(), 12);
+    EXPECT_EQ(AddressList(Recipients(1)).memory(), 12);
     EXPECT_EQ(AddressList({{recipientType()}}).memory(), 18);
     EXPECT_EQ(AddressList({{recipientType(), named}, {addressed}, {recipientType(), addressed}}).memory(),
               12 + 2 * (6 + 3) + 2 * (10 + 3));

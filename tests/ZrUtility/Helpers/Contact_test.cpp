@@ -7,12 +7,12 @@
 #include "ZrUtility/Helpers/ContactsManager.h"
 #include "ZrUtility/Helpers/fake_outlook.h"
 #include "support/log_capture.h"
+#include "support/log_categories.h"
 
 namespace {
 
 using zr::test::FakeOutlook;
-
-constexpr std::uint32_t kFailure = 0x730004;
+using zr::test::kContactsFailure;
 
 struct Field {
     ULONG bit;
@@ -21,7 +21,7 @@ struct Field {
     LONG (Contact::*put)(WCHAR*&);
 };
 
-constexpr Field kFields[] = {
+constexpr Field kContactFields[] = {
     {1, "FileAs", &Contact::get_FileAs, &Contact::put_FileAs},
     {2, "Title", &Contact::get_Title, &Contact::put_Title},
     {4, "FirstName", &Contact::get_FirstName, &Contact::put_FirstName},
@@ -74,7 +74,7 @@ protected:
 }  // namespace
 
 TEST_F(ContactTest, EveryFieldIsReadOnceAndKept) {
-    for (const Field& field : kFields) {
+    for (const Field& field : kContactFields) {
         value(field.name) = u"value of " + std::u16string(field.name, field.name + strlen(field.name));
         WCHAR* first = nullptr;
         WCHAR* second = nullptr;
@@ -88,7 +88,7 @@ TEST_F(ContactTest, EveryFieldIsReadOnceAndKept) {
 }
 
 TEST_F(ContactTest, AFieldThatCannotBeReadIsAFailure) {
-    for (const Field& field : kFields) {
+    for (const Field& field : kContactFields) {
         const std::string step = std::string("get_") + field.name;
         auto* const untouched = reinterpret_cast<WCHAR*>(0x10);
         WCHAR* text = untouched;
@@ -104,7 +104,7 @@ TEST_F(ContactTest, AFieldThatCannotBeReadIsAFailure) {
 }
 
 TEST_F(ContactTest, PuttingDoesNotChangeWhatWasRead) {
-    for (const Field& field : kFields) {
+    for (const Field& field : kContactFields) {
         if (field.put == nullptr) continue;
         value(field.name) = u"old";
         WCHAR* text = nullptr;
@@ -163,7 +163,7 @@ TEST_F(ContactTest, CountsAddresses) {
         EXPECT_EQ(fresh().HasEmail(1), all) << set;
         EXPECT_EQ(fresh().HasEmail(0), all ? 1 : 0) << set;
     }
-    EXPECT_EQ(log_.count(kFailure), 0);
+    EXPECT_EQ(log_.count(kContactsFailure), 0);
 }
 
 TEST_F(ContactTest, AnAddressThatCannotBeReadEndsTheCount) {
@@ -171,9 +171,9 @@ TEST_F(ContactTest, AnAddressThatCannotBeReadEndsTheCount) {
     value("Email3Address") = u"c@x";
     world_.results["get_Email2Address"] = E_FAIL;
     EXPECT_EQ(contact_->HasEmail(1), 1);
-    EXPECT_EQ(log_.count(kFailure), 1);
+    EXPECT_EQ(log_.count(kContactsFailure), 1);
     EXPECT_EQ(contact_->HasEmail(0), 1);  // found before
-    EXPECT_EQ(log_.count(kFailure), 1);
+    EXPECT_EQ(log_.count(kContactsFailure), 1);
     world_.results["get_Email1Address"] = E_FAIL;
     EXPECT_EQ(fresh().HasEmail(1), 0);
 }
@@ -209,12 +209,12 @@ TEST_F(ContactTest, NothingMatchesNullAndEverythingMatchesEmpty) {
 }
 
 TEST_F(ContactTest, EachBitSearchesItsField) {
-    for (const Field& field : kFields) {
-        for (const Field& other : kFields) {
+    for (const Field& field : kContactFields) {
+        for (const Field& other : kContactFields) {
             value(other.name) = u"other";
         }
         value(field.name) = u"wanted";
-        for (const Field& mask : kFields) {
+        for (const Field& mask : kContactFields) {
             fresh();
             // The middle name's bit searches the file-as name, and nothing searches the middle name.
             const bool hit = mask.bit == 8 ? field.bit == 1 : mask.bit == field.bit;
@@ -225,7 +225,7 @@ TEST_F(ContactTest, EachBitSearchesItsField) {
 }
 
 TEST_F(ContactTest, TheFirstMatchInFixedOrderCounts) {
-    for (const Field& field : kFields) {
+    for (const Field& field : kContactFields) {
         value(field.name) = u"same";
     }
     ULONG mask = 0x7FF;
@@ -240,7 +240,7 @@ TEST_F(ContactTest, AFieldThatCannotBeReadEndsTheSearch) {
     value("LastName") = u"wanted";
     world_.results["get_FirstName"] = E_FAIL;
     EXPECT_EQ(compare(u"wanted", 4 | 16, 1, 0), 0);
-    EXPECT_EQ(log_.count(kFailure), 1);
+    EXPECT_EQ(log_.count(kContactsFailure), 1);
     EXPECT_EQ(log_.records().back().source, ".\\Helpers\\Contact.cppzrwindowsmobile");
     EXPECT_EQ(compare(u"wanted", 16, 1, 0), 16);
     value("FileAs") = u"wanted";
@@ -250,14 +250,14 @@ TEST_F(ContactTest, AFieldThatCannotBeReadEndsTheSearch) {
 TEST_F(ContactTest, FieldsArePointersInTheStatedOrder) {
     static_assert(sizeof(Contact) == 13 * sizeof(void*));
     std::array<void*, 13> words;
-    for (const Field& field : kFields) {
+    for (const Field& field : kContactFields) {
         WCHAR* text = nullptr;
         ASSERT_EQ(get(field, text), S_OK);
     }
     memcpy(words.data(), static_cast<const void*>(contact_), sizeof words);
     EXPECT_EQ(words[0], world_.application);
     std::size_t place = 2;
-    for (const Field& field : kFields) {
+    for (const Field& field : kContactFields) {
         WCHAR* text = nullptr;
         ASSERT_EQ(get(field, text), S_OK);
         EXPECT_EQ(words[place], text) << field.name;

@@ -10,24 +10,20 @@
 #include "ZrUtility/Helpers/fake_outlook.h"
 #include "platform/diagnostics.h"
 #include "platform/kernel.h"
+#include "platform/windowing/windowing_support.h"
 #include "support/log_capture.h"
+#include "support/log_categories.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using windowing_test::drain;
 using zr::test::FakeOutlook;
+using zr::test::kContactsFailure;
 
-constexpr std::uint32_t kFailure = 0x730004;
 constexpr std::uint32_t kTrace = 0x730020;
-constexpr const char* kSource = ".\\Helpers\\ContactsManagerEmail.cppzrwindowsmobile";
-
-void pump() {
-    MSG message;
-    while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-        DispatchMessageW(&message);
-    }
-}
+constexpr const char* kEmailSource = ".\\Helpers\\ContactsManagerEmail.cppzrwindowsmobile";
 
 class ContactsManagerEmailTest : public testing::Test {
 protected:
@@ -94,7 +90,7 @@ TEST_F(ContactsManagerEmailTest, ListensWhileItIsInitialized) {
     EXPECT_FALSE(manager_.IsInitialized());
     EXPECT_FALSE(IsWindow(world_.window));
     EXPECT_EQ(world_.objects, 1);
-    EXPECT_EQ(log_.count(kFailure), 0);
+    EXPECT_EQ(log_.count(kContactsFailure), 0);
     EXPECT_EQ(log_.count(0x840004), 0);
 }
 
@@ -160,7 +156,7 @@ TEST_F(ContactsManagerEmailTest, AFailingLogoffStillTakesTheWindowAway) {
     EXPECT_FALSE(IsWindow(world_.window));
     EXPECT_FALSE(manager_.IsInitialized());
     EXPECT_EQ(world_.objects, 1);
-    EXPECT_EQ(log_.count(kFailure), 2);  // one of each class
+    EXPECT_EQ(log_.count(kContactsFailure), 2);  // one of each class
     EXPECT_EQ(log_.count(0x840004), 1);
 }
 
@@ -222,7 +218,7 @@ TEST_F(ContactsManagerEmailTest, LooksUpAddresses) {
     const int before = world_.calls["GetItemFromOid"];
     EXPECT_EQ(lookup(u"bob@example.org"), 1);
     EXPECT_EQ(world_.calls["GetItemFromOid"], before + 1);
-    EXPECT_EQ(log_.count(kFailure), 0);
+    EXPECT_EQ(log_.count(kContactsFailure), 0);
 }
 
 TEST_F(ContactsManagerEmailTest, AddressesOfEveryLengthHashAlike) {
@@ -312,7 +308,7 @@ TEST_F(ContactsManagerEmailTest, TheWindowHearsOfChanges) {
         EXPECT_TRUE(PostMessageW(world_.window, created, next, 10));
         ++next;
     }
-    pump();
+    drain();
     EXPECT_EQ(lookup(u"n2"), 1);
     EXPECT_EQ(lookup(u"n3"), 1);
     for (const UINT changed : {0x8102u, 0x8107u}) {
@@ -333,19 +329,19 @@ TEST_F(ContactsManagerEmailTest, HandlersNeverFailTowardsTheWindow) {
     ASSERT_EQ(manager_.Initialize(), S_OK);
     EXPECT_EQ(manager_.ProcessPIMCreated(nullptr, 0, 77, 0), 0);
     EXPECT_EQ(manager_.ProcessPIMChanged(nullptr, 0, 77, 0), 0);
-    EXPECT_EQ(log_.count(kFailure), 2);
-    EXPECT_EQ(log_.records().back().source, kSource);
+    EXPECT_EQ(log_.count(kContactsFailure), 2);
+    EXPECT_EQ(log_.records().back().source, kEmailSource);
     record->fields["Email1Address"] = u"b@x";
     record->fields["Email3Address"] = u"c@x";
     world_.results["get_Email2Address"] = E_FAIL;
     EXPECT_EQ(manager_.ProcessPIMChanged(nullptr, 0, 1, 0), 0);
-    EXPECT_EQ(log_.count(kFailure), 3);
+    EXPECT_EQ(log_.count(kContactsFailure), 3);
     world_.results.clear();
     EXPECT_EQ(lookup(u"b@x"), 1);  // read before the failure
     EXPECT_EQ(lookup(u"c@x"), 0);
     world_.results["contact.get_Oid"] = E_FAIL;
     EXPECT_EQ(manager_.ProcessPIMCreated(nullptr, 0, 1, 0), 0);
-    EXPECT_EQ(log_.count(kFailure), 4);
+    EXPECT_EQ(log_.count(kContactsFailure), 4);
     world_.results.clear();
     manager_.Uninitialize(0);
     EXPECT_EQ(manager_.ProcessPIMCreated(nullptr, 0, 1, 0), 0);

@@ -9,13 +9,13 @@
 #include "ZrUtility/Helpers/OutlookManager.h"
 #include "ZrUtility/Helpers/fake_outlook.h"
 #include "support/log_capture.h"
+#include "support/log_categories.h"
 
 namespace {
 
 using testing::ElementsAre;
 using zr::test::FakeOutlook;
-
-constexpr std::uint32_t kFailure = 0x730004;
+using zr::test::kContactsFailure;
 
 class ContactsManagerTest : public testing::Test {
 protected:
@@ -32,7 +32,7 @@ protected:
     std::vector<std::vector<std::uintptr_t>> failures() const {
         std::vector<std::vector<std::uintptr_t>> all;
         for (const auto& record : log_.records()) {
-            if (record.category == kFailure) all.push_back(record.arguments);
+            if (record.category == kContactsFailure) all.push_back(record.arguments);
         }
         return all;
     }
@@ -42,7 +42,7 @@ protected:
     ContactsManager manager_;
 };
 
-LONG oid_of(Contact* contact) {
+LONG contact_oid(Contact* contact) {
     LONG oid = 0;
     EXPECT_EQ(contact->get_Oid(oid), S_OK);
     return oid;
@@ -150,7 +150,7 @@ TEST_F(ContactsManagerTest, LogsItsUsersAndFailures) {
     const auto all = records();
     ASSERT_EQ(all.size(), 8u);
     EXPECT_EQ(all[5], Record(0x730010, {1}));
-    EXPECT_EQ(all[6], Record(kFailure, {static_cast<ULONG>(E_ABORT)}));
+    EXPECT_EQ(all[6], Record(kContactsFailure, {static_cast<ULONG>(E_ABORT)}));
     EXPECT_EQ(all[7], Record(0x730010, {0, 0}));
 }
 
@@ -177,12 +177,12 @@ TEST_F(ContactsManagerTest, HandsOutContacts) {
     EXPECT_EQ(count, 2);
     Contact* contact = nullptr;
     EXPECT_EQ(manager_.GetContact(2, contact), S_OK);
-    EXPECT_EQ(oid_of(contact), 9);
+    EXPECT_EQ(contact_oid(contact), 9);
     EXPECT_EQ(manager_.ReleaseContact(contact), S_OK);
     EXPECT_EQ(contact, nullptr);
     EXPECT_EQ(manager_.ReleaseContact(contact), S_OK);
     EXPECT_EQ(manager_.GetContactFromOid(5, contact), S_OK);
-    EXPECT_EQ(oid_of(contact), 5);
+    EXPECT_EQ(contact_oid(contact), 5);
     manager_.ReleaseContact(contact);
     EXPECT_EQ(manager_.AddContact(contact), S_OK);
     ASSERT_NE(contact, nullptr);
@@ -255,19 +255,19 @@ TEST_F(ContactsManagerTest, FindsNoneOneOrSeveral) {
     EXPECT_EQ(contact, nullptr);
     EXPECT_EQ(find(u"BAKER", 1, 0, 0, contact), 1);
     ASSERT_NE(contact, nullptr);
-    EXPECT_EQ(oid_of(contact), 3);
+    EXPECT_EQ(contact_oid(contact), 3);
     manager_.ReleaseContact(contact);
     EXPECT_EQ(find(u"ann", 0, 0, 0, contact), 2);
     EXPECT_EQ(contact, nullptr);
     EXPECT_EQ(find(u"ann", 1, 0, 0, contact), 1);
-    EXPECT_EQ(oid_of(contact), 1);
+    EXPECT_EQ(contact_oid(contact), 1);
     manager_.ReleaseContact(contact);
     EXPECT_EQ(find(u"co le", 0, 1, 0, contact), 1);
-    EXPECT_EQ(oid_of(contact), 2);
+    EXPECT_EQ(contact_oid(contact), 2);
     manager_.ReleaseContact(contact);
     // Contacts without any address are passed over.
     EXPECT_EQ(find(u"ann", 0, 0, 1, contact), 1);
-    EXPECT_EQ(oid_of(contact), 1);
+    EXPECT_EQ(contact_oid(contact), 1);
     manager_.ReleaseContact(contact);
     EXPECT_EQ(find(u"", 0, 0, 0, contact), 2);
     EXPECT_EQ(manager_.FindContact(nullptr, 0, 0, 0, 0, contact), 0);
@@ -361,7 +361,7 @@ TEST_F(ContactsManagerTest, VirtualOperationsStandInTheirPlaces) {
     EXPECT_EQ((call_slot<LONG, Contact*&>(manager, 8, contact)), S_OK);
     EXPECT_EQ((call_slot<LONG, Contact*&>(manager, 12, contact)), S_OK);
     EXPECT_EQ((call_slot<LONG, int, Contact*&>(manager, 9, 1, contact)), S_OK);
-    EXPECT_EQ(oid_of(contact), 5);
+    EXPECT_EQ(contact_oid(contact), 5);
     manager.ReleaseContact(contact);
     EXPECT_EQ((call_slot<LONG, ULONG, Contact*&>(manager, 10, 5u, contact)), S_OK);
     manager.ReleaseContact(contact);

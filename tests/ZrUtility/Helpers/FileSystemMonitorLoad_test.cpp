@@ -134,7 +134,7 @@ long size_of(const std::u16string& path) {
     return S_ISDIR(status.st_mode) ? 0 : static_cast<long>(status.st_size);
 }
 
-using Entries = std::unordered_map<std::u16string, long>;
+using Contents = std::unordered_map<std::u16string, long>;
 
 // A folder that is kept in memory where the host has such a place: what is measured here is not the disk. It stands
 // below the handheld's root all the same, by a link.
@@ -163,8 +163,8 @@ private:
 };
 
 // What is in the ten folders, with sizes.
-Entries entries_below(const QuickFolder& root) {
-    Entries entries;
+Contents entries_below(const QuickFolder& root) {
+    Contents entries;
     for (int i = 0; i < kFolders; ++i) {
         const std::string number = std::to_string(i);
         for (const auto& each : fs::directory_iterator(root.host() / number)) {
@@ -180,7 +180,7 @@ Entries entries_below(const QuickFolder& root) {
 class Replay {
 public:
     Replay() = default;
-    explicit Replay(Entries entries) : entries_(std::move(entries)) {}
+    explicit Replay(Contents entries) : entries_(std::move(entries)) {}
 
     void apply(const TableEvent& event) {
         switch (event.code) {
@@ -201,13 +201,13 @@ public:
         }
     }
 
-    const Entries& entries() const { return entries_; }
+    const Contents& entries() const { return entries_; }
     int unfit() const { return unfit_; }
 
 private:
     void fits(bool whether) { unfit_ += whether ? 0 : 1; }
 
-    Entries entries_;
+    Contents entries_;
     int unfit_ = 0;
 };
 
@@ -223,7 +223,7 @@ public:
     void OnFileDeleted(const WCHAR* path) override { note({SHCNE_DELETE, path, {}}); }
     void OnFileRenamed(const WCHAR* from, const WCHAR* to) override { note({SHCNE_RENAMEITEM, from, to}); }
 
-    void begin(const Entries& entries) {
+    void begin(const Contents& entries) {
         for (const auto& [path, size] : entries) {
             if (passes(path)) names.insert(path);
         }
@@ -303,7 +303,7 @@ public:
         EXPECT_EQ(monitor.Initialize(&listener, directories, kFolders, u"txt", 0), 1);
         wait_for_workers();
         tell_all("begin.dat");
-        const Entries first = entries_below(folder);
+        const Contents first = entries_below(folder);
         monitor.replay = Replay(first);
         listener.begin(first);
     }

@@ -11,15 +11,16 @@
 #include "platform/diagnostics.h"
 #include "platform/shell.h"
 #include "support/log_capture.h"
+#include "support/log_categories.h"
 #include "support/sandbox.h"
 
 namespace {
 
 using testing::ElementsAre;
 using zr::test::FakeOutlook;
+using zr::test::kOutlookFailure;
 
-constexpr std::uint32_t kFailure = 0x840004;
-constexpr const char* kSource = ".\\Helpers\\OutlookManager.cppzrwindowsmobile";
+constexpr const char* kOutlookSource = ".\\Helpers\\OutlookManager.cppzrwindowsmobile";
 
 // Whether the calling thread has given back every initialisation of COM.
 bool com_is_given_back() {
@@ -63,7 +64,7 @@ TEST_F(OutlookManagerTest, TwoLoginsShareOneSessionThatTheLastLogoutEnds) {
     // Joining logs the count of references.
     const auto records = log_.records();
     EXPECT_EQ(records.back().category, 0x840010u);
-    EXPECT_EQ(records.back().source, kSource);
+    EXPECT_EQ(records.back().source, kOutlookSource);
     EXPECT_THAT(records.back().arguments, ElementsAre(2));
 
     EXPECT_EQ(OutlookManager::Logout(first), S_OK);
@@ -74,7 +75,7 @@ TEST_F(OutlookManagerTest, TwoLoginsShareOneSessionThatTheLastLogoutEnds) {
     EXPECT_EQ(second, nullptr);
     EXPECT_EQ(world_.calls["Logoff"], 1);
     EXPECT_TRUE(com_is_given_back());
-    EXPECT_EQ(log_.count(kFailure), 0);
+    EXPECT_EQ(log_.count(kOutlookFailure), 0);
 }
 
 TEST_F(OutlookManagerTest, JoiningOnAFreshThreadGivesThatThreadsResult) {
@@ -99,7 +100,7 @@ TEST_F(OutlookManagerTest, AFailingComSaysWhichWayItFailed) {
     const auto records = log_.records();
     ASSERT_EQ(records.size(), 2u);
     for (const auto& record : records) {
-        EXPECT_EQ(record.category, kFailure);
+        EXPECT_EQ(record.category, kOutlookFailure);
         EXPECT_THAT(record.arguments, ElementsAre(2, 0x80010106));
     }
     CoUninitialize();
@@ -111,7 +112,7 @@ TEST_F(OutlookManagerTest, AnApplicationThatCannotBeCreatedGivesComBack) {
     IPOutlookApp* app = nullptr;
     EXPECT_EQ(OutlookManager::Login(app), E_OUTOFMEMORY);
     EXPECT_EQ(OutlookManager::m_pOutlookApp, nullptr);
-    EXPECT_EQ(log_.count(kFailure), 1);
+    EXPECT_EQ(log_.count(kOutlookFailure), 1);
     EXPECT_TRUE(com_is_given_back());
 }
 
@@ -176,7 +177,7 @@ TEST_F(OutlookManagerTest, AFurtherReferenceShowsInTheResultOfAPrivateLogout) {
     other->AddRef();
     other->AddRef();
     EXPECT_EQ(OutlookManager::LogoutEx(own), 2);
-    EXPECT_EQ(log_.count(kFailure), 1);
+    EXPECT_EQ(log_.count(kOutlookFailure), 1);
     other->Release();
     other->Release();
     ASSERT_EQ(OutlookManager::LoginEx(own, nullptr), S_OK);
@@ -272,7 +273,7 @@ TEST_F(OutlookManagerTest, ItemsThatCannotBeReadAreLeft) {
     EXPECT_EQ(OutlookManager::WipeFolders(1, 3, nullptr), S_OK);  // the last step's result
     ASSERT_EQ(world_.records.size(), 1u);
     EXPECT_EQ(world_.records[0]->oid, 2);
-    EXPECT_EQ(log_.count(kFailure), 1);
+    EXPECT_EQ(log_.count(kOutlookFailure), 1);
     world_.result_of_call["Item"] = {world_.calls["Item"] + 1, E_ABORT};
     EXPECT_EQ(OutlookManager::WipeFolders(1, 3, nullptr), E_ABORT);
     EXPECT_EQ(world_.records.size(), 1u);
@@ -349,7 +350,7 @@ TEST_F(OutlookManagerTest, SetsAFoldersNotifications) {
     IPOutlookApp* app = nullptr;
     LONG oid = 0;
     EXPECT_EQ(OutlookManager::SetFolderNotification(app, 10, 3, &oid), 1);  // no shared session
-    EXPECT_EQ(log_.count(kFailure), 1);
+    EXPECT_EQ(log_.count(kOutlookFailure), 1);
     ASSERT_EQ(OutlookManager::Login(app), S_OK);
     EXPECT_EQ(OutlookManager::SetFolderNotification(app, 10, 3, &oid), 0);
     EXPECT_EQ(oid, 4711);
@@ -371,7 +372,7 @@ TEST_F(OutlookManagerTest, EveryFailureOfSettingNotificationsIsOne) {
         EXPECT_EQ(oid, step[0] == 'S' ? 4711 : 0) << step;
         world_.results.erase(step);
     }
-    EXPECT_EQ(log_.count(kFailure), 4);
+    EXPECT_EQ(log_.count(kOutlookFailure), 4);
     // Without the identifier the references stay.
     const std::set<IUnknown*> known = world_.alive;
     world_.results["get_Oid"] = E_FAIL;

@@ -1,4 +1,5 @@
 #include "ZrUtility/Helpers/RegistryAccessor.h"
+#include "platform/registry/registry_support.h"
 
 #include <gtest/gtest.h>
 
@@ -41,7 +42,7 @@ namespace {
 
 using Accessor = RegistryAccessor;
 
-constexpr LONG kOk = static_cast<LONG>(ERROR_SUCCESS);
+using zr::test::kOk;
 const HKEY kRoot = HKEY_CURRENT_USER;
 const HKEY kNoRoot = reinterpret_cast<HKEY>(static_cast<LONG_PTR>(-1));
 const WCHAR* const kPath = u"Software\\Mail";

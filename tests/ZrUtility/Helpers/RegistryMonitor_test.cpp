@@ -13,17 +13,18 @@
 #include "ZrUtility/Helpers/RegistryAccessor.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
+#include "platform/registry/registry_support.h"
 #include "platform/windowing.h"
 #include "support/child.h"
 #include "support/failing_new.h"
 
 namespace {
 
-constexpr LONG kOk = static_cast<LONG>(ERROR_SUCCESS);
+using zr::test::kOk;
 constexpr DWORD kValues = REG_NOTIFY_CHANGE_LAST_SET;
 constexpr DWORD kLong = 20000;
-WCHAR kPath[] = u"Software\\Watched";
-WCHAR kName[] = u"Port";
+WCHAR kWatchedPath[] = u"Software\\Watched";
+WCHAR kWatchedName[] = u"Port";
 
 // What the callbacks do, and what they have seen. A callback has no argument of its own.
 struct Reports {
@@ -51,8 +52,9 @@ void on_change(HKEY key) {
 class Monitor : public testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(RegCreateKeyExW(HKEY_CURRENT_USER, kPath, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key_, nullptr),
-                  kOk);
+        ASSERT_EQ(
+            RegCreateKeyExW(HKEY_CURRENT_USER, kWatchedPath, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key_, nullptr),
+            kOk);
     }
     void TearDown() override { RegCloseKey(key_); }
 
@@ -64,8 +66,8 @@ protected:
         ASSERT_EQ(RegSetValueExW(key_, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()), size), kOk);
     }
     static int start(RegistryMonitor& monitor, WCHAR* name = nullptr, const char* expected = nullptr, int dword = 0) {
-        return monitor.StartMonitor(HKEY_CURRENT_USER, kPath, name, expected, FALSE, kValues, {nullptr, 0, &on_change},
-                                    false, dword);
+        return monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, name, expected, FALSE, kValues,
+                                    {nullptr, 0, &on_change}, false, dword);
     }
     static bool reported() { return WaitForSingleObject(reports.came, kLong) == WAIT_OBJECT_0; }
 
@@ -122,7 +124,8 @@ TEST_F(Monitor, MakesAMissingKeyOnDemand) {
 
 TEST_F(Monitor, AWrongRootIsNotMadeUpFor) {
     RegistryMonitor monitor;
-    EXPECT_EQ(monitor.StartMonitor(nullptr, kPath, nullptr, nullptr, FALSE, kValues, {nullptr, 0, &on_change}, true, 0),
+    EXPECT_EQ(monitor.StartMonitor(nullptr, kWatchedPath, nullptr, nullptr, FALSE, kValues, {nullptr, 0, &on_change},
+                                   true, 0),
               0);
     EXPECT_EQ(monitor.StopMonitor(), 0);
 }
@@ -169,24 +172,24 @@ TEST_F(Monitor, AfterItsThreadHasEndedContinuingArmsForNobody) {
 }
 
 TEST_F(Monitor, WithExpectedTextOnlyAnotherTextCounts) {
-    set(kName, u"expected");
+    set(kWatchedName, u"expected");
     RegistryMonitor monitor;
     reports.goes_on = &monitor;
     const std::u16string expected = u"expected";
-    ASSERT_EQ(start(monitor, kName, reinterpret_cast<const char*>(expected.c_str())), 1);
+    ASSERT_EQ(start(monitor, kWatchedName, reinterpret_cast<const char*>(expected.c_str())), 1);
     reports.wanted = false;
     for (DWORD i = 0; i < 100; ++i) {
         set(u"other", i);
-        set(kName, u"expected");
+        set(kWatchedName, u"expected");
     }
     reports.wanted = true;
     do {
-        set(kName, u"different");
+        set(kWatchedName, u"different");
     } while (WaitForSingleObject(reports.came, 20) != WAIT_OBJECT_0);
     EXPECT_GE(reports.count, 1);
     // From the first report on everything counts, also the value that was expected.
     const int before = reports.count;
-    set(kName, u"expected");
+    set(kWatchedName, u"expected");
     while (reports.count == before) {
         ASSERT_TRUE(reported());
     }
@@ -196,19 +199,19 @@ TEST_F(Monitor, WithExpectedTextOnlyAnotherTextCounts) {
 
 TEST_F(Monitor, WithAnExpectedNumberOnlyAnotherNumberCounts) {
     for (const DWORD number : {DWORD{143}, DWORD{0x00410042}, DWORD{0xFFFFFFFF}}) {
-        set(kName, number);
+        set(kWatchedName, number);
         reports.count = 0;
         RegistryMonitor monitor;
         char expected[sizeof number];
         std::memcpy(expected, &number, sizeof number);
-        ASSERT_EQ(start(monitor, kName, expected, 1), 1);
+        ASSERT_EQ(start(monitor, kWatchedName, expected, 1), 1);
         reports.wanted = false;
         for (DWORD i = 0; i < 50; ++i) {
             set(u"other", i);
         }
         reports.wanted = true;
         do {
-            set(kName, number ^ 0x10001);
+            set(kWatchedName, number ^ 0x10001);
         } while (WaitForSingleObject(reports.came, 20) != WAIT_OBJECT_0);
         EXPECT_EQ(monitor.StopMonitor(), 1);
         EXPECT_EQ(reports.count, 1);
@@ -218,20 +221,20 @@ TEST_F(Monitor, WithAnExpectedNumberOnlyAnotherNumberCounts) {
 
 // Its text is empty and has the hash 0, which stands for nothing expected.
 TEST_F(Monitor, WithANumberOfLowHalfZeroEveryChangeCounts) {
-    set(kName, 0x00420000);
+    set(kWatchedName, 0x00420000);
     const DWORD number = 0x00420000;
     RegistryMonitor monitor;
-    ASSERT_EQ(start(monitor, kName, reinterpret_cast<const char*>(&number), 1), 1);
+    ASSERT_EQ(start(monitor, kWatchedName, reinterpret_cast<const char*>(&number), 1), 1);
     change_until_reported();
     EXPECT_EQ(monitor.StopMonitor(), 1);
 }
 
 TEST_F(Monitor, AValueThatIsGoneCounts) {
-    set(kName, 1);
+    set(kWatchedName, 1);
     RegistryMonitor monitor;
     const DWORD number = 1;
-    ASSERT_EQ(start(monitor, kName, reinterpret_cast<const char*>(&number), 1), 1);
-    ASSERT_EQ(RegDeleteValueW(key_, kName), kOk);
+    ASSERT_EQ(start(monitor, kWatchedName, reinterpret_cast<const char*>(&number), 1), 1);
+    ASSERT_EQ(RegDeleteValueW(key_, kWatchedName), kOk);
     change_until_reported();
     EXPECT_EQ(monitor.StopMonitor(), 1);
     EXPECT_EQ(reports.count, 1);
@@ -241,18 +244,19 @@ TEST_F(Monitor, DataOfAnyLengthIsComparedWithoutReadingPastIt) {
     const std::u16string expected = u"ab";
     RegistryMonitor monitor;
     for (DWORD size = 0; size <= 9; ++size) {
-        ASSERT_EQ(RegSetValueExW(key_, kName, 0, REG_BINARY, reinterpret_cast<const BYTE*>("a\0b\0\0\0xyz"), size),
-                  kOk);
+        ASSERT_EQ(
+            RegSetValueExW(key_, kWatchedName, 0, REG_BINARY, reinterpret_cast<const BYTE*>("a\0b\0\0\0xyz"), size),
+            kOk);
         const bool same = size >= 3;  // the third byte's unit is completed by the zero behind it
         reports.count = 0;
-        ASSERT_EQ(start(monitor, kName, reinterpret_cast<const char*>(expected.c_str())), 1);
+        ASSERT_EQ(start(monitor, kWatchedName, reinterpret_cast<const char*>(expected.c_str())), 1);
         if (same) {
             reports.wanted = false;
             for (DWORD i = 0; i < 50; ++i) {
                 set(u"other", i);
             }
             reports.wanted = true;
-            set(kName, u"c");
+            set(kWatchedName, u"c");
         }
         change_until_reported();
         EXPECT_EQ(monitor.StopMonitor(), 1);
@@ -272,7 +276,7 @@ TEST_F(Monitor, ANameThatIsTooLongIsIgnored) {
 
 TEST_F(Monitor, TheSubtreeCountsWhenAskedFor) {
     RegistryMonitor monitor;
-    ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kPath, nullptr, nullptr, TRUE, REG_NOTIFY_CHANGE_NAME,
+    ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, nullptr, nullptr, TRUE, REG_NOTIFY_CHANGE_NAME,
                                    {nullptr, 0, &on_change}, false, 0),
               1);
     for (int i = 0; WaitForSingleObject(reports.came, 20) != WAIT_OBJECT_0; ++i) {
@@ -326,7 +330,7 @@ TEST_F(Monitor, SendsMessages) {
     ASSERT_NE(window, nullptr);
     RegistryMonitor monitor;
     reports.goes_on = &monitor;
-    ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kPath, nullptr, nullptr, FALSE, kValues,
+    ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, nullptr, nullptr, FALSE, kValues,
                                    {window, kMessage, nullptr}, false, 0),
               1);
     for (DWORD i = 0; messages < 5; ++i) {
@@ -345,7 +349,7 @@ TEST_F(Monitor, SendsMessages) {
 TEST_F(Monitor, AReportThatNobodyTakesIsTerminatedAfterASecond) {
     const HWND window = make_window();
     RegistryMonitor monitor;
-    ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kPath, nullptr, nullptr, FALSE, kValues,
+    ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, nullptr, nullptr, FALSE, kValues,
                                    {window, kMessage, nullptr}, false, 0),
               1);
     // This thread takes no message: the monitor's one is stuck in SendMessageW as soon as it was told.
@@ -364,7 +368,7 @@ TEST_F(Monitor, AReportThatNobodyTakesIsTerminatedAfterASecond) {
 constexpr ULONG kLast = 300;
 
 ULONG count_now() {
-    return RegistryAccessor::RegistryGetDWORD(HKEY_CURRENT_USER, kPath, u"Count", 0);
+    return RegistryAccessor::RegistryGetDWORD(HKEY_CURRENT_USER, kWatchedPath, u"Count", 0);
 }
 
 ZR_CHILD(registry_monitor_of_ten) {
@@ -374,11 +378,11 @@ ZR_CHILD(registry_monitor_of_ten) {
         ++reports.count;
         if (monitor.ContinueMonitor() && count_now() == kLast) SetEvent(at_the_end);
     };
-    if (!monitor.StartMonitor(HKEY_CURRENT_USER, kPath, nullptr, nullptr, FALSE, kValues, {nullptr, 0, on_count}, true,
-                              0))
+    if (!monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, nullptr, nullptr, FALSE, kValues, {nullptr, 0, on_count},
+                              true, 0))
         return 1;
     while (reports.count == 0) {  // until it listens
-        RegistryAccessor::RegistrySetDWORD(HKEY_CURRENT_USER, kPath, u"Hello", 1);
+        RegistryAccessor::RegistrySetDWORD(HKEY_CURRENT_USER, kWatchedPath, u"Hello", 1);
     }
     zr::test::say("ready");
     return WaitForSingleObject(at_the_end, kLong) == WAIT_OBJECT_0 && monitor.StopMonitor() == 1 ? 0 : 2;

@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "platform/registry.h"
+#include "platform/registry/registry_support.h"
 #include "support/failing_new.h"
 
 namespace {
 
-constexpr LONG kOk = static_cast<LONG>(ERROR_SUCCESS);
+using zr::test::kOk;
 constexpr ULONG kWhite = 0x00FFFFFF;
 constexpr ULONG kBlue = 0x00993300;
 constexpr auto kAt9 = RegistryUtilities::COLOR_AT_9;

@@ -581,9 +581,9 @@ TEST(SharedMemProcesses, ARegionOfAKilledProcessIsGone) {
 
 namespace {
 
-class Model {
+class ManagerModel {
 public:
-    explicit Model(unsigned seed) : random_(seed) {}
+    explicit ManagerModel(unsigned seed) : random_(seed) {}
 
     void step() {
         const std::size_t which = below(kManagers);
@@ -711,7 +711,7 @@ private:
 
 TEST(SharedMemManager, RandomCallsAgreeWithAModel) {
     for (unsigned seed = 0; seed < 10; ++seed) {
-        Model model(seed);
+        ManagerModel model(seed);
         for (int step = 0; step < 300; ++step) {
             model.step();
             if (HasFatalFailure()) FAIL() << "seed " << seed << " step " << step;

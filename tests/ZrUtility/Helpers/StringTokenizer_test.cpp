@@ -180,9 +180,9 @@ TEST(StringTokenizer, FieldsStandInOrder) {
 }
 
 // What a tokenizer is to do, step by step, on whole strings.
-class Model {
+class TokenizerModel {
 public:
-    Model(u16string text, u16string delimiters, bool isString)
+    TokenizerModel(u16string text, u16string delimiters, bool isString)
         : source_(std::move(text)), delimiters_(std::move(delimiters)), isString_(isString), working_(source_) {}
 
     bool next(u16string& token, int& offset) {
@@ -214,7 +214,7 @@ private:
 };
 
 // The buffer is seen through the first token that there ever was.
-void compare(StringTokenizer& tokenizer, Model& model, std::mt19937& random, int steps) {
+void compare(StringTokenizer& tokenizer, TokenizerModel& model, std::mt19937& random, int steps) {
     const WCHAR* buffer = nullptr;
     for (int i = 0; i < steps; ++i) {
         if (random() % 12 == 0) {
@@ -247,7 +247,7 @@ TEST(StringTokenizer, AgreesWithASimpleModelOverRandomOperations) {
         const bool isString = random() % 2 != 0;
         if (delimiters.empty()) delimiters = u"::";
         StringTokenizer tokenizer(Text(text), Text(delimiters), isString ? 1 : 0);
-        Model model(text, delimiters, isString);
+        TokenizerModel model(text, delimiters, isString);
         compare(tokenizer, model, random, 30);
         ASSERT_FALSE(HasFatalFailure());
     }
@@ -265,7 +265,7 @@ TEST(StringTokenizer, AgreesWithASimpleModelOverLongTexts) {
         }
         const u16string delimiters = u16string(u"!\"#$%&'()*+,-./").substr(0, 1 + random() % 15);
         StringTokenizer tokenizer(Text(text), Text(delimiters), 0);
-        Model model(text, delimiters, false);
+        TokenizerModel model(text, delimiters, false);
         compare(tokenizer, model, random, 60);
         ASSERT_FALSE(HasFatalFailure());
     }

@@ -392,15 +392,15 @@ std::vector<u16string> tokens(const u16string& text, const u16string& delimiters
     return tokens(text, delimiters, outSize, text.size());
 }
 
-using Tokens = std::vector<u16string>;
+using Texts = std::vector<u16string>;
 
 TEST(NextToken, SplitsAtRunsOfDelimiters) {
-    EXPECT_EQ(tokens(u"a,,b", u","), (Tokens{u"a", u"b"}));
-    EXPECT_EQ(tokens(u"", u","), Tokens());
-    EXPECT_EQ(tokens(u",a", u","), (Tokens{u"", u"a"}));
-    EXPECT_EQ(tokens(u"a,", u","), (Tokens{u"a"}));
-    EXPECT_EQ(tokens(u"a;,; ,b c", u", ;"), (Tokens{u"a", u"b", u"c"}));
-    EXPECT_EQ(tokens(u"a,b", u""), (Tokens{u"a,b"}));
+    EXPECT_EQ(tokens(u"a,,b", u","), (Texts{u"a", u"b"}));
+    EXPECT_EQ(tokens(u"", u","), Texts());
+    EXPECT_EQ(tokens(u",a", u","), (Texts{u"", u"a"}));
+    EXPECT_EQ(tokens(u"a,", u","), (Texts{u"a"}));
+    EXPECT_EQ(tokens(u"a;,; ,b c", u", ;"), (Texts{u"a", u"b", u"c"}));
+    EXPECT_EQ(tokens(u"a,b", u""), (Texts{u"a,b"}));
 }
 
 TEST(NextToken, ReturnsTheStartOfTheNextToken) {
@@ -411,17 +411,17 @@ TEST(NextToken, ReturnsTheStartOfTheNextToken) {
 }
 
 TEST(NextToken, CutsLongTokensIntoPieces) {
-    EXPECT_EQ(tokens(u"abcdefgh,ij", u",", 4), (Tokens{u"abc", u"def", u"gh", u"ij"}));
+    EXPECT_EQ(tokens(u"abcdefgh,ij", u",", 4), (Texts{u"abc", u"def", u"gh", u"ij"}));
     // A piece that fills the room leaves the delimiter behind it for the next call.
-    EXPECT_EQ(tokens(u"abc,de", u",", 4), (Tokens{u"abc", u"", u"de"}));
-    EXPECT_EQ(tokens(u"abc", u",", 4), (Tokens{u"abc"}));
+    EXPECT_EQ(tokens(u"abc,de", u",", 4), (Texts{u"abc", u"", u"de"}));
+    EXPECT_EQ(tokens(u"abc", u",", 4), (Texts{u"abc"}));
 }
 
 TEST(NextToken, EndsAtTheEndOfTheRange) {
-    EXPECT_EQ(tokens(u"ab,cd", u",", 10, 4), (Tokens{u"ab", u"c", u""}));
+    EXPECT_EQ(tokens(u"ab,cd", u",", 10, 4), (Texts{u"ab", u"c", u""}));
     // A delimiter just behind the range is not consumed, also when it follows another in the list's order.
-    EXPECT_EQ(tokens(u"ab,;;cd", u",;", 10, 3), (Tokens{u"ab", u""}));
-    EXPECT_EQ(tokens(u"ab", u",", 10, 0), (Tokens{u""}));
+    EXPECT_EQ(tokens(u"ab,;;cd", u",;", 10, 3), (Texts{u"ab", u""}));
+    EXPECT_EQ(tokens(u"ab", u",", 10, 0), (Texts{u""}));
 }
 
 TEST(NextToken, RoomForNothing) {
@@ -444,7 +444,7 @@ TEST(NextToken, AgreesWithTheRulesOverRandomTexts) {
         const u16string text = randomText(random, u"ab,; ", 12);
         const u16string delimiters = randomText(random, u",; ", 3);
         const std::size_t room = 1 + random() % 4;
-        Tokens expected;
+        Texts expected;
         for (std::size_t at = 0; at < text.size();) {
             const std::size_t found = std::min(text.find_first_of(delimiters, at), text.size());
             expected.push_back(text.substr(at, std::min(found - at, room)));

@@ -19,6 +19,7 @@
 #include "support/child.h"
 #include "support/failing_new.h"
 #include "support/log_capture.h"
+#include "support/log_categories.h"
 #include "support/time_changes.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -29,24 +30,24 @@ namespace {
 
 using zr::test::Child;
 using zr::test::FailingNew;
+using zr::test::kTimeFailure;
+using zr::test::kTimeInformation;
 using zr::test::LogCapture;
 using zr::test::TimeChanges;
 
 constexpr const WCHAR* kEvent = u"ZrNotificationListener";
-constexpr const char* kSource = ".\\Helpers\\SystemTimeHelper.cppzrwindowsmobile";
-constexpr std::uint32_t kFailure = 0x880004;
-constexpr std::uint32_t kInformation = 0x880010;
+constexpr const char* kTimeSource = ".\\Helpers\\SystemTimeHelper.cppzrwindowsmobile";
 
 // What the callbacks tell the test.
-struct Told {
+struct TimeCalls {
     HANDLE called = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     std::atomic<int> calls{0};
     std::atomic<DWORD> thread{0};
 
-    ~Told() { CloseHandle(called); }
+    ~TimeCalls() { CloseHandle(called); }
     bool wait() const { return WaitForSingleObject(called, INFINITE) == WAIT_OBJECT_0; }
 };
-Told* told = nullptr;
+TimeCalls* told = nullptr;
 
 void note() {
     ++told->calls;
@@ -88,7 +89,7 @@ protected:
     const TimeChanges changes;
     // While a process has a name open a thread of the kernel's watches over it: from before the threads are counted.
     const HANDLE first_name_ = CreateEventW(nullptr, FALSE, FALSE, u"SystemTime test");
-    Told told_;
+    TimeCalls told_;
 };
 
 int threads() {
@@ -249,8 +250,8 @@ TEST_F(SystemTime, EndsWithARecordOrAtOnce) {
     }
     // The thread is ended, and may have seen before that it is to stop, or that its event has gone.
     for (const auto& record : log.records()) {
-        EXPECT_EQ(record.source, kSource);
-        EXPECT_TRUE(record.category == kInformation || record.category == kFailure) << record.category;
+        EXPECT_EQ(record.source, kTimeSource);
+        EXPECT_TRUE(record.category == kTimeInformation || record.category == kTimeFailure) << record.category;
     }
 }
 
@@ -283,8 +284,8 @@ TEST_F(SystemTime, LogsWhenTheEventCannotBeMade) {
         EXPECT_EQ(helper().StartListening(note), E_FAIL);
         const auto records = log.records();
         ASSERT_EQ(records.size(), 1u);
-        EXPECT_EQ(records[0].source, kSource);
-        EXPECT_EQ(records[0].category, kFailure);
+        EXPECT_EQ(records[0].source, kTimeSource);
+        EXPECT_EQ(records[0].category, kTimeFailure);
         EXPECT_EQ(records[0].arguments, std::vector<std::uintptr_t>{ERROR_INVALID_HANDLE});
     }
     CloseHandle(in_the_way);
@@ -329,7 +330,7 @@ TEST_F(SystemTime, IsToldThroughTheEventByOtherProcessesToo) {
 }
 
 ZR_CHILD(listening_process) {
-    Told own;
+    TimeCalls own;
     told = &own;
     if (SystemTimeHelper::GetInstance()->StartListening(note) != 0) return 1;
     until_others_sleep();

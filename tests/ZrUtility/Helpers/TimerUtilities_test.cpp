@@ -16,14 +16,15 @@
 #include "platform/windowing.h"
 #include "support/failing_new.h"
 #include "support/log_capture.h"
+#include "support/log_categories.h"
 
 namespace {
 
 using zr::test::FailingNew;
+using zr::test::kTimersFailure;
 using zr::test::LogCapture;
 
-constexpr std::uint32_t kFailure = 0x780004;
-constexpr const char* kSource = ".\\Helpers\\TimerUtilities.cppzrwindowsmobile";
+constexpr const char* kTimersSource = ".\\Helpers\\TimerUtilities.cppzrwindowsmobile";
 constexpr unsigned int kNever = 0x7FFFFFFF;
 
 void pump_one() {
@@ -57,8 +58,8 @@ void expect_unknown(const MSG& message) {
     DispatchMessageW(&message);
     const auto records = log.records();
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].source, kSource);
-    EXPECT_EQ(records[0].category, kFailure);
+    EXPECT_EQ(records[0].source, kTimersSource);
+    EXPECT_EQ(records[0].category, kTimersFailure);
     EXPECT_EQ(records[0].arguments, std::vector<std::uintptr_t>{message.wParam});
 }
 
@@ -177,8 +178,8 @@ TEST(DelayedCall, FailsWithoutMemoryForTheTable) {
         EXPECT_FALSE(TimerUtilities::DelayedCall(increment, &called, 1));
         const auto records = log.records();
         ASSERT_EQ(records.size(), 1u);
-        EXPECT_EQ(records[0].source, kSource);
-        EXPECT_EQ(records[0].category, kFailure);
+        EXPECT_EQ(records[0].source, kTimersSource);
+        EXPECT_EQ(records[0].category, kTimersFailure);
         EXPECT_TRUE(records[0].arguments.empty());
     }
     int later = 0;
@@ -200,7 +201,7 @@ TEST(DelayedCall, FailsWithoutATimer) {
         if (scheduled) break;
         ASSERT_LT(successes, 19);
         ASSERT_EQ(log.count, 1);
-        EXPECT_EQ(log.record.category, kFailure);
+        EXPECT_EQ(log.record.category, kTimersFailure);
         ASSERT_EQ(log.record.argumentCount, 1);
         EXPECT_EQ(log.record.arguments[0], ERROR_NOT_ENOUGH_MEMORY);
     }

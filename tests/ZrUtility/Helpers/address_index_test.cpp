@@ -19,7 +19,7 @@ using zr::test::FakeOutlook;
 using zr::test::FakeRecord;
 
 constexpr int kBuckets = 500;
-constexpr const char* kFields[] = {"Email1Address", "Email2Address", "Email3Address"};
+constexpr const char* kAddressFields[] = {"Email1Address", "Email2Address", "Email3Address"};
 
 ULONG hash_of(std::u16string address) {
     CharLowerBuffW(address.data(), static_cast<DWORD>(address.size() + 1));
@@ -54,9 +54,9 @@ std::vector<Entry> entries_of(const ContactsManagerEmail& manager, ULONG bucket)
 }
 
 // What the manager does, with lists that are walked from their first entry.
-class Model {
+class IndexModel {
 public:
-    explicit Model(FakeOutlook& world) : world_(world) {}
+    explicit IndexModel(FakeOutlook& world) : world_(world) {}
 
     void build() {
         for (auto& bucket : buckets) {
@@ -77,7 +77,7 @@ public:
         }
     }
     void changed(LONG oid) {
-        for (const char* field : kFields) {
+        for (const char* field : kAddressFields) {
             const std::u16string& address = find(oid)->fields[field];
             if (address.empty()) continue;
             const Entry entry(hash_of(address), oid);
@@ -117,7 +117,7 @@ public:
 
 private:
     void add_all(const FakeRecord& record) {
-        for (const char* field : kFields) {
+        for (const char* field : kAddressFields) {
             const auto address = record.fields.find(field);
             if (address == record.fields.end() || address->second.empty()) continue;
             const ULONG hash = hash_of(address->second);
@@ -127,9 +127,9 @@ private:
     // A contact whose earlier addresses cannot be read is none that has it; here all can be.
     bool has(LONG oid, const std::u16string& address) {
         FakeRecord* record = find(oid);
-        return address.empty() || std::any_of(std::begin(kFields), std::end(kFields), [&](const char* field) {
-                   return same_address(record->fields[field], address);
-               });
+        return address.empty() ||
+               std::any_of(std::begin(kAddressFields), std::end(kAddressFields),
+                           [&](const char* field) { return same_address(record->fields[field], address); });
     }
 
     FakeOutlook& world_;
@@ -150,7 +150,7 @@ protected:
     }
     std::map<std::string, std::u16string> fields() {
         std::map<std::string, std::u16string> made;
-        for (const char* field : kFields) {
+        for (const char* field : kAddressFields) {
             made[field] = below(2) == 0 ? address() : std::u16string();
         }
         return made;
@@ -209,7 +209,7 @@ protected:
     FakeOutlook world_;
     zr::test::LogCapture log_;
     ContactsManagerEmail manager_;
-    Model model_{world_};
+    IndexModel model_{world_};
     LONG next_oid_ = 1;
     std::vector<LONG> deleted_;
 };

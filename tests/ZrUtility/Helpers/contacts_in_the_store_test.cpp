@@ -12,20 +12,15 @@
 #include "platform/base.h"
 #include "platform/diagnostics.h"
 #include "platform/kernel.h"
+#include "platform/windowing/windowing_support.h"
 #include "support/child.h"
 #include "support/log_capture.h"
 #include "support/sandbox.h"
 
 namespace {
 
+using windowing_test::drain;
 using zr::test::Child;
-
-void pump() {
-    MSG message;
-    while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-        DispatchMessageW(&message);
-    }
-}
 
 // Serves messages until `done` says so.
 template <class Done>
@@ -33,7 +28,7 @@ bool pump_until(Done done) {
     for (const DWORD start = GetTickCount(); !done();) {
         if (GetTickCount() - start > 30000) return false;
         MsgWaitForMultipleObjectsEx(0, nullptr, 100, QS_ALLINPUT, MWMO_INPUTAVAILABLE);
-        pump();
+        drain();
     }
     return true;
 }
@@ -87,7 +82,7 @@ protected:
     ContactsInTheStore() : manager_(*OutlookManager::GetContactsManagerInstance(ContactsManager::CM_TYPE_EMAIL)) {
         EXPECT_GE(manager_.Initialize(), 0);
         EXPECT_GE(OutlookManager::WipeFolders(1, -1, nullptr), 0);
-        pump();
+        drain();
     }
     ~ContactsInTheStore() override {
         EXPECT_EQ(manager_.Uninitialize(0), S_OK);
@@ -106,7 +101,7 @@ TEST_F(ContactsInTheStore, FindsWhoSentAMessage) {
     add(manager_, u"Cid", {u"cid@x", u"cid@x", u"SHARED@x"});
     LONG oid = 0;
     EXPECT_EQ(lookup(manager_, u"ann@example.org", oid), 0);  // not heard of yet
-    pump();
+    drain();
     EXPECT_EQ(lookup(manager_, u"ann@example.org", oid), 1);
     EXPECT_EQ(oid, ann);
     EXPECT_EQ(lookup(manager_, u"BOB@EXAMPLE.ORG", oid), 1);
@@ -189,17 +184,17 @@ TEST_F(ContactsInTheStore, SortsAndWalks) {
 
 TEST_F(ContactsInTheStore, ADeletedContactsEntryGoesWhenItIsMet) {
     const LONG ann = add(manager_, u"Ann", {u"ann@x", u"", u""});
-    pump();
+    drain();
     Contact* contact = nullptr;
     ASSERT_EQ(manager_.GetContactFromOid(static_cast<ULONG>(ann), contact), S_OK);
     ASSERT_EQ(contact->Delete(), S_OK);
     manager_.ReleaseContact(contact);
     LONG oid = 0;
     EXPECT_EQ(lookup(manager_, u"ann@x", oid), 0);
-    pump();
+    drain();
     // Its identifier is handed out again, to somebody else.
     EXPECT_EQ(add(manager_, u"Bob", {u"bob@x", u"", u""}), ann);
-    pump();
+    drain();
     EXPECT_EQ(lookup(manager_, u"ann@x", oid), 0);
     EXPECT_EQ(lookup(manager_, u"bob@x", oid), 1);
     EXPECT_EQ(oid, ann);
@@ -304,7 +299,7 @@ TEST_F(ContactsInTheStore, AgreesWithASimpleModel) {
             }
         }
         if (random() % 3 != 0) continue;
-        pump();
+        drain();
         const std::u16string wanted = address(false);
         std::vector<LONG> expected;
         for (const auto& [oid, emails] : model) {

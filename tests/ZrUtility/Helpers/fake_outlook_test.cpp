@@ -275,7 +275,7 @@ public:
     HRESULT get_Application(IPOutlookApp**) override { return E_NOTIMPL; }
 };
 
-class FakeApplication : public CountedDispatch<IPOutlookApp> {
+class FakeOutlookApplication : public CountedDispatch<IPOutlookApp> {
 public:
     using CountedDispatch::CountedDispatch;
 
@@ -335,7 +335,7 @@ public:
         const HRESULT result = world_.step("CreateInstance");
         if (result != S_OK) return result;
         if (id != IID_IPOutlookApp) return E_NOINTERFACE;
-        world_.application = new FakeApplication(world_);
+        world_.application = new FakeOutlookApplication(world_);
         *object = world_.application;
         return S_OK;
     }

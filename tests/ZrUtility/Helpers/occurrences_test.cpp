@@ -8,6 +8,7 @@
 #include "platform/base.h"
 #include "platform/pim/calendar_support.h"
 #include "support/log_capture.h"
+#include "support/log_categories.h"
 #include "support/source_lines.h"
 #include "support/zones.h"
 
@@ -16,8 +17,6 @@ namespace {
 using namespace zr::test;
 
 constexpr const char* kLogSource = ".\\Helpers\\WindowsUtilities.cppzrwindowsmobile";
-constexpr std::uint32_t kFailure = 0x880004;
-constexpr std::uint32_t kInformation = 0x880010;
 
 // The day of the fakes: 4 May 2026, in Tokyo from 15:00 UTC of the 3rd on.
 const DATE kDay = at(2026, 5, 4);
@@ -45,7 +44,7 @@ protected:
         const LoggedRecord record = log.records()[0];
         EXPECT_EQ(record.source, kLogSource);
         EXPECT_THAT(line_of(record), testing::HasSubstr("LogFailure(__LINE__"));
-        EXPECT_EQ(record.category, kFailure);
+        EXPECT_EQ(record.category, kTimeFailure);
         ASSERT_EQ(record.arguments.size(), 2u);
         EXPECT_EQ(record.arguments[0], static_cast<ULONG>(result));
         EXPECT_EQ(record.arguments[1], 1234u);
@@ -74,7 +73,7 @@ TEST_F(FakeSeries, AnExceptionOfTheDayIsTakenInstead) {
     EXPECT_EQ(world.exceptions_read, 3);  // the walk stops there
     ASSERT_EQ(log.records().size(), 1u);
     EXPECT_THAT(line_of(log.records()[0]), testing::HasSubstr("LogFound(__LINE__"));
-    EXPECT_EQ(log.records()[0].category, kInformation);
+    EXPECT_EQ(log.records()[0].category, kTimeInformation);
     EXPECT_EQ(log.records()[0].arguments[0], 7u);
 }
 
@@ -162,8 +161,8 @@ TEST_F(FakeSeries, AnExceptionsOriginalDayAndTheSeriesTimeMakeTheIdentifier) {
 
 // ---- In the store
 
-struct Store {
-    Store() { set_zone("Europe/Berlin"); }
+struct SeriesStore {
+    SeriesStore() { set_zone("Europe/Berlin"); }
 
     int find(LONG oid, std::int64_t second) {
         FILETIME instance = file_time(second);
@@ -176,7 +175,7 @@ struct Store {
 };
 
 TEST(SeriesInTheStore, AnOccurrenceIsFoundInSummerAndWinter) {
-    Store store;
+    SeriesStore store;
     const auto series = saved_series(store.session, at(2026, 1, 5, 9), olRecursWeekly);
     const LONG oid = oid_of(*series.get());
     EXPECT_EQ(store.find(oid, c_utc(2026, 2, 2, 8)), 102);
@@ -188,7 +187,7 @@ TEST(SeriesInTheStore, AnOccurrenceIsFoundInSummerAndWinter) {
 }
 
 TEST(SeriesInTheStore, AMovedOccurrenceIsFoundByItsOldDay) {
-    Store store;
+    SeriesStore store;
     const auto series = saved_series(store.session, at(2026, 1, 5, 9), olRecursDaily, 1, 10);
     const LONG oid = oid_of(*series.get());
     {
@@ -204,7 +203,7 @@ TEST(SeriesInTheStore, AMovedOccurrenceIsFoundByItsOldDay) {
 }
 
 TEST(SeriesInTheStore, DeletedOccurrencesAreNotFound) {
-    Store store;
+    SeriesStore store;
     const auto series = saved_series(store.session, at(2026, 1, 5, 9), olRecursDaily, 1, 2);
     const LONG oid = oid_of(*series.get());
     ASSERT_EQ(occurrence_on(*series.get(), at(2026, 1, 5))->Delete(), S_OK);
@@ -215,13 +214,13 @@ TEST(SeriesInTheStore, DeletedOccurrencesAreNotFound) {
 }
 
 TEST(SeriesInTheStore, ASeriesForEverHasItsOccurrences) {
-    Store store;
+    SeriesStore store;
     const auto series = saved_series(store.session, at(2026, 1, 5, 9), olRecursYearly);
     EXPECT_EQ(store.find(oid_of(*series.get()), c_utc(2126, 1, 5, 8)), 102);
 }
 
 TEST(SeriesInTheStore, ContactsAndNothingHaveNone) {
-    Store store;
+    SeriesStore store;
     const LONG contact = store.session.add(u"Jo", u"Doe");
     EXPECT_EQ(store.find(contact, c_utc(2026, 1, 5, 8)), 101);
     EXPECT_EQ(store.find(424242, c_utc(2026, 1, 5, 8)), 103);

@@ -23,7 +23,7 @@ using zr::test::set_zone;
 using zr::test::StoppedClock;
 using zr::test::units;
 
-constexpr const char* kLogSource = ".\\Helpers\\WindowsUtilities.cppzrwindowsmobile";
+constexpr const char* kWindowsSource = ".\\Helpers\\WindowsUtilities.cppzrwindowsmobile";
 
 // ---- The calendar
 
@@ -288,7 +288,7 @@ TEST(DevicesZone, HasTheNumberOfItsExactRules) {
         for (const BYTE coarse : {BYTE{0}, BYTE{2}, BYTE{255}})
             EXPECT_EQ(WindowsUtilities::GetCurrentTZIndex(coarse), zone.index) << rule;
         ASSERT_EQ(log.records().size(), 3u);
-        EXPECT_EQ(log.records()[0].source, kLogSource);
+        EXPECT_EQ(log.records()[0].source, kWindowsSource);
         EXPECT_THAT(zr::test::line_of(log.records()[0]), testing::HasSubstr("LogZone(__LINE__"));
         EXPECT_EQ(log.records()[0].category, 0x880010u);
         EXPECT_EQ(log.records()[0].arguments[0], static_cast<std::uintptr_t>(zone.index));
@@ -384,7 +384,7 @@ TEST(DevicesZone, AZoneThatIsNotThereIsLogged) {
     EXPECT_EQ(WindowsUtilities::GetCurrentTimeZoneBias(time), 0);
     ASSERT_EQ(log.records().size(), 4u);
     for (const zr::test::LoggedRecord& record : log.records()) {
-        EXPECT_EQ(record.source, kLogSource);
+        EXPECT_EQ(record.source, kWindowsSource);
         EXPECT_THAT(zr::test::line_of(record), testing::HasSubstr("LogNoZone(__LINE__"));
         EXPECT_EQ(record.category, 0x880004u);
         ASSERT_EQ(record.arguments.size(), 1u);

@@ -9,6 +9,7 @@
 
 #include "guard_page.h"
 #include "platform/base.h"
+#include "support/text.h"
 
 namespace {
 
@@ -21,9 +22,7 @@ std::u16string format(const WCHAR* text, Arguments... arguments) {
     return {buffer, static_cast<std::size_t>(length)};
 }
 
-std::u16string widen(const std::string& text) {
-    return {text.begin(), text.end()};
-}
+using zr::test::widen;
 
 std::string narrow(const std::u16string& text) {
     return {text.begin(), text.end()};

@@ -7,12 +7,11 @@
 #include <string>
 
 #include "platform/base.h"
+#include "support/text.h"
 
 namespace {
 
-std::u16string widen(const std::string& text) {
-    return {text.begin(), text.end()};
-}
+using zr::test::widen;
 
 TEST(WideNumber, Decimal) {
     EXPECT_EQ(_wtol(u"0"), 0);

@@ -11,15 +11,13 @@
 
 #include "files_support.h"
 #include "platform/file_changes.h"
+#include "platform/files/file_changes_support.h"
 #include "support/child.h"
 
 namespace fs = std::filesystem;
 using namespace zr::test;
 
 namespace {
-
-constexpr DWORD kNames = FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME;
-constexpr DWORD kSoon = 10000;
 
 bool put(const char* file, const std::string& text) {
     std::ofstream out(file);

@@ -19,6 +19,7 @@
 
 #include "files_support.h"
 #include "platform/files.h"
+#include "platform/files/file_changes_support.h"
 #include "platform/kernel.h"
 #include "support/child.h"
 #include "support/permissions.h"
@@ -29,9 +30,7 @@ using namespace zr::test;
 
 namespace {
 
-constexpr DWORD kNames = FILE_NOTIFY_CHANGE_FILE_NAME | FILE_NOTIFY_CHANGE_DIR_NAME;
 constexpr DWORD kEverything = kNames | FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE;
-constexpr DWORD kSoon = 10000;
 
 using Texts = std::vector<std::u16string>;
 

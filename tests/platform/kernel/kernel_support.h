@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
+#include <atomic>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -32,6 +33,18 @@ public:
 
 private:
     HANDLE handle_ = nullptr;
+};
+
+// Counts that it was destroyed.
+class Mark {
+public:
+    explicit Mark(std::atomic<int>& count) : count_(count) {}
+    ~Mark() { ++count_; }
+    Mark(const Mark&) = delete;
+    Mark& operator=(const Mark&) = delete;
+
+private:
+    std::atomic<int>& count_;
 };
 
 inline Handle auto_event(bool signalled = false) {

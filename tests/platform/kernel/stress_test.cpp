@@ -130,7 +130,7 @@ TEST(Stress, WaitForAllKeepsTheNumberOfSignals) {
 namespace {
 
 // What one thread expects of a handful of objects that only it uses.
-struct Model {
+struct WaitModel {
     struct Object {
         Handle handle;
         bool is_mutex = false;
@@ -167,9 +167,9 @@ struct Model {
     }
 };
 
-void random_step(Model& model, std::mt19937& random) {
+void random_step(WaitModel& model, std::mt19937& random) {
     const std::size_t which = random() % model.objects.size();
-    Model::Object& object = model.objects[which];
+    WaitModel::Object& object = model.objects[which];
     switch (random() % 6) {
         case 0:
             EXPECT_EQ(SetEvent(object.handle) != FALSE, !object.is_mutex);
@@ -215,9 +215,9 @@ TEST(Stress, RandomOperationsFollowTheModel) {
     for (unsigned seed = 0; seed < 4; ++seed) {
         workers.push_back(std::make_unique<Worker>([seed] {
             std::mt19937 random(seed);
-            Model model;
+            WaitModel model;
             for (int i = 0; i < 6; ++i) {
-                Model::Object object;
+                WaitModel::Object object;
                 object.is_mutex = i >= 4;
                 object.manual = i >= 2;
                 object.set = !object.is_mutex && i % 2 == 1;

@@ -11,17 +11,6 @@ using namespace zr::test;
 
 namespace {
 
-class Mark {
-public:
-    explicit Mark(std::atomic<int>& count) : count_(count) {}
-    ~Mark() { ++count_; }
-    Mark(const Mark&) = delete;
-    Mark& operator=(const Mark&) = delete;
-
-private:
-    std::atomic<int>& count_;
-};
-
 // Terminates the thread and checks that it ends, and with this code.
 void expect_ends(Worker& worker, DWORD code) {
     EXPECT_TRUE(TerminateThread(worker.handle(), code));

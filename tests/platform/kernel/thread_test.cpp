@@ -116,22 +116,6 @@ TEST(Thread, CreatedSuspendedRunsOnlyWhenResumed) {
     EXPECT_EQ(ResumeThread(worker.handle()), 0u);
 }
 
-namespace {
-
-// Says that it was destroyed.
-class Mark {
-public:
-    explicit Mark(std::atomic<int>& count) : count_(count) {}
-    ~Mark() { ++count_; }
-    Mark(const Mark&) = delete;
-    Mark& operator=(const Mark&) = delete;
-
-private:
-    std::atomic<int>& count_;
-};
-
-}  // namespace
-
 TEST(Thread, ExitThreadUnwindsTheStack) {
     std::atomic<int> destroyed = 0;
     Worker worker([&]() -> DWORD {

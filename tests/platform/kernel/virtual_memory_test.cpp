@@ -288,10 +288,10 @@ TEST(VirtualMemory, NoRoomIsSaidSo) {
 // Random calls beside a model that knows, for each page of a few regions, whether it has memory and what was written.
 namespace {
 
-class Model {
+class PagesModel {
 public:
-    explicit Model(unsigned seed) : random_(seed) {}
-    ~Model() {
+    explicit PagesModel(unsigned seed) : random_(seed) {}
+    ~PagesModel() {
         for (auto& [base, pages] : regions_) {
             EXPECT_TRUE(VirtualFree(base, 0, MEM_RELEASE));
         }
@@ -394,7 +394,7 @@ private:
 
 TEST(VirtualMemory, RandomCallsAgreeWithAModel) {
     for (unsigned seed = 0; seed < 20; ++seed) {
-        Model model(seed);
+        PagesModel model(seed);
         for (int i = 0; i < 300; ++i) {
             model.step();
             model.check();
@@ -408,7 +408,7 @@ TEST(VirtualMemory, ThreadsWorkInRegionsOfTheirOwn) {
     std::vector<std::thread> threads;
     for (unsigned seed = 100; seed < 108; ++seed) {
         threads.emplace_back([seed] {
-            Model model(seed);
+            PagesModel model(seed);
             for (int i = 0; i < 300; ++i) {
                 model.step();
             }

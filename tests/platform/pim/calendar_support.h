@@ -8,6 +8,8 @@
 
 namespace zr::test {
 
+inline constexpr DATE kMonday = 45446;  // 3 June 2024
+
 constexpr HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
 
 // A local date, as the calendar counts it.

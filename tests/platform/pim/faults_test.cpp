@@ -13,15 +13,6 @@ namespace {
 
 using namespace zr::test;
 
-std::vector<std::filesystem::path> set_aside() {
-    std::vector<std::filesystem::path> found;
-    for (const auto& entry : std::filesystem::directory_iterator(sandbox_home())) {
-        const std::string name = entry.path().filename();
-        if (name.starts_with("pim.db.damaged-") && !name.ends_with("-wal")) found.push_back(entry.path());
-    }
-    return found;
-}
-
 bool error_text_has(std::u16string_view part) {
     return std::u16string(ZrPimLastErrorText()).find(part) != std::u16string::npos;
 }

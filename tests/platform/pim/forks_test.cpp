@@ -218,15 +218,6 @@ TEST(Forks, ABatchIsTheParentsAlone) {
 
 // --- stores that are set aside ---
 
-std::vector<std::filesystem::path> set_aside() {
-    std::vector<std::filesystem::path> found;
-    for (const auto& entry : std::filesystem::directory_iterator(sandbox_home())) {
-        const std::string name = entry.path().filename();
-        if (name.starts_with("pim.db.damaged-") && !name.ends_with("-wal")) found.push_back(entry.path());
-    }
-    return found;
-}
-
 std::string bytes_of(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};

@@ -8,18 +8,13 @@
 #include "platform/base.h"
 #include "session_support.h"
 #include "store_query.h"
+#include "support/instrumented.h"
 
 namespace {
 
 using namespace zr::test;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kInstrumented = true;
-constexpr LONG kContacts = 120000;
-#else
-constexpr bool kInstrumented = false;
-constexpr LONG kContacts = 300000;
-#endif
+constexpr LONG kContacts = kInstrumented ? 120000 : 300000;
 
 std::u16string digits(LONG number) {
     char text[16];

@@ -19,8 +19,6 @@ namespace {
 
 using namespace zr::test;
 
-constexpr DATE kMonday = 45446;  // 3 June 2024
-
 // A store as the first version wrote it, with a contact and an appointment, one hour on 3 June 2024.
 void make_store_of_first_version() {
     std::filesystem::create_directories(sandbox_home());

@@ -9,8 +9,6 @@ namespace {
 
 using namespace zr::test;
 
-constexpr DATE kMonday = 45446;  // 3 June 2024
-
 DATE start_of(IAppointment& appointment) {
     return got(appointment, &IAppointment::get_Start);
 }
@@ -561,7 +559,7 @@ TEST(AllDay, TakesWholeDays) {
 }
 
 // What a calendar shows, as "day:subject" from the Monday on.
-std::string shown(IPOutlookItemCollection& items) {
+std::string occurrences_shown(IPOutlookItemCollection& items) {
     std::string all;
     for (INT i = 1; i <= count(items); ++i) {
         Ptr<IAppointment> item;
@@ -586,7 +584,7 @@ TEST(CalendarView, ShowsSinglesOccurrencesAndExceptionsInOrder) {
     const auto series = mondays(session);
     ASSERT_EQ(fresh_appointment(session, kMonday + 8.5, 60, u"Single")->Save(), S_OK);
     const auto june = view(session, u"[Start] >= \"2024-06-03\" AND [Start] < \"2024-07-01\"");
-    EXPECT_EQ(shown(*june.get()), "0:Meeting 7:Meeting 8:Single 14:Meeting 21:Meeting ");
+    EXPECT_EQ(occurrences_shown(*june.get()), "0:Meeting 7:Meeting 8:Single 14:Meeting 21:Meeting ");
     // Changes show at once: moved inside, moved in from outside, moved out, deleted.
     const auto move = [&](int day, DATE to, const WCHAR* subject) {
         const auto occurrence = occurrence_on(*series.get(), kMonday + day);
@@ -598,9 +596,9 @@ TEST(CalendarView, ShowsSinglesOccurrencesAndExceptionsInOrder) {
     move(63, kMonday + 1.5, u"Early");
     move(21, kMonday + 40, u"Out");
     ASSERT_EQ(occurrence_on(*series.get(), kMonday + 14)->Delete(), S_OK);
-    EXPECT_EQ(shown(*june.get()), "0:Meeting 1:Early 8:Single 9:Later ");
+    EXPECT_EQ(occurrences_shown(*june.get()), "0:Meeting 1:Early 8:Single 9:Later ");
     ASSERT_EQ(june->Sort(in(u"[Start]"), VARIANT_TRUE), S_OK);
-    EXPECT_EQ(shown(*june.get()), "9:Later 8:Single 1:Early 0:Meeting ");
+    EXPECT_EQ(occurrences_shown(*june.get()), "9:Later 8:Single 1:Early 0:Meeting ");
     EXPECT_EQ(june->Sort(in(u"[Subject]"), VARIANT_FALSE), E_INVALIDARG);
     Ptr<IAppointment> found;
     ASSERT_EQ(june->Find(in(u"[Subject] < \"m\""), found.dispatch()), S_OK);
@@ -611,15 +609,15 @@ TEST(CalendarView, ShowsSinglesOccurrencesAndExceptionsInOrder) {
     EXPECT_EQ(june->FindNext(found.dispatch()), S_FALSE);
     EXPECT_FALSE(found);
     ASSERT_EQ(june->Remove(4), S_OK);
-    EXPECT_EQ(shown(*june.get()), "9:Later 8:Single 1:Early ");
+    EXPECT_EQ(occurrences_shown(*june.get()), "9:Later 8:Single 1:Early ");
     EXPECT_FALSE(occurrence_on(*series.get(), kMonday));
     ASSERT_EQ(june->Remove(2), S_OK);
-    EXPECT_EQ(shown(*june.get()), "9:Later 1:Early ");
+    EXPECT_EQ(occurrences_shown(*june.get()), "9:Later 1:Early ");
     Ptr<IPOutlookItemCollection> less;
     ASSERT_EQ(june->Restrict(in(u"[Subject] = \"early\""), less.out()), S_OK);
-    EXPECT_EQ(shown(*less.get()), "1:Early ");
+    EXPECT_EQ(occurrences_shown(*less.get()), "1:Early ");
     ASSERT_EQ(series->Delete(), S_OK);
-    EXPECT_EQ(shown(*june.get()), "");
+    EXPECT_EQ(occurrences_shown(*june.get()), "");
     EXPECT_EQ(count(*less.get()), 0);
     EXPECT_EQ(june->Remove(1), E_INVALIDARG);
     EXPECT_EQ(june->Item(1, found.dispatch()), E_INVALIDARG);
@@ -630,9 +628,10 @@ TEST(CalendarView, ShowsWhatIsUnderWay) {
     const auto nights = fresh_appointment(session, kMonday + 0.9, 3 * 1440, u"Long");
     ASSERT_EQ(pattern_of(*nights.get())->put_RecurrenceType(olRecursWeekly), S_OK);
     ASSERT_EQ(nights->Save(), S_OK);
-    EXPECT_EQ(shown(*view(session, u"[End] > \"2024-06-13 9:00 PM\" AND [Start] < \"6/14/2024\"").get()), "7:Long ");
-    EXPECT_EQ(shown(*view(session, u"[End] > \"2024-06-13 21:36\" AND [Start] < \"6/14/2024\"").get()), "");
-    EXPECT_EQ(shown(*view(session, u"[End] <= \"2024-06-14\"").get()), "0:Long 7:Long ");
+    EXPECT_EQ(occurrences_shown(*view(session, u"[End] > \"2024-06-13 9:00 PM\" AND [Start] < \"6/14/2024\"").get()),
+              "7:Long ");
+    EXPECT_EQ(occurrences_shown(*view(session, u"[End] > \"2024-06-13 21:36\" AND [Start] < \"6/14/2024\"").get()), "");
+    EXPECT_EQ(occurrences_shown(*view(session, u"[End] <= \"2024-06-14\"").get()), "0:Long 7:Long ");
 }
 
 TEST(CalendarView, NeedsToKnowUntilWhen) {
@@ -648,7 +647,7 @@ TEST(CalendarView, NeedsToKnowUntilWhen) {
     ASSERT_EQ(items->put_IncludeRecurrences(VARIANT_FALSE), S_OK);
     static_cast<void>(mondays(session));
     ASSERT_EQ(items->Restrict(in(u"[BusyStatus] = 0 AND [AllDayEvent] = FALSE"), found.out()), S_OK);
-    EXPECT_EQ(shown(*found.get()), "0:Meeting ") << "the series itself";
+    EXPECT_EQ(occurrences_shown(*found.get()), "0:Meeting ") << "the series itself";
     EXPECT_EQ(items->Sort(in(u"[Start]"), VARIANT_FALSE), S_OK);
     EXPECT_EQ(items->Sort(in(u"[BusyStatus]"), VARIANT_FALSE), E_INVALIDARG);
 }

@@ -4,10 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/pim.h"
+#include "support/sandbox.h"
 
 namespace zr::test {
 
@@ -122,6 +125,16 @@ inline LONG oid_at(IPOutlookItemCollection& items, INT index) {
     LONG oid = 0;
     if (items.Item(index, item.dispatch()) == S_OK) item->get_Oid(&oid);
     return oid;
+}
+
+// The stores that were found damaged and set aside.
+inline std::vector<std::filesystem::path> set_aside() {
+    std::vector<std::filesystem::path> found;
+    for (const auto& entry : std::filesystem::directory_iterator(sandbox_home())) {
+        const std::string name = entry.path().filename();
+        if (name.starts_with("pim.db.damaged-") && !name.ends_with("-wal")) found.push_back(entry.path());
+    }
+    return found;
 }
 
 }  // namespace zr::test

@@ -14,6 +14,7 @@ namespace {
 
 using zr::platform::Zone;
 using zr::platform::ZoneChange;
+using zr::test::kStride;
 
 std::string bytes_of(const std::string& zone) {
     std::ifstream file("/usr/share/zoneinfo/" + zone, std::ios::binary);
@@ -29,7 +30,7 @@ void expect_as_c(const Zone& zone, std::int64_t second, const std::string& name)
 
 TEST(Zone, EveryZoneOfTheSystemIsAsTheCLibrarySays) {
     const std::vector<std::string> names = zr::test::system_zones();
-    ASSERT_GT(names.size(), 300u);
+    ASSERT_GT(names.size(), 300u / kStride);
     std::mt19937_64 random(1);
     for (const std::string& name : names) {
         const std::optional<Zone> zone = Zone::of_file(bytes_of(name));
@@ -57,7 +58,7 @@ TEST(Zone, NoChangeIsMissed) {
         const std::int64_t begin = zr::test::c_utc(2000, 1, 1);
         auto next = zone->next(begin);
         zr::platform::ZoneTime now = zone->at(begin);
-        for (std::int64_t second = begin; second < zr::test::c_utc(2042, 1, 1); second += 3600) {
+        for (std::int64_t second = begin; second < zr::test::c_utc(2042, 1, 1); second += 3600 * kStride) {
             if (next && next->at <= second) {
                 now = next->after;
                 next = zone->next(next->at);
@@ -81,7 +82,8 @@ TEST(Zone, RulesAreAsTheCLibrarySays) {
             expect_as_c(*zone, change->at - 1, rule);
             expect_as_c(*zone, change->at, rule);
         }
-        for (std::int64_t second = zr::test::c_utc(1990, 1, 1); second < zr::test::c_utc(2050, 1, 1); second += 86'399)
+        for (std::int64_t second = zr::test::c_utc(1990, 1, 1); second < zr::test::c_utc(2050, 1, 1);
+             second += 86'399 * kStride)
             expect_as_c(*zone, second, rule);
     }
 }

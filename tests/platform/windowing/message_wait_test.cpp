@@ -6,7 +6,7 @@ namespace {
 
 using namespace windowing_test;
 
-DWORD wait_for(std::vector<HANDLE> handles, DWORD milliseconds, DWORD mask, DWORD flags = 0) {
+DWORD wait_with(std::vector<HANDLE> handles, DWORD milliseconds, DWORD mask, DWORD flags = 0) {
     return MsgWaitForMultipleObjectsEx(static_cast<DWORD>(handles.size()), handles.data(), milliseconds, mask, flags);
 }
 
@@ -19,15 +19,15 @@ void post_to_self() {
 TEST(MessageWait, EndsForHandlesAndForInput) {
     const TestEvent first;
     const TestEvent second(false);
-    EXPECT_EQ(wait_for({first, second}, 0, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(wait_with({first, second}, 0, QS_ALLINPUT), WAIT_TIMEOUT);
     second.set();
-    EXPECT_EQ(wait_for({first, second}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
-    EXPECT_EQ(wait_for({first, second}, 1, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(wait_with({first, second}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(wait_with({first, second}, 1, QS_ALLINPUT), WAIT_TIMEOUT);
     post_to_self();
-    EXPECT_EQ(wait_for({first, second}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0 + 2);
+    EXPECT_EQ(wait_with({first, second}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0 + 2);
     first.set();
     post_to_self();
-    EXPECT_EQ(wait_for({first, second}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0);  // the lowest
+    EXPECT_EQ(wait_with({first, second}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0);  // the lowest
 }
 
 TEST(MessageWait, WithoutHandlesWaitsForInput) {
@@ -43,31 +43,31 @@ TEST(MessageWait, CountsInputOnceUnlessAskedForWhatIsThere) {
     MSG message{};
     post_to_self();
     EXPECT_TRUE(PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE));
-    EXPECT_EQ(wait_for({}, 0, QS_ALLINPUT), WAIT_TIMEOUT);
-    EXPECT_EQ(wait_for({}, 0, QS_ALLINPUT, MWMO_INPUTAVAILABLE), WAIT_OBJECT_0);
-    EXPECT_EQ(wait_for({}, 0, QS_ALLINPUT, MWMO_INPUTAVAILABLE), WAIT_OBJECT_0);
+    EXPECT_EQ(wait_with({}, 0, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(wait_with({}, 0, QS_ALLINPUT, MWMO_INPUTAVAILABLE), WAIT_OBJECT_0);
+    EXPECT_EQ(wait_with({}, 0, QS_ALLINPUT, MWMO_INPUTAVAILABLE), WAIT_OBJECT_0);
     post_to_self();
-    EXPECT_EQ(wait_for({}, 0, QS_ALLINPUT), WAIT_OBJECT_0);
-    EXPECT_EQ(wait_for({}, 0, QS_ALLINPUT), WAIT_TIMEOUT);  // it has been reported
+    EXPECT_EQ(wait_with({}, 0, QS_ALLINPUT), WAIT_OBJECT_0);
+    EXPECT_EQ(wait_with({}, 0, QS_ALLINPUT), WAIT_TIMEOUT);  // it has been reported
     post_to_self();
     GetQueueStatus(QS_POSTMESSAGE);
-    EXPECT_EQ(wait_for({}, 0, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(wait_with({}, 0, QS_ALLINPUT), WAIT_TIMEOUT);
 }
 
 TEST(MessageWait, SeesOnlyTheKindsAskedFor) {
     post_to_self();
-    EXPECT_EQ(wait_for({}, 0, QS_TIMER | QS_SENDMESSAGE), WAIT_TIMEOUT);
-    EXPECT_EQ(wait_for({}, 0, QS_POSTMESSAGE), WAIT_OBJECT_0);
+    EXPECT_EQ(wait_with({}, 0, QS_TIMER | QS_SENDMESSAGE), WAIT_TIMEOUT);
+    EXPECT_EQ(wait_with({}, 0, QS_POSTMESSAGE), WAIT_OBJECT_0);
     SetTimer(nullptr, 0, 1, nullptr);
-    EXPECT_EQ(wait_for({}, 20, QS_POSTMESSAGE), WAIT_TIMEOUT);
-    EXPECT_EQ(wait_for({}, INFINITE, QS_TIMER), WAIT_OBJECT_0);
+    EXPECT_EQ(wait_with({}, 20, QS_POSTMESSAGE), WAIT_TIMEOUT);
+    EXPECT_EQ(wait_with({}, INFINITE, QS_TIMER), WAIT_OBJECT_0);
 }
 
 TEST(MessageWait, EndsForATimerThatBecomesDue) {
     const TestEvent never;
     const DWORD start = GetTickCount();
     SetTimer(nullptr, 0, 20, nullptr);
-    EXPECT_EQ(wait_for({never}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(wait_with({never}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
     EXPECT_GE(GetTickCount() - start, 19u);
     MSG message{};
     EXPECT_TRUE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
@@ -77,17 +77,17 @@ TEST(MessageWait, EndsForATimerThatBecomesDue) {
 TEST(MessageWait, RefusesWhatIsNoHandle) {
     const TestEvent event;
     std::vector<HANDLE> many(64, event);
-    EXPECT_EQ(wait_for(many, 0, QS_ALLINPUT), WAIT_FAILED);
+    EXPECT_EQ(wait_with(many, 0, QS_ALLINPUT), WAIT_FAILED);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
     many.pop_back();
-    EXPECT_EQ(wait_for(many, 0, QS_ALLINPUT), WAIT_TIMEOUT);
-    EXPECT_EQ(wait_for({event, INVALID_HANDLE_VALUE}, 0, QS_ALLINPUT), WAIT_FAILED);
+    EXPECT_EQ(wait_with(many, 0, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(wait_with({event, INVALID_HANDLE_VALUE}, 0, QS_ALLINPUT), WAIT_FAILED);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
     EXPECT_EQ(MsgWaitForMultipleObjectsEx(1, nullptr, 0, QS_ALLINPUT, 0), WAIT_FAILED);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(wait_for({event}, 0, QS_ALLINPUT, 0x100), WAIT_FAILED);
+    EXPECT_EQ(wait_with({event}, 0, QS_ALLINPUT, 0x100), WAIT_FAILED);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(wait_for({event, event}, 0, QS_ALLINPUT, MWMO_WAITALL), WAIT_FAILED);
+    EXPECT_EQ(wait_with({event, event}, 0, QS_ALLINPUT, MWMO_WAITALL), WAIT_FAILED);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(MsgWaitForMultipleObjects(1, many.data(), FALSE, 0, QS_ALLINPUT), WAIT_TIMEOUT);
 }
@@ -107,7 +107,7 @@ TEST(MessageWait, ServesWhatIsSentWhetherAskedOrNot) {
         });
         DWORD result = 1;
         while (result == WAIT_OBJECT_0 + 1) {
-            result = wait_for({done}, INFINITE, mask);
+            result = wait_with({done}, INFINITE, mask);
             EXPECT_TRUE(result == WAIT_OBJECT_0 || mask == QS_ALLINPUT);
         }
         EXPECT_EQ(result, WAIT_OBJECT_0);
@@ -121,9 +121,9 @@ TEST(MessageWait, ReportsMutexesOfEndedThreadsAsAbandoned) {
     const HANDLE thread = CreateThread(
         nullptr, 0, [](LPVOID parameter) -> DWORD { return WaitForSingleObject(parameter, INFINITE); }, mutex, 0,
         nullptr);
-    EXPECT_EQ(wait_for({thread}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0);
+    EXPECT_EQ(wait_with({thread}, INFINITE, QS_ALLINPUT), WAIT_OBJECT_0);
     const TestEvent never;
-    EXPECT_EQ(wait_for({never, mutex}, INFINITE, QS_ALLINPUT), WAIT_ABANDONED_0 + 1);
+    EXPECT_EQ(wait_with({never, mutex}, INFINITE, QS_ALLINPUT), WAIT_ABANDONED_0 + 1);
     EXPECT_TRUE(ReleaseMutex(mutex));
     CloseHandle(thread);
     CloseHandle(mutex);
@@ -133,7 +133,7 @@ TEST(MessageWait, ForAllNeedsEveryHandleAndInput) {
     const TestEvent first(false);
     const TestEvent second(false);
     const auto wait_all = [&](DWORD milliseconds) {
-        return wait_for({first, second}, milliseconds, QS_POSTMESSAGE, MWMO_WAITALL);
+        return wait_with({first, second}, milliseconds, QS_POSTMESSAGE, MWMO_WAITALL);
     };
     first.set();
     EXPECT_EQ(wait_all(0), WAIT_TIMEOUT);
@@ -163,14 +163,14 @@ TEST(MessageWait, ForAllServesWhatIsSentMeanwhile) {
         EXPECT_TRUE(PostMessageW(window, WM_APP, 0, 0));
         EXPECT_EQ(SendMessageW(window, WM_APP, 1, 0), 5);
     });
-    EXPECT_EQ(wait_for({first, second}, INFINITE, QS_POSTMESSAGE, MWMO_WAITALL), WAIT_OBJECT_0);
+    EXPECT_EQ(wait_with({first, second}, INFINITE, QS_POSTMESSAGE, MWMO_WAITALL), WAIT_OBJECT_0);
     sender.join();
 }
 
 TEST(MessageWait, ForAllSeesTimersThatBecomeDue) {
     const TestEvent set(true, true);
     SetTimer(nullptr, 0, 5, nullptr);
-    EXPECT_EQ(wait_for({set}, INFINITE, QS_TIMER, MWMO_WAITALL), WAIT_OBJECT_0);
+    EXPECT_EQ(wait_with({set}, INFINITE, QS_TIMER, MWMO_WAITALL), WAIT_OBJECT_0);
 }
 
 // What a procedure looks at during the wait is not lost to the wait.
@@ -185,7 +185,7 @@ TEST(MessageWait, IsNotMisledByLooksInsideProcedures) {
     });
     for (int round = 0; round < 50; ++round) {
         std::thread sender([&window] { SendMessageW(window, WM_APP, 0, 0); });
-        EXPECT_EQ(wait_for({}, INFINITE, QS_POSTMESSAGE), WAIT_OBJECT_0);
+        EXPECT_EQ(wait_with({}, INFINITE, QS_POSTMESSAGE), WAIT_OBJECT_0);
         sender.join();
         drain();
     }

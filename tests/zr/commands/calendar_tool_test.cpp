@@ -19,13 +19,13 @@ namespace {
 using nlohmann::json;
 using zr::test::calendar_text;
 using zr::test::event_text;
+using zr::test::kData;
 using zr::test::lines_of;
 using zr::test::Result;
 using zr::test::RunningZr;
 using zr::test::use_zone;
 using zr::test::zr;
 
-const std::string kData = ZR_SOURCE_DIR "/examples/data/";
 constexpr const char* kFirst = "150994945";  // the first identifier of an appointment
 
 // Each case has a store of its own.

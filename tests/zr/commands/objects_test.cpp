@@ -19,10 +19,6 @@ using zr::test::Result;
 
 namespace {
 
-Result run_zr(const std::vector<std::string>& args) {
-    return zr::test::zr(args);
-}
-
 // A handle that is closed with the object.
 class Held {
 public:
@@ -40,7 +36,7 @@ HANDLE mapping(const char16_t* name, DWORD size, DWORD protection = PAGE_READWRI
 }
 
 json listed() {
-    return json::parse(run_zr({"objects", "--json"}).out);
+    return json::parse(zr::test::zr({"objects", "--json"}).out);
 }
 
 // The words of a table's line.
@@ -61,11 +57,11 @@ ZR_CHILD(objects_peer) {
 }
 
 TEST(Objects, NothingThere) {
-    const Result text = run_zr({"objects"});
+    const Result text = zr::test::zr({"objects"});
     EXPECT_EQ(text.code, 1);
     EXPECT_EQ(text.out, "");
     EXPECT_EQ(text.err, "");
-    const Result as_json = run_zr({"objects", "--json"});
+    const Result as_json = zr::test::zr({"objects", "--json"});
     EXPECT_EQ(as_json.code, 1);
     EXPECT_EQ(json::parse(as_json.out), json::array());
 }
@@ -96,7 +92,7 @@ TEST(Objects, KindStateOwnerAndSize) {
     };
     EXPECT_EQ(listed(), expected);
 
-    const Result table = run_zr({"objects"});
+    const Result table = zr::test::zr({"objects"});
     EXPECT_EQ(table.code, 0);
     EXPECT_EQ(table.err, "");
     const auto lines = lines_of(table.out);
@@ -146,11 +142,11 @@ TEST(Objects, ThoseOfAKilledProgramAreGone) {
 
 TEST(Objects, NamesCannotSteerATerminal) {
     const Held strange(CreateEventW(nullptr, FALSE, FALSE, u"a/b\x1b[31m\n\u202Etail"));
-    const Result table = run_zr({"objects"});
+    const Result table = zr::test::zr({"objects"});
     const auto lines = lines_of(table.out);
     ASSERT_EQ(lines.size(), 2u) << table.out;
     EXPECT_TRUE(lines[1].ends_with("a/b\\x1b[31m\\n\\u202etail")) << lines[1];
-    EXPECT_EQ(run_zr({"objects", "--json"}).out.find('\x1b'), std::string::npos);
+    EXPECT_EQ(zr::test::zr({"objects", "--json"}).out.find('\x1b'), std::string::npos);
     EXPECT_EQ(listed()[0]["name"], "a/b\x1b[31m\n\u202Etail");
 }
 
@@ -158,7 +154,7 @@ TEST(Objects, ARuntimeFolderThatIsNotOurs) {
     const std::filesystem::path folder = std::filesystem::path(getenv("XDG_RUNTIME_DIR")) / "zrutility";
     std::filesystem::remove_all(folder);
     zr::test::write_file(folder, "a file in its place");
-    const Result result = run_zr({"objects"});
+    const Result result = zr::test::zr({"objects"});
     EXPECT_EQ(result.code, 6);
     EXPECT_TRUE(result.err.starts_with("zr: ")) << result.err;
     std::filesystem::remove(folder);

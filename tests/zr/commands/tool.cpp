@@ -1,6 +1,7 @@
 #include "zr/commands/tool.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -156,6 +157,14 @@ int RunningZr::wait() {
     const int code = reap(pid_);
     pid_ = -1;
     return code;
+}
+
+void expect_failure(const Result& result, int code, const std::string& part) {
+    EXPECT_EQ(result.code, code) << result.err;
+    const std::vector<std::string> lines = lines_of(result.err);
+    ASSERT_EQ(lines.size(), 1u) << result.err;
+    EXPECT_TRUE(lines[0].starts_with("zr: ")) << lines[0];
+    EXPECT_NE(lines[0].find(part), std::string::npos) << lines[0];
 }
 
 std::string read_file(const std::string& path) {

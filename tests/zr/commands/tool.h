@@ -10,6 +10,8 @@
 
 namespace zr::test {
 
+inline const std::string kData = ZR_SOURCE_DIR "/examples/data/";  // the samples
+
 struct Result {
     int code = 0;  // the exit code, or minus the signal that ended it
     std::string out;
@@ -20,6 +22,9 @@ struct Result {
 Result zr(const std::vector<std::string>& args, const std::string& input = {});
 // The same for any program, found by PATH.
 Result run(const std::vector<std::string>& command, const std::string& input = {});
+
+// Whether it ended with that code and one line on standard error, with `part` in it.
+void expect_failure(const Result& result, int code, const std::string& part);
 
 // A zr that goes on running, with pipes to its standard input and from its standard output.
 class RunningZr {

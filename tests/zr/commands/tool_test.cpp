@@ -19,6 +19,8 @@
 namespace {
 
 using nlohmann::json;
+using zr::test::expect_failure;
+using zr::test::kData;
 using zr::test::lines_of;
 using zr::test::query;
 using zr::test::read_file;
@@ -26,8 +28,6 @@ using zr::test::Result;
 using zr::test::RunningZr;
 using zr::test::write_file;
 using zr::test::zr;
-
-const std::string kData = ZR_SOURCE_DIR "/examples/data/";
 
 std::string card(const std::string& name, const std::string& email) {
     return "BEGIN:VCARD\nVERSION:3.0\nFN:" + name + "\nEMAIL:" + email + "\nEND:VCARD\n";
@@ -54,14 +54,6 @@ protected:
 private:
     zr::test::TempFolder folder_;
 };
-
-void expect_failure(const Result& result, int code, const std::string& part) {
-    EXPECT_EQ(result.code, code) << result.err;
-    const auto lines = lines_of(result.err);
-    ASSERT_EQ(lines.size(), 1u) << result.err;
-    EXPECT_TRUE(lines[0].starts_with("zr: ")) << lines[0];
-    EXPECT_NE(lines[0].find(part), std::string::npos) << lines[0];
-}
 
 const std::vector<std::vector<std::string>> kCommands = {
     {"contacts", "import"},

@@ -20,10 +20,6 @@ using zr::test::TempFolder;
 
 namespace {
 
-Result run_zr(const std::vector<std::string>& args) {
-    return zr::test::zr(args);
-}
-
 void touch(const fs::path& path) {
     std::ofstream file(path);
 }
@@ -134,22 +130,22 @@ TEST(WatchFolders, AFolderThatGoesIsToldOf) {
 
 TEST(WatchFolders, WrongUsage) {
     const TempFolder folder;
-    EXPECT_EQ(run_zr({"watch"}).code, 2);
+    EXPECT_EQ(zr::test::zr({"watch"}).code, 2);
     for (const char* extension : {"html", ".h", "/", "\\", "\xff"}) {
-        EXPECT_EQ(run_zr({"watch", folder.host().string(), "--ext", extension}).code, 2) << extension;
+        EXPECT_EQ(zr::test::zr({"watch", folder.host().string(), "--ext", extension}).code, 2) << extension;
     }
     const fs::path deep = folder.host() / std::string(200, 'd') / std::string(100, 'd');
     fs::create_directories(deep);
-    const Result too_long = run_zr({"watch", deep.string()});
+    const Result too_long = zr::test::zr({"watch", deep.string()});
     EXPECT_EQ(too_long.code, 6);
     EXPECT_NE(too_long.err.find("File name too long"), std::string::npos) << too_long.err;
     std::vector<std::string> eleven(12, folder.host().string());
     eleven[0] = "watch";
-    EXPECT_EQ(run_zr(eleven).code, 2);
-    const Result missing = run_zr({"watch", (folder.host() / "none").string()});
+    EXPECT_EQ(zr::test::zr(eleven).code, 2);
+    const Result missing = zr::test::zr({"watch", (folder.host() / "none").string()});
     EXPECT_EQ(missing.code, 6);
     EXPECT_NE(missing.err.find("none: No such file or directory"), std::string::npos);
     touch(folder.host() / "file");
-    EXPECT_EQ(run_zr({"watch", (folder.host() / "file").string()}).code, 6);
-    EXPECT_EQ(run_zr({"watch", "/"}).code, 6);  // outside the root of this test
+    EXPECT_EQ(zr::test::zr({"watch", (folder.host() / "file").string()}).code, 6);
+    EXPECT_EQ(zr::test::zr({"watch", "/"}).code, 6);  // outside the root of this test
 }

@@ -33,7 +33,7 @@ std::string written(const std::vector<Event>& events, const std::vector<Task>& t
 }
 
 // What libical finds wrong.
-std::string faults(const std::string& text) {
+std::string faults_of(const std::string& text) {
     icalcomponent* calendar = icalparser_parse_string(text.c_str());
     if (!calendar) return "no calendar";
     icalrestriction_check(calendar);
@@ -107,7 +107,7 @@ TEST_F(Writer, WritesASeries) {
     EXPECT_NE(text.find("\r\nRECURRENCE-ID;TZID=Europe/Berlin:20260316T093000\r\n"
                         "DTSTART;TZID=Europe/Berlin:20260317T080000\r\n"),
               std::string::npos);
-    EXPECT_EQ(faults(written({event})), "");
+    EXPECT_EQ(faults_of(written({event})), "");
     event.all_day = true;
     event.start = at(2026, 3, 2);
     event.end = at(2026, 3, 3);
@@ -143,7 +143,7 @@ TEST_F(Writer, ComesBackAsItWasInEveryZone) {
             tasks.push_back(random.task(i));
         }
         const std::string text = written(events, tasks);
-        ASSERT_EQ(faults(text), "") << zone;
+        ASSERT_EQ(faults_of(text), "") << zone;
         const zr::test::ReadCalendar read = read_calendar(text);
         ASSERT_TRUE(read.problems.empty()) << zone << ": " << read.problems[0].reason;
         ASSERT_EQ(read.events.size(), events.size());

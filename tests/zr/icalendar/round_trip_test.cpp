@@ -38,7 +38,7 @@ std::vector<std::string> samples() {
 }
 
 // The stamp of an item that has none is that of its export.
-std::string without_stamp(const std::string& extras) {
+std::string without_dtstamp(const std::string& extras) {
     std::string out;
     std::istringstream lines(extras);
     for (std::string line; std::getline(lines, line);) {
@@ -49,16 +49,16 @@ std::string without_stamp(const std::string& extras) {
 
 Event stored(Event event) {
     if (event.uid.empty()) event.uid = "made";
-    event.extras = without_stamp(event.extras);
+    event.extras = without_dtstamp(event.extras);
     for (zr::Change& change : event.changes) {
-        change.fields.extras = without_stamp(change.fields.extras);
+        change.fields.extras = without_dtstamp(change.fields.extras);
     }
     return event;
 }
 
 Task stored(Task task) {
     if (task.uid.empty()) task.uid = "made";
-    task.extras = without_stamp(task.extras);
+    task.extras = without_dtstamp(task.extras);
     return task;
 }
 

@@ -33,6 +33,10 @@ inline ReadRegFile read_reg_file(std::string_view text, std::size_t largest = kL
     }
 }
 
+inline RegValue text_value(std::u16string text) {
+    return {REG_SZ, reg_bytes(text + u'\0')};
+}
+
 // Of version 5, without a mark, with `key` at its beginning.
 inline std::string reg_file_text(std::string_view values, std::string_view key = "HKLM\\Test") {
     return std::string(kRegHeader5) + "\r\n\r\n[" + std::string(key) + "]\r\n" + std::string(values);

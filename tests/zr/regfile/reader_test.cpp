@@ -18,6 +18,7 @@ using zr::test::read_reg_file;
 using zr::test::ReadRegFile;
 using zr::test::reg_file_text;
 using zr::test::shown;
+using zr::test::text_value;
 using Kind = RegStatement::Kind;
 
 std::string bytes(std::initializer_list<int> values) {
@@ -26,10 +27,6 @@ std::string bytes(std::initializer_list<int> values) {
         text += static_cast<char>(each);
     }
     return text;
-}
-
-RegValue text_value(std::u16string text) {
-    return {REG_SZ, zr::reg_bytes(text + u'\0')};
 }
 
 // The value that this says of the name X.

@@ -18,9 +18,9 @@ using zr::RegRoot;
 using zr::RegValue;
 
 std::string json_of(const RegValue& value) {
-    zr::Json json;
-    zr::add_reg_value(json, value);
-    return json.text(false);
+    zr::Json shown;
+    zr::add_reg_value(shown, value);
+    return shown.text(false);
 }
 
 TEST(RegValue, NamesTypes) {

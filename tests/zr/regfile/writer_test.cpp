@@ -18,6 +18,7 @@ using zr::RegWriter;
 using zr::test::RandomRegistry;
 using zr::test::read_reg_file;
 using zr::test::ReadRegFile;
+using zr::test::text_value;
 
 struct Format {
     RegVersion version;
@@ -29,10 +30,6 @@ constexpr Format kFormats[] = {
     {RegVersion::V4, RegEncoding::Utf16}, {RegVersion::V4, RegEncoding::Windows1252},
     {RegVersion::V4, RegEncoding::Utf8},
 };
-
-RegValue text_value(std::u16string text) {
-    return {REG_SZ, zr::reg_bytes(text + u'\0')};
-}
 
 // What one value looks like, behind "X"=, in version 5.
 std::string written(const RegValue& value, RegVersion version = RegVersion::V5) {

@@ -1,0 +1,17 @@
+#pragma once
+
+// Whether a sanitizer looks on. It makes a step five to twenty times as long, so loops are cut there that are only so
+// long because more rounds meet more: the plain run has them in full.
+
+namespace zr::test {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kInstrumented = true;
+#else
+inline constexpr bool kInstrumented = false;
+#endif
+
+// Such a loop takes every kStride-th step.
+inline constexpr int kStride = kInstrumented ? 10 : 1;
+
+}  // namespace zr::test
