@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <list>
 #include <new>
 #include <string>
 #include <vector>
@@ -168,7 +169,9 @@ DWORD copy_file(const std::string& from, const std::string& to) {
 // Reads a table in the order of its key, and goes on behind what cannot be read.
 class Salvage {
 public:
-    Salvage(Connection& from, Connection& to, const StoreTable& table) : from_(from), to_(to), table_(table) {}
+    // The statements' texts are kept in `texts`: a connection knows a statement by where its text stands.
+    Salvage(Connection& from, Connection& to, const StoreTable& table, std::list<std::string>& texts)
+        : from_(from), to_(to), table_(table), select_(texts.emplace_back()), insert_(texts.emplace_back()) {}
 
     // ERROR_SUCCESS, also when nothing was readable; or why nothing can be written.
     DWORD run(ULONGLONG& rows) {
@@ -264,8 +267,8 @@ private:
     Connection& from_;
     Connection& to_;
     const StoreTable& table_;
-    std::string select_;
-    std::string insert_;
+    std::string& select_;
+    std::string& insert_;
     int columns_ = 0;
     ULONGLONG rows_ = 0;
 };
@@ -278,8 +281,9 @@ DWORD salvage(const StoreKind& kind, const std::string& from, const std::string&
     DWORD error = make_tables(kind, target);
     if (error == ERROR_SUCCESS) error = target.execute("BEGIN IMMEDIATE");
     rows = 0;
+    std::list<std::string> texts;
     for (const StoreTable& table : kind.tables) {
-        if (error == ERROR_SUCCESS) error = Salvage(source, target, table).run(rows);
+        if (error == ERROR_SUCCESS) error = Salvage(source, target, table, texts).run(rows);
     }
     if (error == ERROR_SUCCESS) error = kind.mend(target);
     if (error == ERROR_SUCCESS) error = target.execute("COMMIT");

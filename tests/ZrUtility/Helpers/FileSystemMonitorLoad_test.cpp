@@ -404,7 +404,9 @@ TEST(FileSystemMonitorLoad, WhatIsToldAgreesWithTheFolders) {
     Load load;
     load.run();
     expect_agreement(load);
-    EXPECT_GT(load.monitor.events, kFiles);
+    // Or else there was no load. How many there are is the host's affair: what comes and goes between two looks is told
+    // once or not at all, and on a busy computer the kernel's queue overflows.
+    EXPECT_GT(load.monitor.events, kFiles / 10);
 }
 
 TEST(FileSystemMonitorLoad, SoItDoesWithTheSmallestQueue) {
