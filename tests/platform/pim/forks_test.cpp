@@ -5,7 +5,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "platform/windowing.h"
 #include "session_support.h"
@@ -38,7 +37,7 @@ private:
     int ends_[2] = {-1, -1};
 };
 
-bool save(TestSession& session, const WCHAR* name) {
+bool save(const TestSession& session, const WCHAR* name) {
     const auto made = session.fresh();
     return made->put_LastName(in(name)) == S_OK && made->Save() == S_OK;
 }
@@ -163,33 +162,29 @@ TEST(Forks, AChildOfThreadsAtWorkWorksOn) {
 #endif
     TestSession session;
     ASSERT_TRUE(save(session, u"first"));
-    std::atomic<bool> done{false};
     std::atomic<int> saved{1};
-    const auto work = [&](bool of_its_own) {
-        while (!done) {
-            if (of_its_own) {
-                TestSession own;
-                EXPECT_TRUE(save(own, u"thread's"));
-            } else {
-                EXPECT_TRUE(save(session, u"thread's"));
-                EXPECT_GT(count(*session.items().get()), 0);
-            }
-            ++saved;
-        }
+    const auto with_the_same_session = [&] {
+        EXPECT_TRUE(save(session, u"thread's"));
+        EXPECT_GT(count(*session.items().get()), 0);
+        ++saved;
     };
-    std::thread shared(work, false);
-    std::thread own(work, true);
-    for (int round = 0; round < kForks; ++round) {
-        const Forked child([&] {
-            if (!save(session, u"child's")) return 1;
-            return count(*session.items().get()) > round ? 0 : 2;
-        });
-        ASSERT_EQ(child.wait(), 0) << round;
-        ASSERT_TRUE(save(session, u"parent's"));
+    const auto with_its_own_session = [&] {
+        const TestSession own;
+        ASSERT_EQ(own.logon, S_OK) << testing::PrintToString(std::u16string(ZrPimLastErrorText()));
+        EXPECT_TRUE(save(own, u"thread's"));
+        ++saved;
+    };
+    {
+        const Load load({with_the_same_session, with_its_own_session});
+        for (int round = 0; round < kForks; ++round) {
+            const Forked child([&] {
+                if (!save(session, u"child's")) return 1;
+                return count(*session.items().get()) > round ? 0 : 2;
+            });
+            ASSERT_EQ(child.wait(), 0) << round;
+            ASSERT_TRUE(save(session, u"parent's"));
+        }
     }
-    done = true;
-    shared.join();
-    own.join();
     EXPECT_EQ(count(*session.items().get()), saved + 2 * kForks);
     EXPECT_EQ(query(store_path(), "PRAGMA integrity_check"), "ok");
 }
