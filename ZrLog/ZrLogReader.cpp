@@ -41,7 +41,7 @@ std::int64_t milliseconds() {
 
 }  // namespace
 
-struct ZrLogReader::State {
+struct __attribute__((visibility("hidden"))) ZrLogReader::State {
     static constexpr std::size_t kWindow = 1024;  // slots
 
     int fd = -1;

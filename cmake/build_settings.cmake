@@ -50,6 +50,14 @@ function(zr_compile_together)
   endif()
 endfunction()
 
+# zr_export_public_names(LIBRARY...): these show what their installed headers declare, and nothing else.
+function(zr_export_public_names)
+  foreach(library IN LISTS ARGV)
+    target_link_options(${library} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    set_property(TARGET ${library} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  endforeach()
+endfunction()
+
 add_library(zr_settings INTERFACE)
 target_compile_options(zr_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
                                              -Wnon-virtual-dtor -Wold-style-cast -Werror)

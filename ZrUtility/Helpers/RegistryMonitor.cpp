@@ -21,7 +21,7 @@ bool IsArmed(HANDLE changes) {
 }  // namespace
 
 // Belongs to the monitor and to its thread, as a thread that has been terminated may run on for a moment.
-struct RegistryMonitor::MonitorContext {
+struct __attribute__((visibility("hidden"))) RegistryMonitor::MonitorContext {
     HANDLE wakeEvent = nullptr;
     std::atomic<HANDLE> changeHandle = nullptr;
     HKEY key = nullptr;
