@@ -24,8 +24,9 @@ std::size_t slot_of(Member member) {
 
 template <class... Members>
 void expect_from(std::size_t first, Members... members) {
-    std::size_t at = first;
-    (EXPECT_EQ(slot_of(members), at++), ...);
+    for (const std::size_t slot : {slot_of(members)...}) {
+        EXPECT_EQ(slot, first++);
+    }
 }
 
 TEST(MapiSlots, UnknownThenProp) {
