@@ -21,6 +21,13 @@
 ZRPLATFORM_API DWORD GetLastError();
 ZRPLATFORM_API void SetLastError(DWORD error);
 
+// ---- Debug output ---------------------------------------------------------------------------------------------
+
+// Text for whoever looks for a fault. Standard error is the debugger: the text is written there, in UTF-8 and as it is,
+// when the environment variable ZR_DEBUG_OUTPUT is set to something; otherwise nobody listens and nothing happens. NULL
+// is nothing. The last error and errno stay.
+ZRPLATFORM_API void OutputDebugStringW(const WCHAR* text);
+
 // ---- Wide runtime ---------------------------------------------------------------------------------------------
 //
 // Overloads, for WCHAR, of the C library's names for wchar_t; with the same contracts unless stated. All strings are
