@@ -4,6 +4,7 @@
 
 #include "platform/base.h"
 #include "platform/com.h"
+#include "platform/cursor.h"
 #include "platform/diagnostics.h"
 #include "platform/errors.h"
 #include "platform/file_changes.h"
@@ -16,7 +17,9 @@
 #include "platform/notify.h"
 #include "platform/objects.h"
 #include "platform/pim.h"
+#include "platform/provisioning.h"
 #include "platform/registry.h"
+#include "platform/registry_readers.h"
 #include "platform/screen.h"
 #include "platform/shell.h"
 #include "platform/stores.h"
