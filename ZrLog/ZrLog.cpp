@@ -8,6 +8,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "ZrLog/log_file.h"
 #include "ZrLog/sink.h"
@@ -33,7 +34,27 @@ std::atomic<const char*> error_text{nullptr};
 std::mutex deciding;
 std::mutex changing_sink;
 
+std::mutex one_fork;
+LogFile* forking = nullptr;  // the file whose looks wait for the fork
+
+void before_fork() {
+    one_fork.lock();
+    LogFile* const open = file.load(std::memory_order_acquire);
+    if (open) open->before_fork();
+    forking = open;
+}
+
+void after_fork(bool in_child) {
+    if (LogFile* const open = std::exchange(forking, nullptr)) open->after_fork(in_child);
+    one_fork.unlock();
+}
+
+void after_fork_in_parent() {
+    after_fork(false);
+}
+
 void after_fork_in_child() {
+    after_fork(true);
     zr::log::forget_ids();
     zr::log::forget_sink_visitors();
     new (&deciding) std::mutex;
@@ -49,7 +70,7 @@ struct Kept {
 Kept* kept = nullptr;
 
 bool open_file(const char* path) {
-    static const int registered = pthread_atfork(nullptr, nullptr, after_fork_in_child);
+    static const int registered = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     static_cast<void>(registered);
     LogFile* opened = nullptr;
     const char* text = nullptr;
@@ -98,7 +119,9 @@ bool zrLogSetFile(const char* path) noexcept {
 
 const char* zrLogError() noexcept {
     if (zrLogWanted.load(std::memory_order_relaxed) & kUndecided) decide();
-    return error_text.load(std::memory_order_acquire);
+    if (const char* const text = error_text.load(std::memory_order_acquire)) return text;
+    const LogFile* const open = file.load(std::memory_order_acquire);
+    return open ? open->trouble() : nullptr;
 }
 
 void zrLogSetSink(ZrLogSink sink, void* context) noexcept {

@@ -9,8 +9,10 @@
 //
 // The file is shared by every process that names it, and appended to: see docs/log-format.md. A record is in the file
 // when the call returns, so a killed process loses none; what a power failure loses is up to the kernel's write-back.
-// Records that find no room (full disk, file size limit) are counted in the file's header. A child made by fork goes
-// on with its parent's log; a program started by exec opens the log anew when the variable still names it.
+// A file that is cut short, moved or removed meanwhile ends nobody: writers go on in it or in a new one. One that is
+// ZR_LOG_SIZE long (64M) is renamed to NAME.1, and so on up to ZR_LOG_FILES (4). Records that find no room (full disk,
+// file size limit) are counted, and their number is written when there is room again. A child made by fork goes on with
+// its parent's log; a program started by exec opens the log anew when the variable still names it.
 
 #include <atomic>
 #include <cstddef>
@@ -68,12 +70,13 @@ using ZrLogSink = void (*)(const ZrLogRecord& record, void* context);
 
 // Keeps the log in the file at `path` from now on, instead of the one that ZR_LOG named at the first record; nullptr
 // keeps no file. Creates a missing file with mode 0600. False, with the reason in zrLogError(), when the file cannot be
-// opened or is not a log; such a file is left untouched and no log file is kept. The mapping of a file that was kept
-// before stays until the process ends, because threads may still be writing to it.
+// opened or is not a log, is a symbolic link, or belongs to or can be written by another user; such a file is left
+// untouched and no log file is kept. The descriptor of a file that was kept before stays until the process ends,
+// because threads may still be writing to it.
 ZRLOG_API bool zrLogSetFile(const char* path) noexcept;
 
-// Why no log file is kept although one was asked for, as English text; nullptr when nothing is wrong. The text stays
-// valid until the process ends.
+// Why no log file is kept although one was asked for, or why records are dropped just now, as English text; nullptr
+// when nothing is wrong. The text stays valid until the process ends.
 ZRLOG_API const char* zrLogError() noexcept;
 
 // Sends every further record of this process to `sink` as well as to the file, if one is kept; nullptr removes it.

@@ -1,6 +1,7 @@
 #pragma once
 
-// Reads a log file, also while other processes write to it.
+// Reads a log, also while other processes write to it: the files that were rotated away and still are there, the oldest
+// first, then the one of the log's name.
 //
 //   std::string error;
 //   auto reader = ZrLogReader::open(path, error);
@@ -33,10 +34,11 @@ struct ZrLogEntry {
 
 struct ZrLogStatistics {
     std::uint64_t records = 0;     // handed out by this reader
-    std::uint64_t unfinished = 0;  // gaps that a killed process left, or that another one was filling for too long
-    std::uint64_t damaged = 0;     // slots whose bytes are not what was written
-    std::uint64_t missing = 0;     // slots that the header tells of and that the file is too short for
-    std::uint64_t lost = 0;        // records that found no room when they were written, by the header's count
+    std::uint64_t unfinished = 0;  // that a killed process left, or that another one was writing for too long
+    std::uint64_t damaged = 0;     // places where bytes stand that are not a record as it was written
+    std::uint64_t lost = 0;        // records that found no room when they were written, as their writers told
+    std::uint64_t cuts = 0;        // times that a writer found the log cut short or removed
+    std::uint64_t missing = 0;     // of a log of version 1: slots that the file is too short for
 };
 
 class ZRLOG_API ZrLogReader {
@@ -51,7 +53,7 @@ public:
     ZrLogReader(const ZrLogReader&) = delete;
     ZrLogReader& operator=(const ZrLogReader&) = delete;
 
-    // The next whole record, in the order of the file; false at the end. After false it may be called again: it then
+    // The next whole record, in the order of the files; false at the end. After false it may be called again: it then
     // goes on with what has been written meanwhile. A record that is still being written is waited for once and
     // passed over when it is not there by then.
     bool next(ZrLogEntry& entry);

@@ -1,25 +1,15 @@
 #pragma once
 
 // The layout of a log file, shared by the writer and the reader; docs/log-format.md describes it. All numbers are in
-// the machine's byte order, which the header's magic number tells.
+// the machine's byte order, which the mark of each record tells.
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 namespace zr::log {
 
-inline constexpr std::size_t kSlotSize = 64;
-inline constexpr std::size_t kHeaderSize = 4096;
-inline constexpr std::size_t kBlockSize = 1 << 20;
-inline constexpr std::uint64_t kFirstSlot = kHeaderSize / kSlotSize;
-inline constexpr std::uint64_t kSlotsPerBlock = kBlockSize / kSlotSize;
-inline constexpr std::uint64_t kMaxBlocks = sizeof(void*) >= 8 ? 65536 : 1024;
-inline constexpr std::uint64_t kMaxSlots = kMaxBlocks * kSlotsPerBlock;
-
-inline constexpr std::uint64_t kMagic = 0x0A1A0D474F4C525A;  // "ZRLOG\r\x1A\n" where the low byte comes first
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kMark = 0x02525AA5;  // A5 5A 52 02 where the low byte comes first
 
 inline constexpr std::size_t kBufferLimit = 1 << 20;
 inline constexpr std::size_t kTagLimit = 1024;
@@ -27,76 +17,68 @@ inline constexpr std::size_t kTagLimit = 1024;
 enum Kind : std::uint8_t {
     kArguments = 0x10,  // plus the number of arguments
     kBuffer = 0x20,
-    kTag = 0x30,
-    kContinuation = 0x40,
+    kLost = 0x31,  // what became of the log; these are nobody's records
+    kCut = 0x32,
+    kRemoved = 0x33,
 };
 
-struct Header {
-    std::uint64_t magic;
-    std::uint32_t version;
-    std::uint32_t slot_size;
-    std::uint64_t created;                // nanoseconds since 1970 UTC
-    std::atomic<std::uint64_t> tail;      // the slot that the next record gets
-    std::atomic<std::uint64_t> capacity;  // slots that the disk has room set aside for, from the start of the file
-    std::atomic<std::uint64_t> lost;      // records that found no room
-};
-static_assert(sizeof(Header) == 48 && std::atomic<std::uint64_t>::is_always_lock_free);
-
-// The bytes of a buffer record.
-struct Run {
-    std::uint64_t size;  // of the caller's bytes, of which at most the limit is kept
-    std::uint8_t bytes[24];
-};
-
-// What a record's first slot says.
+// A record is this, its body (arguments of 8 bytes each, or the bytes of a buffer) and its source tag.
 struct Head {
+    std::uint32_t mark;
+    std::uint32_t check;   // of all that follows
+    std::uint32_t length;  // of the whole record
+    std::uint8_t kind;
+    std::uint8_t reserved;
+    std::uint16_t source_length;
     std::uint64_t time;  // nanoseconds since 1970 UTC
     std::uint32_t process;
     std::uint32_t thread;
     std::uint32_t category;
     std::int32_t line;
-    union {
-        std::uint64_t arguments[4];
-        Run run;
-    };
+    std::uint64_t number;  // kBuffer: the size that the caller gave; kLost: how many records; else 0
 };
+static_assert(sizeof(Head) == 48);
 
-struct Slot {
-    std::uint32_t mark;    // 0 until the slot is whole: 0xA5, the kind, and the check of the rest
-    std::uint32_t source;  // the slot that holds the source tag, 0 for none; of a continuation: the record's first slot
-    union {
-        Head head;
-        std::uint8_t more[56];
-    };
-};
-static_assert(sizeof(Slot) == kSlotSize);
+inline constexpr std::size_t kMostLength = sizeof(Head) + kBufferLimit + kTagLimit;
 
-inline constexpr std::size_t kHeadBytes = 24;
-inline constexpr std::size_t kMoreBytes = 56;
-
-// How many slots a run of `kept` bytes takes.
-constexpr std::uint64_t slots_for(std::size_t kept) {
-    return kept <= kHeadBytes ? 1 : 1 + (kept - kHeadBytes + kMoreBytes - 1) / kMoreBytes;
-}
-
-// The mark of a slot at a place: any change of the slot's bytes, of its kind or of its place gives another one.
-inline std::uint32_t mark_of(const Slot& slot, std::uint8_t kind, std::uint64_t place) {
-    constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15;
-    std::uint64_t words[8];
-    std::memcpy(words, &slot, sizeof words);
-    std::uint32_t after_mark;
-    std::memcpy(&after_mark, reinterpret_cast<const char*>(&slot) + sizeof slot.mark, sizeof after_mark);
-    words[0] = (place << 32) ^ after_mark;
-    std::uint64_t even = kind;
-    std::uint64_t odd = place;
-    for (int i = 0; i < 8; i += 2) {
-        even = (even ^ words[i]) * kMultiplier;
-        even ^= even >> 29;
-        odd = (odd ^ words[i + 1]) * kMultiplier;
-        odd ^= odd >> 29;
+// The check of a record: added in pieces, the head behind `check`, the body and the source. Any change of a bit, and
+// any other division into pieces, gives another one.
+class Check {
+public:
+    void add(const void* data, std::size_t size) noexcept {
+        const char* bytes = static_cast<const char*>(data);
+        mix(size, size);
+        std::uint64_t words[2];
+        for (; size >= sizeof words; bytes += sizeof words, size -= sizeof words) {
+            std::memcpy(words, bytes, sizeof words);
+            mix(words[0], words[1]);
+        }
+        if (size == 0) return;
+        words[0] = words[1] = 0;
+        std::memcpy(words, bytes, size);
+        mix(words[0], words[1]);
     }
-    const std::uint64_t check = (even ^ (odd >> 7) ^ (odd << 3)) * kMultiplier;
-    return 0xA5000000u | static_cast<std::uint32_t>(kind) << 16 | static_cast<std::uint32_t>(check >> 48);
-}
+    void add_head(const Head& head) noexcept {
+        constexpr std::size_t kFrom = offsetof(Head, length);
+        add(reinterpret_cast<const char*>(&head) + kFrom, sizeof head - kFrom);
+    }
+    std::uint32_t value() const noexcept {
+        const std::uint64_t both = (even_ ^ (odd_ >> 7) ^ (odd_ << 3)) * kMultiplier;
+        return static_cast<std::uint32_t>(both >> 32);
+    }
+
+private:
+    static constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15;
+
+    void mix(std::uint64_t one, std::uint64_t other) noexcept {
+        even_ = (even_ ^ one) * kMultiplier;
+        even_ ^= even_ >> 29;
+        odd_ = (odd_ ^ other) * kMultiplier;
+        odd_ ^= odd_ >> 29;
+    }
+
+    std::uint64_t even_ = 0x243F6A8885A308D3;
+    std::uint64_t odd_ = 0x13198A2E03707344;
+};
 
 }  // namespace zr::log

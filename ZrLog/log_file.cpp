@@ -1,23 +1,26 @@
 #include "ZrLog/log_file.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/mman.h>
+#include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 
-#include "ZrLog/descriptor.h"
+#include "ZrLog/size_signal.h"
 
 namespace zr::log {
 namespace {
+
+// How long, and how many bytes of its own, a process writes without looking at the file.
+constexpr std::uint64_t kLookTime = 100'000'000;
+constexpr std::int64_t kLookBytes = 16384;
 
 std::atomic<std::uint32_t> process_id{0};
 std::atomic<std::uint32_t> fork_count{0};
@@ -51,68 +54,24 @@ std::uint32_t current_thread() {
     return thread_ids.thread;
 }
 
-std::uint64_t hash_of(const char* text, std::size_t length) {
-    constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15;
-    std::uint64_t hash = length;
-    for (; length >= 8; text += 8, length -= 8) {
-        std::uint64_t word;
-        std::memcpy(&word, text, sizeof word);
-        hash = (hash ^ word) * kMultiplier;
-        hash ^= hash >> 32;
-    }
-    std::uint64_t rest = 0;
-    std::memcpy(&rest, text, length);
-    hash = (hash ^ rest) * kMultiplier;
-    return hash ^ (hash >> 32);
+Head head_of(std::uint8_t kind) {
+    Head head{};
+    head.mark = kMark;
+    head.kind = kind;
+    head.time = now();
+    head.process = current_process();
+    head.thread = current_thread();
+    return head;
 }
 
-// Growing a file past the limit would end the process with a signal instead of failing.
-bool within_size_limit(std::uint64_t size) {
-    rlimit limit;
-    return getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || size <= limit.rlim_cur;
-}
-
-// Where the file system cannot set room aside, zeros are appended: an append never lands on what another process has
-// written, so no lock is needed.
-bool append_zeros(int fd, std::uint64_t size) {
-    const std::string self = "/proc/self/fd/" + std::to_string(fd);
-    const int appender = above_standard(::open(self.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    if (appender < 0) return false;
-    static constexpr char kZeros[65536] = {};
-    bool good = true;
-    for (;;) {
-        struct stat state;
-        good = fstat(appender, &state) == 0;
-        const auto have = static_cast<std::uint64_t>(state.st_size);
-        if (!good || have >= size) break;
-        const ssize_t done = ::write(appender, kZeros, std::min<std::uint64_t>(sizeof kZeros, size - have));
-        good = done > 0 || (done < 0 && errno == EINTR);
-        if (!good) break;
-    }
-    close(appender);
-    return good;
-}
-
-std::string failure(const char* path, const char* what) {
-    return std::string(path) + ": " + what;
+// The current folder may be another one when the file is looked for again.
+std::string whole_path(const char* path) {
+    if (*path == '/') return path;
+    const std::unique_ptr<char, void (*)(void*)> here(getcwd(nullptr, 0), free);
+    return here ? std::string(here.get()) + "/" + path : std::string(path);
 }
 
 }  // namespace
-
-struct LogFile::Tag {
-    Tag* next;
-    std::uint64_t hash;
-    std::uint32_t place;
-    std::size_t length;
-
-    // The text follows the object.
-    char* text() { return reinterpret_cast<char*>(this + 1); }
-    const char* text() const { return reinterpret_cast<const char*>(this + 1); }
-
-    bool is(std::uint64_t other_hash, const char* other, std::size_t other_length) const {
-        return hash == other_hash && length == other_length && std::memcmp(text(), other, length) == 0;
-    }
-};
 
 void forget_ids() {
     process_id.store(0, std::memory_order_relaxed);
@@ -120,231 +79,221 @@ void forget_ids() {
 }
 
 LogFile* LogFile::open(const char* path, std::string& error) {
-    const int fd = above_standard(::open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
-    if (fd < 0) {
-        error = failure(path, strerror(errno));
+    LogLimits limits;
+    if (!read_limits(limits, error)) return nullptr;
+    std::string whole = whole_path(path);
+    bool made = false;
+    const char* reason = nullptr;
+    Descriptor file = open_log(whole, limits, made, reason);
+    file = Descriptor(moved_above(file.detach(), kFarUp));
+    if (!file) {
+        error = std::string(path) + ": " + (reason ? reason : strerror(errno));
         return nullptr;
     }
-    LogFile* file = new (std::nothrow) LogFile(fd);
-    if (!file) {
-        error = failure(path, "out of memory");
-    } else if (file->prepare(error)) {
-        return file;
-    } else {
-        error = failure(path, error.c_str());
-        delete file;
-    }
-    close(fd);
-    return nullptr;
+    auto* const opened = new LogFile(file.get(), std::move(whole), limits);
+    static_cast<void>(file.detach());
+    return opened;
 }
 
-bool LogFile::prepare(std::string& error) {
-    // Only the making of a file is done under a lock, so that two processes do not both find it empty.
-    while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+LogFile::LogFile(int fd, std::string path, const LogLimits& limits) : fd_(fd), path_(std::move(path)), limits_(limits) {
+    static constexpr const char* kTexts[kTroubles] = {
+        "", "the disk is full; records are dropped", "longer than the process may make a file; records are dropped",
+        "cannot be written; records are dropped", "was removed and cannot be made again; records are dropped"};
+    for (int i = kNone + 1; i < kTroubles; ++i) {
+        troubles_[i] = path_ + ": " + kTexts[i];
     }
-    const bool good = make_or_check(error);
-    flock(fd_, LOCK_UN);
-    if (!good) return false;
-    void* header = mmap(nullptr, kHeaderSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
-    void* table = mmap(nullptr, kMaxBlocks * sizeof *blocks_, PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (header == MAP_FAILED || table == MAP_FAILED) {
-        error = strerror(errno);
-        if (header != MAP_FAILED) munmap(header, kHeaderSize);
-        return false;
-    }
-    header_ = static_cast<Header*>(header);
-    blocks_ = static_cast<std::atomic<char*>*>(table);
-    return true;
+    fstat(fd_, &file_);
+    notice_length(file_);
 }
 
-bool LogFile::make_or_check(std::string& error) {
-    struct stat state;
-    if (fstat(fd_, &state) != 0 || !S_ISREG(state.st_mode)) {
-        error = "not a regular file";
-        return false;
-    }
-    return state.st_size == 0 ? make_header(error) : check_header(static_cast<std::uint64_t>(state.st_size), error);
+const char* LogFile::trouble() const {
+    const int trouble = trouble_.load(std::memory_order_relaxed);
+    return trouble == kNone ? nullptr : troubles_[trouble].c_str();
 }
 
-bool LogFile::make_header(std::string& error) {
-    alignas(Header) char bytes[kHeaderSize] = {};
-    const Header fresh{kMagic, kVersion, kSlotSize, now(), kFirstSlot, kFirstSlot, 0};
-    std::memcpy(bytes, static_cast<const void*>(&fresh), sizeof fresh);
-    if (within_size_limit(kHeaderSize) && pwrite(fd_, bytes, sizeof bytes, 0) == sizeof bytes) return true;
-    error = "no room for a log";
-    [[maybe_unused]] const int ignored = ftruncate(fd_, 0);  // it was empty before
-    return false;
+void LogFile::before_fork() {
+    looking_.lock();
 }
 
-bool LogFile::check_header(std::uint64_t file_size, std::string& error) const {
-    alignas(Header) char bytes[sizeof(Header)];
-    if (pread(fd_, bytes, sizeof bytes, 0) != sizeof bytes || file_size < kHeaderSize) {
-        error = "not a log file";
-        return false;
-    }
-    const auto& header = *reinterpret_cast<const Header*>(bytes);
-    if (header.magic != kMagic) {
-        error = "not a log file";
-        return false;
-    }
-    if (header.version != kVersion || header.slot_size != kSlotSize) {
-        error = "a log file of another version";
-        return false;
-    }
-    if (header.tail < kFirstSlot || header.tail > header.capacity || header.capacity > kMaxSlots ||
-        header.capacity * kSlotSize > file_size) {
-        error = "a damaged log file";
-        return false;
-    }
-    return true;
+void LogFile::after_fork(bool in_child) {
+    if (in_child) lost_ = 0;  // its parent tells of them
+    looking_.unlock();
 }
 
 void LogFile::write(const ZrLogRecord& record, bool is_buffer) {
     const int saved_errno = errno;
-    Slot slot;
-    slot.source = record.source ? tag_of(record.source) : 0;
-    slot.head.process = current_process();
-    slot.head.thread = current_thread();
-    slot.head.category = record.category;
-    slot.head.line = record.line;
-    slot.head.time = now();
-    bool written = false;
+    const int kind = is_buffer ? int{kBuffer} : kArguments + record.argumentCount;
+    Pieces pieces{head_of(static_cast<std::uint8_t>(kind)), nullptr, 0, record.source};
+    Head& head = pieces.head;
+    head.category = record.category;
+    head.line = record.line;
+    head.source_length = static_cast<std::uint16_t>(record.source ? strnlen(record.source, kTagLimit) : 0);
+    std::uint64_t arguments[4];
     if (is_buffer) {
-        written = write_run(slot, kBuffer, record.data, record.size, nullptr);
+        head.number = record.data ? record.size : 0;
+        pieces.body = record.data;
+        pieces.body_size = std::min<std::uint64_t>(head.number, kBufferLimit);
     } else {
-        for (int i = 0; i < 4; ++i) {
-            slot.head.arguments[i] = record.arguments[i];
-        }
-        const std::uint64_t place = reserve(1);
-        written = place != 0;
-        if (written) commit(place, slot, static_cast<std::uint8_t>(kArguments + record.argumentCount));
+        std::copy_n(record.arguments, 4, arguments);
+        pieces.body = arguments;
+        pieces.body_size = static_cast<std::size_t>(record.argumentCount) * sizeof *arguments;
     }
-    if (!written) header_->lost.fetch_add(1, std::memory_order_relaxed);
+    if (is_look_due(head.time, sizeof head + pieces.body_size)) look(head.time);
+    if (lost_.load(std::memory_order_relaxed) != 0) tell_lost();
+    bool kept = put(pieces);
+    if (!kept && errno == EBADF) {
+        look(head.time);
+        kept = put(pieces);
+    }
+    if (!kept) lost_.fetch_add(1, std::memory_order_relaxed);
     errno = saved_errno;
 }
 
-bool LogFile::write_run(Slot& head, std::uint8_t kind, const void* data, std::size_t size, std::uint64_t* place) {
-    const std::size_t kept = data ? std::min(size, kind == kTag ? kTagLimit : kBufferLimit) : 0;
-    const std::uint64_t slots = slots_for(kept);
-    const std::uint64_t first = reserve(slots);
-    if (first == 0) return false;
-    head.head.run.size = data ? size : 0;
-    std::memset(head.head.run.bytes, 0, kHeadBytes);
-    const auto* bytes = static_cast<const std::uint8_t*>(data);
-    const std::size_t inlined = std::min(kept, kHeadBytes);
-    if (inlined) std::memcpy(head.head.run.bytes, bytes, inlined);
-    for (std::uint64_t i = 1; i < slots; ++i) {
-        const std::size_t from = kHeadBytes + (i - 1) * kMoreBytes;
-        Slot more{};
-        more.source = static_cast<std::uint32_t>(first);
-        std::memcpy(more.more, bytes + from, std::min(kept - from, kMoreBytes));
-        commit(first + i, more, kContinuation);
+bool LogFile::put(Pieces& pieces) {
+    if (gone_.load(std::memory_order_relaxed)) {
+        errno = ENOENT;
+        return false;
     }
-    commit(first, head, kind);
-    if (place) *place = first;
-    return true;
+    Head& head = pieces.head;
+    const std::size_t length = sizeof head + pieces.body_size + head.source_length;
+    head.length = static_cast<std::uint32_t>(length);
+    Check check;
+    check.add_head(head);
+    check.add(pieces.body, pieces.body_size);
+    check.add(pieces.source, head.source_length);
+    head.check = check.value();
+    const ssize_t written = process_limit_.load(std::memory_order_relaxed) ? write_within_limit(pieces, length)
+                                                                           : write_bytes(pieces, length);
+    int trouble = kNone;
+    if (written < 0) {
+        trouble = errno == ENOSPC || errno == EDQUOT ? kDiskFull : errno == EFBIG ? kFileTooLarge : kNotWritten;
+        bytes_left_.store(0, std::memory_order_relaxed);
+    } else if (static_cast<std::size_t>(written) != length) {
+        trouble = process_limit_.load(std::memory_order_relaxed) ? kFileTooLarge : kDiskFull;
+    }
+    if (trouble_.load(std::memory_order_relaxed) != trouble) trouble_.store(trouble, std::memory_order_relaxed);
+    return trouble == kNone;
 }
 
-// The mark is the last thing a slot gets, so a reader that sees it sees the rest.
-void LogFile::commit(std::uint64_t place, Slot& slot, std::uint8_t kind) {
-    slot.mark = mark_of(slot, kind, place);
-    Slot* target = slot_at(place);
-    std::memcpy(reinterpret_cast<char*>(target) + sizeof slot.mark,
-                reinterpret_cast<const char*>(&slot) + sizeof slot.mark, sizeof slot - sizeof slot.mark);
-    std::atomic_ref<std::uint32_t>(target->mark).store(slot.mark, std::memory_order_release);
-}
-
-std::uint64_t LogFile::reserve(std::uint64_t slots) {
-    std::uint64_t tail = header_->tail.load(std::memory_order_relaxed);
-    for (;;) {
-        const std::uint64_t end = tail + slots;
-        if (end > kMaxSlots) return 0;
-        if (end > header_->capacity.load(std::memory_order_acquire) && !grow(end)) return 0;
-        // Mapped before they are reserved: a reserved slot must be one that can be written.
-        if (!map_blocks(tail / kSlotsPerBlock, (end - 1) / kSlotsPerBlock - tail / kSlotsPerBlock + 1)) return 0;
-        if (header_->tail.compare_exchange_weak(tail, end, std::memory_order_acq_rel, std::memory_order_relaxed)) {
-            return tail;
+// One call, so that the record is in one piece whoever else appends.
+ssize_t LogFile::write_bytes(const Pieces& pieces, std::size_t length) const {
+    char joined[1024];
+    const int fd = fd_.load(std::memory_order_relaxed);
+    iovec parts[3] = {{const_cast<Head*>(&pieces.head), sizeof pieces.head},
+                      {const_cast<void*>(pieces.body), pieces.body_size},
+                      {const_cast<char*>(pieces.source), pieces.head.source_length}};
+    if (length <= sizeof joined) {
+        char* end = joined;
+        for (const iovec& part : parts) {
+            if (part.iov_len != 0) std::memcpy(end, part.iov_base, part.iov_len);
+            end += part.iov_len;
         }
     }
-}
-
-bool LogFile::grow(std::uint64_t slots) {
-    const std::uint64_t wanted = (slots + kSlotsPerBlock - 1) / kSlotsPerBlock * kSlotsPerBlock;
-    std::uint64_t capacity = header_->capacity.load(std::memory_order_acquire);
-    if (capacity >= wanted) return true;
-    if (!allocate(capacity * kSlotSize, wanted * kSlotSize)) return false;
-    while (capacity < wanted && !header_->capacity.compare_exchange_weak(capacity, wanted, std::memory_order_acq_rel)) {
-    }
-    return true;
-}
-
-bool LogFile::allocate(std::uint64_t from, std::uint64_t to) {
-    if (!within_size_limit(to)) return false;
-    int result;
+    ssize_t written;
     do {
-        result = fallocate(fd_, 0, static_cast<off_t>(from), static_cast<off_t>(to - from));
-    } while (result != 0 && errno == EINTR);
-    return result == 0 || ((errno == EOPNOTSUPP || errno == ENOSYS) && append_zeros(fd_, to));
+        written = length <= sizeof joined ? ::write(fd, joined, length) : writev(fd, parts, 3);
+    } while (written < 0 && errno == EINTR);
+    return written;
 }
 
-Slot* LogFile::slot_at(std::uint64_t place) {
-    char* block = blocks_[place / kSlotsPerBlock].load(std::memory_order_acquire);
-    return reinterpret_cast<Slot*>(block + place % kSlotsPerBlock * kSlotSize);
+ssize_t LogFile::write_within_limit(const Pieces& pieces, std::size_t length) const {
+    const SizeSignal no_signal;
+    return write_bytes(pieces, length);
 }
 
-bool LogFile::map_blocks(std::uint64_t first, std::uint64_t count) {
-    for (std::uint64_t block = first; block < first + count; ++block) {
-        if (!blocks_[block].load(std::memory_order_acquire) && !map_block(block)) return false;
+void LogFile::put_note(Kind kind, std::uint64_t number) {
+    Pieces pieces{head_of(kind), nullptr, 0, nullptr};
+    pieces.head.number = number;
+    if (!put(pieces) && kind == kLost) lost_.fetch_add(number, std::memory_order_relaxed);
+}
+
+void LogFile::tell_lost() {
+    if (const std::uint64_t lost = lost_.exchange(0, std::memory_order_relaxed)) put_note(kLost, lost);
+}
+
+// A clock that was set back is no reason to look never again.
+bool LogFile::is_look_due(std::uint64_t time, std::size_t length) {
+    const auto bytes = static_cast<std::int64_t>(length);
+    const bool spent = bytes_left_.fetch_sub(bytes, std::memory_order_relaxed) < bytes;
+    return spent || time - looked_.load(std::memory_order_relaxed) >= kLookTime;
+}
+
+void LogFile::look(std::uint64_t time) {
+    const std::unique_lock one(looking_, std::try_to_lock);
+    if (!one) return;
+    looked_.store(time, std::memory_order_relaxed);
+    bytes_left_.store(kLookBytes, std::memory_order_relaxed);
+    rlimit limit;
+    process_limit_ = getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
+    struct stat open {};
+    struct stat named {};
+    const bool is_open = fstat(fd_, &open) == 0 && same_file(open, file_);
+    if (!is_open || lstat(path_.c_str(), &named) != 0 || !same_file(open, named)) {
+        find_again(is_open, open);
+        return;
     }
+    if (is_cut(open)) put_note(kCut, 0);
+    const std::uint64_t most = size_limit();
+    if (most != 0 && static_cast<std::uint64_t>(open.st_size) >= most &&
+        rotate(path_, limits_, open) != Rotated::Refused) {
+        find_again(true, open);
+    } else if (fstat(fd_, &open) == 0) {
+        notice_length(open);
+    }
+}
+
+// Whether what was in the file at the last look is not in it any more.
+bool LogFile::is_cut(const struct stat& status) {
+    if (static_cast<std::uint64_t>(status.st_size) < size_) return true;
+    Head first{};
+    const ssize_t size = pread(fd_, &first, sizeof first, 0);
+    return size < first_size_ || std::memcmp(&first, &first_, static_cast<std::size_t>(first_size_)) != 0;
+}
+
+void LogFile::notice_length(const struct stat& status) {
+    size_ = static_cast<std::uint64_t>(status.st_size);
+    first_size_ = std::max<ssize_t>(0, pread(fd_, &first_, sizeof first_, 0));
+    // An empty file is known again by nothing: looked at anew with the next record.
+    if (first_size_ < static_cast<ssize_t>(sizeof first_)) bytes_left_.store(0, std::memory_order_relaxed);
+}
+
+// The name belongs to another file or to none, or the descriptor was closed by somebody: goes on in the file of that
+// name. Where that cannot be, a file that only was renamed is gone on with.
+void LogFile::find_again(bool is_open, const struct stat& status) {
+    const bool removed = is_open && status.st_nlink == 0;
+    bool made = false;
+    const char* reason = nullptr;
+    Descriptor file = open_log(path_, limits_, made, reason);
+    const bool found = file && adopt(std::move(file), is_open);
+    gone_ = !found && (removed || !is_open);
+    trouble_ = gone_ ? kGone : kNone;
+    // A file that was rotated away long ago may be gone by now; then another one has its name.
+    if (found && made && removed) put_note(kRemoved, 0);
+}
+
+bool LogFile::adopt(Descriptor file, bool is_open) {
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0) return false;
+    if (is_open) {
+        // Threads that are inside a write keep the file that they began with.
+        if (dup3(file.get(), fd_, O_CLOEXEC) < 0) return false;
+    } else {
+        // The number may be somebody else's by now.
+        const int moved = moved_above(file.detach(), kFarUp);
+        if (moved < 0) return false;
+        fd_ = moved;
+    }
+    file_ = status;
+    notice_length(status);
     return true;
 }
 
-char* LogFile::map_block(std::uint64_t block) {
-    struct stat state;
-    if (fstat(fd_, &state) != 0 || static_cast<std::uint64_t>(state.st_size) < (block + 1) * kBlockSize) return nullptr;
-    void* mapped =
-        mmap(nullptr, kBlockSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, static_cast<off_t>(block * kBlockSize));
-    if (mapped == MAP_FAILED) return nullptr;
-    char* expected = nullptr;
-    if (!blocks_[block].compare_exchange_strong(expected, static_cast<char*>(mapped), std::memory_order_acq_rel)) {
-        munmap(mapped, kBlockSize);
-        return expected;
-    }
-    // What is written is in the page cache; a block far behind need not count as this process's memory.
-    if (block >= 4) {
-        if (char* old = blocks_[block - 4].load(std::memory_order_acquire)) madvise(old, kBlockSize, MADV_DONTNEED);
-    }
-    return static_cast<char*>(mapped);
-}
-
-std::uint32_t LogFile::tag_of(const char* source) {
-    const std::size_t length = std::min(strlen(source), kTagLimit);
-    const std::uint64_t hash = hash_of(source, length);
-    std::atomic<Tag*>& bucket = tags_[hash % kTagBuckets];
-    for (const Tag* tag = bucket.load(std::memory_order_acquire); tag; tag = tag->next) {
-        if (tag->is(hash, source, length)) return tag->place;
-    }
-    const std::uint32_t place = write_tag(source, length);
-    if (place == 0 || tag_count_.fetch_add(1, std::memory_order_relaxed) >= kMaxTags) return place;
-    void* memory = ::operator new(sizeof(Tag) + length, std::nothrow);
-    if (!memory) return place;
-    Tag* tag = new (memory) Tag{nullptr, hash, place, length};
-    std::memcpy(tag->text(), source, length);
-    tag->next = bucket.load(std::memory_order_relaxed);
-    while (!bucket.compare_exchange_weak(tag->next, tag, std::memory_order_release, std::memory_order_relaxed)) {
-    }
-    return place;
-}
-
-std::uint32_t LogFile::write_tag(const char* source, std::size_t length) {
-    Slot slot{};
-    slot.head.process = current_process();
-    slot.head.thread = current_thread();
-    slot.head.time = now();
-    std::uint64_t place = 0;
-    write_run(slot, kTag, source, length, &place);
-    return static_cast<std::uint32_t>(place);
+// 0 for none. A process that may make no long files has shorter ones before it is refused.
+std::uint64_t LogFile::size_limit() const {
+    rlimit limit;
+    if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return limits_.size;
+    const std::uint64_t half = std::max<std::uint64_t>(1, limit.rlim_cur / 2);
+    return limits_.size == 0 ? half : std::min<std::uint64_t>(limits_.size, half);
 }
 
 }  // namespace zr::log

@@ -1,14 +1,18 @@
 #pragma once
 
-// The file that records are written to. Writers reserve slots with one compare-and-swap on the shared header, fill
-// them through a shared mapping and set each slot's mark last; none waits for another or for the disk.
+// The file that records are written to: one append for each, so that threads, processes and forked children need no
+// agreement. From time to time a writer looks whether the file is still the one of its name, and how long it is.
+
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "ZrLog/ZrLog.h"
 #include "ZrLog/format.h"
+#include "ZrLog/log_place.h"
 
 namespace zr::log {
 
@@ -20,35 +24,57 @@ public:
 
     void write(const ZrLogRecord& record, bool is_buffer);
 
+    // What keeps records out of the log just now; nullptr when nothing does.
+    const char* trouble() const;
+
+    // Around a fork, so that no thread is in the middle of a look.
+    void before_fork();
+    void after_fork(bool in_child);
+
 private:
-    struct Tag;  // a source tag that this process has written to the file
+    // What a record's bytes are, in the order of the file.
+    struct Pieces {
+        Head head;
+        const void* body;
+        std::size_t body_size;
+        const char* source;
+    };
+    enum Trouble : int { kNone, kDiskFull, kFileTooLarge, kNotWritten, kGone, kTroubles };
 
-    explicit LogFile(int fd) : fd_(fd) {}
-    bool make_or_check(std::string& error);
-    bool make_header(std::string& error);
-    bool prepare(std::string& error);
-    bool check_header(std::uint64_t file_size, std::string& error) const;
+    LogFile(int fd, std::string path, const LogLimits& limits);
 
-    std::uint64_t reserve(std::uint64_t slots);  // the first slot, or 0 when there is no room
-    bool grow(std::uint64_t slots);
-    bool allocate(std::uint64_t from, std::uint64_t to);
-    Slot* slot_at(std::uint64_t place);  // nullptr when the block cannot be mapped
-    char* map_block(std::uint64_t block);
-    bool map_blocks(std::uint64_t first, std::uint64_t count);
+    bool put(Pieces& pieces);
+    ssize_t write_bytes(const Pieces& pieces, std::size_t length) const;
+    ssize_t write_within_limit(const Pieces& pieces, std::size_t length) const;
+    void put_note(Kind kind, std::uint64_t number);
+    void tell_lost();
 
-    bool write_run(Slot& head, std::uint8_t kind, const void* data, std::size_t size, std::uint64_t* place);
-    void commit(std::uint64_t place, Slot& slot, std::uint8_t kind);
-    std::uint32_t tag_of(const char* source);
-    std::uint32_t write_tag(const char* source, std::size_t length);
+    bool is_look_due(std::uint64_t time, std::size_t length);
+    void look(std::uint64_t time);
+    bool is_cut(const struct stat& status);
+    void notice_length(const struct stat& status);
+    void find_again(bool is_open, const struct stat& status);
+    bool adopt(Descriptor file, bool is_open);
+    std::uint64_t size_limit() const;
 
-    static constexpr std::size_t kTagBuckets = 1024;
-    static constexpr int kMaxTags = 8192;
+    std::atomic<int> fd_;  // what the number stands for changes; the number only when somebody closed it
+    const std::string path_;
+    const LogLimits limits_;
+    std::string troubles_[kTroubles];
 
-    const int fd_;
-    Header* header_ = nullptr;
-    std::atomic<char*>* blocks_ = nullptr;  // kMaxBlocks of them, in zero pages that are only touched when used
-    std::atomic<Tag*> tags_[kTagBuckets] = {};
-    std::atomic<int> tag_count_{0};
+    std::atomic<std::uint64_t> lost_{0};
+    std::atomic<int> trouble_{kNone};
+    std::atomic<bool> gone_{false};            // removed, and cannot be made again
+    std::atomic<bool> process_limit_{false};   // the process has a limit for the size of files
+    std::atomic<std::uint64_t> looked_{0};     // when
+    std::atomic<std::int64_t> bytes_left_{0};  // until the next look
+
+    // The rest belongs to who looks.
+    std::mutex looking_;
+    struct stat file_ {};
+    std::uint64_t size_ = 0;
+    Head first_{};  // the file's first record, as far as it was there
+    ssize_t first_size_ = 0;
 };
 
 // Called in the child of a fork: process and thread ids are read anew.

@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         ++records;
         if (entry.argumentCount < 0 || entry.argumentCount > 4) std::abort();
         if (entry.data.size() > zr::log::kBufferLimit || entry.source.size() > zr::log::kTagLimit) std::abort();
-        if (records > size / zr::log::kSlotSize) std::abort();
+        if (records > size / sizeof(zr::log::Head)) std::abort();
     }
     return 0;
 }

@@ -1,12 +1,15 @@
 // zr: who sent me this message, what is in my contacts, what does the log say, who holds what?
 
+#include <ZrLog/ZrLog.h>
 #include <glib.h>
 
 #include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <new>
+#include <string>
 
 #include "zr/base/failure.h"
 #include "zr/base/output.h"
@@ -101,6 +104,13 @@ zr::Exit execute(const zr::Run& run) {
     }
 }
 
+// A log that was asked for and is not kept harms no command, but is no secret.
+void tell_log_trouble() {
+    const char* const name = std::getenv("ZR_LOG");
+    if (name == nullptr || *name == '\0') return;
+    if (const char* const reason = zrLogError()) zr::complain("no log is kept in " + std::string(reason));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -113,5 +123,7 @@ int main(int argc, char** argv) {
         "zr " ZR_VERSION);
     build(line.root());
     if (const std::optional<int> code = line.parse(argc, argv)) return *code;
-    return static_cast<int>(execute(line.run()));
+    const zr::Exit code = execute(line.run());
+    tell_log_trouble();
+    return static_cast<int>(code);
 }

@@ -133,13 +133,14 @@ std::optional<std::uint32_t> wanted_level(const std::string& name) {
 void tell_gaps(const std::string& file, const ZrLogStatistics& statistics) {
     const std::array<std::pair<std::uint64_t, const char*>, 4> gaps = {{
         {statistics.unfinished, "records were not finished by their writers"},
-        {statistics.damaged, "records are damaged"},
+        {statistics.damaged, "places hold what is not a record as it was written"},
         {statistics.missing, "records are missing at the end of the file"},
         {statistics.lost, "records found no room when they were written"},
     }};
     for (const auto& [count, text] : gaps) {
         if (count > 0) complain(file + ": " + std::to_string(count) + " " + text);
     }
+    if (statistics.cuts > 0) complain(file + ": the log was cut short or removed while it was written");
 }
 
 Exit show_log(const LogShowOptions& options) {
@@ -172,8 +173,9 @@ void add_log_show(Command log) {
         .one_of({"failure", "warning", "information", "trace"});
     command.add_flag("--json", options->json, "Print one JSON object per record and line");
     command.footer(
-        "A line is time (UTC), process/thread, level, module, source:line and the arguments. Records that\n"
-        "are damaged or were not finished are counted on standard error.\n"
+        "FILE.1, FILE.2 and so on, to which a log that has grown long is renamed, are printed before it. A line\n"
+        "is time (UTC), process/thread, level, module, source:line and the arguments. What is damaged or was\n"
+        "not finished is counted on standard error.\n"
         "\n"
         "Example:\n"
         "  ZR_LOG=/tmp/zr.log zr resolve jo@example.com; zr log show --level warning /tmp/zr.log");
