@@ -5,11 +5,13 @@
 #include <cstring>
 #include <limits>
 
+#include "base/fail.h"
 #include "platform/base.h"
 #include "utf_core.h"
 
 using zr::platform::decode_utf16;
 using zr::platform::decode_utf8;
+using zr::platform::fail;
 using zr::platform::UnitSink;
 using zr::platform::Utf8Part;
 
@@ -17,11 +19,6 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 constexpr UINT k1252 = 1252;
-
-int fail(DWORD error) {
-    SetLastError(error);
-    return 0;
-}
 
 bool is_1252(UINT codePage) {
     return codePage == CP_ACP || codePage == k1252;
@@ -81,22 +78,22 @@ bool encode_1252_text(std::u16string_view wide, char replacement, UnitSink<char>
 }
 
 int finish(std::size_t count, int capacity) {
-    if (count > static_cast<std::size_t>(std::numeric_limits<int>::max())) return fail(ERROR_INVALID_PARAMETER);
-    if (capacity != 0 && count > static_cast<std::size_t>(capacity)) return fail(ERROR_INSUFFICIENT_BUFFER);
+    if (count > static_cast<std::size_t>(std::numeric_limits<int>::max())) return fail(ERROR_INVALID_PARAMETER, 0);
+    if (capacity != 0 && count > static_cast<std::size_t>(capacity)) return fail(ERROR_INSUFFICIENT_BUFFER, 0);
     return static_cast<int>(count);
 }
 
 }  // namespace
 
 int MultiByteToWideChar(UINT codePage, DWORD flags, const char* text, int length, WCHAR* wide, int capacity) {
-    if (!usable(text, length, wide, capacity)) return fail(ERROR_INVALID_PARAMETER);
-    if (codePage != CP_UTF8 && !is_1252(codePage)) return fail(ERROR_INVALID_PARAMETER);
-    if (refused_flags(codePage, flags, MB_ERR_INVALID_CHARS, MB_PRECOMPOSED) != 0) return fail(ERROR_INVALID_FLAGS);
+    if (!usable(text, length, wide, capacity)) return fail(ERROR_INVALID_PARAMETER, 0);
+    if (codePage != CP_UTF8 && !is_1252(codePage)) return fail(ERROR_INVALID_PARAMETER, 0);
+    if (refused_flags(codePage, flags, MB_ERR_INVALID_CHARS, MB_PRECOMPOSED) != 0) return fail(ERROR_INVALID_FLAGS, 0);
     const std::string_view source(text, length < 0 ? std::strlen(text) + 1 : static_cast<std::size_t>(length));
     UnitSink<WCHAR> sink(wide, static_cast<std::size_t>(capacity));
     if (codePage == CP_UTF8) {
         const bool valid = decode_utf8_text(source, sink);
-        if (!valid && (flags & MB_ERR_INVALID_CHARS) != 0) return fail(ERROR_NO_UNICODE_TRANSLATION);
+        if (!valid && (flags & MB_ERR_INVALID_CHARS) != 0) return fail(ERROR_NO_UNICODE_TRANSLATION, 0);
     } else {
         for (const char byte : source) {
             sink.put(zr::platform::from_1252(static_cast<unsigned char>(byte)));
@@ -107,18 +104,18 @@ int MultiByteToWideChar(UINT codePage, DWORD flags, const char* text, int length
 
 int WideCharToMultiByte(UINT codePage, DWORD flags, const WCHAR* wide, int length, char* text, int capacity,
                         const char* defaultCharacter, BOOL* defaultUsed) {
-    if (!usable(wide, length, text, capacity)) return fail(ERROR_INVALID_PARAMETER);
-    if (codePage != CP_UTF8 && !is_1252(codePage)) return fail(ERROR_INVALID_PARAMETER);
+    if (!usable(wide, length, text, capacity)) return fail(ERROR_INVALID_PARAMETER, 0);
+    if (codePage != CP_UTF8 && !is_1252(codePage)) return fail(ERROR_INVALID_PARAMETER, 0);
     if (codePage == CP_UTF8 && (defaultCharacter != nullptr || defaultUsed != nullptr)) {
-        return fail(ERROR_INVALID_PARAMETER);
+        return fail(ERROR_INVALID_PARAMETER, 0);
     }
     const DWORD for_utf8 = codePage == CP_UTF8 ? WC_ERR_INVALID_CHARS : 0;
-    if (refused_flags(codePage, flags, for_utf8, WC_NO_BEST_FIT_CHARS) != 0) return fail(ERROR_INVALID_FLAGS);
+    if (refused_flags(codePage, flags, for_utf8, WC_NO_BEST_FIT_CHARS) != 0) return fail(ERROR_INVALID_FLAGS, 0);
     const std::u16string_view source(wide, length < 0 ? wcslen(wide) + 1 : static_cast<std::size_t>(length));
     UnitSink<char> sink(text, static_cast<std::size_t>(capacity));
     if (codePage == CP_UTF8) {
         const bool valid = encode_utf8_text(source, sink);
-        if (!valid && (flags & WC_ERR_INVALID_CHARS) != 0) return fail(ERROR_NO_UNICODE_TRANSLATION);
+        if (!valid && (flags & WC_ERR_INVALID_CHARS) != 0) return fail(ERROR_NO_UNICODE_TRANSLATION, 0);
     } else {
         const bool complete = encode_1252_text(source, defaultCharacter == nullptr ? '?' : *defaultCharacter, sink);
         if (defaultUsed != nullptr) *defaultUsed = complete ? FALSE : TRUE;

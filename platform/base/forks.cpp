@@ -38,7 +38,7 @@ void after_fork_in_child() {
 }
 
 // When the library is loaded. Fails only where there is no memory to load a library in either.
-[[maybe_unused]] const int registered = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+[[maybe_unused]] const int host_handlers = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
 
 }  // namespace
 

@@ -1,10 +1,12 @@
 // The heap and local memory functions.
 
+#include "base/fail.h"
 #include "heap_store.h"
 #include "platform/base.h"
 
 using zr::platform::block_size;
 using zr::platform::BlockHeader;
+using zr::platform::fail;
 using zr::platform::find_block;
 using zr::platform::find_heap;
 using zr::platform::Heap;
@@ -13,12 +15,6 @@ using zr::platform::process_heap;
 namespace {
 
 constexpr SIZE_T kNoSize = static_cast<SIZE_T>(-1);
-
-template <class Result>
-Result fail(DWORD error, Result result) {
-    SetLastError(error);
-    return result;
-}
 
 BlockHeader* find_local(HLOCAL block) {
     return find_block(process_heap(), block);

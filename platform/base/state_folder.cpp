@@ -18,7 +18,7 @@ namespace zr::platform {
 
 namespace {
 
-constexpr mode_t kPrivate = 0700;
+constexpr mode_t kPrivateFolder = 0700;
 constexpr std::size_t kMostUserRecord = 16384;
 
 Folder failed(const std::string& path, DWORD error, const std::string& reason) {
@@ -74,7 +74,7 @@ bool is_directory(const std::string& path) {
 int make_path(const std::string& path) {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string part = path.substr(0, end);
-        if (mkdir(part.c_str(), kPrivate) != 0) {
+        if (mkdir(part.c_str(), kPrivateFolder) != 0) {
             const int number = errno;
             // Another process may make the same folder meanwhile, and a folder that is there need not be writable.
             if (!is_directory(part)) return number == EEXIST ? ENOTDIR : number;
@@ -108,7 +108,8 @@ Folder check_private(const std::string& path, int descriptor) {
     struct stat status {};
     if (fstat(descriptor, &status) != 0) return failed(path, errno);
     if (status.st_uid != geteuid()) return failed(path, ERROR_ACCESS_DENIED, "belongs to another user");
-    if ((status.st_mode & 07777) != kPrivate && fchmod(descriptor, kPrivate) != 0) return failed(path, errno);
+    if ((status.st_mode & 07777) != kPrivateFolder && fchmod(descriptor, kPrivateFolder) != 0)
+        return failed(path, errno);
     return {path, ERROR_SUCCESS, {}};
 }
 
@@ -116,7 +117,7 @@ Folder make_runtime_folder() {
     std::string path = absolute_environment("XDG_RUNTIME_DIR");
     strip_slashes(path);
     path += path.empty() ? "/tmp/zrutility-" + std::to_string(geteuid()) : "/zrutility";
-    if (mkdir(path.c_str(), kPrivate) != 0 && errno != EEXIST) return failed(path, errno);
+    if (mkdir(path.c_str(), kPrivateFolder) != 0 && errno != EEXIST) return failed(path, errno);
     // The descriptor is of the thing that is checked: nobody can put another in its place in between.
     const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (descriptor < 0) {

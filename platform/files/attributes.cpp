@@ -31,7 +31,6 @@ DWORD facts_of(LPCWSTR path, Wanted wanted, FileFacts& facts) {
 int write_mode(const char* path, bool read_only) {
     struct stat status;
     if (stat(path, &status) != 0) return errno;
-    constexpr mode_t kAnyWrite = S_IWUSR | S_IWGRP | S_IWOTH;
     if (read_only == ((status.st_mode & kAnyWrite) == 0)) return 0;
     const mode_t mode = read_only ? status.st_mode & ~kAnyWrite : status.st_mode | S_IWUSR;
     return chmod(path, mode & 07777) == 0 ? 0 : errno;

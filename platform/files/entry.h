@@ -5,17 +5,10 @@
 #include <new>
 #include <utility>
 
+#include "base/fail.h"
 #include "kernel/thread.h"
-#include "platform/base.h"
 
 namespace zr::platform {
-
-// Sets the last error and returns `result`.
-template <class T>
-T fail(DWORD error, T result) {
-    SetLastError(error);
-    return result;
-}
 
 // Runs the body of a platform function: a thread that was asked to end ends here, and a memory shortage inside becomes
 // `failure` with ERROR_NOT_ENOUGH_MEMORY.

@@ -84,7 +84,6 @@ std::string_view last_name(std::string_view path) {
 }
 
 DWORD attributes_of(int folder, const char* name, const struct statx& status) {
-    constexpr unsigned kAnyWrite = S_IWUSR | S_IWGRP | S_IWOTH;
     DWORD attributes = stored_attributes(folder, name, status);
     if (S_ISDIR(status.stx_mode)) attributes |= FILE_ATTRIBUTE_DIRECTORY;
     if ((status.stx_mode & kAnyWrite) == 0) attributes |= FILE_ATTRIBUTE_READONLY;

@@ -2,12 +2,17 @@
 
 // What the platform tells about one file of the host.
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string_view>
 
 #include "platform/types.h"
 
 namespace zr::platform {
+
+// Without any of these rights a file is read-only.
+inline constexpr mode_t kAnyWrite = S_IWUSR | S_IWGRP | S_IWOTH;
 
 struct FileFacts {
     DWORD attributes = 0;

@@ -23,7 +23,6 @@
 namespace zr::platform {
 namespace {
 
-constexpr mode_t kAnyWrite = S_IWUSR | S_IWGRP | S_IWOTH;
 constexpr int kAttempts = 8;  // against a file that keeps coming and going while it is opened
 
 class File final : public Object {

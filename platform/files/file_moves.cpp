@@ -10,13 +10,12 @@
 #include "base/host_fd.h"
 #include "dos_attributes.h"
 #include "entry.h"
+#include "file_facts.h"
 #include "files/host_path.h"
 #include "platform/files.h"
 
 namespace zr::platform {
 namespace {
-
-constexpr mode_t kAnyWrite = S_IWUSR | S_IWGRP | S_IWOTH;
 
 DWORD delete_file(const char* path) {
     struct stat status;

@@ -24,10 +24,6 @@ constexpr std::u16string_view kStandIns = u"\xF05B\xF05C";
 constexpr std::string_view kBackslashUtf8 = "\xEF\x81\x9C";
 constexpr std::string_view kItselfUtf8 = "\xEF\x81\x9B";
 
-bool is_separator(WCHAR c) {
-    return c == u'\\' || c == u'/';
-}
-
 bool is_ascii(std::string_view text) {
     for (const char c : text)
         if (static_cast<unsigned char>(c) >= 0x80) return false;

@@ -122,10 +122,6 @@ private:
     Listing listing_;
 };
 
-bool is_separator(WCHAR c) {
-    return c == u'\\' || c == u'/';
-}
-
 // "folder\pattern" in its two parts; without a separator the folder is the root.
 struct SearchPath {
     std::u16string folder;

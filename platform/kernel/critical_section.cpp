@@ -11,8 +11,8 @@ namespace {
 // outside the section, keyed by its address, so a section is two plain numbers, owns nothing and can be copied as
 // bytes.
 constexpr DWORD kQueued = 0x80000000u;
-constexpr int kSpins = 60;
-constexpr std::size_t kBuckets = 64;
+constexpr int kSectionSpins = 60;
+constexpr std::size_t kSectionBuckets = 64;
 
 struct Waiter {
     const CRITICAL_SECTION* section;
@@ -49,11 +49,11 @@ struct alignas(64) Bucket {
     }
 };
 
-Bucket buckets[kBuckets];
+Bucket buckets[kSectionBuckets];
 
 Bucket& bucket_of(const CRITICAL_SECTION* section) noexcept {
     const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(section);
-    return buckets[(address >> 3 ^ address >> 9 ^ address >> 15) % kBuckets];
+    return buckets[(address >> 3 ^ address >> 9 ^ address >> 15) % kSectionBuckets];
 }
 
 std::atomic_ref<DWORD> word_of(CRITICAL_SECTION* section) noexcept {
@@ -121,7 +121,7 @@ bool sleep(Bucket& bucket, Thread& self, Waiter& waiter) noexcept {
 }
 
 bool becomes_free(std::atomic_ref<DWORD> word) noexcept {
-    for (int i = 0; i < kSpins; ++i) {
+    for (int i = 0; i < kSectionSpins; ++i) {
         if (word.load(std::memory_order_relaxed) == 0) return true;
         cpu_relax();
     }

@@ -8,6 +8,7 @@
 #include <limits>
 #include <new>
 
+#include "base/fail.h"
 #include "base/host_fd.h"
 #include "kernel/thread.h"
 #include "named/file_mapping.h"
@@ -20,12 +21,7 @@
 namespace zr::platform {
 namespace {
 
-constexpr std::uint64_t kGranularity = 64 * 1024;
-
-HANDLE fail(DWORD error) noexcept {
-    SetLastError(error);
-    return nullptr;
-}
+constexpr std::uint64_t kOffsetUnit = 64 * 1024;
 
 // A mapping that only this process knows: over a file, or over memory that has no name.
 class PrivateMapping final : public Mapping {
@@ -43,20 +39,20 @@ private:
 
 HANDLE open_private(HostFd file, std::uint64_t size, DWORD protection) noexcept {
     const auto mapping = Ref<Mapping>::adopt(new (std::nothrow) PrivateMapping(std::move(file), size, protection));
-    return mapping ? open_handle(*mapping) : fail(ERROR_NOT_ENOUGH_MEMORY);
+    return mapping ? open_handle(*mapping) : fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
 }
 
 HANDLE create_over_memory(std::uint64_t size, DWORD protection) noexcept {
     HostFd memory(above_standard(memfd_create("mapping", MFD_CLOEXEC)));
-    if (!memory) return fail(error_from_errno(errno));
+    if (!memory) return fail(error_from_errno(errno), nullptr);
     // Memory is what runs out here, not a disk.
-    if (reserve_file(memory.get(), size) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY);
+    if (reserve_file(memory.get(), size) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     return open_private(std::move(memory), size, protection);
 }
 
 HANDLE create_over_file(HANDLE handle, std::uint64_t size, DWORD protection) noexcept {
     MappedFile over{};
-    if (const DWORD error = over.open(handle, size, protection)) return fail(error);
+    if (const DWORD error = over.open(handle, size, protection)) return fail(error, nullptr);
     return open_private(std::move(over.file), over.size, protection);
 }
 
@@ -109,13 +105,13 @@ int reserve_file(int file, std::uint64_t size) noexcept {
 
 void* Mapping::map(DWORD access, std::uint64_t offset, std::size_t size) noexcept {
     const ViewAccess view(access);
-    if (!view.any()) return fail(ERROR_INVALID_PARAMETER);
-    if (!view.allowed_by(protection_) || !view.allowed_by(asked_)) return fail(ERROR_ACCESS_DENIED);
-    if (offset % kGranularity != 0) return fail(ERROR_MAPPED_ALIGNMENT);
+    if (!view.any()) return fail(ERROR_INVALID_PARAMETER, nullptr);
+    if (!view.allowed_by(protection_) || !view.allowed_by(asked_)) return fail(ERROR_ACCESS_DENIED, nullptr);
+    if (offset % kOffsetUnit != 0) return fail(ERROR_MAPPED_ALIGNMENT, nullptr);
     const std::uint64_t end = whole_pages(size_);
-    if (offset >= size_ || size > end - offset) return fail(ERROR_ACCESS_DENIED);
+    if (offset >= size_ || size > end - offset) return fail(ERROR_ACCESS_DENIED, nullptr);
     const std::uint64_t length = size != 0 ? size : size_ - offset;
-    if (length > std::numeric_limits<std::size_t>::max() / 2) return fail(ERROR_NOT_ENOUGH_MEMORY);
+    if (length > std::numeric_limits<std::size_t>::max() / 2) return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     HostFd keep;
     const int file = contents(keep);
     if (file < 0) return nullptr;
@@ -131,7 +127,7 @@ HANDLE CreateFileMappingW(HANDLE file, SECURITY_ATTRIBUTES*, DWORD protection, D
     cancellation_point();
     const std::uint64_t size = (std::uint64_t{size_high} << 32) | size_low;
     const bool over_memory = file == INVALID_HANDLE_VALUE;
-    if (!is_mapping_protection(protection) || (over_memory && size == 0)) return fail(ERROR_INVALID_PARAMETER);
+    if (!is_mapping_protection(protection) || (over_memory && size == 0)) return fail(ERROR_INVALID_PARAMETER, nullptr);
     const DWORD page = protection & kPageBits;
     if (is_name(name)) return named::create_mapping(name, file, size, page);
     SetLastError(ERROR_SUCCESS);

@@ -5,7 +5,7 @@
 namespace zr::platform {
 namespace {
 
-constexpr int kSpins = 60;
+constexpr int kMutexSpins = 60;
 constexpr std::uint32_t kMostPassedOver = 8;
 
 WaitResult result_of(bool abandoned) noexcept {
@@ -17,7 +17,7 @@ WaitResult result_of(bool abandoned) noexcept {
 // Looks for a while whether the mutex becomes free. Falling asleep and being woken takes longer than most holds.
 Waitable::Attempt Mutex::spin(Thread& self) noexcept {
     if (ThreadAccess::one_processor()) return Attempt::No;
-    for (int i = 0; i < kSpins; ++i) {
+    for (int i = 0; i < kMutexSpins; ++i) {
         if (word_.load(std::memory_order_relaxed) == 0) {
             const Attempt attempt = take_free(self);
             if (attempt != Attempt::No) return attempt;

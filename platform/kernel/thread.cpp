@@ -18,18 +18,18 @@
 namespace zr::platform {
 namespace {
 
-constexpr std::uint32_t kBuckets = 256;
+constexpr std::uint32_t kThreadBuckets = 256;
 constexpr int kMaxHooks = 16;
 
 FutexLock registry_lock;  // guards the table of running threads and requests to end
-Thread* running[kBuckets];
+Thread* running[kThreadBuckets];
 
 FutexLock hooks_lock;
 ThreadExitHook hooks[kMaxHooks];
 int hook_count = 0;
 
 Thread*& bucket(DWORD id) noexcept {
-    return running[id % kBuckets];
+    return running[id % kThreadBuckets];
 }
 
 // Called when a thread exits, after its C++ thread_local objects are gone.

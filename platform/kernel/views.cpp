@@ -22,13 +22,13 @@ struct View {
     View* next;
 };
 
-constexpr std::size_t kBuckets = 256;
+constexpr std::size_t kViewBuckets = 256;
 
 FutexLock views_lock;
-View* views[kBuckets];
+View* views[kViewBuckets];
 
 View*& bucket(const void* base) noexcept {
-    return views[(reinterpret_cast<std::uintptr_t>(base) >> 12) % kBuckets];
+    return views[(reinterpret_cast<std::uintptr_t>(base) >> 12) % kViewBuckets];
 }
 
 // The record of the view that begins there, taken off the table; NULL when there is none.

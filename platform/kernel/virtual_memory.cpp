@@ -8,6 +8,7 @@
 #include <new>
 
 #include "at_fork.h"
+#include "base/fail.h"
 #include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/memory.h"
@@ -83,11 +84,6 @@ Regions& regions() noexcept {
     return all_regions;
 }
 
-void* fail(DWORD error) noexcept {
-    SetLastError(error);
-    return nullptr;
-}
-
 // The host's form of a protection; the last error for one that there is not.
 bool host_protection(DWORD protection, int& out) noexcept {
     constexpr DWORD modifiers = PAGE_GUARD | PAGE_NOCACHE | PAGE_WRITECOMBINE;
@@ -113,15 +109,15 @@ bool host_protection(DWORD protection, int& out) noexcept {
             out = PROT_READ | PROT_WRITE | PROT_EXEC;
             break;
         default:
-            fail(ERROR_INVALID_PARAMETER);
+            fail(ERROR_INVALID_PARAMETER, nullptr);
             return false;
     }
     if (caching == (PAGE_NOCACHE | PAGE_WRITECOMBINE) || (access == PAGE_NOACCESS && protection != access)) {
-        fail(ERROR_INVALID_PARAMETER);
+        fail(ERROR_INVALID_PARAMETER, nullptr);
         return false;
     }
     if ((protection & PAGE_GUARD) != 0) {
-        fail(ERROR_NOT_SUPPORTED);
+        fail(ERROR_NOT_SUPPORTED, nullptr);
         return false;
     }
     return true;
@@ -158,28 +154,28 @@ DWORD map_at(Range place, int protection) noexcept {
 
 void* reserve(std::uintptr_t address, std::size_t size, int protection) noexcept {
     Range region;
-    if (!pages_of(address, size, granularity(), region)) return fail(ERROR_INVALID_PARAMETER);
+    if (!pages_of(address, size, granularity(), region)) return fail(ERROR_INVALID_PARAMETER, nullptr);
     const std::lock_guard guard(regions().lock);
     if (address != 0) {
         const DWORD error = map_at(region, protection);
-        if (error != ERROR_SUCCESS) return fail(error);
+        if (error != ERROR_SUCCESS) return fail(error, nullptr);
     } else if (!map_anywhere(region.size(), protection, region)) {
-        return fail(ERROR_NOT_ENOUGH_MEMORY);
+        return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     }
     if (!regions().add(region)) {
         munmap(region.data(), region.size());
-        return fail(ERROR_NOT_ENOUGH_MEMORY);
+        return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     }
     return region.data();
 }
 
 void* commit(std::uintptr_t address, std::size_t size, int protection) noexcept {
     Range pages;
-    if (!pages_of(address, size, page_size(), pages)) return fail(ERROR_INVALID_PARAMETER);
+    if (!pages_of(address, size, page_size(), pages)) return fail(ERROR_INVALID_PARAMETER, nullptr);
     const std::lock_guard guard(regions().lock);
     const Range* region = regions().find(pages.begin);
-    if (!region || pages.end > region->end) return fail(ERROR_INVALID_ADDRESS);
-    if (mprotect(pages.data(), pages.size(), protection) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY);
+    if (!region || pages.end > region->end) return fail(ERROR_INVALID_ADDRESS, nullptr);
+    if (mprotect(pages.data(), pages.size(), protection) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     return pages.data();
 }
 
@@ -233,7 +229,7 @@ LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protection) {
     const bool commits = (type & MEM_COMMIT) != 0;
     constexpr DWORD known = MEM_COMMIT | MEM_RESERVE | MEM_TOP_DOWN;
     if (size == 0 || (type & (MEM_COMMIT | MEM_RESERVE)) == 0 || (type & ~known) != 0) {
-        return fail(ERROR_INVALID_PARAMETER);
+        return fail(ERROR_INVALID_PARAMETER, nullptr);
     }
     int host = PROT_NONE;
     if (!host_protection(protection, host)) return nullptr;

@@ -12,6 +12,7 @@
 #include <new>
 #include <string>
 
+#include "base/fail.h"
 #include "base/utf.h"
 #include "files/host_path.h"
 #include "kernel/thread.h"
@@ -37,12 +38,6 @@ struct Modules {
 Modules& modules() {
     static auto* const all = new Modules;  // modules may be freed while the process exits
     return *all;
-}
-
-template <class T>
-T fail(DWORD error, T result) {
-    SetLastError(error);
-    return result;
 }
 
 HMODULE module_of(void* library) {

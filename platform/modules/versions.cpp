@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/fail.h"
 #include "files/host_path.h"
 #include "kernel/thread.h"
 #include "module_file.h"
@@ -34,12 +35,6 @@ DWORD read_version(LPCWSTR path, VS_FIXEDFILEINFO& info) {
     } catch (const std::bad_alloc&) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-}
-
-template <class T>
-T fail(DWORD error, T result) {
-    SetLastError(error);
-    return result;
 }
 
 }  // namespace

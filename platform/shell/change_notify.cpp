@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/fail.h"
 #include "base/signal_block.h"
 #include "kernel/thread.h"
 #include "platform/base.h"
@@ -241,11 +242,6 @@ Registrations& registrations() {
     return *all;
 }
 
-BOOL fail(DWORD error) {
-    SetLastError(error);
-    return FALSE;
-}
-
 }  // namespace
 }  // namespace zr::platform
 
@@ -253,8 +249,8 @@ using namespace zr::platform;
 
 BOOL SHChangeNotifyRegister(HWND window, SHCHANGENOTIFYENTRY* entry) {
     cancellation_point();
-    if (!entry || !(entry->dwEventMask & (kFileEvents | kFolderEvents))) return fail(ERROR_INVALID_PARAMETER);
-    if (!IsWindow(window)) return fail(ERROR_INVALID_WINDOW_HANDLE);
+    if (!entry || !(entry->dwEventMask & (kFileEvents | kFolderEvents))) return fail(ERROR_INVALID_PARAMETER, FALSE);
+    if (!IsWindow(window)) return fail(ERROR_INVALID_WINDOW_HANDLE, FALSE);
     try {
         registrations().drop_dead();
         auto made =
@@ -263,7 +259,7 @@ BOOL SHChangeNotifyRegister(HWND window, SHCHANGENOTIFYENTRY* entry) {
         registrations().add(window, std::move(made));
         return TRUE;
     } catch (const std::bad_alloc&) {
-        return fail(ERROR_NOT_ENOUGH_MEMORY);
+        return fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
     }
 }
 

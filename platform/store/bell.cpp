@@ -21,7 +21,7 @@ constexpr off_t kPlaces = 64;
 constexpr int kPlaceCount = 480;
 constexpr off_t kSize = kPlaces + kPlaceCount * static_cast<off_t>(sizeof(LONGLONG));
 
-constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::seconds kMarkPatience{5};
 
 off_t offset_of(int place) {
     return kPlaces + place * static_cast<off_t>(sizeof(LONGLONG));
@@ -74,7 +74,7 @@ int Bell::Pull::take_alone(const Bell& bell) {
 
 int Bell::Pull::take(const Bell& bell, short kind) {
     if (const int error = open_private_file(bell.path_, 0, &file_); error != 0) return error;
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + kMarkPatience;
     while (!lock_range(file_, kind, kWriters, 1)) {
         const int error = errno;
         const bool taken = error == EAGAIN || error == EACCES;

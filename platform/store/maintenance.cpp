@@ -28,8 +28,7 @@
 namespace zr::platform {
 namespace {
 
-constexpr std::size_t kMostKinds = 8;
-constinit std::array<const StoreKind*, kMostKinds> kinds = {};
+constinit std::array<const StoreKind*, kMostStoreKinds> kinds = {};
 
 constinit thread_local char text[1024] = {};
 
@@ -410,7 +409,7 @@ KnownStore::KnownStore(const StoreKind& kind) noexcept {
 using namespace zr::platform;
 
 LPCSTR ZrStoreName(DWORD index) {
-    return index < kMostKinds && kinds[index] != nullptr ? kinds[index]->id : nullptr;
+    return index < kMostStoreKinds && kinds[index] != nullptr ? kinds[index]->id : nullptr;
 }
 
 LONG ZrStoreCheck(LPCSTR store) {

@@ -101,8 +101,7 @@ void flush_folders_above(std::string path) {
 
 // Kinds of which this process, a child made by fork, has connections that are its parent's: SQLite's own tables of
 // locks are wrong for their files, for good.
-constexpr std::size_t kMostKinds = 8;
-constinit std::array<std::atomic<const StoreKind*>, kMostKinds> orphaned_kinds{};
+constinit std::array<std::atomic<const StoreKind*>, kMostStoreKinds> orphaned_kinds{};
 
 bool is_orphaned(const StoreKind& kind) {
     return std::any_of(orphaned_kinds.begin(), orphaned_kinds.end(),

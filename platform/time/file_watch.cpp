@@ -14,7 +14,6 @@ namespace zr::platform {
 
 namespace {
 
-constexpr int kMostLinks = 40;
 constexpr std::uint32_t kFolderGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED;
 
 // What a link holds; empty for what is no link.

@@ -13,6 +13,9 @@
 
 namespace zr::platform {
 
+// How many links are followed, as many as the host follows.
+inline constexpr int kMostLinks = 40;
+
 class FileWatch {
 public:
     FileWatch() = default;

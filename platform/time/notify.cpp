@@ -3,6 +3,7 @@
 #include <new>
 #include <string_view>
 
+#include "base/fail.h"
 #include "kernel/thread.h"
 #include "platform/base.h"
 #include "time_watch.h"
@@ -12,11 +13,6 @@ using namespace zr::platform;
 namespace {
 
 constexpr std::u16string_view kPrefix = NAMED_EVENT_PREFIX_TEXT;
-
-bool fail(DWORD error) {
-    SetLastError(error);
-    return false;
-}
 
 // The changes of the time that are a system event; 0 for what is not offered.
 unsigned changes_of(LONG system_event) {
@@ -32,20 +28,20 @@ unsigned changes_of(LONG system_event) {
 
 // The name of the event; false, with the reason as last error, when the text is no path of one.
 bool event_name(LPCWSTR application, std::u16string_view& name) {
-    if (application == nullptr) return fail(ERROR_INVALID_PARAMETER);
-    if (_wcsnicmp(application, kPrefix.data(), kPrefix.size()) != 0) return fail(ERROR_NOT_SUPPORTED);
+    if (application == nullptr) return fail(ERROR_INVALID_PARAMETER, false);
+    if (_wcsnicmp(application, kPrefix.data(), kPrefix.size()) != 0) return fail(ERROR_NOT_SUPPORTED, false);
     name = application + kPrefix.size();
-    return (!name.empty() && name.size() < MAX_PATH) || fail(ERROR_INVALID_PARAMETER);
+    return (!name.empty() && name.size() < MAX_PATH) || fail(ERROR_INVALID_PARAMETER, false);
 }
 
 bool add(std::u16string_view name, LONG system_event) {
     if (system_event < NOTIFICATION_EVENT_NONE || system_event > NOTIFICATION_EVENT_LAST) {
-        return fail(ERROR_INVALID_PARAMETER);
+        return fail(ERROR_INVALID_PARAMETER, false);
     }
     const unsigned changes = changes_of(system_event);
-    if (changes == 0) return fail(ERROR_NOT_SUPPORTED);
+    if (changes == 0) return fail(ERROR_NOT_SUPPORTED, false);
     const DWORD error = TimeWatch::instance().add(name, changes);
-    return error == 0 || fail(error);
+    return error == 0 || fail(error, false);
 }
 
 }  // namespace

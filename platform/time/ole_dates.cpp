@@ -8,8 +8,8 @@
 namespace zr::platform {
 namespace {
 
-constexpr int kFirstYear = 100;
-constexpr int kLastYear = 9999;
+constexpr int kFirstOleYear = 100;
+constexpr int kLastOleYear = 9999;
 constexpr unsigned kLastDayNumber = 31;
 
 }  // namespace
@@ -18,12 +18,13 @@ constexpr unsigned kLastDayNumber = 31;
 INT SystemTimeToVariantTime(SYSTEMTIME* time, DATE* date) {
     using namespace zr::platform;
     if (time == nullptr || date == nullptr) return FALSE;
-    if (time->wYear < kFirstYear || time->wYear > kLastYear || time->wMonth < 1 || time->wMonth > 12) return FALSE;
+    if (time->wYear < kFirstOleYear || time->wYear > kLastOleYear || time->wMonth < 1 || time->wMonth > 12)
+        return FALSE;
     if (time->wDay > kLastDayNumber || !is_time_of_day(*time)) return FALSE;
     // Day 0 and days behind the month's last one are days of the months beside it.
     const std::chrono::sys_days first = std::chrono::year(time->wYear) / std::chrono::month(time->wMonth) / 1;
     const std::chrono::sys_days day = first + std::chrono::days(time->wDay - 1);
-    if (static_cast<int>(std::chrono::year_month_day(day).year()) < kFirstYear) return FALSE;
+    if (static_cast<int>(std::chrono::year_month_day(day).year()) < kFirstOleYear) return FALSE;
     const auto days = static_cast<double>((day - kOleDay).count());
     const double part = static_cast<double>(seconds_of_day(*time)) / kSecondsPerDay;
     *date = days < 0 ? days - part : days + part;
@@ -32,8 +33,8 @@ INT SystemTimeToVariantTime(SYSTEMTIME* time, DATE* date) {
 
 INT VariantTimeToSystemTime(DATE date, SYSTEMTIME* time) {
     using namespace zr::platform;
-    constexpr std::chrono::sys_days kFirst = std::chrono::year(kFirstYear) / 1 / 1;
-    constexpr std::chrono::sys_days kEnd = std::chrono::year(kLastYear + 1) / 1 / 1;
+    constexpr std::chrono::sys_days kFirst = std::chrono::year(kFirstOleYear) / 1 / 1;
+    constexpr std::chrono::sys_days kEnd = std::chrono::year(kLastOleYear + 1) / 1 / 1;
     constexpr double kLeast = (kFirst - kOleDay).count() - 1.0;
     constexpr double kGreatest = (kEnd - kOleDay).count();
     // Written so that what is no number fails.

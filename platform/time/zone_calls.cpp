@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <new>
 
+#include "base/fail.h"
 #include "base/utf.h"
 #include "current_zone.h"
 #include "platform/base.h"
@@ -11,11 +12,6 @@
 
 namespace zr::platform {
 namespace {
-
-BOOL fail(DWORD error) {
-    SetLastError(error);
-    return FALSE;
-}
 
 // Adds the bias now, or takes it off. 0 or an error code.
 DWORD shift(const FILETIME* time, int sign, FILETIME* shifted) {
@@ -50,12 +46,12 @@ void fill(const ZoneChange& change, ZR_ZONE_TRANSITION& transition) {
 
 BOOL FileTimeToLocalFileTime(const FILETIME* file_time, FILETIME* local) {
     const DWORD error = zr::platform::shift(file_time, -1, local);
-    return error == 0 ? TRUE : zr::platform::fail(error);
+    return error == 0 ? TRUE : zr::platform::fail(error, FALSE);
 }
 
 BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* file_time) {
     const DWORD error = zr::platform::shift(local, 1, file_time);
-    return error == 0 ? TRUE : zr::platform::fail(error);
+    return error == 0 ? TRUE : zr::platform::fail(error, FALSE);
 }
 
 DWORD GetTimeZoneInformation(TIME_ZONE_INFORMATION* information) {
@@ -73,7 +69,7 @@ DWORD GetTimeZoneInformation(TIME_ZONE_INFORMATION* information) {
 BOOL ZrGetNextZoneTransition(const FILETIME* after, ZR_ZONE_TRANSITION* transition) {
     using namespace zr::platform;
     if (after == nullptr || transition == nullptr || units_of(*after) > kLastUnits)
-        return fail(ERROR_INVALID_PARAMETER);
+        return fail(ERROR_INVALID_PARAMETER, FALSE);
     const auto second = static_cast<std::int64_t>(units_of(*after) / kUnitsPerSecond) - kEpochSeconds;
     bool found = false;
     try {
@@ -82,11 +78,11 @@ BOOL ZrGetNextZoneTransition(const FILETIME* after, ZR_ZONE_TRANSITION* transiti
             found = change && change->at <= kLastSecond;
             if (found) fill(*change, *transition);
         });
-        if (error != 0) return fail(error);
+        if (error != 0) return fail(error, FALSE);
     } catch (const std::bad_alloc&) {
-        return fail(ERROR_NOT_ENOUGH_MEMORY);
+        return fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
     }
-    return found ? TRUE : fail(ERROR_NO_MORE_ITEMS);
+    return found ? TRUE : fail(ERROR_NO_MORE_ITEMS, FALSE);
 }
 
 DWORD ZrGetZoneName(LPWSTR name, DWORD size) {

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "base/host_error.h"
+#include "file_watch.h"
 #include "platform/errors.h"
 #include "zone_file.h"
 
@@ -21,9 +22,6 @@ constexpr std::string_view kZoneFolderName = "zoneinfo/";
 
 // Far more than any zone has.
 constexpr std::size_t kMostBytes = std::size_t{1} << 20;
-
-// As the kernel follows.
-constexpr int kMostLinks = 40;
 
 // Not blocking, in case that it is no plain file. An errno value, or 0.
 int read_file(const std::string& path, std::string& bytes) {

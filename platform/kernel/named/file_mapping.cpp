@@ -10,6 +10,7 @@
 #include <new>
 #include <string>
 
+#include "base/fail.h"
 #include "base/host_fd.h"
 #include "named/session.h"
 #include "names.h"
@@ -19,11 +20,6 @@
 
 namespace zr::platform::named {
 namespace {
-
-HANDLE fail(DWORD error) noexcept {
-    SetLastError(error);
-    return nullptr;
-}
 
 // The contents are a file of the runtime directory, which is opened for each view: so a mapping keeps no descriptor.
 // Over a file of the user's own, that is opened once, so that it may be renamed or deleted.
@@ -212,7 +208,7 @@ HANDLE create(std::u16string_view name, HANDLE file, std::uint64_t size, DWORD p
     if (!handle && error == ERROR_FILE_NOT_FOUND) {
         NewContents contents(*session);
         NewObject wanted{.kind = Kind::FileMapping, .size = size, .protection = protection};
-        if (const DWORD failed = prepare(contents, file, wanted)) return fail(failed);
+        if (const DWORD failed = prepare(contents, file, wanted)) return fail(failed, nullptr);
         // Another may have been quicker: then theirs is opened.
         handle = open_handle_to(*session, name, &wanted, &contents, protection, error);
     }
@@ -233,12 +229,12 @@ HANDLE create_mapping(std::u16string_view name, HANDLE file, std::uint64_t size,
     try {
         return create(name, file, size, protection);
     } catch (const std::bad_alloc&) {
-        return fail(ERROR_NOT_ENOUGH_MEMORY);
+        return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     }
 }
 
 HANDLE open_mapping(LPCWSTR name, DWORD access) noexcept {
-    if (!is_name(name)) return fail(ERROR_INVALID_PARAMETER);
+    if (!is_name(name)) return fail(ERROR_INVALID_PARAMETER, nullptr);
     Session* const session = Session::begin();
     if (!session) return nullptr;
     DWORD error = ERROR_SUCCESS;
@@ -247,7 +243,7 @@ HANDLE open_mapping(LPCWSTR name, DWORD access) noexcept {
         if (!handle) SetLastError(error);
         return handle;
     } catch (const std::bad_alloc&) {
-        return fail(ERROR_NOT_ENOUGH_MEMORY);
+        return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
     }
 }
 

@@ -13,6 +13,10 @@
 
 namespace zr::platform {
 
+constexpr bool is_separator(WCHAR c) {
+    return c == u'\\' || c == u'/';
+}
+
 // The host folder that is the root, without a trailing slash: empty for "/".
 ZRPLATFORM_API const std::string& host_root();
 

@@ -24,6 +24,9 @@ struct StoreTable {
     const char* key;
 };
 
+// At most as many kinds as a process can have.
+inline constexpr std::size_t kMostStoreKinds = 8;
+
 // What kind of store a file is to be.
 struct StoreKind {
     const char* id;                      // for people: "contacts"
