@@ -59,8 +59,10 @@ function(zr_export_public_names)
 endfunction()
 
 add_library(zr_settings INTERFACE)
-target_compile_options(zr_settings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
+target_compile_options(zr_settings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wno-sign-conversion
                                              -Wnon-virtual-dtor -Wold-style-cast -Werror)
+# Compiled together, a name in one source may well be that of something in another.
+target_compile_options(zr_settings INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wshadow>)
 # Unique symbols would keep a library in memory after dlclose; the static objects of ZrUtility must end with it.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(zr_settings INTERFACE -fno-gnu-unique)
