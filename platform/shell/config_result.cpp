@@ -9,7 +9,7 @@
 namespace zr::platform {
 namespace {
 
-constexpr std::size_t kLongestName = 256;
+constexpr std::size_t kNameRoom = 256;
 
 bool is_high_half(WCHAR c) {
     return (c & 0xFC00) == 0xD800;
@@ -42,9 +42,9 @@ private:
 
 std::vector<std::u16string> ReadKey::sub_keys() const {
     std::vector<std::u16string> names;
-    WCHAR name[kLongestName];
+    WCHAR name[kNameRoom];
     for (DWORD i = 0;; ++i) {
-        DWORD chars = kLongestName;
+        DWORD chars = kNameRoom;
         if (RegEnumKeyExW(key_, i, name, &chars, nullptr, nullptr, nullptr, nullptr) != 0) return names;
         names.emplace_back(name, chars);
     }
@@ -52,9 +52,9 @@ std::vector<std::u16string> ReadKey::sub_keys() const {
 
 std::vector<std::u16string> ReadKey::values() const {
     std::vector<std::u16string> names;
-    WCHAR name[kLongestName];
+    WCHAR name[kNameRoom];
     for (DWORD i = 0;; ++i) {
-        DWORD chars = kLongestName;
+        DWORD chars = kNameRoom;
         if (RegEnumValueW(key_, i, name, &chars, nullptr, nullptr, nullptr, nullptr) != 0) return names;
         names.emplace_back(name, chars);
     }
