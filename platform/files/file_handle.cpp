@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <limits>
 
-#include "base/forks.h"
 #include "base/host_error.h"
 #include "base/host_fd.h"
 #include "dos_attributes.h"
@@ -36,28 +35,14 @@ public:
     bool may_read() const { return (access_ & GENERIC_READ) != 0; }
     bool may_write() const { return (access_ & GENERIC_WRITE) != 0; }
 
-    // Keeps other processes' handles off as the sharing says. False: one is in the way.
-    bool lock(int mode) {
-        locked_ = flock(host.get(), mode | LOCK_NB) == 0;
-        // File systems without locks share with everybody.
-        return locked_ || errno != EWOULDBLOCK;
-    }
-
-    // The descriptor outlives the lock and the claim, so that a fork never finds a claim on a file that is closed: its
-    // number may be another file's soon.
-    HostFd host;
+    // The claim outlives the descriptor, so that nobody meets a file that is still open.
     ShareClaim claim;
+    HostFd host;
 
 private:
-    // Given back by name: a child that was forked meanwhile has the descriptor too, and the lock with it. A child gives
-    // back nothing of its parent's.
-    ~File() override {
-        if (locked_ && generation_ == fork_generation()) flock(host.get(), LOCK_UN);
-    }
+    ~File() override = default;
 
     const DWORD access_;
-    const std::uint32_t generation_ = fork_generation();
-    bool locked_ = false;
 };
 
 struct OpenRequest {
@@ -114,7 +99,9 @@ DWORD share(const OpenRequest& request, File& file) {
     if (!file.claim.take(status, request.access, request.share)) return ERROR_SHARING_VIOLATION;
     if (!(request.access & (GENERIC_READ | GENERIC_WRITE))) return ERROR_SUCCESS;
     const int mode = (request.share & (FILE_SHARE_READ | FILE_SHARE_WRITE)) ? LOCK_SH : LOCK_EX;
-    return file.lock(mode) ? ERROR_SUCCESS : ERROR_SHARING_VIOLATION;
+    // File systems without locks share with everybody.
+    if (flock(file.host.get(), mode | LOCK_NB) != 0 && errno == EWOULDBLOCK) return ERROR_SHARING_VIOLATION;
+    return ERROR_SUCCESS;
 }
 
 // Opens what the path names now. ERROR_FILE_EXISTS and ERROR_FILE_NOT_FOUND may mean that it changed meanwhile.

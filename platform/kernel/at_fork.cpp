@@ -8,7 +8,6 @@ namespace {
 
 // In the order in which they are taken.
 void lock_all() noexcept {
-    at_fork::lock_host_events();
     at_fork::lock_session();
     at_fork::lock_threads();
     at_fork::lock_thread_end();
@@ -19,7 +18,7 @@ void lock_all() noexcept {
     at_fork::lock_handles();
 }
 
-void unlock_objects() noexcept {
+void unlock_all() noexcept {
     at_fork::unlock_handles();
     at_fork::unlock_views();
     at_fork::unlock_pages();
@@ -30,18 +29,12 @@ void unlock_objects() noexcept {
     at_fork::unlock_session();
 }
 
-void unlock_all() noexcept {
-    unlock_objects();
-    at_fork::unlock_host_events();
-}
-
 void begin_child() noexcept {
     ThreadAccess::survive_fork();
     at_fork::forget_section_queues();
     at_fork::forget_quick_pins();
     at_fork::forget_session();
-    unlock_objects();
-    at_fork::forget_host_events();
+    unlock_all();
 }
 
 const AtFork registered{ForkRank::Kernel, {lock_all, unlock_all, begin_child}};

@@ -94,7 +94,7 @@ void add_store_check(Command store) {
     };
     const auto arguments = std::make_shared<Arguments>();
     Command command = store.add_command("check", "Read all of the stores and tell whether they are whole");
-    command.add_option("STORE", arguments->names, "registry or contacts (default: all)").one_of(store_names());
+    command.add_option("STORE", arguments->names, "registry, contacts or mail (default: all)").one_of(store_names());
     command.add_flag("--json", arguments->json, "Print JSON");
     command.footer(
         "A line is the store and: whole, empty (nothing was kept so far), damaged, newer (of a newer version) or\n"
@@ -113,7 +113,7 @@ void add_store_backup(Command store) {
     };
     const auto arguments = std::make_shared<Arguments>();
     Command command = store.add_command("backup", "Write a store as it is now into a new file");
-    command.add_option("STORE", arguments->name, "registry or contacts").required().one_of(store_names());
+    command.add_option("STORE", arguments->name, "registry, contacts or mail").required().one_of(store_names());
     command.add_option("FILE", arguments->file, "The new file").required();
     command.footer(
         "The file is of one moment, also while programs write, and is a store itself: 'zr store restore' puts it\n"

@@ -84,9 +84,9 @@ _zr() {
             esac ;;
         store)
             case $command in
-                check) _zr_words "registry contacts --json --help" "$current" ;;
+                check) _zr_words "registry contacts mail --json --help" "$current" ;;
                 backup)
-                    if ((COMP_CWORD == 3)); then _zr_words "registry contacts --help" "$current"; else _zr_files "$current"; fi ;;
+                    if ((COMP_CWORD == 3)); then _zr_words "registry contacts mail --help" "$current"; else _zr_files "$current"; fi ;;
                 recover | restore) _zr_files "$current" ;;
                 *) _zr_words "check backup recover restore --help" "$current" ;;
             esac ;;

@@ -226,9 +226,9 @@ struct IMAPIProp : IUnknown {
     virtual HRESULT GetPropList(ULONG flags, LPSPropTagArray* tags) = 0;
     // As IID_IStream: a text or binary property, of any size, of which a little is held in memory. MAPI_MODIFY: to be
     // written, MAPI_CREATE besides: anew, also when it is not there. What was written becomes the object's with Commit
-    // or with the last Release, and is kept by SaveChanges. Text streams hold UTF-16 without a terminator. The streams
-    // of a value that was kept show that value, also when it is replaced meanwhile. As IID_IMAPITable:
-    // PR_MESSAGE_RECIPIENTS, PR_MESSAGE_ATTACHMENTS, PR_CONTAINER_HIERARCHY, PR_CONTAINER_CONTENTS.
+    // or with the last Release, and is kept by SaveChanges. Text streams hold UTF-16 without a terminator. A
+    // reading stream fails with MAPI_E_OBJECT_CHANGED once the value was replaced by another program. As
+    // IID_IMAPITable: PR_MESSAGE_RECIPIENTS, PR_MESSAGE_ATTACHMENTS, PR_CONTAINER_HIERARCHY, PR_CONTAINER_CONTENTS.
     virtual HRESULT OpenProperty(ULONG tag, LPCIID iid, ULONG interfaceOptions, ULONG flags, IUnknown** object) = 0;
     // Properties that cannot be set are named in *problems where that is asked for (not null; null then when there are
     // none): MAPI_E_COMPUTED, MAPI_E_TYPE_NO_SUPPORT (multi-valued), MAPI_E_BAD_CHARWIDTH. PT_ERROR, PT_NULL and
@@ -265,7 +265,7 @@ struct IMAPITable : IUnknown {
     virtual HRESULT Advise(ULONG mask, LPMAPIADVISESINK sink, ULONG* connection) = 0;  // MAPI_E_NO_SUPPORT
     virtual HRESULT Unadvise(ULONG connection) = 0;                                    // MAPI_E_NO_SUPPORT
     virtual HRESULT GetStatus(ULONG* status, ULONG* type) = 0;  // TBLSTAT_COMPLETE, TBLTYPE_DYNAMIC
-    // Which properties rows have, in that order; PR_NULL leaves an entry out. TBL_BATCH changes nothing.
+    // Which properties rows have, in that order; What a row lacks is a PT_ERROR entry. TBL_BATCH changes nothing.
     virtual HRESULT SetColumns(LPSPropTagArray tags, ULONG flags) = 0;
     virtual HRESULT QueryColumns(ULONG flags, LPSPropTagArray* tags) = 0;
     virtual HRESULT GetRowCount(ULONG flags, ULONG* count) = 0;
@@ -465,9 +465,10 @@ protected:
 struct IZrMail : IUnknown {
     // A batch makes the changes of one session one transaction: all of them are kept or none, and they cost one commit.
     // Until CommitBatch no call of any program, this session's included, sees them, but a saved message in hand has its
-    // identifier. Objects of a batch that was not kept are MAPI_E_OBJECT_DELETED or as before. One batch at a time in
-    // all stores: other writers wait for it five seconds, so keep it short. It belongs to the thread that began it;
-    // changes of the session's other threads wait likewise. Logoff rolls an open batch back.
+    // identifier, which holds once the batch was kept. Objects of a batch that was not kept are MAPI_E_OBJECT_DELETED
+    // or as before. One batch at a time in all stores: other writers wait for it five seconds, so keep it short. It
+    // belongs to the thread that began it; changes of the session's other threads wait likewise. Logoff rolls an open
+    // batch back.
     virtual HRESULT BeginBatch() = 0;
     virtual HRESULT CommitBatch() = 0;  // E_UNEXPECTED: no batch is open. Any other failure: nothing of it was kept
     virtual HRESULT RollbackBatch() = 0;
@@ -482,6 +483,25 @@ struct IZrMail : IUnknown {
 protected:
     ~IZrMail() = default;
 };
+
+// --- functions ------------------------------------------------------------------------------------------------------
+
+// Messaging can be used between the two; they are counted, for the whole process.
+ZRPLATFORM_API HRESULT MAPIInitialize(LPVOID init);
+ZRPLATFORM_API void MAPIUninitialize();
+
+// A new session. Profiles, passwords and flags mean nothing. MAPI_E_NOT_INITIALIZED.
+ZRPLATFORM_API HRESULT MAPILogonEx(ULONG_PTR uiParam, LPWSTR profile, LPWSTR password, ULONG flags,
+                                   LPMAPISESSION* session);
+
+// A buffer, aligned for anything, that MAPIFreeBuffer gives back. MAPI_E_NOT_ENOUGH_MEMORY.
+ZRPLATFORM_API SCODE MAPIAllocateBuffer(ULONG size, LPVOID* buffer);
+// A further one that is given back with `object`, and never by itself. One thread at a time for one object.
+ZRPLATFORM_API SCODE MAPIAllocateMore(ULONG size, LPVOID object, LPVOID* buffer);
+// 0. Null does nothing.
+ZRPLATFORM_API ULONG MAPIFreeBuffer(LPVOID buffer);
+// A row set with its rows. Null does nothing.
+ZRPLATFORM_API void FreeProws(LPSRowSet rows);
 
 // --- interface identifiers ------------------------------------------------------------------------------------------
 #define ZRPLATFORM_MAPI_IID(number)               \

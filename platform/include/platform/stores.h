@@ -1,7 +1,7 @@
 #pragma once
 
-// The files in which the platform keeps what outlives a process: the registry, the contacts and appointments. Looking
-// after them: examining, backing up, bringing back.
+// The files in which the platform keeps what outlives a process: the registry, the contacts and appointments, the
+// messages. Looking after them: examining, backing up, bringing back.
 //
 // Paths are the host's, UTF-8. Results are system error codes; ZrStoreLastErrorText says more. Any thread. Programs
 // that have a store open go on: while it is copied, and in the one that takes its place.
@@ -10,7 +10,7 @@
 #include "platform/export.h"
 #include "platform/types.h"
 
-// The stores that there are, "registry" and "contacts", from 0; NULL behind the last one.
+// The stores that there are, "registry", "contacts" and "mail", from 0; NULL behind the last one.
 ZRPLATFORM_API LPCSTR ZrStoreName(DWORD index);
 
 // Reads all of a store. ERROR_SUCCESS; ERROR_FILE_NOT_FOUND when nothing was kept so far; ERROR_FILE_CORRUPT when it is

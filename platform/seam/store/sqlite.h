@@ -33,6 +33,10 @@ public:
     void bind_units(int index, std::u16string_view text) { bind_blob(index, text.data(), text.size() * sizeof(WCHAR)); }
     // Empty text is null. Text that SQLite would not give back as it was is kept as a blob of its units.
     void bind_text(int index, std::u16string_view text);
+    // UTF-8 without a NUL.
+    void bind_utf8(int index, std::string_view text) {
+        sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+    }
 
     int step() { return sqlite3_step(statement_); }
     void reset() { sqlite3_reset(statement_); }

@@ -74,8 +74,8 @@ protected:
 };
 
 TEST_F(Maintenance, NamesTheStores) {
-    EXPECT_EQ(std::string(ZrStoreName(0)) + ZrStoreName(1), std::string("registrycontacts"));
-    EXPECT_EQ(ZrStoreName(2), nullptr);
+    EXPECT_EQ(std::string(ZrStoreName(0)) + ZrStoreName(1) + ZrStoreName(2), std::string("registrycontactsmail"));
+    EXPECT_EQ(ZrStoreName(3), nullptr);
     EXPECT_EQ(ZrStoreName(1000), nullptr);
     EXPECT_EQ(ZrStoreCheck("letters"), code(ERROR_INVALID_NAME));
     EXPECT_EQ(ZrStoreCheck(nullptr), code(ERROR_INVALID_NAME));

@@ -36,12 +36,12 @@ protected:
 };
 
 TEST_F(StoreTool, TellsWhatIsWholeAndWhatIsEmpty) {
-    EXPECT_EQ(zr({"store", "check"}).out, "registry: empty\ncontacts: empty\n");
+    EXPECT_EQ(zr({"store", "check"}).out, "registry: empty\ncontacts: empty\nmail: empty\n");
     add("A");
     ASSERT_EQ(zr({"reg", "set", "HKCU\\A", "n", "v"}).code, 0);
     const auto all = zr({"store", "check"});
     EXPECT_EQ(all.code, 0);
-    EXPECT_EQ(all.out, "registry: whole\ncontacts: whole\n");
+    EXPECT_EQ(all.out, "registry: whole\ncontacts: whole\nmail: empty\n");
     EXPECT_EQ(zr({"store", "check", "contacts", "--json"}).out.find("\"whole\"") != std::string::npos, true);
     EXPECT_EQ(zr({"store", "check", "letters"}).code, 2);
 }

@@ -1,0 +1,89 @@
+#pragma once
+
+// The columns of a message: which properties they are, and a message as they show it.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/mapi.h"
+#include "store/sqlite.h"
+
+namespace zr::platform::mapi {
+
+enum class Column : unsigned {
+    Delivered,
+    Submitted,
+    Flags,
+    Size,
+    Created,
+    Modified,
+    Class,
+    Subject,
+    SenderName,
+    SenderAddress,
+    DisplayTo,
+    DisplayCc,
+    DisplayBcc,
+    MessageId,
+    Count,
+};
+inline constexpr unsigned kColumns = static_cast<unsigned>(Column::Count);
+inline constexpr unsigned kFirstText = static_cast<unsigned>(Column::Class);
+
+struct ColumnInfo {
+    ULONG tag;
+    const char* name;
+    bool computed;  // programs cannot set it
+};
+inline constexpr ColumnInfo kColumnInfo[kColumns] = {
+    {PR_MESSAGE_DELIVERY_TIME, "delivered", false},
+    {PR_CLIENT_SUBMIT_TIME, "submitted", false},
+    {PR_MESSAGE_FLAGS, "flags", false},
+    {PR_MESSAGE_SIZE, "size", true},
+    {PR_CREATION_TIME, "created", true},
+    {PR_LAST_MODIFICATION_TIME, "modified", true},
+    {PR_MESSAGE_CLASS_W, "class", false},
+    {PR_SUBJECT_W, "subject", false},
+    {PR_SENDER_NAME_W, "sender_name", false},
+    {PR_SENDER_EMAIL_ADDRESS_W, "sender_address", false},
+    {PR_DISPLAY_TO_W, "display_to", true},
+    {PR_DISPLAY_CC_W, "display_cc", true},
+    {PR_DISPLAY_BCC_W, "display_bcc", true},
+    {PR_INTERNET_MESSAGE_ID_W, "message_id", false},
+};
+
+constexpr std::optional<Column> column_of(ULONG tag) {
+    for (unsigned i = 0; i < kColumns; ++i) {
+        if (PROP_ID(kColumnInfo[i].tag) == PROP_ID(tag)) return static_cast<Column>(i);
+    }
+    return std::nullopt;
+}
+constexpr unsigned index_of(Column column) {
+    return static_cast<unsigned>(column);
+}
+constexpr bool is_text(Column column) {
+    return index_of(column) >= kFirstText;
+}
+// The list of a SELECT that reads all of them, in their order.
+inline constexpr const char* kAllColumns =
+    "delivered, submitted, flags, size, created, modified, class, subject, sender_name, sender_address, display_to,"
+    " display_cc, display_bcc, message_id";
+
+// What a row's columns hold; texts are the row's own memory.
+struct ColumnView {
+    bool present = false;
+    LONGLONG number = 0;
+    std::string_view bytes;  // UTF-16 units
+
+    void read(const Statement& row, int at, Column column) {
+        present = !row.is_null(at);
+        if (is_text(column)) {
+            bytes = row.blob(at);
+        } else {
+            number = row.integer(at);
+        }
+    }
+};
+
+}  // namespace zr::platform::mapi
