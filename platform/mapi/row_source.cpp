@@ -149,7 +149,10 @@ public:
         const int code = found->step();
         if (code == SQLITE_DONE) return S_FALSE;
         if (code != SQLITE_ROW) return store_.failure();
-        return is_shown(found->integer(1)) ? messages.fill(*found, row) : S_FALSE;
+        if (!is_shown(found->integer(1))) return S_FALSE;
+        const HRESULT result = messages.fill(*found, row);
+        row.keep();
+        return result;
     }
 
 protected:

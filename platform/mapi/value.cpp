@@ -154,6 +154,14 @@ void Row::copy(ULONG tag, const void* bytes, std::size_t size) {
     arena_.append(static_cast<const char*>(bytes), size);
 }
 
+void Row::keep() {
+    for (Item& item : items_) {
+        if (item.at != kGiven) continue;
+        item.at = arena_.size();
+        arena_.append(item.data, item.size);
+    }
+}
+
 SPropValue* Row::finish() const {
     std::size_t size = items_.size() * sizeof(SPropValue);
     for (const Item& item : items_) {

@@ -72,6 +72,8 @@ public:
         errors_ = true;
     }
 
+    // Copies what was given to bytes(): it need not stay any more.
+    void keep();
     // Throws std::bad_alloc when memory is short.
     SPropValue* finish() const;
 

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cmath>
+#include <optional>
 #include <set>
 
 #include "mail_support.h"
