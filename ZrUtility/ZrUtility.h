@@ -14,6 +14,8 @@
 #include "ZrUtility/Helpers/FileSystemMonitor.h"
 #include "ZrUtility/Helpers/KeywordTable.h"
 #include "ZrUtility/Helpers/LockHelper.h"
+#include "ZrUtility/Helpers/MapiReader.h"
+#include "ZrUtility/Helpers/MapiUtilities.h"
 #include "ZrUtility/Helpers/OutlookManager.h"
 #include "ZrUtility/Helpers/RegistryAccessor.h"
 #include "ZrUtility/Helpers/RegistryMonitor.h"

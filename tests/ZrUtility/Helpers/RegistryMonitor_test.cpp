@@ -305,7 +305,7 @@ TEST_F(Monitor, ADeletedKeyIsReportedAndCannotBeContinued) {
 // ---- windows -------------------------------------------------------------------------------------------------------
 
 constexpr UINT kMessage = WM_USER + 40;
-std::atomic<int> messages{0};
+std::atomic<int> messages_handled{0};
 std::atomic<WPARAM> message_key{0};
 
 LRESULT on_message(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
@@ -313,7 +313,7 @@ LRESULT on_message(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
     message_key = wparam;
     EXPECT_EQ(lparam, 0);
     if (RegistryMonitor* const monitor = reports.goes_on) reports.result = monitor->ContinueMonitor();
-    ++messages;
+    ++messages_handled;
     return 0;
 }
 
@@ -333,7 +333,7 @@ TEST_F(Monitor, SendsMessages) {
     ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, nullptr, nullptr, FALSE, kValues,
                                    {window, kMessage, nullptr}, false, 0),
               1);
-    for (DWORD i = 0; messages < 5; ++i) {
+    for (DWORD i = 0; messages_handled < 5; ++i) {
         set(u"v", i);
         MsgWaitForMultipleObjectsEx(0, nullptr, 20, QS_ALLINPUT, 0);
         MSG message;
@@ -359,7 +359,7 @@ TEST_F(Monitor, AReportThatNobodyTakesIsTerminatedAfterASecond) {
     const DWORD before = GetTickCount();
     EXPECT_EQ(monitor.StopMonitor(), 1);
     EXPECT_GE(GetTickCount() - before, 900u);
-    EXPECT_EQ(messages, 0);
+    EXPECT_EQ(messages_handled, 0);
     DestroyWindow(window);
 }
 
