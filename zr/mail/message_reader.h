@@ -6,13 +6,9 @@
 #include <vector>
 
 #include "zr/base/line_reader.h"
+#include "zr/mail/header.h"
 
 namespace zr {
-
-struct Sender {
-    std::string name;     // decoded, may be empty
-    std::string address;  // as the header has it, without angle brackets
-};
 
 enum class MessageStatus { Ok, Unreadable, NotAMessage, NoSender };
 
