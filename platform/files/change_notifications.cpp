@@ -26,21 +26,21 @@ HANDLE watch_folder(LPCWSTR path, bool subtree, DWORD filter) {
     HostPath host = existing_host_path(path);
     if (host.error == ERROR_FILE_NOT_FOUND) host.error = ERROR_PATH_NOT_FOUND;
     if (host.error) return fail(host.error, INVALID_HANDLE_VALUE);
-    DWORD error = ERROR_SUCCESS;
-    ChangeSource* const source = ChangeSource::get(error);
-    if (!source) return fail(error, INVALID_HANDLE_VALUE);
+    ChangeSource& source = ChangeSource::instance();
+    DWORD error = source.begin();
+    if (error) return fail(error, INVALID_HANDLE_VALUE);
 
     if (host.path == "/") host.path.clear();
-    const auto watch = Ref<FolderWatch>::adopt(new FolderWatch(*source, std::move(host.path), subtree, filter));
+    const auto watch = Ref<FolderWatch>::adopt(new FolderWatch(source, std::move(host.path), subtree, filter));
     HANDLE handle = nullptr;
     try {
-        error = begin(*source, *watch);
+        error = begin(source, *watch);
         if (error == ERROR_SUCCESS) handle = open_handle(*watch);
     } catch (const std::bad_alloc&) {
         error = ERROR_NOT_ENOUGH_MEMORY;
     }
     if (handle) return handle;
-    source->remove(*watch);
+    source.remove(*watch);
     if (error) SetLastError(error == ERROR_FILE_NOT_FOUND ? ERROR_PATH_NOT_FOUND : error);
     return INVALID_HANDLE_VALUE;
 }

@@ -8,12 +8,13 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
-#include <system_error>
-#include <thread>
+#include <utility>
 
+#include "base/forks.h"
 #include "base/host_error.h"
 #include "base/host_fd.h"
-#include "base/signal_block.h"
+#include "base/live_count.h"
+#include "files/file_watch.h"
 #include "folder_watch.h"
 #include "listing.h"
 
@@ -26,11 +27,13 @@ constexpr std::uint32_t kNames = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVE
 constexpr std::size_t kRead = 64 * 1024;
 constexpr std::size_t kBatch = 1024 * 1024;
 constexpr std::size_t kLargestBatch = 4 * kBatch;
-constexpr int kRetryMilliseconds = 100;  // until a scan that lacked memory or descriptors is tried again
+constexpr std::size_t kMostAhead = 16;        // batches
+constexpr std::size_t kReadAheadEvery = 128;  // events
+constexpr int kRetryMilliseconds = 100;       // until a scan that lacked memory or descriptors is tried again
 
-bool wait_for_input(int file, int milliseconds) {
+bool has_input(int file) {
     pollfd poll{file, POLLIN, 0};
-    return ::poll(&poll, 1, milliseconds) > 0;
+    return ::poll(&poll, 1, 0) > 0 && (poll.revents & POLLIN) != 0;
 }
 
 void wait_for_rename(const std::string& folder) {
@@ -39,35 +42,39 @@ void wait_for_rename(const std::string& folder) {
     if (listing.open(folder.c_str()) == 0) listing.next(error);
 }
 
-template <class Body>
-bool start_thread(Body body) {
-    const SignalBlock no_signals;
-    try {
-        std::thread(body).detach();
-        return true;
-    } catch (const std::system_error&) {
-        return false;
-    }
-}
+// Never destroyed: the host's thread may run as long as the process.
+alignas(ChangeSource) unsigned char storage[sizeof(ChangeSource)];
+ChangeSource& the_source = *new (storage) ChangeSource;
 
 }  // namespace
 
-ChangeSource* ChangeSource::get(DWORD& error) {
-    static std::mutex making;
-    static ChangeSource* source = nullptr;
-    const std::lock_guard guard(making);
-    if (source) return source;
-    const int inotify = above_standard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (inotify < 0) {
-        error = error_from_errno(errno);
-        return nullptr;
-    }
-    auto* made = new (std::nothrow) ChangeSource(inotify);
-    if (made && start_thread([made] { made->run(); })) return source = made;
-    error = ERROR_NOT_ENOUGH_MEMORY;
-    delete made;
-    close(inotify);
-    return nullptr;
+ChangeSource& ChangeSource::instance() noexcept {
+    return the_source;
+}
+
+// --- The descriptor
+
+DWORD ChangeSource::begin() {
+    resume_after_fork();
+    const std::lock_guard alive(life_);
+    const DWORD error = open();
+    if (error == ERROR_SUCCESS) stays_ = true;
+    return error;
+}
+
+DWORD ChangeSource::open() noexcept {
+    if (inotify_ >= 0) return ERROR_SUCCESS;
+    inotify_ = above_standard(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (inotify_ < 0) return error_from_errno(errno);
+    const DWORD error = watch_host(*this, inotify_);
+    if (error != ERROR_SUCCESS) close();
+    return error;
+}
+
+void ChangeSource::close() noexcept {
+    unwatch_host(*this);
+    ::close(inotify_.exchange(-1));
+    ahead_.clear();  // its numbers mean nothing to the next one
 }
 
 void ChangeSource::remove(FolderWatch& watch) noexcept {
@@ -76,15 +83,59 @@ void ChangeSource::remove(FolderWatch& watch) noexcept {
     watches_.erase(&watch);
 }
 
+DWORD ChangeSource::add(FileWatch& watch) {
+    resume_after_fork();
+    const std::lock_guard alive(life_);
+    DWORD error = open();
+    if (error != ERROR_SUCCESS) return error;
+    {
+        const std::lock_guard guard(mutex_);
+        files_.push_back(&watch);
+        error = watch.follow();
+    }
+    if (error != ERROR_SUCCESS) {
+        const std::lock_guard guard(mutex_);
+        std::erase(files_, &watch);
+    }
+    if (files_.empty() && !stays_) close();
+    return error;
+}
+
+void ChangeSource::remove(FileWatch& watch) noexcept {
+    const std::lock_guard alive(life_);
+    {
+        const std::lock_guard guard(mutex_);
+        std::erase(files_, &watch);
+        for (const FileWatch::Place& place : watch.places_) {
+            stop_watching(place.watch);
+        }
+        watch.places_.clear();
+    }
+    if (files_.empty() && !stays_ && inotify_ >= 0) close();
+}
+
+// A folder has one number, whoever watches it, and all that any of them wants is reported.
+int ChangeSource::watch_folder(const std::string& folder, std::uint32_t events) noexcept {
+    return inotify_add_watch(inotify_, folder.c_str(), events | IN_ONLYDIR | IN_MASK_ADD);
+}
+
+void ChangeSource::stop_watching(int watch) noexcept {
+    if (!targets_.contains(watch) && !has_place(watch)) inotify_rm_watch(inotify_, watch);
+}
+
+bool ChangeSource::has_place(int watch) const noexcept {
+    return std::any_of(files_.begin(), files_.end(), [watch](const FileWatch* file) { return file->has_place(watch); });
+}
+
 DWORD ChangeSource::report(const std::string& path, FolderWatch& watch, FolderNode& node) {
     const std::uint32_t follow = node.parent ? std::uint32_t{IN_DONT_FOLLOW} : 0;
-    const int number = inotify_add_watch(inotify_, path.c_str(), kReported | IN_ONLYDIR | follow);
+    const int number = inotify_add_watch(inotify_, path.c_str(), kReported | IN_ONLYDIR | IN_MASK_ADD | follow);
     if (number < 0) return errno == ENOSPC ? ERROR_NO_SYSTEM_RESOURCES : error_from_errno(errno);
     try {
         targets_[number].push_back({&watch, &node});
     } catch (...) {
         if (targets_.contains(number) && targets_[number].empty()) targets_.erase(number);
-        if (!targets_.contains(number)) inotify_rm_watch(inotify_, number);
+        stop_watching(number);
         throw;
     }
     node.watch = number;
@@ -93,34 +144,36 @@ DWORD ChangeSource::report(const std::string& path, FolderWatch& watch, FolderNo
 
 void ChangeSource::stop_reporting(FolderWatch&, FolderNode& node) noexcept {
     const auto at = targets_.find(node.watch);
-    node.watch = -1;
+    const int watch = std::exchange(node.watch, -1);
     if (at == targets_.end()) return;
     std::erase_if(at->second, [&node](const Target& each) { return each.node == &node; });
     if (!at->second.empty()) return;
-    inotify_rm_watch(inotify_, at->first);
     targets_.erase(at);
+    stop_watching(watch);
 }
 
-void ChangeSource::run() noexcept {
-    while (true) {
-        bool waits_for_retry = false;
-        {
-            const std::lock_guard guard(mutex_);
-            waits_for_retry = scan_again_;
-        }
-        if (!wait_for_input(inotify_, waits_for_retry ? kRetryMilliseconds : -1)) {
-            const std::lock_guard guard(mutex_);
-            scan_all();
-            continue;
-        }
-        try {
+// --- What the host reports
+
+void ChangeSource::ready() noexcept {
+    try {
+        if (!ahead_.empty() || has_input(inotify_)) {
             read_batch();
             dispatch();
-        } catch (const std::bad_alloc&) {
+        } else {
             const std::lock_guard guard(mutex_);
-            scan_again_ = true;
+            scan_all();
         }
+    } catch (const std::bad_alloc&) {
+        const std::lock_guard guard(mutex_);
+        scan_again_ = true;
     }
+    if (!ahead_.empty()) return call_host_source(*this, Deadline::at_once());
+    retry_later();
+}
+
+void ChangeSource::retry_later() noexcept {
+    const std::lock_guard guard(mutex_);
+    if (scan_again_) call_host_source(*this, Deadline::after(kRetryMilliseconds));
 }
 
 void ChangeSource::read_batch() {
@@ -135,12 +188,39 @@ void ChangeSource::read_batch() {
     }
 }
 
-// Appends what the kernel has. True when there may be more at once, and there is room for it.
+// Appends what was read ahead, or what the kernel has. True when there may be more at once, and there is room for it.
 bool ChangeSource::read_events() {
-    buffer_.resize(filled_ + kRead);
-    const ssize_t got = ::read(inotify_, buffer_.data() + filled_, kRead);
-    if (got > 0) filled_ += static_cast<std::size_t>(got);
-    return got > static_cast<ssize_t>(kRead / 2) && filled_ < kBatch;
+    buffer_.resize(filled_);
+    bool more = false;
+    if (!ahead_.empty()) {
+        buffer_.insert(buffer_.end(), ahead_.front().begin(), ahead_.front().end());
+        ahead_.pop_front();
+        more = true;
+    } else {
+        more = append_events(buffer_);
+    }
+    filled_ = buffer_.size();
+    return more && filled_ < kBatch;
+}
+
+bool ChangeSource::append_events(std::vector<char>& bytes) {
+    const std::size_t before = bytes.size();
+    bytes.resize(before + kRead);
+    const ssize_t got = ::read(inotify_, bytes.data() + before, kRead);
+    bytes.resize(before + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    return got > static_cast<ssize_t>(kRead / 2);
+}
+
+// The kernel keeps only so many events: while those of a long batch are told, the next ones are taken from it.
+void ChangeSource::read_ahead() {
+    for (bool more = true; more;) {
+        if (ahead_.empty() || ahead_.back().size() + kRead > kBatch) {
+            if (ahead_.size() == kMostAhead) return;
+            ahead_.emplace_back();
+        }
+        more = append_events(ahead_.back());
+    }
+    if (ahead_.back().empty()) ahead_.pop_back();
 }
 
 void ChangeSource::parse() {
@@ -197,9 +277,16 @@ std::string ChangeSource::path_of(int watch) {
 
 void ChangeSource::dispatch() {
     const std::lock_guard guard(mutex_);
+    std::size_t told = 0;
     for (const HostEvent& event : events_) {
+        if (++told % kReadAheadEvery == 0) read_ahead();
+        tell_files(event);
         if (event.mask & IN_Q_OVERFLOW) {
+            count_lost_file_changes();
             discard_queue();
+            for (FileWatch* file : files_) {
+                file->tell();
+            }
             scan_all();
             return;
         }
@@ -207,6 +294,12 @@ void ChangeSource::dispatch() {
             dispatch(event);
         else if (event.mask & IN_MOVED_FROM)
             move(event, *event.partner);
+    }
+}
+
+void ChangeSource::tell_files(const HostEvent& event) noexcept {
+    for (FileWatch* file : files_) {
+        if (file->concerns(event.watch, event.mask, event.name)) file->tell();
     }
 }
 
@@ -264,6 +357,7 @@ void ChangeSource::move(const HostEvent& from, const HostEvent& to) {
 // What was queued before the loss was noticed is not the whole of what happened: told after a listing it could undo
 // what the listing showed. What comes later is whole, or ends in another notice of loss.
 void ChangeSource::discard_queue() {
+    ahead_.clear();
     int left = 0;
     if (ioctl(inotify_, FIONREAD, &left) != 0) return;
     while (left > 0) {
@@ -296,6 +390,54 @@ FolderNode* ChangeSource::node_of(int watch, const FolderWatch& owner) const {
         if (each.watch == &owner) return each.node;
     }
     return nullptr;
+}
+
+// --- Forks
+
+void ChangeSource::lock_all() noexcept {
+    life_.lock();
+    mutex_.lock();
+    for (FolderWatch* watch : watches_) {
+        watch->records_lock().lock();
+    }
+}
+
+void ChangeSource::unlock_all() noexcept {
+    for (FolderWatch* watch : watches_) {
+        watch->records_lock().unlock();
+    }
+    mutex_.unlock();
+    life_.unlock();
+}
+
+void ChangeSource::begin_child() noexcept {
+    inherited_ = inherited_ || inotify_ >= 0;
+    if (inotify_ >= 0) ::close(inotify_.exchange(-1));
+    unlock_all();
+}
+
+void ChangeSource::resume() noexcept {
+    const std::lock_guard alive(life_);
+    {
+        const std::lock_guard guard(mutex_);
+        if (!std::exchange(inherited_, false)) return;
+    }
+    // What the parent's thread was about to do with them it does in the parent.
+    new (&buffer_) std::vector<char>;
+    new (&ahead_) std::list<std::vector<char>>;
+    new (&events_) std::vector<HostEvent>;
+    filled_ = 0;
+    const DWORD error = open();
+    const std::lock_guard guard(mutex_);
+    targets_.clear();
+    for (FolderWatch* watch : watches_) {
+        watch->begin_again(error);
+    }
+    for (FileWatch* file : files_) {
+        file->begin_again();
+    }
+    scan_all();
+    if (scan_again_) call_host_source(*this, Deadline::after(kRetryMilliseconds));
 }
 
 }  // namespace zr::platform

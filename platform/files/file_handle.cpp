@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "base/forks.h"
 #include "base/host_error.h"
 #include "base/host_fd.h"
 #include "dos_attributes.h"
@@ -35,14 +36,28 @@ public:
     bool may_read() const { return (access_ & GENERIC_READ) != 0; }
     bool may_write() const { return (access_ & GENERIC_WRITE) != 0; }
 
-    // The claim outlives the descriptor, so that nobody meets a file that is still open.
-    ShareClaim claim;
+    // Keeps other processes' handles off as the sharing says. False: one is in the way.
+    bool lock(int mode) {
+        locked_ = flock(host.get(), mode | LOCK_NB) == 0;
+        // File systems without locks share with everybody.
+        return locked_ || errno != EWOULDBLOCK;
+    }
+
+    // The descriptor outlives the lock and the claim, so that a fork never finds a claim on a file that is closed: its
+    // number may be another file's soon.
     HostFd host;
+    ShareClaim claim;
 
 private:
-    ~File() override = default;
+    // Given back by name: a child that was forked meanwhile has the descriptor too, and the lock with it. A child gives
+    // back nothing of its parent's.
+    ~File() override {
+        if (locked_ && generation_ == fork_generation()) flock(host.get(), LOCK_UN);
+    }
 
     const DWORD access_;
+    const std::uint32_t generation_ = fork_generation();
+    bool locked_ = false;
 };
 
 struct OpenRequest {
@@ -99,9 +114,7 @@ DWORD share(const OpenRequest& request, File& file) {
     if (!file.claim.take(status, request.access, request.share)) return ERROR_SHARING_VIOLATION;
     if (!(request.access & (GENERIC_READ | GENERIC_WRITE))) return ERROR_SUCCESS;
     const int mode = (request.share & (FILE_SHARE_READ | FILE_SHARE_WRITE)) ? LOCK_SH : LOCK_EX;
-    // File systems without locks share with everybody.
-    if (flock(file.host.get(), mode | LOCK_NB) != 0 && errno == EWOULDBLOCK) return ERROR_SHARING_VIOLATION;
-    return ERROR_SUCCESS;
+    return file.lock(mode) ? ERROR_SUCCESS : ERROR_SHARING_VIOLATION;
 }
 
 // Opens what the path names now. ERROR_FILE_EXISTS and ERROR_FILE_NOT_FOUND may mean that it changed meanwhile.

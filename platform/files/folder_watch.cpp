@@ -189,6 +189,26 @@ DWORD FolderWatch::enter(FolderNode& folder, bool report) {
     return end_;
 }
 
+void FolderWatch::begin_again(DWORD error) noexcept {
+    if (end_) return;
+    try {
+        if (error == ERROR_SUCCESS) return report_again(root_);
+    } catch (const std::bad_alloc&) {
+        error = ERROR_NOT_ENOUGH_MEMORY;
+    }
+    end(error);
+}
+
+// What is gone meanwhile the scan that follows will show.
+void FolderWatch::report_again(FolderNode& folder) {
+    folder.watch = -1;
+    const DWORD error = source_.report(path_of(folder), *this, folder);
+    if (error == ERROR_NO_SYSTEM_RESOURCES || error == ERROR_TOO_MANY_OPEN_FILES) end(error);
+    for (const auto& [name, below] : folder.below) {
+        if (!end_) report_again(*below);
+    }
+}
+
 // A folder below that cannot be read or is gone again is left alone; where the host has no room to watch it, the
 // promise that nothing is lost can no longer be kept.
 void FolderWatch::enter_below(FolderNode& folder, std::string_view name, bool report) {

@@ -54,6 +54,8 @@ public:
     // Reads everything again and records the difference. False when that must be tried again later.
     bool scan();
     void stop();
+    // In a forked child: has the host report again; what is known stays so. Not after an error of the source.
+    void begin_again(DWORD error) noexcept;
     bool ended() const { return end_ != 0; }
     std::string path_of(const FolderNode& folder) const;  // on the host
 
@@ -68,6 +70,9 @@ public:
     // Its file system is gone: what it was mounted on shows again, another folder of the same name.
     void unmounted(FolderNode& folder);
     void may_be_unreadable(FolderNode& folder);
+
+    // For a fork.
+    std::mutex& records_lock() noexcept { return mutex_; }
 
     // --- Called from any thread.
 
@@ -92,6 +97,7 @@ private:
     int list(const FolderNode& folder, std::vector<Found>& found) const;
 
     DWORD enter(FolderNode& folder, bool report);
+    void report_again(FolderNode& folder);
     void enter_below(FolderNode& folder, std::string_view name, bool report);
     void leave(FolderNode& folder);
     void leave_below(FolderNode& folder, std::string_view name);

@@ -5,9 +5,11 @@
 
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <span>
 
+#include "at_fork.h"
 #include "base/host_error.h"
 #include "base/utf.h"
 #include "entry.h"
@@ -59,6 +61,14 @@ std::size_t fill_name(const char* host, WCHAR (&name)[MAX_PATH]) {
     return length;
 }
 
+// A few locks for all searches, so that a fork can find all of them free.
+constinit std::mutex locks[16];
+
+class Search;
+std::mutex& lock_for(const Search& search) noexcept {
+    return locks[reinterpret_cast<std::uintptr_t>(&search) / 256 % std::size(locks)];
+}
+
 class Search final : public Object {
 public:
     static constexpr ObjectKind kKind = ObjectKind::FileSearch;
@@ -75,7 +85,7 @@ public:
     }
 
     DWORD next(WIN32_FIND_DATAW& data) {
-        const std::lock_guard lock(mutex_);
+        const std::lock_guard lock(lock_for(*this));
         if (listing_.fd() < 0) return ERROR_NO_MORE_FILES;
         int error = 0;
         while (const RawEntry* entry = listing_.next(error)) {
@@ -114,7 +124,6 @@ private:
         return true;
     }
 
-    std::mutex mutex_;
     const std::string folder_;
     const Wildcard pattern_;
     const Detail detail_;
@@ -171,6 +180,19 @@ HANDLE start_search(LPCWSTR path, WIN32_FIND_DATAW* data, Detail detail) {
 }
 
 }  // namespace
+
+void lock_searches() noexcept {
+    for (std::mutex& lock : locks) {
+        lock.lock();
+    }
+}
+
+void unlock_searches() noexcept {
+    for (std::mutex& lock : locks) {
+        lock.unlock();
+    }
+}
+
 }  // namespace zr::platform
 
 using namespace zr::platform;

@@ -2,8 +2,10 @@
 
 #include <map>
 #include <mutex>
+#include <new>
 #include <utility>
 
+#include "at_fork.h"
 #include "platform/files.h"
 
 namespace zr::platform {
@@ -36,12 +38,23 @@ struct Table {
     std::map<FileId, Counts> files;
 };
 
+// Never destroyed: handles may be closed while the process ends.
+alignas(Table) unsigned char storage[sizeof(Table)];
+Table& the_table = *new (storage) Table;
+
 Table& table() {
-    static Table& instance = *new Table;  // handles may be closed while the process ends
-    return instance;
+    return the_table;
 }
 
 }  // namespace
+
+void lock_share_modes() noexcept {
+    table().mutex.lock();
+}
+
+void unlock_share_modes() noexcept {
+    table().mutex.unlock();
+}
 
 bool ShareClaim::take(const struct stat& file, DWORD access, DWORD share) {
     // Who neither reads nor writes is in nobody's way.

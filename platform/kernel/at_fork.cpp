@@ -8,6 +8,7 @@ namespace {
 
 // In the order in which they are taken.
 void lock_all() noexcept {
+    at_fork::lock_host_events();
     at_fork::lock_session();
     at_fork::lock_threads();
     at_fork::lock_thread_end();
@@ -18,7 +19,7 @@ void lock_all() noexcept {
     at_fork::lock_handles();
 }
 
-void unlock_all() noexcept {
+void unlock_objects() noexcept {
     at_fork::unlock_handles();
     at_fork::unlock_views();
     at_fork::unlock_pages();
@@ -29,12 +30,18 @@ void unlock_all() noexcept {
     at_fork::unlock_session();
 }
 
+void unlock_all() noexcept {
+    unlock_objects();
+    at_fork::unlock_host_events();
+}
+
 void begin_child() noexcept {
     ThreadAccess::survive_fork();
     at_fork::forget_section_queues();
     at_fork::forget_quick_pins();
     at_fork::forget_session();
-    unlock_all();
+    unlock_objects();
+    at_fork::forget_host_events();
 }
 
 const AtFork registered{ForkRank::Kernel, {lock_all, unlock_all, begin_child}};

@@ -1,15 +1,11 @@
 #include "announcement.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <new>
 #include <string>
 
-#include "base/host_fd.h"
 #include "base/state_folder.h"
 #include "base/utf.h"
 #include "kernel/waitable.h"
@@ -44,20 +40,12 @@ std::string file_name(std::u16string_view event) {
     return name + text;
 }
 
-// The file, of the given size; -1 when it cannot be had.
-int open_file(std::u16string_view event, std::size_t size) {
+std::string path_for(std::u16string_view event) {
     const Folder runtime = runtime_folder();
-    if (!runtime) return -1;
+    if (!runtime) return {};
     const std::string folder = runtime.path + "/time-changes";
     mkdir(folder.c_str(), 0700);
-    const std::string path = folder + "/" + file_name(event);
-    const int file = above_standard(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    // Allocated, not just sized: a full disk must show here and not as a fault in the mapping.
-    if (file >= 0 && posix_fallocate(file, 0, static_cast<off_t>(size)) != 0) {
-        close(file);
-        return -1;
-    }
-    return file;
+    return folder + "/" + file_name(event);
 }
 
 }  // namespace
@@ -66,16 +54,11 @@ Announcement::Announcement(std::u16string_view event) noexcept {
     for (Mark& met : met_) {
         met = mark_now();
     }
-    int file = -1;
     try {
-        file = open_file(event, sizeof(Page));
+        const std::string path = path_for(event);
+        if (!path.empty() && shared_.open(path.c_str()) == 0) page_ = &*shared_;
     } catch (const std::bad_alloc&) {
-        return;
     }
-    if (file < 0) return;
-    void* const page = mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    close(file);
-    if (page != MAP_FAILED) page_ = static_cast<Page*>(page);
 }
 
 // What this process announced is taken back: it is not there any more to announce a change that another process, which
@@ -85,7 +68,12 @@ Announcement::~Announcement() {
         Mark ours = ours_[static_cast<unsigned>(change)] & ~kPending;
         if (ours != 0) last(change).compare_exchange_strong(ours, 0);
     }
-    if (page_ != &alone_) munmap(page_, sizeof(Page));
+}
+
+void Announcement::begin_child() noexcept {
+    for (Mark& ours : ours_) {
+        ours = 0;
+    }
 }
 
 Announcement::Mark Announcement::mark_now() noexcept {

@@ -3,9 +3,9 @@
 // Which of the processes that registered a named event sets it.
 //
 // All of them notice a change, at about the same time, and the event is one that they share: it is to be set once. So
-// the first one to notice puts the time into a small file of the runtime folder, and the others, who find there a time
-// that they have not met yet, leave it at that. The file is only an agreement between the living: a process that cannot
-// use it, or finds nothing it can rely on, sets the event, for once too often is better than never.
+// the first one to notice puts the time into memory that they share by a path in the runtime folder, and the others,
+// who find there a time that they have not met yet, leave it at that. It is only an agreement between the living: a
+// process that cannot use it, or finds nothing it can rely on, sets the event, for once too often is better than never.
 //
 // For one thread at a time.
 
@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/shared_memory.h"
 #include "platform/types.h"
 
 namespace zr::platform {
@@ -37,6 +38,9 @@ public:
     bool is_open() const noexcept { return open_[0] != 0 || open_[1] != 0; }
     bool take_over(TimeChange change) noexcept;
 
+    // In a forked child: what was announced, its parent announced.
+    void begin_child() noexcept;
+
 private:
     // A time of the monotonic clock, times two, and one more until the event is set.
     using Mark = std::uint64_t;
@@ -48,7 +52,8 @@ private:
     std::atomic<Mark>& last(TimeChange change) noexcept { return page_->last[static_cast<unsigned>(change)]; }
     bool is_news(Mark mark, Mark now, unsigned change) const noexcept;
 
-    Page alone_{};  // for a process without the file
+    SharedPage<Page> shared_;
+    Page alone_{};  // for a process that has no part in it
     Page* page_ = &alone_;
     Mark met_[kTimeChanges];        // what is not later than this was for changes before
     Mark ours_[kTimeChanges] = {};  // a claim of this process

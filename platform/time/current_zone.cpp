@@ -62,9 +62,12 @@ void SharedZone::describe(std::int64_t second, CurrentZone& current) {
     current.now = now_;
 }
 
+// Never destroyed.
+alignas(SharedZone) unsigned char storage[sizeof(SharedZone)];
+SharedZone& the_zone = *new (storage) SharedZone;
+
 SharedZone& shared_zone() {
-    static SharedZone& zone = *new SharedZone;
-    return zone;
+    return the_zone;
 }
 
 // What a thread knows of the zone, so that it can tell without a lock that nothing has changed.
@@ -134,6 +137,14 @@ void KnownZone::learn(const char* named) noexcept {
 const CurrentZone& current_zone() noexcept {
     static constinit thread_local KnownZone zone;
     return zone.get();
+}
+
+void lock_zone() noexcept {
+    the_zone.mutex().lock();
+}
+
+void unlock_zone() noexcept {
+    the_zone.mutex().unlock();
 }
 
 DWORD with_zone(const std::function<void(const Zone&)>& use) {

@@ -25,4 +25,8 @@ const CurrentZone& current_zone() noexcept;
 // Calls `use` with the zone's data while nobody changes them. An error code, or 0. What `use` throws passes through.
 DWORD with_zone(const std::function<void(const Zone&)>& use);
 
+// At a fork.
+void lock_zone() noexcept;
+void unlock_zone() noexcept;
+
 }  // namespace zr::platform

@@ -1,20 +1,12 @@
 #include "time_watch.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <new>
-#include <thread>
 
-#include "base/host_error.h"
-#include "base/host_fd.h"
-#include "base/signal_block.h"
+#include "base/forks.h"
 #include "current_zone.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
@@ -25,7 +17,7 @@ namespace zr::platform {
 namespace {
 
 // How long another process may take to set an event.
-constexpr int kOthersMilliseconds = 200;
+constexpr DWORD kOthersMilliseconds = 200;
 
 void set_event(const std::u16string& name) {
     const HANDLE event = OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str());
@@ -34,20 +26,17 @@ void set_event(const std::u16string& name) {
     CloseHandle(event);
 }
 
+alignas(TimeWatch) unsigned char storage[sizeof(TimeWatch)];
+TimeWatch& the_watch = *new (storage) TimeWatch;
+
+struct EndAtExit {
+    ~EndAtExit() { the_watch.exit(); }
+} end_at_exit;
+
 }  // namespace
 
-TimeWatch& TimeWatch::instance() {
-    struct EndAtExit {
-        TimeWatch& watch;
-        ~EndAtExit() {
-            const std::lock_guard control(watch.control_);
-            watch.exiting_ = true;
-            watch.stop();
-        }
-    };
-    static TimeWatch& watch = *new TimeWatch;
-    static const EndAtExit end{watch};
-    return watch;
+TimeWatch& TimeWatch::instance() noexcept {
+    return the_watch;
 }
 
 DWORD TimeWatch::Sources::open() {
@@ -59,8 +48,8 @@ DWORD TimeWatch::Sources::open() {
 }
 
 DWORD TimeWatch::add(std::u16string_view event, unsigned changes) {
+    resume_after_fork();
     const std::lock_guard control(control_);
-    forget_parent();
     const std::lock_guard lock(mutex_);
     for (const auto& known : registrations_) {
         if (known->event != event) continue;
@@ -75,8 +64,8 @@ DWORD TimeWatch::add(std::u16string_view event, unsigned changes) {
 }
 
 void TimeWatch::remove(std::u16string_view event) {
+    resume_after_fork();
     const std::lock_guard control(control_);
-    forget_parent();
     bool last = false;
     {
         const std::lock_guard lock(mutex_);
@@ -86,105 +75,150 @@ void TimeWatch::remove(std::u16string_view event) {
     if (last) stop();
 }
 
-// The registrations of a process are not those of its children, and neither is its thread.
-void TimeWatch::forget_parent() {
-    if (!running_ || process_ == getpid()) return;
-    running_ = false;
-    close(stop_);
-    sources_.reset();
-    registrations_.clear();
+void TimeWatch::exit() noexcept {
+    const std::lock_guard control(control_);
+    exiting_ = true;
+    stop();
 }
 
 DWORD TimeWatch::start() {
     if (exiting_) return ERROR_NOT_READY;
-    auto sources = std::make_unique<Sources>();
-    if (const DWORD error = sources->open(); error != 0) return error;
-    stop_ = above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (stop_ < 0) return error_from_errno(errno);
+    auto sources = std::make_unique<Sources>(*this);
+    DWORD error = sources->open();
+    if (error != 0) return error;
     sources_ = std::move(sources);
-    int error = 0;
-    {
-        const SignalBlock no_signals;
-        error = pthread_create(&thread_, nullptr, run, this);
-    }
+    error = watch_host(*this, sources_->clock.descriptor());
     if (error != 0) {
-        close(stop_);
         sources_.reset();
-        return ERROR_NOT_ENOUGH_MEMORY;
+        return error;
     }
-    process_ = getpid();
     running_ = true;
+    call_host_source(*this, Deadline::at_once());  // a file may have told before anybody listened
     return 0;
 }
 
-void TimeWatch::stop() {
-    if (!running_ || process_ != getpid()) return;
-    const std::uint64_t one = 1;
-    static_cast<void>(!write(stop_, &one, sizeof one));
-    pthread_join(thread_, nullptr);
+void TimeWatch::stop() noexcept {
+    if (!running_) return;
+    unwatch_host(*this);
     running_ = false;
-    close(stop_);
     sources_.reset();
+    zone_due_ = others_due_ = Deadline::never();
+    clock_waits_ = false;
 }
 
-void* TimeWatch::run(void* self) {
-    pthread_setname_np(pthread_self(), "zr-time-watch");
-    static_cast<TimeWatch*>(self)->work();
-    return nullptr;
-}
-
-void TimeWatch::work() {
-    pollfd files[] = {{stop_, POLLIN, 0},
-                      {sources_->clock.descriptor(), POLLIN, 0},
-                      {sources_->zone.descriptor(), POLLIN, 0},
-                      {sources_->pretended.descriptor(), POLLIN, 0}};
-    bool others = false;
-    for (;;) {
-        const int ready = poll(files, std::size(files), others ? kOthersMilliseconds : -1);
-        if (ready < 0 && errno != EINTR) return;
-        if (ready > 0 && files[0].revents != 0) return;
-        if (ready > 0) read_sources();
-        others = finish_for_others(ready == 0);
+void TimeWatch::ready() noexcept {
+    read_sources();
+    if (zone_due_.ns <= Deadline::now()) {
+        zone_due_ = Deadline::never();
+        announce(TimeChange::Zone);
+        if (std::exchange(clock_waits_, false)) announce(TimeChange::Clock);
     }
+    finish_for_others();
+    call_host_source(*this, std::min(zone_due_, others_due_));
 }
 
 void TimeWatch::read_sources() {
     bool clock = sources_->clock.read_change();
     bool zone = true;  // if there is no memory for looking
     try {
-        clock = (sources_->pretended.descriptor() >= 0 && sources_->pretended.read_changes()) || clock;
+        clock = (sources_->pretended.is_open() && sources_->pretended.read_changes()) || clock;
         zone = sources_->zone.read_change();
+        if (std::exchange(look_at_zone_, false)) zone = sources_->zone.look_for_change() || zone;
     } catch (const std::bad_alloc&) {
     }
-    if (clock) announce(TimeChange::Clock);
-    if (!zone) return;
+    // What came first is told first.
+    if (clock && zone_due_ != Deadline::never()) {
+        clock_waits_ = true;
+    } else if (clock) {
+        announce(TimeChange::Clock);
+    }
     // Whoever is told asks for the zone at once, in any process, and is to get the new one.
-    std::this_thread::sleep_for(std::chrono::milliseconds(kZoneFreshMilliseconds));
-    announce(TimeChange::Zone);
+    if (zone) zone_due_ = Deadline::after(kZoneFreshMilliseconds);
 }
 
 void TimeWatch::announce(TimeChange change) {
     const std::lock_guard lock(mutex_);
     for (const auto& each : registrations_) {
-        if ((each->changes & 1u << static_cast<unsigned>(change)) == 0 || !each->announcement.claim(change)) continue;
+        if ((each->changes & 1u << static_cast<unsigned>(change)) == 0) continue;
+        if (!each->announcement.claim(change)) {
+            if (each->announcement.is_open()) others_due_ = Deadline::after(kOthersMilliseconds);
+            continue;
+        }
         set_event(each->event);
         each->announcement.done(change);
     }
 }
 
-// Sets what other processes were going to set and did not. True while that is not known of some.
-bool TimeWatch::finish_for_others(bool waited) {
+// Sets what other processes were going to set and did not.
+void TimeWatch::finish_for_others() {
+    if (others_due_.ns > Deadline::now()) return;
+    others_due_ = Deadline::never();
     const std::lock_guard lock(mutex_);
-    bool open = false;
     for (const auto& each : registrations_) {
         for (const TimeChange change : {TimeChange::Clock, TimeChange::Zone}) {
-            if (!waited || !each->announcement.take_over(change)) continue;
+            if (!each->announcement.take_over(change)) continue;
             set_event(each->event);
             each->announcement.done(change);
         }
-        open = open || each->announcement.is_open();
     }
-    return open;
 }
+
+// --- Forks
+
+void TimeWatch::lock_all() noexcept {
+    control_.lock();
+    mutex_.lock();
+}
+
+void TimeWatch::unlock_all() noexcept {
+    mutex_.unlock();
+    control_.unlock();
+}
+
+void TimeWatch::begin_child() noexcept {
+    inherited_ = inherited_ || running_;
+    running_ = false;
+    // The timer is the parent's: setting it here would set it there.
+    if (sources_) sources_->clock.close();
+    for (const auto& each : registrations_) {
+        each->announcement.begin_child();
+    }
+    unlock_all();
+}
+
+void TimeWatch::resume() noexcept {
+    const std::lock_guard control(control_);
+    if (!std::exchange(inherited_, false) || exiting_) return;
+    zone_due_ = others_due_ = Deadline::never();
+    clock_waits_ = false;
+    look_at_zone_ = true;
+    running_ = sources_->clock.open() == 0 && watch_host(*this, sources_->clock.descriptor()) == 0;
+    if (running_) {
+        call_host_source(*this, Deadline::at_once());
+        return;
+    }
+    sources_.reset();
+    const std::lock_guard lock(mutex_);
+    registrations_.clear();
+}
+
+namespace {
+
+const AtFork at_fork{ForkRank::Time,
+                     {[]() noexcept {
+                          the_watch.lock_all();
+                          lock_zone();
+                      },
+                      []() noexcept {
+                          unlock_zone();
+                          the_watch.unlock_all();
+                      },
+                      []() noexcept {
+                          unlock_zone();
+                          the_watch.begin_child();
+                      },
+                      []() noexcept { the_watch.resume(); }}};
+
+}  // namespace
 
 }  // namespace zr::platform

@@ -9,7 +9,7 @@
 #include <new>
 
 #include "base/host_error.h"
-#include "file_watch.h"
+#include "files/file_watch.h"
 #include "platform/errors.h"
 #include "zone_file.h"
 

@@ -33,7 +33,10 @@ std::string ZoneWatch::look() const {
 }
 
 bool ZoneWatch::read_change() {
-    if (!file_.read_changes()) return false;
+    return file_.read_changes() && look_for_change();
+}
+
+bool ZoneWatch::look_for_change() {
     std::string now = look();
     const bool changed = now != seen_;
     seen_ = std::move(now);

@@ -5,17 +5,20 @@
 
 #include <string>
 
-#include "file_watch.h"
+#include "files/file_watch.h"
 
 namespace zr::platform {
 
 class ZoneWatch {
 public:
+    explicit ZoneWatch(HostSource& teller) : file_(teller) {}
+
     DWORD open(const std::string& zone_file);  // an error code, or 0
     void close() noexcept { file_.close(); }
 
-    int descriptor() const noexcept { return file_.descriptor(); }
     bool read_change();
+    // The same without having been told that there is something to look at.
+    bool look_for_change();
 
 private:
     std::string look() const;

@@ -2,7 +2,9 @@
 
 // A kernel's queue of folder notifications as short as it can be, for tests of what is done about lost ones.
 
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 
 namespace zr::test {
 
@@ -13,6 +15,16 @@ inline int queue_length() {
     int length = 0;
     std::ifstream(kQueueLimit) >> length;
     return length;
+}
+
+// How many queues this process has: one that it has already stays as long as it was.
+inline int queues_of_process() {
+    int count = 0;
+    for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(file.path(), gone) == "anon_inode:inotify") ++count;
+    }
+    return count;
 }
 
 // The kernel's limit is for the whole machine, so it is small only while the process asks for its queue. False where

@@ -17,6 +17,10 @@ enum class ZrLiveKind : int {
 // How many objects of a kind are alive now. Any thread; exact once other threads are quiet.
 ZRPLATFORM_API LONGLONG ZrLiveObjects(ZrLiveKind kind);
 
+// How often the host had no room for another notification of a changed file (fs.inotify.max_queued_events), so that the
+// watched folders were read again instead: then what changed is still told, but not every step of it. Any thread.
+ZRPLATFORM_API LONGLONG ZrFileChangeLosses();
+
 // Fault injection for tests: the next `successes` allocations of HeapAlloc, HeapReAlloc, LocalAlloc and LocalReAlloc in
 // this process succeed and every later one fails, until this is called with a negative number.
 ZRPLATFORM_API void ZrFailHeapAfter(LONGLONG successes);

@@ -1,13 +1,12 @@
 #include "platform/notify.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -16,9 +15,13 @@
 #include <thread>
 #include <vector>
 
+#include "base/shared_memory.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
+#include "platform/time.h"
 #include "support/child.h"
+#include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/time_changes.h"
 
 namespace {
@@ -84,12 +87,20 @@ void until_watching(int count) {
         for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
             std::string name;
             std::ifstream(entry.path() / "comm") >> name;
-            found += name == "zr-time-watch" ? 1 : 0;
+            found += name == "zr-host" ? 1 : 0;
         }
     }
 }
 
-int descriptors() {
+int count_threads() {
+    return count_entries("/proc/self/task");
+}
+
+// How many descriptors there are once no more than so many threads are left.
+int descriptors_of(int threads) {
+    while (count_threads() > threads) {
+        std::this_thread::yield();
+    }
     return count_entries("/proc/self/fd");
 }
 
@@ -284,8 +295,11 @@ TEST(Notify, FindsAnEventThatIsMadeLater) {
 TEST(Notify, WatchesOnlyWhileSomethingIsRegistered) {
     const TimeChanges changes;
     std::unique_ptr<Watched> warm_up = std::make_unique<Watched>(u"one");
+    until_watching(1);
     warm_up.reset();
-    const int descriptors_before = descriptors();
+    until_watching(0);
+    const int threads_before = count_threads();
+    const int descriptors_before = descriptors_of(threads_before);
     for (int round = 0; round < 20; ++round) {
         {
             const Watched one(u"one");
@@ -295,16 +309,19 @@ TEST(Notify, WatchesOnlyWhileSomethingIsRegistered) {
             if (round % 2 == 0) changes.set_clock();
         }
         until_watching(0);
-        EXPECT_EQ(descriptors(), descriptors_before);
+        EXPECT_EQ(descriptors_of(threads_before), descriptors_before);
     }
 }
 
 TEST(Notify, SaysWhyItCannotWatch) {
     setenv("ZR_ZONE_FILE", "/nowhere/localtime", 1);
     const std::u16string path = kPrefix + u"x";
-    const int descriptors_before = descriptors();
+    const HANDLE named = CreateEventW(nullptr, FALSE, FALSE, u"named");
+    const int threads_before = count_threads();
+    const int descriptors_before = descriptors_of(threads_before);
     expect_refused(path.c_str(), NOTIFICATION_EVENT_TIME_CHANGE, ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(descriptors(), descriptors_before);
+    EXPECT_EQ(descriptors_of(threads_before), descriptors_before);
+    CloseHandle(named);
     const TimeChanges changes;
     const Watched watched(u"x");
     changes.set_clock();
@@ -456,19 +473,16 @@ TEST(Notify, LosesNoChangeWhenProcessesAreKilled) {
     EXPECT_EQ(killer.wait(), 0);
 }
 
-// ---- What others leave in the file by which the processes agree ----
+// ---- What others leave in the memory by which the processes agree ----
 
 namespace {
 
 class Agreement {
 public:
-    explicit Agreement(const std::string& event)
-        : file_(open((std::string(getenv("XDG_RUNTIME_DIR")) + "/zrutility/time-changes/" + event).c_str(), O_RDWR)) {
-        EXPECT_GE(file_, 0);
+    explicit Agreement(const std::string& event) {
+        const std::string path = std::string(getenv("XDG_RUNTIME_DIR")) + "/zrutility/time-changes/" + event;
+        EXPECT_EQ(page_.open(path.c_str()), 0);
     }
-    ~Agreement() { close(file_); }
-    Agreement(const Agreement&) = delete;
-    Agreement& operator=(const Agreement&) = delete;
 
     static std::uint64_t now() {
         timespec time{};
@@ -476,17 +490,16 @@ public:
         return (static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(time.tv_nsec)) * 2;
     }
     // What the clock was last said to be set at; the lowest bit: the event is not set yet.
-    std::uint64_t clock() const {
-        std::uint64_t mark = 0;
-        EXPECT_EQ(pread(file_, &mark, sizeof mark, 0), static_cast<ssize_t>(sizeof mark));
-        return mark;
-    }
-    void put_clock(std::uint64_t mark) const {
-        EXPECT_EQ(pwrite(file_, &mark, sizeof mark, 0), static_cast<ssize_t>(sizeof mark));
-    }
+    std::uint64_t clock() const { return page_->clock.load(); }
+    void put_clock(std::uint64_t mark) const { page_->clock.store(mark); }
 
 private:
-    int file_;
+    struct Page {
+        std::atomic<std::uint64_t> clock;
+        std::atomic<std::uint64_t> zone;
+    };
+
+    zr::platform::SharedPage<Page> page_;
 };
 
 }  // namespace
@@ -579,22 +592,100 @@ TEST(Notify, FindsAFileForEveryName) {
     EXPECT_EQ(count_entries(folder.c_str()), before + 3);
 }
 
-TEST(Notify, AForkedChildHasNoRegistrations) {
+TEST(Notify, AForkedChildsEndChangesNothing) {
     const TimeChanges changes;
     const Watched watched(u"shared");
     const auto expect_success = [](auto child) {
         const pid_t process = fork();
         if (process == 0) exit(child() ? 0 : 1);
-        int status = -1;
-        EXPECT_EQ(waitpid(process, &status, 0), process);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(zr::test::await_child(process), 0);
     };
-    // Its end must neither stop its parent's watching nor wait for a thread that it does not have.
     expect_success([] { return true; });
     expect_success([] { return request(u"shared", NOTIFICATION_EVENT_NONE) != FALSE; });
-#if !defined(__SANITIZE_THREAD__)  // which does not bear new threads there
-    expect_success([] { return request(u"shared") != FALSE; });
-#endif
+    expect_success([] { return request(u"other") != FALSE; });
     changes.set_clock();
     EXPECT_TRUE(watched.wait());
+}
+
+// The parent takes its registration back, and the child, which has it too, sets the event.
+TEST(Notify, AForkedChildHasItsParentsRegistrations) {
+    const TimeChanges changes;
+    const Watched watched(u"shared");
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const HANDLE event = OpenEventW(EVENT_ALL_ACCESS, FALSE, u"shared");
+        WaitForSingleObject(event, 0);  // it resumes
+        static_cast<void>(!write(ready[1], "r", 1));
+        pause();
+    }
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    ASSERT_TRUE(request(u"shared", NOTIFICATION_EVENT_NONE));
+    for (int round = 0; round < 3; ++round) {
+        changes.set_clock();
+        EXPECT_TRUE(watched.wait());
+        changes.set_zone(std::to_string(round));
+        EXPECT_TRUE(watched.wait());
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+// A zone that was set while the child did nothing, and that its parent tells nobody of any more.
+TEST(Notify, AForkedChildLooksForWhatItMissed) {
+    const TimeChanges changes;
+    const HANDLE event = CreateEventW(nullptr, FALSE, FALSE, u"missed");
+    ASSERT_TRUE(request(u"missed", NOTIFICATION_EVENT_TZ_CHANGE));
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    const zr::test::Forked child([&] {
+        char byte = 0;
+        if (read(go[0], &byte, 1) != 1) return 1;
+        const HANDLE own = OpenEventW(EVENT_ALL_ACCESS, FALSE, u"missed");
+        return WaitForSingleObject(own, 20'000) == WAIT_OBJECT_0 ? 0 : 2;
+    });
+    EXPECT_TRUE(request(u"missed", NOTIFICATION_EVENT_NONE));
+    changes.set_zone("Missed");
+    EXPECT_EQ(write(go[1], "g", 1), 1);
+    EXPECT_EQ(child.wait(), 0);
+    CloseHandle(event);
+    close(go[0]);
+    close(go[1]);
+}
+
+TEST(Notify, ThreeHundredForksUnderLoad) {
+    const TimeChanges changes;
+    struct WithZone {
+        WithZone() { setenv("TZ", "UTC0", 1); }
+        ~WithZone() { unsetenv("TZ"); }
+    } const with_zone;
+    const Watched watched(u"shared");
+    const zr::test::Load load({[] {
+                                   TIME_ZONE_INFORMATION zone{};
+                                   EXPECT_NE(GetTimeZoneInformation(&zone), 0xFFFFFFFFu);
+                               },
+                               [] {
+                                   EXPECT_TRUE(request(u"load"));
+                                   EXPECT_TRUE(request(u"load", NOTIFICATION_EVENT_NONE));
+                               }});
+    for (int i = 0; i < 300 / zr::test::kStride; ++i) {
+        ASSERT_EQ(zr::test::in_fork([&] {
+                      TIME_ZONE_INFORMATION zone{};
+                      if (GetTimeZoneInformation(&zone) == 0xFFFFFFFFu) return 1;
+                      if (i % 10 != 0) return request(u"of the child") ? 0 : 2;
+                      const HANDLE event = CreateEventW(nullptr, FALSE, FALSE, u"of the child");
+                      if (!request(u"of the child")) return 3;
+                      changes.set_clock();
+                      return WaitForSingleObject(event, 20'000) == WAIT_OBJECT_0 ? 0 : 4;
+                  }),
+                  0)
+            << "fork " << i;
+        if (i % 10 == 0) {
+            EXPECT_TRUE(watched.wait());
+        }
+    }
 }

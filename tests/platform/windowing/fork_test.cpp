@@ -182,8 +182,10 @@ void use_windows() {
     EXPECT_TRUE(KillTimer(window, timer));
     WNDCLASSW description{};
     description.lpfnWndProc = DefWindowProcW;
-    const std::u16string name =
-        u"forked" + std::u16string(1, static_cast<char16_t>(0x4E00 + GetCurrentThreadId() % 5000));
+    std::u16string name = u"forked";  // classes are the process's
+    for (const char digit : std::to_string(GetCurrentThreadId())) {
+        name += static_cast<char16_t>(digit);
+    }
     description.lpszClassName = name.c_str();
     EXPECT_NE(RegisterClassW(&description), 0);
     EXPECT_TRUE(UnregisterClassW(name.c_str(), nullptr));

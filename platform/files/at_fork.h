@@ -1,0 +1,13 @@
+#pragma once
+
+// What a fork finds free.
+
+namespace zr::platform {
+
+void lock_searches() noexcept;
+void unlock_searches() noexcept;
+
+void lock_share_modes() noexcept;
+void unlock_share_modes() noexcept;
+
+}  // namespace zr::platform
