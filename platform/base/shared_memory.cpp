@@ -1,9 +1,11 @@
 #include "base/shared_memory.h"
 
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/sysinfo.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -101,9 +103,9 @@ void* look_for(const Identity& identity, std::size_t size, int& error) noexcept 
 }
 
 // Attached, and gone with the last process that is.
-void* new_segment(std::size_t size, int& error) noexcept {
+void* new_segment(std::size_t size, int flags, int& id, int& error) noexcept {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const int id = shmget(IPC_PRIVATE, size, IPC_CREAT | SHM_NORESERVE | kMode);
+        id = shmget(IPC_PRIVATE, size, IPC_CREAT | flags | kMode);
         if (id < 0) break;
         void* const base = attach(id);
         error = errno;
@@ -114,6 +116,18 @@ void* new_segment(std::size_t size, int& error) noexcept {
     }
     error = errno;
     return nullptr;
+}
+
+std::size_t page_size() noexcept {
+    return static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+// Of an attached segment only a part. What is left counts as attached until it is unmapped.
+char* keep_part(void* base, std::size_t size, std::size_t offset, std::size_t length) noexcept {
+    char* const bytes = static_cast<char*>(base);
+    if (offset > 0) munmap(bytes, offset);
+    if (offset + length < size) munmap(bytes + offset + length, size - offset - length);
+    return bytes + offset;
 }
 
 std::uint64_t chance() noexcept {
@@ -146,7 +160,8 @@ int SharedMemory::make(const FileLock& path, std::size_t size) noexcept {
         static_cast<Mark*>(old)->magic.store(0, std::memory_order_release);
         shmdt(old);
     }
-    base_ = new_segment(kHeader + size, error);
+    int id = 0;
+    base_ = new_segment(kHeader + size, SHM_NORESERVE, id, error);
     if (base_ == nullptr) return error;
     static_assert(sizeof(Mark) <= kHeader);
     Mark& mark = *static_cast<Mark*>(base_);
@@ -163,6 +178,62 @@ void SharedMemory::detach() noexcept {
 
 std::uint64_t SharedMemory::number() const noexcept {
     return static_cast<const Mark*>(base_)->number;
+}
+
+SharedSegment::~SharedSegment() {
+    if (held_ != nullptr) munmap(held_, page_size());
+}
+
+int SharedSegment::make(std::size_t size) noexcept {
+    *this = SharedSegment();
+    struct sysinfo machine {};
+    // Setting it aside would take it from all other programs.
+    if (sysinfo(&machine) == 0 && size / machine.mem_unit > machine.totalram / 2) return ENOMEM;
+    int id = 0;
+    int error = 0;
+    void* const base = new_segment(size, 0, id, error);
+    // There may be only so many, and only so large ones.
+    if (base == nullptr) return error == ENOSPC || error == EINVAL ? ENOMEM : error;
+    if (madvise(base, size, MADV_POPULATE_WRITE) != 0 && errno != EINVAL)
+        error = ENOMEM;
+    else
+        error = 0;
+    keep_part(base, size, 0, page_size());
+    held_ = base;
+    number_ = id;
+    size_ = size;
+    if (error != 0) *this = SharedSegment();
+    return error;
+}
+
+int SharedSegment::open(int number, std::size_t size) noexcept {
+    *this = SharedSegment();
+    shmid_ds facts{};
+    if (shmctl(number, IPC_STAT, &facts) != 0) return errno == EINVAL || errno == EIDRM ? ENOENT : errno;
+    if (!is_ours(facts, size) || (facts.shm_perm.mode & SHM_DEST) == 0) return EACCES;
+    void* const base = attach(number);
+    if (base == nullptr) return errno == EINVAL || errno == EIDRM ? ENOENT : errno;
+    keep_part(base, size, 0, page_size());
+    held_ = base;
+    number_ = number;
+    size_ = size;
+    return 0;
+}
+
+void* SharedSegment::view(std::size_t offset, std::size_t size, int protection, bool copy) const noexcept {
+    const bool writes = (protection & PROT_WRITE) != 0 && !copy;
+    const int flags = (writes ? 0 : SHM_RDONLY) | ((protection & PROT_EXEC) != 0 ? SHM_EXEC : 0);
+    void* const base = shmat(number_, nullptr, flags);
+    if (base == reinterpret_cast<void*>(-1)) return MAP_FAILED;
+    char* const part = keep_part(base, size_, offset, size);
+    if (!copy) return part;
+    void* const own = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (own != MAP_FAILED) std::memcpy(own, part, size);
+    const int error = errno;
+    munmap(part, size);
+    errno = error;
+    if (own != MAP_FAILED && (protection & PROT_EXEC) != 0) mprotect(own, size, protection);
+    return own;
 }
 
 }  // namespace zr::platform

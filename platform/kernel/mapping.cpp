@@ -31,7 +31,9 @@ public:
 
 protected:
     ~PrivateMapping() override = default;
-    int contents(HostFd&) noexcept override { return file_.get(); }
+    void* view(std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept override {
+        return view_file(file_.get(), offset, size, host_protection, copy);
+    }
 
 private:
     const HostFd file_;
@@ -103,6 +105,13 @@ int reserve_file(int file, std::uint64_t size) noexcept {
     return error;
 }
 
+void* view_file(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept {
+    return keep_view(size, [&] {
+        const int sharing = copy ? MAP_PRIVATE : MAP_SHARED;
+        return mmap(nullptr, size, host_protection, sharing, file, static_cast<off_t>(offset));
+    });
+}
+
 void* Mapping::map(DWORD access, std::uint64_t offset, std::size_t size) noexcept {
     const ViewAccess view(access);
     if (!view.any()) return fail(ERROR_INVALID_PARAMETER, nullptr);
@@ -112,10 +121,7 @@ void* Mapping::map(DWORD access, std::uint64_t offset, std::size_t size) noexcep
     if (offset >= size_ || size > end - offset) return fail(ERROR_ACCESS_DENIED, nullptr);
     const std::uint64_t length = size != 0 ? size : size_ - offset;
     if (length > std::numeric_limits<std::size_t>::max() / 2) return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    HostFd keep;
-    const int file = contents(keep);
-    if (file < 0) return nullptr;
-    return map_view(file, offset, static_cast<std::size_t>(length), view.host_protection(), view.copies());
+    return this->view(offset, static_cast<std::size_t>(length), view.host_protection(), view.copies());
 }
 
 }  // namespace zr::platform

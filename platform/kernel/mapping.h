@@ -22,8 +22,8 @@ protected:
 
     DWORD protection() const noexcept { return protection_; }
 
-    // The file that holds the contents, open for as long as `keep` lives; negative with the last error set.
-    virtual int contents(HostFd& keep) noexcept = 0;
+    // Bytes of the contents, mapped and kept account of. NULL with the last error set.
+    virtual void* view(std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept = 0;
 
 private:
     const std::uint64_t size_;
@@ -39,6 +39,8 @@ struct MappedFile {
     // The file behind a handle, as large as asked for; an error code.
     DWORD open(HANDLE handle, std::uint64_t wanted_size, DWORD protection) noexcept;
 };
+
+void* view_file(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept;
 
 std::uint64_t whole_pages(std::uint64_t size) noexcept;
 

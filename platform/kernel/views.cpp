@@ -66,13 +66,9 @@ void at_fork::unlock_views() noexcept {
     views_lock.unlock();
 }
 
-void* map_view(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept {
+void* keep_view(std::size_t size, void* (*map)(const void* context), const void* context) noexcept {
     View* const view = new (std::nothrow) View;
-    void* base = MAP_FAILED;
-    if (view) {
-        const int sharing = copy ? MAP_PRIVATE : MAP_SHARED;
-        base = mmap(nullptr, size, host_protection, sharing, file, static_cast<off_t>(offset));
-    }
+    void* const base = view ? map(context) : MAP_FAILED;
     if (base == MAP_FAILED) {
         SetLastError(view ? error_from_errno(errno) : ERROR_NOT_ENOUGH_MEMORY);
         delete view;

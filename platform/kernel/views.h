@@ -9,7 +9,13 @@
 
 namespace zr::platform {
 
-// Maps `size` bytes of the open file, in place of nothing; keeps account of them. NULL with the last error set.
-void* map_view(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept;
+// Keeps account of what `map` maps, which munmap(2) is to unmap. NULL with the last error set.
+void* keep_view(std::size_t size, void* (*map)(const void* context), const void* context) noexcept;
+
+template <class Map>
+void* keep_view(std::size_t size, const Map& map) noexcept {
+    return keep_view(
+        size, [](const void* context) { return (*static_cast<const Map*>(context))(); }, &map);
+}
 
 }  // namespace zr::platform

@@ -96,7 +96,9 @@ void remove_file(const std::string& folder, const char* name) noexcept {
     if (length > 0 && static_cast<std::size_t>(length) < sizeof path) unlink(path);
 }
 
+// Memory ends by itself; a link to a file is deleted.
 void delete_contents(const Region& region, const Object& object) noexcept {
+    if (object.inode == 0) return;
     char name[sizeof kContentsPrefix + 20];
     std::snprintf(name, sizeof name, "%s%llu", kContentsPrefix, static_cast<unsigned long long>(object.contents));
     remove_file(region.folder(), name);
@@ -290,6 +292,7 @@ void repair(Region& region) noexcept {
         for (std::uint32_t i = 0; i < objects; ++i) {
             const Object& object = region.at<Object>(i);
             if (object.state.load(std::memory_order_relaxed) == Object::Named && object.kind == Kind::FileMapping &&
+                object.inode != 0 &&
                 std::strtoull(file + std::strlen(kContentsPrefix), nullptr, 10) == object.contents) {
                 return false;
             }

@@ -2,41 +2,45 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
+#include <limits>
 #include <new>
 #include <string>
 
 #include "base/fail.h"
 #include "base/host_fd.h"
+#include "base/shared_memory.h"
 #include "named/session.h"
 #include "names.h"
 #include "page_protection.h"
 #include "platform/base.h"
 #include "room_error.h"
+#include "views.h"
 
 namespace zr::platform::named {
 namespace {
 
-// The contents are a file of the runtime directory, which is opened for each view: so a mapping keeps no descriptor.
-// Over a file of the user's own, that is opened once, so that it may be renamed or deleted.
+// The contents are shared memory, or a file of the user's own, which is opened once, so that it may be renamed or
+// deleted. Nothing keeps a descriptor of memory.
 class NamedMapping final : public Mapping {
 public:
     NamedMapping(const named::Object& object, DWORD asked) noexcept
         : Mapping(object.size, object.protection, asked),
           contents_(object.contents),
+          bytes_(object.size),
           device_(object.device),
           inode_(object.inode) {}
 
     Member& member() noexcept { return member_; }
 
-    // After it has become a member. An error code: without the file of the user's own there is no mapping.
-    DWORD open_own_file() noexcept {
-        if (inode_ == 0) return ERROR_SUCCESS;
-        own_ = open_contents(may_write(protection()) ? O_RDWR : O_RDONLY);
+    // After it has become a member. An error code: without contents there is no mapping.
+    DWORD open_contents() noexcept {
+        if (inode_ == 0)
+            return error_from_errno(
+                memory_.open(static_cast<int>(contents_), static_cast<std::size_t>(whole_pages(bytes_))));
+        own_ = open_own_file(may_write(protection()) ? O_RDWR : O_RDONLY);
         if (!own_) return error_from_errno(errno);
         struct stat status {};
         const bool same = fstat(own_.get(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
@@ -47,20 +51,19 @@ protected:
     ~NamedMapping() override = default;
     void last_handle_closed() noexcept override { member_.close(*this); }
 
-    int contents(HostFd& keep) noexcept override {
+    void* view(std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept override {
         if (!member_.is_valid()) {
             report_invalid_handle();
-            return -1;
+            return nullptr;
         }
-        if (own_) return own_.get();
-        keep = open_contents(O_RDWR | O_NOFOLLOW);
-        // Without its file the object is gone: another thread closed the handle meanwhile.
-        if (!keep) SetLastError(errno == ENOENT ? ERROR_INVALID_HANDLE : error_from_errno(errno));
-        return keep.get();
+        if (own_) return view_file(own_.get(), offset, size, host_protection, copy);
+        const auto pages = static_cast<std::size_t>(whole_pages(size));
+        return keep_view(pages,
+                         [&] { return memory_.view(static_cast<std::size_t>(offset), pages, host_protection, copy); });
     }
 
 private:
-    HostFd open_contents(int flags) const noexcept {
+    HostFd open_own_file(int flags) const noexcept {
         try {
             return open_host(member_.session().region().contents_path(contents_).c_str(), flags);
         } catch (const std::bad_alloc&) {
@@ -70,14 +73,16 @@ private:
     }
 
     const std::uint64_t contents_;
+    const std::uint64_t bytes_;
     const std::uint64_t device_;
     const std::uint64_t inode_;
+    SharedSegment memory_;
     HostFd own_;
     Member member_;
 };
 
-// A file for the contents of a mapping that is not there yet. Its name says whose it is, so that it is deleted should
-// the process end first.
+// The contents of a mapping that is not there yet: memory, or a link to the user's own file. The link's name says whose
+// it is, so that it is deleted should the process end first; memory ends by itself.
 class NewContents {
 public:
     explicit NewContents(Session& session) noexcept : session_(session) {}
@@ -88,16 +93,17 @@ public:
     NewContents& operator=(const NewContents&) = delete;
 
     // Room for that many bytes, all zero. 0 or an error number.
-    int make(std::uint64_t size);
+    int make(std::uint64_t size) noexcept;
     // A link to a file of the user's own, which is open.
     int link_to(int file);
-    // Becomes the contents of that number.
-    int keep_as(std::uint64_t number);
+    // Becomes the contents of the object that is about to be made.
+    int keep_for(NewObject& wanted);
 
 private:
     std::string unused_path() const;
 
     Session& session_;
+    SharedSegment memory_;
     std::string path_;
 };
 
@@ -119,24 +125,19 @@ int NewContents::link_to(int file) {
     return error;
 }
 
-int NewContents::make(std::uint64_t size) {
-    path_ = unused_path();
-    const HostFd file = open_host(path_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-    if (!file) {
-        const int error = errno;
-        path_.clear();
-        return error;
-    }
-    // Sticky: see the region's file.
-    fchmod(file.get(), S_ISVTX | S_IRUSR | S_IWUSR);
-    // Where it cannot fit, the host would find out only after it has filled everything.
-    struct statvfs room {};
-    if (fstatvfs(file.get(), &room) == 0 && size / room.f_frsize > room.f_bavail) return ENOSPC;
-    return reserve_file(file.get(), size);
+int NewContents::make(std::uint64_t size) noexcept {
+    const std::uint64_t pages = whole_pages(size);
+    if (pages < size || pages > std::numeric_limits<std::size_t>::max() / 2) return ENOMEM;
+    return memory_.make(static_cast<std::size_t>(pages));
 }
 
-int NewContents::keep_as(std::uint64_t number) {
-    if (rename(path_.c_str(), session_.region().contents_path(number).c_str()) != 0) return errno;
+int NewContents::keep_for(NewObject& wanted) {
+    if (memory_) {
+        wanted.contents = static_cast<std::uint64_t>(memory_.number());
+        return 0;
+    }
+    wanted.contents = ++session_.region().header().contents;
+    if (rename(path_.c_str(), session_.region().contents_path(wanted.contents).c_str()) != 0) return errno;
     path_.clear();
     return 0;
 }
@@ -157,17 +158,16 @@ Ref<NamedMapping> open_or_make(Session& session, std::u16string_view name, NewOb
     if (index == kNone) {
         error = ERROR_FILE_NOT_FOUND;
         if (!contents) return {};
-        wanted->contents = ++region.header().contents;
-        int number = contents->keep_as(wanted->contents);
+        int number = contents->keep_for(*wanted);
         if (number == 0) index = make(region, *wanted, name, hash, session.place(), number);
-        if (index == kNone && number != 0) unlink(region.contents_path(wanted->contents).c_str());
+        if (index == kNone && wanted->inode != 0) unlink(region.contents_path(wanted->contents).c_str());
         error = room_error(number);
         if (index == kNone) return {};
     }
     const auto mapping = Ref<NamedMapping>::adopt(new (std::nothrow) NamedMapping(region.at<Object>(index), asked));
     if (mapping) {
         mapping->member().join(session, index, nullptr);
-        if (const DWORD failed = mapping->open_own_file()) error = failed;
+        if (const DWORD failed = mapping->open_contents()) error = failed;
     } else {
         if (error == ERROR_SUCCESS) leave(region, index, session.place());
         error = ERROR_NOT_ENOUGH_MEMORY;

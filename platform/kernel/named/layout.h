@@ -23,7 +23,7 @@ inline constexpr std::uint32_t kBuckets = 4096;
 inline constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
 inline constexpr std::uint64_t kMagic = 0x31626F2D6D616E7A;
-inline constexpr const char* kFileName = sizeof(void*) == 8 ? "objects-2-64" : "objects-2-32";
+inline constexpr const char* kFileName = sizeof(void*) == 8 ? "objects-3-64" : "objects-3-32";
 
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
@@ -112,9 +112,9 @@ struct alignas(64) Object {
     std::uint32_t name_length;
     std::uint32_t name_rest;  // the first cell of what does not fit here
     std::uint64_t size;       // of a mapping, in bytes
-    std::uint64_t contents;   // the number in the name of the file with its contents, or of a link to it
-    std::uint64_t device;     // which file that is, where it is the user's own
-    std::uint64_t inode;
+    std::uint64_t contents;   // the number of the memory with its contents, or in the name of the link to its file
+    std::uint64_t device;     // which file that is
+    std::uint64_t inode;      // 0: memory
     std::uint32_t protection;
     ProcessSet open;  // ... have a handle
     ProcessSet used;  // ... have a handle, wait for it or own it
@@ -171,7 +171,7 @@ struct Header {
     pthread_mutex_t lock;
     std::uint64_t tickets;
     std::uint64_t births;                                 // how many took a place
-    std::uint64_t contents;                               // the last number given to a mapping's file
+    std::uint64_t contents;                               // the last number given to a link to a file
     std::atomic<std::uint32_t> segments;                  // derived: how many are in use
     std::uint32_t hints[kTables];                         // derived: no vacant entry below
     std::atomic<std::uint32_t> chunks[kTables][kChunks];  // the segments of each table, 0: none

@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
+#include <utility>
 
 #include "base/file_lock.h"
 #include "platform/export.h"
@@ -46,6 +47,39 @@ private:
     static constexpr std::size_t kHeader = 4096;
 
     void* base_ = nullptr;
+};
+
+// Memory of the same kind, of any size, that is known by a number, which its maker passes on. There for as long as some
+// process has one of these or a view.
+class ZRPLATFORM_API SharedSegment {
+public:
+    SharedSegment() noexcept = default;
+    SharedSegment(SharedSegment&& other) noexcept
+        : held_(std::exchange(other.held_, nullptr)), number_(other.number_), size_(other.size_) {}
+    SharedSegment& operator=(SharedSegment&& other) noexcept {
+        std::swap(held_, other.held_);
+        std::swap(number_, other.number_);
+        std::swap(size_, other.size_);
+        return *this;
+    }
+    ~SharedSegment();
+
+    // make: new memory, zero, all of it set aside: ENOMEM when there is not so much, or it is over half of the machine's. open: what somebody has made and
+    // somebody has; EACCES when the number is not that of such memory of that size. 0 or an error number. Sizes are of
+    // whole pages.
+    int make(std::size_t size) noexcept;
+    int open(int number, std::size_t size) noexcept;
+    explicit operator bool() const noexcept { return held_ != nullptr; }
+    int number() const noexcept { return number_; }
+
+    // A part of it, of whole pages, with the protection of mmap(2), to be given back by munmap(2); a copy is nobody
+    // else's. MAP_FAILED with errno.
+    void* view(std::size_t offset, std::size_t size, int protection, bool copy) const noexcept;
+
+private:
+    void* held_ = nullptr;  // its first page, so that it stays
+    int number_ = 0;
+    std::size_t size_ = 0;
 };
 
 // A small structure of atomics that is shared so, zero at first.

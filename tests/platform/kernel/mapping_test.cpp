@@ -17,24 +17,6 @@ SIZE_T page() {
     return static_cast<SIZE_T>(sysconf(_SC_PAGESIZE));
 }
 
-// A view, unmapped with the object.
-class View {
-public:
-    View(HANDLE mapping, DWORD access, SIZE_T offset = 0, SIZE_T size = 0)
-        : base_(static_cast<char*>(MapViewOfFile(mapping, access, 0, static_cast<DWORD>(offset), size))) {}
-    ~View() {
-        if (base_) UnmapViewOfFile(base_);
-    }
-    View(const View&) = delete;
-    View& operator=(const View&) = delete;
-    char* operator+(SIZE_T offset) const { return base_ + offset; }
-    char& operator[](SIZE_T offset) const { return base_[offset]; }
-    explicit operator bool() const { return base_ != nullptr; }
-
-private:
-    char* base_;
-};
-
 DWORD map_error(HANDLE mapping, DWORD access, DWORD high = 0, DWORD low = 0, SIZE_T size = 0) {
     SetLastError(ERROR_SUCCESS);
     void* const view = MapViewOfFile(mapping, access, high, low, size);
@@ -205,8 +187,9 @@ TEST(Mapping, WrongArguments) {
 }
 
 TEST(Mapping, MoreThanThereIsRoomFor) {
-    EXPECT_EQ(create_error(INVALID_HANDLE_VALUE, PAGE_READWRITE, 0x7FFFFFFF, 0, u"huge"), ERROR_DISK_FULL);
-    EXPECT_EQ(create_error(INVALID_HANDLE_VALUE, PAGE_READWRITE, 0xFFFFFFFF, 0xFFFFFFFF, u"huge"), ERROR_DISK_FULL);
+    EXPECT_EQ(create_error(INVALID_HANDLE_VALUE, PAGE_READWRITE, 0x7FFFFFFF, 0, u"huge"), ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(create_error(INVALID_HANDLE_VALUE, PAGE_READWRITE, 0xFFFFFFFF, 0xFFFFFFFF, u"huge"),
+              ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_TRUE(content_files().empty());
     EXPECT_TRUE(listed().empty());
 }

@@ -130,7 +130,7 @@ TEST(NamedLimits, NoRoomForAFile) {
     });
 }
 
-// Only the contents of mappings need room there.
+// Nothing needs room there.
 TEST(NamedLimits, AFullRuntimeFolder) {
     WITH_SMALL_RUNTIME("64k", {
         std::vector<Handle> handles;
@@ -139,23 +139,14 @@ TEST(NamedLimits, AFullRuntimeFolder) {
             EXPECT_NE(handles.back(), nullptr);
         }
         EXPECT_EQ(listed().size(), handles.size());
-        EXPECT_EQ(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 100000, u"no room"), nullptr);
-        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
+        const Handle memory = named_mapping(u"memory", 2000000);
+        EXPECT_NE(static_cast<HANDLE>(memory), nullptr);
+        const View view(memory, FILE_MAP_WRITE);
+        view[1999999] = 'x';
         EXPECT_TRUE(content_files().empty());
-        EXPECT_EQ(listed().size(), handles.size());
+        EXPECT_EQ(listed().size(), handles.size() + 1);
         EXPECT_TRUE(SetEvent(handles.back()));
         EXPECT_EQ(WaitForSingleObject(handles.back(), 0), WAIT_OBJECT_0);
-    });
-}
-
-TEST(NamedLimits, NoRoomForAMappingLeavesNothing) {
-    WITH_SMALL_RUNTIME("1m", {
-        const Handle small = named_mapping(u"small", 100000);
-        EXPECT_NE(small, nullptr);
-        EXPECT_EQ(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 2000000, u"large"), nullptr);
-        EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
-        EXPECT_EQ(listed().size(), 1u);
-        EXPECT_EQ(content_files().size(), 1u);
     });
 }
 
@@ -211,6 +202,49 @@ TEST(NamedLimits, NothingDependsOnWhatIsInTheFile) {
         return known && GetLastError() == ERROR_SUCCESS ? 0 : 1;  // another folder, other objects
     });
     EXPECT_EQ(last.join(), 0);
+}
+
+TEST(NamedLimits, TruncatingFilesHarmsNoMapping) {
+    const Handle memory = named_mapping(u"of the truncated folder", 100000);
+    const View view(memory, FILE_MAP_WRITE);
+    view[99999] = 'a';
+    const auto folder = std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")) / "zrutility";
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        std::filesystem::resize_file(entry.path(), 0);
+    }
+    EXPECT_EQ(view[99999], 'a');
+    Fork other([] {
+        const Handle known = named_mapping(u"of the truncated folder", 100000);
+        if (GetLastError() != ERROR_ALREADY_EXISTS) return 1;
+        const View there(known, FILE_MAP_WRITE);
+        if (there[99999] != 'a') return 2;
+        there[0] = 'b';
+        return 0;
+    });
+    EXPECT_EQ(other.join(), 0);
+    EXPECT_EQ(view[0], 'b');
+}
+
+TEST(NamedLimits, PartsAndCopiesOfAMapping) {
+    const Handle memory = named_mapping(u"of parts", 300000);
+    const View whole(memory, FILE_MAP_WRITE);
+    for (int i = 0; i < 300000; ++i) {
+        whole[i] = static_cast<char>(i / 65536);
+    }
+    char* const part = static_cast<char*>(MapViewOfFile(memory, FILE_MAP_WRITE, 0, 131072, 70000));
+    ASSERT_NE(part, nullptr);
+    EXPECT_EQ(part[0], 2);
+    EXPECT_EQ(part[69999], 3);
+    part[0] = 'p';
+    EXPECT_EQ(whole[131072], 'p');
+    char* const copy = static_cast<char*>(MapViewOfFile(memory, FILE_MAP_COPY, 0, 131072, 0));
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(copy[0], 'p');
+    copy[0] = 'c';
+    EXPECT_EQ(whole[131072], 'p');
+    EXPECT_TRUE(UnmapViewOfFile(part));
+    EXPECT_TRUE(UnmapViewOfFile(copy));
+    EXPECT_EQ(whole[131072], 'p');
 }
 
 // The runtime directory of a machine that was switched off, or one that was copied back.

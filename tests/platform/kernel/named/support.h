@@ -174,4 +174,22 @@ inline std::vector<std::string> content_files() {
     return names;
 }
 
+// A view, unmapped with the object.
+class View {
+public:
+    View(HANDLE mapping, DWORD access, SIZE_T offset = 0, SIZE_T size = 0)
+        : base_(static_cast<char*>(MapViewOfFile(mapping, access, 0, static_cast<DWORD>(offset), size))) {}
+    ~View() {
+        if (base_) UnmapViewOfFile(base_);
+    }
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
+    char* operator+(SIZE_T offset) const { return base_ + offset; }
+    char& operator[](SIZE_T offset) const { return base_[offset]; }
+    explicit operator bool() const { return base_ != nullptr; }
+
+private:
+    char* base_;
+};
+
 }  // namespace zr::test
