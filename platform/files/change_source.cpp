@@ -43,8 +43,8 @@ void wait_for_rename(const std::string& folder) {
 }
 
 // Never destroyed: the host's thread may run as long as the process.
-alignas(ChangeSource) unsigned char storage[sizeof(ChangeSource)];
-ChangeSource& the_source = *new (storage) ChangeSource;
+alignas(ChangeSource) unsigned char source_storage[sizeof(ChangeSource)];
+ChangeSource& the_source = *new (source_storage) ChangeSource;
 
 }  // namespace
 

@@ -39,8 +39,8 @@ struct Table {
 };
 
 // Never destroyed: handles may be closed while the process ends.
-alignas(Table) unsigned char storage[sizeof(Table)];
-Table& the_table = *new (storage) Table;
+alignas(Table) unsigned char table_storage[sizeof(Table)];
+Table& the_table = *new (table_storage) Table;
 
 Table& table() {
     return the_table;

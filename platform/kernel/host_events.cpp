@@ -54,8 +54,8 @@ private:
 namespace {
 
 // Never destroyed: the thread may run as long as the process.
-alignas(HostEvents) unsigned char storage[sizeof(HostEvents)];
-HostEvents& events = *new (storage) HostEvents;
+alignas(HostEvents) unsigned char events_storage[sizeof(HostEvents)];
+HostEvents& events = *new (events_storage) HostEvents;
 
 }  // namespace
 

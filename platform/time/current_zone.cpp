@@ -63,8 +63,8 @@ void SharedZone::describe(std::int64_t second, CurrentZone& current) {
 }
 
 // Never destroyed.
-alignas(SharedZone) unsigned char storage[sizeof(SharedZone)];
-SharedZone& the_zone = *new (storage) SharedZone;
+alignas(SharedZone) unsigned char zone_storage[sizeof(SharedZone)];
+SharedZone& the_zone = *new (zone_storage) SharedZone;
 
 SharedZone& shared_zone() {
     return the_zone;

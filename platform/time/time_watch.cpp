@@ -26,8 +26,8 @@ void set_event(const std::u16string& name) {
     CloseHandle(event);
 }
 
-alignas(TimeWatch) unsigned char storage[sizeof(TimeWatch)];
-TimeWatch& the_watch = *new (storage) TimeWatch;
+alignas(TimeWatch) unsigned char watch_storage[sizeof(TimeWatch)];
+TimeWatch& the_watch = *new (watch_storage) TimeWatch;
 
 struct EndAtExit {
     ~EndAtExit() { the_watch.exit(); }
