@@ -86,11 +86,15 @@ public:
 inline Bytes id_of(IMAPIProp* object) {
     return Props(object, {PR_ENTRYID}).bytes();
 }
-inline SPropValue text_prop(ULONG tag, const std::u16string& text) {
+// The text must stay for as long as the value is used.
+inline SPropValue text_prop(ULONG tag, const char16_t* text) {
     SPropValue value = {};
     value.ulPropTag = tag;
-    value.Value.lpszW = wide(text);
+    value.Value.lpszW = const_cast<LPWSTR>(text);
     return value;
+}
+inline SPropValue text_prop(ULONG tag, const std::u16string& text) {
+    return text_prop(tag, text.c_str());
 }
 inline SPropValue number_prop(ULONG tag, LONG number) {
     SPropValue value = {};
