@@ -130,8 +130,8 @@ LONG RegDeleteKeyW(HKEY key, LPCWSTR path) {
     }));
 }
 
+// Destructors call it, in which a thread cannot be ended.
 LONG RegFlushKey(HKEY key) {
-    cancellation_point();
     const DWORD error = read_key(key, [](Tree& tree, Node& node) { return tree.check(node); });
     return result(error == ERROR_SUCCESS ? Store::instance()->flush() : error);
 }

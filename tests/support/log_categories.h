@@ -11,6 +11,9 @@ inline constexpr std::uint32_t kTimersFailure = 0x780004;
 inline constexpr std::uint32_t kOutlookFailure = 0x840004;
 inline constexpr std::uint32_t kTimeFailure = 0x880004;
 inline constexpr std::uint32_t kTimeInformation = 0x880010;
+inline constexpr std::uint32_t kConnectionsFailure = 0x940004;
+inline constexpr std::uint32_t kConnectionsInformation = 0x940010;
+inline constexpr std::uint32_t kConnectionsTrace = 0x940020;
 inline constexpr std::uint32_t kContainersFailure = 0xA80004;
 inline constexpr std::uint32_t kContainersInformation = 0xA80010;
 

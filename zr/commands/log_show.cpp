@@ -52,8 +52,9 @@ std::string level_name(std::uint32_t level) {
 
 const char* module_name(std::uint32_t module) {
     static const std::map<std::uint32_t, const char*> names = {
-        {0x14, "mapi"},    {0x18, "files"},   {0x34, "meetings"},    {0x68, "telephony"}, {0x73, "contacts"},
-        {0x78, "delayed"}, {0x84, "outlook"}, {0x88, "system time"}, {0x98, "locks"},     {0xA8, "containers"},
+        {0x14, "mapi"},        {0x18, "files"},   {0x34, "meetings"},   {0x68, "telephony"},
+        {0x73, "contacts"},    {0x78, "delayed"}, {0x84, "outlook"},    {0x88, "system time"},
+        {0x94, "connections"}, {0x98, "locks"},   {0xA8, "containers"},
     };
     const auto found = names.find(module);
     return found == names.end() ? nullptr : found->second;

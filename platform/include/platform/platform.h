@@ -4,11 +4,13 @@
 
 #include "platform/base.h"
 #include "platform/com.h"
+#include "platform/connection.h"
 #include "platform/cursor.h"
 #include "platform/diagnostics.h"
 #include "platform/errors.h"
 #include "platform/file_changes.h"
 #include "platform/files.h"
+#include "platform/iphelper.h"
 #include "platform/kernel.h"
 #include "platform/mapi.h"
 #include "platform/mapping.h"
