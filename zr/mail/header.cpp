@@ -23,7 +23,7 @@ constexpr std::string_view kAddressFields[] = {"From", "To", "Cc", "Bcc"};
 constexpr std::string_view kOtherFields[] = {"Subject", "Message-ID", "In-Reply-To", "References", "Date"};
 
 template <std::size_t N>
-bool is_one_of(std::string_view name, const std::string_view (&names)[N]) {
+bool is_field_of(std::string_view name, const std::string_view (&names)[N]) {
     return std::any_of(std::begin(names), std::end(names),
                        [&](std::string_view known) { return equal_ignoring_case(known, name); });
 }
@@ -53,9 +53,9 @@ bool pick_fields(std::string_view header, std::string& picked) {
         const std::string_view field = header.substr(0, field_length(header));
         header.remove_prefix(field.size());
         const std::string_view name = name_of(field);
-        any = any || is_one_of(name, kFieldsOfMessages);
-        const bool addresses = is_one_of(name, kAddressFields);
-        if (!addresses && !is_one_of(name, kOtherFields)) continue;
+        any = any || is_field_of(name, kFieldsOfMessages);
+        const bool addresses = is_field_of(name, kAddressFields);
+        if (!addresses && !is_field_of(name, kOtherFields)) continue;
         if (field.size() > kLongestField) continue;
         if (addresses && std::count(field.begin(), field.end(), ':') > kMostColons) continue;
         picked += with_joined_words(field);
