@@ -117,6 +117,7 @@ int main(int argc, char** argv) {
     if (!zr::hold_standard_streams()) return static_cast<int>(zr::Exit::Unreadable);
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_DFL);  // a reader that has seen enough ends us quietly
+    std::signal(SIGXFSZ, SIG_IGN);  // a limit of file sizes is a disk that is full, which is told
     silence_glib();
     zr::CommandLine line(
         "Contacts, senders of messages, the registry, the log, named objects and the time zone, at a terminal.",

@@ -1,4 +1,5 @@
 #include "base/private_file.h"
+#include "base/size_limit.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,10 +14,11 @@ namespace {
 
 constexpr mode_t kPrivate = 0600;
 constexpr mode_t kForOthers = 0077;
+constexpr mode_t kWrittenByOthers = S_IWGRP | S_IWOTH;
 
 int check(const struct stat& status) {
     if (!S_ISREG(status.st_mode)) return S_ISDIR(status.st_mode) ? EISDIR : EACCES;
-    return status.st_uid == geteuid() ? 0 : EACCES;
+    return status.st_uid == geteuid() && (status.st_mode & kWrittenByOthers) == 0 ? 0 : EACCES;
 }
 
 int examine(int descriptor, off_t size) {
@@ -24,6 +26,7 @@ int examine(int descriptor, off_t size) {
     if (fstat(descriptor, &status) != 0) return errno;
     if (const int error = check(status); error != 0) return error;
     if ((status.st_mode & kForOthers) != 0 && fchmod(descriptor, kPrivate) != 0) return errno;
+    const WithinSizeLimit no_signal;
     return status.st_size < size ? posix_fallocate(descriptor, 0, size) : 0;
 }
 
@@ -48,7 +51,11 @@ std::string file_trouble(const std::string& path, int error) {
     if (lstat(path.c_str(), &status) == 0) {
         if (S_ISLNK(status.st_mode)) return "is a symbolic link";
         if (!S_ISREG(status.st_mode)) return "is not a plain file";
-        if (status.st_uid != geteuid()) return "belongs to another user";
+        if (status.st_uid != geteuid()) return "belongs to another user (" + std::to_string(status.st_uid) + ")";
+        if (error == EACCES && (status.st_mode & kWrittenByOthers) != 0)
+            return "can be written by other users, so what is in it may be anybody's; take that right away (chmod "
+                   "go-w) "
+                   "if it is not";
     }
     return strerror(error);
 }

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "base/host_error.h"
+#include "base/host_fd.h"
 #include "platform/errors.h"
 
 namespace zr::platform {
@@ -19,6 +20,8 @@ namespace zr::platform {
 namespace {
 
 constexpr mode_t kPrivateFolder = 0700;
+constexpr mode_t kWrittenByOthers = S_IWGRP | S_IWOTH;
+constexpr const char* kPublic = "/tmp";
 constexpr std::size_t kMostUserRecord = 16384;
 
 Folder failed(const std::string& path, DWORD error, const std::string& reason) {
@@ -83,6 +86,21 @@ int make_path(const std::string& path) {
     }
 }
 
+// The folder as it is there, or why it cannot be used: it is another user's. The rights in `taken` are taken from its
+// mode. The descriptor is of the thing that is checked: nobody can put another in its place in between.
+Folder check_folder(const std::string& path, int flags, mode_t taken) {
+    const HostFd folder = open_host(path.c_str(), O_RDONLY | O_DIRECTORY | flags);
+    struct stat status {};
+    if (!folder && (errno == ENOTDIR || errno == ELOOP)) return failed(path, ERROR_ACCESS_DENIED, "is not a folder");
+    if (!folder || fstat(folder.get(), &status) != 0) return failed(path, errno);
+    if (status.st_uid != geteuid())
+        return failed(path, ERROR_ACCESS_DENIED,
+                      "belongs to another user (" + std::to_string(status.st_uid) + "); remove it or name another one");
+    const mode_t mode = status.st_mode & 07777 & ~taken;
+    if (mode != (status.st_mode & 07777) && fchmod(folder.get(), mode) != 0) return failed(path, errno);
+    return {path, ERROR_SUCCESS, {}};
+}
+
 Folder make_state_folder() {
     std::string path = environment("ZR_HOME");
     if (path.empty()) {
@@ -100,33 +118,37 @@ Folder make_state_folder() {
     strip_slashes(path);
     const int number = make_path(path);
     if (number != 0) return failed(path, number);
-    return {path, ERROR_SUCCESS, {}};
+    return check_folder(path, 0, kWrittenByOthers);
 }
 
-// A folder that an open descriptor shows to be ours alone, or why it is not.
-Folder check_private(const std::string& path, int descriptor) {
-    struct stat status {};
-    if (fstat(descriptor, &status) != 0) return failed(path, errno);
-    if (status.st_uid != geteuid()) return failed(path, ERROR_ACCESS_DENIED, "belongs to another user");
-    if ((status.st_mode & 07777) != kPrivateFolder && fchmod(descriptor, kPrivateFolder) != 0)
-        return failed(path, errno);
-    return {path, ERROR_SUCCESS, {}};
+Folder make_private(const std::string& path) {
+    if (mkdir(path.c_str(), kPrivateFolder) != 0 && errno != EEXIST) return failed(path, errno);
+    return check_folder(path, O_NOFOLLOW, 07777 & ~kPrivateFolder);
+}
+
+// Under a folder that everybody may write somebody else may have been first. Then it is the first of these names that
+// is there and ours, and if none is, the first one that can be made: so all processes of a user come to the same one,
+// also when the stranger's is gone by then.
+Folder make_in_public(const std::string& name) {
+    const std::string names[] = {name, name + ".1", name + ".2", name + ".3"};
+    for (const std::string& each : names) {
+        struct stat status {};
+        const bool there = lstat(each.c_str(), &status) == 0;
+        if (there && S_ISDIR(status.st_mode) && status.st_uid == geteuid()) return make_private(each);
+    }
+    Folder result;
+    for (const std::string& each : names) {
+        result = make_private(each);
+        if (result || result.error != ERROR_ACCESS_DENIED) break;
+    }
+    return result;
 }
 
 Folder make_runtime_folder() {
     std::string path = absolute_environment("XDG_RUNTIME_DIR");
     strip_slashes(path);
-    path += path.empty() ? "/tmp/zrutility-" + std::to_string(geteuid()) : "/zrutility";
-    if (mkdir(path.c_str(), kPrivateFolder) != 0 && errno != EEXIST) return failed(path, errno);
-    // The descriptor is of the thing that is checked: nobody can put another in its place in between.
-    const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (descriptor < 0) {
-        const bool foreign = errno == ENOTDIR || errno == ELOOP;
-        return foreign ? failed(path, ERROR_ACCESS_DENIED, "is not a folder") : failed(path, errno);
-    }
-    Folder result = check_private(path, descriptor);
-    close(descriptor);
-    return result;
+    if (path.empty()) return make_in_public(kPublic + std::string("/zrutility-") + std::to_string(geteuid()));
+    return make_private(path + "/zrutility");
 }
 
 Folder guarded(Folder (*make)()) noexcept {

@@ -13,6 +13,7 @@
 #include "base/forks.h"
 #include "base/host_error.h"
 #include "base/host_fd.h"
+#include "base/size_limit.h"
 #include "dos_attributes.h"
 #include "entry.h"
 #include "file_facts.h"
@@ -191,10 +192,11 @@ DWORD set_pointer(File& file, LONG distance, LONG* high, DWORD method) {
 }
 
 BOOL write_all(int fd, const char* from, DWORD size, DWORD& written) {
+    const WithinSizeLimit no_signal;
     while (written < size) {
         const ssize_t put = write(fd, from + written, size - written);
         if (put < 0 && errno == EINTR) continue;
-        if (put < 0) return fail(error_from_errno(errno), FALSE);
+        if (put < 0) return fail(room_error(errno), FALSE);
         written += static_cast<DWORD>(put);
     }
     return TRUE;
@@ -265,7 +267,8 @@ BOOL SetEndOfFile(HANDLE handle) {
         const auto file = file_with(handle, GENERIC_WRITE);
         if (!file) return FALSE;
         const off_t at = lseek(file->host.get(), 0, SEEK_CUR);
-        if (at < 0 || ftruncate(file->host.get(), at) != 0) return fail(error_from_errno(errno), FALSE);
+        const WithinSizeLimit no_signal;
+        if (at < 0 || ftruncate(file->host.get(), at) != 0) return fail(room_error(errno), FALSE);
         return TRUE;
     });
 }

@@ -8,6 +8,7 @@
 
 #include "base/host_error.h"
 #include "base/host_fd.h"
+#include "base/size_limit.h"
 #include "dos_attributes.h"
 #include "entry.h"
 #include "file_facts.h"
@@ -32,6 +33,7 @@ DWORD delete_file(const char* path) {
 
 // The file's content, in the kernel where it can do that. An errno value, or 0.
 int copy_content(int from, int to) {
+    const WithinSizeLimit no_signal;
     while (true) {
         const ssize_t copied = copy_file_range(from, nullptr, to, nullptr, std::size_t{1} << 30, 0);
         if (copied == 0) break;  // at the end, or a file whose size the host does not know: the loop below tells
@@ -92,7 +94,7 @@ DWORD copy_file(const std::string& from, const HostPath& target, bool must_be_ne
     if (error == 0) copy_facts(from.c_str(), status, target.path.c_str(), copy.get());
     if (copy.close() != 0 && error == 0) error = errno;
     if (error && !target.exists) unlink(target.path.c_str());
-    return error ? error_from_errno(error) : ERROR_SUCCESS;
+    return error ? room_error(error) : ERROR_SUCCESS;
 }
 
 // Gives a file its new name, which must not be taken. An errno value, or 0.

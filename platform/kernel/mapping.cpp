@@ -1,4 +1,6 @@
 #include "mapping.h"
+#include "base/host_error.h"
+#include "base/size_limit.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -15,7 +17,6 @@
 #include "names.h"
 #include "page_protection.h"
 #include "platform/kernel.h"
-#include "room_error.h"
 #include "views.h"
 
 namespace zr::platform {
@@ -61,6 +62,7 @@ HANDLE create_over_file(HANDLE handle, std::uint64_t size, DWORD protection) noe
 // Makes the file that large, with room on the disk for what is new.
 DWORD enlarge(int file, std::uint64_t from, std::uint64_t to) noexcept {
     if (to > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return ERROR_DISK_FULL;
+    const WithinSizeLimit no_signal;
     int error = EINTR;
     while (error == EINTR) {
         error = posix_fallocate(file, static_cast<off_t>(from), static_cast<off_t>(to - from));
@@ -98,6 +100,7 @@ std::uint64_t whole_pages(std::uint64_t size) noexcept {
 int reserve_file(int file, std::uint64_t size) noexcept {
     const std::uint64_t whole = whole_pages(size);
     if (whole < size || whole > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return EFBIG;
+    const WithinSizeLimit no_signal;
     int error = EINTR;
     while (error == EINTR) {
         error = posix_fallocate(file, 0, static_cast<off_t>(whole));

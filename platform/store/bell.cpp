@@ -1,4 +1,5 @@
 #include "store/bell.h"
+#include "base/size_limit.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -108,6 +109,7 @@ int Bell::set_position(LONGLONG seq) {
     if (place_ < 0) {
         if (const int error = claim(); error != 0) return error;
     }
+    const WithinSizeLimit no_signal;
     return pwrite(file_, &seq, sizeof seq, offset_of(place_)) == sizeof seq ? 0 : errno;
 }
 

@@ -1,4 +1,5 @@
 #include "store/checked_file.h"
+#include "base/size_limit.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -169,7 +170,10 @@ struct File {
     sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
     const sqlite3_io_methods* methods() { return real()->pMethods; }
     int read(void* to, int size, sqlite3_int64 at) { return methods()->xRead(real(), to, size, at); }
-    int write(const void* from, int size, sqlite3_int64 at) { return methods()->xWrite(real(), from, size, at); }
+    int write(const void* from, int size, sqlite3_int64 at) {
+        const WithinSizeLimit no_signal;
+        return methods()->xWrite(real(), from, size, at);
+    }
 };
 static_assert(sizeof(File) % alignof(std::max_align_t) == 0 || alignof(File) >= alignof(void*));
 
@@ -378,6 +382,7 @@ int x_truncate(sqlite3_file* base, sqlite3_int64 size) {
     if (file.kind == Kind::Journal && size == 0 && file.database != nullptr && file.database->checked) {
         if (const int result = unmark_journal(*file.database); result != SQLITE_OK) return result;
     }
+    const WithinSizeLimit no_signal;
     return file.methods()->xTruncate(file.real(), size);
 }
 
@@ -434,6 +439,7 @@ int control_marks(File& file, int what, void* argument) {
 int x_file_control(sqlite3_file* base, int what, void* argument) {
     File& file = file_of(base);
     if (what >= kReadMarks && what <= kExpectPages) return control_marks(file, what, argument);
+    const WithinSizeLimit no_signal;  // it may be told to set room aside
     return file.methods()->xFileControl(file.real(), what, argument);
 }
 
@@ -449,6 +455,7 @@ int x_device_characteristics(sqlite3_file* base) {
 
 int x_shm_map(sqlite3_file* base, int region, int size, int extend, void volatile** at) {
     File& file = file_of(base);
+    const WithinSizeLimit no_signal;
     const int result = file.methods()->xShmMap(file.real(), region, size, extend, at);
     if (result == SQLITE_OK && region == 0) file.index = static_cast<const volatile Byte*>(*at);
     return result;

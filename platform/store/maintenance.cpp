@@ -18,6 +18,7 @@
 #include "base/file_lock.h"
 #include "base/host_fd.h"
 #include "base/private_file.h"
+#include "base/size_limit.h"
 #include "base/state_folder.h"
 #include "platform/errors.h"
 #include "platform/stores.h"
@@ -154,6 +155,7 @@ DWORD copy_file(const std::string& from, const std::string& to) {
     const HostFd target = open_host(to.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
     if (!target) return host_failure(to, errno);
     std::vector<char> buffer(std::size_t{1} << 20);
+    const WithinSizeLimit no_signal;
     for (ssize_t got = 0; (got = ::read(source.get(), buffer.data(), buffer.size())) != 0;) {
         if (got < 0) return host_failure(from, errno);
         for (ssize_t done = 0; done < got;) {

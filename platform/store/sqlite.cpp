@@ -174,8 +174,9 @@ DWORD Connection::error() {
     } else if (error == ERROR_BUSY) {
         reason_ = "another program keeps it locked";
     } else {
-        reason_ = sqlite3_errmsg(db_);
-        if (system_error != 0) reason_ += std::string(" (") + strerror(system_error) + ")";
+        const bool changed = sqlite3_extended_errcode(db_) == SQLITE_IOERR_DATA;
+        reason_ = changed ? "it is damaged, bytes of it are not what was written" : sqlite3_errmsg(db_);
+        if (system_error != 0 && !changed) reason_ += std::string(" (") + strerror(system_error) + ")";
         if (error == ERROR_FILE_CORRUPT) {
             met_damage_ = true;
             leave_suspicion(path_);

@@ -1,4 +1,5 @@
 #include "store/store_file.h"
+#include "base/size_limit.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -68,6 +69,7 @@ void change_index(const std::string& path) {
     const HostFd file = open_host((path + "-shm").c_str(), O_RDWR | O_NOFOLLOW);
     char noise[96];
     if (!file || getrandom(noise, sizeof noise, 0) != sizeof noise) return;
+    const WithinSizeLimit no_signal;
     static_cast<void>(!pwrite(file.get(), noise, sizeof noise, 0));
 }
 
@@ -269,6 +271,10 @@ StoreOpening open_store(const StoreKind& kind, const std::string& path, const Be
     if (const int error = lock.take(lock_path.c_str(), FileLock::Missing::IsMade); error != 0)
         return error == ETIMEDOUT ? locked(kind, path, lock_path) : host_failure(kind, lock_path, error);
     if (const int error = make_private_file(path); error != 0) return host_failure(kind, path, error);
+    for (const char* const beside : {"-wal", "-shm"}) {
+        const int error = check_private_file(path + beside);
+        if (error != 0 && error != ENOENT) return host_failure(kind, path + beside, error);
+    }
     // SQLite would remove the journal of a file without a front.
     if (size_of(path) < kFront && size_of(path + "-wal") > 0) return set_aside(kind, path, bell);
     StoreOpening result = prepare(kind, path, connection);
@@ -324,8 +330,7 @@ std::string suspicion(const std::string& path) {
 }
 
 DWORD store_error(int number) {
-    if (number == EFBIG) return ERROR_DISK_FULL;  // a limit of file sizes: to a store, there is no more room
-    const DWORD error = error_from_errno(number);
+    const DWORD error = room_error(number);
     return error == ERROR_GEN_FAILURE ? ERROR_IO_DEVICE : error;
 }
 

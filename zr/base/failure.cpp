@@ -9,7 +9,7 @@
 namespace zr {
 
 Failure file_failure(const std::string& path, int error) {
-    const bool full = error == ENOSPC || error == EDQUOT;
+    const bool full = error == ENOSPC || error == EDQUOT || error == EFBIG;
     return {full ? Exit::DiskFull : Exit::Unreadable, path + ": " + std::strerror(error)};
 }
 

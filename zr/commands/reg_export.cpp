@@ -87,6 +87,10 @@ bool write_all(const std::vector<RegPath>& tops, RegistryExport& all) {
     return std::none_of(changes.begin(), changes.end(), [](const auto& each) { return each->came(kNewsDelay); });
 }
 
+Failure damaged() {
+    return {Exit::DamagedStore, "the registry is damaged; nothing was exported"};
+}
+
 Exit export_keys(const RegExportOptions& options) {
     std::vector<RegPath> tops;
     for (const std::string& each : options.keys) {
@@ -110,6 +114,8 @@ Exit export_keys(const RegExportOptions& options) {
         if (!settled)
             complain(
                 "warning: the registry was changed meanwhile; what others changed may be missing or of another moment");
+        // A damaged registry begins anew, empty, in the middle of whatever is read.
+        if (was_set_aside()) throw damaged();
         file.finish();
         return all.left_out().empty() ? Exit::Ok : Exit::DamagedCards;
     }
@@ -139,7 +145,15 @@ void add_reg_export(Command reg) {
         "Examples:\n"
         "  zr reg export --output backup.reg\n"
         "  zr reg export 'HKCU\\Software\\Example' --format 4 > for-the-device.reg");
-    runs_with_registry(command, [options] { return export_keys(*options); });
+    runs_with_registry(command, [options] {
+        try {
+            return export_keys(*options);
+        } catch (const Failure&) {
+            // A key that is not there any more, say.
+            if (was_set_aside()) throw damaged();
+            throw;
+        }
+    });
 }
 
 }  // namespace zr

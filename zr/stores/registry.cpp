@@ -78,6 +78,10 @@ std::string shown_name(std::u16string_view name) {
     return name.empty() ? "@" : "\"" + printable(to_utf8(name)) + "\"";
 }
 
+bool was_set_aside() {
+    return *ZrRegistrySetAsideText() != 0;
+}
+
 void tell_what_was_set_aside() {
     const std::string text = text_of(ZrRegistrySetAsideText());
     if (!text.empty()) complain("warning: " + text);

@@ -32,7 +32,8 @@ std::string shown_name(std::u16string_view name);
 std::string json_text_of(const RegPath& path);
 Json json_of(const RegPath& path);
 
-// Warns of a store that was found damaged and set aside.
+// Whether this process found the store damaged and set it aside; a warning of it.
+bool was_set_aside();
 void tell_what_was_set_aside();
 
 struct NamedRegValue {

@@ -10,13 +10,13 @@
 #include <string>
 
 #include "base/fail.h"
+#include "base/host_error.h"
 #include "base/host_fd.h"
 #include "base/shared_memory.h"
 #include "named/session.h"
 #include "names.h"
 #include "page_protection.h"
 #include "platform/base.h"
-#include "room_error.h"
 #include "views.h"
 
 namespace zr::platform::named {

@@ -3,9 +3,9 @@
 #include <new>
 #include <utility>
 
+#include "base/host_error.h"
 #include "named/queue.h"
 #include "platform/base.h"
-#include "room_error.h"
 
 namespace zr::platform::named {
 namespace {

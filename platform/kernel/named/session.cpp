@@ -7,10 +7,10 @@
 #include <new>
 
 #include "at_fork.h"
+#include "base/host_error.h"
 #include "base/state_folder.h"
 #include "engine.h"
 #include "platform/base.h"
-#include "room_error.h"
 
 namespace zr::platform::named {
 namespace {

@@ -64,9 +64,9 @@ public:
     }
     ~SharedSegment();
 
-    // make: new memory, zero, all of it set aside: ENOMEM when there is not so much, or it is over half of the machine's. open: what somebody has made and
-    // somebody has; EACCES when the number is not that of such memory of that size. 0 or an error number. Sizes are of
-    // whole pages.
+    // make: new memory, zero, all of it set aside: ENOMEM when there is not so much, or it is over half of the
+    // machine's. open: what somebody has made and somebody has; EACCES when the number is not that of such memory of
+    // that size. 0 or an error number. Sizes are of whole pages.
     int make(std::size_t size) noexcept;
     int open(int number, std::size_t size) noexcept;
     explicit operator bool() const noexcept { return held_ != nullptr; }

@@ -21,12 +21,14 @@ struct Folder {
 };
 
 // ZR_HOME, or the zrutility folder under the user's XDG data folder. Created with mode 0700, parents included, when it
-// does not exist. A ZR_HOME that exists is used as it is, whoever may read it: the user chose it.
+// does not exist. One that exists may be readable for others, as the user chose it; the right to write to it is taken
+// from them. ERROR_ACCESS_DENIED when it is another user's: what is in it could be anybody's.
 ZRPLATFORM_API Folder state_folder() noexcept;
 
 // The folder of what lives as long as the user's session: $XDG_RUNTIME_DIR/zrutility, or zrutility-UID under /tmp when
-// that variable is unset. Created with mode 0700. ERROR_ACCESS_DENIED unless it is a real directory (no symbolic link)
-// that the user owns and nobody else may enter; a wider mode of a folder that the user owns is narrowed.
+// that variable is unset, or, when that is another user's, zrutility-UID.1 and so on up to 3. Created with mode 0700.
+// ERROR_ACCESS_DENIED unless it is a real directory (no symbolic link) that the user owns; a wider mode is narrowed, so
+// that nobody else may enter.
 ZRPLATFORM_API Folder runtime_folder() noexcept;
 
 }  // namespace zr::platform

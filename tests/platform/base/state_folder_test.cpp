@@ -1,6 +1,8 @@
 #include "base/state_folder.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 
 #include "base/host_error.h"
 #include "platform/errors.h"
+#include "support/forked.h"
 #include "support/permissions.h"
 #include "support/sandbox.h"
 
@@ -57,6 +60,24 @@ TEST_F(StateFolder, AnExistingZrHomeIsUsedAsItIs) {
     const Folder folder = state_folder();
     EXPECT_EQ(folder.path, (base / "open").string());
     EXPECT_EQ(mode_of(base / "open"), 0755u);
+}
+
+TEST_F(StateFolder, OthersMayNotWriteToZrHome) {
+    fs::create_directory(base / "open");
+    chmod((base / "open").c_str(), 0777);
+    set("ZR_HOME", base / "open");
+    EXPECT_TRUE(state_folder());
+    EXPECT_EQ(mode_of(base / "open"), 0755u);
+}
+
+TEST_F(StateFolder, AZrHomeOfSomebodyElseIsRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
+    fs::create_directory(base / "theirs");
+    ASSERT_EQ(chown((base / "theirs").c_str(), 12345, 12345), 0);
+    set("ZR_HOME", base / "theirs");
+    const Folder folder = state_folder();
+    EXPECT_EQ(folder.error, ERROR_ACCESS_DENIED);
+    EXPECT_NE(folder.message.find("theirs: belongs to another user (12345)"), std::string::npos) << folder.message;
 }
 
 TEST_F(StateFolder, ARelativeZrHomeIsMadeAbsolute) {
@@ -144,6 +165,36 @@ TEST_F(StateFolder, ARuntimeFolderOfSomebodyElseIsRefused) {
     ASSERT_EQ(chown((base / "zrutility").c_str(), 12345, 12345), 0);
     set("XDG_RUNTIME_DIR", base);
     EXPECT_EQ(runtime_folder().error, ERROR_ACCESS_DENIED);
+}
+
+// With a /tmp of its own.
+TEST_F(StateFolder, WhereAStrangerHasTheNameAnotherOneIsAgreedOn) {
+    constexpr int kNotPossibleHere = 77;
+    const int result = zr::test::in_fork([] {
+        if (unshare(CLONE_NEWNS | (geteuid() == 0 ? 0 : CLONE_NEWUSER)) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0)
+            return kNotPossibleHere;
+        unsetenv("XDG_RUNTIME_DIR");
+        const std::string name = "/tmp/zrutility-" + std::to_string(geteuid());
+        std::ofstream(name) << "a stranger's";
+        if (runtime_folder().path != name + ".1") return 1;
+        fs::create_directory(name + ".2");
+        if (runtime_folder().path != name + ".1") return 2;
+        fs::remove(name);
+        if (runtime_folder().path != name + ".1") return 3;  // others are there already
+        fs::remove(name + ".1");
+        fs::remove(name + ".2");
+        if (runtime_folder().path != name || mode_of(name) != 0700) return 4;
+        fs::remove(name);
+        for (const char* const end : {"", ".1", ".2", ".3"}) {
+            fs::create_symlink("/", name + end);
+        }
+        const Folder none = runtime_folder();
+        return none.error == ERROR_ACCESS_DENIED && none.message.find(name) != std::string::npos ? 0 : 5;
+    });
+    if (result == kNotPossibleHere) GTEST_SKIP() << "no file system of our own here";
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(StateFolder, AMissingRuntimeDirectoryIsReported) {

@@ -1,3 +1,4 @@
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <random>
@@ -5,6 +6,7 @@
 #include "files_support.h"
 #include "platform/diagnostics.h"
 #include "support/child.h"
+#include "support/forked.h"
 
 namespace fs = std::filesystem;
 using namespace zr::test;
@@ -270,4 +272,24 @@ TEST(OpenFile, RandomWritesAgreeWithAString) {
         ASSERT_EQ(GetFileSize(file, nullptr), model.size());
     }
     EXPECT_TRUE(CloseHandle(file));
+}
+
+// The process may make files of 50,000 bytes: that is all the room there is, and no signal.
+TEST(WriteFile, ALimitOfFileSizesIsAFullDisk) {
+    const TempFolder folder;
+    EXPECT_EQ(zr::test::in_fork([&] {
+                  const HANDLE file = open(folder.handheld() + u"\\limited", GENERIC_WRITE, CREATE_NEW);
+                  const rlimit limit{50000, RLIM_INFINITY};
+                  if (file == INVALID_HANDLE_VALUE || setrlimit(RLIMIT_FSIZE, &limit) != 0) return 1;
+                  const std::string text(60000, 'x');
+                  DWORD written = 0;
+                  if (WriteFile(file, text.data(), 60000, &written, nullptr) || GetLastError() != ERROR_DISK_FULL)
+                      return 2;
+                  if (SetFilePointer(file, 70000, nullptr, FILE_BEGIN) != 70000) return 3;
+                  if (SetEndOfFile(file) || GetLastError() != ERROR_DISK_FULL) return 4;
+                  if (CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 100000, nullptr)) return 5;
+                  return GetLastError() == ERROR_NOT_ENOUGH_MEMORY ? 0 : 6;
+              }),
+              0);
+    EXPECT_EQ(fs::file_size(folder.host() / "limited"), 50000u);
 }

@@ -160,7 +160,6 @@ TEST(Faults, AnEmptyFileBecomesAStoreAndAForeignOneDoesNot) {
 
 // A file that may not grow is a disk that is full, to the store.
 ZR_CHILD(fill_the_disk) {
-    signal(SIGXFSZ, SIG_IGN);
     TestSession session;
     const auto items = session.items();
     if (session.add(u"before", u"") != 1) return 10;

@@ -276,7 +276,6 @@ int fill_up(const std::function<void()>& make_room) {
 }
 
 ZR_CHILD(fill_to_the_limit) {
-    signal(SIGXFSZ, SIG_IGN);
     create(HKEY_CURRENT_USER, u"full");
     const rlimit limit = {600000, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &limit);

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -18,11 +20,18 @@ using zr::test::zr;
 class StoreTool : public testing::Test {
 protected:
     void SetUp() override { setenv("ZR_HOME", (folder_.host() / "home").c_str(), 1); }
-    std::string path(const char* name) const { return folder_.host() / name; }
+    std::string path(const std::string& name) const { return folder_.host() / name; }
     std::string contacts() const { return path("home") + "/pim.db"; }
     static void add(const std::string& first) {
         EXPECT_EQ(zr({"contacts", "add", "--first", first, "--last", "Somebody", "--note", std::string(900, 'n')}).code,
                   0);
+    }
+    // A calendar's export says when it was made.
+    static std::string without_stamps(std::string text) {
+        for (std::size_t at = 0; (at = text.find("DTSTAMP:", at)) != std::string::npos; ++at) {
+            text.replace(at, 25, "");
+        }
+        return text;
     }
     std::string set_aside() const {
         for (const auto& entry : std::filesystem::directory_iterator(path("home"))) {
@@ -79,6 +88,107 @@ TEST_F(StoreTool, BringsBackWhatIsReadable) {
     EXPECT_EQ(zr({"store", "restore", path("found.db")}).code, 0);
     EXPECT_EQ(zr({"store", "check", "contacts"}).code, 0);
     EXPECT_GT(lines_of(zr({"contacts", "list"}).out).size(), 3u);
+}
+
+// Wherever the damage is: an export says so and writes nothing, or has met none of it and is what it was.
+TEST_F(StoreTool, AnExportOfADamagedStoreWritesNoFile) {
+    for (int i = 0; i < 12; ++i) {
+        add("Person " + std::to_string(i));
+        ASSERT_EQ(zr({"reg", "set", "HKCU\\Key" + std::to_string(i), "n", std::string(1500, 'v')}).code, 0);
+    }
+    ASSERT_EQ(zr({"calendar", "import", zr::test::kData + "office.ics"}).code, 7);
+    const std::vector<std::vector<std::string>> exports = {
+        {"contacts", "export"}, {"calendar", "export"}, {"reg", "export"}};
+    for (const auto& command : exports) {
+        const std::string store = command[0] == "reg" ? path("home") + "/registry.db" : contacts();
+        const std::string whole = read_file(store);
+        const std::string kept = path("kept " + command[0]);
+        std::filesystem::copy(path("home"), kept);
+        const std::string target = path("exported");
+        const auto run = [&] { return zr({command[0], command[1], "--output", target}); };
+        std::filesystem::remove(target);
+        ASSERT_EQ(run().code, 0);
+        const std::string good = without_stamps(read_file(target));
+        int damaged = 0;
+        for (std::size_t page = 0; page < whole.size() / 4096; ++page) {
+            std::string bytes = whole;
+            bytes[page * 4096 + 2000] = static_cast<char>(bytes[page * 4096 + 2000] ^ 8);
+            write_file(store, bytes);
+            write_file(target, "an earlier export");
+            const auto result = run();
+            if (result.code == 0) {
+                EXPECT_EQ(without_stamps(read_file(target)), good) << command[0] << ' ' << page;
+            } else {
+                ++damaged;
+                EXPECT_EQ(result.code, 10) << command[0] << ' ' << page << result.err;
+                EXPECT_EQ(read_file(target), "an earlier export") << command[0] << ' ' << page;
+                EXPECT_NE(result.err.find("damaged"), std::string::npos) << result.err;
+            }
+            std::filesystem::remove_all(path("home"));
+            std::filesystem::copy(kept, path("home"));
+        }
+        EXPECT_GT(damaged, 0) << command[0];
+    }
+}
+
+TEST_F(StoreTool, ALimitOfFileSizesIsAFullDisk) {
+    for (int i = 0; i < 8; ++i) {
+        add("Person " + std::to_string(i));
+    }
+    const std::string zr_tool = ZR_TOOL;
+    const auto limited = [&](const std::string& rest) {
+        return zr::test::run({"sh", "-c", "ulimit -f 4; exec " + zr_tool + " " + rest});
+    };
+    const auto written = limited("contacts export --output " + path("cards"));
+    EXPECT_EQ(written.code, 8) << written.err;
+    EXPECT_FALSE(std::filesystem::exists(path("cards")));
+    EXPECT_EQ(limited("contacts export > " + path("out")).code, 8);
+    EXPECT_EQ(limited("store backup contacts " + path("backup.db")).code, 8);
+    EXPECT_FALSE(std::filesystem::exists(path("backup.db")));
+    EXPECT_EQ(limited("contacts add --last X --note " + std::string(20000, 'n')).code, 8);
+    EXPECT_EQ(lines_of(zr({"contacts", "list"}).out).size(), 8u);
+}
+
+// What others could have had a hand in is refused by name, and nothing is followed or changed.
+TEST_F(StoreTool, RefusesFilesThatAreNotTheUsersAlone) {
+    add("Kept");
+    ASSERT_EQ(zr({"reg", "set", "HKCU\\A", "n", "v"}).code, 0);
+    const std::string list[][3] = {{"registry.db", "reg", "tree"}, {"pim.db", "contacts", "list"}};
+    for (const auto& [name, group, verb] : list) {
+        const std::string store = path("home") + "/" + name;
+        const auto refused = [&](const std::string& file, const std::string& why) {
+            const auto result = zr({group, verb});
+            EXPECT_NE(result.code, 0);
+            EXPECT_NE(result.err.find(file + ": " + why), std::string::npos) << result.err;
+        };
+        ASSERT_EQ(chmod(store.c_str(), 0620), 0);
+        refused(store, "can be written by other users");
+        ASSERT_EQ(chmod(store.c_str(), 0600), 0);
+        EXPECT_EQ(zr({group, verb}).code, 0);
+        for (const char* const end : {"", "-wal", "-shm", ".bell", ".lock"}) {
+            const std::string file = store + end;
+            const std::string kept = path("kept");
+            if (std::filesystem::exists(file)) std::filesystem::rename(file, kept);
+            const std::string target = path("target");
+            std::filesystem::create_symlink(target, file);
+            refused(file, "is a symbolic link");
+            EXPECT_FALSE(std::filesystem::exists(target)) << file;
+            std::filesystem::remove(file);
+            if (geteuid() == 0) {
+                write_file(file, "");
+                ASSERT_EQ(chown(file.c_str(), 12345, 12345), 0);
+                refused(file, "belongs to another user");
+                EXPECT_EQ(std::filesystem::file_size(file), 0u);
+                std::filesystem::remove(file);
+            }
+            if (std::filesystem::exists(kept)) std::filesystem::rename(kept, file);
+            EXPECT_EQ(zr({group, verb}).code, 0) << file;
+        }
+    }
+    EXPECT_NE(zr({"contacts", "list"}).out.find("Kept"), std::string::npos);
+    if (geteuid() != 0) return;
+    ASSERT_EQ(chown(path("home").c_str(), 12345, 12345), 0);
+    EXPECT_NE(zr({"contacts", "list"}).err.find("home: belongs to another user (12345)"), std::string::npos);
 }
 
 TEST_F(StoreTool, RefusesWhatIsNoStore) {
