@@ -98,7 +98,8 @@ const StoreKind kMailStore = {"mail",
                               "PRAGMA cache_size = -8192;",
                               "SELECT NOT EXISTS(SELECT 1 FROM message WHERE folder NOT IN (SELECT id FROM folder))"
                               " AND NOT EXISTS(SELECT 1 FROM folder WHERE account NOT IN (SELECT id FROM account))"
-                              " AND NOT EXISTS(SELECT 1 FROM property WHERE blob NOT IN (SELECT id FROM blob))"
+                              " AND NOT EXISTS(SELECT 1 FROM property WHERE blob IS NOT NULL AND blob NOT IN"
+                              " (SELECT id FROM blob))"
                               " AND NOT EXISTS(SELECT 1 FROM property WHERE owner & 7 = 5 AND owner >> 3 NOT IN"
                               " (SELECT id FROM message))",
                               kTables,

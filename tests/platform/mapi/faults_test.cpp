@@ -6,17 +6,22 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
 #include <map>
+#include <memory>
 #include <optional>
 #include <random>
 #include <set>
 
 #include "mail_support.h"
 #include "platform/stores.h"
+#include "platform/windowing.h"
 #include "support/child.h"
+#include "support/failing_new.h"
 #include "support/forked.h"
 
 namespace zr::test {
@@ -110,7 +115,7 @@ ZR_CHILD(mapi_busy) {
     std::vector<std::pair<Bytes, int>> mine[3];
     int number = std::stoi(args[0]) * 1000;
     say("ready");
-    for (;;) {
+    for (int left = args.size() > 1 ? std::stoi(args[1]) : INT_MAX; left > 0; --left) {
         const auto from = random() % 3;
         const auto to = random() % 3;
         if (mine[from].empty() || random() % 3 == 0) {
@@ -136,6 +141,7 @@ ZR_CHILD(mapi_busy) {
             mine[from].pop_back();
         }
     }
+    return 0;
 }
 
 TEST_F(MapiFaults, KilledWritersLoseNothing) {
@@ -177,6 +183,33 @@ TEST_F(MapiFaults, KilledWritersLoseNothing) {
         EXPECT_EQ(count, found.size());
     }
     EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_SUCCESS)) << ZrStoreLastErrorText();
+}
+
+TEST_F(MapiFaults, ThreeProcessesAtWorkAgreeWithWhatTheySaid) {
+    std::vector<std::unique_ptr<Child>> children;
+    for (const char* first : {"1", "2", "3"}) {
+        children.push_back(std::make_unique<Child>("mapi_busy", std::vector<std::string>{first, "150"}));
+    }
+    std::set<int> there;
+    for (const auto& child : children) {
+        ASSERT_EQ(child->hear(), "ready");
+        for (std::string line; !(line = child->hear()).empty();) {
+            const int number = std::stoi(line.substr(1));
+            if (line[0] == '+') {
+                there.insert(number);
+            } else {
+                there.erase(number);
+            }
+        }
+        EXPECT_EQ(child->wait(), 0);
+    }
+    const Mail mail;
+    std::set<int> found;
+    for (const auto& [number, times] : all_messages(mail, true)) {
+        EXPECT_EQ(times, 1);
+        found.insert(number);
+    }
+    EXPECT_EQ(found, there);
 }
 
 // Moves every message of the Inbox, one call each, and says how many it got.
@@ -333,6 +366,26 @@ TEST_F(MapiFaults, ADamagedStoreIsSetAsideAndBroughtBack) {
     EXPECT_EQ(add_original(folder.get(), 1000, fresh), S_OK);
 }
 
+// Lives on its test's stack.
+class CriticalErrors final : public IMAPIAdviseSink {
+public:
+    HRESULT QueryInterface(REFIID, void** object) override {
+        *object = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG AddRef() override { return 2; }
+    ULONG Release() override { return 1; }
+    ULONG OnNotify(ULONG notices, LPNOTIFICATION list) override {
+        for (ULONG i = 0; i < notices; ++i) {
+            EXPECT_EQ(list[i].ulEventType, fnevCriticalError);
+            EXPECT_EQ(list[i].info.err.scode, MAPI_E_CORRUPT_DATA);
+            ++count;
+        }
+        return 0;
+    }
+    int count = 0;
+};
+
 TEST_F(MapiFaults, OpenSessionsGoOnInTheNewStore) {
     {
         const Mail mail;
@@ -342,9 +395,12 @@ TEST_F(MapiFaults, OpenSessionsGoOnInTheNewStore) {
         }
     }
     damage_the_middle();
+    CriticalErrors sink;
     const Mail mail;
     ASSERT_EQ(mail.open, S_OK) << "the front of the file is whole";
     Ref<IMAPIFolder> old_inbox = mail.folder();
+    ULONG connection = 0;
+    ASSERT_EQ(mail.store->Advise(0, nullptr, fnevCriticalError, &sink, &connection), S_OK);
     EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_FILE_CORRUPT));
     EXPECT_TRUE(FAILED(Props(old_inbox.get(), {PR_DISPLAY_NAME_W}).result));
     EXPECT_EQ(Props(mail.store.get(), {PR_DISPLAY_NAME_W}).result, MAPI_E_OBJECT_DELETED);
@@ -354,6 +410,11 @@ TEST_F(MapiFaults, OpenSessionsGoOnInTheNewStore) {
     EXPECT_EQ(Props(fresh.get(), {PR_CONTENT_COUNT}).number(), 0);
     mail.add(fresh.get(), u"2");
     EXPECT_EQ(Props(fresh.get(), {PR_CONTENT_COUNT}).number(), 1);
+    MSG message = {};
+    while (sink.count == 0 && GetMessageW(&message, nullptr, 0, 0)) {
+        DispatchMessageW(&message);
+    }
+    EXPECT_EQ(sink.count, 1) << "who asked is told that the store was set aside";
 }
 
 TEST_F(MapiFaults, AChildOfAForkAndItsParentWorkOn) {
@@ -377,6 +438,50 @@ TEST_F(MapiFaults, AChildOfAForkAndItsParentWorkOn) {
     EXPECT_EQ(in_fork([&] { return Props(held.get(), {PR_SUBJECT_W}).result == MAPI_E_BUSY ? 0 : 1; }), 0);
     ASSERT_EQ(extras->CommitBatch(), S_OK);
     EXPECT_EQ(Props(inbox.get(), {PR_CONTENT_COUNT}).number(), 4);
+}
+
+// Every allocation of a message's way through the calls fails once.
+TEST_F(MapiFaults, ShortMemoryIsAResult) {
+    const Mail mail;
+    Ref<IMAPIFolder> inbox = mail.folder();
+    Ref<IMAPIFolder> other = mail.folder(PR_IPM_SENTMAIL_ENTRYID);
+    const auto way = [&]() -> HRESULT {
+        Ref<IMessage> message;
+        HRESULT result = inbox->CreateMessage(nullptr, 0, message.out());
+        if (FAILED(result)) return result;
+        result = set(message.get(), text_prop(PR_SUBJECT_W, u"short"));
+        if (SUCCEEDED(result)) result = set(message.get(), text_prop(PR_COMMENT_W, u"a longer text that is allocated"));
+        if (SUCCEEDED(result)) result = message->SaveChanges(0);
+        if (FAILED(result)) return result;
+        SPropTagArray tags = {1, {PR_ENTRYID}};
+        ULONG count = 0;
+        LPSPropValue id = nullptr;
+        result = message->GetProps(&tags, 0, &count, &id);
+        ENTRYLIST list = {1, id != nullptr ? &id->Value.bin : nullptr};
+        if (SUCCEEDED(result)) result = inbox->CopyMessages(&list, nullptr, other.get(), 0, nullptr, MESSAGE_MOVE);
+        if (SUCCEEDED(result)) result = other->DeleteMessages(&list, 0, nullptr, 0);
+        MAPIFreeBuffer(id);
+        Ref<IMAPITable> table;
+        if (SUCCEEDED(result)) result = inbox->GetContentsTable(0, table.out());
+        LPSRowSet rows = nullptr;
+        if (SUCCEEDED(result)) result = table->QueryRows(5, 0, &rows);
+        FreeProws(rows);
+        return result;
+    };
+    ASSERT_EQ(way(), S_OK);
+    HRESULT result = E_FAIL;
+    int most = 0;
+    for (; most < 2000 && result != S_OK; ++most) {
+        const FailingNew failing(most);
+        result = way();
+        if (result != S_OK) {
+            ASSERT_EQ(result, MAPI_E_NOT_ENOUGH_MEMORY) << "at allocation " << most;
+        }
+    }
+    EXPECT_EQ(result, S_OK);
+    EXPECT_GT(most, 10);
+    ASSERT_EQ(way(), S_OK);
+    EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_SUCCESS)) << ZrStoreLastErrorText();
 }
 
 // Rows are walked at the same price in a large folder as in a small one.
