@@ -13,6 +13,7 @@ function(house file include)
     file(WRITE ${WORK}/platform/seam/${family}/offer.h "")
     file(WRITE ${WORK}/platform/${family}/private.h "")
   endforeach()
+  file(WRITE ${WORK}/platform/seam/base/forks.h "enum class ForkRank {\n Low,\n Middle,\n High,\n Count,\n};\n")
   file(WRITE ${WORK}/platform/include/platform/platform.h "#include \"platform/high.h\"\n")
   file(WRITE ${WORK}/zr/rooms.cmake "include(${ROOT}/zr/rooms.cmake)\n"
        "set(ZR_ROOMS)\nzr_room(floor)\nzr_room(left USES floor)\nzr_room(right USES floor)\n"
@@ -76,6 +77,13 @@ fails(platform/seam/middle/x.h "\"private.h\"")
 fails(platform/include/platform/middle.h "\"platform/high.h\"")
 fails(platform/include/platform/middle.h "\"middle/offer.h\"")
 fails(platform/include/platform/more.h "<string>" "platform/more.h is no family's")
+
+# Forks go by the order of the families.
+foreach(ranks "Low, High, Middle, Count" "Low, Middle, Count" "Low, Middle, High, Attic, Count")
+  house(platform/middle/x.cpp "<string>")
+  file(WRITE ${WORK}/platform/seam/base/forks.h "enum class ForkRank { ${ranks} };\n")
+  complains("ForkRank names other families")
+endforeach()
 
 # The library sees the platform's public headers.
 passes(ZrUtility/X.cpp "\"platform/high.h\"")

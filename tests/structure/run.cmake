@@ -71,6 +71,15 @@ foreach(header IN LISTS headers)
   list(APPEND wrong "${header} is no family's: name it in platform/families.cmake")
 endforeach()
 
+# At a fork the families take their locks in the same order.
+file(READ ${ROOT}/platform/seam/base/forks.h text)
+string(REGEX MATCH "enum class ForkRank {([^}]*)}" ranks "${text}")
+string(TOLOWER "${CMAKE_MATCH_1}" ranks)
+string(REGEX MATCHALL "[a-z0-9_]+" ranks "${ranks}")
+if(NOT "${ranks}" STREQUAL "${ZR_FAMILIES};count")
+  list(APPEND wrong "platform/seam/base/forks.h: ForkRank names other families than platform/families.cmake, or in another order")
+endif()
+
 # The tool and the examples: what an outside user can use.
 list(JOIN ZR_FAMILIES "|" families)
 file(GLOB_RECURSE files ${ROOT}/zr/*.h ${ROOT}/zr/*.cpp ${ROOT}/examples/*.cpp)

@@ -46,8 +46,9 @@ enum class ForkRank {
     Pim,
     Shell,
     Modules,
-    Mapi,
     IpHelper,
+    Connection,
+    Mapi,
     Count,
 };
 
