@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "base/forks.h"
 #include "base/live_count.h"
 #include "com/com_class.h"
 #include "initialise.h"
@@ -63,10 +64,16 @@ std::mutex registrations_lock;
 DWORD last_cookie = 0;
 
 // Lives for ever: the program may revoke a class from a static object's destructor.
+alignas(std::vector<Registration>) unsigned char registrations_storage[sizeof(std::vector<Registration>)];
+auto& the_registrations = *new (registrations_storage) std::vector<Registration>;
+
 std::vector<Registration>& registrations() {
-    static auto* all = new std::vector<Registration>;
-    return *all;
+    return the_registrations;
 }
+
+const AtFork at_fork{ForkRank::Com,
+                     {[]() noexcept { registrations_lock.lock(); }, []() noexcept { registrations_lock.unlock(); },
+                      []() noexcept { registrations_lock.unlock(); }}};
 
 // The registered class object with a reference of its own; a single-use one is the caller's alone from then on.
 IUnknown* take_registered(REFCLSID clsid, DWORD context) {

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "base/fail.h"
+#include "base/forks.h"
 #include "base/utf.h"
 #include "files/host_path.h"
 #include "kernel/thread.h"
@@ -35,10 +36,17 @@ struct Modules {
     std::map<HMODULE, Module> loaded;
 };
 
+// Never destroyed: modules may be freed while the process exits.
+alignas(Modules) unsigned char modules_storage[sizeof(Modules)];
+Modules& the_modules = *new (modules_storage) Modules;
+
 Modules& modules() {
-    static auto* const all = new Modules;  // modules may be freed while the process exits
-    return *all;
+    return the_modules;
 }
+
+const AtFork at_fork{ForkRank::Modules,
+                     {[]() noexcept { the_modules.mutex.lock(); }, []() noexcept { the_modules.mutex.unlock(); },
+                      []() noexcept { the_modules.mutex.unlock(); }}};
 
 HMODULE module_of(void* library) {
     return reinterpret_cast<HMODULE>(library);

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "platform/diagnostics.h"
+#include "support/forked.h"
+#include "support/instrumented.h"
 
 namespace {
 
@@ -17,7 +19,7 @@ constexpr CLSID kClass = {0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
 
 struct Factory final : IClassFactory {
     std::atomic<ULONG> references{1};
-    int made = 0;
+    std::atomic<int> made{0};
 
     HRESULT QueryInterface(REFIID riid, void** object) override {
         *object = nullptr;
@@ -86,7 +88,7 @@ TEST(Classes, RegisterCreateRevoke) {
     EXPECT_EQ(CoCreateInstance(kClass, &factory, CLSCTX_ALL, IID_IUnknown, &object), CLASS_E_NOAGGREGATION);
     EXPECT_EQ(CoCreateInstance(kClass, nullptr, CLSCTX_ALL, IID_IUnknown, &object), S_OK);
     EXPECT_NE(object, nullptr);
-    EXPECT_EQ(factory.made, 3);
+    EXPECT_EQ(factory.made.load(), 3);
     static_cast<IUnknown*>(object)->Release();
     EXPECT_EQ(CoRevokeClassObject(cookie), S_OK);
     EXPECT_EQ(CoRevokeClassObject(cookie), E_INVALIDARG);
@@ -262,6 +264,31 @@ TEST(Slots, StreamOrder) {
     EXPECT_EQ(index(&IStream::Clone), 13);
     EXPECT_EQ(index(&IDispatch::Invoke), 6);
     EXPECT_EQ(index(&IClassFactory::CreateInstance), 3);
+}
+
+TEST(ComFork, BothProcessesGoOnAfterThreeHundredForksUnderLoad) {
+    using namespace zr::test;
+    Factory factory;
+    const auto use = [&factory] {
+        if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) return 1;
+        DWORD cookie = 0;
+        if (CoRegisterClassObject(kClass, &factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie) != S_OK)
+            return 2;
+        IUnknown* object = nullptr;
+        const HRESULT made =
+            CoCreateInstance(kClass, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, reinterpret_cast<void**>(&object));
+        if (object) object->Release();
+        const BSTR text = SysAllocString(u"text");
+        SysFreeString(text);
+        if (CoRevokeClassObject(cookie) != S_OK) return 3;
+        CoUninitialize();
+        return made == S_OK && text ? 0 : 4;
+    };
+    const Load load({[&] { EXPECT_EQ(use(), 0); }, [&] { EXPECT_EQ(use(), 0); }});
+    for (int i = 0; i < 300 / kStride; ++i) {
+        ASSERT_EQ(in_fork(use), 0) << "fork " << i;
+    }
+    EXPECT_EQ(use(), 0);
 }
 
 }  // namespace

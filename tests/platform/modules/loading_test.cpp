@@ -6,6 +6,8 @@
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/modules.h"
+#include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/modules.h"
 
 using namespace zr::test;
@@ -132,4 +134,25 @@ TEST(Modules, APathThatDoesNotFitIsCut) {
     EXPECT_EQ(GetModuleFileNameW(module, name, exact + 1), exact);
     EXPECT_EQ(GetModuleFileNameW(module, name, 0), 0u);
     EXPECT_TRUE(FreeLibrary(module));
+}
+
+TEST(Modules, BothProcessesGoOnAfterThreeHundredForksUnderLoad) {
+    const ModuleFolder folder;
+    const std::u16string path = folder.add("seven", "a.so");
+    const HMODULE kept = LoadLibraryW(path.c_str());
+    ASSERT_NE(kept, nullptr);
+    const auto use = [&] {
+        WCHAR name[kCapacity];
+        const HMODULE module = LoadLibraryW(path.c_str());
+        if (module != kept) return 1;
+        if (GetModuleFileNameW(module, name, kCapacity) != path.size()) return 2;
+        return FreeLibrary(module) ? 0 : 3;
+    };
+    {
+        const Load load({[&] { EXPECT_EQ(use(), 0); }, [&] { EXPECT_EQ(use(), 0); }});
+        for (int i = 0; i < 300 / kStride; ++i) {
+            ASSERT_EQ(in_fork(use), 0) << "fork " << i;
+        }
+    }
+    EXPECT_TRUE(FreeLibrary(kept));
 }
