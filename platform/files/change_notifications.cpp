@@ -4,6 +4,7 @@
 
 #include "change_source.h"
 #include "entry.h"
+#include "files/change_caller.h"
 #include "files/host_path.h"
 #include "folder_watch.h"
 #include "platform/file_changes.h"
@@ -46,6 +47,13 @@ HANDLE watch_folder(LPCWSTR path, bool subtree, DWORD filter) {
 }
 
 }  // namespace
+
+bool call_at_changes(HANDLE changes, HostSource& source) {
+    const auto watch = lookup<FolderWatch>(changes);
+    if (watch) watch->call(source);
+    return static_cast<bool>(watch);
+}
+
 }  // namespace zr::platform
 
 using namespace zr::platform;

@@ -378,6 +378,7 @@ void FolderWatch::tell() {
     else
         missed_ = true;
     armed_ = false;
+    if (caller_) call_host_source(*caller_, Deadline::at_once());
 }
 
 DWORD FolderWatch::next() {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "change_records.h"
+#include "kernel/host_events.h"
 #include "kernel/waitable.h"
 
 namespace zr::platform {
@@ -76,6 +77,11 @@ public:
 
     // --- Called from any thread.
 
+    // Has the source called for each record from now on.
+    void call(HostSource& source) {
+        const std::lock_guard guard(mutex_);
+        caller_ = &source;
+    }
     // Arms the event again; a system error code when the watch has ended.
     DWORD next();
     bool keeps_records() const { return (filter_ & FILE_NOTIFY_CHANGE_CEGETINFO) != 0; }
@@ -120,6 +126,7 @@ private:
 
     std::mutex mutex_;  // guards what follows
     ChangeRecords records_;
+    HostSource* caller_ = nullptr;
     bool armed_ = true;
     bool missed_ = false;  // something changed since the event was set
     DWORD end_ = 0;        // why nothing more will come; changed with the source's lock held as well

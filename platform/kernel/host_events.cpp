@@ -39,6 +39,7 @@ private:
     void take_wakes(short what) noexcept;
     void serve(std::unique_lock<std::mutex>& lock, HostSource& source) noexcept;
     void serve_due(std::unique_lock<std::mutex>& lock) noexcept;
+    bool is_on_thread() const noexcept { return worker_.is_running() && pthread_equal(thread_, pthread_self()); }
     bool is_listed(const HostSource& source) const noexcept;
 
     std::mutex mutex_;
@@ -82,8 +83,8 @@ void HostEvents::remove(HostSource& source) noexcept {
     }
     source.descriptor_ = -1;
     source.due_ = INT64_MAX;
+    if (is_on_thread()) return;
     wake();
-    if (worker_.is_running() && pthread_equal(thread_, pthread_self())) return;
     called_.wait(guard, [&] { return calling_ != &source; });
 }
 
@@ -91,7 +92,7 @@ void HostEvents::call(HostSource& source, Deadline when) noexcept {
     const std::lock_guard guard(mutex_);
     if (!is_listed(source)) return;
     source.due_ = when.ns;
-    wake();
+    if (!is_on_thread()) wake();
 }
 
 DWORD HostEvents::start() noexcept {

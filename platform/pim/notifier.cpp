@@ -54,7 +54,7 @@ HRESULT Notifier::add_place(const void* key, HWND window) {
         const HRESULT result = store_result(store_.shared().keep_changes(seq));
         if (FAILED(result)) return result;
     }
-    windows_.push_back({key, window, seq});
+    windows_.emplace_back(*this, key, window, seq);
     window_count_.store(static_cast<int>(windows_.size()));
     return S_OK;
 }
@@ -131,8 +131,8 @@ void Notifier::dispatch() {
     dispatch_locked();
 }
 
-// A window whose queue is full sits the rest of the round out; a failure to read ends it. Either way the worker tries
-// again.
+// A window whose queue is full sits the rest of the round out, and calls when it has room; a failure to read ends the
+// round, and the worker tries again.
 void Notifier::dispatch_locked() {
     behind_.store(false);
     std::vector<Window*> round;
@@ -178,10 +178,7 @@ bool Notifier::read_changes(LONGLONG seq, std::vector<Change>& changes) {
 bool Notifier::post_all(Window& window, const std::vector<Change>& changes) {
     for (const Change& change : changes) {
         if (change.seq <= window.seq) continue;
-        if (!post(window, change)) {
-            behind_.store(true);
-            return false;
-        }
+        if (!post(window, change)) return false;
         window.seq = change.seq;
     }
     return true;
@@ -194,11 +191,9 @@ bool Notifier::post(Window& window, const Change& change) {
     const INT folder = folder_of(change.oid);
     if ((effective(folder) & (local ? PIMFOLDERNOTIFICATION_LOCAL : PIMFOLDERNOTIFICATION_REMOTE)) == 0) return true;
     const UINT message = (local ? PIM_ITEM_CREATED_LOCAL : PIM_ITEM_CREATED_REMOTE) + static_cast<UINT>(change.kind);
-    const DWORD error_before = GetLastError();
-    const BOOL posted = PostMessageW(window.window, message, static_cast<WPARAM>(change.oid), folder);
-    const bool full = posted == FALSE && GetLastError() == ERROR_NOT_ENOUGH_QUOTA;
-    SetLastError(error_before);
-    return !full;
+    const Posted posted = post_or_wait(window.window, message, static_cast<WPARAM>(change.oid), folder, window);
+    if (posted == Posted::Later) behind_.store(true);
+    return posted == Posted::Yes || posted == Posted::Gone;
 }
 
 bool Notifier::rang() noexcept {

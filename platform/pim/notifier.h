@@ -4,9 +4,11 @@
 //
 // Each window has its own place in the log and gets what lies behind it in the log's order, this process's changes as
 // local and other processes' as remote. Local ones are posted by the call that committed them; remote ones behind the
-// ring of the store's bell. A window whose queue is full keeps its place, and is tried again until the queue has room.
+// ring of the store's bell. A window whose queue is full keeps its place, and is posted to again when the queue has
+// room.
 
 #include <atomic>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,6 +16,7 @@
 
 #include "platform/pim.h"
 #include "store/store_listener.h"
+#include "windowing/post_room.h"
 
 namespace zr::platform::pim {
 
@@ -58,9 +61,16 @@ public:
     }
 
 private:
-    struct Window {
-        const void* key;
-        HWND window;
+    // Has the store's listener come back when its queue has room again.
+    struct Window final : RoomWaiter {
+        Window(Notifier& owner, const void* by, HWND told, LONGLONG place)
+            : notifier(owner), key(by), window(told), seq(place) {}
+        ~Window() { forget_room(*this); }
+        void room() noexcept override { call_store_watcher(notifier); }
+
+        Notifier& notifier;
+        const void* const key;
+        const HWND window;
         LONGLONG seq;
     };
 
@@ -80,9 +90,9 @@ private:
     bool listening_ = false;
 
     std::mutex mutex_;
-    std::vector<Window> windows_;
+    std::list<Window> windows_;
     std::atomic<int> window_count_{0};
-    std::atomic<bool> behind_{false};  // some window's queue was full
+    std::atomic<bool> behind_{false};  // something failed that is worth another try
     int sessions_ = 0;
     std::map<INT, ULONG> set_;
     std::map<INT, ULONG> saved_;

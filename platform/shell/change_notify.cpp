@@ -1,17 +1,18 @@
-// Notifications of changed files as window messages: one thread per registered window.
+// Notifications of changed files as window messages, posted by the host's thread as it hears of the changes.
 
+#include <cstddef>
 #include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include "base/fail.h"
-#include "base/signal_block.h"
+#include "base/forks.h"
+#include "files/change_caller.h"
+#include "kernel/host_events.h"
 #include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/file_changes.h"
@@ -19,13 +20,14 @@
 #include "platform/kernel.h"
 #include "platform/shell.h"
 #include "platform/windowing.h"
+#include "windowing/post_room.h"
 
 namespace zr::platform {
 namespace {
 
 constexpr DWORD kFileEvents = SHCNE_RENAMEITEM | SHCNE_CREATE | SHCNE_DELETE | SHCNE_UPDATEITEM;
 constexpr DWORD kFolderEvents = SHCNE_RENAMEFOLDER | SHCNE_MKDIR | SHCNE_RMDIR;
-constexpr DWORD kRetryMilliseconds = 20;  // while the window's queue is full
+constexpr DWORD kRetryMilliseconds = 20;  // where memory is short
 
 // A notification with the texts that it points to.
 struct Notify {
@@ -48,15 +50,17 @@ public:
         all_.erase(notify);
     }
 
+    // For a fork.
+    std::mutex& lock() { return mutex_; }
+
 private:
     std::mutex mutex_;
     std::map<FILECHANGENOTIFY*, std::unique_ptr<Notify>> all_;
 };
 
-Outstanding& outstanding() {
-    static auto* const all = new Outstanding;  // threads may still run when the process exits
-    return *all;
-}
+// Never destroyed: the host's thread may still run when the process exits.
+alignas(Outstanding) unsigned char outstanding_storage[sizeof(Outstanding)];
+Outstanding& outstanding = *new (outstanding_storage) Outstanding;
 
 // Whether files or folders are told of: the records do not say which a name was.
 enum class Kind { File, Folder };
@@ -74,98 +78,120 @@ LONG event_of(DWORD action, Kind kind) {
     }
 }
 
-class Registration {
+class Registration final : public HostSource, public RoomWaiter {
 public:
     Registration(HWND window, DWORD mask, std::u16string folder)
         : window_(window), mask_(mask), folder_(std::move(folder)) {
         if (!folder_.empty() && folder_.back() == u'\\') folder_.pop_back();
     }
     ~Registration() {
-        if (thread_.joinable()) {
-            SetEvent(stop_);
-            thread_.join();
-        }
-        for (const HANDLE each : changes_) {
-            if (each != INVALID_HANDLE_VALUE) FindCloseChangeNotification(each);
-        }
-        if (stop_) CloseHandle(stop_);
+        unwatch_host(*this);
+        forget_room(*this);
+        end();
     }
-    Registration(const Registration&) = delete;
-    Registration& operator=(const Registration&) = delete;
 
     bool start(BOOL recursive) {
-        stop_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-        if (!stop_) return false;
         if ((mask_ & kFolderEvents) && !watch(Kind::Folder, FILE_NOTIFY_CHANGE_DIR_NAME, recursive)) return false;
         const DWORD writes = mask_ & SHCNE_UPDATEITEM ? FILE_NOTIFY_CHANGE_LAST_WRITE : 0;
         const bool files = (mask_ & kFileEvents) != 0;
         if (files && !watch(Kind::File, FILE_NOTIFY_CHANGE_FILE_NAME | writes, recursive)) return false;
-        return start_thread();
+        return go_on();
     }
 
+    // Has the host's thread call this; in a forked child, too.
+    bool go_on() noexcept {
+        if (const DWORD error = watch_host(*this, -1)) return fail(error, false);
+        call_host_source(*this, Deadline::at_once());
+        return true;
+    }
+
+    // For a fork.
+    std::mutex& lock() { return mutex_; }
+
 private:
+    void ready() noexcept override {
+        const std::lock_guard guard(mutex_);
+        try {
+            while (is_posted() && (next_record() || read_records())) {
+            }
+        } catch (const std::bad_alloc&) {
+            call_host_source(*this, Deadline::after(kRetryMilliseconds));
+        }
+    }
+
+    void room() noexcept override { call_host_source(*this, Deadline::at_once()); }
+
     bool watch(Kind kind, DWORD filter, BOOL recursive) {
         const std::u16string path = folder_.empty() ? u"\\" : folder_;
         HANDLE& handle = changes_[static_cast<int>(kind)];
         handle = FindFirstChangeNotificationW(path.c_str(), recursive, filter | FILE_NOTIFY_CHANGE_CEGETINFO);
-        return handle != INVALID_HANDLE_VALUE;
+        return handle != INVALID_HANDLE_VALUE && call_at_changes(handle, *this);
     }
 
-    bool start_thread() {
-        const SignalBlock no_signals;
-        try {
-            thread_ = std::thread([this] { run(); });
-        } catch (const std::system_error&) {
-            SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    void end() noexcept {
+        for (HANDLE& each : changes_) {
+            if (each != INVALID_HANDLE_VALUE) FindCloseChangeNotification(each);
+            each = INVALID_HANDLE_VALUE;
         }
-        return thread_.joinable();
+        if (waiting_) outstanding.remove(waiting_);
+        waiting_ = nullptr;
+        records_.clear();
+        at_ = 0;
     }
 
-    // Ends when it is told to, when the window has gone, or when there is nothing left to watch.
-    void run() {
-        while (true) {
-            HANDLE handles[3] = {stop_};
-            Kind kinds[3] = {};
-            DWORD count = 1;
-            for (const Kind kind : {Kind::Folder, Kind::File}) {
-                const HANDLE each = changes_[static_cast<int>(kind)];
-                if (each == INVALID_HANDLE_VALUE) continue;
-                kinds[count] = kind;
-                handles[count++] = each;
-            }
-            const DWORD woken = WaitForMultipleObjects(count, handles, FALSE, INFINITE);
-            if (woken == WAIT_OBJECT_0 || woken >= WAIT_OBJECT_0 + count) return;
-            try {
-                if (!tell(handles[woken], kinds[woken])) return;
-            } catch (const std::bad_alloc&) {
-                // The records that were taken are lost; there is nobody to tell.
-            }
-            FindNextChangeNotification(handles[woken]);
-        }
-    }
-
-    bool tell(HANDLE changes, Kind kind) {
-        DWORD size = 0;
-        if (!CeGetFileNotificationInfo(changes, 0, nullptr, 0, nullptr, &size) || size == 0) return true;
-        std::vector<DWORD> buffer((size + 3) / 4);
-        if (!CeGetFileNotificationInfo(changes, 0, buffer.data(), size, &size, nullptr) || size == 0) return true;
-        const char* at = reinterpret_cast<const char*>(buffer.data());
-        std::u16string old;
-        while (true) {
-            const auto& record = *reinterpret_cast<const FILE_NOTIFY_INFORMATION*>(at);
-            std::u16string path = folder_ + u'\\' + record.FileName;
-            if (record.Action == FILE_ACTION_RENAMED_OLD_NAME)
-                old = std::move(path);
-            else if (!post(event_of(record.Action, kind), std::move(path), std::move(old)))
+    // True when nothing waits for room any more.
+    bool is_posted() {
+        if (!waiting_) return true;
+        switch (post_or_wait(window_, WM_FILECHANGEINFO, 0, reinterpret_cast<LPARAM>(waiting_), *this)) {
+            case Posted::Yes:
+                waiting_ = nullptr;
+                return true;
+            case Posted::Full:
                 return false;
-            if (record.NextEntryOffset == 0) return true;
-            at += record.NextEntryOffset;
+            case Posted::Later:
+                call_host_source(*this, Deadline::after(kRetryMilliseconds));
+                return false;
+            case Posted::Gone:
+                break;
         }
+        end();
+        return false;
     }
 
-    // False when no more is to be posted.
-    bool post(LONG event, std::u16string path, std::u16string old) {
-        if (!(mask_ & static_cast<DWORD>(event))) return true;
+    // False: there are none.
+    bool read_records() {
+        for (const Kind kind : {Kind::Folder, Kind::File}) {
+            const HANDLE changes = changes_[static_cast<int>(kind)];
+            DWORD size = 0;
+            if (changes == INVALID_HANDLE_VALUE) continue;
+            if (!CeGetFileNotificationInfo(changes, 0, nullptr, 0, nullptr, &size) || size == 0) continue;
+            records_.resize((size + 3) / 4);
+            if (!CeGetFileNotificationInfo(changes, 0, records_.data(), size, &size, nullptr)) size = 0;
+            kind_ = kind;
+            at_ = 0;
+            if (size == 0) records_.clear();
+            if (size != 0) return true;
+        }
+        return false;
+    }
+
+    // Makes a notification of the next record, if it is to be one. False: there is no further record.
+    bool next_record() {
+        if (records_.empty()) return false;
+        const char* const bytes = reinterpret_cast<const char*>(records_.data());
+        const auto& record = *reinterpret_cast<const FILE_NOTIFY_INFORMATION*>(bytes + at_);
+        std::u16string path = folder_ + u'\\' + record.FileName;
+        if (record.Action == FILE_ACTION_RENAMED_OLD_NAME)
+            old_ = std::move(path);
+        else
+            make(event_of(record.Action, kind_), std::move(path));
+        at_ += record.NextEntryOffset;
+        if (record.NextEntryOffset == 0) records_.clear();
+        return true;
+    }
+
+    void make(LONG event, std::u16string path) {
+        if (!(mask_ & static_cast<DWORD>(event))) return;
         auto made = std::make_unique<Notify>();
         FILECHANGEINFO& info = made->notify.fci;
         WIN32_FILE_ATTRIBUTE_DATA data = {};
@@ -175,7 +201,7 @@ private:
             info.nFileSize = data.nFileSizeLow;
         }
         const bool rename = event == SHCNE_RENAMEITEM || event == SHCNE_RENAMEFOLDER;
-        made->first = rename ? std::move(old) : std::move(path);
+        made->first = rename ? old_ : std::move(path);
         if (rename) made->second = std::move(path);
         made->notify.dwRefCount = 1;
         info.cbSize = sizeof info;
@@ -183,22 +209,20 @@ private:
         info.uFlags = SHCNF_PATH;
         info.dwItem1 = reinterpret_cast<DWORD_PTR>(made->first.c_str());
         info.dwItem2 = rename ? reinterpret_cast<DWORD_PTR>(made->second.c_str()) : 0;
-        FILECHANGENOTIFY* const notify = outstanding().add(std::move(made));
-        while (!PostMessageW(window_, WM_FILECHANGEINFO, 0, reinterpret_cast<LPARAM>(notify))) {
-            const bool full = GetLastError() == ERROR_NOT_ENOUGH_QUOTA;
-            if (full && WaitForSingleObject(stop_, kRetryMilliseconds) == WAIT_TIMEOUT) continue;
-            outstanding().remove(notify);
-            return false;
-        }
-        return true;
+        waiting_ = outstanding.add(std::move(made));
     }
 
     const HWND window_;
     const DWORD mask_;
     std::u16string folder_;
-    HANDLE stop_ = nullptr;
+
+    std::mutex mutex_;  // guards what follows, once it has started
     HANDLE changes_[2] = {INVALID_HANDLE_VALUE, INVALID_HANDLE_VALUE};
-    std::thread thread_;
+    FILECHANGENOTIFY* waiting_ = nullptr;  // to be posted, one of the outstanding ones
+    std::vector<DWORD> records_;           // those that were read and of which some are still to be told
+    std::size_t at_ = 0;
+    Kind kind_ = Kind::File;
+    std::u16string old_;
 };
 
 class Registrations {
@@ -232,15 +256,40 @@ public:
         }
     }
 
+    // At a fork.
+    void lock_all() {
+        mutex_.lock();
+        for (const auto& [window, each] : all_) {
+            each->lock().lock();
+        }
+        outstanding.lock().lock();
+    }
+    void unlock_all() {
+        outstanding.lock().unlock();
+        for (const auto& [window, each] : all_) {
+            each->lock().unlock();
+        }
+        mutex_.unlock();
+    }
+    void resume() {
+        const std::lock_guard guard(mutex_);
+        for (const auto& [window, each] : all_) {
+            each->go_on();
+        }
+    }
+
 private:
     std::mutex mutex_;
     std::map<HWND, std::unique_ptr<Registration>> all_;
 };
 
-Registrations& registrations() {
-    static auto* const all = new Registrations;
-    return *all;
-}
+alignas(Registrations) unsigned char registrations_storage[sizeof(Registrations)];
+Registrations& registrations = *new (registrations_storage) Registrations;
+
+// Both processes tell their windows of what changes.
+const AtFork at_fork{ForkRank::Shell,
+                     {[]() noexcept { registrations.lock_all(); }, []() noexcept { registrations.unlock_all(); },
+                      []() noexcept { registrations.unlock_all(); }, []() noexcept { registrations.resume(); }}};
 
 }  // namespace
 }  // namespace zr::platform
@@ -252,11 +301,11 @@ BOOL SHChangeNotifyRegister(HWND window, SHCHANGENOTIFYENTRY* entry) {
     if (!entry || !(entry->dwEventMask & (kFileEvents | kFolderEvents))) return fail(ERROR_INVALID_PARAMETER, FALSE);
     if (!IsWindow(window)) return fail(ERROR_INVALID_WINDOW_HANDLE, FALSE);
     try {
-        registrations().drop_dead();
+        registrations.drop_dead();
         auto made =
             std::make_unique<Registration>(window, entry->dwEventMask, entry->pszWatchDir ? entry->pszWatchDir : u"\\");
         if (!made->start(entry->fRecursive)) return FALSE;
-        registrations().add(window, std::move(made));
+        registrations.add(window, std::move(made));
         return TRUE;
     } catch (const std::bad_alloc&) {
         return fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
@@ -264,9 +313,9 @@ BOOL SHChangeNotifyRegister(HWND window, SHCHANGENOTIFYENTRY* entry) {
 }
 
 BOOL SHChangeNotifyDeregister(HWND window) {
-    return registrations().remove(window) ? TRUE : FALSE;
+    return registrations.remove(window) ? TRUE : FALSE;
 }
 
 void SHChangeNotifyFree(FILECHANGENOTIFY* notify) {
-    if (notify) outstanding().remove(notify);
+    if (notify) outstanding.remove(notify);
 }
