@@ -7,6 +7,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstring>
 #include <cwchar>
 #include <cwctype>
 
@@ -27,6 +28,27 @@ ZRPLATFORM_API void SetLastError(DWORD error);
 // when the environment variable ZR_DEBUG_OUTPUT is set to something; otherwise nobody listens and nothing happens. NULL
 // is nothing. The last error and errno stay.
 ZRPLATFORM_API void OutputDebugStringW(const WCHAR* text);
+
+// ---- Memory ---------------------------------------------------------------------------------------------------
+
+inline void ZeroMemory(void* to, SIZE_T bytes) {
+    std::memset(to, 0, bytes);
+}
+inline void FillMemory(void* to, SIZE_T bytes, BYTE value) {
+    std::memset(to, value, bytes);
+}
+inline void CopyMemory(void* to, const void* from, SIZE_T bytes) {
+    std::memcpy(to, from, bytes);
+}
+inline void MoveMemory(void* to, const void* from, SIZE_T bytes) {
+    std::memmove(to, from, bytes);
+}
+// Is not left out, even where nobody reads the memory any more.
+inline void* SecureZeroMemory(void* to, SIZE_T bytes) {
+    std::memset(to, 0, bytes);
+    __asm__ __volatile__("" : : "r"(to) : "memory");
+    return to;
+}
 
 // ---- Wide runtime ---------------------------------------------------------------------------------------------
 //

@@ -18,6 +18,16 @@ using VARIANT_BOOL = SHORT;
 using VARTYPE = WORD;
 using DISPID = LONG;
 
+// How the handheld's headers and sources spell an operation of an interface.
+#if !defined(STDMETHODCALLTYPE)
+#define STDMETHODCALLTYPE
+#define STDMETHOD(method) virtual HRESULT STDMETHODCALLTYPE method
+#define STDMETHOD_(type, method) virtual type STDMETHODCALLTYPE method
+#define STDMETHODIMP HRESULT STDMETHODCALLTYPE
+#define STDMETHODIMP_(type) type STDMETHODCALLTYPE
+#define PURE = 0
+#endif
+
 inline constexpr VARIANT_BOOL VARIANT_TRUE = -1;
 inline constexpr VARIANT_BOOL VARIANT_FALSE = 0;
 

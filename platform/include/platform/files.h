@@ -75,6 +75,8 @@ struct WIN32_FIND_DATAW {
     DWORD dwOID;  // the handheld's object store is absent: always 0
     WCHAR cFileName[MAX_PATH];
 };
+using PWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
+using LPWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
 
 struct WIN32_FILE_ATTRIBUTE_DATA {
     DWORD dwFileAttributes;
@@ -88,6 +90,7 @@ struct WIN32_FILE_ATTRIBUTE_DATA {
 enum GET_FILEEX_INFO_LEVELS { GetFileExInfoStandard, GetFileExMaxInfoLevel };
 
 struct OVERLAPPED;  // reads and writes take none: pass nullptr
+using LPOVERLAPPED = OVERLAPPED*;
 
 // Starts a search for the names in a folder that match the last part of `path`, in which '*' stands for any run of
 // characters and '?' for any one; "*.*" matches every name. "." and ".." are never among them. Fills `*data` with the

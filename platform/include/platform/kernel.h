@@ -51,7 +51,6 @@ inline constexpr DWORD MUTEX_ALL_ACCESS = 0x001F0001;
 inline constexpr DWORD TLS_OUT_OF_INDEXES = 0xFFFFFFFF;
 inline constexpr DWORD TLS_MINIMUM_AVAILABLE = 64;
 
-using LPSECURITY_ATTRIBUTES = SECURITY_ATTRIBUTES*;
 using LPTHREAD_START_ROUTINE = DWORD (*)(LPVOID parameter);
 
 // --- Handles ---------------------------------------------------------------------------------------------------------
@@ -120,6 +119,7 @@ struct CRITICAL_SECTION {
     DWORD LockWord;        // the owning thread, 0 when free; the top bit: others may be waiting
     DWORD RecursionCount;  // written by the owner only
 };
+using PCRITICAL_SECTION = CRITICAL_SECTION*;
 using LPCRITICAL_SECTION = CRITICAL_SECTION*;
 
 ZRPLATFORM_API void InitializeCriticalSection(CRITICAL_SECTION* section);

@@ -35,8 +35,6 @@
 #include "platform/export.h"
 #include "platform/types.h"
 
-inline constexpr DWORD ERROR_NOT_LOGGED_ON = 1245;
-
 // --- property values ------------------------------------------------------------------------------------------------
 
 // A property identifier: the type (CEVT_...) in the low word, the number in the high word.

@@ -72,6 +72,8 @@ struct TIME_ZONE_INFORMATION {
     SYSTEMTIME DaylightDate;
     LONG DaylightBias;
 };
+using PTIME_ZONE_INFORMATION = TIME_ZONE_INFORMATION*;
+using LPTIME_ZONE_INFORMATION = TIME_ZONE_INFORMATION*;
 
 // The zone's rule in the current year, and which of the two times is in force. Daylight time is always the one that is
 // further ahead of UTC. The names are the short ones of the zone's data, such as CET and CEST. TIME_ZONE_ID_INVALID on

@@ -33,6 +33,8 @@ struct WNDCLASSW {
     LPCWSTR lpszMenuName;
     LPCWSTR lpszClassName;
 };
+using PWNDCLASSW = WNDCLASSW*;
+using LPWNDCLASSW = WNDCLASSW*;
 
 struct CREATESTRUCTW {
     LPVOID lpCreateParams;
@@ -48,6 +50,7 @@ struct CREATESTRUCTW {
     LPCWSTR lpszClass;
     DWORD dwExStyle;
 };
+using LPCREATESTRUCTW = CREATESTRUCTW*;
 
 struct MSG {
     HWND hwnd;
@@ -57,6 +60,8 @@ struct MSG {
     DWORD time;  // milliseconds, as GetTickCount counts them
     POINT pt;    // (0, 0): there is no pointing device
 };
+using PMSG = MSG*;
+using LPMSG = MSG*;
 
 // ---- Messages, styles and other documented values ----
 
@@ -162,6 +167,11 @@ inline LPCWSTR MAKEINTATOM(ATOM atom) {
 // windows in the process).
 ZRPLATFORM_API HWND CreateWindowExW(DWORD ex_style, LPCWSTR class_name, LPCWSTR title, DWORD style, int x, int y,
                                     int width, int height, HWND parent, HMENU menu, HINSTANCE instance, LPVOID param);
+
+inline HWND CreateWindowW(LPCWSTR class_name, LPCWSTR title, DWORD style, int x, int y, int width, int height,
+                          HWND parent, HMENU menu, HINSTANCE instance, LPVOID param) {
+    return CreateWindowExW(0, class_name, title, style, x, y, width, height, parent, menu, instance, param);
+}
 
 // WM_DESTROY to the window, then to its children and theirs; then WM_NCDESTROY to the children and last to the window.
 // After its WM_NCDESTROY a window is no window any more: its timers are killed, its posted messages dropped, and
