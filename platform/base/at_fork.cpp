@@ -1,16 +1,27 @@
 #include "base/file_lock.h"
 #include "base/forks.h"
 #include "heap_store.h"
+#include "interlocked_list.h"
 
 namespace zr::platform {
 namespace {
 
-void begin_child() noexcept {
-    close_inherited_locks();
+void lock_all() noexcept {
+    lock_heaps();
+    lock_interlocked_lists();
+}
+
+void unlock_all() noexcept {
+    unlock_interlocked_lists();
     unlock_heaps();
 }
 
-const AtFork registered{ForkRank::Base, {lock_heaps, unlock_heaps, begin_child}};
+void begin_child() noexcept {
+    close_inherited_locks();
+    unlock_all();
+}
+
+const AtFork registered{ForkRank::Base, {lock_all, unlock_all, begin_child}};
 
 }  // namespace
 }  // namespace zr::platform

@@ -83,6 +83,7 @@ HLOCAL LocalAlloc(UINT flags, SIZE_T bytes) {
 
 HLOCAL LocalReAlloc(HLOCAL block, SIZE_T bytes, UINT flags) {
     if (find_local(block) == nullptr) return fail<HLOCAL>(ERROR_INVALID_HANDLE, nullptr);
+    if ((flags & LMEM_MODIFY) != 0) return block;
     return HeapReAlloc(process_heap(), (flags & LMEM_ZEROINIT) != 0 ? HEAP_ZERO_MEMORY : 0, block, bytes);
 }
 
@@ -97,4 +98,52 @@ HLOCAL LocalFree(HLOCAL block) {
 SIZE_T LocalSize(HLOCAL block) {
     const BlockHeader* const header = find_local(block);
     return header == nullptr ? fail<SIZE_T>(ERROR_INVALID_HANDLE, 0) : block_size(header);
+}
+
+LPVOID LocalLock(HLOCAL block) {
+    return find_local(block) == nullptr ? fail<LPVOID>(ERROR_INVALID_HANDLE, nullptr) : block;
+}
+
+BOOL LocalUnlock(HLOCAL block) {
+    return fail(find_local(block) == nullptr ? ERROR_INVALID_HANDLE : NO_ERROR, FALSE);
+}
+
+HLOCAL LocalHandle(LPCVOID address) {
+    return LocalLock(const_cast<LPVOID>(address));
+}
+
+UINT LocalFlags(HLOCAL block) {
+    return find_local(block) == nullptr ? fail(ERROR_INVALID_HANDLE, LMEM_INVALID_HANDLE) : 0;
+}
+
+HGLOBAL GlobalAlloc(UINT flags, SIZE_T bytes) {
+    return LocalAlloc(flags, bytes);
+}
+
+HGLOBAL GlobalReAlloc(HGLOBAL block, SIZE_T bytes, UINT flags) {
+    return LocalReAlloc(block, bytes, flags);
+}
+
+HGLOBAL GlobalFree(HGLOBAL block) {
+    return LocalFree(block);
+}
+
+SIZE_T GlobalSize(HGLOBAL block) {
+    return LocalSize(block);
+}
+
+LPVOID GlobalLock(HGLOBAL block) {
+    return LocalLock(block);
+}
+
+BOOL GlobalUnlock(HGLOBAL block) {
+    return LocalUnlock(block);
+}
+
+HGLOBAL GlobalHandle(LPCVOID address) {
+    return LocalHandle(address);
+}
+
+UINT GlobalFlags(HGLOBAL block) {
+    return LocalFlags(block);
 }

@@ -2,6 +2,8 @@
 
 #include "base/forks.h"
 #include "engine.h"
+#include "process.h"
+#include "timer.h"
 
 namespace zr::platform {
 namespace {
@@ -13,6 +15,8 @@ void lock_all() noexcept {
     at_fork::lock_threads();
     at_fork::lock_thread_end();
     at_fork::lock_sections();
+    lock_timers();
+    lock_processes();
     Engine::lock.lock();
     at_fork::lock_pages();
     at_fork::lock_views();
@@ -24,6 +28,8 @@ void unlock_objects() noexcept {
     at_fork::unlock_views();
     at_fork::unlock_pages();
     Engine::lock.unlock();
+    unlock_processes();
+    unlock_timers();
     at_fork::unlock_sections();
     at_fork::unlock_thread_end();
     at_fork::unlock_threads();
@@ -40,11 +46,17 @@ void begin_child() noexcept {
     at_fork::forget_section_queues();
     at_fork::forget_quick_pins();
     at_fork::forget_session();
+    forget_process_watch();
     unlock_objects();
     at_fork::forget_host_events();
 }
 
-const AtFork registered{ForkRank::Kernel, {lock_all, unlock_all, begin_child}};
+void resume() noexcept {
+    resume_timers();
+    resume_process_watch();
+}
+
+const AtFork registered{ForkRank::Kernel, {lock_all, unlock_all, begin_child, resume}};
 
 }  // namespace
 }  // namespace zr::platform

@@ -95,6 +95,12 @@ struct ThreadAccess {
     static std::atomic<bool>& suspended(Thread& thread) noexcept { return thread.suspended_; }
     static DWORD wait_for_id(Thread& thread) noexcept;
 
+    // use(thread) while it cannot end; nothing when it has.
+    static void while_running(const Thread& thread, void (*use)(const Thread& running)) noexcept;
+    static int priority(const Thread& thread) noexcept { return thread.priority_.load(); }
+    static void set_priority(Thread& thread, int priority) noexcept;
+    static void begin_priority(Thread& self) noexcept;
+
     static bool& yields(Thread& thread) noexcept { return thread.yields_; }
     static std::uint32_t& passed_over(Thread& thread) noexcept { return thread.passed_over_; }
     static QuickSlot* quick_slot(const Thread& self) noexcept { return self.quick_slot_; }
@@ -150,7 +156,7 @@ public:
         return true;
     }
     static bool is_named(const Waitable& object) noexcept {
-        return object.kind() == ObjectKind::NamedEvent || object.kind() == ObjectKind::NamedMutex;
+        return object.kind() >= ObjectKind::NamedEvent && object.kind() <= ObjectKind::NamedTimer;
     }
     static bool is_completed(const Thread& self) noexcept { return !self.waiting_.load(std::memory_order_acquire); }
     static void stop_waiting(Thread& self) noexcept { self.waiting_.store(false, std::memory_order_relaxed); }

@@ -109,7 +109,7 @@ int reserve_file(int file, std::uint64_t size) noexcept {
 }
 
 void* view_file(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept {
-    return keep_view(size, [&] {
+    return keep_view({size, host_protection, copy}, [&] {
         const int sharing = copy ? MAP_PRIVATE : MAP_SHARED;
         return mmap(nullptr, size, host_protection, sharing, file, static_cast<off_t>(offset));
     });

@@ -48,6 +48,17 @@ Record record_of(const Region& region, const Object& object) {
             out.Size = object.size;
             out.Protection = object.protection;
             break;
+        case Kind::Semaphore:
+            out.Kind = ZrNamedObjectKind::Semaphore;
+            out.Count = static_cast<LONG>(word & kCount);
+            out.MaximumCount = static_cast<LONG>(object.size);
+            out.Signalled = out.Count != 0 ? TRUE : FALSE;
+            break;
+        case Kind::Timer:
+            out.Kind = ZrNamedObjectKind::Timer;
+            out.ManualReset = object.manual_reset != 0 ? TRUE : FALSE;
+            out.Signalled = (word & kSignalled) != 0 ? TRUE : FALSE;
+            break;
     }
     return record;
 }

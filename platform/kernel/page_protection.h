@@ -1,9 +1,10 @@
 #pragma once
 
-// What a mapping's protection lets a view of it do.
+// What the host is told of protections, and what a mapping's protection lets a view of it do.
 
 #include <sys/mman.h>
 
+#include "platform/errors.h"
 #include "platform/mapping.h"
 #include "platform/memory.h"
 
@@ -16,6 +17,39 @@ constexpr bool may_write(DWORD protection) noexcept {
 }
 constexpr bool may_execute(DWORD protection) noexcept {
     return (protection & (PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY)) != 0;
+}
+
+// The host's form of a page's protection; an error code for one that there is not.
+inline DWORD host_protection(DWORD protection, int& out) noexcept {
+    constexpr DWORD modifiers = PAGE_GUARD | PAGE_NOCACHE | PAGE_WRITECOMBINE;
+    const DWORD access = protection & ~modifiers;
+    const DWORD caching = protection & (PAGE_NOCACHE | PAGE_WRITECOMBINE);
+    switch (access) {
+        case PAGE_NOACCESS:
+            out = PROT_NONE;
+            break;
+        case PAGE_READONLY:
+            out = PROT_READ;
+            break;
+        case PAGE_READWRITE:
+            out = PROT_READ | PROT_WRITE;
+            break;
+        case PAGE_EXECUTE:
+            out = PROT_EXEC;
+            break;
+        case PAGE_EXECUTE_READ:
+            out = PROT_READ | PROT_EXEC;
+            break;
+        case PAGE_EXECUTE_READWRITE:
+            out = PROT_READ | PROT_WRITE | PROT_EXEC;
+            break;
+        default:
+            return ERROR_INVALID_PARAMETER;
+    }
+    if (caching == (PAGE_NOCACHE | PAGE_WRITECOMBINE) || (access == PAGE_NOACCESS && protection != access)) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    return (protection & PAGE_GUARD) != 0 ? ERROR_NOT_SUPPORTED : ERROR_SUCCESS;
 }
 
 // One of the protections that a mapping can have, and no unknown flag.

@@ -127,6 +127,15 @@ DWORD ThreadAccess::wait_for_id(Thread& thread) noexcept {
     return id;
 }
 
+void ThreadAccess::while_running(const Thread& thread, void (*use)(const Thread& running)) noexcept {
+    const std::lock_guard guard(registry_lock);
+    const Thread* found = bucket(thread.id());
+    while (found && found != &thread) {
+        found = found->next_;
+    }
+    if (found) use(*found);
+}
+
 bool ThreadAccess::has_ended(const Thread& thread) noexcept {
     return thread.is_signalled(thread);
 }

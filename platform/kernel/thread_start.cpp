@@ -8,6 +8,7 @@
 
 #include "engine.h"
 #include "platform/kernel.h"
+#include "process.h"
 
 namespace zr::platform {
 namespace {
@@ -26,6 +27,7 @@ constexpr SIZE_T kLeastStack = 256 * 1024;
 void* thread_main(void* record) {
     Thread& self = *static_cast<Thread*>(record);
     ThreadAccess::enter(self);
+    ThreadAccess::begin_priority(self);
     ThreadStart* start = ThreadAccess::start(self);
     run(self, *start);
     ThreadAccess::start(self) = nullptr;
@@ -110,12 +112,16 @@ DWORD ResumeThread(HANDLE handle) {
 
 BOOL GetExitCodeThread(HANDLE handle, DWORD* exit_code) {
     cancellation_point();
-    const Pinned<Thread> thread = lookup<Thread>(handle);
-    if (!thread) return FALSE;
     if (!exit_code) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
+    if (const Pinned<MainThread> other{Pin(handle)}) {
+        *exit_code = other->exit_code();
+        return TRUE;
+    }
+    const Pinned<Thread> thread = lookup<Thread>(handle);
+    if (!thread) return FALSE;
     *exit_code = thread->exit_code();
     return TRUE;
 }

@@ -20,6 +20,8 @@ struct View {
     char* base;
     std::size_t size;
     View* next;
+    int protection;  // the host's
+    bool copies;
 };
 
 constexpr std::size_t kViewBuckets = 256;
@@ -43,17 +45,21 @@ View* take(const void* base) noexcept {
     return nullptr;
 }
 
+// The view that holds the byte; NULL when none does. With the lock held.
+const View* view_at(const char* at) noexcept {
+    for (const View* view : views) {
+        for (; view; view = view->next) {
+            if (at >= view->base && at < view->base + view->size) return view;
+        }
+    }
+    return nullptr;
+}
+
 // How many bytes are left from `at` to the end of the view that holds it; 0 when none does.
 std::size_t bytes_from(const char* at) noexcept {
     const std::lock_guard guard(views_lock);
-    for (const View* view : views) {
-        for (; view; view = view->next) {
-            if (at >= view->base && at < view->base + view->size) {
-                return static_cast<std::size_t>(view->base + view->size - at);
-            }
-        }
-    }
-    return 0;
+    const View* const view = view_at(at);
+    return view ? static_cast<std::size_t>(view->base + view->size - at) : 0;
 }
 
 }  // namespace
@@ -66,7 +72,7 @@ void at_fork::unlock_views() noexcept {
     views_lock.unlock();
 }
 
-void* keep_view(std::size_t size, void* (*map)(const void* context), const void* context) noexcept {
+void* keep_view(const ViewFacts& facts, void* (*map)(const void* context), const void* context) noexcept {
     View* const view = new (std::nothrow) View;
     void* const base = view ? map(context) : MAP_FAILED;
     if (base == MAP_FAILED) {
@@ -74,12 +80,22 @@ void* keep_view(std::size_t size, void* (*map)(const void* context), const void*
         delete view;
         return nullptr;
     }
-    *view = {static_cast<char*>(base), size, nullptr};
+    *view = {static_cast<char*>(base), facts.size, nullptr, facts.host_protection, facts.copies};
     const std::lock_guard guard(views_lock);
     View*& first = bucket(base);
     view->next = first;
     first = view;
     return base;
+}
+
+// Views begin where pages do.
+bool find_view(std::uintptr_t page, ViewRecord& out) noexcept {
+    const std::lock_guard guard(views_lock);
+    const View* const view = view_at(reinterpret_cast<const char*>(page));
+    if (!view) return false;
+    const auto begin = reinterpret_cast<std::uintptr_t>(view->base);
+    out = {{begin, round_down(begin + view->size + page_size() - 1, page_size())}, view->protection, view->copies};
+    return true;
 }
 
 }  // namespace zr::platform

@@ -3,16 +3,18 @@
 #include "mutex.h"
 #include "platform/kernel.h"
 #include "quick_pin.h"
+#include "semaphore_object.h"
 
 using namespace zr::platform;
 
 namespace {
 
-// A mutex or an event that can be taken at once.
+// A mutex, an event or a semaphore that can be taken at once.
 Waitable::Attempt take_quickly(Thread& self, HANDLE handle) noexcept {
     const QuickPin quick(self, handle);
     if (Mutex* const mutex = quick.get<Mutex>()) return mutex->try_lock(self);
     if (Event* const event = quick.get<Event>()) return event->try_take();
+    if (Semaphore* const semaphore = quick.get<Semaphore>()) return semaphore->try_take();
     return Waitable::Attempt::No;
 }
 
@@ -33,7 +35,7 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
         report_invalid_handle();
         return WAIT_FAILED;
     }
-    if (object->kind() == ObjectKind::Mutex || object->kind() == ObjectKind::Event) note_use(pin);
+    if (object->kind() <= ObjectKind::Semaphore) note_use(pin);
     return wait(*object, Deadline::after(milliseconds)).code();
 }
 

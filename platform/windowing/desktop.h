@@ -15,11 +15,17 @@
 
 namespace zr::platform {
 
+// The window that is the parent of those without one: no entry of the table has its value.
+inline HWND desktop_window() {
+    return reinterpret_cast<HWND>(UINT_PTR{0x10000});
+}
+
 struct WindowClass {
     WNDCLASSW registered;  // without names
     ATOM atom;
     std::size_t windows;
     std::u16string name;  // as registered
+    HICON small_icon = nullptr;
 };
 
 // Turns a handle into a window. A handle is the entry's index and its generation, 16 bits each, so that it fits where

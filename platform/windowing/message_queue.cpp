@@ -180,7 +180,7 @@ DWORD MessageQueue::push_sent(SendRequest& request) {
     {
         const std::lock_guard guard(lock_);
         if (closed_) return ERROR_INVALID_WINDOW_HANDLE;
-        if (!request.sender && request.kind == SendRequest::Kind::Message && sent_.notices() >= kQueueLimit) {
+        if (request.is_notice() && sent_.notices() >= kQueueLimit) {
             return ERROR_NOT_ENOUGH_QUOTA;
         }
         sent_.push(&request);
@@ -239,6 +239,7 @@ SendRequest* MessageQueue::new_request() noexcept {
     --spares_;
     SendRequest* request = std::exchange(spare_, spare_->next);
     request->kind = SendRequest::Kind::Message;
+    request->callback = nullptr;
     request->state.store(SendRequest::State::Waiting, std::memory_order_relaxed);
     return request;
 }
@@ -254,12 +255,30 @@ void MessageQueue::recycle(SendRequest* request) noexcept {
     ++spares_;
 }
 
+namespace {
+
+void dispose(SendRequest* request) {
+    if (own_queue) {
+        own_queue->recycle(request);
+    } else {
+        delete request;
+    }
+}
+
+}  // namespace
+
 void answer(SendRequest* request, LRESULT result, bool handled) {
     if (request->kind == SendRequest::Kind::Destroy) return;
+    if (request->kind == SendRequest::Kind::Callback) return dispose(request);
     const Ref<MessageQueue> sender = std::move(request->sender);
     if (sender) {
         request->result = result;
         request->handled = handled;
+        if (request->callback) {
+            request->kind = SendRequest::Kind::Callback;
+            if (sender->push_sent(*request) == ERROR_SUCCESS) return;
+            return dispose(request);
+        }
         // From here on the request is the sender's, unless it has gone away.
         if (request->state.exchange(SendRequest::State::Answered, std::memory_order_acq_rel) !=
             SendRequest::State::Abandoned) {
@@ -267,11 +286,7 @@ void answer(SendRequest* request, LRESULT result, bool handled) {
             return;
         }
     }
-    if (own_queue) {
-        own_queue->recycle(request);
-    } else {
-        delete request;
-    }
+    dispose(request);
 }
 
 void refuse_all(SendList requests) {
@@ -298,6 +313,16 @@ bool MessageQueue::serve_sent() {
 void MessageQueue::handle(SendRequest* request) {
     if (request->kind == SendRequest::Kind::Destroy) {
         DestroyWindow(request->window);  // the request goes with the window
+        return;
+    }
+    if (request->kind == SendRequest::Kind::Callback) {
+        const SENDASYNCPROC callback = request->callback;
+        const HWND window = request->window;
+        const UINT message = request->message;
+        const ULONG_PTR data = request->data;
+        const LRESULT result = request->result;
+        recycle(request);
+        callback(window, message, data, result);
         return;
     }
     // Answers as well when the thread is ended within the procedure.

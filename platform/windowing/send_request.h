@@ -16,7 +16,8 @@ class MessageQueue;
 struct SendRequest {
     enum class Kind {
         Message,
-        Destroy,  // the window's parent is gone; lives in the window itself
+        Destroy,   // the window's parent is gone; lives in the window itself
+        Callback,  // on its way back: the answer, for the sender's callback
     };
     // Sender and receiver each make one step from Waiting; who finds that the other was first disposes of the request.
     enum class State {
@@ -33,8 +34,13 @@ struct SendRequest {
     std::atomic<State> state{State::Waiting};
     LRESULT result = 0;
     bool handled = false;
-    Ref<MessageQueue> sender;  // empty: nobody waits for the answer
+    Ref<MessageQueue> sender;          // empty: nobody wants the answer
+    SENDASYNCPROC callback = nullptr;  // the sender does not wait, but wants to be called
+    ULONG_PTR data = 0;
     SendRequest* next = nullptr;
+
+    // Nobody waits for the answer.
+    bool is_notice() const noexcept { return kind == Kind::Message && (!sender || callback); }
 };
 
 // First in, first out, linked through the requests.
@@ -45,7 +51,7 @@ public:
     std::size_t notices() const noexcept { return notices_; }
 
     void push(SendRequest* request) noexcept {
-        if (is_notice(*request)) ++notices_;
+        if (request->is_notice()) ++notices_;
         request->next = nullptr;
         *(first_ ? &last_->next : &first_) = request;
         last_ = request;
@@ -55,7 +61,7 @@ public:
         SendRequest* request = first_;
         if (!request) return nullptr;
         first_ = request->next;
-        if (is_notice(*request)) --notices_;
+        if (request->is_notice()) --notices_;
         return request;
     }
 
@@ -76,10 +82,6 @@ public:
     SendList take_all() noexcept { return std::exchange(*this, SendList()); }
 
 private:
-    static bool is_notice(const SendRequest& request) noexcept {
-        return request.kind == SendRequest::Kind::Message && !request.sender;
-    }
-
     SendRequest* first_ = nullptr;
     SendRequest* last_ = nullptr;
     std::size_t notices_ = 0;

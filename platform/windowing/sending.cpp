@@ -122,6 +122,26 @@ BOOL SendNotifyMessageW(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
     return request && deliver(*sender, request) ? TRUE : FALSE;
 }
 
+BOOL SendMessageCallbackW(HWND window, UINT message, WPARAM wparam, LPARAM lparam, SENDASYNCPROC callback,
+                          ULONG_PTR data) {
+    cancellation_point();
+    if (!callback) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    if (own_window(window)) {
+        callback(window, message, data, SendMessageW(window, message, wparam, lparam));
+        return TRUE;
+    }
+    MessageQueue* sender = MessageQueue::current();
+    SendRequest* request = sender ? make_request(*sender, window, message, wparam, lparam) : nullptr;
+    if (!request) return FALSE;
+    request->sender = Ref<MessageQueue>::retain(*sender);
+    request->callback = callback;
+    request->data = data;
+    return deliver(*sender, request) ? TRUE : FALSE;
+}
+
 BOOL InSendMessage() {
     const MessageQueue* queue = MessageQueue::existing();
     return queue && queue->serving() ? TRUE : FALSE;

@@ -13,6 +13,8 @@ namespace zr::platform {
 
 struct WindowClass;
 
+inline constexpr int kDeepestWindow = 100;  // levels of parents
+
 struct Window {
     HWND handle = nullptr;
     Ref<MessageQueue> queue;

@@ -39,7 +39,8 @@ ATOM add_class(Desktop& desktop, const WNDCLASSW& description) {
     WNDCLASSW kept = description;
     kept.lpszClassName = kept.lpszMenuName = nullptr;
     try {
-        desktop.classes.emplace(std::pair(atom, description.hInstance), WindowClass{kept, atom, 0, std::move(name)});
+        desktop.classes.emplace(std::pair(atom, description.hInstance),
+                                WindowClass{kept, atom, 0, std::move(name), nullptr});
     } catch (...) {
         desktop.atoms.release(atom);
         throw;
@@ -115,11 +116,11 @@ int GetClassNameW(HWND window, LPWSTR name, int capacity) {
     Desktop& desktop = Desktop::get();
     const std::shared_lock guard(desktop.lock);
     const zr::platform::Window* found = desktop.table.find(window);
-    if (!found) {
+    if (!found && window != zr::platform::desktop_window()) {
         SetLastError(ERROR_INVALID_WINDOW_HANDLE);
         return 0;
     }
-    const std::u16string& full = found->window_class->name;
+    const std::u16string_view full = found ? std::u16string_view(found->window_class->name) : u"#32769";
     const std::size_t length = std::min(full.size(), static_cast<std::size_t>(capacity) - 1);
     std::copy_n(full.data(), length, name);
     name[length] = 0;

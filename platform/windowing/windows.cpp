@@ -14,8 +14,6 @@ using namespace zr::platform;
 
 namespace {
 
-constexpr int kDeepest = 100;
-
 struct Failure {
     DWORD error;
 };
@@ -33,13 +31,14 @@ std::unique_ptr<Window> new_window(MessageQueue& queue, LPCWSTR title) {
 
 // The parent, NULL for none.
 Window* find_parent(Desktop& desktop, HWND parent, DWORD style) {
+    if (parent == desktop_window()) return nullptr;
     if (!parent || parent == HWND_MESSAGE) {
         if (style & WS_CHILD) throw Failure{ERROR_TLW_WITH_WSCHILD};
         return nullptr;
     }
     Window* found = desktop.table.find(parent);
     if (!found || found->destroying) throw Failure{ERROR_INVALID_WINDOW_HANDLE};
-    if (found->depth + 1 > kDeepest) throw Failure{ERROR_INVALID_PARAMETER};
+    if (found->depth + 1 > kDeepestWindow) throw Failure{ERROR_INVALID_PARAMETER};
     return found;
 }
 
@@ -173,7 +172,7 @@ BOOL DestroyWindow(HWND window) {
 }
 
 BOOL IsWindow(HWND window) {
-    if (own_window(window)) return TRUE;
+    if (own_window(window) || window == desktop_window()) return TRUE;
     Desktop& desktop = Desktop::get();
     const std::shared_lock guard(desktop.lock);
     return desktop.table.find(window) ? TRUE : FALSE;
@@ -222,6 +221,11 @@ HWND GetWindow(HWND window, UINT relation) {
     if (relation > GW_CHILD) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
+    }
+    if (window == desktop_window() && relation == GW_CHILD) {
+        Desktop& desktop = Desktop::get();
+        const std::shared_lock guard(desktop.lock);
+        return desktop.first_top ? desktop.first_top->handle : nullptr;
     }
     return with_window<std::shared_lock>(window, [relation](const Window& w) {
         const Window* found = related(w, relation);

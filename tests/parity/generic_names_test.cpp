@@ -35,7 +35,8 @@ TEST(GenericNames, AreThereForEveryFunction) {
     const std::set<std::string> mapped = all(text_of(headers + "generic_names.h"), R"(#define (\w+) \w+W\n)");
     std::set<std::string> declared;
     for (const std::string& header : all(text_of(headers + "platform.h"), R"re(#include "platform/(\w+\.h)")re")) {
-        declared.merge(all(text_of(headers + header), R"((?:^|\n)(?:ZRPLATFORM_API|inline)[^;{}/]*?\b([A-Za-z]\w+)W\()"));
+        declared.merge(
+            all(text_of(headers + header), R"((?:^|\n)(?:ZRPLATFORM_API|inline)[^;{}/]*?\b([A-Za-z]\w+)W\()"));
     }
     EXPECT_GT(declared.size(), 60u);
     declared.erase("GetProcAddress");

@@ -63,6 +63,10 @@ const char* kind_name(ZrNamedObjectKind kind) {
             return "mutex";
         case ZrNamedObjectKind::FileMapping:
             return "mapping";
+        case ZrNamedObjectKind::Semaphore:
+            return "semaphore";
+        case ZrNamedObjectKind::Timer:
+            return "timer";
     }
     return "other";
 }
@@ -89,12 +93,15 @@ std::string protection_name(DWORD protection) {
 std::string state_of(const ZrNamedObject& facts) {
     switch (facts.Kind) {
         case ZrNamedObjectKind::Event:
+        case ZrNamedObjectKind::Timer:
             return std::string(facts.Signalled ? "set" : "not set") + (facts.ManualReset ? ", manual" : ", auto");
         case ZrNamedObjectKind::Mutex:
             if (facts.OwnerProcess != 0) return "owned";
             return facts.Abandoned ? "abandoned" : "free";
         case ZrNamedObjectKind::FileMapping:
             return protection_name(facts.Protection);
+        case ZrNamedObjectKind::Semaphore:
+            return std::to_string(facts.Count) + " of " + std::to_string(facts.MaximumCount);
     }
     return "";
 }
@@ -147,6 +154,7 @@ Json object_json(const Object& object) {
     Json json = {{"name", object.name}, {"kind", kind_name(facts.Kind)}};
     switch (facts.Kind) {
         case ZrNamedObjectKind::Event:
+        case ZrNamedObjectKind::Timer:
             json.set("manual_reset", facts.ManualReset != FALSE);
             json.set("set", facts.Signalled != FALSE);
             break;
@@ -160,6 +168,10 @@ Json object_json(const Object& object) {
         case ZrNamedObjectKind::FileMapping:
             json.set("size", facts.Size);
             json.set("protection", protection_name(facts.Protection));
+            break;
+        case ZrNamedObjectKind::Semaphore:
+            json.set("count", facts.Count);
+            json.set("maximum", facts.MaximumCount);
             break;
     }
     Json processes = Json::array();

@@ -93,6 +93,19 @@ ZRPLATFORM_API int wmemcmp(const WCHAR* left, const WCHAR* right, std::size_t co
 // A copy allocated with malloc, which the caller releases with free; NULL for NULL or when memory is short.
 ZRPLATFORM_API WCHAR* _wcsdup(const WCHAR* text);
 
+// The same with other manners: NULL is a text that is not there. Orderings are -1, 0 and 1, by code unit or, ignoring
+// case, by lower-cased code unit, as wcscmp and _wcsicmp have them and not as a dictionary would; NULL comes before
+// every text.
+ZRPLATFORM_API int lstrlenW(LPCWSTR text);  // 0 for NULL
+// NULL, and nothing happens, when one of the two is NULL.
+ZRPLATFORM_API LPWSTR lstrcpyW(LPWSTR to, LPCWSTR from);
+ZRPLATFORM_API LPWSTR lstrcatW(LPWSTR to, LPCWSTR from);
+// Copies what fits into `capacity` characters with the terminator, which is written in any case; NULL as above, and
+// when nothing fits.
+ZRPLATFORM_API LPWSTR lstrcpynW(LPWSTR to, LPCWSTR from, int capacity);
+ZRPLATFORM_API int lstrcmpW(LPCWSTR left, LPCWSTR right);
+ZRPLATFORM_API int lstrcmpiW(LPCWSTR left, LPCWSTR right);
+
 // ---- Letter case ----------------------------------------------------------------------------------------------
 //
 // One table serves every function of this group: Unicode 15.0 simple case folding of the Basic Multilingual Plane.
@@ -289,16 +302,48 @@ ZRPLATFORM_API BOOL HeapValidate(HANDLE heap, DWORD flags, const void* block);
 inline constexpr UINT LMEM_FIXED = 0x0;
 inline constexpr UINT LMEM_MOVEABLE = 0x2;
 inline constexpr UINT LMEM_ZEROINIT = 0x40;
+inline constexpr UINT LMEM_MODIFY = 0x80;
+inline constexpr UINT LMEM_INVALID_HANDLE = 0x8000;
+inline constexpr UINT LMEM_LOCKCOUNT = 0xFF;
 inline constexpr UINT LPTR = LMEM_FIXED | LMEM_ZEROINIT;
+inline constexpr UINT LHND = LMEM_MOVEABLE | LMEM_ZEROINIT;
+inline constexpr UINT GMEM_FIXED = LMEM_FIXED;
+inline constexpr UINT GMEM_MOVEABLE = LMEM_MOVEABLE;
+inline constexpr UINT GMEM_ZEROINIT = LMEM_ZEROINIT;
+inline constexpr UINT GMEM_MODIFY = LMEM_MODIFY;
+inline constexpr UINT GMEM_INVALID_HANDLE = LMEM_INVALID_HANDLE;
+inline constexpr UINT GMEM_LOCKCOUNT = LMEM_LOCKCOUNT;
+inline constexpr UINT GPTR = LPTR;
+inline constexpr UINT GHND = LHND;
 
-// Local memory: the handle is the pointer.
+// Local memory: the handle is the pointer. No block ever moves but by LocalReAlloc, whatever the flags say.
 ZRPLATFORM_API HLOCAL LocalAlloc(UINT flags, SIZE_T bytes);
-// LMEM_ZEROINIT zeroes the part that is added. On failure NULL, and the block stays as it was.
+// LMEM_ZEROINIT zeroes the part that is added. On failure NULL, and the block stays as it was. With LMEM_MODIFY nothing
+// is done to the block, and `bytes` does not count.
 ZRPLATFORM_API HLOCAL LocalReAlloc(HLOCAL block, SIZE_T bytes, UINT flags);
 // NULL when it is released (or was NULL); otherwise `block` itself, with ERROR_INVALID_HANDLE.
 ZRPLATFORM_API HLOCAL LocalFree(HLOCAL block);
 // The size that was asked for; 0 on failure, with ERROR_INVALID_HANDLE.
 ZRPLATFORM_API SIZE_T LocalSize(HLOCAL block);
+// The block itself; NULL with ERROR_INVALID_HANDLE for what is none.
+ZRPLATFORM_API LPVOID LocalLock(HLOCAL block);
+// FALSE: with NO_ERROR as last error, since no block is locked any more after it; with ERROR_INVALID_HANDLE for what is
+// no block.
+ZRPLATFORM_API BOOL LocalUnlock(HLOCAL block);
+// The block that begins at an address; NULL with ERROR_INVALID_HANDLE when none does.
+ZRPLATFORM_API HLOCAL LocalHandle(LPCVOID address);
+// 0: nothing is locked or was discarded; LMEM_INVALID_HANDLE with ERROR_INVALID_HANDLE for what is no block.
+ZRPLATFORM_API UINT LocalFlags(HLOCAL block);
+
+// Global memory is local memory by another name.
+ZRPLATFORM_API HGLOBAL GlobalAlloc(UINT flags, SIZE_T bytes);
+ZRPLATFORM_API HGLOBAL GlobalReAlloc(HGLOBAL block, SIZE_T bytes, UINT flags);
+ZRPLATFORM_API HGLOBAL GlobalFree(HGLOBAL block);
+ZRPLATFORM_API SIZE_T GlobalSize(HGLOBAL block);
+ZRPLATFORM_API LPVOID GlobalLock(HGLOBAL block);
+ZRPLATFORM_API BOOL GlobalUnlock(HGLOBAL block);
+ZRPLATFORM_API HGLOBAL GlobalHandle(LPCVOID address);
+ZRPLATFORM_API UINT GlobalFlags(HGLOBAL block);
 
 // ---- Interlocked operations -----------------------------------------------------------------------------------
 //
@@ -332,3 +377,35 @@ inline void* InterlockedCompareExchangePointer(void* volatile* value, void* desi
     __atomic_compare_exchange_n(value, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return expected;
 }
+
+// ---- Interlocked singly linked lists --------------------------------------------------------------------------
+//
+// The last entry pushed is the first one popped. An entry lies in memory of the caller's, which may be given back as
+// soon as the entry is off the list, whatever other threads do to the list at the moment. The list is plain data, that
+// of one process; its parts are not for the caller. A fork leaves parent and child a list each.
+
+inline constexpr SIZE_T MEMORY_ALLOCATION_ALIGNMENT = 2 * sizeof(void*);
+
+struct alignas(MEMORY_ALLOCATION_ALIGNMENT) SLIST_ENTRY {
+    SLIST_ENTRY* Next;
+};
+using PSLIST_ENTRY = SLIST_ENTRY*;
+using LPSLIST_ENTRY = SLIST_ENTRY*;
+
+struct alignas(MEMORY_ALLOCATION_ALIGNMENT) SLIST_HEADER {
+    SLIST_ENTRY* Head;
+    SIZE_T Depth;
+};
+using PSLIST_HEADER = SLIST_HEADER*;
+using LPSLIST_HEADER = SLIST_HEADER*;
+
+// Makes the list empty; not while other threads use it.
+ZRPLATFORM_API void InitializeSListHead(PSLIST_HEADER list);
+// Returns the entry that was first before; NULL when the list was empty.
+ZRPLATFORM_API PSLIST_ENTRY InterlockedPushEntrySList(PSLIST_HEADER list, PSLIST_ENTRY entry);
+// The first entry, off the list; NULL when it is empty.
+ZRPLATFORM_API PSLIST_ENTRY InterlockedPopEntrySList(PSLIST_HEADER list);
+// All entries, off the list and linked as they were; NULL when there are none.
+ZRPLATFORM_API PSLIST_ENTRY InterlockedFlushSList(PSLIST_HEADER list);
+// How many entries there are, in 16 bits.
+ZRPLATFORM_API USHORT QueryDepthSList(PSLIST_HEADER list);

@@ -1,6 +1,6 @@
 #pragma once
 
-// Modules that are loaded at run time, and their versions.
+// Modules that are loaded at run time, their versions, and programs that are started.
 //
 // A module is a shared object. One line gives it a version, which is read from its file without loading it:
 //
@@ -78,11 +78,28 @@ constexpr ZrModuleVersionNote zrModuleVersionNote(DWORD major, DWORD minor, DWOR
 // shared object of this machine, or one that lacks something), ERROR_FILENAME_EXCED_RANGE, ERROR_INVALID_PARAMETER.
 ZRPLATFORM_API HMODULE LoadLibraryW(LPCWSTR path);
 
+// LoadLibraryW. The path of LOAD_WITH_ALTERED_SEARCH_PATH says where the module is; what it is linked to is found as
+// the module itself says. NULL as well: ERROR_INVALID_PARAMETER (a file, or unknown flags), ERROR_NOT_SUPPORTED for the
+// two flags that would load a module without running its code, which the host cannot.
+inline constexpr DWORD DONT_RESOLVE_DLL_REFERENCES = 0x00000001;
+inline constexpr DWORD LOAD_LIBRARY_AS_DATAFILE = 0x00000002;
+inline constexpr DWORD LOAD_WITH_ALTERED_SEARCH_PATH = 0x00000008;
+ZRPLATFORM_API HMODULE LoadLibraryExW(LPCWSTR path, HANDLE file, DWORD flags);
+
 // FALSE with ERROR_INVALID_HANDLE for what LoadLibraryW did not return, or what has been freed as often.
 ZRPLATFORM_API BOOL FreeLibrary(HMODULE module);
 
 // An exported function; the program's own for GetModuleHandleW(NULL). NULL: ERROR_PROC_NOT_FOUND, ERROR_INVALID_HANDLE.
 ZRPLATFORM_API FARPROC GetProcAddressW(HMODULE module, LPCWSTR name);
+// The same by a narrow name, and the wide one as other code spells it. A number below 0x10000 in the place of a name is
+// an ordinal, of which a shared object has none: ERROR_PROC_NOT_FOUND.
+ZRPLATFORM_API FARPROC GetProcAddressA(HMODULE module, LPCSTR name);
+inline FARPROC GetProcAddress(HMODULE module, LPCSTR name) {
+    return GetProcAddressA(module, name);
+}
+inline FARPROC GetProcAddress(HMODULE module, LPCWSTR name) {
+    return GetProcAddressW(module, name);
+}
 
 // Writes the path of a module, of the program for NULL, and returns its length. A path that does not fit `size`
 // characters with its NUL is cut: `size` is returned, with ERROR_INSUFFICIENT_BUFFER. 0: ERROR_INVALID_HANDLE, or
@@ -97,3 +114,56 @@ ZRPLATFORM_API BOOL GetFileVersionInfoW(LPCWSTR path, DWORD handle, DWORD size, 
 // Finds the fixed part, a VS_FIXEDFILEINFO, with the name "\"; it lies in the block. FALSE:
 // ERROR_RESOURCE_TYPE_NOT_FOUND for other names, ERROR_INVALID_PARAMETER for what is no such block.
 ZRPLATFORM_API BOOL VerQueryValueW(LPCVOID block, LPCWSTR name, LPVOID* value, UINT* size);
+
+// ---- Programs ----
+
+struct PROCESS_INFORMATION {
+    HANDLE hProcess;
+    HANDLE hThread;
+    DWORD dwProcessId;
+    DWORD dwThreadId;
+};
+using PPROCESS_INFORMATION = PROCESS_INFORMATION*;
+using LPPROCESS_INFORMATION = PROCESS_INFORMATION*;
+
+struct STARTUPINFOW {
+    DWORD cb;
+    LPWSTR lpReserved;
+    LPWSTR lpDesktop;
+    LPWSTR lpTitle;
+    DWORD dwX;
+    DWORD dwY;
+    DWORD dwXSize;
+    DWORD dwYSize;
+    DWORD dwXCountChars;
+    DWORD dwYCountChars;
+    DWORD dwFillAttribute;
+    DWORD dwFlags;
+    WORD wShowWindow;
+    WORD cbReserved2;
+    BYTE* lpReserved2;
+    HANDLE hStdInput;
+    HANDLE hStdOutput;
+    HANDLE hStdError;
+};
+using LPSTARTUPINFOW = STARTUPINFOW*;
+
+inline constexpr DWORD CREATE_NEW_CONSOLE = 0x00000010;  // accepted, without effect
+
+// Starts a program: that of the path `image`, with the words of `command_line` as its arguments; or without `image`
+// that of the first word of `command_line`, with the others. A program without a separator in its name that is no file
+// at the root is looked for where the host looks for programs. Words are parted by spaces and tabs; quotes keep them
+// together, and an odd number of backslashes in front of a quote makes it a character like any other. The program's own
+// name is its argument 0.
+//
+// It has this process's environment, standard streams and folder, no other of its descriptors, and no signal blocked or
+// ignored. The two handles are the caller's to close; that to its main thread is good for waits, GetExitCodeThread and
+// GetThreadId. As on the handheld, attributes, environment and folder are NULL and `inherit` FALSE, else
+// ERROR_INVALID_PARAMETER; `startup` is not looked at. FALSE, too: ERROR_INVALID_PARAMETER (no program named, nowhere
+// to tell of it, unknown flags), ERROR_NOT_SUPPORTED (CREATE_SUSPENDED), ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND,
+// ERROR_ACCESS_DENIED, ERROR_BAD_EXE_FORMAT, ERROR_FILENAME_EXCED_RANGE (too long a line), ERROR_TOO_MANY_OPEN_FILES,
+// ERROR_NOT_ENOUGH_MEMORY.
+ZRPLATFORM_API BOOL CreateProcessW(LPCWSTR image, LPCWSTR command_line, SECURITY_ATTRIBUTES* process_attributes,
+                                   SECURITY_ATTRIBUTES* thread_attributes, BOOL inherit, DWORD flags,
+                                   LPVOID environment, LPCWSTR folder, STARTUPINFOW* startup,
+                                   PROCESS_INFORMATION* information);

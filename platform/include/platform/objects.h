@@ -5,20 +5,22 @@
 #include "platform/export.h"
 #include "platform/types.h"
 
-enum class ZrNamedObjectKind : int { Event, Mutex, FileMapping };
+enum class ZrNamedObjectKind : int { Event, Mutex, FileMapping, Semaphore, Timer };
 
 // One named object at one instant. The pointers are good until the visitor returns.
 struct ZrNamedObject {
     LPCWSTR Name;  // terminated; NameLength counts the units in front, of which none is 0
     DWORD NameLength;
     ZrNamedObjectKind Kind;
-    BOOL ManualReset;    // of an event
-    BOOL Signalled;      // an event that is set; a mutex that is free
+    BOOL ManualReset;    // of an event or a timer
+    BOOL Signalled;      // an event that is set; a mutex that is free; a semaphore that counts more than 0
     BOOL Abandoned;      // a free mutex whose last owner ended without releasing it
     DWORD OwnerProcess;  // who owns the mutex now: process and thread identifiers, 0 when it is free
     DWORD OwnerThread;
-    ULONGLONG Size;          // of a mapping, in bytes as asked for; 0 for the others
-    DWORD Protection;        // of a mapping: PAGE_...
+    ULONGLONG Size;    // of a mapping, in bytes as asked for; 0 for the others
+    DWORD Protection;  // of a mapping: PAGE_...
+    LONG Count;        // of a semaphore, and how much it may count; 0 for the others
+    LONG MaximumCount;
     const DWORD* Processes;  // identifiers of the processes that have it open, ascending
     DWORD ProcessCount;
 };

@@ -19,6 +19,7 @@
 #include "platform/types.h"
 
 using WNDPROC = LRESULT (*)(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
+using SENDASYNCPROC = void (*)(HWND window, UINT message, ULONG_PTR data, LRESULT result);
 using TIMERPROC = void (*)(HWND window, UINT message, UINT_PTR timer, DWORD time);
 
 struct WNDCLASSW {
@@ -35,6 +36,23 @@ struct WNDCLASSW {
 };
 using PWNDCLASSW = WNDCLASSW*;
 using LPWNDCLASSW = WNDCLASSW*;
+
+struct WNDCLASSEXW {
+    UINT cbSize;  // sizeof(WNDCLASSEXW)
+    UINT style;
+    WNDPROC lpfnWndProc;
+    int cbClsExtra;
+    int cbWndExtra;
+    HINSTANCE hInstance;
+    HICON hIcon;
+    HCURSOR hCursor;
+    HBRUSH hbrBackground;
+    LPCWSTR lpszMenuName;
+    LPCWSTR lpszClassName;
+    HICON hIconSm;
+};
+using PWNDCLASSEXW = WNDCLASSEXW*;
+using LPWNDCLASSEXW = WNDCLASSEXW*;
 
 struct CREATESTRUCTW {
     LPVOID lpCreateParams;
@@ -68,11 +86,13 @@ using LPMSG = MSG*;
 inline constexpr UINT WM_NULL = 0x0000;
 inline constexpr UINT WM_CREATE = 0x0001;
 inline constexpr UINT WM_DESTROY = 0x0002;
+inline constexpr UINT WM_ENABLE = 0x000A;
 inline constexpr UINT WM_SETTEXT = 0x000C;
 inline constexpr UINT WM_GETTEXT = 0x000D;
 inline constexpr UINT WM_GETTEXTLENGTH = 0x000E;
 inline constexpr UINT WM_CLOSE = 0x0010;
 inline constexpr UINT WM_QUIT = 0x0012;
+inline constexpr UINT WM_CANCELMODE = 0x001F;
 inline constexpr UINT WM_NCDESTROY = 0x0082;
 inline constexpr UINT WM_COMMAND = 0x0111;
 inline constexpr UINT WM_TIMER = 0x0113;
@@ -83,6 +103,7 @@ inline constexpr DWORD WS_OVERLAPPED = 0x00000000;
 inline constexpr DWORD WS_POPUP = 0x80000000;
 inline constexpr DWORD WS_CHILD = 0x40000000;
 inline constexpr DWORD WS_VISIBLE = 0x10000000;
+inline constexpr DWORD WS_DISABLED = 0x08000000;
 inline constexpr int CW_USEDEFAULT = static_cast<int>(0x80000000u);
 
 inline constexpr int GWL_WNDPROC = -4;
@@ -148,6 +169,10 @@ ZRPLATFORM_API BOOL UnregisterClassW(LPCWSTR name, HINSTANCE instance);
 // ERROR_CLASS_DOES_NOT_EXIST when there is no such class.
 ZRPLATFORM_API BOOL GetClassInfoW(HINSTANCE instance, LPCWSTR name, WNDCLASSW* window_class);
 
+// The same with the small icon. ERROR_INVALID_PARAMETER, too, for another cbSize.
+ZRPLATFORM_API ATOM RegisterClassExW(const WNDCLASSEXW* window_class);
+ZRPLATFORM_API BOOL GetClassInfoExW(HINSTANCE instance, LPCWSTR name, WNDCLASSEXW* window_class);
+
 // Copies the class name, cut to `capacity` units with its NUL, and returns the length copied.
 ZRPLATFORM_API int GetClassNameW(HWND window, LPWSTR name, int capacity);
 
@@ -178,6 +203,20 @@ inline HWND CreateWindowW(LPCWSTR class_name, LPCWSTR title, DWORD style, int x,
 // senders waiting for it get 0. Only the thread that made it may call: others get ERROR_ACCESS_DENIED. A second call
 // from within (the procedure destroys its window in WM_DESTROY) returns TRUE and does nothing.
 ZRPLATFORM_API BOOL DestroyWindow(HWND window);
+
+// The root of all windows: the parent of those that have none, of the class "#32769". It counts as a window for
+// IsWindow, for GetClassNameW, as the parent in CreateWindowExW and SetParent, and with GW_CHILD in GetWindow; it
+// belongs to no thread, and every other use of it is ERROR_INVALID_WINDOW_HANDLE.
+ZRPLATFORM_API HWND GetDesktopWindow();
+// Puts the window, with all below it, behind the last child of another parent; NULL, HWND_MESSAGE and the desktop make
+// it a window without parent. Its style stays as it was. Returns the parent before, the desktop for none. NULL on
+// failure: ERROR_INVALID_WINDOW_HANDLE for a window or parent that is none or is being destroyed,
+// ERROR_INVALID_PARAMETER for a parent that is the window itself or below it, and below 100 levels of parents.
+ZRPLATFORM_API HWND SetParent(HWND window, HWND parent);
+// Sets or takes WS_DISABLED, which keeps input from a window. A change sends WM_ENABLE to the window, and WM_CANCELMODE
+// before it is disabled. Returns whether it was disabled before; FALSE with ERROR_INVALID_WINDOW_HANDLE.
+ZRPLATFORM_API BOOL EnableWindow(HWND window, BOOL enable);
+ZRPLATFORM_API BOOL IsWindowEnabled(HWND window);
 
 ZRPLATFORM_API BOOL IsWindow(HWND window);
 // NULL for a window without parent (last error untouched) and for an invalid handle.
@@ -223,6 +262,11 @@ ZRPLATFORM_API LRESULT SendMessageTimeoutW(HWND window, UINT message, WPARAM wpa
                                            UINT timeout, DWORD_PTR* result);
 // To another thread it returns at once, and the message is handled as a sent one, before all posted ones.
 ZRPLATFORM_API BOOL SendNotifyMessageW(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
+// SendNotifyMessageW that tells what came of it: `callback` is called with the answer, once, on the calling thread:
+// when that thread handles what is sent to it, or before the call returns if the window is its own. The answer is 0
+// when the window, or its thread, goes before it has answered. Nothing is called when the calling thread ends first.
+ZRPLATFORM_API BOOL SendMessageCallbackW(HWND window, UINT message, WPARAM wparam, LPARAM lparam,
+                                         SENDASYNCPROC callback, ULONG_PTR data);
 // Whether the calling procedure handles a message that another thread sent (and waits, or not, for the answer to).
 ZRPLATFORM_API BOOL InSendMessage();
 // Lets the sender go on with this result before the procedure returns. FALSE if no sender was waiting.

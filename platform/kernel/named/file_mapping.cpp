@@ -58,7 +58,7 @@ protected:
         }
         if (own_) return view_file(own_.get(), offset, size, host_protection, copy);
         const auto pages = static_cast<std::size_t>(whole_pages(size));
-        return keep_view(pages,
+        return keep_view({pages, host_protection, copy},
                          [&] { return memory_.view(static_cast<std::size_t>(offset), pages, host_protection, copy); });
     }
 

@@ -38,7 +38,8 @@ inline constexpr int kGenerationShift = 45;
 inline constexpr std::uint32_t kGenerationMask = (1u << 18) - 1;
 inline constexpr std::uint64_t kAbandoned = std::uint64_t{1} << 44;  // a free mutex whose owner ended
 inline constexpr std::uint64_t kOwner = kAbandoned - 1;              // a mutex's owner, 0 when it is free
-inline constexpr std::uint64_t kSignalled = 1;                       // an event's
+inline constexpr std::uint64_t kSignalled = 1;                       // an event's, a timer's
+inline constexpr std::uint64_t kCount = 0x7FFFFFFF;                  // a semaphore's
 
 // An owner: the process's place, the place's generation, and the thread's identifier.
 inline constexpr int kTidBits = 22;  // the most that the kernel hands out
@@ -76,7 +77,7 @@ struct alignas(64) Process {
 
 // --- Objects ---------------------------------------------------------------------------------------------------------
 
-enum class Kind : std::uint32_t { Event, Mutex, FileMapping };
+enum class Kind : std::uint32_t { Event, Mutex, FileMapping, Semaphore, Timer };
 
 // Which processes ...
 struct ProcessSet {
@@ -95,6 +96,7 @@ struct ProcessSet {
 };
 
 inline constexpr std::uint32_t kInlineName = 20;
+inline constexpr std::uint32_t kNotSet = kNone;
 
 struct alignas(64) Object {
     // Nameless: no process has a handle to it any more, but some thread still waits for it or owns it.
@@ -104,20 +106,21 @@ struct alignas(64) Object {
     std::atomic<std::uint32_t> state;
     Kind kind;
     std::uint32_t generation;
-    std::uint32_t manual_reset;  // of an event
+    std::uint32_t manual_reset;  // of an event or a timer
     std::uint32_t hash;
     std::uint32_t next_in_bucket;  // derived
     std::uint32_t first_waiter;    // derived: blocks, by the age of their waits
     std::uint32_t last_waiter;
     std::uint32_t name_length;
     std::uint32_t name_rest;  // the first cell of what does not fit here
-    std::uint64_t size;       // of a mapping, in bytes
-    std::uint64_t contents;   // the number of the memory with its contents, or in the name of the link to its file
-    std::uint64_t device;     // which file that is
-    std::uint64_t inode;      // 0: memory
-    std::uint32_t protection;
-    ProcessSet open;  // ... have a handle
-    ProcessSet used;  // ... have a handle, wait for it or own it
+    std::uint64_t size;        // of a mapping, in bytes; the most that a semaphore counts; a timer's period
+    std::uint64_t contents;    // the number of the memory with its contents, or in the name of the link to its file;
+                               // when a timer is due
+    std::uint64_t device;      // which file that is
+    std::uint64_t inode;       // 0: memory
+    std::uint32_t protection;  // of a mapping; by which clock a timer is set, or kNotSet: says whether the others count
+    ProcessSet open;           // ... have a handle
+    ProcessSet used;           // ... have a handle, wait for it or own it
     char16_t name[kInlineName];
 };
 
@@ -136,6 +139,7 @@ inline constexpr std::uint32_t kBlocks = 64;
 struct Block {
     std::uint32_t object;
     std::uint32_t place;     // in the caller's list
+    std::uint32_t before;    // what a semaphore counted when it was about to be taken
     std::uint32_t previous;  // derived
     std::uint32_t next;      // derived
 };
@@ -170,10 +174,11 @@ struct Header {
     std::atomic<std::uint64_t> magic;  // written last
     pthread_mutex_t lock;
     std::uint64_t tickets;
-    std::uint64_t births;                                 // how many took a place
-    std::uint64_t contents;                               // the last number given to a link to a file
-    std::atomic<std::uint32_t> segments;                  // derived: how many are in use
-    std::uint32_t hints[kTables];                         // derived: no vacant entry below
+    std::uint64_t births;                 // how many took a place
+    std::uint64_t contents;               // the last number given to a link to a file
+    std::atomic<std::uint32_t> timers;    // changes when a timer is set: those who signal them sleep on it
+    std::atomic<std::uint32_t> segments;  // derived: how many are in use
+    std::uint32_t hints[kTables];         // derived: no vacant entry below
     std::atomic<std::uint32_t> chunks[kTables][kChunks];  // the segments of each table, 0: none
     std::uint32_t buckets[kBuckets];                      // derived
 };

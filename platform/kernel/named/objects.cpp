@@ -5,6 +5,8 @@
 
 #include "base/host_error.h"
 #include "named/queue.h"
+#include "named/timer_watch.h"
+#include "names.h"
 #include "platform/base.h"
 
 namespace zr::platform::named {
@@ -62,6 +64,7 @@ Opened open_named(Session& session, std::u16string_view name, const NewObject* w
             if (index == kNone) return {nullptr, error};
             local = local_for(session, index, fresh);
         }
+        if constexpr (std::is_same_v<Local, NamedTimer>) local->enlist();
         handle = open_handle(*local);
         if (!handle) return {nullptr, GetLastError()};
     }
@@ -132,6 +135,43 @@ Waitable::Attempt NamedEvent::try_acquire(Thread&) noexcept {
     return state.compare_exchange_strong(seen, member_.base(), std::memory_order_acq_rel, std::memory_order_relaxed)
                ? Attempt::Taken
                : Attempt::No;
+}
+
+// --- Semaphores ------------------------------------------------------------------------------------------------------
+
+DWORD NamedSemaphore::release_count(LONG count, LONG* before) noexcept {
+    if (!member_.is_valid()) return ERROR_INVALID_HANDLE;
+    const auto more = static_cast<std::uint64_t>(count);
+    const std::uint64_t most = member_.object().size;
+    const auto fits = [&](std::uint64_t word) { return more <= most - (word & kCount); };
+    std::atomic<std::uint64_t>& state = word();
+    std::uint64_t seen = state.load(std::memory_order_relaxed);
+    while ((seen & ~kCount) == member_.base() && fits(seen)) {
+        if (!state.compare_exchange_weak(seen, seen + more, std::memory_order_acq_rel)) continue;
+        if (before) *before = static_cast<LONG>(seen & kCount);
+        return ERROR_SUCCESS;
+    }
+    const SessionHold hold(member_.session());
+    // Marked, so that from here on nobody takes or gives without the lock.
+    named::hold(member_.object());
+    seen = state.load(std::memory_order_acquire);
+    const bool room = fits(seen);
+    if (room) {
+        if (before) *before = static_cast<LONG>(seen & kCount);
+        state.fetch_add(more, std::memory_order_acq_rel);
+        serve(member_.session().region(), member_.index());
+    }
+    let_go(member_.object());
+    return room ? ERROR_SUCCESS : ERROR_TOO_MANY_POSTS;
+}
+
+Waitable::Attempt NamedSemaphore::try_acquire(Thread&) noexcept {
+    if (!member_.is_valid()) return Attempt::No;
+    std::uint64_t seen = word().load(std::memory_order_acquire);
+    while ((seen & ~kCount) == member_.base() && (seen & kCount) != 0) {
+        if (word().compare_exchange_weak(seen, seen - 1, std::memory_order_acq_rel)) return Attempt::Taken;
+    }
+    return Attempt::No;
 }
 
 // --- Mutexes ---------------------------------------------------------------------------------------------------------
@@ -246,12 +286,40 @@ HANDLE create_mutex(std::u16string_view name, bool owned) noexcept {
     return opened.handle;
 }
 
+HANDLE create_semaphore(std::u16string_view name, LONG initial, LONG most) noexcept {
+    Session* const session = Session::begin();
+    if (!session) return nullptr;
+    const NewObject wanted{
+        .kind = Kind::Semaphore, .word = static_cast<std::uint64_t>(initial), .size = static_cast<std::uint64_t>(most)};
+    const Opened opened = open_named<NamedSemaphore>(*session, name, &wanted, nullptr);
+    SetLastError(opened.error);
+    return opened.handle;
+}
+
+HANDLE create_timer(std::u16string_view name, bool manual_reset) noexcept {
+    Session* const session = Session::begin();
+    if (!session || !watch_timers()) return nullptr;
+    const NewObject wanted{.kind = Kind::Timer, .manual_reset = manual_reset, .protection = kNotSet};
+    const Opened opened = open_named<NamedTimer>(*session, name, &wanted, nullptr);
+    SetLastError(opened.error);
+    return opened.handle;
+}
+
 HANDLE open_event(LPCWSTR name) noexcept {
     return open_existing<NamedEvent>(name);
 }
 
 HANDLE open_mutex(LPCWSTR name) noexcept {
     return open_existing<NamedMutex>(name);
+}
+
+HANDLE open_semaphore(LPCWSTR name) noexcept {
+    return open_existing<NamedSemaphore>(name);
+}
+
+HANDLE open_timer(LPCWSTR name) noexcept {
+    if (is_name(name) && (!Session::begin() || !watch_timers())) return nullptr;
+    return open_existing<NamedTimer>(name);
 }
 
 }  // namespace zr::platform::named

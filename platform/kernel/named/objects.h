@@ -1,8 +1,9 @@
 #pragma once
 
-// Named events and mutexes: making and opening them, and what can be done with them.
+// Named events, mutexes, semaphores and timers: making and opening them, and what can be done with them.
 
 #include "named/wait.h"
+#include "timer.h"
 
 namespace zr::platform::named {
 
@@ -58,11 +59,61 @@ private:
     DWORD kept_for_ = 0;                       // the thread that the reference is for. Guarded by the members' lock.
 };
 
-// What CreateEventW and CreateMutexW do with a name; NULL with the last error set.
+class NamedSemaphore final : public Shared {
+public:
+    static constexpr ObjectKind kKind = ObjectKind::NamedSemaphore;
+    static constexpr Kind kNamedKind = Kind::Semaphore;
+
+    NamedSemaphore() noexcept : Shared(kKind) {}
+
+    // Gives `count`, which is positive; an error code.
+    DWORD release_count(LONG count, LONG* before) noexcept;
+
+protected:
+    ~NamedSemaphore() override = default;
+    Attempt try_acquire(Thread& self) noexcept override;
+};
+
+// Signalled when it is due by every process that has it open, so by those that are left whoever set it. Each has a
+// thread for that.
+class NamedTimer final : public Shared {
+public:
+    static constexpr ObjectKind kKind = ObjectKind::NamedTimer;
+    static constexpr Kind kNamedKind = Kind::Timer;
+
+    NamedTimer() noexcept : Shared(kKind) {}
+
+    // Resets it, and sets it when it is due; an error code. `period` 0: once.
+    DWORD set_due(Due due, std::int64_t period) noexcept;
+    bool cancel() noexcept;  // false in a forked child, for a timer of its parent's
+
+    // It has become a member: from now on this process signals it. With the members' lock held.
+    void enlist() noexcept;
+
+protected:
+    ~NamedTimer() override;
+    Attempt try_acquire(Thread& self) noexcept override;
+
+private:
+    friend struct TimerWatch;
+
+    void expire(DueClock clock, std::int64_t now, std::int64_t& next) noexcept;
+
+    // In the list of this process's. Guarded by the members' lock.
+    bool listed_ = false;
+    NamedTimer* previous_ = nullptr;
+    NamedTimer* next_ = nullptr;
+};
+
+// What CreateEventW and its like do with a name; NULL with the last error set.
 HANDLE create_event(std::u16string_view name, bool manual_reset, bool signalled) noexcept;
 HANDLE create_mutex(std::u16string_view name, bool owned) noexcept;
-// What OpenEventW and OpenMutexW do.
+HANDLE create_semaphore(std::u16string_view name, LONG initial, LONG most) noexcept;
+HANDLE create_timer(std::u16string_view name, bool manual_reset) noexcept;
+// What OpenEventW and its like do.
 HANDLE open_event(LPCWSTR name) noexcept;
 HANDLE open_mutex(LPCWSTR name) noexcept;
+HANDLE open_semaphore(LPCWSTR name) noexcept;
+HANDLE open_timer(LPCWSTR name) noexcept;
 
 }  // namespace zr::platform::named

@@ -40,13 +40,36 @@ bool has_dead_owner(const Region& region, std::uint64_t word) noexcept {
     return (word & kOwner) != 0 && !region.lives(owner_place(word), owner_generation(word));
 }
 
+// Whether anybody could take something of it.
+bool has_signal(const Object& object) noexcept {
+    const std::uint64_t word = object.word.load(std::memory_order_acquire);
+    return (word & (object.kind == Kind::Semaphore ? kCount : kSignalled)) != 0;
+}
+
+// Before the sleeper's state says that its objects are being taken.
+void note_before(const Region& region, Sleeper& sleeper) noexcept {
+    for (std::uint32_t i = 0; i < sleeper.count; ++i) {
+        const std::uint64_t word = region.at<Object>(sleeper.blocks[i].object).word.load(std::memory_order_relaxed);
+        sleeper.blocks[i].before = static_cast<std::uint32_t>(word & kCount);
+    }
+}
+
+// Once more changes nothing: what a semaphore is to count is known, and nobody else has changed it since.
+bool take_block(Region& region, const Sleeper& sleeper, const Block& block) noexcept {
+    Object& object = region.at<Object>(block.object);
+    if (object.kind != Kind::Semaphore) return acquire(region, object, owner_of(sleeper));
+    const std::uint64_t word = object.word.load(std::memory_order_relaxed);
+    object.word.exchange((word & ~kCount) | (block.before - 1), std::memory_order_acq_rel);
+    return false;
+}
+
 void finish_grant(Region& region, Sleeper& sleeper) noexcept {
     if (sleeper.granted == Sleeper::kAllBlocks) {
         for (std::uint32_t i = 0; i < sleeper.count; ++i) {
-            acquire(region, region.at<Object>(sleeper.blocks[i].object), owner_of(sleeper));
+            take_block(region, sleeper, sleeper.blocks[i]);
         }
     } else {
-        acquire(region, region.at<Object>(sleeper.blocks[sleeper.granted].object), owner_of(sleeper));
+        take_block(region, sleeper, sleeper.blocks[sleeper.granted]);
     }
     sleeper.state.store(Sleeper::Granted, std::memory_order_release);
 }
@@ -64,6 +87,7 @@ void grant(Region& region, std::uint32_t index, std::uint32_t block) noexcept {
         if (block != Sleeper::kAllBlocks && block != i) continue;
         abandoned |= would_be_abandoned(region, region.at<Object>(sleeper.blocks[i].object));
     }
+    note_before(region, sleeper);
     sleeper.granted = block;
     sleeper.abandoned = abandoned ? 1 : 0;
     sleeper.state.store(Sleeper::Granting, std::memory_order_release);
@@ -106,12 +130,16 @@ std::uint64_t owner_of(const Sleeper& sleeper) noexcept {
 
 bool is_signalled(const Region& region, const Object& object, std::uint64_t owner) noexcept {
     const std::uint64_t word = object.word.load(std::memory_order_acquire);
-    if (object.kind == Kind::Event) return (word & kSignalled) != 0;
+    if (object.kind != Kind::Mutex) return has_signal(object);
     return (word & kOwner) == 0 || (word & kOwner) == owner || has_dead_owner(region, word);
 }
 
 bool acquire(Region& region, Object& object, std::uint64_t owner) noexcept {
-    if (object.kind == Kind::Event) {
+    if (object.kind == Kind::Semaphore) {
+        object.word.fetch_sub(1, std::memory_order_acq_rel);
+        return false;
+    }
+    if (object.kind != Kind::Mutex) {
         if (object.manual_reset == 0) object.word.fetch_and(~kSignalled, std::memory_order_acq_rel);
         return false;
     }
@@ -165,11 +193,12 @@ void delist(Region& region, std::uint32_t index) noexcept {
 
 bool acquire_all(Region& region, Sleeper& sleeper) noexcept {
     const std::uint32_t before = sleeper.state.load(std::memory_order_relaxed);
+    note_before(region, sleeper);
     sleeper.granted = Sleeper::kAllBlocks;
     sleeper.state.store(Sleeper::Granting, std::memory_order_release);
     bool abandoned = false;
     for (std::uint32_t i = 0; i < sleeper.count; ++i) {
-        abandoned |= acquire(region, region.at<Object>(sleeper.blocks[i].object), owner_of(sleeper));
+        abandoned |= take_block(region, sleeper, sleeper.blocks[i]);
     }
     sleeper.state.store(before, std::memory_order_release);
     return abandoned;
@@ -185,9 +214,7 @@ void serve(Region& region, std::uint32_t index, bool pulse) noexcept {
         }
         const bool given = offer(region, index, id, pulse);
         if (given && (object.kind == Kind::Mutex || (pulse && object.manual_reset == 0))) return;
-        if (!pulse && object.kind == Kind::Event && (object.word.load(std::memory_order_relaxed) & kSignalled) == 0) {
-            return;
-        }
+        if (!pulse && object.kind != Kind::Mutex && !has_signal(object)) return;
     }
 }
 

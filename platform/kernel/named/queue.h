@@ -8,7 +8,7 @@ namespace zr::platform::named {
 
 // Would a wait of this owner be satisfied by the object now?
 bool is_signalled(const Region& region, const Object& object, std::uint64_t owner) noexcept;
-// Takes it for that owner; right after is_signalled said yes. Once more changes nothing. True when it was abandoned.
+// Takes it for that owner; right after is_signalled said yes. True when it was abandoned.
 bool acquire(Region& region, Object& object, std::uint64_t owner) noexcept;
 
 // From hold on only holders of the region's lock change the object's word; until let_go, which does nothing while

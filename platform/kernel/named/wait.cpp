@@ -96,7 +96,7 @@ void Wait::fill_blocks() noexcept {
     sleeper_->mixed = mixed_ ? 1 : 0;
     for (std::uint32_t i = 0; i < objects_.size(); ++i) {
         if (!Engine::is_named(*objects_[i])) continue;
-        sleeper_->blocks[sleeper_->count++] = {shared(*objects_[i]).member().index(), i, kNone, kNone};
+        sleeper_->blocks[sleeper_->count++] = {shared(*objects_[i]).member().index(), i, 0, kNone, kNone};
     }
 }
 

@@ -20,9 +20,12 @@ class Event;
 
 // What a handle names. A family that brings a kind of its own adds it here.
 enum class ObjectKind : std::uint32_t {
-    Event,
+    Event,  // these three are quick to take (quick_pin.h)
     Mutex,
+    Semaphore,
+    Timer,
     Thread,
+    MainThread,  // of another process
     Process,
     FileMapping,
     File,
@@ -31,8 +34,10 @@ enum class ObjectKind : std::uint32_t {
     RegistryKey,
     RegistryChanges,
     MessageQueue,
-    NamedEvent,
+    NamedEvent,  // and behind it the others that have names
     NamedMutex,
+    NamedSemaphore,
+    NamedTimer,
     Other,
 };
 

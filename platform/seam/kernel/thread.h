@@ -66,6 +66,7 @@ private:
     struct ThreadStart* start_ = nullptr;
     Ref<Event> gate_;  // a thread created suspended waits for it
     std::atomic<bool> suspended_{false};
+    std::atomic<int> priority_{3};  // THREAD_PRIORITY_NORMAL
 
     // Asked to end by another thread. Ending: it is past the point of no return and nothing interrupts it any more.
     std::atomic<bool> end_requested_{false};

@@ -115,7 +115,7 @@ public:
 
     Event(bool manual_reset, bool signalled, ObjectKind kind = kKind) noexcept;
 
-    Event* event() noexcept final { return this; }
+    Event* event() noexcept override { return this; }
     void set() noexcept;
     void reset() noexcept;
     void pulse() noexcept;

@@ -1,0 +1,73 @@
+#pragma once
+
+// Waitable timers, and when they are due.
+
+#include <map>
+
+#include "futex.h"
+#include "kernel/waitable.h"
+
+namespace zr::platform {
+
+// By which clock something is due: one that nobody sets, or that of the day.
+enum class DueClock : std::uint32_t { Monotonic, OfDay };
+inline constexpr int kDueClocks = 2;
+
+std::int64_t now_by(DueClock clock) noexcept;  // in nanoseconds
+
+// When a timer is due as SetWaitableTimer says it: at a time of the day or, when negative, after an interval.
+struct Due {
+    DueClock clock;
+    std::int64_t ns;
+
+    static Due from(const LARGE_INTEGER& when) noexcept;
+};
+
+// When something is due next that was due before now, every `period` nanoseconds.
+constexpr std::int64_t next_due(std::int64_t due, std::int64_t period, std::int64_t now) noexcept {
+    return due + ((now - due) / period + 1) * period;
+}
+
+// Sleeps until the word changes or the time has come; may return early.
+void sleep_until(std::atomic<std::uint32_t>& word, std::uint32_t expected, DueClock clock, std::int64_t ns,
+                 FutexScope scope) noexcept;
+inline constexpr std::int64_t kNeverDue = INT64_MAX;
+
+// An event that is set when it is due. A thread per clock sees to that, from when a timer is first set.
+class Timer final : public Event {
+public:
+    static constexpr ObjectKind kKind = ObjectKind::Timer;
+
+    static Ref<Timer> make(bool manual_reset) noexcept;  // empty without memory
+
+    Event* event() noexcept override { return nullptr; }  // nothing that SetEvent may set
+
+    // Resets it, and sets it when it is due; an error code. `period` 0: once.
+    DWORD set_due(Due due, std::int64_t period) noexcept;
+    void cancel() noexcept;
+
+protected:
+    ~Timer() override;
+    Attempt try_acquire(Thread& self) noexcept override;
+
+private:
+    friend struct TimerQueue;
+    using Set = std::multimap<std::int64_t, Timer*>;
+
+    explicit Timer(bool manual_reset) noexcept : Event(manual_reset, false, kKind) {}
+    void take_out() noexcept;
+
+    // Guarded by the timers' lock.
+    Set::node_type node_;  // while it is not set
+    Set::iterator at_;     // while it is
+    bool is_set_to_ = false;
+    DueClock clock_ = DueClock::Monotonic;
+    std::int64_t period_ = 0;
+};
+
+// At a fork: the lock, and the threads of the child.
+void lock_timers() noexcept;
+void unlock_timers() noexcept;
+void resume_timers() noexcept;
+
+}  // namespace zr::platform
