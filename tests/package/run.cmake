@@ -1,6 +1,6 @@
 # Installs the build into a fresh prefix, then builds and runs a program outside the tree against it: once through
 # the CMake package, once through pkg-config.
-#   cmake -DBUILD=... -DSOURCE=... -DWORK=... -DCXX=... -DFLAGS=... -P run.cmake
+#   cmake -DBUILD=... -DSOURCE=... -DPORTED=... -DWORK=... -DCXX=... -DFLAGS=... -P run.cmake
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result)
   if(NOT result EQUAL 0)
@@ -14,9 +14,10 @@ set(ENV{ZR_HOME} ${WORK}/state)
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
 
 run(${CMAKE_COMMAND} -S ${SOURCE} -B ${WORK}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
-    -DCMAKE_CXX_FLAGS=${FLAGS})
+    -DCMAKE_CXX_FLAGS=${FLAGS} -DPORTED=${PORTED})
 run(${CMAKE_COMMAND} --build ${WORK}/build)
 run(${WORK}/build/outside)
+run(${CMAKE_COMMAND} -DPROGRAM=${WORK}/build/outbox -DWORK=${WORK}/outbox -P ${PORTED}/run.cmake)
 
 file(GLOB_RECURSE pc ${prefix}/ZrUtility.pc)
 get_filename_component(pc_dir ${pc} DIRECTORY)

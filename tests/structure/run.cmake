@@ -67,7 +67,8 @@ foreach(family IN LISTS ZR_FAMILIES)
 endforeach()
 file(GLOB headers RELATIVE ${ROOT}/platform/include ${ROOT}/platform/include/platform/*.h)
 # Those that include all of them are nobody's.
-list(REMOVE_ITEM headers ${public} platform/platform.h platform/generic_names.h)
+list(REMOVE_ITEM headers ${public} platform/platform.h platform/generic_names.h
+     platform/win_main.h)
 foreach(header IN LISTS headers)
   list(APPEND wrong "${header} is no family's: name it in platform/families.cmake")
 endforeach()

@@ -102,13 +102,8 @@ inline constexpr DWORD PROCESSOR_INTEL_PENTIUM = 586;
 inline constexpr DWORD PROCESSOR_AMD_X8664 = 8664;
 
 struct SYSTEM_INFO {
-    union {
-        DWORD dwOemId;
-        __extension__ struct {
-            WORD wProcessorArchitecture;
-            WORD wReserved;
-        };
-    };
+    WORD wProcessorArchitecture;
+    WORD wReserved;
     DWORD dwPageSize;
     LPVOID lpMinimumApplicationAddress;
     LPVOID lpMaximumApplicationAddress;  // the last byte

@@ -112,7 +112,7 @@ struct alignas(64) Object {
     std::uint32_t first_waiter;    // derived: blocks, by the age of their waits
     std::uint32_t last_waiter;
     std::uint32_t name_length;
-    std::uint32_t name_rest;  // the first cell of what does not fit here
+    std::uint32_t name_rest;   // the first cell of what does not fit here
     std::uint64_t size;        // of a mapping, in bytes; the most that a semaphore counts; a timer's period
     std::uint64_t contents;    // the number of the memory with its contents, or in the name of the link to its file;
                                // when a timer is due
