@@ -20,7 +20,7 @@ namespace zr::platform {
 namespace {
 
 constexpr mode_t kPrivateFolder = 0700;
-constexpr mode_t kWrittenByOthers = S_IWGRP | S_IWOTH;
+constexpr mode_t kFolderWrittenByOthers = S_IWGRP | S_IWOTH;
 constexpr const char* kPublic = "/tmp";
 constexpr std::size_t kMostUserRecord = 16384;
 
@@ -118,7 +118,7 @@ Folder make_state_folder() {
     strip_slashes(path);
     const int number = make_path(path);
     if (number != 0) return failed(path, number);
-    return check_folder(path, 0, kWrittenByOthers);
+    return check_folder(path, 0, kFolderWrittenByOthers);
 }
 
 Folder make_private(const std::string& path) {
