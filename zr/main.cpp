@@ -29,6 +29,7 @@ constexpr const char* kExitCodes =
     "  6 unreadable file     7 something left out       8 disk full\n"
     "  9 newer store        10 damaged store           11 store failed otherwise\n"
     " 12 not a log            13 no time zone          14 not a sound .reg file\n"
+    " 15 not a sound provisioning document\n"
     "\n"
     "ZR_HOME names the folder of the contact store and the registry (default: zrutility in the user's\n"
     "data folder).";
@@ -78,6 +79,19 @@ void build(zr::Command app) {
     zr::add_store_backup(store);
     zr::add_store_recover(store);
     zr::add_store_restore(store);
+    zr::Command net = app.add_group("net", "Show the connections of this computer");
+    net.footer("Example:\n  zr net status\n\n'zr net COMMAND --help' tells more.");
+    zr::add_net_status(net);
+    zr::add_net_watch(net);
+    zr::Command proxy = app.add_group("proxy", "Show and change the proxies");
+    proxy.footer("Example:\n  zr proxy list\n\n'zr proxy COMMAND --help' tells more.");
+    zr::add_proxy_list(proxy);
+    zr::add_proxy_show(proxy);
+    zr::add_proxy_changes(proxy);
+    zr::add_proxy_env(proxy);
+    zr::add_proxy_pac(proxy);
+    zr::add_proxy_watch(proxy);
+    zr::add_provision(app);
     zr::add_resolve(app);
     zr::Command log = app.add_group("log", "Read the binary log");
     log.footer("Example:\n  zr log show client.zrlog");

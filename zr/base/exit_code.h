@@ -21,6 +21,7 @@ enum class Exit : int {
     NotALog = 12,       // a file that is no log
     NoZone = 13,        // the time zone is not there or cannot be read
     BadRegFile = 14,    // a .reg file with mistakes in it; nothing was imported
+    BadDocument = 15,   // no provisioning document, or one that asks for what nobody knows; nothing was changed
 };
 
 }  // namespace zr

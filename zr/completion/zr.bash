@@ -16,7 +16,7 @@ _zr() {
         --work-phone --home-phone --mobile --web --note --email --birthday"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar reg store resolve log modules objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar reg store net proxy provision resolve log modules objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
@@ -90,6 +90,22 @@ _zr() {
                 recover | restore) _zr_files "$current" ;;
                 *) _zr_words "check backup recover restore --help" "$current" ;;
             esac ;;
+        net)
+            case $command in
+                status | watch) _zr_words "--json --help" "$current" ;;
+                *) _zr_words "status watch --help" "$current" ;;
+            esac ;;
+        proxy)
+            if ((COMP_CWORD == 2)); then
+                _zr_words "list show enable disable revert env pac watch --help" "$current"
+                return
+            fi
+            case $command in
+                list | show | env | watch) _zr_words "--json --help" "$current" ;;
+                pac) _zr_files "$current" ;;
+            esac ;;
+        provision)
+            if [[ $current == -* ]]; then _zr_words "--dry-run --json --help" "$current"; else _zr_files "$current"; fi ;;
         resolve)
             if [[ $current == -* ]]; then
                 _zr_words "--messages --addresses --watch --json --help" "$current"

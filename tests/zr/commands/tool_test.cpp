@@ -78,6 +78,13 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"objects"},
     {"zone"},
     {"watch"},
+    {"net", "status"},
+    {"net", "watch"},
+    {"proxy", "list"},
+    {"proxy", "show"},
+    {"proxy", "env"},
+    {"proxy", "watch"},
+    {"provision"},
     {"calendar", "import"},
     {"calendar", "export"},
     {"calendar", "list"},
@@ -107,7 +114,9 @@ TEST_F(Tool, DocumentsAndCompletesEveryOption) {
         read_file(ZR_SOURCE_DIR "/zr/man/zr-objects.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-zone.1") +
         read_file(ZR_SOURCE_DIR "/zr/man/zr-calendar.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-modules.1") +
         read_file(ZR_SOURCE_DIR "/zr/man/zr-reg.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-resolve.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr-watch.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr.1");
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-watch.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-net.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-proxy.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-provision.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
     const std::string zsh = read_file(ZR_SOURCE_DIR "/zr/completion/_zr");
     int options = 0;
@@ -133,7 +142,9 @@ TEST_F(Tool, CompletesInBash) {
                                    current + "'); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(complete("zr"), "contacts calendar reg store resolve log modules objects zone watch --help --version\n");
+    EXPECT_EQ(
+        complete("zr"),
+        "contacts calendar reg store net proxy provision resolve log modules objects zone watch --help --version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr reg"), "get set delete list tree watch import export --help\n");
