@@ -54,10 +54,38 @@ inline constexpr ColumnInfo kColumnInfo[kColumns] = {
 };
 
 constexpr std::optional<Column> column_of(ULONG tag) {
-    for (unsigned i = 0; i < kColumns; ++i) {
-        if (PROP_ID(kColumnInfo[i].tag) == PROP_ID(tag)) return static_cast<Column>(i);
+    switch (PROP_ID(tag)) {
+        case PROP_ID(PR_MESSAGE_DELIVERY_TIME):
+            return Column::Delivered;
+        case PROP_ID(PR_CLIENT_SUBMIT_TIME):
+            return Column::Submitted;
+        case PROP_ID(PR_MESSAGE_FLAGS):
+            return Column::Flags;
+        case PROP_ID(PR_MESSAGE_SIZE):
+            return Column::Size;
+        case PROP_ID(PR_CREATION_TIME):
+            return Column::Created;
+        case PROP_ID(PR_LAST_MODIFICATION_TIME):
+            return Column::Modified;
+        case PROP_ID(PR_MESSAGE_CLASS_W):
+            return Column::Class;
+        case PROP_ID(PR_SUBJECT_W):
+            return Column::Subject;
+        case PROP_ID(PR_SENDER_NAME_W):
+            return Column::SenderName;
+        case PROP_ID(PR_SENDER_EMAIL_ADDRESS_W):
+            return Column::SenderAddress;
+        case PROP_ID(PR_DISPLAY_TO_W):
+            return Column::DisplayTo;
+        case PROP_ID(PR_DISPLAY_CC_W):
+            return Column::DisplayCc;
+        case PROP_ID(PR_DISPLAY_BCC_W):
+            return Column::DisplayBcc;
+        case PROP_ID(PR_INTERNET_MESSAGE_ID_W):
+            return Column::MessageId;
+        default:
+            return std::nullopt;
     }
-    return std::nullopt;
 }
 constexpr unsigned index_of(Column column) {
     return static_cast<unsigned>(column);
@@ -65,6 +93,13 @@ constexpr unsigned index_of(Column column) {
 constexpr bool is_text(Column column) {
     return index_of(column) >= kFirstText;
 }
+constexpr bool columns_agree() {
+    for (unsigned i = 0; i < kColumns; ++i) {
+        if (column_of(kColumnInfo[i].tag) != static_cast<Column>(i)) return false;
+    }
+    return true;
+}
+static_assert(columns_agree());
 // The list of a SELECT that reads all of them, in their order.
 inline constexpr const char* kAllColumns =
     "delivered, submitted, flags, size, created, modified, class, subject, sender_name, sender_address, display_to,"

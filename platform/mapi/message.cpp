@@ -206,7 +206,7 @@ private:
         if (mark_ != nullptr && !in_batch && !dirty_) edit_ = {};
         HRESULT result = store().message(id_, row_);
         if (result == MAPI_E_NOT_FOUND) {
-            row_ = {};
+            row_.clear();
             stored_known_ = false;
             return in_batch && made_in_batch_ ? S_OK : fail(MAPI_E_OBJECT_DELETED);
         }
@@ -366,7 +366,7 @@ private:
         mark_ = std::move(mark);
         made_in_batch_ = fresh && mark_ != nullptr;
         dirty_ = false;
-        row_ = {};
+        row_.clear();
         stored_known_ = false;
         if (mark_ == nullptr) edit_ = {};
         return S_OK;

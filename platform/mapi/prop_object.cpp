@@ -111,6 +111,7 @@ HRESULT PropCore::get_props(LPSPropTagArray tags, ULONG flags, ULONG* count, LPS
     HRESULT result = look_all();
     if (FAILED(result)) return result;
     if (tags != nullptr) {
+        row.reserve(tags->cValues);
         for (ULONG i = 0; i < tags->cValues && SUCCEEDED(result); ++i) {
             result = fill(tags->aulPropTag[i], row);
         }

@@ -216,15 +216,20 @@ HRESULT MailStore::message(LONGLONG id, MessageRow& row) {
     if (code == SQLITE_DONE) return fail(MAPI_E_NOT_FOUND);
     if (code != SQLITE_ROW) return failure();
     row.id = id;
+    ColumnView views[kColumns];
+    std::size_t size = 0;
     for (unsigned i = 0; i < kColumns; ++i) {
-        ColumnView view;
-        view.read(*rows, static_cast<int>(i), static_cast<Column>(i));
-        row.present[i] = view.present;
-        if (i < kFirstText) {
-            row.numbers[i] = view.number;
-        } else {
-            row.texts[i - kFirstText] = view.bytes;
-        }
+        views[i].read(*rows, static_cast<int>(i), static_cast<Column>(i));
+        row.present[i] = views[i].present;
+        if (i < kFirstText) row.numbers[i] = views[i].number;
+        size += views[i].bytes.size();
+    }
+    row.units.clear();
+    row.units.reserve(size);
+    for (unsigned i = kFirstText; i < kColumns; ++i) {
+        const std::size_t at = row.units.size();
+        row.units += views[i].bytes;
+        row.texts[i - kFirstText] = std::string_view(row.units).substr(at);
     }
     row.folder = rows->integer(kColumns);
     row.version = rows->integer(kColumns + 1);

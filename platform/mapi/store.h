@@ -3,6 +3,8 @@
 // The message stores as one process sees them: one file with all accounts. Accounts and folders are kept in memory and
 // read again when the change log names one; messages are read when they are asked for.
 
+#include <algorithm>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -56,16 +58,25 @@ struct Folder {
     LONGLONG modified = 0;
 };
 struct MessageRow {
+    MessageRow() = default;
+    MessageRow(const MessageRow&) = delete;
+    MessageRow& operator=(const MessageRow&) = delete;
+
     LONGLONG id = 0;
     LONGLONG folder = 0;
     LONGLONG version = 0;
     LONGLONG next_attachment = 0;
     bool present[kColumns] = {};
     LONGLONG numbers[kFirstText] = {};
-    std::string texts[kColumns - kFirstText];
+    std::string_view texts[kColumns - kFirstText];
+    std::string units;  // what the texts are parts of
 
     LONGLONG number(Column column) const { return numbers[index_of(column)]; }
     ColumnView view(Column column) const;
+    void clear() {
+        id = 0;
+        std::fill(std::begin(present), std::end(present), false);
+    }
 };
 
 class MailStore final : public StoreFamily {

@@ -60,6 +60,7 @@ public:
         arena_.clear();
         errors_ = false;
     }
+    void reserve(std::size_t items) { items_.reserve(items); }
     std::size_t size() const { return items_.size(); }
     bool has_errors() const { return errors_; }
 
