@@ -68,6 +68,7 @@ std::vector<std::string> files_of(const std::string& path) {
     }
     std::sort(earlier.rbegin(), earlier.rend());
     std::vector<std::string> files;
+    files.reserve(earlier.size() + 1);
     for (auto& [number, file] : earlier) {
         files.push_back(std::move(file));
     }

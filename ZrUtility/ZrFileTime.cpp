@@ -2,7 +2,8 @@
 
 #include <cstddef>
 
-static_assert(sizeof(ZrFileTime) == sizeof(FILETIME) && alignof(ZrFileTime) == alignof(FILETIME));
+static_assert(sizeof(ZrFileTime) == sizeof(FILETIME));
+static_assert(alignof(ZrFileTime) == alignof(FILETIME));  // NOLINT(misc-redundant-expression)
 static_assert(offsetof(ZrFileTime, dwLowDateTime) == offsetof(FILETIME, dwLowDateTime));
 static_assert(offsetof(ZrFileTime, dwHighDateTime) == offsetof(FILETIME, dwHighDateTime));
 

@@ -92,8 +92,8 @@ int FileLock::take(const char* path, Missing missing, mode_t mode, int limit) no
     }
 }
 
-// The host lists its locks with the numbers of process, device and file: "1: FLOCK ADVISORY WRITE 4711 fe:00:123 0
-// EOF".
+// The host lists its locks with the numbers of process, device and file:
+// "1: FLOCK ADVISORY WRITE 4711 fe:00:123 0 EOF".
 pid_t lock_holder(const char* path) noexcept {
     struct stat status {};
     std::FILE* const list = lstat(path, &status) == 0 ? std::fopen("/proc/locks", "re") : nullptr;

@@ -200,7 +200,7 @@ void resolve(HostPath& result, Last last) {
                     missing_last(result, found, name, last);
                 return;
             }
-            next = found + '/' + other;
+            next.replace(found.size() + 1, std::string::npos, other);
         }
         found = std::move(next);
         at = end;

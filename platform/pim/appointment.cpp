@@ -216,10 +216,11 @@ HRESULT Appointment::occurrence_on(Day day, IAppointment** occurrence) {
     if (!series.start || !series.rule.recurs() || !Occurrences(series.rule).on(day))
         return fail(kGone, "The series does not occur on that day.");
     if (exception.deleted) return fail(kGone, "The occurrence of that day was deleted.");
-    return make_occurrence(day, std::move(fields), std::move(exception), occurrence);
+    return make_occurrence(day, std::move(fields), exception, occurrence);
 }
 
-HRESULT Appointment::make_occurrence(Day day, Values fields, ExceptionFields exception, IAppointment** occurrence) {
+HRESULT Appointment::make_occurrence(Day day, Values fields, const ExceptionFields& exception,
+                                     IAppointment** occurrence) {
     const Series series = Series::from(fields);
     auto made = std::make_unique<Occurrence>();
     made->day = day;

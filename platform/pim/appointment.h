@@ -61,7 +61,7 @@ private:
     HRESULT put_when(const Values& fields);
     HRESULT is_series(bool& series);
     HRESULT settle_times();
-    HRESULT make_occurrence(Day day, Values series, ExceptionFields exception, IAppointment** occurrence);
+    HRESULT make_occurrence(Day day, Values series, const ExceptionFields& exception, IAppointment** occurrence);
 };
 
 // The occurrence of the series `oid` on a day. May throw std::bad_alloc.

@@ -24,7 +24,7 @@ public:
     using AnyValue::AnyValue;
     Value(Value&&) noexcept = default;
     Value& operator=(Value&&) noexcept = default;
-    Value(const Value& other) : AnyValue() {
+    Value(const Value& other) : AnyValue() {  // NOLINT(bugprone-copy-constructor-init): see above
         std::visit(
             [this](const auto& held) {
                 auto copy = held;

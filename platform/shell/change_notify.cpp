@@ -7,6 +7,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/fail.h"
@@ -201,8 +202,12 @@ private:
             info.nFileSize = data.nFileSizeLow;
         }
         const bool rename = event == SHCNE_RENAMEITEM || event == SHCNE_RENAMEFOLDER;
-        made->first = rename ? old_ : std::move(path);
-        if (rename) made->second = std::move(path);
+        if (rename) {
+            made->first = old_;
+            made->second = std::move(path);
+        } else {
+            made->first = std::move(path);
+        }
         made->notify.dwRefCount = 1;
         info.cbSize = sizeof info;
         info.wEventId = event;

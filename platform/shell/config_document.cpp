@@ -57,7 +57,7 @@ std::u16string_view element_word(ElementKind kind) noexcept {
 }
 
 std::u16string_view ConfigDocument::keep(XmlText text) {
-    if (text.size == 0) return std::u16string_view(u"", 0);
+    if (text.size == 0) return u"";
     // UTF-16 has no more units than UTF-8 has bytes.
     WCHAR* const room = new_text(text.size + 1);
     const std::size_t length = host_to_wide(view(text), std::span(room, text.size));

@@ -292,8 +292,22 @@ DWORD salvage(const StoreKind& kind, const std::string& from, const std::string&
     return rows != 0 ? ERROR_SUCCESS : say(ERROR_FILE_CORRUPT, from + ": nothing of it can be read.");
 }
 
-bool is_in_place(const std::string& path);
-DWORD refuse_in_place(const std::string& path);
+// A store in its place is not opened as a file: closing it would end the locks that this process has on it.
+bool is_in_place(const std::string& path) {
+    const Folder folder = state_folder();
+    struct stat wanted = {};
+    if (!folder || stat(path.c_str(), &wanted) != 0) return false;
+    for (const StoreKind* kind : kinds) {
+        struct stat there = {};
+        if (kind == nullptr || stat((folder.path + "/" + kind->file).c_str(), &there) != 0) continue;
+        if (there.st_dev == wanted.st_dev && there.st_ino == wanted.st_ino) return true;
+    }
+    return false;
+}
+
+DWORD refuse_in_place(const std::string& path) {
+    return say(ERROR_SHARING_VIOLATION, path + " is the store that programs use: examine it, or back it up.");
+}
 
 DWORD recover(const std::string& from, const std::string& to, ULONGLONG& rows) {
     if (access(from.c_str(), R_OK) != 0) return host_failure(from, errno);
@@ -347,23 +361,6 @@ DWORD number_anew(const StoreKind& kind, const std::string& path) {
     connection.close();
     const HostFd file = open_host(path.c_str(), O_RDWR | O_NOFOLLOW);
     return file && fsync(file.get()) == 0 ? ERROR_SUCCESS : host_failure(path, errno);
-}
-
-// A store in its place is not opened as a file: closing it would end the locks that this process has on it.
-bool is_in_place(const std::string& path) {
-    const Folder folder = state_folder();
-    struct stat wanted = {};
-    if (!folder || stat(path.c_str(), &wanted) != 0) return false;
-    for (const StoreKind* kind : kinds) {
-        struct stat there = {};
-        if (kind == nullptr || stat((folder.path + "/" + kind->file).c_str(), &there) != 0) continue;
-        if (there.st_dev == wanted.st_dev && there.st_ino == wanted.st_ino) return true;
-    }
-    return false;
-}
-
-DWORD refuse_in_place(const std::string& path) {
-    return say(ERROR_SHARING_VIOLATION, path + " is the store that programs use: examine it, or back it up.");
 }
 
 DWORD restore(const std::string& from) {

@@ -31,7 +31,9 @@ EventLoop::EventLoop() : end_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
 }
 
 EventLoop::~EventLoop() {
-    if (WaitForSingleObject(end_, 0) != WAIT_OBJECT_0) pthread_kill(thread_.native_handle(), SIGTERM);
+    // The thread waits for the signal: it does not end the process.
+    if (WaitForSingleObject(end_, 0) != WAIT_OBJECT_0)
+        pthread_kill(thread_.native_handle(), SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread)
     thread_.join();
     CloseHandle(end_);
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);

@@ -111,7 +111,7 @@ void print_module(const Found& module, bool json) {
 }
 
 // The file, if it is a module that a client would find who looks for companions with this number and version.
-std::optional<Found> find_wanted(const ModulesOptions& options, std::u16string path) {
+std::optional<Found> find_wanted(const ModulesOptions& options, const std::u16string& path) {
     const std::size_t slash = path.rfind(u'\\');
     std::u16string folder = path.substr(0, slash);
     std::u16string name = path.substr(slash + 1);

@@ -78,6 +78,7 @@ private:
 // Whether nothing changed while it was written; if something did, a key or value may be missing that was there.
 bool write_all(const std::vector<RegPath>& tops, RegistryExport& all) {
     std::vector<std::unique_ptr<RegChanges>> changes;
+    changes.reserve(tops.size());
     for (const RegPath& top : tops) {
         changes.push_back(std::make_unique<RegChanges>(RegKey::existing(top), true));
     }

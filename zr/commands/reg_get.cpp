@@ -86,6 +86,7 @@ void delete_values(const RegKey& key, const std::vector<std::string>& words, boo
             throw Failure{Exit::None, "no value " + shown_name(names.back()) + " in " + shown(key.path())};
     }
     std::vector<ZrRegistryChange> changes;
+    changes.reserve(names.size());
     for (const std::u16string& name : names) {
         changes.push_back({ZrRegistryStep::DeleteValue, key.handle(), u"", name.c_str(), 0, nullptr, 0});
     }

@@ -108,6 +108,7 @@ public:
             ends_.emplace_back(each, paths.back());
         }
         std::vector<WCHAR*> pointers;
+        pointers.reserve(paths.size());
         for (std::u16string& each : paths) {
             pointers.push_back(each.data());
         }

@@ -221,7 +221,7 @@ std::string device_zone_id() {
     }
     char target[4096];
     const ssize_t length = ::readlink("/etc/localtime", target, sizeof target);
-    const std::string id = length > 0 ? below_zoneinfo({target, static_cast<std::size_t>(length)}) : std::string();
+    std::string id = length > 0 ? below_zoneinfo({target, static_cast<std::size_t>(length)}) : std::string();
     if (!id.empty()) return id;
     return device_is_utc() ? "UTC" : "Local";
 }

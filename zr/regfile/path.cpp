@@ -63,7 +63,7 @@ std::string parse_reg_path(std::u16string_view text, RegPath& path) {
         end = std::min(text.find(kSeparator, begin), text.size());
         if (end == begin) continue;
         const std::u16string_view name = text.substr(begin, end - begin);
-        if (const std::string fault = name_fault(name, "a key's"); !fault.empty()) return fault;
+        if (std::string fault = name_fault(name, "a key's"); !fault.empty()) return fault;
         if (++depth > kDeepestRegKey) return "a key more than " + std::to_string(kDeepestRegKey) + " levels deep";
         if (!path.below.empty()) path.below += kSeparator;
         path.below += name;

@@ -232,7 +232,7 @@ RegValue parse_reg_value(DWORD type, const std::vector<std::string>& words) {
             if (word.empty()) throw Failure{Exit::Usage, "REG_MULTI_SZ holds no empty text"};
             value.data += reg_bytes(unicode(word) + u'\0');
         }
-        value.data += reg_bytes({u"", 1});
+        value.data += reg_bytes({u"\0", 1});
         return value;
     }
     const bool bytes = !is_text(type) && number_size(type) == 0;

@@ -77,7 +77,7 @@ constexpr std::chrono::sys_days kFirstDay = std::chrono::year(1899) / 12 / 30;
 
 DATE to_date(Day day) {
     using namespace std::chrono;
-    const sys_days days = year(day.year) / static_cast<unsigned>(day.month) / static_cast<unsigned>(day.day);
+    const sys_days days = year(day.year) / month(static_cast<unsigned>(day.month)) / day.day;
     return static_cast<DATE>((days - kFirstDay).count());
 }
 

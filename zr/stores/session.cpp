@@ -1,6 +1,7 @@
 #include "zr/stores/session.h"
 
 #include <cstdio>
+#include <utility>
 
 #include "zr/base/text.h"
 
@@ -60,10 +61,10 @@ Session::Session() {
         CoCreateInstance(CLSID_Application, nullptr, CLSCTX_INPROC_SERVER, IID_IPOutlookApp, app_.out<void>());
     if (SUCCEEDED(result)) result = app_->Logon(nullptr);
     if (SUCCEEDED(result)) return;
-    const Failure failure = store_failure(result, opening);
+    Failure failure = store_failure(result, opening);
     app_.reset();
     CoUninitialize();
-    throw failure;
+    throw Failure(std::move(failure));
 }
 
 Session::~Session() {

@@ -147,7 +147,7 @@ struct TypedField {
 void write_names(const Card& card, Writer& writer) {
     writer.property("N", {card[Field::LastName], card[Field::FirstName], card[Field::MiddleName], card[Field::Title],
                           card[Field::Suffix]});
-    const std::string file_as = card[Field::FileAs];
+    const std::string& file_as = card[Field::FileAs];
     const bool sorted = file_as == sorted_name(card) && !composed_name(card).empty();
     const std::string name = sorted ? composed_name(card) : display_name(card);
     // Every card has an FN; one without anything to call it by gets a blank one, which readers accept.

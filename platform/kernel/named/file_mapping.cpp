@@ -164,7 +164,7 @@ Ref<NamedMapping> open_or_make(Session& session, std::u16string_view name, NewOb
         error = room_error(number);
         if (index == kNone) return {};
     }
-    const auto mapping = Ref<NamedMapping>::adopt(new (std::nothrow) NamedMapping(region.at<Object>(index), asked));
+    auto mapping = Ref<NamedMapping>::adopt(new (std::nothrow) NamedMapping(region.at<Object>(index), asked));
     if (mapping) {
         mapping->member().join(session, index, nullptr);
         if (const DWORD failed = mapping->open_contents()) error = failed;

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "split_address.h"
 #include "support/text.h"
 
 namespace {
@@ -17,7 +18,9 @@ namespace {
 using std::u16string;
 using std::u16string_view;
 using zr::test::randomText;
+using zr::test::split_by;
 using zr::test::Text;
+using Split = zr::test::SplitAddress;
 
 // Everything that some rule treats on its own, and characters that none does.
 constexpr u16string_view kAlphabet =
@@ -228,27 +231,8 @@ TEST(NextRecipient, LongTextsComeBackWhole) {
     EXPECT_EQ(nextRecipient(name + u" <" + address + u">;", false), (Recipient{name, address, 40004}));
 }
 
-// What a splitting function made of a text.
-struct Split {
-    u16string address;
-    std::optional<u16string> name;
-
-    bool operator==(const Split&) const = default;
-};
-
-void PrintTo(const Split& split, std::ostream* out) {
-    *out << testing::PrintToString(split.address) << " named " << testing::PrintToString(split.name);
-}
-
 Split kelToMapi(const u16string& text) {
-    Text s(text);
-    WCHAR* address = nullptr;
-    WCHAR* name = s;
-    AddressUtilities::KelRecipientsToMAPIRecipients(s, &address, &name);
-    EXPECT_TRUE(name == nullptr || name == s);
-    Split split{address, {}};
-    if (name != nullptr) split.name = name;
-    return split;
+    return split_by(AddressUtilities::KelRecipientsToMAPIRecipients, text);
 }
 
 Split expectedMapi(const u16string& text) {

@@ -15,6 +15,7 @@
 
 #include "platform/base.h"
 #include "platform/diagnostics.h"
+#include "split_address.h"
 #include "support/failing_new.h"
 #include "support/text.h"
 
@@ -24,8 +25,10 @@ using std::u16string;
 using std::u16string_view;
 using zr::test::FailingNew;
 using zr::test::randomText;
+using zr::test::split_by;
 using zr::test::Text;
 using Utilities = StringUtilities;
+using Decoded = zr::test::SplitAddress;
 
 // A string that the library handed out.
 class Owned {
@@ -472,26 +475,8 @@ TEST(DecodeInteger, StopsAtTheTextsEnd) {
     EXPECT_EQ(Utilities::DecodeInteger(Text(u"42"), INT_MAX), 42);
 }
 
-struct Decoded {
-    u16string address;
-    std::optional<u16string> name;
-
-    bool operator==(const Decoded&) const = default;
-};
-
-void PrintTo(const Decoded& decoded, std::ostream* out) {
-    *out << testing::PrintToString(decoded.address) << " named " << testing::PrintToString(decoded.name);
-}
-
 Decoded decode(const u16string& text) {
-    Text s(text);
-    WCHAR* address = nullptr;
-    WCHAR* name = s;
-    Utilities::DecodeAddress(s, &address, &name);
-    EXPECT_TRUE(name == nullptr || name == s);
-    Decoded decoded{address, {}};
-    if (name != nullptr) decoded.name = name;
-    return decoded;
+    return split_by(Utilities::DecodeAddress, text);
 }
 
 Decoded expectedDecoding(const u16string& text) {

@@ -16,6 +16,12 @@ namespace {
 #define CHECK(condition) \
     if (!(condition)) return __LINE__ % 200 + 1
 
+DWORD enter_and_leave(CRITICAL_SECTION& section) {
+    EnterCriticalSection(&section);
+    LeaveCriticalSection(&section);
+    return 0;
+}
+
 TEST(KernelFork, AThreadOfTheChildHasTheChildsIdentifier) {
     const DWORD parents = GetCurrentThreadId();
     EXPECT_EQ(in_fork([parents] {
@@ -120,11 +126,7 @@ TEST(KernelFork, ASectionOfTheThreadThatForksIsItsOnBothSides) {
                   Worker other([&] { return DWORD(TryEnterCriticalSection(&section) ? 1 : 0); });
                   CHECK(other.join() == 0);
                   LeaveCriticalSection(&section);
-                  Worker next([&] {
-                      EnterCriticalSection(&section);
-                      LeaveCriticalSection(&section);
-                      return DWORD{0};
-                  });
+                  Worker next([&] { return enter_and_leave(section); });
                   CHECK(next.join() == 0);
                   return 0;
               }),
@@ -139,19 +141,11 @@ TEST(KernelFork, ASectionsQueueStaysBehind) {
     CRITICAL_SECTION section;
     InitializeCriticalSection(&section);
     EnterCriticalSection(&section);
-    Worker waiter([&] {
-        EnterCriticalSection(&section);
-        LeaveCriticalSection(&section);
-        return DWORD{0};
-    });
+    Worker waiter([&] { return enter_and_leave(section); });
     waiter.until_asleep();
     EXPECT_EQ(in_fork([&] {
                   LeaveCriticalSection(&section);
-                  Worker next([&] {
-                      EnterCriticalSection(&section);
-                      LeaveCriticalSection(&section);
-                      return DWORD{0};
-                  });
+                  Worker next([&] { return enter_and_leave(section); });
                   CHECK(next.join() == 0);
                   return 0;
               }),

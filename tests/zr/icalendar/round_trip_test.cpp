@@ -3,39 +3,26 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
 #include <sstream>
 
 #include "zr/icalendar/calendars.h"
 #include "zr/icalendar/event_writer.h"
+#include "zr/samples.h"
 
 namespace {
 
 using zr::CalendarWriter;
 using zr::Event;
 using zr::Task;
+using zr::test::broken;
 using zr::test::calendar_text;
 using zr::test::event_text;
 using zr::test::read_calendar;
 using zr::test::ReadCalendar;
+using zr::test::samples;
 using zr::test::use_zone;
-
-std::vector<std::string> samples() {
-    std::vector<std::string> texts;
-    for (const char* folder : {"/fuzz/corpus/calendar", "/examples/data"}) {
-        for (const auto& entry : std::filesystem::directory_iterator(std::string(ZR_SOURCE_DIR) + folder)) {
-            if (std::string(folder) == "/examples/data" && entry.path().extension() != ".ics") continue;
-            std::ostringstream text;
-            text << std::ifstream(entry.path(), std::ios::binary).rdbuf();
-            texts.push_back(text.str());
-        }
-    }
-    std::sort(texts.begin(), texts.end());
-    return texts;
-}
 
 // The stamp of an item that has none is that of its export.
 std::string without_dtstamp(const std::string& extras) {
@@ -115,7 +102,7 @@ protected:
 
 TEST_P(CalendarRoundTrip, EveryItemOfTheCorpusComesBack) {
     int count = 0;
-    for (const std::string& text : samples()) {
+    for (const std::string& text : samples("calendar", ".ics")) {
         EXPECT_TRUE(all_come_back(text, count));
     }
     EXPECT_GT(count, 15);
@@ -155,23 +142,10 @@ const char* const kPieces[] = {"\r\n ",
 
 TEST_P(CalendarRoundTrip, AndSoDoesWhatIsReadOfBrokenOnes) {
     std::mt19937 random(11);
-    const std::vector<std::string> texts = samples();
+    const std::vector<std::string> texts = samples("calendar", ".ics");
     int count = 0;
     for (int i = 0; i < 1000; ++i) {
-        std::string text = texts[random() % texts.size()];
-        for (int n = static_cast<int>(random() % 6); n > 0 && !text.empty(); --n) {
-            const std::size_t at = random() % text.size();
-            switch (random() % 4) {
-                case 0:
-                    text[at] = static_cast<char>(random());
-                    break;
-                case 1:
-                    text.erase(at, random() % 20);
-                    break;
-                default:
-                    text.insert(at, kPieces[random() % std::size(kPieces)]);
-            }
-        }
+        const std::string text = broken(texts, kPieces, random);
         ASSERT_TRUE(all_come_back(text, count)) << i;
     }
     EXPECT_GT(count, 1000);

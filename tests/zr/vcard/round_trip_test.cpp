@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 
+#include "zr/samples.h"
 #include "zr/vcard/cards.h"
 #include "zr/vcard/writer.h"
 
@@ -15,22 +13,11 @@ namespace {
 using zr::Card;
 using zr::CardVersion;
 using zr::Field;
+using zr::test::broken;
 using zr::test::card_text;
 using zr::test::read_cards;
 using zr::test::ReadCards;
-
-std::vector<std::string> samples() {
-    std::vector<std::string> texts;
-    for (const char* folder : {"/fuzz/corpus/vcard", "/examples/data"}) {
-        for (const auto& entry : std::filesystem::directory_iterator(std::string(ZR_SOURCE_DIR) + folder)) {
-            if (std::string(folder) == "/examples/data" && entry.path().extension() != ".vcf") continue;
-            std::ostringstream text;
-            text << std::ifstream(entry.path(), std::ios::binary).rdbuf();
-            texts.push_back(text.str());
-        }
-    }
-    return texts;
-}
+using zr::test::samples;
 
 // As the contact store keeps it: it files under something who was given no name to file by.
 Card stored(Card card) {
@@ -71,7 +58,7 @@ std::string shown(const Card& card) {
 
 TEST(CardRoundTrip, EveryCardOfTheCorpusComesBack) {
     int cards = 0;
-    for (const std::string& text : samples()) {
+    for (const std::string& text : samples("vcard", ".vcf")) {
         for (const Card& card : read_cards(text).cards) {
             EXPECT_TRUE(comes_back(card)) << text;
             ++cards;
@@ -117,23 +104,10 @@ const char* const kPieces[] = {"\r\n ",
 
 TEST(CardRoundTrip, AndSoDoesWhatIsReadOfBrokenOnes) {
     std::mt19937 random(11);
-    const std::vector<std::string> texts = samples();
+    const std::vector<std::string> texts = samples("vcard", ".vcf");
     int cards = 0;
     for (int i = 0; i < 2000; ++i) {
-        std::string text = texts[random() % texts.size()];
-        for (int n = static_cast<int>(random() % 6); n > 0 && !text.empty(); --n) {
-            const std::size_t at = random() % text.size();
-            switch (random() % 4) {
-                case 0:
-                    text[at] = static_cast<char>(random());
-                    break;
-                case 1:
-                    text.erase(at, random() % 20);
-                    break;
-                default:
-                    text.insert(at, kPieces[random() % std::size(kPieces)]);
-            }
-        }
+        const std::string text = broken(texts, kPieces, random);
         for (const Card& card : read_cards(text).cards) {
             ASSERT_TRUE(comes_back(card)) << i << "\n" << text;
             ++cards;
