@@ -83,26 +83,16 @@ private:
     std::vector<std::string>& calls_;
 };
 
-class LockNames {
-public:
-    template <class Lock>
-    static std::string GetName(int) {
-        if (std::is_same_v<Lock, MutexLock>) return "MutexLock";
-        if (std::is_same_v<Lock, DebugMutexLock>) return "DebugMutexLock";
-        return std::is_same_v<Lock, NullLock> ? "NullLock" : "CriticalSectionLock";
-    }
-};
-
 // The kinds of locks that exclude.
 template <class T>
 class ExcludingLock : public testing::Test {};
 using ExcludingLocks = testing::Types<MutexLock, DebugMutexLock, CriticalSectionLock>;
-TYPED_TEST_SUITE(ExcludingLock, ExcludingLocks, LockNames);
+TYPED_TEST_SUITE(ExcludingLock, ExcludingLocks);
 
 template <class T>
 class AnyLock : public testing::Test {};
 using AnyLocks = testing::Types<MutexLock, DebugMutexLock, CriticalSectionLock, NullLock>;
-TYPED_TEST_SUITE(AnyLock, AnyLocks, LockNames);
+TYPED_TEST_SUITE(AnyLock, AnyLocks);
 
 }  // namespace
 
