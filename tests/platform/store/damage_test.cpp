@@ -49,6 +49,9 @@ std::u16string text_of(int number) {
     return text;
 }
 
+}  // namespace
+
+// The stores, under names that the list of tests shows as they are.
 struct ContactStore {
     static constexpr const char* kFile = "pim.db";
 
@@ -118,6 +121,8 @@ struct RegistryStore {
         return kRight;
     }
 };
+
+namespace {
 
 ZR_CHILD(hold_contacts) {
     const TestSession session;
@@ -228,14 +233,7 @@ protected:
 };
 
 using Stores = testing::Types<ContactStore, RegistryStore>;
-class StoreNames {
-public:
-    template <class Store>
-    static std::string GetName(int) {
-        return std::is_same_v<Store, ContactStore> ? "Contacts" : "Registry";
-    }
-};
-TYPED_TEST_SUITE(Damage, Stores, StoreNames);
+TYPED_TEST_SUITE(Damage, Stores);
 
 TYPED_TEST(Damage, AClosedStoreLeavesNoJournal) {
     ASSERT_EQ(Child(Content<TypeParam>::kFill, {std::to_string(this->kCount)}).wait(), 0);
