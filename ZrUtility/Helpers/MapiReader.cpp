@@ -40,7 +40,7 @@ MapiReader::MapiReader(const MapiReader& other) {
     Copy(other);
 }
 
-MapiReader& MapiReader::operator=(const MapiReader& other) {
+MapiReader& MapiReader::operator=(const MapiReader& other) {  // NOLINT(bugprone-unhandled-self-assignment)
     if (m_piRefCount == other.m_piRefCount) return *this;
     DecrementRefCountAndClean();
     Copy(other);
