@@ -104,8 +104,9 @@ void flush_folders_above(std::string path) {
 constinit std::array<std::atomic<const StoreKind*>, kMostStoreKinds> orphaned_kinds{};
 
 bool is_orphaned(const StoreKind& kind) {
-    return std::any_of(orphaned_kinds.begin(), orphaned_kinds.end(),
-                       [&](const auto& orphan) { return orphan.load(std::memory_order_relaxed) == &kind; });
+    return is_sqlite_abandoned() || std::any_of(orphaned_kinds.begin(), orphaned_kinds.end(), [&](const auto& orphan) {
+               return orphan.load(std::memory_order_relaxed) == &kind;
+           });
 }
 
 void orphan(const StoreKind& kind) noexcept {
@@ -263,8 +264,10 @@ void SharedStore::close_reader() noexcept {
 
 DWORD SharedStore::open() {
     if (is_orphaned(kind_))
-        return fail(ERROR_BUSY, std::string("The ") + kind_.name + " " + path_ +
-                                    ": it was being changed when this process was forked.");
+        return fail(ERROR_BUSY,
+                    std::string("The ") + kind_.name + " " + path_ +
+                        (is_sqlite_abandoned() ? ": another thread was changing a store" : ": it was being changed") +
+                        " when this process was forked.");
     close_reader();
     if (path_.empty()) {
         std::string trouble;
@@ -435,6 +438,7 @@ void SharedStore::before_fork() noexcept {
     fork_has_right_ = take_right(kPatience);
     right_mutex_.lock();
     mutex_.lock();
+    beside_writer_ = !fork_has_right_ && right_holder_ != std::this_thread::get_id();
     if (fork_has_right_) close_both();
 }
 
@@ -449,6 +453,7 @@ void SharedStore::after_fork_in_child() noexcept {
         // Left as they are: even closing them would touch what the parent's change has written.
         orphaned_.store(true, std::memory_order_relaxed);
         orphan(kind_);
+        if (beside_writer_) abandon_sqlite();
         writer_commits_.detach();
         commits_.detach();
         writer_.abandon();

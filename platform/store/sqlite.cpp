@@ -1,5 +1,6 @@
 #include "store/sqlite.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -14,6 +15,7 @@ namespace zr::platform {
 namespace {
 
 constexpr int kBusyMilliseconds = 5000;
+constinit std::atomic<bool> sqlite_abandoned{false};
 
 DWORD meaning(int code, int system_error) {
     switch (code & 0xFF) {
@@ -85,10 +87,19 @@ void Statement::bind_text(int index, std::u16string_view text) {
     }
 }
 
+void abandon_sqlite() noexcept {
+    sqlite_abandoned.store(true, std::memory_order_relaxed);
+}
+
+bool is_sqlite_abandoned() noexcept {
+    return sqlite_abandoned.load(std::memory_order_relaxed);
+}
+
 DWORD Connection::open(const std::string& path) {
     path_ = path;
     met_damage_ = false;
-    abandoned_ = false;
+    abandoned_ = is_sqlite_abandoned();
+    if (abandoned_) return error();
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     const char* const layer = checked_vfs();
     if (layer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;

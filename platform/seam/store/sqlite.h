@@ -87,6 +87,11 @@ private:
     Statement* statement_;
 };
 
+// In a child made by fork beside a thread that may have been inside SQLite: locks that SQLite has for the whole process
+// may never be given back. From now on every opening of a connection fails with ERROR_BUSY instead of waiting for them.
+void abandon_sqlite() noexcept;
+bool is_sqlite_abandoned() noexcept;
+
 class Connection {
 public:
     Connection() = default;

@@ -5,7 +5,9 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
+#include "platform/registry.h"
 #include "platform/windowing.h"
 #include "session_support.h"
 #include "store_query.h"
@@ -209,6 +211,41 @@ TEST(Forks, ABatchIsTheParentsAlone) {
     ASSERT_TRUE(save(session, u"in the batch, too"));
     EXPECT_EQ(store->CommitBatch(), S_OK);
     EXPECT_EQ(contacts_there(), 2);
+}
+
+// The thread that writes may be inside SQLite, whose locks are those of all stores: then the child has none of them,
+// and is told so at once.
+TEST(Forks, BesideAThreadThatKeepsAStoreTheChildHasNone) {
+    TestSession session;
+    ASSERT_TRUE(save(session, u"before"));
+    HKEY key = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_CURRENT_USER, u"k", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr), 0);
+    const Pipe begun;
+    const Pipe go;
+    std::thread writer([&] {
+        TestSession own;
+        const auto store = own.store();
+        ASSERT_EQ(store->BeginBatch(), S_OK);
+        ASSERT_TRUE(save(own, u"in the batch"));
+        begun.say();
+        go.hear();
+        EXPECT_EQ(store->CommitBatch(), S_OK);
+    });
+    begun.hear();
+    const Forked child([&] {
+        if (save(session, u"lost")) return 1;
+        if (std::u16string(ZrPimLastErrorText()).find(u"forked") == std::u16string::npos) return 2;
+        const DWORD value = 1;
+        const LONG result =
+            RegSetValueExW(key, u"v", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
+        return result == static_cast<LONG>(ERROR_BUSY) ? 0 : 3;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    go.say();
+    writer.join();
+    EXPECT_TRUE(save(session, u"after"));
+    EXPECT_EQ(RegCloseKey(key), 0);
+    EXPECT_EQ(contacts_there(), 3);
 }
 
 // --- stores that are set aside ---
