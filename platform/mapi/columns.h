@@ -112,11 +112,12 @@ struct ColumnView {
     std::string_view bytes;  // UTF-16 units
 
     void read(const Statement& row, int at, Column column) {
-        present = !row.is_null(at);
         if (is_text(column)) {
             bytes = row.blob(at);
+            present = !bytes.empty() || !row.is_null(at);
         } else {
             number = row.integer(at);
+            present = number != 0 || !row.is_null(at);
         }
     }
 };

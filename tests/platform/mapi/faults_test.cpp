@@ -4,8 +4,8 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <time.h>
 
-#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
@@ -484,6 +484,13 @@ TEST_F(MapiFaults, ShortMemoryIsAResult) {
     EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_SUCCESS)) << ZrStoreLastErrorText();
 }
 
+// Of this thread: what else the computer does is not in it.
+double processor_time() {
+    timespec now = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
 // Rows are walked at the same price in a large folder as in a small one.
 TEST_F(MapiFaults, LargeFoldersAreWalkedInLinearTime) {
     const Mail mail;
@@ -499,7 +506,7 @@ TEST_F(MapiFaults, LargeFoldersAreWalkedInLinearTime) {
     const auto walk = [&](ULONG expected) {
         Ref<IMAPITable> table;
         EXPECT_EQ(folder->GetContentsTable(0, table.out()), S_OK);
-        const auto begin = std::chrono::steady_clock::now();
+        const double begin = processor_time();
         std::set<Bytes> seen;
         ULONG rows_seen = 0;
         for (;;) {
@@ -510,7 +517,7 @@ TEST_F(MapiFaults, LargeFoldersAreWalkedInLinearTime) {
         }
         EXPECT_EQ(rows_seen, expected);
         EXPECT_EQ(seen.size(), expected / 1000);
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() / expected;
+        return (processor_time() - begin) / expected;
     };
     double few = walk(kFew);
     for (int i = 0; i < 3; ++i) {
