@@ -186,8 +186,8 @@ void HtmlText::line(int breaks) {
 
 void HtmlText::end_reference(std::string& out) {
     state_ = State::Text;
-    const std::string whole = std::move(held_);
-    held_.clear();
+    std::string whole;
+    whole.swap(held_);
     const bool ended = whole.ends_with(';');
     const std::string character = referenced(std::string_view(whole).substr(0, whole.size() - (ended ? 1 : 0)));
     if (character.empty()) {
