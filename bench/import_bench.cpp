@@ -146,6 +146,40 @@ void parse_evcard(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
+// One card with so many categories, twice as long with each row: what takes more than twice the time is not linear.
+std::string long_card(std::int64_t categories) {
+    std::string text = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Family;Given\r\nCATEGORIES:c";
+    for (std::int64_t i = 1; i < categories; ++i) {
+        text += ",c";
+    }
+    return text + "\r\nEND:VCARD\r\n";
+}
+
+void parse_long_card_ours(benchmark::State& state) {
+    const std::string path = scratch().path() / "long.vcf";
+    std::ofstream(path, std::ios::binary) << long_card(state.range(0));
+    for (auto _ : state) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        zr::LineReader lines(zr::read_from_descriptor(fd));
+        zr::CardReader reader(lines);
+        std::vector<zr::Problem> problems;
+        zr::Card card;
+        if (reader.next(card, problems) != zr::CardReader::Result::Card) state.SkipWithError("no card");
+        close(fd);
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void parse_long_card_evcard(benchmark::State& state) {
+    const std::string text = long_card(state.range(0));
+    for (auto _ : state) {
+        EVCard* const card = e_vcard_new_from_string(text.c_str());
+        benchmark::DoNotOptimize(e_vcard_get_attributes(card));
+        g_object_unref(card);
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
 void import_memory(benchmark::State& state) {
     const std::string path = scratch().cards(static_cast<int>(state.range(0)));
     const std::string tool = fs::read_symlink("/proc/self/exe").parent_path() / "zr";
@@ -191,6 +225,19 @@ BENCHMARK(parse_evcard)
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime()
     ->UseRealTime();
+BENCHMARK(parse_long_card_ours)
+    ->Name("parse_long_card/ours")
+    ->Arg(20000)
+    ->Arg(40000)
+    ->Arg(80000)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(parse_long_card_evcard)
+    ->Name("parse_long_card/evcard")
+    ->Arg(20000)
+    ->Arg(40000)
+    ->Arg(80000)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(import_memory)
     ->Name("import_memory/ours")
     ->Arg(10000)
