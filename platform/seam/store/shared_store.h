@@ -25,8 +25,8 @@
 //
 // Forks. Both connections are closed before a fork and opened again by the next call on either side. Where the right to
 // write is held just then (by the forking thread's own batch, or for longer than five seconds) the parent keeps them,
-// and the child's calls fail with ERROR_BUSY: those of that store, and where another thread had the right, which may have
-// been inside SQLite, those of all stores.
+// and the child's calls fail with ERROR_BUSY: those of that store, and where another thread had the right, which may
+// have been inside SQLite, those of all stores.
 //
 // ZR_HOME is looked at when a store is joined; who has joined a store keeps it, whatever the variable says later.
 //
