@@ -31,7 +31,7 @@ constexpr const char* kExitCodes =
     " 12 not a log            13 no time zone          14 not a sound .reg file\n"
     " 15 not a sound provisioning document\n"
     "\n"
-    "ZR_HOME names the folder of the contact store and the registry (default: zrutility in the user's\n"
+    "ZR_HOME names the folder of contacts, mail and registry (default: zrutility in the user's\n"
     "data folder).";
 
 void drop_glib_message(const gchar*, GLogLevelFlags, const gchar*, gpointer) {}
@@ -92,6 +92,21 @@ void build(zr::Command app) {
     zr::add_proxy_pac(proxy);
     zr::add_proxy_watch(proxy);
     zr::add_provision(app);
+    zr::Command mail = app.add_group("mail", "Read and change the message store");
+    mail.footer("Example:\n  zr mail import ~/Maildir\n\n'zr mail COMMAND --help' tells more.");
+    zr::add_mail_import(mail);
+    zr::add_mail_export(mail);
+    zr::add_mail_folders(mail);
+    zr::add_mail_list(mail);
+    zr::add_mail_find(mail);
+    zr::add_mail_show(mail);
+    zr::add_mail_attachments(mail);
+    zr::add_mail_move(mail);
+    zr::add_mail_save(mail);
+    zr::add_mail_mark(mail);
+    zr::add_mail_delete(mail);
+    zr::add_mail_meetings(mail);
+    zr::add_mail_watch(mail);
     zr::add_resolve(app);
     zr::Command log = app.add_group("log", "Read the binary log");
     log.footer("Example:\n  zr log show client.zrlog");
@@ -134,7 +149,7 @@ int main(int argc, char** argv) {
     std::signal(SIGXFSZ, SIG_IGN);  // a limit of file sizes is a disk that is full, which is told
     silence_glib();
     zr::CommandLine line(
-        "Contacts, senders of messages, the registry, the log, named objects and the time zone, at a terminal.",
+        "Contacts, mail, senders of messages, the registry, the log, named objects and the time zone, at a terminal.",
         "zr " ZR_VERSION);
     build(line.root());
     if (const std::optional<int> code = line.parse(argc, argv)) return *code;

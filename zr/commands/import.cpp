@@ -11,17 +11,13 @@ void ImportOptions::add_to(Command command, const char* what_files) {
 }
 
 Exit Import::run() {
-    Exit code = Exit::Ok;
     try {
         for (const std::string& path : options_.files) {
             try {
-                InputFile file(path);
-                read(file);
+                read_path(path);
             } catch (const Failure& failure) {
                 if (failure.code != Exit::Unreadable) throw;
-                progress_.clear();
-                complain(failure.text);
-                code = combine(code, failure.code);
+                note_unreadable(failure);
             }
         }
         save();
@@ -35,8 +31,19 @@ Exit Import::run() {
     }
     progress_.clear();
     report();
-    if (code == Exit::Ok && left_out_ + incomplete_ > 0) code = Exit::DamagedCards;
-    return code;
+    if (code_ == Exit::Ok && left_out_ + incomplete_ > 0) code_ = Exit::DamagedCards;
+    return code_;
+}
+
+void Import::read_path(const std::string& path) {
+    InputFile file(path);
+    read(file);
+}
+
+void Import::note_unreadable(const Failure& failure) {
+    progress_.clear();
+    complain(failure.text);
+    code_ = combine(code_, failure.code);
 }
 
 void Import::note(const std::string& file, const std::vector<Problem>& problems, bool left_out) {
@@ -69,19 +76,25 @@ void Import::note_refused(const std::string& name, const std::string& why) {
 }
 
 void Import::show(const InputFile& file, std::size_t bytes_read, std::size_t waiting) {
-    progress_.show(file.name(), bytes_read, static_cast<std::size_t>(file.size()),
-                   imported_ + static_cast<long>(waiting));
+    show(file.name(), bytes_read, static_cast<std::size_t>(file.size()), waiting);
+}
+
+void Import::show(const std::string& what, std::size_t done, std::size_t total, std::size_t waiting) {
+    progress_.show(what, done, total, imported_ + static_cast<long>(waiting));
 }
 
 void Import::report() {
     if (options_.json) {
-        print_json_line(
-            {{"imported", imported_}, {"leftOut", left_out_}, {"incomplete", incomplete_}, {"problems", problems_}});
+        Json json{{"imported", imported_}};
+        if (words_.knows) json.set("alreadyThere", known_);
+        json.set_all({{"leftOut", left_out_}, {"incomplete", incomplete_}, {"problems", problems_}});
+        print_json_line(json);
         return;
     }
     if (options_.quiet) return;
     std::string text = "imported " + std::to_string(imported_) + " " + (imported_ == 1 ? words_.made : words_.all_made);
     if (incomplete_ > 0) text += ", " + std::to_string(incomplete_) + " of them not in full";
+    if (known_ > 0) text += "; " + std::to_string(known_) + (known_ == 1 ? " was" : " were") + " there already";
     if (left_out_ > 0) {
         text += "; left out " + std::to_string(left_out_) + " " + (left_out_ == 1 ? words_.source : words_.sources);
     }

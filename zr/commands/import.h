@@ -32,6 +32,7 @@ struct ImportWords {
     const char* source;      // "card"
     const char* sources;     // "cards"
     const char* incomplete;  // "line left out"
+    bool knows = false;      // tells how many were there already
 };
 
 class Import {
@@ -50,6 +51,8 @@ protected:
     Import(const ImportOptions& options, const ImportWords& words)
         : options_(options), words_(words), progress_(!options.quiet && !options.json, words.all_made) {}
 
+    // Reads what the command line names: a file, unless an import knows more.
+    virtual void read_path(const std::string& path);
     virtual void read(InputFile& file) = 0;
     // Stores the batch at hand and returns how many were in it. Called once more behind the last file.
     virtual long save_batch() = 0;
@@ -58,7 +61,11 @@ protected:
     void note(const std::string& file, const std::vector<Problem>& problems, bool left_out);
     // An item that was read and that the store did not take.
     void note_refused(const std::string& name, const std::string& why);
+    void note_known() { ++known_; }  // an item that was there already
+    // A file that cannot be read, which does not end the import.
+    void note_unreadable(const Failure& failure);
     void show(const InputFile& file, std::size_t bytes_read, std::size_t waiting);
+    void show(const std::string& what, std::size_t done, std::size_t total, std::size_t waiting);
 
 private:
     void report();
@@ -66,7 +73,9 @@ private:
     const ImportOptions& options_;
     const ImportWords& words_;
     Progress progress_;
+    Exit code_ = Exit::Ok;
     long imported_ = 0;
+    long known_ = 0;
     long left_out_ = 0;    // sources
     long incomplete_ = 0;  // sources that came in without something
     Json problems_ = Json::array();

@@ -1,7 +1,5 @@
 // zr resolve: the contact behind the sender of a message, found through the library's e-mail index.
 
-#include <ZrUtility/ZrUtility.h>
-#include <platform/platform.h>
 #include <sys/stat.h>
 
 #include <memory>
@@ -14,12 +12,11 @@
 #include "zr/commands/command.h"
 #include "zr/mail/recipients.h"
 #include "zr/stores/contacts.h"
+#include "zr/stores/directory.h"
+#include "zr/stores/mail.h"
 
 namespace zr {
 namespace {
-
-constexpr int kEmailFields =
-    Contact::CONTACT_FIELD_EMAIL1 | Contact::CONTACT_FIELD_EMAIL2 | Contact::CONTACT_FIELD_EMAIL3;
 
 struct ResolveOptions {
     std::vector<std::string> inputs;
@@ -35,12 +32,6 @@ struct Query {
     std::string subject;
     Sender sender;
     std::string shown;  // the answer that was last printed
-};
-
-struct Answer {
-    Exit code = Exit::Ok;  // one, none or several contacts
-    LONG oid = 0;          // of the one
-    Card card;
 };
 
 bool is_message_argument(const ResolveOptions& options, const std::string& input) {
@@ -67,6 +58,21 @@ void add_message(const std::string& path, std::vector<Query>& queries) {
     }
 }
 
+// Whether an argument that is no file names a message of the store; then it is one of the queries.
+bool add_stored_message(const std::string& id, std::vector<Query>& queries) {
+    struct stat status;
+    if (id == "-" || ::stat(id.c_str(), &status) == 0) return false;
+    // Nothing is opened, and no store made, for what cannot be an identifier.
+    if (id.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return false;
+    MailSession mail;
+    EntryBytes entry;
+    const ComPtr<IMessage> message = mail.message_of_id(id, entry);
+    const MailRow row = mail_row_of(message.get());
+    if (row.address.empty()) throw Failure{Exit::NoSender, id + ": no usable From"};
+    queries.push_back({id, row.subject, {row.sender == row.address ? "" : row.sender, row.address}, {}});
+    return true;
+}
+
 void add_addresses(const std::string& text, std::vector<Query>& queries) {
     const std::vector<Sender> senders = is_utf8(text) ? split_recipients(text) : std::vector<Sender>();
     if (senders.empty()) throw Failure{Exit::NoSender, text + ": no usable address"};
@@ -74,65 +80,6 @@ void add_addresses(const std::string& text, std::vector<Query>& queries) {
         queries.push_back({"", "", sender, {}});
     }
 }
-
-// The library's contacts manager, with the index, for as long as the object.
-class Directory {
-public:
-    Directory() : manager_(OutlookManager::GetContactsManagerInstance(ContactsManager::CM_TYPE_EMAIL)) {
-        const LONG result = manager_->Initialize();
-        if (FAILED(result)) throw store_failure(result, "opening the contact store");
-    }
-    ~Directory() {
-        manager_->Uninitialize(0);
-        OutlookManager::ReleaseContactsManagerInstance(manager_);
-    }
-    Directory(const Directory&) = delete;
-    Directory& operator=(const Directory&) = delete;
-
-    Answer answer(const std::string& address) {
-        std::u16string pattern = to_utf16(address);
-        Contact* contact = nullptr;
-        switch (manager_->FindContact(pattern.data(), kEmailFields, 1, 0, 0, contact)) {
-            case ContactsManager::CM_NONE:
-                return {Exit::None, {}, {}};
-            case ContactsManager::CM_SEVERAL:
-                return {Exit::Several, {}, {}};
-            case ContactsManager::CM_ONE: {
-                Answer answer = describe(*contact);
-                manager_->ReleaseContact(contact);
-                return answer;
-            }
-            default:
-                throw Failure{Exit::StoreFailed, address + ": the search failed"};
-        }
-    }
-
-private:
-    static std::string text(Contact& contact, LONG (Contact::*get)(WCHAR*&)) {
-        WCHAR* value = nullptr;
-        return SUCCEEDED((contact.*get)(value)) && value ? to_utf8(value) : std::string();
-    }
-
-    static Answer describe(Contact& contact) {
-        Answer answer;
-        contact.get_Oid(answer.oid);
-        Card& card = answer.card;
-        card[Field::FileAs] = text(contact, &Contact::get_FileAs);
-        card[Field::Title] = text(contact, &Contact::get_Title);
-        card[Field::FirstName] = text(contact, &Contact::get_FirstName);
-        card[Field::MiddleName] = text(contact, &Contact::get_MiddleName);
-        card[Field::LastName] = text(contact, &Contact::get_LastName);
-        card[Field::Suffix] = text(contact, &Contact::get_Suffix);
-        card[Field::Company] = text(contact, &Contact::get_CompanyName);
-        card[Field::JobTitle] = text(contact, &Contact::get_JobTitle);
-        card[Field::Email1] = text(contact, &Contact::get_Email1Address);
-        card[Field::Email2] = text(contact, &Contact::get_Email2Address);
-        card[Field::Email3] = text(contact, &Contact::get_Email3Address);
-        return answer;
-    }
-
-    ContactsManager* manager_;
-};
 
 const char* word_of(const Answer& answer) {
     return answer.code == Exit::Ok ? "one" : answer.code == Exit::None ? "none" : "several";
@@ -182,7 +129,7 @@ void collect_queries(const ResolveOptions& options, std::vector<Query>& queries,
     for (const std::string& input : options.inputs) {
         try {
             if (is_message_argument(options, input)) {
-                add_message(input, queries);
+                if (!add_stored_message(input, queries)) add_message(input, queries);
             } else {
                 add_addresses(input, queries);
             }
@@ -216,9 +163,9 @@ void add_resolve(Command zr) {
     const auto options = std::make_shared<ResolveOptions>();
     Command command = zr.add_command("resolve", "Tell which contact sent a message or has an address");
     command
-        .add_option(
-            "MESSAGE|ADDRESS", options->inputs,
-            "Message files (- is standard input), or addresses such as 'Jo Doe <jo@example.com>; al@example.com'")
+        .add_option("MESSAGE|ADDRESS", options->inputs,
+                    "Message files (- is standard input), identifiers of stored messages, or addresses such as 'Jo Doe "
+                    "<jo@example.com>; al@example.com'")
         .required();
     const Option messages = command.add_flag("-m,--messages", options->messages, "Every argument is a message file");
     command.add_flag("-a,--addresses", options->addresses, "Every argument is an address").excludes(messages);
@@ -229,7 +176,8 @@ void add_resolve(Command zr) {
         "An answer is none, one with the contact, or several. The exit code is 0 when each address is\n"
         "one contact's, 1 when some is nobody's, 3 when some is several contacts', and 4, 5 or 6 when a\n"
         "message has no usable From, is no message, or cannot be read.\n"
-        "An argument is an address when it holds an @ and no such file exists.\n"
+        "An argument is an address when it holds an @ and no such file exists, and an identifier when it is\n"
+        "hexadecimal and no such file exists.\n"
         "\n"
         "Examples:\n"
         "  zr resolve ~/Maildir/new/*\n"

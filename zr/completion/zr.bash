@@ -16,11 +16,12 @@ _zr() {
         --work-phone --home-phone --mobile --web --note --email --birthday"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar reg store net proxy provision resolve log modules objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar mail reg store net proxy provision resolve log modules objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
         -s | --sort) _zr_words "file-as first last middle title suffix company email1 email2 email3" "$current"; return ;;
+        -f | --folder | -t | --to) [[ $group == mail ]] && return ;;&
         -f | --field)
             _zr_words "file-as title first last suffix company email email1 email2 email3 job-title" "$current"
             return ;;
@@ -30,7 +31,9 @@ _zr() {
                 _zr_words "sz expand_sz multi_sz dword qword binary none dword_big_endian mui_sz" "$current"
                 return
             fi ;;
-        --format) _zr_words "4 5" "$current"; return ;;
+        --format)
+            if [[ $group == mail ]]; then _zr_words "eml mbox maildir" "$current"; else _zr_words "4 5" "$current"; fi
+            return ;;
         --encoding) _zr_words "utf-16 utf-8 windows-1252" "$current"; return ;;
         --vcard-version) _zr_words "2.1 3.0 4.0" "$current"; return ;;
         -o | --output) _zr_files "$current"; return ;;
@@ -62,6 +65,35 @@ _zr() {
                 export) _zr_words "--output --json --help" "$current" ;;
                 list) _zr_words "--from --to --tasks --reverse --limit --json --help" "$current" ;;
                 show | occurrence | remove) _zr_words "--json --help" "$current" ;;
+            esac ;;
+        mail)
+            if ((COMP_CWORD == 2)); then
+                _zr_words "import export folders list find show attachments move save mark delete meetings watch --help" \
+                    "$current"
+                return
+            fi
+            case $command in
+                import)
+                    if [[ $current == -* ]]; then
+                        _zr_words "--folder --json --quiet --help" "$current"
+                    else
+                        _zr_files "$current"
+                    fi ;;
+                export)
+                    if [[ $current == -* ]]; then
+                        _zr_words "--format --folder --json --quiet --help" "$current"
+                    else
+                        _zr_files "$current"
+                    fi ;;
+                list) _zr_words "--reverse --unread --limit --json --help" "$current" ;;
+                find) _zr_words "--unread --limit --json --help" "$current" ;;
+                show) _zr_words "--headers --json --help" "$current" ;;
+                attachments) _zr_words "--save --json --help" "$current" ;;
+                move) _zr_words "--to --json --help" "$current" ;;
+                mark) _zr_words "--read --unread --json --help" "$current" ;;
+                delete) _zr_words "--permanently --json --help" "$current" ;;
+                meetings) _zr_words "--delete-foreign --json --help" "$current" ;;
+                folders | save | watch) _zr_words "--json --help" "$current" ;;
             esac ;;
         reg)
             if ((COMP_CWORD == 2)); then

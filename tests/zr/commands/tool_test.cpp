@@ -64,6 +64,19 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"contacts", "add"},
     {"contacts", "change"},
     {"contacts", "remove"},
+    {"mail", "import"},
+    {"mail", "export"},
+    {"mail", "folders"},
+    {"mail", "list"},
+    {"mail", "find"},
+    {"mail", "show"},
+    {"mail", "attachments"},
+    {"mail", "move"},
+    {"mail", "save"},
+    {"mail", "mark"},
+    {"mail", "delete"},
+    {"mail", "meetings"},
+    {"mail", "watch"},
     {"reg", "get"},
     {"reg", "set"},
     {"reg", "delete"},
@@ -116,7 +129,7 @@ TEST_F(Tool, DocumentsAndCompletesEveryOption) {
         read_file(ZR_SOURCE_DIR "/zr/man/zr-reg.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-resolve.1") +
         read_file(ZR_SOURCE_DIR "/zr/man/zr-watch.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-net.1") +
         read_file(ZR_SOURCE_DIR "/zr/man/zr-proxy.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-provision.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr.1");
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-mail.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
     const std::string zsh = read_file(ZR_SOURCE_DIR "/zr/completion/_zr");
     int options = 0;
@@ -142,11 +155,13 @@ TEST_F(Tool, CompletesInBash) {
                                    current + "'); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(
-        complete("zr"),
-        "contacts calendar reg store net proxy provision resolve log modules objects zone watch --help --version\n");
+    EXPECT_EQ(complete("zr"),
+              "contacts calendar mail reg store net proxy provision resolve log modules objects zone watch --help "
+              "--version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
+    EXPECT_EQ(complete("zr mail export --format"), "eml mbox maildir\n");
+    EXPECT_EQ(complete("zr mail move 1", "--"), "--to --json --help\n");
     EXPECT_EQ(complete("zr reg"), "get set delete list tree watch import export --help\n");
     EXPECT_EQ(complete("zr reg set HKCU a b --type", "d"), "dword dword_big_endian\n");
     EXPECT_EQ(complete("zr reg export --encoding"), "utf-16 utf-8 windows-1252\n");

@@ -1,0 +1,244 @@
+// zr mail export: messages as files, as a mailbox, or as a Maildir.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+
+#include "zr/base/json.h"
+#include "zr/base/output.h"
+#include "zr/base/output_file.h"
+#include "zr/base/progress.h"
+#include "zr/base/text.h"
+#include "zr/commands/command.h"
+#include "zr/commands/mail_rows.h"
+#include "zr/mail/file_name.h"
+#include "zr/mail/maildir.h"
+#include "zr/mail/mbox.h"
+
+namespace zr {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct MailExportOptions {
+    std::string target;
+    std::string format;
+    std::string folder;
+    bool json = false;
+    bool quiet = false;
+};
+
+// Where messages go, one after the other.
+class MailSink {
+public:
+    virtual ~MailSink() = default;
+    MailSink(const MailSink&) = delete;
+    MailSink& operator=(const MailSink&) = delete;
+
+    virtual void enter(const MailFolder&, bool) {}
+    // False when the message has no bytes of its own.
+    virtual bool write(IMessage* message, const MailRow& row, const std::string& id) = 0;
+    virtual void finish() {}
+
+protected:
+    MailSink() = default;
+};
+
+bool write_bytes(IMessage* message, OutputFile& file) {
+    return read_mail_stream(message, PR_CE_MIME_TEXT, [&](const char* bytes, std::size_t size) {
+        file.write({bytes, size});
+    });
+}
+
+void make_folder(const fs::path& path) {
+    std::error_code error;
+    fs::create_directories(path, error);
+    if (error) throw file_failure(path.string(), error.value());
+}
+
+// A file for each message, in folders like the store's.
+class FileSink final : public MailSink {
+public:
+    explicit FileSink(const std::string& target) : target_(target) {}
+
+    void enter(const MailFolder& folder, bool alone) override {
+        folder_ = target_;
+        for (const std::string& name : folder.path) {
+            if (!alone) folder_ /= safe_file_name(name, "_");
+        }
+        make_folder(folder_);
+    }
+    bool write(IMessage* message, const MailRow&, const std::string& id) override {
+        OutputFile file((folder_ / (id + ".eml")).string());
+        if (!write_bytes(message, file)) return false;
+        file.finish();
+        return true;
+    }
+
+private:
+    fs::path target_;
+    fs::path folder_;
+};
+
+MailFlags flags_of(IMessage* message, const MailRow& row) {
+    const MailValues values(message, {kMailFlagStatus, kMailLastVerb, PR_MSG_STATUS});
+    MailFlags flags;
+    flags.read = row.is_read();
+    flags.draft = (static_cast<ULONG>(row.flags) & MSGFLAG_UNSENT) != 0;
+    flags.flagged = values.number(kMailFlagStatus) == 2;
+    flags.replied = values.number(kMailLastVerb) == 102;
+    flags.forwarded = values.number(kMailLastVerb) == 104;
+    flags.deleted = (static_cast<ULONG>(values.number(PR_MSG_STATUS)) & kMailDeletedMark) != 0;
+    return flags;
+}
+
+// The Inbox is the Maildir itself, the others its sub-folders. Messages appear whole.
+class MaildirSink final : public MailSink {
+public:
+    explicit MaildirSink(const std::string& target) : target_(target) {}
+
+    void enter(const MailFolder& folder, bool alone) override {
+        folder_ = target_;
+        if (!alone && folder.name() != "Inbox") folder_ /= maildir_folder_name(folder.path);
+        for (const char* part : {"cur", "new", "tmp"}) {
+            make_folder(folder_ / part);
+        }
+    }
+    bool write(IMessage* message, const MailRow& row, const std::string& id) override {
+        const std::string letters = maildir_letters(flags_of(message, row));
+        const std::string name = std::to_string(row.time.value_or(0)) + "." + id + ".zr";
+        const fs::path temporary = folder_ / "tmp" / name;
+        OutputFile file(temporary.string());
+        if (!write_bytes(message, file)) return false;
+        file.finish();
+        const fs::path place = letters.empty() ? folder_ / "new" / name : folder_ / "cur" / (name + ":2," + letters);
+        if (::rename(temporary.c_str(), place.c_str()) != 0) throw file_failure(place.string(), errno);
+        return true;
+    }
+
+private:
+    fs::path target_;
+    fs::path folder_;
+};
+
+// All in one file, one folder's messages behind the other's.
+class MboxSink final : public MailSink {
+public:
+    explicit MboxSink(const std::string& target)
+        : file_(target), writer_([this](std::string_view bytes) { file_.write(bytes); }) {}
+
+    bool write(IMessage* message, const MailRow& row, const std::string&) override {
+        bool begun = false;
+        const bool there = read_mail_stream(message, PR_CE_MIME_TEXT, [&](const char* bytes, std::size_t size) {
+            if (!begun) writer_.begin(separator_of(message, row));
+            begun = true;
+            writer_.write({bytes, size});
+        });
+        if (begun) writer_.end();
+        return there;
+    }
+    void finish() override { file_.finish(); }
+
+private:
+    static std::string separator_of(IMessage* message, const MailRow& row) {
+        const std::string kept = MailValues(message, {kMailSeparator}).text(kMailSeparator);
+        if (kept.starts_with("From ") && kept.find_first_of("\r\n") == std::string::npos) return kept;
+        const std::time_t time = row.time.value_or(0);
+        std::tm parts = {};
+        char date[64] = "Thu Jan  1 00:00:00 1970";
+        if (::gmtime_r(&time, &parts) != nullptr) std::strftime(date, sizeof date, "%a %b %e %H:%M:%S %Y", &parts);
+        const bool usable = !row.address.empty() && row.address.find_first_of(" \r\n\t") == std::string::npos;
+        return "From " + (usable ? row.address : "MAILER-DAEMON") + " " + date;
+    }
+
+    OutputFile file_;
+    MboxWriter writer_;
+};
+
+std::unique_ptr<MailSink> sink_for(const MailExportOptions& options) {
+    struct stat status = {};
+    std::string format = options.format;
+    if (format.empty()) {
+        const bool is_folder = ::stat(options.target.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+        const bool is_file =
+            options.target == "-" || options.target.ends_with(".mbox") || options.target.ends_with(".mbx");
+        format = is_file && !is_folder ? "mbox" : is_maildir(options.target) ? "maildir" : "eml";
+    }
+    if (format == "mbox") return std::make_unique<MboxSink>(options.target);
+    if (format == "maildir") return std::make_unique<MaildirSink>(options.target);
+    return std::make_unique<FileSink>(options.target);
+}
+
+Exit export_mail(const MailExportOptions& options) {
+    MailSession mail;
+    std::vector<MailFolder> folders = mail.folders();
+    if (!options.folder.empty()) {
+        const EntryBytes wanted = MailValues(mail.folder_named(options.folder).get(), {PR_ENTRYID}).bytes(PR_ENTRYID);
+        std::erase_if(folders, [&](const MailFolder& folder) { return folder.entry != wanted; });
+    }
+    const std::unique_ptr<MailSink> sink = sink_for(options);
+    Progress progress(!options.quiet && !options.json && options.target != "-", "messages");
+    long count = 0;
+    long left_out = 0;
+    for (const MailFolder& folder : folders) {
+        sink->enter(folder, !options.folder.empty());
+        const ComPtr<IMAPIFolder> opened = mail.open_folder(folder.entry);
+        ComPtr<IMAPITable> table;
+        check_mail(opened->GetContentsTable(0, table.out()), "reading a list");
+        std::size_t done = 0;
+        each_mail_row(table.get(), [&](const MailRow& row) {
+            const std::string id = mail.id_of(row.entry);
+            try {
+                const ComPtr<IMessage> message = mail.message(row.entry);
+                if (sink->write(message.get(), row, id)) {
+                    ++count;
+                } else {
+                    progress.clear();
+                    complain(id + ": left out: it did not come from a message file and has no bytes of its own");
+                    ++left_out;
+                }
+            } catch (const Failure& failure) {
+                if (failure.code != Exit::None) throw;  // deleted meanwhile
+            }
+            progress.show(folder.name(), ++done, static_cast<std::size_t>(std::max<LONG>(0, folder.messages)), count);
+            return true;
+        });
+    }
+    sink->finish();
+    progress.clear();
+    if (options.json && options.target != "-") {
+        print_json_line({{"exported", count}, {"leftOut", left_out}});
+    } else if (!options.quiet && options.target != "-") {
+        print("exported " + std::to_string(count) + (count == 1 ? " message\n" : " messages\n"));
+    }
+    return left_out > 0 ? Exit::DamagedCards : Exit::Ok;
+}
+
+}  // namespace
+
+void add_mail_export(Command mail) {
+    const auto options = std::make_shared<MailExportOptions>();
+    Command command = mail.add_command("export", "Write messages to files, as they came");
+    command.add_option("DIR|FILE", options->target, "Where they go (- is standard output, as a mailbox)").required();
+    command
+        .add_option("-F,--format", options->format,
+                    "eml: a file for each; mbox: one file; maildir (default: mbox for names in .mbox, maildir where "
+                    "there is one, else eml)")
+        .one_of({"eml", "mbox", "maildir"});
+    command.add_option("-f,--folder", options->folder, "Only this folder (default: all)");
+    command.add_flag("--json", options->json, "Print the result as JSON, unless messages go to standard output");
+    command.add_flag("-q,--quiet", options->quiet, "Print nothing but what went wrong");
+    command.footer(
+        "Messages are written byte for byte as they were imported. A file of a name that is there is replaced.\n"
+        "\n"
+        "Examples:\n"
+        "  zr mail export ~/mail-backup --format maildir\n"
+        "  zr mail export inbox.mbox --folder Inbox");
+    command.runs([options] { return export_mail(*options); });
+}
+
+}  // namespace zr

@@ -1,0 +1,35 @@
+#pragma once
+
+// Messages as lists show them.
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "zr/base/json.h"
+#include "zr/stores/directory.h"
+#include "zr/stores/mail.h"
+
+namespace zr {
+
+// The names of senders: the contact's where the e-mail index knows one, else what the message says.
+class SenderNames {
+public:
+    std::string name_of(const MailRow& row);
+
+private:
+    static constexpr std::size_t kMostKept = 10000;
+
+    Directory directory_;
+    std::map<std::string, std::string> known_;  // by address; empty: no contact's
+};
+
+// "2024-01-31 10:00" in the device's zone; "2024-01-31T09:00:00Z". Empty for no time.
+std::string local_time(const std::optional<std::int64_t>& seconds);
+std::string utc_time(const std::optional<std::int64_t>& seconds);
+
+// Identifier, date, N when it is not read, sender and subject with tabs between.
+std::string mail_line(const MailSession& mail, const MailRow& row, SenderNames& names);
+Json mail_json(const MailSession& mail, const MailRow& row, SenderNames& names);
+
+}  // namespace zr

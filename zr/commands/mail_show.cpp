@@ -1,0 +1,305 @@
+// zr mail show and attachments: what is in a message.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "zr/base/output.h"
+#include "zr/base/text.h"
+#include "zr/commands/command.h"
+#include "zr/commands/mail_rows.h"
+#include "zr/mail/file_name.h"
+
+namespace zr {
+namespace {
+
+struct MailShowOptions {
+    std::vector<std::string> ids;
+    std::string save;
+    bool headers = false;
+    bool json = false;
+};
+
+// Text for a terminal, line by line: nothing in it can steer one.
+class PrintedText {
+public:
+    void write(std::string_view text) {
+        waiting_ += text;
+        std::size_t begin = 0;
+        for (std::size_t end = 0; (end = waiting_.find('\n', begin)) != std::string::npos; begin = end + 1) {
+            line(std::string_view(waiting_).substr(begin, end - begin));
+        }
+        waiting_.erase(0, begin);
+    }
+    void finish() {
+        if (!waiting_.empty()) line(waiting_);
+        waiting_.clear();
+    }
+
+private:
+    static void line(std::string_view text) {
+        if (text.ends_with('\r')) text.remove_suffix(1);
+        // A tab is what it looks like.
+        for (std::size_t tab = 0; (tab = text.find('\t')) != std::string_view::npos; text.remove_prefix(tab + 1)) {
+            print(printable(text.substr(0, tab)) + "    ");
+        }
+        print(printable(text) + "\n");
+    }
+
+    std::string waiting_;
+};
+
+struct Attachment {
+    LONG number = 0;
+    std::string name;
+    std::string type;
+    LONG size = 0;
+};
+
+std::vector<Attachment> attachments_of(IMessage* message) {
+    constexpr const char* reading = "reading the attachments";
+    ComPtr<IMAPITable> table;
+    check_mail(message->GetAttachmentTable(0, table.out()), reading);
+    std::vector<Attachment> all;
+    each_row(table.get(), {PR_ATTACH_NUM, PR_ATTACH_LONG_FILENAME_W, PR_ATTACH_MIME_TAG_W, PR_ATTACH_SIZE},
+             [&](const MailCells& row) {
+                 all.push_back({row.number(0), row.text(1), row.text(2), row.number(3)});
+                 return true;
+             });
+    return all;
+}
+
+Json attachment_json(const Attachment& attachment) {
+    return {
+        {"number", attachment.number}, {"name", attachment.name}, {"type", attachment.type}, {"size", attachment.size}};
+}
+
+struct Person {
+    LONG type = 0;
+    std::string name;
+    std::string address;
+};
+
+std::vector<Person> recipients_of(IMessage* message) {
+    ComPtr<IMAPITable> table;
+    check_mail(message->GetRecipientTable(0, table.out()), "reading the recipients");
+    std::vector<Person> all;
+    each_row(table.get(), {PR_RECIPIENT_TYPE, PR_DISPLAY_NAME_W, PR_EMAIL_ADDRESS_W}, [&](const MailCells& row) {
+        all.push_back({row.number(0), row.text(1), row.text(2)});
+        return true;
+    });
+    return all;
+}
+
+std::string mailbox_of(const std::string& name, const std::string& address) {
+    if (name.empty() || name == address) return printable(address);
+    return printable(name) + " <" + printable(address) + ">";
+}
+
+constexpr std::pair<LONG, const char*> kKinds[] = {{MAPI_TO, "To"}, {MAPI_CC, "Cc"}, {MAPI_BCC, "Bcc"}};
+
+std::string list_of(const std::vector<Person>& people, LONG type) {
+    std::string list;
+    for (const Person& person : people) {
+        if (person.type == type) list += (list.empty() ? "" : ", ") + mailbox_of(person.name, person.address);
+    }
+    return list;
+}
+
+// The text of a message to `take`; of one that has no text, but HTML, that.
+void read_text(IMessage* message, const std::function<void(std::string_view)>& take) {
+    read_mail_text(message, PR_BODY_W, take);
+}
+
+void show_text(const MailSession& mail, IMessage* message, const MailRow& row, SenderNames& names, bool headers) {
+    const std::vector<Person> people = recipients_of(message);
+    if (headers) {
+        PrintedText text;
+        read_mail_text(message, PR_TRANSPORT_MESSAGE_HEADERS_W, [&](std::string_view piece) { text.write(piece); });
+        text.finish();
+    } else {
+        print("ID:      " + mail.id_of(row.entry) + "\n");
+        print("From:    " + mailbox_of(names.name_of(row), row.address) + "\n");
+        for (const auto& [type, name] : kKinds) {
+            const std::string list = list_of(people, type);
+            if (!list.empty())
+                print(std::string(name) + ":" + std::string(8 - std::string(name).size(), ' ') + list + "\n");
+        }
+        print("Date:    " + local_time(row.time) + "\n");
+        print("Subject: " + printable(row.subject) + "\n");
+        if (!row.message_class.starts_with("IPM.Note")) print("Class:   " + printable(row.message_class) + "\n");
+        for (const Attachment& attachment : attachments_of(message)) {
+            print("File:    " + std::to_string(attachment.number) + " " + printable(attachment.name) + " (" +
+                  printable(attachment.type) + ", " + std::to_string(attachment.size) + " bytes)\n");
+        }
+    }
+    print("\n");
+    PrintedText text;
+    read_text(message, [&](std::string_view piece) { text.write(piece); });
+    text.finish();
+}
+
+Json show_json(const MailSession& mail, IMessage* message, const MailRow& row, SenderNames& names) {
+    Json json = mail_json(mail, row, names);
+    const std::vector<Person> people = recipients_of(message);
+    for (const auto& [type, name] :
+         std::initializer_list<std::pair<LONG, const char*>>{{MAPI_TO, "to"}, {MAPI_CC, "cc"}, {MAPI_BCC, "bcc"}}) {
+        Json list = Json::array();
+        for (const Person& person : people) {
+            if (person.type == type) list.add({{"name", person.name}, {"address", person.address}});
+        }
+        json.set(name, std::move(list));
+    }
+    const MailValues values(message, {PR_INTERNET_MESSAGE_ID_W, PR_IN_REPLY_TO_ID_W});
+    json.set("messageId", values.text(PR_INTERNET_MESSAGE_ID_W));
+    Json files = Json::array();
+    for (const Attachment& attachment : attachments_of(message)) {
+        files.add(attachment_json(attachment));
+    }
+    json.set("files", std::move(files));
+    std::string text;
+    read_text(message, [&](std::string_view piece) { text += piece; });
+    json.set("text", text);
+    return json;
+}
+
+Exit show(const MailShowOptions& options) {
+    MailSession mail;
+    SenderNames names;
+    JsonArray array;
+    Exit code = Exit::Ok;
+    bool first = true;
+    for (const std::string& id : options.ids) {
+        try {
+            EntryBytes entry;
+            const ComPtr<IMessage> message = mail.message_of_id(id, entry);
+            const MailRow row = mail_row_of(message.get());
+            if (options.json) {
+                array.add(show_json(mail, message.get(), row, names));
+            } else {
+                if (!first) print("\n");
+                first = false;
+                show_text(mail, message.get(), row, names, options.headers);
+            }
+        } catch (const Failure& failure) {
+            if (failure.code != Exit::None) throw;
+            complain(failure.text);
+            code = combine(code, failure.code);
+        }
+    }
+    if (options.json) array.finish();
+    return code;
+}
+
+// A new file in a folder, under a name that nothing else has.
+class SavedFile {
+public:
+    SavedFile(const std::string& folder, const std::string& name) {
+        const std::size_t dot = name.rfind('.');
+        const std::string stem = name.substr(0, dot == 0 ? std::string::npos : dot);
+        const std::string extension = dot == 0 || dot == std::string::npos ? "" : name.substr(dot);
+        for (int number = 1; fd_ < 0; ++number) {
+            path_ = folder + "/" + stem + (number > 1 ? " (" + std::to_string(number) + ")" : "") + extension;
+            fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+            if (fd_ < 0 && (errno != EEXIST || number >= 10000)) throw file_failure(path_, errno);
+        }
+    }
+    ~SavedFile() {
+        if (fd_ < 0) return;
+        ::close(fd_);
+        ::unlink(path_.c_str());  // it is not whole
+    }
+    SavedFile(const SavedFile&) = delete;
+    SavedFile& operator=(const SavedFile&) = delete;
+
+    const std::string& path() const { return path_; }
+    void write(const char* bytes, std::size_t size) {
+        while (size > 0) {
+            const ssize_t written = ::write(fd_, bytes, size);
+            if (written < 0 && errno == EINTR) continue;
+            if (written < 0) throw file_failure(path_, errno);
+            bytes += written;
+            size -= static_cast<std::size_t>(written);
+        }
+    }
+    void finish() {
+        if (::close(std::exchange(fd_, -1)) != 0) throw file_failure(path_, errno);
+    }
+
+private:
+    std::string path_;
+    int fd_ = -1;
+};
+
+std::string save_attachment(IMessage* message, const Attachment& attachment, const std::string& folder) {
+    constexpr const char* reading = "reading an attachment";
+    ComPtr<IAttach> opened;
+    check_mail(message->OpenAttach(static_cast<ULONG>(attachment.number), nullptr, 0, opened.out()), reading);
+    SavedFile file(folder, safe_file_name(attachment.name, "attachment-" + std::to_string(attachment.number)));
+    read_mail_stream(opened.get(), PR_ATTACH_DATA_BIN,
+                     [&](const char* bytes, std::size_t size) { file.write(bytes, size); });
+    file.finish();
+    return file.path();
+}
+
+Exit attachments(const MailShowOptions& options) {
+    struct stat status = {};
+    if (!options.save.empty() && ::stat(options.save.c_str(), &status) != 0) throw file_failure(options.save, errno);
+    MailSession mail;
+    JsonArray array;
+    bool any = false;
+    EntryBytes entry;
+    const ComPtr<IMessage> message = mail.message_of_id(options.ids.front(), entry);
+    for (const Attachment& attachment : attachments_of(message.get())) {
+        any = true;
+        const std::string path = options.save.empty() ? "" : save_attachment(message.get(), attachment, options.save);
+        if (options.json) {
+            Json json = attachment_json(attachment);
+            if (!path.empty()) json.set("saved", path);
+            array.add(json);
+        } else {
+            print(std::to_string(attachment.number) + "\t" + std::to_string(attachment.size) + "\t" +
+                  printable(attachment.type) + "\t" + printable(path.empty() ? attachment.name : path) + "\n");
+        }
+    }
+    if (options.json) array.finish();
+    return any ? Exit::Ok : Exit::None;
+}
+
+}  // namespace
+
+void add_mail_show(Command mail) {
+    const auto options = std::make_shared<MailShowOptions>();
+    Command command = mail.add_command("show", "Show messages");
+    command.add_option("ID", options->ids, "Identifiers, as zr mail list shows them").required();
+    command.add_flag("-H,--headers", options->headers, "Show the whole header instead of the usual lines");
+    command.add_flag("--json", options->json, "Print JSON");
+    command.footer(
+        "Of a message that is HTML only its text is shown. Control characters are shown as escapes.\n"
+        "The exit code is 1 when there is no such message.\n"
+        "\n"
+        "Example:\n"
+        "  zr mail show 180400000004");
+    command.runs([options] { return show(*options); });
+}
+
+void add_mail_attachments(Command mail) {
+    const auto options = std::make_shared<MailShowOptions>();
+    options->ids.resize(1);
+    Command command = mail.add_command("attachments", "List or save the attachments of a message");
+    command.add_option("ID", options->ids.front(), "Identifier, as zr mail list shows it").required();
+    command.add_option("-s,--save", options->save, "Save them into this folder");
+    command.add_flag("--json", options->json, "Print JSON");
+    command.footer(
+        "A line is the number, the size, the type and the name, or the file that it was saved as, with tabs\n"
+        "between. No file is overwritten, and a name is never a path. The exit code is 1 when there are none.\n"
+        "\n"
+        "Example:\n"
+        "  zr mail attachments 180400000004 --save ~/Downloads");
+    command.runs([options] { return attachments(*options); });
+}
+
+}  // namespace zr
