@@ -22,6 +22,7 @@ DWORD facts_of(LPCWSTR path, Wanted wanted, FileFacts& facts) {
         if (host.error) return host.error;
         error = read_file_facts(AT_FDCWD, {}, host.path.c_str(), wanted, facts);
     }
+    if (error == 0 && host.names_folder && !(facts.attributes & FILE_ATTRIBUTE_DIRECTORY)) return ERROR_INVALID_NAME;
     // The root has no name that could hide it.
     if (error == 0 && host.root) facts.attributes &= ~FILE_ATTRIBUTE_HIDDEN;
     return error ? error_from_errno(error) : ERROR_SUCCESS;

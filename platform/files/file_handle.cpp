@@ -19,6 +19,7 @@
 #include "file_facts.h"
 #include "files/host_path.h"
 #include "kernel/handle_table.h"
+#include "kernel/mapped_files.h"
 #include "platform/files.h"
 #include "share_modes.h"
 
@@ -50,8 +51,8 @@ public:
     ShareClaim claim;
 
 private:
-    // Given back by name: a child that was forked meanwhile has the descriptor too, and the lock with it. A child gives
-    // back nothing of its parent's.
+    // Given back by name: a child that was forked meanwhile has the descriptor too, and a mapping, and the lock with
+    // it. A child gives back nothing of its parent's.
     ~File() override {
         if (locked_ && generation_ == fork_generation()) flock(host.get(), LOCK_UN);
     }
@@ -118,16 +119,23 @@ DWORD share(const OpenRequest& request, File& file) {
     return file.lock(mode) ? ERROR_SUCCESS : ERROR_SHARING_VIOLATION;
 }
 
+DWORD empty(int file) {
+    struct stat status;
+    if (fstat(file, &status) != 0) return error_from_errno(errno);
+    return S_ISREG(status.st_mode) ? set_file_size(file, 0) : ERROR_SUCCESS;
+}
+
 // Opens what the path names now. ERROR_FILE_EXISTS and ERROR_FILE_NOT_FOUND may mean that it changed meanwhile.
 DWORD open_once(const OpenRequest& request, File& file, bool& existed) {
     const HostPath host = request.creates() ? new_host_path(request.path) : existing_host_path(request.path);
     if (host.error) return host.error;
     existed = host.exists;
-    if (existed && request.creation == CREATE_NEW) return ERROR_FILE_EXISTS;
+    if (!existed && host.names_folder) return ERROR_INVALID_NAME;
+    if (existed && request.creation == CREATE_NEW)
+        return is_folder(host.path) ? ERROR_ACCESS_DENIED : ERROR_FILE_EXISTS;
     DWORD error = existed ? open_old(request, host.path, file.host) : open_new(request, host.path, file.host);
     if (error == 0) error = share(request, file);
-    if (error == 0 && existed && request.empties() && ftruncate(file.host.get(), 0) != 0 && errno != EINVAL)
-        error = error_from_errno(errno);
+    if (error == 0 && existed && request.empties()) error = empty(file.host.get());
     return error;
 }
 
@@ -267,9 +275,9 @@ BOOL SetEndOfFile(HANDLE handle) {
         const auto file = file_with(handle, GENERIC_WRITE);
         if (!file) return FALSE;
         const off_t at = lseek(file->host.get(), 0, SEEK_CUR);
-        const WithinSizeLimit no_signal;
-        if (at < 0 || ftruncate(file->host.get(), at) != 0) return fail(room_error(errno), FALSE);
-        return TRUE;
+        if (at < 0) return fail(error_from_errno(errno), FALSE);
+        const DWORD error = set_file_size(file->host.get(), static_cast<std::uint64_t>(at));
+        return error ? fail(error, FALSE) : TRUE;
     });
 }
 

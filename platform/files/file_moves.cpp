@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,21 +14,42 @@
 #include "entry.h"
 #include "file_facts.h"
 #include "files/host_path.h"
+#include "kernel/mapped_files.h"
 #include "platform/files.h"
+#include "share_modes.h"
 
 namespace zr::platform {
 namespace {
+
+// Whether another process has the file open for itself alone. One that may not be read is not looked into.
+bool is_locked_elsewhere(int file) {
+    return file >= 0 && flock(file, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+// Takes the file's name for oneself: as long as the claim lives, nobody opens the file who does not share its deletion.
+DWORD claim_name(const char* path, const struct stat& status, ShareClaim& claim) {
+    if (!S_ISREG(status.st_mode)) return ERROR_SUCCESS;
+    if (!claim.take(status, kDeleteAccess, kShareAll)) return ERROR_SHARING_VIOLATION;
+    if (is_mapped(status.st_dev, status.st_ino)) return ERROR_SHARING_VIOLATION;
+    const HostFd file = open_host(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    return is_locked_elsewhere(file.get()) ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
+}
+
+// A link goes with whatever kind the attributes say it is, so that who empties a folder by them gets to the end.
+bool is_link_to_folder(const char* path) {
+    FileFacts facts;
+    return read_file_facts(AT_FDCWD, {}, path, Wanted::AttributesOnly, facts) == 0 &&
+           (facts.attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
 
 DWORD delete_file(const char* path) {
     struct stat status;
     if (lstat(path, &status) != 0) return error_from_errno(errno);
     if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
-    if (S_ISLNK(status.st_mode)) {
-        struct stat target;
-        if (stat(path, &target) == 0 && S_ISDIR(target.st_mode)) return ERROR_ACCESS_DENIED;
-    } else if ((status.st_mode & kAnyWrite) == 0) {
+    if (S_ISLNK(status.st_mode) ? is_link_to_folder(path) : (status.st_mode & kAnyWrite) == 0)
         return ERROR_ACCESS_DENIED;
-    }
+    ShareClaim claim;
+    if (const DWORD error = claim_name(path, status, claim)) return error;
     return unlink(path) == 0 ? ERROR_SUCCESS : error_from_errno(errno);
 }
 
@@ -64,35 +86,53 @@ void copy_facts(const char* from, const struct stat& status, const char* to, int
     [[maybe_unused]] const int ignored = futimens(fd, times) | fchmod(fd, status.st_mode & 0777);
 }
 
-DWORD open_source(const std::string& path, HostFd& file, struct stat& status) {
-    file = open_host(path.c_str(), O_RDONLY | O_NONBLOCK);
-    if (!file || fstat(file.get(), &status) != 0) return error_from_errno(errno);
-    return S_ISREG(status.st_mode) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+// One end of a copy, which is an open file among the others while it goes on.
+struct CopyEnd {
+    ShareClaim claim;
+    HostFd file;
+    struct stat status;
+
+    DWORD use(DWORD access) {
+        if (!claim.take(status, access, kShareAll)) return ERROR_SHARING_VIOLATION;
+        return is_locked_elsewhere(file.get()) ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
+    }
+};
+
+DWORD open_source(const std::string& path, CopyEnd& source) {
+    source.file = open_host(path.c_str(), O_RDONLY | O_NONBLOCK);
+    if (!source.file || fstat(source.file.get(), &source.status) != 0) return error_from_errno(errno);
+    return S_ISREG(source.status.st_mode) ? source.use(GENERIC_READ) : ERROR_ACCESS_DENIED;
 }
 
-DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& source, HostFd& file) {
-    if (!target.exists) {
-        file = open_host(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
-        return file ? ERROR_SUCCESS : errno == EEXIST ? ERROR_FILE_EXISTS : error_from_errno(errno);
-    }
-    if (must_be_new) return ERROR_FILE_EXISTS;
-    struct stat status;
+// Empties the old file, once it is sure that nobody else's is emptied.
+DWORD open_old_target(const HostPath& target, const struct stat& source, CopyEnd& copy) {
+    struct stat& status = copy.status;
     if (stat(target.path.c_str(), &status) != 0) return error_from_errno(errno);
     if (!S_ISREG(status.st_mode) || (status.st_mode & kAnyWrite) == 0) return ERROR_ACCESS_DENIED;
     if (status.st_dev == source.st_dev && status.st_ino == source.st_ino) return ERROR_SHARING_VIOLATION;
-    file = open_host(target.path.c_str(), O_WRONLY | O_TRUNC);
-    return file ? ERROR_SUCCESS : error_from_errno(errno);
+    copy.file = open_host(target.path.c_str(), O_WRONLY | O_NONBLOCK);
+    if (!copy.file || fstat(copy.file.get(), &status) != 0) return error_from_errno(errno);
+    if (const DWORD error = copy.use(GENERIC_WRITE)) return error;
+    if (is_mapped(status.st_dev, status.st_ino)) return ERROR_USER_MAPPED_FILE;
+    return set_file_size(copy.file.get(), 0);
+}
+
+DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& source, CopyEnd& copy) {
+    if (target.exists) return must_be_new ? ERROR_FILE_EXISTS : open_old_target(target, source, copy);
+    if (target.names_folder) return ERROR_INVALID_NAME;
+    copy.file = open_host(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+    if (!copy.file) return errno == EEXIST ? ERROR_FILE_EXISTS : error_from_errno(errno);
+    return fstat(copy.file.get(), &copy.status) == 0 ? copy.use(GENERIC_WRITE) : error_from_errno(errno);
 }
 
 DWORD copy_file(const std::string& from, const HostPath& target, bool must_be_new) {
-    HostFd source;
-    HostFd copy;
-    struct stat status;
-    if (const DWORD error = open_source(from, source, status)) return error;
-    if (const DWORD error = open_target(target, must_be_new, status, copy)) return error;
-    int error = copy_content(source.get(), copy.get());
-    if (error == 0) copy_facts(from.c_str(), status, target.path.c_str(), copy.get());
-    if (copy.close() != 0 && error == 0) error = errno;
+    CopyEnd source;
+    CopyEnd copy;
+    if (const DWORD error = open_source(from, source)) return error;
+    if (const DWORD error = open_target(target, must_be_new, source.status, copy)) return error;
+    int error = copy_content(source.file.get(), copy.file.get());
+    if (error == 0) copy_facts(from.c_str(), source.status, target.path.c_str(), copy.file.get());
+    if (copy.file.close() != 0 && error == 0) error = errno;
     if (error && !target.exists) unlink(target.path.c_str());
     return error ? room_error(error) : ERROR_SUCCESS;
 }
@@ -126,6 +166,11 @@ DWORD move_file(const HostPath& from, HostPath target, LPCWSTR to) {
         target.path.replace(target.path.rfind('/'), std::string::npos, spelled, spelled.rfind('/'), std::string::npos);
         if (target.path == from.path) return ERROR_SUCCESS;
     }
+    struct stat status;
+    if (lstat(from.path.c_str(), &status) != 0) return error_from_errno(errno);
+    if (target.names_folder && !S_ISDIR(status.st_mode)) return ERROR_INVALID_NAME;
+    ShareClaim claim;
+    if (const DWORD refused = claim_name(from.path.c_str(), status, claim)) return refused;
     const int error = rename_to_new(from.path.c_str(), target.path.c_str());
     if (error != EXDEV) return error ? error_from_errno(error) : ERROR_SUCCESS;
     target.exists = false;

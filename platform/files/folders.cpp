@@ -52,6 +52,8 @@ BOOL CreateDirectoryW(LPCWSTR path, SECURITY_ATTRIBUTES*) {
 BOOL RemoveDirectoryW(LPCWSTR path) {
     return enter(FALSE, [&] {
         const HostPath host = existing_host_path(path);
+        if (host.error == ERROR_INVALID_NAME)
+            return fail(ERROR_DIRECTORY, FALSE);  // a file, with a separator behind it
         const DWORD error = host.error ? host.error : remove_folder(host);
         return error ? fail(error, FALSE) : TRUE;
     });

@@ -216,6 +216,7 @@ HostPath find(LPCWSTR path, Last last) {
         result.exists = true;
     else
         resolve(result, last);
+    if (result.names_folder && result.exists && !is_folder(result.path)) result.error = ERROR_INVALID_NAME;
     return result;
 }
 
@@ -270,8 +271,14 @@ HostPath spelled_host_path(LPCWSTR path) {
     HostPath result;
     result.error = spell(path, result.path);
     result.root = result.error == 0 && result.path.size() == host_root().size();
+    if (result.error == 0) result.names_folder = is_separator(std::u16string_view(path).back());
     if (result.root && result.path.empty()) result.path.assign(1, '/');
     return result;
+}
+
+bool is_folder(const std::string& host_path) {
+    struct stat status;
+    return stat(host_path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 HostPath existing_host_path(LPCWSTR path) {

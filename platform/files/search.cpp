@@ -131,7 +131,7 @@ private:
     Listing listing_;
 };
 
-// "folder\pattern" in its two parts; without a separator the folder is the root.
+// "folder\pattern" in its two parts, the separators between them in neither; without any the folder is the root.
 struct SearchPath {
     std::u16string folder;
     std::u16string_view pattern;
@@ -141,7 +141,10 @@ SearchPath split(std::u16string_view path) {
     std::size_t cut = path.size();
     while (cut > 0 && !is_separator(path[cut - 1]))
         --cut;
-    return {cut == 0 ? u"\\" : std::u16string(path.substr(0, cut)), path.substr(cut)};
+    std::size_t end = cut;
+    while (end > 0 && is_separator(path[end - 1]))
+        --end;
+    return {end == 0 ? u"\\" : std::u16string(path.substr(0, end)), path.substr(cut)};
 }
 
 // A pattern without wildcards names one file: no need to read the folder.

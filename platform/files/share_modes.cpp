@@ -1,34 +1,48 @@
 #include "share_modes.h"
 
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <new>
 #include <utility>
 
 #include "at_fork.h"
-#include "platform/files.h"
 
 namespace zr::platform {
 namespace {
 
-// How many open files read, write, and keep readers or writers out.
+// One way to use a file, and what lets others use it so.
+struct Use {
+    DWORD access;
+    DWORD share;
+};
+constexpr Use kUses[] = {
+    {GENERIC_READ, FILE_SHARE_READ},
+    {GENERIC_WRITE, FILE_SHARE_WRITE},
+    {kDeleteAccess, FILE_SHARE_DELETE},
+};
+constexpr DWORD kAnyUse = GENERIC_READ | GENERIC_WRITE | kDeleteAccess;
+
+// How many open files use a file, and how many keep such users out; for each use.
 struct Counts {
-    int readers = 0;
-    int writers = 0;
-    int deny_read = 0;
-    int deny_write = 0;
+    int files = 0;
+    int users[std::size(kUses)] = {};
+    int deniers[std::size(kUses)] = {};
 
     void add(DWORD access, DWORD share, int change) {
-        if (access & GENERIC_READ) readers += change;
-        if (access & GENERIC_WRITE) writers += change;
-        if (!(share & FILE_SHARE_READ)) deny_read += change;
-        if (!(share & FILE_SHARE_WRITE)) deny_write += change;
+        files += change;
+        for (std::size_t i = 0; i < std::size(kUses); ++i) {
+            if (access & kUses[i].access) users[i] += change;
+            if (!(share & kUses[i].share)) deniers[i] += change;
+        }
     }
     bool tolerates(DWORD access, DWORD share) const {
-        return !((access & GENERIC_READ) && deny_read) && !((access & GENERIC_WRITE) && deny_write) &&
-               !(!(share & FILE_SHARE_READ) && readers) && !(!(share & FILE_SHARE_WRITE) && writers);
+        for (std::size_t i = 0; i < std::size(kUses); ++i) {
+            if ((access & kUses[i].access) && deniers[i]) return false;
+            if (!(share & kUses[i].share) && users[i]) return false;
+        }
+        return true;
     }
-    bool empty() const { return readers == 0 && writers == 0 && deny_read == 0 && deny_write == 0; }
 };
 
 using FileId = std::pair<std::uint64_t, std::uint64_t>;
@@ -57,8 +71,8 @@ void unlock_share_modes() noexcept {
 }
 
 bool ShareClaim::take(const struct stat& file, DWORD access, DWORD share) {
-    // Who neither reads nor writes is in nobody's way.
-    if (!(access & (GENERIC_READ | GENERIC_WRITE))) return true;
+    // Who only asks about a file is in nobody's way.
+    if (!(access & kAnyUse)) return true;
     Table& open = table();
     const std::lock_guard lock(open.mutex);
     Counts& counts = open.files[{file.st_dev, file.st_ino}];
@@ -78,7 +92,7 @@ ShareClaim::~ShareClaim() {
     const std::lock_guard lock(open.mutex);
     const auto found = open.files.find({device_, inode_});
     found->second.add(access_, share_, -1);
-    if (found->second.empty()) open.files.erase(found);
+    if (found->second.files == 0) open.files.erase(found);
 }
 
 }  // namespace zr::platform

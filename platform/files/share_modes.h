@@ -6,9 +6,13 @@
 
 #include <cstdint>
 
-#include "platform/types.h"
+#include "platform/files.h"
 
 namespace zr::platform {
+
+// What deleting and renaming ask of the other open files, beside GENERIC_READ and GENERIC_WRITE.
+inline constexpr DWORD kDeleteAccess = 0x00010000;
+inline constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 // One open file's place among the others; gives it back when destroyed.
 class ShareClaim {

@@ -20,11 +20,13 @@ void lock_all() noexcept {
     Engine::lock.lock();
     at_fork::lock_pages();
     at_fork::lock_views();
+    at_fork::lock_mapped_files();
     at_fork::lock_handles();
 }
 
 void unlock_objects() noexcept {
     at_fork::unlock_handles();
+    at_fork::unlock_mapped_files();
     at_fork::unlock_views();
     at_fork::unlock_pages();
     Engine::lock.unlock();

@@ -30,6 +30,9 @@ void unlock_pages() noexcept;
 void lock_views() noexcept;
 void unlock_views() noexcept;
 
+void lock_mapped_files() noexcept;
+void unlock_mapped_files() noexcept;
+
 void lock_handles() noexcept;
 void unlock_handles() noexcept;
 void forget_quick_pins() noexcept;

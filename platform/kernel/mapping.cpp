@@ -27,21 +27,23 @@ constexpr std::uint64_t kOffsetUnit = 64 * 1024;
 // A mapping that only this process knows: over a file, or over memory that has no name.
 class PrivateMapping final : public Mapping {
 public:
-    PrivateMapping(HostFd file, std::uint64_t size, DWORD protection) noexcept
-        : Mapping(size, protection, protection), file_(std::move(file)) {}
+    PrivateMapping(MappedFile over, DWORD protection) noexcept
+        : Mapping(over.size, protection, protection), file_(std::move(over.file)) {
+        hold_ = std::move(over.hold);
+    }
 
 protected:
     ~PrivateMapping() override = default;
     void* view(std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept override {
-        return view_file(file_.get(), offset, size, host_protection, copy);
+        return view_file(file_.get(), offset, size, host_protection, copy, hold_);
     }
 
 private:
     const HostFd file_;
 };
 
-HANDLE open_private(HostFd file, std::uint64_t size, DWORD protection) noexcept {
-    const auto mapping = Ref<Mapping>::adopt(new (std::nothrow) PrivateMapping(std::move(file), size, protection));
+HANDLE open_private(MappedFile over, DWORD protection) noexcept {
+    const auto mapping = Ref<Mapping>::adopt(new (std::nothrow) PrivateMapping(std::move(over), protection));
     return mapping ? open_handle(*mapping) : fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
 }
 
@@ -50,13 +52,13 @@ HANDLE create_over_memory(std::uint64_t size, DWORD protection) noexcept {
     if (!memory) return fail(error_from_errno(errno), nullptr);
     // Memory is what runs out here, not a disk.
     if (reserve_file(memory.get(), size) != 0) return fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    return open_private(std::move(memory), size, protection);
+    return open_private({std::move(memory), size, {}}, protection);
 }
 
 HANDLE create_over_file(HANDLE handle, std::uint64_t size, DWORD protection) noexcept {
     MappedFile over{};
     if (const DWORD error = over.open(handle, size, protection)) return fail(error, nullptr);
-    return open_private(std::move(over.file), over.size, protection);
+    return open_private(std::move(over), protection);
 }
 
 // Makes the file that large, with room on the disk for what is new.
@@ -79,6 +81,10 @@ DWORD MappedFile::open(HANDLE handle, std::uint64_t wanted_size, DWORD protectio
     const int descriptor = pin ? pin.object()->host_descriptor() : -1;
     struct stat status {};
     if (descriptor < 0 || fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return ERROR_INVALID_HANDLE;
+    hold = MappedFileHold(status.st_dev, status.st_ino);
+    if (!hold) return ERROR_NOT_ENOUGH_MEMORY;
+    // From here on nobody makes it shorter.
+    if (fstat(descriptor, &status) != 0) return error_from_errno(errno);
     const int access = fcntl(descriptor, F_GETFL) & O_ACCMODE;
     if (access == O_WRONLY || (access == O_RDONLY && may_write(protection))) return ERROR_ACCESS_DENIED;
     const auto now = static_cast<std::uint64_t>(status.st_size);
@@ -108,8 +114,9 @@ int reserve_file(int file, std::uint64_t size) noexcept {
     return error;
 }
 
-void* view_file(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept {
-    return keep_view({size, host_protection, copy}, [&] {
+void* view_file(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy,
+                const MappedFileHold& hold) noexcept {
+    return keep_view({size, host_protection, copy, hold}, [&] {
         const int sharing = copy ? MAP_PRIVATE : MAP_SHARED;
         return mmap(nullptr, size, host_protection, sharing, file, static_cast<off_t>(offset));
     });

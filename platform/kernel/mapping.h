@@ -2,6 +2,7 @@
 
 #include "base/host_fd.h"
 #include "kernel/handle_table.h"
+#include "kernel/mapped_files.h"
 
 namespace zr::platform {
 
@@ -22,6 +23,9 @@ protected:
 
     DWORD protection() const noexcept { return protection_; }
 
+    // Of the user's own file that the mapping is over; empty over memory.
+    MappedFileHold hold_;
+
     // Bytes of the contents, mapped and kept account of. NULL with the last error set.
     virtual void* view(std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept = 0;
 
@@ -35,12 +39,14 @@ private:
 struct MappedFile {
     HostFd file;
     std::uint64_t size;  // the mapping's
+    MappedFileHold hold;
 
     // The file behind a handle, as large as asked for; an error code.
     DWORD open(HANDLE handle, std::uint64_t wanted_size, DWORD protection) noexcept;
 };
 
-void* view_file(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy) noexcept;
+void* view_file(int file, std::uint64_t offset, std::size_t size, int host_protection, bool copy,
+                const MappedFileHold& hold) noexcept;
 
 std::uint64_t whole_pages(std::uint64_t size) noexcept;
 

@@ -22,6 +22,7 @@ struct View {
     View* next;
     int protection;  // the host's
     bool copies;
+    MappedFileHold hold;
 };
 
 constexpr std::size_t kViewBuckets = 256;
@@ -80,7 +81,7 @@ void* keep_view(const ViewFacts& facts, void* (*map)(const void* context), const
         delete view;
         return nullptr;
     }
-    *view = {static_cast<char*>(base), facts.size, nullptr, facts.host_protection, facts.copies};
+    *view = {static_cast<char*>(base), facts.size, nullptr, facts.host_protection, facts.copies, facts.hold};
     const std::lock_guard guard(views_lock);
     View*& first = bucket(base);
     view->next = first;

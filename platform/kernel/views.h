@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kernel/mapped_files.h"
 #include "platform/types.h"
 #include "regions.h"
 
@@ -14,6 +15,7 @@ struct ViewFacts {
     std::size_t size;
     int host_protection;
     bool copies;
+    MappedFileHold hold = {};  // of the file behind it, which counts as mapped while the view is there
 };
 
 // Keeps account of what `map` maps, which munmap(2) is to unmap. NULL with the last error set.

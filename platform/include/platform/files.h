@@ -9,8 +9,17 @@
 // first in byte order. A path has at most 259 characters (ERROR_FILENAME_EXCED_RANGE). Host names that are not valid
 // UTF-8, or that hold a backslash, have a spelling of their own that the same functions understand.
 // The characters < > : " | ? * and the control characters cannot be part of a new name (ERROR_INVALID_NAME), but a
-// file of the host that has them can be used. Symbolic links are followed; one that leads nowhere counts as a file,
-// and so does one that leads back to a folder that holds it.
+// file of the host that has them can be used. A path that ends in a separator names a folder: where a file is, or is
+// to be made, that is ERROR_INVALID_NAME. Symbolic links are followed; one that leads nowhere counts as a file, and so
+// does one that leads back to a folder that holds it.
+//
+// Sharing. An open file is used for reading and writing as its handle's access says, and lets others use it as its
+// share mode says. CopyFileW counts as a reader of its source and a writer of its target; DeleteFileW and MoveFileW
+// need that each handle shares deletion (FILE_SHARE_DELETE). What is not shared is ERROR_SHARING_VIOLATION. That holds
+// exactly among the handles of one process. Between processes a share of 0 keeps others out, and any other share keeps
+// out those who ask for 0. A file that this process has mapped (an open mapping, or a view) is neither deleted nor
+// renamed (ERROR_SHARING_VIOLATION), and not made shorter: SetEndOfFile, CREATE_ALWAYS, TRUNCATE_EXISTING and a copy
+// over it are ERROR_USER_MAPPED_FILE. The mapping itself keeps no share mode once the file's handle is closed.
 //
 // Errors. A function that fails says so in its result and sets the last error: ERROR_PATH_NOT_FOUND when a folder on
 // the way is missing, ERROR_FILE_NOT_FOUND when only the last name is, ERROR_ACCESS_DENIED when the host refuses,
@@ -132,13 +141,16 @@ ZRPLATFORM_API BOOL CreateDirectoryW(LPCWSTR path, SECURITY_ATTRIBUTES* attribut
 // Removes an empty folder, or a link to a folder (the link only). ERROR_DIR_NOT_EMPTY, ERROR_DIRECTORY (is a file),
 // ERROR_ACCESS_DENIED (the root).
 ZRPLATFORM_API BOOL RemoveDirectoryW(LPCWSTR path);
-// Removes a file, or a link to one. ERROR_ACCESS_DENIED for a folder and for a read-only file.
+// Removes a file, or a link that counts as one (then only the link goes, whatever is open behind it). The name is gone
+// at once, also while handles that share deletion are open; they work on. ERROR_ACCESS_DENIED for a folder and for a
+// read-only file, ERROR_SHARING_VIOLATION.
 ZRPLATFORM_API BOOL DeleteFileW(LPCWSTR path);
 // Renames a file or folder; a file also across file systems. ERROR_ALREADY_EXISTS when the new name is taken, unless
-// it is the old one in another case.
+// it is the old one in another case. ERROR_SHARING_VIOLATION for a file; what is open in a folder is not looked at.
 ZRPLATFORM_API BOOL MoveFileW(LPCWSTR from, LPCWSTR to);
 // Copies a file's content, permissions and stored attributes. ERROR_FILE_EXISTS when `failIfExists` and the target is
-// there; a target that cannot be completed (ERROR_DISK_FULL) is removed again if it was new.
+// there, ERROR_SHARING_VIOLATION, ERROR_USER_MAPPED_FILE: then the target is as it was. One that cannot be completed
+// (ERROR_DISK_FULL) is removed again if it was new.
 ZRPLATFORM_API BOOL CopyFileW(LPCWSTR from, LPCWSTR to, BOOL failIfExists);
 // The folder for temporary files, with a trailing backslash: the host's, or "\Temp\" when that lies outside the root;
 // whether it exists is not looked at. Returns the length without the NUL; when `size` is too small, the size needed
@@ -146,11 +158,10 @@ ZRPLATFORM_API BOOL CopyFileW(LPCWSTR from, LPCWSTR to, BOOL failIfExists);
 ZRPLATFORM_API DWORD GetTempPathW(DWORD size, LPWSTR buffer);
 
 // Opens or creates a file; close it with CloseHandle. INVALID_HANDLE_VALUE on failure: ERROR_FILE_EXISTS (CREATE_NEW),
-// ERROR_ACCESS_DENIED (a folder, or writing to a read-only file), ERROR_SHARING_VIOLATION, ...
+// ERROR_ACCESS_DENIED (a folder, also with CREATE_NEW, or writing to a read-only file), ERROR_SHARING_VIOLATION, ...
 // CREATE_ALWAYS and OPEN_ALWAYS set the last error to ERROR_ALREADY_EXISTS when the file was there and to 0 when not.
-// `share` is honoured exactly among the handles of one process; between processes a share of 0 keeps others out, and
-// any other share keeps out those who ask for 0. The attributes in `flagsAndAttributes` are set on a new file, as far
-// as the host's file system can keep them. `security` and `templateFile` are ignored.
+// Who asks for neither GENERIC_READ nor GENERIC_WRITE is in nobody's way. The attributes in `flagsAndAttributes` are
+// set on a new file, as far as the host's file system can keep them. `security` and `templateFile` are ignored.
 ZRPLATFORM_API HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
                                   DWORD creation, DWORD flagsAndAttributes, HANDLE templateFile);
 // Reads at the file pointer and moves it. TRUE with `*read` 0 at the end of the file.
@@ -161,6 +172,8 @@ ZRPLATFORM_API BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD w
 // Moves the file pointer and returns its low half; the high half goes to `*high` if given. INVALID_SET_FILE_POINTER is
 // an error unless the last error is 0: ERROR_NEGATIVE_SEEK, ERROR_INVALID_PARAMETER (over 2 GB without `high`).
 ZRPLATFORM_API DWORD SetFilePointer(HANDLE file, LONG distance, LONG* high, DWORD method);
+// The file ends where the file pointer stands. A file that this process has mapped can become longer, not shorter
+// (ERROR_USER_MAPPED_FILE): all its views are unmapped and its mappings closed first.
 ZRPLATFORM_API BOOL SetEndOfFile(HANDLE file);
 // The low half of the size; the high half goes to `*high` if given. INVALID_FILE_SIZE as for SetFilePointer.
 ZRPLATFORM_API DWORD GetFileSize(HANDLE file, LPDWORD high);

@@ -33,7 +33,9 @@ inline constexpr DWORD FILE_MAP_ALL_ACCESS = 0x000F001F;
 // new mapping leaves ERROR_SUCCESS.
 //
 // `protection` is PAGE_READONLY, PAGE_READWRITE, PAGE_WRITECOPY or their PAGE_EXECUTE_ forms, with SEC_ flags. Over a
-// file, size 0 is the file's size, and a larger one makes the file grow; the mapping keeps the file open.
+// file, size 0 is the file's size, and a larger one makes the file grow; the mapping and its views keep the file open,
+// without any share mode once the file's handle is closed, and from being made shorter, renamed or deleted by this
+// process (platform/files.h). Another process can still cut it short; touching what is gone is a fault then.
 //
 // NULL on failure:
 //   ERROR_INVALID_PARAMETER  another protection or flag; no size without a file

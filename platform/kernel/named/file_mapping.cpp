@@ -44,7 +44,9 @@ public:
         if (!own_) return error_from_errno(errno);
         struct stat status {};
         const bool same = fstat(own_.get(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
-        return same ? ERROR_SUCCESS : ERROR_FILE_INVALID;
+        if (!same) return ERROR_FILE_INVALID;
+        hold_ = MappedFileHold(status.st_dev, status.st_ino);
+        return hold_ ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
     }
 
 protected:
@@ -56,7 +58,7 @@ protected:
             report_invalid_handle();
             return nullptr;
         }
-        if (own_) return view_file(own_.get(), offset, size, host_protection, copy);
+        if (own_) return view_file(own_.get(), offset, size, host_protection, copy, hold_);
         const auto pages = static_cast<std::size_t>(whole_pages(size));
         return keep_view({pages, host_protection, copy},
                          [&] { return memory_.view(static_cast<std::size_t>(offset), pages, host_protection, copy); });

@@ -30,12 +30,18 @@ struct HostPath {
     DWORD error = 0;      // why there is none: ERROR_PATH_NOT_FOUND, ERROR_FILENAME_EXCED_RANGE, ...
     bool exists = false;  // the last name was there (new_host_path)
     bool root = false;    // it is the root itself
+    // The path ends in a separator, so it can be a folder's only: what is there but is none is ERROR_INVALID_NAME, and
+    // nothing else may be made there.
+    bool names_folder = false;
 
     explicit operator bool() const { return error == 0; }
 };
 
 // The path with its names taken as they are written; the file system is not looked at.
 ZRPLATFORM_API HostPath spelled_host_path(LPCWSTR path);
+
+// Whether there is a folder, or a link to one.
+ZRPLATFORM_API bool is_folder(const std::string& host_path);
 
 // The path of what is there, names matched ignoring case. The last name may be a link to anywhere or nowhere.
 ZRPLATFORM_API HostPath existing_host_path(LPCWSTR path);

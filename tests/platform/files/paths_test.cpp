@@ -186,3 +186,38 @@ TEST(Paths, UnlistableFolderIsUsedByExactNamesOnly) {
     }
     fs::permissions(folder.host() / "closed", fs::perms::owner_all);
 }
+
+TEST(Paths, ATrailingSeparatorNamesAFolder) {
+    const TempFolder folder;
+    const std::u16string base = folder.handheld();
+    write_text(folder.host() / "file", "text");
+    fs::create_directory(folder.host() / "sub");
+    fs::create_symlink("sub", folder.host() / "link");
+    EXPECT_EQ(GetFileAttributesW((base + u"\\sub\\").c_str()), FILE_ATTRIBUTE_DIRECTORY);
+    EXPECT_EQ(GetFileAttributesW((base + u"\\link/").c_str()), FILE_ATTRIBUTE_DIRECTORY);
+    const auto open = [](const std::u16string& path, DWORD creation) {
+        return CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, creation, 0, nullptr) != INVALID_HANDLE_VALUE;
+    };
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    for (const std::u16string& path : {base + u"\\file\\", base + u"\\FILE/", base + u"\\file\\\\"}) {
+        EXPECT_FAILS_WITH(ERROR_INVALID_NAME, GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES);
+        EXPECT_FAILS_WITH(ERROR_INVALID_NAME, GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data));
+        EXPECT_FAILS_WITH(ERROR_INVALID_NAME, SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_HIDDEN));
+        EXPECT_FAILS_WITH(ERROR_INVALID_NAME, DeleteFileW(path.c_str()));
+        EXPECT_FAILS_WITH(ERROR_INVALID_NAME, MoveFileW(path.c_str(), (base + u"\\x").c_str()));
+        EXPECT_FAILS_WITH(ERROR_INVALID_NAME, CopyFileW(path.c_str(), (base + u"\\x").c_str(), FALSE));
+        EXPECT_FAILS_WITH(ERROR_INVALID_NAME, open(path, OPEN_EXISTING));
+        EXPECT_FAILS_WITH(ERROR_INVALID_NAME, open(path, CREATE_ALWAYS));
+    }
+    EXPECT_FAILS_WITH(ERROR_DIRECTORY, RemoveDirectoryW((base + u"\\file\\").c_str()));
+    EXPECT_FAILS_WITH(ERROR_FILE_NOT_FOUND, GetFileAttributesW((base + u"\\x\\").c_str()) != INVALID_FILE_ATTRIBUTES);
+    EXPECT_FAILS_WITH(ERROR_INVALID_NAME, open(base + u"\\x\\", CREATE_NEW));
+    EXPECT_FAILS_WITH(ERROR_INVALID_NAME, CopyFileW((base + u"\\file").c_str(), (base + u"\\x\\").c_str(), FALSE));
+    EXPECT_FAILS_WITH(ERROR_INVALID_NAME, MoveFileW((base + u"\\file").c_str(), (base + u"\\x\\").c_str()));
+    EXPECT_EQ(read_text(folder.host() / "file"), "text");
+    EXPECT_FALSE(fs::exists(folder.host() / "x"));
+    EXPECT_TRUE(MoveFileW((base + u"\\sub\\").c_str(), (base + u"\\moved\\").c_str()));
+    WIN32_FIND_DATAW found;
+    EXPECT_FAILS_WITH(ERROR_PATH_NOT_FOUND,
+                      FindFirstFileW((base + u"\\file\\*").c_str(), &found) != INVALID_HANDLE_VALUE);
+}

@@ -264,6 +264,11 @@ TEST(Search, LinksShowWhatTheyLeadTo) {
     EXPECT_FALSE(is_folder(u"\\real\\deep\\here"));
     EXPECT_FALSE(is_folder(u"\\to folder\\up"));
     EXPECT_TRUE(DeleteFileW((base + u"\\broken").c_str()));
+    // What shows as a file goes as one; what is behind it stays.
+    EXPECT_TRUE(DeleteFileW((base + u"\\real\\up").c_str()));
+    EXPECT_TRUE(DeleteFileW((base + u"\\real\\deep\\here").c_str()));
+    EXPECT_FALSE(fs::is_symlink(folder.host() / "real/up"));
+    EXPECT_FALSE(fs::is_symlink(folder.host() / "real/deep/here"));
     EXPECT_FAILS_WITH(ERROR_ACCESS_DENIED, DeleteFileW((base + u"\\to folder").c_str()));
     EXPECT_TRUE(RemoveDirectoryW((base + u"\\to folder").c_str()));
     EXPECT_TRUE(fs::exists(folder.host() / "real/deep"));
