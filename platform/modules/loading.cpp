@@ -4,6 +4,7 @@
 #include <link.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <map>
@@ -11,9 +12,11 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "base/fail.h"
 #include "base/forks.h"
+#include "base/state_folder.h"
 #include "base/utf.h"
 #include "files/host_path.h"
 #include "kernel/thread.h"
@@ -64,6 +67,46 @@ bool has_separator(LPCWSTR path) {
     return wcschr(path, u'\\') || wcschr(path, u'/');
 }
 
+// The host's loader puts folders of its own in place of some words in the name that it is asked for.
+bool has_loader_words(std::string_view path) {
+    for (std::size_t at = path.find('$'); at != path.npos; at = path.find('$', at + 1)) {
+        std::string_view word = path.substr(at + 1);
+        if (word.starts_with('{')) word.remove_prefix(1);
+        for (const std::string_view known : {"ORIGIN", "PLATFORM", "LIB"})
+            if (word.starts_with(known)) return true;
+    }
+    return false;
+}
+
+// A name without such words for a file, for as long as the object lives. The loader remembers the names that it was
+// asked for, so none is used twice.
+class OtherName {
+public:
+    explicit OtherName(const std::string& file) {
+        static std::atomic<unsigned> count{0};
+        const Folder folder = runtime_folder();
+        if (!folder) return;
+        path_ = folder.path + "/module." + std::to_string(getpid()) + "." + std::to_string(++count);
+        if (symlink(file.c_str(), path_.c_str()) != 0) path_.clear();
+    }
+    ~OtherName() {
+        if (!path_.empty()) unlink(path_.c_str());
+    }
+    OtherName(const OtherName&) = delete;
+    OtherName& operator=(const OtherName&) = delete;
+
+    const std::string& path() const { return path_; }  // empty: there is none
+
+private:
+    std::string path_;
+};
+
+void* open_library(const std::string& name) {
+    if (!has_loader_words(name)) return dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    const OtherName other(name);
+    return other.path().empty() ? nullptr : dlopen(other.path().c_str(), RTLD_NOW | RTLD_LOCAL);
+}
+
 // What to ask the host's loader for. `error` when there is nothing to ask for.
 std::string loader_name(LPCWSTR path, DWORD& error) {
     const HostPath host = existing_host_path(path);
@@ -73,7 +116,10 @@ std::string loader_name(LPCWSTR path, DWORD& error) {
         return host.path;
     }
     const bool missing = host.error == ERROR_FILE_NOT_FOUND || host.error == ERROR_PATH_NOT_FOUND;
-    if (missing && *path && !has_separator(path)) return host_name(path);
+    if (missing && *path && !has_separator(path)) {
+        std::string name = host_name(path);
+        if (!has_loader_words(name)) return name;
+    }
     error = missing ? ERROR_MOD_NOT_FOUND : host.error;
     return {};
 }
@@ -83,7 +129,7 @@ HMODULE load(LPCWSTR path) {
     const std::string name = path ? loader_name(path, error) : std::string();
     if (!path) error = ERROR_INVALID_PARAMETER;
     if (error) return fail<HMODULE>(error, nullptr);
-    void* const library = dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* const library = open_library(name);
     if (!library) return fail<HMODULE>(name[0] == '/' ? ERROR_BAD_EXE_FORMAT : ERROR_MOD_NOT_FOUND, nullptr);
     try {
         std::string found = name[0] == '/' ? name : loaded_path(library);
@@ -104,6 +150,20 @@ bool give_back(HMODULE module) {
     if (at == modules().loaded.end()) return false;
     if (--at->second.loads == 0) modules().loaded.erase(at);
     return true;
+}
+
+// The function of that name that the module itself has: the host looks into the libraries as well that the module is
+// linked to, and in the program's case into all that are loaded.
+void* find_own(HMODULE module, const char* name) {
+    const bool program = module == GetModuleHandleW(nullptr);
+    void* const found = dlsym(program ? RTLD_DEFAULT : static_cast<void*>(module), name);
+    dl_find_object holder{};
+    if (!found || _dl_find_object(found, &holder) != 0) return nullptr;
+    link_map* own = nullptr;
+    dl_find_object itself{};
+    if (program && _dl_find_object(module, &itself) == 0) own = itself.dlfo_link_map;
+    if (!program && dlinfo(module, RTLD_DI_LINKMAP, &own) != 0) return nullptr;
+    return holder.dlfo_link_map == own ? found : nullptr;
 }
 
 bool host_path_of(HMODULE module, std::string& path) {
@@ -155,7 +215,7 @@ FARPROC GetProcAddressW(HMODULE module, LPCWSTR name) {
     try {
         std::string unused;
         if (!module || (!program && !host_path_of(module, unused))) return fail<FARPROC>(ERROR_INVALID_HANDLE, nullptr);
-        void* const found = dlsym(program ? RTLD_DEFAULT : static_cast<void*>(module), wide_to_host(name).c_str());
+        void* const found = find_own(module, wide_to_host(name).c_str());
         return found ? reinterpret_cast<FARPROC>(found) : fail<FARPROC>(ERROR_PROC_NOT_FOUND, nullptr);
     } catch (const std::bad_alloc&) {
         return fail<FARPROC>(ERROR_NOT_ENOUGH_MEMORY, nullptr);

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "base/live_count.h"
+#include "platform/kernel.h"
 
 namespace zr::platform {
 
@@ -86,8 +87,12 @@ ATOM Desktop::class_atom(const WCHAR* name, const std::u16string& folded) const 
     return is_atom(name) ? static_cast<ATOM>(reinterpret_cast<UINT_PTR>(name)) : atoms.find(folded);
 }
 
+HINSTANCE Desktop::owner_of_classes(HINSTANCE instance) {
+    return instance ? instance : GetModuleHandleW(nullptr);
+}
+
 WindowClass* Desktop::find_class(HINSTANCE instance, const WCHAR* name, const std::u16string& folded) {
-    const auto found = classes.find({class_atom(name, folded), instance});
+    const auto found = classes.find({class_atom(name, folded), owner_of_classes(instance)});
     return found == classes.end() ? nullptr : &found->second;
 }
 

@@ -81,6 +81,9 @@ public:
     Window* first_top = nullptr;
     Window* last_top = nullptr;
 
+    // The module whose classes are meant: NULL is the program.
+    static HINSTANCE owner_of_classes(HINSTANCE instance);
+
     // Under the lock; 0 and NULL: there is none. `name` may be an atom.
     ATOM class_atom(const WCHAR* name, const std::u16string& folded) const;
     WindowClass* find_class(HINSTANCE instance, const WCHAR* name, const std::u16string& folded);

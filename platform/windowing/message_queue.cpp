@@ -34,6 +34,10 @@ bool for_window(const MessageQueue::Filter& filter, HWND window) {
     return wanted && candidate && is_below(wanted, candidate);
 }
 
+MSG message_of(const TimerSet::Timer& timer) {
+    return {timer.window, WM_TIMER, timer.id, reinterpret_cast<LPARAM>(timer.procedure), GetTickCount(), {0, 0}};
+}
+
 }  // namespace
 
 // The queues of the running threads, by thread identifier.
@@ -164,7 +168,7 @@ DWORD MessageQueue::post(const MSG& message, RoomWaiter* waiter) {
             return ERROR_NOT_ENOUGH_QUOTA;
         }
         if (!posted_.push(message)) return ERROR_NOT_ENOUGH_MEMORY;
-        add_bits_locked(QS_POSTMESSAGE);
+        add_bits_locked(kPosted);
     }
     if (this != own_queue) state_changed();
     return 0;
@@ -215,7 +219,7 @@ SendList MessageQueue::take_sent(HWND window) {
 void MessageQueue::drop_posted(HWND window) {
     const std::lock_guard guard(lock_);
     posted_.erase_window(window);
-    if (posted_.empty() && !quitting_) clear_kind_locked(QS_POSTMESSAGE);
+    if (posted_.empty() && !quitting_) clear_kind_locked(kPosted);
 }
 
 // ---- What the wait engine asks ----
@@ -353,11 +357,11 @@ void MessageQueue::quit(int exit_code) {
     const std::lock_guard guard(lock_);
     quitting_ = true;
     exit_code_ = exit_code;
-    add_bits_locked(QS_POSTMESSAGE);
+    add_bits_locked(kPosted);
 }
 
-bool MessageQueue::find(const Filter& filter, bool remove, MSG& message) {
-    const std::uint32_t kinds = bits();
+bool MessageQueue::find(const Filter& filter, DWORD among, bool remove, MSG& message) {
+    const std::uint32_t kinds = bits() & among;
     if (!(kinds & (QS_POSTMESSAGE | QS_TIMER))) return false;
     bool found = false;
     {
@@ -381,13 +385,13 @@ bool MessageQueue::find_posted(const Filter& filter, bool remove, MSG& message) 
     if (at < count) {
         message = posted_[at];
         if (remove) posted_.erase(at);
-    } else if (quitting_ && for_window(filter, nullptr)) {
+    } else if (quitting_) {  // whatever the filter: who pumps for one window must learn that it is over
         message = MSG{nullptr, WM_QUIT, static_cast<WPARAM>(exit_code_), 0, GetTickCount(), {0, 0}};
         if (remove) quitting_ = false;
     } else {
         return false;
     }
-    if (posted_.empty() && !quitting_) clear_kind_locked(QS_POSTMESSAGE);
+    if (posted_.empty() && !quitting_) clear_kind_locked(kPosted);
     return true;
 }
 
@@ -395,8 +399,8 @@ bool MessageQueue::find_timer(const Filter& filter, bool remove, MSG& message) {
     if (!in_range(filter, WM_TIMER)) return false;
     for (const auto& [due, timer] : timers_.ready()) {
         if (!for_window(filter, timer->window)) continue;
-        message =
-            MSG{timer->window, WM_TIMER, timer->id, reinterpret_cast<LPARAM>(timer->procedure), GetTickCount(), {0, 0}};
+        message = message_of(*timer);
+        timer->shown = !remove;
         if (remove) {
             timers_.take(*timer, Deadline::now());
             timers_changed();
@@ -407,6 +411,11 @@ bool MessageQueue::find_timer(const Filter& filter, bool remove, MSG& message) {
 }
 
 // ---- Timers and the descriptor ----
+
+void MessageQueue::leave_shown_message(HWND window, UINT_PTR timer) {
+    const TimerSet::Timer* const found = timers_.find(window, timer);
+    if (found && found->shown) post(message_of(*found));
+}
 
 void MessageQueue::expire_timers() {
     if (timers_.next_due() == TimerSet::kNever) return;

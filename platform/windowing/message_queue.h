@@ -36,6 +36,8 @@ public:
     static constexpr std::uint32_t kReply = 0x8000;  // an answer has come for this thread
     static constexpr std::uint32_t kNews = 0x4000;   // input that a message wait has found, and keeps in mind
     static constexpr std::uint32_t arrived(DWORD kinds) { return kinds << 16; }
+    static constexpr DWORD kKinds = QS_ALLINPUT | QS_ALLPOSTMESSAGE;
+    static constexpr DWORD kPosted = QS_POSTMESSAGE | QS_ALLPOSTMESSAGE;
 
     // The calling thread's queue. current() makes it on first use; NULL, with the last error, when that is impossible:
     // memory is short or the thread is past its end.
@@ -68,9 +70,9 @@ public:
     // ---- On the owning thread only ----
     std::uint32_t bits() const noexcept { return bits_.load(std::memory_order_acquire); }
     void clear_bits(std::uint32_t bits) noexcept { bits_.fetch_and(~bits, std::memory_order_acq_rel); }
-    // Everything in the queue has been looked at.
-    void looked() noexcept {
-        const std::uint32_t fresh = bits() & 0xFFFF0000u;
+    // These kinds in the queue have been looked at.
+    void looked(DWORD kinds) noexcept {
+        const std::uint32_t fresh = bits() & arrived(kinds);
         looked_at_ |= fresh;
         if (fresh) clear_bits(fresh);
     }
@@ -92,11 +94,13 @@ public:
         UINT first;
         UINT last;
     };
-    // The first message that passes: posted, then WM_QUIT, then WM_TIMER.
-    bool find(const Filter& filter, bool remove, MSG& message);
+    // The first message that passes, of the kinds `among`: posted, then WM_QUIT, then WM_TIMER.
+    bool find(const Filter& filter, DWORD among, bool remove, MSG& message);
     void expire_timers();
     TimerSet& timers() noexcept { return timers_; }
     void timers_changed() noexcept;
+    // Before a timer goes or starts anew: a message of it that was shown and left is in the queue, and stays there.
+    void leave_shown_message(HWND window, UINT_PTR timer);
     int descriptor();
 
     SendRequest* new_request() noexcept;  // NULL when memory is short

@@ -17,7 +17,7 @@ public:
     MessageWait(MessageQueue& queue, DWORD milliseconds, DWORD mask, DWORD flags)
         : queue_(queue),
           deadline_(Deadline::after(milliseconds)),
-          mask_(mask & QS_ALLINPUT),
+          mask_(mask & MessageQueue::kKinds),
           flags_(flags),
           looked_at_(queue.exchange_looked_at(0)) {}
     ~MessageWait() {
@@ -80,7 +80,8 @@ private:
         if (queue_.serve_sent()) {
             // Procedures ran; what they looked at and left is still news here.
             const std::uint32_t looked_at = queue_.exchange_looked_at(0) & wanted();
-            found |= (queue_.bits() & wanted()) | (looked_at & MessageQueue::arrived(queue_.bits() & QS_ALLINPUT));
+            found |=
+                (queue_.bits() & wanted()) | (looked_at & MessageQueue::arrived(queue_.bits() & MessageQueue::kKinds));
         }
         if (found) queue_.clear_bits(MessageQueue::arrived(mask_));
         return found != 0;

@@ -12,12 +12,18 @@ bool is_thread_filter(HWND window) {
     return !window || reinterpret_cast<LONG_PTR>(window) == -1;
 }
 
-// Everything that can be done before a message is looked for.
-void prepare(MessageQueue& queue) {
+// Everything that can be done before a message of these kinds is looked for.
+void prepare(MessageQueue& queue, DWORD kinds) {
     resume_after_fork();
-    queue.serve_sent();
+    if (kinds & QS_SENDMESSAGE) queue.serve_sent();
     queue.expire_timers();
-    queue.looked();
+    queue.looked(kinds);
+}
+
+// What a look counts as having looked at. A filter passes over messages, which the one bit remembers.
+DWORD looked_at(DWORD kinds, HWND window, UINT first, UINT last) {
+    const bool all = !window && first == 0 && last == 0 && (kinds & QS_POSTMESSAGE);
+    return all ? kinds | QS_ALLPOSTMESSAGE : kinds & ~QS_ALLPOSTMESSAGE;
 }
 
 // Waits until something has arrived since the last look, or has been sent. What was sent is handled by the next
@@ -41,8 +47,10 @@ BOOL PeekMessageW(MSG* message, HWND window, UINT first, UINT last, UINT remove)
         SetLastError(ERROR_INVALID_WINDOW_HANDLE);
         return FALSE;
     }
-    prepare(*queue);
-    return queue->find({window, first, last}, (remove & PM_REMOVE) != 0, *message) ? TRUE : FALSE;
+    const DWORD asked = remove >> 16;
+    const DWORD kinds = asked ? asked : QS_ALLINPUT;
+    prepare(*queue, looked_at(kinds, window, first, last));
+    return queue->find({window, first, last}, kinds, (remove & PM_REMOVE) != 0, *message) ? TRUE : FALSE;
 }
 
 BOOL GetMessageW(MSG* message, HWND window, UINT first, UINT last) {
@@ -53,14 +61,15 @@ BOOL GetMessageW(MSG* message, HWND window, UINT first, UINT last) {
         SetLastError(ERROR_NOACCESS);
         return -1;
     }
+    const DWORD kinds = looked_at(QS_ALLINPUT, window, first, last);
     for (;;) {
-        prepare(*queue);
+        prepare(*queue, kinds);
         // The window may go while its thread waits for its messages; then none will come any more.
         if (!is_thread_filter(window) && !own_window(window)) {
             SetLastError(IsWindow(window) ? ERROR_WINDOW_OF_OTHER_THREAD : ERROR_INVALID_WINDOW_HANDLE);
             return -1;
         }
-        if (queue->find({window, first, last}, true, *message)) return message->message == WM_QUIT ? 0 : 1;
+        if (queue->find({window, first, last}, kinds, true, *message)) return message->message == WM_QUIT ? 0 : 1;
         wait_for_input(*queue);
     }
 }
@@ -96,8 +105,12 @@ BOOL TranslateMessage(const MSG*) {
 DWORD GetQueueStatus(UINT flags) {
     MessageQueue* queue = MessageQueue::current();
     if (!queue) return 0;
+    if (flags & ~MessageQueue::kKinds) {
+        SetLastError(ERROR_INVALID_FLAGS);
+        return 0;
+    }
     queue->expire_timers();
-    const std::uint32_t kinds = flags & QS_ALLINPUT;
+    const std::uint32_t kinds = flags;
     const std::uint32_t bits = queue->bits();
     queue->clear_bits(MessageQueue::arrived(kinds));
     return (bits & kinds) << 16 | (bits >> 16 & kinds);

@@ -16,6 +16,7 @@ void TimerSet::set(HWND window, UINT_PTR id, std::int64_t period, TIMERPROC proc
     if (const auto found = timers_.find(key(window, id)); found != timers_.end()) {
         found->second.period = period;
         found->second.procedure = procedure;
+        found->second.shown = false;
         move(found->second, pending_, now + period);
         return;
     }

@@ -26,6 +26,7 @@ public:
         std::int64_t period;
         Order* place;
         Order::iterator at;
+        bool shown = false;  // its message was looked at and left
     };
 
     TimerSet() = default;
@@ -33,7 +34,11 @@ public:
     TimerSet& operator=(const TimerSet&) = delete;
 
     bool empty() const noexcept { return timers_.empty(); }
-    bool has(HWND window, UINT_PTR id) const { return timers_.contains(key(window, id)); }
+    const Timer* find(HWND window, UINT_PTR id) const {
+        const auto found = timers_.find(key(window, id));
+        return found == timers_.end() ? nullptr : &found->second;
+    }
+    bool has(HWND window, UINT_PTR id) const { return find(window, id) != nullptr; }
     // Of a timer without window. No other thread's timer gets the same one, so that a table that threads share, or that
     // outlives one, can tell timers by it.
     UINT_PTR fresh_id();

@@ -19,6 +19,7 @@ UINT_PTR SetTimer(HWND window, UINT_PTR timer, UINT elapse, TIMERPROC procedure)
     const std::int64_t period = std::clamp(elapse, USER_TIMER_MINIMUM, USER_TIMER_MAXIMUM) * kMillisecond;
     TimerSet& timers = queue->timers();
     if (!window && !timers.has(nullptr, timer)) timer = timers.fresh_id();
+    queue->leave_shown_message(window, timer);
     try {
         timers.set(window, timer, period, procedure, Deadline::now());
     } catch (const std::bad_alloc&) {
@@ -35,6 +36,7 @@ BOOL KillTimer(HWND window, UINT_PTR timer) {
         SetLastError(IsWindow(window) ? ERROR_WINDOW_OF_OTHER_THREAD : ERROR_INVALID_WINDOW_HANDLE);
         return FALSE;
     }
+    if (queue) queue->leave_shown_message(window, timer);
     if (!queue || !queue->timers().kill(window, timer)) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;

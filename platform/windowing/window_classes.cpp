@@ -39,7 +39,7 @@ ATOM add_class(Desktop& desktop, const WNDCLASSW& description) {
     WNDCLASSW kept = description;
     kept.lpszClassName = kept.lpszMenuName = nullptr;
     try {
-        desktop.classes.emplace(std::pair(atom, description.hInstance),
+        desktop.classes.emplace(std::pair(atom, Desktop::owner_of_classes(description.hInstance)),
                                 WindowClass{kept, atom, 0, std::move(name), nullptr});
     } catch (...) {
         desktop.atoms.release(atom);
@@ -75,7 +75,7 @@ BOOL UnregisterClassW(LPCWSTR name, HINSTANCE instance) {
             return FALSE;
         }
         const ATOM atom = found->atom;
-        desktop.classes.erase({atom, instance});
+        desktop.classes.erase({atom, Desktop::owner_of_classes(instance)});
         desktop.atoms.release(atom);
         return TRUE;
     } catch (const std::bad_alloc&) {

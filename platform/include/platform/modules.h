@@ -74,8 +74,9 @@ constexpr ZrModuleVersionNote zrModuleVersionNote(DWORD major, DWORD minor, DWOR
         zrModuleVersionNote((major), (minor), (build), (revision), (flags));
 
 // Loads a module; the same file twice is one module, to be freed twice. A name without a separator that is no file at
-// the root is looked for where the host looks for libraries. NULL: ERROR_MOD_NOT_FOUND, ERROR_BAD_EXE_FORMAT (no
-// shared object of this machine, or one that lacks something), ERROR_FILENAME_EXCED_RANGE, ERROR_INVALID_PARAMETER.
+// the root is looked for where the host looks for libraries. A path means the file that it names: what the host's
+// loader would put in place of $ORIGIN, $LIB and $PLATFORM it does not. NULL: ERROR_MOD_NOT_FOUND, ERROR_BAD_EXE_FORMAT
+// (no shared object of this machine, or one that lacks something), ERROR_FILENAME_EXCED_RANGE, ERROR_INVALID_PARAMETER.
 ZRPLATFORM_API HMODULE LoadLibraryW(LPCWSTR path);
 
 // LoadLibraryW. The path of LOAD_WITH_ALTERED_SEARCH_PATH says where the module is; what it is linked to is found as
@@ -89,7 +90,8 @@ ZRPLATFORM_API HMODULE LoadLibraryExW(LPCWSTR path, HANDLE file, DWORD flags);
 // FALSE with ERROR_INVALID_HANDLE for what LoadLibraryW did not return, or what has been freed as often.
 ZRPLATFORM_API BOOL FreeLibrary(HMODULE module);
 
-// An exported function; the program's own for GetModuleHandleW(NULL). NULL: ERROR_PROC_NOT_FOUND, ERROR_INVALID_HANDLE.
+// A function that the module itself exports, not one of the libraries that it is linked to; one of the program, which
+// must have been linked to export it, for GetModuleHandleW(NULL). NULL: ERROR_PROC_NOT_FOUND, ERROR_INVALID_HANDLE.
 ZRPLATFORM_API FARPROC GetProcAddressW(HMODULE module, LPCWSTR name);
 // The same by a narrow name, and the wide one as other code spells it. A number below 0x10000 in the place of a name is
 // an ordinal, of which a shared object has none: ERROR_PROC_NOT_FOUND.

@@ -140,10 +140,17 @@ inline constexpr DWORD QS_POSTMESSAGE = 0x0008;
 inline constexpr DWORD QS_TIMER = 0x0010;
 inline constexpr DWORD QS_PAINT = 0x0020;
 inline constexpr DWORD QS_SENDMESSAGE = 0x0040;
+inline constexpr DWORD QS_HOTKEY = 0x0080;
+inline constexpr DWORD QS_ALLPOSTMESSAGE = 0x0100;  // as QS_POSTMESSAGE, and old only once all messages are looked at
 inline constexpr DWORD QS_MOUSE = QS_MOUSEMOVE | QS_MOUSEBUTTON;
 inline constexpr DWORD QS_INPUT = QS_MOUSE | QS_KEY;
-inline constexpr DWORD QS_ALLEVENTS = QS_INPUT | QS_POSTMESSAGE | QS_TIMER | QS_PAINT;
+inline constexpr DWORD QS_ALLEVENTS = QS_INPUT | QS_POSTMESSAGE | QS_TIMER | QS_PAINT | QS_HOTKEY;
 inline constexpr DWORD QS_ALLINPUT = QS_ALLEVENTS | QS_SENDMESSAGE;
+
+inline constexpr UINT PM_QS_INPUT = QS_INPUT << 16;
+inline constexpr UINT PM_QS_PAINT = QS_PAINT << 16;
+inline constexpr UINT PM_QS_POSTMESSAGE = (QS_POSTMESSAGE | QS_HOTKEY | QS_TIMER) << 16;
+inline constexpr UINT PM_QS_SENDMESSAGE = QS_SENDMESSAGE << 16;
 
 inline constexpr DWORD MWMO_WAITALL = 0x0001;
 inline constexpr DWORD MWMO_ALERTABLE = 0x0002;  // accepted, without effect: there are no asynchronous procedures
@@ -157,7 +164,8 @@ inline const HWND HWND_MESSAGE = reinterpret_cast<HWND>(static_cast<LONG_PTR>(-3
 
 // ---- Classes ----
 
-// Registers a class under its name and hInstance. The name is at most 255 units long and is matched ignoring case.
+// Registers a class under its name and hInstance; NULL and GetModuleHandleW(NULL) are both the program, here and in the
+// other calls that take an instance. The name is at most 255 units long and is matched ignoring case.
 // Returns its atom, which serves as the class name in other calls (MAKEINTATOM), or 0: ERROR_CLASS_ALREADY_EXISTS,
 // ERROR_INVALID_PARAMETER (no class, name or procedure, negative or huge extra sizes), ERROR_NOT_ENOUGH_MEMORY.
 ZRPLATFORM_API ATOM RegisterClassW(const WNDCLASSW* window_class);
@@ -280,13 +288,17 @@ ZRPLATFORM_API BOOL PostMessageW(HWND window, UINT message, WPARAM wparam, LPARA
 // As PostMessageW to a thread; the message has no window. ERROR_INVALID_THREAD_ID if that thread has no queue:
 // it has one from its first call to a function of this header on.
 ZRPLATFORM_API BOOL PostThreadMessageW(DWORD thread, UINT message, WPARAM wparam, LPARAM lparam);
-// The calling thread's queue will give WM_QUIT, wParam exit_code, once its posted messages are taken.
+// The calling thread's queue will give WM_QUIT, wParam exit_code, once those of its posted messages are taken that the
+// caller asks for.
 ZRPLATFORM_API void PostQuitMessage(int exit_code);
 
 // Handles what was sent to the thread, then gives the first message that passes the filters, in this order: posted
 // messages, WM_QUIT of PostQuitMessage, WM_TIMER. `window`: that window or its children, NULL: all and thread
-// messages, -1: thread messages only (another thread's window finds nothing). first and last: the range of messages, 0
-// and 0 for all; WM_QUIT passes every range. Without PM_REMOVE the message stays. FALSE: none (or an invalid window).
+// messages, -1: thread messages only (another thread's window has none). first and last: the range of messages, 0
+// and 0 for all. The WM_QUIT of PostQuitMessage passes every filter, so that a loop over one window ends; one that was
+// posted as a message passes every range. Without PM_REMOVE the message stays, a WM_TIMER too when its timer is killed
+// or set anew. PM_QS_* look among these kinds only, and what was sent is handled only if PM_QS_SENDMESSAGE is one of
+// them. FALSE: none (or an invalid window).
 ZRPLATFORM_API BOOL PeekMessageW(MSG* message, HWND window, UINT first, UINT last, UINT remove);
 // The same with PM_REMOVE, waiting for one: 0 for WM_QUIT, -1 on an error (ERROR_INVALID_WINDOW_HANDLE,
 // ERROR_WINDOW_OF_OTHER_THREAD, ERROR_NOACCESS for no message to fill), else 1.
@@ -296,7 +308,8 @@ ZRPLATFORM_API BOOL WaitMessage();
 // Calls the window's procedure, or for WM_TIMER with a TIMERPROC in lParam that; a message without window is dropped.
 ZRPLATFORM_API LRESULT DispatchMessageW(const MSG* message);
 ZRPLATFORM_API BOOL TranslateMessage(const MSG* message);  // FALSE: there is no keyboard
-// High word: kinds (QS_*) now in the queue; low word: kinds that arrived since the last look.
+// Of the kinds in `flags`, high word: those now in the queue; low word: those that arrived since the last look. 0 with
+// ERROR_INVALID_FLAGS for another bit than the QS_* above.
 ZRPLATFORM_API DWORD GetQueueStatus(UINT flags);
 // A number from 0xC000 to 0xFFFF, the same for the same name (ignoring case) in this process. 0: none left or no name.
 ZRPLATFORM_API UINT RegisterWindowMessageW(LPCWSTR name);
@@ -309,21 +322,30 @@ ZRPLATFORM_API int ZrGetQueueDescriptor();
 // ---- Timers ----
 
 // WM_TIMER to the window (wParam the identifier, lParam the procedure) each `elapse` milliseconds while the calling
-// thread pumps messages; at most one is due at a time however late the thread is. Setting the same (window,
+// thread pumps messages. The window must be the calling thread's, in KillTimer too: a timer is a part of the queue of
+// the thread that sets it; at most one is due at a time however late the thread is. Setting the same (window,
 // identifier) again replaces it and starts anew. With no window, an identifier that is no thread timer of this thread
 // is replaced by a fresh one. Returns the identifier (1 for a window's timer 0); 0: ERROR_INVALID_WINDOW_HANDLE,
 // ERROR_WINDOW_OF_OTHER_THREAD, ERROR_NOT_ENOUGH_MEMORY. elapse is brought into USER_TIMER_MINIMUM..MAXIMUM.
 ZRPLATFORM_API UINT_PTR SetTimer(HWND window, UINT_PTR timer, UINT elapse, TIMERPROC procedure);
-// FALSE with ERROR_INVALID_PARAMETER if there is no such timer. Nothing of a killed timer comes out of the queue.
+// FALSE with ERROR_INVALID_PARAMETER if there is no such timer, ERROR_WINDOW_OF_OTHER_THREAD, ... Of a killed timer
+// only a message still comes that PeekMessageW has shown without PM_REMOVE.
 ZRPLATFORM_API BOOL KillTimer(HWND window, UINT_PTR timer);
 
 // ---- Waiting for objects and messages ----
 
 // Waits for one of the handles (for all with MWMO_WAITALL, and then a message too), or for input of the QS_* kinds in
 // wake_mask: that is WAIT_OBJECT_0 + count. Input counts once: what an earlier call here, PeekMessageW, GetMessageW or
-// GetQueueStatus has looked at does not end the wait unless MWMO_INPUTAVAILABLE is given. Messages sent to the thread
-// are handled meanwhile, whether or not QS_SENDMESSAGE is asked for. count may be 0 and at most 63. WAIT_FAILED:
-// ERROR_INVALID_HANDLE, ERROR_INVALID_PARAMETER.
+// GetQueueStatus has looked at does not end the wait unless MWMO_INPUTAVAILABLE is given. count may be 0 and at
+// most 63. WAIT_FAILED: ERROR_INVALID_HANDLE, ERROR_INVALID_PARAMETER.
+//
+// Re-entry. Messages that other threads send are handled during the wait, whatever wake_mask says: otherwise two
+// threads that wait for each other, one in SendMessageW and one here for what the first will do next, would wait for
+// ever. So during the call, on the calling thread, the procedures of its windows run for what is sent (not for what is
+// posted, and no TIMERPROC), and a window is destroyed whose parent another thread has destroyed. They may call
+// everything, this wait too. A caller holds no lock that they take, and looks again at what they may have changed. What
+// they look at in the queue does not count as looked at for this wait. With QS_SENDMESSAGE in wake_mask the wait ends
+// after they have run; without it, it goes on. WaitForMultipleObjects, without messages, runs none of them.
 ZRPLATFORM_API DWORD MsgWaitForMultipleObjectsEx(DWORD count, const HANDLE* handles, DWORD milliseconds,
                                                  DWORD wake_mask, DWORD flags);
 ZRPLATFORM_API DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL wait_all, DWORD milliseconds,

@@ -1,8 +1,10 @@
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <fstream>
 
+#include "base/state_folder.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/modules.h"
@@ -23,6 +25,55 @@ DWORD error_of_loading(const std::u16string& path) {
 }
 
 }  // namespace
+
+extern "C" __attribute__((visibility("default"))) int ZrTestOfTheProgram() {
+    return 42;
+}
+
+// Who asks for what only a library behind the module has is not handed that one's.
+TEST(Modules, ExportsOfOtherLibrariesAreNotTheModules) {
+    const ModuleFolder folder;
+    const HMODULE math = LoadLibraryW(u"libm.so.6");
+    ASSERT_NE(math, nullptr);
+    ASSERT_NE(dlsym(math, "getenv"), nullptr);  // the host finds it in the C library
+    EXPECT_EQ(GetProcAddressW(math, u"getenv"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_PROC_NOT_FOUND);
+    EXPECT_NE(GetProcAddressW(math, u"sin"), nullptr);
+    EXPECT_TRUE(FreeLibrary(math));
+    const HMODULE silent = LoadLibraryW(folder.add("silent", "b.so").c_str());
+    ASSERT_NE(silent, nullptr);
+    EXPECT_EQ(GetProcAddressW(silent, u"ZrIGetModuleId"), nullptr);
+    EXPECT_TRUE(FreeLibrary(silent));
+}
+
+TEST(Modules, WordsOfTheHostsLoaderAreNamesLikeOthers) {
+    const ModuleFolder folder;
+    for (const std::string word : {"$ORIGIN", "${ORIGIN}", "$LIB", "${PLATFORM}", "x$LIB", "$LIBRARY", "$5"}) {
+        std::filesystem::create_directory(folder.host() / word);
+        std::u16string inside = folder.add("seven", word + "/a.so");
+        inside[inside.rfind(u'/')] = u'\\';
+        const std::u16string itself = folder.add("eight", word + ".so");
+        for (const auto& [path, id] : {std::pair(inside, 7), std::pair(itself, 8)}) {
+            const HMODULE module = LoadLibraryW(path.c_str());
+            ASSERT_NE(module, nullptr) << word;
+            EXPECT_EQ(LoadLibraryW(path.c_str()), module);
+            const auto identity = reinterpret_cast<int (*)()>(GetProcAddressW(module, u"ZrIGetModuleId"));
+            EXPECT_EQ(identity(), id);
+            WCHAR name[kCapacity];
+            EXPECT_EQ(GetModuleFileNameW(module, name, kCapacity), path.size());
+            EXPECT_EQ(name, path);
+            EXPECT_TRUE(FreeLibrary(module));
+            EXPECT_TRUE(FreeLibrary(module));
+        }
+    }
+    EXPECT_EQ(error_of_loading(u"$LIB"), ERROR_MOD_NOT_FOUND);
+    EXPECT_EQ(error_of_loading(u"${ORIGIN}"), ERROR_MOD_NOT_FOUND);
+    // Nothing is left of the names that the host's loader was given.
+    const zr::platform::Folder runtime = zr::platform::runtime_folder();
+    ASSERT_TRUE(runtime);
+    for (const auto& entry : std::filesystem::directory_iterator(runtime.path))
+        EXPECT_NE(entry.path().filename().string().substr(0, 7), "module.");
+}
 
 TEST(Modules, LoadsFindsAndFrees) {
     const ModuleFolder folder;
@@ -113,7 +164,11 @@ TEST(Modules, AHostLibraryByItsName) {
 
 TEST(Modules, TheProgramItself) {
     const HMODULE program = GetModuleHandleW(nullptr);
-    EXPECT_NE(GetProcAddressW(program, u"malloc"), nullptr);
+    const auto own = reinterpret_cast<int (*)()>(GetProcAddressW(program, u"ZrTestOfTheProgram"));
+    ASSERT_NE(own, nullptr);
+    EXPECT_EQ(own(), 42);
+    EXPECT_EQ(GetProcAddressW(program, u"sqlite3_libversion"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_PROC_NOT_FOUND);
     EXPECT_FALSE(FreeLibrary(program));
     EXPECT_EQ(GetProcAddressW(nullptr, u"malloc"), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);

@@ -43,6 +43,31 @@ TEST(Classes, AreFoundIgnoringCase) {
     EXPECT_TRUE(UnregisterClassW(u"KEL.\u00C4PFEL", nullptr));
 }
 
+TEST(Classes, OfTheProgramAreThoseOfNoModule) {
+    const HINSTANCE program = GetModuleHandleW(nullptr);
+    const HINSTANCE both[] = {nullptr, program};
+    for (const HINSTANCE registered : both)
+        for (const HINSTANCE asked : both) {
+            const WNDCLASSW made = description(u"programs.class", registered);
+            const ATOM atom = RegisterClassW(&made);
+            ASSERT_NE(atom, 0);
+            const WNDCLASSW again = description(u"Programs.Class", asked);
+            EXPECT_EQ(RegisterClassW(&again), 0);
+            EXPECT_EQ(GetLastError(), ERROR_CLASS_ALREADY_EXISTS);
+            WNDCLASSW found{};
+            EXPECT_TRUE(GetClassInfoW(asked, u"programs.class", &found));
+            EXPECT_EQ(found.hInstance, registered);
+            const HWND window = create(u"programs.class", asked);
+            ASSERT_NE(window, nullptr);
+            EXPECT_FALSE(UnregisterClassW(MAKEINTATOM(atom), asked));
+            EXPECT_EQ(GetLastError(), ERROR_CLASS_HAS_WINDOWS);
+            EXPECT_TRUE(DestroyWindow(window));
+            EXPECT_FALSE(GetClassInfoW(module(1), u"programs.class", &found));
+            EXPECT_TRUE(UnregisterClassW(u"programs.class", asked));
+            EXPECT_FALSE(GetClassInfoW(registered, u"programs.class", &found));
+        }
+}
+
 TEST(Classes, OfOneNameExistOncePerModule) {
     const WNDCLASSW first = description(u"a.class", module(1));
     const WNDCLASSW second = description(u"A.CLASS", module(2));

@@ -114,7 +114,7 @@ private:
             return found;
         }
         const Entry quit{nullptr, WM_QUIT, quit_};
-        if (!quit_ || !passes(quit, window, first, last)) return {};
+        if (!quit_) return {};
         if (remove) quit_ = 0;
         return quit;
     }

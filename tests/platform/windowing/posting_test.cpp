@@ -167,13 +167,45 @@ TEST(Quit, ComesAfterWhatIsPostedAndOnce) {
     EXPECT_FALSE(peek(message));
 }
 
-TEST(Quit, PassesEveryRangeButNoWindow) {
+TEST(Quit, PassesEveryFilter) {
+    const TestWindow window;
+    const HWND filters[] = {nullptr, window, kThreadOnly};
+    for (const HWND filter : filters) {
+        MSG message{};
+        PostQuitMessage(1);
+        ASSERT_TRUE(peek(message, filter, WM_APP, WM_APP, PM_NOREMOVE));
+        EXPECT_EQ(message.message, WM_QUIT);
+        EXPECT_EQ(message.hwnd, nullptr);
+        ASSERT_TRUE(peek(message, filter, WM_APP, WM_APP));
+        EXPECT_EQ(message.wParam, 1u);
+        EXPECT_FALSE(peek(message));
+    }
+}
+
+// A loop over one window ends, with the window's messages handled before.
+TEST(Quit, EndsALoopOverOneWindow) {
+    std::vector<WPARAM> seen;
+    const TestWindow other;
+    const TestWindow window([&](HWND self, UINT message, WPARAM wparam, LPARAM lparam) -> LRESULT {
+        if (message == WM_APP) seen.push_back(wparam);
+        if (message == WM_APP && wparam == 2) PostQuitMessage(7);
+        return DefWindowProcW(self, message, wparam, lparam);
+    });
+    for (WPARAM i = 1; i <= 3; ++i)
+        PostMessageW(window, WM_APP, i, 0);
+    PostMessageW(other, WM_APP, 0, 0);
+    MSG message{};
+    while (GetMessageW(&message, window, 0, 0) > 0)
+        DispatchMessageW(&message);
+    EXPECT_EQ(message.message, WM_QUIT);
+    EXPECT_EQ(message.wParam, 7u);
+    EXPECT_EQ(seen, (std::vector<WPARAM>{1, 2, 3}));
+    EXPECT_TRUE(peek(message, other));
+}
+
+TEST(Quit, AsAPostedMessageHasNoWindow) {
     const TestWindow window;
     MSG message{};
-    PostQuitMessage(1);
-    EXPECT_FALSE(peek(message, window, WM_APP, WM_APP));
-    ASSERT_TRUE(peek(message, nullptr, WM_APP, WM_APP));
-    EXPECT_EQ(message.message, WM_QUIT);
     PostThreadMessageW(GetCurrentThreadId(), WM_QUIT, 2, 0);
     EXPECT_FALSE(peek(message, window));
     ASSERT_TRUE(peek(message, nullptr, WM_QUIT, WM_QUIT, PM_NOREMOVE));
@@ -236,6 +268,68 @@ TEST(Dispatching, CallsTheProcedureOfTheWindow) {
     message.hwnd = other.window();
     EXPECT_EQ(DispatchMessageW(&message), 0);
     EXPECT_EQ(GetLastError(), ERROR_WINDOW_OF_OTHER_THREAD);
+}
+
+TEST(Peeking, LooksAmongTheKindsAskedFor) {
+    int handled = 0;
+    const TestWindow window([&](HWND self, UINT message, WPARAM wparam, LPARAM lparam) -> LRESULT {
+        if (message == WM_APP + 1) ++handled;
+        return DefWindowProcW(self, message, wparam, lparam);
+    });
+    MSG message{};
+    PostMessageW(window, WM_APP, 0, 0);
+    SetTimer(window, 1, 1, nullptr);
+    on_thread([&] { EXPECT_TRUE(SendNotifyMessageW(window, WM_APP + 1, 0, 0)); });
+    EXPECT_FALSE(peek(message, nullptr, 0, 0, PM_REMOVE | PM_QS_INPUT | PM_QS_PAINT));
+    EXPECT_EQ(handled, 0);
+    EXPECT_FALSE(peek(message, nullptr, 0, 0, PM_REMOVE | PM_QS_SENDMESSAGE));
+    EXPECT_EQ(handled, 1);
+    EXPECT_EQ(HIWORD(GetQueueStatus(QS_POSTMESSAGE)), QS_POSTMESSAGE);
+    ASSERT_TRUE(peek(message, nullptr, 0, 0, PM_REMOVE | PM_QS_POSTMESSAGE));
+    EXPECT_EQ(message.message, WM_APP);
+    while (!(GetQueueStatus(QS_TIMER) >> 16))
+        Sleep(0);
+    ASSERT_TRUE(peek(message, nullptr, 0, 0, PM_REMOVE | PM_QS_POSTMESSAGE));
+    EXPECT_EQ(message.message, WM_TIMER);
+    PostQuitMessage(0);
+    EXPECT_FALSE(peek(message, nullptr, 0, 0, PM_REMOVE | PM_QS_SENDMESSAGE));
+    EXPECT_TRUE(peek(message, nullptr, 0, 0, PM_REMOVE | PM_QS_POSTMESSAGE));
+}
+
+// What is not looked for stays news.
+TEST(Peeking, MakesOldOnlyTheKindsAskedFor) {
+    MSG message{};
+    PostMessageW(nullptr, WM_APP, 0, 0);
+    EXPECT_FALSE(peek(message, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE));
+    EXPECT_EQ(GetQueueStatus(QS_POSTMESSAGE), QS_POSTMESSAGE << 16 | QS_POSTMESSAGE);
+}
+
+TEST(QueueStatus, RefusesUnknownKinds) {
+    PostMessageW(nullptr, WM_APP, 0, 0);
+    for (const UINT flags : {0x200u, 0x2000u, 0x80000000u, QS_ALLINPUT | 0x10000u}) {
+        SetLastError(0);
+        EXPECT_EQ(GetQueueStatus(flags), 0u);
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_FLAGS);
+    }
+    EXPECT_EQ(GetQueueStatus(QS_ALLINPUT), QS_POSTMESSAGE << 16 | QS_POSTMESSAGE);
+    EXPECT_EQ(GetQueueStatus(0), 0u);
+}
+
+// Unlike QS_POSTMESSAGE it stays news until somebody has looked at all messages.
+TEST(QueueStatus, RemembersPostedMessagesThatAFilterPassedOver) {
+    const TestWindow window;
+    MSG message{};
+    PostMessageW(nullptr, WM_APP, 0, 0);
+    EXPECT_FALSE(peek(message, window));
+    EXPECT_FALSE(peek(message, nullptr, WM_APP + 1, WM_APP + 1));
+    EXPECT_EQ(GetQueueStatus(QS_POSTMESSAGE | QS_ALLPOSTMESSAGE),
+              (QS_POSTMESSAGE | QS_ALLPOSTMESSAGE) << 16 | QS_ALLPOSTMESSAGE);
+    PostMessageW(nullptr, WM_APP, 0, 0);
+    EXPECT_TRUE(peek(message, nullptr, 0, 0, PM_NOREMOVE));
+    EXPECT_EQ(LOWORD(GetQueueStatus(QS_POSTMESSAGE | QS_ALLPOSTMESSAGE)), 0);
+    EXPECT_TRUE(peek(message));
+    EXPECT_TRUE(peek(message));
+    EXPECT_EQ(GetQueueStatus(QS_POSTMESSAGE | QS_ALLPOSTMESSAGE), 0u);
 }
 
 TEST(QueueStatus, TellsWhatIsThereAndWhatIsNew) {

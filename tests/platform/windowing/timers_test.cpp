@@ -100,8 +100,47 @@ TEST(Timers, ComeAfterEverythingElseAndOnce) {
     EXPECT_TRUE(PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE));
     EXPECT_TRUE(PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE));
     EXPECT_EQ(message.message, WM_TIMER);
+    EXPECT_TRUE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(message.message, WM_TIMER);
     SetTimer(window, 1, 60'000, nullptr);
     EXPECT_FALSE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
+}
+
+// What a look has shown is in the queue, and neither killing nor setting the timer anew takes it out again.
+TEST(Timers, AMessageThatWasShownStays) {
+    const TestWindow window;
+    MSG message{};
+    const auto show = [&] {
+        while (!PeekMessageW(&message, window, 0, 0, PM_NOREMOVE))
+            Sleep(0);
+        EXPECT_EQ(message.message, WM_TIMER);
+        message = {};
+    };
+    const auto take_once = [&](UINT_PTR timer) {
+        ASSERT_TRUE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
+        EXPECT_EQ(message.hwnd, window);
+        EXPECT_EQ(message.message, WM_TIMER);
+        EXPECT_EQ(message.wParam, timer);
+        EXPECT_FALSE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
+    };
+    SetTimer(window, 1, 1, nullptr);
+    show();
+    EXPECT_TRUE(KillTimer(window, 1));
+    take_once(1);
+    SetTimer(window, 2, 1, nullptr);
+    show();
+    EXPECT_EQ(SetTimer(window, 2, 60'000, nullptr), 2u);
+    take_once(2);
+    EXPECT_TRUE(KillTimer(window, 2));
+    EXPECT_FALSE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));
+    {
+        const TestWindow passing;
+        SetTimer(passing, 3, 1, nullptr);
+        while (!PeekMessageW(&message, passing, 0, 0, PM_NOREMOVE))
+            Sleep(0);
+        EXPECT_TRUE(KillTimer(passing, 3));
+    }
+    EXPECT_FALSE(PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE));  // a window takes its messages along
 }
 
 TEST(Timers, DoNotMakeUpForMissedPeriods) {
