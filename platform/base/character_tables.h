@@ -8,8 +8,8 @@
 
 namespace zr::platform {
 
-extern const std::uint8_t fold_index[1024];
-extern const std::uint16_t fold_blocks[][64];
+extern const std::uint8_t lower_index[1024];
+extern const std::uint16_t lower_blocks[][64];
 extern const std::uint8_t upper_index[1024];
 extern const std::uint16_t upper_blocks[][64];
 extern const std::uint8_t class_index[1024];
@@ -28,8 +28,8 @@ enum CharacterClass : std::uint16_t {
 };
 
 // The blocks hold distances, modulo 65536, so that most of the plane shares the block of zeros.
-inline WCHAR fold(WCHAR character) {
-    return static_cast<WCHAR>(character + fold_blocks[fold_index[character >> 6]][character & 63]);
+inline WCHAR lower(WCHAR character) {
+    return static_cast<WCHAR>(character + lower_blocks[lower_index[character >> 6]][character & 63]);
 }
 
 inline WCHAR upper(WCHAR character) {

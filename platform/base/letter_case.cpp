@@ -7,7 +7,7 @@
 #include "platform/base.h"
 
 using zr::platform::class_bits;
-using zr::platform::fold;
+using zr::platform::lower;
 using zr::platform::upper;
 
 namespace {
@@ -64,7 +64,7 @@ int fold_ascii(char character) {
 }  // namespace
 
 WCHAR towlower(WCHAR character) {
-    return fold(character);
+    return lower(character);
 }
 
 WCHAR towupper(WCHAR character) {
@@ -72,7 +72,7 @@ WCHAR towupper(WCHAR character) {
 }
 
 WCHAR* _wcslwr(WCHAR* text) {
-    change_case<u'A'>(text, wcslen(text), fold);
+    change_case<u'A'>(text, wcslen(text), lower);
     return text;
 }
 
@@ -84,7 +84,7 @@ WCHAR* _wcsupr(WCHAR* text) {
 int _wcsicmp(const WCHAR* left, const WCHAR* right) {
     for (;; ++left, ++right) {
         if (*left != *right) {
-            const int difference = fold(*left) - fold(*right);
+            const int difference = lower(*left) - lower(*right);
             if (difference != 0) return difference;
         }
         if (*left == 0) return 0;
@@ -94,7 +94,7 @@ int _wcsicmp(const WCHAR* left, const WCHAR* right) {
 int _wcsnicmp(const WCHAR* left, const WCHAR* right, std::size_t count) {
     for (; count != 0; --count, ++left, ++right) {
         if (*left != *right) {
-            const int difference = fold(*left) - fold(*right);
+            const int difference = lower(*left) - lower(*right);
             if (difference != 0) return difference;
         }
         if (*left == 0) return 0;
@@ -117,7 +117,7 @@ int _strnicmp(const char* left, const char* right, std::size_t count) {
 
 DWORD CharLowerBuffW(WCHAR* text, DWORD length) {
     if (text == nullptr) return 0;
-    change_case<u'A'>(text, length, fold);
+    change_case<u'A'>(text, length, lower);
     return length;
 }
 
@@ -128,7 +128,7 @@ DWORD CharUpperBuffW(WCHAR* text, DWORD length) {
 }
 
 WCHAR* CharLowerW(WCHAR* text) {
-    return is_single(text) ? single(fold(single_of(text))) : _wcslwr(text);
+    return is_single(text) ? single(lower(single_of(text))) : _wcslwr(text);
 }
 
 WCHAR* CharUpperW(WCHAR* text) {

@@ -3,7 +3,7 @@
 
 Usage: make_character_tables.py [FOLDER] > character_tables.cpp
 
-FOLDER holds CaseFolding.txt and UnicodeData.txt (default: /usr/share/unicode, Debian's package unicode-data).
+FOLDER holds UnicodeData.txt (default: /usr/share/unicode, Debian's package unicode-data).
 """
 
 import sys
@@ -22,14 +22,6 @@ def records(path):
                 yield [field.strip() for field in line.split(";")]
 
 
-def case_folding(folder):
-    fold = list(range(0x10000))
-    for code, status, mapping, *_ in records(folder + "/CaseFolding.txt"):
-        if status in "CS" and int(code, 16) < 0x10000:
-            fold[int(code, 16)] = int(mapping, 16)
-    return fold
-
-
 def class_of(code, category):
     bits = SPACE if code in SPACES else 0
     bits |= {"Lu": UPPER, "Ll": LOWER, "Cc": CONTROL}.get(category, 0)
@@ -46,8 +38,9 @@ def class_of(code, category):
     return bits
 
 
-def upper_and_classes(folder):
-    upper = list(range(0x10000))
+def case_and_classes(folder):
+    """The letters' cases as pairs: each is the other's only partner, whichever way one goes."""
+    to_upper, to_lower = {}, {}
     classes = [0] * 0x10000
     first = None
     for fields in records(folder + "/UnicodeData.txt"):
@@ -60,9 +53,14 @@ def upper_and_classes(folder):
         for member in range(first if first is not None else code, code + 1):
             classes[member] = class_of(member, fields[2])
         first = None
-        if fields[12] and int(fields[12], 16) < 0x10000:
-            upper[code] = int(fields[12], 16)
-    return upper, classes
+        for mapping, field in ((to_upper, fields[12]), (to_lower, fields[13])):
+            if field:
+                mapping[code] = int(field, 16)
+    lower, upper = list(range(0x10000)), list(range(0x10000))
+    for capital, small in to_lower.items():
+        if small < 0x10000 and to_upper.get(small) == capital:
+            lower[capital], upper[small] = small, capital
+    return lower, upper, classes
 
 
 def two_level(name, values):
@@ -97,12 +95,12 @@ def deltas(mapping):
 
 def main():
     folder = sys.argv[1] if len(sys.argv) > 1 else "/usr/share/unicode"
-    upper, classes = upper_and_classes(folder)
+    lower, upper, classes = case_and_classes(folder)
     print("// Written by make_character_tables.py from Unicode 15.0; not edited by hand.")
     print("// clang-format off")
     print('#include "character_tables.h"\n\nnamespace zr::platform {\n')
     for name, values in (
-        ("fold", deltas(case_folding(folder))),
+        ("lower", deltas(lower)),
         ("upper", deltas(upper)),
         ("class", classes),
     ):

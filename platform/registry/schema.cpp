@@ -32,7 +32,26 @@ constexpr const char* kSteps[] = {
     "ALTER TABLE change ADD COLUMN origin INTEGER NOT NULL DEFAULT 0;"
     "DELETE FROM change;"
     "INSERT INTO change SELECT " ZR_STORE_FIRST_SEQ ", 2, 1, X'', X'', 0;",
+    // Letters without a capital of their own (final sigma, the micro sign) are only equal to themselves.
+    "UPDATE key SET folded = folded_name(name) WHERE id > 4 AND folded <> folded_name(name);"
+    "UPDATE value SET folded = folded_name(name) WHERE folded <> folded_name(name);",
 };
+
+void folded_name(sqlite3_context* context, int, sqlite3_value** arguments) {
+    const auto* const units = static_cast<const WCHAR*>(sqlite3_value_blob(arguments[0]));
+    const auto length = static_cast<std::size_t>(sqlite3_value_bytes(arguments[0])) / sizeof(WCHAR);
+    const FoldedName folded(std::u16string_view(units, units ? length : 0));
+    const std::u16string_view text = folded ? folded.view() : std::u16string_view();
+    sqlite3_result_blob(context, text.empty() ? "" : static_cast<const void*>(text.data()),
+                        static_cast<int>(text.size() * sizeof(WCHAR)), SQLITE_TRANSIENT);
+}
+
+DWORD add_functions(Connection& connection) {
+    constexpr int kKind = SQLITE_UTF8 | SQLITE_DETERMINISTIC;
+    const int code = sqlite3_create_function_v2(connection.handle(), "folded_name", 1, kKind, nullptr, &folded_name,
+                                                nullptr, nullptr, nullptr);
+    return code == SQLITE_OK ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
+}
 
 constexpr StoreTable kTables[] = {{"key", "id"}, {"value", "key"}};
 
@@ -102,7 +121,7 @@ const StoreKind kRegistryStore = {"registry", kStoreName, "registry.db", kApplic
                                   "SELECT NOT EXISTS(SELECT 1 FROM key AS k WHERE id > 4 AND (parent >= id OR"
                                   " NOT EXISTS(SELECT 1 FROM key WHERE id = k.parent)))"
                                   " AND (SELECT count(*) FROM key WHERE id <= 4 AND parent = 0) = 4",
-                                  kTables, &mend, true};
+                                  kTables, &mend, true, &add_functions};
 
 namespace {
 

@@ -106,6 +106,9 @@ DWORD read_text(Connection& connection, const char* sql, std::string& text) {
 }
 
 DWORD take_steps(const StoreKind& kind, Connection& connection, LONGLONG from) {
+    if (kind.functions) {
+        if (const DWORD error = kind.functions(connection); error != ERROR_SUCCESS) return error;
+    }
     for (auto i = static_cast<std::size_t>(from); i < kind.steps.size(); ++i) {
         if (const DWORD error = connection.execute(kind.steps[i]); error != ERROR_SUCCESS) return error;
     }

@@ -108,12 +108,14 @@ ZRPLATFORM_API int lstrcmpiW(LPCWSTR left, LPCWSTR right);
 
 // ---- Letter case ----------------------------------------------------------------------------------------------
 //
-// One table serves every function of this group: Unicode 15.0 simple case folding of the Basic Multilingual Plane.
-// Lower-casing is that folding, for CharLower* as for towlower and _wcslwr, and the comparisons compare the folded
-// code units. So two strings compare equal ignoring case exactly when they are equal after lower-casing, and a hash of
-// lower-cased text agrees with _wcsicmp. What follows from it: U+1E9E lower-cases to U+00DF, final sigma to sigma,
-// the Kelvin sign to k, and the dotted I of Turkish stays itself. Surrogates are never changed.
-// Upper-casing is the simple upper-case mapping; it is not needed for comparing.
+// One map of pairs serves every function of this group: a capital letter and the small one that is its only partner, of
+// Unicode 15.0 in the Basic Multilingual Plane. Lower-casing, for CharLower* as for towlower and _wcslwr, turns the
+// capital of a pair into the small letter, upper-casing turns the small one into the capital, and neither changes
+// anything else. The comparisons compare the lower-cased code units. So two strings compare equal ignoring case exactly
+// when they are equal after lower-casing, or after upper-casing, and a hash of lower-cased text agrees with _wcsicmp.
+// Letters without a partner of their own are only equal to themselves: final sigma, long s, the micro, Kelvin, Angstrom
+// and Ohm signs, U+1E9E and U+00DF, the dotted and the dotless i of Turkish, the four letters with a title case.
+// Surrogates are never changed.
 
 ZRPLATFORM_API WCHAR towlower(WCHAR character);
 ZRPLATFORM_API WCHAR towupper(WCHAR character);

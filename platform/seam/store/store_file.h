@@ -39,6 +39,7 @@ struct StoreKind {
     std::span<const StoreTable> tables;  // all but the log of changes
     DWORD (*mend)(Connection&);          // makes rows fit each other of which some were lost
     bool begins_anew;                    // the call that sets a damaged store aside goes on with an empty one
+    DWORD (*functions)(Connection&) = nullptr;  // makes known to a connection what the steps call
 };
 
 // All kinds, for what looks after every store. A static object of its family.

@@ -235,6 +235,29 @@ TEST_F(ContactsManagerEmailTest, AddressesOfEveryLengthHashAlike) {
     }
 }
 
+// What compares equal is in one bucket under one hash, whatever the letter: every capital by its small letter and the
+// other way round, and every letter that is alone only by itself.
+TEST_F(ContactsManagerEmailTest, EveryLetterIsFoundByItsOtherCase) {
+    std::vector<WCHAR> added;
+    for (unsigned code = 0x80; code < 0x10000; ++code) {
+        const auto unit = static_cast<WCHAR>(code);
+        const bool alone = towlower(unit) == unit && towupper(unit) == unit;
+        const bool is_letter = iswupper(unit) || iswlower(unit);
+        if (towlower(unit) == unit && !(alone && is_letter)) continue;
+        added.push_back(unit);
+        world_.add(static_cast<LONG>(added.size()), {{"Email1Address", std::u16string(u"a@") + unit}});
+    }
+    ASSERT_GT(added.size(), 1163u);
+    ASSERT_EQ(manager_.Initialize(), S_OK);
+    for (std::size_t i = 0; i < added.size(); ++i) {
+        for (const WCHAR other : {added[i], towlower(added[i]), towupper(added[i])}) {
+            LONG oid = 0;
+            EXPECT_EQ(lookup(std::u16string(u"A@") + other, &oid), 1) << std::hex << unsigned{added[i]};
+            EXPECT_EQ(oid, static_cast<LONG>(i + 1));
+        }
+    }
+}
+
 TEST_F(ContactsManagerEmailTest, EqualHashesAreToldApart) {
     ASSERT_EQ(37 * u'x' + u'@', 37 * u'w' + u'e');  // different texts, one hash, in lower case too
     world_.add(1, {{"Email1Address", u"ax@h"}});

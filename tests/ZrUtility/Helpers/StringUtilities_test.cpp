@@ -246,6 +246,30 @@ TEST(StartsWithIgnoreCase, PrefixComesFirst) {
     EXPECT_EQ(Utilities::StartsWithIgnoreCase(Text(u"abc"), nullptr), 0);
 }
 
+TEST(CompareFunction, EveryUnitEqualsItsOtherCase) {
+    for (unsigned code = 1; code < 0x10000; ++code) {
+        const WCHAR self[] = {static_cast<WCHAR>(code), 0};
+        const WCHAR next[] = {static_cast<WCHAR>(towlower(self[0]) + 1), 0};
+        for (const WCHAR other : {towlower(self[0]), towupper(self[0])}) {
+            WCHAR text[] = {other, 0};
+            WCHAR longer[] = {other, u'x', 0};
+            EXPECT_EQ(Utilities::CompareFunction(self, text, Utilities::COMPARE_EXACT), 1) << std::hex << code;
+            EXPECT_EQ(Utilities::CompareFunction(longer, self, Utilities::COMPARE_PREFIX), 1) << std::hex << code;
+            EXPECT_EQ(Utilities::StartsWithIgnoreCase(text, longer), 1) << std::hex << code;
+        }
+        const WCHAR low[] = {towlower(self[0]), 0};
+        EXPECT_EQ(Utilities::EndsWithIgnoreCase(low, self), 1) << std::hex << code;
+        const bool equal = towlower(next[0]) == towlower(self[0]);
+        EXPECT_EQ(Utilities::CompareFunction(self, next, Utilities::COMPARE_EXACT), equal ? 1 : 0) << std::hex << code;
+    }
+}
+
+TEST(EndsWithIgnoreCase, ASmallLetterWithoutCapitalIsItself) {
+    EXPECT_EQ(Utilities::EndsWithIgnoreCase(u"\xB5", u"5 \xB5"), 1);
+    EXPECT_EQ(Utilities::EndsWithIgnoreCase(u"\x3C2", u"\x39F\x3C2"), 1);
+    EXPECT_EQ(Utilities::EndsWithIgnoreCase(u"\x3BC", u"5 \xB5"), 0);
+}
+
 TEST(EndsWithIgnoreCase, SuffixComesFirst) {
     EXPECT_EQ(Utilities::EndsWithIgnoreCase(u"", u"abc"), 0);
     EXPECT_EQ(Utilities::EndsWithIgnoreCase(u"", u""), 0);

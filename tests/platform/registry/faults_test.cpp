@@ -148,6 +148,12 @@ ZR_CHILD(registry_filler) {
 }
 
 // Has the registry open while another process finds the damage.
+ZR_CHILD(registry_old_names) {
+    const Key key = create(HKEY_CURRENT_USER, u"\x3C2");
+    const Key plain = create(HKEY_CURRENT_USER, u"plain");
+    return set_dword(key, u"\xB5", 5) == kOk ? 0 : 1;
+}
+
 ZR_CHILD(registry_holder) {
     const Key key = create(HKEY_LOCAL_MACHINE, u"held");
     if (set_dword(key, u"v", 1) != kOk || get_dword(key, u"v") != 1) return 1;
@@ -182,6 +188,21 @@ TEST(Faults, DamageThatIsMetIsSetAsideByTheNextCallOfAnyProcess) {
     EXPECT_EQ(get_dword(create(HKEY_LOCAL_MACHINE, u"held"), u"v"), 2u) << "all processes are in the new store";
     EXPECT_EQ(set_aside().size(), 1u);
     EXPECT_EQ(query(file(), "PRAGMA integrity_check"), "ok");
+}
+
+// Of the time when final sigma was found as sigma, and the micro sign as the Greek letter.
+TEST(Faults, NamesOfAnEarlierVersionAreFoundAsTheyAreNow) {
+    Child filler("registry_old_names");
+    ASSERT_EQ(filler.wait(), 0);
+    query(file(), "UPDATE key SET folded = X'C303' WHERE name = X'C203'");
+    query(file(), "UPDATE value SET folded = X'BC03' WHERE name = X'B500'");
+    query(file(), "PRAGMA user_version = 2");
+    Key key;
+    ASSERT_EQ(open(HKEY_CURRENT_USER, u"\x3C2", key), kOk);
+    EXPECT_EQ(get_dword(key, u"\xB5"), 5u);
+    EXPECT_FALSE(exists(HKEY_CURRENT_USER, u"\x3C3"));
+    EXPECT_TRUE(exists(HKEY_CURRENT_USER, u"plain"));
+    EXPECT_TRUE(set_aside().empty());
 }
 
 TEST(Faults, AStoreOfANewerVersionIsLeftAlone) {
