@@ -184,15 +184,29 @@ ZRPLATFORM_API BOOL GetFileTime(HANDLE file, FILETIME* creation, FILETIME* acces
 ZRPLATFORM_API BOOL SetFileTime(HANDLE file, const FILETIME* creation, const FILETIME* access, const FILETIME* write);
 
 // Writes a message text and returns its length without the NUL.
-// FORMAT_MESSAGE_FROM_SYSTEM: the C library's text for the host error that the code `messageId`
-// stands for, ended with CR LF; `languageId` is not looked at. FORMAT_MESSAGE_FROM_STRING: the NUL-ended text that
-// `source` points to, with %1 to %99 replaced by the arguments (texts, or %1!format! with a printf format), %n by CR
-// LF, %0 ending the text, and % before another character standing for that character; FORMAT_MESSAGE_IGNORE_INSERTS
-// leaves all of them as they are. `arguments` points to a va_list, or with FORMAT_MESSAGE_ARGUMENT_ARRAY to an array of
-// DWORD_PTR. A width in the low byte is ignored but for FORMAT_MESSAGE_MAX_WIDTH_MASK, which drops line breaks.
+//
+// FORMAT_MESSAGE_FROM_SYSTEM: the C library's text for the host error that the code `messageId` stands for, ended with
+// CR LF; `languageId` is not looked at. FORMAT_MESSAGE_FROM_STRING: the NUL-ended text that `source` points to, in
+// which
+//   %1 to %99       are replaced by the arguments, which are texts
+//   %1!format!      the same in a printf format. Each * of it is a width or precision that is an argument as well: the
+//                   first one of this number, the next one of the next; the value comes behind them. Of an array it
+//                   has the number behind theirs; in a list it has none, so %2 is then what comes behind the value
+//   %n %r %t        CR LF, CR, a tab
+//   %0              ends the text
+//   % and another   that character. A % at the end is ERROR_INVALID_PARAMETER
+// FORMAT_MESSAGE_IGNORE_INSERTS leaves the inserts as they are, and `arguments` is not looked at. `arguments` points to
+// a va_list, or with FORMAT_MESSAGE_ARGUMENT_ARRAY to an array of DWORD_PTR.
+//
+// A width in the low byte: the text's own line breaks become spaces, and lines are broken at white space so that each
+// has at most so many characters; a longer word stays whole. FORMAT_MESSAGE_MAX_WIDTH_MASK: the former only. Breaks
+// that %n and %r make, and those in inserted texts, always stay.
+//
 // With FORMAT_MESSAGE_ALLOCATE_BUFFER `buffer` is really a LPWSTR* that receives a block of at least `size` characters
-// which the caller frees with LocalFree (null when the call fails); otherwise it holds `size` characters.
-// 0 on failure: ERROR_MR_MID_NOT_FOUND (no text), ERROR_INSUFFICIENT_BUFFER, ERROR_INVALID_PARAMETER.
+// which the caller frees with LocalFree; null when the call fails or the text is empty. Otherwise it holds `size`
+// characters. 0 on failure: ERROR_MR_MID_NOT_FOUND (no text), ERROR_RESOURCE_TYPE_NOT_FOUND (from a module: none has
+// messages), ERROR_INSUFFICIENT_BUFFER, ERROR_MORE_DATA (a block of more than 128 KiB), ERROR_INVALID_PARAMETER. 0 for
+// an empty text too, with the last error left alone.
 ZRPLATFORM_API DWORD FormatMessageW(DWORD flags, LPCVOID source, DWORD messageId, DWORD languageId, LPWSTR buffer,
                                     DWORD size, va_list* arguments);
 
