@@ -23,6 +23,7 @@ void unlock_all() noexcept {
 }
 
 void begin_child() noexcept {
+    forget_calls_sharing();
     unlock_tables();
     ChangeSource::instance().begin_child();
 }

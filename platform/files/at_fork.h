@@ -9,5 +9,6 @@ void unlock_searches() noexcept;
 
 void lock_share_modes() noexcept;
 void unlock_share_modes() noexcept;
+void forget_calls_sharing() noexcept;  // in the child: of other threads, which are not in it
 
 }  // namespace zr::platform

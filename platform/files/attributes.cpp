@@ -29,27 +29,35 @@ DWORD facts_of(LPCWSTR path, Wanted wanted, FileFacts& facts) {
 }
 
 // Read-only is a file nobody may write; to end that is to let its owner write.
-int write_mode(const char* path, bool read_only) {
+int write_mode(const char* path, bool read_only, bool& written) {
     struct stat status;
     if (stat(path, &status) != 0) return errno;
     if (read_only == ((status.st_mode & kAnyWrite) == 0)) return 0;
+    written = true;
     const mode_t mode = read_only ? status.st_mode & ~kAnyWrite : status.st_mode | S_IWUSR;
     return chmod(path, mode & 07777) == 0 ? 0 : errno;
 }
 
 // The host lets nobody but the administrator store attributes of a file that may not be written, so writing is allowed
 // before and forbidden after.
-int write_attributes(const char* path, DWORD attributes) {
+int write_attributes(const char* path, DWORD attributes, bool& written) {
     const bool read_only = (attributes & FILE_ATTRIBUTE_READONLY) != 0;
     if (!read_only)
-        if (const int error = write_mode(path, false)) return error;
-    int error = write_dos_attributes(path, attributes & kStoredAttributes);
+        if (const int error = write_mode(path, false, written)) return error;
+    int error = write_dos_attributes(path, attributes & kStoredAttributes, &written);
     if (error == EACCES && read_only) {
-        error = write_mode(path, false);
-        if (error == 0) error = write_dos_attributes(path, attributes & kStoredAttributes);
+        error = write_mode(path, false, written);
+        if (error == 0) error = write_dos_attributes(path, attributes & kStoredAttributes, &written);
     }
     if (error) return error;
-    return read_only ? write_mode(path, true) : 0;
+    return read_only ? write_mode(path, true, written) : 0;
+}
+
+// Who sets what is set already says so to those who watch, as far as the host lets him.
+void tell_again(const char* path) {
+    struct stat status;
+    if (stat(path, &status) == 0) [[maybe_unused]]
+        const int ignored = chmod(path, status.st_mode & 07777);
 }
 
 }  // namespace
@@ -85,7 +93,10 @@ BOOL SetFileAttributesW(LPCWSTR path, DWORD attributes) {
     return enter(FALSE, [&] {
         const HostPath host = existing_host_path(path);
         if (host.error) return fail(host.error, FALSE);
-        const int error = write_attributes(host.path.c_str(), attributes);
-        return error ? fail(error_from_errno(error), FALSE) : TRUE;
+        bool written = false;
+        const int error = write_attributes(host.path.c_str(), attributes, written);
+        if (error) return fail(error_from_errno(error), FALSE);
+        if (!written) tell_again(host.path.c_str());
+        return TRUE;
     });
 }

@@ -86,10 +86,11 @@ DWORD read_dos_attributes(int folder, const char* name) noexcept {
     return size <= 0 ? 0 : parse_dos_attributes({value, static_cast<std::size_t>(size)});
 }
 
-int write_dos_attributes(const char* path, DWORD bits) {
+int write_dos_attributes(const char* path, DWORD bits, bool* written) {
     char value[kLargest];
     const ssize_t got = getxattr(path, kName, value, sizeof value);
     if (got < 0 && bits == 0) return errno == ENODATA || errno == EOPNOTSUPP ? 0 : errno;
+    if (written) *written = true;
     const std::span<char> old(value, got > 0 ? static_cast<std::size_t>(got) : 0);
     const DWORD all = (parse_all(old) & ~kStoredAttributes) | bits;
     if (is_binary(old)) {

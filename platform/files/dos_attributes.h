@@ -20,7 +20,8 @@ DWORD parse_dos_attributes(std::span<const char> value) noexcept;
 // are none or they cannot be read.
 DWORD read_dos_attributes(int folder, const char* name) noexcept;
 
-// Stores the bits; other bits that the value holds stay. An errno value on failure, else 0.
-int write_dos_attributes(const char* path, DWORD bits);
+// Stores the bits; other bits that the value holds stay. An errno value on failure, else 0. `*written` becomes true
+// when the host was asked to keep something.
+int write_dos_attributes(const char* path, DWORD bits, bool* written = nullptr);
 
 }  // namespace zr::platform

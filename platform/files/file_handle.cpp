@@ -48,7 +48,7 @@ public:
     // The descriptor outlives the lock and the claim, so that a fork never finds a claim on a file that is closed: its
     // number may be another file's soon.
     HostFd host;
-    ShareClaim claim;
+    ShareClaim claim{ShareClaim::Of::Handle};
 
 private:
     // Given back by name: a child that was forked meanwhile has the descriptor too, and a mapping, and the lock with

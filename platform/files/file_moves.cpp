@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "base/host_error.h"
 #include "base/host_fd.h"
 #include "base/size_limit.h"
@@ -21,18 +23,44 @@
 namespace zr::platform {
 namespace {
 
-// Whether another process has the file open for itself alone. One that may not be read is not looked into.
-bool is_locked_elsewhere(int file) {
-    return file >= 0 && flock(file, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-}
+// An open file, and a lock on it that is given back by name: a child that is forked meanwhile has the descriptor too.
+class LockedFile {
+public:
+    LockedFile() = default;
+    explicit LockedFile(HostFd file) : file_(std::move(file)) {}
+    ~LockedFile() { unlock(); }
+    LockedFile(const LockedFile&) = delete;
+    LockedFile& operator=(const LockedFile&) = delete;
+
+    // False: another process has the file open for itself alone. One that may not be opened is not looked into.
+    bool lock() {
+        locked_ = file_ && flock(file_.get(), LOCK_SH | LOCK_NB) == 0;
+        return locked_ || !file_ || errno != EWOULDBLOCK;
+    }
+    void open(HostFd file) { file_ = std::move(file); }
+    explicit operator bool() const { return static_cast<bool>(file_); }
+    int get() const { return file_.get(); }
+    int close() {
+        unlock();
+        return file_.close();
+    }
+
+private:
+    void unlock() {
+        if (std::exchange(locked_, false)) flock(file_.get(), LOCK_UN);
+    }
+
+    HostFd file_;
+    bool locked_ = false;
+};
 
 // Takes the file's name for oneself: as long as the claim lives, nobody opens the file who does not share its deletion.
 DWORD claim_name(const char* path, const struct stat& status, ShareClaim& claim) {
     if (!S_ISREG(status.st_mode)) return ERROR_SUCCESS;
     if (!claim.take(status, kDeleteAccess, kShareAll)) return ERROR_SHARING_VIOLATION;
     if (is_mapped(status.st_dev, status.st_ino)) return ERROR_SHARING_VIOLATION;
-    const HostFd file = open_host(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
-    return is_locked_elsewhere(file.get()) ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
+    LockedFile file(open_host(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW));
+    return file.lock() ? ERROR_SUCCESS : ERROR_SHARING_VIOLATION;
 }
 
 // A link goes with whatever kind the attributes say it is, so that who empties a folder by them gets to the end.
@@ -48,7 +76,7 @@ DWORD delete_file(const char* path) {
     if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
     if (S_ISLNK(status.st_mode) ? is_link_to_folder(path) : (status.st_mode & kAnyWrite) == 0)
         return ERROR_ACCESS_DENIED;
-    ShareClaim claim;
+    ShareClaim claim(ShareClaim::Of::Call);
     if (const DWORD error = claim_name(path, status, claim)) return error;
     return unlink(path) == 0 ? ERROR_SUCCESS : error_from_errno(errno);
 }
@@ -88,18 +116,18 @@ void copy_facts(const char* from, const struct stat& status, const char* to, int
 
 // One end of a copy, which is an open file among the others while it goes on.
 struct CopyEnd {
-    ShareClaim claim;
-    HostFd file;
+    ShareClaim claim{ShareClaim::Of::Call};
+    LockedFile file;
     struct stat status;
 
     DWORD use(DWORD access) {
         if (!claim.take(status, access, kShareAll)) return ERROR_SHARING_VIOLATION;
-        return is_locked_elsewhere(file.get()) ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
+        return file.lock() ? ERROR_SUCCESS : ERROR_SHARING_VIOLATION;
     }
 };
 
 DWORD open_source(const std::string& path, CopyEnd& source) {
-    source.file = open_host(path.c_str(), O_RDONLY | O_NONBLOCK);
+    source.file.open(open_host(path.c_str(), O_RDONLY | O_NONBLOCK));
     if (!source.file || fstat(source.file.get(), &source.status) != 0) return error_from_errno(errno);
     return S_ISREG(source.status.st_mode) ? source.use(GENERIC_READ) : ERROR_ACCESS_DENIED;
 }
@@ -110,7 +138,7 @@ DWORD open_old_target(const HostPath& target, const struct stat& source, CopyEnd
     if (stat(target.path.c_str(), &status) != 0) return error_from_errno(errno);
     if (!S_ISREG(status.st_mode) || (status.st_mode & kAnyWrite) == 0) return ERROR_ACCESS_DENIED;
     if (status.st_dev == source.st_dev && status.st_ino == source.st_ino) return ERROR_SHARING_VIOLATION;
-    copy.file = open_host(target.path.c_str(), O_WRONLY | O_NONBLOCK);
+    copy.file.open(open_host(target.path.c_str(), O_WRONLY | O_NONBLOCK));
     if (!copy.file || fstat(copy.file.get(), &status) != 0) return error_from_errno(errno);
     if (const DWORD error = copy.use(GENERIC_WRITE)) return error;
     if (is_mapped(status.st_dev, status.st_ino)) return ERROR_USER_MAPPED_FILE;
@@ -120,7 +148,7 @@ DWORD open_old_target(const HostPath& target, const struct stat& source, CopyEnd
 DWORD open_target(const HostPath& target, bool must_be_new, const struct stat& source, CopyEnd& copy) {
     if (target.exists) return must_be_new ? ERROR_FILE_EXISTS : open_old_target(target, source, copy);
     if (target.names_folder) return ERROR_INVALID_NAME;
-    copy.file = open_host(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+    copy.file.open(open_host(target.path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600));
     if (!copy.file) return errno == EEXIST ? ERROR_FILE_EXISTS : error_from_errno(errno);
     return fstat(copy.file.get(), &copy.status) == 0 ? copy.use(GENERIC_WRITE) : error_from_errno(errno);
 }
@@ -169,7 +197,7 @@ DWORD move_file(const HostPath& from, HostPath target, LPCWSTR to) {
     struct stat status;
     if (lstat(from.path.c_str(), &status) != 0) return error_from_errno(errno);
     if (target.names_folder && !S_ISDIR(status.st_mode)) return ERROR_INVALID_NAME;
-    ShareClaim claim;
+    ShareClaim claim(ShareClaim::Of::Call);
     if (const DWORD refused = claim_name(from.path.c_str(), status, claim)) return refused;
     const int error = rename_to_new(from.path.c_str(), target.path.c_str());
     if (error != EXDEV) return error ? error_from_errno(error) : ERROR_SUCCESS;

@@ -23,14 +23,14 @@ constexpr Use kUses[] = {
 };
 constexpr DWORD kAnyUse = GENERIC_READ | GENERIC_WRITE | kDeleteAccess;
 
-// How many open files use a file, and how many keep such users out; for each use.
+// How many use a file, and how many keep such users out; for each use.
 struct Counts {
-    int files = 0;
+    int all = 0;
     int users[std::size(kUses)] = {};
     int deniers[std::size(kUses)] = {};
 
     void add(DWORD access, DWORD share, int change) {
-        files += change;
+        all += change;
         for (std::size_t i = 0; i < std::size(kUses); ++i) {
             if (access & kUses[i].access) users[i] += change;
             if (!(share & kUses[i].share)) deniers[i] += change;
@@ -45,11 +45,22 @@ struct Counts {
     }
 };
 
+struct Users {
+    Counts handles;
+    Counts calls;
+
+    Counts& of(ShareClaim::Of what) { return what == ShareClaim::Of::Handle ? handles : calls; }
+    bool tolerate(DWORD access, DWORD share) const {
+        return handles.tolerates(access, share) && calls.tolerates(access, share);
+    }
+    bool empty() const { return handles.all == 0 && calls.all == 0; }
+};
+
 using FileId = std::pair<std::uint64_t, std::uint64_t>;
 
 struct Table {
     std::mutex mutex;
-    std::map<FileId, Counts> files;
+    std::map<FileId, Users> files;
 };
 
 // Never destroyed: handles may be closed while the process ends.
@@ -70,14 +81,20 @@ void unlock_share_modes() noexcept {
     table().mutex.unlock();
 }
 
+// An entry without users may stay: nothing is given back in a child.
+void forget_calls_sharing() noexcept {
+    for (auto& [file, users] : table().files)
+        users.calls = {};
+}
+
 bool ShareClaim::take(const struct stat& file, DWORD access, DWORD share) {
     // Who only asks about a file is in nobody's way.
     if (!(access & kAnyUse)) return true;
     Table& open = table();
     const std::lock_guard lock(open.mutex);
-    Counts& counts = open.files[{file.st_dev, file.st_ino}];
-    if (!counts.tolerates(access, share)) return false;
-    counts.add(access, share, 1);
+    Users& users = open.files[{file.st_dev, file.st_ino}];
+    if (!users.tolerate(access, share)) return false;
+    users.of(of_).add(access, share, 1);
     device_ = file.st_dev;
     inode_ = file.st_ino;
     access_ = access;
@@ -91,8 +108,8 @@ ShareClaim::~ShareClaim() {
     Table& open = table();
     const std::lock_guard lock(open.mutex);
     const auto found = open.files.find({device_, inode_});
-    found->second.add(access_, share_, -1);
-    if (found->second.files == 0) open.files.erase(found);
+    found->second.of(of_).add(access_, share_, -1);
+    if (found->second.empty()) open.files.erase(found);
 }
 
 }  // namespace zr::platform

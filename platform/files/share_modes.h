@@ -17,7 +17,12 @@ inline constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHA
 // One open file's place among the others; gives it back when destroyed.
 class ShareClaim {
 public:
-    ShareClaim() = default;
+    enum class Of {
+        Handle,
+        Call,  // which deletes, moves or copies: in a forked child it is not under way, and counts no more
+    };
+
+    explicit ShareClaim(Of what) : of_(what) {}
     ~ShareClaim();
     ShareClaim(const ShareClaim&) = delete;
     ShareClaim& operator=(const ShareClaim&) = delete;
@@ -31,6 +36,7 @@ private:
     DWORD access_ = 0;
     DWORD share_ = 0;
     bool taken_ = false;
+    const Of of_;
 };
 
 }  // namespace zr::platform

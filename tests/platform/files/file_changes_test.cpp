@@ -270,6 +270,20 @@ TEST(FileChanges, FiltersChooseRecords) {
     EXPECT_EQ(words(attributes.until(u"mark")), (Texts{u"*a", u"+mark"}));
 }
 
+TEST(FileChanges, SettingTheAttributesThatAFileHasIsTold) {
+    const TempFolder folder;
+    write_text(folder.host() / "a");
+    const std::u16string path = folder.handheld() + u"\\a";
+    const DWORD wanted[] = {FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_READONLY,
+                            FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_NORMAL};
+    for (const DWORD attributes : wanted) {
+        const Watch watch(folder.handheld(), FILE_NOTIFY_CHANGE_ATTRIBUTES);
+        ASSERT_TRUE(SetFileAttributesW(path.c_str(), attributes));
+        EXPECT_EQ(GetFileAttributesW(path.c_str()), attributes);
+        EXPECT_TRUE(watch.wait());
+    }
+}
+
 TEST(FileChanges, AnotherTimeIsAWriteAndOtherPermissionsAreNone) {
     const TempFolder folder;
     write_text(folder.host() / "a");
