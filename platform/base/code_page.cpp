@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "base/fail.h"
+#include "best_fit.h"
 #include "platform/base.h"
 #include "utf_core.h"
 
@@ -66,11 +67,12 @@ bool encode_utf8_text(std::u16string_view wide, UnitSink<char>& sink) {
     return valid;
 }
 
-// Whether the code page had every character.
-bool encode_1252_text(std::u16string_view wide, char replacement, UnitSink<char>& sink) {
+// Whether the code page had every character, or one that fits in its place.
+bool encode_1252_text(std::u16string_view wide, char replacement, bool best_fit, UnitSink<char>& sink) {
     bool complete = true;
     for (const WCHAR character : wide) {
-        const int byte = zr::platform::to_1252(character);
+        int byte = zr::platform::to_1252(character);
+        if (byte < 0 && best_fit) byte = zr::platform::best_fit_1252(character);
         sink.put(byte >= 0 ? static_cast<char>(byte) : replacement);
         complete = complete && byte >= 0;
     }
@@ -117,7 +119,9 @@ int WideCharToMultiByte(UINT codePage, DWORD flags, const WCHAR* wide, int lengt
         const bool valid = encode_utf8_text(source, sink);
         if (!valid && (flags & WC_ERR_INVALID_CHARS) != 0) return fail(ERROR_NO_UNICODE_TRANSLATION, 0);
     } else {
-        const bool complete = encode_1252_text(source, defaultCharacter == nullptr ? '?' : *defaultCharacter, sink);
+        const bool best_fit = (flags & WC_NO_BEST_FIT_CHARS) == 0;
+        const char replacement = defaultCharacter == nullptr ? '?' : *defaultCharacter;
+        const bool complete = encode_1252_text(source, replacement, best_fit, sink);
         if (defaultUsed != nullptr) *defaultUsed = complete ? FALSE : TRUE;
     }
     return finish(sink.count(), capacity);

@@ -1,8 +1,11 @@
-// e, f and g conversions. The digits come from std::to_chars, which is exact and knows no locale.
+// e, f and g conversions. The digits come from std::to_chars, which is exact and knows no locale. It rounds what lies
+// exactly between two results to the even one; here that is rounded away from zero.
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <string_view>
 
 #include "format_conversion.h"
@@ -14,6 +17,7 @@ namespace {
 // A double has at most 1074 digits after the point: beyond this, only zeros follow, and they are written as such.
 constexpr std::size_t kMostDigits = 1100;
 constexpr std::size_t kBufferSize = 1536;
+constexpr double kNoFractions = 9007199254740992;  // from here on all numbers are even
 
 struct Digits {
     WCHAR text[kBufferSize];
@@ -22,6 +26,9 @@ struct Digits {
     std::size_t exponent_length = 0;
 
     void put(char character) { text[length++] = static_cast<WCHAR>(character); }
+    void put(std::string_view characters) {
+        std::for_each(characters.begin(), characters.end(), [this](char c) { put(c); });
+    }
     bool has_point() const { return std::find(text, text + length, u'.') != text + length; }
 };
 
@@ -41,23 +48,86 @@ void put_exponent(Digits& digits, int exponent, bool capital) {
     std::copy(std::begin(text), std::end(text), digits.exponent);
 }
 
-void fixed(Digits& digits, double value, std::size_t precision) {
-    char text[kBufferSize];
-    const auto result =
-        std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, static_cast<int>(precision));
-    std::for_each(text, result.ptr, [&digits](char character) { digits.put(character); });
+std::string_view convert(char (&text)[kBufferSize], double value, std::chars_format format, std::size_t precision) {
+    const auto result = std::to_chars(text, text + sizeof text, value, format, static_cast<int>(precision));
+    return {text, static_cast<std::size_t>(result.ptr - text)};
 }
 
-void scientific(Digits& digits, double value, std::size_t precision, bool capital) {
-    char text[kBufferSize];
-    const auto result =
-        std::to_chars(text, text + sizeof text, value, std::chars_format::scientific, static_cast<int>(precision));
-    const std::string_view whole(text, static_cast<std::size_t>(result.ptr - text));
-    for (const char character : whole.substr(0, whole.find('e'))) {
-        digits.put(character);
-    }
-    put_exponent(digits, exponent_of(whole), capital);
+// Whether the value lies in the middle of two numbers of so many decimal places: then it has exactly one binary place
+// more than that.
+bool is_half(double value, std::size_t places) {
+    const double scaled = std::ldexp(value, static_cast<int>(places) + 1);
+    return scaled < kNoFractions && std::floor(scaled) == scaled && (static_cast<std::uint64_t>(scaled) & 1) != 0;
 }
+
+// How many significant digits the value has, all of them; the last one. More than `most`: anything that is more.
+std::size_t significant_digits(double value, std::size_t most, char& last) {
+    int power = 0;
+    const double fraction = std::frexp(value, &power);
+    const auto mantissa = static_cast<std::uint64_t>(std::ldexp(fraction, 53));
+    const int places = 53 - power - std::countr_zero(mantissa);  // binary and decimal ones behind the point
+    // A number that small in size and long in places has more digits than anybody asks for.
+    if (places > 0 && std::floor(std::log10(value)) + places > static_cast<double>(most)) return most + 1;
+    const std::size_t all = places > 0 ? std::min(most + 1, kMostDigits) : value < kNoFractions ? 17 : 310;
+    char text[kBufferSize];
+    std::string_view digits = convert(text, value, std::chars_format::scientific, all);
+    digits = digits.substr(0, digits.find('e'));
+    digits = digits.substr(0, digits.find_last_not_of("0.") + 1);
+    last = digits.back();
+    return digits.size() - (digits.size() > 1 ? 1 : 0);
+}
+
+// The same in significant digits behind the first one.
+bool is_half_significant(double value, std::size_t places) {
+    char last = 0;
+    return value != 0 && significant_digits(value, places + 2, last) == places + 2 && last == '5';
+}
+
+// The next number behind one that ends in a 5, in place of that digit. True when it has a digit more at its front.
+bool round_up(char* text, std::string_view& number) {
+    number.remove_suffix(1);
+    if (number.back() == '.') number.remove_suffix(1);
+    for (std::size_t i = number.size(); i-- > 0;) {
+        if (text[i] == '.') continue;
+        if (text[i] != '9') {
+            ++text[i];
+            return false;
+        }
+        text[i] = '0';
+    }
+    return true;
+}
+
+void fixed(Digits& digits, double value, std::size_t precision) {
+    char text[kBufferSize];
+    const bool half = is_half(value, precision);
+    std::string_view number = convert(text, value, std::chars_format::fixed, precision + (half ? 1 : 0));
+    if (half && round_up(text, number)) digits.put('1');
+    digits.put(number);
+}
+
+struct Scientific {
+    char text[kBufferSize];
+    std::string_view mantissa;
+    int exponent = 0;
+
+    Scientific(double value, std::size_t precision) {
+        const bool half = is_half_significant(value, precision);
+        const std::string_view whole = convert(text, value, std::chars_format::scientific, precision + (half ? 1 : 0));
+        exponent = exponent_of(whole);
+        mantissa = whole.substr(0, whole.find('e'));
+        if (!half || !round_up(text, mantissa)) return;
+        text[0] = '1';  // all nines: the zeros behind it are there
+        ++exponent;
+    }
+    Scientific(const Scientific&) = delete;
+    Scientific& operator=(const Scientific&) = delete;
+
+    void put(Digits& digits, bool capital) const {
+        digits.put(mantissa);
+        put_exponent(digits, exponent, capital);
+    }
+};
 
 void strip_zeros(Digits& digits) {
     if (!digits.has_point()) return;
@@ -70,22 +140,42 @@ void strip_zeros(Digits& digits) {
 // Fixed or with an exponent, whichever the size of the number asks for; `precision` counts significant digits.
 void general(Digits& digits, double value, std::size_t precision, bool capital) {
     const int significant = static_cast<int>(precision == 0 ? 1 : precision);
-    char text[kBufferSize];
-    const auto result = std::to_chars(text, text + sizeof text, value, std::chars_format::scientific, significant - 1);
-    const int exponent = exponent_of({text, static_cast<std::size_t>(result.ptr - text)});
-    if (exponent < -4 || exponent >= significant) {
-        scientific(digits, value, static_cast<std::size_t>(significant - 1), capital);
+    const Scientific scientific(value, static_cast<std::size_t>(significant - 1));
+    if (scientific.exponent < -4 || scientific.exponent >= significant) {
+        scientific.put(digits, capital);
     } else {
-        fixed(digits, value, static_cast<std::size_t>(significant - 1 - exponent));
+        fixed(digits, value, static_cast<std::size_t>(significant - 1 - scientific.exponent));
     }
 }
 
+bool is_capital(const Conversion& conversion) {
+    return conversion.type == u'E' || conversion.type == u'G';
+}
+bool is_general(const Conversion& conversion) {
+    return conversion.type == u'g' || conversion.type == u'G';
+}
+bool is_scientific(const Conversion& conversion) {
+    return conversion.type == u'e' || conversion.type == u'E';
+}
+
+// What is no number has a text for its digits, which is cut and rounded, or goes on with zeros, as digits are.
 void write_special(FormatSink& sink, const Conversion& conversion, double value) {
-    const std::u16string_view text = std::isnan(value) ? u"1.#QNAN" : u"1.#INF";
+    const std::string_view name = std::isnan(value) ? "#QNAN" : "#INF";
+    const std::size_t wanted = conversion.has_precision() ? conversion.precision : 6;
+    const std::size_t places = is_general(conversion) ? std::max<std::size_t>(wanted, 1) - 1 : wanted;
+    Digits digits;
+    digits.put('1');
+    if (places != 0 || conversion.alternate) digits.put('.');
+    digits.put(name.substr(0, places));
+    if (places != 0 && places < name.size() && name[places] >= '5') ++digits.text[digits.length - 1];
+    if (is_scientific(conversion)) put_exponent(digits, 0, is_capital(conversion));
     NumberPieces number;
     put_sign(number, conversion, std::signbit(value));
-    number.digits = text.data();
-    number.digit_count = text.size();
+    number.digits = digits.text;
+    number.digit_count = digits.length;
+    if (places > name.size() && !is_general(conversion)) number.zeros_after = places - name.size();
+    number.tail = digits.exponent;
+    number.tail_length = digits.exponent_length;
     write_number(sink, conversion, number, conversion.zero);
 }
 
@@ -98,14 +188,12 @@ void write_float(FormatSink& sink, const Conversion& conversion, double value) {
     }
     const std::size_t wanted = conversion.has_precision() ? conversion.precision : 6;
     const std::size_t precision = std::min(wanted, kMostDigits);
-    const bool capital = conversion.type == u'E' || conversion.type == u'G';
-    const bool is_general = conversion.type == u'g' || conversion.type == u'G';
     Digits digits;
-    if (is_general) {
-        general(digits, std::fabs(value), precision, capital);
+    if (is_general(conversion)) {
+        general(digits, std::fabs(value), precision, is_capital(conversion));
         if (!conversion.alternate) strip_zeros(digits);
-    } else if (conversion.type == u'e' || conversion.type == u'E') {
-        scientific(digits, std::fabs(value), precision, capital);
+    } else if (is_scientific(conversion)) {
+        Scientific(std::fabs(value), precision).put(digits, is_capital(conversion));
     } else {
         fixed(digits, std::fabs(value), precision);
     }
@@ -114,7 +202,7 @@ void write_float(FormatSink& sink, const Conversion& conversion, double value) {
     put_sign(number, conversion, std::signbit(value));
     number.digits = digits.text;
     number.digit_count = digits.length;
-    if (!is_general || conversion.alternate) number.zeros_after = wanted - precision;
+    if (!is_general(conversion) || conversion.alternate) number.zeros_after = wanted - precision;
     number.tail = digits.exponent;
     number.tail_length = digits.exponent_length;
     write_number(sink, conversion, number, conversion.zero);

@@ -1,5 +1,6 @@
 // GUIDs as text.
 
+#include "platform/base.h"
 #include "platform/com.h"
 
 namespace {
@@ -84,5 +85,6 @@ HRESULT CLSIDFromString(LPCOLESTR text, CLSID* clsid) {
 }
 
 HRESULT IIDFromString(LPCOLESTR text, IID* iid) {
-    return from_text(text, iid, CO_E_IIDSTRING);
+    const bool length_fits = text == nullptr || wcsnlen(text, kLength + 1) == kLength;
+    return from_text(text, iid, length_fits ? CO_E_IIDSTRING : E_INVALIDARG);
 }

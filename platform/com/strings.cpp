@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <string>
 
@@ -153,11 +154,19 @@ INT SysReAllocString(BSTR* string, LPCWSTR text) {
 
 INT SysReAllocStringLen(BSTR* string, LPCWSTR text, UINT length) {
     if (string == nullptr) return FALSE;
-    const BSTR fresh = SysAllocStringLen(text, length);
+    // Without a text, or with one inside the string itself, no more is there than the string holds.
+    const char* const old = reinterpret_cast<const char*>(*string);
+    const char* from = text == nullptr ? old : reinterpret_cast<const char*>(text);
+    const char* const end = old == nullptr ? nullptr : old + SysStringByteLen(*string);
+    const bool inside = old != nullptr && std::less_equal<>()(old, from) && std::less_equal<>()(from, end);
+    const BSTR fresh = SysAllocStringLen(inside ? nullptr : text, length);
     if (fresh == nullptr) return FALSE;
-    if (text == nullptr && *string != nullptr) {
-        const UINT kept = SysStringByteLen(*string);
-        std::memcpy(fresh, *string, kept < SysStringByteLen(fresh) ? kept : SysStringByteLen(fresh));
+    if (inside) {
+        const auto there = static_cast<std::size_t>(end - from);
+        const std::size_t wanted = SysStringByteLen(fresh);
+        const std::size_t kept = there < wanted ? there : wanted;
+        std::memcpy(fresh, from, kept);
+        std::memset(reinterpret_cast<char*>(fresh) + kept, 0, wanted - kept);
     }
     SysFreeString(*string);
     *string = fresh;

@@ -25,6 +25,9 @@ HRESULT VariantClear(VARIANT* variant) {
         case VT_DATE:
         case VT_ERROR:
         case VT_BOOL:
+        case VT_CY:
+        case VT_DECIMAL:
+        case VT_I1:
         case VT_UI1:
         case VT_UI2:
         case VT_UI4:

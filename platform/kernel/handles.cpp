@@ -17,17 +17,15 @@ BOOL DuplicateHandle(HANDLE source_process, HANDLE source, HANDLE target_process
         return FALSE;
     }
     const bool close_source = (options & DUPLICATE_CLOSE_SOURCE) != 0;
-    if (!target && !close_source) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
     const Pin pin(source);
     if (!pin) {
         report_invalid_handle();
         return FALSE;
     }
-    HANDLE copy = nullptr;
-    if (target) copy = *target = open_handle(*pin.object());
+    // Who wants no copy to be told of and the source closed wants it closed.
+    const bool wants_copy = target || !close_source;
+    const HANDLE copy = wants_copy ? open_handle(*pin.object()) : nullptr;
+    if (target) *target = copy;
     if (close_source) CloseHandle(source);
-    return !target || copy ? TRUE : FALSE;
+    return copy || !wants_copy ? TRUE : FALSE;
 }

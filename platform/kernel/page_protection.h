@@ -55,6 +55,8 @@ inline DWORD host_protection(DWORD protection, int& out) noexcept {
 // One of the protections that a mapping can have, and no unknown flag.
 constexpr bool is_mapping_protection(DWORD protection) noexcept {
     if ((protection & ~(kPageBits | SEC_RESERVE | SEC_COMMIT | SEC_NOCACHE)) != 0) return false;
+    const DWORD kind = protection & (SEC_RESERVE | SEC_COMMIT);
+    if (kind == (SEC_RESERVE | SEC_COMMIT) || ((protection & SEC_NOCACHE) && kind == 0)) return false;
     switch (protection & kPageBits) {
         case PAGE_READONLY:
         case PAGE_READWRITE:
@@ -77,7 +79,7 @@ public:
           read_((access & FILE_MAP_READ) != 0),
           execute_((access & FILE_MAP_EXECUTE) != 0) {}
 
-    constexpr bool any() const noexcept { return write_ || copy_ || read_; }
+    constexpr bool any() const noexcept { return write_ || copy_ || read_ || execute_; }
     constexpr bool copies() const noexcept { return copy_; }
     constexpr bool allowed_by(DWORD protection) const noexcept {
         return (!write_ || may_write(protection)) && (!execute_ || may_execute(protection));

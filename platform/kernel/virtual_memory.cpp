@@ -97,13 +97,14 @@ DWORD release(std::uintptr_t address, std::size_t size) noexcept {
     return ERROR_SUCCESS;
 }
 
-// Which pages VirtualFree means in this region.
-bool pages_to_decommit(const Range& region, std::uintptr_t address, std::size_t size, Range& out) noexcept {
+// Which pages VirtualFree means in this region; an error code.
+DWORD pages_to_decommit(const Range& region, std::uintptr_t address, std::size_t size, Range& out) noexcept {
     if (size == 0) {
         out = region;
-        return address == region.begin;
+        return address == region.begin ? ERROR_SUCCESS : ERROR_INVALID_ADDRESS;
     }
-    return pages_of(address, size, page_size(), out) && out.end <= region.end;
+    const bool within = pages_of(address, size, page_size(), out) && out.end <= region.end;
+    return within ? ERROR_SUCCESS : ERROR_INVALID_PARAMETER;
 }
 
 DWORD decommit(std::uintptr_t address, std::size_t size) noexcept {
@@ -112,7 +113,7 @@ DWORD decommit(std::uintptr_t address, std::size_t size) noexcept {
     Region* const region = regions.find(address);
     if (!region) return ERROR_INVALID_ADDRESS;
     Range pages;
-    if (!pages_to_decommit(region->range(), address, size, pages)) return ERROR_INVALID_PARAMETER;
+    if (const DWORD error = pages_to_decommit(region->range(), address, size, pages)) return error;
     if (!prepare(*region, pages)) return ERROR_NOT_ENOUGH_MEMORY;
     // Fresh pages in the place of the old ones: gives the memory back, and the host's account of it too.
     if (map(pages.begin, pages.size(), PROT_NONE, MAP_FIXED) == MAP_FAILED) return ERROR_NOT_ENOUGH_MEMORY;

@@ -1,6 +1,7 @@
 #include "ole_date.h"
 
 #include <cmath>
+#include <tuple>
 
 #include "platform/time.h"
 
@@ -29,13 +30,16 @@ bool date_to_parts(DATE date, SYSTEMTIME& parts) {
     return VariantTimeToSystemTime(date, &parts) != FALSE;
 }
 
-// The platform's conversion sets days right that a month does not have; here they are no date.
+// The platform's conversion sets right what is no date or time of day; here it stays none.
 bool parts_to_date(const SYSTEMTIME& parts, DATE& date) {
     SYSTEMTIME wanted = parts;
     SYSTEMTIME meant = {};
     DATE found = 0;
     if (!SystemTimeToVariantTime(&wanted, &found) || !VariantTimeToSystemTime(found, &meant)) return false;
-    if (meant.wMonth != parts.wMonth || meant.wDay != parts.wDay) return false;
+    const auto fields = [](const SYSTEMTIME& time) {
+        return std::tie(time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond);
+    };
+    if (fields(meant) != fields(parts)) return false;
     date = found;
     return true;
 }

@@ -94,6 +94,7 @@ using namespace zr::platform::registry;
 LONG RegOpenKeyExW(HKEY key, LPCWSTR path, DWORD, REGSAM, HKEY* opened) {
     cancellation_point();
     if (opened == nullptr) return result(ERROR_INVALID_PARAMETER);
+    *opened = nullptr;
     Ref<Node> node;
     const DWORD error = find(key, path, node);
     return result(error == ERROR_SUCCESS ? open_key(std::move(node), *opened) : error);
@@ -182,6 +183,9 @@ LONG RegQueryInfoKeyW(HKEY key, LPWSTR key_class, DWORD* class_chars, DWORD* res
         give(largest_data, largest(*values, [](const Value& value) { return value.data.size(); }));
         give(security_size, DWORD{0});
         give(written, FILETIME{0, 0});
-        return class_chars == nullptr ? ERROR_SUCCESS : give_class(text, key_class, class_chars);
+        if (class_chars == nullptr) return ERROR_SUCCESS;
+        error = give_class(text, key_class, class_chars);
+        *class_chars = static_cast<DWORD>(text.size());  // without terminator, whether it fitted or not
+        return error;
     }));
 }

@@ -147,7 +147,8 @@ DWORD Transaction::set_value(const Place& key, std::u16string_view name, DWORD t
     if (!folded || size > kLargestData) return ERROR_INVALID_PARAMETER;
     Use statement = connection_.use(
         "INSERT INTO value(key, folded, name, type, data) VALUES(?1, ?2, ?3, ?4, ?5)"
-        " ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = excluded.data");
+        " ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = excluded.data"
+        " WHERE type <> excluded.type OR data <> excluded.data");
     if (!statement) return failed();
     statement->bind(1, key.id);
     statement->bind_units(2, folded.view());
@@ -155,7 +156,8 @@ DWORD Transaction::set_value(const Place& key, std::u16string_view name, DWORD t
     statement->bind(4, type);
     statement->bind_blob(5, data, size);
     if (connection_.run(statement) != 0) return failed();
-    return log(ChangeKind::ValueSet, key, name);
+    // What is set to what it is has not changed.
+    return connection_.changes() == 0 ? ERROR_SUCCESS : log(ChangeKind::ValueSet, key, name);
 }
 
 DWORD Transaction::delete_value(const Place& key, std::u16string_view name) {

@@ -12,21 +12,35 @@ constexpr int kFirstOleYear = 100;
 constexpr int kLastOleYear = 9999;
 constexpr unsigned kLastDayNumber = 31;
 
+// Two digits mean a year from 1930 to 2029.
+constexpr int whole_year(int year) {
+    return year >= 100 ? year : year < 30 ? year + 2000 : year + 1900;
+}
+
+// Hours, minutes and seconds that run over carry on into what is above them, backwards where they are negative.
+constexpr std::int64_t signed_seconds(const SYSTEMTIME& time) {
+    const auto part = [](WORD value) { return std::int64_t{static_cast<std::int16_t>(value)}; };
+    return (part(time.wHour) * 60 + part(time.wMinute)) * 60 + part(time.wSecond);
+}
+
 }  // namespace
 }  // namespace zr::platform
 
 INT SystemTimeToVariantTime(SYSTEMTIME* time, DATE* date) {
     using namespace zr::platform;
     if (time == nullptr || date == nullptr) return FALSE;
-    if (time->wYear < kFirstOleYear || time->wYear > kLastOleYear || time->wMonth < 1 || time->wMonth > 12)
+    if (time->wYear > kLastOleYear || time->wMonth < 1 || time->wMonth > 12 || time->wDay > kLastDayNumber)
         return FALSE;
-    if (time->wDay > kLastDayNumber || !is_time_of_day(*time)) return FALSE;
     // Day 0 and days behind the month's last one are days of the months beside it.
-    const std::chrono::sys_days first = std::chrono::year(time->wYear) / std::chrono::month(time->wMonth) / 1;
-    const std::chrono::sys_days day = first + std::chrono::days(time->wDay - 1);
-    if (static_cast<int>(std::chrono::year_month_day(day).year()) < kFirstOleYear) return FALSE;
+    const std::chrono::year year(whole_year(time->wYear));
+    const std::chrono::sys_days first = year / std::chrono::month(time->wMonth) / 1;
+    const std::chrono::sys_seconds second =
+        first + std::chrono::days(time->wDay - 1) + std::chrono::seconds(signed_seconds(*time));
+    const auto day = std::chrono::floor<std::chrono::days>(second);
+    const auto reached = static_cast<int>(std::chrono::year_month_day(day).year());
+    if (reached < kFirstOleYear || reached > kLastOleYear) return FALSE;
     const auto days = static_cast<double>((day - kOleDay).count());
-    const double part = static_cast<double>(seconds_of_day(*time)) / kSecondsPerDay;
+    const double part = static_cast<double>((second - day).count()) / kSecondsPerDay;
     *date = days < 0 ? days - part : days + part;
     return TRUE;
 }

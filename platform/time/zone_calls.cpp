@@ -13,16 +13,14 @@
 namespace zr::platform {
 namespace {
 
-// Adds the bias now, or takes it off. 0 or an error code.
+// Adds the bias now, or takes it off. 0 or an error code. The sum is taken modulo 2^64, so that the reverse brings back
+// the time, no time (0) west of UTC too.
 DWORD shift(const FILETIME* time, int sign, FILETIME* shifted) {
-    if (time == nullptr || shifted == nullptr || units_of(*time) > kLastUnits) return ERROR_INVALID_PARAMETER;
+    if (time == nullptr || shifted == nullptr) return ERROR_INVALID_PARAMETER;
     const CurrentZone& zone = current_zone();
     if (zone.error != 0) return zone.error;
-    // Both addends are far from the ends of 64 bits without a sign.
     const auto bias = static_cast<std::uint64_t>(sign * zone.now.bias * 60 * kUnitsPerSecond);
-    const std::uint64_t units = units_of(*time) + bias;
-    if (units > kLastUnits) return ERROR_INVALID_PARAMETER;
-    *shifted = file_time_of(units);
+    *shifted = file_time_of(units_of(*time) + bias);
     return 0;
 }
 

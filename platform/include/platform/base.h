@@ -202,8 +202,10 @@ ZRPLATFORM_API WCHAR* _ui64tow(ULONGLONG value, WCHAR* text, int base);
 //                 I is of pointer width, h is a short, hh a char
 //   s             a wide string; hs and S a narrow one (Windows-1252), ls ws lS wS a wide one
 //   c             a wide character; hc and C a narrow one, lc wc a wide one. U+0000 is written as it is.
-//   e E f F g G   a double; the exponent has at least three digits; infinities are 1.#INF and -1.#INF, and what is
-//                 not a number 1.#QNAN or -1.#QNAN. The decimal point is always a full stop.
+//   e E f F g G   a double; the exponent has at least three digits. What lies exactly between two results is rounded
+//                 away from zero. Infinities are 1.#INF and -1.#INF, and what is not a number 1.#QNAN or -1.#QNAN; to
+//                 the precision these are digits: 1.#INF00 with six, 1.#J with two. The decimal point is always a full
+//                 stop.
 //   p             a pointer in upper-case hexadecimal, with all leading zeros
 //   %             a percent sign
 //   n             is refused: its argument is taken, nothing is written to it, and nothing is printed
@@ -270,8 +272,9 @@ inline constexpr DWORD WC_NO_BEST_FIT_CHARS = 0x400;
 // The undefined bytes of 1252 become the characters of their value.
 ZRPLATFORM_API int MultiByteToWideChar(UINT codePage, DWORD flags, const char* text, int length, WCHAR* wide,
                                        int capacity);
-// What 1252 cannot represent becomes *defaultCharacter ('?' if NULL) and sets *defaultUsed; both must be NULL
-// for CP_UTF8.
+// A character that 1252 does not have becomes the one that fits best (a letter without its marks, the plain form of a
+// sign) where there is one and WC_NO_BEST_FIT_CHARS is not given; else *defaultCharacter ('?' if NULL), which sets
+// *defaultUsed. Both must be NULL for CP_UTF8.
 ZRPLATFORM_API int WideCharToMultiByte(UINT codePage, DWORD flags, const WCHAR* wide, int length, char* text,
                                        int capacity, const char* defaultCharacter, BOOL* defaultUsed);
 

@@ -51,12 +51,15 @@ enum VARENUM : VARTYPE {
     VT_I4 = 3,
     VT_R4 = 4,
     VT_R8 = 5,
+    VT_CY = 6,
     VT_DATE = 7,
     VT_BSTR = 8,
     VT_DISPATCH = 9,
     VT_ERROR = 10,
     VT_BOOL = 11,
     VT_UNKNOWN = 13,
+    VT_DECIMAL = 14,
+    VT_I1 = 16,
     VT_UI1 = 17,
     VT_UI2 = 18,
     VT_UI4 = 19,
@@ -252,6 +255,8 @@ ZRPLATFORM_API BSTR SysAllocStringLen(LPCWSTR text, UINT length);
 ZRPLATFORM_API BSTR SysAllocStringByteLen(LPCSTR bytes, UINT size);
 // Replaces *string by a copy of `text` (which may lie inside *string). FALSE, *string unchanged: memory is short.
 ZRPLATFORM_API INT SysReAllocString(BSTR* string, LPCWSTR text);
+// The same with `length` characters. With a null `text`, or one inside *string, those beyond the end of *string are
+// NUL.
 ZRPLATFORM_API INT SysReAllocStringLen(BSTR* string, LPCWSTR text, UINT length);
 ZRPLATFORM_API void SysFreeString(BSTR string);
 ZRPLATFORM_API UINT SysStringLen(BSTR string);      // in characters
@@ -269,7 +274,8 @@ inline constexpr HRESULT CO_E_IIDSTRING = ZRPLATFORM_HRESULT(0x800401F4);
 // Writes "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}" in capitals; returns the characters written including the
 // terminator (39), or 0 when `size` (in characters) is too small.
 ZRPLATFORM_API INT StringFromGUID2(REFGUID guid, LPOLESTR text, INT size);
-// The reverse, in either letter case, braces required. A null text gives GUID_NULL and S_OK. CO_E_CLASSSTRING (or
-// CO_E_IIDSTRING): not a GUID, *clsid is GUID_NULL.
+// The reverse, in either letter case, braces required. A null text gives GUID_NULL and S_OK. CO_E_CLASSSTRING: not a
+// GUID, *clsid is GUID_NULL. Of an interface's text E_INVALIDARG when it is not 38 characters long, else
+// CO_E_IIDSTRING.
 ZRPLATFORM_API HRESULT CLSIDFromString(LPCOLESTR text, CLSID* clsid);
 ZRPLATFORM_API HRESULT IIDFromString(LPCOLESTR text, IID* iid);

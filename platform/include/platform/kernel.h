@@ -66,7 +66,8 @@ ZRPLATFORM_API BOOL CloseHandle(HANDLE object);
 
 // A second handle to the same object; both processes must be this one (GetCurrentProcess()), else ERROR_NOT_SUPPORTED.
 // Turns the pseudo handle of a thread into a real one. Access rights are not kept. With DUPLICATE_CLOSE_SOURCE the
-// source is closed in any case; `target` may then be NULL.
+// source is closed in any case. `target` may be NULL: then the source is only closed, or, where it is not to be, the
+// second handle stays open, unknown to all, until the process ends.
 ZRPLATFORM_API BOOL DuplicateHandle(HANDLE source_process, HANDLE source, HANDLE target_process, HANDLE* target,
                                     DWORD access, BOOL inherit, DWORD options);
 

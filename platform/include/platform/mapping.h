@@ -17,6 +17,7 @@
 
 // With a page protection: how the memory is set aside. Pages are always committed when the mapping is made, so that a
 // full disk shows then and not at a later access; SEC_RESERVE and SEC_NOCACHE are accepted and make no difference.
+// SEC_RESERVE and SEC_COMMIT exclude each other, and SEC_NOCACHE needs one of them.
 inline constexpr DWORD SEC_RESERVE = 0x04000000;
 inline constexpr DWORD SEC_COMMIT = 0x08000000;
 inline constexpr DWORD SEC_NOCACHE = 0x10000000;
@@ -38,7 +39,7 @@ inline constexpr DWORD FILE_MAP_ALL_ACCESS = 0x000F001F;
 // process (platform/files.h). Another process can still cut it short; touching what is gone is a fault then.
 //
 // NULL on failure:
-//   ERROR_INVALID_PARAMETER  another protection or flag; no size without a file
+//   ERROR_INVALID_PARAMETER  another protection, flag or combination of flags; no size without a file
 //   ERROR_INVALID_HANDLE     the name is that of an event or a mutex; `file` is no open file
 //   ERROR_ACCESS_DENIED      the file was not opened for what the protection allows
 //   ERROR_FILE_INVALID       no size, and the file is empty
@@ -54,7 +55,8 @@ ZRPLATFORM_API HANDLE OpenFileMappingW(DWORD access, BOOL inherit, LPCWSTR name)
 // The address of a view of `size` bytes from `offset_high:offset_low` on; size 0 is everything to the end. The offset
 // is a multiple of 64 KiB. The view may reach into the mapping's last page beyond its size, as far as that page goes.
 // FILE_MAP_WRITE (FILE_MAP_ALL_ACCESS has it) lets read and write, FILE_MAP_READ read, FILE_MAP_COPY alone gives pages
-// that are the process's own once they are written. Touching a page otherwise than the view allows is a fault.
+// that are the process's own once they are written; FILE_MAP_EXECUTE lets run and read. Touching a page otherwise than
+// the view allows is a fault.
 //
 // NULL on failure:
 //   ERROR_INVALID_HANDLE    not an open mapping

@@ -57,8 +57,8 @@ ZRPLATFORM_API LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWOR
 //
 // FALSE on failure, and nothing has changed:
 //   ERROR_INVALID_PARAMETER  neither or both of the two types, or others; MEM_RELEASE with a size; MEM_DECOMMIT beyond
-//                            the region's end, or with no size elsewhere than at its base
-//   ERROR_INVALID_ADDRESS    no region is there; MEM_RELEASE elsewhere than at its base
+//                            the region's end
+//   ERROR_INVALID_ADDRESS    no region is there; MEM_RELEASE, or MEM_DECOMMIT with no size, elsewhere than at its base
 //   ERROR_NOT_ENOUGH_MEMORY  the host could not keep account of the pages
 ZRPLATFORM_API BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type);
 

@@ -92,13 +92,13 @@ inline constexpr REGSAM KEY_ALL_ACCESS = 0xF003F;
 
 // ---- keys ----------------------------------------------------------------------------------------------------------
 
-// A new handle to the key at `path` below `key`. `options` and `access` are not looked at. On failure *opened is left
-// alone. Close the handle with RegCloseKey.
+// A new handle to the key at `path` below `key`. `options` and `access` are not looked at. On failure *opened is NULL.
+// Close the handle with RegCloseKey.
 ZRPLATFORM_API LONG RegOpenKeyExW(HKEY key, LPCWSTR path, DWORD options, REGSAM access, HKEY* opened);
 
-// The same, making every key of the path that is not there yet. The last one gets the class when it is made now (NULL:
-// none; up to 255 characters). `options`, `access` and `security` are not looked at: every key is kept. `disposition`
-// may be NULL.
+// The same, making every key of the path that is not there yet; on failure *opened is left alone. The last one gets the
+// class when it is made now (NULL: none; up to 255 characters). `options`, `access` and `security` are not looked at:
+// every key is kept. `disposition` may be NULL.
 ZRPLATFORM_API LONG RegCreateKeyExW(HKEY key, LPCWSTR path, DWORD reserved, LPCWSTR key_class, DWORD options,
                                     REGSAM access, const SECURITY_ATTRIBUTES* security, HKEY* opened,
                                     DWORD* disposition);
@@ -121,7 +121,8 @@ ZRPLATFORM_API LONG RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, DWORD* nam
                                   LPWSTR key_class, DWORD* class_chars, FILETIME* written);
 
 // Counts and sizes; every pointer may be NULL. Lengths are in characters without terminator, of data in bytes; the
-// class as in RegEnumKeyExW. `security_size` and `written` become 0.
+// class as in RegEnumKeyExW, but that its length is told without terminator with ERROR_MORE_DATA too, and that all else
+// is told then. `security_size` and `written` become 0.
 ZRPLATFORM_API LONG RegQueryInfoKeyW(HKEY key, LPWSTR key_class, DWORD* class_chars, DWORD* reserved, DWORD* sub_keys,
                                      DWORD* longest_sub_key, DWORD* longest_class, DWORD* values,
                                      DWORD* longest_value_name, DWORD* largest_data, DWORD* security_size,
@@ -133,7 +134,8 @@ ZRPLATFORM_API LONG RegQueryInfoKeyW(HKEY key, LPWSTR key_class, DWORD* class_ch
 // ERROR_MORE_DATA: then nothing was written to the buffer. Without a buffer the size is reported.
 ZRPLATFORM_API LONG RegQueryValueExW(HKEY key, LPCWSTR name, DWORD* reserved, DWORD* type, BYTE* data, DWORD* size);
 
-// `data` may be NULL when `size` is 0. A value of that name is replaced, its spelling stays.
+// `data` may be NULL when `size` is 0. A value of that name is replaced, its spelling stays. One that has that type and
+// data already is not changed, and nobody is notified.
 ZRPLATFORM_API LONG RegSetValueExW(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size);
 
 ZRPLATFORM_API LONG RegDeleteValueW(HKEY key, LPCWSTR name);

@@ -37,17 +37,19 @@ ZRPLATFORM_API BOOL FileTimeToSystemTime(const FILETIME* file_time, SYSTEMTIME* 
 // -1, 0 or 1: earlier, equal or later, as unsigned numbers. The pointers are good ones.
 ZRPLATFORM_API LONG CompareFileTime(const FILETIME* left, const FILETIME* right);
 
-// These use the bias that is in force now, not the one at the time that is converted. They fail when the argument or
-// the result is not in the range of FileTimeToSystemTime, and with GetTimeZoneInformation's error when there is no
-// zone.
+// These use the bias that is in force now, not the one at the time that is converted. No range is looked at: the sum is
+// taken modulo 2^64, so that the reverse gives back what was converted, 0 ("no time") west of UTC too. They fail with
+// GetTimeZoneInformation's error when there is no zone.
 ZRPLATFORM_API BOOL FileTimeToLocalFileTime(const FILETIME* file_time, FILETIME* local);
 ZRPLATFORM_API BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* file_time);
 
 // --- OLE dates ------------------------------------------------------------------------------------------------------
 
-// For the years 100 to 9999. Milliseconds and the day of the week are not looked at. Days are set right within 0 to 31:
-// 0 is the last day of the month before, and 30 February becomes 1 or 2 March. Anything else that is no date or no time
-// of day fails. These set no last error, as they are COM's.
+// For the years 100 to 9999; 0 to 29 are 2000 to 2029, and 30 to 99 are 1930 to 1999. Milliseconds and the day of the
+// week are not looked at. Days are set right within 0 to 31: 0 is the last day of the month before, and 30 February
+// becomes 1 or 2 March. Hours, minutes and seconds that run over carry on, as signed numbers: hour 25 is 01:00 of the
+// next day. A month that is none, and what ends outside of the years, fails. These set no last error, as they are
+// COM's.
 ZRPLATFORM_API INT SystemTimeToVariantTime(SYSTEMTIME* time, DATE* date);
 // To the nearest second, halves up; milliseconds are 0. Fails outside of the years 100 to 9999 and for what is no
 // number.

@@ -77,6 +77,32 @@ TEST(CodePage, EveryByteOf1252ComesBack) {
     }
 }
 
+TEST(CodePage, WhatIsNotIn1252BecomesWhatFitsBest) {
+    const auto narrow = [](const std::u16string& wide, DWORD flags, BOOL& used) {
+        char text[64] = {};
+        const int length =
+            WideCharToMultiByte(1252, flags, wide.c_str(), static_cast<int>(wide.size()), text, 64, "#", &used);
+        return std::string(text, static_cast<std::size_t>(length));
+    };
+    const std::u16string wide = u"\x100\x142\x111\x159 \xFF21\xFF5E \x2212\x2215\x3000\x2080 \x3A9\x3C0 \x130\x131";
+    BOOL used = TRUE;
+    EXPECT_EQ(narrow(wide, 0, used), "Aldr A~ -/ 0 Op Ii");
+    EXPECT_FALSE(used);
+    EXPECT_EQ(narrow(wide, WC_NO_BEST_FIT_CHARS, used), "#### ## #### ## ##");
+    EXPECT_TRUE(used);
+    EXPECT_EQ(narrow(u"\x152\x178\x17E\x20AC\x192", WC_NO_BEST_FIT_CHARS, used), "\x8C\x9F\x9E\x80\x83");
+    EXPECT_FALSE(used);
+    EXPECT_EQ(narrow(u"\x416\x4E2D\x133\x17F\xD83D\xDE00", 0, used), "######");  // nothing fits these
+    EXPECT_TRUE(used);
+    // What 1252 has is never replaced, and all of the rest is the same byte, or none, whatever stands around it.
+    for (unsigned code = 0; code < 0x10000; ++code) {
+        const std::u16string one(1, static_cast<WCHAR>(code));
+        const std::string exact = narrow(one, WC_NO_BEST_FIT_CHARS, used);
+        const bool has = !used;
+        EXPECT_TRUE(!has || narrow(one, 0, used) == exact) << std::hex << code;
+    }
+}
+
 TEST(CodePage, WhatIsNotIn1252IsReplaced) {
     char text[4] = {};
     BOOL used = FALSE;

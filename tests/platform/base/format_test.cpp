@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cfenv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -116,7 +118,13 @@ TEST(Format, Characters) {
 }
 
 TEST(Format, Floats) {
-    EXPECT_EQ(format(u"%f %.2f %.0f %#.0f", 1.5, 2.675, 2.5, 3.0), u"1.500000 2.67 2 3.");
+    EXPECT_EQ(format(u"%f %.2f %.0f %#.0f", 1.5, 2.675, 2.5, 3.0), u"1.500000 2.67 3 3.");
+    EXPECT_EQ(format(u"%.0f %.0f %.0f %.2f %.1f", 0.5, 1.5, -2.5, 0.125, 0.25), u"1 2 -3 0.13 0.3");
+    EXPECT_EQ(format(u"%.0f %.0f %.1f %.2f", 9.5, 99.5, 9.95, 999.125), u"10 100 9.9 999.13");
+    EXPECT_EQ(format(u"%.0e %.0e %.1e %.0e", 2.5, 9.5, 1.25, 25e300), u"3e+000 1e+001 1.3e+000 3e+301");
+    EXPECT_EQ(format(u"%.1g %.2g %.1g %.3g %g", 0.5, 0.125, 9.5, 1234.5, 1234565.0),
+              u"0.5 0.13 1e+001 1.23e+003 1.23457e+006");
+    EXPECT_EQ(format(u"%.0f %.0f", 2251799813685248.5, 2251799813685249.5), u"2251799813685249 2251799813685250");
     EXPECT_EQ(format(u"%e %E %.0e", 12345.678, 0.00012, 5.0), u"1.234568e+004 1.200000E-004 5e+000");
     EXPECT_EQ(format(u"%e %e", 1e100, 1e-300), u"1.000000e+100 1.000000e-300");
     EXPECT_EQ(format(u"%g %g %g %G", 100000.0, 1000000.0, 0.0001, 0.00001), u"100000 1e+006 0.0001 1E-005");
@@ -130,9 +138,14 @@ TEST(Format, Floats) {
 TEST(Format, InfinitiesAndNoNumbers) {
     const double infinity = std::numeric_limits<double>::infinity();
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_EQ(format(u"%f %e %G", infinity, -infinity, nan), u"1.#INF -1.#INF 1.#QNAN");
-    EXPECT_EQ(format(u"[%10f] [%-10f] [%+f]", infinity, infinity, infinity), u"[    1.#INF] [1.#INF    ] [+1.#INF]");
-    EXPECT_EQ(format(u"%f", std::copysign(nan, -1.0)), u"-1.#QNAN");
+    EXPECT_EQ(format(u"%f %e %G", infinity, -infinity, nan), u"1.#INF00 -1.#INF00e+000 1.#QNAN");
+    EXPECT_EQ(format(u"[%10f] [%-10f] [%+f]", infinity, infinity, infinity), u"[  1.#INF00] [1.#INF00  ] [+1.#INF00]");
+    EXPECT_EQ(format(u"%g", std::copysign(nan, -1.0)), u"-1.#QNAN");
+    EXPECT_EQ(format(u"%.0f %#.0f %.1f %.2f %.3f %.4f %.5f", infinity, infinity, infinity, infinity, infinity, infinity,
+                     infinity),
+              u"1 1. 1.$ 1.#J 1.#IO 1.#INF 1.#INF0");
+    EXPECT_EQ(format(u"%.2e %.1g %.3g %g %.9g %.2f %f", infinity, infinity, infinity, infinity, infinity, nan, nan),
+              u"1.#Je+000 1 1.#J 1.#INF 1.#INF 1.#R 1.#QNAN0");
 }
 
 TEST(Format, FloatsOfAnyPrecisionAreExact) {
@@ -242,21 +255,61 @@ TEST(Format, IntegersAgreeWithTheCLibrary) {
     }
 }
 
+// The C library's text with the exponent made three digits wide.
+std::u16string wide_exponent(std::u16string text) {
+    const std::size_t at = text.find_first_of(u"eE");
+    if (at != std::u16string::npos && text.size() - at == 4) text.insert(at + 2, 1, u'0');
+    return text;
+}
+
+// Whether a value lies exactly between two texts of a conversion: all its digits are looked at.
+bool is_half(const std::string& whole, double value) {
+    const char type = static_cast<char>(std::tolower(whole.back()));
+    const std::size_t dot = whole.find('.');
+    std::size_t places = dot == whole.npos ? 6 : std::stoul(whole.substr(dot + 1));
+    if (type == 'g') places = std::max<std::size_t>(places, 1) - 1;
+    char digits[2000];
+    snprintf(digits, sizeof digits, type == 'f' ? "%.1100f" : "%.1100e", std::fabs(value));
+    const std::string_view text(digits);
+    const std::string_view behind = text.substr(text.find('.') + 1 + places);
+    return behind[0] == '5' && behind.substr(1, behind.find('e') - 1).find_first_not_of('0') == behind.npos;
+}
+
+// The C library's text, with such values rounded away from zero.
+std::u16string reference_away(const std::string& whole, double value) {
+    if (is_half(whole, value)) std::fesetround(value < 0 ? FE_DOWNWARD : FE_UPWARD);
+    const std::u16string text = reference(whole, value);
+    std::fesetround(FE_TONEAREST);
+    return text;
+}
+
+// Few binary places, so that many are halves.
+double random_half(std::mt19937_64& random) {
+    const auto digits = static_cast<double>(random() >> (11 + random() % 50));
+    return std::ldexp(random() % 2 == 0 ? digits : -digits, -static_cast<int>(random() % 30));
+}
+
+TEST(Format, FloatsInTheMiddleAreRoundedAwayFromZero) {
+    std::mt19937_64 random(9);
+    int halves = 0;
+    for (int i = 0; i < 30000; ++i) {
+        const double value = random_half(random);
+        const std::string whole =
+            "%" + std::string(random() % 4 == 0 ? "#" : "") + "." + std::to_string(random() % 12) + "feg"[random() % 3];
+        halves += is_half(whole, value) ? 1 : 0;
+        EXPECT_EQ(format(widen(whole).c_str(), value), wide_exponent(reference_away(whole, value))) << whole;
+    }
+    EXPECT_GT(halves, 500);
+}
+
 TEST(Format, FixedFloatsAgreeWithTheCLibrary) {
     std::mt19937_64 random(6);
     for (int i = 0; i < 30000; ++i) {
         const double value =
             std::ldexp(static_cast<double>(static_cast<LONGLONG>(random())), static_cast<int>(random() % 120) - 100);
         const std::string whole = "%" + random_flags(random, "-+ 0#") + "f";
-        EXPECT_EQ(format(widen(whole).c_str(), value), reference(whole, value)) << whole;
+        EXPECT_EQ(format(widen(whole).c_str(), value), reference_away(whole, value)) << whole;
     }
-}
-
-// The C library's text with the exponent made three digits wide.
-std::u16string wide_exponent(std::u16string text) {
-    const std::size_t at = text.find_first_of(u"eE");
-    if (at != std::u16string::npos && text.size() - at == 4) text.insert(at + 2, 1, u'0');
-    return text;
 }
 
 TEST(Format, FloatsWithExponentsAgreeWithTheCLibrary) {
@@ -269,7 +322,7 @@ TEST(Format, FloatsWithExponentsAgreeWithTheCLibrary) {
         if (random() % 4 == 0) whole += "+";
         if (random() % 2 == 0) whole += "." + std::to_string(random() % 25);
         whole += "eEgG"[random() % 4];
-        EXPECT_EQ(format(widen(whole).c_str(), value), wide_exponent(reference(whole, value))) << whole;
+        EXPECT_EQ(format(widen(whole).c_str(), value), wide_exponent(reference_away(whole, value))) << whole;
     }
 }
 

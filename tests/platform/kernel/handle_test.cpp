@@ -104,6 +104,22 @@ TEST(Handles, AreCounted) {
     EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), before);
 }
 
+TEST(Handles, ADuplicateThatNobodyIsToldOfStaysOpen) {
+    const LONGLONG before = ZrLiveObjects(ZrLiveKind::Handles);
+    const HANDLE event = CreateEventW(nullptr, FALSE, FALSE, u"duplicate without a target");
+    EXPECT_TRUE(
+        DuplicateHandle(GetCurrentProcess(), event, GetCurrentProcess(), nullptr, 0, FALSE, DUPLICATE_SAME_ACCESS));
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), before + 2);
+    EXPECT_TRUE(
+        DuplicateHandle(GetCurrentProcess(), event, GetCurrentProcess(), nullptr, 0, FALSE, DUPLICATE_CLOSE_SOURCE));
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), before + 1);
+    const HANDLE still = OpenEventW(EVENT_ALL_ACCESS, FALSE, u"duplicate without a target");
+    EXPECT_NE(still, nullptr);
+    EXPECT_TRUE(CloseHandle(still));
+    EXPECT_FALSE(DuplicateHandle(GetCurrentProcess(), event, GetCurrentProcess(), nullptr, 0, FALSE, 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
 TEST(Handles, ADuplicateNamesTheSameObject) {
     Handle event = auto_event();
     HANDLE copy = nullptr;

@@ -172,6 +172,9 @@ TEST(Mapping, WrongArguments) {
         EXPECT_EQ(create_error(memory, protection, 0, 10, u"wrong"), ERROR_INVALID_PARAMETER) << protection;
     }
     EXPECT_EQ(create_error(memory, PAGE_READWRITE | SEC_COMMIT, 0, 10, u"right"), ERROR_SUCCESS);
+    EXPECT_EQ(create_error(memory, PAGE_READWRITE | SEC_RESERVE | SEC_NOCACHE, 0, 10, nullptr), ERROR_SUCCESS);
+    EXPECT_EQ(create_error(memory, PAGE_READWRITE | SEC_COMMIT | SEC_RESERVE, 0, 10, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(create_error(memory, PAGE_READWRITE | SEC_NOCACHE, 0, 10, nullptr), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(create_error(nullptr, PAGE_READWRITE, 0, 10, nullptr), ERROR_INVALID_HANDLE);
     const Handle event = auto_event();
     EXPECT_EQ(create_error(event, PAGE_READWRITE, 0, 10, nullptr), ERROR_INVALID_HANDLE);

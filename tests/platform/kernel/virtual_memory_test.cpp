@@ -224,7 +224,7 @@ TEST(VirtualMemory, DecommittedPagesLoseTheirContents) {
 
 TEST(VirtualMemory, DecommitOfAWholeRegion) {
     const Region region(0x10000, MEM_RESERVE | MEM_COMMIT);
-    expect_failure(VirtualFree(region.at(kPage), 0, MEM_DECOMMIT), ERROR_INVALID_PARAMETER);
+    expect_failure(VirtualFree(region.at(kPage), 0, MEM_DECOMMIT), ERROR_INVALID_ADDRESS);
     EXPECT_EQ(host_access(region.at(0)), "rw-p");
     EXPECT_TRUE(VirtualFree(region.base(), 0, MEM_DECOMMIT));
     EXPECT_EQ(host_access(region.at(0)), "---p");

@@ -71,6 +71,23 @@ TEST(RegistryChanges, AValueThatIsSetSignals) {
     EXPECT_TRUE(watch.wait());
 }
 
+TEST(RegistryChanges, AValueThatIsSetToWhatItIsDoesNot) {
+    Told told;
+    const Key key = create(HKEY_CURRENT_USER, u"a\\b");
+    ASSERT_EQ(set(key, u"v", REG_SZ, "same"), kOk);
+    const Watch watch(key, false, kValues);
+    ASSERT_EQ(set(key, u"v", REG_SZ, "same"), kOk);
+    ASSERT_EQ(set(key, u"V", REG_SZ, "same"), kOk);
+    told.wait();
+    EXPECT_FALSE(watch.signalled());
+    EXPECT_EQ(get(key, u"v").bytes, "same");
+    ASSERT_EQ(set(key, u"v", REG_BINARY, "same"), kOk);  // another type is a change
+    EXPECT_TRUE(watch.wait());
+    ASSERT_TRUE(watch.next());
+    ASSERT_EQ(set(key, u"v", REG_BINARY, ""), kOk);
+    EXPECT_TRUE(watch.wait());
+}
+
 TEST(RegistryChanges, WhatHappenedBeforeTheWatchDoesNotCount) {
     const Key key = create(HKEY_CURRENT_USER, u"a");
     const Watch first(HKEY_CURRENT_USER, true, kValues | kNames);

@@ -27,6 +27,33 @@ TEST(Keys, AreMadeAndOpened) {
     EXPECT_FALSE(exists(HKEY_LOCAL_MACHINE, u"Software")) << "each root is a tree of its own";
 }
 
+TEST(Keys, AFailedOpeningGivesNoKey) {
+    HKEY opened = reinterpret_cast<HKEY>(1);
+    EXPECT_EQ(RegOpenKeyExW(HKEY_USERS, u"not there", 0, 0, &opened), code(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(opened, nullptr);
+    opened = reinterpret_cast<HKEY>(1);
+    EXPECT_EQ(RegOpenKeyExW(nullptr, u"a", 0, 0, &opened), code(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(opened, nullptr);
+}
+
+TEST(Keys, AClassThatDoesNotFitTellsItsLengthAndAllElse) {
+    HKEY made = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_USERS, u"classy", 0, u"a class", 0, 0, nullptr, &made, nullptr), kOk);
+    ASSERT_EQ(set_dword(made, u"v", 1), kOk);
+    for (DWORD room = 0; room <= 9; ++room) {
+        WCHAR text[10] = u"#########";
+        DWORD chars = room;
+        DWORD values = 0;
+        const LONG result = RegQueryInfoKeyW(made, text, &chars, nullptr, nullptr, nullptr, nullptr, &values, nullptr,
+                                             nullptr, nullptr, nullptr);
+        EXPECT_EQ(result, room < 8 ? code(ERROR_MORE_DATA) : kOk) << room;
+        EXPECT_EQ(chars, 7u);
+        EXPECT_EQ(values, 1u);
+        EXPECT_EQ(std::u16string(text), room < 8 ? u"#########" : u"a class");
+    }
+    RegCloseKey(made);
+}
+
 TEST(Keys, AreFoundIgnoringCaseAndKeepTheirSpelling) {
     create(HKEY_LOCAL_MACHINE, u"Größe\\ΣΑΣ");
     DWORD disposition = 0;
@@ -109,7 +136,7 @@ TEST(Keys, RefuseHandlesThatAreNotOpen) {
         EXPECT_EQ(set_dword(bad, u"v", 1), code(ERROR_INVALID_HANDLE));
         EXPECT_EQ(RegDeleteValueW(bad, u"v"), code(ERROR_INVALID_HANDLE));
     }
-    EXPECT_EQ(made, reinterpret_cast<HKEY>(1)) << "left alone";
+    EXPECT_EQ(made, nullptr);
     EXPECT_EQ(GetLastError(), 77u) << "results are returned, not kept";
     CloseHandle(event);
 }
@@ -218,7 +245,7 @@ TEST(Keys, KeepTheClassTheyWereMadeWith) {
     EXPECT_EQ(std::u16string(text, chars), u"a class");
     chars = 7;
     EXPECT_EQ(info(inner, text), code(ERROR_MORE_DATA));
-    EXPECT_EQ(chars, 8u);
+    EXPECT_EQ(chars, 7u);
     EXPECT_EQ(info(inner, nullptr), kOk);
     EXPECT_EQ(chars, 7u);
     const Key outer = create(HKEY_USERS, u"outer");

@@ -182,20 +182,28 @@ TEST(LocalFileTime, UsesTheBiasOfNowWhateverIsConverted) {
     EXPECT_EQ(zr::test::unix_second(local), kSummer + 7200);
 }
 
-TEST(LocalFileTime, LeavesItsRangeOnNeitherSide) {
-    set_zone("XXX-2");
+TEST(LocalFileTime, WhateverIsConvertedComesBack) {
+    for (const char* const zone : {"XXX-2", "XXX5", "UTC"}) {
+        set_zone(zone);
+        for (const FILETIME time : {FILETIME{0, 0}, FILETIME{1, 0}, FILETIME{0xFFFFFFFF, 0x7FFFFFFF},
+                                    FILETIME{0, 0x80000000}, FILETIME{0xFFFFFFFF, 0xFFFFFFFF}}) {
+            FILETIME local{};
+            FILETIME back{};
+            ASSERT_TRUE(FileTimeToLocalFileTime(&time, &local));
+            ASSERT_TRUE(LocalFileTimeToFileTime(&local, &back));
+            EXPECT_EQ(CompareFileTime(&back, &time), 0);
+            ASSERT_TRUE(LocalFileTimeToFileTime(&time, &back));
+        }
+    }
+    set_zone("XXX5");
     const FILETIME first{0, 0};
-    const FILETIME last{0xFFFFFFFF, 0x7FFFFFFF};
-    const FILETIME beyond{0, 0x80000000};
     FILETIME out{1, 2};
-    EXPECT_TRUE(FileTimeToLocalFileTime(&first, &out));
+    ASSERT_TRUE(FileTimeToLocalFileTime(&first, &out));
+    EXPECT_EQ((ULONGLONG{out.dwHighDateTime} << 32 | out.dwLowDateTime), ULONGLONG{0} - 5 * 36'000'000'000u);
     out = {1, 2};
     SetLastError(0);
-    EXPECT_FALSE(LocalFileTimeToFileTime(&first, &out));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_FALSE(FileTimeToLocalFileTime(&last, &out));
-    EXPECT_FALSE(FileTimeToLocalFileTime(&beyond, &out));
     EXPECT_FALSE(FileTimeToLocalFileTime(nullptr, &out));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
     EXPECT_FALSE(FileTimeToLocalFileTime(&first, nullptr));
     EXPECT_EQ(out.dwLowDateTime, 1u);
     EXPECT_EQ(out.dwHighDateTime, 2u);
