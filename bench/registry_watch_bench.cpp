@@ -110,8 +110,8 @@ void monitor(benchmark::State& state) {
                               {nullptr, 0, on_change}, true, 0);
         // The thread listens when it reports a change of our own.
         const HKEY key = watched_key();
-        while (the_board->came == 0) {
-            RegSetValueExW(key, u"v", 0, REG_BINARY, nullptr, 0);
+        for (DWORD turn = 0; the_board->came == 0; ++turn) {
+            RegSetValueExW(key, u"v", 0, REG_BINARY, reinterpret_cast<const BYTE*>(&turn), sizeof turn);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));

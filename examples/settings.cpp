@@ -36,7 +36,9 @@ void show(const char* when) {
                 RegistryAccessor::RegistryGetDWORD(kRoot, path, port_name, 0));
 }
 
+// To another one first: a value that is set to what it is has not changed, and this may be done more than once.
 int change_the_port() {
+    RegistryAccessor::RegistrySetDWORD(kRoot, path, port_name, 995);
     RegistryAccessor::RegistrySetDWORD(kRoot, path, port_name, 993);
     return 0;
 }

@@ -183,8 +183,9 @@ TEST_F(Monitor, WithExpectedTextOnlyAnotherTextCounts) {
         set(kWatchedName, u"expected");
     }
     reports.wanted = true;
+    DWORD turn = 0;
     do {
-        set(kWatchedName, u"different");
+        set(kWatchedName, ++turn % 2 ? u"different" : u"another");  // the same again would be no change
     } while (WaitForSingleObject(reports.came, 20) != WAIT_OBJECT_0);
     EXPECT_GE(reports.count, 1);
     // From the first report on everything counts, also the value that was expected.
@@ -210,8 +211,9 @@ TEST_F(Monitor, WithAnExpectedNumberOnlyAnotherNumberCounts) {
             set(u"other", i);
         }
         reports.wanted = true;
+        DWORD turn = 0;
         do {
-            set(kWatchedName, number ^ 0x10001);
+            set(kWatchedName, number ^ (++turn % 2 ? 0x10001 : 0x20002));
         } while (WaitForSingleObject(reports.came, 20) != WAIT_OBJECT_0);
         EXPECT_EQ(monitor.StopMonitor(), 1);
         EXPECT_EQ(reports.count, 1);
@@ -353,8 +355,9 @@ TEST_F(Monitor, AReportThatNobodyTakesIsTerminatedAfterASecond) {
                                    {window, kMessage, nullptr}, false, 0),
               1);
     // This thread takes no message: the monitor's one is stuck in SendMessageW as soon as it was told.
+    DWORD changes = 0;
     while (!(HIWORD(GetQueueStatus(QS_SENDMESSAGE)) & QS_SENDMESSAGE)) {
-        set(u"v", 1);
+        set(u"v", ++changes);
     }
     const DWORD before = GetTickCount();
     EXPECT_EQ(monitor.StopMonitor(), 1);
@@ -381,8 +384,8 @@ ZR_CHILD(registry_monitor_of_ten) {
     if (!monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, nullptr, nullptr, FALSE, kValues, {nullptr, 0, on_count},
                               true, 0))
         return 1;
-    while (reports.count == 0) {  // until it listens
-        RegistryAccessor::RegistrySetDWORD(HKEY_CURRENT_USER, kWatchedPath, u"Hello", 1);
+    for (ULONG turn = 0; reports.count == 0; ++turn) {  // until it listens
+        RegistryAccessor::RegistrySetDWORD(HKEY_CURRENT_USER, kWatchedPath, u"Hello", turn);
     }
     zr::test::say("ready");
     return WaitForSingleObject(at_the_end, kLong) == WAIT_OBJECT_0 && monitor.StopMonitor() == 1 ? 0 : 2;
