@@ -191,7 +191,7 @@ private:
 using Flag = std::shared_ptr<bool>;
 
 Flag json_flag(Command command) {
-    const auto json = std::make_shared<bool>(false);
+    auto json = std::make_shared<bool>(false);
     command.add_flag("--json", *json, "Print JSON");
     return json;
 }

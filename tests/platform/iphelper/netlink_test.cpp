@@ -79,7 +79,7 @@ struct Told final : NetlinkReader {
 std::string told(const std::vector<unsigned char>& bytes) {
     Told reader;
     // In a block of exactly its size, so that a sanitizer sees a step outside.
-    const std::vector<unsigned char> exact(bytes);
+    const std::vector<unsigned char> exact(bytes.begin(), bytes.end());
     read_netlink(exact, reader);
     return reader.text;
 }

@@ -79,7 +79,7 @@ protected:
         RegDeleteKeyW(HKEY_CURRENT_USER, u"Prov");
     }
 
-    static std::u16string text_of(HKEY root, std::u16string key, LPCWSTR name) {
+    static std::u16string text_of(HKEY root, const std::u16string& key, LPCWSTR name) {
         WCHAR text[2048];
         return RegistryGetString(root, key.c_str(), name, text, 2048) == S_OK ? text : u"(none)";
     }
