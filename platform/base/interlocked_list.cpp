@@ -6,6 +6,7 @@
 
 #include "interlocked_list.h"
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <utility>
@@ -17,27 +18,41 @@ namespace {
 
 constexpr std::size_t kLocks = 32;
 
-struct alignas(64) ListLock {
-    std::mutex mutex;
+// Held for a few instructions. No std::mutex: a fork takes all of them, and a thread that has so many is more than the
+// thread sanitizer keeps account of.
+class alignas(64) ListLock {
+public:
+    void lock() noexcept {
+        while (held_.test_and_set(std::memory_order_acquire)) {
+            held_.wait(true, std::memory_order_relaxed);
+        }
+    }
+    void unlock() noexcept {
+        held_.clear(std::memory_order_release);
+        held_.notify_one();
+    }
+
+private:
+    std::atomic_flag held_;
 };
 ListLock locks[kLocks];
 
-std::mutex& lock_of(const SLIST_HEADER* list) noexcept {
+ListLock& lock_of(const SLIST_HEADER* list) noexcept {
     const auto address = reinterpret_cast<std::uintptr_t>(list);
-    return locks[(address >> 4 ^ address >> 10) % kLocks].mutex;
+    return locks[(address >> 4 ^ address >> 10) % kLocks];
 }
 
 }  // namespace
 
 void lock_interlocked_lists() noexcept {
     for (ListLock& lock : locks) {
-        lock.mutex.lock();
+        lock.lock();
     }
 }
 
 void unlock_interlocked_lists() noexcept {
     for (ListLock& lock : locks) {
-        lock.mutex.unlock();
+        lock.unlock();
     }
 }
 
