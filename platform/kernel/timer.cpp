@@ -116,7 +116,7 @@ void TimerQueue::serve(void* context) noexcept {
 
 Ref<Timer> Timer::make(bool manual_reset) noexcept {
     try {
-        const Ref<Timer> timer = Ref<Timer>::adopt(new Timer(manual_reset));
+        Ref<Timer> timer = Ref<Timer>::adopt(new Timer(manual_reset));
         Set set;
         timer->node_ = set.extract(set.emplace(0, timer.get()));
         return timer;

@@ -111,6 +111,7 @@ public:
     // An error number.
     int run(const std::string& program, const std::vector<std::string>& arguments, pid_t& child) {
         std::vector<char*> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (const std::string& argument : arguments) {
             pointers.push_back(const_cast<char*>(argument.c_str()));
         }
@@ -132,6 +133,7 @@ DWORD start(LPCWSTR image, LPCWSTR command_line, PROCESS_INFORMATION& informatio
     const std::string program = host_program(words[0].c_str(), error);
     if (error != ERROR_SUCCESS) return error;
     std::vector<std::string> arguments;
+    arguments.reserve(words.size());
     for (const std::u16string& word : words) {
         arguments.push_back(wide_to_host(word));
     }

@@ -65,7 +65,7 @@ private:
     struct Window final : RoomWaiter {
         Window(Notifier& owner, const void* by, HWND told, LONGLONG place)
             : notifier(owner), key(by), window(told), seq(place) {}
-        ~Window() { forget_room(*this); }
+        ~Window() override { forget_room(*this); }
         void room() noexcept override { call_store_watcher(notifier); }
 
         Notifier& notifier;

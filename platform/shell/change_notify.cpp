@@ -85,7 +85,7 @@ public:
         : window_(window), mask_(mask), folder_(std::move(folder)) {
         if (!folder_.empty() && folder_.back() == u'\\') folder_.pop_back();
     }
-    ~Registration() {
+    ~Registration() override {
         unwatch_host(*this);
         forget_room(*this);
         end();
