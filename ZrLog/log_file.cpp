@@ -132,7 +132,7 @@ void LogFile::write(const ZrLogRecord& record, bool is_buffer) {
     if (is_buffer) {
         head.number = record.data ? record.size : 0;
         pieces.body = record.data;
-        pieces.body_size = std::min<std::uint64_t>(head.number, kBufferLimit);
+        pieces.body_size = static_cast<std::size_t>(std::min<std::uint64_t>(head.number, kBufferLimit));
     } else {
         std::copy_n(record.arguments, 4, arguments);
         pieces.body = arguments;

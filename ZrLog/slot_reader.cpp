@@ -79,13 +79,13 @@ bool SlotReader::read_header() {
 bool SlotReader::fetch(Slot& slot, std::uint64_t at) {
     if (at < kFirstSlot || at >= tail) return false;
     if (at < window_first || at >= window_first + window_count) {
-        const std::uint64_t count = std::min<std::uint64_t>(kWindow, tail - at);
+        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(kWindow, tail - at));
         window_count = 0;
         if (!read_bytes(fd, window.data(), count * kSlotSize, at * kSlotSize)) return false;
         window_first = at;
         window_count = count;
     }
-    slot = window[at - window_first];
+    slot = window[static_cast<std::size_t>(at - window_first)];
     return true;
 }
 

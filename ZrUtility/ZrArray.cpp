@@ -38,7 +38,8 @@ ZrArray::ZrArray(int elementSize, int capacity)
       m_bOwned(true),
       m_nGrowBy(0) {
     const long long bytes = static_cast<long long>(m_nElementSize) * std::max(capacity, 0);
-    if (bytes > 0 && bytes <= kLargest) m_pData = static_cast<unsigned char*>(std::calloc(1, bytes));
+    if (bytes > 0 && bytes <= kLargest)
+        m_pData = static_cast<unsigned char*>(std::calloc(1, static_cast<std::size_t>(bytes)));
     if (m_pData != nullptr) m_nTotalSize = static_cast<int>(bytes);
     init();
 }

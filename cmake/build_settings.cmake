@@ -81,4 +81,6 @@ if(ZR_FUZZ)
   target_compile_options(zr_settings INTERFACE -fsanitize=fuzzer-no-link)
   target_link_options(zr_settings INTERFACE -fsanitize=fuzzer-no-link)
 endif()
+# Files of any size and times behind 2038 on every target.
+target_compile_definitions(zr_settings INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_link_libraries(zr_settings INTERFACE Threads::Threads)

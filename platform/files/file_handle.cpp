@@ -223,7 +223,7 @@ timespec time_to_set(const FILETIME* time) {
     std::int64_t seconds = 0;
     std::int64_t nanoseconds = 0;
     from_filetime(*time, seconds, nanoseconds);
-    return {seconds, nanoseconds};
+    return {static_cast<time_t>(seconds), static_cast<long>(nanoseconds)};
 }
 
 }  // namespace

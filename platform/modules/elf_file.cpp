@@ -91,7 +91,7 @@ DWORD find_version(const FileBytes& file, VS_FIXEDFILEINFO& info) {
     const auto look = [&](const auto& segment) -> DWORD {
         if (found || segment.p_type != PT_NOTE || segment.p_filesz > kLargestSegment) return ERROR_SUCCESS;
         if (!within(segment.p_offset, segment.p_filesz, file.size())) return ERROR_BAD_EXE_FORMAT;
-        std::vector<std::byte> notes(segment.p_filesz);
+        std::vector<std::byte> notes(static_cast<std::size_t>(segment.p_filesz));
         if (!file.read(segment.p_offset, notes)) return ERROR_BAD_EXE_FORMAT;
         found = find_in(notes, segment.p_align == 8 ? 8 : 4, info);
         return ERROR_SUCCESS;

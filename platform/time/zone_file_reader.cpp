@@ -37,8 +37,8 @@ std::uint64_t ZoneFileReader::Header::size_of_data(unsigned time_size) const {
 
 bool ZoneFileReader::take(std::uint64_t size, std::string_view& part) {
     if (size > rest_.size()) return false;
-    part = rest_.substr(0, size);
-    rest_.remove_prefix(size);
+    part = rest_.substr(0, static_cast<std::size_t>(size));
+    rest_.remove_prefix(part.size());
     return true;
 }
 
