@@ -26,7 +26,7 @@ public:
             if (notifications[i].ulEventType == fnevCriticalError) lost_ = true;
             if (notifications[i].ulEventType != fnevNewMail) continue;
             const NEWMAIL_NOTIFICATION& mail = notifications[i].info.newmail;
-            entries_.push_back(bytes_of({mail.cbEntryID, reinterpret_cast<BYTE*>(mail.lpEntryID)}));
+            entries_.push_back(zr::bytes_of(SBinary{mail.cbEntryID, reinterpret_cast<BYTE*>(mail.lpEntryID)}));
         }
         return 0;
     }
@@ -74,7 +74,7 @@ void print_new(MailSession& mail, NewMail& sink, SenderNames& names, bool json) 
     flush_output();
 }
 
-Exit watch(bool json) {
+Exit watch_mail(bool json) {
     EventLoop loop;
     MailSession mail;
     SenderNames names;
@@ -101,7 +101,7 @@ void add_mail_watch(Command mail) {
         "\n"
         "Example:\n"
         "  zr mail watch --json | jq -r .subject");
-    command.runs([json] { return watch(*json); });
+    command.runs([json] { return watch_mail(*json); });
 }
 
 }  // namespace zr

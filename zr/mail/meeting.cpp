@@ -7,7 +7,7 @@
 namespace zr {
 namespace {
 
-std::string unfolded(std::string_view calendar) {
+std::string joined_lines(std::string_view calendar) {
     std::string text;
     for (std::size_t i = 0; i < calendar.size(); ++i) {
         if (calendar[i] == '\r' || calendar[i] == '\0') continue;
@@ -33,7 +33,7 @@ std::string value_behind(std::string_view text, std::string_view name) {
 }  // namespace
 
 std::string meeting_class(std::string_view method, std::string_view calendar) {
-    const std::string text = "\n" + unfolded(calendar);
+    const std::string text = "\n" + joined_lines(calendar);
     std::string kind = upper(method);
     if (kind.empty()) kind = value_behind(text, "\nMETHOD:");
     if (kind == "REQUEST") return "IPM.Schedule.Meeting.Request";

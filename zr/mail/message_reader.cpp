@@ -7,7 +7,7 @@
 namespace zr {
 namespace {
 
-constexpr std::size_t kLongestHeader = std::size_t{4} << 20;
+constexpr std::size_t kLongestBlock = std::size_t{4} << 20;
 
 // The position behind the blank line that ends the header, or npos.
 std::size_t header_end(std::string_view text, std::size_t from) {
@@ -38,7 +38,7 @@ bool read_header_block(const ReadFunction& read, std::string& header) {
             header.resize(end);
             break;
         }
-        if (header.size() > kLongestHeader) break;
+        if (header.size() > kLongestBlock) break;
     }
     if (header.starts_with("From ") || header.starts_with(">From ")) {
         header.erase(0, std::min(header.find('\n'), header.size() - 1) + 1);

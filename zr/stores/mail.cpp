@@ -77,7 +77,7 @@ bool same_name(const std::string& a, const std::string& b) {
     return _wcsicmp(to_utf16(a).c_str(), to_utf16(b).c_str()) == 0;
 }
 
-bool is_gone(HRESULT result) {
+bool is_not_there(HRESULT result) {
     return result == MAPI_E_NOT_FOUND || result == MAPI_E_OBJECT_DELETED || result == MAPI_E_INVALID_ENTRYID ||
            result == MAPI_E_UNKNOWN_ENTRYID;
 }
@@ -99,7 +99,7 @@ Failure mail_failure(HRESULT result, const std::string& doing) {
         reason = "the message store is damaged";
     } else if (result == MAPI_E_BUSY) {
         reason = "another program keeps the message store locked";
-    } else if (is_gone(result)) {
+    } else if (is_not_there(result)) {
         code = Exit::None;
         reason = "there is no such message or folder";
     } else {
