@@ -123,7 +123,7 @@ struct ProvisionOptions {
     bool json = false;
 };
 
-Exit exit_of(HRESULT result) {
+Exit exit_of_document(HRESULT result) {
     if (result == CONFIG_E_BAD_XML || result == CONFIG_E_CSPEXCEPTION) return Exit::BadDocument;
     return result == HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND) ? Exit::Unreadable : Exit::StoreFailed;
 }
@@ -148,7 +148,7 @@ Exit provision(ProvisionOptions& options) {
         }
     }
     if (SUCCEEDED(result)) return Exit::Ok;
-    throw Failure{exit_of(result), options.file + ": " + (sentence.empty() ? "out of memory" : sentence)};
+    throw Failure{exit_of_document(result), options.file + ": " + (sentence.empty() ? "out of memory" : sentence)};
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ namespace {
 using zr::test::kConnectionsFailure;
 using zr::test::LogCapture;
 using zr::test::stand_ins;
-using Record = CONNMGR_CONNECTION_DETAILED_STATUS;
+using StatusRecord = CONNMGR_CONNECTION_DETAILED_STATUS;
 
 constexpr const char* kSource = ".\\Helpers\\ConnMgrQueryHelper.cppzrwindowsmobile";
 constexpr HRESULT kTooSmall = ZRPLATFORM_HRESULT(0x8007007A);
@@ -29,8 +29,8 @@ protected:
 
     // So many connections, of which each says in dwSignalQuality the how manyth it is.
     void have(DWORD count, HRESULT too_small = kTooSmall) {
-        stand_ins().query = [count, too_small](Record* buffer, DWORD* size) {
-            const auto needed = static_cast<DWORD>(count * sizeof(Record));
+        stand_ins().query = [count, too_small](StatusRecord* buffer, DWORD* size) {
+            const auto needed = static_cast<DWORD>(count * sizeof(StatusRecord));
             const bool fits = buffer != nullptr && *size >= needed;
             *size = needed;
             if (!fits) return count == 0 ? S_OK : too_small;
@@ -42,7 +42,7 @@ protected:
         };
     }
     static void fail(HRESULT result) {
-        stand_ins().query = [result](Record*, DWORD*) { return result; };
+        stand_ins().query = [result](StatusRecord*, DWORD*) { return result; };
     }
     // What the log says after a query that fails.
     static std::string logged() {
@@ -61,7 +61,7 @@ protected:
         std::vector<DWORD> order;
         DWORD stop_at = 99;
     };
-    static int visit(Record* record, void* context) {
+    static int visit(StatusRecord* record, void* context) {
         Seen* const seen = static_cast<Seen*>(context);
         if (seen == nullptr) return 0;
         seen->order.push_back(record->dwSignalQuality);
@@ -108,7 +108,7 @@ TEST_F(ConnMgrQuery, IsNothingWithoutVisitorOrConnections) {
 
 TEST_F(ConnMgrQuery, GivesUpAfterTenBuffersThatWereTooSmall) {
     int calls = 0;
-    stand_ins().query = [&](Record*, DWORD* size) {
+    stand_ins().query = [&](StatusRecord*, DWORD* size) {
         *size = static_cast<DWORD>(++calls * 100);
         return kTooSmall;
     };
@@ -118,8 +118,8 @@ TEST_F(ConnMgrQuery, GivesUpAfterTenBuffersThatWereTooSmall) {
 
 TEST_F(ConnMgrQuery, TakesTheTenthBuffer) {
     int calls = 0;
-    stand_ins().query = [&](Record* buffer, DWORD* size) {
-        *size = sizeof(Record);
+    stand_ins().query = [&](StatusRecord* buffer, DWORD* size) {
+        *size = sizeof(StatusRecord);
         if (++calls < 11) return kTooSmall;
         EXPECT_EQ(buffer->pNext, nullptr);  // zeros
         return S_OK;

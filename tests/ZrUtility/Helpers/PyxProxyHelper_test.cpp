@@ -24,7 +24,7 @@
 namespace {
 
 using namespace zr::test;
-using Record = CONNMGR_CONNECTION_DETAILED_STATUS;
+using StatusRecord = CONNMGR_CONNECTION_DETAILED_STATUS;
 
 constexpr LPCWSTR kMutex = u"KEL.ZR.PYX.PyxProxyHelper.Mutex";
 constexpr const char* kLogSource = ".\\Helpers\\PyxProxyHelper.cppzrwindowsmobile";
@@ -106,10 +106,10 @@ private:
 
 void ProxyHelper::connect(const std::vector<FakeConnection>& connections) {
     struct Block {
-        Record record;
+        StatusRecord record;
         CONNMGR_CONNECTION_IPADDR addresses;
     };
-    stand_ins().query = [connections](Record* buffer, DWORD* size) {
+    stand_ins().query = [connections](StatusRecord* buffer, DWORD* size) {
         const auto needed = static_cast<DWORD>(connections.size() * sizeof(Block));
         const bool fits = buffer != nullptr && *size >= needed;
         *size = needed;
@@ -117,7 +117,7 @@ void ProxyHelper::connect(const std::vector<FakeConnection>& connections) {
         auto* const blocks = reinterpret_cast<Block*>(buffer);
         for (std::size_t i = 0; i < connections.size(); ++i) {
             std::memset(static_cast<void*>(&blocks[i]), 0, sizeof(Block));
-            Record& record = blocks[i].record;
+            StatusRecord& record = blocks[i].record;
             record.pNext = i + 1 < connections.size() ? &blocks[i + 1].record : nullptr;
             record.guidDestNet = connections[i].network;
             record.dwConnectionStatus = connections[i].status;
@@ -440,7 +440,7 @@ TEST_F(ProxyHelper, FindsTheAddressOfTheFirstThatIsConnected) {
             {network, 0x10, {5, 5, 5, 5}}},
            {1, 2, 3, 4});
     expect({{network, 0x10, {}}, {network, 0x10, {5, 5, 5, 5}}}, {0, 0, 0, 0});
-    stand_ins().query = [](Record* buffer, DWORD* size) {
+    stand_ins().query = [](StatusRecord* buffer, DWORD* size) {
         *size = 500;
         return buffer == nullptr ? HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER) : E_ACCESSDENIED;
     };

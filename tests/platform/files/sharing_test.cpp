@@ -11,8 +11,8 @@ using namespace zr::test;
 
 namespace {
 
-constexpr DWORD kBoth = GENERIC_READ | GENERIC_WRITE;
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+constexpr DWORD kReadWrite = GENERIC_READ | GENERIC_WRITE;
+constexpr DWORD kShareWhole = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 class Sharing : public testing::Test {
 protected:
@@ -36,8 +36,8 @@ protected:
 // A mapping over a file whose handle is closed at once.
 class MappedFile {
 public:
-    explicit MappedFile(const std::u16string& path, DWORD share = kShareAll) {
-        const HANDLE file = CreateFileW(path.c_str(), kBoth, share, nullptr, OPEN_EXISTING, 0, nullptr);
+    explicit MappedFile(const std::u16string& path, DWORD share = kShareWhole) {
+        const HANDLE file = CreateFileW(path.c_str(), kReadWrite, share, nullptr, OPEN_EXISTING, 0, nullptr);
         EXPECT_NE(file, INVALID_HANDLE_VALUE);
         mapping_ = CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0, 0, nullptr);
         EXPECT_NE(mapping_, nullptr);
@@ -63,7 +63,7 @@ private:
 }  // namespace
 
 TEST_F(Sharing, CopyOverNeedsThatWritingIsShared) {
-    for (const DWORD access : {GENERIC_READ, GENERIC_WRITE, kBoth})
+    for (const DWORD access : {GENERIC_READ, GENERIC_WRITE, kReadWrite})
         for (DWORD share = 0; share < 8; ++share) {
             write_text(folder_.host() / "a", "old text");
             const HANDLE file = open(access, share);
@@ -82,7 +82,7 @@ TEST_F(Sharing, CopyOverNeedsThatWritingIsShared) {
 
 TEST_F(Sharing, CopyFromNeedsThatReadingIsShared) {
     for (DWORD share = 0; share < 8; ++share) {
-        const HANDLE file = open(kBoth, share);
+        const HANDLE file = open(kReadWrite, share);
         ASSERT_NE(file, INVALID_HANDLE_VALUE);
         if (share & FILE_SHARE_READ)
             EXPECT_TRUE(CopyFileW(a_.c_str(), new_.c_str(), FALSE));
@@ -94,7 +94,7 @@ TEST_F(Sharing, CopyFromNeedsThatReadingIsShared) {
 }
 
 TEST_F(Sharing, DeletingAndMovingNeedThatDeletionIsShared) {
-    for (const DWORD access : {GENERIC_READ, GENERIC_WRITE, kBoth})
+    for (const DWORD access : {GENERIC_READ, GENERIC_WRITE, kReadWrite})
         for (const DWORD share : {DWORD{0}, FILE_SHARE_READ | FILE_SHARE_WRITE}) {
             const HANDLE file = open(access, share);
             ASSERT_NE(file, INVALID_HANDLE_VALUE);
@@ -103,7 +103,7 @@ TEST_F(Sharing, DeletingAndMovingNeedThatDeletionIsShared) {
             EXPECT_FAILS_WITH(ERROR_SHARING_VIOLATION, MoveFileW(a_.c_str(), (folder_.handheld() + u"\\A").c_str()));
             EXPECT_TRUE(CloseHandle(file));
         }
-    const HANDLE file = open(kBoth, kShareAll);
+    const HANDLE file = open(kReadWrite, kShareWhole);
     EXPECT_TRUE(MoveFileW(a_.c_str(), other_.c_str()));
     EXPECT_TRUE(DeleteFileW(other_.c_str()));
     DWORD written = 0;
@@ -123,7 +123,7 @@ TEST_F(Sharing, WhoOnlyAsksIsInNobodysWay) {
 
 TEST_F(Sharing, ALinkMayGoWhileItsFileIsOpen) {
     fs::create_symlink("a", folder_.host() / "link");
-    const HANDLE file = open(kBoth, 0);
+    const HANDLE file = open(kReadWrite, 0);
     EXPECT_TRUE(DeleteFileW((folder_.handheld() + u"\\link").c_str()));
     EXPECT_TRUE(CloseHandle(file));
     EXPECT_EQ(text(), "old text");
@@ -131,7 +131,7 @@ TEST_F(Sharing, ALinkMayGoWhileItsFileIsOpen) {
 
 ZR_CHILD(owner) {
     const std::u16string path(args[0].begin(), args[0].end());
-    const HANDLE file = CreateFileW(path.c_str(), kBoth, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    const HANDLE file = CreateFileW(path.c_str(), kReadWrite, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     const HANDLE mapping =
         args[1] == "mapped" ? CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0, 0, nullptr) : nullptr;
     if (mapping) CloseHandle(file);
@@ -156,7 +156,7 @@ TEST_F(Sharing, WhatAnotherProcessHasForItselfStays) {
 TEST_F(Sharing, AMappingKeepsNoShareModeForOtherProcesses) {
     Child child("owner", {std::string(a_.begin(), a_.end()), "mapped"});
     ASSERT_EQ(child.hear(), "open");
-    const HANDLE file = open(kBoth, 0);
+    const HANDLE file = open(kReadWrite, 0);
     EXPECT_NE(file, INVALID_HANDLE_VALUE);
     CloseHandle(file);
     child.say("end");
@@ -166,7 +166,7 @@ TEST_F(Sharing, AMappingKeepsNoShareModeForOtherProcesses) {
 TEST_F(Sharing, AMappingKeepsNoShareMode) {
     MappedFile mapped(a_, 0);
     ASSERT_NE(mapped.map(), nullptr);
-    const HANDLE file = open(kBoth, 0);
+    const HANDLE file = open(kReadWrite, 0);
     EXPECT_NE(file, INVALID_HANDLE_VALUE);
     EXPECT_TRUE(CloseHandle(file));
 }
@@ -175,7 +175,7 @@ TEST_F(Sharing, AMappedFileIsNotCutShort) {
     MappedFile mapped(a_);
     char* const view = mapped.map();
     ASSERT_NE(view, nullptr);
-    const HANDLE file = open(kBoth, kShareAll);
+    const HANDLE file = open(kReadWrite, kShareWhole);
     ASSERT_NE(file, INVALID_HANDLE_VALUE);
     ASSERT_EQ(SetFilePointer(file, 3, nullptr, FILE_BEGIN), 3u);
     EXPECT_FAILS_WITH(ERROR_USER_MAPPED_FILE, SetEndOfFile(file));
@@ -198,9 +198,9 @@ TEST_F(Sharing, AMappedFileIsNotEmptiedReplacedOrDeleted) {
             ASSERT_NE(mapped.map(), nullptr);
             mapped.close();
         }
-        EXPECT_EQ(open(kBoth, kShareAll, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(open(kReadWrite, kShareWhole, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), ERROR_USER_MAPPED_FILE);
-        EXPECT_EQ(open(kBoth, kShareAll, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(open(kReadWrite, kShareWhole, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), ERROR_USER_MAPPED_FILE);
         EXPECT_FAILS_WITH(ERROR_USER_MAPPED_FILE, CopyFileW(new_.c_str(), a_.c_str(), FALSE));
         EXPECT_FAILS_WITH(ERROR_SHARING_VIOLATION, DeleteFileW(a_.c_str()));
@@ -212,7 +212,7 @@ TEST_F(Sharing, AMappedFileIsNotEmptiedReplacedOrDeleted) {
 }
 
 TEST_F(Sharing, ANamedMappingCountsAsWell) {
-    const HANDLE file = open(kBoth, kShareAll);
+    const HANDLE file = open(kReadWrite, kShareWhole);
     const std::u16string name = u"sharing" + std::u16string(folder_.handheld());
     const HANDLE mapping = CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0, 0, name.c_str());
     ASSERT_NE(mapping, nullptr);
@@ -226,6 +226,6 @@ TEST_F(Sharing, AFolderIsNoNewFile) {
     fs::create_directory(folder_.host() / "sub");
     SetLastError(0xBAD);
     const std::u16string sub = folder_.handheld() + u"\\sub";
-    EXPECT_EQ(CreateFileW(sub.c_str(), kBoth, 0, nullptr, CREATE_NEW, 0, nullptr), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(CreateFileW(sub.c_str(), kReadWrite, 0, nullptr, CREATE_NEW, 0, nullptr), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 }
