@@ -23,9 +23,12 @@ struct Due {
     static Due from(const LARGE_INTEGER& when) noexcept;
 };
 
-// When something is due next that was due before now, every `period` nanoseconds.
+// When something is due next that was due before now, every `period` nanoseconds. It may have been due so long ago that
+// the time since then is no std::int64_t.
 constexpr std::int64_t next_due(std::int64_t due, std::int64_t period, std::int64_t now) noexcept {
-    return due + ((now - due) / period + 1) * period;
+    const auto step = static_cast<std::uint64_t>(period);
+    const std::uint64_t since = static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(due);
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(now) + (step - since % step));
 }
 
 // Sleeps until the word changes or the time has come; may return early.

@@ -443,9 +443,11 @@ void SharedStore::before_fork() noexcept {
 }
 
 void SharedStore::after_fork() noexcept {
+    const bool gives_right = fork_has_right_;
+    if (gives_right) has_right_ = false;
     mutex_.unlock();
     right_mutex_.unlock();
-    if (fork_has_right_) give_right();
+    if (gives_right) right_free_.notify_one();
 }
 
 void SharedStore::after_fork_in_child() noexcept {

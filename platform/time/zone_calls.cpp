@@ -13,8 +13,10 @@
 namespace zr::platform {
 namespace {
 
-// Adds the bias now, or takes it off. 0 or an error code. The sum is taken modulo 2^64, so that the reverse brings back
-// the time, no time (0) west of UTC too.
+// What no time (0) becomes west of UTC: less than a day before 2^64.
+constexpr std::uint64_t kFirstBeforeNoTime = UINT64_MAX - kUnitsPerSecond * kSecondsPerDay;
+
+// Adds the bias now, or takes it off. 0 or an error code. The sum is taken modulo 2^64.
 DWORD shift(const FILETIME* time, int sign, FILETIME* shifted) {
     if (time == nullptr || shifted == nullptr) return ERROR_INVALID_PARAMETER;
     const CurrentZone& zone = current_zone();
@@ -43,13 +45,17 @@ void fill(const ZoneChange& change, ZR_ZONE_TRANSITION& transition) {
 }  // namespace zr::platform
 
 BOOL FileTimeToLocalFileTime(const FILETIME* file_time, FILETIME* local) {
-    const DWORD error = zr::platform::shift(file_time, -1, local);
-    return error == 0 ? TRUE : zr::platform::fail(error, FALSE);
+    using namespace zr::platform;
+    const bool late = file_time != nullptr && units_of(*file_time) > kLastUnits;
+    const DWORD error = late ? ERROR_INVALID_PARAMETER : shift(file_time, -1, local);
+    return error == 0 ? TRUE : fail(error, FALSE);
 }
 
 BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* file_time) {
-    const DWORD error = zr::platform::shift(local, 1, file_time);
-    return error == 0 ? TRUE : zr::platform::fail(error, FALSE);
+    using namespace zr::platform;
+    const bool late = local != nullptr && units_of(*local) > kLastUnits && units_of(*local) < kFirstBeforeNoTime;
+    const DWORD error = late ? ERROR_INVALID_PARAMETER : shift(local, 1, file_time);
+    return error == 0 ? TRUE : fail(error, FALSE);
 }
 
 DWORD GetTimeZoneInformation(TIME_ZONE_INFORMATION* information) {

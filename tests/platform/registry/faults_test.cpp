@@ -103,7 +103,10 @@ TEST(Faults, TheRegistrySurvivesKilledWriters) {
 TEST(Faults, TheLogOfChangesIsPruned) {
     const Key key = create(HKEY_CURRENT_USER, u"log");
     const std::string before = query(file(), "SELECT max(seq) FROM change");
-    const std::vector<ZrRegistryChange> many(5000, {ZrRegistryStep::SetValue, key, u"", u"v", REG_SZ, nullptr, 0});
+    std::vector<ZrRegistryChange> many(5000, {ZrRegistryStep::SetValue, key, u"", u"v", REG_SZ, nullptr, 0});
+    for (std::size_t i = 0; i < many.size(); i += 2) {
+        many[i].type = REG_BINARY;
+    }
     for (int i = 0; i < 4; ++i) {
         ASSERT_EQ(ZrRegistryApply(many.data(), 5000, nullptr), kOk);
     }

@@ -368,9 +368,10 @@ TYPED_TEST(Damage, AnOlderCopyOfTheFileUnderANewerJournalIsNoticed) {
     this->keep();
     const std::string older = this->file_bytes_;
     const std::string older_journal = this->journal_bytes_;
-    ASSERT_EQ(Child(Content<TypeParam>::kFill, {"1"}).wait(), 0);  // and closes it
+    const int more = this->kCount;  // what a value is already, is no change
+    ASSERT_EQ(Child(Content<TypeParam>::kFill, {std::to_string(more + 1)}).wait(), 0);  // and closes it
     ASSERT_FALSE(fs::exists(this->journal()));
-    ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {"5"}).wait(), 0);
+    ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(more + 5)}).wait(), 0);
     this->keep();
     this->put(older, this->journal_bytes_);
     EXPECT_EQ(this->look(), kNoticed);

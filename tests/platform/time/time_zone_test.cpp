@@ -185,8 +185,7 @@ TEST(LocalFileTime, UsesTheBiasOfNowWhateverIsConverted) {
 TEST(LocalFileTime, WhateverIsConvertedComesBack) {
     for (const char* const zone : {"XXX-2", "XXX5", "UTC"}) {
         set_zone(zone);
-        for (const FILETIME time : {FILETIME{0, 0}, FILETIME{1, 0}, FILETIME{0xFFFFFFFF, 0x7FFFFFFF},
-                                    FILETIME{0, 0x80000000}, FILETIME{0xFFFFFFFF, 0xFFFFFFFF}}) {
+        for (const FILETIME time : {FILETIME{0, 0}, FILETIME{1, 0}, FILETIME{0xFFFFFFFF, 0x7FFFFF00}}) {
             FILETIME local{};
             FILETIME back{};
             ASSERT_TRUE(FileTimeToLocalFileTime(&time, &local));
@@ -194,6 +193,18 @@ TEST(LocalFileTime, WhateverIsConvertedComesBack) {
             EXPECT_EQ(CompareFileTime(&back, &time), 0);
             ASSERT_TRUE(LocalFileTimeToFileTime(&time, &back));
         }
+        for (const FILETIME late : {FILETIME{0, 0x80000000}, FILETIME{0xFFFFFFFF, 0xFFFFFF00}}) {
+            FILETIME out{1, 2};
+            SetLastError(0);
+            EXPECT_FALSE(FileTimeToLocalFileTime(&late, &out));
+            EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_FALSE(LocalFileTimeToFileTime(&late, &out));
+            EXPECT_EQ(out.dwHighDateTime, 2u);
+        }
+        const FILETIME last{0xFFFFFFFF, 0xFFFFFFFF};
+        FILETIME out{1, 2};
+        EXPECT_FALSE(FileTimeToLocalFileTime(&last, &out));
+        EXPECT_EQ(out.dwHighDateTime, 2u);
     }
     set_zone("XXX5");
     const FILETIME first{0, 0};

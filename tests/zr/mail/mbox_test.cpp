@@ -137,9 +137,10 @@ TEST(Mbox, EveryPlaceOfASeparatorIsFound) {
 
 TEST(Mbox, WhatWasWrittenIsReadAgain) {
     std::mt19937 random(7);
-    const char* const pieces[] = {
-        "From ", ">",    "From a Mon Jan  1 10:00:00 2024\n", "\n", "\r\n", "A: b\n", "Fro", "x", ">>From ",
-        " ",     "\n\n", std::string("\0", 1).c_str()};
+    const std::string pieces[] = {"From ", ">",    "From a Mon Jan  1 10:00:00 2024\n",
+                                  "\n",    "\r\n", "A: b\n",
+                                  "Fro",   "x",    ">>From ",
+                                  " ",     "\n\n", std::string(1, '\0')};
     for (int round = 0; round < 2000; ++round) {
         std::vector<std::string> all(1 + random() % 3);
         for (std::string& message : all) {
