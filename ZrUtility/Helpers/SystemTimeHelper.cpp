@@ -92,11 +92,8 @@ bool SystemTimeHelper::EndThread() {
     if (m_hThread == nullptr) return true;
     // By a destructor, for the thread may be the calling one, which goes no further than TerminateThread.
     struct Closer {
-        HANDLE& thread;
-        ~Closer() {
-            CloseHandle(thread);
-            thread = nullptr;
-        }
+        std::atomic<HANDLE>& thread;
+        ~Closer() { CloseHandle(thread.exchange(nullptr)); }
     } const closer{m_hThread};
     TerminateThread(m_hThread, 0);
     return WaitForSingleObject(m_hThread, GRACE_MILLISECONDS) == WAIT_OBJECT_0;

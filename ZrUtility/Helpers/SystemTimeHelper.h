@@ -39,7 +39,7 @@ private:
     bool EndThread();
 
     void (*m_pCallback)();
-    HANDLE m_hThread;
+    std::atomic<HANDLE> m_hThread;
     std::atomic<HANDLE> m_hEvent;
     std::atomic<int> m_iStop;
 };
