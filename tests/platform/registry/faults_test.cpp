@@ -105,7 +105,7 @@ TEST(Faults, TheLogOfChangesIsPruned) {
     const std::string before = query(file(), "SELECT max(seq) FROM change");
     std::vector<ZrRegistryChange> many(5000, {ZrRegistryStep::SetValue, key, u"", u"v", REG_SZ, nullptr, 0});
     for (std::size_t i = 0; i < many.size(); i += 2) {
-        many[i].type = REG_BINARY;
+        many[i].Type = REG_BINARY;
     }
     for (int i = 0; i < 4; ++i) {
         ASSERT_EQ(ZrRegistryApply(many.data(), 5000, nullptr), kOk);
