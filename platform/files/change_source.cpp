@@ -90,8 +90,12 @@ DWORD ChangeSource::add(FileWatch& watch) {
     if (error != ERROR_SUCCESS) return error;
     {
         const std::lock_guard guard(mutex_);
-        files_.push_back(&watch);
-        error = watch.follow();
+        try {
+            files_.push_back(&watch);
+            error = watch.follow();
+        } catch (const std::bad_alloc&) {
+            error = ERROR_NOT_ENOUGH_MEMORY;
+        }
     }
     if (error != ERROR_SUCCESS) {
         const std::lock_guard guard(mutex_);
