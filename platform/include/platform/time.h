@@ -39,8 +39,8 @@ ZRPLATFORM_API LONG CompareFileTime(const FILETIME* left, const FILETIME* right)
 
 // These use the bias that is in force now, not the one at the time that is converted. The sum is taken modulo 2^64, so
 // that 0 ("no time") becomes something west of UTC too, which the reverse makes 0 again. They fail for other times from
-// 2^63 units on, which FileTimeToSystemTime takes for none either, and with GetTimeZoneInformation's error when there is
-// no zone.
+// 2^63 units on, which FileTimeToSystemTime takes for none either, and with GetTimeZoneInformation's error when there
+// is no zone.
 ZRPLATFORM_API BOOL FileTimeToLocalFileTime(const FILETIME* file_time, FILETIME* local);
 ZRPLATFORM_API BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* file_time);
 
