@@ -33,8 +33,8 @@ constexpr const char* kSteps[] = {
     "DELETE FROM change;"
     "INSERT INTO change SELECT " ZR_STORE_FIRST_SEQ ", 2, 1, X'', X'', 0;",
     // Letters without a capital of their own (final sigma, the micro sign) are only equal to themselves.
-    "UPDATE key SET folded = folded_name(name) WHERE id > 4 AND folded <> folded_name(name);"
-    "UPDATE value SET folded = folded_name(name) WHERE folded <> folded_name(name);",
+    ("UPDATE key SET folded = folded_name(name) WHERE id > 4 AND folded <> folded_name(name);"
+     "UPDATE value SET folded = folded_name(name) WHERE folded <> folded_name(name);"),
 };
 
 void folded_name(sqlite3_context* context, int, sqlite3_value** arguments) {
