@@ -145,7 +145,7 @@ public:
 
 private:
     static std::string separator_of(IMessage* message, const MailRow& row) {
-        const std::string kept = MailValues(message, {kMailSeparator}).text(kMailSeparator);
+        std::string kept = MailValues(message, {kMailSeparator}).text(kMailSeparator);
         if (kept.starts_with("From ") && kept.find_first_of("\r\n") == std::string::npos) return kept;
         const std::time_t time = row.time.value_or(0);
         std::tm parts = {};

@@ -261,7 +261,7 @@ std::string MailSession::id_of(const EntryBytes& entry) const {
 }
 
 std::optional<EntryBytes> MailSession::entry_of_id(const std::string& id) const {
-    const std::optional<std::string> bytes = from_hexadecimal(id);
+    std::optional<std::string> bytes = from_hexadecimal(id);
     if (!bytes || bytes->size() > store_entry_.size()) return std::nullopt;
     if (bytes->size() == store_entry_.size()) return bytes;
     EntryBytes entry = store_entry_;
