@@ -202,7 +202,8 @@ public:
         const std::string stem = name.substr(0, dot == 0 ? std::string::npos : dot);
         const std::string extension = dot == 0 || dot == std::string::npos ? "" : name.substr(dot);
         for (int number = 1; fd_ < 0; ++number) {
-            path_ = folder + "/" + stem;
+            path_ = folder;
+            path_.append("/").append(stem);
             if (number > 1) path_.append(" (").append(std::to_string(number)).append(")");
             path_ += extension;
             fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
