@@ -77,13 +77,7 @@ private:
         return store().account(account_) != nullptr ? S_OK : fail(MAPI_E_OBJECT_DELETED, "The store was deleted.");
     }
     HRESULT list(std::vector<ULONG>& tags) override {
-        tags.assign(std::begin(kAccountTags), std::end(kAccountTags));
-        Values values;
-        const HRESULT result = store().properties(owner_of(MAPI_STORE, account_), 0, values);
-        for (const auto& [id, value] : values) {
-            tags.push_back(PROP_TAG(value.type, id));
-        }
-        return result;
+        return list_kept(store(), owner_of(MAPI_STORE, account_), kAccountTags, tags);
     }
     HRESULT fill(ULONG tag, Row& row) override {
         return fill_account(store(), *store().account(account_), writable_, tag, row);
@@ -96,15 +90,10 @@ private:
         return store().property(owner_of(MAPI_STORE, account_), 0, id, value);
     }
     SCODE settable(ULONG tag) override {
-        if (is_computed_of_account(id_of(tag))) return MAPI_E_COMPUTED;
-        return id_of(tag) == id_of(PR_DISPLAY_NAME_W) && tag != PR_DISPLAY_NAME_W ? MAPI_E_UNEXPECTED_TYPE : S_OK;
+        return is_computed_of_account(id_of(tag)) ? MAPI_E_COMPUTED : settable_beside_name(tag);
     }
     HRESULT apply(Edit& edit) override {
-        std::optional<Value> name;
-        if (const auto found = edit.set.find(id_of(PR_DISPLAY_NAME_W)); found != edit.set.end()) {
-            name = found->second;
-            edit.set.erase(found);
-        }
+        const std::optional<Value> name = take_name(edit);
         const HRESULT result = session_->write(
             [&](Transaction& change) { return change.edit_account(account_, edit, name ? &*name : nullptr); });
         return result == MAPI_E_NOT_FOUND ? fail(MAPI_E_OBJECT_DELETED, "The store was deleted.") : result;

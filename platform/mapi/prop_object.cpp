@@ -46,6 +46,26 @@ bool has_property(IMAPIProp* object, WORD id) {
 
 }  // namespace
 
+HRESULT list_kept(MailStore& store, LONGLONG owner, std::span<const ULONG> computed, std::vector<ULONG>& tags) {
+    tags.assign(computed.begin(), computed.end());
+    Values values;
+    const HRESULT result = store.properties(owner, 0, values);
+    for (const auto& [id, value] : values) {
+        tags.push_back(PROP_TAG(value.type, id));
+    }
+    return result;
+}
+
+SCODE settable_beside_name(ULONG tag) {
+    return id_of(tag) == id_of(PR_DISPLAY_NAME_W) && tag != PR_DISPLAY_NAME_W ? MAPI_E_UNEXPECTED_TYPE : S_OK;
+}
+
+std::optional<Value> take_name(Edit& edit) {
+    auto found = edit.set.extract(id_of(PR_DISPLAY_NAME_W));
+    if (found.empty()) return std::nullopt;
+    return std::move(found.mapped());
+}
+
 HRESULT fill_value(MailStore& store, ULONG tag, const Value* value, Row& row) {
     if (value == nullptr || value->type == PT_NULL) {
         row.error(tag, MAPI_E_NOT_FOUND);

@@ -3,6 +3,8 @@
 // What stores, folders, messages and attachments have in common: IMAPIProp over a few operations of their own.
 
 #include <algorithm>
+#include <optional>
+#include <span>
 #include <type_traits>
 
 #include "buffers.h"
@@ -14,6 +16,12 @@ namespace zr::platform::mapi {
 
 // Adds a stored value to a row, or why it cannot be given. Null: there is none. With the store's lock held.
 HRESULT fill_value(MailStore& store, ULONG tag, const Value* value, Row& row);
+
+// What stores and folders share: a name that stands apart from their properties, which are kept at once.
+// `tags`: those that are computed, and the ones of the owner's properties. With the store's lock held.
+HRESULT list_kept(MailStore& store, LONGLONG owner, std::span<const ULONG> computed, std::vector<ULONG>& tags);
+SCODE settable_beside_name(ULONG tag);
+std::optional<Value> take_name(Edit& edit);
 
 // Copies an array of problems, or null when there are none.
 HRESULT give_problems(const std::vector<SPropProblem>& problems, LPSPropProblemArray* array);

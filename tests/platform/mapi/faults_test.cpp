@@ -48,13 +48,13 @@ std::u16string name_of(int number) {
 }
 
 HRESULT add_original(IMAPIFolder* folder, int number, Bytes& id) {
-    Ref<IMessage> made;
+    Ptr<IMessage> made;
     HRESULT result = folder->CreateMessage(nullptr, 0, made.out());
     if (SUCCEEDED(result)) result = set(made.get(), text_prop(PR_SUBJECT_W, name_of(number)));
     if (SUCCEEDED(result)) result = set(made.get(), text_prop(PR_BODY_W, u"words of " + name_of(number)));
     if (SUCCEEDED(result)) {
         const std::string text = original(number);
-        Ref<IStream> stream;
+        Ptr<IStream> stream;
         result = made->OpenProperty(PR_CE_MIME_TEXT, &IID_IStream, 0, MAPI_CREATE | MAPI_MODIFY, stream.unknown());
         if (SUCCEEDED(result)) result = stream->Write(text.data(), static_cast<ULONG>(text.size()), nullptr);
         if (SUCCEEDED(result)) result = stream->Commit(0);
@@ -69,7 +69,7 @@ bool is_whole(IMessage* message) {
     const Props props(message, {PR_SUBJECT_W});
     const std::u16string name = props.text();
     const std::string wanted = original(std::stoi(std::string(name.begin(), name.end())));
-    Ref<IStream> stream;
+    Ptr<IStream> stream;
     if (message->OpenProperty(PR_CE_MIME_TEXT, &IID_IStream, 0, 0, stream.unknown()) != S_OK) return false;
     std::string text(wanted.size() + 1, 0);
     ULONG got = 0;
@@ -81,11 +81,11 @@ bool is_whole(IMessage* message) {
 // All messages of the store's folders: their names, and how often each is somewhere.
 std::map<int, int> all_messages(const Mail& mail, bool look_inside) {
     std::map<int, int> found;
-    Ref<IMAPITable> folders;
+    Ptr<IMAPITable> folders;
     EXPECT_EQ(mail.folder(PR_IPM_SUBTREE_ENTRYID)->GetHierarchyTable(CONVENIENT_DEPTH, folders.out()), S_OK);
     const Rows list(folders.get());
     for (ULONG i = 0; i < list.size(); ++i) {
-        Ref<IMAPITable> contents;
+        Ptr<IMAPITable> contents;
         EXPECT_EQ(mail.folder(list.bytes(i, 0))->GetContentsTable(0, contents.out()), S_OK);
         EXPECT_EQ(columns(contents.get(), {PR_SUBJECT_W, PR_ENTRYID}), S_OK);
         const Rows rows(contents.get());
@@ -110,7 +110,7 @@ ZR_CHILD(mapi_busy) {
     Mail mail;
     if (mail.open != S_OK) return 1;
     std::mt19937 random(static_cast<unsigned>(std::stoi(args[0])));
-    Ref<IMAPIFolder> folders[] = {mail.folder(), mail.folder(PR_IPM_SENTMAIL_ENTRYID),
+    Ptr<IMAPIFolder> folders[] = {mail.folder(), mail.folder(PR_IPM_SENTMAIL_ENTRYID),
                                   mail.folder(PR_IPM_WASTEBASKET_ENTRYID)};
     std::vector<std::pair<Bytes, int>> mine[3];
     int number = std::stoi(args[0]) * 1000;
@@ -176,7 +176,7 @@ TEST_F(MapiFaults, KilledWritersLoseNothing) {
             EXPECT_EQ(times, 1) << number << " is in more than one folder";
         }
         // The words of what is there, and of nothing else.
-        Ref<IMAPITable> words;
+        Ptr<IMAPITable> words;
         ULONG count = 0;
         ASSERT_EQ(mail.extras()->Find(u"words", words.out()), S_OK);
         ASSERT_EQ(words->GetRowCount(0, &count), S_OK);
@@ -215,9 +215,9 @@ TEST_F(MapiFaults, ThreeProcessesAtWorkAgreeWithWhatTheySaid) {
 // Moves every message of the Inbox, one call each, and says how many it got.
 ZR_CHILD(mapi_mover) {
     Mail mail;
-    Ref<IMAPIFolder> inbox = mail.folder();
-    Ref<IMAPIFolder> target = mail.folder(args[0] == "sent" ? PR_IPM_SENTMAIL_ENTRYID : PR_IPM_WASTEBASKET_ENTRYID);
-    Ref<IMAPITable> table;
+    Ptr<IMAPIFolder> inbox = mail.folder();
+    Ptr<IMAPIFolder> target = mail.folder(args[0] == "sent" ? PR_IPM_SENTMAIL_ENTRYID : PR_IPM_WASTEBASKET_ENTRYID);
+    Ptr<IMAPITable> table;
     if (inbox->GetContentsTable(0, table.out()) != S_OK) return 1;
     const Rows rows(table.get());
     say("ready");
@@ -237,8 +237,8 @@ ZR_CHILD(mapi_mover) {
 TEST_F(MapiFaults, TwoProcessesMoveEachMessageOnce) {
     constexpr int kMessages = 400;
     const Mail mail;
-    Ref<IZrMail> extras = mail.extras();
-    Ref<IMAPIFolder> inbox = mail.folder();
+    Ptr<IZrMail> extras = mail.extras();
+    Ptr<IMAPIFolder> inbox = mail.folder();
     ASSERT_EQ(extras->BeginBatch(), S_OK);
     for (int i = 0; i < kMessages; ++i) {
         mail.add(inbox.get(), name_of(i));
@@ -264,7 +264,7 @@ TEST_F(MapiFaults, TwoProcessesMoveEachMessageOnce) {
 ZR_CHILD(mapi_full_disk) {
     signal(SIGXFSZ, SIG_IGN);
     Mail mail;
-    Ref<IMAPIFolder> inbox = mail.folder();
+    Ptr<IMAPIFolder> inbox = mail.folder();
     Bytes id;
     if (add_original(inbox.get(), 1, id) != S_OK) return 10;
     const rlimit limit = {600000, RLIM_INFINITY};
@@ -278,8 +278,8 @@ ZR_CHILD(mapi_full_disk) {
     const std::map<int, int> kept = all_messages(mail, true);
     if (kept.size() != static_cast<std::size_t>(number - 1)) return 12;
     // A long value that finds no room on its way in.
-    Ref<IMessage> message;
-    Ref<IStream> stream;
+    Ptr<IMessage> message;
+    Ptr<IStream> stream;
     if (inbox->CreateMessage(nullptr, 0, message.out()) != S_OK) return 13;
     if (message->OpenProperty(PR_CE_MIME_TEXT, &IID_IStream, 0, MAPI_CREATE | MAPI_MODIFY, stream.unknown()) != S_OK)
         return 14;
@@ -321,7 +321,7 @@ TEST_F(MapiFaults, ADamagedStoreIsSetAsideAndBroughtBack) {
     Bytes folder_id;
     {
         const Mail mail;
-        Ref<IMAPIFolder> folder = mail.fresh_folder(u"Kept");
+        Ptr<IMAPIFolder> folder = mail.fresh_folder(u"Kept");
         folder_id = id_of(folder.get());
         for (int i = 0; i < 200; ++i) {
             ASSERT_EQ(add_original(folder.get(), i, id), S_OK);
@@ -344,16 +344,16 @@ TEST_F(MapiFaults, ADamagedStoreIsSetAsideAndBroughtBack) {
     fs::remove(back);
     const Mail mail;
     ASSERT_EQ(mail.open, S_OK);
-    Ref<IMAPIFolder> folder = mail.folder(folder_id);
+    Ptr<IMAPIFolder> folder = mail.folder(folder_id);
     ASSERT_TRUE(folder) << "identifiers are those from before";
-    Ref<IMAPITable> table;
+    Ptr<IMAPITable> table;
     ASSERT_EQ(folder->GetContentsTable(0, table.out()), S_OK);
     ASSERT_EQ(columns(table.get(), {PR_SUBJECT_W, PR_ENTRYID}), S_OK);
     const Rows rows(table.get());
     EXPECT_GT(rows.size(), 100u);
     int whole = 0;
     for (ULONG i = 0; i < rows.size(); ++i) {
-        Ref<IMessage> message = mail.message(rows.bytes(i, 1), 0);
+        Ptr<IMessage> message = mail.message(rows.bytes(i, 1), 0);
         ASSERT_TRUE(message);
         const Props original_size(message.get(), {PR_CE_MIME_TEXT});
         if (original_size.error(0) == MAPI_E_NOT_FOUND) continue;  // lost, and not guessed
@@ -398,15 +398,15 @@ TEST_F(MapiFaults, OpenSessionsGoOnInTheNewStore) {
     CriticalErrors sink;
     const Mail mail;
     ASSERT_EQ(mail.open, S_OK) << "the front of the file is whole";
-    Ref<IMAPIFolder> old_inbox = mail.folder();
+    Ptr<IMAPIFolder> old_inbox = mail.folder();
     ULONG connection = 0;
     ASSERT_EQ(mail.store->Advise(0, nullptr, fnevCriticalError, &sink, &connection), S_OK);
     EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_FILE_CORRUPT));
     EXPECT_TRUE(FAILED(Props(old_inbox.get(), {PR_DISPLAY_NAME_W}).result));
     EXPECT_EQ(Props(mail.store.get(), {PR_DISPLAY_NAME_W}).result, MAPI_E_OBJECT_DELETED);
-    Ref<IMsgStore> store;
+    Ptr<IMsgStore> store;
     ASSERT_EQ(mail.session->OpenMsgStore(0, 0, nullptr, nullptr, MAPI_BEST_ACCESS, store.out()), S_OK);
-    Ref<IMAPIFolder> fresh = mail.folder(Props(store.get(), {PR_CE_IPM_INBOX_ENTRYID}).bytes());
+    Ptr<IMAPIFolder> fresh = mail.folder(Props(store.get(), {PR_CE_IPM_INBOX_ENTRYID}).bytes());
     EXPECT_EQ(Props(fresh.get(), {PR_CONTENT_COUNT}).number(), 0);
     mail.add(fresh.get(), u"2");
     EXPECT_EQ(Props(fresh.get(), {PR_CONTENT_COUNT}).number(), 1);
@@ -419,10 +419,10 @@ TEST_F(MapiFaults, OpenSessionsGoOnInTheNewStore) {
 
 TEST_F(MapiFaults, AChildOfAForkAndItsParentWorkOn) {
     const Mail mail;
-    Ref<IMAPIFolder> inbox = mail.folder();
+    Ptr<IMAPIFolder> inbox = mail.folder();
     const Bytes before = mail.add(inbox.get(), u"1");
-    Ref<IMessage> held = mail.message(before);
-    Ref<IMAPITable> walked;
+    Ptr<IMessage> held = mail.message(before);
+    Ptr<IMAPITable> walked;
     ASSERT_EQ(inbox->GetContentsTable(0, walked.out()), S_OK);
     const int child = in_fork([&] {
         if (Props(held.get(), {PR_SUBJECT_W}).text() != u"1") return 1;
@@ -432,7 +432,7 @@ TEST_F(MapiFaults, AChildOfAForkAndItsParentWorkOn) {
     EXPECT_EQ(child, 0);
     mail.add(inbox.get(), u"3");
     EXPECT_EQ(Rows(walked.get()).size(), 3u);
-    Ref<IZrMail> extras = mail.extras();
+    Ptr<IZrMail> extras = mail.extras();
     ASSERT_EQ(extras->BeginBatch(), S_OK);
     mail.add(inbox.get(), u"4");
     EXPECT_EQ(in_fork([&] { return Props(held.get(), {PR_SUBJECT_W}).result == MAPI_E_BUSY ? 0 : 1; }), 0);
@@ -443,10 +443,10 @@ TEST_F(MapiFaults, AChildOfAForkAndItsParentWorkOn) {
 // Every allocation of a message's way through the calls fails once.
 TEST_F(MapiFaults, ShortMemoryIsAResult) {
     const Mail mail;
-    Ref<IMAPIFolder> inbox = mail.folder();
-    Ref<IMAPIFolder> other = mail.folder(PR_IPM_SENTMAIL_ENTRYID);
+    Ptr<IMAPIFolder> inbox = mail.folder();
+    Ptr<IMAPIFolder> other = mail.folder(PR_IPM_SENTMAIL_ENTRYID);
     const auto way = [&]() -> HRESULT {
-        Ref<IMessage> message;
+        Ptr<IMessage> message;
         HRESULT result = inbox->CreateMessage(nullptr, 0, message.out());
         if (FAILED(result)) return result;
         result = set(message.get(), text_prop(PR_SUBJECT_W, u"short"));
@@ -461,7 +461,7 @@ TEST_F(MapiFaults, ShortMemoryIsAResult) {
         if (SUCCEEDED(result)) result = inbox->CopyMessages(&list, nullptr, other.get(), 0, nullptr, MESSAGE_MOVE);
         if (SUCCEEDED(result)) result = other->DeleteMessages(&list, 0, nullptr, 0);
         MAPIFreeBuffer(id);
-        Ref<IMAPITable> table;
+        Ptr<IMAPITable> table;
         if (SUCCEEDED(result)) result = inbox->GetContentsTable(0, table.out());
         LPSRowSet rows = nullptr;
         if (SUCCEEDED(result)) result = table->QueryRows(5, 0, &rows);
@@ -494,8 +494,8 @@ double processor_time() {
 // Rows are walked at the same price in a large folder as in a small one.
 TEST_F(MapiFaults, LargeFoldersAreWalkedInLinearTime) {
     const Mail mail;
-    Ref<IMAPIFolder> folder = mail.folder();
-    Ref<IZrMail> extras = mail.extras();
+    Ptr<IMAPIFolder> folder = mail.folder();
+    Ptr<IZrMail> extras = mail.extras();
     constexpr int kFew = 2000;
     ASSERT_EQ(extras->BeginBatch(), S_OK);
     std::vector<Bytes> ids;
@@ -504,7 +504,7 @@ TEST_F(MapiFaults, LargeFoldersAreWalkedInLinearTime) {
     }
     ASSERT_EQ(extras->CommitBatch(), S_OK);
     const auto walk = [&](ULONG expected) {
-        Ref<IMAPITable> table;
+        Ptr<IMAPITable> table;
         EXPECT_EQ(folder->GetContentsTable(0, table.out()), S_OK);
         const double begin = processor_time();
         std::set<Bytes> seen;

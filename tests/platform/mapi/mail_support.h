@@ -10,39 +10,10 @@
 
 #include "platform/diagnostics.h"
 #include "platform/mapi.h"
+#include "support/com_ptr.h"
 #include "support/sandbox.h"
 
 namespace zr::test {
-
-template <class T>
-class Ref {
-public:
-    Ref() = default;
-    explicit Ref(T* object) : object_(object) {}
-    ~Ref() { reset(); }
-    Ref(const Ref&) = delete;
-    Ref& operator=(const Ref&) = delete;
-    Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-    Ref& operator=(Ref&& other) noexcept {
-        std::swap(object_, other.object_);
-        return *this;
-    }
-    void reset() {
-        if (object_ != nullptr) std::exchange(object_, nullptr)->Release();
-    }
-    T** out() {
-        reset();
-        return &object_;
-    }
-    IUnknown** unknown() { return reinterpret_cast<IUnknown**>(out()); }
-    void** any() { return reinterpret_cast<void**>(out()); }
-    T* operator->() const { return object_; }
-    T* get() const { return object_; }
-    explicit operator bool() const { return object_ != nullptr; }
-
-private:
-    T* object_ = nullptr;
-};
 
 using Bytes = std::string;  // an entry identifier, or any bytes
 
@@ -166,53 +137,53 @@ public:
         MAPIUninitialize();
     }
 
-    Ref<IMAPIFolder> folder(ULONG role = PR_CE_IPM_INBOX_ENTRYID) const {
+    Ptr<IMAPIFolder> folder(ULONG role = PR_CE_IPM_INBOX_ENTRYID) const {
         return folder(Props(store.get(), {role}).bytes());
     }
-    Ref<IMAPIFolder> folder(const Bytes& id, ULONG flags = MAPI_MODIFY) const {
-        Ref<IMAPIFolder> found;
+    Ptr<IMAPIFolder> folder(const Bytes& id, ULONG flags = MAPI_MODIFY) const {
+        Ptr<IMAPIFolder> found;
         ULONG type = 0;
         EXPECT_EQ(session->OpenEntry(size_of(id), entry(id), nullptr, flags, &type, found.unknown()), S_OK);
         EXPECT_EQ(type, MAPI_FOLDER);
         return found;
     }
-    Ref<IMessage> message(const Bytes& id, ULONG flags = MAPI_MODIFY) const {
-        Ref<IMessage> found;
+    Ptr<IMessage> message(const Bytes& id, ULONG flags = MAPI_MODIFY) const {
+        Ptr<IMessage> found;
         ULONG type = 0;
         last = session->OpenEntry(size_of(id), entry(id), nullptr, flags, &type, found.unknown());
         return found;
     }
     // A saved message with this subject.
     Bytes add(IMAPIFolder* folder, const std::u16string& subject, LONG flags = 0) const {
-        Ref<IMessage> made;
+        Ptr<IMessage> made;
         EXPECT_EQ(folder->CreateMessage(nullptr, 0, made.out()), S_OK);
         SPropValue values[] = {text_prop(PR_SUBJECT_W, subject), number_prop(PR_MESSAGE_FLAGS, flags)};
         EXPECT_EQ(made->SetProps(2, values, nullptr), S_OK);
         EXPECT_EQ(made->SaveChanges(KEEP_OPEN_READWRITE), S_OK);
         return id_of(made.get());
     }
-    Ref<IMAPIFolder> fresh_folder(const std::u16string& name) const {
-        Ref<IMAPIFolder> made;
+    Ptr<IMAPIFolder> fresh_folder(const std::u16string& name) const {
+        Ptr<IMAPIFolder> made;
         EXPECT_EQ(
             folder(PR_IPM_SUBTREE_ENTRYID)->CreateFolder(FOLDER_GENERIC, wide(name), nullptr, nullptr, 0, made.out()),
             S_OK);
         return made;
     }
-    Ref<IZrMail> extras() const {
-        Ref<IZrMail> found;
+    Ptr<IZrMail> extras() const {
+        Ptr<IZrMail> found;
         EXPECT_EQ(session->QueryInterface(IID_IZrMail, found.any()), S_OK);
         return found;
     }
 
-    Ref<IMAPISession> session;
-    Ref<IMsgStore> store;
+    Ptr<IMAPISession> session;
+    Ptr<IMsgStore> store;
     HRESULT logon = E_FAIL;
     HRESULT open = E_FAIL;
     mutable HRESULT last = S_OK;
 };
 
 inline std::vector<std::u16string> subjects(IMAPIFolder* folder) {
-    Ref<IMAPITable> table;
+    Ptr<IMAPITable> table;
     EXPECT_EQ(folder->GetContentsTable(0, table.out()), S_OK);
     EXPECT_EQ(columns(table.get(), {PR_SUBJECT_W}), S_OK);
     const Rows rows(table.get());

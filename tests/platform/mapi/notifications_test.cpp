@@ -101,7 +101,7 @@ protected:
     LONGLONG windows_ = 0;
     Sink sink_;
     std::optional<Mail> mail_;
-    Ref<IMAPIFolder> folder_;
+    Ptr<IMAPIFolder> folder_;
 };
 
 TEST_F(MapiNotifications, TellOfEveryKindOfChange) {
@@ -156,7 +156,7 @@ ZR_CHILD(mapi_writer) {
     Mail mail;
     if (mail.open != S_OK) return 1;
     const Bytes folder = args[0] == "inbox" ? id_of(mail.folder().get()) : "";
-    Ref<IMAPIFolder> target = mail.folder();
+    Ptr<IMAPIFolder> target = mail.folder();
     for (int i = 0; i < std::stoi(args[1]); ++i) {
         mail.add(target.get(), u"from afar");
     }

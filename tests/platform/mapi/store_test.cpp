@@ -36,7 +36,7 @@ protected:
     LONGLONG interfaces_ = 0;
     LONGLONG buffers_ = 0;
     std::optional<Mail> mail_;
-    Ref<IMAPIFolder> folder_;
+    Ptr<IMAPIFolder> folder_;
 };
 
 TEST_F(MapiStore, LogonNeedsInitialising) {
@@ -48,14 +48,14 @@ TEST_F(MapiStore, LogonNeedsInitialising) {
 }
 
 TEST_F(MapiStore, DefaultStoreHasItsFolders) {
-    Ref<IMAPITable> table;
+    Ptr<IMAPITable> table;
     ASSERT_EQ(mail_->session->GetMsgStoresTable(MAPI_UNICODE, table.out()), S_OK);
     const Rows rows(table.get());
     ASSERT_GE(rows.size(), 1u);
     EXPECT_EQ(rows.text(0, 1), u"Mail");
     EXPECT_EQ(rows.value(0, 2).Value.b, 1);
-    Ref<IMAPIFolder> top = mail_->folder(PR_IPM_SUBTREE_ENTRYID);
-    Ref<IMAPITable> folders;
+    Ptr<IMAPIFolder> top = mail_->folder(PR_IPM_SUBTREE_ENTRYID);
+    Ptr<IMAPITable> folders;
     ASSERT_EQ(top->GetHierarchyTable(0, folders.out()), S_OK);
     const Rows list(folders.get());
     std::vector<std::u16string> names;
@@ -67,7 +67,7 @@ TEST_F(MapiStore, DefaultStoreHasItsFolders) {
 }
 
 TEST_F(MapiStore, MessageIsThereOnceItIsSaved) {
-    Ref<IMessage> message;
+    Ptr<IMessage> message;
     ASSERT_EQ(folder_->CreateMessage(nullptr, 0, message.out()), S_OK);
     EXPECT_EQ(Props(message.get(), {PR_ENTRYID}).error(0), MAPI_E_NOT_FOUND);
     ASSERT_EQ(set(message.get(), text_prop(PR_SUBJECT_W, u"Hello")), S_OK);
@@ -93,7 +93,7 @@ TEST_F(MapiStore, MessageIsThereOnceItIsSaved) {
 }
 
 TEST_F(MapiStore, EveryTypeComesBackAsItWas) {
-    Ref<IMessage> message;
+    Ptr<IMessage> message;
     ASSERT_EQ(folder_->CreateMessage(nullptr, 0, message.out()), S_OK);
     GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
     BYTE bytes[] = {0, 1, 255, 0};
@@ -139,7 +139,7 @@ TEST_F(MapiStore, EveryTypeComesBackAsItWas) {
 }
 
 TEST_F(MapiStore, WhatCannotBeGivenOrSetIsNamed) {
-    Ref<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
+    Ptr<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
     const Props props(message.get(), {PROP_TAG(PT_STRING8, 0x0037), PROP_TAG(PT_LONG, 0x0037),
                                       PROP_TAG(PT_UNSPECIFIED, 0x0037), 0x67F0001F});
     EXPECT_EQ(props.error(0), MAPI_E_BAD_CHARWIDTH);
@@ -165,7 +165,7 @@ TEST_F(MapiStore, WhatCannotBeGivenOrSetIsNamed) {
 }
 
 TEST_F(MapiStore, AllPropertiesAreListed) {
-    Ref<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
+    Ptr<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
     ASSERT_EQ(set(message.get(), text_prop(PR_COMMENT_W, u"c")), S_OK);
     const Props all(message.get());
     EXPECT_EQ(all.result, S_OK);
@@ -183,8 +183,8 @@ TEST_F(MapiStore, AllPropertiesAreListed) {
 
 TEST_F(MapiStore, SavingMeetsOthersChanges) {
     const Bytes id = mail_->add(folder_.get(), u"first");
-    Ref<IMessage> one = mail_->message(id);
-    Ref<IMessage> other = mail_->message(id);
+    Ptr<IMessage> one = mail_->message(id);
+    Ptr<IMessage> other = mail_->message(id);
     ASSERT_EQ(set(other.get(), text_prop(PR_SUBJECT_W, u"other's")), S_OK);
     ASSERT_EQ(other->SaveChanges(0), S_OK);
     EXPECT_EQ(Props(one.get(), {PR_SUBJECT_W}).text(), u"other's");
@@ -204,7 +204,7 @@ TEST_F(MapiStore, SavingMeetsOthersChanges) {
 TEST_F(MapiStore, MovingKeepsIdentifiersAndCopyingDoesNot) {
     const Bytes a = mail_->add(folder_.get(), u"a");
     const Bytes b = mail_->add(folder_.get(), u"b");
-    Ref<IMAPIFolder> other = mail_->fresh_folder(u"Move target");
+    Ptr<IMAPIFolder> other = mail_->fresh_folder(u"Move target");
     ASSERT_EQ(folder_->CopyMessages(EntryList({a}), nullptr, other.get(), 0, nullptr, MESSAGE_MOVE), S_OK);
     EXPECT_THAT(subjects(folder_.get()), ElementsAre(u"b"));
     EXPECT_THAT(subjects(other.get()), ElementsAre(u"a"));
@@ -224,20 +224,20 @@ TEST_F(MapiStore, MovingKeepsIdentifiersAndCopyingDoesNot) {
 }
 
 TEST_F(MapiStore, MovingToAnotherStoreGivesANewIdentifier) {
-    Ref<ICEMAPISession> session;
+    Ptr<ICEMAPISession> session;
     ASSERT_EQ(mail_->session->QueryInterface(IID_ICEMAPISession, session.any()), S_OK);
-    Ref<IMsgStore> store;
+    Ptr<IMsgStore> store;
     ASSERT_EQ(session->CreateMsgStore(u"Second", store.out()), S_OK);
-    Ref<IMsgStore> none;
+    Ptr<IMsgStore> none;
     EXPECT_EQ(session->CreateMsgStore(u"SECOND", none.out()), MAPI_E_COLLISION);
     const Bytes store_id = id_of(store.get());
-    Ref<IMAPIFolder> inbox = mail_->folder(Props(store.get(), {PR_CE_IPM_INBOX_ENTRYID}).bytes());
+    Ptr<IMAPIFolder> inbox = mail_->folder(Props(store.get(), {PR_CE_IPM_INBOX_ENTRYID}).bytes());
     const Bytes id = mail_->add(folder_.get(), u"traveller");
     ASSERT_EQ(folder_->CopyMessages(EntryList({id}), nullptr, inbox.get(), 0, nullptr, MESSAGE_MOVE), S_OK);
     EXPECT_THAT(subjects(inbox.get()), ElementsAre(u"traveller"));
     EXPECT_THAT(subjects(folder_.get()), IsEmpty());
     EXPECT_FALSE(mail_->message(id));
-    Ref<IMAPITable> table;
+    Ptr<IMAPITable> table;
     ASSERT_EQ(inbox->GetContentsTable(0, table.out()), S_OK);
     Bytes there;
     {
@@ -266,16 +266,16 @@ TEST_F(MapiStore, IdentifiersAreNotHandedOutAgain) {
     EXPECT_EQ(mail_->session->CompareEntryIDs(8, entry(nonsense), size_of(id), entry(id), 0, &same),
               MAPI_E_INVALID_ENTRYID);
     EXPECT_EQ(same, 0u);
-    Ref<IUnknown> object;
+    Ptr<IUnknown> object;
     ULONG type = 7;
     EXPECT_EQ(mail_->session->OpenEntry(8, entry(nonsense), nullptr, 0, &type, object.out()), MAPI_E_INVALID_ENTRYID);
     EXPECT_EQ(type, 0u);
 }
 
 TEST_F(MapiStore, FoldersAreMovedCopiedAndDeleted) {
-    Ref<IMAPIFolder> a;
-    Ref<IMAPIFolder> b;
-    Ref<IMAPIFolder> none;
+    Ptr<IMAPIFolder> a;
+    Ptr<IMAPIFolder> b;
+    Ptr<IMAPIFolder> none;
     ASSERT_EQ(folder_->CreateFolder(FOLDER_GENERIC, wide(u"a"), wide(u"why"), nullptr, 0, a.out()), S_OK);
     EXPECT_EQ(Props(a.get(), {PR_COMMENT_W}).text(), u"why");
     EXPECT_EQ(folder_->CreateFolder(FOLDER_GENERIC, wide(u"A"), nullptr, nullptr, 0, none.out()), MAPI_E_COLLISION);
@@ -300,7 +300,7 @@ TEST_F(MapiStore, FoldersAreMovedCopiedAndDeleted) {
     EXPECT_EQ(id_of(b.get()), b_id);
     EXPECT_EQ(Props(b.get(), {PR_DISPLAY_NAME_W}).text(), u"moved");
     EXPECT_THAT(subjects(b.get()), ElementsAre(u"inside"));
-    Ref<IMAPITable> table;
+    Ptr<IMAPITable> table;
     ASSERT_EQ(folder_->GetHierarchyTable(CONVENIENT_DEPTH, table.out()), S_OK);
     ASSERT_EQ(columns(table.get(), {PR_DISPLAY_NAME_W, PR_DEPTH, PR_CONTENT_COUNT, PR_SUBFOLDERS}), S_OK);
     std::vector<std::u16string> names;
@@ -322,7 +322,7 @@ TEST_F(MapiStore, MarkerOfAFolderIsFound) {
     marker.ulPropTag = PROP_TAG(PT_BOOLEAN, 0x602B);
     marker.Value.b = 1;
     ASSERT_EQ(folder_->SetProps(1, &marker, nullptr), S_OK);
-    Ref<IMAPITable> table;
+    Ptr<IMAPITable> table;
     ASSERT_EQ(mail_->folder(PR_IPM_SUBTREE_ENTRYID)->GetHierarchyTable(0, table.out()), S_OK);
     ASSERT_EQ(columns(table.get(), {marker.ulPropTag, PR_ENTRYID}), S_OK);
     const Rows rows(table.get());
@@ -352,7 +352,7 @@ TEST_F(MapiStore, ReadStateIsKeptAtOnceAndCounted) {
 }
 
 TEST_F(MapiStore, RecipientsAreKeptInOrder) {
-    Ref<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
+    Ptr<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
     const auto modify = [&](ULONG flags, std::vector<std::vector<SPropValue>> rows) {
         std::vector<char> memory(CbNewADRLIST(static_cast<ULONG>(rows.size())) + 64);
         auto* const list = reinterpret_cast<ADRLIST*>(memory.data());
@@ -376,7 +376,7 @@ TEST_F(MapiStore, RecipientsAreKeptInOrder) {
     EXPECT_EQ(modify(MODRECIP_REMOVE, {{number_prop(PR_ROWID, 9)}}), MAPI_E_INVALID_PARAMETER);
     EXPECT_EQ(modify(3, {}), MAPI_E_UNKNOWN_FLAGS);
     ASSERT_EQ(message->SaveChanges(0), S_OK);
-    Ref<IMAPITable> table;
+    Ptr<IMAPITable> table;
     ASSERT_EQ(message->GetRecipientTable(MAPI_UNICODE, table.out()), S_OK);
     const Rows rows(table.get());
     ASSERT_EQ(rows.size(), 2u);
@@ -392,13 +392,13 @@ TEST_F(MapiStore, AttachmentsAndStreams) {
         data[i] = static_cast<char>(i * 2654435761u >> 13);
     }
     {
-        Ref<IMessage> message = mail_->message(id);
+        Ptr<IMessage> message = mail_->message(id);
         ULONG number = 9;
-        Ref<IAttach> attach;
+        Ptr<IAttach> attach;
         ASSERT_EQ(message->CreateAttach(nullptr, 0, &number, attach.out()), S_OK);
         EXPECT_EQ(number, 0u);
         ASSERT_EQ(set(attach.get(), text_prop(PR_ATTACH_LONG_FILENAME_W, u"data.bin")), S_OK);
-        Ref<IStream> stream;
+        Ptr<IStream> stream;
         EXPECT_EQ(attach->OpenProperty(PR_ATTACH_DATA_BIN, &IID_IStream, 0, MAPI_MODIFY, stream.unknown()),
                   MAPI_E_NOT_FOUND);
         ASSERT_EQ(
@@ -415,20 +415,20 @@ TEST_F(MapiStore, AttachmentsAndStreams) {
         EXPECT_FALSE(Props(mail_->message(id).get(), {PR_HASATTACH})[0].Value.b);
         ASSERT_EQ(message->SaveChanges(0), S_OK);
     }
-    Ref<IMessage> message = mail_->message(id);
+    Ptr<IMessage> message = mail_->message(id);
     EXPECT_TRUE(Props(message.get(), {PR_HASATTACH})[0].Value.b);
     EXPECT_GT(Props(message.get(), {PR_MESSAGE_SIZE}).number(), 3000000);
-    Ref<IMAPITable> table;
+    Ptr<IMAPITable> table;
     ASSERT_EQ(message->GetAttachmentTable(0, table.out()), S_OK);
     {
         const Rows rows(table.get());
         ASSERT_EQ(rows.size(), 1u);
         EXPECT_EQ(rows.text(0, 1), u"data.bin");
     }
-    Ref<IAttach> attach;
+    Ptr<IAttach> attach;
     ASSERT_EQ(message->OpenAttach(0, nullptr, 0, attach.out()), S_OK);
     EXPECT_EQ(Props(attach.get(), {PR_ATTACH_DATA_BIN}).error(0), MAPI_E_NOT_ENOUGH_MEMORY);
-    Ref<IStream> stream;
+    Ptr<IStream> stream;
     ASSERT_EQ(attach->OpenProperty(PR_ATTACH_DATA_BIN, &IID_IStream, 0, 0, stream.unknown()), S_OK);
     STATSTG stat = {};
     ASSERT_EQ(stream->Stat(&stat, STATFLAG_NONAME), S_OK);
@@ -463,9 +463,9 @@ TEST_F(MapiStore, AttachmentsAndStreams) {
 }
 
 TEST_F(MapiStore, StreamsOfAMessageAreWrittenAnewAndExtended) {
-    Ref<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
+    Ptr<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
     const auto write = [&](ULONG flags, LONGLONG at, const std::string& text) {
-        Ref<IStream> stream;
+        Ptr<IStream> stream;
         ASSERT_EQ(message->OpenProperty(PR_CE_MIME_TEXT, &IID_IStream, 0, flags, stream.unknown()), S_OK);
         LARGE_INTEGER move;
         move.QuadPart = at;
@@ -485,7 +485,7 @@ TEST_F(MapiStore, StreamsOfAMessageAreWrittenAnewAndExtended) {
     for (const std::size_t size : {1023u, 1024u, 1025u, 32767u, 32768u, 32769u, 65535u, 65536u, 65537u, 200000u}) {
         write(MAPI_CREATE | MAPI_MODIFY, 0, std::string(size, static_cast<char>('a' + size % 26)));
         ASSERT_EQ(message->SaveChanges(0), S_OK);
-        Ref<IStream> stream;
+        Ptr<IStream> stream;
         ASSERT_EQ(message->OpenProperty(PR_CE_MIME_TEXT, &IID_IStream, 0, 0, stream.unknown()), S_OK);
         std::string back(size + 10, 0);
         ULONG got = 0;
@@ -496,18 +496,18 @@ TEST_F(MapiStore, StreamsOfAMessageAreWrittenAnewAndExtended) {
 }
 
 TEST_F(MapiStore, CopyToCopiesAllThatIsNotComputed) {
-    Ref<IMessage> from = mail_->message(mail_->add(folder_.get(), u"original"));
+    Ptr<IMessage> from = mail_->message(mail_->add(folder_.get(), u"original"));
     const std::u16string long_text(50000, u'z');
     SPropValue values[] = {text_prop(PR_COMMENT_W, u"c"), text_prop(PR_BODY_W, long_text)};
     ASSERT_EQ(from->SetProps(2, values, nullptr), S_OK);
     ULONG number = 0;
-    Ref<IAttach> attach;
+    Ptr<IAttach> attach;
     ASSERT_EQ(from->CreateAttach(nullptr, 0, &number, attach.out()), S_OK);
     ASSERT_EQ(set(attach.get(), text_prop(PR_ATTACH_FILENAME_W, u"f")), S_OK);
     ASSERT_EQ(attach->SaveChanges(0), S_OK);
     attach.reset();
     ASSERT_EQ(from->SaveChanges(0), S_OK);
-    Ref<IMessage> to;
+    Ptr<IMessage> to;
     ASSERT_EQ(folder_->CreateMessage(nullptr, 0, to.out()), S_OK);
     SPropTagArray excluded = {1, {PR_COMMENT_W}};
     ASSERT_EQ(from->CopyTo(0, nullptr, &excluded, 0, nullptr, &IID_IMessage, to.get(), 0, nullptr), S_OK);
@@ -516,7 +516,7 @@ TEST_F(MapiStore, CopyToCopiesAllThatIsNotComputed) {
     EXPECT_EQ(props.text(0), u"original");
     EXPECT_FALSE(props.has(1));
     EXPECT_EQ(props[2].Value.b, 1);
-    Ref<IStream> stream;
+    Ptr<IStream> stream;
     ASSERT_EQ(to->OpenProperty(PR_BODY_W, &IID_IStream, 0, 0, stream.unknown()), S_OK);
     std::u16string back(50000, u' ');
     ULONG got = 0;
@@ -525,7 +525,7 @@ TEST_F(MapiStore, CopyToCopiesAllThatIsNotComputed) {
 }
 
 TEST_F(MapiStore, UnsupportedCallsSaySo) {
-    Ref<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
+    Ptr<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
     IUnknown* object = nullptr;
     EXPECT_EQ(message->SubmitMessage(0), MAPI_E_NO_SUPPORT);
     EXPECT_EQ(folder_->EmptyFolder(0, nullptr, 0), MAPI_E_NO_SUPPORT);
@@ -543,7 +543,7 @@ TEST_F(MapiStore, UnsupportedCallsSaySo) {
 
 TEST_F(MapiStore, LogoffEndsEverything) {
     const Bytes id = mail_->add(folder_.get(), u"x");
-    Ref<IMessage> message = mail_->message(id);
+    Ptr<IMessage> message = mail_->message(id);
     ASSERT_EQ(mail_->session->Logoff(0, 0, 0), S_OK);
     EXPECT_EQ(Props(message.get(), {PR_SUBJECT_W}).result, MAPI_E_END_OF_SESSION);
     EXPECT_EQ(mail_->session->Logoff(0, 0, 0), MAPI_E_END_OF_SESSION);
@@ -551,10 +551,10 @@ TEST_F(MapiStore, LogoffEndsEverything) {
 }
 
 TEST_F(MapiStore, BatchIsKeptWholeOrNotAtAll) {
-    Ref<IZrMail> extras = mail_->extras();
+    Ptr<IZrMail> extras = mail_->extras();
     ASSERT_EQ(extras->BeginBatch(), S_OK);
     EXPECT_EQ(extras->BeginBatch(), E_UNEXPECTED);
-    Ref<IMessage> kept;
+    Ptr<IMessage> kept;
     ASSERT_EQ(folder_->CreateMessage(nullptr, 0, kept.out()), S_OK);
     ASSERT_EQ(set(kept.get(), text_prop(PR_SUBJECT_W, u"kept")), S_OK);
     ASSERT_EQ(kept->SaveChanges(0), S_OK);
@@ -564,7 +564,7 @@ TEST_F(MapiStore, BatchIsKeptWholeOrNotAtAll) {
     EXPECT_THAT(subjects(folder_.get()), ElementsAre(u"kept"));
     EXPECT_EQ(Props(kept.get(), {PR_SUBJECT_W}).text(), u"kept");
     ASSERT_EQ(extras->BeginBatch(), S_OK);
-    Ref<IMessage> dropped;
+    Ptr<IMessage> dropped;
     ASSERT_EQ(folder_->CreateMessage(nullptr, 0, dropped.out()), S_OK);
     ASSERT_EQ(dropped->SaveChanges(0), S_OK);
     ASSERT_EQ(set(kept.get(), text_prop(PR_SUBJECT_W, u"changed")), S_OK);

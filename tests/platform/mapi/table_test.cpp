@@ -22,7 +22,7 @@ protected:
     }
 
     Bytes add(const std::u16string& subject, ULONGLONG date, LONG importance = 1) {
-        Ref<IMessage> made;
+        Ptr<IMessage> made;
         EXPECT_EQ(folder_->CreateMessage(nullptr, 0, made.out()), S_OK);
         SPropValue values[] = {text_prop(PR_SUBJECT_W, subject), time_prop(PR_MESSAGE_DELIVERY_TIME, date),
                                number_prop(PR_IMPORTANCE, importance)};
@@ -30,8 +30,8 @@ protected:
         EXPECT_EQ(made->SaveChanges(0), S_OK);
         return id_of(made.get());
     }
-    Ref<IMAPITable> table(std::vector<ULONG> tags = {PR_SUBJECT_W}) {
-        Ref<IMAPITable> made;
+    Ptr<IMAPITable> table(std::vector<ULONG> tags = {PR_SUBJECT_W}) {
+        Ptr<IMAPITable> made;
         EXPECT_EQ(folder_->GetContentsTable(0, made.out()), S_OK);
         EXPECT_EQ(columns(made.get(), std::move(tags)), S_OK);
         return made;
@@ -54,7 +54,7 @@ protected:
     }
 
     Mail mail_;
-    Ref<IMAPIFolder> folder_;
+    Ptr<IMAPIFolder> folder_;
 };
 
 SRestriction property(ULONG relation, SPropValue* value) {
@@ -68,7 +68,7 @@ TEST_F(MapiTable, IsWalkedInBatchesInTheOrderOfTheDates) {
     for (int i = 0; i < 150; ++i) {
         add(std::u16string(1, static_cast<char16_t>(u'a' + i % 26)), 1000 + static_cast<ULONGLONG>((i * 7) % 50));
     }
-    Ref<IMAPITable> all = table({PR_MESSAGE_DELIVERY_TIME, PR_ENTRYID});
+    Ptr<IMAPITable> all = table({PR_MESSAGE_DELIVERY_TIME, PR_ENTRYID});
     ULONG count = 0;
     EXPECT_EQ(all->GetRowCount(0, &count), S_OK);
     EXPECT_EQ(count, 150u);
@@ -97,11 +97,11 @@ TEST_F(MapiTable, ShowsWhatComesAndGoesWhileItIsWalked) {
     for (int i = 0; i < 10; ++i) {
         add(std::u16string(1, static_cast<char16_t>(u'0' + i)), 1000 + static_cast<ULONGLONG>(i) * 10);
     }
-    Ref<IMAPITable> walked = table();
+    Ptr<IMAPITable> walked = table();
     EXPECT_THAT(read(walked.get(), 3), ElementsAre(u"0", u"1", u"2"));
     add(u"before", 1005);
     add(u"behind", 1035);
-    Ref<IMAPITable> ids = table({PR_SUBJECT_W, PR_ENTRYID});
+    Ptr<IMAPITable> ids = table({PR_SUBJECT_W, PR_ENTRYID});
     {
         const Rows rows(ids.get());
         ASSERT_EQ(rows.text(6, 0), u"4");
@@ -117,7 +117,7 @@ TEST_F(MapiTable, SeeksFromEveryBookmark) {
     }
     for (const bool listed : {false, true}) {
         for (const bool descending : {false, true}) {
-            Ref<IMAPITable> walked = table();
+            Ptr<IMAPITable> walked = table();
             const ULONG order = descending ? TABLE_SORT_DESCEND : TABLE_SORT_ASCEND;
             ASSERT_EQ(sort(walked.get(), {{listed ? PR_SUBJECT_W : PR_MESSAGE_DELIVERY_TIME, order}}), S_OK);
             const auto row = [&](int i) {
@@ -158,7 +158,7 @@ TEST_F(MapiTable, FindsForwardAndBackward) {
     SPropValue value = text_prop(PR_SUBJECT_W, mark);
     SRestriction wanted = property(RELOP_EQ, &value);
     for (const bool listed : {false, true}) {
-        Ref<IMAPITable> walked = table({PR_SUBJECT_W, PR_MESSAGE_DELIVERY_TIME});
+        Ptr<IMAPITable> walked = table({PR_SUBJECT_W, PR_MESSAGE_DELIVERY_TIME});
         if (listed) {
             ASSERT_EQ(sort(walked.get(), {{PR_IMPORTANCE, TABLE_SORT_ASCEND}}), S_OK);
         }
@@ -183,7 +183,7 @@ TEST_F(MapiTable, RestrictsByEveryKind) {
     add(u"Alpha", 1000, 0);
     add(u"beta", 2000, 1);
     add(u"Gamma alpha", 3000, 2);
-    Ref<IMAPITable> walked = table();
+    Ptr<IMAPITable> walked = table();
     const auto shown = [&](SRestriction restriction) {
         EXPECT_EQ(walked->Restrict(&restriction, 0), S_OK);
         ULONG count = 0;
@@ -252,7 +252,7 @@ TEST_F(MapiTable, SortsByAnyProperties) {
     add(u"b", 1000, 2);
     add(u"A", 2000, 1);
     add(u"c", 3000, 2);
-    Ref<IMAPITable> walked = table();
+    Ptr<IMAPITable> walked = table();
     ASSERT_EQ(sort(walked.get(), {{PR_SUBJECT_W, TABLE_SORT_ASCEND}}), S_OK);
     EXPECT_THAT(read(walked.get()), ElementsAre(u"A", u"b", u"c"));
     ASSERT_EQ(sort(walked.get(), {{PR_IMPORTANCE, TABLE_SORT_DESCEND}, {PR_SUBJECT_W, TABLE_SORT_DESCEND}}), S_OK);
@@ -269,7 +269,7 @@ TEST_F(MapiTable, SortsByAnyProperties) {
 }
 
 TEST_F(MapiTable, FindsWordsAndMessageIdentifiers) {
-    Ref<IMessage> made;
+    Ptr<IMessage> made;
     ASSERT_EQ(folder_->CreateMessage(nullptr, 0, made.out()), S_OK);
     const std::u16string subject = u"Zugfahrt nach K\u00f6ln";
     const std::u16string body = u"Wir treffen uns am Bahnsteig neunundneunzig.";
@@ -279,9 +279,9 @@ TEST_F(MapiTable, FindsWordsAndMessageIdentifiers) {
     ASSERT_EQ(made->SetProps(3, values, nullptr), S_OK);
     ASSERT_EQ(made->SaveChanges(0), S_OK);
     const Bytes entry_id = id_of(made.get());
-    Ref<IZrMail> extras = mail_.extras();
+    Ptr<IZrMail> extras = mail_.extras();
     const auto find = [&](const char16_t* words) {
-        Ref<IMAPITable> found;
+        Ptr<IMAPITable> found;
         EXPECT_EQ(extras->Find(words, found.out()), S_OK);
         EXPECT_EQ(columns(found.get(), {PR_SUBJECT_W}), S_OK);
         return read(found.get());
@@ -296,7 +296,7 @@ TEST_F(MapiTable, FindsWordsAndMessageIdentifiers) {
     ASSERT_EQ(made->SaveChanges(0), S_OK);
     EXPECT_THAT(find(u"bahnsteig"), IsEmpty());
     EXPECT_THAT(find(u"anderes zugfahrt"), ElementsAre(subject));
-    Ref<IMAPITable> all;
+    Ptr<IMAPITable> all;
     ASSERT_EQ(extras->Find(nullptr, all.out()), S_OK);
     ASSERT_EQ(columns(all.get(), {PR_SUBJECT_W, PR_ENTRYID}), S_OK);
     SPropValue wanted = text_prop(PR_INTERNET_MESSAGE_ID_W, id);
