@@ -18,6 +18,7 @@
 #include "ZrLog/format.h"
 #include "ZrLog/log_support.h"
 #include "support/child.h"
+#include "support/forked.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -267,7 +268,7 @@ TEST_F(LogFileTest, AKilledProcessLosesNothingItHasWritten) {
 TEST_F(LogFileTest, AForkedChildWritesWithItsOwnIds) {
     ASSERT_TRUE(zrLogSetFile(path_.c_str()));
     zrKelDebugBinLog0("s", 1, 1);
-    const pid_t pid = fork();
+    const pid_t pid = zr::test::fork_beside_threads();
     if (pid == 0) {
         zrKelDebugBinLog0("s", 2, 1);
         _exit(0);

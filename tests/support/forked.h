@@ -15,6 +15,10 @@
 #include <thread>
 #include <vector>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include "support/own_process.h"
+#endif
+
 namespace zr::test {
 
 inline constexpr int kHung = -1000;
@@ -66,19 +70,9 @@ public:
     Load(const Load&) = delete;
     Load& operator=(const Load&) = delete;
 
-    // Forks. The address sanitizer's allocator does not survive a fork beside threads that use it: under it, and only
-    // there, they are between two turns meanwhile.
-    static pid_t fork_beside() {
-#if defined(__SANITIZE_ADDRESS__)
-        const std::lock_guard closed(gate());
-        while (busy().load() != 0) {
-            std::this_thread::yield();
-        }
-#endif
-        return fork();
-    }
-
 private:
+    friend pid_t fork_beside_threads();
+
     static std::mutex& gate() {
         static std::mutex lock;
         return lock;
@@ -92,10 +86,23 @@ private:
     std::vector<std::thread> threads_;
 };
 
+// Forks. A sanitizer's allocator does not survive a fork beside threads that use it, or that are beginning or ending:
+// under one, and only there, all others sleep meanwhile, and loads are between two turns.
+inline pid_t fork_beside_threads() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const std::lock_guard closed(Load::gate());
+    while (Load::busy().load() != 0) {
+        std::this_thread::yield();
+    }
+    static_cast<void>(others_sleep(2000));
+#endif
+    return fork();
+}
+
 // A forked child that runs `body`; its exit code is the body's result.
 class Forked {
 public:
-    explicit Forked(const std::function<int()>& body) : pid_(Load::fork_beside()) {
+    explicit Forked(const std::function<int()>& body) : pid_(fork_beside_threads()) {
         if (pid_ != 0) return;
         int result = 99;
         try {

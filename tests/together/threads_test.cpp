@@ -13,6 +13,7 @@
 #include "platform/platform.h"
 #include "support/child.h"
 #include "support/instrumented.h"
+#include "support/own_process.h"
 #include "support/sandbox.h"
 #include "support/small_queue.h"
 #include "support/sql.h"
@@ -26,14 +27,6 @@ using namespace zr::test;
 constexpr DWORD kSoon = 20'000;
 constexpr int kMostThreads = 4;  // beside the program's own
 constexpr int kMostQueues = 2;
-
-int count_threads() {
-    int count = 0;
-    for ([[maybe_unused]] const auto& each : fs::directory_iterator("/proc/self/task")) {
-        ++count;
-    }
-    return count;
-}
 
 HWND make_window() {
     WNDCLASSW shape = {};
@@ -163,7 +156,7 @@ TEST(Together, TakesFewThreadsAndQueuesOfTheHost) {
     changes.set_clock();
     EXPECT_TRUE(is_signalled(all.named()));
     // A sanitizer has a thread of its own.
-    EXPECT_LE(count_threads(), 1 + kMostThreads + (kInstrumented ? 1 : 0));
+    EXPECT_TRUE(until_threads(1 + kMostThreads + (kInstrumented ? 1 : 0)));
     EXPECT_LE(queues_of_process(), kMostQueues);
 }
 

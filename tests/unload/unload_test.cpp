@@ -18,6 +18,7 @@
 #include "platform/kernel.h"
 #include "platform/memory.h"
 #include "platform/windowing.h"
+#include "support/own_process.h"
 #include "support/time_changes.h"
 
 namespace {
@@ -162,20 +163,12 @@ void count_change() {
     ++time_changes;
 }
 
-int listening_threads() {
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        ++count;
-    }
-    return count;
-}
-
 }  // namespace
 
 TEST(Unload, AListenerForTheTimeThatNobodyReleasedIsEnded) {
     const zr::test::TimeChanges changes;
     const HANDLE named = CreateEventW(nullptr, FALSE, FALSE, u"warm up");
-    const int threads = listening_threads();
+    const int threads = zr::test::count_threads();
     const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
     for (int round = 0; round < 10; ++round) {
         Library library;
@@ -186,9 +179,7 @@ TEST(Unload, AListenerForTheTimeThatNobodyReleasedIsEnded) {
         library.unload();
         ASSERT_FALSE(is_mapped()) << round;
         ASSERT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles) << round;
-        while (listening_threads() > threads) {
-            std::this_thread::yield();
-        }
+        ASSERT_TRUE(zr::test::until_threads(threads)) << round;
     }
     CloseHandle(named);
 }

@@ -20,6 +20,7 @@
 #include "support/failing_new.h"
 #include "support/log_capture.h"
 #include "support/log_categories.h"
+#include "support/own_process.h"
 #include "support/time_changes.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -29,11 +30,15 @@
 namespace {
 
 using zr::test::Child;
+using zr::test::count_threads;
 using zr::test::FailingNew;
 using zr::test::kTimeFailure;
 using zr::test::kTimeInformation;
 using zr::test::LogCapture;
+using zr::test::others_sleep;
+using zr::test::sleeps;
 using zr::test::TimeChanges;
+using zr::test::until_threads;
 
 constexpr const WCHAR* kEvent = u"ZrNotificationListener";
 constexpr const char* kTimeSource = ".\\Helpers\\SystemTimeHelper.cppzrwindowsmobile";
@@ -92,47 +97,11 @@ protected:
     TimeCalls told_;
 };
 
-int threads() {
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        ++count;
-    }
-    return count;
-}
-
-// Returns when there are no more threads than that. One that has ended may still be listed for a moment, here and when
-// the number to compare with was taken.
-void until_threads(int count) {
-    while (threads() > count) {
-        std::this_thread::yield();
-    }
-}
-
-bool sleeps(const std::filesystem::path& thread) {
-    std::ifstream file(thread / "stat");
-    const std::string text((std::istreambuf_iterator<char>(file)), {});
-    const std::size_t name_end = text.rfind(')');
-    return name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
-}
-
 // Returns when the listening thread sleeps: it has reset the event, and will not do so again before the next change.
 void until_listening() {
     const std::string thread = "/proc/self/task/" + std::to_string(told->thread);
     for (int asleep = 0; asleep < 3;) {
         asleep = sleeps(thread) ? asleep + 1 : 0;
-        std::this_thread::yield();
-    }
-}
-
-// The same before the first call, which tells which thread it is: all others sleep.
-void until_others_sleep() {
-    const std::string self = std::to_string(GetCurrentThreadId());
-    for (int asleep = 0; asleep < 3;) {
-        bool all = true;
-        for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-            all = all && (thread.path().filename() == self || sleeps(thread.path()));
-        }
-        asleep = all ? asleep + 1 : 0;
         std::this_thread::yield();
     }
 }
@@ -199,9 +168,9 @@ TEST_F(SystemTime, RefusesNoCallbackAndStaysAsItIs) {
 TEST_F(SystemTime, StartedTwiceHasOneThreadAndTheSecondCallback) {
     other_calls = 0;
     EXPECT_EQ(helper().StartListening(note), 0);
-    const int with_one = threads();
+    const int with_one = count_threads();
     EXPECT_EQ(helper().StartListening(note_other), 0);
-    until_threads(with_one);
+    EXPECT_TRUE(until_threads(with_one));
     change();
     EXPECT_EQ(told_.calls, 1);
     EXPECT_EQ(other_calls, 1);
@@ -213,7 +182,7 @@ TEST_F(SystemTime, StopsAndStartsAgain) {
     EXPECT_EQ(helper().StopListening(), 0);
     EXPECT_FALSE(event_exists());
     const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
-    const int idle = threads();
+    const int idle = count_threads();
     for (int round = 0; round < 50; ++round) {
         ASSERT_EQ(helper().StartListening(note), 0);
         if (round % 2 == 0) {
@@ -223,7 +192,7 @@ TEST_F(SystemTime, StopsAndStartsAgain) {
         }
         ASSERT_EQ(helper().StopListening(), 0);
         ASSERT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
-        until_threads(idle);
+        ASSERT_TRUE(until_threads(idle));
         const int calls = told_.calls;
         changes.set_clock();
         ASSERT_EQ(told_.calls, calls);
@@ -232,13 +201,13 @@ TEST_F(SystemTime, StopsAndStartsAgain) {
 }
 
 TEST_F(SystemTime, ReleaseStops) {
-    const int idle = threads();
+    const int idle = count_threads();
     const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
     EXPECT_EQ(helper().StartListening(note), 0);
     change();
     SystemTimeHelper::Release();
     EXPECT_FALSE(event_exists());
-    until_threads(idle);
+    ASSERT_TRUE(until_threads(idle));
     EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
 }
 
@@ -268,10 +237,10 @@ TEST_F(SystemTime, LogsNothingWhenTheSystemCannotBeWatched) {
 
 TEST_F(SystemTime, AFailedStartStopsTheListenerBefore) {
     EXPECT_EQ(helper().StartListening(note), 0);
-    const int listening = threads();
+    const int listening = count_threads();
     setenv("ZR_ZONE_FILE", "/nowhere/localtime", 1);
     EXPECT_EQ(helper().StartListening(note_other), E_FAIL);
-    until_threads(listening - 2);
+    EXPECT_TRUE(until_threads(listening - 2));
     EXPECT_FALSE(event_exists());
     setenv("ZR_ZONE_FILE", changes.zone_file().c_str(), 1);
 }
@@ -297,7 +266,7 @@ TEST_F(SystemTime, StartsOrFailsWholeWhenMemoryIsShort) {
     EXPECT_EQ(helper().StartListening(note), 0);  // what the process keeps of its first time is there
     EXPECT_EQ(helper().StopListening(), 0);
     const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
-    const int idle = threads();
+    const int idle = count_threads();
     int failures = 0;
     for (int successes = 0;; ++successes) {
         ASSERT_LT(successes, 200);
@@ -311,7 +280,7 @@ TEST_F(SystemTime, StartsOrFailsWholeWhenMemoryIsShort) {
         ++failures;
         EXPECT_FALSE(event_exists());
         EXPECT_EQ(helper().StopListening(), 0);
-        until_threads(idle);
+        ASSERT_TRUE(until_threads(idle));
         EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
     }
     EXPECT_GT(failures, 1);
@@ -333,7 +302,9 @@ ZR_CHILD(listening_process) {
     TimeCalls own;
     told = &own;
     if (SystemTimeHelper::GetInstance()->StartListening(note) != 0) return 1;
-    until_others_sleep();
+    // Before the first call, which tells which thread it is.
+    while (!others_sleep(1000)) {
+    }
     zr::test::say("ready");
     for (;;) {
         own.wait();
@@ -384,7 +355,7 @@ TEST_F(SystemTime, ACallbackMayStop) {
     static std::atomic<bool> went_on{false};
     went_on = false;
     const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
-    const int idle = threads();
+    const int idle = count_threads();
     EXPECT_EQ(helper().StartListening([] {
         SetEvent(told->called);
         SystemTimeHelper::GetInstance()->StopListening();
@@ -393,7 +364,7 @@ TEST_F(SystemTime, ACallbackMayStop) {
               0);
     changes.set_clock();
     EXPECT_TRUE(told_.wait());
-    until_threads(idle);
+    ASSERT_TRUE(until_threads(idle));
     EXPECT_FALSE(went_on);
     EXPECT_FALSE(event_exists());
     EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
@@ -404,7 +375,7 @@ TEST_F(SystemTime, ACallbackMayStop) {
 TEST_F(SystemTime, ACallbackIsEndedAtItsNextCallOfThePlatform) {
     static std::atomic<bool> went_on{false};
     went_on = false;
-    const int idle = threads();
+    const int idle = count_threads();
     EXPECT_EQ(helper().StartListening([] {
         SetEvent(told->called);
         Sleep(INFINITE);
@@ -414,7 +385,7 @@ TEST_F(SystemTime, ACallbackIsEndedAtItsNextCallOfThePlatform) {
     changes.set_clock();
     EXPECT_TRUE(told_.wait());
     EXPECT_EQ(helper().StopListening(), 0);
-    until_threads(idle);
+    ASSERT_TRUE(until_threads(idle));
     EXPECT_FALSE(went_on);
 }
 
@@ -423,7 +394,7 @@ TEST_F(SystemTime, ACallbackThatCallsNothingIsLeftToItself) {
     static std::atomic<int> returned{0};
     let_go = false;
     returned = 0;
-    const int idle = threads();
+    const int idle = count_threads();
     const auto busy = [] {
         SetEvent(told->called);
         while (!let_go) {
@@ -449,7 +420,7 @@ TEST_F(SystemTime, ACallbackThatCallsNothingIsLeftToItself) {
         std::this_thread::yield();
     }
     SystemTimeHelper::Release();
-    until_threads(idle);
+    ASSERT_TRUE(until_threads(idle));
 }
 
 TEST_F(SystemTime, ForgetsAChangeDuringTheCallback) {

@@ -153,7 +153,7 @@ TEST(FilesFork, TheOneWhoOpenedAFileKeepsOthersOff) {
               0);
     int lives[2];
     ASSERT_EQ(pipe(lives), 0);
-    const pid_t child = fork();
+    const pid_t child = zr::test::fork_beside_threads();
     if (child == 0) {
         close(lives[1]);
         char byte = 0;

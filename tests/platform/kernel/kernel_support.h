@@ -4,14 +4,13 @@
 #include <sched.h>
 
 #include <atomic>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <utility>
 
 #include "platform/diagnostics.h"
 #include "platform/kernel.h"
+#include "support/own_process.h"
 
 namespace zr::test {
 
@@ -92,12 +91,8 @@ public:
 
     // Returns once the thread sleeps in the system: after it said that it is about to wait, it waits then.
     void until_asleep() const {
-        const std::string path = "/proc/self/task/" + std::to_string(id_) + "/stat";
-        for (;;) {
-            std::ifstream file(path);
-            const std::string text((std::istreambuf_iterator<char>(file)), {});
-            const std::size_t name_end = text.rfind(')');
-            if (name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0) return;
+        const std::string path = "/proc/self/task/" + std::to_string(id_);
+        while (!sleeps(path)) {
             sched_yield();
         }
     }

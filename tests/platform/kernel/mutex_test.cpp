@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/kernel/kernel_support.h"
+#include "support/forked.h"
 
 using namespace zr::test;
 
@@ -414,25 +415,13 @@ TEST(Mutex, ManyThreadsInAllWays) {
 // In the child nobody goes on with what the parent's other threads were doing.
 TEST(Mutex, IsClosedInAChildWhileTheParentsThreadsUseIt) {
     const Handle lock = mutex();
-    std::atomic<bool> stop = false;
-    std::atomic<int> uses = 0;
-    Worker user([&] {
-        while (!stop.load()) {
-            WaitForSingleObject(lock, INFINITE);
-            ReleaseMutex(lock);
-            ++uses;
+    const Load user({[&] {
+        for (int uses = 0; uses < 100; ++uses) {
+            EXPECT_EQ(WaitForSingleObject(lock, INFINITE), WAIT_OBJECT_0);
+            EXPECT_TRUE(ReleaseMutex(lock));
         }
-        return DWORD{0};
-    });
-    while (uses < 100) {
-        sched_yield();
-    }
+    }});
     for (int i = 0; i < 50; ++i) {
-        const pid_t child = fork();
-        if (child == 0) _exit(CloseHandle(lock) ? 0 : 1);
-        int status = -1;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(in_fork([&] { return CloseHandle(lock) ? 0 : 1; }), 0);
     }
-    stop = true;
 }

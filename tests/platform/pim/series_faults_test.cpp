@@ -13,6 +13,7 @@
 #include "store_query.h"
 #include "support/child.h"
 #include "support/failing_new.h"
+#include "support/forked.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -136,7 +137,7 @@ TEST(SeriesFaults, AKillInTheMiddleOfSaveLeavesBeforeOrAfter) {
     for (int round = 0; round < kRounds; ++round) {
         int saved[2];
         ASSERT_EQ(pipe(saved), 0);
-        const pid_t child = fork();
+        const pid_t child = zr::test::fork_beside_threads();
         if (child == 0) turn_to_and_fro(saved[1]);
         close(saved[1]);
         char byte = 0;

@@ -16,6 +16,7 @@
 #include "platform/kernel.h"
 #include "registry_support.h"
 #include "support/child.h"
+#include "support/forked.h"
 
 namespace {
 
@@ -406,7 +407,7 @@ TEST(RegistryChangesOfProcesses, AForkedChildWatchesForItself) {
     ASSERT_EQ(set_dword(key, u"v", 1), kOk);
     ASSERT_TRUE(parents.wait());
     ASSERT_TRUE(parents.next());
-    const pid_t child = fork();
+    const pid_t child = zr::test::fork_beside_threads();
     if (child == 0) {
         alarm(30);
         const HANDLE own = CeFindFirstRegChange(key, FALSE, kValues);

@@ -10,6 +10,7 @@
 #include <random>
 
 #include "registry_support.h"
+#include "support/forked.h"
 #include "support/instrumented.h"
 #include "support/sandbox.h"
 #include "support/sql.h"
@@ -74,7 +75,7 @@ TEST(Faults, KilledWritersLoseNothingThatWasFlushed) {
         if (number % 2 == 0 && !exists(key, u"odd\\deep")) create(key, u"odd\\deep");
         if (number % 2 != 0) RegDeleteKeyW(key, u"odd");
         const DWORD before = told.begun;
-        const pid_t writer = fork();
+        const pid_t writer = zr::test::fork_beside_threads();
         if (writer == 0) write_until_killed(key, told, number);
         while (told.begun == before) {  // it is in the middle of it
         }

@@ -8,6 +8,7 @@
 
 #include "registry_support.h"
 #include "support/child.h"
+#include "support/forked.h"
 
 namespace {
 
@@ -234,31 +235,20 @@ int as_a_child(HKEY inherited) {
 TEST(Processes, GoOnWithTheirHandlesAfterAFork) {
     const Key key = create(HKEY_CURRENT_USER, u"fork");
     ASSERT_EQ(set_dword(key, u"v", 1), kOk);
-    std::atomic<bool> done{false};
-    std::thread busy([&] {
-        const Key other = create(HKEY_CURRENT_USER, u"busy");
-        for (DWORD i = 0; !done; ++i) {
-            EXPECT_EQ(set_dword(other, u"v", i), kOk);
-            EXPECT_EQ(get_dword(other, u"v"), i);
-        }
-    });
+    const Key other = create(HKEY_CURRENT_USER, u"busy");
+    DWORD number = 0;
+    const zr::test::Load busy({[&] {
+        ++number;
+        EXPECT_EQ(set_dword(other, u"v", number), kOk);
+        EXPECT_EQ(get_dword(other, u"v"), number);
+    }});
     for (int round = 0; round < 300; ++round) {
         ASSERT_EQ(set_dword(key, u"v", 1), kOk);
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(60);
-            _exit(as_a_child(key));
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(WEXITSTATUS(status), 0);
+        ASSERT_EQ(zr::test::in_fork([&] { return as_a_child(key); }), 0);
         EXPECT_EQ(get_dword(key, u"v"), 2u);
         EXPECT_EQ(sub_keys(key), Names{u"by the child"});
         ASSERT_EQ(RegDeleteKeyW(key, u"by the child"), kOk);
     }
-    done = true;
-    busy.join();
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "platform/windowing.h"
 #include "support/forked.h"
 #include "support/instrumented.h"
+#include "support/own_process.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -125,14 +126,6 @@ void make(const fs::path& path) {
     std::ofstream(path).flush();
 }
 
-int count_threads() {
-    int count = 0;
-    for ([[maybe_unused]] const auto& each : fs::directory_iterator("/proc/self/task")) {
-        ++count;
-    }
-    return count;
-}
-
 }  // namespace
 
 TEST(ChangeNotify, TellsAWindowOfEachKindOfChange) {
@@ -225,7 +218,7 @@ TEST(ChangeNotify, ManyWindowsTakeOneThread) {
         EXPECT_TRUE(each->tells({"+file"}));
     }
     // A sanitizer has one of its own from the first thread on.
-    EXPECT_LE(count_threads(), threads_before + (kInstrumented ? 2 : 1));
+    EXPECT_TRUE(until_threads(threads_before + (kInstrumented ? 2 : 1)));
 }
 
 TEST(ChangeNotify, BothProcessesTellTheirWindowsAfterAFork) {

@@ -22,6 +22,7 @@
 #include "support/child.h"
 #include "support/forked.h"
 #include "support/instrumented.h"
+#include "support/own_process.h"
 #include "support/time_changes.h"
 
 namespace {
@@ -92,16 +93,10 @@ void until_watching(int count) {
     }
 }
 
-int count_threads() {
-    return count_entries("/proc/self/task");
-}
-
 // How many descriptors there are once no more than so many threads are left.
 int descriptors_of(int threads) {
-    while (count_threads() > threads) {
-        std::this_thread::yield();
-    }
-    return count_entries("/proc/self/fd");
+    EXPECT_TRUE(zr::test::until_threads(threads));
+    return zr::test::count_descriptors();
 }
 
 void expect_refused(LPCWSTR application, LONG system_event, DWORD error) {
@@ -298,7 +293,7 @@ TEST(Notify, WatchesOnlyWhileSomethingIsRegistered) {
     until_watching(1);
     warm_up.reset();
     until_watching(0);
-    const int threads_before = count_threads();
+    const int threads_before = zr::test::count_threads();
     const int descriptors_before = descriptors_of(threads_before);
     for (int round = 0; round < 20; ++round) {
         {
@@ -317,7 +312,7 @@ TEST(Notify, SaysWhyItCannotWatch) {
     setenv("ZR_ZONE_FILE", "/nowhere/localtime", 1);
     const std::u16string path = kPrefix + u"x";
     const HANDLE named = CreateEventW(nullptr, FALSE, FALSE, u"named");
-    const int threads_before = count_threads();
+    const int threads_before = zr::test::count_threads();
     const int descriptors_before = descriptors_of(threads_before);
     expect_refused(path.c_str(), NOTIFICATION_EVENT_TIME_CHANGE, ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(descriptors_of(threads_before), descriptors_before);
@@ -435,7 +430,7 @@ ZR_CHILD(killer) {
     for (std::string line = zr::test::hear(); line == "next"; line = zr::test::hear()) {
         int ready[2];
         if (pipe(ready) != 0) return 1;
-        const pid_t process = fork();
+        const pid_t process = zr::test::fork_beside_threads();
         if (process == 0) {
             const char byte = request(u"shared") ? 'y' : 'n';
             static_cast<void>(!write(ready[1], &byte, 1));
@@ -596,7 +591,7 @@ TEST(Notify, AForkedChildsEndChangesNothing) {
     const TimeChanges changes;
     const Watched watched(u"shared");
     const auto expect_success = [](auto child) {
-        const pid_t process = fork();
+        const pid_t process = zr::test::fork_beside_threads();
         if (process == 0) exit(child() ? 0 : 1);
         EXPECT_EQ(zr::test::await_child(process), 0);
     };
@@ -613,7 +608,7 @@ TEST(Notify, AForkedChildHasItsParentsRegistrations) {
     const Watched watched(u"shared");
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
+    const pid_t child = zr::test::fork_beside_threads();
     if (child == 0) {
         const HANDLE event = OpenEventW(EVENT_ALL_ACCESS, FALSE, u"shared");
         WaitForSingleObject(event, 0);  // it resumes

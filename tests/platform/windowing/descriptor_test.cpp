@@ -1,8 +1,8 @@
-#include <dirent.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "support/own_process.h"
 #include "windowing_support.h"
 
 namespace {
@@ -13,15 +13,6 @@ using namespace windowing_test;
 bool readable(int descriptor, int milliseconds = 0) {
     pollfd one{descriptor, POLLIN, 0};
     return poll(&one, 1, milliseconds) == 1 && (one.revents & POLLIN);
-}
-
-int open_descriptors() {
-    int count = 0;
-    DIR* folder = opendir("/proc/self/fd");
-    while (readdir(folder))
-        ++count;
-    closedir(folder);
-    return count;
 }
 
 constexpr int kLong = 60'000;
@@ -109,11 +100,11 @@ TEST(QueueDescriptor, IsQuietAgainWhenASentMessagesWindowGoes) {
 
 TEST(QueueDescriptor, ClosesWithItsThread) {
     on_thread([] { drain(); });
-    const int before = open_descriptors();
+    const int before = zr::test::count_descriptors();
     on_thread([] { EXPECT_GE(ZrGetQueueDescriptor(), 0); });
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(zr::test::count_descriptors(), before);
     on_thread([] { drain(); });
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(zr::test::count_descriptors(), before);
 }
 
 TEST(QueueDescriptor, MayBeImpossible) {

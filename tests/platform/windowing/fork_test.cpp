@@ -76,7 +76,7 @@ TEST(WindowingFork, NobodyAnswersInTheChild) {
     pid_t child = -1;
     const TestWindow window([&](HWND own, UINT message, WPARAM wparam, LPARAM lparam) -> LRESULT {
         if (message != WM_USER + 1) return DefWindowProcW(own, message, wparam, lparam);
-        child = fork();
+        child = zr::test::fork_beside_threads();
         return 41;
     });
     here = window;

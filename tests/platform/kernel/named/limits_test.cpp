@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "platform/kernel/named/support.h"
+#include "support/own_process.h"
 
 using namespace zr::test;
 
@@ -63,14 +64,13 @@ TEST(NamedLimits, ThousandsOfNames) {
 
 TEST(NamedLimits, ManyMappingsNeedNoDescriptors) {
     std::vector<Handle> handles;
-    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
     handles.push_back(named_mapping(u"first", 1));
-    const auto before = descriptors();
+    const auto before = count_descriptors();
     for (int i = 0; i < 500; ++i) {
         handles.push_back(named_mapping(numbered(u"m", i).c_str(), 100));
         ASSERT_NE(handles.back(), nullptr);
     }
-    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(count_descriptors(), before);
 }
 
 TEST(NamedLimits, SixtyFourThreadsOnOneLock) {

@@ -21,6 +21,7 @@
 #include "platform/mapping.h"
 #include "platform/memory.h"
 #include "platform/objects.h"
+#include "support/forked.h"
 
 namespace zr::test {
 
@@ -30,8 +31,7 @@ class Fork {
 public:
     explicit Fork(const std::function<int()>& body) {
         EXPECT_EQ(pipe2(pipe_, O_CLOEXEC), 0);
-        until_threads_are_gone();
-        pid_ = fork();
+        pid_ = fork_beside_threads();
         if (pid_ == 0) {
             mine() = pipe_[1];
             _exit(body());
@@ -75,20 +75,6 @@ public:
     pid_t pid() const { return pid_; }
 
 private:
-    // A sanitizer's allocator does not survive a fork beside a thread that is just ending: only this thread and the one
-    // that watches over named objects are left, or those that the test keeps.
-    static void until_threads_are_gone() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-        const auto threads = [] {
-            const std::filesystem::directory_iterator tasks("/proc/self/task");
-            return std::distance(begin(tasks), end(tasks));
-        };
-        for (int look = 0; look < 100 && threads() > 2; ++look) {
-            usleep(500);
-        }
-#endif
-    }
-
     static int& mine() {
         static int fd = -1;
         return fd;
