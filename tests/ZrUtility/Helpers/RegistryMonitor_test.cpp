@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -76,6 +77,16 @@ protected:
         HANDLE fields[sizeof monitor / sizeof(HANDLE)];
         std::memcpy(fields, static_cast<const void*>(&monitor), sizeof monitor);
         return fields[1];
+    }
+
+    // Whether what is tried takes less than the second that a stop waits for a thread. On a busy computer anything may
+    // take that long, but not each time.
+    static bool is_quick(const std::function<void(DWORD& took)>& tried) {
+        DWORD took = INFINITE;
+        for (int i = 0; i < 10 && took >= 900 && !HasFailure(); ++i) {
+            tried(took);
+        }
+        return took < 900;
     }
 
     // The thread listens from some time after the start on.
@@ -159,16 +170,19 @@ TEST_F(Monitor, GoesOnWhenToldToDuringTheReport) {
 }
 
 TEST_F(Monitor, AfterItsThreadHasEndedContinuingArmsForNobody) {
-    RegistryMonitor monitor;
-    ASSERT_EQ(start(monitor), 1);
-    change_until_reported();
-    ASSERT_EQ(WaitForSingleObject(thread_of(monitor), kLong), WAIT_OBJECT_0) << "else it would go on itself";
-    EXPECT_EQ(monitor.ContinueMonitor(), 1);
-    set(u"later", 1);
-    const DWORD before = GetTickCount();
-    EXPECT_EQ(monitor.StopMonitor(), 1);
-    EXPECT_LT(GetTickCount() - before, 900u) << "there is nobody to wait for";
-    EXPECT_EQ(reports.count, 1);
+    EXPECT_TRUE(is_quick([&](DWORD& took) {
+        RegistryMonitor monitor;
+        const int reported_before = reports.count;
+        ASSERT_EQ(start(monitor), 1);
+        change_until_reported();
+        ASSERT_EQ(WaitForSingleObject(thread_of(monitor), kLong), WAIT_OBJECT_0) << "else it would go on itself";
+        EXPECT_EQ(monitor.ContinueMonitor(), 1);
+        set(u"later", 1);
+        const DWORD before = GetTickCount();
+        EXPECT_EQ(monitor.StopMonitor(), 1);
+        took = GetTickCount() - before;
+        EXPECT_EQ(reports.count, reported_before + 1);
+    })) << "there is nobody to wait for";
 }
 
 TEST_F(Monitor, WithExpectedTextOnlyAnotherTextCounts) {
@@ -410,14 +424,16 @@ TEST_F(Monitor, TenInOtherProcessesEndAtTheFinalState) {
 // ---- ends ----------------------------------------------------------------------------------------------------------
 
 TEST_F(Monitor, StopsFromWithinItsReport) {
-    RegistryMonitor monitor;
-    reports.stops = &monitor;
-    ASSERT_EQ(start(monitor), 1);
-    const DWORD before = GetTickCount();
-    change_until_reported();
-    EXPECT_EQ(reports.result, 1);
-    EXPECT_LT(GetTickCount() - before, 900u) << "it does not wait for itself";
-    EXPECT_EQ(monitor.StopMonitor(), 0);
+    EXPECT_TRUE(is_quick([&](DWORD& took) {
+        RegistryMonitor monitor;
+        reports.stops = &monitor;
+        ASSERT_EQ(start(monitor), 1);
+        const DWORD before = GetTickCount();
+        change_until_reported();
+        took = GetTickCount() - before;
+        EXPECT_EQ(reports.result, 1);
+        EXPECT_EQ(monitor.StopMonitor(), 0);
+    })) << "it does not wait for itself";
 }
 
 TEST_F(Monitor, StartingTwiceLeavesOneThread) {

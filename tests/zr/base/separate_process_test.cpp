@@ -46,7 +46,7 @@ TEST(SeparateProcess, WaitsOnlySoLong) {
             }
             return "here";
         },
-        std::chrono::seconds(1));
+        std::chrono::seconds(3));
     std::string answer;
     EXPECT_FALSE(process.ask(1, answer));
     EXPECT_EQ(process.failure(), "does not answer");
