@@ -53,6 +53,10 @@ void on_change(HKEY key) {
 class Monitor : public testing::Test {
 protected:
     void SetUp() override {
+        reports.goes_on = nullptr;
+        reports.stops = nullptr;
+        reports.count = 0;
+        ResetEvent(reports.came);
         ASSERT_EQ(
             RegCreateKeyExW(HKEY_CURRENT_USER, kWatchedPath, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key_, nullptr),
             kOk);
@@ -363,6 +367,7 @@ TEST_F(Monitor, SendsMessages) {
 }
 
 TEST_F(Monitor, AReportThatNobodyTakesIsTerminatedAfterASecond) {
+    messages_handled = 0;
     const HWND window = make_window();
     RegistryMonitor monitor;
     ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, nullptr, nullptr, FALSE, kValues,
