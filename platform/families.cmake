@@ -25,5 +25,6 @@ zr_family(pim HEADERS pim LIBRARIES SQLite::SQLite3 TEST_LIBRARIES zr_test_memor
 zr_family(shell HEADERS shell provisioning registry_readers TEST_LIBRARIES zr_test_memory)
 zr_family(modules HEADERS modules)
 zr_family(iphelper HEADERS iphelper LABELS threads)
+zr_family(bus LABELS threads)
 zr_family(connection HEADERS connection TEST_LIBRARIES zr_test_memory LABELS threads)
 zr_family(mapi HEADERS mapi mapi_structures mapi_tags LIBRARIES SQLite::SQLite3 TEST_LIBRARIES zr_test_memory LABELS threads)

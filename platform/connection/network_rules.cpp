@@ -128,18 +128,20 @@ void NetworkRules::read_rules() {
         rule.name = name;
         std::u16string network;
         if (!read_text(key, name, u"Interface", rule.interface) || !read_text(key, name, u"Type", rule.type) ||
-            !read_text(key, name, u"Network", network))
+            !read_text(key, name, u"Connection", rule.connection) || !read_text(key, name, u"Network", network))
             continue;
         if (find_network(network, rule.network)) rules_.push_back(std::move(rule));
     }
 }
 
-Judgement NetworkRules::judge(const NetworkConnection& connection, const ConnectionKind& kind) const {
+Judgement NetworkRules::judge(const NetworkConnection& connection, const ConnectionKind& kind,
+                              const std::u16string& name) const {
     const std::u16string interface = host_to_wide(connection.interface.name);
     const std::u16string type(kind_word(kind));
     Judgement result;
     for (const Rule& rule : rules_) {
         if (!rule.interface.empty() && !fits(rule.interface, interface)) continue;
+        if (!rule.connection.empty() && !fits(rule.connection, name)) continue;
         if (!rule.type.empty() && !is_same(rule.type, type)) continue;
         result = {rule.network, name_of(rule.network), ZrConnectionReason::Rule, rule.name};
         return result;

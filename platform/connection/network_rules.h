@@ -23,12 +23,14 @@ public:
     // As the registry has them now; one that cannot be read has none. May throw std::bad_alloc.
     NetworkRules();
 
-    Judgement judge(const NetworkConnection& connection, const ConnectionKind& kind) const;
+    // `name`: NetworkManager's for the connection.
+    Judgement judge(const NetworkConnection& connection, const ConnectionKind& kind, const std::u16string& name) const;
 
 private:
     struct Rule {
         std::u16string name;
         std::u16string interface;  // empty: all
+        std::u16string connection;
         std::u16string type;
         GUID network;
     };

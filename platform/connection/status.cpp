@@ -6,16 +6,19 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/utf.h"
 #include "connection_kind.h"
 #include "iphelper/network_watch.h"
 #include "kernel/thread.h"
+#include "network_manager.h"
 #include "network_rules.h"
 #include "network_state.h"
 #include "platform/base.h"
 #include "platform/connection.h"
+#include "platform/kernel.h"
 
 namespace zr::platform {
 namespace {
@@ -28,6 +31,8 @@ struct Described {
     ConnectionKind kind;
     Judgement judgement;
     std::u16string adapter;
+    std::u16string name;  // NetworkManager's
+    Metered metered = Metered::Unknown;
 };
 
 DWORD describe_all(std::vector<Described>& all) {
@@ -35,11 +40,18 @@ DWORD describe_all(std::vector<Described>& all) {
     if (const DWORD error = read_network_state(connections)) return error;
     if (connections.empty()) return ERROR_SUCCESS;
     const NetworkRules rules;
+    const auto managed = managed_connections();
     for (NetworkConnection& each : connections) {
-        const ConnectionKind kind = connection_kind(each.interface);
-        all.push_back({std::move(each), kind, {}, {}});
-        all.back().judgement = rules.judge(all.back().connection, kind);
-        all.back().adapter = host_to_wide(all.back().connection.interface.name);
+        Described& made = all.emplace_back();
+        made.kind = connection_kind(each.interface);
+        made.adapter = host_to_wide(each.interface.name);
+        if (const ManagedConnection* const known = find_managed(managed.get(), each)) {
+            made.kind = managed_kind(*known).value_or(made.kind);
+            made.name = known->name;
+            made.metered = known->metered;
+        }
+        made.judgement = rules.judge(each, made.kind, made.name);
+        made.connection = std::move(each);
     }
     return ERROR_SUCCESS;
 }
@@ -101,7 +113,7 @@ CONNMGR_CONNECTION_IPADDR* write_addresses(const std::vector<NetAddress>& addres
 // NULL when the room only counts.
 Record* write_record(const Described& described, Room& room) {
     auto* const record = room.take<Record>(sizeof(Record));
-    const LPWSTR description = room.take_text(described.adapter);
+    const LPWSTR description = room.take_text(described.name.empty() ? described.adapter : described.name);
     const LPWSTR adapter = room.take_text(described.adapter);
     CONNMGR_CONNECTION_IPADDR* const addresses = write_addresses(described.connection.addresses, room);
     if (!record) return nullptr;
@@ -115,6 +127,8 @@ Record* write_record(const Described& described, Room& room) {
     record->dwSecure = described.kind.type == CM_CONNTYPE_VPN;
     if (described.judgement.reason != ZrConnectionReason::None) record->dwParams |= CONNMGRDETAILEDSTATUS_PARAM_DESTNET;
     record->guidDestNet = described.judgement.network;
+    if (described.metered != Metered::Unknown) record->dwParams |= CONNMGRDETAILEDSTATUS_PARAM_FLAGS;
+    if (described.metered == Metered::Yes) record->dwFlags = CM_DSF_BILLBYTIME;
     record->szDescription = description;
     record->szAdapterName = adapter;
     record->dwConnectionStatus =
@@ -159,8 +173,12 @@ HRESULT visit_all(ZrConnectionVisitor visit, LPVOID context) {
         bytes.resize(count.used());
         Room room(bytes.data());
         const Record* const record = write_record(each, room);
-        const ZrConnection shown{record, each.judgement.name.c_str(), each.judgement.reason,
-                                 each.judgement.rule.c_str()};
+        const ZrConnection shown{record,
+                                 each.judgement.name.c_str(),
+                                 each.judgement.reason,
+                                 each.judgement.rule.c_str(),
+                                 each.name.c_str(),
+                                 each.metered == Metered::Yes};
         if (visit(&shown, context) != 0) break;
     }
     return S_OK;
@@ -185,7 +203,14 @@ HRESULT ZrVisitConnections(ZrConnectionVisitor visit, LPVOID context) try {
     return E_OUTOFMEMORY;
 }
 
-DWORD ZrNotifyConnectionChange(HANDLE* handle) {
+DWORD ZrNotifyConnectionChange(HANDLE* handle) try {
     cancellation_point();
-    return handle != nullptr ? watch_network(NetworkChanges::All, *handle) : ERROR_INVALID_PARAMETER;
+    if (handle == nullptr) return ERROR_INVALID_PARAMETER;
+    const DWORD error = watch_network(NetworkChanges::All, *handle);
+    // From here on NetworkManager says what it changes.
+    if (error == ERROR_SUCCESS) managed_connections();
+    return error;
+} catch (const std::bad_alloc&) {
+    CloseHandle(std::exchange(*handle, nullptr));
+    return ERROR_NOT_ENOUGH_MEMORY;
 }

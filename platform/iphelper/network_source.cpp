@@ -138,6 +138,16 @@ void NetworkSource::tell(bool addresses, bool others) noexcept {
     }
 }
 
+bool NetworkSource::is_watched() noexcept {
+    const std::lock_guard guard(mutex_);
+    return std::ranges::any_of(watches_, [](const auto& each) { return each->changes() == NetworkChanges::All; });
+}
+
+void NetworkSource::tell_others() noexcept {
+    const std::lock_guard guard(mutex_);
+    tell(false, true);
+}
+
 void NetworkSource::ready() noexcept {
     const std::lock_guard guard(mutex_);
     if (!running_) return;
@@ -187,6 +197,14 @@ DWORD watch_network(NetworkChanges changes, HANDLE& handle) noexcept try {
     return error;
 } catch (const std::bad_alloc&) {
     return ERROR_NOT_ENOUGH_MEMORY;
+}
+
+bool network_is_watched() noexcept {
+    return the_source.is_watched();
+}
+
+void tell_network_watches() noexcept {
+    the_source.tell_others();
 }
 
 }  // namespace zr::platform

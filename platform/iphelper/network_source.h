@@ -34,6 +34,9 @@ public:
 
     void ready() noexcept override;
 
+    bool is_watched() noexcept;
+    void tell_others() noexcept;
+
     void lock() noexcept;
     void unlock() noexcept;
     void begin_child() noexcept;

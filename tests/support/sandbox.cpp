@@ -38,6 +38,7 @@ void enter_sandbox() {
     set("ZR_HOME", folder / "state");
     set("ZR_ROOT", folder / "root");
     set("XDG_RUNTIME_DIR", folder / "run");
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + (folder / "bus").string()).c_str(), 1);
     set("HOME", folder / "home");
     set("XDG_DATA_HOME", folder / "home/.local/share");
     set("XDG_CONFIG_HOME", folder / "home/.config");

@@ -1,7 +1,7 @@
 #pragma once
 
 // Every test program runs in a world of its own: fresh folders for the stores, the handheld's root, the runtime
-// directory and the home folder, all removed when the program ends.
+// directory and the home folder, all removed when the program ends; and no system bus (see private_bus.h).
 
 #include <filesystem>
 #include <string>

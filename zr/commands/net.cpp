@@ -23,10 +23,12 @@ namespace {
 
 struct NetConnection {
     std::string name;
+    std::string connection;  // NetworkManager's name
     std::string state;
     std::string kind;
     std::string network;
     std::string reason;
+    bool metered = false;
     std::vector<std::string> addresses;
 
     bool operator==(const NetConnection&) const = default;
@@ -79,6 +81,8 @@ int collect(const ZrConnection* connection, LPVOID all) {
     found.kind = kind_of(status);
     found.network = to_utf8(connection->Network);
     found.reason = reason_of(*connection);
+    found.connection = to_utf8(connection->Name);
+    found.metered = connection->Metered != FALSE;
     for (DWORD i = 0; status.pIPAddr != nullptr && i < status.pIPAddr->cIPAddr; ++i) {
         found.addresses.push_back(address_text(status.pIPAddr->IPAddr[i]));
     }
@@ -95,6 +99,8 @@ std::vector<NetConnection> connections() {
 
 std::string text_of(const NetConnection& connection) {
     std::string text = connection.state + ", " + connection.kind + ", ";
+    if (!connection.connection.empty()) text += "\"" + printable(connection.connection) + "\", ";
+    if (connection.metered) text += "metered, ";
     text += connection.network.empty() ? "no network"
                                        : printable(connection.network) + " (" + printable(connection.reason) + ")";
     for (std::size_t i = 0; i < connection.addresses.size(); ++i) {
@@ -108,8 +114,9 @@ Json json_of(const NetConnection& connection) {
     for (const std::string& address : connection.addresses) {
         addresses.add(address);
     }
-    return {{"name", connection.name},       {"state", connection.state},   {"kind", connection.kind},
-            {"network", connection.network}, {"reason", connection.reason}, {"addresses", std::move(addresses)}};
+    return {{"name", connection.name},     {"connection", connection.connection}, {"state", connection.state},
+            {"kind", connection.kind},     {"metered", connection.metered},       {"network", connection.network},
+            {"reason", connection.reason}, {"addresses", std::move(addresses)}};
 }
 
 Exit status(bool json) {
@@ -188,11 +195,13 @@ void add_net_status(Command net) {
     const auto json = std::make_shared<bool>(false);
     command.add_flag("--json", *json, "Print JSON");
     command.footer(
-        "A line is the connection's name and, behind a tab, its state, its kind, the network and what decided that,\n"
-        "and its addresses. Rules are keys below HKLM\\Comm\\ConnMgr\\Rules, the first that fits decides: Network is "
+        "A line is the interface's name and, behind a tab, its state, its kind, NetworkManager's name for the\n"
+        "connection and whether it is metered (where NetworkManager runs), the network and what decided that, and its\n"
+        "addresses. Rules are keys below HKLM\\Comm\\ConnMgr\\Rules, the first that fits decides: Network is "
         "a\n"
-        "network's name or GUID; Interface (with * and ?) and Type (cellular, ethernet, wifi, bluetooth, dialup, vpn)\n"
-        "say which connections it fits.\n\n"
+        "network's name or GUID; Interface and Connection (with * and ?) and Type (cellular, ethernet, wifi, "
+        "bluetooth,\n"
+        "dialup, vpn) say which connections it fits.\n\n"
         "Examples:\n"
         "  zr net status\n"
         "  zr reg set 'HKLM\\Comm\\ConnMgr\\Rules\\10' Network Work\n"

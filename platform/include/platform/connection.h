@@ -3,7 +3,9 @@
 // The connections of this computer, and the networks that they lead into.
 //
 // A connection is a network interface, but for the loopback. What the kernel says of interfaces, addresses and routes
-// is asked anew by each call; nothing is kept.
+// is asked anew by each call. Where NetworkManager is on the system bus, it says what it calls a connection, of what
+// kind it is, whether it is a VPN, and whether it is metered; that is kept until it says that something changed. What
+// it does not say within two seconds is left out, and then it is not asked again for half a minute.
 //
 // Destinations are the keys below HKLM\Comm\ConnMgr\Destinations, each with its GUID as the text DestId. Which one a
 // connection leads into is said by rules, the keys below HKLM\Comm\ConnMgr\Rules. They are looked through in the order
@@ -12,6 +14,7 @@
 //   is
 //              passed over.
 //   Interface  fits interfaces of that name; * stands for any characters and ? for one, letter case does not matter
+//   Connection fits connections of that name, by which NetworkManager knows them; with * and ? likewise
 //   Type       fits connections of that kind: cellular, ethernet, wifi, bluetooth, dialup or vpn
 // What a rule does not have fits all; a value that is no text is passed over with its rule. Where no rule fits: a
 // connection that holds a default route leads into the Internet network, a VPN or a private network without one into
@@ -43,8 +46,8 @@ struct CONNMGR_CONNECTION_DETAILED_STATUS {
     DWORD dwSecure;   // not 0: nobody on the way can read along
     GUID guidDestNet;
     GUID guidSourceNet;
-    LPWSTR szDescription;
-    LPWSTR szAdapterName;
+    LPWSTR szDescription;      // NetworkManager's name of the connection, or the interface's
+    LPWSTR szAdapterName;      // the interface's
     DWORD dwConnectionStatus;  // CONNMGR_STATUS_
     SYSTEMTIME LastConnectTime;
     DWORD dwSignalQuality;
@@ -79,7 +82,7 @@ inline constexpr DWORD CM_CONNSUBTYPE_NIC_ETHERNET = 1;
 inline constexpr DWORD CM_CONNSUBTYPE_NIC_WIFI = 2;
 inline constexpr DWORD CM_CONNSUBTYPE_BLUETOOTH_PAN = 2;
 
-inline constexpr DWORD CM_DSF_BILLBYTIME = 0x1;
+inline constexpr DWORD CM_DSF_BILLBYTIME = 0x1;  // metered, be it by time or by volume; where that is known
 inline constexpr DWORD CM_DSF_ALWAYSON = 0x2;
 inline constexpr DWORD CM_DSF_SUSPENDRESUME = 0x4;
 
@@ -116,6 +119,8 @@ struct ZrConnection {
     LPCWSTR Network;  // the destination's name; "Internet" and "Work" also where the registry has none; "" for none
     ZrConnectionReason Reason;
     LPCWSTR Rule;  // "" when none decided
+    LPCWSTR Name;  // NetworkManager's; "" for a connection that it does not know
+    BOOL Metered;  // who uses it pays for what he uses, as far as NetworkManager knows
 };
 
 // Calls visit(connection, context) for each connection, in the order of the chain, until it returns something other
@@ -123,6 +128,7 @@ struct ZrConnection {
 using ZrConnectionVisitor = int (*)(const ZrConnection* connection, LPVOID context);
 ZRPLATFORM_API HRESULT ZrVisitConnections(ZrConnectionVisitor visit, LPVOID context);
 
-// Gives a handle that is signalled whenever something was told about interfaces, addresses or routes, which need not
-// have changed anything that the calls above show; like the one of NotifyAddrChange (platform/iphelper.h) in all else.
+// Gives a handle that is signalled whenever something was told about interfaces, addresses or routes, or by
+// NetworkManager, which need not have changed anything that the calls above show; like the one of NotifyAddrChange
+// (platform/iphelper.h) in all else. A forked child is told by NetworkManager once it has called one of these.
 ZRPLATFORM_API DWORD ZrNotifyConnectionChange(HANDLE* handle);

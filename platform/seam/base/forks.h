@@ -47,6 +47,7 @@ enum class ForkRank {
     Shell,
     Modules,
     IpHelper,
+    Bus,
     Connection,
     Mapi,
     Count,

@@ -15,4 +15,8 @@ enum class NetworkChanges {
 // An auto-reset event, closed with CloseHandle. An error code, or 0.
 ZRPLATFORM_API DWORD watch_network(NetworkChanges changes, HANDLE& handle) noexcept;
 
+// For who knows more of the network than the kernel: whether somebody wants to be told of everything, and telling them.
+ZRPLATFORM_API bool network_is_watched() noexcept;
+ZRPLATFORM_API void tell_network_watches() noexcept;
+
 }  // namespace zr::platform

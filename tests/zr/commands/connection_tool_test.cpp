@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/network_space.h"
+#include "support/private_bus.h"
 #include "support/sandbox.h"
 #include "zr/commands/tool.h"
 
@@ -197,6 +198,47 @@ TEST_F(ConnectionTool, ShowsConnectionsAndWhatDecided) {
         EXPECT_EQ(each["addresses"], json::array({"192.168.5.1"}));
     }
     EXPECT_TRUE(seen);
+}
+
+TEST_F(ConnectionTool, ShowsWhatNetworkManagerKnows) {
+    using namespace zr::platform;
+    const NetworkSpace network;
+    ZR_NEEDS_NETWORK(network);
+    const zr::test::PrivateBus bus;
+    ZR_NEEDS_BUS(bus);
+    ASSERT_TRUE(NetworkSpace::add_device("two"));
+    ASSERT_TRUE(NetworkSpace::run("addr add 192.168.5.1/24 dev two"));
+    const std::string name = "org.freedesktop.NetworkManager";
+    const std::string root = "/org/freedesktop/NetworkManager";
+    const zr::test::MockService manager(name, root, name);
+    ASSERT_EQ(manager.why(), "");
+    ASSERT_TRUE(
+        manager.add_object(root + "/Devices/1", name + ".Device",
+                           {bus_entry("Interface", bus_text("two")), bus_entry("Metered", bus_integer(1, 'u'))}));
+    ASSERT_TRUE(
+        manager.add_object(root + "/ActiveConnection/1", name + ".Connection.Active",
+                           {bus_entry("Id", bus_text("Tea\troom")), bus_entry("Type", bus_text("802-11-wireless")),
+                            bus_entry("State", bus_integer(2, 'u')),
+                            bus_entry("Devices", bus_array("o", {bus_text(root + "/Devices/1", 'o')}))}));
+    const BusValue active = bus_array("o", {bus_text(root + "/ActiveConnection/1", 'o')});
+    ASSERT_EQ(manager
+                  .call(zr::test::MockService::kMock, "AddProperties",
+                        {bus_text(name), bus_array("{sv}", {bus_entry("ActiveConnections", active)})})
+                  .result,
+              BusResult::Answered);
+    // A mock that a busy computer keeps from answering in time is asked once more.
+    Result shown = run({"net", "status"});
+    for (int again = 0; again < 20 && shown.out.find("Tea") == std::string::npos; ++again) {
+        shown = run({"net", "status"});
+    }
+    EXPECT_NE(shown.out.find("two\tconnected, wifi, \"Tea\\troom\", metered, Work (private network), 192.168.5.1\n"),
+              std::string::npos)
+        << shown.out;
+    for (const json& each : json::parse(run({"net", "status", "--json"}).out)) {
+        const bool is_two = each["name"] == "two";
+        EXPECT_EQ(each["connection"], is_two ? "Tea\troom" : "");
+        EXPECT_EQ(each["metered"], is_two);
+    }
 }
 
 TEST_F(ConnectionTool, WatchesConnections) {
