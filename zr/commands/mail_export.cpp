@@ -18,6 +18,7 @@
 #include "zr/mail/file_name.h"
 #include "zr/mail/maildir.h"
 #include "zr/mail/mbox.h"
+#include "zr/stores/mail_content.h"
 
 namespace zr {
 namespace {
@@ -40,18 +41,15 @@ public:
     MailSink& operator=(const MailSink&) = delete;
 
     virtual void enter(const MailFolder&, bool) {}
-    // False when the message has no bytes of its own.
-    virtual bool write(IMessage* message, const MailRow& row, const std::string& id) = 0;
+    virtual void write(IMessage* message, const MailRow& row, const std::string& id) = 0;
     virtual void finish() {}
 
 protected:
     MailSink() = default;
 };
 
-bool write_bytes(IMessage* message, OutputFile& file) {
-    return read_mail_stream(message, PR_CE_MIME_TEXT, [&](const char* bytes, std::size_t size) {
-        file.write({bytes, size});
-    });
+void write_bytes(IMessage* message, OutputFile& file) {
+    read_message_bytes(message, [&](std::string_view bytes) { file.write(bytes); });
 }
 
 void make_folder(const fs::path& path) {
@@ -72,11 +70,10 @@ public:
         }
         make_folder(folder_);
     }
-    bool write(IMessage* message, const MailRow&, const std::string& id) override {
+    void write(IMessage* message, const MailRow&, const std::string& id) override {
         OutputFile file((folder_ / (id + ".eml")).string());
-        if (!write_bytes(message, file)) return false;
+        write_bytes(message, file);
         file.finish();
-        return true;
     }
 
 private:
@@ -90,9 +87,10 @@ MailFlags flags_of(IMessage* message, const MailRow& row) {
     flags.read = row.is_read();
     flags.draft = (static_cast<ULONG>(row.flags) & MSGFLAG_UNSENT) != 0;
     flags.flagged = values.number(kMailFlagStatus) == 2;
-    flags.replied = values.number(kMailLastVerb) == 102;
+    const auto status = static_cast<ULONG>(values.number(PR_MSG_STATUS));
+    flags.replied = values.number(kMailLastVerb) == 102 || (status & kMailRepliedMark) != 0;
     flags.forwarded = values.number(kMailLastVerb) == 104;
-    flags.deleted = (static_cast<ULONG>(values.number(PR_MSG_STATUS)) & kMailDeletedMark) != 0;
+    flags.deleted = (status & kMailDeletedMark) != 0;
     return flags;
 }
 
@@ -108,16 +106,15 @@ public:
             make_folder(folder_ / part);
         }
     }
-    bool write(IMessage* message, const MailRow& row, const std::string& id) override {
+    void write(IMessage* message, const MailRow& row, const std::string& id) override {
         const std::string letters = maildir_letters(flags_of(message, row));
         const std::string name = std::to_string(row.time.value_or(0)) + "." + id + ".zr";
         const fs::path temporary = folder_ / "tmp" / name;
         OutputFile file(temporary.string());
-        if (!write_bytes(message, file)) return false;
+        write_bytes(message, file);
         file.finish();
         const fs::path place = letters.empty() ? folder_ / "new" / name : folder_ / "cur" / (name + ":2," + letters);
         if (::rename(temporary.c_str(), place.c_str()) != 0) throw file_failure(place.string(), errno);
-        return true;
     }
 
 private:
@@ -128,18 +125,18 @@ private:
 // All in one file, one folder's messages behind the other's.
 class MboxSink final : public MailSink {
 public:
-    explicit MboxSink(const std::string& target)
-        : file_(target), writer_([this](std::string_view bytes) { file_.write(bytes); }) {}
+    MboxSink(const std::string& target, Mbox dialect)
+        : file_(target), writer_([this](std::string_view bytes) { file_.write(bytes); }, dialect) {}
 
-    bool write(IMessage* message, const MailRow& row, const std::string&) override {
-        bool begun = false;
-        const bool there = read_mail_stream(message, PR_CE_MIME_TEXT, [&](const char* bytes, std::size_t size) {
-            if (!begun) writer_.begin(separator_of(message, row));
-            begun = true;
-            writer_.write({bytes, size});
-        });
-        if (begun) writer_.end();
-        return there;
+    void write(IMessage* message, const MailRow& row, const std::string& id) override {
+        const std::string separator = separator_of(message, row);
+        try {
+            writer_.add(separator, [&](const MboxWriter::Write& take) { read_message_bytes(message, take); });
+        } catch (const Failure& failure) {
+            if (failure.code != Exit::None) throw;
+            // A part of it may be in the file.
+            throw Failure{Exit::StoreFailed, id + ": another program deleted it while it was written"};
+        }
     }
     void finish() override { file_.finish(); }
 
@@ -168,7 +165,7 @@ std::unique_ptr<MailSink> sink_for(const MailExportOptions& options) {
             options.target == "-" || options.target.ends_with(".mbox") || options.target.ends_with(".mbx");
         format = is_file && !is_folder ? "mbox" : is_maildir(options.target) ? "maildir" : "eml";
     }
-    if (format == "mbox") return std::make_unique<MboxSink>(options.target);
+    if (format.starts_with("mbox")) return std::make_unique<MboxSink>(options.target, *mbox_of(format));
     if (format == "maildir") return std::make_unique<MaildirSink>(options.target);
     return std::make_unique<FileSink>(options.target);
 }
@@ -183,7 +180,6 @@ Exit export_mail(const MailExportOptions& options) {
     const std::unique_ptr<MailSink> sink = sink_for(options);
     Progress progress(!options.quiet && !options.json && options.target != "-", "messages");
     long count = 0;
-    long left_out = 0;
     for (const MailFolder& folder : folders) {
         sink->enter(folder, !options.folder.empty());
         const ComPtr<IMAPIFolder> opened = mail.open_folder(folder.entry);
@@ -194,13 +190,8 @@ Exit export_mail(const MailExportOptions& options) {
             const std::string id = mail.id_of(row.entry);
             try {
                 const ComPtr<IMessage> message = mail.message(row.entry);
-                if (sink->write(message.get(), row, id)) {
-                    ++count;
-                } else {
-                    progress.clear();
-                    complain(id + ": left out: it did not come from a message file and has no bytes of its own");
-                    ++left_out;
-                }
+                sink->write(message.get(), row, id);
+                ++count;
             } catch (const Failure& failure) {
                 if (failure.code != Exit::None) throw;  // deleted meanwhile
             }
@@ -211,11 +202,11 @@ Exit export_mail(const MailExportOptions& options) {
     sink->finish();
     progress.clear();
     if (options.json && options.target != "-") {
-        print_json_line({{"exported", count}, {"leftOut", left_out}});
+        print_json_line({{"exported", count}});
     } else if (!options.quiet && options.target != "-") {
         print("exported " + std::to_string(count) + (count == 1 ? " message\n" : " messages\n"));
     }
-    return left_out > 0 ? Exit::DamagedCards : Exit::Ok;
+    return Exit::Ok;
 }
 
 }  // namespace
@@ -226,14 +217,15 @@ void add_mail_export(Command mail) {
     command.add_option("DIR|FILE", options->target, "Where they go (- is standard output, as a mailbox)").required();
     command
         .add_option("-F,--format", options->format,
-                    "eml: a file for each; mbox: one file; maildir (default: mbox for names in .mbox, maildir where "
-                    "there is one, else eml)")
-        .one_of({"eml", "mbox", "maildir"});
+                    "eml: a file for each; mbox, mboxo, mboxcl, mboxcl2: one file; maildir (default: mbox for names in "
+                    ".mbox, maildir where there is one, else eml)")
+        .one_of({"eml", "mbox", "mboxo", "mboxrd", "mboxcl", "mboxcl2", "maildir"});
     command.add_option("-f,--folder", options->folder, "Only this folder (default: all)");
     command.add_flag("--json", options->json, "Print the result as JSON, unless messages go to standard output");
     command.add_flag("-q,--quiet", options->quiet, "Print nothing but what went wrong");
     command.footer(
-        "Messages are written byte for byte as they were imported. A file of a name that is there is replaced.\n"
+        "Messages are written byte for byte as they were imported; one that a program made in the store is written\n"
+        "from what it says. A file of a name that is there is replaced.\n"
         "\n"
         "Examples:\n"
         "  zr mail export ~/mail-backup --format maildir\n"

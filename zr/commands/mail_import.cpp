@@ -23,6 +23,7 @@ constexpr int kDeepestFolder = 64;
 
 struct MailImportOptions : ImportOptions {
     std::string folder = "Inbox";
+    std::string mbox;
 };
 
 struct CloseFile {
@@ -57,7 +58,7 @@ private:
 
 void MailImport::into(const std::vector<std::string>& path) {
     save();
-    folder_ = path.empty() ? session_.folder_named(options_.folder) : session_.folder_for(path);
+    folder_ = path.empty() ? session_.folder_made(options_.folder) : session_.folder_for(path);
 }
 
 void MailImport::read_path(const std::string& path) {
@@ -109,7 +110,7 @@ void MailImport::read_descriptor(int fd, const std::string& name, const Arrival&
 
 void MailImport::read_mbox(int fd, const std::string& name) {
     const ReadAtFunction read = read_at_descriptor(fd);
-    MboxReader reader(read);
+    MboxReader reader(read, mbox_of(options_.mbox).value_or(Mbox::Guess));
     struct stat status = {};
     const auto total = ::fstat(fd, &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
     long number = 0;
@@ -204,7 +205,12 @@ void add_mail_import(Command mail) {
     const auto options = std::make_shared<MailImportOptions>();
     Command command = mail.add_command("import", "Put messages into the message store");
     options->add_to(command, "Messages, mailboxes (mbox), Maildirs, or folders of these (- is standard input)");
-    command.add_option("-f,--folder", options->folder, "The folder that they go into").shows_default();
+    command.add_option("-f,--folder", options->folder, "The folder that they go into, made where there is none")
+        .shows_default();
+    command
+        .add_option("-m,--mbox", options->mbox,
+                    "What mailboxes do to lines that begin with \"From \" (default: what their messages show)")
+        .one_of({"mboxo", "mboxrd", "mboxcl", "mboxcl2"});
     command.footer(
         "A message is kept byte for byte, and what it says becomes its properties. One that is there already,\n"
         "by its identifier and its bytes, is passed over. A Maildir's sub-folders become folders of the store,\n"

@@ -12,6 +12,7 @@
 #include "zr/commands/command.h"
 #include "zr/commands/mail_rows.h"
 #include "zr/mail/file_name.h"
+#include "zr/stores/mail_content.h"
 
 namespace zr {
 namespace {
@@ -52,46 +53,9 @@ private:
     std::string waiting_;
 };
 
-struct Attachment {
-    LONG number = 0;
-    std::string name;
-    std::string type;
-    LONG size = 0;
-};
-
-std::vector<Attachment> attachments_of(IMessage* message) {
-    constexpr const char* reading = "reading the attachments";
-    ComPtr<IMAPITable> table;
-    check_mail(message->GetAttachmentTable(0, table.out()), reading);
-    std::vector<Attachment> all;
-    each_row(table.get(), {PR_ATTACH_NUM, PR_ATTACH_LONG_FILENAME_W, PR_ATTACH_MIME_TAG_W, PR_ATTACH_SIZE},
-             [&](const MailCells& row) {
-                 all.push_back({row.number(0), row.text(1), row.text(2), row.number(3)});
-                 return true;
-             });
-    return all;
-}
-
-Json attachment_json(const Attachment& attachment) {
+Json attachment_json(const MailAttachment& attachment) {
     return {
         {"number", attachment.number}, {"name", attachment.name}, {"type", attachment.type}, {"size", attachment.size}};
-}
-
-struct Person {
-    LONG type = 0;
-    std::string name;
-    std::string address;
-};
-
-std::vector<Person> recipients_of(IMessage* message) {
-    ComPtr<IMAPITable> table;
-    check_mail(message->GetRecipientTable(0, table.out()), "reading the recipients");
-    std::vector<Person> all;
-    each_row(table.get(), {PR_RECIPIENT_TYPE, PR_DISPLAY_NAME_W, PR_EMAIL_ADDRESS_W}, [&](const MailCells& row) {
-        all.push_back({row.number(0), row.text(1), row.text(2)});
-        return true;
-    });
-    return all;
 }
 
 std::string mailbox_of(const std::string& name, const std::string& address) {
@@ -101,9 +65,9 @@ std::string mailbox_of(const std::string& name, const std::string& address) {
 
 constexpr std::pair<LONG, const char*> kKinds[] = {{MAPI_TO, "To"}, {MAPI_CC, "Cc"}, {MAPI_BCC, "Bcc"}};
 
-std::string list_of(const std::vector<Person>& people, LONG type) {
+std::string list_of(const std::vector<MailRecipient>& people, LONG type) {
     std::string list;
-    for (const Person& person : people) {
+    for (const MailRecipient& person : people) {
         if (person.type == type) list += (list.empty() ? "" : ", ") + mailbox_of(person.name, person.address);
     }
     return list;
@@ -115,7 +79,7 @@ void read_text(IMessage* message, const std::function<void(std::string_view)>& t
 }
 
 void show_text(const MailSession& mail, IMessage* message, const MailRow& row, SenderNames& names, bool headers) {
-    const std::vector<Person> people = recipients_of(message);
+    const std::vector<MailRecipient> people = recipients_of(message);
     if (headers) {
         PrintedText text;
         read_mail_text(message, PR_TRANSPORT_MESSAGE_HEADERS_W, [&](std::string_view piece) { text.write(piece); });
@@ -131,7 +95,7 @@ void show_text(const MailSession& mail, IMessage* message, const MailRow& row, S
         print("Date:    " + local_time(row.time) + "\n");
         print("Subject: " + printable(row.subject) + "\n");
         if (!row.message_class.starts_with("IPM.Note")) print("Class:   " + printable(row.message_class) + "\n");
-        for (const Attachment& attachment : attachments_of(message)) {
+        for (const MailAttachment& attachment : attachments_of(message)) {
             print("File:    " + std::to_string(attachment.number) + " " + printable(attachment.name) + " (" +
                   printable(attachment.type) + ", " + std::to_string(attachment.size) + " bytes)\n");
         }
@@ -144,11 +108,11 @@ void show_text(const MailSession& mail, IMessage* message, const MailRow& row, S
 
 Json show_json(const MailSession& mail, IMessage* message, const MailRow& row, SenderNames& names) {
     Json json = mail_json(mail, row, names);
-    const std::vector<Person> people = recipients_of(message);
+    const std::vector<MailRecipient> people = recipients_of(message);
     for (const auto& [type, name] :
          std::initializer_list<std::pair<LONG, const char*>>{{MAPI_TO, "to"}, {MAPI_CC, "cc"}, {MAPI_BCC, "bcc"}}) {
         Json list = Json::array();
-        for (const Person& person : people) {
+        for (const MailRecipient& person : people) {
             if (person.type == type) list.add({{"name", person.name}, {"address", person.address}});
         }
         json.set(name, std::move(list));
@@ -156,7 +120,7 @@ Json show_json(const MailSession& mail, IMessage* message, const MailRow& row, S
     const MailValues values(message, {PR_INTERNET_MESSAGE_ID_W, PR_IN_REPLY_TO_ID_W});
     json.set("messageId", values.text(PR_INTERNET_MESSAGE_ID_W));
     Json files = Json::array();
-    for (const Attachment& attachment : attachments_of(message)) {
+    for (const MailAttachment& attachment : attachments_of(message)) {
         files.add(attachment_json(attachment));
     }
     json.set("files", std::move(files));
@@ -237,7 +201,7 @@ private:
     int fd_ = -1;
 };
 
-std::string save_attachment(IMessage* message, const Attachment& attachment, const std::string& folder) {
+std::string save_attachment(IMessage* message, const MailAttachment& attachment, const std::string& folder) {
     constexpr const char* reading = "reading an attachment";
     ComPtr<IAttach> opened;
     check_mail(message->OpenAttach(static_cast<ULONG>(attachment.number), nullptr, 0, opened.out()), reading);
@@ -256,7 +220,7 @@ Exit attachments(const MailShowOptions& options) {
     bool any = false;
     EntryBytes entry;
     const ComPtr<IMessage> message = mail.message_of_id(options.ids.front(), entry);
-    for (const Attachment& attachment : attachments_of(message.get())) {
+    for (const MailAttachment& attachment : attachments_of(message.get())) {
         any = true;
         const std::string path = options.save.empty() ? "" : save_attachment(message.get(), attachment, options.save);
         if (options.json) {

@@ -31,8 +31,13 @@ _zr() {
                 _zr_words "sz expand_sz multi_sz dword qword binary none dword_big_endian mui_sz" "$current"
                 return
             fi ;;
-        --format)
-            if [[ $group == mail ]]; then _zr_words "eml mbox maildir" "$current"; else _zr_words "4 5" "$current"; fi
+        -m | --mbox) _zr_words "mboxo mboxrd mboxcl mboxcl2" "$current"; return ;;
+        -F | --format)
+            if [[ $group == mail ]]; then
+                _zr_words "eml mbox mboxo mboxrd mboxcl mboxcl2 maildir" "$current"
+            else
+                _zr_words "4 5" "$current"
+            fi
             return ;;
         --encoding) _zr_words "utf-16 utf-8 windows-1252" "$current"; return ;;
         --vcard-version) _zr_words "2.1 3.0 4.0" "$current"; return ;;
@@ -75,7 +80,7 @@ _zr() {
             case $command in
                 import)
                     if [[ $current == -* ]]; then
-                        _zr_words "--folder --json --quiet --help" "$current"
+                        _zr_words "--folder --mbox --json --quiet --help" "$current"
                     else
                         _zr_files "$current"
                     fi ;;

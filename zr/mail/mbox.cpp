@@ -17,6 +17,8 @@ namespace {
 constexpr std::size_t kWindow = std::size_t{256} << 10;
 constexpr std::size_t kLongestSeparator = 512;
 constexpr std::size_t kLongestLengthHeader = std::size_t{64} << 10;
+constexpr std::size_t kLongestHeaderWritten = std::size_t{60} << 10;  // it gets a line more
+constexpr std::string_view kLength = "Content-Length";
 constexpr std::string_view kFrom = "From ";
 
 bool is_digit(char c) {
@@ -47,6 +49,14 @@ bool begins_header(std::string_view text) {
     return end != std::string_view::npos && end > 0 && text[end] == ':';
 }
 
+// The header with the blank line that ends it; nothing when it does not end.
+std::optional<std::size_t> header_size(std::string_view text) {
+    const std::size_t end = text.find("\n\n");
+    const std::size_t other = text.find("\r\n\r\n");
+    if (end == std::string_view::npos && other == std::string_view::npos) return std::nullopt;
+    return other < end ? other + 4 : end + 2;
+}
+
 // The beginning of a line, as long as it may be one that quoting concerns: some '>', then "From ". One with more of
 // them than anybody writes is a line like others.
 class FromLine {
@@ -63,7 +73,7 @@ public:
         return ++matched_ == kFrom.size() ? Answer::Yes : Answer::Perhaps;
     }
     std::string_view text() const { return text_; }
-    bool is_quoted() const { return quotes_ > 0; }
+    std::size_t quotes() const { return quotes_; }
     void clear() {
         text_.clear();
         quotes_ = 0;
@@ -79,6 +89,15 @@ private:
 };
 
 }  // namespace
+
+std::optional<Mbox> mbox_of(std::string_view name) {
+    static constexpr std::pair<std::string_view, Mbox> names[] = {
+        {"mbox", Mbox::Rd}, {"mboxrd", Mbox::Rd}, {"mboxo", Mbox::O}, {"mboxcl", Mbox::Cl}, {"mboxcl2", Mbox::Cl2}};
+    for (const auto& [known, dialect] : names) {
+        if (name == known) return dialect;
+    }
+    return std::nullopt;
+}
 
 ReadAtFunction read_at_descriptor(int fd) {
     return [fd](char* buffer, std::size_t size, std::uint64_t at) -> ssize_t {
@@ -118,7 +137,8 @@ struct MboxReader::Window {
     }
 };
 
-MboxReader::MboxReader(ReadAtFunction read) : read_(std::move(read)), window_(std::make_unique<Window>()) {}
+MboxReader::MboxReader(ReadAtFunction read, Mbox dialect)
+    : read_(std::move(read)), dialect_(dialect), window_(std::make_unique<Window>()) {}
 
 MboxReader::~MboxReader() = default;
 
@@ -133,23 +153,42 @@ bool MboxReader::next(MboxMessage& message) {
         if (message.separator.ends_with('\r')) message.separator.pop_back();
         message.begin = position_ + (end == std::string::npos ? line.size() : end + 1);
     }
+    using Quoted = MboxMessage::Quoted;
+    const bool has_lengths = dialect_ != Mbox::Rd && dialect_ != Mbox::O;
+    const std::optional<std::uint64_t> declared = has_lengths ? declared_end(message.begin) : std::nullopt;
     bool any_quoted = false;
     bool any_bare = false;
     std::uint64_t next = 0;
-    if (const std::optional<std::uint64_t> declared = declared_end(message.begin)) {
+    spans_bare_line_ = false;
+    if (declared) {
         message.end = *declared;
         next = find_separator(message.end, any_quoted, any_bare);
-        // Which of the two dialects with a length it is, its own lines tell.
         bool any_inside = false;
         const std::uint64_t inside = find_separator(message.begin, any_quoted, any_inside);
-        message.quoted = any_quoted && !any_inside && inside >= message.end;
+        spans_bare_line_ = any_inside || inside < message.end;
+        const bool quotes = dialect_ == Mbox::Cl ||
+                            (dialect_ == Mbox::Guess && any_quoted && !spans_bare_line_ && !any_spans_bare_line());
+        message.quoted = quotes && any_quoted ? Quoted::All : Quoted::None;
     } else {
         next = find_separator(message.begin, any_quoted, any_bare);
         message.end = without_blank_line(message.begin, next);
-        message.quoted = any_quoted;
+        message.quoted = !any_quoted ? Quoted::None : dialect_ == Mbox::O ? Quoted::Once : Quoted::All;
     }
     position_ = next;
     return error_ == 0;
+}
+
+bool MboxReader::any_spans_bare_line() {
+    if (!any_spans_) {
+        MboxReader all(read_, Mbox::Cl);
+        bool found = false;
+        for (MboxMessage message; !found && all.next(message);) {
+            found = all.spans_bare_line_;
+        }
+        if (all.error_ != 0) error_ = all.error_;
+        any_spans_ = found;
+    }
+    return *any_spans_;
 }
 
 std::uint64_t MboxReader::find_separator(std::uint64_t from, bool& any_quoted, bool& any_bare) {
@@ -196,20 +235,15 @@ bool MboxReader::is_separator(std::uint64_t at) {
 
 std::optional<std::uint64_t> MboxReader::declared_end(std::uint64_t begin) {
     const std::string text = text_at(begin, kLongestLengthHeader);
-    std::size_t header = text.find("\n\n");
-    std::size_t behind = header + 2;
-    if (const std::size_t other = text.find("\r\n\r\n"); other < header) {
-        header = other;
-        behind = other + 4;
-    }
-    if (header == std::string::npos) return std::nullopt;
-    const auto value = raw_field(std::string_view(text).substr(0, header + 1), "Content-Length");
+    const std::optional<std::size_t> header = header_size(text);
+    if (!header) return std::nullopt;
+    const auto value = raw_field(std::string_view(text).substr(0, *header), kLength);
     std::uint64_t length = 0;
     if (!value || std::from_chars(value->data(), value->data() + value->size(), length).ec != std::errc()) {
         return std::nullopt;
     }
     if (length > (std::uint64_t{1} << 60)) return std::nullopt;
-    const std::uint64_t end = begin + behind + length;
+    const std::uint64_t end = begin + *header + length;
     // It counts when a separator, or nothing, is behind it.
     std::string after = text_at(end - 1, kLongestSeparator);
     if (after.empty()) return std::nullopt;
@@ -251,7 +285,7 @@ public:
         : read_(std::move(read)), at_(message.begin), end_(message.end), quoted_(message.quoted) {}
 
     ssize_t operator()(char* buffer, std::size_t size) {
-        if (!quoted_) return read_some(buffer, size);
+        if (quoted_ == MboxMessage::Quoted::None) return read_some(buffer, size);
         while (taken_ == ready_.size()) {
             ready_.clear();
             taken_ = 0;
@@ -287,7 +321,8 @@ private:
                 const FromLine::Answer answer = start_.take(bytes.front());
                 bytes.remove_prefix(1);
                 if (answer == FromLine::Answer::Perhaps) continue;
-                const bool quoted = answer == FromLine::Answer::Yes && start_.is_quoted();
+                const std::size_t quotes = answer == FromLine::Answer::Yes ? start_.quotes() : 0;
+                const bool quoted = quotes == 1 || (quotes > 1 && quoted_ == MboxMessage::Quoted::All);
                 ready_ += start_.text().substr(quoted ? 1 : 0);
                 at_start_ = ready_.back() == '\n';
                 start_.clear();
@@ -303,7 +338,7 @@ private:
     ReadAtFunction read_;
     std::uint64_t at_;
     std::uint64_t end_;
-    bool quoted_;
+    MboxMessage::Quoted quoted_;
     std::string ready_;
     std::size_t taken_ = 0;
     FromLine start_;
@@ -323,14 +358,86 @@ struct MboxWriter::Line {
     char last[2] = {};  // bytes of the message
 };
 
-MboxWriter::MboxWriter(Write write) : write_(std::move(write)), line_(std::make_unique<Line>()) {}
+namespace {
+
+// A message in two: the header, as long as it is one that a length can be written into, and the rest.
+class HeaderAndBody {
+public:
+    // What is body of these bytes.
+    std::string_view take(std::string_view bytes) {
+        if (over_) return bytes;
+        const std::size_t before = text_.size();
+        text_ += bytes.substr(0, kLongestHeaderWritten - std::min(before, kLongestHeaderWritten));
+        const std::optional<std::size_t> size = header_size(text_);
+        const bool too_long = !size && text_.size() >= kLongestHeaderWritten;
+        if (!size && !too_long) return {};
+        over_ = true;
+        is_sound_ = size && *size > 2;
+        text_.resize(size.value_or(0));
+        // A header that is no header is all body, and nobody asks for that.
+        return bytes.substr(std::min(bytes.size(), text_.size() - std::min(before, text_.size())));
+    }
+    bool is_sound() const { return is_sound_; }
+    const std::string& header() const { return text_; }
+
+private:
+    std::string text_;
+    bool over_ = false;
+    bool is_sound_ = false;
+};
+
+// The header with a right length.
+std::string with_length(std::string_view header, std::uint64_t length) {
+    const std::string number = std::to_string(length);
+    const std::string_view end = header.ends_with("\r\n") ? "\r\n" : "\n";
+    std::string out;
+    bool there = false;
+    for (std::string_view rest = header; !rest.empty();) {
+        const std::string_view field = rest.substr(0, field_length(rest));
+        rest.remove_prefix(field.size());
+        const std::optional<std::string> value = raw_field(field, kLength);
+        if (value && (there || *value != number)) continue;
+        there = there || value.has_value();
+        if (rest.empty() && !there) ((((out += kLength) += ": ") += number) += end);
+        out += field;
+    }
+    return out;
+}
+
+}  // namespace
+
+MboxWriter::MboxWriter(Write write, Mbox dialect)
+    : write_(std::move(write)), dialect_(dialect), line_(std::make_unique<Line>()) {}
 
 MboxWriter::~MboxWriter() = default;
 
-void MboxWriter::begin(std::string_view separator) {
+void MboxWriter::add(std::string_view separator, const std::function<void(const Write&)>& read) {
+    std::string header;
+    quotes_ = true;
+    if (dialect_ == Mbox::Cl || dialect_ == Mbox::Cl2) {
+        std::uint64_t length = 0;
+        HeaderAndBody parts;
+        MboxWriter counter([&](std::string_view bytes) { length += bytes.size(); });
+        counter.quotes_ = dialect_ == Mbox::Cl;
+        *counter.line_ = {};
+        read([&](std::string_view bytes) { counter.write(parts.take(bytes)); });
+        counter.write_start(false);
+        if (parts.is_sound()) {
+            header = with_length(parts.header(), length);
+            quotes_ = dialect_ == Mbox::Cl;
+        }
+    }
     write_(separator);
     write_("\n");
     *line_ = {};
+    if (header.empty()) {
+        read([&](std::string_view bytes) { write(bytes); });
+    } else {
+        write(header);
+        HeaderAndBody parts;
+        read([&](std::string_view bytes) { write(parts.take(bytes)); });
+    }
+    end();
 }
 
 void MboxWriter::write(std::string_view bytes) {
@@ -338,7 +445,9 @@ void MboxWriter::write(std::string_view bytes) {
         std::size_t length = 1;
         if (line_->at_start) {
             const FromLine::Answer answer = line_->start.take(bytes.front());
-            if (answer != FromLine::Answer::Perhaps) write_start(answer == FromLine::Answer::Yes);
+            const bool yes = answer == FromLine::Answer::Yes;
+            const bool only_bare = dialect_ == Mbox::O && line_->start.quotes() > 0;
+            if (answer != FromLine::Answer::Perhaps) write_start(yes && quotes_ && !only_bare);
         } else {
             length = std::min(bytes.find('\n'), bytes.size() - 1) + 1;
             write_(bytes.substr(0, length));

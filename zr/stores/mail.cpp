@@ -303,7 +303,7 @@ ComPtr<IMAPIFolder> MailSession::special_folder(ULONG tag) {
     return open_folder(MailValues(store_.get(), {tag}).bytes(tag));
 }
 
-ComPtr<IMAPIFolder> MailSession::folder_named(const std::string& name) {
+std::optional<EntryBytes> MailSession::find_folder(const std::string& name) {
     const std::vector<std::string> wanted = parts_of(name);
     const auto is_it = [&](const MailFolder& folder) {
         return folder.path.size() == wanted.size() &&
@@ -311,13 +311,22 @@ ComPtr<IMAPIFolder> MailSession::folder_named(const std::string& name) {
     };
     const std::vector<MailFolder> all = folders();
     const auto found = std::find_if(all.begin(), all.end(), is_it);
-    if (found != all.end()) return open_folder(found->entry);
-    if (const auto entry = entry_of_id(name)) {
-        for (const MailFolder& folder : all) {
-            if (folder.entry == *entry) return open_folder(*entry);
-        }
-    }
+    if (found != all.end()) return found->entry;
+    const auto entry = entry_of_id(name);
+    const auto same = [&](const MailFolder& folder) { return folder.entry == *entry; };
+    return entry && std::any_of(all.begin(), all.end(), same) ? entry : std::nullopt;
+}
+
+ComPtr<IMAPIFolder> MailSession::folder_named(const std::string& name) {
+    if (const auto entry = find_folder(name)) return open_folder(*entry);
     throw Failure{Exit::None, name + ": no such folder (zr mail folders lists them)"};
+}
+
+ComPtr<IMAPIFolder> MailSession::folder_made(const std::string& name) {
+    if (const auto entry = find_folder(name)) return open_folder(*entry);
+    const std::vector<std::string> path = parts_of(name);
+    if (path.empty()) throw Failure{Exit::Usage, "a folder needs a name"};
+    return folder_for(path);
 }
 
 ComPtr<IMAPIFolder> MailSession::folder_for(const std::vector<std::string>& path) {

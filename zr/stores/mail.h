@@ -25,6 +25,7 @@ inline constexpr ULONG kMailSeparator = PROP_TAG(PT_UNICODE, 0x6801);  // the mb
 inline constexpr ULONG kMailFlagStatus = PROP_TAG(PT_LONG, 0x1090);    // 2: flagged
 inline constexpr ULONG kMailLastVerb = PROP_TAG(PT_LONG, 0x1081);      // 102: replied, 104: forwarded
 inline constexpr ULONG kMailDeletedMark = 0x8;                         // in PR_MSG_STATUS
+inline constexpr ULONG kMailRepliedMark = 0x200;                       // there, for one that was forwarded later
 
 // An entry identifier: its bytes. People see what tells it from the default store's own: the place of the first byte
 // that differs and the differences up to the last one, in hexadecimal. The whole identifier in hexadecimal is as good.
@@ -47,6 +48,7 @@ public:
     MailValues(const MailValues&) = delete;
     MailValues& operator=(const MailValues&) = delete;
 
+    bool has(ULONG tag) const { return find(tag) != nullptr; }
     std::string text(ULONG tag) const;  // UTF-8; empty when it is not there
     EntryBytes bytes(ULONG tag) const;
     LONG number(ULONG tag) const;                       // 0 when it is not there
@@ -108,7 +110,9 @@ public:
     ComPtr<IMAPIFolder> special_folder(ULONG tag);
     // By name or path, ignoring case, '/' between: "inbox", "Work/Reports"; or by identifier. Throws Failure (None).
     ComPtr<IMAPIFolder> folder_named(const std::string& name);
-    // The same; makes those that are not there.
+    // The same; made where there is none.
+    ComPtr<IMAPIFolder> folder_made(const std::string& name);
+    // By its path; made likewise.
     ComPtr<IMAPIFolder> folder_for(const std::vector<std::string>& path);
     ComPtr<IMAPIFolder> saved_folder();  // made where there is none
 
@@ -126,6 +130,7 @@ public:
 
 private:
     IZrMail* extras();
+    std::optional<EntryBytes> find_folder(const std::string& name);
 
     ComPtr<IMAPISession> session_;
     ComPtr<IMsgStore> store_;

@@ -265,8 +265,9 @@ void Maker::finish() {
     changes.text(PR_INTERNET_REFERENCES_W, cut(header_.references));
     changes.text(kMailSeparator, cut(to_utf8(to_utf16(arrival_.separator))));
     if (flags_.flagged) changes.number(kMailFlagStatus, 2);
-    if (flags_.replied || flags_.forwarded) changes.number(kMailLastVerb, flags_.replied ? 102 : 104);
-    if (flags_.deleted) changes.number(PR_MSG_STATUS, static_cast<LONG>(kMailDeletedMark));
+    if (flags_.replied || flags_.forwarded) changes.number(kMailLastVerb, flags_.forwarded ? 104 : 102);
+    const ULONG status = (flags_.deleted ? kMailDeletedMark : 0) | (flags_.replied ? kMailRepliedMark : 0);
+    if (status != 0) changes.number(PR_MSG_STATUS, static_cast<LONG>(status));
     changes.apply(message_, "storing a message");
     set_recipients();
     check_mail(message_->SaveChanges(0), "storing a message");

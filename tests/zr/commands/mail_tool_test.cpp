@@ -13,8 +13,10 @@
 #include <set>
 #include <thread>
 
+#include "support/child.h"
 #include "support/sandbox.h"
 #include "zr/commands/tool.h"
+#include "zr/stores/mail.h"
 
 namespace mail_tool_test {
 namespace {
@@ -110,6 +112,14 @@ TEST_F(MailTool, EverySampleComesBackByteForByte) {
     // A second time there is nothing new.
     EXPECT_THAT(zr(args).out, HasSubstr("imported 0 messages; " + std::to_string(samples.size()) + " were there"));
     EXPECT_EQ(exported("again"), samples);
+    // By way of the other formats, too.
+    for (const char* format : {"maildir", "mbox"}) {
+        setenv("ZR_HOME", (folder_.host() / "home").c_str(), 1);
+        ASSERT_EQ(zr({"mail", "export", "--format", format, path(format)}).code, 0);
+        setenv("ZR_HOME", path(std::string(format) + " home").c_str(), 1);
+        ASSERT_EQ(zr({"mail", "import", path(format)}).code, 0);
+        EXPECT_EQ(exported(std::string(format) + " out"), samples) << format;
+    }
 }
 
 TEST_F(MailTool, AMessageTellsWhatItIs) {
@@ -208,6 +218,52 @@ TEST_F(MailTool, AMaildirComesAndGoesWithFlagsAndFolders) {
     EXPECT_TRUE(fs::is_directory(path("N/.Work.Reports/cur")));
 }
 
+// The names below a folder, the parts of messages' names that are the store's own left out.
+std::multiset<std::string> maildir_names(const fs::path& maildir) {
+    std::multiset<std::string> names;
+    for (const auto& each : fs::recursive_directory_iterator(maildir)) {
+        if (!each.is_regular_file()) continue;
+        const std::string name = each.path().filename().string();
+        const std::size_t mark = name.find(":2,");
+        names.insert(fs::relative(each.path().parent_path(), maildir).string() + "/" + name.substr(0, name.find('.')) +
+                     (mark == std::string::npos ? "" : name.substr(mark)));
+    }
+    return names;
+}
+
+TEST_F(MailTool, FoldersAndFlagsOfAMaildirStayWhatTheyAreBothWays) {
+    std::multiset<std::string> names;
+    int number = 0;
+    for (const char* folder :
+         {".", ".Drafts", ".Sent Items", ".Work", ".Work.Reports", ".Entw&APw-rfe.&ZeVnLIqe-", ".Work.Reports.cur"}) {
+        for (const char* flags : {"cur", "new", ":2,D", ":2,F", ":2,P", ":2,R", ":2,S", ":2,T", ":2,DFPRST"}) {
+            const bool flagged = flags[0] == ':';
+            const std::string base = std::string(folder) + (std::string(flags) == "new" ? "/new/" : "/cur/") +
+                                     std::to_string(1700000000 + ++number);
+            put("M/" + base + ".M1.host" + (flagged ? flags : ""), message(number));
+            // Nothing but its place says that somebody has looked at the list.
+            names.insert(flagged ? base + flags : std::string(folder) + "/new/" + std::to_string(1700000000 + number));
+        }
+        for (const char* part : {"cur", "new", "tmp"}) {
+            fs::create_directories(path("M") + "/" + folder + "/" + part);
+        }
+    }
+    // The dates of the messages are older than the names, so that these are what an export begins names with.
+    std::multiset<std::string> expected;
+    for (std::string name : names) {
+        const std::size_t at = name.find("/17");
+        expected.insert(fs::path(name.substr(0, at)).lexically_normal().string() + "/1704103200" +
+                        name.substr(at + 11));
+    }
+    ASSERT_EQ(import({path("M")})["imported"], number);
+    ASSERT_EQ(zr({"mail", "export", "--format", "maildir", path("N")}).code, 0);
+    EXPECT_EQ(maildir_names(path("N")), expected);
+    setenv("ZR_HOME", path("second").c_str(), 1);
+    ASSERT_EQ(import({path("N")})["imported"], number);
+    ASSERT_EQ(zr({"mail", "export", "--format", "maildir", path("O")}).code, 0);
+    EXPECT_EQ(maildir_names(path("O")), expected);
+}
+
 TEST_F(MailTool, AMailboxComesBackByteForByte) {
     const std::string mbox =
         "From a@example.com Mon Jan  1 10:00:00 2024\nFrom: a@example.com\nStatus: RO\n\n"
@@ -222,6 +278,121 @@ TEST_F(MailTool, AMailboxComesBackByteForByte) {
     EXPECT_THAT(out, HasSubstr(mbox.substr(0, mbox.find("From b@"))));
     EXPECT_THAT(out, HasSubstr(mbox.substr(mbox.find("From b@"))));
     EXPECT_EQ(zr({"mail", "export", "-", "--folder", "Inbox"}).out, out);
+}
+
+TEST_F(MailTool, AMailboxOfEveryDialectComesBackByteForByte) {
+    const auto with_length = [](const std::string& body) {
+        return "From: a@example.com\nContent-Length: " + std::to_string(body.size()) + "\n\n" + body;
+    };
+    const std::string separator = "From a@example.com Mon Jan  1 10:00:00 2024\n";
+    const std::string quoted = separator + "From: a@example.com\n\n>From here\n>>From there\n\n";
+    const std::string cl = separator + with_length(">From here\n>>From there\n") + "\n";
+    const std::string cl2 = separator + with_length("\nFrom here\n>From there\n\n" + separator + "X: y\n\n") + "\n" +
+                            separator + with_length(">From here\n") + "\n";
+    for (const auto& [format, mbox] :
+         {std::pair<std::string, std::string>{"mbox", quoted}, {"mboxrd", quoted}, {"mboxcl", cl}, {"mboxcl2", cl2}}) {
+        const std::string folder = "In " + format;
+        ASSERT_EQ(zr({"mail", "import", put(format, mbox), "--folder", folder}).code, 0) << format;
+        ASSERT_EQ(zr({"mail", "export", path("out"), "--format", format, "--folder", folder}).code, 0) << format;
+        EXPECT_EQ(read_file(path("out")), mbox) << format;
+        // For good: what is looked for next was not there before.
+        for (const std::string& id : ids(folder)) {
+            zr({"mail", "delete", "--permanently", id});
+        }
+    }
+    // Where the dialect must be told.
+    const std::string mbox = separator + with_length(">From here\n") + "\n";
+    ASSERT_EQ(zr({"mail", "import", put("again", mbox), "--mbox", "mboxcl2"}).code, 0);
+    EXPECT_EQ(exported("as they were"), std::multiset<std::string>{with_length(">From here\n")});
+    EXPECT_EQ(zr({"mail", "import", path("again"), "--mbox", "mh"}).code, 2);
+}
+
+ZR_CHILD(mail_composer) {
+    using zr::MailChanges;
+    zr::MailSession mail;
+    const zr::ComPtr<IMAPIFolder> drafts = mail.folder_named("Drafts");
+    zr::ComPtr<IMessage> message;
+    zr::check_mail(drafts->CreateMessage(nullptr, 0, message.out()), "creating");
+    MailChanges changes;
+    changes.text(PR_SUBJECT_W, "Grüße\r\nX-Evil: yes");
+    changes.text(PR_SENDER_NAME_W, "Jörg\nBcc: evil@example.com");
+    changes.text(PR_SENDER_EMAIL_ADDRESS_W, "joerg@example.com>\r\nX-Evil: <");
+    changes.text(PR_BODY_W, "Schön\r\nFrom here\n.\n");
+    changes.text(PR_BODY_HTML_W, "<p>Schön</p>");
+    changes.text(PR_INTERNET_MESSAGE_ID_W, "made@example.com");
+    changes.time(PR_CLIENT_SUBMIT_TIME, 1704103200);
+    changes.number(PR_IMPORTANCE, 2);
+    changes.apply(message.get(), "creating");
+    MailChanges to;
+    to.number(PR_RECIPIENT_TYPE, MAPI_CC);
+    to.text(PR_DISPLAY_NAME_W, "Doe, Jo");
+    to.text(PR_EMAIL_ADDRESS_W, "jo@example.com");
+    std::vector<SPropValue> values = to.values();
+    ADRLIST list = {1, {{0, static_cast<ULONG>(values.size()), values.data()}}};
+    zr::check_mail(message->ModifyRecipients(MODRECIP_ADD, &list), "creating");
+    const std::pair<const char*, std::string> files[] = {{"image/png", std::string("\0\xFF\r\n.\n", 6)},
+                                                         {"message/rfc822", "From: in@side\r\n\r\nbody\r\n"},
+                                                         {"multipart/mixed", "no multipart"}};
+    for (const auto& [type, bytes] : files) {
+        ULONG number = 0;
+        zr::ComPtr<IAttach> attachment;
+        zr::check_mail(message->CreateAttach(nullptr, 0, &number, attachment.out()), "attaching");
+        MailChanges about;
+        about.number(PR_ATTACH_METHOD, ATTACH_BY_VALUE);
+        about.text(PR_ATTACH_MIME_TAG_W, type);
+        about.text(PR_ATTACH_LONG_FILENAME_W, "é \"" + std::to_string(number) + "\".png");
+        about.apply(attachment.get(), "attaching");
+        zr::MailStreamWriter writer(attachment.get(), PR_ATTACH_DATA_BIN);
+        writer.write(bytes);
+        writer.finish();
+        zr::check_mail(attachment->SaveChanges(0), "attaching");
+    }
+    zr::check_mail(message->SaveChanges(0), "creating");
+    zr::ComPtr<IMessage> nothing;
+    zr::check_mail(drafts->CreateMessage(nullptr, 0, nothing.out()), "creating");
+    zr::check_mail(nothing->SaveChanges(0), "creating");
+    return 0;
+}
+
+TEST_F(MailTool, WhatAProgramMadeIsWrittenFromWhatItSays) {
+    ASSERT_EQ(zr::test::Child("mail_composer").wait(), 0);
+    const std::multiset<std::string> out = exported();
+    ASSERT_EQ(out.size(), 2u);
+    const auto full = std::find_if(out.begin(), out.end(), [](const auto& text) { return text.size() > 500; });
+    ASSERT_NE(full, out.end());
+    EXPECT_THAT(*full, HasSubstr("\r\nMIME-Version: 1.0\r\n"));
+    EXPECT_THAT(*full, HasSubstr("Date: Mon, 01 Jan 2024 10:00:00 +0000\r\n"));
+    EXPECT_EQ(full->find("\nX-Evil"), std::string::npos);
+    EXPECT_EQ(full->find("\nBcc"), std::string::npos);
+    EXPECT_EQ(std::count(full->begin(), full->end(), '\n'), std::count(full->begin(), full->end(), '\r'));
+    // Every other export gives the same, and a second store reads what the first one had.
+    EXPECT_EQ(exported("again"), out);
+    for (const char* format : {"maildir", "mbox"}) {
+        ASSERT_EQ(zr({"mail", "export", path(std::string("as ") + format), "--format", format}).code, 0);
+    }
+    setenv("ZR_HOME", path("second").c_str(), 1);
+    EXPECT_EQ(import({path("as maildir")})["imported"], 2);
+    EXPECT_EQ(import({path("as mbox"), path("out")})["alreadyThere"], 4);
+    EXPECT_EQ(exported("of the second"), out);
+    const json row = json::parse(zr({"mail", "find", "schon", "--json"}).out).at(0);
+    const json shown = show(row["id"]);
+    EXPECT_EQ(shown["subject"], "Grüße  X-Evil: yes");
+    EXPECT_EQ(shown["from"]["name"], "Jörg Bcc: evil@example.com");
+    EXPECT_EQ(shown["cc"], (json::array({{{"name", "Doe, Jo"}, {"address", "jo@example.com"}}})));
+    EXPECT_EQ(shown["messageId"], "made@example.com");
+    EXPECT_EQ(shown["date"], "2024-01-01T10:00:00Z");
+    EXPECT_EQ(shown["text"], "Schön\r\nFrom here\r\n.\r\n");
+    std::vector<std::string> types;
+    for (const json& file : shown["files"]) {
+        types.push_back(file["type"]);
+    }
+    EXPECT_THAT(types, ElementsAre("image/png", "message/rfc822", "application/octet-stream"));
+    EXPECT_EQ(shown["files"].at(0)["name"], "é \"0\".png");
+    fs::create_directory(path("save"));
+    const json saved = json::parse(zr({"mail", "attachments", row["id"], "--save", path("save"), "--json"}).out);
+    EXPECT_EQ(read_file(saved.at(0)["saved"]), std::string("\0\xFF\r\n.\n", 6));
+    EXPECT_EQ(read_file(saved.at(1)["saved"]), "From: in@side\r\n\r\nbody\r\n");
+    EXPECT_EQ(read_file(saved.at(2)["saved"]), "no multipart");
 }
 
 TEST_F(MailTool, WhatIsNoMailIsNamedAndStopsNothing) {
@@ -384,6 +555,42 @@ TEST_F(MailTool, AKilledImportLeavesWholeMessages) {
     }
     EXPECT_EQ(zr({"mail", "import", file}).code, 0);
     EXPECT_EQ(exported("last"), all);
+}
+
+// A store that may not grow is a disk that is full.
+TEST_F(MailTool, AFullDiskKeepsWholeMessagesAndTheNextImportBringsTheRest) {
+    constexpr int kMessages = 1500;
+    std::multiset<std::string> all;
+    std::string mbox;
+    for (int i = 0; i < kMessages; ++i) {
+        const std::string text = "From a Mon Jan  1 10:00:00 2024\n" + message(i) + "\r\n";
+        all.insert(text);
+        mbox += text;
+    }
+    const std::string file = put("in.mbox", mbox);
+    const auto kept = [] {
+        const std::string out = zr({"mail", "export", "-"}).out;
+        std::multiset<std::string> texts;
+        for (std::size_t at = 0, end = 0; at < out.size(); at = end) {
+            end = std::min(out.find("From a Mon", at + 1), out.size());
+            texts.insert(out.substr(at, end - at));
+        }
+        return texts;
+    };
+    std::size_t before = 0;
+    for (const char* limit : {"1000", "3000"}) {  // blocks of 512 bytes
+        const std::string command = "ulimit -f " + std::string(limit) + " && exec \"$0\" \"$@\"";
+        expect_failure(zr::test::run({"sh", "-c", command, ZR_TOOL, "mail", "import", "--quiet", file}), 8,
+                       "messages are in, the rest is not");
+        const std::multiset<std::string> now = kept();
+        EXPECT_TRUE(std::includes(all.begin(), all.end(), now.begin(), now.end()));
+        EXPECT_LT(now.size(), all.size());
+        EXPECT_GE(now.size(), before);
+        before = now.size();
+    }
+    EXPECT_GT(before, 0u);
+    EXPECT_EQ(import({file})["imported"], kMessages - static_cast<int>(before));
+    EXPECT_EQ(kept(), all);
 }
 
 TEST_F(MailTool, TwoMoversLoseNothing) {

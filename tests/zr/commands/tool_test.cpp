@@ -160,7 +160,7 @@ TEST_F(Tool, CompletesInBash) {
               "--version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
-    EXPECT_EQ(complete("zr mail export --format"), "eml mbox maildir\n");
+    EXPECT_EQ(complete("zr mail export --format"), "eml mbox mboxo mboxrd mboxcl mboxcl2 maildir\n");
     EXPECT_EQ(complete("zr mail move 1", "--"), "--to --json --help\n");
     EXPECT_EQ(complete("zr reg"), "get set delete list tree watch import export --help\n");
     EXPECT_EQ(complete("zr reg set HKCU a b --type", "d"), "dword dword_big_endian\n");

@@ -26,9 +26,9 @@ std::string bytes_of(const zr::ReadAtFunction& read, const MboxMessage& message,
     return bytes;
 }
 
-std::vector<std::string> messages(const std::string& mbox) {
+std::vector<std::string> messages(const std::string& mbox, zr::Mbox dialect = zr::Mbox::Guess) {
     const zr::ReadAtFunction read = zr::read_at_memory(mbox);
-    zr::MboxReader reader(read);
+    zr::MboxReader reader(read, dialect);
     std::vector<std::string> all;
     for (MboxMessage message; reader.next(message);) {
         all.push_back(bytes_of(read, message));
@@ -37,16 +37,16 @@ std::vector<std::string> messages(const std::string& mbox) {
     return all;
 }
 
-std::string mailbox(const std::vector<std::string>& all) {
+std::string mailbox(const std::vector<std::string>& all, zr::Mbox dialect = zr::Mbox::Rd) {
     std::string mbox;
-    zr::MboxWriter writer([&](std::string_view bytes) { mbox += bytes; });
+    zr::MboxWriter writer([&](std::string_view bytes) { mbox += bytes; }, dialect);
     for (const std::string& message : all) {
-        writer.begin(kSeparator);
-        // In pieces of every kind.
-        for (std::size_t at = 0, step = 1; at < message.size(); at += step, step = step % 9 + 1) {
-            writer.write(std::string_view(message).substr(at, step));
-        }
-        writer.end();
+        writer.add(kSeparator, [&](const zr::MboxWriter::Write& take) {
+            // In pieces of every kind.
+            for (std::size_t at = 0, step = 1; at < message.size(); at += step, step = step % 9 + 1) {
+                take(std::string_view(message).substr(at, step));
+            }
+        });
     }
     return mbox;
 }
@@ -116,6 +116,61 @@ TEST(Mbox, ADeclaredLengthCountsWhereItIsRight) {
     const std::string quoted = "A: 1\nContent-Length: 12\n\n>From there\n";
     EXPECT_THAT(messages(with_separator(quoted + "\n") + second),
                 ElementsAre("A: 1\nContent-Length: 12\n\nFrom there\n", "A: 2\n\ntwo\n"));
+}
+
+TEST(Mbox, ADialectThatIsGivenIsNotGuessed) {
+    const std::string body = ">From one\n>>From two\n";
+    const std::string header = "A: 1\nContent-Length: " + std::to_string(body.size()) + "\n\n";
+    const std::string mbox = with_separator(header + body + "\n") + with_separator("A: 2\n\n");
+    const std::string all = "From one\n>From two\n";
+    for (const auto& [dialect, expected] : {std::pair{zr::Mbox::Guess, all},
+                                            {zr::Mbox::Rd, all},
+                                            {zr::Mbox::Cl, all},
+                                            {zr::Mbox::O, std::string("From one\n>>From two\n")},
+                                            {zr::Mbox::Cl2, body}}) {
+        EXPECT_THAT(messages(mbox, dialect), ElementsAre(header + expected, "A: 2\n"));
+    }
+    // Lengths mean nothing to those that have none.
+    const std::string inside = "\n" + with_separator("A: 2\n\ntwo\n");
+    const std::string two = with_separator("A: 1\nContent-Length: " + std::to_string(inside.size()) + "\n\n" + inside);
+    EXPECT_EQ(messages(two).size(), 1u);
+    EXPECT_EQ(messages(two, zr::Mbox::Rd).size(), 2u);
+}
+
+TEST(Mbox, OneBareLineShowsWhatTheWholeMailboxIs) {
+    const auto with_length = [](const std::string& body) {
+        return "A: 1\nContent-Length: " + std::to_string(body.size()) + "\n\n" + body;
+    };
+    const std::string quote = with_length(">From an older mailbox\n");
+    const std::string bare = with_length("\nFrom me to you\n");
+    const std::string mbox = with_separator(quote + "\n") + with_separator(bare + "\n");
+    EXPECT_THAT(messages(mbox), ElementsAre(quote, bare));
+}
+
+TEST(Mbox, EveryDialectGivesBackWhatWasWritten) {
+    const std::vector<std::string> all = {"A: 1\n\nFrom me\n\nFrom a Mon Jan  1 10:00:00 2024\nB: 2\n\n",
+                                          "A: 2\r\n\r\n>From you\r\n>>From us\r\n",
+                                          "A: 3\n\nno line end",
+                                          "A: 4\nContent-Length: 999\n\nwrong\n\n\n",
+                                          "A: 5\n",
+                                          "A: 6\nX: " + std::string(70000, 'x') + "\n\nFrom me\n"};
+    for (const zr::Mbox dialect : {zr::Mbox::Cl, zr::Mbox::Cl2}) {
+        const std::string mbox = mailbox(all, dialect);
+        const std::vector<std::string> read = messages(mbox, dialect);
+        ASSERT_EQ(read.size(), all.size());
+        // The length apart, which was not there, or wrong.
+        EXPECT_EQ(read[0].substr(read[0].find("\n\n")), all[0].substr(all[0].find("\n\n")));
+        EXPECT_THAT(read[1], testing::MatchesRegex("A: 2\r\nContent-Length: [0-9]+\r\n\r\n>From you\r\n>>From us\r\n"));
+        EXPECT_EQ(read[2], "A: 3\nContent-Length: 11\n\nno line end");
+        EXPECT_EQ(read[3], "A: 4\nContent-Length: 8\n\nwrong\n\n\n");
+        EXPECT_EQ(read[4], all[4]);
+        EXPECT_EQ(read[5], all[5]);
+        // From then on nothing changes any more: the mailbox neither.
+        EXPECT_EQ(mailbox(read, dialect), mbox);
+        EXPECT_EQ(messages(mailbox(read, dialect), dialect), read);
+    }
+    EXPECT_THAT(messages(mailbox({"A: 1\n\nFrom me\n>From you\n"}, zr::Mbox::O), zr::Mbox::O),
+                ElementsAre("A: 1\n\nFrom me\nFrom you\n"));
 }
 
 TEST(Mbox, LongMessagesAreFoundWhole) {
