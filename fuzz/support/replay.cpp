@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -39,10 +40,11 @@ void mutate(Input& input, std::mt19937& random) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: %s CORPUS\n", argv[0]);
+    if (argc != 2 && argc != 3) {
+        std::fprintf(stderr, "usage: %s CORPUS [MUTATIONS]\n", argv[0]);
         return 2;
     }
+    const int mutations = argc == 3 ? std::atoi(argv[2]) : kMutations;
     std::vector<Input> corpus;
     for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
         std::ifstream file(entry.path(), std::ios::binary);
@@ -56,10 +58,10 @@ int main(int argc, char** argv) {
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }
     std::mt19937 random(20260101);
-    for (int i = 0; i < kMutations; ++i) {
+    for (int i = 0; i < mutations; ++i) {
         Input input = corpus[random() % corpus.size()];
         mutate(input, random);
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }
-    std::printf("%zu inputs, %d mutations\n", corpus.size(), kMutations);
+    std::printf("%zu inputs, %d mutations\n", corpus.size(), mutations);
 }
