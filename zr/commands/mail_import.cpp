@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/commands/import.h"
 #include "zr/mail/maildir.h"
@@ -220,7 +221,10 @@ void add_mail_import(Command mail) {
         "Examples:\n"
         "  zr mail import ~/Maildir\n"
         "  zr mail import --folder Archive old.mbox letter.eml");
-    command.runs([options] { return MailImport(*options).run(); });
+    command.runs([options] {
+        if (trimmed(options->folder).empty()) throw Failure{Exit::Usage, "--folder needs a name"};
+        return MailImport(*options).run();
+    });
 }
 
 }  // namespace zr

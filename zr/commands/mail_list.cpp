@@ -80,7 +80,7 @@ Exit find(const MailListOptions& options) {
         // What was one argument stands together.
         words += (words.empty() ? "" : " ") + (word.find(' ') == std::string::npos ? word : "\"" + word + "\"");
     }
-    const ComPtr<IMAPITable> table = mail.find(words);
+    const ComPtr<IMAPITable> table = mail.find_words(words);
     if (options.unread) only_unread(table.get());
     return print_rows(mail, table.get(), options);
 }

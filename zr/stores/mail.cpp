@@ -382,14 +382,22 @@ ComPtr<IMessage> MailSession::message_of_id(const std::string& id, EntryBytes& e
     }
 }
 
-ComPtr<IMAPITable> MailSession::find(const std::string& words) {
+HRESULT MailSession::find(const std::string& text, ComPtr<IMAPITable>& table) {
+    return extras()->Find(to_utf16(text).c_str(), table.out());
+}
+
+ComPtr<IMAPITable> MailSession::find_words(const std::string& text) {
     ComPtr<IMAPITable> table;
-    check_mail(extras()->Find(to_utf16(words).c_str(), table.out()), "searching");
+    // Nothing at all would be every message.
+    const HRESULT result = trimmed(text).empty() ? MAPI_E_INVALID_PARAMETER : find(text, table);
+    if (result == MAPI_E_INVALID_PARAMETER) throw Failure{Exit::Usage, text + ": there is no word in it to look for"};
+    check_mail(result, "searching");
     return table;
 }
 
 std::vector<EntryBytes> MailSession::with_message_id(const std::string& id) {
-    const ComPtr<IMAPITable> table = find("");
+    ComPtr<IMAPITable> table;
+    check_mail(find("", table), "searching");
     std::u16string wide = to_utf16(id);
     SPropValue value = {};
     value.ulPropTag = PR_INTERNET_MESSAGE_ID_W;

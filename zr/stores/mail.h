@@ -120,7 +120,8 @@ public:
     ComPtr<IMessage> message(const EntryBytes& entry, bool change = false);
     ComPtr<IMessage> message_of_id(const std::string& id, EntryBytes& entry);
 
-    ComPtr<IMAPITable> find(const std::string& words);
+    // The messages in which all of the words are. Throws Failure (Usage) where there is no word in the text.
+    ComPtr<IMAPITable> find_words(const std::string& text);
     // The messages of all stores that have this identifier.
     std::vector<EntryBytes> with_message_id(const std::string& id);
 
@@ -130,6 +131,7 @@ public:
 
 private:
     IZrMail* extras();
+    HRESULT find(const std::string& text, ComPtr<IMAPITable>& table);
     std::optional<EntryBytes> find_folder(const std::string& name);
 
     ComPtr<IMAPISession> session_;

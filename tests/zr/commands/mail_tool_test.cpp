@@ -160,6 +160,21 @@ TEST_F(MailTool, AMessageTellsWhatItIs) {
     EXPECT_EQ(zr({"mail", "find", "absent"}).code, 1);
 }
 
+TEST_F(MailTool, WhatHasNoWordIsNotLookedFor) {
+    ASSERT_EQ(zr({"mail", "import", "-"}, message(1)).code, 0);
+    for (const char* words : {"", " ", "\"", "*", "\"\"", "--", ".", "\xFF"}) {
+        const Result result = zr({"mail", "find", "--", words});
+        EXPECT_TRUE(result.code == 1 || result.code == 2) << words << ": " << result.err;
+        EXPECT_EQ(result.out, "") << words;
+    }
+    for (const char* words : {"AND", "NOT", "OR", "NEAR(body)", "subject:number", "^body", "body AND", "(", "{body}"}) {
+        const Result result = zr({"mail", "find", "--", words});
+        EXPECT_LE(result.code, 2) << words << ": " << result.err;
+    }
+    EXPECT_EQ(zr({"mail", "find", "body", "\"of 1"}).code, 0);
+    expect_failure(zr({"mail", "import", "--folder", " ", "-"}, message(1)), 2, "--folder needs a name");
+}
+
 TEST_F(MailTool, HtmlAloneIsShownAsText) {
     ASSERT_EQ(
         zr({"mail", "import", "-"}, "From: a@b.c\nSubject: s\nContent-Type: text/html\n\n<p>Hello<br>you &amp; me")
