@@ -6,8 +6,7 @@
 //   mail_walk            a contents table of 100,000 messages, five columns, in batches of 10. `select`: one SELECT
 //   mail_walk_by_date    newest first. `select`: with ORDER BY, through an index
 //   mail_move_one        one message into another folder. `sqlite`: one transaction that moves and logs it; neither
-//   waits
-//                        for the disk, both outlive the process
+//                        waits for the disk, both outlive the process
 //   mail_move_10000      in one call. `sqlite`: two statements for each of them, in one transaction
 
 #include <benchmark/benchmark.h>

@@ -57,7 +57,7 @@ void MapiReader::Copy(const MapiReader& other) {
     m_lResult = other.m_lResult;
     m_pValues = other.m_pValues;
     m_pTagsRead = other.m_pTagsRead;
-    ++*m_piRefCount;
+    if (m_piRefCount != nullptr) ++*m_piRefCount;
 }
 
 void MapiReader::DecrementRefCountAndClean() {

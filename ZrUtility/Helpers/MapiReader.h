@@ -11,7 +11,8 @@
 //
 // A reader is a value. Its copies share the values that were read, and the last of them gives them back to MAPI. The
 // copies of one reader are used and destroyed on one thread. A reader that was default-constructed, or that there was
-// no memory for (its result code is E_OUTOFMEMORY), has nothing to share: it can be assigned to but must not be copied.
+// no memory for (its result code is E_OUTOFMEMORY), has nothing to share, and its list of tags is never freed.
+// Assigning one such reader to another changes nothing, the result code included.
 //
 // A property that could not be read is there as an entry of type PT_ERROR, which no lookup, count or walk sees. Lookups
 // compare the whole tag, its type included.

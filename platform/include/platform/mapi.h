@@ -4,9 +4,9 @@
 //
 //     MAPIInitialize(nullptr);
 //     MAPILogonEx(0, nullptr, nullptr, 0, &session);
-//     session->GetMsgStoresTable(MAPI_UNICODE, &table);                  // PR_ENTRYID, PR_DISPLAY_NAME,
-//     PR_DEFAULT_STORE session->OpenMsgStore(0, cb, entry, nullptr, MAPI_BEST_ACCESS, &store); store->OpenEntry(cb,
-//     inbox, nullptr, MAPI_MODIFY, &type, &unknown);
+//     session->GetMsgStoresTable(MAPI_UNICODE, &table);  // PR_ENTRYID, PR_DISPLAY_NAME, PR_DEFAULT_STORE
+//     session->OpenMsgStore(0, cb, entry, nullptr, MAPI_BEST_ACCESS, &store);
+//     store->OpenEntry(cb, inbox, nullptr, MAPI_MODIFY, &type, &unknown);
 //
 // A store is one account. Each has a top folder (PR_IPM_SUBTREE_ENTRYID) with the folders Inbox, Outbox, Sent Items,
 // Drafts and Deleted Items, which can be neither deleted nor moved. The first logon of a user makes one store, the

@@ -267,4 +267,33 @@ TEST_F(MapiReaderTest, WithoutMemoryNothingIsRead) {
     EXPECT_TRUE(world_.calls.empty());
 }
 
+// What a program does with a reader that memory was too short for is what it does with any other.
+TEST_F(MapiReaderTest, AReaderThatMemoryWasTooShortForIsCopiedAndAssigned) {
+    const auto read_with = [this](int allocations) {
+        world_.calls.clear();
+        const zr::test::FailingNew failing(allocations);
+        return MapiReader::ReadMapiProperty(message_, PR_COUNT);
+    };
+    int allocations = 64;
+    ASSERT_EQ(read_with(allocations).GetResultCode(), S_OK);
+    // The last allocation of a reading is the counter, when the values are there already.
+    while (read_with(--allocations).GetResultCode() == S_OK) {
+        ASSERT_GT(allocations, 0);
+    }
+    const MapiReader without_memory = read_with(allocations);
+    EXPECT_EQ(without_memory.GetResultCode(), E_OUTOFMEMORY);
+    EXPECT_EQ(buffers(), buffers_) << "nobody would give the values back";
+
+    MapiReader copy = without_memory;
+    EXPECT_EQ(copy.GetResultCode(), E_OUTOFMEMORY);
+    EXPECT_FALSE(copy.HasProp(PR_COUNT));
+    EXPECT_EQ(copy.GetPropertiesRead(), 0u);
+    MapiReader full = read_three();
+    full = without_memory;
+    EXPECT_EQ(buffers(), buffers_) << "the values that it had were its own";
+    EXPECT_EQ(full.GetResultCode(), E_OUTOFMEMORY);
+    full = read_three();
+    EXPECT_EQ(full.GetULProperty(PR_COUNT), 7u);
+}
+
 }  // namespace mapi_reader_test

@@ -33,51 +33,6 @@ fs::path mail_path() {
     return sandbox_home() / "mail.db";
 }
 
-// The original of a message: of a length and content that its name tells.
-std::string original(int number) {
-    std::string text(100 + static_cast<std::size_t>(number) * 7919 % 90000, 0);
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        text[i] = static_cast<char>('a' + (i * 31 + static_cast<std::size_t>(number)) % 26);
-    }
-    return text;
-}
-
-std::u16string name_of(int number) {
-    const std::string digits = std::to_string(number);
-    return {digits.begin(), digits.end()};
-}
-
-HRESULT add_original(IMAPIFolder* folder, int number, Bytes& id) {
-    Ptr<IMessage> made;
-    HRESULT result = folder->CreateMessage(nullptr, 0, made.out());
-    if (SUCCEEDED(result)) result = set(made.get(), text_prop(PR_SUBJECT_W, name_of(number)));
-    if (SUCCEEDED(result)) result = set(made.get(), text_prop(PR_BODY_W, u"words of " + name_of(number)));
-    if (SUCCEEDED(result)) {
-        const std::string text = original(number);
-        Ptr<IStream> stream;
-        result = made->OpenProperty(PR_CE_MIME_TEXT, &IID_IStream, 0, MAPI_CREATE | MAPI_MODIFY, stream.unknown());
-        if (SUCCEEDED(result)) result = stream->Write(text.data(), static_cast<ULONG>(text.size()), nullptr);
-        if (SUCCEEDED(result)) result = stream->Commit(0);
-    }
-    if (SUCCEEDED(result)) result = made->SaveChanges(0);
-    if (SUCCEEDED(result)) id = id_of(made.get());
-    return result;
-}
-
-// Whether what a message's name says is what it holds.
-bool is_whole(IMessage* message) {
-    const Props props(message, {PR_SUBJECT_W});
-    const std::u16string name = props.text();
-    const std::string wanted = original(std::stoi(std::string(name.begin(), name.end())));
-    Ptr<IStream> stream;
-    if (message->OpenProperty(PR_CE_MIME_TEXT, &IID_IStream, 0, 0, stream.unknown()) != S_OK) return false;
-    std::string text(wanted.size() + 1, 0);
-    ULONG got = 0;
-    if (FAILED(stream->Read(text.data(), static_cast<ULONG>(text.size()), &got))) return false;
-    text.resize(got);
-    return text == wanted;
-}
-
 // All messages of the store's folders: their names, and how often each is somewhere.
 std::map<int, int> all_messages(const Mail& mail, bool look_inside) {
     std::map<int, int> found;

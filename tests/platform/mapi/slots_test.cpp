@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 
 #include "platform/mapi.h"
 
@@ -77,6 +78,14 @@ TEST(MapiSlots, Session) {
                 &IMAPISession::SetDefaultStore, &IMAPISession::AdminServices, &IMAPISession::ShowForm,
                 &IMAPISession::PrepareForm);
     expect_from(22, &ICEMAPISession::CreateMsgStore, &ICEMAPISession::DeleteMsgStore);
+}
+
+// Without operations of its own: what its callers find are IMAPIProp's.
+static_assert(std::is_base_of_v<IMAPIProp, IAttach> && sizeof(IAttach) == sizeof(IMAPIProp));
+
+TEST(MapiSlots, MailExtras) {
+    expect_from(3, &IZrMail::BeginBatch, &IZrMail::CommitBatch, &IZrMail::RollbackBatch, &IZrMail::Find,
+                &IZrMail::LastErrorText, &IZrMail::get_StorePath);
 }
 
 TEST(MapiSlots, AdviseSink) {

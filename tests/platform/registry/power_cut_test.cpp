@@ -1,97 +1,15 @@
-// What a power cut leaves. The syncs of this program's files are noted with what the file held then: that is on the
-// disk. Of everything that was written later any sector may have got there or not, so the test throws dice for each.
+// What a power cut leaves of the registry.
 
-#include <fcntl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <map>
-#include <mutex>
 #include <random>
 
 #include "platform/diagnostics.h"
 #include "registry_support.h"
 #include "support/child.h"
+#include "support/disk.h"
 #include "support/sandbox.h"
 #include "support/sql.h"
-
-namespace {
-
-using zr::test::code;
-using zr::test::kOk;
-
-// The program's disk, as it would be after a power cut.
-class Disk {
-public:
-    static Disk& instance() {
-        static Disk disk;
-        return disk;
-    }
-    void begin() { watching_ = true; }
-
-    void synced(int file) {
-        if (!watching_) return;
-        const std::string link = "/proc/self/fd/" + std::to_string(file);
-        std::error_code error;
-        const std::string path = std::filesystem::read_symlink(link, error);
-        if (error || !std::filesystem::is_regular_file(path, error)) return;
-        const std::lock_guard lock(mutex_);
-        durable_[path] = content(path);
-        ++syncs_[path];
-    }
-    int syncs(const std::string& path) {
-        const std::lock_guard lock(mutex_);
-        return syncs_[path];
-    }
-
-    // What is left of a file. Sectors are written whole.
-    std::string after_power_cut(const std::string& path, std::mt19937& random) {
-        constexpr std::size_t kSector = 512;
-        const std::lock_guard lock(mutex_);
-        const std::string now = content(path);
-        std::string left = durable_[path];
-        if (now.size() > left.size()) left.resize(left.size() + random() % (now.size() - left.size() + 1), '\0');
-        if (now.size() < left.size() && random() % 2 == 0) left.resize(now.size());
-        const unsigned odds = random() % 4;  // from nothing to nearly everything
-        for (std::size_t at = 0; at < std::min(left.size(), now.size()); at += kSector) {
-            const std::size_t size = std::min(kSector, std::min(left.size(), now.size()) - at);
-            if (random() % 4 < odds) left.replace(at, size, now, at, size);
-        }
-        return left;
-    }
-
-private:
-    static std::string content(const std::string& path) {
-        std::error_code error;
-        const std::uintmax_t size = std::filesystem::file_size(path, error);
-        std::string bytes(error ? 0 : size, '\0');
-        std::ifstream(path, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        return bytes;
-    }
-
-    bool watching_ = false;
-    std::mutex mutex_;
-    std::map<std::string, std::string> durable_;
-    std::map<std::string, int> syncs_;
-};
-
-}  // namespace
-
-// In the place of the C library's, for the platform and for SQLite.
-extern "C" __attribute__((visibility("default"))) int fdatasync(int file) {
-    const auto result = static_cast<int>(syscall(SYS_fdatasync, file));
-    if (result == 0) Disk::instance().synced(file);
-    return result;
-}
-extern "C" __attribute__((visibility("default"))) int fsync(int file) {
-    const auto result = static_cast<int>(syscall(SYS_fsync, file));
-    if (result == 0) Disk::instance().synced(file);
-    return result;
-}
 
 namespace {
 
@@ -153,11 +71,7 @@ ZR_CHILD(until_the_cut) {
         }
         if (random() % 100 != 0) continue;
         const auto left = sandbox() / ("cut" + std::to_string(number));
-        std::filesystem::create_directory(left);
-        for (const char* suffix : {"", "-wal"}) {
-            std::ofstream(left / (std::string("registry.db") + suffix), std::ios::binary)
-                << disk.after_power_cut(store + suffix, random);
-        }
+        disk.cut(store, left, random);
         Child next("after_the_cut", {left, std::to_string(flushed), std::to_string(number)});
         if (const int result = next.wait(); result != 0) return result;
         std::filesystem::remove_all(left);
