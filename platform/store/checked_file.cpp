@@ -164,8 +164,12 @@ struct File {
     Byte* scratch;               // a page; made when it is first needed
     const volatile Byte* index;  // of the journal, in shared memory; null: not there yet
     // The journal's.
-    File* database;  // null: not known, nothing is looked at
-    bool unmarked;   // its header was written, and the database's mark not yet
+    File* database;      // null: not known, nothing is looked at
+    bool unmarked;       // its header was written, and the database's mark not yet
+    bool appending;      // the last call wrote a page
+    sqlite3_int64 held;  // where the frame's header goes that lies in `frame` until its page comes; 0: none
+    Byte* frame;         // room for a frame; made when it is first needed
+    int frame_size;
 
     sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
     const sqlite3_io_methods* methods() { return real()->pMethods; }
@@ -338,6 +342,41 @@ int prepare_number(File& database, const Byte* header) {
     return marked == 0 || next == marked || next == marked + 1 ? SQLITE_OK : unmark_journal(database);
 }
 
+int write_held(File& journal) {
+    const sqlite3_int64 at = std::exchange(journal.held, 0);
+    return at == 0 ? SQLITE_OK : journal.write(journal.frame, kFrameHeader, at);
+}
+
+// SQLite appends a frame by two calls: its header, then its page. To the host it is one. A header that is written by
+// itself, which comes behind reading its frame, is not held back.
+int write_frames(File& journal, const void* from, int size, sqlite3_int64 at) {
+    const bool follows = std::exchange(journal.appending, false);
+    if (journal.held != 0 && at == journal.held + kFrameHeader && kFrameHeader + size <= journal.frame_size) {
+        std::memcpy(journal.frame + kFrameHeader, from, static_cast<std::size_t>(size));
+        journal.appending = true;
+        return journal.write(journal.frame, kFrameHeader + size, std::exchange(journal.held, 0));
+    }
+    if (const int result = write_held(journal); result != SQLITE_OK) return result;
+    if (follows && size == kFrameHeader && journal.frame != nullptr) {
+        std::memcpy(journal.frame, from, kFrameHeader);
+        journal.held = at;
+        return SQLITE_OK;
+    }
+    const File* const database = journal.database;
+    journal.appending = database != nullptr && database->checked && size == database->page_size;
+    if (journal.appending && journal.frame_size < kFrameHeader + size) {
+        delete[] std::exchange(journal.frame, new (std::nothrow) Byte[static_cast<std::size_t>(kFrameHeader + size)]);
+        journal.frame_size = journal.frame != nullptr ? kFrameHeader + size : 0;
+    }
+    return journal.write(from, size, at);
+}
+
+// Before anything else is done with the file.
+int settle_journal(File& file) {
+    file.appending = false;
+    return write_held(file);
+}
+
 int write_journal(File& journal, const void* from, int size, sqlite3_int64 at) {
     File* const database = journal.database;
     if (at == 0) {
@@ -352,7 +391,7 @@ int write_journal(File& journal, const void* from, int size, sqlite3_int64 at) {
         if (result != SQLITE_OK) return result;
         journal.unmarked = false;
     }
-    return journal.write(from, size, at);
+    return write_frames(journal, from, size, at);
 }
 
 // --- what SQLite calls ---
@@ -360,13 +399,15 @@ int write_journal(File& journal, const void* from, int size, sqlite3_int64 at) {
 int x_close(sqlite3_file* base) {
     File& file = file_of(base);
     delete[] std::exchange(file.scratch, nullptr);
+    delete[] std::exchange(file.frame, nullptr);
     return file.methods() == nullptr ? SQLITE_OK : file.methods()->xClose(file.real());
 }
 
 int x_read(sqlite3_file* base, void* to, int size, sqlite3_int64 at) {
     File& file = file_of(base);
     if (file.kind == Kind::Database) return read_database(file, to, size, at);
-    const int result = file.read(to, size, at);
+    int result = settle_journal(file);
+    if (result == SQLITE_OK) result = file.read(to, size, at);
     if (result != SQLITE_OK || file.kind != Kind::Journal || !is_committed_frame(file, size, at)) return result;
     return verify_frame(file, static_cast<const Byte*>(to), size, at);
 }
@@ -382,17 +423,20 @@ int x_truncate(sqlite3_file* base, sqlite3_int64 size) {
     if (file.kind == Kind::Journal && size == 0 && file.database != nullptr && file.database->checked) {
         if (const int result = unmark_journal(*file.database); result != SQLITE_OK) return result;
     }
+    if (const int result = settle_journal(file); result != SQLITE_OK) return result;
     const WithinSizeLimit no_signal;
     return file.methods()->xTruncate(file.real(), size);
 }
 
 int x_sync(sqlite3_file* base, int flags) {
     File& file = file_of(base);
+    if (const int result = settle_journal(file); result != SQLITE_OK) return result;
     return file.methods()->xSync(file.real(), flags);
 }
 
 int x_file_size(sqlite3_file* base, sqlite3_int64* size) {
     File& file = file_of(base);
+    if (const int result = settle_journal(file); result != SQLITE_OK) return result;
     return file.methods()->xFileSize(file.real(), size);
 }
 

@@ -15,6 +15,7 @@
 
 #include "base/forks.h"
 #include "base/private_file.h"
+#include "base/size_limit.h"
 #include "base/state_folder.h"
 #include "store/checked_file.h"
 
@@ -547,6 +548,7 @@ DWORD StoreWriting::prune() {
 // Commits and rings; true when nobody else has committed since before_.
 bool StoreWriting::keep(CommitWatch::Stamp& after, DWORD& error) {
     if (!has_changes()) return false;
+    const WithinSizeLimit no_signal;  // for all that a commit writes
     error = prune();
     if (error != ERROR_SUCCESS) return false;
     Use commit = connection().use("COMMIT");
