@@ -1,4 +1,5 @@
-// The message store beside SQLite: the same rows in a database of its own, with the same indexes and the same settings.
+// The message store beside SQLite: the same rows in a database of its own, with an index of the same order and the same
+// settings.
 //
 //   mail_open_and_read   a message opened by its identifier, five properties read. `select`: one prepared SELECT of the
 //                        five columns by key, copied
@@ -66,7 +67,10 @@ struct Ours {
     IMsgStore* store = nullptr;
     IMAPIFolder* inbox = nullptr;
     IMAPIFolder* other = nullptr;
-    std::vector<std::string> ids;
+    std::vector<BYTE> ids;  // one behind the other, as the peer's keys need no memory of their own
+    ULONG id_size = 0;
+
+    BYTE* id(std::size_t number) { return ids.data() + number * id_size; }
 
     static Ours& instance() {
         static Ours ours;
@@ -128,7 +132,8 @@ private:
         ULONG count = 0;
         LPSPropValue id = nullptr;
         check(message->GetProps(&tags, 0, &count, &id), "its identifier");
-        ids.emplace_back(reinterpret_cast<const char*>(id->Value.bin.lpb), id->Value.bin.cb);
+        id_size = id->Value.bin.cb;
+        ids.insert(ids.end(), id->Value.bin.lpb, id->Value.bin.lpb + id_size);
         MAPIFreeBuffer(id);
         message->Release();
     }
@@ -142,11 +147,9 @@ struct FiveTags {
 };
 
 IMessage* open_message(Ours& ours, std::size_t i) {
-    std::string& id = ours.ids[i];
     IUnknown* message = nullptr;
     ULONG type = 0;
-    check(ours.session->OpenEntry(static_cast<ULONG>(id.size()), reinterpret_cast<ENTRYID*>(id.data()), nullptr, 0,
-                                  &type, &message),
+    check(ours.session->OpenEntry(ours.id_size, reinterpret_cast<ENTRYID*>(ours.id(i)), nullptr, 0, &type, &message),
           "opening");
     return static_cast<IMessage*>(message);
 }
@@ -215,8 +218,7 @@ void move(Ours& ours, std::vector<SBinary>& binaries, bool there) {
 std::vector<SBinary> first_ids(Ours& ours, std::size_t count) {
     std::vector<SBinary> binaries;
     for (std::size_t i = 0; i < count; ++i) {
-        std::string& id = ours.ids[i];
-        binaries.push_back({static_cast<ULONG>(id.size()), reinterpret_cast<BYTE*>(id.data())});
+        binaries.push_back({ours.id_size, ours.id(i)});
     }
     return binaries;
 }

@@ -112,13 +112,9 @@ struct ColumnView {
     std::string_view bytes;  // UTF-16 units
 
     void read(const Statement& row, int at, Column column) {
-        if (is_text(column)) {
-            bytes = row.blob(at);
-            present = !bytes.empty() || !row.is_null(at);
-        } else {
-            number = row.integer(at);
-            present = number != 0 || !row.is_null(at);
-        }
+        number = 0;
+        bytes = {};
+        present = is_text(column) ? row.read(at, bytes) : row.read(at, number);
     }
 };
 

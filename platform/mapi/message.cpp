@@ -235,9 +235,9 @@ private:
         return found != stored_.end() ? &found->second : nullptr;
     }
     ColumnView column(Column column) const {
-        const unsigned i = index_of(column);
-        if (!edit_.column_set[i]) return row_.view(column);
-        const Value& value = edit_.columns[i];
+        const auto set = edit_.columns.find(column);
+        if (set == edit_.columns.end()) return row_.view(column);
+        const Value& value = set->second;
         return {value.type != PT_NULL, value.number, value.bytes};
     }
 
@@ -313,11 +313,10 @@ private:
     void set_column(Column column, Value value) {
         // The date and the flags of a message cannot be missing.
         if (value.type == PT_NULL && (column == Column::Delivered || column == Column::Flags)) {
-            edit_.column_set[index_of(column)] = false;
+            edit_.columns.erase(column);
             return;
         }
-        edit_.column_set[index_of(column)] = true;
-        edit_.columns[index_of(column)] = std::move(value);
+        edit_.columns.insert_or_assign(column, std::move(value));
     }
     HRESULT flatten(Value& value) {
         if (value.size() > kMostColumn) return fail(MAPI_E_TOO_BIG, "The text is too long for a list.");
@@ -379,8 +378,8 @@ private:
         if (FAILED(result)) return result;
         const bool read = (flags & CLEAR_READ_FLAG) == 0;
         if (id_ == 0) {
-            const LONGLONG now = edit_.column_set[index_of(Column::Flags)] ? column(Column::Flags).number
-                                                                           : LONGLONG{MSGFLAG_UNSENT | MSGFLAG_READ};
+            const LONGLONG now = edit_.columns.contains(Column::Flags) ? column(Column::Flags).number
+                                                                       : LONGLONG{MSGFLAG_UNSENT | MSGFLAG_READ};
             set_column(Column::Flags,
                        Value::of_number(PT_LONG, read ? now | MSGFLAG_READ : now & ~LONGLONG{MSGFLAG_READ}));
             return S_OK;

@@ -32,8 +32,8 @@ bool changes_words(const MessageEdit& edit) {
     constexpr WORD kBody = id_of(PR_BODY_W);
     if (edit.replaces_recipients || edit.edit.set.contains(kBody)) return true;
     if (std::find(edit.edit.removed.begin(), edit.edit.removed.end(), kBody) != edit.edit.removed.end()) return true;
-    return edit.column_set[index_of(Column::Subject)] || edit.column_set[index_of(Column::SenderName)] ||
-           edit.column_set[index_of(Column::SenderAddress)];
+    return edit.columns.contains(Column::Subject) || edit.columns.contains(Column::SenderName) ||
+           edit.columns.contains(Column::SenderAddress);
 }
 
 void append(std::u16string& words, std::string_view text) {
@@ -231,14 +231,17 @@ HRESULT Transaction::insert_message(LONGLONG folder, MessageEdit& edit, LONGLONG
     FolderFacts facts;
     if (const HRESULT result = this->facts(folder, facts); FAILED(result)) return result;
     const LONGLONG time = now();
+    const Value none;
+    const Value usual_class = Value::of_text(kNewClass);
+    const auto value = [&](Column column) -> const Value& {
+        if (const auto set = edit.columns.find(column); set != edit.columns.end()) return set->second;
+        return column == Column::Class ? usual_class : none;
+    };
     const auto number = [&](Column column, LONGLONG otherwise) {
-        const unsigned i = index_of(column);
-        return edit.column_set[i] && edit.columns[i].type != PT_NULL ? edit.columns[i].number : otherwise;
+        return value(column).type != PT_NULL ? value(column).number : otherwise;
     };
     constexpr ULONG kKept = ~MSGFLAG_HASATTACH;
     const LONGLONG flags = number(Column::Flags, kNewFlags) & kKept;
-    Value& message_class = edit.columns[index_of(Column::Class)];
-    if (!edit.column_set[index_of(Column::Class)]) message_class = Value::of_text(kNewClass);
     LONGLONG fresh = 0;
     {
         Use row = writing_.connection().use(
@@ -248,12 +251,12 @@ HRESULT Transaction::insert_message(LONGLONG folder, MessageEdit& edit, LONGLONG
         if (!row) return failure();
         row->bind(1, folder);
         row->bind(2, number(Column::Delivered, time));
-        bind_column(row, 3, edit.columns[index_of(Column::Submitted)]);
+        bind_column(row, 3, value(Column::Submitted));
         row->bind(4, flags);
         row->bind(5, time);
         row->bind(6, edit.next_attachment);
         for (unsigned i = kFirstText; i < kColumns; ++i) {
-            bind_column(row, 7 + static_cast<int>(i - kFirstText), edit.columns[i]);
+            bind_column(row, 7 + static_cast<int>(i - kFirstText), value(static_cast<Column>(i)));
         }
         if (const HRESULT result = checked(run(row)); FAILED(result)) return result;
     }
@@ -265,7 +268,7 @@ HRESULT Transaction::insert_message(LONGLONG folder, MessageEdit& edit, LONGLONG
     if (SUCCEEDED(result)) result = log(ChangeKind::Created, MAPI_MESSAGE, facts.account, fresh, folder);
     if (SUCCEEDED(result) && facts.role == Role::Inbox && (flags & kNewFlags) == 0)
         result = log(ChangeKind::NewMail, MAPI_MESSAGE, facts.account, fresh, folder, 0, 0, 0,
-                     as_text(message_class.bytes), static_cast<ULONG>(flags));
+                     as_text(value(Column::Class).bytes), static_cast<ULONG>(flags));
     if (SUCCEEDED(result)) {
         id = fresh;
         version = 1;
@@ -332,12 +335,12 @@ HRESULT Transaction::write_columns(const MessageEdit& edit, LONGLONG id) {
         return updates;
     }();
     HRESULT result = S_OK;
-    for (unsigned i = 0; i < kColumns && SUCCEEDED(result); ++i) {
-        if (!edit.column_set[i]) continue;
-        Use row = writing_.connection().use(kUpdates[i].c_str());
+    for (const auto& [column, value] : edit.columns) {
+        if (FAILED(result)) return result;
+        Use row = writing_.connection().use(kUpdates[index_of(column)].c_str());
         if (!row) return failure();
         row->bind(1, id);
-        bind_column(row, 2, edit.columns[i]);
+        bind_column(row, 2, value);
         result = run(row);
     }
     return result;

@@ -83,8 +83,8 @@ public:
     MessageRows(MailStore& store, std::span<const ULONG> tags) : store_(store), tags_(tags.begin(), tags.end()) {
         needs(Column::Delivered);
         for (const ULONG tag : tags_) {
-            const auto column = column_of(tag);
-            if (column) {
+            tag_columns_.push_back(column_of(tag));
+            if (const auto column = tag_columns_.back()) {
                 needs(*column);
             } else if (id_of(tag) == id_of(PR_HASATTACH)) {
                 needs(Column::Flags);
@@ -103,35 +103,39 @@ public:
     Use use(const char* rest) { return store_.use_text(select_ + rest); }
 
     static LONGLONG id(const Statement& row) { return row.integer(0); }
-    LONGLONG date(const Statement& row) const { return row.integer(2); }
+    // Of the row that was filled last.
+    LONGLONG date() const { return views_[index_of(Column::Delivered)].number; }
 
     HRESULT fill(const Statement& source, Row& row) {
         for (std::size_t i = 0; i < columns_.size(); ++i) {
             views_[index_of(columns_[i])].read(source, static_cast<int>(i) + 2, columns_[i]);
         }
-        const LONGLONG id = source.integer(0);
-        for (const ULONG tag : tags_) {
-            if (const auto column = column_of(tag)) {
-                fill_column(tag, *column, views_[index_of(*column)], row);
-            } else if (!fill_message_identity(store_, id, source.integer(1), views_[index_of(Column::Flags)].number,
-                                              true, tag, row)) {
-                Value value;
-                HRESULT result = store_.property(owner_of(MAPI_MESSAGE, id), 0, id_of(tag), value);
-                if (SUCCEEDED(result)) result = fill_value(store_, tag, &value, row);
-                if (FAILED(result)) return result;
+        for (std::size_t i = 0; i < tags_.size(); ++i) {
+            if (const auto column = tag_columns_[i]) {
+                fill_column(tags_[i], *column, views_[index_of(*column)], row);
+            } else if (const HRESULT result = fill_other(source, tags_[i], row); FAILED(result)) {
+                return result;
             }
         }
         return S_OK;
     }
 
 private:
+    HRESULT fill_other(const Statement& source, ULONG tag, Row& row) {
+        const LONGLONG flags = views_[index_of(Column::Flags)].number;
+        if (fill_message_identity(store_, id(source), source.integer(1), flags, true, tag, row)) return S_OK;
+        Value value;
+        const HRESULT result = store_.property(owner_of(MAPI_MESSAGE, id(source)), 0, id_of(tag), value);
+        return SUCCEEDED(result) ? fill_value(store_, tag, &value, row) : result;
+    }
     void needs(Column column) {
         if (std::find(columns_.begin(), columns_.end(), column) == columns_.end()) columns_.push_back(column);
     }
 
     MailStore& store_;
     std::vector<ULONG> tags_;
-    std::vector<Column> columns_;  // the date first
+    std::vector<std::optional<Column>> tag_columns_;  // what column each of them is
+    std::vector<Column> columns_;                     // the date first
     std::string select_;
     ColumnView views_[kColumns];
 };
@@ -213,7 +217,7 @@ public:
         while ((code = found->step()) == SQLITE_ROW) {
             row_.clear();
             if (const HRESULT result = messages.fill(*found, row_); FAILED(result)) return result;
-            if (!visit({messages.date(*found), MessageRows::id(*found)}, row_)) return S_OK;
+            if (!visit({messages.date(), MessageRows::id(*found)}, row_)) return S_OK;
         }
         return code == SQLITE_DONE ? S_OK : store_.failure();
     }

@@ -42,6 +42,10 @@ constexpr const char* kSteps[] = {
     "INSERT INTO change SELECT " ZR_STORE_FIRST_SEQ
     ", 0, 0, 0, 0, 0, 0, 0, 0, 0, NULL, 0;"
     "PRAGMA application_id = 1517440321;",
+    // One index for the order, what is read and what is unread: moving a message is two entries of it.
+    "DROP INDEX message_unread;"
+    "DROP INDEX message_by_date;"
+    "CREATE INDEX message_by_date ON message(folder, delivered, id, flags);",
 };
 
 constexpr StoreTable kTables[] = {

@@ -1,7 +1,6 @@
 #include "table.h"
 
 #include <algorithm>
-#include <deque>
 
 #include "buffers.h"
 #include "com/com_object.h"
@@ -10,7 +9,11 @@
 namespace zr::platform::mapi {
 namespace {
 
-constexpr int kAhead = 64;    // rows that are read at once
+// Rows that are read at once: few at first, more while the table is walked on; and no more once they have so many
+// bytes.
+constexpr int kAhead = 64;
+constexpr int kMostAhead = 512;
+constexpr std::size_t kMostAheadBytes = 262144;
 constexpr int kStride = 512;  // rows that are looked at with the lock held
 constexpr ULONG kMostSorts = 8;
 
@@ -143,7 +146,7 @@ private:
     void gather_tags() {
         tags_ = columns_;
         if (restriction_) restriction_->tags(tags_);
-        ahead_.clear();
+        drop_ahead();
     }
 
     bool fits(const SPropValue* row) const { return !restriction_ || restriction_->fits(row, tags_.size()); }
@@ -164,22 +167,37 @@ private:
     Place behind(const Place& row) const { return descends() ? just_before(row) : row; }
     Place before(const Place& row) const { return descends() ? row : just_before(row); }
 
+    bool has_ahead() const { return ahead_at_ != ahead_.size(); }
+    void drop_ahead() {
+        ahead_.clear();
+        ahead_at_ = 0;
+    }
+
     HRESULT read_ahead() {
-        if (ahead_seq_ != store().seq()) ahead_.clear();
+        if (ahead_seq_ != store().seq()) {
+            drop_ahead();
+            ahead_limit_ = kAhead;
+        }
         ahead_seq_ = store().seq();
-        if (!ahead_.empty()) return S_OK;
+        if (has_ahead()) return S_OK;
+        drop_ahead();
         Place from = place_;
+        const int limit = std::exchange(ahead_limit_, std::min(2 * ahead_limit_, kMostAhead));
         for (bool more = true; more && ahead_.empty();) {
             int seen = 0;
-            const HRESULT result = walk(from, false, kAhead, tags_, [&](const Place& place, Row& row) {
+            std::size_t bytes = 0;
+            const HRESULT result = walk(from, false, limit, tags_, [&](const Place& place, Row& row) {
                 ++seen;
                 from = behind(place);
-                Buffer<SPropValue> values(row.finish());
-                if (fits(values.get())) ahead_.push_back({behind(place), std::move(values)});
-                return true;
+                std::size_t size = 0;
+                Buffer<SPropValue> values(row.finish(&size));
+                if (!fits(values.get())) return true;
+                ahead_.push_back({from, std::move(values)});
+                bytes += size;
+                return bytes < kMostAheadBytes;
             });
             if (FAILED(result)) return result;
-            more = seen == kAhead;
+            more = seen == limit;
         }
         return S_OK;
     }
@@ -214,16 +232,16 @@ private:
 
     HRESULT query_dated(LONG count, bool advance, std::vector<Buffer<SPropValue>>& taken) {
         const Place start = place_;
+        taken.reserve(static_cast<std::size_t>(std::min<LONG>(count, kMostAhead)));
         while (taken.size() < static_cast<std::size_t>(count)) {
             if (const HRESULT result = read_ahead(); FAILED(result)) return result;
-            if (ahead_.empty()) break;
-            place_ = ahead_.front().place;
-            taken.push_back(std::move(ahead_.front().values));
-            ahead_.pop_front();
+            if (!has_ahead()) break;
+            place_ = ahead_[ahead_at_].place;
+            taken.push_back(std::move(ahead_[ahead_at_++].values));
         }
         if (!advance) {
             place_ = start;
-            ahead_.clear();
+            drop_ahead();
         }
         return S_OK;
     }
@@ -348,7 +366,7 @@ private:
             if (wanted != 0) result = stride(place, back, wanted, gone);
             if (FAILED(result)) return result;
             place_ = place;
-            ahead_.clear();
+            drop_ahead();
         } else {
             const auto size = static_cast<LONGLONG>(keys_.size());
             const LONGLONG base = from == BOOKMARK_BEGINNING ? 0
@@ -397,7 +415,7 @@ private:
             more = seen == kStride;
         }
         if (!found) return fail(MAPI_E_NOT_FOUND);
-        ahead_.clear();
+        drop_ahead();
         return S_OK;
     }
 
@@ -457,7 +475,8 @@ private:
         const bool by_id = restriction_ && restriction_->required_text(PR_INTERNET_MESSAGE_ID_W);
         dated_ = source_->is_dated() && by_date && !by_id;
         place_ = first_place();
-        ahead_.clear();
+        drop_ahead();
+        ahead_limit_ = kAhead;
         gathered_ = false;
         at_ = 0;
     }
@@ -496,7 +515,9 @@ private:
     bool dated_;
 
     Place place_ = kBeforeAll;
-    std::deque<Ahead> ahead_;
+    std::vector<Ahead> ahead_;
+    std::size_t ahead_at_ = 0;  // those before it were handed out
+    int ahead_limit_ = kAhead;
     LONGLONG ahead_seq_ = 0;
 
     std::vector<LONGLONG> keys_;

@@ -26,8 +26,7 @@ struct AttachmentEdit {
 // A message with what is to be saved of it.
 struct MessageEdit {
     Edit edit;                                       // without the columns
-    bool column_set[kColumns] = {};                  // these columns change,
-    Value columns[kColumns];                         // to this (PT_NULL: removed)
+    std::map<Column, Value> columns;                 // PT_NULL: removed
     std::map<LONGLONG, AttachmentEdit> attachments;  // by their numbers
     bool replaces_recipients = false;
     std::vector<Values> recipients;

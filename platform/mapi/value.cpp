@@ -162,11 +162,12 @@ void Row::keep() {
     }
 }
 
-SPropValue* Row::finish() const {
+SPropValue* Row::finish(std::size_t* buffer_size) const {
     std::size_t size = items_.size() * sizeof(SPropValue);
     for (const Item& item : items_) {
         if (item.at != kNoBytes) size += aligned(item.size + sizeof(WCHAR));
     }
+    if (buffer_size != nullptr) *buffer_size = size;
     auto* const row = static_cast<SPropValue*>(allocate_buffer(size));
     if (row == nullptr) throw std::bad_alloc();
     char* end = reinterpret_cast<char*>(row + items_.size());

@@ -75,8 +75,8 @@ public:
 
     // Copies what was given to bytes(): it need not stay any more.
     void keep();
-    // Throws std::bad_alloc when memory is short.
-    SPropValue* finish() const;
+    // Throws std::bad_alloc when memory is short. `size`: the buffer's.
+    SPropValue* finish(std::size_t* size = nullptr) const;
 
 private:
     static constexpr std::size_t kNoBytes = static_cast<std::size_t>(-1);

@@ -61,6 +61,20 @@ public:
     void copy(int column, Statement& to, int index) const {
         sqlite3_bind_value(to.statement_, index, sqlite3_column_value(statement_, column));
     }
+    // A column that is looked at once: false when it is null. Bytes are valid until the next step.
+    bool read(int column, LONGLONG& number) const {
+        sqlite3_value* const value = sqlite3_column_value(statement_, column);
+        if (sqlite3_value_type(value) == SQLITE_NULL) return false;
+        number = sqlite3_value_int64(value);
+        return true;
+    }
+    bool read(int column, std::string_view& bytes) const {
+        sqlite3_value* const value = sqlite3_column_value(statement_, column);
+        if (sqlite3_value_type(value) == SQLITE_NULL) return false;
+        const void* const data = sqlite3_value_blob(value);
+        bytes = {static_cast<const char*>(data), static_cast<std::size_t>(sqlite3_value_bytes16(value))};
+        return true;
+    }
     std::string_view blob(int column) const {
         const void* bytes = sqlite3_column_blob(statement_, column);
         return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_column_bytes16(statement_, column))};
