@@ -1,5 +1,6 @@
 #include "at_fork.h"
 
+#include "alarm.h"
 #include "base/forks.h"
 #include "engine.h"
 #include "process.h"
@@ -8,15 +9,20 @@
 namespace zr::platform {
 namespace {
 
+constexpr DueClock kClocks[] = {DueClock::Monotonic, DueClock::OfDay};
+
 // In the order in which they are taken.
 void lock_all() noexcept {
-    at_fork::lock_host_events();
     at_fork::lock_session();
     at_fork::lock_threads();
     at_fork::lock_thread_end();
     at_fork::lock_sections();
     lock_timers();
+    for (const DueClock clock : kClocks) {
+        Alarm::of(clock).lock();
+    }
     lock_processes();
+    at_fork::lock_host_events();
     Engine::lock.lock();
     at_fork::lock_pages();
     at_fork::lock_views();
@@ -24,23 +30,22 @@ void lock_all() noexcept {
     at_fork::lock_handles();
 }
 
-void unlock_objects() noexcept {
+void unlock_all() noexcept {
     at_fork::unlock_handles();
     at_fork::unlock_mapped_files();
     at_fork::unlock_views();
     at_fork::unlock_pages();
     Engine::lock.unlock();
+    at_fork::unlock_host_events();
     unlock_processes();
+    for (const DueClock clock : kClocks) {
+        Alarm::of(clock).unlock();
+    }
     unlock_timers();
     at_fork::unlock_sections();
     at_fork::unlock_thread_end();
     at_fork::unlock_threads();
     at_fork::unlock_session();
-}
-
-void unlock_all() noexcept {
-    unlock_objects();
-    at_fork::unlock_host_events();
 }
 
 void begin_child() noexcept {
@@ -49,12 +54,17 @@ void begin_child() noexcept {
     at_fork::forget_quick_pins();
     at_fork::forget_session();
     forget_process_watch();
-    unlock_objects();
+    for (const DueClock clock : kClocks) {
+        Alarm::of(clock).forget();
+    }
     at_fork::forget_host_events();
+    unlock_all();
 }
 
 void resume() noexcept {
-    resume_timers();
+    for (const DueClock clock : kClocks) {
+        Alarm::of(clock).resume();
+    }
     resume_process_watch();
 }
 

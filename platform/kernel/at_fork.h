@@ -8,7 +8,7 @@ namespace zr::platform::at_fork {
 
 void lock_host_events() noexcept;
 void unlock_host_events() noexcept;
-void forget_host_events() noexcept;  // and unlock
+void forget_host_events() noexcept;
 
 void lock_session() noexcept;  // and the members of named objects
 void unlock_session() noexcept;

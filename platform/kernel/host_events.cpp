@@ -12,6 +12,7 @@
 #include <new>
 
 #include "at_fork.h"
+#include "base/file_mark.h"
 #include "base/host_error.h"
 #include "base/host_fd.h"
 #include "kernel/worker.h"
@@ -30,9 +31,13 @@ public:
 
 private:
     static constexpr std::size_t kMost = 16;  // sources with a descriptor
+    static constexpr int kWakeMark = 1;
 
     DWORD start() noexcept;
     void wake() noexcept;
+    void make_wake() noexcept;
+    void replace_wake() noexcept;
+    bool has_wake() const noexcept;
     void run() noexcept;
     int wait(std::unique_lock<std::mutex>& lock, pollfd* files, std::size_t count) noexcept;
     std::size_t list(pollfd* files, HostSource** sources) noexcept;
@@ -47,6 +52,8 @@ private:
     HostSource* first_ = nullptr;
     HostSource* calling_ = nullptr;
     std::uint32_t round_ = 0;  // of calls whose time has come
+    std::uint32_t turn_ = 0;   // which thread it is that waits
+    bool is_waiting_ = false;
     pthread_t thread_{};
     Worker worker_{"zr-host"};
     HostFd wake_;
@@ -96,14 +103,45 @@ void HostEvents::call(HostSource& source, Deadline when) noexcept {
 }
 
 DWORD HostEvents::start() noexcept {
-    if (!wake_) wake_ = HostFd(above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+    if (!wake_) make_wake();
     if (!wake_) return error_from_errno(errno);
     const auto body = [](void* self) { static_cast<HostEvents*>(self)->run(); };
     return worker_.start(body, this) ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
 }
 
+void HostEvents::make_wake() noexcept {
+    wake_ = HostFd(above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+    if (wake_) mark_file(wake_.get(), kWakeMark);
+}
+
+// The program closed it, and who knows what else: each source looks after its own. The number may be the program's by
+// now.
+void HostEvents::replace_wake() noexcept {
+    static_cast<void>(wake_.detach());
+    make_wake();
+    for (HostSource* each = first_; each; each = each->next_) {
+        each->due_ = Deadline::at_once().ns;
+    }
+}
+
+bool HostEvents::has_wake() const noexcept {
+    return wake_ && has_mark(wake_.get(), kWakeMark);
+}
+
+// In a program that closed all descriptors it found the thread sleeps on files that nobody can reach any more. Another
+// one takes its turn, and it ends should it ever wake.
 void HostEvents::wake() noexcept {
-    if (wake_) eventfd_write(wake_.get(), 1);
+    if (!worker_.is_running()) return;
+    if (has_wake()) {
+        eventfd_write(wake_.get(), 1);
+        return;
+    }
+    replace_wake();
+    if (!is_waiting_ || !wake_) return;
+    is_waiting_ = false;
+    ++turn_;
+    worker_.abandon();
+    start();
 }
 
 bool HostEvents::is_listed(const HostSource& source) const noexcept {
@@ -137,6 +175,7 @@ int HostEvents::wait(std::unique_lock<std::mutex>& lock, pollfd* files, std::siz
         const std::int64_t left = (std::max(due, now) - now + 999'999) / 1'000'000;
         milliseconds = static_cast<int>(std::min<std::int64_t>(left, INT32_MAX));
     }
+    is_waiting_ = true;
     lock.unlock();
     const int ready = poll(files, count, milliseconds);
     lock.lock();
@@ -147,9 +186,7 @@ void HostEvents::take_wakes(short what) noexcept {
     eventfd_t count = 0;
     if ((what & POLLIN) != 0) eventfd_read(wake_.get(), &count);
     if ((what & POLLNVAL) == 0) return;
-    // The program closed it; the number may be its own by now.
-    static_cast<void>(wake_.detach());
-    wake_ = HostFd(above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+    replace_wake();
 }
 
 void HostEvents::serve(std::unique_lock<std::mutex>& lock, HostSource& source) noexcept {
@@ -179,21 +216,22 @@ void HostEvents::serve_due(std::unique_lock<std::mutex>& lock) noexcept {
 void HostEvents::run() noexcept {
     std::unique_lock lock(mutex_);
     thread_ = pthread_self();
+    const std::uint32_t turn = turn_;
     while (first_) {
         pollfd files[kMost + 1];
         HostSource* sources[kMost + 1];
         const std::size_t count = list(files, sources);
         const int ready = wait(lock, files, count);
+        if (turn != turn_) return Worker::end_abandoned();
+        is_waiting_ = false;
         if (ready > 0) take_wakes(files[0].revents);
         for (std::size_t i = 1; ready > 0 && i < count; ++i) {
             // Another call may have taken the source off meanwhile, or given it another descriptor.
             const bool same = is_listed(*sources[i]) && sources[i]->descriptor_ == files[i].fd;
             if (!same || files[i].revents == 0) continue;
-            if ((files[i].revents & POLLNVAL) != 0) {
-                // The program closed it, unless it is another one under the same number by now.
-                if (fcntl(files[i].fd, F_GETFD) >= 0) continue;
-                sources[i]->descriptor_ = -1;
-            }
+            // The program closed it. The number may be another file's by now, which the source finds out.
+            const bool closed = (files[i].revents & POLLNVAL) != 0 && fcntl(files[i].fd, F_GETFD) < 0;
+            if (closed) sources[i]->descriptor_ = -1;
             serve(lock, *sources[i]);
         }
         serve_due(lock);
@@ -209,9 +247,9 @@ void HostEvents::begin_child() noexcept {
         first_ = first_->next_;
     }
     calling_ = nullptr;
+    is_waiting_ = false;
     wake_ = HostFd();
     new (&called_) std::condition_variable;  // those who waited are not here
-    mutex_.unlock();
 }
 
 DWORD watch_host(HostSource& source, int descriptor) noexcept {

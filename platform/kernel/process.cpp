@@ -20,8 +20,8 @@
 #include "base/host_error.h"
 #include "futex.h"
 #include "kernel/child_process.h"
+#include "kernel/host_events.h"
 #include "kernel/thread.h"
-#include "kernel/worker.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 
@@ -40,8 +40,6 @@ protected:
 // Never destroyed: threads may ask while the process exits.
 alignas(Process) std::byte room[sizeof(Process)];
 Process& process = *new (room) Process;
-
-constexpr std::size_t kProcessStack = 128 * 1024;
 
 HostFd open_process(pid_t id) noexcept {
     return HostFd(above_standard(static_cast<int>(syscall(SYS_pidfd_open, id, 0))));
@@ -62,26 +60,43 @@ Waitable& this_process() noexcept {
     return process;
 }
 
-// All processes that there are objects of, and the thread that learns when they end.
-struct ProcessWatch {
-    FutexLock lock;
-    OtherProcess* first = nullptr;
-    int ends = -1;  // the host's list of those that are watched
-    Worker worker{"zr-processes"};
-
+// All processes that there are objects of. One list of the host's tells which have ended, however many there are; it is
+// there while one is watched.
+class ProcessWatch final : public HostSource {
+public:
     static ProcessWatch& get() noexcept;
 
-    // With the lock held.
-    bool run() noexcept;
-    int watch(OtherProcess& process) noexcept;  // an error number
-    Ref<OtherProcess> find(pid_t id, bool over) noexcept;
-    void add(OtherProcess& process) noexcept;
+    Ref<OtherProcess> make(pid_t id, HostFd host, Ref<MainThread> thread, DWORD& error) noexcept;
+    Ref<OtherProcess> open(pid_t id, DWORD access, DWORD& error) noexcept;
+    // It has ended: unless that is known by now, makes it known.
+    void end(OtherProcess& process) noexcept;
     void remove(OtherProcess& process) noexcept;
+
+    // At a fork.
+    void lock() noexcept { lock_.lock(); }
+    void unlock() noexcept { lock_.unlock(); }
+    void forget() noexcept;
     void resume() noexcept;
 
-    static Ref<OtherProcess> make(pid_t id, HostFd host, Ref<MainThread> thread, DWORD& error) noexcept;
-    static Ref<OtherProcess> open(pid_t id, DWORD access, DWORD& error) noexcept;
-    static void serve(void* watch) noexcept;
+protected:
+    void ready() noexcept override;
+
+private:
+    // With the lock held.
+    DWORD begin() noexcept;
+    DWORD watch(OtherProcess& process) noexcept;
+    void watch_all() noexcept;
+    Ref<OtherProcess> find(pid_t id, bool over) noexcept;
+    void add(OtherProcess& process) noexcept;
+    void finish(OtherProcess& process) noexcept;
+
+    // One that has ended and that nobody has made known: it has a reference that is the caller's now. NULL: none.
+    OtherProcess* take_ended() noexcept;
+
+    FutexLock lock_;
+    OtherProcess* first_ = nullptr;
+    std::size_t watched_ = 0;  // how many
+    HostFd ends_;              // the host's list of them
 };
 
 namespace {
@@ -95,23 +110,40 @@ ProcessWatch& ProcessWatch::get() noexcept {
     return the_watch;
 }
 
-bool ProcessWatch::run() noexcept {
-    if (ends < 0) ends = above_standard(epoll_create1(EPOLL_CLOEXEC));
-    return ends >= 0 && worker.start(&ProcessWatch::serve, this, kProcessStack);
+DWORD ProcessWatch::begin() noexcept {
+    if (ends_) return ERROR_SUCCESS;
+    ends_ = HostFd(above_standard(epoll_create1(EPOLL_CLOEXEC)));
+    const DWORD error = ends_ ? watch_host(*this, ends_.get()) : error_from_errno(errno);
+    if (error != ERROR_SUCCESS) ends_ = HostFd();
+    return error;
 }
 
-int ProcessWatch::watch(OtherProcess& process) noexcept {
+DWORD ProcessWatch::watch(OtherProcess& process) noexcept {
+    if (const DWORD error = begin()) return error;
     epoll_event what{};
     what.events = EPOLLIN;
     what.data.ptr = &process;
-    if (epoll_ctl(ends, EPOLL_CTL_ADD, process.host_.get(), &what) != 0) return errno;
-    if (!process.is_watched_) process.add_ref();
+    if (epoll_ctl(ends_.get(), EPOLL_CTL_ADD, process.host_.get(), &what) != 0) {
+        const DWORD error = error_from_errno(errno);
+        if (watched_ == 0) call_host_source(*this, Deadline::at_once());  // there is no need of the list
+        return error;
+    }
+    if (!process.is_watched_) {
+        process.add_ref();
+        ++watched_;
+    }
     process.is_watched_ = true;
-    return 0;
+    return ERROR_SUCCESS;
+}
+
+void ProcessWatch::watch_all() noexcept {
+    for (OtherProcess* process = first_; process; process = process->next_) {
+        if (process->is_watched_) watch(*process);
+    }
 }
 
 Ref<OtherProcess> ProcessWatch::find(pid_t id, bool over) noexcept {
-    for (OtherProcess* process = first; process; process = process->next_) {
+    for (OtherProcess* process = first_; process; process = process->next_) {
         if (process->id_ == id && process->is_over() == over && (!over || process->has_handle()) &&
             process->try_add_ref()) {
             return Ref<OtherProcess>::adopt(process);
@@ -121,22 +153,16 @@ Ref<OtherProcess> ProcessWatch::find(pid_t id, bool over) noexcept {
 }
 
 void ProcessWatch::add(OtherProcess& process) noexcept {
-    process.next_ = first;
-    if (first) first->previous_ = &process;
-    first = &process;
+    process.next_ = first_;
+    if (first_) first_->previous_ = &process;
+    first_ = &process;
 }
 
 void ProcessWatch::remove(OtherProcess& process) noexcept {
-    if (!process.previous_ && first != &process) return;
-    (process.previous_ ? process.previous_->next_ : first) = process.next_;
+    const std::lock_guard guard(lock_);
+    if (!process.previous_ && first_ != &process) return;
+    (process.previous_ ? process.previous_->next_ : first_) = process.next_;
     if (process.next_) process.next_->previous_ = process.previous_;
-}
-
-void ProcessWatch::resume() noexcept {
-    if (ends >= 0) return;
-    for (OtherProcess* process = first; process; process = process->next_) {
-        if (process->is_watched_ && run()) watch(*process);
-    }
 }
 
 // Empty with the error.
@@ -148,15 +174,10 @@ Ref<OtherProcess> ProcessWatch::make(pid_t id, HostFd host, Ref<MainThread> thre
         return {};
     }
     made->thread_ = std::move(thread);
-    ProcessWatch& watch = get();
     {
-        const std::lock_guard guard(watch.lock);
-        if (!watch.run()) {
-            error = watch.ends < 0 ? ERROR_TOO_MANY_OPEN_FILES : ERROR_NOT_ENOUGH_MEMORY;
-        } else {
-            error = error_from_errno(watch.watch(*made));
-        }
-        if (error == ERROR_SUCCESS) watch.add(*made);
+        const std::lock_guard guard(lock_);
+        error = watch(*made);
+        if (error == ERROR_SUCCESS) add(*made);
     }
     if (error != ERROR_SUCCESS) made = {};
     return made;
@@ -164,11 +185,10 @@ Ref<OtherProcess> ProcessWatch::make(pid_t id, HostFd host, Ref<MainThread> thre
 
 // One that has ended counts as long as somebody has a handle to it, and its number is nobody else's.
 Ref<OtherProcess> ProcessWatch::open(pid_t id, DWORD access, DWORD& error) noexcept {
-    ProcessWatch& watch = get();
     Ref<OtherProcess> found;
     {
-        const std::lock_guard guard(watch.lock);
-        found = watch.find(id, false);
+        const std::lock_guard guard(lock_);
+        found = find(id, false);
     }
     if (!found) {
         HostFd host = open_process(id);
@@ -176,8 +196,8 @@ Ref<OtherProcess> ProcessWatch::open(pid_t id, DWORD access, DWORD& error) noexc
             found = make(id, std::move(host), {}, error);
         } else {
             error = process_error(errno);
-            const std::lock_guard guard(watch.lock);
-            found = watch.find(id, true);
+            const std::lock_guard guard(lock_);
+            found = find(id, true);
         }
         if (!found) return {};
     }
@@ -189,34 +209,78 @@ Ref<OtherProcess> ProcessWatch::open(pid_t id, DWORD access, DWORD& error) noexc
     return found;
 }
 
-void ProcessWatch::serve(void* context) noexcept {
-    ProcessWatch& watch = *static_cast<ProcessWatch*>(context);
-    for (;;) {
-        epoll_event ended{};
-        if (epoll_wait(watch.ends, &ended, 1, -1) != 1) continue;
-        auto& process = *static_cast<OtherProcess*>(ended.data.ptr);
-        process.end();
-        {
-            const std::lock_guard guard(watch.lock);
-            epoll_ctl(watch.ends, EPOLL_CTL_DEL, process.host_.get(), nullptr);
-            process.is_watched_ = false;
-        }
-        process.release();
+void ProcessWatch::finish(OtherProcess& process) noexcept {
+    process.end();
+    epoll_ctl(ends_.get(), EPOLL_CTL_DEL, process.host_.get(), nullptr);
+    process.is_watched_ = false;
+    --watched_;
+}
+
+void ProcessWatch::end(OtherProcess& process) noexcept {
+    {
+        const std::lock_guard guard(lock_);
+        if (!process.is_watched_) return;
+        finish(process);
     }
+    process.release();
+}
+
+OtherProcess* ProcessWatch::take_ended() noexcept {
+    const std::lock_guard guard(lock_);
+    epoll_event ended{};
+    const int count = ends_ ? epoll_wait(ends_.get(), &ended, 1, 0) : 0;
+    OtherProcess* process = count == 1 ? first_ : nullptr;
+    while (process && process != ended.data.ptr) {
+        process = process->next_;
+    }
+    if (process) {
+        finish(*process);
+        return process;
+    }
+    // The program closed the list, or a descriptor in it.
+    if (count < 0) static_cast<void>(ends_.detach());
+    if (count != 0) ends_ = HostFd();
+    if (watched_ == 0) {
+        unwatch_host(*this);
+        ends_ = HostFd();
+    } else if (!ends_) {
+        watch_all();
+    }
+    return nullptr;
+}
+
+void ProcessWatch::ready() noexcept {
+    while (OtherProcess* const process = take_ended()) {
+        process->release();
+    }
+}
+
+// In the child: the list is the parent's, too.
+void ProcessWatch::forget() noexcept {
+    if (ends_) ends_.close();
+}
+
+void ProcessWatch::resume() noexcept {
+    const std::lock_guard guard(lock_);
+    if (!ends_) watch_all();
 }
 
 OtherProcess::OtherProcess(pid_t id, HostFd host, bool is_child) noexcept
     : Event(true, false, kKind), id_(id), host_(std::move(host)), is_child_(is_child), generation_(fork_generation()) {}
 
 OtherProcess::~OtherProcess() {
-    ProcessWatch& watch = ProcessWatch::get();
-    const std::lock_guard guard(watch.lock);
-    watch.remove(*this);
+    ProcessWatch::get().remove(*this);
 }
 
 bool OtherProcess::is_over() const noexcept {
     pollfd ended{host_.get(), POLLIN, 0};
-    return is_set() || poll(&ended, 1, 0) == 1;
+    return is_set() || (poll(&ended, 1, 0) == 1 && (ended.revents & POLLIN) != 0);
+}
+
+// Who has ended by now counts, whether or not the host's thread has been told.
+Waitable::Attempt OtherProcess::try_acquire(Thread& self) noexcept {
+    if (!is_set() && is_over()) ProcessWatch::get().end(*this);
+    return Event::try_acquire(self);
 }
 
 // What the host says, or who ended it; else nobody knows.
@@ -262,7 +326,7 @@ DWORD adopt_child(pid_t child, ChildHandles& handles) noexcept {
     auto thread = Ref<MainThread>::adopt(new (std::nothrow) MainThread(static_cast<DWORD>(child)));
     if (!thread) return ERROR_NOT_ENOUGH_MEMORY;
     DWORD error = ERROR_SUCCESS;
-    const Ref<OtherProcess> process = ProcessWatch::make(child, std::move(host), thread, error);
+    const Ref<OtherProcess> process = ProcessWatch::get().make(child, std::move(host), thread, error);
     if (!process) return error;
     handles.process = open_handle(*process);
     handles.thread = handles.process ? open_handle(*thread) : nullptr;
@@ -273,20 +337,18 @@ DWORD adopt_child(pid_t child, ChildHandles& handles) noexcept {
 }
 
 void lock_processes() noexcept {
-    the_watch.lock.lock();
+    the_watch.lock();
 }
 
 void unlock_processes() noexcept {
-    the_watch.lock.unlock();
+    the_watch.unlock();
 }
 
-// In the child: the list is the parent's, too.
 void forget_process_watch() noexcept {
-    if (the_watch.ends >= 0) close(std::exchange(the_watch.ends, -1));
+    the_watch.forget();
 }
 
 void resume_process_watch() noexcept {
-    const std::lock_guard guard(the_watch.lock);
     the_watch.resume();
 }
 
@@ -310,7 +372,7 @@ HANDLE OpenProcess(DWORD access, BOOL, DWORD id) {
     if (id == GetCurrentProcessId()) return open_handle(this_process());
     DWORD error = ERROR_INVALID_PARAMETER;
     if (id != 0 && id <= static_cast<DWORD>(INT_MAX)) {
-        const Ref<OtherProcess> process = ProcessWatch::open(static_cast<pid_t>(id), access, error);
+        const Ref<OtherProcess> process = ProcessWatch::get().open(static_cast<pid_t>(id), access, error);
         if (process) return open_handle(*process);
     }
     SetLastError(error);

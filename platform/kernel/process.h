@@ -33,7 +33,7 @@ private:
     std::atomic<DWORD> exit_code_{259};  // STILL_ACTIVE
 };
 
-// Another process: signalled when it has ended, which a thread of this process waits for.
+// Another process: signalled when it has ended, which the host's thread is told (kernel/host_events.h).
 class OtherProcess final : public Event {
 public:
     static constexpr ObjectKind kKind = ObjectKind::Process;
@@ -48,9 +48,10 @@ public:
 
 protected:
     ~OtherProcess() override;
+    Attempt try_acquire(Thread& self) noexcept override;
 
 private:
-    friend struct ProcessWatch;
+    friend class ProcessWatch;
 
     OtherProcess(pid_t id, HostFd host, bool is_child) noexcept;
     bool is_over() const noexcept;
@@ -68,7 +69,7 @@ private:
     std::atomic<bool> is_known_{true};  // the exit code
 
     // Among all there are. Guarded by the processes' lock.
-    bool is_watched_ = false;  // by the thread, which has a reference to it
+    bool is_watched_ = false;  // until it has ended, and has a reference to itself meanwhile
     OtherProcess* previous_ = nullptr;
     OtherProcess* next_ = nullptr;
 };

@@ -6,7 +6,6 @@
 
 #include "base/fail.h"
 #include "engine.h"
-#include "kernel/worker.h"
 #include "named/objects.h"
 #include "names.h"
 #include "platform/base.h"
@@ -18,15 +17,8 @@ namespace {
 constexpr std::int64_t kDueUnit = 100;                        // nanoseconds in what due times count in
 constexpr std::int64_t kHostEpoch = 116'444'736'000'000'000;  // the host's first second, in these
 constexpr std::int64_t kMostUnits = INT64_MAX / kDueUnit - 1;
-constexpr std::size_t kTimerStack = 128 * 1024;
 
 }  // namespace
-
-std::int64_t now_by(DueClock clock) noexcept {
-    timespec time{};
-    clock_gettime(clock == DueClock::Monotonic ? CLOCK_MONOTONIC : CLOCK_REALTIME, &time);
-    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
 
 Due Due::from(const LARGE_INTEGER& when) noexcept {
     const std::int64_t given = when.QuadPart;
@@ -36,31 +28,14 @@ Due Due::from(const LARGE_INTEGER& when) noexcept {
     return {DueClock::Monotonic, std::min(interval, (kNeverDue - 1 - now) / kDueUnit) * kDueUnit + now};
 }
 
-void sleep_until(std::atomic<std::uint32_t>& word, std::uint32_t expected, DueClock clock, std::int64_t ns,
-                 FutexScope scope) noexcept {
-    timespec until{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
-    const int flags = static_cast<int>(scope) | (clock == DueClock::OfDay ? FUTEX_CLOCK_REALTIME : 0);
-    syscall(kFutexCall, &word, FUTEX_WAIT_BITSET | flags, expected, ns == kNeverDue ? nullptr : &until, nullptr,
-            FUTEX_BITSET_MATCH_ANY);
-}
-
-// The timers that are set by one clock.
+// The timers that are set by one clock. All with the timers' lock held.
 struct TimerQueue {
-    TimerQueue(DueClock by, const char* name) : clock(by), worker(name) {}
-
     const DueClock clock;
-    Timer::Set set;
-    std::atomic<std::uint32_t> bell{0};  // changes when the first one may be due earlier
-    Worker worker;
+    Timer::Set set{};
 
     static TimerQueue& of(DueClock clock) noexcept;
 
-    // All with the timers' lock held.
-    bool run() noexcept { return worker.start(&TimerQueue::serve, this, kTimerStack); }
-    void ring() noexcept {
-        bell.fetch_add(1, std::memory_order_release);
-        futex_wake(&bell, 1);
-    }
+    std::int64_t next() const noexcept { return set.empty() ? kNeverDue : set.begin()->first; }
     void expire() noexcept {
         const std::int64_t now = now_by(clock);
         while (!set.empty() && set.begin()->first <= now) {
@@ -77,8 +52,6 @@ struct TimerQueue {
         timer.at_ = set.insert(std::move(timer.node_));
         timer.is_set_to_ = true;
     }
-
-    static void serve(void* queue) noexcept;
 };
 
 namespace {
@@ -88,8 +61,8 @@ FutexLock timers_lock;
 
 // Never destroyed: threads may use them while the process exits.
 struct TimerQueues {
-    TimerQueue monotonic{DueClock::Monotonic, "zr-timer"};
-    TimerQueue of_day{DueClock::OfDay, "zr-timer-day"};
+    TimerQueue monotonic{DueClock::Monotonic};
+    TimerQueue of_day{DueClock::OfDay};
 };
 alignas(TimerQueues) unsigned char timers_storage[sizeof(TimerQueues)];
 TimerQueues& timer_queues = *new (timers_storage) TimerQueues;
@@ -100,18 +73,11 @@ TimerQueue& TimerQueue::of(DueClock clock) noexcept {
     return clock == DueClock::Monotonic ? timer_queues.monotonic : timer_queues.of_day;
 }
 
-void TimerQueue::serve(void* context) noexcept {
-    TimerQueue& queue = *static_cast<TimerQueue*>(context);
-    for (;;) {
-        const std::uint32_t heard = queue.bell.load(std::memory_order_acquire);
-        std::int64_t next = kNeverDue;
-        {
-            const std::lock_guard guard(timers_lock);
-            queue.expire();
-            if (!queue.set.empty()) next = queue.set.begin()->first;
-        }
-        sleep_until(queue.bell, heard, queue.clock, next, FutexScope::Private);
-    }
+std::int64_t expire_timers(DueClock clock) noexcept {
+    const std::lock_guard guard(timers_lock);
+    TimerQueue& queue = TimerQueue::of(clock);
+    queue.expire();
+    return queue.next();
 }
 
 Ref<Timer> Timer::make(bool manual_reset) noexcept {
@@ -141,19 +107,20 @@ void Timer::cancel() noexcept {
 
 DWORD Timer::set_due(Due due, std::int64_t period) noexcept {
     const std::lock_guard guard(timers_lock);
+    if (const DWORD error = alarm_.begin(due.clock)) return error;
     TimerQueue& queue = TimerQueue::of(due.clock);
-    if (!queue.run()) return ERROR_NOT_ENOUGH_MEMORY;
     take_out();
     reset();
     clock_ = due.clock;
     period_ = period;
     queue.put_in(*this, due.ns);
     queue.expire();
-    if (is_set_to_ && queue.set.begin() == at_) queue.ring();
-    return ERROR_SUCCESS;
+    const DWORD error = Alarm::of(clock_).ring_by(queue.next());
+    if (error != ERROR_SUCCESS) take_out();
+    return error;
 }
 
-// What is due by now counts, whether or not the thread that sees to it has run.
+// What is due by now counts, whether or not the alarm has rung.
 Waitable::Attempt Timer::try_acquire(Thread&) noexcept {
     if (!is_set()) {
         const std::lock_guard guard(timers_lock);
@@ -168,13 +135,6 @@ void lock_timers() noexcept {
 
 void unlock_timers() noexcept {
     timers_lock.unlock();
-}
-
-void resume_timers() noexcept {
-    const std::lock_guard guard(timers_lock);
-    for (TimerQueue* queue : {&timer_queues.monotonic, &timer_queues.of_day}) {
-        if (!queue->set.empty()) queue->run();
-    }
 }
 
 namespace {

@@ -4,16 +4,10 @@
 
 #include <map>
 
-#include "futex.h"
+#include "alarm.h"
 #include "kernel/waitable.h"
 
 namespace zr::platform {
-
-// By which clock something is due: one that nobody sets, or that of the day.
-enum class DueClock : std::uint32_t { Monotonic, OfDay };
-inline constexpr int kDueClocks = 2;
-
-std::int64_t now_by(DueClock clock) noexcept;  // in nanoseconds
 
 // When a timer is due as SetWaitableTimer says it: at a time of the day or, when negative, after an interval.
 struct Due {
@@ -31,12 +25,10 @@ constexpr std::int64_t next_due(std::int64_t due, std::int64_t period, std::int6
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(now) + (step - since % step));
 }
 
-// Sleeps until the word changes or the time has come; may return early.
-void sleep_until(std::atomic<std::uint32_t>& word, std::uint32_t expected, DueClock clock, std::int64_t ns,
-                 FutexScope scope) noexcept;
-inline constexpr std::int64_t kNeverDue = INT64_MAX;
+// Signals the unnamed timers that are due by the clock; when the next one is.
+std::int64_t expire_timers(DueClock clock) noexcept;
 
-// An event that is set when it is due. A thread per clock sees to that, from when a timer is first set.
+// An event that is set when it is due. An alarm sees to that, from when the timer is first set.
 class Timer final : public Event {
 public:
     static constexpr ObjectKind kKind = ObjectKind::Timer;
@@ -64,13 +56,13 @@ private:
     Set::node_type node_;  // while it is not set
     Set::iterator at_;     // while it is
     bool is_set_to_ = false;
+    AlarmUse alarm_;
     DueClock clock_ = DueClock::Monotonic;
     std::int64_t period_ = 0;
 };
 
-// At a fork: the lock, and the threads of the child.
+// At a fork.
 void lock_timers() noexcept;
 void unlock_timers() noexcept;
-void resume_timers() noexcept;
 
 }  // namespace zr::platform

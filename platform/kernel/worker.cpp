@@ -59,6 +59,10 @@ void Worker::stop() noexcept {
     started_ = false;
 }
 
+void Worker::end_abandoned() noexcept {
+    has_left = true;
+}
+
 void Worker::leave() noexcept {
     has_left = true;
     started_ = false;

@@ -1,7 +1,9 @@
 // Processes: starting them, waiting for them, ending them.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -313,6 +315,22 @@ TEST(ProcessHandles, MixInWaits) {
     EXPECT_EQ(WaitForMultipleObjects(2, both, TRUE, INFINITE), WAIT_OBJECT_0);
     opener.join();
     EXPECT_EQ(MsgWaitForMultipleObjectsEx(1, both, INFINITE, QS_ALLINPUT, 0), WAIT_OBJECT_0);
+}
+
+// Whoever asks is told, whether or not anything of this process has run since.
+TEST(ProcessHandles, AreSignalledAsSoonAsTheProcessHasEnded) {
+    for (int i = 0; i < 50; ++i) {
+        const Started child(u"true", nullptr);
+        ASSERT_TRUE(child) << child.error();
+        const int host = static_cast<int>(syscall(SYS_pidfd_open, child.information().dwProcessId, 0));
+        if (host >= 0) {  // else it is reaped by now
+            pollfd ended{host, POLLIN, 0};
+            EXPECT_EQ(poll(&ended, 1, -1), 1);
+            close(host);
+        }
+        EXPECT_EQ(WaitForSingleObject(child.process(), 0), WAIT_OBJECT_0);
+        EXPECT_EQ(WaitForSingleObject(child.thread(), 0), WAIT_OBJECT_0);
+    }
 }
 
 TEST(ProcessHandles, GoOnInAForkedChild) {

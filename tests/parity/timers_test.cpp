@@ -1,4 +1,9 @@
 // Waitable timers, of this process and of several.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <utility>
+
 #include "platform/base.h"
 #include "platform/kernel/named/support.h"
 #include "platform/time.h"
@@ -198,6 +203,38 @@ TEST(Timer, ThatIsClosedWhileItIsSetIsGone) {
     const Handle last = timer(false);
     EXPECT_TRUE(set(last, in(1)));
     EXPECT_EQ(WaitForSingleObject(last, INFINITE), WAIT_OBJECT_0);
+}
+
+// Those that are set, too, are due: what the platform had open it opens again.
+TEST_P(Timers, AreDueInAProgramThatClosesAllDescriptors) {
+    EXPECT_EQ(in_fork([&] {
+                  const Handle set_before = make(false);
+                  const Handle other = timer(false);
+                  if (!set(set_before, in(300)) || !set(other, at(300))) return 1;
+                  close_range(STDERR_FILENO + 1, ~0U, 0);
+                  if (WaitForSingleObject(set_before, 30'000) != WAIT_OBJECT_0) return 2;
+                  if (WaitForSingleObject(other, 30'000) != WAIT_OBJECT_0) return 3;
+                  close_range(STDERR_FILENO + 1, ~0U, 0);
+                  if (!set(set_before, at(5)) || WaitForSingleObject(set_before, 30'000) != WAIT_OBJECT_0) return 4;
+                  return set(other, in(5)) && WaitForSingleObject(other, 30'000) == WAIT_OBJECT_0 ? 0 : 5;
+              }),
+              0);
+}
+
+TEST(Timer, NeedsADescriptor) {
+    EXPECT_EQ(in_fork([&] {
+                  const Handle one = timer(false);
+                  rlimit none{};
+                  getrlimit(RLIMIT_NOFILE, &none);
+                  const rlim_t before = std::exchange(none.rlim_cur, 3);
+                  setrlimit(RLIMIT_NOFILE, &none);
+                  SetLastError(NO_ERROR);
+                  if (set(one, in(1)) || GetLastError() != ERROR_TOO_MANY_OPEN_FILES) return 1;
+                  none.rlim_cur = before;
+                  setrlimit(RLIMIT_NOFILE, &none);
+                  return set(one, in(1)) && WaitForSingleObject(one, 30'000) == WAIT_OBJECT_0 ? 0 : 2;
+              }),
+              0);
 }
 
 TEST(Timer, GoesOnInAForkedChild) {

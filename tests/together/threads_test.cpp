@@ -65,8 +65,25 @@ public:
         named_ = CreateEventW(nullptr, FALSE, FALSE, u"together");
         EXPECT_TRUE(CeRunAppAtEvent(time_event_.c_str(), NOTIFICATION_EVENT_TIME_CHANGE));
         EXPECT_EQ(NotifyAddrChange(&addresses_, nullptr), static_cast<DWORD>(NO_ERROR));
+        for (const LPCWSTR name : {LPCWSTR{nullptr}, u"together.timer"}) {
+            for (const LONGLONG due : {LONGLONG{-3600} * 10'000'000, LONGLONG{INT64_MAX}}) {  // by either clock
+                timers_.push_back(CreateWaitableTimerW(nullptr, TRUE, name));
+                LARGE_INTEGER when;
+                when.QuadPart = due;
+                EXPECT_TRUE(SetWaitableTimer(timers_.back(), &when, 0, nullptr, nullptr, FALSE));
+            }
+        }
+        EXPECT_TRUE(
+            CreateProcessW(u"sleep", u"1000", nullptr, nullptr, FALSE, 0, nullptr, nullptr, nullptr, &process_));
     }
     ~EveryFamily() {
+        EXPECT_TRUE(TerminateProcess(process_.hProcess, 0));
+        EXPECT_TRUE(is_signalled(process_.hProcess));
+        CloseHandle(process_.hProcess);
+        CloseHandle(process_.hThread);
+        for (const HANDLE timer : timers_) {
+            CloseHandle(timer);
+        }
         EXPECT_TRUE(CeRunAppAtEvent(time_event_.c_str(), NOTIFICATION_EVENT_NONE));
         for (std::size_t i = 0; i < folders_.size(); ++i) {
             FindCloseChangeNotification(folders_[i]);
@@ -117,6 +134,8 @@ private:
     std::vector<HWND> windows_;
     HANDLE named_ = nullptr;
     HANDLE addresses_ = nullptr;
+    std::vector<HANDLE> timers_;
+    PROCESS_INFORMATION process_{};
 };
 
 }  // namespace

@@ -135,7 +135,10 @@ void clear_objects(Region& region, std::uint32_t place) noexcept {
         if (is_vacant(object)) continue;
         const std::uint64_t word = object.word.load(std::memory_order_relaxed);
         if (object.kind == Kind::Mutex && (word & kOwner) != 0 && owner_place(word) == place) abandon(region, i);
-        if (object.used.has(place)) leave(region, i, place);
+        if (!object.used.has(place)) continue;
+        leave(region, i, place);
+        // It may have been killed before it told the others that it had set the timer.
+        if (object.kind == Kind::Timer && object.protection != kNotSet) call_timer_watches(region, object.open);
     }
 }
 
@@ -261,6 +264,25 @@ std::uint32_t find_living(Region& region, std::u16string_view name, std::uint32_
         cleared = true;
     }
     return cleared ? find(region, name, hash) : index;
+}
+
+std::uint32_t next_place(const Region& region, std::uint32_t place) noexcept {
+    for (std::uint32_t step = 1; step < kProcesses; ++step) {
+        const std::uint32_t next = (place + step) % kProcesses;
+        if (region.process(next).state.load(std::memory_order_acquire) == Process::Taken) return next;
+    }
+    return place;
+}
+
+void call_timer_watch(Region& region, std::uint32_t place) noexcept {
+    region.header().timers.fetch_add(1, std::memory_order_release);
+    region.wake_watch_of(next_place(region, place));
+}
+
+void call_timer_watches(Region& region, const ProcessSet& open) noexcept {
+    for (std::uint32_t place = 0; place < kProcesses; ++place) {
+        if (open.has(place)) call_timer_watch(region, place);
+    }
 }
 
 void repair(Region& region) noexcept {

@@ -45,6 +45,15 @@ void clear_dead(Region& region) noexcept;
 // has come round to clear up after them yet.
 std::uint32_t find_living(Region& region, std::u16string_view name, std::uint32_t hash) noexcept;
 
+// The thread of the process at that place that signals timers (session.h) looks at them again, whether it is about to
+// sleep or sleeps. Any time.
+void call_timer_watch(Region& region, std::uint32_t place) noexcept;
+// Those of all these processes.
+void call_timer_watches(Region& region, const ProcessSet& open) noexcept;
+
+// The next process in the circle of all; `place` itself when it is alone. Any time.
+std::uint32_t next_place(const Region& region, std::uint32_t place) noexcept;
+
 // Makes all that is derived anew and ends what a killed holder of the lock had begun.
 void repair(Region& region) noexcept;
 

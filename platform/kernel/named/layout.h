@@ -23,7 +23,7 @@ inline constexpr std::uint32_t kBuckets = 4096;
 inline constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
 inline constexpr std::uint64_t kMagic = 0x31626F2D6D616E7A;
-inline constexpr const char* kFileName = sizeof(void*) == 8 ? "objects-3-64" : "objects-3-32";
+inline constexpr const char* kFileName = sizeof(void*) == 8 ? "objects-4-64" : "objects-4-32";
 
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
@@ -174,11 +174,11 @@ struct Header {
     std::atomic<std::uint64_t> magic;  // written last
     pthread_mutex_t lock;
     std::uint64_t tickets;
-    std::uint64_t births;                 // how many took a place
-    std::uint64_t contents;               // the last number given to a link to a file
-    std::atomic<std::uint32_t> timers;    // changes when a timer is set: those who signal them sleep on it
-    std::atomic<std::uint32_t> segments;  // derived: how many are in use
-    std::uint32_t hints[kTables];         // derived: no vacant entry below
+    std::uint64_t births;                                 // how many took a place
+    std::uint64_t contents;                               // the last number given to a link to a file
+    std::atomic<std::uint32_t> timers;                    // changes when those who signal timers are to look again
+    std::atomic<std::uint32_t> segments;                  // derived: how many are in use
+    std::uint32_t hints[kTables];                         // derived: no vacant entry below
     std::atomic<std::uint32_t> chunks[kTables][kChunks];  // the segments of each table, 0: none
     std::uint32_t buckets[kBuckets];                      // derived
 };

@@ -296,9 +296,21 @@ HANDLE create_semaphore(std::u16string_view name, LONG initial, LONG most) noexc
     return opened.handle;
 }
 
+namespace {
+
+// The day's clock may be set to any time at any moment, which only an alarm is told.
+bool begin_alarm(AlarmUse& alarm) noexcept {
+    const DWORD error = alarm.begin(DueClock::OfDay);
+    if (error != ERROR_SUCCESS) SetLastError(error);
+    return error == ERROR_SUCCESS;
+}
+
+}  // namespace
+
 HANDLE create_timer(std::u16string_view name, bool manual_reset) noexcept {
     Session* const session = Session::begin();
-    if (!session || !watch_timers()) return nullptr;
+    AlarmUse alarm;
+    if (!session || !begin_alarm(alarm)) return nullptr;
     const NewObject wanted{.kind = Kind::Timer, .manual_reset = manual_reset, .protection = kNotSet};
     const Opened opened = open_named<NamedTimer>(*session, name, &wanted, nullptr);
     SetLastError(opened.error);
@@ -318,7 +330,8 @@ HANDLE open_semaphore(LPCWSTR name) noexcept {
 }
 
 HANDLE open_timer(LPCWSTR name) noexcept {
-    if (is_name(name) && (!Session::begin() || !watch_timers())) return nullptr;
+    AlarmUse alarm;
+    if (is_name(name) && !begin_alarm(alarm)) return nullptr;
     return open_existing<NamedTimer>(name);
 }
 

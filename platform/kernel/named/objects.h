@@ -74,8 +74,7 @@ protected:
     Attempt try_acquire(Thread& self) noexcept override;
 };
 
-// Signalled when it is due by every process that has it open, so by those that are left whoever set it. Each has a
-// thread for that.
+// Signalled when it is due by every process that has it open, so by those that are left whoever set it.
 class NamedTimer final : public Shared {
 public:
     static constexpr ObjectKind kKind = ObjectKind::NamedTimer;
@@ -87,7 +86,8 @@ public:
     DWORD set_due(Due due, std::int64_t period) noexcept;
     bool cancel() noexcept;  // false in a forked child, for a timer of its parent's
 
-    // It has become a member: from now on this process signals it. With the members' lock held.
+    // It has become a member: from now on this process signals it. With the members' lock held, and while the caller
+    // uses the alarm of the day's clock.
     void enlist() noexcept;
 
 protected:
@@ -95,11 +95,12 @@ protected:
     Attempt try_acquire(Thread& self) noexcept override;
 
 private:
-    friend struct TimerWatch;
+    friend struct OpenTimers;
 
     void expire(DueClock clock, std::int64_t now, std::int64_t& next) noexcept;
 
     // In the list of this process's. Guarded by the members' lock.
+    AlarmUse alarm_;
     bool listed_ = false;
     NamedTimer* previous_ = nullptr;
     NamedTimer* next_ = nullptr;

@@ -90,6 +90,14 @@ public:
     // The word of a process's life lock: its holder's thread identifier, marked by the kernel when that ends.
     std::atomic<std::uint32_t>& life(std::uint32_t place) const noexcept;
 
+    // Who watches that process looks again what to do, whether it is about to sleep or sleeps: it does so while the
+    // mark of waiters is in the word.
+    void wake_watch_of(std::uint32_t place) const noexcept {
+        std::atomic<std::uint32_t>& word = life(place);
+        word.fetch_and(~std::uint32_t{FUTEX_WAITERS}, std::memory_order_acq_rel);
+        futex_wake(&word, kEverybody, FutexScope::Shared);
+    }
+
     // Lets all who sleep on the lock try again, who will see to it that one of them is called when it is free.
     void wake_lock_waiters() const noexcept {
         futex_wake(&header().lock.__data.__lock, kEverybody, FutexScope::Shared);

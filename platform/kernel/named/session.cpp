@@ -10,6 +10,7 @@
 #include "base/host_error.h"
 #include "base/state_folder.h"
 #include "engine.h"
+#include "named/timer_watch.h"
 #include "platform/base.h"
 
 namespace zr::platform::named {
@@ -119,29 +120,19 @@ void Session::live(void* argument) {
     self.watch();
 }
 
-// The next process in the circle of all; this one when it is alone.
-std::uint32_t Session::next_place() const noexcept {
-    for (std::uint32_t step = 1; step < kProcesses; ++step) {
-        const std::uint32_t place = (place_ + step) % kProcesses;
-        if (region_.process(place).state.load(std::memory_order_acquire) == Process::Taken) return place;
-    }
-    return place_;
-}
-
-// Who watched the process behind this one has to watch this one from now on. It sleeps while the mark of waiters is in
-// the word, so it looks again whether it is about to sleep or sleeps.
+// Who watched the process behind this one has to watch this one from now on.
 void Session::announce() noexcept {
     const std::uint32_t next = next_place();
-    if (next == place_) return;
-    std::atomic<std::uint32_t>& word = region_.life(next);
-    word.fetch_and(~std::uint32_t{FUTEX_WAITERS}, std::memory_order_acq_rel);
-    futex_wake(&word, kEverybody, FutexScope::Shared);
+    if (next != place_) region_.wake_watch_of(next);
 }
 
 // Every process watches the next one in the circle, and clears up after it when it has ended: so each end is noticed at
-// once by one process, and should that end meanwhile too, by the one before it.
+// once by one process, and should that end meanwhile too, by the one before it. Timers are signalled meanwhile.
 void Session::watch() noexcept {
+    const std::atomic<std::uint32_t>& timers = region_.header().timers;
     for (;;) {
+        const std::uint32_t heard = timers.load(std::memory_order_acquire);
+        const Deadline due = expire_named_timers(*this);
         const std::uint32_t next = next_place();
         if (next != place_ && !region_.lives(next)) {
             const Hold hold(region_);
@@ -154,7 +145,8 @@ void Session::watch() noexcept {
         if ((seen & FUTEX_OWNER_DIED) != 0 || (seen & FUTEX_TID_MASK) == 0) continue;
         const std::uint32_t marked = seen | FUTEX_WAITERS;
         if (!word.compare_exchange_strong(seen, marked, std::memory_order_acq_rel)) continue;
-        if (next_place() == next) futex_wait(word, marked, Deadline::never(), FutexScope::Shared);
+        if (next_place() != next || timers.load(std::memory_order_acquire) != heard) continue;
+        futex_wait(word, marked, due, FutexScope::Shared);
     }
 }
 

@@ -51,7 +51,7 @@ private:
     bool start_watch() noexcept;
     void watch() noexcept;
     void announce() noexcept;
-    std::uint32_t next_place() const noexcept;
+    std::uint32_t next_place() const noexcept { return named::next_place(region_, place_); }
     static void live(void* session);
 
     Region region_;

@@ -1,32 +1,19 @@
 // Named timers. When one is due, and by which clock, lies with it in the region; every process that has it open sleeps
 // until then, and who comes first signals it. So it does not matter which of them lives, or who set it.
 
+#include "named/timer_watch.h"
+
 #include <algorithm>
 
-#include "kernel/worker.h"
 #include "named/objects.h"
 #include "named/queue.h"
-#include "named/timer_watch.h"
 #include "platform/base.h"
 
 namespace zr::platform::named {
 
-// The timers that this process has open, and the threads that wait until one is due by a clock.
-struct TimerWatch {
-    explicit TimerWatch(DueClock by, const char* name) : clock(by), worker(name) {}
-
-    const DueClock clock;
-    Worker worker;
-
-    static NamedTimer* first;  // guarded by the members' lock
-    static TimerWatch& of(DueClock clock) noexcept;
-
-    bool run() noexcept {
-        constexpr std::size_t kStack = 128 * 1024;
-        return worker.start(&TimerWatch::serve, this, kStack);
-    }
-    static void serve(void* watch) noexcept;
-    std::int64_t expire(Session& session) noexcept;
+// The timers that this process has open. Guarded by the members' lock.
+struct OpenTimers {
+    static NamedTimer* first;
 
     static void add(NamedTimer& timer) noexcept {
         timer.listed_ = true;
@@ -39,76 +26,48 @@ struct TimerWatch {
         if (timer.next_) timer.next_->previous_ = timer.previous_;
         timer.listed_ = false;
     }
-};
-
-NamedTimer* TimerWatch::first = nullptr;
-
-namespace {
-
-// Never destroyed: its threads use it while the process exits.
-struct Watches {
-    TimerWatch monotonic{DueClock::Monotonic, "zr-named-timer"};
-    TimerWatch of_day{DueClock::OfDay, "zr-named-day"};
-};
-alignas(Watches) unsigned char watches_storage[sizeof(Watches)];
-Watches& watches = *new (watches_storage) Watches;
-
-}  // namespace
-
-TimerWatch& TimerWatch::of(DueClock clock) noexcept {
-    return clock == DueClock::Monotonic ? watches.monotonic : watches.of_day;
-}
-
-// Signals what is due; when the next one is. A timer by the other clock has that one's thread begin, should the timer
-// have been set by another process.
-std::int64_t TimerWatch::expire(Session& session) noexcept {
-    std::int64_t next = kNeverDue;
-    bool other = false;
-    const std::lock_guard guard(Member::lock());
-    if (Session::current() != &session) return next;
-    {
+    static void expire(Session& session, std::int64_t& next, std::int64_t& next_of_day) noexcept {
         const SessionHold hold(session);
-        const std::int64_t now = now_by(clock);
+        const std::int64_t now = now_by(DueClock::Monotonic);
+        const std::int64_t now_of_day = now_by(DueClock::OfDay);
         for (NamedTimer* timer = first; timer; timer = timer->next_) {
             if (!timer->member_.is_valid()) continue;
-            timer->expire(clock, now, next);
-            const std::uint32_t set_by = timer->member_.object().protection;
-            other = other || (set_by != kNotSet && set_by != static_cast<std::uint32_t>(clock));
+            timer->expire(DueClock::Monotonic, now, next);
+            timer->expire(DueClock::OfDay, now_of_day, next_of_day);
         }
     }
-    if (other) of(clock == DueClock::Monotonic ? DueClock::OfDay : DueClock::Monotonic).run();
-    return next;
-}
+};
 
-void TimerWatch::serve(void* context) noexcept {
-    TimerWatch& watch = *static_cast<TimerWatch*>(context);
-    Session& session = *Session::current();
-    std::atomic<std::uint32_t>& bell = session.region().header().timers;
-    for (;;) {
-        const std::uint32_t heard = bell.load(std::memory_order_acquire);
-        sleep_until(bell, heard, watch.clock, watch.expire(session), FutexScope::Shared);
+NamedTimer* OpenTimers::first = nullptr;
+
+Deadline expire_named_timers(Session& session) noexcept {
+    std::int64_t next = kNeverDue;
+    std::int64_t next_of_day = kNeverDue;
+    {
+        const std::lock_guard guard(Member::lock());
+        if (OpenTimers::first && Session::current() == &session) OpenTimers::expire(session, next, next_of_day);
     }
+    Alarm::of(DueClock::OfDay).ring_by(next_of_day);
+    static_assert(kNeverDue == Deadline::never().ns);
+    return {next};
 }
 
-bool watch_timers() noexcept {
-    const std::lock_guard guard(Member::lock());
-    if (TimerWatch::of(DueClock::Monotonic).run()) return true;
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return false;
+void look_at_timers() noexcept {
+    Session* const session = Session::current();
+    if (session) call_timer_watch(session->region(), session->place());
 }
 
+// It may have been set long ago, by others.
 void NamedTimer::enlist() noexcept {
     if (listed_) return;
-    TimerWatch::add(*this);
-    // It may have been set long ago, by others.
-    std::atomic<std::uint32_t>& bell = member_.session().region().header().timers;
-    bell.fetch_add(1, std::memory_order_release);
-    futex_wake(&bell, kEverybody, FutexScope::Shared);
+    alarm_.begin(DueClock::OfDay);
+    OpenTimers::add(*this);
+    call_timer_watch(member_.session().region(), member_.session().place());
 }
 
 NamedTimer::~NamedTimer() {
     const std::lock_guard guard(Member::lock());
-    if (listed_) TimerWatch::remove(*this);
+    if (listed_) OpenTimers::remove(*this);
 }
 
 // A kill in between has it signalled once more rather than not at all.
@@ -132,8 +91,8 @@ void NamedTimer::expire(DueClock clock, std::int64_t now, std::int64_t& next) no
 DWORD NamedTimer::set_due(Due due, std::int64_t period) noexcept {
     if (!member_.is_valid()) return ERROR_INVALID_HANDLE;
     const std::lock_guard guard(Member::lock());
-    if (!TimerWatch::of(due.clock).run()) return ERROR_NOT_ENOUGH_MEMORY;
     Region& region = member_.session().region();
+    ProcessSet open;
     {
         const SessionHold hold(member_.session());
         named::Object& object = member_.object();
@@ -146,9 +105,9 @@ DWORD NamedTimer::set_due(Due due, std::int64_t period) noexcept {
         object.protection = static_cast<std::uint32_t>(due.clock);
         std::int64_t next = kNeverDue;
         expire(due.clock, now_by(due.clock), next);
-        region.header().timers.fetch_add(1, std::memory_order_release);
+        open = object.open;
     }
-    futex_wake(&region.header().timers, kEverybody, FutexScope::Shared);
+    call_timer_watches(region, open);
     return ERROR_SUCCESS;
 }
 

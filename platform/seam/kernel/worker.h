@@ -37,6 +37,11 @@ public:
     // For the body, which is about to return unasked: the object has done with it, and may start another thread.
     void leave() noexcept;
 
+    // Has done with a body that sleeps where nobody can wake it, and may start another thread. Should the body ever
+    // wake, the last that it does is to call end_abandoned().
+    void abandon() noexcept { started_ = false; }
+    static void end_abandoned() noexcept;
+
 private:
     static void* run(void* self);
 
