@@ -57,6 +57,7 @@ enum VARENUM : VARTYPE {
     VT_DISPATCH = 9,
     VT_ERROR = 10,
     VT_BOOL = 11,
+    VT_VARIANT = 12,  // with VT_BYREF only
     VT_UNKNOWN = 13,
     VT_DECIMAL = 14,
     VT_I1 = 16,
@@ -70,7 +71,8 @@ enum VARENUM : VARTYPE {
     VT_BYREF = 0x4000,
 };
 
-// A value with its type. A VT_BSTR, VT_DISPATCH or VT_UNKNOWN variant owns what it points to.
+// A value with its type. A VT_BSTR, VT_DISPATCH or VT_UNKNOWN variant owns what it points to; one with VT_BYREF refers
+// to a value of another, which is neither VT_EMPTY nor VT_NULL, and owns nothing.
 struct VARIANT {
     VARTYPE vt;
     WORD wReserved1;

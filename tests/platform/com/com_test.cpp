@@ -221,8 +221,24 @@ TEST(Variants, ClearFreesWhatTheyOwn) {
         EXPECT_EQ(VariantClear(&value), S_OK) << scalar;
         EXPECT_EQ(value.vt, VT_EMPTY);
     }
-    value.vt = 99;
-    EXPECT_EQ(VariantClear(&value), DISP_E_BADVARTYPE);
+    for (const int wrong : {99, 0x7FFF, VT_VARIANT | 0, VT_BYREF | VT_EMPTY, VT_BYREF | VT_NULL, VT_BYREF | 99}) {
+        value.vt = static_cast<VARTYPE>(wrong);
+        EXPECT_EQ(VariantClear(&value), DISP_E_BADVARTYPE) << wrong;
+        EXPECT_EQ(value.vt, wrong);
+    }
+}
+
+TEST(Variants, OwnNothingThatTheyReferTo) {
+    BSTR text = SysAllocString(u"x");
+    VARIANT value;
+    for (const int type : {VT_BSTR, VT_VARIANT, VT_I4, VT_UNKNOWN}) {
+        value.vt = static_cast<VARTYPE>(VT_BYREF | type);
+        value.byref = &text;
+        EXPECT_EQ(VariantClear(&value), S_OK) << type;
+        EXPECT_EQ(value.vt, VT_EMPTY);
+    }
+    EXPECT_EQ(SysStringLen(text), 1u);
+    SysFreeString(text);
 }
 
 TEST(GuidText, WritesAndReads) {
