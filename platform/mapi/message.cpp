@@ -622,7 +622,7 @@ HRESULT MessageObject::copy_parts(LPSPropTagArray excluded, IMessage* target, HR
                 const HRESULT result = fill_value(store(), PROP_TAG(value.type, id), &value, row);
                 if (FAILED(result)) return result;
             }
-            buffers.emplace_back(row.finish());
+            buffers.push_back(Buffer<SPropValue>(row.finish()));
             list.get()->aEntries[i] = {0, static_cast<ULONG>(row.size()), buffers.back().get()};
         }
         if (const HRESULT result = target->ModifyRecipients(0, list.get()); FAILED(result)) return result;

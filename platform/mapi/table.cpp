@@ -230,18 +230,34 @@ private:
         return S_OK;
     }
 
-    HRESULT query_dated(LONG count, bool advance, std::vector<Buffer<SPropValue>>& taken) {
-        const Place start = place_;
+    // Puts the table back where it stood, unless its rows were handed out.
+    class Standing {
+    public:
+        explicit Standing(Table& table) : table_(table), place_(table.place_), at_(table.at_) {}
+        ~Standing() {
+            if (went_on_) return;
+            table_.place_ = place_;
+            table_.at_ = at_;
+            table_.drop_ahead();
+        }
+        Standing(const Standing&) = delete;
+        Standing& operator=(const Standing&) = delete;
+        void go_on() { went_on_ = true; }
+
+    private:
+        Table& table_;
+        const Place place_;
+        const std::size_t at_;
+        bool went_on_ = false;
+    };
+
+    HRESULT query_dated(LONG count, std::vector<Buffer<SPropValue>>& taken) {
         taken.reserve(static_cast<std::size_t>(std::min<LONG>(count, kMostAhead)));
         while (taken.size() < static_cast<std::size_t>(count)) {
             if (const HRESULT result = read_ahead(); FAILED(result)) return result;
             if (!has_ahead()) break;
             place_ = ahead_[ahead_at_].place;
             taken.push_back(std::move(ahead_[ahead_at_++].values));
-        }
-        if (!advance) {
-            place_ = start;
-            drop_ahead();
         }
         return S_OK;
     }
@@ -314,18 +330,15 @@ private:
         return false;
     }
 
-    HRESULT query_listed(LONG count, bool advance, std::vector<Buffer<SPropValue>>& taken) {
-        HRESULT result = gather_keys();
-        std::size_t at = at_;
+    HRESULT query_listed(LONG count, std::vector<Buffer<SPropValue>>& taken) {
+        HRESULT result = S_OK;
         Row row;
-        while (SUCCEEDED(result) && at < keys_.size() && taken.size() < static_cast<std::size_t>(count)) {
+        while (SUCCEEDED(result) && at_ < keys_.size() && taken.size() < static_cast<std::size_t>(count)) {
             row.clear();
-            result = source_->fill(keys_[at++], tags_, row);
-            if (result == S_OK) taken.emplace_back(row.finish());
+            result = source_->fill(keys_[at_++], tags_, row);
+            if (result == S_OK) taken.push_back(Buffer<SPropValue>(row.finish()));
         }
-        if (FAILED(result)) return result;
-        if (advance) at_ = at;
-        return S_OK;
+        return FAILED(result) ? result : S_OK;
     }
 
     // --- the calls ---
@@ -486,15 +499,14 @@ private:
         if (const HRESULT result = check_flags(flags, TBL_NOADVANCE); FAILED(result)) return result;
         if (count < 0) return unsupported();
         if (count == 0) return fail(MAPI_E_INVALID_PARAMETER);
+        const auto reading = store().lock();
+        HRESULT result = begin_call();
+        if (SUCCEEDED(result) && !dated_) result = gather_keys();
+        if (FAILED(result)) return result;
+        Standing standing(*this);
         std::vector<Buffer<SPropValue>> taken;
-        {
-            const auto reading = store().lock();
-            HRESULT result = begin_call();
-            const bool advance = (flags & TBL_NOADVANCE) == 0;
-            if (SUCCEEDED(result))
-                result = dated_ ? query_dated(count, advance, taken) : query_listed(count, advance, taken);
-            if (FAILED(result)) return result;
-        }
+        result = dated_ ? query_dated(count, taken) : query_listed(count, taken);
+        if (FAILED(result)) return result;
         Buffer<SRowSet> set(sizeof(SRowSet) + taken.size() * sizeof(SRow));
         if (!set) return fail(MAPI_E_NOT_ENOUGH_MEMORY);
         set->cRows = static_cast<ULONG>(taken.size());
@@ -502,6 +514,7 @@ private:
             set.get()->aRow[i] = {0, static_cast<ULONG>(columns_.size()), taken[i].release()};
         }
         *rows = set.release();
+        if ((flags & TBL_NOADVANCE) == 0) standing.go_on();
         return S_OK;
     }
 

@@ -22,6 +22,7 @@
 #include "support/child.h"
 #include "support/failing_new.h"
 #include "support/forked.h"
+#include "support/sql.h"
 
 namespace zr::test {
 namespace {
@@ -334,6 +335,32 @@ TEST_F(MapiFaults, AFullDiskLosesNothing) {
     EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_SUCCESS)) << ZrStoreLastErrorText();
 }
 
+TEST_F(MapiFaults, AStoreOfTheFirstVersionIsTakenOver) {
+    Bytes id;
+    {
+        const Mail mail;
+        id = mail.add(mail.folder().get(), u"read", MSGFLAG_READ);
+        mail.add(mail.folder().get(), u"unread");
+    }
+    query(mail_path(),
+          "DROP INDEX message_by_date;"
+          "CREATE INDEX message_by_date ON message(folder, delivered);"
+          "CREATE INDEX message_unread ON message(folder) WHERE flags & 1 = 0;"
+          "PRAGMA user_version = 1");
+    {
+        const Mail mail;
+        ASSERT_EQ(mail.open, S_OK);
+        const Props counts(mail.folder().get(), {PR_CONTENT_COUNT, PR_CONTENT_UNREAD});
+        EXPECT_EQ(counts.number(0), 2);
+        EXPECT_EQ(counts.number(1), 1);
+        EXPECT_EQ(Props(mail.message(id).get(), {PR_SUBJECT_W}).text(), u"read");
+        EXPECT_THAT(subjects(mail.folder().get()), testing::ElementsAre(u"read", u"unread"));
+    }
+    EXPECT_EQ(query(mail_path(), "SELECT count(*) FROM sqlite_master WHERE name = 'message_unread'"), "0");
+    EXPECT_EQ(query(mail_path(), "PRAGMA user_version"), "2");
+    EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_SUCCESS)) << ZrStoreLastErrorText();
+}
+
 // Somewhere in the values, far behind the tables of accounts and folders.
 void damage_the_middle() {
     std::fstream file(mail_path(), std::ios::in | std::ios::out | std::ios::binary);
@@ -516,6 +543,40 @@ TEST_F(MapiFaults, ShortMemoryIsAResult) {
     EXPECT_GT(most, 10);
     ASSERT_EQ(way(), S_OK);
     EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_SUCCESS)) << ZrStoreLastErrorText();
+}
+
+// Rows that a call could not hand out are those that the next one does.
+TEST_F(MapiFaults, ATableThatMemoryWasTooShortForStandsWhereItStood) {
+    const Mail mail;
+    Ptr<IMAPIFolder> inbox = mail.folder();
+    Ptr<IZrMail> extras = mail.extras();
+    ASSERT_EQ(extras->BeginBatch(), S_OK);
+    for (int i = 100; i < 300; ++i) {
+        mail.add(inbox.get(), name_of(i));
+    }
+    ASSERT_EQ(extras->CommitBatch(), S_OK);
+    for (const ULONG order : {PR_MESSAGE_DELIVERY_TIME, PR_SUBJECT_W}) {
+        Ptr<IMAPITable> table;
+        ASSERT_EQ(inbox->GetContentsTable(0, table.out()), S_OK);
+        ASSERT_EQ(columns(table.get(), {PR_SUBJECT_W, PR_ENTRYID}), S_OK);
+        SSortOrderSet sort = {1, 0, 0, {{order, TABLE_SORT_ASCEND}}};
+        ASSERT_EQ(table->SortTable(&sort, 0), S_OK);
+        HRESULT result = E_FAIL;
+        for (int most = 0; most < 2000 && result != S_OK; ++most) {
+            ASSERT_EQ(table->SeekRow(BOOKMARK_BEGINNING, 5, nullptr), S_OK);
+            LPSRowSet rows = nullptr;
+            {
+                const FailingNew failing(most);
+                result = table->QueryRows(150, 0, &rows);  // more than are read at once
+            }
+            FreeProws(rows);
+            if (result != S_OK) {
+                ASSERT_EQ(result, MAPI_E_NOT_ENOUGH_MEMORY);
+            }
+            EXPECT_EQ(Rows(table.get(), 1).text(0, 0), name_of(result == S_OK ? 255 : 105)) << "at allocation " << most;
+        }
+        EXPECT_EQ(result, S_OK);
+    }
 }
 
 }  // namespace
