@@ -14,7 +14,7 @@ macro(zr_room name)
 endmacro()
 
 zr_room(base LIBRARIES PkgConfig::GLIB nlohmann_json::nlohmann_json)
-zr_room(vcard USES base LIBRARIES PkgConfig::EBOOK_CONTACTS)
+zr_room(vcard USES base LIBRARIES zr_evcard)
 zr_room(icalendar USES base LIBRARIES PkgConfig::ICAL)
 zr_room(regfile USES base)
 zr_room(mail USES base LIBRARIES PkgConfig::GMIME)
