@@ -1,7 +1,7 @@
 #pragma once
 
-// The one thread of a process that waits for what the host tells by descriptors: changed folders, the clock, a file, what
-// is due, processes that have ended.
+// The one thread of a process that waits for what the host tells by descriptors: changed folders, the clock, a file,
+// what is due, processes that have ended.
 //
 // It is started with the first source and ends with the last one. What a source does on it must be short, or wait for
 // nothing but the file system: all others wait meanwhile. So stores, which another process may keep locked for seconds,
