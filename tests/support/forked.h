@@ -86,8 +86,9 @@ private:
     std::vector<std::thread> threads_;
 };
 
-// Forks. A sanitizer's allocator does not survive a fork beside threads that use it, or that are beginning or ending:
-// under one, and only there, all others sleep meanwhile, and loads are between two turns.
+// Forks. A sanitizer's allocator does not survive a fork beside threads that use it, or that are beginning or ending,
+// nor does the thread sanitizer's lock one beside a thread that loads a library: the child waits for it for ever. Under
+// one, and only there, all others sleep meanwhile, and loads are between two turns.
 inline pid_t fork_beside_threads() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     const std::lock_guard closed(Load::gate());
