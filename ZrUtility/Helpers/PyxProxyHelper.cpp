@@ -378,6 +378,8 @@ int PyxProxyHelper::UpdateProxyConnectionSettings(int enable, int wait) {
 
 int PyxProxyHelper::UpdateProviders(ZrLinkList* items, int wait) {
     if (items->getNumberOfElement() == 0) return 0;
+    // Not by the worker: when the library is unloaded it is waited for, and the loader does not serve it meanwhile.
+    ZrPrepareProvisioning();
     const HANDLE worker = CreateThread(nullptr, 0, ThreadedProcessingXML, items, 0, nullptr);
     if (worker == nullptr) return 0;
     if (!wait) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <new>
 
 #include "base/loaded_module.h"
@@ -29,6 +30,16 @@ std::string_view view(XmlText text) {
 bool has_type(ElementKind kind) {
     return kind == ElementKind::Characteristic || kind == ElementKind::NoCharacteristic ||
            kind == ElementKind::CharacteristicQuery;
+}
+
+// Looked for once: the loader may be busy with whoever waits for this thread.
+XmlParse xml_parse() noexcept {
+    static std::atomic<XmlParse> known{nullptr};
+    XmlParse parse = known.load(std::memory_order_acquire);
+    if (parse) return parse;
+    parse = reinterpret_cast<XmlParse>(xml_module.function(kXmlParse));
+    known.store(parse, std::memory_order_release);
+    return parse;
 }
 
 bool is_space(char c) {
@@ -121,9 +132,13 @@ bool ConfigDocument::text(XmlText text) noexcept try {
     return false;
 }
 
+bool ConfigDocument::load_parser() noexcept {
+    return xml_parse() != nullptr;
+}
+
 ConfigDocument::Result ConfigDocument::parse(const std::string& utf8) {
-    const auto parse = reinterpret_cast<XmlParse>(xml_module.function(kXmlParse));
-    if (parse == nullptr) {
+    const XmlParse parser = xml_parse();
+    if (parser == nullptr) {
         char reason[300];
         xml_module.why_missing(reason, sizeof reason);
         sentence_ = "documents cannot be read without libxml2 (package libxml2): " + std::string(reason);
@@ -140,7 +155,7 @@ ConfigDocument::Result ConfigDocument::parse(const std::string& utf8) {
     };
     events.text = [](void* self, XmlText text) { return static_cast<ConfigDocument*>(self)->text(text); };
     XmlFault fault;
-    const XmlResult result = parse(utf8.data(), utf8.size(), &events, &fault);
+    const XmlResult result = parser(utf8.data(), utf8.size(), &events, &fault);
     if (result == XmlResult::Whole) return Result::Read;
     if (result == XmlResult::NoMemory || no_memory_) return Result::NoMemory;
     if (result == XmlResult::Broken) sentence_ = fault.text;

@@ -49,6 +49,8 @@ public:
 
     // Once an object. What is not Read has its sentence.
     Result read(std::u16string_view text) noexcept;
+    // So that read() asks nothing of the loader. False when there is no parser.
+    static bool load_parser() noexcept;
     const std::string& sentence() const { return sentence_; }
 
     std::vector<ConfigElement>& elements() { return elements_; }

@@ -151,6 +151,11 @@ HRESULT ZrProvisioningChanges(LPCWSTR document, ZrProvisioningVisitor visit, LPV
     });
 }
 
+HRESULT ZrPrepareProvisioning() {
+    cancellation_point();
+    return ConfigDocument::load_parser() ? S_OK : HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND);
+}
+
 LPCWSTR ZrProvisioningLastErrorText() {
     return failure;
 }

@@ -17,6 +17,7 @@
 #include "platform/diagnostics.h"
 #include "platform/kernel.h"
 #include "platform/memory.h"
+#include "platform/registry.h"
 #include "platform/windowing.h"
 #include "support/own_process.h"
 #include "support/time_changes.h"
@@ -182,6 +183,40 @@ TEST(Unload, AListenerForTheTimeThatNobodyReleasedIsEnded) {
         ASSERT_TRUE(zr::test::until_threads(threads)) << round;
     }
     CloseHandle(named);
+}
+
+// The document of a worker that nobody waits for is carried out before the library goes.
+TEST(Unload, AProxyWorkerThatIsStillAtWorkIsWaitedFor) {
+    constexpr LPCWSTR entries = u"Comm\\ConnMgr\\Providers\\{EF097F4C-DC4B-4c98-8FF6-AEF805DC0E8E}\\";
+    for (const char16_t* const prefix : {u"HTTP-", u"null-corp-"}) {
+        const std::u16string key = std::u16string(entries) + prefix + u"{3584769F-41FC-4035-BE97-320DA11E0F02}";
+        HKEY opened = nullptr;
+        ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, 0, nullptr, &opened, nullptr), 0);
+        RegSetValueExW(opened, u"Proxy", 0, REG_SZ, reinterpret_cast<const BYTE*>(u"h:1"), 8);
+        RegCloseKey(opened);
+    }
+    const HANDLE mutex = CreateMutexW(nullptr, TRUE, u"KEL.ZR.PYX.PyxProxyHelper.Mutex");
+    ASSERT_NE(mutex, nullptr);
+    Library library;
+    const auto change = library.find<int (*)(int, int)>("ChangeProxySettings");
+    EXPECT_EQ(change(1, 0), 1);
+    std::atomic<bool> gone{false};
+    const DWORD before = GetTickCount();
+    std::thread unloading([&] {
+        library.unload();
+        gone = true;
+    });
+    // While the worker waits for the mutex the library stays; how long the other thread has been unloading is not seen.
+    for (int look = 0; look < 1000; ++look) {
+        ASSERT_FALSE(gone);
+        ASSERT_TRUE(is_mapped());
+    }
+    ReleaseMutex(mutex);
+    unloading.join();
+    EXPECT_FALSE(is_mapped());
+    EXPECT_LT(GetTickCount() - before, 15000u) << "the worker's time was up";
+    CloseHandle(mutex);
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, u"Comm\\ConnMgr");
 }
 
 TEST(Unload, DelayedCallsThatArePendingAreDropped) {

@@ -74,6 +74,11 @@ using ZrProvisioningVisitor = int (*)(const ZrRegistryChange* change, LPVOID con
 ZRPLATFORM_API HRESULT ZrProvisioningChanges(LPCWSTR document, ZrProvisioningVisitor visit, LPVOID context,
                                              LPWSTR* result);
 
+// Loads what documents need. From then on carrying one out asks nothing of the loader: for a thread that somebody waits
+// for while a library is unloaded, when the loader serves nobody else. S_OK, or ERROR_MOD_NOT_FOUND as an HRESULT. Any
+// thread.
+ZRPLATFORM_API HRESULT ZrPrepareProvisioning();
+
 // What was wrong in the calling thread's last call of this header that failed: a sentence for people, with the line and
 // column where there is one. Empty when none did. Valid until the thread's next call of this header.
 ZRPLATFORM_API LPCWSTR ZrProvisioningLastErrorText();

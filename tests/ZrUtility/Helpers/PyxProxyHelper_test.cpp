@@ -16,6 +16,7 @@
 #include "proxy_support.h"
 #include "support/child.h"
 #include "support/failing_new.h"
+#include "support/instrumented.h"
 #include "support/left_behind.h"
 #include "support/log_capture.h"
 #include "support/log_categories.h"
@@ -632,9 +633,22 @@ TEST_F(ProxyHelper, FollowsARealInterface) {
     };
     EXPECT_EQ(helper().ChangeProxyConnectionSettings(1, 1), 1);
     EXPECT_EQ(entry(u"A").at(u"Proxy"), text_value(u"192.168.5.1:8080"));
-    ASSERT_EQ(helper().StartIPAddrChangeNotification(), 1);
     // The helper's threads are of the network they were made in, as is the socket that tells.
+    Limits::set(15000, 30000);  // its last rewrite is done before the next one
+    ASSERT_EQ(helper().StartIPAddrChangeNotification(), 1);
+    for (const char* const address : {"192.168.5.77", "10.20.30.40", "172.16.0.9"}) {
+        ASSERT_TRUE(NetworkSpace::run("addr flush dev one"));
+        ASSERT_TRUE(NetworkSpace::run(std::string("addr add ") + address + "/24 dev one"));
+        const std::string text = std::string(address) + ":8080";
+        const StoredValue wanted = text_value({text.begin(), text.end()});
+        // Told of both changes or of one; the last word is the new address.
+        while (WaitForSingleObject(processed, 30000) == WAIT_OBJECT_0 && entry(u"A").at(u"Proxy") != wanted) {
+        }
+        EXPECT_EQ(entry(u"A").at(u"Proxy"), wanted) << address;
+    }
     EXPECT_EQ(PyxProxyHelper::Release(), 1);
+    EXPECT_EQ(helper().ChangeProxyConnectionSettings(0, 1), 1);
+    EXPECT_EQ(entry(u"A"), source);
     CloseHandle(processed);
 }
 
@@ -683,6 +697,39 @@ TEST_F(ProxyHelper, AKilledProcessLeavesEntriesThatCanBeReverted) {
         ASSERT_EQ(entry(u"A"), foreign());
         ASSERT_FALSE(backup(u"A"));
         ASSERT_EQ(PyxProxyHelper::IsProxyEnabled(), 0);
+    }
+}
+
+// Says when the worker begins to carry the document out.
+ZR_CHILD(proxy_working) {
+    ProxyHelper::connect({{kSourceId, CONNMGR_STATUS_CONNECTED, {10, 1, 2, 3}}});
+    stand_ins().process = [](LPCWSTR document, DWORD flags, LPWSTR* result) {
+        zr::test::say("working");
+        return process_really(document, flags, result);
+    };
+    PyxProxyHelper::GetInstance()->UpdateProxyConnectionSettings(1, 1);
+    zr::test::say("done");
+    zr::test::hear();
+    return 0;
+}
+
+TEST_F(ProxyHelper, AProcessKilledWhileItsWorkerRunsHasRewrittenAll) {
+    have_entries();
+    stand_ins() = {};
+    std::mt19937 random(1);
+    for (int kill = 0; kill < 100 / kStride; ++kill) {
+        Child child("proxy_working");
+        ASSERT_EQ(child.hear(), "working");
+        for (auto look = random() % 30; look > 0; --look) {
+            PyxProxyHelper::IsProxyEnabled();
+        }
+        child.kill(SIGKILL);
+        EXPECT_EQ(child.wait(), -SIGKILL);
+        ASSERT_EQ(PyxProxyHelper::IsProxyEnabled(), 1);
+        ASSERT_EQ(entry(u"A"), pointed(u"10.1.2.3:8080")) << kill;
+        EXPECT_EQ(helper().UpdateProxyConnectionSettings(0, 1), 1);
+        ASSERT_EQ(entry(u"A"), foreign()) << kill;
+        ASSERT_FALSE(backup(u"A"));
     }
 }
 
