@@ -2,6 +2,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <string>
 #include <utility>
 
 #include "platform/base.h"
@@ -219,6 +222,32 @@ TEST_P(Timers, AreDueInAProgramThatClosesAllDescriptors) {
                   return set(other, in(5)) && WaitForSingleObject(other, 30'000) == WAIT_OBJECT_0 ? 0 : 5;
               }),
               0);
+}
+
+bool is_host_watched() {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream(entry.path() / "comm") >> name;
+        if (name == "zr-host") return true;
+    }
+    return false;
+}
+
+// Each loop ends: the thread takes its name after it began, and lingers for a while.
+TEST(Timer, TheThreadThatWatchesTheHostEndsAfterTheLastOne) {
+    for (const LARGE_INTEGER& due : {in(1), at(1)}) {
+        const Handle one = timer(false);
+        const Handle other = timer(false);
+        EXPECT_TRUE(set(other, in(kFar)));
+        EXPECT_TRUE(set(one, due));
+        EXPECT_EQ(WaitForSingleObject(one, INFINITE), WAIT_OBJECT_0);
+        while (!is_host_watched()) {
+            sched_yield();
+        }
+    }
+    while (is_host_watched()) {
+        sched_yield();
+    }
 }
 
 TEST(Timer, NeedsADescriptor) {
