@@ -106,9 +106,10 @@ ConfigAnswer answer_of(HRESULT result, DWORD flags) {
     return (flags & CFGFLAG_METADATA) != 0 ? ConfigAnswer::Examined : ConfigAnswer::Done;
 }
 
-// With everything that Work needs, and the result document where there is one. Work(processing) carries out.
+// With everything that Work needs, and the result document where there is one. Work(processing) carries out. Throws
+// nothing, but is not noexcept: a thread that is ended in here is unwound, and what its caller holds is given back.
 template <class Work>
-HRESULT process(LPCWSTR document, DWORD flags, LPWSTR* result, Work&& work) noexcept try {
+HRESULT process(LPCWSTR document, DWORD flags, LPWSTR* result, Work&& work) try {
     cancellation_point();
     failure[0] = 0;
     if (document == nullptr || result == nullptr) return E_INVALIDARG;

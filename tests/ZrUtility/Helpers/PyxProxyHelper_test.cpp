@@ -507,6 +507,25 @@ TEST_F(ProxyHelper, AWorkerThatTakesTooLongIsEnded) {
     CloseHandle(never);
 }
 
+TEST_F(ProxyHelper, AWorkerEndedAtAnyMomentLeavesTheEntriesWhole) {
+    have_entries();
+    std::mt19937 random(1);
+    for (int round = 0; round < 300 / kStride; ++round) {
+        {
+            const zr::test::LeftBehind entries;  // by a worker that had no time for the mutex
+            Limits::set(static_cast<ULONG>(random() % 4), 2000);
+            EXPECT_EQ(helper().UpdateProxyConnectionSettings(1, 1), 1);
+        }
+        ASSERT_EQ(entry(u"A"), pointed(u"10.1.2.3:8080")) << round;
+        ASSERT_EQ(PyxProxyHelper::IsProxyEnabled(), 1) << round;
+        Limits::set(15000, 2000);
+        ASSERT_TRUE(wait_for_workers());
+        EXPECT_EQ(helper().UpdateProxyConnectionSettings(0, 1), 1);
+        ASSERT_EQ(entry(u"A"), foreign()) << round;
+        ASSERT_FALSE(backup(u"A"));
+    }
+}
+
 TEST_F(ProxyHelper, LeavesNothingBehind) {
     have_entries();
     helper().ChangeProxyConnectionSettings(1, 1);
