@@ -105,7 +105,16 @@ int Bell::claim() {
     return ENOLCK;
 }
 
+// Others take the places that they find in the file of this name.
+bool Bell::is_removed() const {
+    struct stat mine = {};
+    struct stat named = {};
+    return fstat(file_, &mine) != 0 || lstat(path_.c_str(), &named) != 0 || mine.st_dev != named.st_dev ||
+           mine.st_ino != named.st_ino;
+}
+
 int Bell::set_position(LONGLONG seq) {
+    if (place_ >= 0 && is_removed()) give_up();
     if (place_ < 0) {
         if (const int error = claim(); error != 0) return error;
     }

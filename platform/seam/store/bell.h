@@ -8,11 +8,12 @@
 
 #include <string>
 
+#include "platform/export.h"
 #include "platform/types.h"
 
 namespace zr::platform {
 
-class Bell {
+class ZRPLATFORM_API Bell {
 public:
     Bell() = default;
     ~Bell() { give_up(); }
@@ -46,7 +47,8 @@ public:
     };
 
     // --- the watchers' places: how far in the change log each process that must not miss anything has got ---
-    // Writes this process's; the first call takes a place. 0 or the host's error number; ENOLCK when all are taken.
+    // Writes this process's; the first call takes a place, and the first one behind a removal of the file. 0 or the
+    // host's error number; ENOLCK when all are taken.
     int set_position(LONGLONG seq);
     void give_up();
     // A child made by fork has no part in its parent's place.
@@ -56,6 +58,7 @@ public:
 
 private:
     int claim();
+    bool is_removed() const;
 
     std::string path_;
     int file_ = -1;  // open while there is a place
