@@ -35,6 +35,8 @@ constexpr int kFrameHeader = 24;
 constexpr std::uint32_t kJournalMagic = 0x377F0682;  // its lowest bit: checksums are of big-endian words
 // --- the journal's index in shared memory (https://sqlite.org/walformat.html) ---
 constexpr std::size_t kLastFrameAt = 16;
+constexpr std::size_t kFrameSumsAt = 24;
+constexpr std::size_t kSaltsAt = 32;
 
 using Byte = unsigned char;
 
@@ -87,13 +89,12 @@ std::uint64_t boot_number() noexcept {
 }
 
 // --- the marks' form ---
-// Little-endian: the change (7 bytes), the boot (4), a check of both (2); the journal's number (4), its check (3). All
-// zero: no mark.
+// Little-endian: the change (7 bytes), the boot (4), a check of both (2); the journal's number or digest (4), its check
+// (3), whose bits are turned where the journal is closed. All zero: no mark.
 using MarkBytes = std::array<Byte, kMarksSize>;
 constexpr std::size_t kBootAt = 7;
 constexpr std::size_t kCommittedCheckAt = 11;
 constexpr std::size_t kJournalAt = 13;
-constexpr std::size_t kJournalCheckAt = 17;
 
 void put(Byte* to, std::uint64_t value, std::size_t size) {
     for (std::size_t i = 0; i < size; ++i) {
@@ -123,9 +124,23 @@ void put_committed(Byte* marks, LONGLONG seq, std::uint64_t boot) {
     put(marks + kCommittedCheckAt, check_of(marks, kCommittedCheckAt), kJournalAt - kCommittedCheckAt);
 }
 
-void put_journal(Byte* mark, std::uint32_t number) {
-    put(mark, number, 4);
-    put(mark + 4, number == 0 ? 0 : check_of(mark, 4), 3);
+void put_journal(Byte* mark, JournalState state, std::uint32_t name) {
+    put(mark, name, 4);
+    const std::uint64_t check = check_of(mark, 4);
+    put(mark + 4, state == JournalState::Closed ? ~check : check, 3);
+}
+
+constexpr std::uint64_t kJournalCheck = 0xFFFFFF;
+
+// False: what is there is no mark.
+bool read_journal_mark(const Byte* mark, StoreMarks& marks) {
+    marks.name = static_cast<std::uint32_t>(get(mark, 4));
+    const std::uint64_t check = get(mark + 4, 3);
+    const std::uint64_t wanted = check_of(mark, 4);
+    marks.journal = get(mark, 7) == 0                    ? JournalState::Never
+                    : check == (~wanted & kJournalCheck) ? JournalState::Closed
+                                                         : JournalState::Open;
+    return marks.journal != JournalState::Open || check == (wanted & kJournalCheck);
 }
 
 bool is_zero(const Byte* from, std::size_t size) {
@@ -135,14 +150,12 @@ bool is_zero(const Byte* from, std::size_t size) {
 void read_form(const MarkBytes& bytes, StoreMarks& marks) {
     const Byte* const at = bytes.data();
     const bool no_change = is_zero(at, kJournalAt);
-    const bool no_journal = is_zero(at + kJournalAt, kMarksSize - kJournalAt);
     const bool change_good = no_change || get(at + kCommittedCheckAt, 2) == (check_of(at, kCommittedCheckAt) & 0xFFFF);
-    const bool journal_good = no_journal || get(at + kJournalCheckAt, 3) == (check_of(at + kJournalAt, 4) & 0xFFFFFF);
+    const bool journal_good = read_journal_mark(at + kJournalAt, marks);
     marks.legible = change_good && journal_good;
     const std::uint64_t boot = boot_number();
     const bool this_boot = boot != 0 && get(at + kBootAt, 4) == (boot & 0xFFFFFFFF);
     marks.committed = marks.legible && this_boot ? static_cast<LONGLONG>(get(at, kBootAt)) : 0;
-    marks.journal = marks.legible ? static_cast<std::uint32_t>(get(at + kJournalAt, 4)) : 0;
 }
 
 // --- files ---
@@ -154,6 +167,12 @@ sqlite3_vfs* host() noexcept {
 
 enum class Kind { Database, Journal, Other };
 
+// The committed frames of a journal.
+struct JournalEnd {
+    std::uint32_t frames;
+    std::uint32_t digest;  // tells the journal, and where it ended, from others; 0: no frames
+};
+
 // Followed in memory by the host's file.
 struct File {
     sqlite3_file base;
@@ -163,6 +182,7 @@ struct File {
     bool checked;                // its pages have checksums
     Byte* scratch;               // a page; made when it is first needed
     const volatile Byte* index;  // of the journal, in shared memory; null: not there yet
+    JournalEnd end;              // what the index said when it was let go of
     // The journal's.
     File* database;      // null: not known, nothing is looked at
     bool unmarked;       // its header was written, and the database's mark not yet
@@ -288,6 +308,10 @@ int verify_frame(File& journal, const Byte* page, int size, sqlite3_int64 at) {
     return good ? SQLITE_OK : SQLITE_IOERR_DATA;
 }
 
+std::uint32_t index_word(const volatile Byte* index, std::size_t at) {
+    return *reinterpret_cast<const volatile std::uint32_t*>(index + at);
+}
+
 // Frames behind the last commit are the writer's own, and their checksums may not be there yet.
 bool is_committed_frame(const File& journal, int size, sqlite3_int64 at) {
     const File* const database = journal.database;
@@ -296,18 +320,37 @@ bool is_committed_frame(const File& journal, int size, sqlite3_int64 at) {
     const sqlite3_int64 past = at - kJournalHeader - kFrameHeader;
     const sqlite3_int64 stride = size + kFrameHeader;
     if (past < 0 || past % stride != 0) return false;
-    const auto* const last = reinterpret_cast<const volatile std::uint32_t*>(database->index + kLastFrameAt);
-    return past / stride + 1 <= *last;
+    return past / stride + 1 <= index_word(database->index, kLastFrameAt);
 }
 
 int write_mark(File& database, const Byte* mark, std::size_t size, std::size_t at) {
     return database.write(mark, static_cast<int>(size), kMarksAt + static_cast<sqlite3_int64>(at));
 }
 
-int mark_journal(File& database, std::uint32_t number) {
+int mark_journal(File& database, JournalState state, std::uint32_t name) {
     Byte mark[kMarksSize - kJournalAt];
-    put_journal(mark, number);
-    return write_mark(database, mark, sizeof mark, kJournalAt);
+    put_journal(mark, state, name);
+    const int result = write_mark(database, mark, sizeof mark, kJournalAt);
+    return result == SQLITE_OK ? database.methods()->xSync(database.real(), SQLITE_SYNC_NORMAL | SQLITE_SYNC_DATAONLY)
+                               : result;
+}
+
+int read_marks_of(File& database, StoreMarks& marks) {
+    MarkBytes bytes;
+    const int result = database.read(bytes.data(), kMarksSize, kMarksAt);
+    if (result != SQLITE_OK) return result;
+    marks.checked = database.checked;
+    read_form(bytes, marks);
+    return SQLITE_OK;
+}
+
+JournalEnd end_in(const volatile Byte* index) {
+    if (index == nullptr || index_word(index, kLastFrameAt) == 0) return {};
+    std::uint64_t state = index_word(index, kLastFrameAt);
+    for (const std::size_t at : {kFrameSumsAt, kFrameSumsAt + 4, kSaltsAt, kSaltsAt + 4}) {
+        state = mix(state, index_word(index, at));
+    }
+    return {index_word(index, kLastFrameAt), static_cast<std::uint32_t>(finish(state)) | 1};
 }
 
 bool is_journal_header(const Byte* header) {
@@ -324,22 +367,23 @@ std::uint32_t number_of(File& journal) {
     return salt == 0 ? 1 : salt;
 }
 
-// The mark is taken away, and that is on the disk, before the journal is: or else a power cut could leave the mark
-// alone.
-int unmark_journal(File& database) {
-    const int result = mark_journal(database, 0);
-    return result == SQLITE_OK ? database.methods()->xSync(database.real(), SQLITE_SYNC_NORMAL | SQLITE_SYNC_DATAONLY)
-                               : result;
+// All of the journal is in the file. That is on the disk before the journal is removed: or else a power cut could leave
+// a file that misses its journal.
+int close_journal(File& database, const JournalEnd& end) {
+    StoreMarks marks = {};
+    if (const int result = read_marks_of(database, marks); result != SQLITE_OK) return result;
+    if (marks.legible && marks.journal != JournalState::Open && end.frames == 0) return SQLITE_OK;
+    return mark_journal(database, JournalState::Closed, end.digest);
 }
 
-// SQLite may give a journal that it begins anew a number by chance, while the mark names an earlier one.
+// A journal that is begun anew gets its header, and the next number, while the file still names the one before. SQLite
+// may give it another number, by chance, where a journal has no frames.
 int prepare_number(File& database, const Byte* header) {
-    Byte mark[kMarksSize - kJournalAt];
-    const int result = database.read(mark, sizeof mark, kMarksAt + static_cast<int>(kJournalAt));
-    if (result != SQLITE_OK) return result;
-    const auto marked = static_cast<std::uint32_t>(get(mark, 4));
+    StoreMarks marks = {};
+    if (const int result = read_marks_of(database, marks); result != SQLITE_OK) return result;
     const std::uint32_t next = big_endian(header + 16);
-    return marked == 0 || next == marked || next == marked + 1 ? SQLITE_OK : unmark_journal(database);
+    const bool expected = marks.journal != JournalState::Open || next == marks.name || next == marks.name + 1;
+    return expected ? SQLITE_OK : close_journal(database, {});
 }
 
 int write_held(File& journal) {
@@ -386,12 +430,26 @@ int write_journal(File& journal, const void* from, int size, sqlite3_int64 at) {
             if (result != SQLITE_OK) return result;
         }
     } else if (journal.unmarked && database != nullptr && database->checked) {
-        // The header has been synced by now: a journal that is marked is there, also after a power cut.
-        const int result = mark_journal(*database, number_of(journal));
+        // The header has been synced by now: a journal that is marked is there, also after a power cut. And the mark is
+        // synced before there is anything in the journal: what is in a journal that is not marked is another file's.
+        const int result = mark_journal(*database, JournalState::Open, number_of(journal));
         if (result != SQLITE_OK) return result;
         journal.unmarked = false;
     }
     return write_frames(journal, from, size, at);
+}
+
+bool is_journal_of(const StoreMarks& marks, std::uint32_t number, const JournalEnd& end) {
+    if (!marks.legible) return false;
+    switch (marks.journal) {
+        case JournalState::Never:
+            return end.frames == 0;
+        case JournalState::Closed:
+            return end.frames == 0 || end.digest == marks.name;
+        case JournalState::Open:
+            return number == marks.name || (number == marks.name + 1 && end.frames == 0);
+    }
+    return false;
 }
 
 // --- what SQLite calls ---
@@ -421,7 +479,8 @@ int x_write(sqlite3_file* base, const void* from, int size, sqlite3_int64 at) {
 int x_truncate(sqlite3_file* base, sqlite3_int64 size) {
     File& file = file_of(base);
     if (file.kind == Kind::Journal && size == 0 && file.database != nullptr && file.database->checked) {
-        if (const int result = unmark_journal(*file.database); result != SQLITE_OK) return result;
+        const int result = close_journal(*file.database, end_in(file.database->index));
+        if (result != SQLITE_OK) return result;
     }
     if (const int result = settle_journal(file); result != SQLITE_OK) return result;
     const WithinSizeLimit no_signal;
@@ -472,12 +531,7 @@ int control_marks(File& file, int what, void* argument) {
         file.checked = true;
         return SQLITE_OK;
     }
-    const int result = file.read(bytes.data(), kMarksSize, kMarksAt);
-    if (result != SQLITE_OK) return result;
-    auto& marks = *static_cast<StoreMarks*>(argument);
-    marks.checked = file.checked;
-    read_form(bytes, marks);
-    return SQLITE_OK;
+    return read_marks_of(file, *static_cast<StoreMarks*>(argument));
 }
 
 int x_file_control(sqlite3_file* base, int what, void* argument) {
@@ -517,6 +571,7 @@ void x_shm_barrier(sqlite3_file* base) {
 
 int x_shm_unmap(sqlite3_file* base, int remove) {
     File& file = file_of(base);
+    file.end = end_in(file.index);
     file.index = nullptr;
     return file.methods()->xShmUnmap(file.real(), remove);
 }
@@ -570,7 +625,7 @@ int x_delete(sqlite3_vfs*, const char* name, int sync_folder) {
     if (is_journal(name)) {
         sqlite3_file* const base = sqlite3_database_file_object(name);
         if (base != nullptr && base->pMethods == &kMethods && file_of(base).checked) {
-            if (const int result = unmark_journal(file_of(base)); result != SQLITE_OK) return result;
+            if (const int result = close_journal(file_of(base), file_of(base).end); result != SQLITE_OK) return result;
         }
     }
     return host()->xDelete(host(), name, sync_folder);
@@ -603,11 +658,20 @@ int expect_pages(sqlite3* database, int page_size) noexcept {
     return sqlite3_file_control(database, "main", kExpectPages, &page_size);
 }
 
-std::uint32_t journal_number(sqlite3* database) noexcept {
-    sqlite3_file* base = nullptr;
-    if (sqlite3_file_control(database, "main", SQLITE_FCNTL_JOURNAL_POINTER, &base) != SQLITE_OK) return 0;
-    if (base == nullptr || base->pMethods != &kMethods || file_of(base).kind != Kind::Journal) return 0;
-    return number_of(file_of(base));
+int journal_fits(sqlite3* database, bool& fits) noexcept {
+    sqlite3_file* file = nullptr;
+    sqlite3_file* journal = nullptr;
+    fits = true;
+    if (sqlite3_file_control(database, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK) return SQLITE_ERROR;
+    if (file == nullptr || file->pMethods != &kMethods || !file_of(file).checked) return SQLITE_OK;
+    sqlite3_file_control(database, "main", SQLITE_FCNTL_JOURNAL_POINTER, &journal);
+    const bool has_journal =
+        journal != nullptr && journal->pMethods == &kMethods && file_of(journal).kind == Kind::Journal;
+    StoreMarks marks = {};
+    const int result = read_marks_of(file_of(file), marks);
+    if (result != SQLITE_OK) return result;
+    fits = is_journal_of(marks, has_journal ? number_of(file_of(journal)) : 0, end_in(file_of(file).index));
+    return SQLITE_OK;
 }
 
 int reserve_checksums(sqlite3* database) noexcept {

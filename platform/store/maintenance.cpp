@@ -274,10 +274,30 @@ private:
     ULONGLONG rows_ = 0;
 };
 
+// What is in the journal of another file, or of another moment of this one, does not fit what the file has.
+bool has_foreign_journal(Connection& connection) {
+    LONGLONG tables = 0;
+    bool fits = true;
+    StoreMarks marks = {};
+    static_cast<void>(connection.scalar("SELECT count(*) FROM sqlite_master", tables));
+    return read_marks(connection.handle(), marks) == SQLITE_OK && marks.legible &&
+           journal_fits(connection.handle(), fits) == SQLITE_OK && !fits;
+}
+
+// `path` is a copy.
+DWORD open_damaged(const StoreKind& kind, const std::string& path, Connection& connection) {
+    if (connection.open(path) != ERROR_SUCCESS) return failure(connection, kind);
+    connection.checkpoint_on_close(false);
+    if (!has_foreign_journal(connection)) return ERROR_SUCCESS;
+    connection.close();
+    unlink((path + "-wal").c_str());
+    return connection.open(path) == ERROR_SUCCESS ? ERROR_SUCCESS : failure(connection, kind);
+}
+
 DWORD salvage(const StoreKind& kind, const std::string& from, const std::string& to, ULONGLONG& rows) {
     Connection source;
     Connection target;
-    if (source.open(from) != ERROR_SUCCESS) return failure(source, kind);
+    if (const DWORD error = open_damaged(kind, from, source); error != ERROR_SUCCESS) return error;
     if (target.open(to) != ERROR_SUCCESS) return failure(target, kind);
     DWORD error = make_tables(kind, target);
     if (error == ERROR_SUCCESS) error = target.execute("BEGIN IMMEDIATE");

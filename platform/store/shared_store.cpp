@@ -128,12 +128,6 @@ DWORD new_origin() noexcept {
     return origin & 0x7FFFFFFF;
 }
 
-// Connections are closed for a fork, or when the file is not the store any more: no time for copying the journal.
-void checkpoint_on_close(Connection& connection, bool wanted) {
-    if (connection.is_open())
-        sqlite3_db_config(connection.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, wanted ? 0 : 1, nullptr);
-}
-
 // Whether the file that the connection has open has lost its name.
 bool has_moved(Connection& connection) {
     int moved = 0;
@@ -203,6 +197,13 @@ bool SharedStore::is_replaced() const {
     return !(file_at(path_) == file_);
 }
 
+// Nobody closes a store that somebody else has open.
+bool SharedStore::is_overwritten() {
+    StoreMarks marks = {};
+    return read_marks(reader_.handle(), marks) == SQLITE_OK && marks.legible && marks.journal == JournalState::Closed &&
+           marks.name != 0 && !(closed_before_ && marks.name == closed_name_);
+}
+
 // --- reading ---
 
 DWORD SharedStore::join() {
@@ -213,7 +214,7 @@ DWORD SharedStore::join() {
 
 DWORD SharedStore::catch_up() {
     stamp_known_ = false;
-    if (!ready_ || is_suspect() || is_replaced()) {
+    if (!ready_ || is_suspect() || is_replaced() || is_overwritten()) {
         if (const DWORD error = open(); error != ERROR_SUCCESS) return error;
     }
     CommitWatch::Stamp now;
@@ -278,7 +279,7 @@ DWORD SharedStore::open() {
     StoreOpening opening;
     if (const DWORD error = open_file(opening); error != ERROR_SUCCESS) return error;
     suspect_.store(false, std::memory_order_relaxed);
-    checkpoint_on_close(reader_, false);
+    reader_.checkpoint_on_close(false);
     if (opening.created) flush_folders_above(folder_of(path_));
     return begin_reading(opening.created);
 }
@@ -300,6 +301,10 @@ DWORD SharedStore::begin_reading(bool created) {
     journal_ = std::make_shared<const HostFd>(open_host(journal.c_str(), O_RDWR));
     if (!*journal_) return host_failure(journal, errno);
     commits_.attach(reader_);
+    StoreMarks marks = {};
+    if (read_marks(reader_.handle(), marks) != SQLITE_OK) return fail(reader_);
+    closed_before_ = marks.legible && marks.journal == JournalState::Closed;
+    closed_name_ = marks.name;
     const File before = std::exchange(file_, has_moved(reader_) ? File{} : file_at(path_));
     const bool another = created || !(before == file_);
     followed_ = followed_ && !another;
@@ -320,8 +325,8 @@ void SharedStore::rest() noexcept {
     if (const std::unique_lock lock(mutex_, std::try_to_lock); lock.owns_lock()) {
         Bell::Pull pull;
         if (ready_ && !is_suspect() && pull.take(bell_) == 0 && !is_replaced()) {
-            checkpoint_on_close(writer_, true);
-            checkpoint_on_close(reader_, true);
+            writer_.checkpoint_on_close(true);
+            reader_.checkpoint_on_close(true);
         }
         close_both();
     }
@@ -425,7 +430,7 @@ DWORD SharedStore::open_writer() {
         writer_.close();
         return failure;
     }
-    checkpoint_on_close(writer_, false);
+    writer_.checkpoint_on_close(false);
     writer_commits_.attach(writer_);
     writer_opening_ = opening_;
     return ERROR_SUCCESS;
@@ -498,7 +503,7 @@ DWORD StoreWriting::prepare() {
     for (int i = 0; i < kTries; ++i) {
         {
             const auto reading = store_->lock();
-            if (!store_->ready_ || store_->is_suspect()) {
+            if (!store_->ready_ || store_->is_suspect() || store_->is_overwritten()) {
                 if (const DWORD error = store_->open(); error != ERROR_SUCCESS) return error;
             }
             before_ = store_->stamp_;

@@ -123,6 +123,10 @@ void Connection::close() {
     met_damage_ = false;
 }
 
+void Connection::checkpoint_on_close(bool wanted) {
+    if (is_open()) sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, wanted ? 0 : 1, nullptr);
+}
+
 void Connection::abandon() noexcept {
     db_ = nullptr;
     abandoned_ = true;

@@ -152,25 +152,21 @@ DWORD examine_where_suspected(const StoreKind& kind, const std::string& path, Co
     return error;
 }
 
-// A journal that is begun anew has the next number.
-bool is_journal_of(const StoreMarks& marks, std::uint32_t journal) {
-    return marks.journal == 0 || journal == marks.journal || journal == marks.journal + 1;
-}
-
-// Whether the journal that belongs to the file is there.
+// Whether the journal that belongs to the file is there, and none that does not.
 DWORD check_journal(Connection& connection) {
-    constexpr int kTries = 5;  // it may be begun anew between the looks, and a mark be written just now
+    constexpr int kTries = 5;  // a journal may be begun, and a mark be written just now
     constexpr int kPauseMilliseconds = 10;
     LONGLONG tables = 0;
-    if (connection.scalar("SELECT count(*) FROM sqlite_master", tables) != ERROR_SUCCESS) return connection.error();
     StoreMarks marks = {};
-    for (int i = 0; i < kTries; ++i) {
+    bool fits = false;
+    if (connection.scalar("SELECT count(*) FROM sqlite_master", tables) != ERROR_SUCCESS) return connection.error();
+    for (int i = 0; i < kTries && !fits; ++i) {
         if (i > 0) poll(nullptr, 0, kPauseMilliseconds);
-        if (read_marks(connection.handle(), marks) != SQLITE_OK) return ERROR_IO_DEVICE;
-        if (!marks.legible || !is_journal_of(marks, journal_number(connection.handle()))) continue;
-        return tables == 0 && marks.committed != 0 ? ERROR_FILE_CORRUPT : ERROR_SUCCESS;
+        if (journal_fits(connection.handle(), fits) != SQLITE_OK) return ERROR_IO_DEVICE;
     }
-    return ERROR_FILE_CORRUPT;
+    if (!fits) return ERROR_FILE_CORRUPT;
+    if (read_marks(connection.handle(), marks) != SQLITE_OK) return ERROR_IO_DEVICE;
+    return tables == 0 && marks.committed != 0 ? ERROR_FILE_CORRUPT : ERROR_SUCCESS;
 }
 
 // Whether the file holds what it must. The mark is read first: what is committed meanwhile makes the store newer.
@@ -281,7 +277,10 @@ StoreOpening open_store(const StoreKind& kind, const std::string& path, const Be
     // SQLite would remove the journal of a file without a front.
     if (size_of(path) < kFront && size_of(path + "-wal") > 0) return set_aside(kind, path, bell);
     StoreOpening result = prepare(kind, path, connection);
-    if (!result) connection.close();
+    if (!result) {
+        connection.checkpoint_on_close(false);  // its journal may be another one's
+        connection.close();
+    }
     return result.error == ERROR_FILE_CORRUPT ? set_aside(kind, path, bell) : result;
 }
 
@@ -314,7 +313,12 @@ int replace_store(const std::string& path, const char* reason, const std::string
     name = free_name(path, reason);
     // Whoever is killed on the way leaves a file that says that its journal is missing, and never one that seems new.
     if (link(path.c_str(), name.c_str()) != 0 && (errno != ENOENT || by.empty())) return errno;
-    rename((path + "-wal").c_str(), (name + "-wal").c_str());
+    const std::string journal = path + "-wal";
+    if (size_of(journal) > 0) {
+        rename(journal.c_str(), (name + "-wal").c_str());
+    } else {
+        unlink(journal.c_str());
+    }
     const int result = by.empty() ? unlink(path.c_str()) : rename(by.c_str(), path.c_str());
     if (result != 0) return errno;
     change_index(path);

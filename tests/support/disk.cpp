@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 namespace zr::test {
 namespace {
@@ -24,6 +25,18 @@ std::string content(const std::string& path) {
 Disk& Disk::instance() {
     static Disk disk;
     return disk;
+}
+
+void Disk::begin(const std::vector<std::string>& paths, std::function<void()> moment) {
+    for (const std::string& path : paths) {
+        durable_[path] = content(path);
+    }
+    moment_ = std::move(moment);
+    watching_ = true;
+}
+
+void Disk::syncing() {
+    if (moment_) moment_();
 }
 
 void Disk::synced(int file) {
@@ -69,11 +82,13 @@ void Disk::cut(const std::string& store, const std::string& folder, std::mt19937
 
 // In the place of the C library's, for the platform and for SQLite.
 extern "C" __attribute__((visibility("default"))) int fdatasync(int file) {
+    zr::test::Disk::instance().syncing();
     const auto result = static_cast<int>(syscall(SYS_fdatasync, file));
     if (result == 0) zr::test::Disk::instance().synced(file);
     return result;
 }
 extern "C" __attribute__((visibility("default"))) int fsync(int file) {
+    zr::test::Disk::instance().syncing();
     const auto result = static_cast<int>(syscall(SYS_fsync, file));
     if (result == 0) zr::test::Disk::instance().synced(file);
     return result;

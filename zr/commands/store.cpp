@@ -137,8 +137,8 @@ void add_store_recover(Command store) {
     command.add_option("FILE", arguments->from, "The damaged store, as it was set aside").required();
     command.add_option("NEW", arguments->to, "The new file").required();
     command.footer(
-        "The damaged file stays as it is; its journal, FILE-wal, is read too when it is there. What is damaged is\n"
-        "left out. 'zr store restore NEW' puts the new file in place.\n"
+        "The damaged file stays as it is; its journal, FILE-wal, is read too when it is there and belongs to it. What\n"
+        "is damaged is left out. 'zr store restore NEW' puts the new file in place.\n"
         "\n"
         "Example:\n"
         "  zr store recover ~/.local/share/zrutility/pim.db.damaged-20261122-101500 found.db");

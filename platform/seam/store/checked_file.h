@@ -12,8 +12,10 @@
 // - the number of the last change that was committed, and in which boot of the computer. Memory of the host outlives
 //   every process, so within that boot the store holds at least this change, or it is damaged. (A power cut may take
 //   what was not flushed, and begins another boot.)
-// - which journal belongs to the file. It is written before that journal gets its first page, and taken away before the
-//   journal is removed. So a file that has this mark and no such journal lacks changes.
+// - which journal belongs to the file. Before a journal gets its first page the mark names it, and before it is removed
+//   the mark says that the file was closed and where the journal ended, each time on the disk. So a file that names a
+//   journal that is not there lacks changes; and what lies beside a closed file is the very journal that it was closed
+//   with, or another one's.
 
 #include <cstdint>
 
@@ -31,12 +33,21 @@ int reserve_checksums(sqlite3* database) noexcept;
 // A new file gets pages of that size, in any order, with checksums: for a copy that is made page by page.
 int expect_pages(sqlite3* database, int page_size) noexcept;
 
+enum class JournalState : unsigned char {
+    Never,   // the file never had a journal
+    Open,    // the file and its journal are the store
+    Closed,  // the file is the store
+};
+
 // What a file's marks say. With the database's file open and read from once.
 struct StoreMarks {
-    bool checked;           // the file's pages have checksums
-    bool legible;           // false: what is there is no mark
-    LONGLONG committed;     // the number of a change; 0: none is known, or not of this boot
-    std::uint32_t journal;  // the number (salt) of the journal; 0: there is none
+    bool checked;        // the file's pages have checksums
+    bool legible;        // false: what is there is no mark
+    LONGLONG committed;  // the number of a change; 0: none is known, or not of this boot
+    JournalState journal;
+    // Open: the journal's number (salt). Closed: a digest of its end; 0 where there was nothing in it, as is before a
+    // journal is begun anew, also while others have the file open.
+    std::uint32_t name;
 };
 // 0 or SQLite's error.
 int read_marks(sqlite3* database, StoreMarks& marks) noexcept;
@@ -44,7 +55,9 @@ int read_marks(sqlite3* database, StoreMarks& marks) noexcept;
 // Notes that the change was committed.
 int mark_committed(sqlite3* database, LONGLONG seq) noexcept;
 
-// The number of the journal that is there; 0: there is none, or its front is damaged.
-std::uint32_t journal_number(sqlite3* database) noexcept;
+// Whether what is in the journal that is there belongs to the file, and nothing of it is missing that the mark knows
+// of. With the database open and read from once. May be false for a moment while others begin a journal. 0 or SQLite's
+// error.
+int journal_fits(sqlite3* database, bool& fits) noexcept;
 
 }  // namespace zr::platform

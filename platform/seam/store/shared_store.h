@@ -143,6 +143,8 @@ private:
     DWORD host_failure(const std::string& path, int number);
     static File file_at(const std::string& path);
 
+    // Another content was written over the file while it was open here.
+    bool is_overwritten();
     DWORD catch_up();
     DWORD follow();
     DWORD open();
@@ -190,6 +192,8 @@ private:
     LONGLONG position_ = 0;
     unsigned opening_ = 0;  // counts how often the store was opened
     File file_;             // what the reader has open
+    bool closed_before_ = false;
+    std::uint32_t closed_name_ = 0;  // the mark of the file that was closed when it was opened
     Bell bell_;
     std::shared_ptr<const HostFd> journal_;
     bool folder_flushed_ = false;

@@ -115,6 +115,9 @@ public:
 
     DWORD open(const std::string& path);
     void close();
+    // Whether close() copies the journal into the file and removes it, where nobody else has the file open: not when it
+    // is closed for a fork, nor when the file is not the store any more or the journal not its own.
+    void checkpoint_on_close(bool wanted);
     // Leaves the connection as it is and forgets it: in a child made by fork, whose parent is in the middle of a
     // change. What is called after that fails with ERROR_BUSY.
     void abandon() noexcept;

@@ -10,6 +10,7 @@
 #include <random>
 
 #include "platform/diagnostics.h"
+#include "platform/mapi/mail_support.h"
 #include "platform/pim/session_support.h"
 #include "platform/registry/registry_support.h"
 #include "support/child.h"
@@ -40,6 +41,7 @@ int flips() {
 
 constexpr int kContacts = 60;
 constexpr int kValues = 120;
+constexpr int kMessages = 40;
 
 std::u16string text_of(int number) {
     std::u16string text = u"entry ";
@@ -47,6 +49,14 @@ std::u16string text_of(int number) {
         text.push_back(static_cast<WCHAR>(u'a' + (number * 7 + i) % 26));
     }
     return text;
+}
+
+// The store of that name has been set aside.
+bool is_set_aside(const char* file) {
+    for (const auto& entry : fs::directory_iterator(sandbox_home())) {
+        if (entry.path().filename().string().starts_with(std::string(file) + ".damaged-")) return true;
+    }
+    return false;
 }
 
 }  // namespace
@@ -99,6 +109,7 @@ struct RegistryStore {
     static constexpr const char* kFile = "registry.db";
 
     static bool fill(int count) {
+        create(HKEY_CURRENT_USER, u"key");
         for (int i = 0; i < count; ++i) {
             const Key key = create(HKEY_CURRENT_USER, u"key" + std::u16string(1, static_cast<WCHAR>(0x4E00 + i % 10)));
             const std::u16string text = text_of(i);
@@ -122,6 +133,70 @@ struct RegistryStore {
     }
 };
 
+// A new store takes the place of a damaged one within the call that finds it.
+struct MailStore {
+    static constexpr const char* kFile = "mail.db";
+
+    static std::u16string name_of(int number) {
+        const std::string digits = std::to_string(number);
+        return {digits.begin(), digits.end()};
+    }
+    static bool fill(int count) {
+        const Mail mail;
+        if (mail.open != S_OK) return false;
+        const Ptr<IMAPIFolder> inbox = mail.folder();
+        for (int i = 0; i < count; ++i) {
+            Ptr<IMessage> made;
+            if (inbox->CreateMessage(nullptr, 0, made.out()) != S_OK) return false;
+            if (set(made.get(), text_prop(PR_SUBJECT_W, name_of(i))) != S_OK) return false;
+            if (set(made.get(), text_prop(PR_BODY_W, text_of(i))) != S_OK) return false;
+            if (made->SaveChanges(0) != S_OK) return false;
+        }
+        return true;
+    }
+    static int look(int count) {
+        const int seen = read(count);
+        return seen == kWrong && is_set_aside(kFile) ? kNoticed : seen;
+    }
+
+private:
+    static int read(int count) {
+        const auto noticed = [](HRESULT result) { return result == MAPI_E_CORRUPT_DATA ? kNoticed : kWrong; };
+        const Mail mail;
+        if (mail.logon != S_OK) return noticed(mail.logon);
+        if (mail.open != S_OK) return noticed(mail.open);
+        const Props where(mail.store.get(), {PR_CE_IPM_INBOX_ENTRYID});
+        if (where.result != S_OK) return noticed(where.result);
+        const Bytes id = where.bytes();
+        Ptr<IMAPIFolder> inbox;
+        Ptr<IMAPITable> table;
+        ULONG type = 0;
+        HRESULT result = mail.session->OpenEntry(size_of(id), entry(id), nullptr, 0, &type, inbox.unknown());
+        if (result == S_OK) result = inbox->GetContentsTable(0, table.out());
+        if (result == S_OK) result = columns(table.get(), {PR_SUBJECT_W, PR_ENTRYID});
+        if (result != S_OK) return noticed(result);
+        const Rows rows(table.get());
+        if (rows.result != S_OK) return noticed(rows.result);
+        std::vector<bool> found(static_cast<std::size_t>(count));
+        for (ULONG i = 0; i < rows.size(); ++i) {
+            const std::u16string name = rows.text(i, 0);
+            const int number = std::atoi(std::string(name.begin(), name.end()).c_str());
+            if (number < 0 || number >= count || name != name_of(number)) return kWrong;
+            found[static_cast<std::size_t>(number)] = true;
+            const Bytes one = rows.bytes(i, 1);
+            Ptr<IMessage> message;
+            result = mail.session->OpenEntry(size_of(one), entry(one), nullptr, 0, &type, message.unknown());
+            if (result != S_OK) return noticed(result);
+            const Props body(message.get(), {PR_BODY_W});
+            if (FAILED(body.result)) return noticed(body.result);
+            if (!body.has(0)) return noticed(body.error(0));
+            if (body.text() != text_of(number)) return kWrong;
+        }
+        const bool all = std::find(found.begin(), found.end(), false) == found.end();
+        return all && rows.size() == static_cast<ULONG>(count) ? kRight : kWrong;
+    }
+};
+
 namespace {
 
 ZR_CHILD(hold_contacts) {
@@ -136,6 +211,21 @@ ZR_CHILD(hold_registry) {
     say("ready");
     hear();
     _exit(0);
+}
+ZR_CHILD(hold_mail) {
+    const Mail mail;
+    if (!MailStore::fill(std::stoi(args[0]))) return 1;
+    say("ready");
+    hear();
+    _exit(0);
+}
+ZR_CHILD(fill_mail) {
+    return MailStore::fill(std::stoi(args[0])) ? 0 : 1;
+}
+ZR_CHILD(fill_mail_and_die) {
+    const Mail mail;
+    if (MailStore::fill(std::stoi(args[0]))) _exit(0);
+    _exit(1);
 }
 ZR_CHILD(fill_contacts) {
     return ContactStore::fill(std::stoi(args[0])) ? 0 : 1;
@@ -169,6 +259,14 @@ struct Content<RegistryStore> {
     static constexpr const char* kFill = "fill_registry";
     static constexpr const char* kFillAndDie = "fill_registry_and_die";
     static constexpr const char* kHold = "hold_registry";
+};
+
+template <>
+struct Content<MailStore> {
+    static constexpr int kCount = kMessages;
+    static constexpr const char* kFill = "fill_mail";
+    static constexpr const char* kFillAndDie = "fill_mail_and_die";
+    static constexpr const char* kHold = "hold_mail";
 };
 
 template <class Store>
@@ -205,6 +303,17 @@ protected:
             fs::permissions(entry.path(), fs::perms::owner_read | fs::perms::owner_write);
         }
     }
+    // Whether a store was set aside whose file, or what lies beside it, is this.
+    static bool is_kept(const std::string& suffix, const std::string& bytes) {
+        for (const auto& entry : fs::directory_iterator(sandbox_home())) {
+            const std::string name = entry.path().filename();
+            const bool beside = name.ends_with("-wal");
+            if (name.find(".damaged-") != std::string::npos && beside == (suffix == "-wal") &&
+                read(entry.path()) == bytes)
+                return true;
+        }
+        return false;
+    }
     static int look(bool later_boot = false) {
         return in_fork([later_boot] {
             if (later_boot) ZrPretendLaterBoot();
@@ -232,7 +341,7 @@ protected:
     std::string journal_bytes_;
 };
 
-using Stores = testing::Types<ContactStore, RegistryStore>;
+using Stores = testing::Types<ContactStore, RegistryStore, MailStore>;
 TYPED_TEST_SUITE(Damage, Stores);
 
 TYPED_TEST(Damage, AClosedStoreLeavesNoJournal) {
@@ -315,6 +424,33 @@ TYPED_TEST(Damage, AFlippedBitInAnOpenStoreIsNeverReadAsData) {
     EXPECT_GT(noticed, 0);
 }
 
+// The journal's index is made anew by the first who opens the store: what lies there is believed by nobody.
+TYPED_TEST(Damage, AnIndexThatNobodyHasOpenIsNotRead) {
+    ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
+    this->keep();
+    const fs::path index = this->file().string() + "-shm";
+    const std::string kept = this->read(index);
+    ASSERT_GE(kept.size(), 32768u);
+    const auto put_index = [&](const std::string& bytes) {
+        this->put(this->file_bytes_, this->journal_bytes_);
+        this->write(index, bytes);
+        fs::permissions(index, fs::perms::owner_read | fs::perms::owner_write);
+    };
+    std::mt19937 random(6);
+    constexpr std::size_t kUsed = 600;  // its header, and the pages of the first frames
+    for (int i = 0; i < flips() / 5; ++i) {
+        std::string bytes = kept;
+        const std::size_t bit = random() % (kUsed * 8);
+        bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ (1 << bit % 8));
+        put_index(bytes);
+        ASSERT_EQ(this->look(), kRight) << "bit " << bit;
+    }
+    for (const std::size_t size : {0, 1, 135, 32767, 100000}) {
+        put_index(std::string(size, '\x5A'));
+        ASSERT_EQ(this->look(), kRight) << size;
+    }
+}
+
 TYPED_TEST(Damage, AMissingJournalIsNoticed) {
     ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
     this->keep();
@@ -379,11 +515,71 @@ TYPED_TEST(Damage, AnOlderCopyOfTheFileUnderANewerJournalIsNoticed) {
     EXPECT_EQ(this->look(), kNoticed);
 }
 
+// A file of a moment when it was closed, under the journal of a later one: the file alone is whole, the journal is not
+// of it, and what comes of both is nothing that ever was.
+TYPED_TEST(Damage, AClosedFileUnderALeftJournalIsNoticedAndBothAreKept) {
+    ASSERT_EQ(Child(Content<TypeParam>::kFill, {"1"}).wait(), 0);
+    this->keep();
+    const std::string closed = this->file_bytes_;
+    ASSERT_EQ(Child(Content<TypeParam>::kFill, {"2"}).wait(), 0);
+    ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
+    this->keep();
+    ASSERT_FALSE(this->journal_bytes_.empty());
+    for (const bool later_boot : {false, true}) {
+        this->put(closed, this->journal_bytes_);
+        EXPECT_EQ(this->look(later_boot), kNoticed) << later_boot;
+        EXPECT_TRUE(this->is_kept("", closed)) << later_boot;
+        EXPECT_TRUE(this->is_kept("-wal", this->journal_bytes_)) << later_boot;
+    }
+}
+
+// The same with the very journal that was begun behind the file: here, too, what lies there was put there.
+TYPED_TEST(Damage, AnOpenJournalBesideTheFileAsItWasBeforeItIsNoticed) {
+    ASSERT_EQ(Child(Content<TypeParam>::kFill, {"1"}).wait(), 0);
+    this->keep();
+    const std::string closed = this->file_bytes_;
+    ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
+    this->keep();
+    this->put(closed, this->journal_bytes_);
+    EXPECT_EQ(this->look(true), kNoticed);
+}
+
+// The journal that the file was closed with is what a process that is killed just then leaves. Only a part of it, as it
+// was at an earlier moment, holds older pages than the file.
+TYPED_TEST(Damage, OnlyTheWholeJournalOfAClosedFileFitsIt) {
+    ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
+    this->keep();
+    const std::string all = this->journal_bytes_;
+    ASSERT_EQ(Child(Content<TypeParam>::kFill, {"0"}).wait(), 0);  // closes it
+    ASSERT_FALSE(fs::exists(this->journal()));
+    this->keep();
+    for (const bool later_boot : {false, true}) {
+        this->put(this->file_bytes_, all);
+        EXPECT_EQ(this->look(later_boot), kRight) << later_boot;
+        this->put(this->file_bytes_, all.substr(0, all.size() / 2));
+        EXPECT_EQ(this->look(later_boot), kNoticed) << later_boot;
+    }
+}
+
+// Somebody writes a copy over the file while a program has it open.
+TYPED_TEST(Damage, ACopyWrittenOverAnOpenFileIsNoticedAtTheNextChange) {
+    ASSERT_EQ(Child(Content<TypeParam>::kFill, {"1"}).wait(), 0);
+    this->keep();
+    const std::string closed = this->file_bytes_;
+    Child holder(Content<TypeParam>::kHold, {std::to_string(this->kCount)});
+    ASSERT_EQ(holder.hear(), "ready");
+    this->write(this->file(), closed);
+    EXPECT_EQ(this->look(), kNoticed);
+    EXPECT_TRUE(this->is_kept("", closed));
+    holder.say("end");
+    EXPECT_EQ(holder.wait(), 0);
+}
+
 TYPED_TEST(Damage, WrongTablesAreDamage) {
     ASSERT_EQ(Child(Content<TypeParam>::kFill, {std::to_string(this->kCount)}).wait(), 0);
-    const bool contacts = std::is_same_v<TypeParam, ContactStore>;
+    const bool registry = std::is_same_v<TypeParam, RegistryStore>;
     query(this->file(),
-          contacts ? "ALTER TABLE property RENAME COLUMN value TO v" : "ALTER TABLE value RENAME COLUMN data TO d");
+          registry ? "ALTER TABLE value RENAME COLUMN data TO d" : "ALTER TABLE property RENAME COLUMN value TO v");
     EXPECT_EQ(this->look(), kNoticed);
     EXPECT_NE(this->look(), kRight) << "a new store, and empty";
     int aside = 0;

@@ -195,6 +195,30 @@ TEST_F(Maintenance, RecoversWhatIsReadable) {
               0);
 }
 
+// A file as it was, under the journal that was begun when more had come and gone: each by itself is good.
+TEST_F(Maintenance, RecoversAFileWithoutAJournalThatIsNotOfIt) {
+    fill(30);
+    const std::string damaged = beside("backup.db");
+    fs::copy_file(contacts_file(), damaged);
+    fill(50);
+    ASSERT_EQ(in_fork([] {
+                  TestSession session;
+                  for (int i = 0; i < 20; ++i) {
+                      session.add(long_text(i).c_str(), long_text(i).c_str());
+                  }
+                  _exit(0);
+                  return 1;
+              }),
+              0);
+    fs::copy_file(contacts_file() + "-wal", damaged + "-wal");
+    const std::string recovered = beside("recovered.db");
+    ASSERT_EQ(ZrStoreRecover(damaged.c_str(), recovered.c_str(), nullptr), kOk) << ZrStoreLastErrorText();
+    EXPECT_TRUE(fs::exists(damaged + "-wal"));
+    fs::remove(damaged + "-wal");
+    ASSERT_EQ(ZrStoreRestore(recovered.c_str()), kOk) << ZrStoreLastErrorText();
+    EXPECT_EQ(contacts_now(), 30);
+}
+
 TEST_F(Maintenance, RecoversKeysWhoseParentsWereLost) {
     EXPECT_EQ(in_fork([] {
                   const Key key = create(HKEY_CURRENT_USER, u"lost\\below");
