@@ -468,6 +468,21 @@ LONG ZrStoreRestore(LPCSTR from) {
     return guarded([&]() -> DWORD { return from == nullptr ? ERROR_INVALID_PARAMETER : restore(from); });
 }
 
+LONG ZrStoreIdentity(LPCSTR store, ULONGLONG* identity) {
+    return guarded([&]() -> DWORD {
+        const StoreKind* const kind = find_kind(store);
+        if (kind == nullptr) return ERROR_INVALID_NAME;
+        if (identity == nullptr) return ERROR_INVALID_PARAMETER;
+        const Folder folder = state_folder();
+        if (!folder) return say(folder.error, folder.message);
+        const std::string path = folder.path + "/" + kind->file;
+        struct stat status = {};
+        if (stat(path.c_str(), &status) != 0) return host_failure(path, errno);
+        *identity = status.st_ino;
+        return ERROR_SUCCESS;
+    });
+}
+
 LPCSTR ZrStoreLastErrorText() {
     return text;
 }

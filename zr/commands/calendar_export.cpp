@@ -11,6 +11,7 @@
 #include "zr/commands/require_zone.h"
 #include "zr/icalendar/event_writer.h"
 #include "zr/stores/calendar.h"
+#include "zr/stores/same_store.h"
 
 namespace zr {
 namespace {
@@ -27,7 +28,8 @@ int year_of(Moment time) {
 
 class Export {
 public:
-    explicit Export(const CalendarExportOptions& options) : options_(options), file_(options.output) {}
+    Export(const CalendarExportOptions& options, const SameStore& same)
+        : options_(options), same_(same), file_(options.output) {}
 
     Exit run();
 
@@ -41,6 +43,7 @@ private:
     }
 
     const CalendarExportOptions& options_;
+    const SameStore& same_;
     CalendarStore store_;
     OutputFile file_;
     JsonArray array_{[this](std::string_view text) { file_.write(text); }};
@@ -117,6 +120,7 @@ Exit Export::run() {
         CalendarWriter::end(text);
         write(text);
     }
+    same_.expect();
     file_.finish();
     return code_;
 }
@@ -138,7 +142,8 @@ void add_calendar_export(Command calendar) {
         "  zr calendar export --json | jq '.[].subject'");
     command.runs([options] {
         require_zone();
-        return Export(*options).run();
+        const SameStore same("contacts");
+        return same.during([&] { return Export(*options, same).run(); });
     });
 }
 

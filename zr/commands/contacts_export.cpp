@@ -8,6 +8,7 @@
 #include "zr/base/output_file.h"
 #include "zr/commands/command.h"
 #include "zr/stores/contacts.h"
+#include "zr/stores/same_store.h"
 #include "zr/vcard/writer.h"
 
 namespace zr {
@@ -19,7 +20,7 @@ struct ContactsExportOptions {
     bool json = false;
 };
 
-Exit export_contacts(const ContactsExportOptions& options) {
+Exit export_contacts(const ContactsExportOptions& options, const SameStore& same) {
     const CardVersion version = options.version == "2.1"   ? CardVersion::V21
                                 : options.version == "4.0" ? CardVersion::V40
                                                            : CardVersion::V30;
@@ -47,6 +48,7 @@ Exit export_contacts(const ContactsExportOptions& options) {
         }
     }
     if (options.json) array.finish();
+    same.expect();
     file.finish();
     return code;
 }
@@ -68,7 +70,10 @@ void add_contacts_export(Command contacts) {
         "Examples:\n"
         "  zr contacts export --output backup.vcf\n"
         "  zr contacts export --vcard-version 2.1 > for-the-car.vcf");
-    command.runs([options] { return export_contacts(*options); });
+    command.runs([options] {
+        const SameStore same("contacts");
+        return same.during([&] { return export_contacts(*options, same); });
+    });
 }
 
 }  // namespace zr

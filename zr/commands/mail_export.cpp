@@ -19,6 +19,7 @@
 #include "zr/mail/maildir.h"
 #include "zr/mail/mbox.h"
 #include "zr/stores/mail_content.h"
+#include "zr/stores/same_store.h"
 
 namespace zr {
 namespace {
@@ -170,7 +171,7 @@ std::unique_ptr<MailSink> sink_for(const MailExportOptions& options) {
     return std::make_unique<FileSink>(options.target);
 }
 
-Exit export_mail(const MailExportOptions& options) {
+Exit export_mail(const MailExportOptions& options, const SameStore& same) {
     MailSession mail;
     std::vector<MailFolder> folders = mail.folders();
     if (!options.folder.empty()) {
@@ -199,8 +200,9 @@ Exit export_mail(const MailExportOptions& options) {
             return true;
         });
     }
-    sink->finish();
     progress.clear();
+    same.expect();
+    sink->finish();
     if (options.json && options.target != "-") {
         print_json_line({{"exported", count}});
     } else if (!options.quiet && options.target != "-") {
@@ -230,7 +232,10 @@ void add_mail_export(Command mail) {
         "Examples:\n"
         "  zr mail export ~/mail-backup --format maildir\n"
         "  zr mail export inbox.mbox --folder Inbox");
-    command.runs([options] { return export_mail(*options); });
+    command.runs([options] {
+        const SameStore same("mail");
+        return same.during([&] { return export_mail(*options, same); });
+    });
 }
 
 }  // namespace zr

@@ -9,6 +9,7 @@
 #include "zr/commands/reg_command.h"
 #include "zr/regfile/writer.h"
 #include "zr/stores/registry.h"
+#include "zr/stores/same_store.h"
 
 namespace zr {
 namespace {
@@ -92,7 +93,7 @@ Failure damaged() {
     return {Exit::DamagedStore, "the registry is damaged; nothing was exported"};
 }
 
-Exit export_keys(const RegExportOptions& options) {
+Exit export_keys(const RegExportOptions& options, const SameStore& same) {
     std::vector<RegPath> tops;
     for (const std::string& each : options.keys) {
         tops.push_back(reg_path_of(each));
@@ -108,6 +109,9 @@ Exit export_keys(const RegExportOptions& options) {
         OutputFile file(options.output);
         RegistryExport all(options, file);
         const bool settled = write_all(tops, all);
+        // A damaged registry begins anew, empty, in the middle of whatever is read.
+        if (was_set_aside()) throw damaged();
+        same.expect();
         if (!settled && file.can_start_over() && tries < kMostTries) continue;
         for (const std::string& each : all.left_out()) {
             complain("left out: " + each);
@@ -115,8 +119,6 @@ Exit export_keys(const RegExportOptions& options) {
         if (!settled)
             complain(
                 "warning: the registry was changed meanwhile; what others changed may be missing or of another moment");
-        // A damaged registry begins anew, empty, in the middle of whatever is read.
-        if (was_set_aside()) throw damaged();
         file.finish();
         return all.left_out().empty() ? Exit::Ok : Exit::DamagedCards;
     }
@@ -148,7 +150,8 @@ void add_reg_export(Command reg) {
         "  zr reg export 'HKCU\\Software\\Example' --format 4 > for-the-device.reg");
     runs_with_registry(command, [options] {
         try {
-            return export_keys(*options);
+            const SameStore same("registry");
+            return same.during([&] { return export_keys(*options, same); });
         } catch (const Failure&) {
             // A key that is not there any more, say.
             if (was_set_aside()) throw damaged();

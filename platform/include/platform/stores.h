@@ -34,6 +34,11 @@ ZRPLATFORM_API LONG ZrStoreRecover(LPCSTR from, LPCSTR to, ULONGLONG* items);
 // ERROR_REVISION_MISMATCH when `from` cannot be it.
 ZRPLATFORM_API LONG ZrStoreRestore(LPCSTR from);
 
+// A number that the file has which has the store's name, and no other that had the name and is still there: who reads
+// for long finds the same one afterwards, or his store was set aside or replaced meanwhile. ERROR_FILE_NOT_FOUND when
+// nothing was kept so far.
+ZRPLATFORM_API LONG ZrStoreIdentity(LPCSTR store, ULONGLONG* identity);
+
 // What the calling thread's last call had to say; empty when that is nothing. Valid until its next one.
 ZRPLATFORM_API LPCSTR ZrStoreLastErrorText();
 

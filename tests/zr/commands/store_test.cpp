@@ -131,6 +131,57 @@ TEST_F(StoreTool, AnExportOfADamagedStoreWritesNoFile) {
     }
 }
 
+// An export that waits for its reader, while another program finds the store damaged: what is left of it seems gone.
+TEST_F(StoreTool, AnExportOfAStoreThatIsSetAsideMeanwhileIsNoGoodExport) {
+    std::string cards;
+    std::string events = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n";
+    std::string mailbox;
+    std::string registry = "Windows Registry Editor Version 5.00\r\n";
+    constexpr int kItems = 400;
+    for (int i = 0; i < kItems; ++i) {
+        const std::string number = std::to_string(i);
+        const std::string text(1500, static_cast<char>('a' + i % 26));
+        cards += "BEGIN:VCARD\r\nVERSION:3.0\r\nN:" + number + ";;;;\r\nNOTE:" + text + "\r\nEND:VCARD\r\n";
+        events += "BEGIN:VEVENT\r\nUID:" + number +
+                  "\r\nDTSTART:20261122T100000Z\r\nDTEND:20261122T110000Z\r\nSUMMARY:" + number +
+                  "\r\nDESCRIPTION:" + text + "\r\nEND:VEVENT\r\n";
+        mailbox += "From a@x.org Thu Jan  1 00:00:00 1970\nFrom: a@x.org\nSubject: " + number + "\n\n" + text + "\n\n";
+        registry += "[HKEY_CURRENT_USER\\Some\\" + number + "]\r\n\"text\"=\"" + text + "\"\r\n";
+    }
+    events += "END:VCALENDAR\r\n";
+    write_file(path("in.vcf"), cards);
+    write_file(path("in.ics"), events);
+    write_file(path("in.mbox"), mailbox);
+    write_file(path("in.reg"), registry);
+    struct Case {
+        std::string file;
+        std::string store;
+        std::vector<std::string> import;
+        std::vector<std::string> outward;
+    };
+    const Case cases[] = {
+        {"pim.db", "contacts", {"contacts", "import", path("in.vcf")}, {"contacts", "export"}},
+        {"pim.db", "contacts", {"calendar", "import", path("in.ics")}, {"calendar", "export"}},
+        {"mail.db", "mail", {"mail", "import", path("in.mbox")}, {"mail", "export", "-"}},
+        {"registry.db", "registry", {"reg", "import", path("in.reg")}, {"reg", "export", "HKCU\\Some"}},
+    };
+    for (const Case& each : cases) {
+        std::filesystem::remove_all(path("home"));
+        const auto imported = zr(each.import);
+        ASSERT_EQ(imported.code, 0) << imported.err;
+        zr::test::RunningZr running(each.outward);
+        ASSERT_FALSE(running.read_line().empty());  // and what is left is more than the pipe takes
+        std::string bytes = read_file(path("home") + "/" + each.file);
+        for (std::size_t at = 8192; at < bytes.size(); at += 4096) {
+            bytes[at + 300] = static_cast<char>(bytes[at + 300] ^ 1);
+        }
+        write_file(path("home") + "/" + each.file, bytes);
+        EXPECT_EQ(zr({"store", "check", each.store}).code, 10) << each.outward[0];
+        running.read_rest();
+        EXPECT_EQ(running.wait(), 10) << each.outward[0];
+    }
+}
+
 TEST_F(StoreTool, ALimitOfFileSizesIsAFullDisk) {
     for (int i = 0; i < 8; ++i) {
         add("Person " + std::to_string(i));

@@ -149,6 +149,15 @@ std::string RunningZr::read_line() {
     }
 }
 
+std::string RunningZr::read_rest() {
+    std::string rest;
+    char buffer[4096];
+    for (ssize_t n; (n = read(out_, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR);) {
+        if (n > 0) rest.append(buffer, static_cast<std::size_t>(n));
+    }
+    return rest;
+}
+
 void RunningZr::kill(int signal) {
     if (pid_ > 0) ::kill(pid_, signal);
 }

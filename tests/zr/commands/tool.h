@@ -38,6 +38,7 @@ public:
 
     void write(const std::string& text);  // blocks while the pipe is full
     std::string read_line();              // blocks; empty at the end
+    std::string read_rest();              // blocks until the end
     void kill(int signal);
     int wait();
 
