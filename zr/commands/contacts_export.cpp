@@ -65,7 +65,7 @@ void add_contacts_export(Command contacts) {
         .shows_default();
     command.add_flag("--json", options->json, "Write JSON instead of vCards");
     command.footer(
-        "Properties of imported cards that a contact has no place for are written again.\n"
+        "What imported cards say that a contact has no place for is written again.\n"
         "\n"
         "Examples:\n"
         "  zr contacts export --output backup.vcf\n"

@@ -7,6 +7,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/text.h"
+#include "zr/vcard/said.h"
 
 namespace zr {
 namespace {
@@ -106,6 +107,15 @@ void put_days(IContact* contact, const Card& card) {
     if (card.anniversary) check(contact->put_Anniversary(to_date(card.anniversary)), kWritingContact);
 }
 
+// What is kept of a card has addresses too, which the fields had no place for.
+void forget_addresses(IContact* contact) {
+    for (const CEPROPID id : {ZR_PROPID_CARD_EXTRAS, ZR_PROPID_CARD_LINES}) {
+        const std::string kept = text_property(contact, id);
+        const std::string others = without_property(kept, Property::Email);
+        if (others != kept) put_text_property(contact, id, others);
+    }
+}
+
 }  // namespace
 
 Store::Store() : items_(session_.items(olFolderContacts)) {}
@@ -144,6 +154,7 @@ LONG Store::save_new(const Card& card) {
     }
     put_days(contact.get(), card);
     if (!card.extras.empty()) put_text_property(contact.get(), ZR_PROPID_CARD_EXTRAS, card.extras);
+    if (!card.lines.empty()) put_text_property(contact.get(), ZR_PROPID_CARD_LINES, card.lines);
     check(contact->Save(), "saving a contact");
     return oid_of(contact.get());
 }
@@ -162,6 +173,7 @@ void Store::change(IContact* contact, const Card& card, const std::vector<Field>
         if (given) put_text(contact, accessors, card[accessors.field]);
     }
     put_days(contact, card);
+    if (std::find(fields.begin(), fields.end(), Field::Email1) != fields.end()) forget_addresses(contact);
     check(contact->Save(), "saving a contact");
 }
 
@@ -179,7 +191,9 @@ Card read_contact(IContact* contact, bool with_extras) {
     card.birthday = to_day(date);
     check(contact->get_Anniversary(&date), "reading a contact");
     card.anniversary = to_day(date);
-    if (with_extras) card.extras = text_property(contact, ZR_PROPID_CARD_EXTRAS);
+    if (!with_extras) return card;
+    card.extras = text_property(contact, ZR_PROPID_CARD_EXTRAS);
+    card.lines = text_property(contact, ZR_PROPID_CARD_LINES);
     return card;
 }
 

@@ -27,7 +27,8 @@ public:
     std::vector<Refused> add(const std::vector<Card>& cards);
     // Saves one new contact and returns its identifier.
     LONG add(const Card& card);
-    // Stores these fields of `card`, empty ones too, in an existing contact, and its days where it has any.
+    // Stores these fields of `card`, empty ones too, in an existing contact, and its days where it has any. Addresses
+    // are replaced together with those that are kept beside the fields.
     void change(IContact* contact, const Card& card, const std::vector<Field>& fields);
     void remove(IContact* contact);
 
@@ -38,7 +39,7 @@ private:
     ComPtr<IPOutlookItemCollection> items_;
 };
 
-// All of a contact. Its extras are read only when asked for.
+// All of a contact. What is kept beside its fields is read only when asked for.
 Card read_contact(IContact* contact, bool with_extras);
 LONG oid_of(IContact* contact);
 

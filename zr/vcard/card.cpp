@@ -85,6 +85,12 @@ std::string display_name(const Card& card) {
     return card[Field::Company].empty() ? card[Field::Email1] : card[Field::Company];
 }
 
+std::string filed_name(const Card& card) {
+    if (!card[Field::FileAs].empty()) return card[Field::FileAs];
+    if (std::string name = sorted_name(card); !name.empty()) return name;
+    return card[Field::Company].empty() ? card[Field::Email1] : card[Field::Company];
+}
+
 std::string_view field_key(Field field) {
     return kNames[static_cast<std::size_t>(field)].key;
 }

@@ -10,6 +10,8 @@
 
 namespace zr {
 
+enum class CardVersion { V21, V30, V40 };
+
 enum class Field : std::size_t {
     FileAs,
     Title,
@@ -78,10 +80,17 @@ struct Card {
     // Properties of the card that a contact has no place for, as unfolded vCard 3.0 lines each ended by LF, in the
     // card's order. An export writes them back as they are.
     std::string extras;
+    // The properties that the fields were read from, as such lines, where a field does not tell all that its line says:
+    // kinds, preferences, parts that fields join. See vcard/said.h.
+    std::string lines;
 
     std::string& operator[](Field field) { return text[static_cast<std::size_t>(field)]; }
     const std::string& operator[](Field field) const { return text[static_cast<std::size_t>(field)]; }
-    bool operator==(const Card&) const = default;
+    // Whether both are the same contact, however their cards put it.
+    bool operator==(const Card& other) const {
+        return text == other.text && birthday == other.birthday && anniversary == other.anniversary &&
+               extras == other.extras;
+    }
 
     void clear() {
         for (std::string& value : text) {
@@ -89,6 +98,7 @@ struct Card {
         }
         birthday = anniversary = {};
         extras.clear();
+        lines.clear();
     }
 };
 
@@ -99,6 +109,9 @@ std::string composed_name(const Card& card);
 
 // "Last, First Middle", which the contact store files a person as who was given no other name to file by.
 std::string sorted_name(const Card& card);
+
+// The name that the contact store files a card by, which finds one where the card gives none.
+std::string filed_name(const Card& card);
 
 // The name of a field in JSON output, such as "firstName".
 std::string_view field_key(Field field);

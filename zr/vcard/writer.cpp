@@ -1,30 +1,42 @@
 #include "zr/vcard/writer.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "zr/base/content_line.h"
 #include "zr/base/text.h"
-#include "zr/vcard/header.h"
+#include "zr/vcard/said.h"
+#include "zr/vcard/splitter.h"
+#include "zr/vcard/syntax.h"
 
 namespace zr {
 namespace {
 
 constexpr std::size_t kLineBytes = 75;
 
-// A kept line, which is one of version 3.0, as 2.1 has it.
-std::string in_version_21(std::string_view text, const CardHeader& header) {
-    std::string out(text.substr(0, header.name_end));
-    for (const std::string_view parameter : card_parameters(text, header)) {
-        (out += ';') += equal_ignoring_case(parameter, "ENCODING=b") ? "ENCODING=BASE64" : parameter;
+// Which fields of a contact are written.
+class Written {
+public:
+    void add(const TakenProperty& property) {
+        for (std::size_t i = property.first; i < property.first + property.count; ++i) {
+            fields_[i] = true;
+        }
+        birthday = birthday || property.day == &Card::birthday;
+        anniversary = anniversary || property.day == &Card::anniversary;
     }
-    const bool ascii =
-        std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    if (!ascii) out += ";CHARSET=UTF-8";
-    return out += text.substr(header.value - 1);
-}
+    bool has(Field field) const { return fields_[static_cast<std::size_t>(field)]; }
+
+    bool name = false;  // the formatted one
+    bool birthday = false;
+    bool anniversary = false;
+
+private:
+    std::array<bool, static_cast<std::size_t>(Field::Count)> fields_ = {};
+};
 
 class Writer {
 public:
@@ -35,10 +47,12 @@ public:
     void property(std::string_view name, const std::vector<std::string_view>& values);
     void types(std::string& name, std::initializer_list<std::string_view> types) const;
     void day(std::string_view name, Day day);
-    bool extras(std::string_view lines);
+    // A line of version 3.0; false when it is no property.
+    bool kept(std::string_view text);
     CardVersion version() const { return version_; }
 
 private:
+    bool agent(std::string_view text, const PropertySyntax& property);
     void quoted_printable(std::string_view name, const std::vector<std::string_view>& values);
 
     CardVersion version_;
@@ -117,26 +131,50 @@ void Writer::day(std::string_view name, Day day) {
     property(name, text);
 }
 
-bool Writer::extras(std::string_view lines) {
-    bool whole = true;
-    while (!lines.empty()) {
-        const std::size_t end = std::min(lines.find('\n'), lines.size());
-        const std::string_view text = lines.substr(0, end);
-        lines.remove_prefix(std::min(end + 1, lines.size()));
-        CardHeader header;
-        if (!read_card_header(text, header)) {
-            whole = whole && text.empty();
-            continue;
-        }
-        if (version_ != CardVersion::V21) {
-            line(text);
-            continue;
-        }
-        line(in_version_21(text, header));
-        // A 2.1 reader looks for the blank line behind base64.
-        if (header.base64) out_ += "\r\n";
+// Version 2.1 has escapes for semicolons only, and no characters outside of ASCII. A list's commas are its own there.
+bool Writer::kept(std::string_view text) {
+    PropertySyntax property;
+    if (!in_version(text, version_, property)) return false;
+    if (version_ != CardVersion::V21) {
+        line(property.header + ":" + property.value);
+        return true;
     }
-    return whole;
+    if (agent(text, property)) return true;
+    const bool escapes = property.value.find('\\') != std::string::npos;
+    const bool list = !escapes && property.value.find(',') != std::string::npos;
+    if (escapes || (!is_ascii(property.value) && !list)) {
+        const std::vector<std::string> parts = value_parts(property.value);
+        quoted_printable(property.header, {parts.begin(), parts.end()});
+        return true;
+    }
+    if (!is_ascii(property.header + property.value)) property.header += ";CHARSET=UTF-8";
+    line(property.header + ":" + property.value);
+    // A reader looks for the blank line behind base64.
+    if (property.base64) out_ += "\r\n";
+    return true;
+}
+
+// The card of another person stands in version 2.1 as it is.
+bool Writer::agent(std::string_view text, const PropertySyntax& property) {
+    const std::string name = upper(property.header);
+    if (name != "AGENT" && !name.ends_with(".AGENT")) return false;
+    const std::string nested = unescaped_text(property.value);
+    std::vector<std::string_view> lines;
+    for (std::string_view rest = nested; !rest.empty();) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        lines.push_back(rest.substr(0, end));
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    const auto count = [&](bool (*is)(std::string_view)) { return std::count_if(lines.begin(), lines.end(), is); };
+    if (lines.size() < 2 || !is_card_begin(lines.front()) || !is_card_end(lines.back()) || count(is_card_begin) != 1 ||
+        count(is_card_end) != 1 || !is_ascii(text)) {
+        return false;
+    }
+    line(property.header + ":");
+    for (const std::string_view each : lines) {
+        line(each);
+    }
+    return true;
 }
 
 struct TypedField {
@@ -144,25 +182,31 @@ struct TypedField {
     std::initializer_list<std::string_view> types;
 };
 
-void write_names(const Card& card, Writer& writer) {
-    writer.property("N", {card[Field::LastName], card[Field::FirstName], card[Field::MiddleName], card[Field::Title],
-                          card[Field::Suffix]});
+// Every card of version 3.0 has an N, and every one but those of 2.1 an FN; readers accept a blank one.
+void write_names(const Card& card, const SaidLines& said, Writer& writer, const Written& written) {
+    const std::string composed = composed_name(card);
+    if (!written.has(Field::LastName) && (!composed.empty() || writer.version() != CardVersion::V40)) {
+        writer.property("N", {card[Field::LastName], card[Field::FirstName], card[Field::MiddleName],
+                              card[Field::Title], card[Field::Suffix]});
+    }
+    if (written.name || (writer.version() == CardVersion::V21 && said.has_own_name())) return;
     const std::string& file_as = card[Field::FileAs];
-    const bool sorted = file_as == sorted_name(card) && !composed_name(card).empty();
-    const std::string name = sorted ? composed_name(card) : display_name(card);
-    // Every card has an FN; one without anything to call it by gets a blank one, which readers accept.
+    const bool sorted = file_as == sorted_name(card) && !composed.empty();
+    const bool filed = written.has(Field::FileAs) && !composed.empty();
+    const std::string name = sorted || filed ? composed : display_name(card);
     if (name.empty()) {
         writer.line("FN:");
     } else {
         writer.property("FN", name);
     }
-    if (sorted && file_as != name) writer.property("X-EVOLUTION-FILE-AS", file_as);
-    if (!card[Field::Company].empty() || !card[Field::Department].empty()) {
-        std::vector<std::string_view> units = {card[Field::Company]};
-        if (!card[Field::Department].empty()) units.push_back(card[Field::Department]);
-        writer.property("ORG", units);
-    }
-    writer.property("TITLE", card[Field::JobTitle]);
+    if (sorted && !filed && file_as != name) writer.property("X-EVOLUTION-FILE-AS", file_as);
+}
+
+void write_organization(const Card& card, Writer& writer) {
+    if (card[Field::Company].empty() && card[Field::Department].empty()) return;
+    std::vector<std::string_view> units = {card[Field::Company]};
+    if (!card[Field::Department].empty()) units.push_back(card[Field::Department]);
+    writer.property("ORG", units);
 }
 
 void write_categories(const Card& card, Writer& writer) {
@@ -176,14 +220,16 @@ void write_categories(const Card& card, Writer& writer) {
     if (!text.empty()) writer.line(text);
 }
 
-void write_emails(const Card& card, Writer& writer) {
+// Those that the card names say themselves how much they are preferred.
+void write_emails(const Card& card, Writer& writer, const Written& written) {
+    const bool ranked = !written.has(Field::Email1) && !written.has(Field::Email2) && !written.has(Field::Email3);
     int preference = 1;
     for (const Field field : {Field::Email1, Field::Email2, Field::Email3}) {
-        if (card[field].empty()) continue;
+        if (card[field].empty() || written.has(field)) continue;
         std::string name = "EMAIL";
         if (writer.version() == CardVersion::V40) {
-            name += ";PREF=" + std::to_string(preference);
-        } else if (preference == 1) {
+            if (ranked) name += ";PREF=" + std::to_string(preference);
+        } else if (ranked && preference == 1) {
             writer.types(name, {"INTERNET", "PREF"});
         } else {
             writer.types(name, {"INTERNET"});
@@ -193,7 +239,7 @@ void write_emails(const Card& card, Writer& writer) {
     }
 }
 
-void write_phones(const Card& card, Writer& writer) {
+void write_phones(const Card& card, Writer& writer, const Written& written) {
     static const TypedField phones[] = {
         {Field::BusinessPhone, {"WORK", "VOICE"}},
         {Field::Business2Phone, {"WORK", "VOICE"}},
@@ -208,39 +254,74 @@ void write_phones(const Card& card, Writer& writer) {
         {Field::AssistantPhone, {"X-EVOLUTION-ASSISTANT"}},
     };
     for (const TypedField& phone : phones) {
+        if (written.has(phone.field)) continue;
         std::string name = "TEL";
         writer.types(name, phone.types);
         writer.property(name, card[phone.field]);
     }
 }
 
-void write_addresses(const Card& card, Writer& writer) {
+void write_address(const std::string& name, const std::string* part, Writer& writer) {
+    if (std::all_of(part, part + 5, [](const std::string& text) { return text.empty(); })) return;
+    writer.property(name, {"", "", part[0], part[1], part[2], part[3], part[4]});
+}
+
+void write_addresses(const Card& card, Writer& writer, const Written& written) {
     static const TypedField addresses[] = {
         {Field::BusinessStreet, {"WORK"}}, {Field::HomeStreet, {"HOME"}}, {Field::OtherStreet, {}}};
     for (const TypedField& address : addresses) {
-        const std::string* part = &card[address.field];
-        if (std::all_of(part, part + 5, [](const std::string& text) { return text.empty(); })) continue;
+        if (written.has(address.field)) continue;
         std::string name = "ADR";
         writer.types(name, address.types);
-        writer.property(name, {"", "", part[0], part[1], part[2], part[3], part[4]});
+        write_address(name, &card[address.field], writer);
     }
 }
 
-}  // namespace
+// A number or address that is another one now stays of the kinds that its line said. False for other properties.
+bool write_changed(const TakenProperty& said, const Card& card, Writer& writer) {
+    PropertySyntax property;
+    if (!in_version(said.line, writer.version(), property)) return false;
+    constexpr std::string_view uri = ";VALUE=uri";
+    if (const std::size_t at = upper(property.header).find(upper(uri)); at != std::string::npos) {
+        property.header.erase(at, uri.size());
+    }
+    switch (said.property) {
+        case Property::Phone:
+        case Property::Email:
+            writer.property(property.header, card.text[said.first]);
+            return true;
+        case Property::Address:
+            write_address(property.header, &card.text[said.first], writer);
+            return true;
+        default:
+            return false;
+    }
+}
 
-bool write_card(const Card& card, CardVersion version, std::string& out) {
-    Writer writer(version, out);
-    writer.line("BEGIN:VCARD");
-    writer.line(version == CardVersion::V21   ? "VERSION:2.1"
-                : version == CardVersion::V30 ? "VERSION:3.0"
-                                              : "VERSION:4.0");
-    write_names(card, writer);
-    write_emails(card, writer);
-    write_phones(card, writer);
-    write_addresses(card, writer);
-    writer.day("BDAY", card.birthday);
-    writer.day(version == CardVersion::V40 ? "ANNIVERSARY" : "X-EVOLUTION-ANNIVERSARY", card.anniversary);
+void write_said(const Card& card, const SaidLines& said, Writer& writer, Written& written) {
+    for (const TakenProperty& property : said.all()) {
+        if (!property.kept.empty()) continue;
+        if (said.stands(property)) {
+            writer.kept(property.line);
+            written.name = written.name || property.property == Property::FormattedName;
+        } else if (!property.fills || !write_changed(property, card, writer)) {
+            continue;
+        }
+        if (property.fills) written.add(property);
+    }
+}
+
+void write_fields(const Card& card, Writer& writer, const Written& written) {
+    if (!written.has(Field::Company)) write_organization(card, writer);
+    write_emails(card, writer, written);
+    write_phones(card, writer, written);
+    write_addresses(card, writer, written);
+    if (!written.birthday) writer.day("BDAY", card.birthday);
+    if (!written.anniversary) {
+        writer.day(writer.version() == CardVersion::V40 ? "ANNIVERSARY" : "X-EVOLUTION-ANNIVERSARY", card.anniversary);
+    }
     static constexpr std::pair<std::string_view, Field> others[] = {
+        {"TITLE", Field::JobTitle},
         {"URL", Field::WebPage},
         {"NOTE", Field::Note},
         {"X-EVOLUTION-SPOUSE", Field::Spouse},
@@ -252,10 +333,46 @@ bool write_card(const Card& card, CardVersion version, std::string& out) {
         {"X-PHONETIC-ORG", Field::YomiCompany},
     };
     for (const auto& [name, field] : others) {
-        writer.property(name, card[field]);
+        if (!written.has(field)) writer.property(name, card[field]);
     }
-    write_categories(card, writer);
-    const bool whole = writer.extras(card.extras);
+    if (!written.has(Field::Categories)) write_categories(card, writer);
+}
+
+// What no field holds, each as the card said it where that is known. False when a line is no property.
+bool write_extras(std::string_view lines, const SaidLines& said, Writer& writer) {
+    std::unordered_multimap<std::string_view, std::string_view> wholes;
+    for (const TakenProperty& property : said.all()) {
+        const std::string_view kept = property.kept;
+        if (!kept.empty()) wholes.emplace(kept.substr(0, kept.size() - 1), property.line);
+    }
+    bool all = true;
+    while (!lines.empty()) {
+        const std::size_t end = std::min(lines.find('\n'), lines.size());
+        std::string_view text = lines.substr(0, end);
+        lines.remove_prefix(std::min(end + 1, lines.size()));
+        if (const auto whole = wholes.find(text); whole != wholes.end()) {
+            text = whole->second;
+            wholes.erase(whole);
+        }
+        if (!writer.kept(text)) all = all && text.empty();
+    }
+    return all;
+}
+
+}  // namespace
+
+bool write_card(const Card& card, CardVersion version, std::string& out) {
+    Writer writer(version, out);
+    const SaidLines said(card);
+    Written written;
+    writer.line("BEGIN:VCARD");
+    writer.line(version == CardVersion::V21   ? "VERSION:2.1"
+                : version == CardVersion::V30 ? "VERSION:3.0"
+                                              : "VERSION:4.0");
+    write_said(card, said, writer, written);
+    write_names(card, said, writer, written);
+    write_fields(card, writer, written);
+    const bool whole = write_extras(card.extras, said, writer);
     writer.line("END:VCARD");
     return whole;
 }

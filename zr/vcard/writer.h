@@ -8,9 +8,8 @@
 
 namespace zr {
 
-enum class CardVersion { V21, V30, V40 };
-
-// Appends the card to `out`. False when it has kept lines that no reader would take for properties; they are left out.
+// Appends the card to `out`, in the syntax of the version and in the words of the card that it came from, where its
+// fields still say the same. False when it has kept lines that no reader would take for properties; they are left out.
 bool write_card(const Card& card, CardVersion version, std::string& out);
 
 }  // namespace zr

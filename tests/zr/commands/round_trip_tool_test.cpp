@@ -62,15 +62,31 @@ private:
 
 TEST_F(RoundTrip, OfContactsInEveryVersion) {
     import_samples("contacts", "vcard", ".vcf");
-    const std::string all = exported({"contacts", "export"});
-    EXPECT_GT(std::count(all.begin(), all.end(), '\n'), 100);
+    // Each version has its way to write a day, and several kinds; in which order the lines of a card stand says
+    // nothing.
+    const auto cards = [] {
+        std::string text = exported({"contacts", "export"});
+        text = std::regex_replace(text, std::regex("\r\n "), "");
+        text = std::regex_replace(text, std::regex("(BDAY.*:....)-(..)-"), "$1$2");
+        text = std::regex_replace(text, std::regex(";TYPE=", std::regex::icase), ",");
+        std::vector<std::string> lines = zr::test::lines_of(text);
+        for (auto begin = lines.begin(); begin != lines.end();) {
+            const auto end = std::find(begin, lines.end(), "END:VCARD\r");
+            if (end == lines.end()) break;
+            std::sort(begin, end);
+            begin = end + 1;
+        }
+        return lines;
+    };
+    const std::vector<std::string> all = cards();
+    EXPECT_GT(all.size(), 100u);
     for (const char* version : {"2.1", "3.0", "4.0"}) {
         use_store("samples");
         write_file(file("cards"), exported({"contacts", "export", "--vcard-version", version}));
         use_store(std::string("again-") + version);
         const Result import = zr({"contacts", "import", file("cards")});
         EXPECT_EQ(import.code, 0) << import.err;
-        EXPECT_EQ(exported({"contacts", "export"}), all) << version;
+        EXPECT_EQ(cards(), all) << version;
     }
 }
 

@@ -1,0 +1,95 @@
+#include "zr/vcard/said.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "zr/base/content_line.h"
+#include "zr/base/text.h"
+#include "zr/vcard/header.h"
+
+namespace zr {
+namespace {
+
+template <class Visit>
+void each_line(std::string_view lines, Visit visit) {
+    while (!lines.empty()) {
+        const std::size_t end = std::min(lines.find('\n'), lines.size());
+        if (end > 0) visit(lines.substr(0, end));
+        lines.remove_prefix(std::min(end + 1, lines.size()));
+    }
+}
+
+// A note may be long, and most are written as they were read.
+bool is_plain_note(const TakenProperty& property, const Card& card) {
+    constexpr std::string_view name = "NOTE:";
+    if (!property.fills || !property.line.starts_with(name)) return false;
+    std::string written;
+    append_escaped_text(written, card[Field::Note]);
+    return property.line.substr(name.size()) == written;
+}
+
+bool is_data(std::string_view line) {
+    CardHeader header;
+    return line.find("ENCODING=") != std::string_view::npos && read_card_header(line, header) && header.base64;
+}
+
+}  // namespace
+
+std::string lines_to_keep(const std::vector<TakenProperty>& taken, const Card& card) {
+    std::string lines;
+    for (const TakenProperty& property : taken) {
+        const bool in_extras =
+            property.kept.size() == property.line.size() + 1 && property.kept.starts_with(property.line);
+        if (in_extras || is_plain_note(property, card) || is_data(property.line)) continue;
+        lines += property.line;
+        lines += '\n';
+    }
+    return lines;
+}
+
+SaidLines::SaidLines(const Card& card) : card_(card), builder_(read_) {
+    each_line(card.lines, [&](std::string_view text) {
+        CardHeader header;
+        if (!read_card_header(text, header)) return;
+        attributes_.add({std::string(text), header.name, header.name_end, header.value, 0});
+    });
+    attributes_.split();
+    for (const Attribute& attribute : attributes_.all()) {
+        builder_.add(attribute);
+    }
+    builder_.finish();
+}
+
+bool SaidLines::same_fields(std::size_t first, std::size_t count) const {
+    for (std::size_t i = first; i < first + count; ++i) {
+        const bool name = i == static_cast<std::size_t>(Field::FileAs);
+        if (name ? filed_name(read_) != filed_name(card_) : read_.text[i] != card_.text[i]) return false;
+    }
+    return true;
+}
+
+bool SaidLines::stands(const TakenProperty& said) const {
+    if (said.day != nullptr && read_.*said.day != card_.*said.day) return false;
+    if (said.with_name && !same_fields(static_cast<std::size_t>(Field::Title), 5)) return false;
+    return same_fields(said.first, said.count);
+}
+
+bool SaidLines::has_own_name() const {
+    return !all().empty() && read_[Field::FileAs].empty() && same_fields(static_cast<std::size_t>(Field::FileAs), 1);
+}
+
+std::string without_property(std::string_view lines, Property property) {
+    std::string others;
+    each_line(lines, [&](std::string_view text) {
+        CardHeader header;
+        if (read_card_header(text, header) &&
+            property_of(text.substr(header.name, header.name_end - header.name)) == property) {
+            return;
+        }
+        others += text;
+        others += '\n';
+    });
+    return others;
+}
+
+}  // namespace zr
