@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "zr/base/identity.h"
 #include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/commands/command.h"
@@ -17,8 +18,10 @@ struct ContactsAddOptions {
 };
 
 Exit add(const ContactsAddOptions& options) {
-    const Card card = options.contact.card();
+    Card card = options.contact.card();
     if (card == Card{}) throw Failure{Exit::Usage, "add: give at least one field of the contact"};
+    card.uid = new_identifier();
+    card.extras = "UID:" + card.uid + "\n";
     Store store;
     const LONG oid = store.add(card);
     if (options.json) {

@@ -6,13 +6,13 @@
 #include "zr/base/output.h"
 #include "zr/commands/command.h"
 #include "zr/commands/contact_options.h"
-#include "zr/stores/contacts.h"
+#include "zr/stores/contact_index.h"
 
 namespace zr {
 namespace {
 
 struct ContactsChangeOptions {
-    LONG oid = 0;
+    std::string wanted;
     ContactOptions contact;
     bool json = false;
 };
@@ -21,15 +21,16 @@ Exit change(const ContactsChangeOptions& options) {
     const Card card = options.contact.card();
     if (options.contact.none_given()) throw Failure{Exit::Usage, "change: give at least one field to change"};
     Store store;
-    const ComPtr<IContact> contact = store.with_oid(options.oid);
+    const LONG oid = find_contact(store, options.wanted);
+    const ComPtr<IContact> contact = store.with_oid(oid);
     if (!contact) {
-        complain("no contact " + std::to_string(options.oid));
+        complain("no contact " + options.wanted);
         return Exit::None;
     }
     store.change(contact.get(), card, options.contact.fields());
     if (!options.json) return Exit::Ok;
-    const ComPtr<IContact> changed = store.with_oid(options.oid);
-    if (changed) print_json_line(contact_json(options.oid, read_contact(changed.get(), false)));
+    const ComPtr<IContact> changed = store.with_oid(oid);
+    if (changed) print_json_line(contact_json(oid, read_contact(changed.get(), false)));
     return Exit::Ok;
 }
 
@@ -38,7 +39,7 @@ Exit change(const ContactsChangeOptions& options) {
 void add_contacts_change(Command contacts) {
     const auto options = std::make_shared<ContactsChangeOptions>();
     Command command = contacts.add_command("change", "Change fields of a contact");
-    command.add_option("OID", options->oid, "Identifier, as list and find print it").required();
+    command.add_option("OID", options->wanted, "Number or lasting identifier, as list and find print it").required();
     options->contact.add_to(command);
     command.add_flag("--json", options->json, "Print the contact as JSON");
     command.footer(

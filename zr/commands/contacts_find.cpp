@@ -81,7 +81,8 @@ Exit find(const ContactsFindOptions& options) {
         const ComPtr<IContact> contact = store.with_oid(oid);
         if (!contact) continue;
         any = true;
-        const Card card = read_contact(contact.get(), false);
+        Card card = read_contact(contact.get(), false);
+        if (card.uid.empty()) card.uid = uid_of(contact.get());
         if (options.json) {
             array.add(contact_json(oid, card));
         } else {

@@ -38,7 +38,8 @@ Exit list(const ContactsListOptions& options) {
     for (int i = 1; i <= limit; ++i) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
-        const Card card = read_contact(contact.get(), false);
+        Card card = read_contact(contact.get(), false);
+        if (card.uid.empty()) card.uid = uid_of(contact.get());
         if (has_left(contact.get())) continue;
         if (options.json) {
             array.add(contact_json(oid_of(contact.get()), card));
@@ -64,7 +65,8 @@ void add_contacts_list(Command contacts) {
     command.add_option("-n,--limit", options->limit, "List no more than this many").positive();
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(
-        "A line is the identifier, the name, the addresses and the company, with tabs between.\n"
+        "A line is the number, the name, the addresses, the company and the identifier that lasts, with\n"
+        "tabs between. Numbers are handed out again when contacts are removed; identifiers are not.\n"
         "The exit code is 1 when there are no contacts.\n"
         "\n"
         "Examples:\n"

@@ -7,13 +7,13 @@
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
-#include "zr/stores/contacts.h"
+#include "zr/stores/contact_index.h"
 
 namespace zr {
 namespace {
 
 struct ContactsRemoveOptions {
-    std::vector<LONG> oids;
+    std::vector<std::string> contacts;
     std::string email;
     bool all = false;
     bool json = false;
@@ -40,11 +40,21 @@ std::vector<LONG> with_email(Store& store, const std::string& email) {
 }
 
 Exit remove(const ContactsRemoveOptions& options) {
-    if (options.oids.empty() == options.email.empty()) {
+    if (options.contacts.empty() == options.email.empty()) {
         throw Failure{Exit::Usage, "remove: give identifiers or --email"};
     }
     Store store;
-    std::vector<LONG> oids = options.oids;
+    Exit code = Exit::Ok;
+    std::vector<LONG> oids;
+    for (const std::string& wanted : options.contacts) {
+        const LONG oid = find_contact(store, wanted);
+        if (oid != 0) {
+            oids.push_back(oid);
+        } else {
+            complain("no contact " + wanted);
+            code = Exit::None;
+        }
+    }
     if (!options.email.empty()) {
         oids = with_email(store, options.email);
         if (oids.empty()) complain("no contact has the address " + options.email);
@@ -55,7 +65,6 @@ Exit remove(const ContactsRemoveOptions& options) {
             return Exit::Several;
         }
     }
-    Exit code = Exit::Ok;
     Json removed = Json::array();
     for (const LONG oid : oids) {
         const ComPtr<IContact> contact = store.with_oid(oid);
@@ -76,7 +85,7 @@ Exit remove(const ContactsRemoveOptions& options) {
 void add_contacts_remove(Command contacts) {
     const auto options = std::make_shared<ContactsRemoveOptions>();
     Command command = contacts.add_command("remove", "Remove contacts");
-    command.add_option("OID", options->oids, "Identifiers, as list and find print them");
+    command.add_option("OID", options->contacts, "Numbers or lasting identifiers, as list and find print them");
     command.add_option("--email", options->email, "Remove the contact with this address instead");
     command.add_flag("--all", options->all, "With --email: remove all contacts with the address");
     command.add_flag("--json", options->json, "Print the removed identifiers as JSON");

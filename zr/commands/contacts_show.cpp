@@ -6,18 +6,19 @@
 #include "zr/base/output.h"
 #include "zr/commands/command.h"
 #include "zr/commands/event_rows.h"
-#include "zr/stores/contacts.h"
+#include "zr/stores/contact_index.h"
 
 namespace zr {
 namespace {
 
 struct ContactsShowOptions {
-    std::vector<LONG> oids;
+    std::vector<std::string> contacts;
     bool json = false;
 };
 
 void print_contact(LONG oid, const Card& card) {
     print_row("Identifier", std::to_string(oid));
+    print_row("Lasting identifier", card.uid);
     for (std::size_t i = 0; i < card.text.size(); ++i) {
         if (!card.text[i].empty()) print_row(field_label(static_cast<Field>(i)), card.text[i]);
     }
@@ -31,14 +32,16 @@ Exit show(const ContactsShowOptions& options) {
     Exit code = Exit::Ok;
     JsonArray array;
     bool first = true;
-    for (const LONG oid : options.oids) {
+    for (const std::string& wanted : options.contacts) {
+        const LONG oid = find_contact(store, wanted);
         const ComPtr<IContact> contact = store.with_oid(oid);
         if (!contact) {
-            complain("no contact " + std::to_string(oid));
+            complain("no contact " + wanted);
             code = Exit::None;
             continue;
         }
-        const Card card = read_contact(contact.get(), true);
+        Card card = read_contact(contact.get(), true);
+        card.uid = uid_of(contact.get());
         if (options.json) {
             array.add(contact_json(oid, card));
         } else {
@@ -56,7 +59,8 @@ Exit show(const ContactsShowOptions& options) {
 void add_contacts_show(Command contacts) {
     const auto options = std::make_shared<ContactsShowOptions>();
     Command command = contacts.add_command("show", "Show all fields of contacts");
-    command.add_option("OID", options->oids, "Identifiers, as list and find print them").required();
+    command.add_option("OID", options->contacts, "Numbers or lasting identifiers, as list and find print them")
+        .required();
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(
         "The exit code is 1 when a contact does not exist.\n"

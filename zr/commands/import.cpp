@@ -1,6 +1,10 @@
 #include "zr/commands/import.h"
 
+#include <algorithm>
+#include <filesystem>
+
 #include "zr/base/output.h"
+#include "zr/base/text.h"
 
 namespace zr {
 
@@ -10,9 +14,20 @@ void ImportOptions::add_to(Command command, const char* what_files) {
     command.add_flag("-q,--quiet", quiet, "Print nothing but what went wrong");
 }
 
+void DuplicateOptions::add_to(Command command, const char* what_files) {
+    ImportOptions::add_to(command, what_files);
+    command
+        .add_option("--on-duplicate", on_duplicate,
+                    "What is there already: update it when the file is newer, skip it, or add it again")
+        .one_of({"update", "skip", "add"})
+        .shows_default();
+    command.add_flag("--dry-run", dry_run, "Change nothing, tell what would be");
+}
+
 Exit Import::run() {
     try {
         for (const std::string& path : options_.files) {
+            if (interrupted()) break;
             try {
                 read_path(path);
             } catch (const Failure& failure) {
@@ -31,19 +46,53 @@ Exit Import::run() {
     }
     progress_.clear();
     report();
+    if (interrupted()) {
+        flush_output();
+        complain("interrupted: " + std::to_string(imported_ + updated_ + known_) + " " + words_.all_made +
+                 " are in; the same command goes on from there");
+        end_interrupted();
+    }
     if (code_ == Exit::Ok && left_out_ + incomplete_ > 0) code_ = Exit::DamagedCards;
     return code_;
 }
 
 void Import::read_path(const std::string& path) {
+    std::error_code none;
+    if (!endings().empty() && std::filesystem::is_directory(path, none)) return read_folder(path);
     InputFile file(path);
     read(file);
+}
+
+void Import::read_folder(const std::string& path) {
+    const std::vector<std::string> wanted = endings();
+    std::vector<std::string> files;
+    std::error_code error;
+    for (std::filesystem::directory_iterator each(path, error), end; !error && each != end; each.increment(error)) {
+        const std::string ending = each->path().extension();
+        const auto equal = [&](const std::string& other) { return equal_ignoring_case(ending, other); };
+        std::error_code none;
+        const bool file = each->is_regular_file(none);
+        if (file && std::any_of(wanted.begin(), wanted.end(), equal)) files.push_back(each->path());
+    }
+    if (error) throw file_failure(path, error.value());
+    if (files.empty()) throw Failure{Exit::Unreadable, path + ": no file in this folder ends in " + wanted.front()};
+    std::sort(files.begin(), files.end());
+    for (const std::string& file : files) {
+        if (interrupted()) return;
+        try {
+            read_path(file);
+        } catch (const Failure& failure) {
+            if (failure.code != Exit::Unreadable) throw;
+            note_unreadable(failure);
+        }
+    }
 }
 
 void Import::note_unreadable(const Failure& failure) {
     progress_.clear();
     complain(failure.text);
     code_ = combine(code_, failure.code);
+    if (options_.json) problems_.add({{"reason", failure.text}, {"effect", "not read"}});
 }
 
 void Import::note(const std::string& file, const std::vector<Problem>& problems, bool left_out) {
@@ -86,14 +135,18 @@ void Import::show(const std::string& what, std::size_t done, std::size_t total, 
 void Import::report() {
     if (options_.json) {
         Json json{{"imported", imported_}};
+        if (words_.updates) json.set("updated", updated_);
         if (words_.knows) json.set("alreadyThere", known_);
+        if (options_.dry_run) json.set("dryRun", true);
         json.set_all({{"leftOut", left_out_}, {"incomplete", incomplete_}, {"problems", problems_}});
         print_json_line(json);
         return;
     }
     if (options_.quiet) return;
-    std::string text = "imported " + std::to_string(imported_) + " " + (imported_ == 1 ? words_.made : words_.all_made);
+    std::string text = (options_.dry_run ? "would import " : "imported ") + std::to_string(imported_) + " " +
+                       (imported_ == 1 ? words_.made : words_.all_made);
     if (incomplete_ > 0) text += ", " + std::to_string(incomplete_) + " of them not in full";
+    if (updated_ > 0) text += "; " + std::to_string(updated_) + (options_.dry_run ? " would be" : "") + " updated";
     if (known_ > 0) text += "; " + std::to_string(known_) + (known_ == 1 ? " was" : " were") + " there already";
     if (left_out_ > 0) {
         text += "; left out " + std::to_string(left_out_) + " " + (left_out_ == 1 ? words_.source : words_.sources);

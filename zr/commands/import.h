@@ -20,6 +20,7 @@ struct ImportOptions {
     std::vector<std::string> files;
     bool json = false;
     bool quiet = false;
+    bool dry_run = false;
 
     void add_to(Command command, const char* what_files);
 };
@@ -33,6 +34,14 @@ struct ImportWords {
     const char* sources;     // "cards"
     const char* incomplete;  // "line left out"
     bool knows = false;      // tells how many were there already
+    bool updates = false;    // and how many are other ones now
+};
+
+// For imports that know what is there.
+struct DuplicateOptions : ImportOptions {
+    std::string on_duplicate = "update";
+
+    void add_to(Command command, const char* what_files);
 };
 
 class Import {
@@ -51,7 +60,13 @@ protected:
     Import(const ImportOptions& options, const ImportWords& words)
         : options_(options), words_(words), progress_(!options.quiet && !options.json, words.all_made) {}
 
-    // Reads what the command line names: a file, unless an import knows more.
+    // Whether the user had enough. What was read before is stored, and the rest left.
+    virtual bool interrupted() const { return false; }
+    // Ends the program as the interruption asks for.
+    virtual void end_interrupted() {}
+    // How the names of files end that are read of a folder; none: folders are not read.
+    virtual std::vector<std::string> endings() const { return {}; }
+    // Reads what the command line names: a file, or the files of a folder, unless an import knows more.
     virtual void read_path(const std::string& path);
     virtual void read(InputFile& file) = 0;
     // Stores the batch at hand and returns how many were in it. Called once more behind the last file.
@@ -61,13 +76,15 @@ protected:
     void note(const std::string& file, const std::vector<Problem>& problems, bool left_out);
     // An item that was read and that the store did not take.
     void note_refused(const std::string& name, const std::string& why);
-    void note_known() { ++known_; }  // an item that was there already
+    void note_known() { ++known_; }      // an item that was there already
+    void note_updated() { ++updated_; }  // an item that was there, and is another one now
     // A file that cannot be read, which does not end the import.
     void note_unreadable(const Failure& failure);
     void show(const InputFile& file, std::size_t bytes_read, std::size_t waiting);
     void show(const std::string& what, std::size_t done, std::size_t total, std::size_t waiting);
 
 private:
+    void read_folder(const std::string& path);
     void report();
 
     const ImportOptions& options_;
@@ -76,6 +93,7 @@ private:
     Exit code_ = Exit::Ok;
     long imported_ = 0;
     long known_ = 0;
+    long updated_ = 0;
     long left_out_ = 0;    // sources
     long incomplete_ = 0;  // sources that came in without something
     Json problems_ = Json::array();

@@ -40,6 +40,7 @@ _zr() {
             fi
             return ;;
         --encoding) _zr_words "utf-16 utf-8 windows-1252" "$current"; return ;;
+        --on-duplicate) _zr_words "update skip add" "$current"; return ;;
         --vcard-version) _zr_words "2.1 3.0 4.0" "$current"; return ;;
         -o | --output) _zr_files "$current"; return ;;
     esac
@@ -51,7 +52,7 @@ _zr() {
             fi
             case $command in
                 import)
-                    if [[ $current == -* ]]; then _zr_words "--json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
+                    if [[ $current == -* ]]; then _zr_words "--on-duplicate --dry-run --json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
                 export) _zr_words "--output --vcard-version --json --help" "$current" ;;
                 list) _zr_words "--sort --reverse --limit --json --help" "$current" ;;
                 find) _zr_words "--field --exact --words --json --help" "$current" ;;

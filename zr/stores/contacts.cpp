@@ -107,6 +107,12 @@ void put_days(IContact* contact, const Card& card) {
     if (card.anniversary) check(contact->put_Anniversary(to_date(card.anniversary)), kWritingContact);
 }
 
+void put_kept(IContact* contact, const Card& card, const Card& before) {
+    if (card.extras != before.extras) put_text_property(contact, ZR_PROPID_CARD_EXTRAS, card.extras);
+    if (card.lines != before.lines) put_text_property(contact, ZR_PROPID_CARD_LINES, card.lines);
+    if (card.uid != before.uid) put_text_property(contact, ZR_PROPID_CARD_UID, card.uid);
+}
+
 // What is kept of a card has addresses too, which the fields had no place for.
 void forget_addresses(IContact* contact) {
     for (const CEPROPID id : {ZR_PROPID_CARD_EXTRAS, ZR_PROPID_CARD_LINES}) {
@@ -153,14 +159,35 @@ LONG Store::save_new(const Card& card) {
         if (!card[accessors.field].empty()) put_text(contact.get(), accessors, card[accessors.field]);
     }
     put_days(contact.get(), card);
-    if (!card.extras.empty()) put_text_property(contact.get(), ZR_PROPID_CARD_EXTRAS, card.extras);
-    if (!card.lines.empty()) put_text_property(contact.get(), ZR_PROPID_CARD_LINES, card.lines);
+    put_kept(contact.get(), card, {});
     check(contact->Save(), "saving a contact");
     return oid_of(contact.get());
 }
 
-std::vector<Refused> Store::add(const std::vector<Card>& cards) {
-    return session_.store_all("saving contacts", cards.size(), [&](std::size_t i) { save_new(cards[i]); });
+void Store::replace(IContact* contact, const Card& card) {
+    const Card before = read_contact(contact, true);
+    for (const Accessors& accessors : kAccessors) {
+        if (card[accessors.field] != before[accessors.field]) {
+            put_text(contact, accessors, card[accessors.field]);
+        }
+    }
+    const auto date = [](Day day) { return day ? to_date(day) : ZR_PIM_NO_DATE; };
+    check(contact->put_Birthday(date(card.birthday)), kWritingContact);
+    check(contact->put_Anniversary(date(card.anniversary)), kWritingContact);
+    put_kept(contact, card, before);
+    check(contact->Save(), "saving a contact");
+}
+
+std::vector<Refused> Store::save(std::vector<CardToSave>& cards) {
+    return session_.store_all("saving contacts", cards.size(), [&](std::size_t i) {
+        auto& [card, oid] = cards[i];
+        const ComPtr<IContact> contact = oid != 0 ? with_oid(oid) : ComPtr<IContact>();
+        if (contact) {
+            replace(contact.get(), card);
+        } else {
+            oid = save_new(card);
+        }
+    });
 }
 
 LONG Store::add(const Card& card) {
@@ -191,10 +218,20 @@ Card read_contact(IContact* contact, bool with_extras) {
     card.birthday = to_day(date);
     check(contact->get_Anniversary(&date), "reading a contact");
     card.anniversary = to_day(date);
+    card.uid = text_property(contact, ZR_PROPID_CARD_UID);
     if (!with_extras) return card;
     card.extras = text_property(contact, ZR_PROPID_CARD_EXTRAS);
     card.lines = text_property(contact, ZR_PROPID_CARD_LINES);
     return card;
+}
+
+std::string uid_of(IContact* contact) {
+    std::string uid = text_property(contact, ZR_PROPID_CARD_UID);
+    if (!uid.empty()) return uid;
+    // It was made by another program, or imported before identifiers were kept.
+    const Card card = read_contact(contact, true);
+    uid = kept_text(card.extras, "UID");
+    return uid.empty() ? made_identifier(card) : uid;
 }
 
 LONG oid_of(IContact* contact) {
@@ -212,6 +249,7 @@ std::string day_text(Day day) {
 Json contact_json(LONG oid, const Card& card) {
     Json json;
     json.set("oid", oid);
+    if (!card.uid.empty()) json.set("uid", card.uid);
     json.set("name", display_name(card));
     Json emails = Json::array();
     for (const Field field : {Field::Email1, Field::Email2, Field::Email3}) {
@@ -235,7 +273,7 @@ std::string contact_line(LONG oid, const Card& card) {
         emails += card[field];
     }
     return std::to_string(oid) + '\t' + printable(display_name(card)) + '\t' + printable(emails) + '\t' +
-           printable(card[Field::Company]) + '\n';
+           printable(card[Field::Company]) + '\t' + printable(card.uid) + '\n';
 }
 
 }  // namespace zr

@@ -12,6 +12,11 @@ namespace zr {
 
 class Json;
 
+struct CardToSave {
+    Card card;
+    LONG oid = 0;  // the contact that it replaces; 0: it is a new one
+};
+
 // The contacts, open as long as the object. For one thread.
 class Store {
 public:
@@ -23,8 +28,9 @@ public:
     ComPtr<IContact> at(int index);
     ComPtr<IContact> with_oid(LONG oid);  // empty when there is none
 
-    // Saves all of the cards at once; one that the store refuses stops none of the others.
-    std::vector<Refused> add(const std::vector<Card>& cards);
+    // Saves all of the cards at once, and tells the numbers of new ones; one that the store refuses stops none of the
+    // others. A contact that is gone meanwhile is a new one.
+    std::vector<Refused> save(std::vector<CardToSave>& cards);
     // Saves one new contact and returns its identifier.
     LONG add(const Card& card);
     // Stores these fields of `card`, empty ones too, in an existing contact, and its days where it has any. Addresses
@@ -34,6 +40,7 @@ public:
 
 private:
     LONG save_new(const Card& card);
+    void replace(IContact* contact, const Card& card);
 
     Session session_;
     ComPtr<IPOutlookItemCollection> items_;
@@ -42,11 +49,14 @@ private:
 // All of a contact. What is kept beside its fields is read only when asked for.
 Card read_contact(IContact* contact, bool with_extras);
 LONG oid_of(IContact* contact);
+// What tells a contact from all others for good. One that has no such identifier gets one that it has while its fields
+// stay as they are.
+std::string uid_of(IContact* contact);
 
 std::string day_text(Day day);  // such as 2009-07-15
 // The contact as JSON: identifier, name, addresses and every field that is not empty.
 Json contact_json(LONG oid, const Card& card);
-// The contact as a line of text with tabs: identifier, name, addresses, company.
+// The contact as a line of text with tabs: number, name, addresses, company, lasting identifier.
 std::string contact_line(LONG oid, const Card& card);
 
 }  // namespace zr

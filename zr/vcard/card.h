@@ -83,6 +83,8 @@ struct Card {
     // The properties that the fields were read from, as such lines, where a field does not tell all that its line says:
     // kinds, preferences, parts that fields join. See vcard/said.h.
     std::string lines;
+    // What tells the contact from all others for good: its UID, or what stands for it. Empty: nothing yet.
+    std::string uid;
 
     std::string& operator[](Field field) { return text[static_cast<std::size_t>(field)]; }
     const std::string& operator[](Field field) const { return text[static_cast<std::size_t>(field)]; }
@@ -99,6 +101,7 @@ struct Card {
         birthday = anniversary = {};
         extras.clear();
         lines.clear();
+        uid.clear();
     }
 };
 

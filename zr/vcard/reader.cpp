@@ -43,6 +43,8 @@ bool parse_card(const RawCard& raw, Card& card, std::vector<Problem>& problems, 
     }
     builder.finish();
     card.lines = lines_to_keep(builder.taken(), card);
+    card.uid = kept_text(card.extras, "UID");
+    if (card.uid.empty()) card.uid = made_identifier(card);
     if (!is_empty(card)) return true;
     problems.push_back({raw.number, "a card with nothing in it"});
     return false;

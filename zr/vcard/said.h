@@ -36,6 +36,13 @@ private:
     Builder builder_;
 };
 
+// The text of the first property of a name, such as "REV", in lines that are kept; empty when there is none.
+std::string kept_text(std::string_view lines, std::string_view name);
+// The lines in the syntax of version 3.0, in an order of their own, so that equal ones can be told.
+std::vector<std::string> in_one_syntax(std::string_view lines);
+// An identifier for a card without a UID, which the same card has each time.
+std::string made_identifier(const Card& card);
+
 // The lines without those of one kind of property.
 std::string without_property(std::string_view lines, Property property);
 

@@ -1,32 +1,17 @@
 #include "zr/vcard/stream.h"
 
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <system_error>
 #include <utility>
 
+#include "zr/base/interruption.h"
+
 namespace zr {
-namespace {
-
-// Reads from `fd`, or says that it ended when `stop` becomes readable before there is anything.
-ReadFunction read_unless_stopped(int fd, int stop) {
-    return [read = read_from_descriptor(fd), fd, stop](char* buffer, std::size_t size) -> ssize_t {
-        pollfd ready[] = {{fd, POLLIN, 0}, {stop, POLLIN, 0}};
-        while (stop >= 0 && ::poll(ready, 2, -1) < 0) {
-            if (errno != EINTR) return -1;
-        }
-        return ready[1].revents != 0 ? 0 : read(buffer, size);
-    };
-}
-
-}  // namespace
-
-CardStream::CardStream(int fd)
-    : stop_(::eventfd(0, EFD_CLOEXEC)), lines_(read_unless_stopped(fd, stop_)), reader_(lines_) {
+CardStream::CardStream(int fd, int end)
+    : stop_(::eventfd(0, EFD_CLOEXEC)), lines_(read_until(fd, stop_, end)), reader_(lines_) {
     if (stop_ < 0) return;
     try {
         thread_ = std::thread([this] { run(); });

@@ -35,7 +35,8 @@ public:
         std::size_t bytes_read = 0;  // of the file, up to here
     };
 
-    explicit CardStream(int fd);  // which the caller keeps open as long as this
+    // The caller keeps both open as long as this. What can be read ends when `end` becomes readable; -1: at the end.
+    explicit CardStream(int fd, int end = -1);
     // Ends the thread, also while it waits for input that does not come.
     ~CardStream();
     CardStream(const CardStream&) = delete;

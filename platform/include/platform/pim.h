@@ -85,7 +85,10 @@ inline constexpr ULONG PIMFOLDERNOTIFICATION_REMOTE = 2;           // report oth
 inline constexpr CEPROPID ZR_PROPID_CARD_EXTRAS = 0x7D01001F;
 // The lines of that card that the fields were read from, for what they say beside the fields (CEVT_LPWSTR).
 inline constexpr CEPROPID ZR_PROPID_CARD_LINES = 0x7D04001F;
-// The same as ZR_PROPID_CARD_EXTRAS for an imported calendar component, and its unique identifier in other programs (CEVT_LPWSTR).
+// What tells a contact from all others for good, unlike its number, which is handed out again (CEVT_LPWSTR).
+inline constexpr CEPROPID ZR_PROPID_CARD_UID = 0x7D05001F;
+// The same as ZR_PROPID_CARD_EXTRAS for an imported calendar component, and its unique identifier in other programs
+// (CEVT_LPWSTR).
 inline constexpr CEPROPID ZR_PROPID_EVENT_EXTRAS = 0x7D02001F;
 inline constexpr CEPROPID ZR_PROPID_EVENT_UID = 0x7D03001F;
 // Numbers 0x7E00 to 0x7EFF are the named fields' own and E_INVALIDARG for SetProps and GetProps.

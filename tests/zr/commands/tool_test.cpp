@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -180,7 +181,8 @@ TEST_F(Tool, RefusesWrongUsage) {
         {"contacts", "list", "--sort", "shoe-size"},
         {"contacts", "list", "--limit", "0"},
         {"contacts", "find", "a", "--exact", "--words"},
-        {"contacts", "show", "jo"},
+        {"contacts", "show"},
+        {"contacts", "import", "--on-duplicate", "merge", "-"},
         {"contacts", "add"},
         {"contacts", "add", "--birthday", "1990-02-30"},
         {"contacts", "add", "--first", "\xFF"},
@@ -228,7 +230,10 @@ TEST_F(Tool, NamesDamagedCardsAndImportsTheRest) {
                   "zr: " + kData + "damaged.vcf:6: card left out: no END:VCARD before the next card begins",
                   "zr: " + kData + "damaged.vcf:13: line left out: a line without a colon"}));
     EXPECT_EQ(list().size(), 2u);
-    expect_failure(zr({"contacts", "import", "-"}), 7, "standard input:1: card left out: no card in this file");
+    const Result empty = zr({"contacts", "import", "-"});
+    EXPECT_EQ(empty.code, 0);
+    EXPECT_EQ(empty.out, "imported 0 contacts\n");
+    expect_failure(zr({"contacts", "import", "-"}, "no card\n"), 7, "standard input:1: card left out: text outside");
     const Result guessed = zr({"contacts", "import", "-"}, card("J\xF6rg", "j@x.y"));
     EXPECT_EQ(guessed.code, 0);
     EXPECT_EQ(guessed.err, "zr: standard input:3: warning: not valid UTF-8; read as Windows-1252\n");
@@ -237,7 +242,10 @@ TEST_F(Tool, NamesDamagedCardsAndImportsTheRest) {
 
 TEST_F(Tool, TellsFilesThatItCannotRead) {
     expect_failure(zr({"contacts", "import", file("missing.vcf")}), 6, "missing.vcf: No such file or directory");
-    expect_failure(zr({"contacts", "import", file("")}), 6, "Is a directory");
+    expect_failure(zr({"contacts", "import", file("")}), 6, "no file in this folder ends in .vcf");
+    const json problems = json::parse(zr({"contacts", "import", "--json", file("missing.vcf")}).out)["problems"];
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0]["effect"], "not read");
     // The other files are imported.
     const Result both = zr({"contacts", "import", file("missing.vcf"), file("a.vcf", card("A", "a@x.y"))});
     EXPECT_EQ(both.code, 6);
@@ -251,8 +259,11 @@ TEST_F(Tool, ListsInOrder) {
     expect_failure(zr({"contacts", "show", "1"}), 1, "no contact 1");
     EXPECT_EQ(zr({"contacts", "list"}).code, 1);
     import(card("b", "1@x.y") + card("C", "2@x.y") + card("a", "3@x.y"));
-    EXPECT_EQ(zr({"contacts", "list"}).out, "3\ta\t3@x.y\t\n1\tb\t1@x.y\t\n2\tC\t2@x.y\t\n");
-    EXPECT_EQ(zr({"contacts", "list", "--sort", "email1", "--reverse", "-n", "2"}).out,
+    const auto lines = [](const std::vector<std::string>& command) {
+        return std::regex_replace(zr(command).out, std::regex("\tcard-[0-9a-f]{32}\n"), "\n");
+    };
+    EXPECT_EQ(lines({"contacts", "list"}), "3\ta\t3@x.y\t\n1\tb\t1@x.y\t\n2\tC\t2@x.y\t\n");
+    EXPECT_EQ(lines({"contacts", "list", "--sort", "email1", "--reverse", "-n", "2"}),
               "3\ta\t3@x.y\t\n2\tC\t2@x.y\t\n");
     EXPECT_EQ(list()[2]["name"], "C");
 }
@@ -301,6 +312,115 @@ TEST_F(Tool, AddsShowsChangesAndRemoves) {
     EXPECT_EQ(list().size(), 2u);
     EXPECT_EQ(zr({"contacts", "remove", "--email", "new@x.y", "--all", "--json"}).out, "{\"removed\":[1,2]}\n");
     EXPECT_EQ(list().size(), 0u);
+}
+
+std::string card_with_uid(const std::string& name, const std::string& revision) {
+    return "BEGIN:VCARD\nVERSION:3.0\nFN:" + name + "\nUID:the-one\nREV:" + revision + "\nEND:VCARD\n";
+}
+
+TEST_F(Tool, ImportsWhatIsThereOnce) {
+    const std::string cards = card("A", "a@x.y") + card_with_uid("B", "2020-01-01T00:00:00Z") + card("C", "c@x.y");
+    const auto imported = [](const std::string& text, std::vector<std::string> options = {}) {
+        options.insert(options.begin(), {"contacts", "import", "--json", "-"});
+        const json result = json::parse(zr(options, text).out);
+        return std::array<int, 3>{result["imported"], result["updated"], result["alreadyThere"]};
+    };
+    using Counts = std::array<int, 3>;
+    EXPECT_EQ(imported(cards), (Counts{3, 0, 0}));
+    EXPECT_EQ(imported(cards), (Counts{0, 0, 3}));
+    // What was exported is what is there, in every version.
+    for (const char* version : {"2.1", "3.0", "4.0"}) {
+        EXPECT_EQ(imported(zr({"contacts", "export", "--vcard-version", version}).out), (Counts{0, 0, 3})) << version;
+    }
+    EXPECT_EQ(imported(card_with_uid("New", "2021-01-01T00:00:00Z"), {"--dry-run"}), (Counts{0, 1, 0}));
+    EXPECT_EQ(zr({"contacts", "find", "New"}).code, 1);
+    EXPECT_EQ(imported(card_with_uid("New", "20210101T000000Z"), {"--on-duplicate", "skip"}), (Counts{0, 0, 1}));
+    EXPECT_EQ(imported(card_with_uid("New", "20210101T000000Z")), (Counts{0, 1, 0}));
+    EXPECT_EQ(imported(card_with_uid("Old", "2020-12-31T00:00:00Z")), (Counts{0, 0, 1}));
+    EXPECT_EQ(json::parse(zr({"contacts", "show", "the-one", "--json"}).out)[0]["name"], "New");
+    EXPECT_EQ(list().size(), 3u);
+    EXPECT_EQ(imported(cards, {"--on-duplicate", "add"}), (Counts{3, 0, 0}));
+    EXPECT_EQ(list().size(), 6u);
+    // Twice in one file: the newer one.
+    EXPECT_EQ(imported(card_with_uid("Newer", "2023") + card_with_uid("Newest", "2024")), (Counts{0, 2, 0}));
+    EXPECT_EQ(json::parse(zr({"contacts", "show", "the-one", "--json"}).out)[0]["name"], "Newest");
+    EXPECT_EQ(zr({"contacts", "import", "--dry-run", "-"}, card("D", "d@x.y") + card("D", "d@x.y")).out,
+              "would import 1 contact; 1 was there already\n");
+}
+
+TEST_F(Tool, UpdatesAllOfAContact) {
+    import(
+        "BEGIN:VCARD\nVERSION:3.0\nFN:Jo\nUID:u\nBDAY:1970-01-02\nEMAIL:a@x.y\nTEL;TYPE=cell,msg:1\nNOTE:n\nX-A:1\n"
+        "END:VCARD\n");
+    import("BEGIN:VCARD\nVERSION:3.0\nFN:Jo\nUID:u\nTEL;TYPE=home,msg:2\nX-B:2\nEND:VCARD\n");
+    const std::string cards = zr({"contacts", "export"}).out;
+    for (const char* gone : {"BDAY", "EMAIL", "cell", "NOTE", "X-A"}) {
+        EXPECT_EQ(cards.find(gone), std::string::npos) << gone << "\n" << cards;
+    }
+    EXPECT_NE(cards.find("TEL;TYPE=home,msg:2"), std::string::npos) << cards;
+    EXPECT_NE(cards.find("X-B:2"), std::string::npos);
+    EXPECT_EQ(list().size(), 1u);
+}
+
+TEST_F(Tool, KeepsWhatWasChangedSinceTheImport) {
+    import(card("A", "a@x.y"));
+    ASSERT_EQ(zr({"contacts", "change", "1", "--note", "mine"}).code, 0);
+    EXPECT_EQ(zr({"contacts", "import", "-"}, card("A", "a@x.y")).out, "imported 0 contacts; 1 was there already\n");
+    EXPECT_EQ(list()[0]["note"], "mine");
+}
+
+TEST_F(Tool, ImportsTheFilesOfAFolder) {
+    std::filesystem::create_directory(file("cards"));
+    file("cards/b.vcf", card("B", "b@x.y"));
+    file("cards/a.VCF", card("A", "a@x.y"));
+    file("cards/readme.txt", "text");
+    const Result result = zr({"contacts", "import", file("cards")});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out, "imported 2 contacts\n");
+}
+
+TEST_F(Tool, FindsContactsByWhatStays) {
+    import(card("A", "a@x.y") + card_with_uid("B", "2020"));
+    const json contacts = list();
+    ASSERT_EQ(contacts.size(), 2u);
+    const std::string uid = contacts[0]["uid"];
+    EXPECT_TRUE(uid.starts_with("card-")) << uid;
+    EXPECT_EQ(contacts[1]["uid"], "the-one");
+    EXPECT_NE(zr({"contacts", "list"}).out.find("the-one"), std::string::npos);
+    ASSERT_EQ(zr({"contacts", "remove", "the-one"}).code, 0);
+    // Somebody else has the number now, and nobody the identifier.
+    ASSERT_EQ(zr({"contacts", "add", "--first", "C"}).out, "2\n");
+    expect_failure(zr({"contacts", "show", "the-one"}), 1, "no contact the-one");
+    expect_failure(zr({"contacts", "change", "the-one", "--first", "D"}), 1, "no contact the-one");
+    expect_failure(zr({"contacts", "remove", "the-one"}), 1, "no contact the-one");
+    EXPECT_EQ(zr({"contacts", "change", uid, "--note", "n"}).code, 0);
+    EXPECT_EQ(json::parse(zr({"contacts", "show", uid, "--json"}).out)[0]["note"], "n");
+    EXPECT_TRUE(list()[1]["uid"].get<std::string>().starts_with("urn:uuid:"));
+}
+
+TEST_F(Tool, SaysHowFarAnInterruptedImportCame) {
+    std::string cards;
+    for (int i = 0; i < 4000; ++i) {
+        cards += card("P" + std::to_string(i), "p" + std::to_string(i) + "@x.y");
+    }
+    for (const int signal : {SIGINT, SIGTERM}) {
+        use_store("by-" + std::to_string(signal));
+        RunningZr import({"contacts", "import", "-"}, RunningZr::Errors::ToOutput);
+        // More than a pipe holds: some of it was read.
+        import.write(cards);
+        import.kill(signal);
+        const std::string imported = import.read_line();
+        const std::string said = import.read_line();
+        EXPECT_EQ(import.wait(), -signal);
+        const std::size_t there = list().size();
+        EXPECT_GT(there, 0u);
+        EXPECT_NE(said.find("zr: interrupted: " + std::to_string(there) + " contacts are in"), std::string::npos)
+            << imported << said;
+    }
+    const std::size_t there = list().size();
+    const json rest = json::parse(zr({"contacts", "import", "--json", "-"}, cards).out);
+    EXPECT_EQ(rest["alreadyThere"], there);
+    EXPECT_EQ(rest["imported"], 4000 - there);
 }
 
 TEST_F(Tool, ChangesAllAddressesTheKeptOnesToo) {
