@@ -78,12 +78,12 @@ TEST(LargeFolder, IsReadWholeInEveryOrder) {
     const TestSession session;
     const std::size_t resident = resident_bytes();
     const auto items = session.items();
-    expect_whole_walk(*items.get(), &IContact::get_FirstName, false);
     ASSERT_EQ(items->Sort(in(u"[LastName]"), VARIANT_FALSE), S_OK);
     expect_whole_walk(*items.get(), &IContact::get_LastName, false);
+    if (HasFatalFailure() || kInstrumented) return;
     ASSERT_EQ(items->Sort(in(u"[FirstName]"), VARIANT_TRUE), S_OK);
     expect_whole_walk(*items.get(), &IContact::get_FirstName, true);
-    if (HasFatalFailure() || kInstrumented) return;
+    expect_whole_walk(*session.items().get(), &IContact::get_FirstName, false);
     EXPECT_LT(resident_bytes() - resident, 160u << 20) << "the rows alone are more than that";
 }
 
