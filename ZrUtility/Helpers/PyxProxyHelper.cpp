@@ -300,8 +300,8 @@ private:
 
 }  // namespace
 
-ULONG PyxProxyHelper::m_workerLimit = 15000;
-ULONG PyxProxyHelper::m_notifyLimit = 2000;
+std::atomic<ULONG> PyxProxyHelper::m_workerLimit = 15000;
+std::atomic<ULONG> PyxProxyHelper::m_notifyLimit = 2000;
 PyxProxyHelper* PyxProxyHelper::m_pInstance = nullptr;
 PyxProxyHelper::PyxProxyHelperReleaser PyxProxyHelper::m_Releaser;
 

@@ -11,6 +11,8 @@
 // The helper is one for the process. It is made, started and released by one thread at a time; its other operations may
 // be called by any. Nothing throws; failures are told by results and by the log.
 
+#include <atomic>
+
 #include "ZrUtility/Export.h"
 #include "platform/registry.h"
 #include "platform/types.h"
@@ -155,8 +157,8 @@ protected:
 
     // How long a worker may take, and the wait for others' documents; and the thread of the notifications, to end. In
     // milliseconds.
-    static ULONG m_workerLimit;
-    static ULONG m_notifyLimit;
+    static std::atomic<ULONG> m_workerLimit;
+    static std::atomic<ULONG> m_notifyLimit;
 
 private:
     static ULONG ThreadedProcessingXML(void* items);

@@ -11,6 +11,13 @@ inline constexpr bool kInstrumented = true;
 inline constexpr bool kInstrumented = false;
 #endif
 
+// Threads that a sanitizer has of its own from the process's first thread on.
+#if defined(__SANITIZE_THREAD__)
+inline constexpr int kSanitizerThreads = 1;
+#else
+inline constexpr int kSanitizerThreads = 0;
+#endif
+
 // Such a loop takes every kStride-th step.
 inline constexpr int kStride = kInstrumented ? 10 : 1;
 

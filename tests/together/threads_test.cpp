@@ -174,8 +174,7 @@ TEST(Together, TakesFewThreadsAndQueuesOfTheHost) {
     EXPECT_TRUE(is_signalled(all.named()));
     changes.set_clock();
     EXPECT_TRUE(is_signalled(all.named()));
-    // A sanitizer has a thread of its own.
-    EXPECT_TRUE(until_threads(1 + kMostThreads + (kInstrumented ? 1 : 0)));
+    EXPECT_TRUE(until_threads(1 + kMostThreads + kSanitizerThreads));
     EXPECT_LE(queues_of_process(), kMostQueues);
 }
 

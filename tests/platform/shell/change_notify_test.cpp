@@ -217,8 +217,7 @@ TEST(ChangeNotify, ManyWindowsTakeOneThread) {
     for (const auto& each : windows) {
         EXPECT_TRUE(each->tells({"+file"}));
     }
-    // A sanitizer has one of its own from the first thread on.
-    EXPECT_TRUE(until_threads(threads_before + (kInstrumented ? 2 : 1)));
+    EXPECT_TRUE(until_threads(threads_before + 1 + kSanitizerThreads));
 }
 
 TEST(ChangeNotify, BothProcessesTellTheirWindowsAfterAFork) {
