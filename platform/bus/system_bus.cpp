@@ -382,8 +382,9 @@ bool SystemBus::end() noexcept {
     }
     calls_.clear();
     std::ranges::sort(matches, {}, &Match::listener);
-    const auto again = std::ranges::unique(matches, {}, &Match::listener);
-    matches.erase(again.begin(), again.end());
+    const auto same = [](const Match& a, const Match& b) { return a.listener == b.listener; };
+    const auto again = std::unique(matches.begin(), matches.end(), same);
+    matches.erase(again, matches.end());
     for (const Match& each : matches) {
         each.listener->lost();
     }

@@ -362,7 +362,7 @@ BusResult guarded(Body&& body, std::string& error) noexcept {
 
 void* open_bus(const BusEvents* events, std::string& why) noexcept {
     Connection* made = nullptr;
-    guarded([&] { made = new Connection(*events); }, why);
+    guarded([&] { made = std::make_unique<Connection>(*events).release(); }, why);
     return made;
 }
 

@@ -30,7 +30,7 @@ bool is_atom(std::string_view text) {
 
 // An address that stands between angle brackets. What no mail program would take for one is quoted as its local part.
 std::string address_text(const std::string& given) {
-    const std::string address = one_line(given);
+    std::string address = one_line(given);
     const std::size_t at = address.rfind('@');
     const std::string local = address.substr(0, at);
     const std::string domain = at == std::string::npos ? "" : address.substr(at);
@@ -186,7 +186,7 @@ void MessageWriter::add(const PartHeader& part, const std::function<void(const T
 std::string MessageWriter::boundary(const char* what) const {
     const std::unique_ptr<GChecksum, decltype(&g_checksum_free)> copy(g_checksum_copy(digest_->sum.get()),
                                                                       &g_checksum_free);
-    return std::string("=_") + what + "_" + std::string(g_checksum_get_string(copy.get()), 0, 32);
+    return std::string("=_") + what + "_" + std::string(g_checksum_get_string(copy.get())).substr(0, 32);
 }
 
 void MessageWriter::write(const TakeBytes& take) {

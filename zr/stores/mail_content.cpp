@@ -35,13 +35,14 @@ Header header_of(IMessage* message) {
 
 void compose(IMessage* message, const TakeBytes& take) {
     MessageWriter writer(header_of(message));
-    for (const auto& [tag, type] : {std::pair{PR_BODY_W, "text/plain"}, {PR_BODY_HTML_W, "text/html"}}) {
+    for (const auto& text : {std::pair{PR_BODY_W, "text/plain"}, {PR_BODY_HTML_W, "text/html"}}) {
+        const ULONG tag = text.first;
         // Nothing is no text.
         bool any = false;
         read_mail_stream(message, tag, [&](const char*, std::size_t) { any = true; });
         if (!any) continue;
         PartHeader part;
-        part.type = type;
+        part.type = text.second;
         writer.add(part, [&](const TakeBytes& piece) { read_mail_text(message, tag, piece); });
     }
     for (const MailAttachment& attachment : attachments_of(message)) {
