@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdlib>
+
 // Whether a sanitizer looks on. It makes a step five to twenty times as long, so loops are cut there that are only so
 // long because more rounds meet more: the plain run has them in full.
 
@@ -20,5 +22,13 @@ inline constexpr int kSanitizerThreads = 0;
 
 // Such a loop takes every kStride-th step.
 inline constexpr int kStride = kInstrumented ? 10 : 1;
+
+// How many rounds of what only more rounds find more with: so many, fewer where a sanitizer looks on, or as many as the
+// variable says.
+inline int rounds_wanted(const char* variable, int plain, int instrumented) {
+    const char* const wanted = std::getenv(variable);
+    if (wanted != nullptr) return std::atoi(wanted);
+    return kInstrumented ? instrumented : plain;
+}
 
 }  // namespace zr::test

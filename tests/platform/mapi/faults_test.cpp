@@ -22,6 +22,7 @@
 #include "support/child.h"
 #include "support/failing_new.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/sql.h"
 
 namespace zr::test {
@@ -171,8 +172,7 @@ void expect_kept(const Heard& heard, const std::map<int, int>& found) {
 }
 
 TEST_F(MapiFaults, KilledWritersLoseNothing) {
-    const char* const wanted = std::getenv("ZR_MAPI_KILLS");
-    const int kills = wanted != nullptr ? std::atoi(wanted) : 20;
+    const int kills = rounds_wanted("ZR_MAPI_KILLS", 20, 20);
     Heard heard;
     std::mt19937 random(7);
     for (int i = 1; i <= kills; ++i) {

@@ -9,18 +9,13 @@
 #include <set>
 
 #include "mail_support.h"
+#include "support/instrumented.h"
 
 namespace zr::test {
 namespace {
 
 ULONG messages_of_a_large_folder() {
-    const char* const wanted = std::getenv("ZR_MAPI_MESSAGES");
-    if (wanted != nullptr) return static_cast<ULONG>(std::atoi(wanted));
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return 3000;
-#else
-    return 10000;
-#endif
+    return static_cast<ULONG>(rounds_wanted("ZR_MAPI_MESSAGES", 10000, 3000));
 }
 
 // Of this thread: what else the computer does is not in it.

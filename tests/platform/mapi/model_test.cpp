@@ -18,6 +18,7 @@
 #include "platform/windowing.h"
 #include "support/child.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 
 namespace zr::test {
 namespace {
@@ -790,13 +791,7 @@ private:
 };
 
 int steps_of_the_model() {
-    const char* const wanted = std::getenv("ZR_MODEL_STEPS");
-    if (wanted != nullptr) return std::atoi(wanted);
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return 60;
-#else
-    return 250;
-#endif
+    return rounds_wanted("ZR_MODEL_STEPS", 250, 60);
 }
 
 Ptr<IMsgStore> other_store(const Mail& mail) {

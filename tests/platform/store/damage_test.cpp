@@ -15,6 +15,7 @@
 #include "platform/registry/registry_support.h"
 #include "support/child.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/sandbox.h"
 #include "support/sql.h"
 
@@ -28,13 +29,7 @@ constexpr int kNoticed = 1;  // the store was set aside, or the call said that i
 constexpr int kWrong = 2;
 
 int flips() {
-    const char* const wanted = std::getenv("ZR_FLIPS");
-    if (wanted != nullptr) return std::atoi(wanted);
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return 40;
-#else
-    return 250;
-#endif
+    return rounds_wanted("ZR_FLIPS", 250, 40);
 }
 
 // --- contents ---

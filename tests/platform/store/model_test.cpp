@@ -14,6 +14,7 @@
 #include "platform/registry/registry_support.h"
 #include "support/child.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 
 namespace {
 
@@ -262,13 +263,7 @@ private:
 };
 
 int steps() {
-    const char* const wanted = std::getenv("ZR_MODEL_STEPS");
-    if (wanted != nullptr) return std::atoi(wanted);
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return 40;
-#else
-    return 250;
-#endif
+    return rounds_wanted("ZR_MODEL_STEPS", 250, 40);
 }
 
 TEST(StoreModel, ThreeProcessesWithKillsAndForksAreOneMap) {
