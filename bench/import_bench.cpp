@@ -17,7 +17,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -89,19 +88,19 @@ void import_ours(benchmark::State& state) {
         scratch().fresh_store();
         state.ResumeTiming();
         const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        std::vector<zr::Card> batch;
+        std::vector<zr::CardToSave> batch;
         zr::Store store;
         {
             zr::CardStream cards(fd);
             zr::CardStream::Part part;
             while (cards.next(part)) {
-                std::move(part.cards.begin(), part.cards.end(), std::back_inserter(batch));
+                for (zr::Card& card : part.cards) batch.push_back({std::move(card)});
                 if (batch.size() < 1000) continue;
-                store.add(batch);
+                store.save(batch);
                 batch.clear();
             }
         }
-        if (!batch.empty()) store.add(batch);
+        if (!batch.empty()) store.save(batch);
         close(fd);
         if (store.count() != state.range(0)) state.SkipWithError("cards are missing");
     }

@@ -53,21 +53,37 @@ std::string_view convert(char (&text)[kBufferSize], double value, std::chars_for
     return {text, static_cast<std::size_t>(result.ptr - text)};
 }
 
+// A value as an odd number with so many binary places behind the point, and so decimal ones too; below 0 places when it
+// ends before the point.
+struct Binary {
+    std::uint64_t odd;
+    int places;
+};
+
+Binary binary(double value) {
+    constexpr int kMantissaBits = 52;
+    constexpr int kScale = 1075;  // a mantissa with the exponent n stands for mantissa * 2^(n - 1075)
+    const auto bits = std::bit_cast<std::uint64_t>(value);
+    const int exponent = static_cast<int>(bits >> kMantissaBits & 0x7FF);
+    std::uint64_t mantissa = bits & ((std::uint64_t{1} << kMantissaBits) - 1);
+    if (exponent != 0) mantissa |= std::uint64_t{1} << kMantissaBits;
+    if (mantissa == 0) return {0, 0};
+    const int zeros = std::countr_zero(mantissa);
+    return {mantissa >> zeros, kScale - std::max(exponent, 1) - zeros};
+}
+
 // Whether the value lies in the middle of two numbers of so many decimal places: then it has exactly one binary place
 // more than that.
 bool is_half(double value, std::size_t places) {
-    const double scaled = std::ldexp(value, static_cast<int>(places) + 1);
-    return scaled < kNoFractions && std::floor(scaled) == scaled && (static_cast<std::uint64_t>(scaled) & 1) != 0;
+    return binary(value).places == static_cast<int>(places) + 1;
 }
 
 // How many significant digits the value has, all of them; the last one. More than `most`: anything that is more.
 std::size_t significant_digits(double value, std::size_t most, char& last) {
-    int power = 0;
-    const double fraction = std::frexp(value, &power);
-    const auto mantissa = static_cast<std::uint64_t>(std::ldexp(fraction, 53));
-    const int places = 53 - power - std::countr_zero(mantissa);  // binary and decimal ones behind the point
-    // A number that small in size and long in places has more digits than anybody asks for.
-    if (places > 0 && std::floor(std::log10(value)) + places > static_cast<double>(most)) return most + 1;
+    const auto [odd, places] = binary(value);
+    // Behind the point its digits are those of odd * 5^places. Most numbers have more of them than anybody asks for.
+    const int least = (static_cast<int>(std::bit_width(odd)) - 1) * 301 / 1000 + places * 698 / 1000 + 1;
+    if (places > 0 && static_cast<std::size_t>(least) > most) return most + 1;
     const std::size_t all = places > 0 ? std::min(most + 1, kMostDigits) : value < kNoFractions ? 17 : 310;
     char text[kBufferSize];
     std::string_view digits = convert(text, value, std::chars_format::scientific, all);

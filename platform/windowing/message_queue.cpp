@@ -413,6 +413,7 @@ bool MessageQueue::find_timer(const Filter& filter, bool remove, MSG& message) {
 // ---- Timers and the descriptor ----
 
 void MessageQueue::leave_shown_message(HWND window, UINT_PTR timer) {
+    if (timers_.ready().empty()) return;
     const TimerSet::Timer* const found = timers_.find(window, timer);
     if (found && found->shown) post(message_of(*found));
 }
