@@ -94,7 +94,8 @@ void import_ours(benchmark::State& state) {
             zr::CardStream cards(fd);
             zr::CardStream::Part part;
             while (cards.next(part)) {
-                for (zr::Card& card : part.cards) batch.push_back({std::move(card)});
+                for (zr::Card& card : part.cards)
+                    batch.push_back({std::move(card)});
                 if (batch.size() < 1000) continue;
                 store.save(batch);
                 batch.clear();
