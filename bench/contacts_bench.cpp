@@ -188,7 +188,7 @@ void copy_store(const std::string& path) {
 
 // A copy of the store with a table of addresses, ignoring case, as somebody would make it who looks addresses up.
 std::string indexed_copy(int count) {
-    const std::string path = World::get().file(("indexed" + std::to_string(count) + ".db").c_str()).string();
+    std::string path = World::get().file(("indexed" + std::to_string(count) + ".db").c_str()).string();
     if (std::filesystem::exists(path)) return path;
     copy_store(path);
     sqlite3* database = nullptr;

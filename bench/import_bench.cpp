@@ -51,7 +51,7 @@ public:
 
     // A file of so many cards, each with one to three addresses, as an address book writes them.
     std::string cards(int count) {
-        const std::string name = path_ / (std::to_string(count) + ".vcf");
+        std::string name = path_ / (std::to_string(count) + ".vcf");
         if (fs::exists(name)) return name;
         std::ofstream file(name, std::ios::binary);
         for (int i = 0; i < count; ++i) {

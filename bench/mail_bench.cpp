@@ -180,6 +180,7 @@ std::string tool() {
 
 bool run(std::vector<std::string> command, rusage* usage = nullptr) {
     std::vector<char*> argv;
+    argv.reserve(command.size() + 1);
     for (std::string& word : command) {
         argv.push_back(word.data());
     }

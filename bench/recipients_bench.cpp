@@ -19,8 +19,13 @@ std::string recipients(std::int64_t count) {
     for (std::int64_t i = 0; i < count; ++i) {
         const std::string number = std::to_string(i);
         if (i != 0) list += ", ";
-        if (i % 3 == 0) list += "Jo Doe " + number + " <jo.doe" + number + "@example.com>";
-        if (i % 3 == 1) list += "\"Smith Al " + number + "\" <al.smith" + number + "@mail.example.org>";
+        if (i % 3 == 0) list.append("Jo Doe ").append(number).append(" <jo.doe").append(number).append("@example.com>");
+        if (i % 3 == 1)
+            list.append("\"Smith Al ")
+                .append(number)
+                .append("\" <al.smith")
+                .append(number)
+                .append("@mail.example.org>");
         if (i % 3 == 2) list += "<someone" + number + "@example.net>";
     }
     return list;

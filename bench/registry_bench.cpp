@@ -255,8 +255,8 @@ void move_key_sqlite(benchmark::State& state) {
     for (auto _ : state) {
         const std::string below =
             " FROM value WHERE key >= " + std::to_string(base) + " AND key < " + std::to_string(base + kSubKeys);
-        database.run("BEGIN IMMEDIATE; INSERT INTO value SELECT key + 10, name, type, data" + below + "; DELETE" +
-                     below + "; COMMIT");
+        std::string move = "BEGIN IMMEDIATE; INSERT INTO value SELECT key + 10, name, type, data";
+        database.run(move.append(below).append("; DELETE").append(below).append("; COMMIT"));
         base += kSubKeys;
     }
     if (database.number("SELECT count(*) FROM value") != kSubKeys * kValues) give_up("lost");

@@ -18,6 +18,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -362,7 +363,7 @@ void bytes(benchmark::State& state) {
     std::size_t entries = count;
     if constexpr (requires { Table::capacity(count); }) {
         const double fill = fill_of(static_cast<const Keys*>(nullptr), count);
-        entries = static_cast<std::size_t>(fill * static_cast<double>(Table::capacity(count)) + 0.5);
+        entries = static_cast<std::size_t>(std::llround(fill * static_cast<double>(Table::capacity(count))));
     }
     for (auto _ : state) {
         state.counters["bytes"] = bytes_of<Table, Keys>(count, entries);
