@@ -70,6 +70,10 @@ void build(zr::Command app) {
     zr::add_reg_delete(reg);
     zr::add_reg_list(reg);
     zr::add_reg_tree(reg);
+    zr::add_reg_find(reg);
+    zr::add_reg_copy(reg);
+    zr::add_reg_rename(reg);
+    zr::add_reg_diff(reg);
     zr::add_reg_watch(reg);
     zr::add_reg_import(reg);
     zr::add_reg_export(reg);

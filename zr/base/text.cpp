@@ -197,6 +197,30 @@ std::string printable(std::string_view text) {
     return out;
 }
 
+std::string quoted(std::string_view text) {
+    std::string doubled;
+    for (const char c : text) {
+        if (c == '"' || c == '\\') doubled += '\\';
+        doubled += c;
+    }
+    return '"' + printable(doubled) + '"';
+}
+
+std::string unmistakable(std::string_view text) {
+    return text.starts_with('"') || printable(text) != text ? quoted(text) : std::string(text);
+}
+
+std::string folded(std::string_view text) {
+    if (!is_utf8(text)) return std::string(text);
+    const std::unique_ptr<gchar, decltype(&g_free)> out(g_utf8_casefold(text.data(), static_cast<gssize>(text.size())),
+                                                        &g_free);
+    return out.get();
+}
+
+bool contains_folded(std::string_view text, const std::string& folded_part) {
+    return folded(text).find(folded_part) != std::string::npos;
+}
+
 bool equal_ignoring_case(std::string_view a, std::string_view b) {
     return a.size() == b.size() && g_ascii_strncasecmp(a.data(), b.data(), a.size()) == 0;
 }

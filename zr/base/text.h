@@ -33,6 +33,16 @@ std::string decode_windows_1252(std::string_view bytes);
 // as \n, \x1b and \u202e, so that a name cannot steer the terminal.
 std::string printable(std::string_view text);
 
+// The same where it must be told from text that has such escapes in it: in quotes, with a backslash before each quote
+// and each backslash.
+std::string quoted(std::string_view text);
+// Plain where nothing needs an escape, else in quotes; what begins with a quote is in quotes as well.
+std::string unmistakable(std::string_view text);
+
+// Of any language: what is equal when it is folded is equal but for letter case. What is not valid UTF-8 stays.
+std::string folded(std::string_view text);
+bool contains_folded(std::string_view text, const std::string& folded_part);
+
 bool equal_ignoring_case(std::string_view a, std::string_view b);  // ASCII letters only
 std::string upper(std::string_view text);                          // ASCII letters only
 std::string_view trimmed(std::string_view text);                   // without spaces and tabs at both ends

@@ -1,14 +1,85 @@
 #include "zr/commands/command.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <limits>
 #include <sstream>
 #include <utility>
 
 #include "zr/base/failure.h"
+#include "zr/base/nearest.h"
 #include "zr/base/output.h"
 
 namespace zr {
+
+struct CommandLineParser {
+    // An option that takes all that follows.
+    struct Rest {
+        const CLI::App* command;
+        std::string name;
+        std::vector<std::string>* values;
+    };
+
+    CLI::App app;
+    Run run;
+    std::vector<Rest> rests;
+
+    // The command that the words begin with, which are then those behind it.
+    const CLI::App* command_of(std::vector<std::string>& words) const;
+    // The words in front of such an option.
+    std::vector<std::string> without_rest(std::vector<std::string> words) const;
+    // What is wrong with the words, where they name a command or an option that is none. Empty: nothing.
+    std::string mistyped(std::vector<std::string> words) const;
+};
+
+const CLI::App* CommandLineParser::command_of(std::vector<std::string>& words) const {
+    const CLI::App* command = &app;
+    while (!words.empty()) {
+        const auto below =
+            command->get_subcommands([&](const CLI::App* each) { return each->check_name(words.front()); });
+        if (below.empty()) break;
+        command = below.front();
+        words.erase(words.begin());
+    }
+    return command;
+}
+
+std::string CommandLineParser::mistyped(std::vector<std::string> words) const {
+    const CLI::App* const command = command_of(words);
+    std::vector<std::string> known;
+    for (const CLI::App* each : command->get_subcommands({})) {
+        known.push_back(each->get_name());
+    }
+    if (!known.empty() && !words.empty() && !words.front().starts_with("-"))
+        return "no command '" + words.front() + "'" + did_you_mean(words.front(), known);
+    known.clear();
+    for (const CLI::Option* each : command->get_options()) {
+        for (const std::string& name : each->get_lnames()) {
+            known.push_back("--" + name);
+        }
+    }
+    for (const std::string& word : words) {
+        if (word == "--") break;
+        const std::string name = word.substr(0, word.find('='));
+        if (!name.starts_with("--") || std::find(known.begin(), known.end(), name) != known.end()) continue;
+        return "no option '" + name + "'" + did_you_mean(name, known);
+    }
+    return {};
+}
+
+std::vector<std::string> CommandLineParser::without_rest(std::vector<std::string> words) const {
+    std::vector<std::string> behind = words;
+    const CLI::App* const command = command_of(behind);
+    for (const Rest& rest : rests) {
+        if (rest.command != command) continue;
+        const auto found = std::find(words.begin(), words.end(), rest.name);
+        if (found == words.end()) continue;
+        rest.values->assign(found + 1, words.end());
+        if (rest.values->empty()) throw CLI::ArgumentMismatch(rest.name + ": nothing follows it");
+        words.erase(found, words.end());
+    }
+    return words;
+}
 
 Option& Option::required() {
     option_->required();
@@ -16,7 +87,19 @@ Option& Option::required() {
 }
 
 Option& Option::one_of(const std::vector<std::string>& values) {
-    option_->check(CLI::IsMember(values));
+    const auto check = [values](const std::string& word) {
+        if (std::find(values.begin(), values.end(), word) != values.end()) return std::string();
+        std::string all;
+        for (const std::string& each : values) {
+            all += (all.empty() ? "" : ", ") + each;
+        }
+        return "'" + word + "' is none of " + all + did_you_mean(word, values);
+    };
+    std::string description = "{";
+    for (const std::string& each : values) {
+        description += (description.size() == 1 ? "" : ",") + each;
+    }
+    option_->check(CLI::Validator(check, description + "}"));
     return *this;
 }
 
@@ -51,7 +134,7 @@ Command Command::add_group(const std::string& name, const std::string& descripti
 }
 
 Command Command::add_command(const std::string& name, const std::string& description) {
-    return Command(app_->add_subcommand(name, description), run_);
+    return Command(app_->add_subcommand(name, description), parser_);
 }
 
 Option Command::add_flag(const std::string& name, bool& value, const std::string& description) {
@@ -79,16 +162,16 @@ void Command::footer(const std::string& text) {
 }
 
 void Command::runs(Run run) {
-    app_->callback([slot = run_, run = std::move(run)] { *slot = run; });
+    app_->callback([slot = &parser_->run, run = std::move(run)] { *slot = run; });
 }
 
-struct CommandLine::Parser {
-    CLI::App app;
-    Run run;
-};
+void Command::add_rest(const std::string& name, std::vector<std::string>& values, const std::string& description) {
+    app_->add_option(name, values, description)->type_name("PROGRAM ...");
+    parser_->rests.push_back({app_, name, &values});
+}
 
 CommandLine::CommandLine(const std::string& description, const std::string& version)
-    : parser_(std::make_unique<Parser>()) {
+    : parser_(std::make_unique<CommandLineParser>()) {
     parser_->app.description(description);
     parser_->app.name("zr");
     parser_->app.require_subcommand(1);
@@ -98,12 +181,14 @@ CommandLine::CommandLine(const std::string& description, const std::string& vers
 CommandLine::~CommandLine() = default;
 
 Command CommandLine::root() {
-    return Command(&parser_->app, &parser_->run);
+    return Command(&parser_->app, parser_.get());
 }
 
 std::optional<int> CommandLine::parse(int argc, char** argv) {
     try {
-        parser_->app.parse(argc, argv);
+        std::vector<std::string> words = parser_->without_rest({argv + 1, argv + argc});
+        std::reverse(words.begin(), words.end());  // as the library wants them
+        parser_->app.parse(std::move(words));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
             std::ostringstream text;
@@ -114,7 +199,11 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
             };
             return std::nullopt;
         }
-        complain(std::string(error.what()) + " (zr --help tells more)");
+        const bool unknown = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError) ||
+                             error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
+        std::string text = unknown ? parser_->mistyped({argv + 1, argv + argc}) : std::string();
+        if (text.empty()) text = error.what();
+        complain(text + " (zr --help tells more)");
         return static_cast<int>(Exit::Usage);
     }
     return std::nullopt;

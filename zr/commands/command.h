@@ -20,6 +20,7 @@ class Option;
 namespace zr {
 
 using Run = std::function<Exit()>;
+struct CommandLineParser;
 
 // An option, a flag or an argument of a command. Belongs to the command line, like the variable it fills.
 class Option {
@@ -42,7 +43,7 @@ private:
 
 class Command {
 public:
-    Command(CLI::App* app, Run* run) : app_(app), run_(run) {}
+    Command(CLI::App* app, CommandLineParser* parser) : app_(app), parser_(parser) {}
 
     // A group takes one of its subcommands.
     Command add_group(const std::string& name, const std::string& description);
@@ -54,13 +55,16 @@ public:
     Option add_option(const std::string& name, LONG& value, const std::string& description);
     Option add_option(const std::string& name, std::vector<LONG>& values, const std::string& description);
 
+    // An option that comes last on the command line: all that follows it is its own, whatever it looks like.
+    void add_rest(const std::string& name, std::vector<std::string>& values, const std::string& description);
+
     // What --help says last.
     void footer(const std::string& text);
     void runs(Run run);
 
 private:
     CLI::App* app_;
-    Run* run_;
+    CommandLineParser* parser_;
 };
 
 class CommandLine {
@@ -77,8 +81,7 @@ public:
     const Run& run() const;
 
 private:
-    struct Parser;
-    std::unique_ptr<Parser> parser_;
+    std::unique_ptr<CommandLineParser> parser_;
 };
 
 void add_contacts_import(Command contacts);
@@ -100,6 +103,10 @@ void add_reg_set(Command reg);
 void add_reg_delete(Command reg);
 void add_reg_list(Command reg);
 void add_reg_tree(Command reg);
+void add_reg_find(Command reg);
+void add_reg_copy(Command reg);
+void add_reg_rename(Command reg);
+void add_reg_diff(Command reg);
 void add_reg_watch(Command reg);
 void add_reg_import(Command reg);
 void add_reg_export(Command reg);

@@ -34,7 +34,7 @@ void print_data(const RegValue& value) {
     const auto texts = value.type == REG_MULTI_SZ ? reg_texts(value) : std::nullopt;
     if (!texts) return print(reg_data_shown(value) + "\n");
     for (const std::u16string& text : *texts) {
-        print(printable(to_utf8(text)) + "\n");
+        print(unmistakable(to_utf8(text)) + "\n");
     }
 }
 
@@ -129,7 +129,9 @@ void add_reg_get(Command reg) {
     command.add_flag("--json", options->json, "Print a JSON object with key, name, type and data");
     command.footer(
         "Text is printed as text, several texts line by line, numbers in decimal, and everything else as\n"
-        "bytes. In JSON \"data\" is text, texts or a number; what that cannot say exactly is \"hex\".\n"
+        "bytes. Text with line breaks or other control characters is printed in quotes, with \\n for a line\n"
+        "break and \\\\ for a backslash. In JSON \"data\" is text, texts or a number; what that cannot say exactly is "
+        "\"hex\".\n"
         "The exit code is 1 when there is no such value.\n"
         "\n"
         "Examples:\n"

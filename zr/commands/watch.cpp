@@ -13,21 +13,23 @@ namespace zr {
 namespace {
 
 struct WatchOptions {
-    std::vector<std::string> folders;
+    FolderWatchOptions files;
     std::string extension;
     Option extension_option{nullptr};
     bool clock = false;
-    bool json = false;
 };
 
-Exit watch(const WatchOptions& options) {
-    if (!options.clock && options.folders.empty())
+Exit watch(WatchOptions& options) {
+    FolderWatchOptions& files = options.files;
+    if (!options.clock && files.folders.empty())
         throw Failure{Exit::Usage, "nothing to watch (zr watch --help tells more)"};
+    if (files.folders.empty() && (files.below || !files.only.empty() || !files.exec.empty()))
+        throw Failure{Exit::Usage, "--recursive, --only and --exec are for folders"};
+    if (options.extension_option.given()) files.extension = &options.extension;
     EventLoop loop;
     std::vector<std::unique_ptr<Watched>> all;
-    const std::string* const extension = options.extension_option.given() ? &options.extension : nullptr;
-    if (!options.folders.empty()) all.push_back(watch_folders(options.folders, extension, options.json));
-    if (options.clock) all.push_back(watch_clock(options.json));
+    if (!files.folders.empty()) all.push_back(watch_folders(files));
+    if (options.clock) all.push_back(watch_clock(files.json));
     std::vector<Watched*> by_event;
     std::vector<HANDLE> events;
     for (const auto& each : all) {
@@ -49,21 +51,33 @@ Exit watch(const WatchOptions& options) {
 void add_watch(Command zr) {
     const auto options = std::make_shared<WatchOptions>();
     Command command = zr.add_command("watch", "Print what changes, as it changes, until interrupted");
-    command.add_option("DIR", options->folders, "Folders whose files and folders are watched, ten at most");
+    FolderWatchOptions& files = options->files;
+    command.add_option("DIR", files.folders, "Folders whose files and folders are watched, ten at most");
+    command.add_flag("-r,--recursive", files.below, "Watch all folders below them, too, new ones as well");
     options->extension_option =
         command.add_option("--ext", options->extension, "Only names with this extension; '' for those without");
+    command
+        .add_option("--only", files.only,
+                    "Only names that match this pattern, such as '*.jp*g', or with a / in it, paths; may be given\n"
+                    "several times")
+        .one_at_a_time();
+    command.add_rest("--exec", files.exec,
+                     "Run this program for each change, with all that follows as its arguments; {} is the path");
     command.add_flag("--clock", options->clock, "Watch the device's clock and time zone");
-    command.add_flag("--json", options->json, "Print one JSON object per change and line");
+    command.add_flag("--json", files.json, "Print one JSON object per change and line");
     command.footer(
-        "A line follows for each file or folder that is created, changed, deleted or renamed in a DIR, not\n"
-        "below it. What happens closely together to one file is told once; a DIR that is deleted, renamed,\n"
-        "unmounted or made unreadable is told of on standard error, and not watched any more. With --clock the first "
-        "line\n"
-        "tells the time and the zone as they are, and one follows whenever the clock is set, with how far\n"
-        "it was moved, and whenever the system's zone changes. Ends with SIGINT, SIGTERM or SIGHUP.\n"
+        "A line follows for each file or folder that is created, changed, deleted or renamed in a DIR, or with\n"
+        "--recursive below it. What happens closely together to one file is told once; a DIR that is deleted,\n"
+        "renamed, unmounted or made unreadable is told of on standard error, and not watched any more.\n"
+        "--exec comes last. Its program is started without a shell and waited for; ZR_CHANGE (created,\n"
+        "changed, deleted, renamed), ZR_PATH and for a rename ZR_NEW_PATH, which {} is then, are in its\n"
+        "environment. With --clock the first line tells the time and the zone as they are, and one follows\n"
+        "whenever the clock is set, with how far it was moved, and whenever the system's zone changes. Ends\n"
+        "with SIGINT, SIGTERM or SIGHUP.\n"
         "\n"
         "Examples:\n"
         "  zr watch ~/Documents --ext txt\n"
+        "  zr watch -r ~/src --only '*.c' --only '*.h' --exec make\n"
         "  zr watch --clock --json | jq -r 'select(.change == \"zone\") | .zone'");
     command.runs([options] { return watch(*options); });
 }

@@ -13,8 +13,6 @@
 
 #include "zr/base/failure.h"
 #include "zr/base/host_paths.h"
-#include "zr/base/json.h"
-#include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/watch.h"
 
@@ -27,21 +25,6 @@ bool is_extension(const std::string& text) {
     return is_utf8(text) && to_utf16(text).size() <= kLongestExtension && text.find_first_of("./\\") == text.npos;
 }
 
-std::string reason(DWORD error) {
-    switch (error) {
-        case ERROR_PATH_NOT_FOUND:
-            return "it was deleted, renamed or unmounted";
-        case ERROR_ACCESS_DENIED:
-            return "permission denied";
-        case ERROR_NO_SYSTEM_RESOURCES:
-            return "the system has no room for more watched folders (fs.inotify.max_user_watches)";
-        case ERROR_TOO_MANY_OPEN_FILES:
-            return "the system has no room for more programs that watch (fs.inotify.max_user_instances)";
-        default:
-            return "error " + std::to_string(error);
-    }
-}
-
 // Tells of the end of a folder, of which the monitor says nothing: a watch for what never changes is set only then. It
 // also keeps the host's room for the monitor's own watch of the folder.
 class FolderEnd {
@@ -49,7 +32,7 @@ public:
     FolderEnd(const std::string& name, const std::u16string& path)
         : name_(name), handle_(FindFirstChangeNotificationW(path.c_str(), FALSE, FILE_NOTIFY_CHANGE_CREATION)) {
         if (handle_ == INVALID_HANDLE_VALUE)
-            throw Failure{Exit::Unreadable, name + ": cannot be watched: " + reason(GetLastError())};
+            throw Failure{Exit::Unreadable, name + ": cannot be watched: " + why_not_watched(GetLastError())};
     }
     ~FolderEnd() {
         if (handle_ != INVALID_HANDLE_VALUE) FindCloseChangeNotification(handle_);
@@ -61,7 +44,7 @@ public:
     HANDLE event() const { return handle_; }
     void report() const {
         if (!FindNextChangeNotification(handle_))
-            complain(name_ + ": is not watched any more: " + reason(GetLastError()));
+            complain(name_ + ": is not watched any more: " + why_not_watched(GetLastError()));
     }
 
 private:
@@ -101,9 +84,9 @@ private:
 
 class WatchedFolders final : public Watched, public FileSystemListener {
 public:
-    WatchedFolders(const std::vector<std::string>& folders, const std::string* extension, bool json) : json_(json) {
+    explicit WatchedFolders(const FolderWatchOptions& options) : changes_(options) {
         std::vector<std::u16string> paths;
-        for (const std::string& each : folders) {
+        for (const std::string& each : options.folders) {
             paths.push_back(handheld_folder(each));
             ends_.emplace_back(each, paths.back());
         }
@@ -112,6 +95,7 @@ public:
         for (std::u16string& each : paths) {
             pointers.push_back(each.data());
         }
+        const std::string* const extension = options.extension;
         const std::u16string wide = extension ? to_utf16(*extension) : std::u16string();
         if (monitor_.Initialize(this, pointers.data(), static_cast<unsigned int>(pointers.size()),
                                 extension ? wide.c_str() : nullptr, 0) != 1)
@@ -132,41 +116,45 @@ public:
         }
     }
 
-    void OnFileCreated(const WCHAR* path) override { print_change("created", path, nullptr); }
-    void OnFileChanged(const WCHAR* path) override { print_change("changed", path, nullptr); }
-    void OnFileDeleted(const WCHAR* path) override { print_change("deleted", path, nullptr); }
-    void OnFileRenamed(const WCHAR* from, const WCHAR* to) override { print_change("renamed", from, to); }
-
-private:
-    // Names are the host's bytes; what is not valid UTF-8 in them is shown as U+FFFD.
-    static std::string shown(const WCHAR* path) { return to_utf8(to_utf16(host_path(path))); }
-
-    void print_change(const char* change, const WCHAR* path, const WCHAR* to) const {
-        if (!json_) {
-            print(std::string(change) + " " + printable(shown(path)) + (to ? " -> " + printable(shown(to)) : "") +
-                  "\n");
-            return;
-        }
-        Json json = {{"change", change}, {"path", shown(path)}};
-        if (to) json.set("to", shown(to));
-        print_json_line(json);
+    void OnFileCreated(const WCHAR* path) override { changes_.tell("created", path, nullptr); }
+    void OnFileChanged(const WCHAR* path) override { changes_.tell("changed", path, nullptr); }
+    void OnFileDeleted(const WCHAR* path) override { changes_.tell("deleted", path, nullptr); }
+    void OnFileRenamed(const WCHAR* from, const WCHAR* to) override {
+        const std::u16string now = to;
+        changes_.tell("renamed", from, &now);
     }
 
-    const bool json_;
+private:
+    FileChanges changes_;
     std::vector<FolderEnd> ends_;
     EveryChange monitor_;
 };
 
 }  // namespace
 
-std::unique_ptr<Watched> watch_folders(const std::vector<std::string>& folders, const std::string* extension,
-                                       bool json) {
-    if (folders.size() > FileSystemMonitor::MAX_DIRECTORIES)
+std::string why_not_watched(DWORD error) {
+    switch (error) {
+        case ERROR_PATH_NOT_FOUND:
+            return "it was deleted, renamed or unmounted";
+        case ERROR_ACCESS_DENIED:
+            return "permission denied";
+        case ERROR_NO_SYSTEM_RESOURCES:
+            return "the system has no room for more watched folders (fs.inotify.max_user_watches)";
+        case ERROR_TOO_MANY_OPEN_FILES:
+            return "the system has no room for more programs that watch (fs.inotify.max_user_instances)";
+        default:
+            return "error " + std::to_string(error);
+    }
+}
+
+std::unique_ptr<Watched> watch_folders(const FolderWatchOptions& options) {
+    if (options.folders.size() > FileSystemMonitor::MAX_DIRECTORIES)
         throw Failure{Exit::Usage, "ten folders at most can be watched"};
-    if (extension && !is_extension(*extension))
-        throw Failure{Exit::Usage,
-                      "--ext: " + *extension + " is not an extension of three characters or less, without its dot"};
-    return std::make_unique<WatchedFolders>(folders, extension, json);
+    if (options.extension && !is_extension(*options.extension))
+        throw Failure{Exit::Usage, "--ext: " + *options.extension +
+                                       " is not an extension of three characters or less, without its dot"};
+    if (options.below) return watch_trees(options);
+    return std::make_unique<WatchedFolders>(options);
 }
 
 }  // namespace zr

@@ -9,6 +9,29 @@ _zr_files() {
     mapfile -t COMPREPLY < <(compgen -f -- "$1")
 }
 
+# The keys below the one that the word names so far. The word stands as it was typed, in quotes or with backslashes
+# doubled; readline puts it back the same way.
+_zr_keys() {
+    local word=$1 parent name
+    case $word in
+        \'* | \"*) word=${word:1} ;;
+        *) word=${word//\\\\/\\} ;;
+    esac
+    compopt -o filenames -o nospace 2>/dev/null
+    if [[ $word != *\\* ]]; then
+        for name in HKCR HKCU HKLM HKU HKEY_CLASSES_ROOT HKEY_CURRENT_USER HKEY_LOCAL_MACHINE HKEY_USERS; do
+            [[ ${name,,} == "${word,,}"* ]] && { [[ $name != HKEY_* ]] || [[ ${word,,} == hkey* ]]; } && COMPREPLY+=("$name\\")
+        done
+        return
+    fi
+    parent=${word%\\*}
+    while IFS= read -r name; do
+        [[ $name == *\\ && $name != *$'\t'* ]] || continue
+        name=$parent\\$name
+        [[ ${name,,} == "${word,,}"* ]] && COMPREPLY+=("$name")
+    done < <(zr reg list "$parent" 2>/dev/null)
+}
+
 _zr() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
     local group=${COMP_WORDS[1]} command=${COMP_WORDS[2]}
@@ -103,14 +126,31 @@ _zr() {
             esac ;;
         reg)
             if ((COMP_CWORD == 2)); then
-                _zr_words "get set delete list tree watch import export --help" "$current"
+                _zr_words "get set delete list tree find copy rename diff watch import export --help" "$current"
                 return
+            fi
+            if [[ $current != -* ]]; then
+                case $command in
+                    get | set | delete | list | tree | watch) ((COMP_CWORD == 3)) && { _zr_keys "$current"; return; } ;;
+                    rename) ((COMP_CWORD <= 4)) && { _zr_keys "$current"; return; } ;;
+                    find | copy | export) _zr_keys "$current"; return ;;
+                    diff)
+                        if ((COMP_CWORD == 3)) || [[ $current == HK* || $current == [\'\"]HK* ]]; then
+                            _zr_keys "$current"
+                        else
+                            _zr_files "$current"
+                        fi
+                        return ;;
+                esac
             fi
             case $command in
                 get | list) _zr_words "--json --help" "$current" ;;
                 set) _zr_words "--type --json --help" "$current" ;;
                 delete) _zr_words "--tree --json --help" "$current" ;;
                 tree) _zr_words "--depth --keys --json --help" "$current" ;;
+                find) _zr_words "--keys --names --data --exact --json --help" "$current" ;;
+                copy | diff) _zr_words "--json --help" "$current" ;;
+                rename) _zr_words "--value --json --help" "$current" ;;
                 watch) _zr_words "--key-only --json --help" "$current" ;;
                 import)
                     if [[ $current == -* ]]; then
@@ -153,7 +193,7 @@ _zr() {
         objects) _zr_words "--json --help" "$current" ;;
         zone) _zr_words "--next --json --help" "$current" ;;
         watch)
-            if [[ $current == -* ]]; then _zr_words "--ext --clock --json --help" "$current"; else _zr_files "$current"; fi ;;
+            if [[ $current == -* ]]; then _zr_words "--recursive --ext --only --exec --clock --json --help" "$current"; else _zr_files "$current"; fi ;;
         modules)
             if [[ $current == -* ]]; then
                 _zr_words "--id --version --level --pattern --json --help" "$current"
@@ -164,7 +204,7 @@ _zr() {
             if ((COMP_CWORD == 2)); then
                 _zr_words "show --help" "$current"
             elif [[ $current == -* ]]; then
-                _zr_words "--level --json --help" "$current"
+                _zr_words "--level --since --follow --json --help" "$current"
             else
                 _zr_files "$current"
             fi ;;

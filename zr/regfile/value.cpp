@@ -114,14 +114,10 @@ bool is_well_formed(const std::u16string& text) {
     return is_utf8(to_utf8_with_surrogates(text));
 }
 
-std::string quoted(const std::u16string& text) {
-    return "\"" + printable(to_utf8(text)) + "\"";
-}
-
 std::string texts_shown(const std::vector<std::u16string>& texts) {
     std::string shown;
     for (const std::u16string& text : texts) {
-        shown += (shown.empty() ? "" : " ") + quoted(text);
+        shown += (shown.empty() ? "" : " ") + quoted(to_utf8(text));
     }
     return shown;
 }
@@ -189,7 +185,7 @@ std::optional<std::vector<std::u16string>> reg_texts(const RegValue& value) {
 
 std::string reg_data_shown(const RegValue& value) {
     if (is_text(value.type)) {
-        if (const auto text = reg_text(value)) return printable(to_utf8(*text));
+        if (const auto text = reg_text(value)) return unmistakable(to_utf8(*text));
     } else if (value.type == REG_MULTI_SZ) {
         if (const auto texts = reg_texts(value)) return texts_shown(*texts);
     } else if (const auto number = number_of(value)) {

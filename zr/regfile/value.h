@@ -37,7 +37,7 @@ std::optional<std::u16string> reg_text(const RegValue& value);
 // The texts of data that is a sequence of them, none of them empty, with a terminator behind each and behind the last.
 std::optional<std::vector<std::u16string>> reg_texts(const RegValue& value);
 
-// One line for people, control characters escaped: text, a number, or bytes.
+// One line for people: text, a number, or bytes. A line break, or another control character, puts the text in quotes.
 std::string reg_data_shown(const RegValue& value);
 // Adds "type", and "data" where JSON can say exactly what the data is, else "hex".
 void add_reg_value(Json& json, const RegValue& value);

@@ -229,7 +229,7 @@ TEST_F(RegTool, ImportsTheSamples) {
     EXPECT_EQ(reg({"get", halcyon}).out, "Halcyon für Büro und Reise\n");
     EXPECT_EQ(reg({"get", halcyon, "Accounts"}).out, "jo@example.com\nteam@example.com\n");
     EXPECT_EQ(reg({"get", halcyon, "CachePath"}).out, "%APPDATA%\\cache\n");
-    EXPECT_EQ(reg({"get", halcyon, "Signature"}).out, "Jo Doe\\r\\nExample Ltd\\r\\n\n");
+    EXPECT_EQ(reg({"get", halcyon, "Signature"}).out, "\"Jo Doe\\r\\nExample Ltd\\r\\n\"\n");
     EXPECT_EQ(reg({"get", halcyon, "WindowLeft"}).out, "4294967196\n");
     EXPECT_EQ(reg({"get", halcyon, "Odd"}).out, "01 02 03\n");
     EXPECT_EQ(reg({"get", "HKLM\\System\\StorageManager\\Profiles", "Names"}).out, "Storage Card\nBüro\n");
@@ -245,7 +245,7 @@ TEST_F(RegTool, WatchesChangesOfOtherProcesses) {
     RunningZr watch({"reg", "watch", "HKCU\\A"});
     EXPECT_EQ(watch.read_line(), "now HKEY_CURRENT_USER\\A: 1 key, 1 value");
     ASSERT_EQ(reg({"set", "HKCU\\A\\B", "n", "a\nb"}).code, 0);
-    EXPECT_EQ(watch.read_line(), "set HKEY_CURRENT_USER\\A\\B: \"n\" = REG_SZ a\\nb");
+    EXPECT_EQ(watch.read_line(), "set HKEY_CURRENT_USER\\A\\B: \"n\" = REG_SZ \"a\\nb\"");
     ASSERT_EQ(reg({"set", "HKCU\\Elsewhere", "n", "x"}).code, 0);
     ASSERT_EQ(reg({"set", "HKCU\\A\\C\\D"}).code, 0);
     EXPECT_EQ(watch.read_line(), "key added HKEY_CURRENT_USER\\A\\C");

@@ -83,6 +83,10 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"reg", "delete"},
     {"reg", "list"},
     {"reg", "tree"},
+    {"reg", "find"},
+    {"reg", "copy"},
+    {"reg", "rename"},
+    {"reg", "diff"},
     {"reg", "watch"},
     {"reg", "import"},
     {"reg", "export"},
@@ -163,12 +167,12 @@ TEST_F(Tool, CompletesInBash) {
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr mail export --format"), "eml mbox mboxo mboxrd mboxcl mboxcl2 maildir\n");
     EXPECT_EQ(complete("zr mail move 1", "--"), "--to --json --help\n");
-    EXPECT_EQ(complete("zr reg"), "get set delete list tree watch import export --help\n");
+    EXPECT_EQ(complete("zr reg"), "get set delete list tree find copy rename diff watch import export --help\n");
     EXPECT_EQ(complete("zr reg set HKCU a b --type", "d"), "dword dword_big_endian\n");
     EXPECT_EQ(complete("zr reg export --encoding"), "utf-16 utf-8 windows-1252\n");
     EXPECT_EQ(complete("zr objects"), "--json --help\n");
     EXPECT_EQ(complete("zr zone"), "--next --json --help\n");
-    EXPECT_EQ(complete("zr watch", "-"), "--ext --clock --json --help\n");
+    EXPECT_EQ(complete("zr watch", "-"), "--recursive --ext --only --exec --clock --json --help\n");
     EXPECT_EQ(complete("zr contacts export --vcard-version"), "2.1 3.0 4.0\n");
 }
 
@@ -707,7 +711,7 @@ TEST_F(Tool, ShowsALog) {
     const Result text = zr({"log", "show", file("zr.log")});
     EXPECT_EQ(text.code, 0);
     EXPECT_EQ(text.err, "");
-    EXPECT_NE(text.out.find("OutlookManager.cppzrwindowsmobile:"), std::string::npos);
+    EXPECT_NE(text.out.find("OutlookManager.cpp:"), std::string::npos);
     const auto records = lines_of(zr({"log", "show", "--json", file("zr.log")}).out);
     ASSERT_EQ(records.size(), lines_of(text.out).size());
     const json first = json::parse(records.at(0));

@@ -99,6 +99,74 @@ TEST(WatchFolders, JsonAndAnExtension) {
     EXPECT_EQ(watch.wait(), 0);
 }
 
+TEST(WatchFolders, WatchesAllBelow) {
+    const TempFolder folder;
+    fs::create_directories(folder.host() / "a/b");
+    RunningZr watch({"watch", "-r", folder.host().string()});
+    first_line(watch, folder.host() / "a/b", "");
+    fs::create_directory(folder.host() / "new");
+    EXPECT_EQ(watch.read_line(), "created " + (folder.host() / "new").string());
+    touch(folder.host() / "new/file");
+    EXPECT_EQ(watch.read_line(), "created " + (folder.host() / "new/file").string());
+    fs::rename(folder.host() / "new/file", folder.host() / "a/b/other");
+    std::set<std::string> told;
+    for (std::string line; !line.ends_with("/other");) {
+        line = watch.read_line();
+        ASSERT_NE(line, "");
+        told.insert(line.substr(0, line.find(' ')));
+    }
+    EXPECT_TRUE(told.contains("renamed") || told.contains("created"));
+    fs::remove(folder.host() / "a/b/other");
+    std::string line;
+    while (!line.starts_with("deleted") || !line.ends_with("/other")) {
+        line = watch.read_line();
+        ASSERT_NE(line, "");
+    }
+    watch.kill(SIGTERM);
+    EXPECT_EQ(watch.wait(), 0);
+}
+
+TEST(WatchFolders, OnlyWhatMatches) {
+    const TempFolder folder;
+    fs::create_directories(folder.host() / "a");
+    RunningZr watch({"watch", "-r", folder.host().string(), "--only", "*.c", "--only", "*/a/*.h", "--ext", "c"});
+    first_line(watch, folder.host(), ".c");
+    touch(folder.host() / "a/x.h");
+    touch(folder.host() / "y.txt");
+    fs::rename(folder.host() / "y.txt", folder.host() / "y.c");
+    EXPECT_EQ(watch.read_line(),
+              "renamed " + (folder.host() / "y.txt").string() + " -> " + (folder.host() / "y.c").string());
+}
+
+TEST(WatchFolders, RunsAProgramWithoutAShell) {
+    const TempFolder folder;
+    RunningZr watch(
+        {"watch", folder.host().string(), "--exec", "sh", "-c", R"(echo "$ZR_CHANGE <$1> $2")", "--json", "{}", "<{}>"},
+        RunningZr::Errors::ToOutput);
+    first_line(watch, folder.host(), "");
+    const std::string last = (folder.host() / "last").string();
+    EXPECT_EQ(watch.read_line(), "created <" + last + "> <" + last + ">");
+    const std::string odd = (folder.host() / "a b;$(touch c) '{}").string();
+    fs::rename(last, odd);
+    EXPECT_EQ(watch.read_line(), "renamed " + last + " -> " + odd);
+    EXPECT_EQ(watch.read_line(), "renamed <" + odd + "> <" + odd + ">");
+    EXPECT_FALSE(fs::exists(folder.host() / "c"));
+    watch.kill(SIGTERM);
+    EXPECT_EQ(watch.wait(), 0);
+}
+
+TEST(WatchFolders, NamesAProgramThatFails) {
+    const TempFolder folder;
+    RunningZr failing({"watch", folder.host().string(), "--exec", "false"}, RunningZr::Errors::ToOutput);
+    first_line(failing, folder.host(), "");
+    EXPECT_EQ(failing.read_line(), "zr: false ended with 1");
+    RunningZr missing({"watch", folder.host().string(), "--exec", "/no/such/program"}, RunningZr::Errors::ToOutput);
+    first_line(missing, folder.host(), "x");
+    EXPECT_EQ(missing.read_line(), "zr: /no/such/program: cannot be run: No such file or directory");
+    zr::test::expect_failure(zr::test::zr({"watch", folder.host().string(), "--exec"}), 2, "--exec");
+    zr::test::expect_failure(zr::test::zr({"watch", "--clock", "--exec", "true"}), 2, "folders");
+}
+
 TEST(WatchFolders, NamesThatMakeThePathTooLongAreToldWhole) {
     const TempFolder folder;
     const fs::path deep = folder.host() / std::string(255 - folder.host().string().size(), 'd');
