@@ -91,20 +91,29 @@ HINSTANCE Desktop::owner_of_classes(HINSTANCE instance) {
     return instance ? instance : GetModuleHandleW(nullptr);
 }
 
-WindowClass* Desktop::find_class(HINSTANCE instance, const WCHAR* name, const std::u16string& folded) {
+WindowClass* Desktop::find_own_class(HINSTANCE instance, const WCHAR* name, const std::u16string& folded) {
     const auto found = classes.find({class_atom(name, folded), owner_of_classes(instance)});
     return found == classes.end() ? nullptr : &found->second;
 }
 
+WindowClass* Desktop::find_class(HINSTANCE instance, const WCHAR* name, const std::u16string& folded) {
+    WindowClass* const own = find_own_class(instance, name, folded);
+    return own ? own : find_own_class(system_instance(), name, folded);
+}
+
 void Desktop::link(Window& window, Window* parent) noexcept {
+    link_behind(window, parent, parent ? parent->last_child : last_top);
+}
+
+void Desktop::link_behind(Window& window, Window* parent, Window* previous) noexcept {
     Window*& first = parent ? parent->first_child : first_top;
     Window*& last = parent ? parent->last_child : last_top;
     window.parent = parent;
     window.depth = parent ? parent->depth + 1 : 0;
-    window.previous = last;
-    window.next = nullptr;
-    (last ? last->next : first) = &window;
-    last = &window;
+    window.previous = previous;
+    window.next = previous ? previous->next : first;
+    (window.previous ? window.previous->next : first) = &window;
+    (window.next ? window.next->previous : last) = &window;
 }
 
 void Desktop::unlink(Window& window) noexcept {

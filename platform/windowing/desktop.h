@@ -20,6 +20,11 @@ inline HWND desktop_window() {
     return reinterpret_cast<HWND>(UINT_PTR{0x10000});
 }
 
+// Whose the platform's own classes are: found for every instance that has none of that name.
+inline HINSTANCE system_instance() {
+    return reinterpret_cast<HINSTANCE>(UINT_PTR{1});
+}
+
 struct WindowClass {
     WNDCLASSW registered;  // without names
     ATOM atom;
@@ -81,15 +86,19 @@ public:
     Window* first_top = nullptr;
     Window* last_top = nullptr;
 
+    bool has_system_classes = false;
+
     // The module whose classes are meant: NULL is the program.
     static HINSTANCE owner_of_classes(HINSTANCE instance);
 
     // Under the lock; 0 and NULL: there is none. `name` may be an atom.
     ATOM class_atom(const WCHAR* name, const std::u16string& folded) const;
     WindowClass* find_class(HINSTANCE instance, const WCHAR* name, const std::u16string& folded);
+    WindowClass* find_own_class(HINSTANCE instance, const WCHAR* name, const std::u16string& folded);
 
     // Under the exclusive lock.
     void link(Window& window, Window* parent) noexcept;  // into its parent's children (NULL: the top level)
+    void link_behind(Window& window, Window* parent, Window* previous) noexcept;  // NULL: as the first
     void unlink(Window& window) noexcept;
     // A child of another thread than its parent's leaves the tree, and its thread is asked to destroy it.
     void orphan(Window& child) noexcept;

@@ -13,6 +13,14 @@ namespace zr::platform {
 
 struct WindowClass;
 
+// What a class of the platform's own keeps in a window: goes with it. The owning thread's alone.
+struct WindowData {
+    WindowData() = default;
+    WindowData(const WindowData&) = delete;
+    WindowData& operator=(const WindowData&) = delete;
+    virtual ~WindowData() = default;
+};
+
 inline constexpr int kDeepestWindow = 100;  // levels of parents
 
 struct Window {
@@ -26,10 +34,13 @@ struct Window {
     std::atomic<LONG_PTR> style{0};
     std::atomic<LONG_PTR> ex_style{0};
     std::atomic<LONG_PTR> instance{0};
+    std::atomic<LONG_PTR> font{0};
 
     std::unique_ptr<std::byte[]> extra;
     int extra_size = 0;
     std::unique_ptr<WCHAR[]> title;  // NULL: empty
+    std::unique_ptr<WindowData> data;
+    RECT place{0, 0, 0, 0};  // in the client area of its parent
 
     Window* parent = nullptr;
     Window* first_child = nullptr;

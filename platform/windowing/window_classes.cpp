@@ -5,6 +5,7 @@
 #include "kernel/thread.h"
 #include "platform/base.h"
 #include "platform/windowing.h"
+#include "system_classes.h"
 
 using zr::platform::Desktop;
 using zr::platform::WindowClass;
@@ -30,7 +31,7 @@ ATOM add_class(Desktop& desktop, const WNDCLASSW& description) {
     const std::u16string key = folded(description.lpszClassName);
     std::u16string name(description.lpszClassName);
     const std::unique_lock guard(desktop.lock);
-    if (desktop.find_class(description.hInstance, description.lpszClassName, key)) {
+    if (desktop.find_own_class(description.hInstance, description.lpszClassName, key)) {
         SetLastError(ERROR_CLASS_ALREADY_EXISTS);
         return 0;
     }
@@ -69,7 +70,7 @@ BOOL UnregisterClassW(LPCWSTR name, HINSTANCE instance) {
         const std::u16string key = folded(name);
         Desktop& desktop = Desktop::get();
         const std::unique_lock guard(desktop.lock);
-        const WindowClass* found = desktop.find_class(instance, name, key);
+        const WindowClass* found = desktop.find_own_class(instance, name, key);
         if (!found || found->windows != 0) {
             SetLastError(found ? ERROR_CLASS_HAS_WINDOWS : ERROR_CLASS_DOES_NOT_EXIST);
             return FALSE;
@@ -93,6 +94,7 @@ BOOL GetClassInfoW(HINSTANCE instance, LPCWSTR name, WNDCLASSW* window_class) {
     try {
         const std::u16string key = folded(name);
         Desktop& desktop = Desktop::get();
+        zr::platform::add_system_classes(desktop);
         const std::shared_lock guard(desktop.lock);
         const WindowClass* found = desktop.find_class(instance, name, key);
         if (!found) {

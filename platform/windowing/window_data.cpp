@@ -163,6 +163,14 @@ LRESULT DefWindowProcW(HWND window, UINT message, WPARAM wparam, LPARAM lparam) 
         case WM_GETTEXTLENGTH:
             return with_window<std::shared_lock>(window,
                                                  [](const Window& w) { return static_cast<LRESULT>(title_length(w)); });
+        case WM_SETFONT:
+            with_atomics(window, [wparam](Window& w) {
+                w.font = static_cast<LONG_PTR>(wparam);
+                return 0;
+            });
+            return 0;
+        case WM_GETFONT:
+            return with_atomics(window, [](const Window& w) { return static_cast<LRESULT>(w.font.load()); });
         default:
             return 0;
     }

@@ -4,11 +4,14 @@
 #include "base/live_count.h"
 #include "desktop.h"
 #include "kernel/thread.h"
+#include "place.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
 #include "platform/windowing.h"
 #include "room_waiters.h"
+#include "system_classes.h"
 #include "window_access.h"
+#include "windowing/screen_facts.h"
 
 using namespace zr::platform;
 
@@ -49,10 +52,22 @@ void link_to_thread(Window& window) {
     first = &window;
 }
 
+// Where a new window is.
+RECT first_place(const CREATESTRUCTW& how) {
+    const bool is_top = !how.hwndParent || how.hwndParent == HWND_MESSAGE || how.hwndParent == desktop_window();
+    const bool placed = how.x != CW_USEDEFAULT;
+    if (how.cx != CW_USEDEFAULT) return make_place(placed ? how.x : 0, placed ? how.y : 0, how.cx, how.cy);
+    const bool fills = is_top && (static_cast<DWORD>(how.style) & WS_POPUP) == 0;
+    const ScreenFacts screen = fills ? screen_facts() : ScreenFacts{0, 0, 0, 0, 0};
+    return make_place(placed ? how.x : 0, placed ? how.y : 0, screen.width, screen.height);
+}
+
 // Enters the window everywhere; from then on the desktop owns it.
 HWND add_window(std::unique_ptr<Window> window, const CREATESTRUCTW& how) {
     const std::u16string key = is_atom(how.lpszClass) ? std::u16string() : fold_name(how.lpszClass);
     Desktop& desktop = Desktop::get();
+    add_system_classes(desktop);
+    window->place = first_place(how);
     const std::unique_lock guard(desktop.lock);
     WindowClass* window_class = desktop.find_class(how.hInstance, how.lpszClass, key);
     if (!window_class) throw Failure{ERROR_CANNOT_FIND_WND_CLASS};
@@ -159,6 +174,7 @@ HWND CreateWindowExW(DWORD ex_style, LPCWSTR class_name, LPCWSTR title, DWORD st
         return nullptr;
     }
     if (call_own(window, WM_CREATE, 0, reinterpret_cast<LPARAM>(&how)) == -1) DestroyWindow(window);
+    if ((style & WS_VISIBLE) != 0 && own_window(window)) tell_place(window, true, true);
     return own_window(window) ? window : nullptr;
 }
 

@@ -89,6 +89,7 @@
 #define PeekMessage PeekMessageW
 #define PostMessage PostMessageW
 #define PostThreadMessage PostThreadMessageW
+#define PropertySheet PropertySheetW
 #define RegCreateKeyEx RegCreateKeyExW
 #define RegDeleteKey RegDeleteKeyW
 #define RegDeleteValue RegDeleteValueW

@@ -86,14 +86,21 @@ using LPMSG = MSG*;
 inline constexpr UINT WM_NULL = 0x0000;
 inline constexpr UINT WM_CREATE = 0x0001;
 inline constexpr UINT WM_DESTROY = 0x0002;
+inline constexpr UINT WM_MOVE = 0x0003;
+inline constexpr UINT WM_SIZE = 0x0005;
 inline constexpr UINT WM_ENABLE = 0x000A;
 inline constexpr UINT WM_SETTEXT = 0x000C;
 inline constexpr UINT WM_GETTEXT = 0x000D;
 inline constexpr UINT WM_GETTEXTLENGTH = 0x000E;
 inline constexpr UINT WM_CLOSE = 0x0010;
 inline constexpr UINT WM_QUIT = 0x0012;
+inline constexpr UINT WM_SHOWWINDOW = 0x0018;
+inline constexpr UINT WM_SETTINGCHANGE = 0x001A;
 inline constexpr UINT WM_CANCELMODE = 0x001F;
+inline constexpr UINT WM_SETFONT = 0x0030;
+inline constexpr UINT WM_GETFONT = 0x0031;
 inline constexpr UINT WM_NCDESTROY = 0x0082;
+inline constexpr UINT WM_INITDIALOG = 0x0110;
 inline constexpr UINT WM_COMMAND = 0x0111;
 inline constexpr UINT WM_TIMER = 0x0113;
 inline constexpr UINT WM_USER = 0x0400;
@@ -104,6 +111,7 @@ inline constexpr DWORD WS_POPUP = 0x80000000;
 inline constexpr DWORD WS_CHILD = 0x40000000;
 inline constexpr DWORD WS_VISIBLE = 0x10000000;
 inline constexpr DWORD WS_DISABLED = 0x08000000;
+inline constexpr DWORD WS_BORDER = 0x00800000;  // one pixel on each side is not the client area's
 inline constexpr int CW_USEDEFAULT = static_cast<int>(0x80000000u);
 
 inline constexpr int GWL_WNDPROC = -4;
@@ -190,7 +198,8 @@ inline LPCWSTR MAKEINTATOM(ATOM atom) {
 
 // ---- Windows ----
 
-// Makes a window of a class registered for `instance` on the calling thread. Its procedure gets WM_CREATE with a
+// Makes a window of a class registered for `instance`, or of one of the platform's own (controls.h), on the calling
+// thread. Its place is told in places.h; a window made with WS_VISIBLE gets WM_SIZE and WM_MOVE after WM_CREATE. Its procedure gets WM_CREATE with a
 // CREATESTRUCTW before the call returns, as on the handheld without WM_NCCREATE before it; the answer -1 destroys the
 // window (WM_DESTROY, WM_NCDESTROY) and the call returns NULL. A window with a parent is a child, whatever its style,
 // and is destroyed with its parent; a child made by another thread than its parent's goes as soon as that thread
@@ -230,7 +239,7 @@ ZRPLATFORM_API BOOL IsWindow(HWND window);
 // NULL for a window without parent (last error untouched) and for an invalid handle.
 ZRPLATFORM_API HWND GetParent(HWND window);
 ZRPLATFORM_API BOOL IsChild(HWND parent, HWND window);  // also grandchildren
-// Siblings in order of creation; the top-level windows of the process are siblings of each other.
+// Siblings in order of creation, until SetWindowPos puts one elsewhere; the top-level windows of the process are siblings of each other.
 ZRPLATFORM_API HWND GetWindow(HWND window, UINT relation);
 // The first top-level window of the class (NULL: any class) and exact title (NULL: any title, ignoring case).
 // NULL when there is none: ERROR_CANNOT_FIND_WND_CLASS if no class has that name, else ERROR_FILE_NOT_FOUND.
@@ -252,7 +261,7 @@ ZRPLATFORM_API int GetWindowTextW(HWND window, LPWSTR text, int capacity);
 ZRPLATFORM_API int GetWindowTextLengthW(HWND window);
 
 // What a window does with a message that its procedure does not handle: WM_CLOSE destroys it, the text messages keep
-// its title, all others return 0. Call it on the window's own thread.
+// its title, WM_SETFONT and WM_GETFONT a font's handle, all others return 0. Call it on the window's own thread.
 ZRPLATFORM_API LRESULT DefWindowProcW(HWND window, UINT message, WPARAM wparam, LPARAM lparam);
 // Calls `procedure`; NULL returns 0.
 ZRPLATFORM_API LRESULT CallWindowProcW(WNDPROC procedure, HWND window, UINT message, WPARAM wparam, LPARAM lparam);
