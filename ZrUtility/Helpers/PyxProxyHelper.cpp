@@ -8,6 +8,7 @@
 #include "ZrLog/ZrLog.h"
 #include "ZrUtility/Helpers/open_registry_key.h"
 #include "ZrUtility/Helpers/proxy_entries.h"
+#include "ZrUtility/Helpers/registry_batch.h"
 #include "ZrUtility/ZrLinkList.h"
 #include "platform/base.h"
 #include "platform/com.h"
@@ -30,6 +31,8 @@ constexpr const WCHAR* DESTINATION_KEY = u"Comm\\ConnMgr\\Destinations\\My Halcy
 constexpr const WCHAR* INTERNET_TEXT = u"{436EF144-B4FB-4863-A041-8F905A62C572}";
 constexpr const WCHAR* WORK_TEXT = u"{A1182988-0D73-439E-87AD-2A5B369F808B}";
 constexpr ULONG VALUE_CHARS = 256;
+// So many entries are changed as one: others wait no longer.
+constexpr ULONG ENTRIES_AT_ONCE = 256;
 
 constexpr const WCHAR* DESTINATION_DOCUMENT =
     u"<wap-provisioningdoc>\r\n"
@@ -204,6 +207,8 @@ struct Rewrite {
     explicit Rewrite(int wanted) : enable(wanted) {}
 
     void All();
+    bool Some(ULONG first, ProviderItem& http);
+    void DropBehind(int count) const;
     bool Take(std::unique_ptr<ProviderItem> item) const;
     bool One(ProviderItem& entry, ProviderItem& http) const;
     static void PointAtClient(ProviderItem& entry, ProviderItem& http);
@@ -223,10 +228,32 @@ void Rewrite::All() {
     http.SetEnable(enable, 0);
     own.corp->SetEnable(enable, 0);
     if (!Take(std::move(own.http)) || !Take(std::move(own.corp))) return;
-    ProviderItem* next = nullptr;
-    for (ULONG i = 0; entries.GetNextItem(i, &next); ++i) {
+    bool more = true;
+    for (ULONG first = 0; more; first += ENTRIES_AT_ONCE) {
+        const int before = items->getNumberOfElement();
+        RegistryBatch batch;
+        more = Some(first, http);
+        if (batch.Keep()) continue;
+        // On a disk that is full, say: once more, value by value, as far as it goes.
+        DropBehind(before);
+        more = Some(first, http);
+    }
+}
+
+// False when there are no more.
+bool Rewrite::Some(ULONG first, ProviderItem& http) {
+    for (ULONG i = first; i < first + ENTRIES_AT_ONCE; ++i) {
+        ProviderItem* next = nullptr;
+        if (!entries.GetNextItem(i, &next)) return false;
         std::unique_ptr<ProviderItem> entry(next);
         if (!entry->IsHalcyonProvider() && One(*entry, http)) Take(std::move(entry));
+    }
+    return true;
+}
+
+void Rewrite::DropBehind(int count) const {
+    for (int i = items->getNumberOfElement(); i-- > count;) {
+        delete static_cast<ProviderItem*>(items->removeElement(i));
     }
 }
 

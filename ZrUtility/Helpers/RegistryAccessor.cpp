@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "ZrUtility/Helpers/open_registry_key.h"
+#include "ZrUtility/Helpers/registry_batch.h"
 
 namespace {
 
@@ -78,6 +79,19 @@ LONG CopySubKeys(HKEY from, HKEY to) {
     }
 }
 
+LONG MoveKey(HKEY root, const WCHAR* fromSubKey, const WCHAR* toSubKey) {
+    OpenRegistryKey from;
+    LONG result = from.Open(root, fromSubKey) ? SUCCESS : from.Error();
+    if (result != SUCCESS) return result;
+    {
+        OpenRegistryKey to;
+        result = to.Create(root, toSubKey) ? CopySubKeys(from, to) : to.Error();
+    }
+    from.Close();
+    RegDeleteKeyW(root, fromSubKey);
+    return result;
+}
+
 }  // namespace
 
 ULONG RegistryAccessor::RegistryGetDWORD(HKEY root, const WCHAR* subKey, const WCHAR* name, ULONG def) {
@@ -147,16 +161,13 @@ void RegistryAccessor::RegistrySetBinary(HKEY root, const WCHAR* subKey, const W
 
 LONG RegistryAccessor::RegistryMoveKey(HKEY root, const WCHAR* fromSubKey, const WCHAR* toSubKey) {
     if (root == nullptr || fromSubKey == nullptr || toSubKey == nullptr) return -1;
-    OpenRegistryKey from;
-    LONG result = from.Open(root, fromSubKey) ? SUCCESS : from.Error();
-    if (result != SUCCESS) return result;
     {
-        OpenRegistryKey to;
-        result = to.Create(root, toSubKey) ? CopySubKeys(from, to) : to.Error();
+        RegistryBatch batch;
+        const LONG result = MoveKey(root, fromSubKey, toSubKey);
+        if (batch.Keep()) return result;
     }
-    from.Close();
-    RegDeleteKeyW(root, fromSubKey);
-    return result;
+    // On a disk that is full, say: as far as it goes.
+    return MoveKey(root, fromSubKey, toSubKey);
 }
 
 int RegistryAccessor::KeyExists(HKEY root, const WCHAR* subKey) {

@@ -19,6 +19,7 @@ DWORD make(Transaction& transaction, const ZrRegistryChange& change) {
     const KeyArgument root(change.Root);
     if (!root) return ERROR_INVALID_HANDLE;
     if (!is_valid(change)) return ERROR_INVALID_PARAMETER;
+    if (root.is_deleted()) return ERROR_KEY_DELETED;
     Place place = root.place();
     const bool makes = change.Step == ZrRegistryStep::CreateKey || change.Step == ZrRegistryStep::SetValue;
     bool created = false;
@@ -49,7 +50,7 @@ LONG ZrRegistryApplyEach(ZrRegistryNextChange next, LPVOID context, DWORD* faile
     Store* const store = Store::instance();
     if (store == nullptr) return result(ERROR_NOT_ENOUGH_MEMORY);
     DWORD at = 0;
-    const DWORD error = store->write([&](Transaction& transaction) -> DWORD {
+    const DWORD error = write_as_one(*store, [&](Transaction& transaction) -> DWORD {
         for (;; ++at) {
             ZrRegistryChange change = {};
             const int more = next(&change, context);

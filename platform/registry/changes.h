@@ -25,6 +25,7 @@ enum class ChangeKind : int {
     KeyRemoved = 2,  // with a tree there is one entry for each of its keys, lower ones first; none for their values
     ValueSet = 3,
     ValueRemoved = 4,
+    ValuesChanged = 5,  // several of a key's values at once, which are not named
 };
 
 struct Change {

@@ -13,7 +13,9 @@ DWORD find(HKEY key, LPCWSTR path, Ref<Node>& found) noexcept {
     return read_key(key, [&](Tree& tree, Node& from) {
         Node* node = nullptr;
         const DWORD error = tree.walk(from, path, node);
-        if (error == ERROR_SUCCESS) found = Ref<Node>::retain(*node);
+        if (error != ERROR_SUCCESS) return error;
+        Batch* const batch = Batch::current();
+        found = batch != nullptr ? batch->handed_out(*node) : Ref<Node>::retain(*node);
         return error;
     });
 }
@@ -134,7 +136,12 @@ LONG RegDeleteKeyW(HKEY key, LPCWSTR path) {
 // Destructors call it, in which a thread cannot be ended.
 LONG RegFlushKey(HKEY key) {
     const DWORD error = read_key(key, [](Tree& tree, Node& node) { return tree.check(node); });
-    return result(error == ERROR_SUCCESS ? Store::instance()->flush() : error);
+    if (error != ERROR_SUCCESS) return result(error);
+    if (Batch* const batch = Batch::current()) {
+        batch->flush_at_end();
+        return result(ERROR_SUCCESS);
+    }
+    return result(Store::instance()->flush());
 }
 
 LONG RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, DWORD* name_chars, DWORD* reserved, LPWSTR key_class,

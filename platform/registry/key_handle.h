@@ -2,6 +2,7 @@
 
 // From a caller's handle to the key.
 
+#include "batch.h"
 #include "kernel/handle_table.h"
 #include "platform/registry.h"
 #include "store.h"
@@ -22,7 +23,9 @@ public:
         : root_(root_index(key)), pinned_(root_ >= 0 ? Pin() : Pin(reinterpret_cast<HANDLE>(key))) {}
     explicit operator bool() const noexcept { return root_ >= 0 || pinned_; }
     // The key's node. A root's number and path are those of its place.
-    Node& node(Tree& tree) const noexcept { return root_ >= 0 ? tree.root(static_cast<std::size_t>(root_)) : *pinned_; }
+    Node& node(Tree& tree) const { return root_ >= 0 ? tree.root(static_cast<std::size_t>(root_)) : tree.of(*pinned_); }
+    // Its number may be another key's by now, in another store. Told once the store is open for a change.
+    bool is_deleted() const noexcept { return root_ < 0 && pinned_->is_deleted(); }
     KeyId id() const noexcept { return root_ >= 0 ? kFirstRoot + root_ : pinned_->id; }
     Place place() const { return {id(), root_ >= 0 ? std::vector<KeyId>() : pinned_->parents}; }
 
@@ -34,6 +37,13 @@ private:
 // A new handle to the key.
 DWORD open_key(Ref<Node> node, HKEY& key) noexcept;
 
+// Calls body(transaction) in the thread's batch, or commits what it changes; all of it or, when it fails, nothing.
+template <class Body>
+DWORD write_as_one(Store& store, Body&& body, const Tree::OwnChange* own = nullptr) {
+    Batch* const batch = Batch::current();
+    return batch != nullptr ? batch->write(body, own != nullptr) : store.write(body, own);
+}
+
 // Calls body(tree, node) with the key that a handle names.
 template <class Body>
 DWORD read_key(HKEY key, Body&& body) noexcept {
@@ -41,7 +51,9 @@ DWORD read_key(HKEY key, Body&& body) noexcept {
     if (!argument) return ERROR_INVALID_HANDLE;
     Store* const store = Store::instance();
     if (store == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    return store->read([&](Tree& tree) { return body(tree, argument.node(tree)); });
+    const auto read = [&](Tree& tree) { return body(tree, argument.node(tree)); };
+    Batch* const batch = Batch::current();
+    return batch != nullptr ? batch->read(read) : store->read(read);
 }
 
 // Calls body(transaction, place) likewise.
@@ -51,7 +63,8 @@ DWORD change_key(HKEY key, Body&& body) {
     if (!argument) return ERROR_INVALID_HANDLE;
     Store* const store = Store::instance();
     if (store == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    return store->write([&](Transaction& transaction) {
+    return write_as_one(*store, [&](Transaction& transaction) {
+        if (argument.is_deleted()) return DWORD{ERROR_KEY_DELETED};
         Place place = argument.place();
         return body(transaction, place);
     });

@@ -35,6 +35,8 @@ constexpr const char* kSteps[] = {
     // Letters without a capital of their own (final sigma, the micro sign) are only equal to themselves.
     ("UPDATE key SET folded = folded_name(name) WHERE id > 4 AND folded <> folded_name(name);"
      "UPDATE value SET folded = folded_name(name) WHERE folded <> folded_name(name);"),
+    // The log has a kind of change that earlier versions do not know. There is nothing to do.
+    "SELECT 1;",
 };
 
 void folded_name(sqlite3_context* context, int, sqlite3_value** arguments) {
@@ -110,13 +112,15 @@ DWORD mend(Connection& connection) {
 
 // A commit is not synced: RegFlushKey does that. SQLite itself still syncs where it must to keep the file whole: the
 // journal before a checkpoint copies from it, the file before the journal is begun anew, and the journal's new front.
+// What one transaction changes stays in memory up to some 50 MB, and is written once.
 const StoreKind kRegistryStore = {"registry", kStoreName, "registry.db", kApplicationId, kSteps,
                                   "PRAGMA page_size = 1024;"
                                   "PRAGMA journal_mode = WAL;"
                                   "PRAGMA synchronous = NORMAL;"
                                   "PRAGMA wal_autocheckpoint = 2000;"
                                   "PRAGMA journal_size_limit = 16777216;"
-                                  "PRAGMA cache_size = -4096;",
+                                  "PRAGMA cache_size = -4096;"
+                                  "PRAGMA cache_spill = 40000;",
                                   // A key is made after the one above it.
                                   "SELECT NOT EXISTS(SELECT 1 FROM key AS k WHERE id > 4 AND (parent >= id OR"
                                   " NOT EXISTS(SELECT 1 FROM key WHERE id = k.parent)))"

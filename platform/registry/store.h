@@ -54,6 +54,8 @@ public:
     DWORD flush() noexcept { return registry_error(shared_.flush()); }
 
     SharedStore& shared() { return shared_; }
+    // With the reading lock held.
+    Tree& tree() { return tree_; }
 
     void opened(bool another) override;
     DWORD follow(LONGLONG position) override { return tree_.follow(position); }

@@ -6,12 +6,16 @@
 
 namespace zr::platform::registry {
 DWORD Transaction::failed() {
+    broken_ = true;
     return fail(connection_);
 }
 
 DWORD Transaction::log(ChangeKind kind, const Place& key, std::u16string_view name) {
     LONGLONG seq = 0;
-    if (const DWORD error = writing_.next_seq(seq); error != ERROR_SUCCESS) return registry_error(error);
+    if (const DWORD error = writing_.next_seq(seq); error != ERROR_SUCCESS) {
+        broken_ = true;
+        return registry_error(error);
+    }
     Use statement =
         connection_.use("INSERT INTO change(kind, key, parents, name, seq, origin) VALUES(?1, ?2, ?3, ?4, ?5, ?6)");
     if (!statement) return failed();
@@ -24,7 +28,24 @@ DWORD Transaction::log(ChangeKind kind, const Place& key, std::u16string_view na
     return connection_.run(statement) == ERROR_SUCCESS ? ERROR_SUCCESS : failed();
 }
 
+DWORD Transaction::log_key(ChangeKind kind, const Place& key, std::u16string_view name) {
+    values_of_ = 0;
+    if (tree_ != nullptr) tree_->note({0, kind, key.id, key.parents, std::u16string(name)});
+    return log(kind, key, name);
+}
+
+// Of many values in a row the log names the first one only.
+DWORD Transaction::log_value(ChangeKind kind, const Place& key, std::u16string_view name) {
+    if (values_of_ != key.id) {
+        values_of_ = key.id;
+        several_ = false;
+        return log(kind, key, name);
+    }
+    return std::exchange(several_, true) ? ERROR_SUCCESS : log(ChangeKind::ValuesChanged, key, {});
+}
+
 DWORD Transaction::check(const Place& key) {
+    if (key.parents.empty() || (tree_ != nullptr && tree_->has(key.id))) return ERROR_SUCCESS;
     const Use row = connection_.use("SELECT 1 FROM key WHERE id = ?1");
     if (!row) return failed();
     row->bind(1, key.id);
@@ -35,10 +56,23 @@ DWORD Transaction::check(const Place& key) {
 DWORD Transaction::find_child(const Place& parent, std::u16string_view name, KeyId& id) {
     const FoldedName folded(name);
     if (!folded) return ERROR_FILE_NOT_FOUND;
+    const std::size_t level = parent.parents.size();
+    if (level < found_.size() && found_[level].parent == parent.id && found_[level].folded == folded.view()) {
+        id = found_[level].id;
+        return ERROR_SUCCESS;
+    }
+    const DWORD error = look_up(parent.id, folded.view(), id);
+    if (error != ERROR_SUCCESS || level > found_.size()) return error;
+    found_.resize(level);
+    found_.push_back({parent.id, id, std::u16string(folded.view())});
+    return ERROR_SUCCESS;
+}
+
+DWORD Transaction::look_up(KeyId parent, std::u16string_view folded, KeyId& id) {
     const Use row = connection_.use("SELECT id FROM key WHERE parent = ?1 AND folded = ?2");
     if (!row) return failed();
-    row->bind(1, parent.id);
-    row->bind_units(2, folded.view());
+    row->bind(1, parent);
+    row->bind_units(2, folded);
     const int code = row->step();
     if (code == SQLITE_DONE) return ERROR_FILE_NOT_FOUND;
     if (code != SQLITE_ROW) return failed();
@@ -88,7 +122,7 @@ DWORD Transaction::make(Place& key, LPCWSTR path, std::u16string_view key_class,
             created = true;
         }
         key.parents.push_back(std::exchange(key.id, id));
-        if (error == ERROR_SUCCESS && created) error = log(ChangeKind::KeyAdded, key, part);
+        if (error == ERROR_SUCCESS && created) error = log_key(ChangeKind::KeyAdded, key, part);
     }
     return error;
 }
@@ -127,11 +161,12 @@ DWORD Transaction::delete_key(const Doomed& key) {
         if (statement) statement->bind(1, key.place.id);
         if (connection_.run(statement) != 0) return failed();
     }
-    return log(ChangeKind::KeyRemoved, key.place, key.name);
+    return log_key(ChangeKind::KeyRemoved, key.place, key.name);
 }
 
 DWORD Transaction::delete_tree(const Place& key) {
     if (key.parents.empty()) return ERROR_ACCESS_DENIED;
+    found_.clear();
     std::vector<Doomed> keys;
     keys.push_back({key, {}});
     DWORD error = name_of(key.id, keys.front().name);
@@ -157,7 +192,9 @@ DWORD Transaction::set_value(const Place& key, std::u16string_view name, DWORD t
     statement->bind_blob(5, data, size);
     if (connection_.run(statement) != 0) return failed();
     // What is set to what it is has not changed.
-    return connection_.changes() == 0 ? ERROR_SUCCESS : log(ChangeKind::ValueSet, key, name);
+    if (connection_.changes() == 0) return ERROR_SUCCESS;
+    if (tree_ != nullptr) tree_->take_over({key.id, ChangeKind::ValueSet, name, type, data, size});
+    return log_value(ChangeKind::ValueSet, key, name);
 }
 
 DWORD Transaction::delete_value(const Place& key, std::u16string_view name) {
@@ -168,7 +205,9 @@ DWORD Transaction::delete_value(const Place& key, std::u16string_view name) {
     statement->bind(1, key.id);
     statement->bind_units(2, folded.view());
     if (connection_.run(statement) != 0) return failed();
-    return connection_.changes() == 0 ? ERROR_FILE_NOT_FOUND : log(ChangeKind::ValueRemoved, key, name);
+    if (connection_.changes() == 0) return ERROR_FILE_NOT_FOUND;
+    if (tree_ != nullptr) tree_->take_over({key.id, ChangeKind::ValueRemoved, name, 0, nullptr, 0});
+    return log_value(ChangeKind::ValueRemoved, key, name);
 }
 
 }  // namespace zr::platform::registry

@@ -7,6 +7,7 @@
 #include "changes.h"
 #include "names.h"
 #include "store/shared_store.h"
+#include "tree.h"
 
 namespace zr::platform::registry {
 
@@ -20,7 +21,9 @@ struct Place {
 // std::bad_alloc.
 class Transaction {
 public:
-    explicit Transaction(StoreWriting& writing) : writing_(writing), connection_(writing.connection()) {}
+    // `tree`: reads through the same connection, and is told of every change.
+    explicit Transaction(StoreWriting& writing, Tree* tree = nullptr)
+        : writing_(writing), connection_(writing.connection()), tree_(tree) {}
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
@@ -34,22 +37,45 @@ public:
     DWORD set_value(const Place& key, std::u16string_view name, DWORD type, const BYTE* data, DWORD size);
     DWORD delete_value(const Place& key, std::u16string_view name);
 
+    // The store has failed: what was changed is good for nothing but being rolled back.
+    bool is_broken() const { return broken_; }
+    // Some of the changes were taken back.
+    void forget() {
+        values_of_ = 0;
+        found_.clear();
+    }
+
 private:
     struct Doomed {
         Place place;
         std::u16string name;
     };
 
+    // A key on the way of the last path, by its level: neighbours in a path's tree are looked for one after the other.
+    struct Found {
+        KeyId parent;
+        KeyId id;
+        std::u16string folded;
+    };
+
     DWORD find_child(const Place& parent, std::u16string_view name, KeyId& id);
+    DWORD look_up(KeyId parent, std::u16string_view folded, KeyId& id);
     DWORD make_child(const Place& parent, std::u16string_view name, std::u16string_view key_class, KeyId& id);
     DWORD name_of(KeyId id, std::u16string& name);
     DWORD collect(std::vector<Doomed>& keys);
     DWORD delete_key(const Doomed& key);
     DWORD log(ChangeKind kind, const Place& key, std::u16string_view name);
+    DWORD log_key(ChangeKind kind, const Place& key, std::u16string_view name);
+    DWORD log_value(ChangeKind kind, const Place& key, std::u16string_view name);
     DWORD failed();
 
     StoreWriting& writing_;
     Connection& connection_;
+    Tree* tree_;
+    KeyId values_of_ = 0;   // the last change was one of this key's values
+    bool several_ = false;  // and the log says that there may be any number of them
+    bool broken_ = false;
+    std::vector<Found> found_;
 };
 
 }  // namespace zr::platform::registry

@@ -51,7 +51,7 @@ std::size_t weight(const Value& value) {
 Node::Node(KeyId number, std::vector<KeyId> above, std::u16string text)
     : Object(kKind), id(number), parents(std::move(above)), name(std::move(text)), folded(registry::folded(name)) {}
 
-Tree::Tree(Connection& reader) : reader_(reader) {
+Tree::Tree(Connection& reader, Kind kind) : reader_(reader), kind_(kind) {
     for (int i = 0; i < kRoots; ++i) {
         roots_[static_cast<std::size_t>(i)] =
             Ref<Node>::adopt(new Node(kFirstRoot + i, std::vector<KeyId>(), std::u16string()));
@@ -63,6 +63,7 @@ void Tree::start_anew() {
     for (const auto& [id, node] : nodes_) {
         node->deleted_ = true;
         node->verified_ = true;
+        node->awaited_ = false;
     }
     nodes_.clear();
 }
@@ -99,6 +100,13 @@ Node* Tree::at_hand(KeyId id) const {
 // The node of a key that is in the store, new if need be.
 Node& Tree::adopt(KeyId id, const std::vector<KeyId>& parents, std::u16string_view name) {
     Ref<Node>& node = nodes_[id];
+    if (node && node->awaited_ && (node->parents != parents || node->name != name)) {
+        // The batch was not kept, and another key has got the number.
+        node->deleted_ = true;
+        node->verified_ = true;
+        node->awaited_ = false;
+        node = Ref<Node>();
+    }
     if (!node) {
         try {
             node = Ref<Node>::adopt(new Node(id, parents, std::u16string(name)));
@@ -108,7 +116,47 @@ Node& Tree::adopt(KeyId id, const std::vector<KeyId>& parents, std::u16string_vi
         }
     }
     node->verified_ = true;
+    node->awaited_ = false;
     return *node;
+}
+
+Node& Tree::own_node(Node& named) {
+    if (named.is_deleted()) {
+        if (!gone_) {
+            gone_ = Ref<Node>::adopt(new Node(named.id, named.parents, std::u16string()));
+            gone_->deleted_ = true;
+        }
+        return *gone_;
+    }
+    if (Node* const node = at_hand(named.id)) return *node;
+    Node& node = adopt(named.id, named.parents, named.name);
+    node.verified_ = false;
+    return node;
+}
+
+Ref<Node> Tree::lend(const Node& other, bool& made) {
+    if (Node* const node = at_hand(other.id)) return Ref<Node>::retain(*node);
+    Node& node = adopt(other.id, other.parents, other.name);
+    node.verified_ = false;
+    node.awaited_ = made = true;
+    return Ref<Node>::retain(node);
+}
+
+void Tree::settle(Node& lent, bool kept) noexcept {
+    if (!std::exchange(lent.awaited_, false) || kept) return;
+    lent.deleted_ = true;
+    lent.verified_ = true;
+    nodes_.erase(lent.id);
+}
+
+bool Tree::has(KeyId id) const {
+    const Node* const node = at_hand(id);
+    return node != nullptr && node->verified_ && !node->is_deleted();
+}
+
+void Tree::note(const Change& change) {
+    std::vector<Stale> none;
+    apply(change, none);
 }
 
 DWORD Tree::changes(LONGLONG behind, int limit, std::vector<Change>& changes) {
@@ -154,6 +202,9 @@ void Tree::apply(const Change& change, std::vector<Stale>& stale) {
         case ChangeKind::ValueSet:
         case ChangeKind::ValueRemoved:
             if (node != nullptr && node->has_values_) stale.push_back({Ref<Node>::retain(*node), folded(change.name)});
+            break;
+        case ChangeKind::ValuesChanged:
+            if (node != nullptr && node->has_values_) drop_values(*node);
             break;
     }
 }
@@ -266,9 +317,11 @@ DWORD Tree::verify(Node& node) {
     const int code = row->step();
     if (code == SQLITE_ROW) {
         node.verified_ = true;
+        node.awaited_ = false;
         return ERROR_SUCCESS;
     }
     if (code != SQLITE_DONE) return failed();
+    if (node.awaited_) return ERROR_KEY_DELETED;
     remove(node);  // its handles keep it
     return ERROR_KEY_DELETED;
 }

@@ -10,6 +10,7 @@
 // Used with the store's reading lock held. May throw std::bad_alloc; then forget() must be called.
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <new>
 #include <string>
@@ -45,13 +46,15 @@ public:
     const std::u16string name;
     const std::u16string folded;
     bool is_root() const { return parents.empty(); }
+    bool is_deleted() const { return deleted_.load(std::memory_order_relaxed); }
 
 private:
     friend class Tree;
     ~Node() override = default;
 
-    bool deleted_ = false;
+    std::atomic<bool> deleted_{false};
     bool verified_ = true;  // known to be in the store
+    bool awaited_ = false;  // made by a batch: it may come into the store yet
     bool has_children_ = false;
     bool has_values_ = false;
     bool has_class_ = false;
@@ -63,7 +66,11 @@ private:
 
 class Tree {
 public:
-    explicit Tree(Connection& reader);
+    enum class Kind {
+        Shared,  // its nodes are those that handles name
+        Own,     // a batch's
+    };
+    explicit Tree(Connection& reader, Kind kind = Kind::Shared);
     Tree(const Tree&) = delete;
     Tree& operator=(const Tree&) = delete;
 
@@ -73,7 +80,8 @@ public:
     DWORD follow(LONGLONG position);
     // Drops all that was read but for which keys there are. Needs no memory.
     void forget() noexcept;
-    // Takes over a change of a value that this process has committed: the only one since what is here was read.
+    // Takes over a change of a value that was read by nobody yet: that this process has committed, the only one since
+    // what is here was read; or that the reader's own transaction has made.
     struct OwnChange {
         KeyId key;
         ChangeKind kind;
@@ -83,11 +91,23 @@ public:
         DWORD size;
     };
     void take_over(const OwnChange& change);
+    // The same for a key that came or went.
+    void note(const Change& change);
+    // Whether the key is known to be there.
+    bool has(KeyId id) const;
+
+    // This tree's node of a key that a handle names.
+    Node& of(Node& named) { return kind_ == Kind::Shared ? named : own_node(named); }
+    // The node, for a handle, of a key that another tree knows. `made`: there was none, and until the key is found in
+    // the store, or disowned, it counts as deleted.
+    Ref<Node> lend(const Node& other, bool& made);
+    // What became of the batch that such a node came from.
+    void settle(Node& lent, bool kept) noexcept;
 
     Node& root(std::size_t index) { return *roots_[index]; }
     // ERROR_KEY_DELETED, or nothing.
     DWORD check(Node& node) {
-        return node.verified_ ? node.deleted_ ? ERROR_KEY_DELETED : ERROR_SUCCESS : verify(node);
+        return node.verified_ ? node.is_deleted() ? ERROR_KEY_DELETED : ERROR_SUCCESS : verify(node);
     }
     // ERROR_FILE_NOT_FOUND when the key or value is not there. What is found is good until the lock is given back.
     DWORD walk(Node& from, LPCWSTR path, Node*& found);
@@ -157,11 +177,14 @@ private:
     void remove(Node& node) noexcept;
     Node* at_hand(KeyId id) const;
     Node& adopt(KeyId id, const std::vector<KeyId>& parents, std::u16string_view name);
+    Node& own_node(Node& named);
     DWORD failed();
 
     static constexpr std::size_t kMostValueBytes = std::size_t{64} << 20;
 
     Connection& reader_;
+    const Kind kind_;
+    Ref<Node> gone_;       // what any deleted key is to a tree of a batch
     ULONGLONG moves_ = 0;  // counts what may have made an answer another one
     std::array<Recent<Node>, kRecent> recent_keys_;
     std::array<Recent<const Value>, kRecent> recent_values_;

@@ -26,6 +26,7 @@ DWORD change_value(HKEY key, Tree::OwnChange change) {
     if (store == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     change.key = argument.id();
     const auto body = [&](Transaction& transaction) {
+        if (argument.is_deleted()) return DWORD{ERROR_KEY_DELETED};
         const Place place = argument.place();
         const DWORD error = transaction.check(place);
         if (error != ERROR_SUCCESS) return error;
@@ -33,7 +34,7 @@ DWORD change_value(HKEY key, Tree::OwnChange change) {
                    ? transaction.set_value(place, change.name, change.type, change.data, change.size)
                    : transaction.delete_value(place, change.name);
     };
-    return store->write(body, &change);
+    return write_as_one(*store, body, &change);
 }
 
 }  // namespace

@@ -34,6 +34,7 @@ constexpr int kJournalHeader = 32;
 constexpr int kFrameHeader = 24;
 constexpr std::uint32_t kJournalMagic = 0x377F0682;  // its lowest bit: checksums are of big-endian words
 // --- the journal's index in shared memory (https://sqlite.org/walformat.html) ---
+constexpr std::size_t kBigEndianAt = 13;
 constexpr std::size_t kLastFrameAt = 16;
 constexpr std::size_t kFrameSumsAt = 24;
 constexpr std::size_t kSaltsAt = 32;
@@ -190,6 +191,8 @@ struct File {
     sqlite3_int64 held;  // where the frame's header goes that lies in `frame` until its page comes; 0: none
     Byte* frame;         // room for a frame; made when it is first needed
     int frame_size;
+    Byte* between;  // room for what is read to check a frame
+    int between_size;
 
     sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
     const sqlite3_io_methods* methods() { return real()->pMethods; }
@@ -290,26 +293,30 @@ struct JournalSum {
     }
 };
 
-// A page of a frame that is committed. A frame's checksum goes on from that of the frame in front of it.
+std::uint32_t index_word(const volatile Byte* index, std::size_t at) {
+    return *reinterpret_cast<const volatile std::uint32_t*>(index + at);
+}
+
+// A page of a frame that is committed. A frame's checksum goes on from that of the frame in front of it, or of the
+// journal's header: one read has both frames' headers and what lies between.
 int verify_frame(File& journal, const Byte* page, int size, sqlite3_int64 at) {
-    Byte header[kJournalHeader];
-    Byte frame[kFrameHeader];
-    Byte before[8];
     const sqlite3_int64 start = at - kFrameHeader;
-    const sqlite3_int64 sum_before = start == kJournalHeader ? kJournalHeader - 8 : start - size - 8;
-    int result = journal.read(header, kJournalHeader, 0);
-    if (result == SQLITE_OK) result = journal.read(frame, kFrameHeader, start);
-    if (result == SQLITE_OK) result = journal.read(before, sizeof before, sum_before);
-    if (result != SQLITE_OK) return result;
-    JournalSum sum = {(big_endian(header) & 1) != 0, big_endian(before), big_endian(before + 4)};
+    const sqlite3_int64 from = (start == kJournalHeader ? start : start - size) - 8;
+    const int length = static_cast<int>(at - from);
+    if (journal.between_size < length) {
+        delete[] std::exchange(journal.between, new (std::nothrow) Byte[static_cast<std::size_t>(length)]);
+        journal.between_size = journal.between != nullptr ? length : 0;
+        if (journal.between == nullptr) return SQLITE_IOERR_NOMEM;
+    }
+    if (const int result = journal.read(journal.between, length, from); result != SQLITE_OK) return result;
+    const Byte* const before = journal.between;
+    const Byte* const frame = journal.between + length - kFrameHeader;
+    const bool big = journal.database->index[kBigEndianAt] != 0;
+    JournalSum sum = {big, big_endian(before), big_endian(before + 4)};
     sum.add(frame, 8);
     sum.add(page, size);
     const bool good = sum.first == big_endian(frame + 16) && sum.second == big_endian(frame + 20);
     return good ? SQLITE_OK : SQLITE_IOERR_DATA;
-}
-
-std::uint32_t index_word(const volatile Byte* index, std::size_t at) {
-    return *reinterpret_cast<const volatile std::uint32_t*>(index + at);
 }
 
 // Frames behind the last commit are the writer's own, and their checksums may not be there yet.
@@ -458,6 +465,7 @@ int x_close(sqlite3_file* base) {
     File& file = file_of(base);
     delete[] std::exchange(file.scratch, nullptr);
     delete[] std::exchange(file.frame, nullptr);
+    delete[] std::exchange(file.between, nullptr);
     return file.methods() == nullptr ? SQLITE_OK : file.methods()->xClose(file.real());
 }
 

@@ -543,6 +543,22 @@ DWORD StoreWriting::next_seq(LONGLONG& seq) {
     return ERROR_SUCCESS;
 }
 
+DWORD StoreWriting::begin_part() {
+    part_seq_ = numbered_ ? seq_ : 0;
+    Use begin = connection().use("SAVEPOINT part");
+    return connection().run(begin) == ERROR_SUCCESS ? ERROR_SUCCESS : store_->fail(connection());
+}
+
+DWORD StoreWriting::end_part(bool keep) {
+    if (!keep) {
+        seq_ = part_seq_ != 0 ? part_seq_ : first_seq_;
+        Use back = connection().use("ROLLBACK TO part");
+        if (connection().run(back) != ERROR_SUCCESS) return store_->fail(connection());
+    }
+    Use end = connection().use("RELEASE part");
+    return connection().run(end) == ERROR_SUCCESS ? ERROR_SUCCESS : store_->fail(connection());
+}
+
 DWORD StoreWriting::prune() {
     if (seq_ / kPruneEvery == first_seq_ / kPruneEvery) return ERROR_SUCCESS;
     Use statement = connection().use("DELETE FROM change WHERE seq <= ?1");

@@ -192,6 +192,23 @@ ZRPLATFORM_API LONG ZrRegistryApply(const ZrRegistryChange* changes, DWORD count
 using ZrRegistryNextChange = int (*)(ZrRegistryChange* change, LPVOID context);
 ZRPLATFORM_API LONG ZrRegistryApplyEach(ZrRegistryNextChange next, LPVOID context, DWORD* failed);
 
+// From here to ZrRegistryEndBatch the calling thread's changes are one: no other thread and no other program sees some
+// of them without the others, and who is killed in between leaves none. Each call still succeeds or fails by itself, as
+// it would alone, and this thread sees what it has changed; other threads may use the same handles, and find a key that
+// the batch has made once it is kept (ERROR_KEY_DELETED until then). Everybody who wants to change the registry waits
+// meanwhile, up to five seconds (ERROR_BUSY), so a batch should not wait for anything. RegFlushKey in between is done
+// at the end. Batches within batches are counted, and the outermost one counts. ERROR_BUSY when the registry is kept
+// locked, and in a function that ZrRegistryApplyEach calls. A thread that ends in a batch gives it up.
+ZRPLATFORM_API LONG ZrRegistryBeginBatch();
+
+// Keeps the changes; FALSE, also in a batch within another one: takes all of them back. When it fails none was kept,
+// and handles to keys that were made in the batch tell ERROR_KEY_DELETED; but where RegFlushKey was called in between
+// it may be that only the disk was not reached. Once the store has failed in a batch (as with ERROR_DISK_FULL), every
+// further call in it does, and so does this one; the same calls without a batch then do what they can.
+// ERROR_INVALID_PARAMETER when there is no batch. A child made by fork has no part in its parent's batch: its calls
+// fail with ERROR_BUSY.
+ZRPLATFORM_API LONG ZrRegistryEndBatch(BOOL keep);
+
 // What went wrong in the calling thread's last call of this header that failed because of the store or its files, in a
 // sentence for people that names the file. Empty when none did. Valid until the thread's next call of this header.
 ZRPLATFORM_API LPCWSTR ZrRegistryLastErrorText();

@@ -104,6 +104,8 @@ public:
         return catch_up();
     }
     Connection& reader() { return reader_; }
+    // A child's, whose parent was in the middle of a change when it was forked: every call fails.
+    bool is_orphan() const { return orphaned_.load(std::memory_order_relaxed); }
     // The number of the last change that was followed.
     LONGLONG position() const { return position_; }
     // The file that the reader has open is not the one that has the store's name.
@@ -219,6 +221,10 @@ public:
     DWORD next_seq(LONGLONG& seq);
     bool has_changes() const { return seq_ != first_seq_; }
 
+    // A part of the change that can be taken back by itself; one at a time.
+    DWORD begin_part();
+    DWORD end_part(bool keep);
+
     // Keeps everything and rings. Without a row in the log there is nothing to keep. On failure nothing is kept.
     DWORD commit() {
         CommitWatch::Stamp after;
@@ -266,6 +272,7 @@ private:
     bool numbered_ = false;
     LONGLONG first_seq_ = 0;
     LONGLONG seq_ = 0;
+    LONGLONG part_seq_ = 0;  // what seq_ was before the part; 0: nothing was numbered
 };
 
 }  // namespace zr::platform

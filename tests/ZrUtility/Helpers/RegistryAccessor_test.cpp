@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -15,6 +16,8 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include "support/child.h"
 
 namespace {
 
@@ -370,6 +373,53 @@ TEST(RegistryAccessor, TheLastSubKeyThatCannotBeMadeIsTold) {
     EXPECT_EQ(Accessor::RegistryMoveKey(kRoot, u"from", deep.c_str()), 1);
     EXPECT_FALSE(Accessor::KeyExists(kRoot, u"from"));
     EXPECT_TRUE(Accessor::KeyExists(kRoot, deep.c_str()));
+}
+
+// Moves the key to and fro until it is killed.
+ZR_CHILD(key_mover) {
+    zr::test::say("ready");
+    const WCHAR* from = u"here";
+    const WCHAR* to = u"there";
+    while (Accessor::RegistryMoveKey(kRoot, from, to) == 0) {
+        std::swap(from, to);
+    }
+    return 1;
+}
+
+TEST(RegistryAccessor, AMoveIsSeenWholeOrNotAtAllHoweverItsProcessEnds) {
+    const auto whole = [](const WCHAR* path) {
+        HKEY key = nullptr;
+        DWORD keys = 0;
+        if (RegOpenKeyExW(kRoot, path, 0, KEY_READ, &key) != kOk) return 0;
+        RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, &keys, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                         nullptr);
+        RegCloseKey(key);
+        EXPECT_TRUE(keys == 2 || keys == 0) << keys;
+        return keys == 2 && stored((std::u16string(path) + u"\\A").c_str(), u"\x4063") &&
+                       stored((std::u16string(path) + u"\\B").c_str(), u"\x4063")
+                   ? 1
+                   : 0;
+    };
+    for (WCHAR c = 0; c < 100; ++c) {
+        const WCHAR name[] = {static_cast<WCHAR>(0x4000 + c), 0};
+        store(u"here\\A", name, u"kept");
+        store(u"here\\B", name, u"kept");
+    }
+    for (int round = 0; round < 10; ++round) {
+        if (!Accessor::KeyExists(kRoot, u"here")) {
+            ASSERT_EQ(Accessor::RegistryMoveKey(kRoot, u"there", u"here"), 0);
+        }
+        zr::test::Child mover("key_mover");
+        ASSERT_EQ(mover.hear(), "ready");
+        for (int moves = 0; moves < 1 + round; ++moves) {
+            while (Accessor::KeyExists(kRoot, moves % 2 == 0 ? u"here" : u"there")) {  // it is at it
+            }
+        }
+        mover.kill(SIGKILL);
+        mover.wait();
+        ASSERT_EQ(whole(u"here") + whole(u"there"), 1) << "both values' keys, in one place";
+        ASSERT_NE(Accessor::KeyExists(kRoot, u"here"), Accessor::KeyExists(kRoot, u"there"));
+    }
 }
 
 // ---- against a model -----------------------------------------------------------------------------------------------

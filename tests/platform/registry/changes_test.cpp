@@ -209,12 +209,12 @@ TEST(RegistryChanges, TellOfChangesMadeAsOne) {
 
 TEST(RegistryChanges, MoreThanTheLogKeepsAreToldToEverybody) {
     const Key key = create(HKEY_CURRENT_USER, u"a");
-    const Key other = create(HKEY_CURRENT_USER, u"b");
+    const Key others[] = {create(HKEY_CURRENT_USER, u"b"), create(HKEY_CURRENT_USER, u"c")};
     const Watch watch(key, false, kValues);
     std::vector<ZrRegistryChange> changes;
     for (DWORD i = 0; i < 20000; ++i) {
         static constexpr BYTE kByte = 0;
-        changes.push_back({ZrRegistryStep::SetValue, other, u"", u"v", REG_BINARY, &kByte, i % 2});
+        changes.push_back({ZrRegistryStep::SetValue, others[i % 2], u"", u"v", REG_BINARY, &kByte, i / 2 % 2});
     }
     ASSERT_EQ(ZrRegistryApply(changes.data(), static_cast<DWORD>(changes.size()), nullptr), kOk);
     EXPECT_TRUE(watch.wait()) << "what was lost may have concerned it";

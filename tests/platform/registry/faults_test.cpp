@@ -102,10 +102,12 @@ TEST(Faults, TheRegistrySurvivesKilledWriters) {
 
 TEST(Faults, TheLogOfChangesIsPruned) {
     const Key key = create(HKEY_CURRENT_USER, u"log");
+    const Key other = create(HKEY_CURRENT_USER, u"log\\other");
     const std::string before = query(file(), "SELECT max(seq) FROM change");
     std::vector<ZrRegistryChange> many(5000, {ZrRegistryStep::SetValue, key, u"", u"v", REG_SZ, nullptr, 0});
-    for (std::size_t i = 0; i < many.size(); i += 2) {
-        many[i].Type = REG_BINARY;
+    for (std::size_t i = 0; i < many.size(); ++i) {
+        if (i % 4 < 2) many[i].Type = REG_BINARY;
+        if (i % 2 == 0) many[i].Root = other;
     }
     for (int i = 0; i < 4; ++i) {
         ASSERT_EQ(ZrRegistryApply(many.data(), 5000, nullptr), kOk);
@@ -150,6 +152,16 @@ ZR_CHILD(registry_filler) {
     return 0;
 }
 
+// Finds the damage, and begins anew.
+ZR_CHILD(registry_finder) {
+    for (int i = 0; i < 2; ++i) {
+        Key key;
+        if (open(HKEY_CURRENT_USER, u"held", key) == kOk) get(key, u"x");
+    }
+    const Key key = create(HKEY_CURRENT_USER, u"other");
+    return set_dword(key, u"kept", 1) == kOk && ZrRegistrySetAsideText()[0] != 0 ? 0 : 1;
+}
+
 // Has the registry open while another process finds the damage.
 ZR_CHILD(registry_old_names) {
     const Key key = create(HKEY_CURRENT_USER, u"\x3C2");
@@ -191,6 +203,32 @@ TEST(Faults, DamageThatIsMetIsSetAsideByTheNextCallOfAnyProcess) {
     EXPECT_EQ(get_dword(create(HKEY_LOCAL_MACHINE, u"held"), u"v"), 2u) << "all processes are in the new store";
     EXPECT_EQ(set_aside().size(), 1u);
     EXPECT_EQ(query(file(), "PRAGMA integrity_check"), "ok");
+}
+
+TEST(Faults, AKeyOfAStoreThatWasSetAsideIsNoKeyOfTheNewOne) {
+    const Key held = create(HKEY_CURRENT_USER, u"held");
+    for (WCHAR c = 0; c < 300; ++c) {
+        ASSERT_EQ(set(held, std::u16string(1, static_cast<WCHAR>(0x4000 + c)), REG_BINARY, std::string(500, 'f')), kOk);
+    }
+    damage_inside();
+    ASSERT_EQ(query(file(), "SELECT id FROM key WHERE parent <> 0"), "5");
+    ASSERT_EQ(ZrRegistrySetAsideText()[0], 0);
+    Child finder("registry_finder");
+    ASSERT_EQ(finder.wait(), 0);
+    ASSERT_EQ(set_aside().size(), 1u);
+    ASSERT_EQ(query(file(), "SELECT id FROM key WHERE parent <> 0"), "5") << "another key has the number now";
+    EXPECT_EQ(set_dword(held, u"v", 1), code(ERROR_KEY_DELETED));
+    EXPECT_EQ(RegDeleteValueW(held, u"kept"), code(ERROR_KEY_DELETED));
+    const ZrRegistryChange change = {ZrRegistryStep::SetValue, held, u"below", u"v", REG_SZ, nullptr, 0};
+    EXPECT_EQ(ZrRegistryApply(&change, 1, nullptr), code(ERROR_KEY_DELETED));
+    EXPECT_EQ(RegDeleteKeyW(held, u""), code(ERROR_KEY_DELETED));
+    ASSERT_EQ(ZrRegistryBeginBatch(), kOk);
+    EXPECT_EQ(get(held, u"kept").result, code(ERROR_KEY_DELETED));
+    EXPECT_EQ(set_dword(held, u"v", 1), code(ERROR_KEY_DELETED));
+    ASSERT_EQ(ZrRegistryEndBatch(TRUE), kOk);
+    const Key other = create(HKEY_CURRENT_USER, u"other");
+    EXPECT_EQ(get_dword(other, u"kept"), 1u);
+    EXPECT_EQ(sub_keys(other), Names{});
 }
 
 // Of the time when final sigma was found as sigma, and the micro sign as the Greek letter.
