@@ -54,6 +54,7 @@ void build(zr::Command app) {
     zr::add_contacts_show(contacts);
     zr::add_contacts_add(contacts);
     zr::add_contacts_change(contacts);
+    zr::add_contacts_edit(contacts);
     zr::add_contacts_remove(contacts);
     zr::Command calendar = app.add_group("calendar", "Read and change the calendar and the tasks");
     calendar.footer("Example:\n  zr calendar import work.ics\n\n'zr calendar COMMAND --help' tells more.");

@@ -9,9 +9,13 @@ namespace zr {
 
 class OutputFile {
 public:
-    // An empty path or "-" is standard output. Devices and pipes are written to directly. Throws Failure, as below.
+    // An empty path or "-" is standard output. Devices and pipes are written to directly. A link stays one: what it
+    // leads to is written. The permissions of a file that is replaced stay; a new one is the user's alone. Throws
+    // Failure, as below.
     explicit OutputFile(const std::string& path);
-    ~OutputFile();  // leaves nothing behind of a file that was not finished
+    // Leaves nothing behind of a file that was not finished; neither does the program when SIGINT, SIGTERM or SIGHUP
+    // ends it.
+    ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
@@ -23,8 +27,11 @@ public:
 
 private:
     void flush();
+    void make_temporary();
+    void drop_temporary();
 
     std::string path_;
+    std::string target_;  // where the path leads
     std::string temporary_;
     std::string waiting_;  // to be written
     bool direct_ = false;

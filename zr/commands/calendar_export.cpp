@@ -140,7 +140,7 @@ void add_calendar_export(Command calendar) {
         "Examples:\n"
         "  zr calendar export --output backup.ics\n"
         "  zr calendar export --json | jq '.[].subject'");
-    command.runs([options] {
+    command.reads([options] {
         require_zone();
         const SameStore same("contacts");
         return same.during([&] { return Export(*options, same).run(); });

@@ -95,7 +95,7 @@ void add_calendar_list(Command calendar) {
         "Examples:\n"
         "  zr calendar list --from 2026-03-02 --to 2026-03-08\n"
         "  zr calendar list --json | jq -r '.[] | select(.recurrence) | .subject'");
-    command.runs([options] {
+    command.reads([options] {
         if (options->tasks && !(options->from + options->to).empty()) {
             throw Failure{Exit::Usage, "list: --from and --to are for appointments, not for tasks"};
         }

@@ -132,7 +132,7 @@ void add_calendar_occurrence(Command calendar) {
         "\n"
         "Example:\n"
         "  zr calendar occurrence 150994945 2026-01-31");
-    command.runs([options] {
+    command.reads([options] {
         require_zone();
         return Occurrence(*options).run();
     });

@@ -28,7 +28,7 @@ void print_appointment(LONG oid, const Event& event) {
                                                          " " + change.fields.subject));
     }
     if (!event.uid.empty()) print_row("Unique identifier", event.uid);
-    print_extras(event.extras);
+    print_kept("Also", event.extras);
 }
 
 void print_task(LONG oid, const Task& task) {
@@ -42,7 +42,7 @@ void print_task(LONG oid, const Task& task) {
     if (!task.categories.empty()) print_row("Categories", task.categories);
     if (!task.body.empty()) print_row("Body", task.body);
     if (!task.uid.empty()) print_row("Unique identifier", task.uid);
-    print_extras(task.extras);
+    print_kept("Also", task.extras);
 }
 
 class Show {
@@ -108,7 +108,7 @@ void add_calendar_show(Command calendar) {
         "\n"
         "Example:\n"
         "  zr calendar show 150994945");
-    command.runs([options] { return Show(*options).run(); });
+    command.reads([options] { return Show(*options).run(); });
 }
 
 }  // namespace zr

@@ -9,6 +9,7 @@
 #include "zr/base/failure.h"
 #include "zr/base/nearest.h"
 #include "zr/base/output.h"
+#include "zr/base/writable_copy.h"
 
 namespace zr {
 
@@ -163,6 +164,13 @@ void Command::footer(const std::string& text) {
 
 void Command::runs(Run run) {
     app_->callback([slot = &parser_->run, run = std::move(run)] { *slot = run; });
+}
+
+void Command::reads(Run run) {
+    runs([run = std::move(run)] {
+        const WritableCopy copy;
+        return run();
+    });
 }
 
 void Command::add_rest(const std::string& name, std::vector<std::string>& values, const std::string& description) {

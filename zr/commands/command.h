@@ -61,6 +61,8 @@ public:
     // What --help says last.
     void footer(const std::string& text);
     void runs(Run run);
+    // What changes no store: it works where the stores cannot be written to, too.
+    void reads(Run run);
 
 private:
     CLI::App* app_;
@@ -91,6 +93,7 @@ void add_contacts_find(Command contacts);
 void add_contacts_show(Command contacts);
 void add_contacts_add(Command contacts);
 void add_contacts_change(Command contacts);
+void add_contacts_edit(Command contacts);
 void add_contacts_remove(Command contacts);
 void add_calendar_import(Command calendar);
 void add_calendar_export(Command calendar);

@@ -15,7 +15,8 @@ class ContactOptions {
 public:
     void add_to(Command command);
 
-    // The fields given on the command line. Throws Failure (wrong usage) for text or days that are none.
+    // The fields given on the command line. Throws Failure (wrong usage) for text, days, addresses or numbers that are
+    // none.
     Card card() const;
     std::vector<Field> fields() const;
     bool none_given() const;
@@ -25,6 +26,7 @@ private:
     std::map<Field, Option> given_;
     std::vector<std::string> emails_;
     std::string birthday_;
+    std::string anniversary_;
 };
 
 }  // namespace zr

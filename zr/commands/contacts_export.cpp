@@ -70,7 +70,7 @@ void add_contacts_export(Command contacts) {
         "Examples:\n"
         "  zr contacts export --output backup.vcf\n"
         "  zr contacts export --vcard-version 2.1 > for-the-car.vcf");
-    command.runs([options] {
+    command.reads([options] {
         const SameStore same("contacts");
         return same.during([&] { return export_contacts(*options, same); });
     });

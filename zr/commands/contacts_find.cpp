@@ -1,7 +1,10 @@
-// zr contacts find: every contact that matches, by the rules of the library's own search.
+// zr contacts find: every contact that has a text in it, or that matches by the rules of the library's own search.
 
+#include <algorithm>
 #include <map>
 #include <memory>
+#include <set>
+#include <utility>
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
@@ -20,8 +23,13 @@ struct ContactsFindOptions {
     std::vector<std::string> fields;
     bool exact = false;
     bool words = false;
+    bool begins = false;
     bool json = false;
+
+    bool by_the_library() const { return exact || words || begins; }
 };
+
+constexpr std::size_t kLongestKept = 1000;  // of a line that somebody may look for; a picture is longer
 
 const std::map<std::string, unsigned>& masks() {
     static const std::map<std::string, unsigned> all = {
@@ -30,6 +38,101 @@ const std::map<std::string, unsigned>& masks() {
     };
     return all;
 }
+
+// Fields that the library does not look at, by the names of --field.
+const std::map<std::string, std::pair<Field, Field>>& further_fields() {
+    static const std::map<std::string, std::pair<Field, Field>> all = {
+        {"middle", {Field::MiddleName, Field::MiddleName}},
+        {"department", {Field::Department, Field::Department}},
+        {"phone", {Field::BusinessPhone, Field::AssistantPhone}},
+        {"address", {Field::BusinessStreet, Field::OtherCountry}},
+        {"web", {Field::WebPage, Field::WebPage}},
+        {"note", {Field::Note, Field::Note}},
+        {"categories", {Field::Categories, Field::Categories}},
+    };
+    return all;
+}
+
+std::string digits_of(std::string_view text) {
+    std::string digits;
+    for (const char c : text) {
+        if (c >= '0' && c <= '9') digits += c;
+    }
+    return digits;
+}
+
+// A text that is in any field, however the field is split, or in what is kept of the card.
+class TextSearch {
+public:
+    explicit TextSearch(const ContactsFindOptions& options) : wanted_(folded(options.pattern)) {
+        constexpr std::size_t kFewestDigits = 3;
+        const bool number = options.pattern.find_first_not_of("0123456789+-()/. ") == std::string::npos;
+        digits_ = number ? digits_of(options.pattern) : "";
+        // What stands before a number depends on where it is dialled from.
+        digits_.erase(0, digits_.find_first_not_of('0'));
+        if (digits_.size() < kFewestDigits) digits_.clear();
+        everywhere_ = options.fields.empty();
+        for (const std::string& name : options.fields) {
+            add_fields(name);
+        }
+    }
+
+    bool matches(const Card& card) const {
+        for (std::size_t i = 0; i < card.text.size(); ++i) {
+            const auto field = static_cast<Field>(i);
+            if (!everywhere_ && !fields_.contains(field)) continue;
+            if (contains_folded(card.text[i], wanted_)) return true;
+            const bool number = field >= Field::BusinessPhone && field <= Field::AssistantPhone;
+            if (number && !digits_.empty() && digits_of(card.text[i]).find(digits_) != std::string::npos) return true;
+        }
+        return everywhere_ && (contains_folded(display_name(card), wanted_) ||
+                               contains_folded(composed_name(card), wanted_) || kept_matches(card.extras));
+    }
+
+private:
+    void add_fields(const std::string& name) {
+        static const std::map<std::string, std::vector<Field>> known = {
+            {"file-as", {Field::FileAs}},     {"title", {Field::Title}},
+            {"first", {Field::FirstName}},    {"last", {Field::LastName}},
+            {"suffix", {Field::Suffix}},      {"company", {Field::Company}},
+            {"email1", {Field::Email1}},      {"email2", {Field::Email2}},
+            {"email3", {Field::Email3}},      {"email", {Field::Email1, Field::Email2, Field::Email3}},
+            {"job-title", {Field::JobTitle}},
+        };
+        if (const auto found = known.find(name); found != known.end()) {
+            fields_.insert(found->second.begin(), found->second.end());
+            return;
+        }
+        const auto& [first, last] = further_fields().at(name);
+        for (auto field = static_cast<std::size_t>(first); field <= static_cast<std::size_t>(last); ++field) {
+            fields_.insert(static_cast<Field>(field));
+        }
+    }
+
+    bool kept_matches(std::string_view lines) const {
+        while (!lines.empty()) {
+            const std::size_t end = std::min(lines.find('\n'), lines.size());
+            const std::string_view line = lines.substr(0, end);
+            const std::size_t colon = line.find(':');
+            if (line.size() <= kLongestKept && colon != std::string_view::npos &&
+                (contains_folded(line.substr(colon + 1), wanted_) ||
+                 is_number(line.substr(0, colon), line.substr(colon))))
+                return true;
+            lines.remove_prefix(std::min(end + 1, lines.size()));
+        }
+        return false;
+    }
+
+    bool is_number(std::string_view property, std::string_view value) const {
+        return !digits_.empty() && contains_folded(property, "tel") &&
+               digits_of(value).find(digits_) != std::string::npos;
+    }
+
+    const std::string wanted_;
+    std::string digits_;  // of a number; empty: it is none
+    bool everywhere_;
+    std::set<Field> fields_;
+};
 
 // The manager for as long as the search lasts.
 class Search {
@@ -63,35 +166,71 @@ private:
     ContactsManager manager_;
 };
 
-Exit find(const ContactsFindOptions& options) {
-    unsigned mask = options.fields.empty() ? kEveryField : 0;
-    for (const std::string& field : options.fields) {
-        mask |= masks().at(field);
+class Find {
+public:
+    explicit Find(const ContactsFindOptions& options) : options_(options) {
+        if (!is_utf8(options.pattern)) throw Failure{Exit::Usage, "the pattern is not valid UTF-8"};
     }
-    if (!is_utf8(options.pattern)) throw Failure{Exit::Usage, "the pattern is not valid UTF-8"};
-    std::u16string pattern = to_utf16(options.pattern);
-    Search search;
-    Store store;
-    JsonArray array;
-    bool any = false;
-    const int count = search.count();
-    for (int i = 1; i <= count; ++i) {
-        const LONG oid = search.match(i, pattern, mask, options.exact, options.words);
-        if (oid == 0) continue;
-        const ComPtr<IContact> contact = store.with_oid(oid);
-        if (!contact) continue;
-        any = true;
-        Card card = read_contact(contact.get(), false);
-        if (card.uid.empty()) card.uid = uid_of(contact.get());
-        if (options.json) {
-            array.add(contact_json(oid, card));
+
+    Exit run() {
+        if (options_.by_the_library()) {
+            find_by_the_library();
+        } else {
+            find_text();
+        }
+        if (options_.json) array_.finish();
+        return any_ ? Exit::Ok : Exit::None;
+    }
+
+private:
+    void find_by_the_library() {
+        unsigned mask = options_.fields.empty() ? kEveryField : 0;
+        for (const std::string& field : options_.fields) {
+            const auto known = masks().find(field);
+            if (known == masks().end())
+                throw Failure{Exit::Usage, "--field " + field + ": not with --exact, --words or --begins"};
+            mask |= known->second;
+        }
+        std::u16string pattern = to_utf16(options_.pattern);
+        Search search;
+        const int count = search.count();
+        for (int i = 1; i <= count; ++i) {
+            const LONG oid = search.match(i, pattern, mask, options_.exact, options_.words);
+            if (oid == 0) continue;
+            const ComPtr<IContact> contact = store_.with_oid(oid);
+            if (contact) tell(oid, contact.get(), read_contact(contact.get(), false));
+        }
+    }
+
+    void find_text() {
+        const TextSearch search(options_);
+        const int count = store_.count();
+        for (int i = 1; i <= count; ++i) {
+            const ComPtr<IContact> contact = store_.at(i);
+            if (!contact) continue;
+            Card card = read_contact(contact.get(), true);
+            if (has_left(contact.get()) || !search.matches(card)) continue;
+            card.extras.clear();
+            card.lines.clear();
+            tell(oid_of(contact.get()), contact.get(), std::move(card));
+        }
+    }
+
+    void tell(LONG oid, IContact* contact, Card card) {
+        any_ = true;
+        if (card.uid.empty()) card.uid = uid_of(contact);
+        if (options_.json) {
+            array_.add(contact_json(oid, card));
         } else {
             print(contact_line(oid, card));
         }
     }
-    if (options.json) array.finish();
-    return any ? Exit::Ok : Exit::None;
-}
+
+    const ContactsFindOptions& options_;
+    Store store_;
+    JsonArray array_;
+    bool any_ = false;
+};
 
 }  // namespace
 
@@ -103,22 +242,32 @@ void add_contacts_find(Command contacts) {
     for (const auto& [name, mask] : masks()) {
         names.push_back(name);
     }
+    for (const auto& [name, fields] : further_fields()) {
+        names.push_back(name);
+    }
     command.add_option("-f,--field", options->fields, "Search this field only; may be given several times")
         .one_of(names)
         .one_at_a_time();
     const Option exact = command.add_flag("-e,--exact", options->exact, "The whole field must equal the text");
-    command.add_flag("-w,--words", options->words, "Every word of the text must begin some word of some field")
-        .excludes(exact);
+    const Option words =
+        command.add_flag("-w,--words", options->words, "Every word of the text must begin some word of some field")
+            .excludes(exact);
+    command.add_flag("-b,--begins", options->begins, "A field must begin with the text")
+        .excludes(exact)
+        .excludes(words);
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(
-        "Without --exact or --words a field matches that begins with the text. An empty text matches\n"
-        "every contact. The exit code is 1 when nothing matches.\n"
+        "A contact matches that has the text anywhere in a field, or in what is kept of its card; an empty\n"
+        "text matches every contact. Digits find telephone numbers however they are written. --exact, --words\n"
+        "and --begins go by the client's own rules, which know names, companies, job titles and e-mail\n"
+        "addresses. The exit code is 1 when nothing matches.\n"
         "\n"
         "Examples:\n"
-        "  zr contacts find smi\n"
+        "  zr contacts find smith\n"
+        "  zr contacts find '0171 555'\n"
         "  zr contacts find --words 'jo sm'\n"
         "  zr contacts find --exact --field email jo@example.com");
-    command.runs([options] { return find(*options); });
+    command.reads([options] { return Find(*options).run(); });
 }
 
 }  // namespace zr

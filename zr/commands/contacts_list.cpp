@@ -72,7 +72,7 @@ void add_contacts_list(Command contacts) {
         "Examples:\n"
         "  zr contacts list --sort last --limit 20\n"
         "  zr contacts list --json | jq -r '.[].emails[]'");
-    command.runs([options] { return list(*options); });
+    command.reads([options] { return list(*options); });
 }
 
 }  // namespace zr

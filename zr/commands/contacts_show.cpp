@@ -13,10 +13,11 @@ namespace {
 
 struct ContactsShowOptions {
     std::vector<std::string> contacts;
+    bool all = false;
     bool json = false;
 };
 
-void print_contact(LONG oid, const Card& card) {
+void print_contact(LONG oid, const Card& card, bool all) {
     print_row("Identifier", std::to_string(oid));
     print_row("Lasting identifier", card.uid);
     for (std::size_t i = 0; i < card.text.size(); ++i) {
@@ -24,7 +25,8 @@ void print_contact(LONG oid, const Card& card) {
     }
     if (card.birthday) print_row("Birthday", day_text(card.birthday));
     if (card.anniversary) print_row("Anniversary", day_text(card.anniversary));
-    print_extras(card.extras);
+    if (all) print_kept("As it came", card.lines);
+    print_kept("Also", card.extras);
 }
 
 Exit show(const ContactsShowOptions& options) {
@@ -43,10 +45,12 @@ Exit show(const ContactsShowOptions& options) {
         Card card = read_contact(contact.get(), true);
         card.uid = uid_of(contact.get());
         if (options.json) {
-            array.add(contact_json(oid, card));
+            Json json = contact_json(oid, card);
+            if (options.all) json.set("lines", card.lines);
+            array.add(json);
         } else {
             if (!first) print("\n");
-            print_contact(oid, card);
+            print_contact(oid, card, options.all);
         }
         first = false;
     }
@@ -61,13 +65,14 @@ void add_contacts_show(Command contacts) {
     Command command = contacts.add_command("show", "Show all fields of contacts");
     command.add_option("OID", options->contacts, "Numbers or lasting identifiers, as list and find print them")
         .required();
+    command.add_flag("-a,--all", options->all, "Also the lines of the card that the fields were read from");
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(
         "The exit code is 1 when a contact does not exist.\n"
         "\n"
         "Example:\n"
         "  zr contacts show 12");
-    command.runs([options] { return show(*options); });
+    command.reads([options] { return show(*options); });
 }
 
 }  // namespace zr

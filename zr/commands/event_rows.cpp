@@ -23,12 +23,15 @@ void print_row(std::string_view label, std::string_view value) {
     print(row + printable(value) + "\n");
 }
 
-void print_extras(std::string_view extras) {
-    while (!extras.empty()) {
-        const std::size_t end = std::min(extras.find('\n'), extras.size());
+void print_kept(std::string_view label, std::string_view lines) {
+    constexpr std::size_t kMost = 200;
+    while (!lines.empty()) {
+        const std::size_t end = std::min(lines.find('\n'), lines.size());
         // A photo or an attachment is kept, but nobody reads it here.
-        print_row("Also", extras.substr(0, std::min<std::size_t>(end, 200)));
-        extras.remove_prefix(std::min(end + 1, extras.size()));
+        std::string line(lines.substr(0, std::min(end, kMost)));
+        if (end > kMost) line += "... (" + std::to_string(end) + " bytes)";
+        print_row(label, line);
+        lines.remove_prefix(std::min(end + 1, lines.size()));
     }
 }
 

@@ -9,8 +9,8 @@
 namespace zr {
 
 void print_row(std::string_view label, std::string_view value);
-// What a contact or an item keeps without a field for it.
-void print_extras(std::string_view extras);
+// Lines that a contact or an item keeps, each in a row of its own; the beginning of long ones.
+void print_kept(std::string_view label, std::string_view lines);
 
 void print_fields(const EventFields& fields);
 

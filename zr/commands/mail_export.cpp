@@ -232,7 +232,7 @@ void add_mail_export(Command mail) {
         "Examples:\n"
         "  zr mail export ~/mail-backup --format maildir\n"
         "  zr mail export inbox.mbox --folder Inbox");
-    command.runs([options] {
+    command.reads([options] {
         const SameStore same("mail");
         return same.during([&] { return export_mail(*options, same); });
     });

@@ -100,7 +100,7 @@ void add_mail_folders(Command mail) {
         "\n"
         "Example:\n"
         "  zr mail folders");
-    command.runs([json] { return list_folders(*json); });
+    command.reads([json] { return list_folders(*json); });
 }
 
 void add_mail_list(Command mail) {
@@ -117,7 +117,7 @@ void add_mail_list(Command mail) {
                    "Examples:\n"
                    "  zr mail list --reverse --limit 20\n"
                    "  zr mail list 'Sent Items' --json");
-    command.runs([options] { return list(*options); });
+    command.reads([options] { return list(*options); });
 }
 
 void add_mail_find(Command mail) {
@@ -136,7 +136,7 @@ void add_mail_find(Command mail) {
         "Examples:\n"
         "  zr mail find invoice jo@example.com\n"
         "  zr mail find 'annual report' --limit 5");
-    command.runs([options] { return find(*options); });
+    command.reads([options] { return find(*options); });
 }
 
 }  // namespace zr

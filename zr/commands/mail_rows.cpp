@@ -6,14 +6,26 @@
 
 namespace zr {
 
+Answer SenderNames::answer(const std::string& address) {
+    try {
+        if (!failed_ && !directory_) directory_.emplace();
+        if (directory_) return directory_->answer(address);
+    } catch (const Failure& failure) {
+        complain("warning: the names of contacts are left out: " + failure.text);
+        directory_.reset();
+        failed_ = true;
+    }
+    return {Exit::None, {}, {}};
+}
+
 std::string SenderNames::name_of(const MailRow& row) {
     const std::string& given = row.sender.empty() ? row.address : row.sender;
     if (row.address.empty()) return given;
     auto known = known_.find(row.address);
     if (known == known_.end()) {
         if (known_.size() >= kMostKept) known_.clear();
-        const Answer answer = directory_.answer(row.address);
-        known = known_.emplace(row.address, answer.code == Exit::Ok ? display_name(answer.card) : "").first;
+        const Answer found = answer(row.address);
+        known = known_.emplace(row.address, found.code == Exit::Ok ? display_name(found.card) : "").first;
     }
     return known->second.empty() ? given : known->second;
 }

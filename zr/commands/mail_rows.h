@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "zr/base/json.h"
@@ -12,7 +13,8 @@
 
 namespace zr {
 
-// The names of senders: the contact's where the e-mail index knows one, else what the message says.
+// The names of senders: the contact's where the e-mail index knows one, else what the message says; also where the
+// contacts cannot be read, which is told once.
 class SenderNames {
 public:
     std::string name_of(const MailRow& row);
@@ -20,7 +22,10 @@ public:
 private:
     static constexpr std::size_t kMostKept = 10000;
 
-    Directory directory_;
+    Answer answer(const std::string& address);
+
+    std::optional<Directory> directory_;
+    bool failed_ = false;
     std::map<std::string, std::string> known_;  // by address; empty: no contact's
 };
 

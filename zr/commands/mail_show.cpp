@@ -250,7 +250,7 @@ void add_mail_show(Command mail) {
         "\n"
         "Example:\n"
         "  zr mail show 180400000004");
-    command.runs([options] { return show(*options); });
+    command.reads([options] { return show(*options); });
 }
 
 void add_mail_attachments(Command mail) {
@@ -266,7 +266,7 @@ void add_mail_attachments(Command mail) {
         "\n"
         "Example:\n"
         "  zr mail attachments 180400000004 --save ~/Downloads");
-    command.runs([options] { return attachments(*options); });
+    command.reads([options] { return attachments(*options); });
 }
 
 }  // namespace zr

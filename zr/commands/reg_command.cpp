@@ -6,9 +6,10 @@
 #include "zr/stores/registry.h"
 
 namespace zr {
+namespace {
 
-void runs_with_registry(Command command, Run run) {
-    command.runs([run = std::move(run)] {
+Run telling(Run run) {
+    return [run = std::move(run)] {
         try {
             const Exit code = run();
             tell_what_was_set_aside();
@@ -17,7 +18,17 @@ void runs_with_registry(Command command, Run run) {
             tell_what_was_set_aside();
             throw;
         }
-    });
+    };
+}
+
+}  // namespace
+
+void runs_with_registry(Command command, Run run) {
+    command.runs(telling(std::move(run)));
+}
+
+void reads_registry(Command command, Run run) {
+    command.reads(telling(std::move(run)));
 }
 
 }  // namespace zr

@@ -201,7 +201,7 @@ void add_reg_diff(Command reg) {
         "Examples:\n"
         "  zr reg diff 'HKCU\\Software\\Example' 'HKCU\\Software\\Example before'\n"
         "  zr reg diff 'HKCU\\Software\\Example' backup.reg");
-    runs_with_registry(command, [options] { return diff(*options); });
+    reads_registry(command, [options] { return diff(*options); });
 }
 
 }  // namespace zr

@@ -148,7 +148,7 @@ void add_reg_export(Command reg) {
         "Examples:\n"
         "  zr reg export --output backup.reg\n"
         "  zr reg export 'HKCU\\Software\\Example' --format 4 > for-the-device.reg");
-    runs_with_registry(command, [options] {
+    reads_registry(command, [options] {
         try {
             const SameStore same("registry");
             return same.during([&] { return export_keys(*options, same); });

@@ -116,7 +116,7 @@ void add_reg_find(Command reg) {
         "Examples:\n"
         "  zr reg find proxy\n"
         "  zr reg find --data example.com 'HKCU\\Software'");
-    runs_with_registry(command, [options] { return RegFind(*options).run(); });
+    reads_registry(command, [options] { return RegFind(*options).run(); });
 }
 
 }  // namespace zr

@@ -137,7 +137,7 @@ void add_reg_get(Command reg) {
         "Examples:\n"
         "  zr reg get 'HKCU\\Software\\Example' Port\n"
         "  zr reg get --json 'HKLM\\Software\\Microsoft\\Color' SHColor | jq -r .hex");
-    runs_with_registry(command, [options] { return get(*options); });
+    reads_registry(command, [options] { return get(*options); });
 }
 
 void add_reg_set(Command reg) {

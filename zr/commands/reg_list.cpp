@@ -99,7 +99,7 @@ void add_reg_list(Command reg) {
         "Examples:\n"
         "  zr reg list HKLM\n"
         "  zr reg list --json 'HKCU\\Software\\Example' | jq -r 'select(.type == \"REG_DWORD\") | .name'");
-    runs_with_registry(command, [options] { return list(*options); });
+    reads_registry(command, [options] { return list(*options); });
 }
 
 void add_reg_tree(Command reg) {
@@ -115,7 +115,7 @@ void add_reg_tree(Command reg) {
         "Examples:\n"
         "  zr reg tree HKCU --depth 2 --keys\n"
         "  zr reg tree --json 'HKLM\\Comm' | jq -r '.key'");
-    runs_with_registry(command, [options] { return tree(*options); });
+    reads_registry(command, [options] { return tree(*options); });
 }
 
 }  // namespace zr

@@ -3,12 +3,14 @@
 #include <sys/stat.h>
 
 #include <memory>
+#include <optional>
 
 #include "zr/base/event_loop.h"
 #include "zr/base/input_file.h"
 #include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/text.h"
+#include "zr/base/writable_copy.h"
 #include "zr/commands/command.h"
 #include "zr/mail/recipients.h"
 #include "zr/stores/contacts.h"
@@ -85,7 +87,8 @@ const char* word_of(const Answer& answer) {
     return answer.code == Exit::Ok ? "one" : answer.code == Exit::None ? "none" : "several";
 }
 
-std::string answer_line(const Query& query, const Answer& answer) {
+// `several`: the contacts, where there are several.
+std::string answer_line(const Query& query, const Answer& answer, const std::vector<Answer>& several) {
     std::string line;
     if (!query.message.empty()) line = printable(query.message) + ": ";
     line += printable(query.sender.address) + ": " + word_of(answer);
@@ -95,10 +98,14 @@ std::string answer_line(const Query& query, const Answer& answer) {
         if (!company.empty()) line += ", " + printable(company);
         line += " (contact " + std::to_string(answer.oid) + ")";
     }
+    for (const Answer& each : several) {
+        line += (&each == several.data() ? ": " : ", ") + printable(display_name(each.card)) + " (contact " +
+                std::to_string(each.oid) + ")";
+    }
     return line + "\n";
 }
 
-Json answer_object(const Query& query, const Answer& answer) {
+Json answer_object(const Query& query, const Answer& answer, const std::vector<Answer>& several) {
     Json json;
     if (!query.message.empty()) {
         json.set("message", query.message);
@@ -107,6 +114,13 @@ Json answer_object(const Query& query, const Answer& answer) {
     json.set("sender", {{"name", query.sender.name}, {"address", query.sender.address}});
     json.set("answer", word_of(answer));
     if (answer.code == Exit::Ok) json.set("contact", contact_json(answer.oid, answer.card));
+    if (answer.code == Exit::Several) {
+        Json contacts = Json::array();
+        for (const Answer& each : several) {
+            contacts.add(contact_json(each.oid, each.card));
+        }
+        json.set("contacts", std::move(contacts));
+    }
     return json;
 }
 
@@ -116,7 +130,10 @@ Exit print_answers(Directory& directory, std::vector<Query>& queries, bool json)
     for (Query& query : queries) {
         const Answer answer = directory.answer(query.sender.address);
         code = combine(code, answer.code);
-        std::string text = json ? json_text(answer_object(query, answer)) + "\n" : answer_line(query, answer);
+        std::vector<Answer> several;
+        if (answer.code == Exit::Several) several = Directory::all_with(query.sender.address);
+        std::string text =
+            json ? json_text(answer_object(query, answer, several)) + "\n" : answer_line(query, answer, several);
         if (text == query.shown) continue;
         print(text);
         query.shown = std::move(text);
@@ -183,7 +200,11 @@ void add_resolve(Command zr) {
         "  zr resolve ~/Maildir/new/*\n"
         "  zr resolve jo@example.com\n"
         "  zr resolve --watch --json message.eml");
-    command.runs([options] { return resolve(*options); });
+    command.runs([options] {
+        std::optional<WritableCopy> copy;
+        if (!options->watch) copy.emplace();
+        return resolve(*options);
+    });
 }
 
 }  // namespace zr

@@ -35,8 +35,12 @@ _zr_keys() {
 _zr() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
     local group=${COMP_WORDS[1]} command=${COMP_WORDS[2]}
-    local fields="--first --middle --last --title --suffix --file-as --company --department --job-title
-        --work-phone --home-phone --mobile --web --note --email --birthday"
+    local fields="--first --middle --last --title --suffix --file-as --company --department --office --job-title
+        --work-phone --work-phone-2 --work-fax --home-phone --home-phone-2 --home-fax --mobile --car-phone
+        --pager --radio-phone --assistant-phone --work-street --work-city --work-state --work-postal-code
+        --work-country --home-street --home-city --home-state --home-postal-code --home-country --other-street
+        --other-city --other-state --other-postal-code --other-country --web --note --categories --spouse
+        --children --assistant --email --birthday --anniversary"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
         _zr_words "contacts calendar mail reg store net proxy provision resolve log modules objects zone watch --help --version" "$current"
@@ -46,7 +50,8 @@ _zr() {
         -s | --sort) _zr_words "file-as first last middle title suffix company email1 email2 email3" "$current"; return ;;
         -f | --folder | -t | --to) [[ $group == mail ]] && return ;;&
         -f | --field)
-            _zr_words "file-as title first last suffix company email email1 email2 email3 job-title" "$current"
+            _zr_words "file-as title first last suffix company email email1 email2 email3 job-title middle department
+                phone address web note categories" "$current"
             return ;;
         -l | --level) [[ $group == modules ]] || _zr_words "failure warning information trace" "$current"; return ;;
         -t | --type)
@@ -70,7 +75,7 @@ _zr() {
     case $group in
         contacts)
             if ((COMP_CWORD == 2)); then
-                _zr_words "import export list find show add change remove --help" "$current"
+                _zr_words "import export list find show add change edit remove --help" "$current"
                 return
             fi
             case $command in
@@ -78,8 +83,9 @@ _zr() {
                     if [[ $current == -* ]]; then _zr_words "--on-duplicate --dry-run --json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
                 export) _zr_words "--output --vcard-version --json --help" "$current" ;;
                 list) _zr_words "--sort --reverse --limit --json --help" "$current" ;;
-                find) _zr_words "--field --exact --words --json --help" "$current" ;;
-                show) _zr_words "--json --help" "$current" ;;
+                find) _zr_words "--field --exact --words --begins --json --help" "$current" ;;
+                show) _zr_words "--all --json --help" "$current" ;;
+                edit) _zr_words "--json --help" "$current" ;;
                 add | change) _zr_words "$fields --json --help" "$current" ;;
                 remove) _zr_words "--email --all --json --help" "$current" ;;
             esac ;;

@@ -63,4 +63,22 @@ Answer Directory::answer(const std::string& address) {
     }
 }
 
+std::vector<Answer> Directory::all_with(const std::string& address) {
+    const std::string wanted = folded(address);
+    std::vector<Answer> found;
+    Store store;
+    const int count = store.count();
+    for (int i = 1; i <= count; ++i) {
+        const ComPtr<IContact> contact = store.at(i);
+        if (!contact) continue;
+        Card card = read_contact(contact.get(), false);
+        for (const Field field : {Field::Email1, Field::Email2, Field::Email3}) {
+            if (folded(card[field]) != wanted) continue;
+            found.push_back({Exit::Ok, oid_of(contact.get()), std::move(card)});
+            break;
+        }
+    }
+    return found;
+}
+
 }  // namespace zr

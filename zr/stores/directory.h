@@ -5,6 +5,7 @@
 #include <ZrUtility/ZrUtility.h>
 
 #include <string>
+#include <vector>
 
 #include "zr/base/exit_code.h"
 #include "zr/stores/contacts.h"
@@ -27,6 +28,8 @@ public:
     Directory& operator=(const Directory&) = delete;
 
     Answer answer(const std::string& address);
+    // The contacts that have an address which several have. Reads all contacts.
+    static std::vector<Answer> all_with(const std::string& address);
 
 private:
     ContactsManager* manager_;

@@ -64,6 +64,7 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"contacts", "show"},
     {"contacts", "add"},
     {"contacts", "change"},
+    {"contacts", "edit"},
     {"contacts", "remove"},
     {"mail", "import"},
     {"mail", "export"},
@@ -163,7 +164,7 @@ TEST_F(Tool, CompletesInBash) {
     EXPECT_EQ(complete("zr"),
               "contacts calendar mail reg store net proxy provision resolve log modules objects zone watch --help "
               "--version\n");
-    EXPECT_EQ(complete("zr contacts"), "import export list find show add change remove --help\n");
+    EXPECT_EQ(complete("zr contacts"), "import export list find show add change edit remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr mail export --format"), "eml mbox mboxo mboxrd mboxcl mboxcl2 maildir\n");
     EXPECT_EQ(complete("zr mail move 1", "--"), "--to --json --help\n");
@@ -191,6 +192,9 @@ TEST_F(Tool, RefusesWrongUsage) {
         {"contacts", "add", "--birthday", "1990-02-30"},
         {"contacts", "add", "--first", "\xFF"},
         {"contacts", "add", "--email", "a", "--email", "b", "--email", "c", "--email", "d"},
+        {"contacts", "add", "--email", "jo doe@x.y"},
+        {"contacts", "add", "--mobile", "none"},
+        {"contacts", "find", "a", "--field", "note", "--words"},
         {"contacts", "change", "1"},
         {"contacts", "remove"},
         {"resolve", "-a", "-m", "x"},
@@ -581,7 +585,7 @@ TEST_F(Tool, ResolvesSenders) {
     EXPECT_EQ(one.out, kData + "from-jo.eml: Jo.Doe@Example.com: one: Jo Doe (contact 1)\n");
     const Result several = zr({"resolve", kData + "from-team.eml"});
     EXPECT_EQ(several.code, 3);
-    EXPECT_EQ(several.out, kData + "from-team.eml: team@example.com: several\n");
+    EXPECT_EQ(several.out, kData + "from-team.eml: team@example.com: several: Al (contact 2), Bea (contact 3)\n");
     const Result none = zr({"resolve", kData + "from-stranger.eml"});
     EXPECT_EQ(none.code, 1);
     EXPECT_EQ(none.out, kData + "from-stranger.eml: stranger@nowhere.example: none\n");
@@ -595,6 +599,9 @@ TEST_F(Tool, ResolvesSenders) {
     EXPECT_EQ(list.code, 1);
     EXPECT_EQ(list.out, "JO.DOE@EXAMPLE.COM: one: Jo Doe (contact 1)\nnobody@x.y: none\n");
     EXPECT_EQ(zr({"resolve", "nobody@x.y", "team@example.com"}).code, 3);
+    const json many = json::parse(zr({"resolve", "--json", "TEAM@example.com"}).out);
+    ASSERT_EQ(many["contacts"].size(), 2u);
+    EXPECT_EQ(many["contacts"][1]["name"], "Bea");
     EXPECT_EQ(zr({"resolve", "--addresses", "someone"}).code, 1);
 }
 
@@ -619,7 +626,7 @@ TEST_F(Tool, WatchesChangesOfOtherProcesses) {
     ASSERT_EQ(zr({"contacts", "change", "1", "--email", "al@x.y", "--email", "jo@x.y"}).code, 0);
     EXPECT_EQ(watch.read_line(), "al@x.y: one: Jo (contact 1)");
     ASSERT_EQ(zr({"contacts", "import", "-"}, card("Second", "JO@x.y")).code, 0);
-    EXPECT_EQ(watch.read_line(), "jo@x.y: several");
+    EXPECT_EQ(watch.read_line(), "jo@x.y: several: Jo (contact 1), Second (contact 2)");
     ASSERT_EQ(zr({"contacts", "remove", "1"}).code, 0);
     std::set<std::string> last = {watch.read_line(), watch.read_line()};
     EXPECT_EQ(last, (std::set<std::string>{"jo@x.y: one: Second (contact 2)", "al@x.y: none"}));
