@@ -51,6 +51,15 @@ private:
     NetlinkReader& to_;
 };
 
+// An errno, or 0.
+int set_groups(int socket, std::uint32_t groups, int option) noexcept {
+    for (int number = 1; groups != 0; ++number, groups >>= 1) {
+        const bool meant = (groups & 1) != 0;
+        if (meant && setsockopt(socket, SOL_NETLINK, option, &number, sizeof number) != 0) return errno;
+    }
+    return 0;
+}
+
 }  // namespace
 
 DWORD NetlinkSocket::open(std::uint32_t groups) noexcept {
@@ -65,6 +74,17 @@ DWORD NetlinkSocket::open(std::uint32_t groups) noexcept {
     const DWORD error = error_from_errno(errno);
     close();
     return error;
+}
+
+DWORD NetlinkSocket::join(std::uint32_t groups) noexcept {
+    const int error = set_groups(socket_.get(), groups, NETLINK_ADD_MEMBERSHIP);
+    if (error == 0) return ERROR_SUCCESS;
+    leave(groups);
+    return error_from_errno(error);
+}
+
+void NetlinkSocket::leave(std::uint32_t groups) noexcept {
+    set_groups(socket_.get(), groups, NETLINK_DROP_MEMBERSHIP);
 }
 
 DWORD NetlinkSocket::list(What what, NetlinkReader& reader) noexcept {

@@ -15,8 +15,9 @@
 namespace zr::platform {
 namespace {
 
-constexpr std::uint32_t kGroups =
-    RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+// Whom the kernel wakes: a busy router changes its routes all the time.
+constexpr std::uint32_t kAddressGroups = RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+constexpr std::uint32_t kOtherGroups = RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
 // A listing that is torn each time is taken as it is: another change is about to be told.
 constexpr int kMostTries = 5;
 
@@ -73,11 +74,13 @@ DWORD NetworkSource::add(NetworkWatch& watch) {
     const std::lock_guard control(control_);
     const std::lock_guard guard(mutex_);
     watches_.reserve(watches_.size() + 1);
-    if (!running_) {
-        if (const DWORD error = start()) return error;
-    }
-    watches_.push_back(Ref<NetworkWatch>::retain(watch));
-    return ERROR_SUCCESS;
+    DWORD error = ERROR_SUCCESS;
+    if (!running_)
+        error = start(watch.is_of_all());
+    else if (watch.is_of_all() && !is_of_all())
+        error = socket_.join(kOtherGroups);
+    if (error == 0) watches_.push_back(Ref<NetworkWatch>::retain(watch));
+    return error;
 }
 
 void NetworkSource::remove(NetworkWatch& watch) noexcept {
@@ -91,6 +94,7 @@ void NetworkSource::remove(NetworkWatch& watch) noexcept {
         removed = std::move(*found);
         watches_.erase(found);
         last = watches_.empty();
+        if (running_ && !last && removed->is_of_all() && !is_of_all()) socket_.leave(kOtherGroups);
     }
     if (!last) return;
     unwatch_host(*this);
@@ -102,8 +106,8 @@ void NetworkSource::remove(NetworkWatch& watch) noexcept {
 }
 
 // The socket is told of changes before the addresses are read, so that none falls in between.
-DWORD NetworkSource::start() {
-    DWORD error = socket_.open(kGroups);
+DWORD NetworkSource::start(bool all) {
+    DWORD error = socket_.open(all ? kAddressGroups | kOtherGroups : kAddressGroups);
     if (error == 0) error = lister_.open(0);
     if (error == 0) error = read_all(addresses_);
     if (error == 0) error = watch_host(*this, socket_.descriptor());
@@ -134,13 +138,17 @@ void NetworkSource::read_again(bool changed) noexcept {
 
 void NetworkSource::tell(bool addresses, bool others) noexcept {
     for (const Ref<NetworkWatch>& watch : watches_) {
-        if (addresses || (others && watch->changes() == NetworkChanges::All)) watch->set();
+        if (addresses || (others && watch->is_of_all())) watch->set();
     }
+}
+
+bool NetworkSource::is_of_all() const noexcept {
+    return std::ranges::any_of(watches_, [](const auto& each) { return each->is_of_all(); });
 }
 
 bool NetworkSource::is_watched() noexcept {
     const std::lock_guard guard(mutex_);
-    return std::ranges::any_of(watches_, [](const auto& each) { return each->changes() == NetworkChanges::All; });
+    return is_of_all();
 }
 
 void NetworkSource::tell_others() noexcept {
@@ -180,7 +188,7 @@ void NetworkSource::resume() noexcept {
     if (running_ || watches_.empty()) return;
     Addresses before;
     before.swap(addresses_);
-    const bool same = start() == 0 && before == addresses_;
+    const bool same = start(is_of_all()) == 0 && before == addresses_;
     tell(!same, true);
 }
 

@@ -17,7 +17,7 @@ class NetworkWatch final : public Event {
 public:
     explicit NetworkWatch(NetworkChanges changes) noexcept
         : Event(false, false, ObjectKind::Other), changes_(changes) {}
-    NetworkChanges changes() const noexcept { return changes_; }
+    bool is_of_all() const noexcept { return changes_ == NetworkChanges::All; }
 
 private:
     void last_handle_closed() noexcept override;
@@ -45,7 +45,8 @@ public:
 private:
     using Addresses = std::set<NetAddress>;
 
-    DWORD start();
+    DWORD start(bool all);
+    bool is_of_all() const noexcept;  // some watch
     DWORD read_all(Addresses& addresses) noexcept;
     void read_again(bool changed) noexcept;
     void tell(bool addresses, bool others) noexcept;

@@ -65,6 +65,10 @@ public:
     explicit operator bool() const noexcept { return static_cast<bool>(socket_); }
     int descriptor() const noexcept { return socket_.get(); }
 
+    // More to be told of from now on, or less. An error code, or 0.
+    DWORD join(std::uint32_t groups) noexcept;
+    void leave(std::uint32_t groups) noexcept;
+
     enum class What { Interfaces, Addresses, Routes };
     // Lists all there are, in one datagram after the other. A torn listing tells interrupted(), and is to be done again
     // by a reader that forgets it. An error code, or 0.

@@ -3,8 +3,14 @@
 #include <sys/resource.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "iphelper/network_watch.h"
 #include "platform/base.h"
@@ -79,6 +85,64 @@ TEST_F(NotifyAddr, TellsNotOfWhatIsNoChangeOfAddresses) {
     EXPECT_FALSE(told(0));
     ASSERT_TRUE(mark());
     EXPECT_TRUE(told());
+}
+
+namespace {
+
+// What the kernel tells this process's sockets of, all together (RTMGRP_).
+std::uint32_t groups_joined() {
+    std::set<std::string> own;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
+        if (target.starts_with("socket:[")) own.insert(target.substr(8, target.size() - 9));
+    }
+    std::ifstream table("/proc/thread-self/net/netlink");
+    std::string line;
+    std::getline(table, line);
+    std::uint32_t joined = 0;
+    while (std::getline(table, line)) {
+        std::istringstream words(line);
+        std::vector<std::string> fields{std::istream_iterator<std::string>(words), {}};
+        if (fields.size() >= 10 && own.contains(fields[9]))
+            joined |= static_cast<std::uint32_t>(std::stoul(fields[3], nullptr, 16));
+    }
+    return joined;
+}
+
+}  // namespace
+
+TEST_F(NotifyAddr, IsWokenForAddressesAloneUnlessSomebodyWantsAll) {
+    constexpr std::uint32_t addresses = RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+    constexpr std::uint32_t others = RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+    using zr::platform::NetworkChanges;
+    HANDLE all[2] = {};
+    watch();
+    EXPECT_EQ(groups_joined(), addresses);
+    for (HANDLE& each : all) {
+        ASSERT_EQ(zr::platform::watch_network(NetworkChanges::All, each), 0u);
+        EXPECT_EQ(groups_joined(), addresses | others);
+    }
+    ASSERT_TRUE(NetworkSpace::run("link set one mtu 1400"));
+    EXPECT_EQ(WaitForSingleObject(all[1], kLong), WAIT_OBJECT_0);
+    CloseHandle(all[0]);
+    EXPECT_EQ(groups_joined(), addresses | others);
+    EXPECT_EQ(zr::test::in_fork([&] {
+                  WaitForSingleObject(changes_, 0);  // which begins its own look
+                  return groups_joined() == (addresses | others) ? 7 : 1;
+              }),
+              7);
+    CloseHandle(all[1]);
+    EXPECT_EQ(groups_joined(), addresses);
+    ASSERT_TRUE(mark());
+    EXPECT_TRUE(told());
+    // Begun with all.
+    CloseHandle(changes_);
+    changes_ = nullptr;
+    EXPECT_EQ(groups_joined(), 0u);
+    ASSERT_EQ(zr::platform::watch_network(NetworkChanges::All, all[0]), 0u);
+    EXPECT_EQ(groups_joined(), addresses | others);
+    CloseHandle(all[0]);
 }
 
 TEST_F(NotifyAddr, AnAddressThatIsBeingTriedDoesNotCountYet) {
