@@ -486,6 +486,9 @@ int PyxProxyHelper::StartIPAddrChangeNotification() {
     if (m_hNotifyThread != nullptr) return 0;
     HANDLE changes = nullptr;
     if (NotifyAddrChange(&changes, nullptr) != NO_ERROR || changes == nullptr) return 0;
+    // Not by the thread: when the library is unloaded it is waited for, and the loader does not serve it meanwhile.
+    ZrPrepareConnections();
+    ZrPrepareProvisioning();
     if (m_hStopEvent != nullptr) CloseHandle(m_hStopEvent);
     m_hStopEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     if (m_hStopEvent != nullptr)

@@ -21,11 +21,15 @@
 #include "kernel/worker.h"
 
 namespace zr::platform {
+
+std::atomic<int> bus_idle_milliseconds{30'000};
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kIdle{30};
+// How long a fork waits for a connection that is being made.
+constexpr std::chrono::seconds kForkPatience{1};
 
 LoadedModule bus_module(kBusModule);
 
@@ -44,6 +48,10 @@ struct Match {
     std::uint64_t id;
     BusListener* listener;
 };
+
+std::chrono::milliseconds idle_time() {
+    return std::chrono::milliseconds(bus_idle_milliseconds.load(std::memory_order_relaxed));
+}
 
 // Where the program has closed its standard streams their numbers are taken meanwhile: what it prints must not end up
 // on the bus.
@@ -64,6 +72,7 @@ class SystemBus {
 public:
     // Waits until it is done, or for as long as it may take.
     BusAnswer run(const JobRef& job);
+    void prepare() noexcept;
     void stop_listening(BusListener& listener) noexcept;
 
     void lock() noexcept;
@@ -72,11 +81,13 @@ public:
     void resume() noexcept;
 
 private:
+    bool load() noexcept;
     bool start(BusAnswer& answer);
     void body() noexcept;
     bool open() noexcept;
     bool turn(std::unique_lock<std::mutex>& busy) noexcept;
     bool wait(std::unique_lock<std::mutex>& busy) noexcept;
+    void begin_connecting() noexcept { connecting_ = true, stuck_ = false, fork_waited_ = false; }
     bool begin_jobs() noexcept;
     bool begin(const JobRef& job);
     bool begin_listening(const JobRef& job);
@@ -95,11 +106,13 @@ private:
     std::mutex busy_;
     std::mutex mutex_;  // what callers and the thread share; taken behind the other one
     std::condition_variable done_;
+    std::condition_variable connected_;  // or it is known that there is no bus
     std::vector<JobRef> queue_;
     Worker worker_{"zr-bus"};
     HostFd wake_;
     bool connecting_ = false;
-    bool stuck_ = false;  // somebody has waited for the connection in vain
+    bool stuck_ = false;        // somebody has waited for the connection in vain
+    bool fork_waited_ = false;  // likewise
 
     const BusFunctions* module_ = nullptr;
     void* connection_ = nullptr;
@@ -147,24 +160,31 @@ BusAnswer SystemBus::run(const JobRef& job) {
     return std::move(job->answer);
 }
 
+void SystemBus::prepare() noexcept {
+    const std::lock_guard lock(mutex_);
+    load();
+}
+
+bool SystemBus::load() noexcept {
+    if (module_) return true;
+    const auto functions = reinterpret_cast<BusFunctionsOf>(bus_module.function(kBusFunctions));
+    module_ = functions ? functions() : nullptr;
+    return module_ != nullptr;
+}
+
 bool SystemBus::start(BusAnswer& answer) {
     if (worker_.is_running()) return true;
-    if (!module_) {
-        const auto functions = reinterpret_cast<BusFunctionsOf>(bus_module.function(kBusFunctions));
-        if (!functions) {
-            char reason[300];
-            bus_module.why_missing(reason, sizeof reason);
-            answer.result = BusResult::NoModule;
-            answer.error = "services cannot be asked without sdbus-c++ (package libsdbus-c++1): " + std::string(reason);
-            return false;
-        }
-        module_ = functions();
+    if (!load()) {
+        char reason[300];
+        bus_module.why_missing(reason, sizeof reason);
+        answer.result = BusResult::NoModule;
+        answer.error = "services cannot be asked without sdbus-c++ (package libsdbus-c++1): " + std::string(reason);
+        return false;
     }
     wake_ = HostFd(above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
-    connecting_ = true;
-    stuck_ = false;
     answer.result = BusResult::NoMemory;
     if (!wake_ || !worker_.start([](void* self) { static_cast<SystemBus*>(self)->body(); }, this)) return false;
+    begin_connecting();
     answer.result = BusResult::TimedOut;
     return true;
 }
@@ -214,6 +234,7 @@ bool SystemBus::open() noexcept {
     const int descriptor = connection ? module_->poll(connection).descriptor : -1;
     const std::lock_guard lock(mutex_);
     connecting_ = false;
+    connected_.notify_all();
     connection_ = connection;
     descriptor_ = descriptor;
     used_ = Clock::now();
@@ -311,7 +332,7 @@ bool SystemBus::wait(std::unique_lock<std::mutex>& busy) noexcept {
     if (is_idle()) return false;
     const BusPoll wanted = module_->poll(connection_);
     if (wanted.descriptor < 0) return false;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(used_ + kIdle - Clock::now()).count();
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(used_ + idle_time() - Clock::now()).count();
     const int idle = static_cast<int>(std::max<std::int64_t>(left, 0)) + 1;
     pollfd files[2] = {{wanted.descriptor, wanted.events, 0}, {wake_.get(), POLLIN, 0}};
     busy.unlock();
@@ -328,7 +349,7 @@ bool SystemBus::wait(std::unique_lock<std::mutex>& busy) noexcept {
 // Whether nobody has called for a while, and no listener needs it.
 bool SystemBus::is_idle() noexcept {
     const auto now = Clock::now();
-    if (now < used_ + kIdle) return false;
+    if (now < used_ + idle_time()) return false;
     used_ = now;
     if (!calls_.empty()) return false;
     for (std::size_t i = 0;; ++i) {
@@ -389,8 +410,10 @@ bool SystemBus::end() noexcept {
         each.listener->lost();
     }
     const std::lock_guard lock(mutex_);
-    connecting_ = wake_ && !queue_.empty();
-    if (connecting_) return false;
+    if (wake_ && !queue_.empty()) {
+        begin_connecting();
+        return false;
+    }
     for (const JobRef& job : queue_) {
         finish(*job, BusResult::Lost);
     }
@@ -402,9 +425,17 @@ bool SystemBus::end() noexcept {
 
 // ---- Forks ----
 
+// A connection that is half made would stay with the child for ever, which knows nothing of it. For one that hangs only
+// one fork waits.
 void SystemBus::lock() noexcept {
-    busy_.lock();
-    mutex_.lock();
+    for (;;) {
+        busy_.lock();
+        mutex_.lock();
+        if (!connecting_ || fork_waited_) return;
+        busy_.unlock();
+        std::unique_lock lock(mutex_, std::adopt_lock);
+        fork_waited_ = !connected_.wait_for(lock, kForkPatience, [&] { return !connecting_; });
+    }
 }
 
 void SystemBus::unlock() noexcept {
@@ -425,6 +456,7 @@ void SystemBus::begin_child() noexcept {
     connecting_ = false;
     stuck_ = false;
     new (&done_) std::condition_variable;  // those who waited are not here
+    new (&connected_) std::condition_variable;
     unlock();
 }
 
@@ -475,6 +507,10 @@ bool may_have_system_bus() noexcept {
         if (end == std::string_view::npos) return false;
         rest.remove_prefix(end + 1);
     }
+}
+
+void prepare_system_bus() noexcept {
+    if (may_have_system_bus()) the_bus.prepare();
 }
 
 BusAnswer call_bus(const BusRequest& request, int milliseconds) noexcept try {

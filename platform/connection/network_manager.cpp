@@ -26,6 +26,9 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kManager = ZR_MANAGER;
 constexpr const char* kActive = ZR_MANAGER ".Connection.Active";
 constexpr const char* kDevice = ZR_MANAGER ".Device";
+constexpr const char* kWireless = ZR_MANAGER ".Device.Wireless";
+constexpr const char* kAccessPoint = ZR_MANAGER ".AccessPoint";
+constexpr const char* kSettings = ZR_MANAGER ".Settings.Connection";
 #define ZR_CHANGED                                                                                             \
     "type='signal',interface='org.freedesktop.DBus.Properties',member='PropertiesChanged',sender='" ZR_MANAGER \
     "',arg0='"
@@ -44,10 +47,17 @@ constexpr const char* kSignals[] = {
 constexpr std::int64_t kActivated = 2;
 constexpr std::size_t kMostConnections = 1000;
 constexpr std::chrono::seconds kQuiet{30};
+constexpr std::chrono::seconds kSignalAge{5};
+
+int milliseconds_until(Clock::time_point end) {
+    return std::max(0, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count()));
+}
 
 // Reads it all, within one time for everything.
 class ManagerReader {
 public:
+    explicit ManagerReader(Clock::time_point end) : end_(end) {}
+
     // Answered also where there is no manager; otherwise why not.
     BusResult read(ManagedConnections& all);
 
@@ -56,19 +66,18 @@ private:
     const BusValue* properties(std::string_view path, const char* interface);
     void read_connection(std::string_view path, ManagedConnections& all);
     void read_device(std::string_view path, ManagedConnection& connection);
+    void read_signal(std::string_view path, ManagedConnection& connection);
+    void read_settings(std::string_view path, ManagedConnection& connection);
     void read_addresses(std::string_view path, const char* interface, ManagedConnection& connection);
     bool ask(BusAnswer answer);
-    int left() const;
+    bool can_ask(std::string_view path) const { return answers_ && path.starts_with('/') && path != "/"; }
+    int left() const { return milliseconds_until(end_); }
 
-    const Clock::time_point end_ = Clock::now() + std::chrono::milliseconds(kBusPatience);
+    const Clock::time_point end_;
     std::string manager_;  // its address
     BusAnswer answer_;
     bool answers_ = true;
 };
-
-int ManagerReader::left() const {
-    return std::max(0, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count()));
-}
 
 bool ManagerReader::ask(BusAnswer answer) {
     answer_ = std::move(answer);
@@ -78,7 +87,7 @@ bool ManagerReader::ask(BusAnswer answer) {
 }
 
 const BusValue* ManagerReader::properties(std::string_view path, const char* interface) {
-    if (!answers_ || !path.starts_with('/') || path == "/") return nullptr;
+    if (!can_ask(path)) return nullptr;
     return ask(read_bus_properties(manager_, std::string(path), interface, left())) ? answer_.first() : nullptr;
 }
 
@@ -106,6 +115,7 @@ void ManagerReader::read_connection(std::string_view path, ManagedConnections& a
     const std::vector<BusValue> devices = items_of(found->find("Devices"));
     const std::string four(text_of(found->find("Ip4Config")));
     const std::string six(text_of(found->find("Ip6Config")));
+    const std::string settings(text_of(found->find("Connection")));
     for (const BusValue& device : devices) {
         if (own) read_device(text_of(&device), connection);
     }
@@ -113,7 +123,24 @@ void ManagerReader::read_connection(std::string_view path, ManagedConnections& a
         read_addresses(four, "org.freedesktop.NetworkManager.IP4Config", connection);
         read_addresses(six, "org.freedesktop.NetworkManager.IP6Config", connection);
     }
+    read_settings(settings, connection);
     all.push_back(std::move(connection));
+}
+
+// When it was last seen to be connected stands in what is kept of the connection.
+void ManagerReader::read_settings(std::string_view path, ManagedConnection& connection) {
+    if (!can_ask(path)) return;
+    if (!ask(call_bus({manager_, std::string(path), kSettings, "GetSettings", {}}, left()))) return;
+    const BusValue* const group = answer_.first() ? answer_.first()->find("connection") : nullptr;
+    connection.last_connect = integer_of(group ? group->find("timestamp") : nullptr);
+}
+
+void ManagerReader::read_signal(std::string_view path, ManagedConnection& connection) {
+    const BusValue* const wireless = properties(path, kWireless);
+    const std::string point(text_of(wireless ? wireless->find("ActiveAccessPoint") : nullptr));
+    const BusValue* const found = properties(point, kAccessPoint);
+    const BusValue* const strength = found ? found->find("Strength") : nullptr;
+    if (strength && strength->type == 'y') connection.signal = static_cast<unsigned>(strength->integer);
 }
 
 void ManagerReader::read_device(std::string_view path, ManagedConnection& connection) {
@@ -127,6 +154,7 @@ void ManagerReader::read_device(std::string_view path, ManagedConnection& connec
     const std::int64_t metered = integer_of(device->find("Metered"));  // 1 yes, 2 no, 3 and 4 the same as a guess
     if (metered == 1 || metered == 3) connection.metered = Metered::Yes;
     if (metered == 2 || metered == 4) connection.metered = Metered::No;
+    if (connection.type == "802-11-wireless") read_signal(path, connection);
 }
 
 void ManagerReader::read_addresses(std::string_view path, const char* interface, ManagedConnection& connection) {
@@ -165,13 +193,15 @@ private:
         told_.fetch_add(1);
         tell_network_watches();
     }
-    bool listen() noexcept;
+    bool listen(int milliseconds) noexcept;
+    bool is_old(Clock::time_point now) const;
 
     std::atomic<std::uint64_t> told_{1};
     std::atomic<bool> listening_{false};
     std::mutex mutex_;
     std::shared_ptr<const ManagedConnections> known_;
     std::uint64_t known_at_ = 0;  // told_, before it was read
+    Clock::time_point read_at_;
     std::uint64_t quiet_at_ = 0;
     Clock::time_point quiet_until_;
 };
@@ -184,36 +214,46 @@ const AtFork connection_at_fork{ForkRank::Connection,
                                 {[]() noexcept { the_manager.lock(); }, []() noexcept { the_manager.unlock(); },
                                  []() noexcept { the_manager.begin_child(); }}};
 
-bool Manager::listen() noexcept {
+bool Manager::listen(int milliseconds) noexcept {
     if (listening_.exchange(true)) return true;
-    const bool good = listen_to_bus(*this, kSignals) == BusResult::Answered;
+    const bool good = listen_to_bus(*this, kSignals, milliseconds) == BusResult::Answered;
     if (!good) listening_ = false;
     return good;
+}
+
+// Nobody says when the strength of a signal changes.
+bool Manager::is_old(Clock::time_point now) const {
+    return known_ && now >= read_at_ + kSignalAge &&
+           std::ranges::any_of(*known_, [](const ManagedConnection& each) { return each.signal.has_value(); });
 }
 
 std::shared_ptr<const ManagedConnections> Manager::connections() {
     if (!may_have_system_bus()) return nullptr;
     const std::uint64_t told = told_.load();
+    const Clock::time_point now = Clock::now();
     {
         const std::lock_guard guard(mutex_);
-        if (known_at_ == told) return known_;
-        if (quiet_at_ == told && Clock::now() < quiet_until_) return nullptr;
+        const bool quiet = quiet_at_ == told && now < quiet_until_;
+        if (known_at_ == told && (quiet || !is_old(now))) return known_;
+        if (quiet) return nullptr;
     }
     // First listened, then read: nothing falls in between. Nothing is locked meanwhile, so that two who come at once
     // may read twice.
-    const bool listens = listen();
+    const Clock::time_point end = now + std::chrono::milliseconds(kBusPatience);
+    const bool listens = listen(milliseconds_until(end));
     auto read = std::make_shared<ManagedConnections>();
-    const BusResult result = ManagerReader().read(*read);
+    const BusResult result = ManagerReader(end).read(*read);
     const std::lock_guard guard(mutex_);
     if (result == BusResult::Answered) {
         if (listens) known_at_ = told;
+        read_at_ = now;
         known_ = std::move(read);
         return known_;
     }
     if (result != BusResult::TimedOut) return nullptr;
     quiet_at_ = told;
     quiet_until_ = Clock::now() + kQuiet;
-    return nullptr;
+    return known_at_ == told ? known_ : nullptr;
 }
 
 }  // namespace

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/utf.h"
+#include "bus/system_bus.h"
 #include "connection_kind.h"
 #include "iphelper/network_watch.h"
 #include "kernel/thread.h"
@@ -19,6 +21,7 @@
 #include "platform/base.h"
 #include "platform/connection.h"
 #include "platform/kernel.h"
+#include "platform/time.h"
 
 namespace zr::platform {
 namespace {
@@ -33,6 +36,8 @@ struct Described {
     std::u16string adapter;
     std::u16string name;  // NetworkManager's
     Metered metered = Metered::Unknown;
+    std::int64_t last_connect = 0;
+    std::optional<unsigned> signal;
 };
 
 DWORD describe_all(std::vector<Described>& all) {
@@ -49,6 +54,8 @@ DWORD describe_all(std::vector<Described>& all) {
             made.kind = managed_kind(*known).value_or(made.kind);
             made.name = known->name;
             made.metered = known->metered;
+            made.last_connect = known->last_connect;
+            made.signal = known->signal;
         }
         made.judgement = rules.judge(each, made.kind, made.name);
         made.connection = std::move(each);
@@ -110,6 +117,22 @@ CONNMGR_CONNECTION_IPADDR* write_addresses(const std::vector<NetAddress>& addres
     return list;
 }
 
+void write_time(std::int64_t second, Record& record) {
+    constexpr std::int64_t from_1601_to_1970 = 11'644'473'600;
+    constexpr std::int64_t last = 253'402'300'799;  // of the year 9999
+    if (second <= 0 || second > last) return;
+    const auto units = static_cast<std::uint64_t>(second + from_1601_to_1970) * 10'000'000;
+    const FILETIME time{static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
+    if (FileTimeToSystemTime(&time, &record.LastConnectTime))
+        record.dwParams |= CONNMGRDETAILEDSTATUS_PARAM_LASTCONNECT;
+}
+
+void write_signal(std::optional<unsigned> percent, Record& record) {
+    if (!percent) return;
+    record.dwSignalQuality = std::min(*percent, 100u) * 255 / 100;
+    record.dwParams |= CONNMGRDETAILEDSTATUS_PARAM_SIGNALQUALITY;
+}
+
 // NULL when the room only counts.
 Record* write_record(const Described& described, Room& room) {
     auto* const record = room.take<Record>(sizeof(Record));
@@ -133,6 +156,8 @@ Record* write_record(const Described& described, Room& room) {
     record->szAdapterName = adapter;
     record->dwConnectionStatus =
         is_connected(described.connection) ? CONNMGR_STATUS_CONNECTED : CONNMGR_STATUS_DISCONNECTED;
+    write_time(described.last_connect, *record);
+    write_signal(described.signal, *record);
     record->pIPAddr = addresses;
     if (addresses) record->dwParams |= CONNMGRDETAILEDSTATUS_PARAM_IPADDR;
     return record;
@@ -213,4 +238,9 @@ DWORD ZrNotifyConnectionChange(HANDLE* handle) try {
 } catch (const std::bad_alloc&) {
     CloseHandle(std::exchange(*handle, nullptr));
     return ERROR_NOT_ENOUGH_MEMORY;
+}
+
+void ZrPrepareConnections() {
+    cancellation_point();
+    prepare_system_bus();
 }

@@ -148,10 +148,10 @@ public:
                                   60'000);
     }
     bool add_method(const std::string& interface, const std::string& name, const std::string& in,
-                    const std::string& out, const std::string& code) const {
+                    const std::string& out, const std::string& code, const std::string& path = "") const {
         using platform::bus_text;
         return call(kMock, "AddMethod",
-                    {bus_text(interface), bus_text(name), bus_text(in), bus_text(out), bus_text(code)})
+                    {bus_text(interface), bus_text(name), bus_text(in), bus_text(out), bus_text(code)}, path)
                    .result == platform::BusResult::Answered;
     }
     using Properties = std::vector<platform::BusValue>;  // entries
@@ -161,6 +161,13 @@ public:
         return call(kMock, "AddObject",
                     {bus_text(path), bus_text(interface), bus_array("{sv}", std::move(properties)),
                      bus_array("(ssss)", {})})
+                   .result == platform::BusResult::Answered;
+    }
+    // A further interface of an object.
+    bool add_properties(const std::string& path, const std::string& interface, Properties properties) const {
+        using platform::bus_array;
+        using platform::bus_text;
+        return call(kMock, "AddProperties", {bus_text(interface), bus_array("{sv}", std::move(properties))}, path)
                    .result == platform::BusResult::Answered;
     }
     // With the signal that says so.

@@ -20,6 +20,7 @@
 #include "platform/registry.h"
 #include "platform/windowing.h"
 #include "support/own_process.h"
+#include "support/sandbox.h"
 #include "support/time_changes.h"
 
 namespace {
@@ -32,10 +33,10 @@ struct Alive {
     friend bool operator==(const Alive&, const Alive&) = default;
 };
 
-bool is_mapped() {
+bool is_mapped(const char* library = "libZrUtility") {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
-        if (line.find("libZrUtility") != std::string::npos) return true;
+        if (line.find(library) != std::string::npos) return true;
     }
     return false;
 }
@@ -217,6 +218,23 @@ TEST(Unload, AProxyWorkerThatIsStillAtWorkIsWaitedFor) {
     EXPECT_LT(GetTickCount() - before, 15000u) << "the worker's time was up";
     CloseHandle(mutex);
     RegDeleteKeyW(HKEY_LOCAL_MACHINE, u"Comm\\ConnMgr");
+}
+
+// It is waited for while the library goes, when the loader serves nobody else.
+TEST(Unload, TheThreadOfTheAddressesNeedsTheLoaderNoMore) {
+    const std::filesystem::path bus = zr::test::sandbox() / "bus";
+    std::ofstream(bus).put('\n');  // as if there were one
+    {
+        Library library;
+        const auto get = library.find<void* (*)()>("_ZN14PyxProxyHelper11GetInstanceEv");
+        const auto start = library.find<int (*)(void*)>("_ZN14PyxProxyHelper29StartIPAddrChangeNotificationEv");
+        EXPECT_EQ(start(get()), 1);
+        EXPECT_TRUE(is_mapped("libzrplatform_bus"));
+        EXPECT_TRUE(is_mapped("libzrplatform_xml"));
+        library.unload();
+        EXPECT_FALSE(is_mapped());
+    }
+    std::filesystem::remove(bus);
 }
 
 TEST(Unload, DelayedCallsThatArePendingAreDropped) {

@@ -4,8 +4,9 @@
 //
 // A connection is a network interface, but for the loopback. What the kernel says of interfaces, addresses and routes
 // is asked anew by each call. Where NetworkManager is on the system bus, it says what it calls a connection, of what
-// kind it is, whether it is a VPN, and whether it is metered; that is kept until it says that something changed. What
-// it does not say within two seconds is left out, and then it is not asked again for half a minute.
+// kind it is, whether it is a VPN, whether it is metered, when it was last established, and how strong a wireless
+// network's signal is; that is kept until it says that something changed, and a signal's strength five seconds. What it
+// does not say within two seconds is left out, and then it is not asked again for half a minute.
 //
 // Destinations are the keys below HKLM\Comm\ConnMgr\Destinations, each with its GUID as the text DestId. Which one a
 // connection leads into is said by rules, the keys below HKLM\Comm\ConnMgr\Rules. They are looked through in the order
@@ -46,11 +47,11 @@ struct CONNMGR_CONNECTION_DETAILED_STATUS {
     DWORD dwSecure;   // not 0: nobody on the way can read along
     GUID guidDestNet;
     GUID guidSourceNet;
-    LPWSTR szDescription;      // NetworkManager's name of the connection, or the interface's
-    LPWSTR szAdapterName;      // the interface's
-    DWORD dwConnectionStatus;  // CONNMGR_STATUS_
-    SYSTEMTIME LastConnectTime;
-    DWORD dwSignalQuality;
+    LPWSTR szDescription;                // NetworkManager's name of the connection, or the interface's
+    LPWSTR szAdapterName;                // the interface's
+    DWORD dwConnectionStatus;            // CONNMGR_STATUS_
+    SYSTEMTIME LastConnectTime;          // UTC; by NetworkManager, which moves it on while the connection lasts
+    DWORD dwSignalQuality;               // 0 to 255; of wireless networks, by NetworkManager
     CONNMGR_CONNECTION_IPADDR* pIPAddr;  // NULL: none; IPv4 before IPv6
 };
 
@@ -132,3 +133,8 @@ ZRPLATFORM_API HRESULT ZrVisitConnections(ZrConnectionVisitor visit, LPVOID cont
 // NetworkManager, which need not have changed anything that the calls above show; like the one of NotifyAddrChange
 // (platform/iphelper.h) in all else. A forked child is told by NetworkManager once it has called one of these.
 ZRPLATFORM_API DWORD ZrNotifyConnectionChange(HANDLE* handle);
+
+// Loads what asking NetworkManager needs, where there is a system bus. From then on the calls above ask nothing of the
+// loader: for a thread that somebody waits for while a library is unloaded, when the loader serves nobody else. Any
+// thread.
+ZRPLATFORM_API void ZrPrepareConnections();

@@ -8,6 +8,7 @@
 //
 // A child made by fork has no connection, and none of its parent's listeners listens in it.
 
+#include <atomic>
 #include <span>
 
 #include "bus/bus_module.h"
@@ -20,6 +21,12 @@ inline constexpr int kBusPatience = 2000;
 
 // Whether there may be a system bus: quick, for who asks often.
 ZRPLATFORM_API bool may_have_system_bus() noexcept;
+
+// Loads what calls need, where there may be a bus. Connects to nothing.
+ZRPLATFORM_API void prepare_system_bus() noexcept;
+
+// How long a connection is kept that nobody needs. Tests make it short.
+ZRPLATFORM_API extern std::atomic<int> bus_idle_milliseconds;
 
 // Calls, and waits for the answer, as many milliseconds at most: also when the bus itself does not answer. Any thread
 // but the bus's own.

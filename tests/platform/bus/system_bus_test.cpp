@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -12,6 +13,7 @@
 #include <fstream>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -79,7 +81,10 @@ public:
         lost_ = true;
         changed_.notify_all();
     }
-    bool is_needed() noexcept override { return true; }
+    bool is_needed() noexcept override {
+        ++asked;
+        return needed;
+    }
 
     std::optional<BusSignal> wait_signal() {
         std::unique_lock lock(mutex_);
@@ -96,6 +101,13 @@ public:
         const std::lock_guard guard(mutex_);
         return signals_.size();
     }
+    bool was_lost() {
+        const std::lock_guard guard(mutex_);
+        return lost_;
+    }
+
+    std::atomic<bool> needed{true};
+    std::atomic<int> asked{0};  // whether it needs the connection
 
 private:
     std::mutex mutex_;
@@ -103,6 +115,50 @@ private:
     std::vector<BusSignal> signals_;
     bool lost_ = false;
 };
+
+template <class Condition>
+bool becomes_true(Condition&& condition) {
+    const auto end = Clock::now() + kSoon;
+    while (!condition()) {
+        if (Clock::now() >= end) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+bool bus_thread_runs() {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(task.path() / "comm");
+        std::string name;
+        if (std::getline(file, name) && name == "zr-bus") return true;
+    }
+    return false;
+}
+
+std::set<std::string> open_sockets() {
+    std::set<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
+        if (target.starts_with("socket:")) found.insert(target);
+    }
+    return found;
+}
+
+// Connections that nobody needs end soon.
+class ShortIdleness {
+public:
+    ShortIdleness() { bus_idle_milliseconds = 20; }
+    ~ShortIdleness() { bus_idle_milliseconds = before_; }
+    ShortIdleness(const ShortIdleness&) = delete;
+    ShortIdleness& operator=(const ShortIdleness&) = delete;
+
+private:
+    const int before_ = bus_idle_milliseconds;
+};
+
+// Told on the thread that forks, before the platform is.
+std::atomic<bool> fork_begins{false};
 
 constexpr const char* kRules[] = {"type='signal',interface='com.example.Counter'"};
 
@@ -297,6 +353,33 @@ TEST_F(SystemBus, SaysThatTheBusWasLostAndListensAgainToTheNext) {
     EXPECT_TRUE(listener.wait_signal());
 }
 
+TEST_F(SystemBus, EndsAConnectionThatNobodyNeeds) {
+    const ShortIdleness soon;
+    Listener listener;
+    ASSERT_EQ(listen_to_bus(listener, kRules), BusResult::Answered);
+    // As long as somebody needs it the connection stays.
+    EXPECT_TRUE(becomes_true([&] { return listener.asked >= 5; }));
+    EXPECT_FALSE(listener.was_lost());
+    ASSERT_TRUE(emit("hello"));
+    EXPECT_TRUE(listener.wait_signal());
+    listener.needed = false;
+    EXPECT_TRUE(listener.wait_lost());
+    EXPECT_TRUE(becomes_true([] { return !bus_thread_runs(); }));
+    // The next call makes another one, which ends as well.
+    EXPECT_EQ(find_bus_owner(kName, kLong).result, BusResult::Answered);
+    EXPECT_TRUE(becomes_true([] { return !bus_thread_runs(); }));
+}
+
+TEST_F(SystemBus, DoesNotEndUnderACallThatTakesItsTime) {
+    const ShortIdleness soon;
+    Listener listener;
+    listener.needed = false;
+    ASSERT_TRUE(mock_->add_method(kName, "Wait", "", "s", "time.sleep(1); ret = 'done'"));
+    const BusAnswer answer = call("Wait");
+    ASSERT_EQ(answer.result, BusResult::Answered);
+    EXPECT_EQ(text_of(answer.first()), "done");
+}
+
 TEST_F(SystemBus, AChildHasAConnectionOfItsOwn) {
     Listener listener;
     ASSERT_EQ(listen_to_bus(listener, kRules), BusResult::Answered);
@@ -396,6 +479,43 @@ TEST(SystemBusAlone, DoesNotWaitForABusThatNeverAnswers) {
     while (find_bus_owner(kName, kLong).result != BusResult::Refused && Clock::now() < end) {
     }
     EXPECT_EQ(find_bus_owner(kName, kLong).result, BusResult::Refused);
+}
+
+TEST(SystemBusAlone, AForkWaitsForAConnectionThatIsBeingMade) {
+    const FalseBus half;
+    const std::set<std::string> before = open_sockets();
+    BusAnswer answer;
+    std::thread caller([&] { answer = find_bus_owner(kName, kLong); });
+    const int peer = accept4(half.descriptor(), nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(peer, 0);
+    const std::string own = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(peer)).string();
+    pthread_atfork([] { fork_begins = true; }, nullptr, nullptr);
+    std::thread ends_it([peer] {
+        EXPECT_TRUE(becomes_true([] { return fork_begins.load(); }));
+        close(peer);
+    });
+    const int code = zr::test::in_fork([&] {
+        int more = 7;
+        for (const std::string& each : open_sockets()) {
+            if (each != own && !before.contains(each)) ++more;
+        }
+        return more;
+    });
+    EXPECT_EQ(code, 7) << "a connection is left in the child";
+    ends_it.join();
+    caller.join();
+    EXPECT_EQ(answer.result, BusResult::NoBus);
+}
+
+TEST(SystemBusAlone, OneForkWaitsForABusThatNeverAnswers) {
+    std::optional<FalseBus> silent;
+    silent.emplace();
+    EXPECT_EQ(find_bus_owner(kName, 1).result, BusResult::TimedOut);
+    const auto before = Clock::now();
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_EQ(zr::test::in_fork([] { return 7; }), 7);
+    }
+    EXPECT_LT(Clock::now() - before, kSoon);
 }
 
 TEST(SystemBusAlone, TakesNonsenseForNoBus) {

@@ -30,6 +30,9 @@ constexpr const char* kManagerName = ZR_NAME;
 constexpr const char* kActiveName = ZR_NAME ".Connection.Active";
 constexpr const char* kDeviceName = ZR_NAME ".Device";
 constexpr const char* kConfigName = ZR_NAME ".IP4Config";
+constexpr const char* kWirelessName = ZR_NAME ".Device.Wireless";
+constexpr const char* kPointName = ZR_NAME ".AccessPoint";
+constexpr const char* kSettingsName = ZR_NAME ".Settings.Connection";
 #undef ZR_NAME
 constexpr const char* kRoot = "/org/freedesktop/NetworkManager";
 constexpr DWORD kManagerLimit = 30'000;
@@ -53,6 +56,8 @@ struct Said {
     DWORD flags = 0;
     DWORD secure = 0;
     bool metered = false;
+    SYSTEMTIME last_connect{};
+    DWORD signal = 0;
 };
 
 std::optional<Said> ask(const std::u16string& adapter) {
@@ -64,9 +69,9 @@ std::optional<Said> ask(const std::u16string& adapter) {
         Search& wanted = *static_cast<Search*>(context);
         const CONNMGR_CONNECTION_DETAILED_STATUS& status = *each->Status;
         if (status.szAdapterName != wanted.adapter) return 0;
-        wanted.found =
-            Said{each->Name,    status.szDescription, each->Network,  each->Rule,      status.dwParams,
-                 status.dwType, status.dwSubtype,     status.dwFlags, status.dwSecure, each->Metered != FALSE};
+        wanted.found = Said{each->Name,      status.szDescription,   each->Network,          each->Rule,
+                            status.dwParams, status.dwType,          status.dwSubtype,       status.dwFlags,
+                            status.dwSecure, each->Metered != FALSE, status.LastConnectTime, status.dwSignalQuality};
         return 1;
     };
     EXPECT_EQ(ZrVisitConnections(visit, &search), S_OK);
@@ -187,6 +192,56 @@ TEST_F(NetworkManagerStatus, TakesAGuessForAWord) {
     EXPECT_NE(two->params & CONNMGRDETAILEDSTATUS_PARAM_FLAGS, 0u);
     EXPECT_EQ(two->flags, 0u);
     EXPECT_EQ(two->type, CM_CONNTYPE_CELLULAR);
+}
+
+TEST_F(NetworkManagerStatus, SaysWhenItWasEstablishedAndHowStrongItIs) {
+    add_device("one", 1);
+    ASSERT_TRUE(manager_->add_properties(at("Devices/one"), kWirelessName,
+                                         {bus_entry("ActiveAccessPoint", path_of("AccessPoint/9"))}));
+    ASSERT_TRUE(manager_->add_object(at("AccessPoint/9"), kPointName, {bus_entry("Strength", bus_integer(60, 'y'))}));
+    ASSERT_TRUE(manager_->add_object(at("Settings/3"), kSettingsName, {}));
+    ASSERT_TRUE(manager_->add_method(kSettingsName, "GetSettings", "", "a{sa{sv}}",
+                                     "ret = {'connection': {'timestamp': dbus.UInt64(1700000000)}}", at("Settings/3")));
+    Properties known = connection("Home", "802-11-wireless", "one");
+    known.push_back(bus_entry("Connection", path_of("Settings/3")));
+    add_connection("1", known);
+    ASSERT_TRUE(becomes(u"one", u"Home"));
+    const auto said = ask(u"one");
+    ASSERT_TRUE(said);
+    constexpr DWORD both = CONNMGRDETAILEDSTATUS_PARAM_LASTCONNECT | CONNMGRDETAILEDSTATUS_PARAM_SIGNALQUALITY;
+    EXPECT_EQ(said->params & both, both);
+    EXPECT_EQ(said->signal, 153u);
+    const SYSTEMTIME& time = said->last_connect;  // 14 November 2023, 22:13:20 UTC, a Tuesday
+    EXPECT_EQ(
+        (std::vector{time.wYear, time.wMonth, time.wDay, time.wDayOfWeek, time.wHour, time.wMinute, time.wSecond}),
+        (std::vector<WORD>{2023, 11, 14, 2, 22, 13, 20}));
+    EXPECT_EQ(ask(u"one-peer")->params & both, 0u);
+    // The strength is asked for again, though nobody says that it changed.
+    ASSERT_TRUE(manager_->set(at("AccessPoint/9"), kPointName, {bus_entry("Strength", bus_integer(100, 'y'))}));
+    const HANDLE never = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const auto end = Clock::now() + std::chrono::seconds(100);
+    while (ask(u"one").value_or(Said{}).signal != 255 && Clock::now() < end) {
+        WaitForSingleObject(never, 100);
+    }
+    CloseHandle(never);
+    EXPECT_EQ(ask(u"one")->signal, 255u);
+}
+
+TEST_F(NetworkManagerStatus, LeavesOutATimeAndASignalThatCannotBe) {
+    add_device("one", 1);
+    ASSERT_TRUE(manager_->add_properties(at("Devices/one"), kWirelessName,
+                                         {bus_entry("ActiveAccessPoint", path_of("AccessPoint/9"))}));
+    ASSERT_TRUE(manager_->add_object(at("AccessPoint/9"), kPointName, {bus_entry("Strength", bus_text("very"))}));
+    ASSERT_TRUE(manager_->add_object(at("Settings/3"), kSettingsName, {}));
+    ASSERT_TRUE(manager_->add_method(kSettingsName, "GetSettings", "", "a{sa{sv}}",
+                                     "ret = {'connection': {'timestamp': dbus.UInt64(2**64 - 1)}}", at("Settings/3")));
+    Properties known = connection("Home", "802-11-wireless", "one");
+    known.push_back(bus_entry("Connection", path_of("Settings/3")));
+    add_connection("1", known);
+    ASSERT_TRUE(becomes(u"one", u"Home"));
+    EXPECT_EQ(
+        ask(u"one")->params & (CONNMGRDETAILEDSTATUS_PARAM_LASTCONNECT | CONNMGRDETAILEDSTATUS_PARAM_SIGNALQUALITY),
+        0u);
 }
 
 TEST_F(NetworkManagerStatus, KnowsAVpnByItsAddresses) {
