@@ -505,6 +505,7 @@ TEST(SystemBusAlone, AForkWaitsForAConnectionThatIsBeingMade) {
     ends_it.join();
     caller.join();
     EXPECT_EQ(answer.result, BusResult::NoBus);
+    EXPECT_TRUE(becomes_true([] { return !bus_thread_runs(); }));
 }
 
 TEST(SystemBusAlone, OneForkWaitsForABusThatNeverAnswers) {
@@ -516,6 +517,8 @@ TEST(SystemBusAlone, OneForkWaitsForABusThatNeverAnswers) {
         EXPECT_EQ(zr::test::in_fork([] { return 7; }), 7);
     }
     EXPECT_LT(Clock::now() - before, kSoon);
+    silent.reset();  // which ends the attempt
+    EXPECT_TRUE(becomes_true([] { return !bus_thread_runs(); }));
 }
 
 TEST(SystemBusAlone, TakesNonsenseForNoBus) {
