@@ -14,8 +14,8 @@
 #include <set>
 #include <system_error>
 
-#include "ZrLog/descriptor.h"
 #include "ZrLog/file_reader.h"
+#include "host/descriptor.h"
 
 namespace zr::log {
 
@@ -96,7 +96,7 @@ struct __attribute__((visibility("hidden"))) ZrLogReader::State {
     std::string path;
     int wait = 0;
     ZrLogStatistics statistics;
-    Descriptor file;
+    zr::HostFd file;
     std::unique_ptr<FileReader> reader;
     std::string identity;            // of the file that is read
     std::set<std::string> was_read;  // the identities of all that were
@@ -108,7 +108,7 @@ struct __attribute__((visibility("hidden"))) ZrLogReader::State {
 
 // Reads that file from now on; or why not, and then it goes on with the one before.
 std::optional<std::string> ZrLogReader::State::open(const std::string& name) {
-    Descriptor opened(above_standard(::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)));
+    zr::HostFd opened = zr::open_host(name.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
     struct stat facts;
     if (!opened) return strerror(errno);
     if (fstat(opened.get(), &facts) != 0 || !S_ISREG(facts.st_mode)) return "not a regular file";

@@ -13,10 +13,13 @@
 #include <memory>
 #include <new>
 
-#include "ZrLog/size_signal.h"
+#include "host/size_limit.h"
 
 namespace zr::log {
 namespace {
+
+// A program that closes all it finds open does not soon give so high a number to a file of its own.
+constexpr int kFarUp = 512;
 
 // How long, and how many bytes of its own, a process writes without looking at the file.
 constexpr std::uint64_t kLookTime = 100'000'000;
@@ -84,8 +87,8 @@ LogFile* LogFile::open(const char* path, std::string& error) {
     std::string whole = whole_path(path);
     bool made = false;
     const char* reason = nullptr;
-    Descriptor file = open_log(whole, limits, made, reason);
-    file = Descriptor(moved_above(file.detach(), kFarUp));
+    HostFd file = open_log(whole, limits, made, reason);
+    file = HostFd(moved_above(file.detach(), kFarUp));
     if (!file) {
         error = std::string(path) + ": " + (reason ? reason : strerror(errno));
         return nullptr;
@@ -197,7 +200,7 @@ ssize_t LogFile::write_bytes(const Pieces& pieces, std::size_t length) const {
 }
 
 ssize_t LogFile::write_within_limit(const Pieces& pieces, std::size_t length) const {
-    const SizeSignal no_signal;
+    const WithinSizeLimit no_signal;
     return write_bytes(pieces, length);
 }
 
@@ -263,7 +266,7 @@ void LogFile::find_again(bool is_open, const struct stat& status) {
     const bool removed = is_open && status.st_nlink == 0;
     bool made = false;
     const char* reason = nullptr;
-    Descriptor file = open_log(path_, limits_, made, reason);
+    HostFd file = open_log(path_, limits_, made, reason);
     const bool found = file && adopt(std::move(file), is_open);
     gone_ = !found && (removed || !is_open);
     trouble_ = gone_ ? kGone : kNone;
@@ -271,7 +274,7 @@ void LogFile::find_again(bool is_open, const struct stat& status) {
     if (found && made && removed) put_note(kRemoved, 0);
 }
 
-bool LogFile::adopt(Descriptor file, bool is_open) {
+bool LogFile::adopt(HostFd file, bool is_open) {
     struct stat status {};
     if (fstat(file.get(), &status) != 0) return false;
     if (is_open) {

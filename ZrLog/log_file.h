@@ -54,7 +54,7 @@ private:
     bool is_cut(const struct stat& status);
     void notice_length(const struct stat& status);
     void find_again(bool is_open, const struct stat& status);
-    bool adopt(Descriptor file, bool is_open);
+    bool adopt(HostFd file, bool is_open);
     std::uint64_t size_limit() const;
 
     std::atomic<int> fd_;  // what the number stands for changes; the number only when somebody closed it

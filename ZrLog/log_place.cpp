@@ -50,14 +50,14 @@ const char* text_of(int error) {
 // 0, or an error number, or kObjected with a reason.
 constexpr int kObjected = -1;
 
-int open_once(const std::string& path, Descriptor& file, bool& made, const char*& reason) {
+int open_once(const std::string& path, HostFd& file, bool& made, const char*& reason) {
     struct stat status;
     const int missing = lstat(path.c_str(), &status) == 0 ? 0 : errno;
     made = missing == ENOENT;
     if (missing != 0 && !made) return missing;
     // Looked at before it is opened: opening a device or a pipe may do something.
     if (!made && (reason = objection(status)) != nullptr) return kObjected;
-    file = Descriptor(above_standard(open(path.c_str(), kFlags | (made ? O_CREAT | O_EXCL : 0), 0600)));
+    file = open_host(path.c_str(), kFlags | (made ? O_CREAT | O_EXCL : 0), 0600);
     if (!file || fstat(file.get(), &status) != 0) return errno;
     reason = objection(status);
     return reason == nullptr ? 0 : kObjected;
@@ -73,7 +73,7 @@ bool may_be_moved(const std::string& path, bool& missing) {
     missing = lstat(path.c_str(), &status) != 0;
     if (missing) return errno == ENOENT;
     if (objection(status) != nullptr) return false;
-    const Descriptor file(above_standard(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)));
+    const HostFd file = open_host(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     return file && content_of(file.get()) != Content::Other;
 }
 
@@ -132,30 +132,30 @@ bool same_file(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-Descriptor open_log(const std::string& path, const LogLimits& limits, bool& made, const char*& reason) {
+HostFd open_log(const std::string& path, const LogLimits& limits, bool& made, const char*& reason) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        Descriptor file;
+        HostFd file;
         const int error = open_once(path, file, made, reason);
         // Another process makes or moves it just now.
         if ((error == ENOENT || error == EEXIST) && attempt + 1 < kAttempts) continue;
         if (error != 0) {
             if (error != kObjected) reason = text_of(error);
-            return Descriptor();
+            return HostFd();
         }
         const Content content = content_of(file.get());
         if (content == Content::None || content == Content::Log) return file;
         reason = "not a log file";
-        if (content == Content::Other) return Descriptor();
+        if (content == Content::Other) return HostFd();
         reason = "a log of an earlier version, which cannot be renamed";
         struct stat status;
         if (fstat(file.get(), &status) != 0 || rotate(path, limits, status) == Rotated::Refused) break;
     }
-    return Descriptor();
+    return HostFd();
 }
 
 Rotated rotate(const std::string& path, const LogLimits& limits, const struct stat& expected) {
     // A description of its own: those of a process and of its forked children share a lock.
-    const Descriptor file(above_standard(open(path.c_str(), kFlags)));
+    const HostFd file = open_host(path.c_str(), kFlags);
     struct stat status;
     if (!file || fstat(file.get(), &status) != 0 || !same_file(status, expected)) return Rotated::Busy;
     if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) return Rotated::Busy;

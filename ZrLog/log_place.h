@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "ZrLog/descriptor.h"
+#include "host/descriptor.h"
 
 namespace zr::log {
 
@@ -24,7 +24,7 @@ bool same_file(const struct stat& one, const struct stat& other);
 // Opens the log for appending, making it with mode 0600 if it is missing; `made` tells. Empty with a reason, always
 // starting with what the path is: no symbolic link is followed, and what is no plain file, belongs to another user, can
 // be written by others or is no log is left as it is. A log of an earlier version is set aside first.
-Descriptor open_log(const std::string& path, const LogLimits& limits, bool& made, const char*& reason);
+HostFd open_log(const std::string& path, const LogLimits& limits, bool& made, const char*& reason);
 
 enum class Rotated { Yes, Busy, Refused };
 

@@ -18,6 +18,8 @@ function(house file include)
   file(WRITE ${WORK}/zr/rooms.cmake "include(${ROOT}/zr/rooms.cmake)\n"
        "set(ZR_ROOMS)\nzr_room(floor)\nzr_room(left USES floor)\nzr_room(right USES floor)\n"
        "zr_room(attic USES floor left)\n")
+  file(WRITE ${WORK}/host/plain.h "")
+  file(WRITE ${WORK}/ZrLog/own.h "")
   file(WRITE ${WORK}/${file} "// a comment\n#include ${include}\n")
 endfunction()
 
@@ -84,6 +86,21 @@ foreach(ranks "Low, High, Middle, Count" "Low, Middle, Count" "Low, Middle, High
   file(WRITE ${WORK}/platform/seam/base/forks.h "enum class ForkRank { ${ranks} };\n")
   complains("ForkRank names other families")
 endforeach()
+
+# The log stands below the platform, and on nothing but the host.
+passes(ZrLog/x.cpp "\"ZrLog/own.h\"")
+passes(ZrLog/x.cpp "\"host/plain.h\"")
+passes(ZrLog/x.h "<unistd.h>")
+fails(ZrLog/x.cpp "\"platform/low.h\"")
+fails(ZrLog/x.cpp "\"low/offer.h\"")
+fails(ZrLog/x.cpp "\"../platform/low/private.h\"")
+passes(host/x.h "<unistd.h>")
+fails(host/x.h "\"ZrLog/own.h\"")
+fails(host/x.h "\"platform/low.h\"")
+fails(ZrUtility/X.cpp "\"host/plain.h\"")
+fails(platform/middle/x.cpp "\"host/plain.h\"")
+fails(examples/x.cpp "\"host/plain.h\"")
+fails(zr/left/x.cpp "\"host/plain.h\"")
 
 # The library sees the platform's public headers.
 passes(ZrUtility/X.cpp "\"platform/high.h\"")

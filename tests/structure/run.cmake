@@ -27,9 +27,23 @@ foreach(file IN LISTS files)
   endforeach()
 endforeach()
 
+# The log: its own headers, and what lies below everything.
+file(GLOB_RECURSE files ${ROOT}/host/*.h ${ROOT}/ZrLog/*.h ${ROOT}/ZrLog/*.cpp)
+foreach(file IN LISTS files)
+  include_lines(${file} names)
+  foreach(name IN LISTS names)
+    if(name MATCHES "/host/" OR name MATCHES "^<(ZrUtility|ZrLog|host|zr|platform)/")
+      list(APPEND wrong "${file} includes ${name}")
+    elseif(name MATCHES "^\"" AND NOT name MATCHES "^\"host/[a-z_]+\\.h\"$"
+           AND NOT (file MATCHES "/ZrLog/" AND name MATCHES "^\"ZrLog/[A-Za-z_]+\\.h\"$"))
+      list(APPEND wrong "${file} includes ${name}")
+    endif()
+  endforeach()
+endforeach()
+
 # A platform family: the log, its own headers, and what it and the families before it offer, to everybody
 # (include/platform) and to families only (seam/FAMILY). What is offered includes only what is offered likewise. Every
-# public header is some family's.
+# public header is some family's. What lies below everything (host) is offered to families by base.
 
 # check_quoted(FILES ALLOWED): that the files include in quotes the allowed names only
 function(check_quoted files allowed)
@@ -59,7 +73,11 @@ foreach(family IN LISTS ZR_FAMILIES)
   file(GLOB headers RELATIVE ${ROOT}/platform/seam ${ROOT}/platform/seam/${family}/*.h)
   list(APPEND offered ${headers})
   list(TRANSFORM headers PREPEND ${ROOT}/platform/seam/)
-  check_quoted("${headers}" "${public};${offered}")
+  set(below)
+  if(family STREQUAL "base")
+    file(GLOB below RELATIVE ${ROOT} ${ROOT}/host/*.h)
+  endif()
+  check_quoted("${headers}" "${public};${offered};${below}")
 
   file(GLOB_RECURSE own RELATIVE ${ROOT}/platform/${family} ${ROOT}/platform/${family}/*.h)
   file(GLOB_RECURSE files ${ROOT}/platform/${family}/*.h ${ROOT}/platform/${family}/*.cpp)
@@ -88,7 +106,7 @@ file(GLOB_RECURSE files ${ROOT}/zr/*.h ${ROOT}/zr/*.cpp ${ROOT}/examples/*.cpp)
 foreach(file IN LISTS files)
   include_lines(${file} names)
   foreach(name IN LISTS names)
-    if(name MATCHES "[<\"](platform/)?(seam|${families})/" OR name MATCHES "\\.\\./")
+    if(name MATCHES "[<\"](platform/)?(seam|host|${families})/" OR name MATCHES "\\.\\./")
       list(APPEND wrong "${file} includes ${name}")
     endif()
   endforeach()
