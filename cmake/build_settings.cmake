@@ -18,6 +18,8 @@ if(PROJECT_VERSION_MAJOR EQUAL 0)
 else()
   set(ZR_SOVERSION ${PROJECT_VERSION_MAJOR})
 endif()
+# Libraries of two versions lie side by side, and so do the modules that each of them loads.
+set(ZR_MODULES_FOLDER zrutility${ZR_SOVERSION})
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)

@@ -29,7 +29,7 @@ void* LoadedModule::load() noexcept {
     char folder[PATH_MAX];
     char path[PATH_MAX + 64];
     if (!own_folder(folder)) return nullptr;
-    const int length = std::snprintf(path, sizeof path, "%s/zrutility/%s", folder, file_);
+    const int length = std::snprintf(path, sizeof path, "%s/" ZR_MODULES_FOLDER "/%s", folder, file_);
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof path) return nullptr;
     void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (library) library_.store(library, std::memory_order_release);

@@ -11,7 +11,7 @@ namespace zr::platform {
 
 class ZRPLATFORM_API LoadedModule {
 public:
-    // `file` lies in the folder zrutility beside libzrplatform. Both texts are kept for good.
+    // `file` lies in the folder of this version's modules beside libzrplatform. Both texts are kept for good.
     explicit constexpr LoadedModule(const char* file) noexcept : file_(file) {}
 
     // The function of that name; NULL when the module cannot be loaded or has none: it is looked for again by the next
