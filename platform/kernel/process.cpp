@@ -39,7 +39,7 @@ protected:
 
 // Never destroyed: threads may ask while the process exits.
 alignas(Process) std::byte room[sizeof(Process)];
-Process& process = *new (room) Process;
+Process& own_process = *new (room) Process;
 
 HostFd open_process(pid_t id) noexcept {
     return HostFd(above_standard(static_cast<int>(syscall(SYS_pidfd_open, id, 0))));
@@ -57,7 +57,7 @@ DWORD process_error(int number) noexcept {
 }  // namespace
 
 Waitable& this_process() noexcept {
-    return process;
+    return own_process;
 }
 
 // All processes that there are objects of. One list of the host's tells which have ended, however many there are; it is
