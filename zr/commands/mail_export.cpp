@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
+#include <map>
 #include <memory>
 
 #include "zr/base/json.h"
@@ -95,7 +97,8 @@ MailFlags flags_of(IMessage* message, const MailRow& row) {
     return flags;
 }
 
-// The Inbox is the Maildir itself, the others its sub-folders. Messages appear whole.
+// The Inbox is the Maildir itself, the others its sub-folders. Messages appear whole. One that an earlier export wrote
+// keeps its name and gets its present flags.
 class MaildirSink final : public MailSink {
 public:
     explicit MaildirSink(const std::string& target) : target_(target) {}
@@ -106,6 +109,12 @@ public:
         for (const char* part : {"cur", "new", "tmp"}) {
             make_folder(folder_ / part);
         }
+        int error = 0;
+        present_.clear();
+        for (const MaildirFile& file : maildir_files(folder_, error)) {
+            present_.emplace(base_of_maildir_name(file.path.filename().string()), file.path);
+        }
+        if (error != 0) throw file_failure(folder_.string(), error);
     }
     void write(IMessage* message, const MailRow& row, const std::string& id) override {
         const std::string letters = maildir_letters(flags_of(message, row));
@@ -114,13 +123,25 @@ public:
         OutputFile file(temporary.string());
         write_bytes(message, file);
         file.finish();
-        const fs::path place = letters.empty() ? folder_ / "new" / name : folder_ / "cur" / (name + ":2," + letters);
+        const auto [first, last] = present_.equal_range(name);
+        const bool seen = std::any_of(first, last, [](const auto& each) { return is_in_cur(each.second); });
+        const fs::path place =
+            letters.empty() && !seen ? folder_ / "new" / name : folder_ / "cur" / (name + ":2," + letters);
+        // First of all it is where it belongs: whoever ends this process leaves one message, and not two.
+        for (auto each = first; each != last; ++each) {
+            const bool moved = each->second == place || ::rename(each->second.c_str(), place.c_str()) == 0;
+            // A mail program may have given it another name just now.
+            if (!moved && errno != ENOENT) throw file_failure(place.string(), errno);
+        }
         if (::rename(temporary.c_str(), place.c_str()) != 0) throw file_failure(place.string(), errno);
     }
 
 private:
+    static bool is_in_cur(const fs::path& path) { return path.parent_path().filename() == "cur"; }
+
     fs::path target_;
     fs::path folder_;
+    std::multimap<std::string, fs::path> present_;  // by their names without flags
 };
 
 // All in one file, one folder's messages behind the other's.
@@ -227,7 +248,8 @@ void add_mail_export(Command mail) {
     command.add_flag("-q,--quiet", options->quiet, "Print nothing but what went wrong");
     command.footer(
         "Messages are written byte for byte as they were imported; one that a program made in the store is written\n"
-        "from what it says. A file of a name that is there is replaced.\n"
+        "from what it says. A file of a name that is there is replaced; in a Maildir a message that an earlier export\n"
+        "wrote keeps its name and gets its present flags.\n"
         "\n"
         "Examples:\n"
         "  zr mail export ~/mail-backup --format maildir\n"

@@ -33,9 +33,45 @@ std::string utf8_name(const std::string& name) {
     return is_utf8(name) ? name : to_utf8(to_utf16(name));
 }
 
+// What cannot stand in a folder's name, as Dovecot's escaped lists write it: a backslash and two digits. The backslash
+// itself is one of them, so that no two names become the same.
+struct Escape {
+    char character;
+    std::string_view text;
+};
+constexpr Escape kEscapes[] = {{'.', "\\2e"}, {'/', "\\2f"}, {'\\', "\\5c"}, {'\0', "\\00"}};
+
+std::string escaped(const std::string& name) {
+    std::string out;
+    for (const char c : name) {
+        const auto* const found = std::find_if(std::begin(kEscapes), std::end(kEscapes),
+                                               [c](const Escape& escape) { return escape.character == c; });
+        if (found != std::end(kEscapes)) {
+            out += found->text;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+// A backslash in front of anything else is one that somebody wrote.
+std::string unescaped(std::string_view name) {
+    std::string out;
+    while (!name.empty()) {
+        const auto* const found = std::find_if(std::begin(kEscapes), std::end(kEscapes), [&](const Escape& escape) {
+            return escape.character != '\0' && equal_ignoring_case(name.substr(0, escape.text.size()), escape.text);
+        });
+        out += found != std::end(kEscapes) ? found->character : name.front();
+        name.remove_prefix(found != std::end(kEscapes) ? found->text.size() : 1);
+    }
+    return out;
+}
+
 // Names of servers are ASCII; one that is not was written by hand.
 std::string decoded(const std::string& name) {
-    return is_ascii(name) ? utf8_name(converted(name, "UTF-8", kMailboxUtf7)) : utf8_name(name);
+    const std::string plain = unescaped(name);
+    return is_ascii(plain) ? utf8_name(converted(plain, "UTF-8", kMailboxUtf7)) : utf8_name(plain);
 }
 
 std::vector<std::string> split(const std::string& name) {
@@ -83,12 +119,18 @@ void add_folders(const fs::path& path, const std::vector<std::string>& name, int
     }
 }
 
-// Behind the mark, which is a colon unless the file system has none in names.
+// Where the mark of the flags begins, which is a colon unless the file system has none in names; the name's end where
+// there is none.
+std::size_t mark_of(std::string_view name) {
+    const std::size_t version = name.rfind("2,");
+    if (version == std::string_view::npos || version == 0) return name.size();
+    const char separator = name[version - 1];
+    return separator == ':' || separator == ';' || separator == '!' ? version - 1 : name.size();
+}
+
 std::string_view letters_of(std::string_view name) {
-    const std::size_t mark = name.rfind("2,");
-    if (mark == std::string_view::npos || mark == 0) return {};
-    const char separator = name[mark - 1];
-    return separator == ':' || separator == ';' || separator == '!' ? name.substr(mark + 2) : std::string_view();
+    const std::size_t mark = mark_of(name);
+    return mark < name.size() ? name.substr(mark + 3) : std::string_view();
 }
 
 }  // namespace
@@ -113,6 +155,10 @@ std::string maildir_letters(const MailFlags& flags) {
     if (flags.read) letters += 'S';
     if (flags.deleted) letters += 'T';
     return letters;
+}
+
+std::string_view base_of_maildir_name(std::string_view name) {
+    return name.substr(0, mark_of(name));
 }
 
 std::optional<std::int64_t> time_of_maildir_name(std::string_view name) {
@@ -151,10 +197,8 @@ std::vector<MaildirFile> maildir_files(const fs::path& folder, int& error) {
 
 std::string maildir_folder_name(const std::vector<std::string>& name) {
     std::string out;
-    for (std::string part : name) {
-        std::replace_if(
-            part.begin(), part.end(), [](char c) { return c == '.' || c == '/' || c == '\0'; }, '_');
-        out += "." + converted(part, kMailboxUtf7, "UTF-8");
+    for (const std::string& part : name) {
+        out += "." + converted(escaped(part), kMailboxUtf7, "UTF-8");
     }
     return out;
 }

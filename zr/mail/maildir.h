@@ -2,7 +2,8 @@
 
 // Maildirs: a folder with the folders cur, new and tmp, a message in each file, its flags in the file's name.
 // Sub-folders stand beside those three, named ".Work.Reports" (as IMAP servers write it, in their UTF-7) or simply
-// "Work", with folders of their own in them.
+// "Work", with folders of their own in them. In such names a dot, a slash and a backslash that do not separate are
+// "\2e", "\2f" and "\5c", as Dovecot's escaped lists have them; a dot is read in UTF-7 as well ("&AC4-", Courier's).
 
 #include <cstdint>
 #include <filesystem>
@@ -29,6 +30,8 @@ struct MailFlags {
 MailFlags flags_of_maildir_name(std::string_view name);
 MailFlags flags_of_status(std::string_view letters);
 std::string maildir_letters(const MailFlags& flags);
+// The name without its flags, which a message keeps for as long as it is in the Maildir.
+std::string_view base_of_maildir_name(std::string_view name);
 // The seconds since 1970 that such a name begins with.
 std::optional<std::int64_t> time_of_maildir_name(std::string_view name);
 
@@ -52,7 +55,7 @@ struct MaildirFile {
 // be read.
 std::vector<MaildirFile> maildir_files(const std::filesystem::path& folder, int& error);
 
-// The name below a Maildir of a folder: ".Work.Reports". Dots and slashes in names become underscores.
+// The name below a Maildir of a folder: ".Work.Reports". No two folders have the same.
 std::string maildir_folder_name(const std::vector<std::string>& name);
 
 }  // namespace zr

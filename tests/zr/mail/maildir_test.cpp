@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <fstream>
+#include <set>
 
 #include "support/sandbox.h"
 
@@ -36,6 +37,14 @@ TEST(Maildir, FlagsStandInNames) {
     for (const char* letters : {"", "S", "DFPRST", "FS"}) {
         EXPECT_EQ(zr::maildir_letters(zr::flags_of_maildir_name(std::string("1.2.h:2,") + letters)), letters);
     }
+}
+
+TEST(Maildir, ANamesBaseIsWhatStandsBeforeTheFlags) {
+    EXPECT_EQ(zr::base_of_maildir_name("1.2.host,S=12:2,RS"), "1.2.host,S=12");
+    EXPECT_EQ(zr::base_of_maildir_name("1.2.host:2,"), "1.2.host");
+    EXPECT_EQ(zr::base_of_maildir_name("1.2.host;2,F"), "1.2.host");
+    EXPECT_EQ(zr::base_of_maildir_name("1.2.host"), "1.2.host");
+    EXPECT_EQ(zr::base_of_maildir_name("2,S"), "2,S");
 }
 
 TEST(Maildir, NamesBeginWithATime) {
@@ -72,8 +81,43 @@ TEST(Maildir, SubFoldersOfBothKindsAreFound) {
 TEST(Maildir, FolderNamesGoOutAsTheyCameIn) {
     EXPECT_EQ(zr::maildir_folder_name({"Work", "Reports"}), ".Work.Reports");
     EXPECT_EQ(zr::maildir_folder_name({"Entwürfe"}), ".Entw&APw-rfe");
-    EXPECT_EQ(zr::maildir_folder_name({"a.b/c"}), ".a_b_c");
-    EXPECT_EQ(zr::maildir_folder_name({".."}), ".__");
+    EXPECT_EQ(zr::maildir_folder_name({"a.b/c"}), ".a\\2eb\\2fc");
+    EXPECT_EQ(zr::maildir_folder_name({".."}), ".\\2e\\2e");
+    EXPECT_EQ(zr::maildir_folder_name({"R&D", "a\\b"}), ".R&-D.a\\5cb");
+}
+
+TEST(Maildir, NoTwoFoldersHaveTheSameNameAndEachComesBack) {
+    const std::vector<std::vector<std::string>> names = {
+        {"a", "b"},  {"a.b"},     {"a_b"}, {"a/b"},  {"a\\b"}, {"a\\2eb"}, {"a\\", "2eb"}, {"a&b"}, {"a&AC4-b"},
+        {"a.", "b"}, {"a", ".b"}, {".."},  {"\\5c"}, {"\\"},   {"Ä.ö"},    {"~"},          {"\\2E"}};
+    const zr::test::TempFolder folder;
+    make_maildir(folder.host());
+    std::set<std::string> written;
+    std::set<std::vector<std::string>> expected;
+    for (const std::vector<std::string>& name : names) {
+        written.insert(zr::maildir_folder_name(name));
+        expected.insert(name);
+        make_maildir(folder.host() / zr::maildir_folder_name(name));
+    }
+    EXPECT_EQ(written.size(), expected.size());
+    std::set<std::vector<std::string>> read;
+    for (const auto& found : zr::maildir_folders(folder.host())) {
+        if (!found.name.empty()) read.insert(found.name);
+    }
+    EXPECT_EQ(read, expected);
+}
+
+TEST(Maildir, OtherProgramsDotsAreReadToo) {
+    const zr::test::TempFolder folder;
+    make_maildir(folder.host());
+    make_maildir(folder.host() / ".v1&AC4-2");
+    make_maildir(folder.host() / ".w1\\2E2");
+    make_maildir(folder.host() / ".x\\y\\");
+    std::vector<std::vector<std::string>> names;
+    for (const auto& found : zr::maildir_folders(folder.host())) {
+        names.push_back(found.name);
+    }
+    EXPECT_THAT(names, ElementsAre(ElementsAre(), ElementsAre("v1.2"), ElementsAre("w1.2"), ElementsAre("x\\y\\")));
 }
 
 TEST(Maildir, MessagesAreInCurAndNew) {
