@@ -4,6 +4,8 @@
 #include <array>
 #include <cstring>
 
+#include "base/utf.h"
+#include "chunk.h"
 #include "transaction.h"
 
 namespace zr::platform::mapi {
@@ -13,8 +15,8 @@ constexpr std::size_t kMostWords = 1048576;  // characters of a text that are fo
 constexpr ULONG kNewFlags = MSGFLAG_UNSENT | MSGFLAG_READ;
 constexpr std::u16string_view kNewClass = u"IPM.Note";
 
-// As SQLite keeps it as text: no NUL, no half of a pair.
-std::u16string as_words(std::u16string_view text) {
+// UTF-8 as SQLite keeps it as text: no NUL, no half of a pair.
+std::string as_words(std::u16string_view text) {
     std::u16string words(text.substr(0, kMostWords));
     for (std::size_t i = 0; i < words.size(); ++i) {
         const WCHAR unit = words[i];
@@ -25,7 +27,37 @@ std::u16string as_words(std::u16string_view text) {
             words[i] = u' ';
         }
     }
-    return words;
+    return wide_to_host(words);
+}
+
+bool is_inline_text(const Value& value) {
+    return value.type == PT_UNICODE && !value.is_long() && value.bytes.size() <= kMostInline;
+}
+
+// --- what a message's values come to, as settle() computes it of those that are kept ---
+
+LONGLONG size_of_values(const Values& values) {
+    LONGLONG size = 0;
+    for (const auto& [id, value] : values) {
+        size += static_cast<LONGLONG>(value.size());
+    }
+    return size;
+}
+
+LONGLONG size_of_values(const MessageEdit& edit) {
+    LONGLONG size = size_of_values(edit.edit.set);
+    for (const auto& [number, attachment] : edit.attachments) {
+        if (!attachment.deleted) size += size_of_values(attachment.edit.set);
+    }
+    for (const Values& recipient : edit.recipients) {
+        size += size_of_values(recipient);
+    }
+    return size;
+}
+
+bool has_attachments(const MessageEdit& edit) {
+    return std::any_of(edit.attachments.begin(), edit.attachments.end(),
+                       [](const auto& each) { return !each.second.deleted && !each.second.edit.set.empty(); });
 }
 
 bool changes_words(const MessageEdit& edit) {
@@ -45,6 +77,13 @@ void append(std::u16string& words, std::string_view text) {
 }  // namespace
 
 // --- values ---
+
+HRESULT Transaction::add_values(LONGLONG owner, LONGLONG part, const Values& values) {
+    for (const auto& [id, value] : values) {
+        if (const HRESULT result = write_value(owner, part, id, value); FAILED(result)) return result;
+    }
+    return S_OK;
+}
 
 HRESULT Transaction::write_values(LONGLONG owner, LONGLONG part, const Edit& edit) {
     HRESULT result = S_OK;
@@ -95,6 +134,7 @@ HRESULT Transaction::write_blob(const Value& value, LONGLONG& blob) {
     }
     blob = last_id();
     std::array<BYTE, kChunkSize> buffer;
+    std::array<char, kChunkSize / 2> narrow;
     LONGLONG number = blob << kChunkBits;
     for (ULONGLONG at = 0; at < size; ++number) {
         auto got = static_cast<std::size_t>(std::min<ULONGLONG>(kChunkSize, size - at));
@@ -106,7 +146,9 @@ HRESULT Transaction::write_blob(const Value& value, LONGLONG& blob) {
         Use row = writing_.connection().use("INSERT INTO chunk VALUES(?1, ?2)");
         if (!row) return failure();
         row->bind(1, number);
-        row->bind_blob(2, bytes, got);
+        std::string_view kept(static_cast<const char*>(bytes), got);
+        if (value.type == PT_UNICODE) kept = narrowed(kept, narrow);
+        row->bind_blob(2, kept.data(), kept.size());
         if (const HRESULT result = run(row); FAILED(result)) return result;
         at += got;
     }
@@ -130,7 +172,12 @@ HRESULT Transaction::copy_blob(LONGLONG from, LONGLONG& to) {
 
 HRESULT Transaction::drop_blobs(Use& rows) {
     std::vector<LONGLONG> blobs;
-    HRESULT result = numbers(rows, blobs);
+    const HRESULT result = numbers(rows, blobs);
+    return SUCCEEDED(result) ? drop_blobs(blobs) : result;
+}
+
+HRESULT Transaction::drop_blobs(const std::vector<LONGLONG>& blobs) {
+    HRESULT result = S_OK;
     for (const LONGLONG blob : blobs) {
         for (const char* sql : {"DELETE FROM chunk WHERE id BETWEEN ?1 << 24 AND (?1 << 24 | 16777215)",
                                 "DELETE FROM blob WHERE id = ?1"}) {
@@ -241,13 +288,17 @@ HRESULT Transaction::insert_message(LONGLONG folder, MessageEdit& edit, LONGLONG
         return value(column).type != PT_NULL ? value(column).number : otherwise;
     };
     constexpr ULONG kKept = ~MSGFLAG_HASATTACH;
-    const LONGLONG flags = number(Column::Flags, kNewFlags) & kKept;
-    LONGLONG fresh = 0;
+    const LONGLONG flags = (number(Column::Flags, kNewFlags) & kKept) | (has_attachments(edit) ? MSGFLAG_HASATTACH : 0);
+    LONGLONG size = size_of_values(edit) + 32;
+    for (const Column column :
+         {Column::Class, Column::Subject, Column::SenderName, Column::SenderAddress, Column::MessageId}) {
+        size += static_cast<LONGLONG>(value(column).bytes.size());
+    }
     {
         Use row = writing_.connection().use(
             "INSERT INTO message(folder, delivered, submitted, flags, size, version, created, modified,"
             " next_attachment, class, subject, sender_name, sender_address, display_to, display_cc, display_bcc,"
-            " message_id) VALUES(?1, ?2, ?3, ?4, 0, 1, ?5, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14)");
+            " message_id) VALUES(?1, ?2, ?3, ?4, ?15, 1, ?5, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14)");
         if (!row) return failure();
         row->bind(1, folder);
         row->bind(2, number(Column::Delivered, time));
@@ -258,17 +309,17 @@ HRESULT Transaction::insert_message(LONGLONG folder, MessageEdit& edit, LONGLONG
         for (unsigned i = kFirstText; i < kColumns; ++i) {
             bind_column(row, 7 + static_cast<int>(i - kFirstText), value(static_cast<Column>(i)));
         }
+        row->bind(15, std::min<LONGLONG>(size, INT32_MAX));
         if (const HRESULT result = checked(run(row)); FAILED(result)) return result;
     }
-    fresh = last_id();
-    HRESULT result = write_values(owner_of(MAPI_MESSAGE, fresh), 0, edit.edit);
-    if (SUCCEEDED(result)) result = write_parts(edit, fresh);
-    if (SUCCEEDED(result)) result = settle(fresh);
-    if (SUCCEEDED(result)) result = index_words(fresh);
+    const LONGLONG fresh = last_id();
+    HRESULT result = add_values(owner_of(MAPI_MESSAGE, fresh), 0, edit.edit.set);
+    if (SUCCEEDED(result)) result = add_parts(edit, fresh);
+    if (SUCCEEDED(result)) result = index_words_of(edit, fresh);
     if (SUCCEEDED(result)) result = log(ChangeKind::Created, MAPI_MESSAGE, facts.account, fresh, folder);
     if (SUCCEEDED(result) && facts.role == Role::Inbox && (flags & kNewFlags) == 0)
         result = log(ChangeKind::NewMail, MAPI_MESSAGE, facts.account, fresh, folder, 0, 0, 0,
-                     as_text(value(Column::Class).bytes), static_cast<ULONG>(flags));
+                     as_text(value(Column::Class).bytes), static_cast<ULONG>(flags & kKept));
     if (SUCCEEDED(result)) {
         id = fresh;
         version = 1;
@@ -346,6 +397,22 @@ HRESULT Transaction::write_columns(const MessageEdit& edit, LONGLONG id) {
     return result;
 }
 
+// The parts of a message that has none yet.
+HRESULT Transaction::add_parts(const MessageEdit& edit, LONGLONG id) {
+    const LONGLONG owner = owner_of(MAPI_MESSAGE, id);
+    for (const auto& [number, attachment] : edit.attachments) {
+        if (attachment.deleted) continue;
+        const HRESULT result = add_values(owner, attachment_part(number), attachment.edit.set);
+        if (FAILED(result)) return result;
+    }
+    LONGLONG number = 0;
+    for (const Values& recipient : edit.recipients) {
+        if (const HRESULT result = add_values(owner, recipient_part(number++), recipient); FAILED(result))
+            return result;
+    }
+    return S_OK;
+}
+
 HRESULT Transaction::write_parts(const MessageEdit& edit, LONGLONG id) {
     const LONGLONG owner = owner_of(MAPI_MESSAGE, id);
     HRESULT result = S_OK;
@@ -354,23 +421,32 @@ HRESULT Transaction::write_parts(const MessageEdit& edit, LONGLONG id) {
         result = attachment.deleted ? drop_part(owner, attachment_part(number))
                                     : write_values(owner, attachment_part(number), attachment.edit);
     }
-    if (!edit.replaces_recipients || FAILED(result)) return result;
+    return SUCCEEDED(result) && edit.replaces_recipients ? replace_recipients(edit.recipients, owner) : result;
+}
+
+// Long values of recipients that stay are copied before those that were there go.
+HRESULT Transaction::replace_recipients(const std::vector<Values>& recipients, LONGLONG owner) {
+    std::vector<LONGLONG> blobs;
+    {
+        Use rows =
+            writing_.connection().use("SELECT blob FROM property WHERE owner = ?1 AND part < 0 AND blob IS NOT NULL");
+        if (rows) rows->bind(1, owner);
+        if (const HRESULT result = numbers(rows, blobs); FAILED(result)) return result;
+    }
     {
         Use row = writing_.connection().use("DELETE FROM property WHERE owner = ?1 AND part < 0");
         if (row) row->bind(1, owner);
-        result = run(row);
+        if (const HRESULT result = run(row); FAILED(result)) return result;
     }
     LONGLONG number = 0;
-    for (const Values& recipient : edit.recipients) {
-        for (const auto& [tag, value] : recipient) {
-            if (SUCCEEDED(result)) result = write_value(owner, recipient_part(number), tag, value);
-        }
-        ++number;
+    for (const Values& recipient : recipients) {
+        if (const HRESULT result = add_values(owner, recipient_part(number++), recipient); FAILED(result))
+            return result;
     }
-    return result;
+    return drop_blobs(blobs);
 }
 
-// What is computed from the message's values.
+// What is computed from the message's values, as insert_message computes it.
 HRESULT Transaction::settle(LONGLONG id) {
     Use row = writing_.connection().use(
         "UPDATE message SET size = min(2147483647, (SELECT coalesce(sum(CASE WHEN blob IS NOT NULL THEN value"
@@ -386,68 +462,109 @@ HRESULT Transaction::settle(LONGLONG id) {
 
 // --- words ---
 
-HRESULT Transaction::text_of(LONGLONG id, std::string& text) {
-    LONGLONG blob = 0;
-    {
-        const Use rows = writing_.connection().use(
-            "SELECT value, blob FROM property WHERE owner = ?1 AND part = 0 AND id = 4096 AND type = 31");
-        if (!rows) return failure();
-        rows->bind(1, owner_of(MAPI_MESSAGE, id));
-        const int code = rows->step();
-        if (code != SQLITE_ROW) return code == SQLITE_DONE ? S_OK : failure();
-        if (rows->is_null(1)) {
-            text = rows->blob(0);
-            return S_OK;
-        }
-        blob = rows->integer(1);
-    }
+HRESULT Transaction::read_chunks(LONGLONG blob, ULONGLONG size, std::string& text) {
     const Use rows = writing_.connection().use("SELECT bytes FROM chunk WHERE id >= ?1 AND id <= ?2 ORDER BY id");
     if (!rows) return failure();
     rows->bind(1, blob << kChunkBits);
     rows->bind(2, blob << kChunkBits | ((LONGLONG{1} << kChunkBits) - 1));
     int code;
-    while ((code = rows->step()) == SQLITE_ROW && text.size() < kMostWords * sizeof(WCHAR)) {
-        text += rows->blob(0);
+    for (ULONGLONG number = 0; (code = rows->step()) == SQLITE_ROW && text.size() < kMostWords * sizeof(WCHAR);
+         ++number) {
+        const Chunk chunk(rows->blob(0), chunk_size(size, number));
+        const std::size_t at = text.size();
+        text.resize(at + chunk.size());
+        chunk.copy(0, {reinterpret_cast<BYTE*>(text.data()) + at, chunk.size()});
     }
     return code == SQLITE_DONE || code == SQLITE_ROW ? S_OK : failure();
 }
 
+HRESULT Transaction::text_of(const Value& value, std::string& text) {
+    if (value.blob != 0) return read_chunks(value.blob, value.blob_size, text);
+    if (value.spool == nullptr) {
+        text = value.bytes;
+        return S_OK;
+    }
+    text.resize(static_cast<std::size_t>(std::min<ULONGLONG>(value.size(), kMostWords * sizeof(WCHAR))));
+    std::size_t got = 0;
+    return value.spool->read(0, {reinterpret_cast<BYTE*>(text.data()), text.size()}, got);
+}
+
+HRESULT Transaction::text_of(LONGLONG id, std::string& text) {
+    const Use rows = writing_.connection().use(
+        "SELECT value, blob FROM property WHERE owner = ?1 AND part = 0 AND id = 4096 AND type = 31");
+    if (!rows) return failure();
+    rows->bind(1, owner_of(MAPI_MESSAGE, id));
+    const int code = rows->step();
+    if (code != SQLITE_ROW) return code == SQLITE_DONE ? S_OK : failure();
+    if (!rows->is_null(1)) return read_chunks(rows->integer(1), static_cast<ULONGLONG>(rows->integer(0)), text);
+    text = rows->blob(0);
+    return S_OK;
+}
+
+// Of a message that is kept.
 HRESULT Transaction::index_words(LONGLONG id) {
-    std::u16string subject;
-    std::u16string addresses;
-    std::string text;
+    Words words;
     {
         const Use rows =
             writing_.connection().use("SELECT subject, sender_name, sender_address FROM message WHERE id = ?1");
         if (!rows) return failure();
         rows->bind(1, id);
         if (rows->step() != SQLITE_ROW) return failure();
-        append(subject, rows->blob(0));
-        append(addresses, rows->blob(1));
-        append(addresses, rows->blob(2));
+        append(words.subject, rows->blob(0));
+        append(words.addresses, rows->blob(1));
+        append(words.addresses, rows->blob(2));
     }
     {
         const Use rows = writing_.connection().use(
             "SELECT value FROM property WHERE owner = ?1 AND part < 0 AND id IN (12289, 12291) AND type = 31"
-            " AND blob IS NULL");
+            " AND blob IS NULL ORDER BY part DESC, id");
         if (!rows) return failure();
         rows->bind(1, owner_of(MAPI_MESSAGE, id));
         int code;
         while ((code = rows->step()) == SQLITE_ROW) {
-            append(addresses, rows->blob(0));
+            append(words.addresses, rows->blob(0));
         }
         if (code != SQLITE_DONE) return failure();
     }
-    if (const HRESULT result = text_of(id, text); FAILED(result)) return result;
-    const std::u16string words[3] = {as_words(subject), as_words(addresses), as_words(as_text(text))};
+    const HRESULT result = text_of(id, words.text);
+    return SUCCEEDED(result) ? add_words(id, words) : result;
+}
+
+// Of a new one, without reading it back.
+HRESULT Transaction::index_words_of(const MessageEdit& edit, LONGLONG id) {
+    Words words;
+    const auto take = [&](Column column, std::u16string& to) {
+        if (const auto set = edit.columns.find(column); set != edit.columns.end()) append(to, set->second.bytes);
+    };
+    take(Column::Subject, words.subject);
+    take(Column::SenderName, words.addresses);
+    take(Column::SenderAddress, words.addresses);
+    for (const Values& recipient : edit.recipients) {
+        for (const ULONG tag : {PR_DISPLAY_NAME_W, PR_EMAIL_ADDRESS_W}) {
+            const auto found = recipient.find(id_of(tag));
+            if (found != recipient.end() && is_inline_text(found->second)) append(words.addresses, found->second.bytes);
+        }
+    }
+    const auto body = edit.edit.set.find(id_of(PR_BODY_W));
+    if (body != edit.edit.set.end() && body->second.type == PT_UNICODE) {
+        if (const HRESULT result = text_of(body->second, words.text); FAILED(result)) return result;
+    }
+    return add_words(id, words);
+}
+
+HRESULT Transaction::add_words(LONGLONG id, const Words& words) {
+    const std::string columns[] = {as_words(words.subject), as_words(words.addresses), as_words(as_text(words.text))};
     for (const char* sql : {"INSERT INTO words VALUES(?1, ?2, ?3, ?4)",
                             "INSERT INTO word_index(rowid, subject, addresses, text) VALUES(?1, ?2, ?3, ?4)"}) {
         Use row = writing_.connection().use(sql);
         if (!row) return failure();
         row->bind(1, id);
-        row->bind_text(2, words[0]);
-        row->bind_text(3, words[1]);
-        row->bind_text(4, words[2]);
+        int at = 2;
+        for (const std::string& column : columns) {
+            if (!column.empty()) row->bind_utf8(at, column);
+            if (column.empty()) row->bind_null(at);
+            ++at;
+        }
         if (const HRESULT result = run(row); FAILED(result)) return result;
     }
     return S_OK;

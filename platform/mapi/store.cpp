@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/forks.h"
+#include "chunk.h"
 #include "notifier.h"
 #include "transaction.h"
 
@@ -284,20 +285,21 @@ HRESULT MailStore::parts(LONGLONG owner, bool recipients, std::vector<LONGLONG>&
     return code == SQLITE_DONE ? S_OK : failure();
 }
 
-HRESULT MailStore::read_blob(LONGLONG blob, ULONGLONG at, std::span<BYTE> bytes, std::size_t& got) {
+HRESULT MailStore::read_blob(const Value& value, ULONGLONG at, std::span<BYTE> bytes, std::size_t& got) {
     got = 0;
     while (got != bytes.size()) {
         const Use rows = use("SELECT bytes FROM chunk WHERE id = ?1");
         if (!rows) return failure();
-        rows->bind(1, blob << kChunkBits | static_cast<LONGLONG>((at + got) / kChunkSize));
+        const ULONGLONG number = (at + got) / kChunkSize;
+        rows->bind(1, value.blob << kChunkBits | static_cast<LONGLONG>(number));
         const int code = rows->step();
         if (code == SQLITE_DONE) return fail(MAPI_E_OBJECT_CHANGED);
         if (code != SQLITE_ROW) return failure();
-        const std::string_view chunk = rows->blob(0);
+        const Chunk chunk(rows->blob(0), chunk_size(value.blob_size, number));
         const auto skip = static_cast<std::size_t>((at + got) % kChunkSize);
         if (skip >= chunk.size()) return fail(MAPI_E_OBJECT_CHANGED);
         const std::size_t size = std::min(chunk.size() - skip, bytes.size() - got);
-        std::memcpy(bytes.data() + got, chunk.data() + skip, size);
+        chunk.copy(skip, bytes.subspan(got, size));
         got += size;
     }
     return S_OK;

@@ -124,7 +124,7 @@ public:
     HRESULT property(LONGLONG owner, LONGLONG part, WORD id, Value& value);  // type PT_NULL: none
     HRESULT parts(LONGLONG owner, bool recipients, std::vector<LONGLONG>& parts);
     // Bytes of a long value; MAPI_E_OBJECT_CHANGED when it is not there any more.
-    HRESULT read_blob(LONGLONG blob, ULONGLONG at, std::span<BYTE> bytes, std::size_t& got);
+    HRESULT read_blob(const Value& value, ULONGLONG at, std::span<BYTE> bytes, std::size_t& got);
     HRESULT logged(LONGLONG seq, int limit, std::vector<Change>& changes);
 
     EntryId entry_of(ULONG type, LONGLONG account, LONGLONG number) const;

@@ -220,7 +220,7 @@ HRESULT read_value_bytes(MailStore& store, const Value& value, ULONGLONG at, std
     got = 0;
     if (at >= value.size()) return S_OK;
     const auto wanted = bytes.first(static_cast<std::size_t>(std::min<ULONGLONG>(bytes.size(), value.size() - at)));
-    if (value.blob != 0) return store.read_blob(value.blob, at, wanted, got);
+    if (value.blob != 0) return store.read_blob(value, at, wanted, got);
     if (value.spool != nullptr) return value.spool->read(at, wanted, got);
     std::memcpy(wanted.data(), value.bytes.data() + at, wanted.size());
     got = wanted.size();

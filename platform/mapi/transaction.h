@@ -78,6 +78,13 @@ private:
         std::u16string name;
     };
 
+    // What is found of a message.
+    struct Words {
+        std::u16string subject;
+        std::u16string addresses;
+        std::string text;  // units
+    };
+
     HRESULT failure();
     HRESULT run(Use& statement);
     HRESULT checked(HRESULT result);
@@ -97,12 +104,14 @@ private:
                           std::vector<LONGLONG>& there);
     HRESULT copy_messages_of(LONGLONG from, LONGLONG to);
 
+    HRESULT add_values(LONGLONG owner, LONGLONG part, const Values& values);
     HRESULT write_values(LONGLONG owner, LONGLONG part, const Edit& edit);
     HRESULT write_value(LONGLONG owner, LONGLONG part, WORD id, const Value& value);
     HRESULT drop_value(LONGLONG owner, LONGLONG part, WORD id);
     HRESULT drop_values(LONGLONG owner);
     HRESULT drop_part(LONGLONG owner, LONGLONG part);
     HRESULT drop_blobs(Use& rows);
+    HRESULT drop_blobs(const std::vector<LONGLONG>& blobs);
     HRESULT write_blob(const Value& value, LONGLONG& blob);
     HRESULT copy_values(LONGLONG from, LONGLONG to);
     HRESULT copy_blob(LONGLONG from, LONGLONG& to);
@@ -111,11 +120,17 @@ private:
     HRESULT update_message(MessageEdit& edit, LONGLONG id, LONGLONG& version, bool force);
     static void bind_column(Use& row, int at, const Value& value);
     HRESULT write_columns(const MessageEdit& edit, LONGLONG id);
+    HRESULT add_parts(const MessageEdit& edit, LONGLONG id);
     HRESULT write_parts(const MessageEdit& edit, LONGLONG id);
+    HRESULT replace_recipients(const std::vector<Values>& recipients, LONGLONG owner);
     HRESULT settle(LONGLONG id);
     HRESULT index_words(LONGLONG id);
+    HRESULT index_words_of(const MessageEdit& edit, LONGLONG id);
+    HRESULT add_words(LONGLONG id, const Words& words);
     HRESULT drop_words(LONGLONG id);
     HRESULT text_of(LONGLONG id, std::string& text);
+    HRESULT text_of(const Value& value, std::string& text);
+    HRESULT read_chunks(LONGLONG blob, ULONGLONG size, std::string& text);
     HRESULT copy_message(LONGLONG id, LONGLONG to, LONGLONG& copy);
     HRESULT remove_message(LONGLONG id);
 

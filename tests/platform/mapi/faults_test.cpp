@@ -357,8 +357,43 @@ TEST_F(MapiFaults, AStoreOfTheFirstVersionIsTakenOver) {
         EXPECT_THAT(subjects(mail.folder().get()), testing::ElementsAre(u"read", u"unread"));
     }
     EXPECT_EQ(query(mail_path(), "SELECT count(*) FROM sqlite_master WHERE name = 'message_unread'"), "0");
-    EXPECT_EQ(query(mail_path(), "PRAGMA user_version"), "2");
+    EXPECT_EQ(query(mail_path(), "PRAGMA user_version"), "3");
     EXPECT_EQ(ZrStoreCheck("mail"), static_cast<LONG>(ERROR_SUCCESS)) << ZrStoreLastErrorText();
+}
+
+TEST_F(MapiFaults, LongTextsAreBroughtBackWhole) {
+    const std::u16string narrow(40000, u'n');
+    std::u16string wide = narrow;
+    wide[20000] = u'\u0416';
+    Bytes id;
+    {
+        const Mail mail;
+        Ptr<IMessage> message;
+        ASSERT_EQ(mail.folder()->CreateMessage(nullptr, 0, message.out()), S_OK);
+        for (const auto& [tag, text] :
+             {std::pair{PR_BODY_W, &narrow}, std::pair{PR_BODY_HTML_W, &std::as_const(wide)}}) {
+            Ptr<IStream> stream;
+            ASSERT_EQ(message->OpenProperty(tag, &IID_IStream, 0, MAPI_CREATE | MAPI_MODIFY, stream.unknown()), S_OK);
+            ASSERT_EQ(stream->Write(text->data(), static_cast<ULONG>(text->size() * 2), nullptr), S_OK);
+            ASSERT_EQ(stream->Commit(0), S_OK);
+        }
+        ASSERT_EQ(message->SaveChanges(0), S_OK);
+    }
+    const fs::path copy = sandbox() / "mail-copy.db";
+    const fs::path back = sandbox() / "mail-back.db";
+    fs::copy_file(mail_path(), copy);
+    ULONGLONG items = 0;
+    ASSERT_EQ(ZrStoreRecover(copy.c_str(), back.c_str(), &items), static_cast<LONG>(ERROR_SUCCESS))
+        << ZrStoreLastErrorText();
+    EXPECT_EQ(query(back, "SELECT count(*) FROM property WHERE blob IS NOT NULL"), "2");
+    EXPECT_EQ(query(back, "SELECT sum(length(bytes)) FROM chunk"), std::to_string(40000 + 40000 + 16384));
+    // A piece that is missing is noticed in either kind.
+    query(copy, "DELETE FROM chunk WHERE id & 16777215 = 1");
+    fs::remove(back);
+    ASSERT_EQ(ZrStoreRecover(copy.c_str(), back.c_str(), &items), static_cast<LONG>(ERROR_SUCCESS));
+    EXPECT_EQ(query(back, "SELECT count(*) FROM property WHERE blob IS NOT NULL"), "0");
+    fs::remove(copy);
+    fs::remove(back);
 }
 
 // Somewhere in the values, far behind the tables of accounts and folders.

@@ -3,16 +3,36 @@
 #include <gmock/gmock.h>
 
 #include <cmath>
+#include <cstring>
 #include <optional>
 #include <set>
 
 #include "mail_support.h"
+#include "support/sql.h"
 
 namespace zr::test {
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+// A list of recipients, each as its values. What they point to must stay.
+class Recipients {
+public:
+    explicit Recipients(std::vector<std::vector<SPropValue>> rows)
+        : rows_(std::move(rows)), memory_(CbNewADRLIST(static_cast<ULONG>(rows_.size())) + 64) {
+        auto* const list = reinterpret_cast<ADRLIST*>(memory_.data());
+        list->cEntries = static_cast<ULONG>(rows_.size());
+        for (std::size_t i = 0; i < rows_.size(); ++i) {
+            list->aEntries[i] = {0, static_cast<ULONG>(rows_[i].size()), rows_[i].data()};
+        }
+    }
+    operator LPADRLIST() { return reinterpret_cast<ADRLIST*>(memory_.data()); }
+
+private:
+    std::vector<std::vector<SPropValue>> rows_;
+    std::vector<char> memory_;
+};
 
 class MapiStore : public testing::Test {
 protected:
@@ -354,13 +374,7 @@ TEST_F(MapiStore, ReadStateIsKeptAtOnceAndCounted) {
 TEST_F(MapiStore, RecipientsAreKeptInOrder) {
     Ptr<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
     const auto modify = [&](ULONG flags, std::vector<std::vector<SPropValue>> rows) {
-        std::vector<char> memory(CbNewADRLIST(static_cast<ULONG>(rows.size())) + 64);
-        auto* const list = reinterpret_cast<ADRLIST*>(memory.data());
-        list->cEntries = static_cast<ULONG>(rows.size());
-        for (std::size_t i = 0; i < rows.size(); ++i) {
-            list->aEntries[i] = {0, static_cast<ULONG>(rows[i].size()), rows[i].data()};
-        }
-        return message->ModifyRecipients(flags, list);
+        return message->ModifyRecipients(flags, Recipients(std::move(rows)));
     };
     const std::u16string names[] = {u"Ann", u"bob@example.org", u"Carl"};
     ASSERT_EQ(modify(0, {{text_prop(PR_DISPLAY_NAME_W, names[0]), number_prop(PR_RECIPIENT_TYPE, MAPI_TO)},
@@ -383,6 +397,125 @@ TEST_F(MapiStore, RecipientsAreKeptInOrder) {
     EXPECT_EQ(rows.text(0, 4), u"bob@example.org");
     EXPECT_EQ(rows.value(0, 0).Value.l, 1);
     EXPECT_EQ(rows.text(1, 2), u"Carl");
+}
+
+// What a new message is found to be is what the same message is found to be when it is saved again.
+TEST_F(MapiStore, AMessagesSizeIsThatOfWhatItHolds) {
+    const std::u16string long_text(3000, u'l');
+    const std::string data(200000, 'd');
+    Ptr<IMessage> message;
+    ASSERT_EQ(folder_->CreateMessage(nullptr, 0, message.out()), S_OK);
+    SPropValue values[] = {text_prop(PR_SUBJECT_W, u"subject"),
+                           text_prop(PR_SENDER_NAME_W, u"sender"),
+                           text_prop(PR_SENDER_EMAIL_ADDRESS_W, u"a@example.com"),
+                           text_prop(PR_BODY_W, long_text),
+                           number_prop(PR_IMPORTANCE, 1),
+                           text_prop(PR_INTERNET_MESSAGE_ID_W, u"x@y")};
+    ASSERT_EQ(message->SetProps(6, values, nullptr), S_OK);
+    Recipients recipients({{text_prop(PR_DISPLAY_NAME_W, u"Ann"), number_prop(PR_RECIPIENT_TYPE, MAPI_TO)},
+                           {text_prop(PR_DISPLAY_NAME_W, long_text), number_prop(PR_RECIPIENT_TYPE, MAPI_CC)}});
+    ASSERT_EQ(message->ModifyRecipients(0, recipients), S_OK);
+    for (int i = 0; i < 3; ++i) {
+        ULONG number = 0;
+        Ptr<IAttach> attach;
+        ASSERT_EQ(message->CreateAttach(nullptr, 0, &number, attach.out()), S_OK);
+        if (i > 0) {
+            Ptr<IStream> stream;
+            ASSERT_EQ(
+                attach->OpenProperty(PR_ATTACH_DATA_BIN, &IID_IStream, 0, MAPI_CREATE | MAPI_MODIFY, stream.unknown()),
+                S_OK);
+            ASSERT_EQ(stream->Write(data.data(), static_cast<ULONG>(data.size()), nullptr), S_OK);
+        }
+        ASSERT_EQ(attach->SaveChanges(0), S_OK);
+    }
+    ASSERT_EQ(message->DeleteAttach(2, 0, nullptr, 0), S_OK);
+    ASSERT_EQ(message->SaveChanges(KEEP_OPEN_READWRITE), S_OK);
+    // Units and bytes, 8 for each number, 32 for the row.
+    const LONG texts = 2 * static_cast<LONG>(8 + 7 + 6 + 13 + 3 + 3000 + 3 + 3000);
+    const LONG numbers = 8 * (1 + 2 * 2 + 1);
+    EXPECT_EQ(Props(message.get(), {PR_MESSAGE_SIZE}).number(), texts + numbers + 200000 + 32);
+    EXPECT_EQ(Props(message.get(), {PR_MESSAGE_FLAGS}).number() & MSGFLAG_HASATTACH, MSGFLAG_HASATTACH);
+    ASSERT_EQ(set(message.get(), number_prop(PR_IMPORTANCE, 2)), S_OK);
+    ASSERT_EQ(message->SaveChanges(KEEP_OPEN_READWRITE), S_OK);
+    EXPECT_EQ(Props(message.get(), {PR_MESSAGE_SIZE}).number(), texts + numbers + 200000 + 32);
+}
+
+// Pieces of 16,384 units: such that have a byte a unit, and one that has not.
+TEST_F(MapiStore, LongTextsOfAllKindsComeBackAsTheyWere) {
+    const auto kept_bytes = [] {
+        return std::stoll(query(sandbox_home() / "mail.db", "SELECT coalesce(sum(length(bytes)), 0) FROM chunk"));
+    };
+    std::u16string text;
+    for (int i = 0; i < 3 * 16384 + 1000; ++i) {
+        text += i % 10 == 9 ? u' ' : static_cast<char16_t>(i / 16384 == 2 ? 0xE0 + i % 30 : u'a' + i % 26);
+    }
+    text[16384 + 5000] = u'\u0416';
+    text.replace(16384 * 3 + 900, 10, u" lastword ");
+    const long long before = kept_bytes();
+    Ptr<IMessage> message;
+    ASSERT_EQ(folder_->CreateMessage(nullptr, 0, message.out()), S_OK);
+    {
+        Ptr<IStream> stream;
+        ASSERT_EQ(message->OpenProperty(PR_BODY_W, &IID_IStream, 0, MAPI_CREATE | MAPI_MODIFY, stream.unknown()), S_OK);
+        ASSERT_EQ(stream->Write(text.data(), static_cast<ULONG>(text.size() * 2), nullptr), S_OK);
+        ASSERT_EQ(stream->Commit(0), S_OK);
+    }
+    ASSERT_EQ(message->SaveChanges(0), S_OK);
+    EXPECT_EQ(kept_bytes() - before, 2 * 16384 + 2 * 16384 + 1000);
+    const Bytes id = id_of(message.get());
+    message = mail_->message(id);
+    for (const ULONG size : {1000000u, 32768u, 777u, 1u}) {
+        Ptr<IStream> stream;
+        ASSERT_EQ(message->OpenProperty(PR_BODY_W, &IID_IStream, 0, 0, stream.unknown()), S_OK);
+        std::string read;
+        std::string buffer(size, 0);
+        ULONG got = 0;
+        while (SUCCEEDED(stream->Read(buffer.data(), size, &got)) && got != 0) {
+            read.append(buffer, 0, got);
+        }
+        ASSERT_EQ(read.size(), text.size() * 2) << size;
+        EXPECT_EQ(std::memcmp(read.data(), text.data(), read.size()), 0) << size;
+    }
+    // What is found of it is found when it is saved again, too.
+    const auto found = [&] {
+        Ptr<IMAPITable> table;
+        EXPECT_EQ(mail_->extras()->Find(u"lastword", table.out()), S_OK);
+        return Rows(table.get()).size();
+    };
+    EXPECT_EQ(found(), 1u);
+    ASSERT_EQ(set(message.get(), text_prop(PR_SUBJECT_W, u"another")), S_OK);
+    ASSERT_EQ(message->SaveChanges(0), S_OK);
+    EXPECT_EQ(found(), 1u);
+    // Copies are written as what they are copied from.
+    ASSERT_EQ(folder_->CopyMessages(EntryList({id}), nullptr, folder_.get(), 0, nullptr, 0), S_OK);
+    EXPECT_EQ(found(), 2u);
+    EXPECT_EQ(kept_bytes() - before, 2 * (2 * 16384 + 2 * 16384 + 1000));
+}
+
+TEST_F(MapiStore, LongValuesOfRecipientsGoWithThem) {
+    const auto long_values = [] { return query(sandbox_home() / "mail.db", "SELECT count(*) FROM blob"); };
+    const std::string before = long_values();
+    const std::u16string names[] = {std::u16string(2000, u'a'), std::u16string(2000, u'b')};
+    Ptr<IMessage> message = mail_->message(mail_->add(folder_.get(), u"x"));
+    const auto row = [&](int i) { return std::vector<SPropValue>{text_prop(PR_DISPLAY_NAME_W, names[i])}; };
+    ASSERT_EQ(message->ModifyRecipients(0, Recipients({row(0)})), S_OK);
+    ASSERT_EQ(message->SaveChanges(KEEP_OPEN_READWRITE), S_OK);
+    // The first one stays, and its name is that of the kept message.
+    ASSERT_EQ(message->ModifyRecipients(MODRECIP_ADD, Recipients({row(1)})), S_OK);
+    ASSERT_EQ(message->SaveChanges(KEEP_OPEN_READWRITE), S_OK);
+    EXPECT_EQ(long_values(), std::to_string(std::stoi(before) + 2));
+    Ptr<IMAPITable> table;
+    ASSERT_EQ(message->GetRecipientTable(MAPI_UNICODE, table.out()), S_OK);
+    ASSERT_EQ(columns(table.get(), {PR_DISPLAY_NAME_W}), S_OK);
+    {
+        const Rows rows(table.get());
+        ASSERT_EQ(rows.size(), 2u);
+        EXPECT_EQ(rows.text(0, 0), names[0]);
+        EXPECT_EQ(rows.text(1, 0), names[1]);
+    }
+    ASSERT_EQ(message->ModifyRecipients(0, Recipients({})), S_OK);
+    ASSERT_EQ(message->SaveChanges(0), S_OK);
+    EXPECT_EQ(long_values(), before);
 }
 
 TEST_F(MapiStore, AttachmentsAndStreams) {
