@@ -46,6 +46,7 @@ public:
 
     zr::MailSession& mail() { return *mail_; }
     IMAPIFolder* inbox() { return inbox_.get(); }
+    zr::EntryBytes inbox_entry() { return zr::MailValues(inbox(), {PR_ENTRYID}).bytes(PR_ENTRYID); }
 
 private:
     std::filesystem::path home_;
@@ -87,11 +88,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     arrival.open = [&] { return zr::read_from_memory(bytes); };
     arrival.status_in_header = size % 2 == 1;
     zr::MailFiling filing(store.mail());
-    const zr::Filed filed = filing.file(store.inbox(), arrival);
+    filing.into(store.inbox_entry());
+    const zr::Filed filed = filing.file(arrival);
     check(filed != zr::Filed::Known);
     if (filed != zr::Filed::Stored || ++number % kKeepEach != 0) return 0;
-    check(filing.keep() == 1);
-    check(filing.file(store.inbox(), arrival) == zr::Filed::Known);
+    filing.keep();
+    check(filing.newly_kept() == 1);
+    check(filing.file(arrival) == zr::Filed::Known);
     take_back(store, bytes);
     return 0;
 }

@@ -38,6 +38,7 @@ Exit Import::run() {
         save();
     } catch (const Failure& failure) {
         // The store failed: what was saved before stays, and nothing of the batch at hand is in.
+        imported_ += stored_before_failing();
         progress_.clear();
         report();
         flush_output();

@@ -71,6 +71,8 @@ protected:
     virtual void read(InputFile& file) = 0;
     // Stores the batch at hand and returns how many were in it. Called once more behind the last file.
     virtual long save_batch() = 0;
+    // How many were stored besides what save_batch told of, when the store failed.
+    virtual long stored_before_failing() { return 0; }
 
     void save() { imported_ += save_batch(); }
     void note(const std::string& file, const std::vector<Problem>& problems, bool left_out);

@@ -39,7 +39,11 @@ public:
 private:
     void read_path(const std::string& path) override;
     void read(InputFile& file) override;
-    long save_batch() override { return filing_.keep(); }
+    long save_batch() override {
+        filing_.keep();
+        return filing_.newly_kept();
+    }
+    long stored_before_failing() override { return filing_.newly_kept(); }
 
     void read_descriptor(int fd, const std::string& name, const Arrival& about);
     void read_mbox(int fd, const std::string& name);
@@ -53,13 +57,13 @@ private:
     const MailImportOptions& options_;
     MailSession session_;
     MailFiling filing_;
-    ComPtr<IMAPIFolder> folder_;
     bool shows_bytes_ = false;
 };
 
 void MailImport::into(const std::vector<std::string>& path) {
     save();
-    folder_ = path.empty() ? session_.folder_made(options_.folder) : session_.folder_for(path);
+    const ComPtr<IMAPIFolder> folder = path.empty() ? session_.folder_made(options_.folder) : session_.folder_for(path);
+    filing_.into(MailValues(folder.get(), {PR_ENTRYID}).bytes(PR_ENTRYID));
 }
 
 void MailImport::read_path(const std::string& path) {
@@ -182,7 +186,7 @@ void MailImport::read_message_file(const fs::path& path, const Arrival& about) {
 
 void MailImport::take(const Arrival& arrival, const std::string& name) {
     try {
-        switch (filing_.file(folder_.get(), arrival)) {
+        switch (filing_.file(arrival)) {
             case Filed::Known:
                 note_known();
                 break;
@@ -190,7 +194,6 @@ void MailImport::take(const Arrival& arrival, const std::string& name) {
                 note_refused(name, "not a message");
                 break;
             case Filed::Stored:
-                if (filing_.is_full()) save();
                 break;
         }
     } catch (const Failure& failure) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "zr/base/text.h"
 #include "zr/mail/digest.h"
@@ -270,7 +271,6 @@ void Maker::finish() {
     if (status != 0) changes.number(PR_MSG_STATUS, static_cast<LONG>(status));
     changes.apply(message_, "storing a message");
     set_recipients();
-    check_mail(message_->SaveChanges(0), "storing a message");
 }
 
 // Whether the bytes that are kept of a message are these.
@@ -298,13 +298,21 @@ bool same_bytes(IMessage* message, const ReadFunction& read) {
 
 }  // namespace
 
-MailFiling::~MailFiling() {
-    if (open_) session_.rollback_batch();
+void MailFiling::into(const EntryBytes& folder) {
+    folder_ = writing_.open_folder(folder);
+}
+
+void MailFiling::forget_kept() {
+    for (const long kept = batches_.kept(); forgotten_ < kept; ++forgotten_) {
+        identifiers_.erase(identifiers_.find(order_.front()));
+        order_.pop_front();
+    }
 }
 
 bool MailFiling::is_known(const std::string& message_id, const Arrival& arrival) {
-    // What the batch has nobody sees yet.
-    if (identifiers_.contains(message_id)) kept_ += keep();
+    // What a batch has nobody sees yet.
+    forget_kept();
+    if (identifiers_.contains(message_id)) keep();
     for (const EntryBytes& entry : session_.with_message_id(message_id)) {
         try {
             const ComPtr<IMessage> message = session_.message(entry);
@@ -316,9 +324,9 @@ bool MailFiling::is_known(const std::string& message_id, const Arrival& arrival)
     return false;
 }
 
-Filed MailFiling::file(IMAPIFolder* folder, const Arrival& arrival) {
+Filed MailFiling::file(const Arrival& arrival) {
     ComPtr<IMessage> message;
-    check_mail(folder->CreateMessage(nullptr, 0, message.out()), "storing a message");
+    check_mail(folder_->CreateMessage(nullptr, 0, message.out()), "storing a message");
     MailStreamWriter bytes(message.get(), PR_CE_MIME_TEXT);
     Maker maker(message.get(), arrival, [&](const std::string& message_id) { return is_known(message_id, arrival); });
     const ReadFunction read = arrival.open();
@@ -336,26 +344,20 @@ Filed MailFiling::file(IMAPIFolder* folder, const Arrival& arrival) {
     if (error != 0) throw file_failure("a message", error);
     if (maker.result() != Filed::Stored) return maker.result();
     bytes.finish();
-    if (!open_) {
-        session_.begin_batch();
-        open_ = true;
-    }
     maker.finish();
+    order_.push_back(maker.message_id());
     identifiers_.insert(maker.message_id());
-    ++waiting_;
-    bytes_ += size;
+    batches_.add(std::move(message), size);
     return Filed::Stored;
 }
 
-long MailFiling::keep() {
-    const long count = std::exchange(kept_, 0);
-    if (!open_) return count;
-    open_ = false;
-    const auto stored = static_cast<long>(std::exchange(waiting_, 0));
-    bytes_ = 0;
-    identifiers_.clear();
-    session_.commit_batch();
-    return count + stored;
+void MailFiling::keep() {
+    batches_.finish();
+}
+
+long MailFiling::newly_kept() {
+    const long kept = batches_.kept();
+    return kept - std::exchange(told_, kept);
 }
 
 }  // namespace zr

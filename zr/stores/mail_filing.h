@@ -2,12 +2,13 @@
 
 // Messages put into the store as they came: their bytes, and what the bytes say as properties.
 
+#include <deque>
 #include <set>
 #include <string>
 
 #include "zr/base/line_reader.h"
 #include "zr/mail/maildir.h"
-#include "zr/stores/mail.h"
+#include "zr/stores/mail_batches.h"
 
 namespace zr {
 
@@ -22,35 +23,39 @@ struct Arrival {
 
 enum class Filed { Stored, Known, NotAMessage };
 
-// Files messages in batches. What is stored is kept once the batch is. For one thread.
+// Files messages, and keeps them in batches while the next ones are read (mail_batches.h). For one thread.
 class MailFiling {
 public:
-    static constexpr std::size_t kBatchMessages = 500;
-    static constexpr std::uint64_t kBatchBytes = std::uint64_t{8} << 20;
-
-    explicit MailFiling(MailSession& session) : session_(session) {}
-    ~MailFiling();  // gives up what is not kept
+    // `session`: for looking up what is there.
+    explicit MailFiling(MailSession& session) : session_(session), batches_(writing_) {}
     MailFiling(const MailFiling&) = delete;
     MailFiling& operator=(const MailFiling&) = delete;
 
-    // Into the folder, which is one that was there before the batch. A message of the same identifier and the same
-    // bytes that is anywhere in the store is Known. Throws Failure (Unreadable) when it cannot be read.
-    Filed file(IMAPIFolder* folder, const Arrival& arrival);
+    // The folder that messages go into from here on. Who makes one keeps what was filed before: else it has to wait.
+    void into(const EntryBytes& folder);
+    // A message of the same identifier and the same bytes that is anywhere in the store is Known. Throws Failure
+    // (Unreadable) when it cannot be read; or because keeping an earlier one failed, and nothing more is kept.
+    Filed file(const Arrival& arrival);
 
-    bool is_full() const { return waiting_ >= kBatchMessages || bytes_ >= kBatchBytes; }
-    std::size_t waiting() const { return waiting_; }
-    // Keeps what was filed; how many.
-    long keep();
+    // Returns when everything that was filed is kept; throws when that failed.
+    void keep();
+    // How many were kept since this was asked last; how many were filed that it has not told of.
+    long newly_kept();
+    std::size_t waiting() const { return static_cast<std::size_t>(batches_.added() - told_); }
 
 private:
     bool is_known(const std::string& message_id, const Arrival& arrival);
+    void forget_kept();
 
     MailSession& session_;
-    bool open_ = false;
-    std::size_t waiting_ = 0;
-    std::uint64_t bytes_ = 0;
-    std::set<std::string> identifiers_;  // of the batch
-    long kept_ = 0;                      // of batches that ended within file()
+    MailSession writing_;
+    ComPtr<IMAPIFolder> folder_;
+    long told_ = 0;
+    // The identifiers of what may not be kept yet, in the order of filing.
+    std::deque<std::string> order_;
+    std::multiset<std::string> identifiers_;
+    long forgotten_ = 0;
+    MailBatches batches_;  // last: it ends first
 };
 
 }  // namespace zr
