@@ -27,5 +27,6 @@ zr_family(modules HEADERS modules LABELS threads)
 zr_family(iphelper HEADERS iphelper LABELS threads)
 zr_family(bus LABELS threads)
 zr_family(connection HEADERS connection TEST_LIBRARIES zr_test_memory LABELS threads)
+zr_family(tapi HEADERS tapi TEST_LIBRARIES zr_test_memory LABELS threads)
 zr_family(mapi HEADERS mapi mapi_structures mapi_tags LIBRARIES SQLite::SQLite3 TEST_LIBRARIES zr_test_memory zr_test_disk
           LABELS threads)

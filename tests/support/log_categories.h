@@ -6,6 +6,8 @@
 
 namespace zr::test {
 
+inline constexpr std::uint32_t kPhoneFailure = 0x680004;
+inline constexpr std::uint32_t kPhoneWarning = 0x680008;
 inline constexpr std::uint32_t kContactsFailure = 0x730004;
 inline constexpr std::uint32_t kTimersFailure = 0x780004;
 inline constexpr std::uint32_t kOutlookFailure = 0x840004;

@@ -27,6 +27,7 @@
 #include "platform/screen.h"
 #include "platform/shell.h"
 #include "platform/stores.h"
+#include "platform/tapi.h"
 #include "platform/time.h"
 #include "platform/types.h"
 #include "platform/windowing.h"

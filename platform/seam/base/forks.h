@@ -49,6 +49,7 @@ enum class ForkRank {
     IpHelper,
     Bus,
     Connection,
+    Tapi,
     Mapi,
     Count,
 };

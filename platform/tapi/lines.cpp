@@ -1,0 +1,250 @@
+// Sessions and lines.
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "exchange.h"
+#include "kernel/thread.h"
+#include "platform/base.h"
+#include "platform/kernel.h"
+#include "platform/modules.h"
+#include "session_window.h"
+#include "structure.h"
+
+namespace zr::platform {
+namespace {
+
+constexpr DWORD kOldestVersion = 0x00010003;
+constexpr DWORD kVoiceModes = LINEMEDIAMODE_INTERACTIVEVOICE;
+constexpr DWORD kMostLineCalls = 7;  // a network's
+
+bool is_version(DWORD version) {
+    return version >= kOldestVersion && version <= TAPI_CURRENT_VERSION;
+}
+
+std::u16string program_name() {
+    WCHAR path[MAX_PATH];
+    const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
+    const std::u16string whole(path, std::min<DWORD>(length, MAX_PATH));
+    return whole.substr(whole.find_last_of(u"\\/") + 1);
+}
+
+DWORD media_modes_of(const Line& line) {
+    return line.facts.voice ? kVoiceModes : LINEMEDIAMODE_DATAMODEM;
+}
+
+// The line of a device; NULL with `error`.
+LineRef find_device(Exchange& exchange, DWORD device, LONG& error) {
+    error = LINEERR_BADDEVICEID;
+    if (device >= exchange.lines.size()) return nullptr;
+    error = LINEERR_NODEVICE;
+    return exchange.lines[device]->present ? exchange.lines[device] : nullptr;
+}
+
+LONG begin_session(LPHLINEAPP handle, LINECALLBACK callback, LPCWSTR name, LPDWORD count) {
+    Exchange& exchange = Exchange::instance();
+    const auto session = std::make_shared<Session>();
+    session->callback = callback;
+    session->application = name != nullptr && *name != 0 ? name : program_name();
+    session->thread = GetCurrentThreadId();
+    // A service that does not answer has no lines to show.
+    exchange.bring_up_to_date();
+    session->window = make_session_window();
+    if (session->window == nullptr) return LINEERR_NOMEM;
+    const auto lock = exchange.enter();
+    if (exchange.sessions.empty()) exchange.number_lines();
+    session->handle = exchange.new_handle();
+    exchange.sessions.emplace(session->handle, session);
+    *handle = session->handle;
+    *count = static_cast<DWORD>(exchange.lines.size());
+    return 0;
+}
+
+LONG end_session(HLINEAPP handle) {
+    Exchange& exchange = Exchange::instance();
+    SessionRef session;
+    {
+        auto lock = exchange.enter();
+        if (exchange.find_session(handle) == nullptr) return LINEERR_INVALAPPHANDLE;
+        exchange.wait_for_requests(lock, handle);
+        const auto found = exchange.sessions.find(handle);
+        if (found == exchange.sessions.end()) return LINEERR_INVALAPPHANDLE;
+        session = std::move(found->second);
+        exchange.sessions.erase(found);
+        std::vector<HLINE> lines;
+        for (const auto& [line, open] : exchange.open_lines) {
+            if (open->session == handle) lines.push_back(line);
+        }
+        for (const HLINE line : lines) {
+            exchange.remove_open_line(line);
+        }
+        exchange.end_worker_if_idle();
+    }
+    end_owner(handle);
+    end_session_window(session->window, session->thread);
+    return 0;
+}
+
+LONG write_caps(const Line& line, LPLINEDEVCAPS caps) {
+    StructureWriter writer(caps);
+    LINEDEVCAPS& fixed = writer.fixed;
+    fixed.dwPermanentLineID = static_cast<DWORD>(line.name.first);
+    fixed.dwStringFormat = STRINGFORMAT_UNICODE;
+    fixed.dwAddressModes = LINEADDRESSMODE_ADDRESSID;
+    fixed.dwNumAddresses = 1;
+    fixed.dwBearerModes = LINEBEARERMODE_VOICE;
+    fixed.dwMediaModes = media_modes_of(line);
+    fixed.dwMaxNumActiveCalls = line.facts.voice ? kMostLineCalls : 0;
+    fixed.dwAnswerMode = LINEANSWERMODE_HOLD;
+    fixed.dwRingModes = 1;
+    fixed.dwLineFeatures = line.facts.voice ? LINELINEFEATURE_MAKECALL : 0;
+    writer.put_text(names_of(line.facts.service).provider, &LINEDEVCAPS::dwProviderInfoSize,
+                    &LINEDEVCAPS::dwProviderInfoOffset);
+    writer.put_text(line.facts.name, &LINEDEVCAPS::dwLineNameSize, &LINEDEVCAPS::dwLineNameOffset);
+    writer.put_text(line.facts.number, &LINEDEVCAPS::dwSwitchInfoSize, &LINEDEVCAPS::dwSwitchInfoOffset);
+    return writer.finish();
+}
+
+// What may be asked of a line; 0 or why not.
+LONG check_privileges(DWORD privileges, DWORD media_modes) {
+    constexpr DWORD all = LINECALLPRIVILEGE_NONE | LINECALLPRIVILEGE_MONITOR | LINECALLPRIVILEGE_OWNER;
+    const bool is_none = privileges == LINECALLPRIVILEGE_NONE;
+    if (privileges == 0 || (privileges & ~all) != 0) return LINEERR_INVALPRIVSELECT;
+    if (!is_none && (privileges & LINECALLPRIVILEGE_NONE) != 0) return LINEERR_INVALPRIVSELECT;
+    return (privileges & LINECALLPRIVILEGE_OWNER) != 0 && media_modes == 0 ? LINEERR_INVALMEDIAMODE : 0;
+}
+
+// Runs it; without memory: LINEERR_NOMEM.
+template <class Body>
+LONG guarded_line_call(Body&& body) {
+    cancellation_point();
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return LINEERR_NOMEM;
+    }
+}
+
+LineRef choose_line(Exchange& exchange, DWORD device, DWORD media_modes, LONG& error) {
+    if (device != LINEMAPPER) return find_device(exchange, device, error);
+    error = LINEERR_LINEMAPPERFAILED;
+    for (const LineRef& line : exchange.lines) {
+        if (line->present && (media_modes_of(*line) & media_modes) == media_modes) return line;
+    }
+    return nullptr;
+}
+
+LONG open_line(HLINEAPP session, DWORD device, LPHLINE handle, DWORD_PTR instance, DWORD privileges,
+               DWORD media_modes) {
+    Exchange& exchange = Exchange::instance();
+    CallTaker taker;
+    {
+        const auto lock = exchange.enter();
+        const Session* const found = exchange.find_session(session);
+        if (found == nullptr) return LINEERR_INVALAPPHANDLE;
+        LONG error = 0;
+        const LineRef line = choose_line(exchange, device, media_modes, error);
+        if (!line) return error;
+        const bool owner = (privileges & LINECALLPRIVILEGE_OWNER) != 0;
+        if (owner && (media_modes_of(*line) & media_modes) == 0) return LINEERR_INVALMEDIAMODE;
+        const auto open = std::make_shared<OpenLine>();
+        open->handle = exchange.new_handle();
+        open->session = session;
+        open->line = line;
+        open->instance = instance;
+        open->privileges = privileges;
+        open->media_modes = media_modes;
+        exchange.open_lines.emplace(open->handle, open);
+        *handle = open->handle;
+        if (!owner) return 0;
+        taker = {session, open->handle, line->name, media_modes, found->application};
+    }
+    LONG result = add_taker(taker);
+    const auto lock = exchange.enter();
+    if (result == 0 && !exchange.listen_to_others()) result = LINEERR_NOMEM;
+    if (result != 0) exchange.remove_open_line(taker.line);
+    return result;
+}
+
+}  // namespace
+
+void Exchange::end_worker_if_idle() noexcept {
+    if (sessions.empty() && worker_.is_running()) SetEvent(wake_);
+}
+
+}  // namespace zr::platform
+
+using namespace zr::platform;
+
+LONG lineInitialize(LPHLINEAPP session, HINSTANCE, LINECALLBACK callback, LPCWSTR name, LPDWORD lines) {
+    if (session == nullptr || callback == nullptr || lines == nullptr) return LINEERR_INVALPOINTER;
+    return guarded_line_call([&] { return begin_session(session, callback, name, lines); });
+}
+
+LONG lineShutdown(HLINEAPP session) {
+    return guarded_line_call([&] { return end_session(session); });
+}
+
+LONG lineNegotiateAPIVersion(HLINEAPP session, DWORD device, DWORD low, DWORD high, LPDWORD version,
+                             LPLINEEXTENSIONID extension) {
+    if (version == nullptr || extension == nullptr) return LINEERR_INVALPOINTER;
+    return guarded_line_call([&]() -> LONG {
+        Exchange& exchange = Exchange::instance();
+        const auto lock = exchange.enter();
+        if (exchange.find_session(session) == nullptr) return LINEERR_INVALAPPHANDLE;
+        LONG error = 0;
+        if (!find_device(exchange, device, error)) return error;
+        if (low > high || high < kOldestVersion || low > TAPI_CURRENT_VERSION) return LINEERR_INCOMPATIBLEAPIVERSION;
+        *version = std::min(high, TAPI_CURRENT_VERSION);
+        *extension = {};
+        return 0;
+    });
+}
+
+LONG lineGetDevCaps(HLINEAPP session, DWORD device, DWORD version, DWORD extension_version, LPLINEDEVCAPS caps) {
+    if (caps == nullptr) return LINEERR_INVALPOINTER;
+    return guarded_line_call([&]() -> LONG {
+        Exchange& exchange = Exchange::instance();
+        const auto lock = exchange.enter();
+        if (exchange.find_session(session) == nullptr) return LINEERR_INVALAPPHANDLE;
+        LONG error = 0;
+        const LineRef line = find_device(exchange, device, error);
+        if (!line) return error;
+        if (!is_version(version)) return LINEERR_INCOMPATIBLEAPIVERSION;
+        if (extension_version != 0) return LINEERR_INCOMPATIBLEEXTVERSION;
+        return write_caps(*line, caps);
+    });
+}
+
+LONG lineOpen(HLINEAPP session, DWORD device, LPHLINE line, DWORD version, DWORD extension_version, DWORD_PTR instance,
+              DWORD privileges, DWORD media_modes, LPLINECALLPARAMS) {
+    if (line == nullptr) return LINEERR_INVALPOINTER;
+    if (!is_version(version)) return LINEERR_INCOMPATIBLEAPIVERSION;
+    if (extension_version != 0) return LINEERR_INCOMPATIBLEEXTVERSION;
+    if (const LONG error = check_privileges(privileges, media_modes)) return error;
+    return guarded_line_call([&] { return open_line(session, device, line, instance, privileges, media_modes); });
+}
+
+LONG lineClose(HLINE line) {
+    return guarded_line_call([&]() -> LONG {
+        Exchange& exchange = Exchange::instance();
+        OpenLineRef closed;
+        std::vector<SharedName> owned;
+        {
+            const auto lock = exchange.enter();
+            if (exchange.find_line(line) == nullptr) return LINEERR_INVALLINEHANDLE;
+            closed = exchange.open_lines[line];
+            for (const auto& [handle, call] : exchange.call_handles) {
+                const bool is_its = call.line == line && call.call && call.privilege == LINECALLPRIVILEGE_OWNER;
+                if (is_its) owned.push_back(call.call->name);
+            }
+            exchange.remove_open_line(line);
+        }
+        for (const SharedName& call : owned) {
+            disown_call(call, closed->session, false);
+        }
+        if ((closed->privileges & LINECALLPRIVILEGE_OWNER) != 0) remove_taker(line);
+        return 0;
+    });
+}
