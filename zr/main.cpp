@@ -60,6 +60,7 @@ void build(zr::Command app) {
     calendar.footer("Example:\n  zr calendar import work.ics\n\n'zr calendar COMMAND --help' tells more.");
     zr::add_calendar_import(calendar);
     zr::add_calendar_export(calendar);
+    zr::add_calendar_add(calendar);
     zr::add_calendar_list(calendar);
     zr::add_calendar_show(calendar);
     zr::add_calendar_occurrence(calendar);
@@ -157,6 +158,7 @@ int main(int argc, char** argv) {
         "Contacts, mail, senders of messages, the registry, the log, named objects and the time zone, at a terminal.",
         "zr " ZR_VERSION);
     build(line.root());
+    line.otherwise(zr::show_overview);
     if (const std::optional<int> code = line.parse(argc, argv)) return *code;
     const zr::Exit code = execute(line.run());
     tell_log_trouble();

@@ -56,16 +56,6 @@ void copy_files(const Files& files, const std::string& from, const std::string& 
     }
 }
 
-std::string folder_of_stores() {
-    const auto variable = [](const char* name) {
-        const char* const value = std::getenv(name);
-        return std::string(value ? value : "");
-    };
-    if (std::string home = variable("ZR_HOME"); !home.empty()) return home;
-    if (const std::string data = variable("XDG_DATA_HOME"); data.starts_with("/")) return data + "/zrutility";
-    return variable("HOME") + "/.local/share/zrutility";
-}
-
 bool cannot_be_written(const std::string& folder) {
     if (::access(folder.c_str(), F_OK) != 0) return false;  // it will be made, or cannot be
     if (::access(folder.c_str(), W_OK) != 0) return errno == EACCES || errno == EROFS;
@@ -76,6 +66,16 @@ bool cannot_be_written(const std::string& folder) {
 }
 
 }  // namespace
+
+std::string folder_of_stores() {
+    const auto variable = [](const char* name) {
+        const char* const value = std::getenv(name);
+        return std::string(value ? value : "");
+    };
+    if (std::string home = variable("ZR_HOME"); !home.empty()) return home;
+    if (const std::string data = variable("XDG_DATA_HOME"); data.starts_with("/")) return data + "/zrutility";
+    return variable("HOME") + "/.local/share/zrutility";
+}
 
 WritableCopy::WritableCopy() {
     const std::string folder = folder_of_stores();

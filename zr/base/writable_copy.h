@@ -7,6 +7,8 @@
 
 namespace zr {
 
+std::string folder_of_stores();  // what ZR_HOME names, or what it is without it
+
 // While there is one, ZR_HOME names a copy of the folder of stores, if that one is there and cannot be written to. Made
 // before a store is opened. Throws Failure when the stores cannot be read either, or change all the time.
 class WritableCopy {

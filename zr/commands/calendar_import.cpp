@@ -1,8 +1,16 @@
 // zr calendar import: iCalendar files into the contact store, component by component.
 
+#include <algorithm>
+#include <cstdlib>
 #include <memory>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
+#include "zr/base/interruption.h"
+#include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/commands/import.h"
 #include "zr/commands/require_zone.h"
@@ -12,7 +20,40 @@
 namespace zr {
 namespace {
 
-constexpr ImportWords kCalendarWords = {"item", "items", "component", "components", "not in full"};
+constexpr ImportWords kCalendarWords = {"item", "items", "component", "components", "not in full", true, true};
+
+// The rest of the first kept line with this name, behind its colon.
+std::string kept_value(std::string_view lines, std::string_view name) {
+    while (!lines.empty()) {
+        const std::string_view line = lines.substr(0, lines.find('\n'));
+        const std::size_t end = line.find_first_of(":;");
+        if (end != std::string_view::npos && equal_ignoring_case(line.substr(0, end), name))
+            return std::string(line.substr(std::min(line.find(':'), line.size() - 1) + 1));
+        lines.remove_prefix(std::min(line.size() + 1, lines.size()));
+    }
+    return {};
+}
+
+// What an item is known by. One occurrence that stands alone has the identifier of its series.
+std::string key_of(const char* kind, const std::string& uid, const std::string& extras) {
+    return kind + uid + "\n" + kept_value(extras, "RECURRENCE-ID");
+}
+
+// How often and when an item was revised; the greater one is the newer.
+std::pair<long, std::string> revision(const std::string& extras) {
+    std::string time = kept_value(extras, "LAST-MODIFIED");
+    if (time.empty()) time = kept_value(extras, "DTSTAMP");
+    return {std::strtol(kept_value(extras, "SEQUENCE").c_str(), nullptr, 10), time};
+}
+
+// Whether what is there makes the item needless: it says the same, or it is newer.
+template <class Item>
+bool stands_before(const Item& there, const Item& item) {
+    if (there == item) return true;
+    const auto before = revision(there.extras);
+    const auto now = revision(item.extras);
+    return !before.second.empty() && !now.second.empty() && now < before;
+}
 
 std::size_t bytes_of(const EventFields& fields) {
     return fields.subject.size() + fields.location.size() + fields.body.size() + fields.extras.size();
@@ -20,16 +61,29 @@ std::size_t bytes_of(const EventFields& fields) {
 
 class CalendarImport : public Import {
 public:
-    explicit CalendarImport(const ImportOptions& options) : Import(options, kCalendarWords) {}
+    explicit CalendarImport(const DuplicateOptions& options) : Import(options, kCalendarWords), options_(options) {}
 
 private:
     void read(InputFile& file) override;
     long save_batch() override;
+    bool interrupted() const override { return interruption_.asked(); }
+    void end_interrupted() override { interruption_.end(); }
+    std::vector<std::string> endings() const override { return {".ics", ".ical"}; }
     void take(Event& event);
     void take(Task& task);
     void save_when_full();
+    void make_index();
+    bool is_known(const std::string& key, LONG& oid);
 
+    const DuplicateOptions& options_;
+    Interruption interruption_;
     CalendarStore store_;
+    std::optional<std::unordered_map<std::string, LONG>> index_;
+    std::vector<LONG> event_oids_;  // what they take the place of
+    std::vector<LONG> task_oids_;
+    std::unordered_set<std::string> batch_keys_;
+    std::vector<std::string> event_keys_;
+    std::vector<std::string> task_keys_;
     std::vector<Event> events_;
     std::vector<Task> tasks_;
     std::size_t rows_ = 0;  // items and changed occurrences
@@ -37,35 +91,95 @@ private:
 };
 
 void CalendarImport::read(InputFile& file) {
-    LineReader lines(file.reader());
+    LineReader lines(read_until(file.descriptor(), interruption_.descriptor()));
     CalendarReader calendars(lines);
     CalendarReader::Item item;
     bool any = false;
     while (calendars.next(item)) {
         any = true;
-        note(file.name(), item.problems, item.kind == CalendarReader::Kind::LeftOut);
+        // What is cut off by the interruption is not in yet.
+        const bool left_out = item.kind == CalendarReader::Kind::LeftOut;
+        if (!left_out || !interrupted()) note(file.name(), item.problems, left_out);
         if (item.kind == CalendarReader::Kind::Event) take(item.event);
         if (item.kind == CalendarReader::Kind::Task) take(item.task);
         show(file, lines.bytes_read(), events_.size() + tasks_.size());
     }
     if (lines.error() != 0) throw file_failure(file.name(), lines.error());
-    if (!any && !calendars.any_calendar()) note(file.name(), {{1, "no calendar in this file"}}, true);
+    if (!any && !calendars.any_calendar() && !interrupted()) note(file.name(), {{1, "no calendar in this file"}}, true);
+}
+
+void CalendarImport::make_index() {
+    index_.emplace();
+    const int appointments = store_.appointments();
+    for (int i = 1; i <= appointments; ++i) {
+        const ComPtr<IAppointment> item = store_.appointment_at(i);
+        if (!item) continue;
+        const LONG oid = oid_of(item.get());
+        const EventFields fields = read_fields(item.get());
+        std::string uid = text_property(item.get(), ZR_PROPID_EVENT_UID);
+        if (uid.empty()) uid = made_uid(oid, fields.subject, fields.start);
+        index_->emplace(key_of("event ", uid, fields.extras), oid);
+    }
+    const int tasks = store_.tasks();
+    for (int i = 1; i <= tasks; ++i) {
+        const ComPtr<ITask> item = store_.task_at(i);
+        if (!item) continue;
+        const LONG oid = oid_of(item.get());
+        const Task task = read_task(item.get());
+        const std::string uid = task.uid.empty() ? made_uid(oid, task.subject, task.start.value_or(kNoTime)) : task.uid;
+        index_->emplace(key_of("task ", uid, task.extras), oid);
+    }
+}
+
+// Whether the item is there, as which number.
+bool CalendarImport::is_known(const std::string& key, LONG& oid) {
+    if (batch_keys_.contains(key)) save();
+    if (!index_) make_index();
+    const auto found = index_->find(key);
+    if (found != index_->end()) oid = found->second;
+    return found != index_->end();
 }
 
 void CalendarImport::take(Event& event) {
+    LONG oid = 0;
+    std::string key;
+    if (options_.on_duplicate != "add" && !event.uid.empty()) {
+        key = key_of("event ", event.uid, event.extras);
+        if (is_known(key, oid)) {
+            const ComPtr<IAppointment> there = store_.appointment(oid);
+            const bool skip = options_.on_duplicate == "skip" || oid < 0;
+            if (skip || (there && stands_before(read_appointment(there.get()), event))) return note_known();
+        }
+        batch_keys_.insert(key);
+    }
     bytes_ += bytes_of(event);
     for (const Change& change : event.changes) {
         bytes_ += bytes_of(change.fields);
     }
     rows_ += 1 + event.changes.size();
     events_.push_back(std::move(event));
+    event_oids_.push_back(oid);
+    event_keys_.push_back(std::move(key));
     save_when_full();
 }
 
 void CalendarImport::take(Task& task) {
+    LONG oid = 0;
+    std::string key;
+    if (options_.on_duplicate != "add" && !task.uid.empty()) {
+        key = key_of("task ", task.uid, task.extras);
+        if (is_known(key, oid)) {
+            const ComPtr<ITask> there = store_.task(oid);
+            const bool skip = options_.on_duplicate == "skip" || oid < 0;
+            if (skip || (there && stands_before(read_task(there.get()), task))) return note_known();
+        }
+        batch_keys_.insert(key);
+    }
     bytes_ += task.subject.size() + task.body.size() + task.extras.size();
     ++rows_;
     tasks_.push_back(std::move(task));
+    task_oids_.push_back(oid);
+    task_keys_.push_back(std::move(key));
     save_when_full();
 }
 
@@ -74,30 +188,53 @@ void CalendarImport::save_when_full() {
 }
 
 long CalendarImport::save_batch() {
-    const std::size_t count = events_.size() + tasks_.size();
-    if (count == 0) return 0;
-    const std::vector<Refused> refused = store_.add(events_, tasks_);
+    std::vector<LONG> oids = event_oids_;
+    oids.insert(oids.end(), task_oids_.begin(), task_oids_.end());
+    std::vector<std::string> keys = event_keys_;
+    keys.insert(keys.end(), task_keys_.begin(), task_keys_.end());
+    if (oids.empty()) return 0;
+    const std::vector<LONG> before = oids;
+    const std::vector<Refused> refused = options_.dry_run ? std::vector<Refused>() : store_.put(events_, tasks_, oids);
+    std::vector<bool> left_out(oids.size());
     for (const auto& [index, why] : refused) {
         const bool event = index < events_.size();
         note_refused(event ? events_[index].subject : tasks_[index - events_.size()].subject, why);
+        left_out[index] = true;
+    }
+    long count = 0;
+    for (std::size_t i = 0; i < oids.size(); ++i) {
+        if (left_out[i]) continue;
+        if (before[i] != 0) {
+            note_updated();
+        } else {
+            ++count;
+        }
+        // What is only looked at has no number, and is known all the same.
+        if (index_ && !keys[i].empty()) index_->insert_or_assign(keys[i], options_.dry_run ? -1 : oids[i]);
     }
     events_.clear();
     tasks_.clear();
+    event_oids_.clear();
+    task_oids_.clear();
+    event_keys_.clear();
+    task_keys_.clear();
+    batch_keys_.clear();
     rows_ = bytes_ = 0;
-    return static_cast<long>(count - refused.size());
+    return count;
 }
 
 }  // namespace
 
 void add_calendar_import(Command calendar) {
-    const auto options = std::make_shared<ImportOptions>();
+    const auto options = std::make_shared<DuplicateOptions>();
     Command command = calendar.add_command("import", "Add the appointments and tasks of iCalendar files");
-    options->add_to(command, "iCalendar files; - is standard input");
+    options->add_to(command, "iCalendar files, or folders of .ics files; - is standard input");
     command.footer(
         "Times become the device's local time. What is damaged, or what the calendar cannot hold, is\n"
         "named with file, line and reason on standard error, the rest is imported, and the exit code\n"
-        "is 7. Every component becomes a new item. What an item has no place for is kept and exported\n"
-        "again.\n"
+        "is 7. A component whose UID an item has takes its place, unless its SEQUENCE, LAST-MODIFIED or\n"
+        "DTSTAMP is older; one without a UID is always a new item. What an item has no place for is kept and\n"
+        "exported again. Ctrl-C stores what was read and ends; the same command goes on from there.\n"
         "\n"
         "Examples:\n"
         "  zr calendar import work.ics holidays.ics\n"

@@ -1,10 +1,12 @@
 // zr calendar list: the appointments in the order of their starts, the occurrences of some days, or the tasks.
 
 #include <algorithm>
+#include <map>
 #include <memory>
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/text.h"
 #include "zr/commands/calendar_day.h"
 #include "zr/commands/command.h"
 #include "zr/stores/calendar.h"
@@ -16,27 +18,76 @@ struct CalendarListOptions {
     bool tasks = false;
     std::string from;
     std::string to;
+    std::string subject;
     bool descending = false;
     LONG limit = 0;
     bool json = false;
 };
 
-int limited(int count, const CalendarListOptions& options) {
-    return options.limit > 0 ? std::min<int>(count, options.limit) : count;
-}
+// Counts what is listed.
+class Listing {
+public:
+    explicit Listing(const CalendarListOptions& options) : options_(options), subject_(folded(options.subject)) {}
+
+    bool is_full() const { return options_.limit > 0 && count_ >= options_.limit; }
+    bool wants(const std::string& subject) const { return contains_folded(subject, subject_); }
+    void add(const Json& json, const std::string& line) {
+        ++count_;
+        if (options_.json) {
+            array_.add(json);
+        } else {
+            print(line);
+        }
+    }
+    bool finish() {
+        if (options_.json) array_.finish();
+        return count_ > 0;
+    }
+
+private:
+    const CalendarListOptions& options_;
+    const std::string subject_;
+    JsonArray array_;
+    LONG count_ = 0;
+};
+
+// Which occurrences are not as their series say.
+class ChangedOccurrences {
+public:
+    explicit ChangedOccurrences(CalendarStore& store) : store_(store) {}
+
+    bool has(LONG oid, const EventFields& fields) {
+        auto known = changes_.find(oid);
+        if (known == changes_.end()) {
+            const ComPtr<IAppointment> series = store_.appointment(oid);
+            known =
+                changes_.emplace(oid, series ? read_appointment(series.get()).changes : std::vector<Change>()).first;
+        }
+        return std::any_of(known->second.begin(), known->second.end(),
+                           [&](const Change& change) { return !change.deleted && change.fields == fields; });
+    }
+
+private:
+    CalendarStore& store_;
+    std::map<LONG, std::vector<Change>> changes_;
+};
 
 bool list_appointments(CalendarStore& store, const CalendarListOptions& options) {
     const bool some = !options.from.empty() || !options.to.empty();
     if (some) {
         const CalendarDay from =
-            options.from.empty() ? parse_day("--from", "1601-01-01") : parse_day("--from", options.from);
-        const CalendarDay to = options.to.empty() ? from : parse_day("--to", options.to);
+            options.from.empty() ? parse_day("--from", "1601-01-01") : parse_day_words("--from", options.from);
+        const CalendarDay base = options.from.empty() ? today() : from;
+        const CalendarDay to = options.to.empty() ? from : parse_day_words("--to", options.to, base);
+        if (to < from)
+            throw Failure{Exit::Usage,
+                          "list: --from " + shown_time(from, true) + " is after --to " + shown_time(to, true)};
         store.restrict_to(from, to + std::chrono::days(1));
     }
-    JsonArray array;
+    Listing listing(options);
+    ChangedOccurrences changed(store);
     const int count = store.appointments();
-    const int limit = limited(count, options);
-    for (int i = 1; i <= limit; ++i) {
+    for (int i = 1; i <= count && !listing.is_full(); ++i) {
         // The occurrences come in one order.
         const ComPtr<IAppointment> item = store.appointment_at(some && options.descending ? count + 1 - i : i);
         if (!item) continue;
@@ -46,34 +97,27 @@ bool list_appointments(CalendarStore& store, const CalendarListOptions& options)
         } else {
             event = read_appointment(item.get());
         }
-        if (has_left(item.get())) continue;
-        if (options.json) {
-            array.add(event_json(oid_of(item.get()), event));
-        } else {
-            print(event_line(oid_of(item.get()), event));
-        }
+        if (has_left(item.get()) || !listing.wants(event.subject)) continue;
+        const LONG oid = oid_of(item.get());
+        const bool is_changed = some && changed.has(oid, event);
+        Json json = event_json(oid, event);
+        if (is_changed) json.set("changed", true);
+        listing.add(json, event_line(oid, event, is_changed));
     }
-    if (options.json) array.finish();
-    return count > 0;
+    return listing.finish();
 }
 
 bool list_tasks(CalendarStore& store, const CalendarListOptions& options) {
-    JsonArray array;
+    Listing listing(options);
     const int count = store.tasks();
-    const int limit = limited(count, options);
-    for (int i = 1; i <= limit; ++i) {
+    for (int i = 1; i <= count && !listing.is_full(); ++i) {
         const ComPtr<ITask> item = store.task_at(i);
         if (!item) continue;
         const Task task = read_task(item.get());
-        if (has_left(item.get())) continue;
-        if (options.json) {
-            array.add(task_json(oid_of(item.get()), task));
-        } else {
-            print(task_line(oid_of(item.get()), task));
-        }
+        if (has_left(item.get()) || !listing.wants(task.subject)) continue;
+        listing.add(task_json(oid_of(item.get()), task), task_line(oid_of(item.get()), task));
     }
-    if (options.json) array.finish();
-    return count > 0;
+    return listing.finish();
 }
 
 }  // namespace
@@ -82,18 +126,22 @@ void add_calendar_list(Command calendar) {
     const auto options = std::make_shared<CalendarListOptions>();
     Command command = calendar.add_command("list", "List the appointments, or the tasks");
     command.add_flag("-t,--tasks", options->tasks, "List the tasks, by due date, instead of the appointments");
-    command.add_option("--from", options->from, "List what there is from this day on, such as 2026-01-31");
-    command.add_option("--to", options->to, "and up to this day (default: on that day)");
+    command.add_option("--from", options->from, "List what there is from this day on: 2026-01-31, today, friday, -1w");
+    command.add_option("--to", options->to, "and up to this day (default: on that day); +7d counts from --from");
+    command.add_option("-s,--subject", options->subject, "Only what has this text in its subject");
     command.add_flag("-r,--reverse", options->descending, "Last ones first");
     command.add_option("-n,--limit", options->limit, "List no more than this many").positive();
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(
         "A line is identifier, start, end, subject, location and recurrence, with tabs between; a task's\n"
         "is identifier, due date, open or done, and subject. A series is one line, where it begins; with\n"
-        "--from or --to each of its occurrences is one. The exit code is 1 when there are none.\n"
+        "--from or --to each of its occurrences is one, and in the place of the recurrence stands whether it\n"
+        "was changed or cancelled. A day is a date, today, tomorrow, yesterday, a day of the week (the next\n"
+        "one), or a span such as +7d, -2w, +1m or +1y. A time that the clock leaves out in spring is shown\n"
+        "as what it becomes. The exit code is 1 when there are none.\n"
         "\n"
         "Examples:\n"
-        "  zr calendar list --from 2026-03-02 --to 2026-03-08\n"
+        "  zr calendar list --from today --to +7d\n"
         "  zr calendar list --json | jq -r '.[] | select(.recurrence) | .subject'");
     command.reads([options] {
         if (options->tasks && !(options->from + options->to).empty()) {

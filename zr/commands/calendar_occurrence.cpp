@@ -51,7 +51,7 @@ std::string utc_text(FILETIME time) {
 class Occurrence {
 public:
     explicit Occurrence(const CalendarOccurrenceOptions& options)
-        : day_(parse_day("DATE", options.date)), oid_(options.oid), json_(options.json) {}
+        : day_(parse_day_words("DATE", options.date)), oid_(options.oid), json_(options.json) {}
 
     Exit run();
 

@@ -23,6 +23,7 @@ struct CommandLineParser {
 
     CLI::App app;
     Run run;
+    Run otherwise;
     std::vector<Rest> rests;
 
     // The command that the words begin with, which are then those behind it.
@@ -182,7 +183,7 @@ CommandLine::CommandLine(const std::string& description, const std::string& vers
     : parser_(std::make_unique<CommandLineParser>()) {
     parser_->app.description(description);
     parser_->app.name("zr");
-    parser_->app.require_subcommand(1);
+    parser_->app.require_subcommand(0, 1);
     parser_->app.set_version_flag("--version", version, "Print the version and exit");
 }
 
@@ -217,8 +218,12 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
     return std::nullopt;
 }
 
+void CommandLine::otherwise(Run run) {
+    parser_->otherwise = std::move(run);
+}
+
 const Run& CommandLine::run() const {
-    return parser_->run;
+    return parser_->run ? parser_->run : parser_->otherwise;
 }
 
 }  // namespace zr

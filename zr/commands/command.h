@@ -77,6 +77,8 @@ public:
     CommandLine& operator=(const CommandLine&) = delete;
 
     Command root();
+    // What is run when no command is given.
+    void otherwise(Run run);
 
     // The exit code when there is nothing to run: wrong usage, which has been complained about.
     std::optional<int> parse(int argc, char** argv);
@@ -86,6 +88,7 @@ private:
     std::unique_ptr<CommandLineParser> parser_;
 };
 
+Exit show_overview();
 void add_contacts_import(Command contacts);
 void add_contacts_export(Command contacts);
 void add_contacts_list(Command contacts);
@@ -97,6 +100,7 @@ void add_contacts_edit(Command contacts);
 void add_contacts_remove(Command contacts);
 void add_calendar_import(Command calendar);
 void add_calendar_export(Command calendar);
+void add_calendar_add(Command calendar);
 void add_calendar_list(Command calendar);
 void add_calendar_show(Command calendar);
 void add_calendar_occurrence(Command calendar);

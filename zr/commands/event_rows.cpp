@@ -37,9 +37,12 @@ void print_kept(std::string_view label, std::string_view lines) {
 
 void print_fields(const EventFields& fields) {
     print_text("Subject", fields.subject);
-    const Moment end = fields.all_day && fields.end > fields.start ? fields.end - std::chrono::days(1) : fields.end;
-    print_text("Start", shown_time(fields.start, fields.all_day));
-    print_text("End", shown_time(end, fields.all_day));
+    const auto time = [&](Moment moment) {
+        return shown_time(fields.all_day ? moment : as_it_becomes(moment), fields.all_day);
+    };
+    print_text("Start", time(fields.start));
+    print_text("End", time(shown_end(fields)));
+    if (is_cancelled(fields)) print_row("Cancelled", "yes");
     if (fields.all_day) print_row("All day", "yes");
     print_text("Location", fields.location);
     print_row("Shown as", busy_text(fields));

@@ -69,6 +69,7 @@ _zr() {
             return ;;
         --encoding) _zr_words "utf-16 utf-8 windows-1252" "$current"; return ;;
         --on-duplicate) _zr_words "update skip add" "$current"; return ;;
+        --busy) _zr_words "free tentative busy out-of-office" "$current"; return ;;
         --vcard-version) _zr_words "2.1 3.0 4.0" "$current"; return ;;
         -o | --output) _zr_files "$current"; return ;;
     esac
@@ -91,14 +92,15 @@ _zr() {
             esac ;;
         calendar)
             if ((COMP_CWORD == 2)); then
-                _zr_words "import export list show occurrence remove --help" "$current"
+                _zr_words "import export add list show occurrence remove --help" "$current"
                 return
             fi
             case $command in
                 import)
-                    if [[ $current == -* ]]; then _zr_words "--json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
+                    if [[ $current == -* ]]; then _zr_words "--on-duplicate --dry-run --json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
+                add) _zr_words "--start --end --location --body --categories --busy --reminder --task --json --help" "$current" ;;
                 export) _zr_words "--output --json --help" "$current" ;;
-                list) _zr_words "--from --to --tasks --reverse --limit --json --help" "$current" ;;
+                list) _zr_words "--from --to --subject --tasks --reverse --limit --json --help" "$current" ;;
                 show | occurrence | remove) _zr_words "--json --help" "$current" ;;
             esac ;;
         mail)

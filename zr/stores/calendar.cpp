@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 
 #include "zr/base/json.h"
 #include "zr/base/text.h"
@@ -228,31 +229,46 @@ ComPtr<ITask> CalendarStore::task(LONG oid) {
 }
 
 std::vector<Refused> CalendarStore::add(const std::vector<Event>& events, const std::vector<Task>& tasks) {
-    return session_.store_all("saving appointments", events.size() + tasks.size(), [&](std::size_t i) {
-        if (i < events.size()) {
-            save_new(events[i]);
-        } else {
-            save_new(tasks[i - events.size()]);
-        }
-    });
+    std::vector<LONG> none(events.size() + tasks.size());
+    return put(events, tasks, none);
 }
 
-void CalendarStore::save_new(const Event& event) {
+std::vector<Refused> CalendarStore::put(const std::vector<Event>& events, const std::vector<Task>& tasks,
+                                        std::vector<LONG>& oids) {
+    const std::vector<LONG> replaced = oids;
+    return session_.store_all("saving appointments", oids.size(),
+                              [&](std::size_t i) { oids[i] = save_one(events, tasks, i, replaced[i]); });
+}
+
+// A series changes with all that became of its occurrences, so that a new one takes its place.
+LONG CalendarStore::save_one(const std::vector<Event>& events, const std::vector<Task>& tasks, std::size_t index,
+                             LONG replaced) {
+    constexpr const char* doing = "replacing an item";
+    if (const ComPtr<IAppointment> item = replaced != 0 ? appointment(replaced) : ComPtr<IAppointment>()) {
+        check(item->Delete(), doing);
+    } else if (const ComPtr<ITask> other = replaced != 0 ? task(replaced) : ComPtr<ITask>()) {
+        check(other->Delete(), doing);
+    }
+    return index < events.size() ? save_new(events[index]) : save_new(tasks[index - events.size()]);
+}
+
+LONG CalendarStore::save_new(const Event& event) {
     ComPtr<IAppointment> item;
     check(app()->CreateItem(olAppointmentItem, item.out<IDispatch>()), "adding an appointment");
     put_fields(item.get(), event, read_fields(item.get()));
     if (!event.uid.empty()) put_text_property(item.get(), ZR_PROPID_EVENT_UID, event.uid);
     if (event.pattern) put_pattern(item.get(), *event.pattern);
     check(item->Save(), "saving an appointment");
-    if (event.changes.empty()) return;
+    if (event.changes.empty()) return oid_of(item.get());
     ComPtr<IRecurrencePattern> pattern;
     check(item->GetRecurrencePattern(pattern.out()), kWritingAppointment);
     for (const Change& change : event.changes) {
         save_change(pattern.get(), change);
     }
+    return oid_of(item.get());
 }
 
-void CalendarStore::save_new(const Task& task) {
+LONG CalendarStore::save_new(const Task& task) {
     ComPtr<ITask> item;
     check(app()->CreateItem(olTaskItem, item.out<IDispatch>()), "adding a task");
     put_text(item.get(), &ITask::put_Subject, task.subject, kWritingTask);
@@ -274,6 +290,7 @@ void CalendarStore::save_new(const Task& task) {
     if (!task.uid.empty()) put_text_property(item.get(), ZR_PROPID_EVENT_UID, task.uid);
     if (!task.extras.empty()) put_text_property(item.get(), ZR_PROPID_EVENT_EXTRAS, task.extras);
     check(item->Save(), "saving a task");
+    return oid_of(item.get());
 }
 
 EventFields read_fields(IAppointment* item) {
@@ -355,6 +372,33 @@ std::string made_uid(LONG oid, const std::string& subject, Moment start) {
     return text;
 }
 
+Moment as_it_becomes(Moment time) {
+    if (time == kNoTime) return time;
+    const auto day = floor<days>(time);
+    const year_month_day date(day);
+    const hh_mm_ss clock(time - day);
+    std::tm parts = {};
+    parts.tm_year = int(date.year()) - 1900;
+    parts.tm_mon = static_cast<int>(unsigned(date.month())) - 1;
+    parts.tm_mday = static_cast<int>(unsigned(date.day()));
+    parts.tm_hour = static_cast<int>(clock.hours().count());
+    parts.tm_min = static_cast<int>(clock.minutes().count());
+    parts.tm_sec = static_cast<int>(clock.seconds().count());
+    parts.tm_isdst = -1;
+    if (std::mktime(&parts) == -1) return time;
+    const CalendarDay now = local_days(year(parts.tm_year + 1900) / month(static_cast<unsigned>(parts.tm_mon + 1)) /
+                                       std::chrono::day(static_cast<unsigned>(parts.tm_mday)));
+    return now + hours(parts.tm_hour) + minutes(parts.tm_min) + seconds(parts.tm_sec);
+}
+
+bool is_cancelled(const EventFields& fields) {
+    return fields.meeting == olMeetingCanceled;
+}
+
+Moment shown_end(const EventFields& fields) {
+    return fields.all_day && fields.end > fields.start ? fields.end - days(1) : fields.end;
+}
+
 std::string busy_text(const EventFields& fields) {
     return named(kBusy, 4, fields.busy);
 }
@@ -372,13 +416,14 @@ Json fields_json(const EventFields& fields) {
     json.set("subject", fields.subject);
     if (fields.start != kNoTime) {
         json.set("start", json_time(fields.start, fields.all_day));
-        json.set("end", json_time(fields.end, fields.all_day));
+        json.set("end", json_time(shown_end(fields), fields.all_day));
     }
     json.set("allDay", fields.all_day);
     add_text(json, "location", fields.location);
     json.set("busyStatus", busy_text(fields));
     if (fields.sensitivity != 0) json.set("sensitivity", sensitivity_text(fields.sensitivity));
     if (fields.meeting != olNonMeeting) json.set("meetingStatus", fields.meeting);
+    if (is_cancelled(fields)) json.set("cancelled", true);
     if (fields.reminder) json.set("reminderMinutes", fields.reminder_minutes);
     add_text(json, "categories", fields.categories);
     add_text(json, "body", fields.body);
@@ -423,12 +468,16 @@ Json task_json(LONG oid, const Task& task) {
     return json;
 }
 
-std::string event_line(LONG oid, const Event& event) {
-    // The last day of whole days, as people say it.
-    const Moment end = event.all_day && event.end > event.start ? event.end - days(1) : event.end;
-    return std::to_string(oid) + '\t' + shown_time(event.start, event.all_day) + '\t' + shown_time(end, event.all_day) +
-           '\t' + printable(event.subject) + '\t' + printable(event.location) + '\t' +
-           (event.pattern ? describe(*event.pattern) : "") + '\n';
+std::string event_line(LONG oid, const Event& event, bool changed) {
+    std::string marks = event.pattern ? describe(*event.pattern) : "";
+    const auto mark = [&](const char* word) { marks += (marks.empty() ? "" : ", ") + std::string(word); };
+    if (changed) mark("changed");
+    if (is_cancelled(event)) mark("cancelled");
+    const auto time = [&](Moment moment) {
+        return shown_time(event.all_day ? moment : as_it_becomes(moment), event.all_day);
+    };
+    return std::to_string(oid) + '\t' + time(event.start) + '\t' + time(shown_end(event)) + '\t' +
+           printable(event.subject) + '\t' + printable(event.location) + '\t' + marks + '\n';
 }
 
 std::string task_line(LONG oid, const Task& task) {

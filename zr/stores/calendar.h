@@ -34,11 +34,15 @@ public:
     // Saves all of them, with their changed occurrences, at once; an item that the store refuses stops none of the
     // others. Tasks count on behind the events.
     std::vector<Refused> add(const std::vector<Event>& events, const std::vector<Task>& tasks);
+    // The same, where each takes the place of the item with its number of `oids`, unless that is 0 or gone. Then the
+    // numbers are those that they have.
+    std::vector<Refused> put(const std::vector<Event>& events, const std::vector<Task>& tasks, std::vector<LONG>& oids);
 
 private:
+    LONG save_one(const std::vector<Event>& events, const std::vector<Task>& tasks, std::size_t index, LONG replaced);
     static int count(IPOutlookItemCollection* items);
-    void save_new(const Event& event);
-    void save_new(const Task& task);
+    LONG save_new(const Event& event);
+    LONG save_new(const Task& task);
 
     Session session_;
     ComPtr<IPOutlookItemCollection> appointments_;
@@ -59,6 +63,14 @@ std::string made_uid(LONG oid, const std::string& subject, Moment start);
 DATE to_date(Moment time);
 Moment to_moment(DATE date);  // kNoTime for ZR_PIM_NO_DATE
 
+// The time that a clock shows instead of one that is left out where summer time begins: what 02:30 becomes there. All
+// others are themselves.
+Moment as_it_becomes(Moment time);
+// Whether it was called off.
+bool is_cancelled(const EventFields& fields);
+// The last day of whole days, as people say it; the end of anything else.
+Moment shown_end(const EventFields& fields);
+
 // In a word.
 std::string busy_text(const EventFields& fields);
 std::string sensitivity_text(int sensitivity);
@@ -68,8 +80,9 @@ std::string importance_text(const Task& task);
 Json event_json(LONG oid, const Event& event);
 Json fields_json(const EventFields& fields);
 Json task_json(LONG oid, const Task& task);
-// As a line of text with tabs: identifier, start, end, subject, location, recurrence.
-std::string event_line(LONG oid, const Event& event);
+// As a line of text with tabs: identifier, start, end, subject, location, recurrence and whether it was cancelled. Of
+// an occurrence `changed` tells whether it is not as its series says.
+std::string event_line(LONG oid, const Event& event, bool changed = false);
 // Identifier, due date, whether it is done, subject.
 std::string task_line(LONG oid, const Task& task);
 

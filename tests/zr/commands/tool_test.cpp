@@ -106,6 +106,7 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"provision"},
     {"calendar", "import"},
     {"calendar", "export"},
+    {"calendar", "add"},
     {"calendar", "list"},
     {"calendar", "show"},
     {"calendar", "occurrence"},
@@ -179,7 +180,6 @@ TEST_F(Tool, CompletesInBash) {
 
 TEST_F(Tool, RefusesWrongUsage) {
     const std::vector<std::vector<std::string>> wrong = {
-        {},
         {"nonsense"},
         {"contacts"},
         {"contacts", "import"},
@@ -201,8 +201,13 @@ TEST_F(Tool, RefusesWrongUsage) {
         {"log", "show", "x", "--level", "loud"},
         {"objects", "something"},
         {"watch"},
-        {"calendar", "list", "--from", "yesterday"},
+        {"calendar", "list", "--from", "someday"},
         {"calendar", "list", "--tasks", "--from", "2026-01-01"},
+        {"calendar", "list", "--from", "2026-02-02", "--to", "2026-02-01"},
+        {"calendar", "add", "x"},
+        {"calendar", "add", "x", "--start", "today 25:00"},
+        {"calendar", "add", "x", "--start", "today 10:00", "--end", "09:00"},
+        {"calendar", "add", "x", "--start", "today", "--end", "09:00"},
         {"calendar", "occurrence", "1", "2026-02-30"},
         {"calendar", "occurrence", "1"},
     };
