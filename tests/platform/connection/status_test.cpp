@@ -11,9 +11,12 @@
 
 #include "platform/base.h"
 #include "platform/connection.h"
+#include "platform/iphelper.h"
 #include "platform/kernel.h"
 #include "platform/registry.h"
 #include "support/failing_new.h"
+#include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/network_space.h"
 
 namespace {
@@ -314,4 +317,28 @@ TEST_F(ConnectionStatus, TellsWhenSomethingChanges) {
     }
     CloseHandle(changes);
     EXPECT_EQ(ZrNotifyConnectionChange(nullptr), ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(ConnectionStatus, ThreeHundredForksUnderLoad) {
+    add("one", "192.168.7.2/24");
+    HANDLE kept = nullptr;
+    ASSERT_EQ(ZrNotifyConnectionChange(&kept), NO_ERROR);
+    const auto use = [] {
+        if (query().named(u"one") == nullptr) return 1;
+        HANDLE changes = nullptr;
+        if (NotifyAddrChange(&changes, nullptr) != NO_ERROR) return 2;
+        return CloseHandle(changes) ? 0 : 3;
+    };
+    {
+        const zr::test::Load load({[&] { EXPECT_EQ(use(), 0); }, [&] { EXPECT_EQ(use(), 0); }});
+        for (int i = 0; i < 300 / zr::test::kStride; ++i) {
+            ASSERT_EQ(zr::test::in_fork([&] { return WaitForSingleObject(kept, 0) == WAIT_FAILED ? 4 : use(); }), 0)
+                << "fork " << i;
+        }
+    }
+    while (WaitForSingleObject(kept, 0) == WAIT_OBJECT_0) {
+    }
+    run("addr add 192.168.7.3/24 dev one");
+    EXPECT_EQ(WaitForSingleObject(kept, 30000), WAIT_OBJECT_0);
+    CloseHandle(kept);
 }

@@ -187,6 +187,14 @@ TEST_F(Calendars, AppliesOverridesWhereverTheyStand) {
     }
 }
 
+TEST_F(Calendars, AFoldedLineBeginsAndEndsNothing) {
+    const Event event = only(
+        "UID:a@b\r\nDTSTART:20260701T120000\r\nDTEND:20260701T130000\r\nSUMMARY:Lunch\r\n"
+        "DESCRIPTION:Salad\r\n END:VEVENT\r\n BEGIN:VEVENT\r\n\tEND:VCALENDAR\r\n BEGIN:VALARM\r\n");
+    EXPECT_EQ(event.subject, "Lunch");
+    EXPECT_EQ(event.body, "SaladEND:VEVENTBEGIN:VEVENTEND:VCALENDARBEGIN:VALARM");
+}
+
 TEST_F(Calendars, KeepsOverridesOfNoSeries) {
     const ReadCalendar read = read_calendar(calendar_text(
         event_text("UID:s\r\nDTSTART:20260105T090000\r\nRRULE:FREQ=WEEKLY\r\nSUMMARY:A\r\n") +
