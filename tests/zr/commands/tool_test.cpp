@@ -763,6 +763,8 @@ TEST_F(Tool, ReadsNoPipeThatIsNamed) {
                                                     {"contacts", "import", pipe},
                                                     {"calendar", "import", pipe},
                                                     {"reg", "import", pipe},
+                                                    {"mail", "import", pipe},
+                                                    {"provision", pipe},
                                                     {"resolve", pipe}}) {
         const Result result = zr(command);
         EXPECT_EQ(result.code, 6) << command[0];
