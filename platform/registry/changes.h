@@ -20,6 +20,12 @@ namespace zr::platform::registry {
 // Keys have numbers that are never used again, and never move to another parent.
 using KeyId = LONGLONG;
 
+// A key is made after the one above it. So who goes down, by numbers that grow, comes to an end, also where the store
+// is damaged.
+inline bool can_be_below(KeyId key, KeyId parent) {
+    return key > parent;
+}
+
 enum class ChangeKind : int {
     KeyAdded = 1,
     KeyRemoved = 2,  // with a tree there is one entry for each of its keys, lower ones first; none for their values

@@ -148,7 +148,12 @@ DWORD Transaction::collect(std::vector<Doomed>& keys) {
         rows->bind(1, keys[i].place.id);
         int code;
         while ((code = rows->step()) == SQLITE_ROW) {
-            keys.push_back({{rows->integer(0), parents}, std::u16string(rows->text(1))});
+            const KeyId id = rows->integer(0);
+            if (!can_be_below(id, keys[i].place.id)) {
+                connection_.met_wrong_rows();
+                return failed();
+            }
+            keys.push_back({{id, parents}, std::u16string(rows->text(1))});
         }
         if (code != SQLITE_DONE) return failed();
     }

@@ -335,7 +335,12 @@ DWORD Tree::load_children(Node& node) {
     rows->bind(1, node.id);
     int code;
     while ((code = rows->step()) == SQLITE_ROW) {
-        children.push_back(&adopt(rows->integer(0), parents, rows->text(1)));
+        const KeyId id = rows->integer(0);
+        if (!can_be_below(id, node.id)) {
+            reader_.met_wrong_rows();
+            return failed();
+        }
+        children.push_back(&adopt(id, parents, rows->text(1)));
     }
     if (code != SQLITE_DONE) return failed();
     sort(children);

@@ -183,15 +183,19 @@ DWORD Connection::error() {
     if (db_ == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     const int system_error = last_system_error(db_);
     const bool wrong_tables = std::exchange(wrong_tables_, false);
-    const DWORD error = wrong_tables ? ERROR_FILE_CORRUPT : meaning(sqlite3_extended_errcode(db_), system_error);
+    const bool wrong_rows = std::exchange(wrong_rows_, false);
+    const DWORD error =
+        wrong_tables || wrong_rows ? ERROR_FILE_CORRUPT : meaning(sqlite3_extended_errcode(db_), system_error);
     if (error == ERROR_DISK_FULL) {
         reason_ = "the disk is full";
     } else if (error == ERROR_BUSY) {
         reason_ = "another program keeps it locked";
     } else {
         const bool changed = sqlite3_extended_errcode(db_) == SQLITE_IOERR_DATA;
-        reason_ = changed ? "it is damaged, bytes of it are not what was written" : sqlite3_errmsg(db_);
-        if (system_error != 0 && !changed) reason_ += std::string(" (") + strerror(system_error) + ")";
+        reason_ = wrong_rows ? "it is damaged, what is in it does not fit together"
+                  : changed  ? "it is damaged, bytes of it are not what was written"
+                             : sqlite3_errmsg(db_);
+        if (system_error != 0 && !changed && !wrong_rows) reason_ += std::string(" (") + strerror(system_error) + ")";
         if (error == ERROR_FILE_CORRUPT) {
             met_damage_ = true;
             leave_suspicion(path_);

@@ -141,6 +141,8 @@ public:
     // then left for the next opening of the store, see store_file.h), ERROR_ACCESS_DENIED, ERROR_IO_DEVICE,
     // ERROR_TOO_MANY_OPEN_FILES, ERROR_NOT_ENOUGH_MEMORY or ERROR_GEN_FAILURE.
     DWORD error();
+    // Rows that cannot be so were read: error() then says that the store is damaged.
+    void met_wrong_rows() { wrong_rows_ = true; }
     // The same as a sentence about "the contact store" or whatever `store` says; after error().
     std::string sentence(std::string_view store) const;
 
@@ -151,6 +153,7 @@ private:
     bool met_damage_ = false;
     bool abandoned_ = false;
     bool wrong_tables_ = false;
+    bool wrong_rows_ = false;
     std::unordered_map<const char*, std::unique_ptr<Statement>> statements_;
 };
 

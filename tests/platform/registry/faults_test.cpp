@@ -231,6 +231,38 @@ TEST(Faults, AKeyOfAStoreThatWasSetAsideIsNoKeyOfTheNewOne) {
     EXPECT_EQ(sub_keys(other), Names{});
 }
 
+// Every path through the keys, for a store whose links go round.
+LONG walk(HKEY root, const std::u16string& path, int& keys) {
+    Key key;
+    if (const LONG result = open(root, path, key); result != kOk) return result;
+    for (DWORD i = 0;; ++i) {
+        WCHAR name[256];
+        DWORD chars = 256;
+        const LONG result = RegEnumKeyExW(key, i, name, &chars, nullptr, nullptr, nullptr, nullptr);
+        if (result != kOk) return result == code(ERROR_NO_MORE_ITEMS) ? kOk : result;
+        if (++keys > 1000) return code(ERROR_CANCELLED);
+        if (const LONG below = walk(key, name, keys); below != kOk) return below;
+    }
+}
+
+ZR_CHILD(registry_deep) {
+    create(HKEY_CURRENT_USER, u"a\\b\\c");
+    return 0;
+}
+
+TEST(Faults, DamagedLinksOfKeysAreNoticedInBoundedTime) {
+    for (const bool deletes : {false, true}) {
+        ASSERT_EQ(Child("registry_deep").wait(), 0);
+        query(file(), "UPDATE key SET parent = (SELECT id FROM key WHERE name = X'6300') WHERE id = 2");
+        int keys = 0;
+        const LONG result = deletes ? RegDeleteKeyW(HKEY_CURRENT_USER, u"a") : walk(HKEY_CURRENT_USER, u"", keys);
+        EXPECT_EQ(result, code(ERROR_REGISTRY_CORRUPT));
+        EXPECT_TRUE(has(ZrRegistryLastErrorText(), u"does not fit together"));
+        EXPECT_EQ(walk(HKEY_CURRENT_USER, u"", keys), kOk) << "it begins anew";
+        EXPECT_EQ(set_aside().size(), deletes ? 2u : 1u);
+    }
+}
+
 // Of the time when final sigma was found as sigma, and the micro sign as the Greek letter.
 TEST(Faults, NamesOfAnEarlierVersionAreFoundAsTheyAreNow) {
     Child filler("registry_old_names");

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "support/sandbox.h"
+#include "support/sql.h"
 #include "zr/commands/tool.h"
 
 namespace {
@@ -88,6 +89,22 @@ TEST_F(StoreTool, BringsBackWhatIsReadable) {
     EXPECT_EQ(zr({"store", "restore", path("found.db")}).code, 0);
     EXPECT_EQ(zr({"store", "check", "contacts"}).code, 0);
     EXPECT_GT(lines_of(zr({"contacts", "list"}).out).size(), 3u);
+}
+
+// A root that lies below a key of its own.
+TEST_F(StoreTool, DamagedLinksOfKeysEndAnExportAndATree) {
+    const std::vector<std::vector<std::string>> commands = {{"reg", "export", "--output", path("exported")},
+                                                            {"reg", "tree", "HKCU"}};
+    for (const auto& command : commands) {
+        ASSERT_EQ(zr({"reg", "set", "HKCU\\A\\B", "n", "x"}).code, 0);
+        zr::test::query(path("home") + "/registry.db",
+                        "UPDATE key SET parent = (SELECT id FROM key WHERE name = X'4200') WHERE id = 2");
+        const auto result = zr(command);
+        EXPECT_EQ(result.code, 10) << result.err;
+        EXPECT_NE(result.err.find("damaged"), std::string::npos) << result.err;
+        EXPECT_FALSE(std::filesystem::exists(path("exported")));
+        EXPECT_EQ(zr({"reg", "list", "HKCU"}).out, "") << "it was set aside";
+    }
 }
 
 // Wherever the damage is: an export says so and writes nothing, or has met none of it and is what it was.
