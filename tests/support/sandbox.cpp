@@ -44,6 +44,9 @@ void enter_sandbox() {
     set("XDG_CONFIG_HOME", folder / "home/.config");
     set("XDG_CACHE_HOME", folder / "home/.cache");
     unsetenv("ZR_LOG");
+    unsetenv("ZR_SCREEN");
+    unsetenv("DISPLAY");
+    unsetenv("WAYLAND_DISPLAY");
 }
 
 void leave_sandbox() {

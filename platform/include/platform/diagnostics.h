@@ -12,6 +12,8 @@ enum class ZrLiveKind : int {
     Handles,      // open kernel handles: events, mutexes, threads, searches
     HeapBlocks,   // HeapAlloc and LocalAlloc
     MapiBuffers,  // MAPIAllocateBuffer, and what messaging calls hand out in buffers
+    DeviceContexts,
+    GdiObjects,  // fonts, bitmaps, brushes, pens
 };
 
 // How many objects of a kind are alive now. Any thread; exact once other threads are quiet.

@@ -34,10 +34,12 @@
 #define CharUpper CharUpperW
 #define CharUpperBuff CharUpperBuffW
 #define CopyFile CopyFileW
+#define CreateDC CreateDCW
 #define CreateDirectory CreateDirectoryW
 #define CreateEvent CreateEventW
 #define CreateFile CreateFileW
 #define CreateFileMapping CreateFileMappingW
+#define CreateFontIndirect CreateFontIndirectW
 #define CreateMutex CreateMutexW
 #define CreateProcess CreateProcessW
 #define CreateSemaphore CreateSemaphoreW
@@ -47,6 +49,8 @@
 #define DefWindowProc DefWindowProcW
 #define DeleteFile DeleteFileW
 #define DispatchMessage DispatchMessageW
+#define DrawText DrawTextW
+#define ExtTextOut ExtTextOutW
 #define FindFirstChangeNotification FindFirstChangeNotificationW
 #define FindFirstFile FindFirstFileW
 #define FindFirstFileEx FindFirstFileExW
@@ -63,7 +67,11 @@
 #define GetMessage GetMessageW
 #define GetModuleFileName GetModuleFileNameW
 #define GetModuleHandle GetModuleHandleW
+#define GetObject GetObjectW
 #define GetTempPath GetTempPathW
+#define GetTextExtentExPoint GetTextExtentExPointW
+#define GetTextExtentPoint32 GetTextExtentPoint32W
+#define GetTextMetrics GetTextMetricsW
 #define GetWindowLong GetWindowLongW
 #define GetWindowLongPtr GetWindowLongPtrW
 #define GetWindowText GetWindowTextW

@@ -11,6 +11,7 @@
 #include "platform/errors.h"
 #include "platform/file_changes.h"
 #include "platform/files.h"
+#include "platform/gdi.h"
 #include "platform/iphelper.h"
 #include "platform/kernel.h"
 #include "platform/mapi.h"

@@ -51,6 +51,7 @@ enum class ForkRank {
     Connection,
     Tapi,
     Mapi,
+    Gdi,
     Count,
 };
 

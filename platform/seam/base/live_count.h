@@ -8,7 +8,7 @@
 
 namespace zr::platform {
 
-inline constexpr int kLiveKinds = 6;
+inline constexpr int kLiveKinds = 8;
 extern std::atomic<LONGLONG> live_counts[kLiveKinds];
 
 inline void count_live(ZrLiveKind kind, LONGLONG change) {

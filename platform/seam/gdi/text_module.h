@@ -1,0 +1,63 @@
+#pragma once
+
+// What the platform and its text module say to each other. The module has fonts, their shaping and their drawing; what
+// is selected where, lines and handles are the platform's. One call at a time. Nothing throws.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace zr::platform {
+
+struct FontWish {
+    const char* family;  // UTF-8; one that is not there is replaced by what comes nearest
+    int pixels;          // of the em; with `of_cell` of ascent and descent together
+    bool of_cell;
+    int weight;  // 100 to 1000
+    bool italic;
+    bool underline;
+    bool strike_out;
+};
+
+struct FontFacts {
+    int ascent;
+    int descent;
+    int em;
+    int average;  // width
+    int widest;
+};
+
+// 32 bits a pixel, 0x00RRGGBB.
+struct Canvas {
+    unsigned char* pixels;
+    int width;
+    int height;
+    int stride;
+};
+
+struct ClipArea {
+    int left;
+    int top;
+    int right;
+    int bottom;
+};
+
+struct TextFunctions {
+    // NULL: no memory.
+    void* (*open_font)(const FontWish& wish, FontFacts& facts) noexcept;
+    void (*close_font)(void* font) noexcept;
+    // How much further each unit takes, in pixels: what belongs together (a pair of surrogates, a letter and its marks)
+    // takes it all at its first unit. Control characters take nothing. False: no memory.
+    bool (*measure)(void* font, const char16_t* text, std::size_t size, int* advances) noexcept;
+    // Before which units a line may break, by the rules of the text's script.
+    bool (*find_breaks)(const char16_t* text, std::size_t size, unsigned char* breaks) noexcept;
+    bool (*draw)(void* font, const Canvas& canvas, const ClipArea& clip, const char16_t* text, std::size_t size, int x,
+                 int baseline, std::uint32_t colour) noexcept;
+    bool (*write_png)(const Canvas& canvas, std::string& png) noexcept;
+};
+
+using TextFunctionsOf = const TextFunctions* (*)();
+inline constexpr const char* kTextModule = "libzrplatform_text.so";
+inline constexpr const char* kTextFunctions = "zr_text_functions";
+
+}  // namespace zr::platform
