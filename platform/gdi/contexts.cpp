@@ -16,16 +16,12 @@ using namespace zr::platform;
 
 namespace {
 
-HDC make_context(ContextObject::Origin origin, HWND window) {
-    const std::lock_guard guard(Gdi::get().lock);
-    try {
-        std::unique_ptr<ContextObject> context = new_context(origin);
-        if (!context) return nullptr;
-        context->window = window;
-        return static_cast<HDC>(enter(std::move(context)));
-    } catch (const std::bad_alloc&) {
-        return fail(ERROR_NOT_ENOUGH_MEMORY, HDC{nullptr});
-    }
+bool owns_context(HWND window) {
+    WCHAR name[256];
+    WNDCLASSW description{};
+    const auto instance = reinterpret_cast<HINSTANCE>(GetWindowLongW(window, GWL_HINSTANCE));
+    return window && GetClassNameW(window, name, 256) > 0 && GetClassInfoW(instance, name, &description) &&
+           (description.style & CS_OWNDC) != 0;
 }
 
 void deselect_all(const ContextObject& context) {
@@ -35,6 +31,42 @@ void deselect_all(const ContextObject& context) {
     if (context.bitmap) --context.bitmap->selected;
 }
 
+// The context that a window has for itself; NULL for none yet. Those of windows that have gone go, too.
+ContextObject* find_own_context(HWND window) {
+    Gdi& gdi = Gdi::get();
+    ContextObject* found = nullptr;
+    std::erase_if(gdi.own_contexts, [&](ContextObject* each) {
+        if (each->window == window) found = each;
+        if (IsWindow(each->window)) return false;
+        deselect_all(*each);
+        gdi.remove(*each);
+        return true;
+    });
+    return found;
+}
+
+HDC make_context(ContextObject::Origin origin, HWND window) {
+    const bool owns = origin == ContextObject::Origin::Lent && owns_context(window);
+    Gdi& gdi = Gdi::get();
+    const std::lock_guard guard(gdi.lock);
+    if (owns) {
+        if (const ContextObject* const own = find_own_context(window)) return static_cast<HDC>(own->handle);
+    }
+    try {
+        std::unique_ptr<ContextObject> context = new_context(origin);
+        if (!context) return nullptr;
+        context->window = window;
+        context->stays = owns;
+        if (owns) gdi.own_contexts.reserve(gdi.own_contexts.size() + 1);
+        ContextObject* const made = context.get();
+        const HGDIOBJ handle = enter(std::move(context));
+        if (handle && owns) gdi.own_contexts.push_back(made);
+        return static_cast<HDC>(handle);
+    } catch (const std::bad_alloc&) {
+        return fail(ERROR_NOT_ENOUGH_MEMORY, HDC{nullptr});
+    }
+}
+
 BOOL remove_context(HDC handle, bool lent, HWND window) {
     Gdi& gdi = Gdi::get();
     const std::lock_guard guard(gdi.lock);
@@ -42,6 +74,7 @@ BOOL remove_context(HDC handle, bool lent, HWND window) {
     if (!context) return FALSE;
     const bool is_lent = context->origin == ContextObject::Origin::Lent;
     if (is_lent != lent || context->window != window) return fail(ERROR_INVALID_PARAMETER, FALSE);
+    if (context->stays) return TRUE;
     deselect_all(*context);
     gdi.remove(*context);
     return TRUE;

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "base/fail.h"
+#include "base/forks.h"
 #include "base/loaded_module.h"
 #include "base/utf.h"
 #include "objects.h"
@@ -46,13 +47,17 @@ const TextFunctions* text_functions() {
 }
 
 FontObject::~FontObject() {
-    if (opened) text_functions()->close_font(opened);
+    if (opened && generation == fork_generation()) text_functions()->close_font(opened);
 }
 
 bool open_font(FontObject& font) {
-    if (font.opened) return true;
+    if (font.opened && font.generation == fork_generation()) return true;
     const TextFunctions* const text = text_functions();
     if (!text) return false;
+    font.generation = fork_generation();
+    static std::uint32_t known_generation = 0;  // under the lock
+    if (known_generation != fork_generation()) text->forget_fonts();
+    known_generation = fork_generation();
     const WCHAR* const name = font.description.lfFaceName;
     const std::u16string_view face(name, static_cast<std::size_t>(std::find(name, name + LF_FACESIZE, u'\0') - name));
     std::string family = is_valid_utf16(face) ? wide_to_host(face) : std::string();

@@ -33,7 +33,8 @@ struct FontObject : GdiObject {
     ~FontObject() override;
 
     LOGFONTW description{};
-    void* opened = nullptr;  // the module's
+    void* opened = nullptr;        // the module's
+    std::uint32_t generation = 0;  // of the process that opened it
     FontFacts facts{};
 };
 
@@ -69,6 +70,7 @@ struct ContextObject : GdiObject {
     enum class Origin : std::uint8_t { Created, Lent, Memory };
     Origin origin = Origin::Created;
     HWND window = nullptr;  // of one that is lent
+    bool stays = false;     // the window's own
     FontObject* font = nullptr;
     BitmapObject* bitmap = nullptr;  // of a memory context; NULL: its first pixel
     BrushObject* brush = nullptr;
@@ -99,6 +101,8 @@ public:
     }
 
     GdiObject* stock(int index);  // NULL with the error
+
+    std::vector<ContextObject*> own_contexts;  // of windows that have theirs for good
 
 private:
     struct Slot {

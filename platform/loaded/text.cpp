@@ -91,9 +91,16 @@ std::size_t end_of_part(const char16_t* text, std::size_t from, std::size_t size
 
 // ---- Fonts ----
 
+PangoFontMap* the_map = nullptr;
+
 PangoFontMap* font_map() {
-    static PangoFontMap* const map = pango_cairo_font_map_new_for_font_type(CAIRO_FONT_TYPE_FT);
-    return map;
+    if (!the_map) the_map = pango_cairo_font_map_new_for_font_type(CAIRO_FONT_TYPE_FT);
+    return the_map;
+}
+
+// The map looks for fonts on a thread of its own.
+void forget_fonts() noexcept {
+    the_map = nullptr;
 }
 
 PangoLanguage* language() {
@@ -363,7 +370,7 @@ bool write_png(const Canvas& canvas, std::string& png) noexcept {
     return cairo_surface_write_to_png_stream(image.surface, add, &png) == CAIRO_STATUS_SUCCESS;
 }
 
-constexpr TextFunctions functions{open_font, close_font, measure, find_breaks, draw, write_png};
+constexpr TextFunctions functions{forget_fonts, open_font, close_font, measure, find_breaks, draw, write_png};
 
 }  // namespace
 

@@ -25,6 +25,10 @@ ZRPLATFORM_DECLARE_HANDLE(HPEN);
 using HGDIOBJ = void*;
 using COLORREF = DWORD;  // 0x00BBGGRR
 
+// Of a window class: GetDC gives each of its windows one context, which stays the window's, with what is selected into
+// it, until the window goes.
+inline constexpr UINT CS_OWNDC = 0x0020;
+
 inline constexpr int LF_FACESIZE = 32;
 
 struct LOGFONTW {

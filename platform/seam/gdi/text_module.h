@@ -43,6 +43,8 @@ struct ClipArea {
 };
 
 struct TextFunctions {
+    // In a child made by fork, before anything else: the parent's fonts are not used any more, nor closed.
+    void (*forget_fonts)() noexcept;
     // NULL: no memory.
     void* (*open_font)(const FontWish& wish, FontFacts& facts) noexcept;
     void (*close_font)(void* font) noexcept;

@@ -68,6 +68,35 @@ TEST(Contexts, OfAWindowGoBackToIt) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_WINDOW_HANDLE);
 }
 
+TEST(Contexts, StayWithAWindowOfSuchAClass) {
+    WNDCLASSW description{};
+    description.style = CS_OWNDC;
+    description.lpfnWndProc = DefWindowProcW;
+    description.lpszClassName = u"gdi.test.own";
+    RegisterClassW(&description);
+    const auto make = [&] {
+        return CreateWindowExW(0, u"gdi.test.own", nullptr, 0, 0, 0, 9, 9, nullptr, nullptr, nullptr, nullptr);
+    };
+    const HWND window = make();
+    const LOGFONTW wanted = font_description(-50);
+    const HFONT font = CreateFontIndirectW(&wanted);
+    const HDC own = GetDC(window);
+    SelectObject(own, font);
+    EXPECT_EQ(ReleaseDC(window, own), 1);
+    EXPECT_EQ(GetDC(window), own);
+    TEXTMETRICW metrics{};
+    EXPECT_TRUE(GetTextMetricsW(own, &metrics));
+    EXPECT_EQ(metrics.tmHeight - metrics.tmInternalLeading, 50);
+    EXPECT_FALSE(DeleteObject(font));
+    EXPECT_TRUE(DestroyWindow(window));
+    // It goes with the next look at such contexts.
+    const HWND other = make();
+    EXPECT_NE(GetDC(other), own);
+    EXPECT_TRUE(DeleteObject(font));
+    EXPECT_TRUE(DestroyWindow(other));
+    EXPECT_EQ(GetDC(other), nullptr);
+}
+
 TEST(Objects, AreCounted) {
     const LONGLONG contexts = ZrLiveObjects(ZrLiveKind::DeviceContexts);
     const LONGLONG objects = ZrLiveObjects(ZrLiveKind::GdiObjects);
@@ -249,9 +278,13 @@ TEST(Objects, ThreadsMayShareThem) {
 TEST(Objects, AForkedChildMeasuresOn) {
     const Paper paper;
     const int before = paper.width(u"forked");
-    const int status =
-        zr::test::in_fork([&] { return paper.width(u"forked") == before && paper.width(u"Möwe ✉") > 0 ? 0 : 1; });
+    const int status = zr::test::in_fork([&] {
+        const Paper own(10, 10, font_description(-31, u"DejaVu Serif"));
+        return paper.width(u"forked") == before && paper.width(u"M\u00F6we \u2709") > 0 && own.width(u"new") > 0 ? 0
+                                                                                                                 : 1;
+    });
     EXPECT_EQ(status, 0);
+    EXPECT_EQ(paper.width(u"forked"), before);
 }
 
 }  // namespace
