@@ -13,6 +13,7 @@
 #include "ZrUtility/Helpers/ContactsManager.h"
 #include "ZrUtility/Helpers/ContactsManagerEmail.h"
 #include "ZrUtility/Helpers/FileSystemMonitor.h"
+#include "ZrUtility/Helpers/GraphicalUtilities.h"
 #include "ZrUtility/Helpers/KeywordTable.h"
 #include "ZrUtility/Helpers/LockHelper.h"
 #include "ZrUtility/Helpers/MapiReader.h"
