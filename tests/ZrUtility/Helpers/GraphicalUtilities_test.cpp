@@ -33,7 +33,7 @@ struct Notice {
 };
 std::vector<Notice> notices;
 
-LRESULT note(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
+LRESULT note_message(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
     if (message == WM_USER + 105 || message == WM_SETTINGCHANGE) notices.push_back({message, wparam});
     return DefWindowProcW(window, message, wparam, lparam);
 }
@@ -42,7 +42,7 @@ class PlainWindow {
 public:
     PlainWindow(int x, int y, int width, int height, HWND parent = nullptr, int id = 0) {
         WNDCLASSW description{};
-        description.lpfnWndProc = note;
+        description.lpfnWndProc = note_message;
         description.lpszClassName = u"graphical.test";
         RegisterClassW(&description);
         window_ = CreateWindowExW(0, description.lpszClassName, nullptr, parent ? WS_CHILD : 0, x, y, width, height,
@@ -83,7 +83,7 @@ RECT box_of(int room, int height = 100) {
 
 using Trim = LONG (*)(HWND, RECT*, WCHAR*, int);
 
-std::u16string trimmed(Trim trim, HWND window, std::u16string text, RECT box, int last, LONG expected = 0) {
+std::u16string trimmed_text(Trim trim, HWND window, std::u16string text, RECT box, int last, LONG expected = 0) {
     const RECT before = box;
     EXPECT_EQ(trim(window, &box, text.data(), last), expected);
     EXPECT_EQ(before.right, box.right);
@@ -91,10 +91,10 @@ std::u16string trimmed(Trim trim, HWND window, std::u16string text, RECT box, in
 }
 
 std::u16string at_end(HWND window, const std::u16string& text, int room) {
-    return trimmed(GraphicalUtilities::TrimWithEllipsisToRect, window, text, box_of(room), 1);
+    return trimmed_text(GraphicalUtilities::TrimWithEllipsisToRect, window, text, box_of(room), 1);
 }
 std::u16string at_start(HWND window, const std::u16string& text, int room) {
-    return trimmed(GraphicalUtilities::TrimWithEllipsisToRect, window, text, box_of(room), 0);
+    return trimmed_text(GraphicalUtilities::TrimWithEllipsisToRect, window, text, box_of(room), 0);
 }
 
 // The rounds as they are described, one after the other.
@@ -264,14 +264,15 @@ TEST(Trimming, WhatFitsIsUnchanged) {
         const int width = width_of(window, text);
         EXPECT_EQ(at_end(window, text, width), text);
         EXPECT_EQ(at_start(window, text, width), text);
-        EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectEx, window, text, box_of(width + 2), 0), text);
+        EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, text, box_of(width + 2), 0), text);
         const int height = height_of(window, text, 50);
-        EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text, box_of(50, height), 1),
-                  text);
+        EXPECT_EQ(
+            trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text, box_of(50, height), 1),
+            text);
     }
     EXPECT_EQ(at_end(window, u"", 0), u"");
     EXPECT_EQ(at_start(window, u"", -5), u"");
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, u"", box_of(5, 5), 1), u"");
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, u"", box_of(5, 5), 1), u"");
 }
 
 TEST(Trimming, AtTheEndEndsInAnEllipsisAndFits) {
@@ -334,12 +335,13 @@ TEST(Trimming, TakesTheWindowsClientArea) {
 
 TEST(Trimming, RectanglesMayBeInsideOut) {
     const PlainWindow window(0, 0, 100, 100);
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRect, window, u"abc", {50, 50, 10, 10}, 1),
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRect, window, u"abc", {50, 50, 10, 10}, 1),
               std::u16string(1, kEllipsis));
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRect, window, u"abc", {INT_MIN, 0, INT_MAX, 0}, 1), u"abc");
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRect, window, u"abc", {INT_MAX, 0, INT_MIN, 0}, 1),
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRect, window, u"abc", {INT_MIN, 0, INT_MAX, 0}, 1),
+              u"abc");
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRect, window, u"abc", {INT_MAX, 0, INT_MIN, 0}, 1),
               std::u16string(1, kEllipsis));
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, u"abc", {50, 50, 10, 10}, 1),
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, u"abc", {50, 50, 10, 10}, 1),
               u"abc");
 }
 
@@ -366,7 +368,7 @@ TEST(TrimmingBeforeATail, KeepsTheTail) {
     const int split = static_cast<int>(text.size()) - 4;
     const int room = width_of(window, text) - 30;
     const std::u16string result =
-        trimmed(GraphicalUtilities::TrimWithEllipsisToRectEx, window, text, box_of(room), split);
+        trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, text, box_of(room), split);
     EXPECT_TRUE(result.ends_with(std::u16string(1, kEllipsis) + u".txt"));
     // The head has two pixels less on both sides: its box was narrowed before.
     EXPECT_EQ(result,
@@ -378,18 +380,19 @@ TEST(TrimmingBeforeATail, KeepsTheTail) {
 TEST(TrimmingBeforeATail, RefusesASplitOutside) {
     const PlainWindow window(0, 0, 100, 100);
     for (const int split : {3, 4, -1, INT_MAX, INT_MIN}) {
-        EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectEx, window, u"abc", box_of(500), split, E_FAIL),
-                  u"abc");
+        EXPECT_EQ(
+            trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, u"abc", box_of(500), split, E_FAIL),
+            u"abc");
     }
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectEx, window, u"", box_of(500), 0, E_FAIL), u"");
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectEx, window, u"abc", box_of(500), 2), u"abc");
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, u"", box_of(500), 0, E_FAIL), u"");
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, u"abc", box_of(500), 2), u"abc");
 }
 
 TEST(TrimmingBeforeATail, CutsTheWholeWhereTheTailHasNoRoom) {
     const PlainWindow window(0, 0, 100, 100);
     const std::u16string text = u"ab" + std::u16string(50, u'm');
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectEx, window, text, {0, 0, 40, 20}, 2),
-              trimmed(GraphicalUtilities::TrimWithEllipsisToRect, window, text, {0, 0, 40, 20}, 1));
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, text, {0, 0, 40, 20}, 2),
+              trimmed_text(GraphicalUtilities::TrimWithEllipsisToRect, window, text, {0, 0, 40, 20}, 1));
 }
 
 TEST(TrimmingLines, EndsWhereTheHeightDoes) {
@@ -400,14 +403,14 @@ TEST(TrimmingLines, EndsWhereTheHeightDoes) {
     }
     const int line = height_of(window, u"x", 1000);
     for (const int lines : {1, 2, 5}) {
-        const std::u16string result = trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text,
-                                              box_of(120, lines * line + line / 2), 1);
+        const std::u16string result = trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text,
+                                                   box_of(120, lines * line + line / 2), 1);
         EXPECT_LT(result.size(), text.size());
         EXPECT_EQ(result.back(), kEllipsis);
         EXPECT_NE(result[result.size() - 2], u'\n');
         EXPECT_LE(height_of(window, result.substr(0, result.size() - 1), 120), lines * line + line / 2);
-        EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text,
-                          box_of(120, lines * line + line / 2), 0),
+        EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text,
+                               box_of(120, lines * line + line / 2), 0),
                   text);
     }
 }
@@ -417,12 +420,13 @@ TEST(TrimmingLines, BlanksGoWithTheCut) {
     const int line = height_of(window, u"x", 1000);
     const std::u16string text = u"ab                                        \ncd\nef\ngh\nij";
     const std::u16string result =
-        trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text, box_of(1000, line), 1);
+        trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text, box_of(1000, line), 1);
     EXPECT_LT(result.size(), text.size());
     EXPECT_EQ(result.back(), kEllipsis);
     // Nothing fits, or only the first character: it is left.
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, u"abc", box_of(100, 1), 1), u"abc");
-    EXPECT_EQ(trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, u"a\nb", box_of(100, line), 1),
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, u"abc", box_of(100, 1), 1),
+              u"abc");
+    EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, u"a\nb", box_of(100, line), 1),
               u"a\nb");
 }
 
@@ -431,8 +435,8 @@ TEST(Trimming, LeavesNoContextBehind) {
     const PlainWindow window(0, 0, 50, 50);
     at_end(window, kTexts[0], 40);
     at_start(window, kTexts[0], 40);
-    trimmed(GraphicalUtilities::TrimWithEllipsisToRectEx, window, kTexts[0], box_of(40), 5);
-    trimmed(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, kTexts[0], box_of(40), 1);
+    trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, kTexts[0], box_of(40), 5);
+    trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, kTexts[0], box_of(40), 1);
     GraphicalUtilities::GetColourDepth();
     GraphicalUtilities::IsHighRes();
     EXPECT_EQ(ZrLiveObjects(ZrLiveKind::DeviceContexts), before);
