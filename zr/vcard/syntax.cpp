@@ -175,7 +175,10 @@ void Parameters::take_types(std::string_view name, std::string_view words) {
             preference_ = "1";
         } else if (!word.empty()) {
             if (!types.empty()) types += ',';
-            types += word;
+            // What the quotes around all of them kept together.
+            const bool quoted =
+                word.find_first_of(";:") != std::string_view::npos && word.find('"') == std::string_view::npos;
+            types += quoted ? '"' + std::string(word) + '"' : std::string(word);
         }
     });
     if (!types.empty()) add(std::string(name), std::move(types));

@@ -54,6 +54,11 @@ TEST(CardSyntax, WritesKindsAsTheVersionDoes) {
     EXPECT_EQ(in(CardVersion::V30, "EMAIL;PREF=7:x"), "EMAIL;PREF=7:x");
     EXPECT_EQ(in(CardVersion::V21, "URL;VALUE=uri:x"), "URL;VALUE=URL:x");
     EXPECT_EQ(in(CardVersion::V40, "X-A;TYPE=a;LANGUAGE=de:x"), "X-A;TYPE=a;LANGUAGE=de:x");
+    // What only quotes keep together stays in quotes.
+    EXPECT_EQ(in(CardVersion::V30, "TEL;TYPE=\"cell,voi;ce\":1"), "TEL;TYPE=cell,\"voi;ce\":1");
+    EXPECT_EQ(in(CardVersion::V40, "TEL;TYPE=\"a:b\":1"), "TEL;TYPE=\"a:b\":1");
+    EXPECT_EQ(in(CardVersion::V21, "TEL;TYPE=cell,\"voi;ce\":1"), "TEL;cell;TYPE=\"voi;ce\":1");
+    EXPECT_EQ(in(CardVersion::V21, "TEL;cell;TYPE=\"voi;ce\":1"), "TEL;cell;TYPE=\"voi;ce\":1");
     // A kind that would be read as an encoding keeps its name.
     EXPECT_EQ(in(CardVersion::V21, "X-A;TYPE=BASE64:x"), "X-A;TYPE=BASE64:x");
 }
