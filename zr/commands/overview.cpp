@@ -114,7 +114,11 @@ Exit show_overview() {
         constexpr std::size_t kLabel = 10;
         std::string label = part.name;
         const std::string blanks(kLabel - std::min(kLabel, label.size()), ' ');
-        print(strong(label) + blanks + text + "\n");
+        std::string line = strong(label);
+        line += blanks;
+        line += text;
+        line += '\n';
+        print(line);
     }
     print("\nzr --help lists the commands.\n");
     return code;
