@@ -8,8 +8,12 @@
 #include "base/forks.h"
 #include "platform/kernel.h"
 #include "platform/time.h"
+#include "tapi/patience.h"
 
 namespace zr::platform {
+
+std::atomic<int> voice_patience{kBusPatience};
+
 namespace {
 
 constexpr std::chrono::seconds kQuietTime{30};
@@ -121,6 +125,7 @@ void Exchange::signal(const BusSignal& signal) noexcept try {
 void Exchange::lost() noexcept {
     const std::lock_guard lock(mutex_);
     listening_ = false;
+    is_lost_ = true;
     note();
 }
 
@@ -131,7 +136,7 @@ bool Exchange::is_needed() noexcept {
 
 bool Exchange::listen() noexcept {
     if (listening_.exchange(true)) return true;
-    const bool good = listen_to_bus(*this, kVoiceSignals) == BusResult::Answered;
+    const bool good = listen_to_bus(*this, kVoiceSignals, voice_patience) == BusResult::Answered;
     if (!good) listening_ = false;
     return good;
 }
@@ -163,7 +168,7 @@ LONG Exchange::bring_up_to_date(const VoiceService* service) {
     {
         auto lock = enter();
         if (is_up_to_date()) return result_of(service);
-        const auto patience = std::chrono::milliseconds(3 * kBusPatience);
+        const auto patience = std::chrono::milliseconds(3 * voice_patience);
         if (!read_.wait_for(lock, patience, [this] { return !is_reading_; })) return LINEERR_OPERATIONFAILED;
         if (is_up_to_date()) return result_of(service);
         told = told_;
@@ -200,16 +205,18 @@ void Exchange::read(std::uint64_t told) {
     };
     for (int i = 0; has_bus && i < kVoiceServices; ++i) {
         const auto service = static_cast<VoiceService>(i);
-        results[i] = ask_service(service, known, kBusPatience, facts[i]);
+        results[i] = ask_service(service, known, voice_patience, facts[i]);
         if (results[i] != BusResult::Answered && !is_none(results[i])) log_failure(service, results[i]);
     }
     const auto lock = enter();
     bool all = true;
+    const bool was_lost = std::exchange(is_lost_, false);
     for (int i = 0; i < kVoiceServices; ++i) {
         results_[i] = results[i];
-        // What was not told stays as it was.
+        // What was not told stays as it was, unless it was another bus's.
         const bool known_now = results[i] == BusResult::Answered || is_none(results[i]);
-        if (known_now) take(static_cast<VoiceService>(i), facts[i], told);
+        if (!known_now && was_lost) facts[i].clear();
+        if (known_now || was_lost) take(static_cast<VoiceService>(i), facts[i], told);
         all = all && known_now;
         if (results[i] != BusResult::TimedOut) continue;
         quiet_at_ = told;

@@ -180,6 +180,7 @@ private:
     LONG last_request_ = 0;
 
     std::atomic<bool> listening_{false};
+    bool is_lost_ = false;  // the bus that the picture is of
     std::uint64_t told_ = 1;
     std::uint64_t read_at_ = 0;  // told_, before the picture was read
     BusResult results_[kVoiceServices] = {BusResult::Answered, BusResult::Answered};

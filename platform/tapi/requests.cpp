@@ -7,6 +7,7 @@
 #include "exchange.h"
 #include "platform/base.h"
 #include "platform/kernel.h"
+#include "tapi/patience.h"
 
 namespace zr::platform {
 namespace {
@@ -76,7 +77,7 @@ void Exchange::request(CallRequest request) {
 }
 
 void Exchange::wait_for_requests(std::unique_lock<std::mutex>& lock, HLINEAPP session) {
-    finished_.wait_for(lock, std::chrono::milliseconds(kBusPatience), [&] {
+    finished_.wait_for(lock, std::chrono::milliseconds(voice_patience), [&] {
         const Session* const found = find_session(session);
         return found == nullptr || found->requests == 0;
     });

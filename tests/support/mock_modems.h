@@ -7,8 +7,12 @@
 #include <vector>
 
 #include "support/private_bus.h"
+#include "tapi/patience.h"
 
 namespace zr::test {
+
+// A mock may be slow on a busy computer. For the children of tests, too.
+inline const bool has_patience = (platform::voice_patience = 60'000) != 0;
 
 enum class ModemState { Unknown, Dialing, RingingOut, RingingIn, Active, Held, Waiting, Terminated };
 
@@ -128,6 +132,73 @@ for f, name in ((call, 'test_call'), (remove, 'test_remove'), (enter, 'test_ente
         define("Ring", "osi", "o", "ret = self.test_call(*args)");
         define("Enter", "oi", "", "self.test_enter(*args)");
         define("Remove", "o", "", "self.test_remove(*args)");
+    }
+
+    std::string add_modem(int number, bool voice = true) override {
+        return test("Modem", "ib", "o", {of(number), platform::bus_integer(voice ? 1 : 0, 'b')});
+    }
+    void remove_modem(const std::string& modem) override { test("Unplug", "o", "", {platform::bus_text(modem, 'o')}); }
+};
+
+class MockOfono final : public MockModems {
+public:
+    MockOfono() : MockModems("org.ofono", "/", "org.ofono.Manager") {
+        if (!why().empty()) return;
+        mock_.add_method("org.ofono.Manager", "GetModems", "", "a(oa{sv})",
+                         "ret = dbus.Array([(dbus.ObjectPath(p), o.props['org.ofono.Modem']) for p, o in "
+                         "sorted(objects.items()) if p.startswith('/modem') and '/call' not in p], "
+                         "signature='(oa{sv})')");
+        define("Prepare", "", "", R"py(
+import types
+STATES = ['unknown', 'dialing', 'alerting', 'incoming', 'active', 'held', 'waiting', 'disconnected']
+V, C = 'org.ofono.VoiceCallManager', 'org.ofono.VoiceCall'
+def modem(self, number, voice):
+    path = '/modem%d' % number
+    self.AddObject(path, 'org.ofono.Modem', {'Manufacturer': 'Maker', 'Model': 'Model %d' % number,
+        'Interfaces': dbus.Array([V] if voice else ['org.ofono.SimManager'], signature='s')}, [])
+    if voice:
+        objects[path].AddMethods(V, [
+            ('GetCalls', '', 'a(oa{sv})', "ret = dbus.Array([(dbus.ObjectPath(p), o.props['org.ofono.VoiceCall']) "
+                "for m, (p, o) in zip([self.path] * len(objects), sorted(objects.items())) if p.startswith(m + '/call')], signature='(oa{sv})')"),
+            ('Dial', 'ss', 'o', "ret = objects['/'].test_call(self.path, args[0], 1)"),
+            ('HoldAndAnswer', '', '', "objects['/'].test_hold(self.path)")])
+    self.EmitSignal('org.ofono.Manager', 'ModemAdded', 'oa{sv}', [dbus.ObjectPath(path),
+        objects[path].props['org.ofono.Modem']])
+    return dbus.ObjectPath(path)
+def enter(self, call, state):
+    if state == 7: return remove(self, call)
+    word = STATES[state] if state < 8 else 'nonsense %d' % state
+    objects[call].props[C]['State'] = dbus.String(word, variant_level=1)
+    objects[call].EmitSignal(C, 'PropertyChanged', 'sv', ['State', word])
+def call(self, modem, number, state):
+    self.test_count = getattr(self, 'test_count', 0) + 1
+    path = '%s/call%02d' % (modem, self.test_count)
+    self.AddObject(path, C, {'State': STATES[state], 'LineIdentification': number, 'Name': ''}, [
+        ('Answer', '', '', "objects['/'].test_enter(self.path, 4)"),
+        ('Hangup', '', '', "objects['/'].test_enter(self.path, 7)")])
+    objects[path].test_modem = modem
+    objects[modem].EmitSignal(V, 'CallAdded', 'oa{sv}', [dbus.ObjectPath(path), objects[path].props[C]])
+    return dbus.ObjectPath(path)
+def remove(self, path):
+    modem = objects[path].test_modem
+    self.RemoveObject(path)
+    objects[modem].EmitSignal(V, 'CallRemoved', 'o', [dbus.ObjectPath(path)])
+def hold(self, modem):
+    for p in [p for p in objects if p.startswith(modem + '/call')]:
+        state = objects[p].props[C]['State']
+        if state == 'active': enter(self, p, 5)
+        if state == 'waiting': enter(self, p, 4)
+for f in (modem, call, remove, enter, hold):
+    f.__globals__.update({'STATES': STATES, 'V': V, 'C': C, 'remove': remove, 'enter': enter})
+    setattr(self, 'test_' + f.__name__, types.MethodType(f, self))
+)py");
+        test("Prepare", "", "", {});
+        define("Modem", "ib", "o", "ret = self.test_modem(*args)");
+        define("Ring", "osi", "o", "ret = self.test_call(*args)");
+        define("Enter", "oi", "", "self.test_enter(*args)");
+        define("Remove", "o", "", "self.test_remove(*args)");
+        define("Unplug", "o", "",
+               "self.RemoveObject(args[0]); self.EmitSignal('org.ofono.Manager', 'ModemRemoved', 'o', [args[0]])");
     }
 
     std::string add_modem(int number, bool voice = true) override {
