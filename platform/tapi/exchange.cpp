@@ -83,11 +83,15 @@ std::unique_lock<std::mutex> Exchange::enter() {
     generation_ = fork_generation();
     std::map<HLINEAPP, SessionRef> old;
     old.swap(sessions);
+    session_count_ = 0;
     open_lines.clear();
     call_handles.clear();
     lines.clear();
     requests_.clear();
-    touched_.clear();
+    {
+        const std::lock_guard touching(told_lock_);
+        touched_.clear();
+    }
     lock.unlock();
     old.clear();  // its waiters have locks of their own
     lock.lock();
@@ -109,29 +113,43 @@ void Exchange::begin_child() noexcept {
 
 void Exchange::note() noexcept {
     ++told_;
-    if (!sessions.empty()) wake();
+    if (session_count_ != 0) wake();
 }
 
 void Exchange::signal(const BusSignal& signal) noexcept try {
-    const std::lock_guard lock(mutex_);
     const bool is_call = signal.interface == kCallInterface ||
                          (!signal.values.empty() && text_of(signal.values.data()) == kCallInterface);
-    if (is_call) touched_[signal.path] = told_ + 1;
+    if (is_call) {
+        const std::lock_guard touching(told_lock_);
+        touched_[signal.path] = told_ + 1;
+    }
     note();
 } catch (const std::bad_alloc&) {
     lost();  // everything is asked for again
 }
 
 void Exchange::lost() noexcept {
-    const std::lock_guard lock(mutex_);
     listening_ = false;
     is_lost_ = true;
     note();
 }
 
 bool Exchange::is_needed() noexcept {
-    const std::lock_guard lock(mutex_);
-    return !sessions.empty();
+    return session_count_ != 0;
+}
+
+void Exchange::add_session(const SessionRef& session) {
+    sessions.emplace(session->handle, session);
+    session_count_ = sessions.size();
+}
+
+SessionRef Exchange::remove_session(HLINEAPP handle) noexcept {
+    const auto found = sessions.find(handle);
+    if (found == sessions.end()) return nullptr;
+    SessionRef session = std::move(found->second);
+    sessions.erase(found);
+    session_count_ = sessions.size();
+    return session;
 }
 
 bool Exchange::listen() noexcept {
@@ -193,6 +211,7 @@ void Exchange::read(std::uint64_t told) {
     std::map<std::pair<std::string, std::string>, CallFacts> kept;
     if (listened && listens) {
         const auto lock = enter();
+        const std::lock_guard touching(told_lock_);
         for (const LineRef& line : lines) {
             for (const auto& [path, call] : line->calls) {
                 if (!touched_.contains(path)) kept.emplace(std::pair(line->facts.owner, path), call->facts);
@@ -210,7 +229,7 @@ void Exchange::read(std::uint64_t told) {
     }
     const auto lock = enter();
     bool all = true;
-    const bool was_lost = std::exchange(is_lost_, false);
+    const bool was_lost = is_lost_.exchange(false);
     for (int i = 0; i < kVoiceServices; ++i) {
         results_[i] = results[i];
         // What was not told stays as it was, unless it was another bus's.
@@ -224,6 +243,7 @@ void Exchange::read(std::uint64_t told) {
     }
     if (all && listens) {
         read_at_ = told;
+        const std::lock_guard touching(told_lock_);
         std::erase_if(touched_, [told](const auto& each) { return each.second <= told; });
     }
 }

@@ -116,6 +116,8 @@ public:
     std::map<HCALL, CallHandle> call_handles;
 
     // All of these with the lock held.
+    void add_session(const SessionRef& session);
+    SessionRef remove_session(HLINEAPP handle) noexcept;
     DWORD new_handle() noexcept;
     Session* find_session(HLINEAPP handle) noexcept;
     OpenLine* find_line(HLINE handle) noexcept;
@@ -180,14 +182,17 @@ private:
     LONG last_request_ = 0;
 
     std::atomic<bool> listening_{false};
-    bool is_lost_ = false;  // the bus that the picture is of
-    std::uint64_t told_ = 1;
+    std::atomic<bool> is_lost_{false};  // the bus that the picture is of
+    std::atomic<std::size_t> session_count_{0};
+    std::atomic<std::uint64_t> told_{1};
     std::uint64_t read_at_ = 0;  // told_, before the picture was read
     BusResult results_[kVoiceServices] = {BusResult::Answered, BusResult::Answered};
     std::chrono::steady_clock::time_point quiet_until_;
     std::uint64_t quiet_at_ = 0;
+    // What the bus's thread needs, too. It is taken by that thread, or with the other lock held: so nobody has it while
+    // the process forks.
+    std::mutex told_lock_;
     std::map<std::string, std::uint64_t> touched_;  // calls by their paths, and told_
-
     Worker worker_{"zr-calls"};
     HANDLE wake_ = nullptr;
     HANDLE handed_ = nullptr;

@@ -55,7 +55,7 @@ LONG begin_session(LPHLINEAPP handle, LINECALLBACK callback, LPCWSTR name, LPDWO
     const auto lock = exchange.enter();
     if (exchange.sessions.empty()) exchange.number_lines();
     session->handle = exchange.new_handle();
-    exchange.sessions.emplace(session->handle, session);
+    exchange.add_session(session);
     *handle = session->handle;
     *count = static_cast<DWORD>(exchange.lines.size());
     return 0;
@@ -68,10 +68,8 @@ LONG end_session(HLINEAPP handle) {
         auto lock = exchange.enter();
         if (exchange.find_session(handle) == nullptr) return LINEERR_INVALAPPHANDLE;
         exchange.wait_for_requests(lock, handle);
-        const auto found = exchange.sessions.find(handle);
-        if (found == exchange.sessions.end()) return LINEERR_INVALAPPHANDLE;
-        session = std::move(found->second);
-        exchange.sessions.erase(found);
+        session = exchange.remove_session(handle);
+        if (!session) return LINEERR_INVALAPPHANDLE;
         std::vector<HLINE> lines;
         for (const auto& [line, open] : exchange.open_lines) {
             if (open->session == handle) lines.push_back(line);
@@ -170,6 +168,7 @@ LONG open_line(HLINEAPP session, DWORD device, LPHLINE handle, DWORD_PTR instanc
 }  // namespace
 
 void Exchange::end_worker_if_idle() noexcept {
+    const std::lock_guard touching(told_lock_);
     if (sessions.empty() && worker_.is_running()) SetEvent(wake_);
 }
 

@@ -55,6 +55,7 @@ LONG line_error(const BusAnswer& answer) noexcept {
 }
 
 void Exchange::wake() noexcept {
+    const std::lock_guard touching(told_lock_);
     if (wake_ == nullptr) wake_ = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     if (wake_ == nullptr) return;
     if (!worker_.is_running()) worker_.start([](void* self) { static_cast<Exchange*>(self)->work(); }, this);
@@ -91,6 +92,7 @@ void Exchange::work() {
         {
             const auto lock = enter();
             if (sessions.empty() && requests_.empty()) {
+                const std::lock_guard touching(told_lock_);
                 worker_.leave();
                 return;
             }
@@ -209,7 +211,10 @@ void Exchange::finish(const CallRequest& request, LONG result, const std::string
     CallRef call;
     if (is_made) {
         CallRef& known = request.on->calls[made];
-        touched_[made] = told_ + 1;
+        {
+            const std::lock_guard touching(told_lock_);
+            touched_[made] = told_ + 1;
+        }
         if (!known) {
             known = std::make_shared<Call>();
             known->number = ++last_call_;
