@@ -118,6 +118,10 @@ void build(zr::Command app) {
     log.footer("Example:\n  zr log show client.zrlog");
     zr::add_log_show(log);
     zr::add_modules(app);
+    zr::Command screen = app.add_group("screen", "Show the screen, and fit text into a place on it");
+    screen.footer("Example:\n  zr screen fit \"A long line of text\" --width 80");
+    zr::add_screen_info(screen);
+    zr::add_screen_fit(screen);
     zr::add_objects(app);
     zr::add_zone(app);
     zr::add_watch(app);

@@ -43,7 +43,7 @@ _zr() {
         --children --assistant --email --birthday --anniversary"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar mail reg store net proxy provision resolve log modules objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar mail reg store net proxy provision resolve log modules screen objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
@@ -202,6 +202,14 @@ _zr() {
         zone) _zr_words "--next --json --help" "$current" ;;
         watch)
             if [[ $current == -* ]]; then _zr_words "--recursive --ext --only --exec --clock --json --help" "$current"; else _zr_files "$current"; fi ;;
+        screen)
+            if ((COMP_CWORD == 2)); then
+                _zr_words "info fit --help" "$current"
+            elif [[ $current == -* ]]; then
+                _zr_words "--width --height --split --font --points --start --png --json --help" "$current"
+            else
+                _zr_files "$current"
+            fi ;;
         modules)
             if [[ $current == -* ]]; then
                 _zr_words "--id --version --level --pattern --json --help" "$current"
