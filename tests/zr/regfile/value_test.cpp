@@ -58,7 +58,8 @@ TEST(RegValue, MakesValuesOfWords) {
 }
 
 TEST(RegValue, ShowsWhatItIsAndBytesOtherwise) {
-    EXPECT_EQ(reg_data_shown(parse_reg_value(REG_SZ, {"a\nü"})), "a\\nü");
+    EXPECT_EQ(reg_data_shown(parse_reg_value(REG_SZ, {"a ü"})), "a ü");
+    EXPECT_EQ(reg_data_shown(parse_reg_value(REG_SZ, {"a\nü"})), R"("a\nü")");
     EXPECT_EQ(reg_data_shown({REG_SZ, "abc"}), "61 62 63");
     EXPECT_EQ(reg_data_shown(parse_reg_value(REG_MULTI_SZ, {"a", "b c"})), "\"a\" \"b c\"");
     EXPECT_EQ(reg_data_shown(parse_reg_value(REG_DWORD, {"42"})), "42");
