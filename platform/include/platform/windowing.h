@@ -199,14 +199,14 @@ inline LPCWSTR MAKEINTATOM(ATOM atom) {
 // ---- Windows ----
 
 // Makes a window of a class registered for `instance`, or of one of the platform's own (controls.h), on the calling
-// thread. Its place is told in places.h; a window made with WS_VISIBLE gets WM_SIZE and WM_MOVE after WM_CREATE. Its procedure gets WM_CREATE with a
-// CREATESTRUCTW before the call returns, as on the handheld without WM_NCCREATE before it; the answer -1 destroys the
-// window (WM_DESTROY, WM_NCDESTROY) and the call returns NULL. A window with a parent is a child, whatever its style,
-// and is destroyed with its parent; a child made by another thread than its parent's goes as soon as that thread
-// next serves messages. `menu` is a child's identifier (GWL_ID). NULL: ERROR_CANNOT_FIND_WND_CLASS,
-// ERROR_INVALID_WINDOW_HANDLE for a parent that is none or is being destroyed, ERROR_TLW_WITH_WSCHILD for WS_CHILD
-// without parent, ERROR_INVALID_PARAMETER below 100 levels of parents, ERROR_NOT_ENOUGH_MEMORY (also with 65,000
-// windows in the process).
+// thread. Its place is told in places.h; a window made with WS_VISIBLE gets WM_SIZE and WM_MOVE after WM_CREATE. Its
+// procedure gets WM_CREATE with a CREATESTRUCTW before the call returns, as on the handheld without WM_NCCREATE before
+// it; the answer -1 destroys the window (WM_DESTROY, WM_NCDESTROY) and the call returns NULL. A window with a parent is
+// a child, whatever its style, and is destroyed with its parent; a child made by another thread than its parent's goes
+// as soon as that thread next serves messages. `menu` is a child's identifier (GWL_ID). NULL:
+// ERROR_CANNOT_FIND_WND_CLASS, ERROR_INVALID_WINDOW_HANDLE for a parent that is none or is being destroyed,
+// ERROR_TLW_WITH_WSCHILD for WS_CHILD without parent, ERROR_INVALID_PARAMETER below 100 levels of parents,
+// ERROR_NOT_ENOUGH_MEMORY (also with 65,000 windows in the process).
 ZRPLATFORM_API HWND CreateWindowExW(DWORD ex_style, LPCWSTR class_name, LPCWSTR title, DWORD style, int x, int y,
                                     int width, int height, HWND parent, HMENU menu, HINSTANCE instance, LPVOID param);
 
@@ -239,7 +239,8 @@ ZRPLATFORM_API BOOL IsWindow(HWND window);
 // NULL for a window without parent (last error untouched) and for an invalid handle.
 ZRPLATFORM_API HWND GetParent(HWND window);
 ZRPLATFORM_API BOOL IsChild(HWND parent, HWND window);  // also grandchildren
-// Siblings in order of creation, until SetWindowPos puts one elsewhere; the top-level windows of the process are siblings of each other.
+// Siblings in order of creation, until SetWindowPos puts one elsewhere; the top-level windows of the process are
+// siblings of each other.
 ZRPLATFORM_API HWND GetWindow(HWND window, UINT relation);
 // The first top-level window of the class (NULL: any class) and exact title (NULL: any title, ignoring case).
 // NULL when there is none: ERROR_CANNOT_FIND_WND_CLASS if no class has that name, else ERROR_FILE_NOT_FOUND.
