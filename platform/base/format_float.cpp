@@ -143,6 +143,27 @@ struct Scientific {
         digits.put(mantissa);
         put_exponent(digits, exponent, capital);
     }
+
+    // The same digits without an exponent, which must be less than their number.
+    void put_fixed(Digits& digits) const {
+        const char first = mantissa.front();
+        const std::string_view others = mantissa.substr(std::min<std::size_t>(2, mantissa.size()));
+        if (exponent < 0) {
+            digits.put("0.");
+            for (int i = -1; i > exponent; --i) {
+                digits.put('0');
+            }
+            digits.put(first);
+            digits.put(others);
+            return;
+        }
+        const auto whole = static_cast<std::size_t>(exponent);
+        digits.put(first);
+        digits.put(others.substr(0, whole));
+        if (others.size() == whole) return;
+        digits.put('.');
+        digits.put(others.substr(whole));
+    }
 };
 
 void strip_zeros(Digits& digits) {
@@ -160,7 +181,7 @@ void general(Digits& digits, double value, std::size_t precision, bool capital) 
     if (scientific.exponent < -4 || scientific.exponent >= significant) {
         scientific.put(digits, capital);
     } else {
-        fixed(digits, value, static_cast<std::size_t>(significant - 1 - scientific.exponent));
+        scientific.put_fixed(digits);
     }
 }
 
