@@ -150,14 +150,24 @@ void put_privilege(HCALL handle, DWORD privilege) {
     if (CallHandle* const found = exchange.find_call(handle)) found->privilege = privilege;
 }
 
+// False: the call would be left without an owner.
+bool disown(const Seen& seen) {
+    const SharedName& name = seen.handle.call->name;
+    {
+        Exchange& exchange = Exchange::instance();
+        const auto lock = exchange.enter();
+        if (exchange.owns_otherwise(seen.open->session, name, seen.handle.handle)) return true;
+    }
+    return disown_call(name, seen.open->session, !seen.is_over());
+}
+
 LONG set_privilege(HCALL handle, DWORD privilege) {
     Seen seen;
     if (const LONG error = see(handle, seen, privilege == LINECALLPRIVILEGE_MONITOR)) return error;
     if (privilege == seen.handle.privilege) return 0;
-    const SharedName& name = seen.handle.call->name;
     if (privilege == LINECALLPRIVILEGE_OWNER) {
-        if (const LONG error = own_call(name, seen.open->session)) return error;
-    } else if (!disown_call(name, seen.open->session, !seen.is_over())) {
+        if (const LONG error = own_call(seen.handle.call->name, seen.open->session)) return error;
+    } else if (!disown(seen)) {
         return LINEERR_INVALCALLSTATE;
     }
     put_privilege(handle, privilege);
@@ -169,8 +179,7 @@ LONG deallocate(HCALL handle) {
     if (const LONG error = see(handle, seen, false)) return error;
     if (seen.handle.privilege == LINECALLPRIVILEGE_OWNER) {
         static_cast<void>(see(handle, seen));
-        const bool gone = disown_call(seen.handle.call->name, seen.open->session, !seen.is_over());
-        if (!gone) return LINEERR_INVALCALLSTATE;
+        if (!disown(seen)) return LINEERR_INVALCALLSTATE;
     }
     Exchange& exchange = Exchange::instance();
     const auto lock = exchange.enter();

@@ -88,6 +88,7 @@ std::unique_lock<std::mutex> Exchange::enter() {
     call_handles.clear();
     lines.clear();
     requests_.clear();
+    gone_.clear();
     {
         const std::lock_guard touching(told_lock_);
         touched_.clear();
@@ -197,8 +198,18 @@ LONG Exchange::bring_up_to_date(const VoiceService* service) {
         ~Reading() { exchange.end_reading(); }
     } const reading{*this};
     read(told);
+    give_up_gone();
     const auto lock = enter();
     return result_of(service);
+}
+
+void Exchange::give_up_gone() {
+    std::vector<ClosedLine> gone;
+    {
+        const auto lock = enter();
+        gone.swap(gone_);
+    }
+    std::ranges::for_each(gone, give_up);
 }
 
 void Exchange::read(std::uint64_t told) {
@@ -297,7 +308,8 @@ void Exchange::take_calls(const LineRef& line, std::vector<CallFacts>& facts, st
 }
 
 void Exchange::take_call(const LineRef& line, CallFacts& facts) {
-    CallRef& call = line->calls[facts.path];
+    const auto found = line->calls.find(facts.path);
+    CallRef call = found == line->calls.end() ? nullptr : found->second;
     // One that was over, or not begun, and rings: another call.
     const bool is_new =
         !call || (!is_live(call->facts.state) && is_live(facts.state) && facts.state != LINECALLSTATE_DISCONNECTED);
@@ -308,6 +320,7 @@ void Exchange::take_call(const LineRef& line, CallFacts& facts) {
         call->facts = facts;
         GetSystemTime(&call->entered);
         if (facts.state == LINECALLSTATE_DISCONNECTED) call->facts.state = LINECALLSTATE_IDLE;
+        line->calls.insert_or_assign(facts.path, call);
         if (is_live(call->facts.state)) tell_new_call(line, call);
         return;
     }
@@ -347,7 +360,7 @@ void Exchange::remove_line(const LineRef& line) {
             message.instance = open->instance;
             send(*session, std::move(message));
         }
-        remove_open_line(open->handle);
+        gone_.push_back(close_line(open->handle));
     }
     tell_sessions(LINE_REMOVE, line->device);
 }
@@ -399,6 +412,34 @@ CallHandle& Exchange::make_call_handle(HLINE line, const CallRef& call, DWORD pr
 void Exchange::remove_open_line(HLINE handle) noexcept {
     std::erase_if(call_handles, [handle](const auto& each) { return each.second.line == handle; });
     open_lines.erase(handle);
+}
+
+ClosedLine Exchange::close_line(HLINE handle) {
+    const OpenLineRef open = open_lines.at(handle);
+    ClosedLine closed{handle, open->session, (open->privileges & LINECALLPRIVILEGE_OWNER) != 0, {}};
+    for (const auto& [call, known] : call_handles) {
+        const bool is_its = known.line == handle && known.call && known.privilege == LINECALLPRIVILEGE_OWNER;
+        if (is_its) closed.owned.push_back(known.call->name);
+    }
+    remove_open_line(handle);
+    std::erase_if(closed.owned, [&](const SharedName& call) { return owns_otherwise(closed.session, call, 0); });
+    return closed;
+}
+
+bool Exchange::owns_otherwise(HLINEAPP session, const SharedName& call, HCALL handle) noexcept {
+    return std::ranges::any_of(call_handles, [&](const auto& each) {
+        const CallHandle& other = each.second;
+        if (other.handle == handle || !other.call || other.privilege != LINECALLPRIVILEGE_OWNER) return false;
+        const OpenLine* const line = find_line(other.line);
+        return line != nullptr && line->session == session && other.call->name == call;
+    });
+}
+
+void give_up(const ClosedLine& line) {
+    for (const SharedName& call : line.owned) {
+        disown_call(call, line.session, false);
+    }
+    if (line.takes) remove_taker(line.handle);
 }
 
 }  // namespace zr::platform

@@ -88,6 +88,17 @@ struct CallHandle {
     bool dropped = false;  // its owner has asked for that
 };
 
+// What is left of a line that was closed: what the other processes have been told of it.
+struct ClosedLine {
+    HLINE handle = 0;
+    HLINEAPP session = 0;
+    bool takes = false;
+    std::vector<SharedName> owned;  // calls that its session owns no more
+};
+
+// Nothing of the exchange's may be locked.
+void give_up(const ClosedLine& line);
+
 struct CallRequest {
     enum class Kind { Make, Answer, Drop } kind = Kind::Make;
     LONG id = 0;
@@ -125,6 +136,11 @@ public:
     CallHandle* handle_of(HLINE line, const CallRef& call) noexcept;
     CallHandle& make_call_handle(HLINE line, const CallRef& call, DWORD privilege);
     void remove_open_line(HLINE handle) noexcept;
+    // The same, with what has to be given up.
+    ClosedLine close_line(HLINE handle);
+    // Whether the session is an owner of a call of this name by another handle than this one, too. Services give a new
+    // call the name of one that is over.
+    bool owns_otherwise(HLINEAPP session, const SharedName& call, HCALL handle) noexcept;
     void number_lines();  // before the first session: those that are there, from 0
     void send(Session& session, CallMessage message);
     void request(CallRequest request);
@@ -151,6 +167,7 @@ private:
     bool listen() noexcept;
     void note() noexcept;
     void read(std::uint64_t told);
+    void give_up_gone();
     void end_reading() noexcept;
     LONG result_of(const VoiceService* service) const noexcept;
     bool is_up_to_date() const noexcept;
@@ -171,10 +188,12 @@ private:
     void carry_out(const CallRequest& request);
     LONG ask(const CallRequest& request, std::string& made);
     void finish(const CallRequest& request, LONG result, const std::string& made);
+    void tell_finished(const CallRequest& request, LONG result, const std::string& made, const SharedName& name);
     void take_handed();
 
     std::mutex mutex_;
-    bool is_reading_ = false;  // one reads at a time, without the lock
+    bool is_reading_ = false;       // one reads at a time, without the lock
+    std::vector<ClosedLine> gone_;  // lines of modems that have gone
     std::condition_variable read_;
     std::uint32_t generation_ = 0;  // of the process that the sessions are in
     DWORD last_handle_ = 0x1000;

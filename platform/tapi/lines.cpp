@@ -228,22 +228,13 @@ LONG lineOpen(HLINEAPP session, DWORD device, LPHLINE line, DWORD version, DWORD
 LONG lineClose(HLINE line) {
     return guarded_line_call([&]() -> LONG {
         Exchange& exchange = Exchange::instance();
-        OpenLineRef closed;
-        std::vector<SharedName> owned;
+        ClosedLine closed;
         {
             const auto lock = exchange.enter();
             if (exchange.find_line(line) == nullptr) return LINEERR_INVALLINEHANDLE;
-            closed = exchange.open_lines[line];
-            for (const auto& [handle, call] : exchange.call_handles) {
-                const bool is_its = call.line == line && call.call && call.privilege == LINECALLPRIVILEGE_OWNER;
-                if (is_its) owned.push_back(call.call->name);
-            }
-            exchange.remove_open_line(line);
+            closed = exchange.close_line(line);
         }
-        for (const SharedName& call : owned) {
-            disown_call(call, closed->session, false);
-        }
-        if ((closed->privileges & LINECALLPRIVILEGE_OWNER) != 0) remove_taker(line);
+        give_up(closed);
         return 0;
     });
 }

@@ -200,26 +200,40 @@ LONG Exchange::ask(const CallRequest& request, std::string& made) {
 }
 
 void Exchange::finish(const CallRequest& request, LONG result, const std::string& made) {
+    const bool is_made = request.kind == CallRequest::Kind::Make && result == 0;
     SharedName name;
     {
         const auto lock = enter();
         name = shared_name(request.on->facts.owner, made);
     }
-    const bool is_made = request.kind == CallRequest::Kind::Make && result == 0;
     if (is_made) static_cast<void>(own_call(name, request.session));
+    tell_finished(request, result, made, name);
+    // Who has gone meanwhile owns nothing.
+    bool is_there = false;
+    {
+        const auto lock = enter();
+        is_there = find_line(request.line) != nullptr || owns_otherwise(request.session, name, 0);
+    }
+    if (is_made && !is_there) disown_call(name, request.session, false);
+}
+
+void Exchange::tell_finished(const CallRequest& request, LONG result, const std::string& made, const SharedName& name) {
+    const bool is_made = request.kind == CallRequest::Kind::Make && result == 0;
     const auto lock = enter();
     CallRef call;
     if (is_made) {
-        CallRef& known = request.on->calls[made];
         {
             const std::lock_guard touching(told_lock_);
             touched_[made] = told_ + 1;
         }
+        const auto found = request.on->calls.find(made);
+        CallRef known = found == request.on->calls.end() ? nullptr : found->second;
         if (!known) {
             known = std::make_shared<Call>();
             known->number = ++last_call_;
             known->name = name;
             known->facts.path = made;
+            request.on->calls.emplace(made, known);
         }
         known->since = told_ + 1;
         if (known->facts.state == 0) {

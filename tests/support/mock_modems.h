@@ -142,6 +142,9 @@ for f, name in ((call, 'test_call'), (remove, 'test_remove'), (enter, 'test_ente
 
 class MockOfono final : public MockModems {
 public:
+    // The next call gets the path that the first one had, as with the service itself.
+    void count_anew() { test("CountAnew", "", "", {}); }
+
     MockOfono() : MockModems("org.ofono", "/", "org.ofono.Manager") {
         if (!why().empty()) return;
         mock_.add_method("org.ofono.Manager", "GetModems", "", "a(oa{sv})",
@@ -197,6 +200,7 @@ for f in (modem, call, remove, enter, hold):
         define("Ring", "osi", "o", "ret = self.test_call(*args)");
         define("Enter", "oi", "", "self.test_enter(*args)");
         define("Remove", "o", "", "self.test_remove(*args)");
+        define("CountAnew", "", "", "self.test_count = 0");
         define("Unplug", "o", "",
                "self.RemoveObject(args[0]); self.EmitSignal('org.ofono.Manager', 'ModemRemoved', 'o', [args[0]])");
     }

@@ -129,6 +129,44 @@ TEST_F(OfonoLines, MakeCallsComeAndGo) {
     EXPECT_EQ(lineGetCallStatus(call, &status.all), LINEERR_INVALCALLHANDLE);
 }
 
+TEST_F(OfonoLines, OfAModemThatReturnsHaveNobodyOfBefore) {
+    const LineSession session;
+    session.open(0, LINECALLPRIVILEGE_OWNER);
+    modems_->remove_modem(modem_);
+    ASSERT_NE(await_message(LINE_REMOVE), nullptr);
+    ASSERT_EQ(modems_->add_modem(0), modem_);
+    const LineMessage* const created = await_message(LINE_CREATE);
+    ASSERT_NE(created, nullptr);
+    const auto device = static_cast<DWORD>(created->params[0]);
+    // Who has opened the new line is the first to have its calls.
+    const LineSession later(u"later");
+    later.open(device, LINECALLPRIVILEGE_OWNER);
+    modems_->ring(modem_, "1");
+    const LineMessage* const given = await_message(LINE_APPNEWCALL);
+    ASSERT_NE(given, nullptr);
+    EXPECT_EQ(given->params[2], LINECALLPRIVILEGE_OWNER);
+    EXPECT_EQ(owners_of(static_cast<HCALL>(given->params[1])), 1u);
+}
+
+TEST_F(OfonoLines, ANewCallUnderAnOldPathKeepsItsOwner) {
+    const std::string path = modems_->ring(modem_, "1");
+    const LineSession session;
+    const HLINE line = session.open(0);
+    const std::vector<HCALL> old = new_calls(line);
+    ASSERT_EQ(old.size(), 1u);
+    ASSERT_EQ(lineSetCallPrivilege(old[0], LINECALLPRIVILEGE_OWNER), 0);
+    modems_->remove_call(path);
+    ASSERT_EQ(state_of(old[0]), LINECALLSTATE_IDLE);
+    modems_->count_anew();
+    ASSERT_EQ(modems_->ring(modem_, "2"), path);
+    const std::vector<HCALL> calls = new_calls(line);
+    ASSERT_EQ(calls.size(), 1u);
+    ASSERT_EQ(lineSetCallPrivilege(calls[0], LINECALLPRIVILEGE_OWNER), 0);
+    EXPECT_EQ(lineDeallocateCall(old[0]), 0);
+    EXPECT_EQ(owners_of(calls[0]), 1u);
+    EXPECT_EQ(lineDeallocateCall(calls[0]), LINEERR_INVALCALLSTATE);
+}
+
 TEST_F(OfonoLines, TakeNonsenseForAnUnknownState) {
     const std::string path = modems_->ring(modem_, "1");
     const LineSession session;
