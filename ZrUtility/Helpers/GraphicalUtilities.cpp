@@ -212,7 +212,8 @@ HFONT GraphicalUtilities::CreateDefaultFont(HWND window, int bold, int pointSize
     if (!font || GetObjectW(font, sizeof description, &description) == 0) return nullptr;
     if (bold) description.lfWeight = FW_BOLD;
     if (pointSize != 0) {
-        description.lfHeight = -MulDiv(pointSize, WindowContext(window).Capability(LOGPIXELSY), 72);
+        const int height = MulDiv(pointSize, WindowContext(window).Capability(LOGPIXELSY), 72);
+        description.lfHeight = static_cast<LONG>(0u - static_cast<ULONG>(height));  // any size may be asked for
     }
     return CreateFontIndirectW(&description);
 }
@@ -252,9 +253,10 @@ LONG GraphicalUtilities::TrimWithEllipsisToRect(HWND window, RECT* rect, WCHAR* 
 }
 
 LONG GraphicalUtilities::TrimWithEllipsisToRectEx(HWND window, RECT* rect, WCHAR* text, int splitAt) {
-    if (!window || !text) return E_UNEXPECTED;
+    if (!text) return E_UNEXPECTED;
     const int length = static_cast<int>(wcslen(text));
     if (splitAt < 0 || splitAt >= length) return E_FAIL;
+    if (!window) return E_UNEXPECTED;
     WCHAR* const tail = text + splitAt;
     const int tail_length = length - splitAt;
     RECT box = Narrowed(window, rect);

@@ -36,8 +36,10 @@ ContextObject* find_own_context(HWND window) {
     Gdi& gdi = Gdi::get();
     ContextObject* found = nullptr;
     std::erase_if(gdi.own_contexts, [&](ContextObject* each) {
-        if (each->window == window) found = each;
-        if (IsWindow(each->window)) return false;
+        if (IsWindow(each->window)) {
+            if (each->window == window) found = each;
+            return false;
+        }
         deselect_all(*each);
         gdi.remove(*each);
         return true;
@@ -51,6 +53,8 @@ HDC make_context(ContextObject::Origin origin, HWND window) {
     const std::lock_guard guard(gdi.lock);
     if (owns) {
         if (const ContextObject* const own = find_own_context(window)) return static_cast<HDC>(own->handle);
+        // Another thread may have destroyed it by now.
+        if (!IsWindow(window)) return fail(ERROR_INVALID_WINDOW_HANDLE, HDC{nullptr});
     }
     try {
         std::unique_ptr<ContextObject> context = new_context(origin);

@@ -210,6 +210,7 @@ TEST(DefaultFont, IsTheSystems) {
     EXPECT_EQ(described(GraphicalUtilities::CreateDefaultFont(nullptr, 1, 0)).lfWeight, 700);
     EXPECT_EQ(described(GraphicalUtilities::CreateDefaultFont(nullptr, 0, 9)).lfHeight, -12);
     EXPECT_EQ(described(GraphicalUtilities::CreateDefaultFont(nullptr, 0, -9)).lfHeight, 12);
+    EXPECT_EQ(described(GraphicalUtilities::CreateDefaultFont(nullptr, 0, -1'610'612'736)).lfHeight, INT_MIN);
     const PlainWindow alone(0, 0, 1, 1);
     EXPECT_EQ(described(GraphicalUtilities::CreateDefaultFont(alone, 0, 0)).lfHeight, system.lfHeight);
 }
@@ -385,6 +386,11 @@ TEST(TrimmingBeforeATail, RefusesASplitOutside) {
             u"abc");
     }
     EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, u"", box_of(500), 0, E_FAIL), u"");
+    // It is looked at before the window is.
+    WCHAR text[] = u"abc";
+    RECT box = box_of(500);
+    EXPECT_EQ(GraphicalUtilities::TrimWithEllipsisToRectEx(nullptr, &box, text, 3), E_FAIL);
+    EXPECT_EQ(GraphicalUtilities::TrimWithEllipsisToRectEx(nullptr, &box, text, 2), E_UNEXPECTED);
     EXPECT_EQ(trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, u"abc", box_of(500), 2), u"abc");
 }
 
