@@ -22,16 +22,6 @@ bool is_name(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), is_name_character);
 }
 
-// The position of the first `mark` outside of double quotes.
-std::size_t find_unquoted(std::string_view text, char mark, std::size_t from) {
-    bool quoted = false;
-    for (std::size_t i = from; i < text.size(); ++i) {
-        if (text[i] == '"') quoted = !quoted;
-        if (!quoted && text[i] == mark) return i;
-    }
-    return npos;
-}
-
 bool read_parameter(std::string_view parameter, CardHeader& header) {
     if (parameter.empty()) return true;
     const std::size_t equals = parameter.find('=');
@@ -77,7 +67,7 @@ std::vector<std::string_view> parameters_of(std::string_view text, std::size_t a
 std::string other_types(std::string_view types) {
     std::string others;
     while (!types.empty()) {
-        const std::size_t comma = std::min(find_unquoted(types, ',', 0), types.size());
+        const std::size_t comma = std::min(find_unquoted(types, ','), types.size());
         const std::string_view type = types.substr(0, comma);
         types.remove_prefix(std::min(comma + 1, types.size()));
         if (equal_ignoring_case(trimmed(type), "PREF")) continue;
@@ -89,9 +79,18 @@ std::string other_types(std::string_view types) {
 
 }  // namespace
 
+std::size_t find_unquoted(std::string_view text, char mark, std::size_t from) {
+    bool quoted = false;
+    for (std::size_t i = from; i < text.size(); ++i) {
+        if (text[i] == '"') quoted = !quoted;
+        if (!quoted && text[i] == mark) return i;
+    }
+    return npos;
+}
+
 bool read_card_header(std::string_view text, CardHeader& header) {
     header = {};
-    std::size_t end = find_unquoted(text, ':', 0);
+    std::size_t end = find_unquoted(text, ':');
     const bool balanced = end != npos;
     if (!balanced) end = text.find(':');
     header.trouble = "a line without a colon";
@@ -115,7 +114,7 @@ bool read_card_header(std::string_view text, CardHeader& header) {
 }
 
 std::vector<std::string_view> card_parameters(std::string_view line, const CardHeader& header) {
-    return parameters_of(line, header.name_end, header.value - 1, find_unquoted(line, ':', 0) != npos);
+    return parameters_of(line, header.name_end, header.value - 1, find_unquoted(line, ':') != npos);
 }
 
 std::string with_kinds_only(std::string_view line) {

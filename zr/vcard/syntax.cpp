@@ -77,7 +77,7 @@ bool is_bare_type(std::string_view word) {
 template <class Visit>
 void each_word(std::string_view words, Visit visit) {
     for (;;) {
-        const std::size_t comma = std::min(words.find(','), words.size());
+        const std::size_t comma = std::min(find_unquoted(words, ','), words.size());
         visit(trimmed(words.substr(0, comma)));
         if (comma == words.size()) return;
         words.remove_prefix(comma + 1);

@@ -59,6 +59,7 @@ TEST(CardSyntax, WritesKindsAsTheVersionDoes) {
     EXPECT_EQ(in(CardVersion::V40, "TEL;TYPE=\"a:b\":1"), "TEL;TYPE=\"a:b\":1");
     EXPECT_EQ(in(CardVersion::V21, "TEL;TYPE=cell,\"voi;ce\":1"), "TEL;cell;TYPE=\"voi;ce\":1");
     EXPECT_EQ(in(CardVersion::V21, "TEL;cell;TYPE=\"voi;ce\":1"), "TEL;cell;TYPE=\"voi;ce\":1");
+    EXPECT_EQ(in(CardVersion::V21, "TEL;TYPE=\"cell,voi;ce\"x:1"), "TEL;TYPE=\"cell,voi;ce\"x:1");
     // A kind that would be read as an encoding keeps its name.
     EXPECT_EQ(in(CardVersion::V21, "X-A;TYPE=BASE64:x"), "X-A;TYPE=BASE64:x");
 }
