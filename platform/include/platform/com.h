@@ -130,6 +130,41 @@ protected:
 };
 using LPDISPATCH = IDispatch*;
 
+// What an Invoke is for.
+inline constexpr WORD DISPATCH_METHOD = 0x1;
+inline constexpr WORD DISPATCH_PROPERTYGET = 0x2;
+inline constexpr WORD DISPATCH_PROPERTYPUT = 0x4;
+inline constexpr WORD DISPATCH_PROPERTYPUTREF = 0x8;
+
+inline constexpr DISPID DISPID_VALUE = 0;         // the member that is meant when none is named
+inline constexpr DISPID DISPID_UNKNOWN = -1;      // no such name
+inline constexpr DISPID DISPID_PROPERTYPUT = -3;  // names the argument that is put
+inline constexpr DISPID DISPID_STARTENUM = -1;    // GetNextDispID begins here
+
+struct IServiceProvider;
+
+// How GetDispID and the deletes take a name.
+inline constexpr DWORD fdexNameCaseSensitive = 0x1;
+inline constexpr DWORD fdexNameEnsure = 0x2;  // an identifier for a member that is not there yet
+inline constexpr DWORD fdexNameImplicit = 0x4;
+inline constexpr DWORD fdexNameCaseInsensitive = 0x8;
+
+// Late binding to objects whose members come and go.
+struct IDispatchEx : IDispatch {
+    virtual HRESULT GetDispID(BSTR name, DWORD flags, DISPID* id) = 0;
+    virtual HRESULT InvokeEx(DISPID id, LCID locale, WORD flags, DISPPARAMS* params, VARIANT* result,
+                             EXCEPINFO* exception, IServiceProvider* caller) = 0;
+    virtual HRESULT DeleteMemberByName(BSTR name, DWORD flags) = 0;
+    virtual HRESULT DeleteMemberByDispID(DISPID id) = 0;
+    virtual HRESULT GetMemberProperties(DISPID id, DWORD fetch, DWORD* properties) = 0;
+    virtual HRESULT GetMemberName(DISPID id, BSTR* name) = 0;
+    virtual HRESULT GetNextDispID(DWORD flags, DISPID id, DISPID* next) = 0;
+    virtual HRESULT GetNameSpaceParent(IUnknown** parent) = 0;
+
+protected:
+    ~IDispatchEx() = default;
+};
+
 struct IClassFactory : IUnknown {
     virtual HRESULT CreateInstance(IUnknown* outer, REFIID riid, void** object) = 0;
     virtual HRESULT LockServer(BOOL lock) = 0;
@@ -183,6 +218,7 @@ inline constexpr IID IID_IUnknown = {0x00000000, 0x0000, 0x0000, {0xC0, 0, 0, 0,
 inline constexpr IID IID_IClassFactory = {0x00000001, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
 inline constexpr IID IID_IStream = {0x0000000C, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
 inline constexpr IID IID_IDispatch = {0x00020400, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
+inline constexpr IID IID_IDispatchEx = {0xA6EF9860, 0xC720, 0x11D0, {0x93, 0x37, 0x00, 0xA0, 0xC9, 0x0D, 0xCA, 0xA9}};
 inline constexpr IID IID_ISequentialStream = {
     0x0C733A30, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
 inline constexpr GUID GUID_NULL = {};

@@ -12,6 +12,7 @@
 #include "platform/file_changes.h"
 #include "platform/files.h"
 #include "platform/gdi.h"
+#include "platform/html.h"
 #include "platform/input_panel.h"
 #include "platform/iphelper.h"
 #include "platform/kernel.h"

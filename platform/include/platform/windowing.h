@@ -81,6 +81,14 @@ struct MSG {
 using PMSG = MSG*;
 using LPMSG = MSG*;
 
+// What WM_NOTIFY tells its receiver of the sender: wParam is idFrom, lParam points to this or to what begins with it.
+struct NMHDR {
+    HWND hwndFrom;
+    UINT_PTR idFrom;  // its GWL_ID
+    UINT code;        // NM_
+};
+using LPNMHDR = NMHDR*;
+
 // ---- Messages, styles and other documented values ----
 
 inline constexpr UINT WM_NULL = 0x0000;
@@ -99,6 +107,7 @@ inline constexpr UINT WM_SETTINGCHANGE = 0x001A;
 inline constexpr UINT WM_CANCELMODE = 0x001F;
 inline constexpr UINT WM_SETFONT = 0x0030;
 inline constexpr UINT WM_GETFONT = 0x0031;
+inline constexpr UINT WM_NOTIFY = 0x004E;
 inline constexpr UINT WM_NCDESTROY = 0x0082;
 inline constexpr UINT WM_INITDIALOG = 0x0110;
 inline constexpr UINT WM_COMMAND = 0x0111;

@@ -52,6 +52,7 @@ enum class ForkRank {
     Tapi,
     Mapi,
     Gdi,
+    Html,
     Count,
 };
 
