@@ -88,7 +88,10 @@ std::string display_name(const Card& card) {
 std::string filed_name(const Card& card) {
     if (!card[Field::FileAs].empty()) return card[Field::FileAs];
     if (std::string name = sorted_name(card); !name.empty()) return name;
-    return card[Field::Company].empty() ? card[Field::Email1] : card[Field::Company];
+    for (const Field other : {Field::Company, Field::Email1}) {
+        if (!card[other].empty()) return card[other];
+    }
+    return composed_name(card);
 }
 
 std::string_view field_key(Field field) {

@@ -36,8 +36,9 @@ bool read_parameter(std::string_view parameter, CardHeader& header) {
     if (key == "CHARSET") {
         header.charset = value;
     } else if (encoding && value == "QUOTED-PRINTABLE") {
-        header.quoted_printable = true;
+        header.quoted_printable = !header.base64;
     } else if (encoding && (value == "BASE64" || (value == "B" && !key.empty()))) {
+        if (header.base64 || header.quoted_printable) return true;
         header.base64 = true;
         header.parameters += ";ENCODING=b";
     } else if (!encoding || key.empty()) {
@@ -158,6 +159,17 @@ std::string without_preference(std::string_view line) {
             kept = std::string(parameter.substr(0, equals + 1)) + types;
         }
         (out += ';') += kept;
+    }
+    return out += line.substr(header.value - 1);
+}
+
+std::string without_encoding(std::string_view line) {
+    CardHeader header;
+    if (!read_card_header(line, header)) return std::string(line);
+    std::string out(line.substr(0, header.name_end));
+    for (const std::string_view parameter : card_parameters(line, header)) {
+        const std::string_view name = trimmed(parameter.substr(0, parameter.find('=')));
+        if (!equal_ignoring_case(name, "ENCODING")) (out += ';') += parameter;
     }
     return out += line.substr(header.value - 1);
 }

@@ -10,10 +10,10 @@
 namespace zr {
 
 struct CardHeader {
-    std::size_t name = 0;      // where the name begins, behind the group
-    std::size_t name_end = 0;  // and the semicolon or colon behind it
-    std::size_t value = 0;     // where the value begins
-    bool quoted_printable = false;
+    std::size_t name = 0;           // where the name begins, behind the group
+    std::size_t name_end = 0;       // and the semicolon or colon behind it
+    std::size_t value = 0;          // where the value begins
+    bool quoted_printable = false;  // of several encodings the first counts
     bool base64 = false;
     std::string charset;
     std::string parameters;  // the others, each with its leading semicolon
@@ -33,6 +33,8 @@ std::vector<std::string_view> card_parameters(std::string_view line, const CardH
 std::string with_kinds_only(std::string_view line);
 // The line of a property without what says that it is preferred to others of its name.
 std::string without_preference(std::string_view line);
+// The line of a property whose value is not in base64, although it says so.
+std::string without_encoding(std::string_view line);
 
 // Looks for the lines that go on in the next one behind a = at their end, as those in quoted-printable do.
 class SoftBreaks {

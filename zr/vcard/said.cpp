@@ -21,10 +21,14 @@ void each_line(std::string_view lines, Visit visit) {
     }
 }
 
+bool is_note(const TakenProperty& property) {
+    return property.count == 1 && property.first == static_cast<std::size_t>(Field::Note);
+}
+
 // A note may be long, and most are written as they were read.
 bool is_plain_note(const TakenProperty& property, const Card& card) {
     constexpr std::string_view name = "NOTE:";
-    if (!property.fills || !property.line.starts_with(name)) return false;
+    if (!is_note(property) || !property.fills || !property.line.starts_with(name)) return false;
     std::string written;
     append_escaped_text(written, card[Field::Note]);
     return property.line.substr(name.size()) == written;
@@ -59,12 +63,16 @@ std::string in_order(std::string_view header) {
 }  // namespace
 
 std::string lines_to_keep(const std::vector<TakenProperty>& taken, const Card& card) {
+    const bool several_notes = std::count_if(taken.begin(), taken.end(), is_note) > 1;
     std::string lines;
     for (const TakenProperty& property : taken) {
         const bool in_extras =
             property.kept.size() == property.line.size() + 1 && property.kept.starts_with(property.line);
-        if (in_extras || is_plain_note(property, card) || is_data(property.line)) continue;
-        lines += property.line;
+        if (in_extras || (!several_notes && is_plain_note(property, card))) continue;
+        // A field holds text, even where its line called that data.
+        const bool data = is_data(property.line);
+        if (data && !property.fills) continue;
+        lines += data ? without_encoding(property.line) : std::string(property.line);
         lines += '\n';
     }
     return lines;

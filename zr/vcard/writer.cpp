@@ -38,6 +38,10 @@ private:
     std::array<bool, static_cast<std::size_t>(Field::Count)> fields_ = {};
 };
 
+bool is_printable_ascii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c < 0x7F; });
+}
+
 class Writer {
 public:
     Writer(CardVersion version, std::string& out) : version_(version), out_(out) {}
@@ -71,12 +75,12 @@ void Writer::property(std::string_view name, std::string_view value) {
 }
 
 void Writer::property(std::string_view name, const std::vector<std::string_view>& values) {
-    const auto is_plain = [](char c) { return c >= ' ' && c < 0x7F && c != ';' && c != '\\'; };
-    const bool plain = std::all_of(values.begin(), values.end(), [&](std::string_view value) {
-        return std::all_of(value.begin(), value.end(), is_plain);
+    const bool plain = std::all_of(values.begin(), values.end(), [](std::string_view value) {
+        return is_printable_ascii(value) && value.find_first_of(";\\") == std::string_view::npos;
     });
     if (version_ == CardVersion::V21 && !plain) return quoted_printable(name, values);
     std::string text(name);
+    if (version_ == CardVersion::V21 && !is_ascii(name)) text += ";CHARSET=UTF-8";
     char mark = ':';
     for (const std::string_view value : values) {
         text += mark;
@@ -142,7 +146,7 @@ bool Writer::kept(std::string_view text) {
     if (agent(text, property)) return true;
     const bool escapes = property.value.find('\\') != std::string::npos;
     const bool list = !escapes && property.value.find(',') != std::string::npos;
-    if (escapes || (!is_ascii(property.value) && !list)) {
+    if (escapes || (!list && !is_printable_ascii(property.value))) {
         const std::vector<std::string> parts = value_parts(property.value);
         quoted_printable(property.header, {parts.begin(), parts.end()});
         return true;
