@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "iphelper/netlink.h"
@@ -129,6 +131,7 @@ void read_route(Bytes body, bool removed, NetlinkReader& reader) {
 void read_end(Bytes body, NetlinkReader& reader) {
     int error = 0;
     value_of(body, error);
+    if (error == INT_MIN) error = -EPROTO;  // no kernel's
     reader.done(error < 0 ? -error : 0);
 }
 

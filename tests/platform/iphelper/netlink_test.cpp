@@ -5,6 +5,8 @@
 #include <net/if_arp.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -175,6 +177,7 @@ TEST(Netlink, TellsDefaultRoutesOfAllTheirWays) {
 TEST(Netlink, TellsEndsAndTornListings) {
     EXPECT_EQ(told(Message(NLMSG_DONE).head(0).bytes()), "done 0;");
     EXPECT_EQ(told(Message(NLMSG_ERROR).head(-13).bytes()), "done 13;");
+    EXPECT_EQ(told(Message(NLMSG_ERROR).head(INT_MIN).bytes()), "done " + std::to_string(EPROTO) + ";");
     EXPECT_EQ(told(Message(NLMSG_DONE).bytes()), "done 0;");
     EXPECT_EQ(told(Message(NLMSG_DONE, NLM_F_DUMP_INTR).head(0).bytes()), "torn;done 0;");
 }
