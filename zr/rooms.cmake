@@ -15,7 +15,7 @@ endmacro()
 
 zr_room(base LIBRARIES PkgConfig::GLIB nlohmann_json::nlohmann_json)
 zr_room(vcard USES base LIBRARIES zr_evcard)
-zr_room(icalendar USES base LIBRARIES PkgConfig::ICAL)
+zr_room(icalendar USES base LIBRARIES PkgConfig::ICAL PkgConfig::ICU)
 zr_room(regfile USES base)
 zr_room(mail USES base LIBRARIES PkgConfig::GMIME)
 zr_room(stores USES base vcard icalendar regfile mail)

@@ -11,6 +11,7 @@
 
 #include "zr/base/interruption.h"
 #include "zr/base/text.h"
+#include "zr/commands/calendar_day.h"
 #include "zr/commands/command.h"
 #include "zr/commands/import.h"
 #include "zr/commands/require_zone.h"
@@ -59,9 +60,32 @@ std::size_t bytes_of(const EventFields& fields) {
     return fields.subject.size() + fields.location.size() + fields.body.size() + fields.extras.size();
 }
 
+struct CalendarImportOptions : DuplicateOptions {
+    bool expand = false;
+    std::string from;
+    std::string to;
+
+    std::optional<DaySpan> span() const;
+};
+
+std::optional<DaySpan> CalendarImportOptions::span() const {
+    if (!expand && from.empty() && to.empty()) return std::nullopt;
+    if (!expand) throw Failure{Exit::Usage, "import: --from and --to say which days --expand is for"};
+    DaySpan span;
+    span.from = from.empty() ? today() : parse_day_words("--from", from);
+    span.to = parse_day_words("--to", to.empty() ? "+1y" : to, span.from);
+    if (span.to < span.from)
+        throw Failure{Exit::Usage,
+                      "import: --from " + shown_time(span.from, true) + " is after --to " + shown_time(span.to, true)};
+    if (span.to > kLastExpandedDay)
+        throw Failure{Exit::Usage, "import: --to is " + shown_time(kLastExpandedDay, true) + " at the latest"};
+    return span;
+}
+
 class CalendarImport : public Import {
 public:
-    explicit CalendarImport(const DuplicateOptions& options) : Import(options, kCalendarWords), options_(options) {}
+    explicit CalendarImport(const CalendarImportOptions& options)
+        : Import(options, kCalendarWords), options_(options), span_(options.span()) {}
 
 private:
     void read(InputFile& file) override;
@@ -69,13 +93,15 @@ private:
     bool interrupted() const override { return interruption_.asked(); }
     void end_interrupted() override { interruption_.end(); }
     std::vector<std::string> endings() const override { return {".ics", ".ical"}; }
-    void take(Event& event);
+    void take(Event& event, bool of_series);
     void take(Task& task);
     void save_when_full();
     void make_index();
     bool is_known(const std::string& key, LONG& oid);
+    bool takes_place_of_series(const Event& event, LONG& oid);
 
-    const DuplicateOptions& options_;
+    const CalendarImportOptions& options_;
+    const std::optional<DaySpan> span_;
     Interruption interruption_;
     CalendarStore store_;
     std::optional<std::unordered_map<std::string, LONG>> index_;
@@ -92,7 +118,7 @@ private:
 
 void CalendarImport::read(InputFile& file) {
     LineReader lines(read_until(file.descriptor(), interruption_.descriptor()));
-    CalendarReader calendars(lines);
+    CalendarReader calendars(lines, span_);
     CalendarReader::Item item;
     bool any = false;
     while (calendars.next(item)) {
@@ -100,7 +126,7 @@ void CalendarImport::read(InputFile& file) {
         // What is cut off by the interruption is not in yet.
         const bool left_out = item.kind == CalendarReader::Kind::LeftOut;
         if (!left_out || !interrupted()) note(file.name(), item.problems, left_out);
-        if (item.kind == CalendarReader::Kind::Event) take(item.event);
+        if (item.kind == CalendarReader::Kind::Event) take(item.event, item.of_series);
         if (item.kind == CalendarReader::Kind::Task) take(item.task);
         show(file, lines.bytes_read(), events_.size() + tasks_.size());
     }
@@ -140,7 +166,15 @@ bool CalendarImport::is_known(const std::string& key, LONG& oid) {
     return found != index_->end();
 }
 
-void CalendarImport::take(Event& event) {
+// Whether the series is there as one item, from an import that did not expand it: the first occurrence takes its place.
+bool CalendarImport::takes_place_of_series(const Event& event, LONG& oid) {
+    const std::string key = key_of("event ", event.uid, {});
+    if (!is_known(key, oid)) return false;
+    if (options_.on_duplicate != "skip") index_->erase(key);
+    return true;
+}
+
+void CalendarImport::take(Event& event, bool of_series) {
     LONG oid = 0;
     std::string key;
     if (options_.on_duplicate != "add" && !event.uid.empty()) {
@@ -149,6 +183,8 @@ void CalendarImport::take(Event& event) {
             const ComPtr<IAppointment> there = store_.appointment(oid);
             const bool skip = options_.on_duplicate == "skip" || oid < 0;
             if (skip || (there && stands_before(read_appointment(there.get()), event))) return note_known();
+        } else if (of_series && takes_place_of_series(event, oid) && options_.on_duplicate == "skip") {
+            return note_known();
         }
         batch_keys_.insert(key);
     }
@@ -226,9 +262,13 @@ long CalendarImport::save_batch() {
 }  // namespace
 
 void add_calendar_import(Command calendar) {
-    const auto options = std::make_shared<DuplicateOptions>();
+    const auto options = std::make_shared<CalendarImportOptions>();
     Command command = calendar.add_command("import", "Add the appointments and tasks of iCalendar files");
     options->add_to(command, "iCalendar files, or folders of .ics files; - is standard input");
+    command.add_flag("--expand", options->expand,
+                     "Import what recurs in a way that the calendar cannot hold as single appointments of some days");
+    command.add_option("--from", options->from, "The first of these days: 2026-01-31, today (default), friday, -1w");
+    command.add_option("--to", options->to, "The last one; +7d counts from --from (default: +1y)");
     command.footer(
         "Times become the device's local time. What is damaged, or what the calendar cannot hold, is\n"
         "named with file, line and reason on standard error, the rest is imported, and the exit code\n"
@@ -236,8 +276,13 @@ void add_calendar_import(Command calendar) {
         "DTSTAMP is older; one without a UID is always a new item. What an item has no place for is kept and\n"
         "exported again. Ctrl-C stores what was read and ends; the same command goes on from there.\n"
         "\n"
+        "A series whose rule the calendar cannot hold is one appointment, at its first time, and is named; with\n"
+        "--expand each of its occurrences from --from to --to is one, known by the UID and the day that it has\n"
+        "in the series. The same command with later days adds those.\n"
+        "\n"
         "Examples:\n"
         "  zr calendar import work.ics holidays.ics\n"
+        "  zr calendar import --expand --to +3m lectures.ics\n"
         "  curl -s https://example.com/calendar.ics | zr calendar import -");
     command.runs([options] {
         require_zone();

@@ -110,11 +110,8 @@ void Import::note(const std::string& file, const std::vector<Problem>& problems,
         if (!options_.json) continue;
         problems_.add({{"file", file}, {"line", problem.line}, {"reason", problem.reason}, {"effect", effect}});
     }
-    if (left_out) {
-        ++left_out_;
-    } else if (lost) {
-        ++incomplete_;
-    }
+    if (!lost) return;
+    ++(left_out ? left_out_ : incomplete_);
 }
 
 void Import::note_refused(const std::string& name, const std::string& why) {
@@ -146,9 +143,10 @@ void Import::report() {
     if (options_.quiet) return;
     std::string text = (options_.dry_run ? "would import " : "imported ") + std::to_string(imported_) + " " +
                        (imported_ == 1 ? words_.made : words_.all_made);
-    if (incomplete_ > 0) text += ", " + std::to_string(incomplete_) + " of them not in full";
     if (updated_ > 0) text += "; " + std::to_string(updated_) + (options_.dry_run ? " would be" : "") + " updated";
     if (known_ > 0) text += "; " + std::to_string(known_) + (known_ == 1 ? " was" : " were") + " there already";
+    // What was there already is not in full either.
+    if (incomplete_ > 0) text += "; " + std::to_string(incomplete_) + " not in full";
     if (left_out_ > 0) {
         text += "; left out " + std::to_string(left_out_) + " " + (left_out_ == 1 ? words_.source : words_.sources);
     }

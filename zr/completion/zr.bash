@@ -97,7 +97,7 @@ _zr() {
             fi
             case $command in
                 import)
-                    if [[ $current == -* ]]; then _zr_words "--on-duplicate --dry-run --json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
+                    if [[ $current == -* ]]; then _zr_words "--on-duplicate --dry-run --expand --from --to --json --quiet --help" "$current"; else _zr_files "$current"; fi ;;
                 add) _zr_words "--start --end --location --body --categories --busy --reminder --task --json --help" "$current" ;;
                 export) _zr_words "--output --json --help" "$current" ;;
                 list) _zr_words "--from --to --subject --tasks --reverse --limit --json --help" "$current" ;;

@@ -100,6 +100,11 @@ void ComponentReader::keep(std::string_view line) {
     kept_properties_ += '\n';
 }
 
+void ComponentReader::go_back(const Mark& mark) {
+    kept_properties_.resize(mark.kept);
+    problems_.resize(mark.told);
+}
+
 void ComponentReader::tell(long line, std::string_view what, const std::string& why, bool is_lost) {
     std::string reason = raw_.name;
     if (!uid_.empty()) reason += " " + uid_;

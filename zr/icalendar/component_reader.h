@@ -69,6 +69,13 @@ protected:
     void keep_part(const Part& part);
 
     void keep(std::string_view line);  // a property
+    // What was kept and told so far, and going back to it.
+    struct Mark {
+        std::size_t kept = 0;
+        std::size_t told = 0;
+    };
+    Mark mark() const { return {kept_properties_.size(), problems_.size()}; }
+    void go_back(const Mark& mark);
     std::string extras() const { return kept_properties_ + kept_components_; }
 
     // Names a property of this component that is not imported, or that a person should know of.

@@ -24,12 +24,21 @@ bool is_true(std::string_view value) {
 
 class EventReader final : public ComponentReader {
 public:
-    EventReader(const RawComponent& raw, CalendarZones& zones, ReadEvent& read, std::vector<Problem>& problems)
-        : ComponentReader(raw, zones, problems), read_(read), event_(read.event) {}
+    EventReader(const RawComponent& raw, CalendarZones& zones, ReadEvent& read, std::vector<Problem>& problems,
+                const std::optional<DaySpan>& span)
+        : ComponentReader(raw, zones, problems), read_(read), event_(read.event), span_(span) {}
 
     bool read();
 
 private:
+    // A value of an EXDATE or an RDATE.
+    struct Date {
+        const Property* property = nullptr;
+        std::string value;
+        ZonedTime time;
+        std::optional<ZonedTime> end;  // of a period, where it matters
+    };
+
     bool take(const Property& property) override;
     bool take_status(const Property& property);
     bool take_recurrence(const Property& property);
@@ -38,6 +47,7 @@ private:
     void make_all_day(const ZonedTime& start);
     void read_reminder();
     bool set_reminder(const Trigger& trigger);
+    void read_recurrence();
     void read_rules();
     bool read_rule();
     bool keeps_its_sense(const Property& rule) const;
@@ -46,16 +56,25 @@ private:
     void check_times();
     void read_dates();
     void read_date(const Property& property, const std::string& value);
+    std::optional<ZonedTime> end_of_period(const Property& property, const ZonedTime& start, const std::string& end);
+    void follow_dates();
+    void follow_date(const Date& date);
+    RecurrenceSet recurrence_set() const;
+    void expand_within(const DaySpan& span, const Mark& before, const Event& single);
 
     ReadEvent& read_;
     Event& event_;
+    const std::optional<DaySpan>& span_;
+    bool is_held_ = true;  // the fields and the pattern say all of the recurrence
     std::optional<Property> start_;
     std::optional<Property> end_;
     std::optional<Property> duration_;
     std::optional<Property> recurrence_id_;
     std::optional<Property> rule_;
     std::vector<Property> more_rules_;  // behind it
-    std::vector<Property> dates_;       // EXDATE, RDATE
+    std::vector<Property> excluded_rules_;
+    std::vector<Property> date_lists_;  // EXDATE, RDATE
+    std::vector<Date> dates_;
     bool all_day_flag_ = false;
     bool has_busy_ = false;
     ZonedTime start_time_;
@@ -80,12 +99,60 @@ bool EventReader::read() {
         for (const Property& rule : more_rules_) {
             lost(rule, "in an override");
         }
-    } else if (rule_) {
-        read_rules();
     }
     read_dates();
+    read_recurrence();
     event_.extras = extras();
     return true;
+}
+
+void EventReader::read_recurrence() {
+    const Mark before = mark();
+    const Event single = event_;
+    for (const Property& rule : excluded_rules_) {
+        is_held_ = false;
+        keep(rule.text);
+        lost(rule, "kept, but not followed");
+    }
+    if (rule_ && !recurrence_id_) read_rules();
+    follow_dates();
+    if (!is_held_ && span_ && !recurrence_id_) expand_within(*span_, before, single);
+}
+
+RecurrenceSet EventReader::recurrence_set() const {
+    RecurrenceSet set;
+    set.start = start_time_;
+    const auto value = [](const Property& rule) { return std::string(trimmed(rule.content.value)); };
+    if (rule_) set.rules.push_back(value(*rule_));
+    std::transform(more_rules_.begin(), more_rules_.end(), std::back_inserter(set.rules), value);
+    std::transform(excluded_rules_.begin(), excluded_rules_.end(), std::back_inserter(set.excluded_rules), value);
+    for (const Date& date : dates_) {
+        if (date.property->content.is("RDATE")) {
+            set.dates.push_back({date.time, date.end});
+        } else {
+            set.excluded_dates.push_back(date.time);
+        }
+    }
+    return set;
+}
+
+// Instead of what the pattern would be, `single` at each time that the set has within the span.
+void EventReader::expand_within(const DaySpan& span, const Mark& before, const Event& single) {
+    const Property& first = rule_ ? *rule_ : !dates_.empty() ? *dates_.front().property : excluded_rules_.front();
+    Expansion expansion = expand(recurrence_set(), span);
+    if (!expansion.why.empty()) return lost(first, "not expanded: " + expansion.why);
+    go_back(before);
+    event_ = single;
+    const std::string days = " from " + shown_time(span.from, true) + " to " + shown_time(span.to, true);
+    const std::string count = std::to_string(expansion.occurrences.size());
+    if (expansion.occurrences.empty()) {
+        lost(first, "does not occur" + days);
+    } else if (expansion.cut) {
+        lost(first, "its first " + count + " occurrences" + days + " are appointments of their own; there are more");
+    } else {
+        warn(first, "its occurrences" + days + " are appointments of their own: " + count);
+    }
+    read_.occurrences = std::move(expansion.occurrences);
 }
 
 bool EventReader::take(const Property& property) {
@@ -138,11 +205,11 @@ bool EventReader::take_recurrence(const Property& property) {
         return true;
     }
     if (property.content.is("EXRULE")) {
-        lost(property, "kept, but not followed");
-        return false;
+        excluded_rules_.push_back(property);
+        return true;
     }
     if (!property.content.is("EXDATE") && !property.content.is("RDATE")) return false;
-    dates_.push_back(property);
+    date_lists_.push_back(property);
     return true;
 }
 
@@ -156,6 +223,11 @@ bool EventReader::read_times() {
     read_.shift = static_cast<int>((floor<days>(event_.start) - floor<days>(start->wall)).count());
     read_end(*start);
     if (all_day_flag_ && !event_.all_day) make_all_day(*start);
+    const ZonedTime last = end_time_.value_or(*start);
+    read_.length = event_.end - event_.start;
+    read_.length_by_clock = event_.all_day || (duration_ && read_.length % days(1) == seconds(0));
+    if (!read_.length_by_clock && read_.length != seconds(0))
+        read_.length = utc_of(last.wall, last.zone) - utc_of(start->wall, start->zone);
     if (is_storable(event_.end)) return true;
     lost(*start_, "ends behind the year 4500");
     return false;
@@ -228,6 +300,7 @@ bool EventReader::keeps_its_sense(const Property& rule) const {
 // The appointment is a single one. The rule is kept as text, if it may be.
 bool EventReader::keep_rule(const Property& rule, const std::string& why) {
     const bool kept = keeps_its_sense(rule);
+    is_held_ = false;
     if (kept) keep(rule.text);
     lost(rule, why + (kept ? "; kept, but the appointment is a single one" : "; the appointment is a single one"));
     return kept;
@@ -237,6 +310,7 @@ bool EventReader::keep_rule(const Property& rule, const std::string& why) {
 void EventReader::read_rules() {
     const bool first_stays = read_rule();
     for (const Property& rule : more_rules_) {
+        is_held_ = false;
         const bool kept = first_stays && keeps_its_sense(rule);
         if (kept) keep(rule.text);
         lost(rule, kept ? "a second rule; kept, but not followed" : "a second rule; not followed");
@@ -264,7 +338,10 @@ bool EventReader::read_rule() {
     if (!rule.pattern) return keep_rule(*rule_, rule.why);
     const CalendarDay day = floor<days>(event_.start);
     if (!is_storable(event_.end + (rule.first - day))) return keep_rule(*rule_, "begins behind the year 4500");
-    if (!rule.exact) lost(*rule_, rule.why);
+    if (!rule.exact) {
+        is_held_ = false;
+        lost(*rule_, rule.why);
+    }
     if (rule.first != day) {
         lost(*rule_, "DTSTART is not one of its days; begins on " + shown_time(rule.first, true));
         const seconds length = event_.end - event_.start;
@@ -295,13 +372,14 @@ void EventReader::check_times() {
         ZonedTime time = start_time_;
         time.wall += day - days(read_.shift) - floor<days>(time.wall);
         if (!is_storable(time.wall) || device_time(time) == day + clock) continue;
+        is_held_ = false;
         return lost(*rule_, "its zone puts the clock on other days than the device's; times are off from about " +
                                 shown_time(day, true) + " on for a while");
     }
 }
 
 void EventReader::read_dates() {
-    for (const Property& property : dates_) {
+    for (const Property& property : date_lists_) {
         std::string_view values = property.content.value;
         while (!values.empty()) {
             const std::size_t end = std::min(values.find(','), values.size());
@@ -310,39 +388,66 @@ void EventReader::read_dates() {
             if (!value.empty()) read_date(property, value);
         }
     }
+}
+
+// A period is a time and an end, which may be a duration.
+void EventReader::read_date(const Property& property, const std::string& value) {
+    const std::size_t slash = value.find('/');
+    const std::optional<ZonedTime> time = time_of(property, value.substr(0, slash));
+    if (!time) return;
+    Date date = {&property, value, *time, {}};
+    if (slash != std::string::npos && span_) date.end = end_of_period(property, *time, value.substr(slash + 1));
+    dates_.push_back(std::move(date));
+}
+
+std::optional<ZonedTime> EventReader::end_of_period(const Property& property, const ZonedTime& start,
+                                                    const std::string& end) {
+    ZonedTime time = start;
+    if (parse_time(end, time)) return time;
+    Property duration = property;
+    duration.content.value = end;
+    return time_after(start, duration);
+}
+
+void EventReader::follow_dates() {
+    for (const Date& date : dates_) {
+        follow_date(date);
+    }
     auto& changes = event_.changes;
     std::sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) { return a.day < b.day; });
     const auto same = [](const Change& a, const Change& b) { return a.day == b.day; };
     changes.erase(std::unique(changes.begin(), changes.end(), same), changes.end());
 }
 
-void EventReader::read_date(const Property& property, const std::string& value) {
+void EventReader::follow_date(const Date& date) {
+    const Property& property = *date.property;
+    const ZonedTime& time = date.time;
     const bool added = property.content.is("RDATE");
-    // A period is a time and an end, which may be a duration; both are kept.
-    const std::size_t slash = value.find('/');
-    const std::optional<ZonedTime> time = time_of(property, value.substr(0, slash));
-    if (!time) return;
-    if (added && device_time(*time) == event_.start) return;
+    if (added && device_time(time) == event_.start) return;
     if (event_.pattern && !added) {
-        const CalendarDay day = read_.day_of(*time);
+        const CalendarDay day = read_.day_of(time);
         if (!occurs_on(*event_.pattern, floor<days>(event_.start), day)) {
-            return warn(property, value + " is no day of the series");
+            return warn(property, date.value + " is no day of the series");
         }
         event_.changes.push_back({day, true, {}});
         return;
     }
-    if (added) lost(property, value + " is kept, but the appointment does not occur then");
+    if (added) {
+        is_held_ = false;
+        lost(property, date.value + " is kept, but the appointment does not occur then");
+    }
+    const std::size_t slash = date.value.find('/');
     std::string line = upper(property.content.name);
     std::string rest;
     if (slash != std::string::npos) {
         line += ";VALUE=PERIOD";
-        ZonedTime end = *time;
-        const std::string end_text = value.substr(slash + 1);
+        ZonedTime end = time;
+        const std::string end_text = date.value.substr(slash + 1);
         rest = "/" + (parse_time(end_text, end) ? portable_time(end) : end_text);
-    } else if (time->is_day) {
+    } else if (time.is_day) {
         line += ";VALUE=DATE";
     }
-    keep(line + ":" + portable_time(*time) + rest);
+    keep(line + ":" + portable_time(time) + rest);
 }
 
 class TaskReader final : public ComponentReader {
@@ -452,9 +557,28 @@ CalendarDay ReadEvent::day_of(const ZonedTime& occurrence) const {
     return floor<days>(wall) + days(shift);
 }
 
-bool read_event(const RawComponent& raw, CalendarZones& zones, ReadEvent& read, std::vector<Problem>& problems) {
+Event ReadEvent::event_at(const OccurrenceTime& occurrence) const {
+    Event one = event;
+    one.start = device_time(occurrence.time);
+    ZonedTime end = occurrence.end.value_or(occurrence.time);
+    if (!occurrence.end && length_by_clock) {
+        end.wall += length;
+    } else if (!occurrence.end) {
+        end.wall = wall_of(utc_of(end.wall, end.zone) + length, end.zone);
+    }
+    one.end = std::max(device_time(end), one.start);
+    one.extras += recurrence_line(occurrence.time);
+    return one;
+}
+
+std::string recurrence_line(const ZonedTime& occurrence) {
+    return (occurrence.is_day ? "RECURRENCE-ID;VALUE=DATE:" : "RECURRENCE-ID:") + portable_time(occurrence) + "\n";
+}
+
+bool read_event(const RawComponent& raw, CalendarZones& zones, ReadEvent& read, std::vector<Problem>& problems,
+                const std::optional<DaySpan>& span) {
     read = {};
-    return EventReader(raw, zones, read, problems).read();
+    return EventReader(raw, zones, read, problems, span).read();
 }
 
 bool read_task(const RawComponent& raw, CalendarZones& zones, Task& task, std::vector<Problem>& problems) {

@@ -8,8 +8,28 @@
 
 namespace zr {
 
+// The problems of a series come with its first occurrence.
+bool CalendarReader::next_of_expanded(Item& item) {
+    if (expanded_.empty()) return false;
+    Held& held = expanded_.front();
+    const std::vector<OccurrenceTime>& occurrences = *held.read.occurrences;
+    item = {};
+    item.problems = std::exchange(held.problems, {});
+    if (next_occurrence_ < occurrences.size()) {
+        item.kind = Kind::Event;
+        item.of_series = true;
+        item.event = held.read.event_at(occurrences[next_occurrence_++]);
+    }
+    if (next_occurrence_ < occurrences.size()) return true;
+    expanded_.pop_front();
+    next_occurrence_ = 0;
+    if (expanded_.empty()) zones_.clear();
+    return true;
+}
+
 bool CalendarReader::next(Item& item) {
     while (ready_.empty()) {
+        if (next_of_expanded(item)) return true;
         RawComponent raw;
         std::vector<Problem> problems;
         switch (splitter_.next(raw, problems)) {
@@ -75,8 +95,9 @@ void CalendarReader::read(const RawComponent& raw, std::vector<Problem>& problem
         return;
     }
     Held held;
-    if (!read_event(raw, zones_, held.read, problems)) return leave_out(problems);
-    if (!held.read.recurrence_id && !held.read.event.pattern) return add_event(held.read.event, problems);
+    if (!read_event(raw, zones_, held.read, problems, span_)) return leave_out(problems);
+    const bool single = !held.read.recurrence_id && !held.read.event.pattern && !held.read.occurrences;
+    if (single) return add_event(held.read.event, problems);
     held.problems = std::move(problems);
     if (held.read.recurrence_id) {
         overrides_.push_back(std::move(held));
@@ -103,12 +124,16 @@ void CalendarReader::end_calendar() {
         apply(change);
     }
     for (Held& held : series_) {
-        add_event(held.read.event, held.problems);
+        if (held.read.occurrences) {
+            expanded_.push_back(std::move(held));
+        } else {
+            add_event(held.read.event, held.problems);
+        }
     }
     overrides_.clear();
     series_.clear();
     series_by_uid_.clear();
-    zones_.clear();
+    if (expanded_.empty()) zones_.clear();
 }
 
 // Makes an override a change of its series. One that belongs to none is an appointment of its own.
@@ -117,6 +142,7 @@ void CalendarReader::apply(Held& change) {
     const auto [begin, end] = series_by_uid_.equal_range(change.read.event.uid);
     for (auto entry = begin; entry != end; ++entry) {
         Held& held = series_[entry->second];
+        if (held.read.occurrences) return apply_to_expanded(held, change);
         Event& series = held.read.event;
         const CalendarDay day = held.read.day_of(time);
         if (!occurs_on(*series.pattern, std::chrono::floor<std::chrono::days>(series.start), day)) continue;
@@ -133,12 +159,20 @@ void CalendarReader::apply(Held& change) {
         held.problems.insert(held.problems.end(), change.problems.begin(), change.problems.end());
         return;
     }
-    change.read.event.extras +=
-        (time.is_day ? "RECURRENCE-ID;VALUE=DATE:" : "RECURRENCE-ID:") + portable_time(time) + "\n";
+    change.read.event.extras += recurrence_line(time);
     change.problems.push_back({change.read.line,
                                "VEVENT " + change.read.event.uid +
                                    ": RECURRENCE-ID: no series has this day; imported as an appointment of its own",
                                false});
+    add_event(change.read.event, change.problems);
+}
+
+// What takes the place of one occurrence is an appointment of its own as they all are.
+void CalendarReader::apply_to_expanded(Held& series, Held& change) {
+    const ZonedTime& time = *change.read.recurrence_id;
+    std::erase_if(*series.read.occurrences,
+                  [&](const OccurrenceTime& one) { return recurrence_line(one.time) == recurrence_line(time); });
+    change.read.event.extras += recurrence_line(time);
     add_event(change.read.event, change.problems);
 }
 

@@ -12,6 +12,7 @@
 
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,11 +31,14 @@ public:
     struct Item {
         Kind kind = Kind::LeftOut;
         Event event;
+        bool of_series = false;  // one occurrence of what was expanded
         Task task;
         std::vector<Problem> problems;  // found in it
     };
 
-    explicit CalendarReader(LineReader& lines) : splitter_(lines) {}
+    // With a span, recurrence sets that no pattern holds come as the occurrences that they have within it.
+    explicit CalendarReader(LineReader& lines, const std::optional<DaySpan>& span = {})
+        : splitter_(lines), span_(span) {}
 
     // The next one; false at the end of the text.
     bool next(Item& item);
@@ -57,15 +61,20 @@ private:
     bool waits_for_zone(const RawComponent& raw) const;
     void end_calendar();
     void apply(Held& change);
+    void apply_to_expanded(Held& series, Held& change);
+    bool next_of_expanded(Item& item);
     void add_event(Event& event, std::vector<Problem>& problems);
 
     CalendarSplitter splitter_;
+    std::optional<DaySpan> span_;
     bool any_calendar_ = false;
     CalendarZones zones_;
     std::deque<Waiting> waiting_;  // for a zone
     std::vector<Held> series_;
     std::multimap<std::string, std::size_t> series_by_uid_;
     std::vector<Held> overrides_;
+    std::deque<Held> expanded_;  // of the calendar that is over, its zones with them; occurrences are made one by one
+    std::size_t next_occurrence_ = 0;
     std::deque<Item> ready_;
 };
 

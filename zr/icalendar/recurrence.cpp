@@ -416,10 +416,14 @@ std::string weekdays_rule(const Pattern& pattern) {
 
 }  // namespace
 
+int interval_of_rule(const std::string& value, int most) {
+    const std::string text = part_of(value, "INTERVAL");
+    return text.empty() ? 1 : number_of(text, most);
+}
+
 RulePattern pattern_of_rule(const std::string& value, const RuleStart& start) {
     RulePattern result;
-    const std::string interval_text = part_of(value, "INTERVAL");
-    const int interval = interval_text.empty() ? 1 : number_of(interval_text, kMostInterval);
+    const int interval = interval_of_rule(value, kMostInterval);
     icalerror_set_errors_are_fatal(0);
     const icalrecurrencetype rule = icalrecurrencetype_from_string(value.c_str());
     if (rule.freq == ICAL_NO_RECURRENCE) {

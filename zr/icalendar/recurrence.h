@@ -29,6 +29,9 @@ struct RulePattern {
 // The pattern of an RRULE's value, which may be anything.
 RulePattern pattern_of_rule(const std::string& value, const RuleStart& start);
 
+// The INTERVAL of an RRULE's value, 1 where it has none; 0 when it is not a number from 1 to `most`.
+int interval_of_rule(const std::string& value, int most);
+
 // The value of an RRULE that has the pattern's occurrences, without its end.
 std::string rule_of_pattern(const Pattern& pattern);
 

@@ -1,6 +1,7 @@
 #include "zr/icalendar/zones.h"
 
 #include <libical/ical.h>
+#include <unicode/ucal.h>
 
 #include <algorithm>
 #include <utility>
@@ -67,6 +68,26 @@ std::string fault_of(icalcomponent* component) {
     return observances > kMostObservances ? "too many observances" : "";
 }
 
+// The system's name of a zone that Windows calls so; empty when it calls none so.
+std::string name_of_windows_zone(const std::string& id) {
+    constexpr std::size_t kLongest = 128;
+    if (id.size() > kLongest || !std::all_of(id.begin(), id.end(), [](unsigned char c) { return c < 0x80; })) return {};
+    const std::u16string wanted(id.begin(), id.end());
+    char16_t name[kLongest] = {};
+    UErrorCode error = U_ZERO_ERROR;
+    const int32_t length = ucal_getTimeZoneIDForWindowsID(wanted.data(), static_cast<int32_t>(wanted.size()), nullptr,
+                                                          name, kLongest, &error);
+    if (U_FAILURE(error) || length <= 0 || static_cast<std::size_t>(length) > kLongest) return {};
+    return {name, name + length};
+}
+
+bool find_in_system(const std::string& id, Zone& zone) {
+    icaltimezone* rules = icaltimezone_get_builtin_timezone(id.c_str());
+    if (!rules) rules = icaltimezone_get_builtin_timezone_from_tzid(id.c_str());
+    if (rules) zone = {Zone::Kind::Other, rules};
+    return rules != nullptr;
+}
+
 }  // namespace
 
 void CalendarZones::Free::operator()(_icaltimezone* zone) const {
@@ -122,16 +143,20 @@ bool CalendarZones::has(const std::string& id) const {
 
 bool CalendarZones::find(const std::string& id, Zone& zone) {
     zone = {};
-    if (id == device_id_) return true;
-    if (id == "UTC" || id == "Etc/UTC" || id == "GMT") {
-        zone.kind = Zone::Kind::Utc;
+    if (is_clock_of_device_or_utc(id, zone)) return true;
+    if (const auto own = zones_.find(id); own != zones_.end()) {
+        zone = {Zone::Kind::Other, own->second.get()};
         return true;
     }
-    const auto own = zones_.find(id);
-    icaltimezone* rules = own != zones_.end() ? own->second.get() : icaltimezone_get_builtin_timezone(id.c_str());
-    if (!rules) rules = icaltimezone_get_builtin_timezone_from_tzid(id.c_str());
-    if (!rules) return false;
-    zone = {Zone::Kind::Other, rules};
+    if (find_in_system(id, zone)) return true;
+    const std::string name = name_of_windows_zone(id);
+    return !name.empty() && (is_clock_of_device_or_utc(name, zone) || find_in_system(name, zone));
+}
+
+bool CalendarZones::is_clock_of_device_or_utc(const std::string& id, Zone& zone) const {
+    if (id == device_id_) return true;
+    if (id != "UTC" && id != "Etc/UTC" && id != "GMT") return false;
+    zone.kind = Zone::Kind::Utc;
     return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// The time zones of a calendar: its own VTIMEZONE components, else the zones of the system by their names.
+// The time zones of a calendar: its own VTIMEZONE components, else the zones of the system by their names, or by those
+// that Windows gives them ("W. Europe Standard Time").
 
 #include <map>
 #include <memory>
@@ -51,6 +52,8 @@ public:
     bool find(const std::string& id, Zone& zone);
 
 private:
+    bool is_clock_of_device_or_utc(const std::string& id, Zone& zone) const;
+
     struct Free {
         void operator()(_icaltimezone* zone) const;
     };

@@ -125,7 +125,7 @@ TEST_F(CalendarTool, NamesWhatIsDamagedAndImportsTheRest) {
     const std::string file = kData + "damaged.ics";
     const Result result = zr({"calendar", "import", file});
     EXPECT_EQ(result.code, 7);
-    EXPECT_EQ(result.out, "imported 2 items, 1 of them not in full; left out 4 components\n");
+    EXPECT_EQ(result.out, "imported 2 items; 1 not in full; left out 4 components\n");
     EXPECT_EQ(lines_of(result.err),
               (std::vector<std::string>{
                   "zr: " + file + ":4: component left out: VEVENT: no END:VEVENT before the next component begins",
@@ -148,6 +148,39 @@ TEST_F(CalendarTool, NamesWhatIsDamagedAndImportsTheRest) {
     EXPECT_EQ(zr({"calendar", "import", "-"}, calendar_text("")).code, 0);
     EXPECT_EQ(zr({"calendar", "import", "/no/such.ics"}).code, 6);
     EXPECT_EQ(zr({"calendar", "import", kData + "phone-2.1.vcf"}).code, 7);
+}
+
+// Expanded, not expanded, and expanded further: nothing is there twice.
+TEST_F(CalendarTool, ExpandsWhatTheCalendarCannotHold) {
+    const std::string text = calendar_text(
+        event_text("UID:a\r\nDTSTAMP:20260101T000000Z\r\nSUMMARY:Pay\r\nDTSTART;VALUE=DATE:20260110\r\nRRULE:FREQ=MONTHLY;BYMONTHDAY=10,20\r\n"));
+    const auto imported = [&](std::vector<std::string> options) {
+        options.insert(options.begin(), {"calendar", "import", "-"});
+        const Result result = zr(options, text);
+        return std::to_string(result.code) + " " + result.out;
+    };
+    EXPECT_EQ(imported({}), "7 imported 1 item; 1 not in full\n");
+    EXPECT_EQ(imported({}), "7 imported 0 items; 1 was there already; 1 not in full\n");
+    const std::vector<std::string> spring = {"--expand", "--from", "2026-03-01", "--to", "+1m"};
+    EXPECT_EQ(imported(spring), "0 imported 1 item; 1 updated\n");
+    EXPECT_EQ(imported(spring), "0 imported 0 items; 2 were there already\n");
+    EXPECT_EQ(imported({"--expand", "--from", "2026-03-20", "--to", "2026-04-10"}),
+              "0 imported 1 item; 1 was there already\n");
+    std::string days;
+    for (const json& item : list()) {
+        EXPECT_EQ(item["uid"], "a");
+        EXPECT_EQ(item["end"], item["start"]);
+        days += item["start"].get<std::string>() + " ";
+    }
+    EXPECT_EQ(days, "2026-03-10 2026-03-20 2026-04-10 ");
+    // What it says of itself comes in again.
+    const std::string text_of_it = exported();
+    use_store("again");
+    EXPECT_EQ(zr({"calendar", "import", "-"}, text_of_it).out, "imported 3 items\n");
+    EXPECT_EQ(exported(), text_of_it);
+    EXPECT_EQ(imported({"--from", "today"}), "2 ");
+    EXPECT_EQ(imported({"--expand", "--from", "today", "--to", "-1d"}), "2 ");
+    EXPECT_EQ(imported({"--expand", "--to", "2400-01-01"}), "2 ");
 }
 
 TEST_F(CalendarTool, ShowsAnOccurrence) {

@@ -241,7 +241,7 @@ TEST_F(Tool, ImportsTheSamples) {
 TEST_F(Tool, NamesDamagedCardsAndImportsTheRest) {
     const Result result = zr({"contacts", "import", kData + "damaged.vcf"});
     EXPECT_EQ(result.code, 7);
-    EXPECT_EQ(result.out, "imported 2 contacts, 1 of them not in full; left out 1 card\n");
+    EXPECT_EQ(result.out, "imported 2 contacts; 1 not in full; left out 1 card\n");
     EXPECT_EQ(lines_of(result.err),
               (std::vector<std::string>{
                   "zr: " + kData + "damaged.vcf:6: card left out: no END:VCARD before the next card begins",
