@@ -14,6 +14,8 @@
 #include "ZrUtility/Helpers/ContactsManagerEmail.h"
 #include "ZrUtility/Helpers/FileSystemMonitor.h"
 #include "ZrUtility/Helpers/GraphicalUtilities.h"
+#include "ZrUtility/Helpers/HTMLScriptUtilities.h"
+#include "ZrUtility/Helpers/IPIEHTMLUtilities.h"
 #include "ZrUtility/Helpers/KeywordTable.h"
 #include "ZrUtility/Helpers/LockHelper.h"
 #include "ZrUtility/Helpers/MapiReader.h"
