@@ -1,13 +1,11 @@
 #include "ZrUtility/ZrHashTable.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <iterator>
 #include <new>
 
 #include "ZrLog/ZrLog.h"
-#include "ZrUtility/reciprocal.h"
 
 namespace {
 
@@ -22,29 +20,12 @@ constexpr int LINE_DEACTIVATED_TOO_HIGH = 198;
 constexpr int LINE_REHASH = 231;
 
 constexpr unsigned int WHOLE_TEXT = 0x7FFFFFFF;
-constexpr ULONG HASH_MASK = 0x3FFFFFFF;
+constexpr ULONG HASH_BITS = 0x3FFFFFFF;
 
-// A slot's first word: its state in the low two bits, above them the key.
-constexpr ULONG EMPTY = 0;
-constexpr ULONG ACTIVE = 1;
-constexpr ULONG DEACTIVATED = 2;
-constexpr ULONG STATE = 3;
 // The slots' block: the reciprocal of their number, the slots, and a byte for each slot that is a filter of the keys at
 // home there, wherever they ended up: each key sets two of its bits. Bits are set for good, until a rehash. A find that
 // does not see both set knows that the key is not in the table.
 constexpr std::size_t HEADER = sizeof(ULONGLONG);
-
-constexpr std::array<BYTE, 64> FILTER_BITS = [] {
-    std::array<BYTE, 64> bits{};
-    for (std::size_t i = 0; i < bits.size(); ++i) {
-        bits[i] = static_cast<BYTE>(1u << i / 8 | 1u << i % 8);
-    }
-    return bits;
-}();
-
-BYTE filterBits(ULONG key) {
-    return FILTER_BITS[key * 0x9E3779B1u >> 26];
-}
 
 ULONG valueOf(WCHAR c) {
     return c;
@@ -64,12 +45,7 @@ ULONG hashOf(const Character* text, unsigned int maxLength) {
         const ULONG c = valueOf(text[i]);
         hash += i % 2 == 0 ? (hash << 7 ^ hash >> 3 ^ c) : ~(hash << 11 ^ hash >> 5 ^ c);
     }
-    return hash & HASH_MASK;
-}
-
-// 1 when a search for this word goes on beyond a slot with that word, else 0.
-ULONG endsNot(ULONG word, ULONG wanted) {
-    return static_cast<ULONG>(word != wanted) & static_cast<ULONG>(word != EMPTY);
+    return hash & HASH_BITS;
 }
 
 // Gives a block back, of which these are the slots.
@@ -78,15 +54,6 @@ void freeBlock(void* slots) {
 }
 
 }  // namespace
-
-struct ZrHashTable::Slot {
-    ULONG keyAndState;
-    ULONG value;
-
-    ULONG state() const { return keyAndState & STATE; }
-    ULONG key() const { return keyAndState >> 2; }
-    bool holds(ULONG wanted) const { return state() == ACTIVE && key() == wanted; }
-};
 
 const unsigned int ZrHashTable::TABLESIZE[27] = {5,    11,    17,    29,    41,    59,    79,    109,    157,
                                                  223,  331,   479,   691,   1009,  1487,  2203,  3271,   4871,
@@ -121,7 +88,7 @@ int ZrHashTable::CreateTable(unsigned int size) {
         return 0;
     }
     std::memset(block, 0, bytes);
-    new (block) ULONGLONG(reciprocalOf(slots));
+    new (block) ULONGLONG(zr::reciprocalOf(slots));
     m_slots = reinterpret_cast<Slot*>(block + HEADER);
     m_tableSize = slots;
     return 1;
@@ -168,21 +135,6 @@ int ZrHashTable::FindValue(WCHAR* key, ULONG* value, FIND_OPTIONS option, ULONG 
     return m_slots != nullptr ? FindValue(Hash(key, WHOLE_TEXT), value, option, newValue) : 0;
 }
 
-int ZrHashTable::FindValue(unsigned int key, ULONG* value, FIND_OPTIONS option, ULONG newValue) {
-    // A find that changes nothing, and that no rehash follows, as with most: there is a table, and fewer of its slots
-    // are deactivated than active.
-    if (option == FIND_ONLY && m_deactivatedCount < m_count) {
-        bool isKnown = false;
-        const Slot* const slot = findNearby(key, homeOf(key), isKnown);
-        if (isKnown) {
-            if (slot == nullptr) return 0;
-            if (value != nullptr) *value = slot->value;
-            return 1;
-        }
-    }
-    return findAndApply(key, value, option, newValue);
-}
-
 int ZrHashTable::DeleteValue(WCHAR* key) {
     return FindValue(key, nullptr, FIND_AND_DELETE, 0);
 }
@@ -224,20 +176,6 @@ unsigned int ZrHashTable::GetRequestedSize() {
     return m_requestedSize;
 }
 
-ULONGLONG ZrHashTable::reciprocal() const {
-    ULONGLONG value = 0;
-    std::memcpy(&value, reinterpret_cast<const BYTE*>(m_slots) - HEADER, sizeof value);
-    return value;
-}
-
-BYTE* ZrHashTable::filters() const {
-    return reinterpret_cast<BYTE*>(m_slots + m_tableSize);
-}
-
-ULONG ZrHashTable::homeOf(ULONG key) const {
-    return remainderOf(key, m_tableSize, reciprocal());
-}
-
 // Visits the slots of a key's path until stop(slot) says so, and returns that slot: the slot at home, then those that
 // lie the squares of 1, 2, 3... behind it. NULL at the path's end. A path of more than half the slots, counted up, has
 // no new slot to show, as the square of j and of the table's size less j lead to the same one.
@@ -261,28 +199,6 @@ ZrHashTable::Slot* ZrHashTable::slotToTake(ULONG key) const {
     });
 }
 
-// The active slot that a find meets first with this key, or NULL; what the filter and the first slots of the path tell
-// of it. `isKnown` is false when that is not enough.
-inline ZrHashTable::Slot* ZrHashTable::findNearby(ULONG key, ULONG home, bool& isKnown) const {
-    isKnown = true;
-    const BYTE bits = filterBits(key);
-    const bool isPossible = (filters()[home] & bits) == bits;
-    // Fewer slots than a path has are anything but empty: a path without the key ends at an empty slot.
-    if (!isPossible && m_count + m_deactivatedCount <= m_tableSize / 2) return nullptr;
-    if (home + 4 < m_tableSize && key <= HASH_MASK) {
-        // Few paths go on beyond three slots. Which of them ends one is as good as random, so no branch depends on it.
-        Slot* const first = m_slots + home;
-        const ULONG wanted = key << 2 | ACTIVE;
-        const ULONG beyondFirst = 0u - endsNot(first[0].keyAndState, wanted);
-        const ULONG beyondSecond = endsNot(first[1].keyAndState, wanted);
-        Slot* const slot = first + (beyondFirst & (1 + 3 * beyondSecond));
-        if (slot->keyAndState == wanted) return slot;
-        if (slot->keyAndState == EMPTY) return nullptr;
-    }
-    isKnown = false;
-    return nullptr;
-}
-
 // The whole of FindValue().
 [[gnu::noinline]] int ZrHashTable::findAndApply(ULONG key, ULONG* value, FIND_OPTIONS option, ULONG newValue) {
     Slot* const slot = m_slots != nullptr ? findSlot(key) : nullptr;
@@ -298,11 +214,16 @@ inline ZrHashTable::Slot* ZrHashTable::findNearby(ULONG key, ULONG home, bool& i
     return slot != nullptr ? 1 : 0;
 }
 
+// The active slot that a find meets first with this key, or NULL.
 ZrHashTable::Slot* ZrHashTable::findSlot(ULONG key) const {
     const ULONG home = homeOf(key);
-    bool isKnown = false;
-    Slot* const nearby = findNearby(key, home, isKnown);
-    if (isKnown) return nearby;
+    if (home + 4 < m_tableSize && key <= HASH_MASK) {
+        const ULONG wanted = key << 2 | ACTIVE;
+        Slot* const slot = nearby(wanted, home);
+        if (slot->keyAndState == wanted) return slot;
+    }
+    // Fewer slots than a path has are anything but empty: a path without the key ends at an empty slot.
+    if (!isPossible(key, home) && m_count + m_deactivatedCount <= m_tableSize / 2) return nullptr;
     Slot* const slot = walkPath(home, [key](const Slot& s) { return s.keyAndState == EMPTY || s.holds(key); });
     if (slot == nullptr) zrKelDebugBinLog0(LOG_SOURCE, LINE_PATH_EXHAUSTED, LOG_INFORMATION);
     return slot != nullptr && slot->keyAndState != EMPTY ? slot : nullptr;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstring>
+
 #include "ZrUtility/Export.h"
+#include "ZrUtility/Reciprocal.h"
 #include "platform/types.h"
 
 // A compact set or index from 30-bit hashes to 32-bit values, by open addressing. It keeps no keys: a text key is
@@ -78,7 +81,19 @@ public:
     unsigned int GetRequestedSize();
 
 private:
-    struct Slot;
+    struct Slot {
+        ULONG keyAndState;  // the state in the low two bits, above them the key
+        ULONG value;
+
+        ULONG state() const { return keyAndState & STATE; }
+        ULONG key() const { return keyAndState >> 2; }
+        bool holds(ULONG wanted) const { return state() == ACTIVE && key() == wanted; }
+    };
+    static constexpr ULONG EMPTY = 0;
+    static constexpr ULONG ACTIVE = 1;
+    static constexpr ULONG DEACTIVATED = 2;
+    static constexpr ULONG STATE = 3;
+    static constexpr ULONG HASH_MASK = 0x3FFFFFFF;
 
     ULONGLONG reciprocal() const;
     BYTE* filters() const;
@@ -86,7 +101,9 @@ private:
     template <class Stop>
     Slot* walkPath(ULONG home, Stop stop) const;
     Slot* slotToTake(ULONG key) const;
-    Slot* findNearby(ULONG key, ULONG home, bool& isKnown) const;
+    Slot* nearby(ULONG wanted, ULONG home) const;
+    static BYTE filterBits(ULONG key);
+    bool isPossible(ULONG key, ULONG home) const;
     Slot* findSlot(ULONG key) const;
     int findAndApply(ULONG key, ULONG* value, FIND_OPTIONS option, ULONG newValue);
     void deactivate(Slot* slot);
@@ -97,6 +114,58 @@ private:
     ULONG m_tableSize;
     ULONG m_count;
     int m_replaceExisting;
-    Slot* m_slots;
+    Slot* m_slots;  // behind the reciprocal of their number
     ULONG m_deactivatedCount;
 };
+
+inline ULONGLONG ZrHashTable::reciprocal() const {
+    ULONGLONG value = 0;
+    std::memcpy(&value, reinterpret_cast<const BYTE*>(m_slots) - sizeof value, sizeof value);
+    return value;
+}
+
+inline BYTE* ZrHashTable::filters() const {
+    return reinterpret_cast<BYTE*>(m_slots + m_tableSize);
+}
+
+inline BYTE ZrHashTable::filterBits(ULONG key) {
+    const ULONG hash = key * 0x9E3779B1u >> 26;
+    return static_cast<BYTE>(1u << hash / 8 | 1u << hash % 8);
+}
+
+inline ULONG ZrHashTable::homeOf(ULONG key) const {
+    return zr::remainderOf(key, m_tableSize, reciprocal());
+}
+
+// The slot with this key, if it is one of the first of the path; else any. Which of them it is is as good as random, so
+// no branch depends on it.
+inline ZrHashTable::Slot* ZrHashTable::nearby(ULONG wanted, ULONG home) const {
+    Slot* const first = m_slots + home;
+    const ULONG beyondFirst = 0u - static_cast<ULONG>(first[0].keyAndState != wanted);
+    const auto beyondSecond = static_cast<ULONG>(first[1].keyAndState != wanted);
+    return first + (beyondFirst & (1 + 3 * beyondSecond));
+}
+
+// Whether a key may lie on the path of those at home there: each has set two bits, wherever it ended up.
+inline bool ZrHashTable::isPossible(ULONG key, ULONG home) const {
+    const BYTE bits = filterBits(key);
+    return (filters()[home] & bits) == bits;
+}
+
+inline int ZrHashTable::FindValue(unsigned int key, ULONG* value, FIND_OPTIONS option, ULONG newValue) {
+    // A find that changes nothing, and that no rehash follows, as with most: there is a table, and fewer of its slots
+    // are deactivated than active.
+    if (option == FIND_ONLY && m_deactivatedCount < m_count) {
+        const ULONG home = homeOf(key);
+        if (home + 4 < m_tableSize && key <= HASH_MASK) {
+            const ULONG wanted = key << 2 | ACTIVE;
+            const Slot* const slot = nearby(wanted, home);
+            if (slot->keyAndState == wanted) {
+                if (value != nullptr) *value = slot->value;
+                return 1;
+            }
+        }
+        if (!isPossible(key, home) && m_count + m_deactivatedCount <= m_tableSize / 2) return 0;
+    }
+    return findAndApply(key, value, option, newValue);
+}

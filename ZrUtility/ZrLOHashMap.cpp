@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "ZrUtility/hash_map_iterator.h"
+#include "ZrUtility/HashMapIterator.h"
 
 ZrLOHashMap::ZrLOHashMap(int capacity) noexcept : ZrLLHashMap(capacity) {}
 

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "ZrLog/ZrLog.h"
-#include "ZrUtility/ZrLLHashMap.h"
+#include "ZrUtility/hash_map_put.h"
 
 namespace {
 
@@ -74,6 +74,14 @@ std::array<char, BLOCK> lastOf(const char* end, unsigned left) {
     return std::bit_cast<std::array<char, BLOCK>>(word);
 }
 
+// Tells the log when another text stands under a key's hash.
+void logCollision(const void* storedKey, const void* key) {
+    const auto* stored = static_cast<const char*>(storedKey);
+    if (std::strcmp(stored, static_cast<const char*>(key)) == 0) return;
+    zrKelDebugBinLog0(LOG_SOURCE, LINE_COLLISION, LOG_FAILURE);
+    zrKelDebugBinBuffer(LOG_SOURCE, LINE_COLLISION_KEY, LOG_FAILURE, stored, std::strlen(stored));
+}
+
 }  // namespace
 
 ZrStringLongHashMap::ZrStringLongHashMap(int capacity) noexcept
@@ -96,18 +104,21 @@ ZrStringLongHashMap::~ZrStringLongHashMap() {
 
 void* ZrStringLongHashMap::put(void* key, void* value) {
     if (m_keyMap == nullptr || key == nullptr) return nullptr;
-    bool collision = false;
-    const int hash = getHashCodeWithChecking(key, nullptr, &collision);
-    if (collision) {
-        const auto* stored = static_cast<const char*>(m_keyMap->get(asKey(hash)));
-        zrKelDebugBinLog0(LOG_SOURCE, LINE_COLLISION, LOG_FAILURE);
-        zrKelDebugBinBuffer(LOG_SOURCE, LINE_COLLISION_KEY, LOG_FAILURE, stored, std::strlen(stored));
+    void* const hash = asKey(getStringHashCode(static_cast<const char*>(key)));
+    ULONG slot = m_keyMap->findToPut(hash);
+    if (slot != ZrLLHashMap::NO_SLOT) logCollision(m_keyMap->valueAt(slot, KEY_COLUMN), key);
+    if (m_keyMap->isFull()) {
+        m_keyMap->rehash();
+        followKeyMap();
+        slot = m_keyMap->findToPut(hash);
     }
-    const ULONG slot = m_keyMap->claim(asKey(hash));
-    followKeyMap();
+    const bool isNew = slot == ZrLLHashMap::NO_SLOT;
+    if (isNew) slot = m_keyMap->insert(hash);
+    m_valueMap->m_count = m_keyMap->m_count;
     if (slot == ZrLLHashMap::NO_SLOT) return nullptr;
     m_keyMap->valueAt(slot, KEY_COLUMN) = key;
-    return std::exchange(m_keyMap->valueAt(slot, VALUE_COLUMN), value);
+    void* const old = std::exchange(m_keyMap->valueAt(slot, VALUE_COLUMN), value);
+    return isNew ? nullptr : old;
 }
 
 void* ZrStringLongHashMap::get(void* key) {
@@ -135,14 +146,6 @@ bool ZrStringLongHashMap::containsKey(void* key) {
 
 int ZrStringLongHashMap::size() {
     return m_keyMap != nullptr ? m_keyMap->size() : 0;
-}
-
-ZrIterator* ZrStringLongHashMap::keys() {
-    return m_keyMap != nullptr ? m_keyMap->values() : nullptr;
-}
-
-ZrIterator* ZrStringLongHashMap::values() {
-    return m_valueMap != nullptr ? m_valueMap->values() : nullptr;
 }
 
 ZrIterator* ZrStringLongHashMap::entries() {

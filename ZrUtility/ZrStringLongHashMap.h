@@ -1,9 +1,8 @@
 #pragma once
 
 #include "ZrUtility/Export.h"
+#include "ZrUtility/ZrLLHashMap.h"
 #include "ZrUtility/ZrMap.h"
-
-class ZrLLHashMap;
 
 // A map from narrow texts to integers as wide as a pointer. Keys are char* passed as void*, never NULL. They are not
 // copied: the map keeps the caller's pointer, so a key must stay alive and as it is while it is in the map.
@@ -48,3 +47,11 @@ private:
     ZrLLHashMap* m_keyMap;
     ZrLLHashMap* m_valueMap;
 };
+
+inline ZrIterator* ZrStringLongHashMap::keys() {
+    return m_keyMap != nullptr ? m_keyMap->ZrLLHashMap::values() : nullptr;
+}
+
+inline ZrIterator* ZrStringLongHashMap::values() {
+    return m_valueMap != nullptr ? m_valueMap->ZrLLHashMap::values() : nullptr;
+}

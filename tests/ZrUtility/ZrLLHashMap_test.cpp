@@ -203,6 +203,48 @@ TEST(ZrLLHashMap, IteratorsReadTheMapInPlace) {
     EXPECT_EQ(iterator->next(), nullptr);
 }
 
+TEST(ZrLLHashMap, IteratorsStandWhereTheyHaveLooked) {
+    ZrLLHashMap map(17);
+    for (const int key : {3, 5, 16}) {
+        map.put(as(key), as(key));
+    }
+    const std::unique_ptr<ZrIterator> iterator(map.values());
+    EXPECT_EQ(iterator->hasNext(), 1);
+    map.put(as(1), as(1));  // behind the position
+    map.put(as(4), as(4));
+    map.remove(as(3));
+    EXPECT_EQ(iterator->next(), as(4));
+    map.put(as(4), as(44));
+    EXPECT_EQ(iterator->hasNext(), 1);
+    map.remove(as(5));
+    map.put(as(7), as(7));
+    map.put(as(8), as(8));
+    EXPECT_EQ(iterator->next(), as(7));
+    EXPECT_EQ(iterator->next(), as(8));
+    EXPECT_EQ(iterator->next(), as(16));
+    EXPECT_EQ(iterator->next(), nullptr);
+    EXPECT_EQ(iterator->hasNext(), 0);
+}
+
+// A removed key's slot is not taken for that of the key 0, nor for its own.
+TEST(ZrLLHashMap, AKeyOf0IsToldFromASlotThatIsNotInUse) {
+    ZrLLHashMap map(10);
+    EXPECT_FALSE(map.containsKey(nullptr));
+    map.put(nullptr, as(5));
+    map.put(as(10), as(6));  // the next slot of the same search
+    EXPECT_EQ(map.remove(nullptr), as(5));
+    EXPECT_FALSE(map.containsKey(nullptr));
+    EXPECT_EQ(map.get(nullptr), nullptr);
+    EXPECT_EQ(map.get(as(10)), as(6));
+    EXPECT_EQ(map.remove(as(10)), as(6));
+    EXPECT_FALSE(map.containsKey(as(10)));
+    map.put(as(10), as(7));
+    map.clear();
+    EXPECT_FALSE(map.containsKey(as(10)));
+    EXPECT_EQ(map.get(as(10)), nullptr);
+    EXPECT_FALSE(map.containsKey(nullptr));
+}
+
 TEST(ZrLLHashMap, HasNoEntries) {
     LogTape tape;
     ZrLLHashMap map(4);

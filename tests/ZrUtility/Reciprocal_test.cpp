@@ -1,4 +1,4 @@
-#include "ZrUtility/reciprocal.h"
+#include "ZrUtility/Reciprocal.h"
 
 #include <gtest/gtest.h>
 
@@ -8,6 +8,9 @@
 #include "ZrUtility/ZrHashTable.h"
 
 namespace {
+
+using zr::reciprocalOf;
+using zr::remainderOf;
 
 constexpr ULONG kLargest = std::numeric_limits<ULONG>::max();
 

@@ -5,6 +5,8 @@
 // Remainders without a division, for a divisor that serves many times: its reciprocal is a fraction of 64 bits, and a
 // remainder takes two multiplications. Exact for every 32-bit number and every divisor but 0.
 
+namespace zr {
+
 constexpr ULONGLONG reciprocalOf(ULONG divisor) {
     return ~ULONGLONG{0} / divisor + 1;
 }
@@ -24,3 +26,5 @@ constexpr ULONG partOf(ULONGLONG fraction, ULONG number) {
 constexpr ULONG remainderOf(ULONG number, ULONG divisor, ULONGLONG reciprocal) {
     return partOf(reciprocal * number, divisor);
 }
+
+}  // namespace zr
