@@ -266,7 +266,11 @@ void enable_ours(benchmark::State& state) {
     }
     PyxProxyHelper::Release();
 }
-BENCHMARK(enable_ours)->Name("enable_and_revert_1000/ours")->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(enable_ours)
+    ->Name("enable_and_revert_1000/ours")
+    ->MeasureProcessCPUTime()
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 // The same values written and put back in one transaction each.
 void enable_sqlite(benchmark::State& state) {
@@ -302,6 +306,7 @@ void enable_sqlite(benchmark::State& state) {
 }
 BENCHMARK(enable_sqlite)
     ->Name("enable_and_revert_1000/sqlite_transaction")
+    ->MeasureProcessCPUTime()
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 

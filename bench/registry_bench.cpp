@@ -5,7 +5,7 @@
 //                                        the same value by g_settings_get over a dconf database
 //   RegistrySetDWORD                     a value, on the disk when the call returns. `sqlite`: one durable transaction
 //                                        that replaces such a row in a database of its own, in the same folder
-//   RegistryMoveKey                      ten sub-keys of a thousand values each, copied one by one, and the first key
+//   RegistryMoveKey                      ten sub-keys of a thousand values each, copied key by key, and the first key
 //                                        deleted. `sqlite`: copying the rows and deleting the first ones by two
 //                                        statements in one durable transaction
 

@@ -198,6 +198,63 @@ private:
     std::size_t m_length = 0;
 };
 
+// The connections of this device, as of one moment.
+class Connections {
+public:
+    void Query() {
+        DWORD size = 0;
+        ConnMgrQueryDetailedStatus(nullptr, &size);
+        if (size == 0) return;
+        m_buffer.reset(new (std::nothrow) BYTE[size]);
+        if (!m_buffer || FAILED(ConnMgrQueryDetailedStatus(reinterpret_cast<Record*>(m_buffer.get()), &size)) ||
+            size == 0)
+            m_buffer.reset();
+    }
+    // The address of the first one that is connected to the network; 0 when there is none.
+    ULONG AddressIn(const GUID& network) const {
+        for (const Record* each = reinterpret_cast<const Record*>(m_buffer.get()); each != nullptr;
+             each = each->pNext) {
+            if (each->dwConnectionStatus != CONNMGR_STATUS_CONNECTED || !(each->guidDestNet == network)) continue;
+            if (each->pIPAddr == nullptr || each->pIPAddr->cIPAddr == 0) return 0;
+            ULONG address = 0;  // behind the port
+            std::memcpy(&address, each->pIPAddr->IPAddr[0].ss_data + sizeof(USHORT), sizeof address);
+            return address;
+        }
+        return 0;
+    }
+
+private:
+    using Record = CONNMGR_CONNECTION_DETAILED_STATUS;
+
+    std::unique_ptr<BYTE[]> m_buffer;
+};
+
+// Up to ENTRIES_AT_ONCE entries from a position on that are not the client's own; each(entry) is called for each of
+// them, and all that it changes in the registry is kept as one. What takes time is done before others have to wait for
+// it. Where that cannot be kept, on a disk that is full, say: once more, value by value, as far as it goes, after
+// undo(). False when there are no more entries.
+template <class Each, class Undo>
+bool ChangeSome(ProviderEnumerator& entries, ULONG first, Each each, Undo undo) {
+    for (const bool together : {true, false}) {
+        const OwnedItems found(new (std::nothrow) ZrLinkList);
+        ProviderItem* next = nullptr;
+        ULONG count = 0;
+        for (; found && count < ENTRIES_AT_ONCE && entries.GetNextItem(first + count, &next); ++count) {
+            if (next->IsHalcyonProvider() || found->appendElement(next) != 0) delete next;
+        }
+        RegistryBatch batch;
+        if (!together) batch.Keep();
+        while (found) {
+            std::unique_ptr<ProviderItem> entry(TakeFirst<ProviderItem>(*found));
+            if (!entry) break;
+            each(std::move(entry));
+        }
+        if (batch.Keep()) return count == ENTRIES_AT_ONCE;
+        undo();
+    }
+    return true;
+}
+
 // One rewrite of all entries.
 struct Rewrite {
     ProviderEnumerator entries;
@@ -207,11 +264,13 @@ struct Rewrite {
     explicit Rewrite(int wanted) : enable(wanted) {}
 
     void All();
-    bool Some(ULONG first, ProviderItem& http);
     void DropBehind(int count) const;
     bool Take(std::unique_ptr<ProviderItem> item) const;
     bool One(ProviderItem& entry, ProviderItem& http) const;
-    static void PointAtClient(ProviderItem& entry, ProviderItem& http);
+    void PointAtClient(ProviderItem& entry, ProviderItem& http) const;
+
+private:
+    Connections m_connections;
 };
 
 // False without memory: then the item is closed.
@@ -228,27 +287,16 @@ void Rewrite::All() {
     http.SetEnable(enable, 0);
     own.corp->SetEnable(enable, 0);
     if (!Take(std::move(own.http)) || !Take(std::move(own.corp))) return;
+    // Whoever is asked for them may take seconds to answer.
+    if (enable) m_connections.Query();
     bool more = true;
     for (ULONG first = 0; more; first += ENTRIES_AT_ONCE) {
         const int before = items->getNumberOfElement();
-        RegistryBatch batch;
-        more = Some(first, http);
-        if (batch.Keep()) continue;
-        // On a disk that is full, say: once more, value by value, as far as it goes.
-        DropBehind(before);
-        more = Some(first, http);
+        const auto rewrite = [&](std::unique_ptr<ProviderItem> entry) {
+            if (One(*entry, http)) Take(std::move(entry));
+        };
+        more = ChangeSome(entries, first, rewrite, [&] { DropBehind(before); });
     }
-}
-
-// False when there are no more.
-bool Rewrite::Some(ULONG first, ProviderItem& http) {
-    for (ULONG i = first; i < first + ENTRIES_AT_ONCE; ++i) {
-        ProviderItem* next = nullptr;
-        if (!entries.GetNextItem(i, &next)) return false;
-        std::unique_ptr<ProviderItem> entry(next);
-        if (!entry->IsHalcyonProvider() && One(*entry, http)) Take(std::move(entry));
-    }
-    return true;
 }
 
 void Rewrite::DropBehind(int count) const {
@@ -275,13 +323,13 @@ bool Rewrite::One(ProviderItem& entry, ProviderItem& http) const {
 }
 
 // At this device's address on the connection that the entry begins at, and the client's port.
-void Rewrite::PointAtClient(ProviderItem& entry, ProviderItem& http) {
+void Rewrite::PointAtClient(ProviderItem& entry, ProviderItem& http) const {
     WCHAR source[VALUE_CHARS];
     WCHAR port[VALUE_CHARS];
     GUID network = {};
     if (!entry.GetSrcId(source, VALUE_CHARS) || FAILED(CLSIDFromString(source, &network))) return;
     if (!OwnPort(http, port)) return;
-    const ULONG address = PyxProxyHelper::GetDestIPAddress(network);
+    const ULONG address = m_connections.AddressIn(network);
     if (address == 0) return;
     BYTE bytes[sizeof address];
     std::memcpy(bytes, &address, sizeof bytes);
@@ -439,10 +487,8 @@ ULONG PyxProxyHelper::ThreadedProcessingXML(void* items) {
 int PyxProxyHelper::RevertNullProxies() {
     ProviderEnumerator entries;
     entries.Initialize();
-    ProviderItem* next = nullptr;
-    for (ULONG i = 0; entries.GetNextItem(i, &next); ++i) {
-        const std::unique_ptr<ProviderItem> entry(next);
-        if (!entry->IsHalcyonProvider()) entry->RevertChanges();
+    const auto revert = [](std::unique_ptr<ProviderItem> entry) { entry->RevertChanges(); };
+    for (ULONG first = 0; ChangeSome(entries, first, revert, [] {}); first += ENTRIES_AT_ONCE) {
     }
     return 0;
 }
@@ -459,21 +505,9 @@ int PyxProxyHelper::EnsureHalcyonDestination() {
 // ---- Addresses and connections ----
 
 ULONG PyxProxyHelper::GetDestIPAddress(GUID& network) {
-    DWORD size = 0;
-    ConnMgrQueryDetailedStatus(nullptr, &size);
-    if (size == 0) return 0;
-    using Record = CONNMGR_CONNECTION_DETAILED_STATUS;
-    const std::unique_ptr<BYTE[]> buffer(new (std::nothrow) BYTE[size]);
-    auto* const first = reinterpret_cast<Record*>(buffer.get());
-    if (!buffer || FAILED(ConnMgrQueryDetailedStatus(first, &size))) return 0;
-    for (const Record* each = size != 0 ? first : nullptr; each != nullptr; each = each->pNext) {
-        if (each->dwConnectionStatus != CONNMGR_STATUS_CONNECTED || !(each->guidDestNet == network)) continue;
-        if (each->pIPAddr == nullptr || each->pIPAddr->cIPAddr == 0) return 0;
-        ULONG address = 0;  // behind the port
-        std::memcpy(&address, each->pIPAddr->IPAddr[0].ss_data + sizeof(USHORT), sizeof address);
-        return address;
-    }
-    return 0;
+    Connections connections;
+    connections.Query();
+    return connections.AddressIn(network);
 }
 
 int PyxProxyHelper::OnConnectionStatusUpdate(ULONG status) {

@@ -53,7 +53,9 @@ unsigned int StoredSize(HKEY root, const WCHAR* subKey, const WCHAR* name) {
     return RegQueryValueExW(key, name, nullptr, nullptr, nullptr, &size) == SUCCESS ? size : 0;
 }
 
+// A value that is larger than the buffer ends the copy.
 void CopyValues(HKEY from, HKEY to) {
+    if (ZrRegistryCopyValues(from, to, DATA_BYTES) == SUCCESS) return;
     WCHAR name[NAME_CHARACTERS];
     BYTE data[DATA_BYTES];
     for (DWORD index = 0;; ++index) {

@@ -26,14 +26,17 @@ int examine(int descriptor, off_t size) {
     if (fstat(descriptor, &status) != 0) return errno;
     if (const int error = check(status); error != 0) return error;
     if ((status.st_mode & kForOthers) != 0 && fchmod(descriptor, kPrivate) != 0) return errno;
+    if (status.st_size >= size) return 0;
     const WithinSizeLimit no_signal;
-    return status.st_size < size ? posix_fallocate(descriptor, 0, size) : 0;
+    return posix_fallocate(descriptor, 0, size);
 }
 
 }  // namespace
 
 int open_private_file(const std::string& path, off_t size, int* descriptor) noexcept {
-    HostFd file = open_host(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, kPrivate);
+    constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK;
+    HostFd file = open_host(path.c_str(), kFlags);
+    if (!file && errno == ENOENT) file = open_host(path.c_str(), kFlags | O_CREAT, kPrivate);
     if (!file) return errno;
     const int error = examine(file.get(), size);
     if (error == 0 && descriptor != nullptr) *descriptor = file.detach();

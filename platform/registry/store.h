@@ -42,6 +42,7 @@ public:
             StoreWriting writing;
             if (const DWORD error = writing.begin(shared_); error != ERROR_SUCCESS) return registry_error(error);
             Transaction transaction(writing);
+            if (own != nullptr && writing.knows([&] { return tree_.has(own->key); })) transaction.trust(own->key);
             if (const DWORD error = body(transaction); error != ERROR_SUCCESS) return error;
             const auto take_over = [&] { tree_.take_over(*own); };
             return registry_error(own != nullptr ? writing.commit(take_over) : writing.commit());

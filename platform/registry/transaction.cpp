@@ -44,8 +44,16 @@ DWORD Transaction::log_value(ChangeKind kind, const Place& key, std::u16string_v
     return std::exchange(several_, true) ? ERROR_SUCCESS : log(ChangeKind::ValuesChanged, key, {});
 }
 
+DWORD Transaction::log_values(const Place& key) {
+    if (tree_ != nullptr) tree_->note({0, ChangeKind::ValuesChanged, key.id, key.parents, {}});
+    if (values_of_ == key.id && several_) return ERROR_SUCCESS;
+    values_of_ = key.id;
+    several_ = true;
+    return log(ChangeKind::ValuesChanged, key, {});
+}
+
 DWORD Transaction::check(const Place& key) {
-    if (key.parents.empty() || (tree_ != nullptr && tree_->has(key.id))) return ERROR_SUCCESS;
+    if (key.parents.empty() || key.id == trusted_ || (tree_ != nullptr && tree_->has(key.id))) return ERROR_SUCCESS;
     const Use row = connection_.use("SELECT 1 FROM key WHERE id = ?1");
     if (!row) return failed();
     row->bind(1, key.id);
@@ -213,6 +221,29 @@ DWORD Transaction::delete_value(const Place& key, std::u16string_view name) {
     if (connection_.changes() == 0) return ERROR_FILE_NOT_FOUND;
     if (tree_ != nullptr) tree_->take_over({key.id, ChangeKind::ValueRemoved, name, 0, nullptr, 0});
     return log_value(ChangeKind::ValueRemoved, key, name);
+}
+
+DWORD Transaction::copy_values(const Place& from, const Place& to, DWORD most) {
+    {
+        const Use row = connection_.use("SELECT 1 FROM value WHERE key = ?1 AND length(data) > ?2 LIMIT 1");
+        if (!row) return failed();
+        row->bind(1, from.id);
+        row->bind(2, most);
+        const int code = row->step();
+        if (code == SQLITE_ROW) return ERROR_MORE_DATA;
+        if (code != SQLITE_DONE) return failed();
+    }
+    if (from.id == to.id) return ERROR_SUCCESS;
+    Use statement = connection_.use(
+        "INSERT INTO value(key, folded, name, type, data)"
+        " SELECT ?2, folded, name, type, data FROM value WHERE key = ?1"
+        " ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = excluded.data"
+        " WHERE type <> excluded.type OR data <> excluded.data");
+    if (!statement) return failed();
+    statement->bind(1, from.id);
+    statement->bind(2, to.id);
+    if (connection_.run(statement) != 0) return failed();
+    return connection_.changes() == 0 ? ERROR_SUCCESS : log_values(to);
 }
 
 }  // namespace zr::platform::registry

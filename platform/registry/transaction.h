@@ -27,6 +27,8 @@ public:
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
+    // The key is known to be there.
+    void trust(KeyId key) { trusted_ = key; }
     // ERROR_KEY_DELETED when the key is no longer there.
     DWORD check(const Place& key);
     // Goes down a path: ERROR_FILE_NOT_FOUND when a key of it is missing.
@@ -36,6 +38,8 @@ public:
     DWORD delete_tree(const Place& key);
     DWORD set_value(const Place& key, std::u16string_view name, DWORD type, const BYTE* data, DWORD size);
     DWORD delete_value(const Place& key, std::u16string_view name);
+    // ERROR_MORE_DATA, before anything is set, when a value has more than `most` bytes of data.
+    DWORD copy_values(const Place& from, const Place& to, DWORD most);
 
     // The store has failed: what was changed is good for nothing but being rolled back.
     bool is_broken() const { return broken_; }
@@ -67,11 +71,13 @@ private:
     DWORD log(ChangeKind kind, const Place& key, std::u16string_view name);
     DWORD log_key(ChangeKind kind, const Place& key, std::u16string_view name);
     DWORD log_value(ChangeKind kind, const Place& key, std::u16string_view name);
+    DWORD log_values(const Place& key);
     DWORD failed();
 
     StoreWriting& writing_;
     Connection& connection_;
     Tree* tree_;
+    KeyId trusted_ = 0;
     KeyId values_of_ = 0;   // the last change was one of this key's values
     bool several_ = false;  // and the log says that there may be any number of them
     bool broken_ = false;

@@ -80,3 +80,20 @@ LONG RegEnumValueW(HKEY key, DWORD index, LPWSTR name, DWORD* name_chars, DWORD*
         return named != ERROR_SUCCESS ? named : given;
     }));
 }
+
+LONG ZrRegistryCopyValues(HKEY from, HKEY to, DWORD most) {
+    cancellation_point();
+    const KeyArgument source(from);
+    const KeyArgument target(to);
+    if (!source || !target) return result(ERROR_INVALID_HANDLE);
+    Store* const store = Store::instance();
+    if (store == nullptr) return result(ERROR_NOT_ENOUGH_MEMORY);
+    return result(write_as_one(*store, [&](Transaction& transaction) {
+        if (source.is_deleted() || target.is_deleted()) return DWORD{ERROR_KEY_DELETED};
+        const Place first = source.place();
+        const Place second = target.place();
+        DWORD error = transaction.check(first);
+        if (error == ERROR_SUCCESS) error = transaction.check(second);
+        return error == ERROR_SUCCESS ? transaction.copy_values(first, second, most) : error;
+    }));
+}

@@ -75,11 +75,13 @@ int Bell::Pull::take_alone(const Bell& bell) {
 
 int Bell::Pull::take(const Bell& bell, short kind) {
     if (const int error = open_private_file(bell.path_, 0, &file_); error != 0) return error;
-    const auto deadline = std::chrono::steady_clock::now() + kMarkPatience;
+    std::chrono::steady_clock::time_point deadline{};
     while (!lock_range(file_, kind, kWriters, 1)) {
         const int error = errno;
         const bool taken = error == EAGAIN || error == EACCES;
-        if ((!taken && error != EINTR) || std::chrono::steady_clock::now() > deadline) {
+        const auto now = std::chrono::steady_clock::now();
+        if (deadline == decltype(deadline){}) deadline = now + kMarkPatience;
+        if ((!taken && error != EINTR) || now > deadline) {
             let_go();
             return taken ? EBUSY : error;
         }

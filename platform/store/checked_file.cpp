@@ -545,7 +545,8 @@ int control_marks(File& file, int what, void* argument) {
 int x_file_control(sqlite3_file* base, int what, void* argument) {
     File& file = file_of(base);
     if (what >= kReadMarks && what <= kExpectPages) return control_marks(file, what, argument);
-    const WithinSizeLimit no_signal;  // it may be told to set room aside
+    if (what != SQLITE_FCNTL_SIZE_HINT) return file.methods()->xFileControl(file.real(), what, argument);
+    const WithinSizeLimit no_signal;  // it sets room aside
     return file.methods()->xFileControl(file.real(), what, argument);
 }
 

@@ -407,7 +407,7 @@ void SharedStore::look_again() {
 bool SharedStore::take_right(Clock::duration patience) {
     std::unique_lock lock(right_mutex_);
     if (has_right_ && right_holder_ == std::this_thread::get_id()) return false;
-    if (!right_free_.wait_for(lock, patience, [this] { return !has_right_; })) return false;
+    if (has_right_ && !right_free_.wait_for(lock, patience, [this] { return !has_right_; })) return false;
     has_right_ = true;
     right_holder_ = std::this_thread::get_id();
     return true;
@@ -508,6 +508,7 @@ DWORD StoreWriting::prepare() {
             }
             before_ = store_->stamp_;
             before_known_ = store_->stamp_known_;
+            before_seq_ = store_->followed_ ? store_->position_ : 0;
             if (const DWORD error = store_->open_writer(); error != ERROR_SUCCESS) return error;
         }
         const int number = store_->pull_.take(store_->bell_);
@@ -534,8 +535,13 @@ DWORD StoreWriting::start() {
 
 DWORD StoreWriting::next_seq(LONGLONG& seq) {
     if (!numbered_) {
-        if (connection().scalar("SELECT max(seq) FROM change", first_seq_) != ERROR_SUCCESS)
+        // What is in memory is the newest there is: the last change is known.
+        const bool known = before_known_ && before_seq_ != 0;
+        if (known) {
+            first_seq_ = before_seq_;
+        } else if (connection().scalar("SELECT max(seq) FROM change", first_seq_) != ERROR_SUCCESS) {
             return store_->fail(connection());
+        }
         seq_ = first_seq_;
         numbered_ = true;
     }

@@ -192,6 +192,11 @@ ZRPLATFORM_API LONG ZrRegistryApply(const ZrRegistryChange* changes, DWORD count
 using ZrRegistryNextChange = int (*)(ZrRegistryChange* change, LPVOID context);
 ZRPLATFORM_API LONG ZrRegistryApplyEach(ZrRegistryNextChange next, LPVOID context, DWORD* failed);
 
+// Sets every value of `from` in `to`, with its type and data, as one change: all of them or, on failure, none. Values
+// of `to` that have other names stay. ERROR_MORE_DATA, and none is set, when one of them has more than `most` bytes of
+// data.
+ZRPLATFORM_API LONG ZrRegistryCopyValues(HKEY from, HKEY to, DWORD most);
+
 // From here to ZrRegistryEndBatch the calling thread's changes are one: no other thread and no other program sees some
 // of them without the others, and who is killed in between leaves none. Each call still succeeds or fails by itself, as
 // it would alone, and this thread sees what it has changed; other threads may use the same handles, and find a key that

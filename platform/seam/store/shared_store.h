@@ -217,6 +217,15 @@ public:
     Connection& connection() { return store_->writer_; }
     DWORD origin() const { return store_->origin(); }
 
+    // What look() says, called with the reading lock held, of what is in memory; false when that may be older than what
+    // this change begins with.
+    template <class Look>
+    bool knows(Look look) const {
+        if (!before_known_) return false;
+        const auto reading = store_->lock();
+        return store_->is_known(before_) && look();
+    }
+
     // The number of the next row that the caller writes into the log.
     DWORD next_seq(LONGLONG& seq);
     bool has_changes() const { return seq_ != first_seq_; }
@@ -269,6 +278,7 @@ private:
     SharedStore* store_ = nullptr;
     CommitWatch::Stamp before_;  // what was known when the transaction began
     bool before_known_ = false;
+    LONGLONG before_seq_ = 0;  // the last change that was followed then; 0: not known
     bool numbered_ = false;
     LONGLONG first_seq_ = 0;
     LONGLONG seq_ = 0;

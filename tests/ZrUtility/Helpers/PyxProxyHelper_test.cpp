@@ -400,6 +400,46 @@ TEST_F(ProxyHelper, RevertsTheOthersInTheRegistryAlone) {
     EXPECT_EQ(documents().size(), 1u);
 }
 
+TEST_F(ProxyHelper, RewritesAnyNumberOfEntries) {
+    have_entries();
+    const auto name = [](int i) { return u"many" + std::u16string(1, static_cast<WCHAR>(0x4000 + i)); };
+    ASSERT_EQ(ZrRegistryBeginBatch(), 0);
+    for (int i = 0; i < 600; ++i) {
+        store(key_of(name(i)), foreign());
+    }
+    ASSERT_EQ(ZrRegistryEndBatch(TRUE), 0);
+    const auto before = all();
+    const auto expect_all = [&](const StoredKey& wanted) {
+        for (int i = 0; i < 600; ++i) {
+            ASSERT_EQ(entry(name(i)), wanted) << i;
+        }
+    };
+    helper().ChangeProxyConnectionSettings(1, 1);
+    expect_all(pointed(u"10.1.2.3:8080"));
+    helper().RevertNullProxies();
+    expect_all(foreign());
+    EXPECT_FALSE(backup(name(599)));
+    helper().UpdateProxyConnectionSettings(1, 1);
+    expect_all(pointed(u"10.1.2.3:8080"));
+    helper().ChangeProxyConnectionSettings(0, 1);
+    EXPECT_TRUE(all() == before);
+}
+
+TEST_F(ProxyHelper, OthersMayWriteWhileItWaitsForTheConnections) {
+    have_entries();
+    int asked = 0;
+    const auto answer = stand_ins().query;
+    stand_ins().query = [&](StatusRecord* buffer, DWORD* size) {
+        ++asked;
+        std::thread([] { store(u"Comm\\ConnMgr\\other", {{u"v", number_value(1)}}); }).join();
+        RegDeleteKeyW(HKEY_LOCAL_MACHINE, u"Comm\\ConnMgr\\other");
+        return answer(buffer, size);
+    };
+    helper().ChangeProxyConnectionSettings(1, 1);
+    EXPECT_GT(asked, 0);
+    EXPECT_EQ(entry(u"A"), pointed(u"10.1.2.3:8080"));
+}
+
 TEST_F(ProxyHelper, MakesTheClientsNetworkOnce) {
     EXPECT_EQ(helper().EnsureHalcyonDestination(), 1);
     const auto made = stored(u"Comm\\ConnMgr\\Destinations\\My Halcyon");

@@ -311,6 +311,92 @@ TEST(Batch, ManyValuesOfAKeyAreFewEntriesInTheLog) {
     EXPECT_EQ(get_dword(read, u"v"), 1u);
 }
 
+// --- all values of a key at once ---
+
+TEST(CopyValues, SetsWhatTheOtherKeyHas) {
+    const Key from = create(HKEY_CURRENT_USER, u"from");
+    const Key to = create(HKEY_CURRENT_USER, u"to");
+    ASSERT_EQ(set(from, u"", REG_SZ, std::string("a\0\0\0", 4)), kOk);
+    ASSERT_EQ(set(from, u"Both", REG_QWORD, "12345678"), kOk);
+    ASSERT_EQ(set(from, u"empty", REG_NONE, ""), kOk);
+    ASSERT_EQ(set_dword(to, u"BOTH", 1), kOk);
+    ASSERT_EQ(set_dword(to, u"own", 2), kOk);
+    for (const bool in_batch : {false, true}) {
+        if (in_batch) begin();
+        ASSERT_EQ(ZrRegistryCopyValues(from, to, 8), kOk);
+        EXPECT_EQ(value_names(to), (Names{u"", u"BOTH", u"empty", u"own"}));
+        EXPECT_EQ(get(to, u"").bytes, std::string("a\0\0\0", 4));
+        EXPECT_EQ(get(to, u"both").type, REG_QWORD);
+        EXPECT_EQ(get(to, u"both").bytes, "12345678");
+        EXPECT_EQ(get(to, u"empty").type, REG_NONE);
+        EXPECT_EQ(get_dword(to, u"own"), 2u);
+        if (in_batch) {
+            ASSERT_EQ(keep(), kOk);
+        }
+        EXPECT_EQ(get(to, u"both").bytes, "12345678");
+        ASSERT_EQ(set_dword(to, u"BOTH", 1), kOk);
+    }
+    EXPECT_EQ(ZrRegistryCopyValues(from, from, 8), kOk);
+    EXPECT_EQ(ZrRegistryCopyValues(from, HKEY_USERS, 8), kOk);
+    EXPECT_EQ(get(HKEY_USERS, u"both").bytes, "12345678");
+}
+
+TEST(CopyValues, SetsNothingWhereOneIsTooLarge) {
+    const Key from = create(HKEY_CURRENT_USER, u"from");
+    const Key to = create(HKEY_CURRENT_USER, u"to");
+    ASSERT_EQ(set(from, u"a", REG_BINARY, "1234"), kOk);
+    ASSERT_EQ(set(from, u"b", REG_BINARY, "12345"), kOk);
+    EXPECT_EQ(ZrRegistryCopyValues(from, to, 4), code(ERROR_MORE_DATA));
+    EXPECT_EQ(value_names(to), Names{});
+    EXPECT_EQ(ZrRegistryCopyValues(from, to, 5), kOk);
+    EXPECT_EQ(value_names(to), (Names{u"a", u"b"}));
+}
+
+TEST(CopyValues, RefusesKeysThatAreNotThere) {
+    const Key from = create(HKEY_CURRENT_USER, u"from");
+    const Key to = create(HKEY_CURRENT_USER, u"to");
+    ASSERT_EQ(set_dword(from, u"v", 1), kOk);
+    EXPECT_EQ(ZrRegistryCopyValues(nullptr, to, 8), code(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(ZrRegistryCopyValues(from, nullptr, 8), code(ERROR_INVALID_HANDLE));
+    ASSERT_EQ(RegDeleteKeyW(HKEY_CURRENT_USER, u"to"), kOk);
+    EXPECT_EQ(ZrRegistryCopyValues(from, to, 8), code(ERROR_KEY_DELETED));
+    EXPECT_EQ(ZrRegistryCopyValues(to, from, 8), code(ERROR_KEY_DELETED));
+}
+
+TEST(CopyValues, TellsWatchersAndOtherProcesses) {
+    const Key from = create(HKEY_CURRENT_USER, u"from");
+    const Key to = create(HKEY_CURRENT_USER, u"to");
+    for (DWORD i = 0; i < 1000; ++i) {
+        ASSERT_EQ(set_dword(from, std::u16string(1, static_cast<WCHAR>(0x4000 + i)), i), kOk);
+    }
+    EXPECT_EQ(value_names(to), Names{});
+    Child other("copied_values_reader");
+    ASSERT_EQ(other.hear(), "ready");
+    const HANDLE watch = CeFindFirstRegChange(to, FALSE, REG_NOTIFY_CHANGE_LAST_SET);
+    const auto file = sandbox_home() / "registry.db";
+    const std::string before = query(file, "SELECT max(seq) FROM change");
+    ASSERT_EQ(ZrRegistryCopyValues(from, to, 8), kOk);
+    EXPECT_EQ(WaitForSingleObject(watch, 20000), WAIT_OBJECT_0);
+    EXPECT_EQ(query(file, "SELECT max(seq) - " + before + " FROM change"), "1");
+    EXPECT_EQ(value_names(to).size(), 1000u);
+    other.say("count");
+    EXPECT_EQ(other.hear(), "1000") << "who had read the key reads it anew";
+    ASSERT_TRUE(CeFindNextRegChange(watch));
+    ASSERT_EQ(ZrRegistryCopyValues(from, to, 8), kOk);
+    EXPECT_EQ(query(file, "SELECT max(seq) - " + before + " FROM change"), "1") << "nothing has changed";
+    EXPECT_TRUE(CeFindCloseRegChange(watch));
+    EXPECT_EQ(other.wait(), 0);
+}
+
+ZR_CHILD(copied_values_reader) {
+    const Key to = create(HKEY_CURRENT_USER, u"to");
+    if (!value_names(to).empty()) return 1;
+    say("ready");
+    if (hear() != "count") return 1;
+    say(std::to_string(value_names(to).size()));
+    return 0;
+}
+
 // The same random calls in a batch and without one.
 class Calls {
 public:
