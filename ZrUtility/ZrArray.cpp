@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <typeinfo>
 
 #include "ZrLog/ZrLog.h"
 
@@ -70,13 +69,6 @@ inline bool ZrArray::hasRoom() const {
     return m_nElementSize > 0 && m_pData != nullptr && m_pData + m_nTotalSize - m_pNext >= m_nElementSize;
 }
 
-inline unsigned char* ZrArray::takeSlot(int size) {
-    unsigned char* slot = m_pNext;
-    ++m_nCount;
-    m_pNext += size;
-    return slot;
-}
-
 void* ZrArray::acquireSlot() {
     if (!hasRoom() && !grow()) {
         zrKelDebugBinLog0(kSource, kLineNoRoom, kFailure);
@@ -100,31 +92,6 @@ bool ZrArray::grow() {
     m_nTotalSize = total;
     m_pNext = static_cast<unsigned char*>(getElementByIndex(m_nCount));
     return true;
-}
-
-// The size as a constant needs no call to clear and copy.
-template <int size>
-inline int ZrArray::appendBytes(const void* element) {
-    unsigned char* slot = takeSlot(size);
-    std::memset(slot, 0, size);
-    std::memmove(slot, element, size);
-    return 1;
-}
-
-int ZrArray::appendElement(const void* element) {
-    // Nearly always the array is of this very class and has room, and then nothing needs to be called. The addresses of
-    // one type's information may differ between libraries; that only costs the call.
-    if (element == nullptr || &typeid(*this) != &typeid(ZrArray) || !hasRoom()) return appendToAcquired(element);
-    switch (m_nElementSize) {
-        case 4:
-            return appendBytes<4>(element);
-        case 8:
-            return appendBytes<8>(element);
-        case 16:
-            return appendBytes<16>(element);
-        default:
-            return appendToAcquired(element);
-    }
 }
 
 int ZrArray::appendToAcquired(const void* element) {

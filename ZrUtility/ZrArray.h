@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstring>
+#include <typeinfo>
+
 #include "ZrUtility/Export.h"
 
 // A packed array of elements that all have the same number of bytes, in one buffer.
@@ -77,4 +80,39 @@ private:
 // A multiple of the element's size, and widened first: the address is right for any array that memory can hold.
 inline void* ZrArray::getElementByIndex(int index) {
     return m_pData != nullptr ? m_pData + static_cast<long long>(m_nElementSize) * index : nullptr;
+}
+
+inline unsigned char* ZrArray::takeSlot(int size) {
+    unsigned char* slot = m_pNext;
+    ++m_nCount;
+    m_pNext += size;
+    return slot;
+}
+
+// The size as a constant needs no call to clear and copy.
+template <int size>
+inline int ZrArray::appendBytes(const void* element) {
+    if (m_pData == nullptr || m_pData + m_nTotalSize - m_pNext < size) return appendToAcquired(element);
+    unsigned char* slot = takeSlot(size);
+    std::memset(slot, 0, size);
+    std::memmove(slot, element, size);
+    return 1;
+}
+
+inline int ZrArray::appendElement(const void* element) {
+    // Nearly always the array is of this very class and has room, and then nothing needs to be called. The addresses of
+    // one type's information may differ between libraries; that only costs the call.
+    if (element == nullptr || &typeid(*this) != &typeid(ZrArray)) return appendToAcquired(element);
+    // Where the compiler sees the element, it would warn of the sizes that are not its own.
+    __asm__("" : "+r"(element));
+    switch (m_nElementSize) {
+        case 4:
+            return appendBytes<4>(element);
+        case 8:
+            return appendBytes<8>(element);
+        case 16:
+            return appendBytes<16>(element);
+        default:
+            return appendToAcquired(element);
+    }
 }
