@@ -29,7 +29,7 @@ constexpr const char* kExitCodes =
     "  6 unreadable file     7 something left out       8 disk full\n"
     "  9 newer store        10 damaged store           11 store failed otherwise\n"
     " 12 not a log            13 no time zone          14 not a sound .reg file\n"
-    " 15 not a sound provisioning document\n"
+    " 15 not a sound provisioning document            16 page cannot be shown\n"
     "\n"
     "ZR_HOME names the folder of contacts, mail and registry (default: zrutility in the user's\n"
     "data folder).";
@@ -122,6 +122,7 @@ void build(zr::Command app) {
     screen.footer("Example:\n  zr screen fit \"A long line of text\" --width 80");
     zr::add_screen_info(screen);
     zr::add_screen_fit(screen);
+    zr::add_html(app);
     zr::add_objects(app);
     zr::add_zone(app);
     zr::add_watch(app);

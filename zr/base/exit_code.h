@@ -22,6 +22,7 @@ enum class Exit : int {
     NoZone = 13,        // the time zone is not there or cannot be read
     BadRegFile = 14,    // a .reg file with mistakes in it; nothing was imported
     BadDocument = 15,   // no provisioning document, or one that asks for what nobody knows; nothing was changed
+    PageFailed = 16,    // a page that cannot be shown, or a script that fails in it
 };
 
 }  // namespace zr

@@ -148,6 +148,7 @@ void add_log_show(Command log);
 void add_modules(Command zr);
 void add_screen_info(Command screen);
 void add_screen_fit(Command screen);
+void add_html(Command zr);
 void add_objects(Command zr);
 void add_zone(Command zr);
 void add_watch(Command zr);

@@ -10,7 +10,9 @@
 #include "zr/base/output.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
+#include "zr/commands/html_view.h"
 #include "zr/commands/mail_rows.h"
+#include "zr/commands/printed_text.h"
 #include "zr/mail/file_name.h"
 #include "zr/stores/mail_content.h"
 
@@ -21,36 +23,9 @@ struct MailShowOptions {
     std::vector<std::string> ids;
     std::string save;
     bool headers = false;
+    bool html = false;
+    HtmlOptions page;
     bool json = false;
-};
-
-// Text for a terminal, line by line: nothing in it can steer one.
-class PrintedText {
-public:
-    void write(std::string_view text) {
-        waiting_ += text;
-        std::size_t begin = 0;
-        for (std::size_t end = 0; (end = waiting_.find('\n', begin)) != std::string::npos; begin = end + 1) {
-            line(std::string_view(waiting_).substr(begin, end - begin));
-        }
-        waiting_.erase(0, begin);
-    }
-    void finish() {
-        if (!waiting_.empty()) line(waiting_);
-        waiting_.clear();
-    }
-
-private:
-    static void line(std::string_view text) {
-        if (text.ends_with('\r')) text.remove_suffix(1);
-        // A tab is what it looks like.
-        for (std::size_t tab = 0; (tab = text.find('\t')) != std::string_view::npos; text.remove_prefix(tab + 1)) {
-            print(printable(text.substr(0, tab)) + "    ");
-        }
-        print(printable(text) + "\n");
-    }
-
-    std::string waiting_;
 };
 
 Json attachment_json(const MailAttachment& attachment) {
@@ -78,7 +53,7 @@ void read_text(IMessage* message, const std::function<void(std::string_view)>& t
     read_mail_text(message, PR_BODY_W, take);
 }
 
-void show_text(const MailSession& mail, IMessage* message, const MailRow& row, SenderNames& names, bool headers) {
+void show_header(const MailSession& mail, IMessage* message, const MailRow& row, SenderNames& names, bool headers) {
     const std::vector<MailRecipient> people = recipients_of(message);
     if (headers) {
         PrintedText text;
@@ -101,12 +76,16 @@ void show_text(const MailSession& mail, IMessage* message, const MailRow& row, S
         }
     }
     print("\n");
+}
+
+void show_text(IMessage* message) {
     PrintedText text;
     read_text(message, [&](std::string_view piece) { text.write(piece); });
     text.finish();
 }
 
-Json show_json(const MailSession& mail, IMessage* message, const MailRow& row, SenderNames& names) {
+Json show_json(const MailSession& mail, IMessage* message, const MailRow& row, SenderNames& names, Exit& code,
+               const MailShowOptions& options) {
     Json json = mail_json(mail, row, names);
     const std::vector<MailRecipient> people = recipients_of(message);
     for (const auto& [type, name] :
@@ -124,13 +103,27 @@ Json show_json(const MailSession& mail, IMessage* message, const MailRow& row, S
         files.add(attachment_json(attachment));
     }
     json.set("files", std::move(files));
+    if (options.html) {
+        code = show_html(mail_page(message), options.page, &json);
+        return json;
+    }
     std::string text;
     read_text(message, [&](std::string_view piece) { text += piece; });
     json.set("text", text);
     return json;
 }
 
+// What is wrong with the options of the page.
+void check_page_options(const MailShowOptions& options) {
+    if (!options.html && options.page.any_given())
+        throw Failure{Exit::Usage, "--text, --links, --script, --png, --width, --height and --remote want --html"};
+    if (options.page.png_option.given() && options.ids.size() > 1)
+        throw Failure{Exit::Usage, "--png: one message at a time"};
+    check_html_options(options.page);
+}
+
 Exit show(const MailShowOptions& options) {
+    check_page_options(options);
     MailSession mail;
     SenderNames names;
     JsonArray array;
@@ -142,11 +135,19 @@ Exit show(const MailShowOptions& options) {
             const ComPtr<IMessage> message = mail.message_of_id(id, entry);
             const MailRow row = mail_row_of(message.get());
             if (options.json) {
-                array.add(show_json(mail, message.get(), row, names));
+                Exit shown = Exit::Ok;
+                array.add(show_json(mail, message.get(), row, names, shown, options));
+                code = combine(code, shown);
+                continue;
+            }
+            const bool whole = !options.html || options.page.wants_text();
+            if (!first && whole) print("\n");
+            first = false;
+            if (whole) show_header(mail, message.get(), row, names, options.headers);
+            if (options.html) {
+                code = combine(code, show_html(mail_page(message.get()), options.page));
             } else {
-                if (!first) print("\n");
-                first = false;
-                show_text(mail, message.get(), row, names, options.headers);
+                show_text(message.get());
             }
         } catch (const Failure& failure) {
             if (failure.code != Exit::None) throw;
@@ -243,13 +244,18 @@ void add_mail_show(Command mail) {
     Command command = mail.add_command("show", "Show messages");
     command.add_option("ID", options->ids, "Identifiers, as zr mail list shows them").required();
     command.add_flag("-H,--headers", options->headers, "Show the whole header instead of the usual lines");
+    command.add_flag("--html", options->html, "Show the message's HTML as the client does");
+    add_html_options(command, options->page);
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(
-        "Of a message that is HTML only its text is shown. Control characters are shown as escapes.\n"
-        "The exit code is 1 when there is no such message.\n"
+        "Of a message that is HTML only its text is shown. Control characters are shown as escapes. With\n"
+        "--html and one of --links, --script and --png no header is printed; nothing is fetched from\n"
+        "elsewhere without --remote. The exit code is 1 when there is no such message or no link, and 16\n"
+        "when the HTML cannot be shown or the script fails.\n"
         "\n"
-        "Example:\n"
-        "  zr mail show 180400000004");
+        "Examples:\n"
+        "  zr mail show 180400000004\n"
+        "  zr mail show 180400000004 --html --png mail.png");
     command.reads([options] { return show(*options); });
 }
 

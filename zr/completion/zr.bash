@@ -43,10 +43,11 @@ _zr() {
         --children --assistant --email --birthday --anniversary"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar mail reg store net proxy provision resolve log modules screen objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar mail reg store net proxy provision resolve log modules screen html objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
+        --png) _zr_files "$current"; return ;;
         -s | --sort) _zr_words "file-as first last middle title suffix company email1 email2 email3" "$current"; return ;;
         -f | --folder | -t | --to) [[ $group == mail ]] && return ;;&
         -f | --field)
@@ -124,7 +125,7 @@ _zr() {
                     fi ;;
                 list) _zr_words "--reverse --unread --limit --json --help" "$current" ;;
                 find) _zr_words "--unread --limit --json --help" "$current" ;;
-                show) _zr_words "--headers --json --help" "$current" ;;
+                show) _zr_words "--headers --html --text --links --script --png --width --height --remote --json --help" "$current" ;;
                 attachments) _zr_words "--save --json --help" "$current" ;;
                 move) _zr_words "--to --json --help" "$current" ;;
                 mark) _zr_words "--read --unread --json --help" "$current" ;;
@@ -207,6 +208,12 @@ _zr() {
                 _zr_words "info fit --help" "$current"
             elif [[ $current == -* ]]; then
                 _zr_words "--width --height --split --font --points --start --png --json --help" "$current"
+            else
+                _zr_files "$current"
+            fi ;;
+        html)
+            if [[ $current == -* ]]; then
+                _zr_words "--text --links --script --png --width --height --remote --json --help" "$current"
             else
                 _zr_files "$current"
             fi ;;

@@ -1,9 +1,19 @@
 #include "zr/stores/mail_content.h"
 
+#include <map>
+
+#include "zr/mail/html_source.h"
 #include "zr/mail/message_writer.h"
 
 namespace zr {
 namespace {
+
+ComPtr<IAttach> open_attachment(IMessage* message, const MailAttachment& attachment) {
+    ComPtr<IAttach> opened;
+    check_mail(message->OpenAttach(static_cast<ULONG>(attachment.number), nullptr, 0, opened.out()),
+               "reading an attachment");
+    return opened;
+}
 
 Header header_of(IMessage* message) {
     const MailValues values(
@@ -46,9 +56,7 @@ void compose(IMessage* message, const TakeBytes& take) {
         writer.add(part, [&](const TakeBytes& piece) { read_mail_text(message, tag, piece); });
     }
     for (const MailAttachment& attachment : attachments_of(message)) {
-        ComPtr<IAttach> opened;
-        check_mail(message->OpenAttach(static_cast<ULONG>(attachment.number), nullptr, 0, opened.out()),
-                   "reading an attachment");
+        const ComPtr<IAttach> opened = open_attachment(message, attachment);
         PartHeader part;
         part.type = attachment.type;
         part.name = attachment.name;
@@ -61,6 +69,34 @@ void compose(IMessage* message, const TakeBytes& take) {
         });
     }
     writer.write(take);
+}
+
+constexpr std::size_t kMostInPage = std::size_t{64} << 20;
+
+std::string bare_id(std::string id) {
+    if (id.starts_with('<') && id.ends_with('>')) id = id.substr(1, id.size() - 2);
+    return id;
+}
+
+using PartsById = std::map<std::string, MailAttachment>;
+
+PartsById parts_by_id(IMessage* message) {
+    PartsById parts;
+    for (const MailAttachment& attachment : attachments_of(message)) {
+        const ComPtr<IAttach> opened = open_attachment(message, attachment);
+        const std::string id = MailValues(opened.get(), {PR_ATTACH_CONTENT_ID_W}).text(PR_ATTACH_CONTENT_ID_W);
+        if (!id.empty()) parts.emplace(bare_id(id), attachment);
+    }
+    return parts;
+}
+
+HtmlPart part_with_id(IMessage* message, const PartsById& parts, const std::string& id) {
+    const auto found = parts.find(id);
+    if (found == parts.end()) return {};
+    HtmlPart part{found->second.type, {}};
+    read_mail_stream(open_attachment(message, found->second).get(), PR_ATTACH_DATA_BIN,
+                     [&](const char* bytes, std::size_t size) { part.bytes.append(bytes, size); });
+    return part;
 }
 
 }  // namespace
@@ -93,6 +129,19 @@ std::vector<MailAttachment> attachments_of(IMessage* message) {
                  return true;
              });
     return all;
+}
+
+std::string mail_page(IMessage* message) {
+    std::string html;
+    read_mail_text(message, PR_BODY_HTML_W, [&](std::string_view piece) { html += piece; });
+    if (html.empty()) {
+        std::string text;
+        read_mail_text(message, PR_BODY_W, [&](std::string_view piece) { text += piece; });
+        return text_page(text);
+    }
+    const PartsById parts = parts_by_id(message);
+    return with_parts(
+        html, [&](const std::string& id) { return part_with_id(message, parts, id); }, kMostInPage);
 }
 
 void read_message_bytes(IMessage* message, const std::function<void(std::string_view)>& take) {

@@ -25,6 +25,9 @@ struct MailAttachment {
 };
 std::vector<MailAttachment> attachments_of(IMessage* message);
 
+// A message as an HTML page: its HTML, with the pictures that came with it in it, or its text.
+std::string mail_page(IMessage* message);
+
 // The bytes of a message, piece by piece: as they came, or, where a program made it of properties, written from these.
 void read_message_bytes(IMessage* message, const std::function<void(std::string_view)>& take);
 

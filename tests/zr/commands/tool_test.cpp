@@ -96,6 +96,7 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"modules"},
     {"screen", "info"},
     {"screen", "fit"},
+    {"html"},
     {"objects"},
     {"zone"},
     {"watch"},
@@ -134,12 +135,12 @@ TEST_F(Tool, DocumentsAndCompletesEveryOption) {
     const std::string manual =
         read_file(ZR_SOURCE_DIR "/zr/man/zr-contacts.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-log.1") +
         read_file(ZR_SOURCE_DIR "/zr/man/zr-objects.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-zone.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr-screen.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-calendar.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr-modules.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-reg.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr-resolve.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-watch.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr-net.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-proxy.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr-provision.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-mail.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr.1");
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-screen.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-html.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-calendar.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-modules.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-reg.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-resolve.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-watch.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-net.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-proxy.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-provision.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-mail.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
     const std::string zsh = read_file(ZR_SOURCE_DIR "/zr/completion/_zr");
     int options = 0;
@@ -165,10 +166,10 @@ TEST_F(Tool, CompletesInBash) {
                                    current + "'); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(
-        complete("zr"),
-        "contacts calendar mail reg store net proxy provision resolve log modules screen objects zone watch --help "
-        "--version\n");
+    EXPECT_EQ(complete("zr"),
+              "contacts calendar mail reg store net proxy provision resolve log modules screen html objects zone watch "
+              "--help "
+              "--version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change edit remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr mail export --format"), "eml mbox mboxo mboxrd mboxcl mboxcl2 maildir\n");
