@@ -23,14 +23,18 @@ bool own_folder(char (&folder)[PATH_MAX]) noexcept {
 
 }  // namespace
 
+bool module_path(const char* file, char* path, std::size_t size) noexcept {
+    char folder[PATH_MAX];
+    if (!own_folder(folder)) return false;
+    const int length = std::snprintf(path, size, "%s/" ZR_MODULES_FOLDER "/%s", folder, file);
+    return length >= 0 && static_cast<std::size_t>(length) < size;
+}
+
 // Two threads that load it at once get the same library.
 void* LoadedModule::load() noexcept {
     if (void* const known = library_.load(std::memory_order_acquire)) return known;
-    char folder[PATH_MAX];
     char path[PATH_MAX + 64];
-    if (!own_folder(folder)) return nullptr;
-    const int length = std::snprintf(path, sizeof path, "%s/" ZR_MODULES_FOLDER "/%s", folder, file_);
-    if (length < 0 || static_cast<std::size_t>(length) >= sizeof path) return nullptr;
+    if (!module_path(file_, path, sizeof path)) return nullptr;
     void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (library) library_.store(library, std::memory_order_release);
     return library;

@@ -1,86 +1,338 @@
-#include <algorithm>
-#include <string_view>
+#include "control.h"
 
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "base/utf.h"
 #include "platform/base.h"
-#include "platform/html.h"
+#include "platform/gdi.h"
+#include "platform/kernel.h"
+#include "platform/places.h"
 
 namespace zr::platform {
 namespace {
 
-constexpr WCHAR kNoEngine[] = u"this build of the platform has no HTML engine";
+constexpr std::size_t kLongestSource = 256u << 20;
+constexpr int kLongestPicture = 16'384;
 
-LRESULT refuse() {
-    SetLastError(ERROR_MOD_NOT_FOUND);
-    return FALSE;
+bool is_address_of(std::u16string_view address, std::u16string_view scheme) {
+    if (address.size() < scheme.size()) return false;
+    return std::equal(scheme.begin(), scheme.end(), address.begin(), [](char16_t a, char16_t b) {
+        return a == (b >= u'A' && b <= u'Z' ? static_cast<char16_t>(b + 32) : b);
+    });
 }
 
-LRESULT html_procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
-    switch (message) {
-        case WM_SETTEXT:
-        case DTM_ADDTEXT:
-        case DTM_ADDTEXTW:
-        case DTM_SETIMAGE:
-        case DTM_ENDOFSOURCE:
-        case DTM_ANCHOR:
-        case DTM_ANCHORW:
-        case DTM_NAVIGATE:
-            return refuse();
-        case DTM_DOCUMENTDISPATCH:
-            if (lparam != 0) *reinterpret_cast<IDispatch**>(lparam) = nullptr;
-            return refuse();
-        default:
-            return DefWindowProcW(window, message, wparam, lparam);
+SIZE client_size(HWND window) {
+    RECT client{};
+    GetClientRect(window, &client);
+    return {std::clamp<LONG>(client.right, 1, kLongestPicture), std::clamp<LONG>(client.bottom, 1, kLongestPicture)};
+}
+
+template <class Number>
+void append_raw(std::string& bytes, Number value) {
+    bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+// A bitmap as a BMP file: 24 bits a pixel, the lowest row first.
+std::string bitmap_file(HBITMAP bitmap) {
+    BITMAP facts{};
+    if (GetObjectW(bitmap, sizeof facts, &facts) != sizeof facts) return {};
+    const HDC context = CreateCompatibleDC(nullptr);
+    const HGDIOBJ before = context ? SelectObject(context, bitmap) : nullptr;
+    std::string bytes;
+    if (before) {
+        const std::size_t row = (static_cast<std::size_t>(facts.bmWidth) * 3 + 3) / 4 * 4;
+        const auto size = static_cast<std::uint32_t>(row * static_cast<std::size_t>(facts.bmHeight));
+        bytes += "BM";
+        for (const std::uint32_t word :
+             {54 + size, 0u, 54u, 40u, static_cast<std::uint32_t>(facts.bmWidth),
+              static_cast<std::uint32_t>(facts.bmHeight), 0x180001u, 0u, size, 2835u, 2835u, 0u, 0u}) {
+            append_raw(bytes, word);
+        }
+        for (int y = facts.bmHeight - 1; y >= 0; --y) {
+            for (int x = 0; x < facts.bmWidth; ++x) {
+                const COLORREF colour = GetPixel(context, x, y);
+                bytes += static_cast<char>(colour >> 16);
+                bytes += static_cast<char>(colour >> 8);
+                bytes += static_cast<char>(colour);
+            }
+            bytes.resize((bytes.size() - 54 + 3) / 4 * 4 + 54);
+        }
+        SelectObject(context, before);
     }
-}
-
-bool is_control(HWND window) {
-    WCHAR name[32]{};
-    return GetClassNameW(window, name, 32) > 0 && std::u16string_view(name) == WC_HTML;
-}
-
-HRESULT without_engine(HWND window) {
-    return is_control(window) ? HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND) : E_HANDLE;
+    if (context) DeleteDC(context);
+    return bytes;
 }
 
 }  // namespace
+
+// ---- The bell ----
+
+void EngineBell::set(int descriptor) noexcept {
+    unset();
+    descriptor_ = descriptor;
+    watch_host(*this, descriptor);
+}
+
+void EngineBell::unset() noexcept {
+    unwatch_host(*this);
+    forget_room(*this);
+    unwatch_host(*this);  // there may have been room just then
+}
+
+// Where the queue has no room the next frame of the engine, or the next wait, brings it.
+void EngineBell::ring() noexcept {
+    if (!is_rung_) is_rung_ = PostMessageW(window_, kEngineSpoke, 0, 0) != FALSE;
+}
+
+void EngineBell::ready() noexcept {
+    unwatch_host(*this);
+    post_or_wait(window_, kEngineSpoke, 0, 0, *this);
+}
+
+// Not to be posted from: the thread that waits for the engine asks again.
+void EngineBell::room() noexcept {
+    watch_host(*this, descriptor_);
+}
+
+// ---- The engine and its document ----
+
+void HtmlControl::drop_document() noexcept {
+    if (document_) document_->leave();
+    document_.reset();
+    wanted_.clear();
+    is_told_complete_ = false;
+}
+
+void HtmlControl::drop_engine() noexcept {
+    bell_.unset();
+    drop_document();
+    if (engine_) {
+        engine_->tell_of_events(nullptr, nullptr);
+        engine_->end();
+    }
+    engine_.reset();
+}
+
+void HtmlControl::leave() noexcept {
+    is_gone_ = true;
+    drop_engine();
+}
+
+DWORD HtmlControl::begin(EngineFrame kind, std::uint32_t flags, std::string_view content) {
+    drop_document();
+    if (engine_ && (!engine_->is_alive() || engine_remote_ != remote_)) drop_engine();
+    if (!engine_) {
+        engine_ = Engine::start(remote_);
+        if (!engine_) return GetLastError();
+        engine_remote_ = remote_;
+        engine_->tell_of_events([](void* bell) { static_cast<EngineBell*>(bell)->ring(); }, &bell_);
+    }
+    const SIZE size = client_size(window_);
+    FrameWriter frame(kind);
+    frame.number(++last_document_)
+        .number(scripts_ ? flags | kEngineScripts : flags)
+        .number(static_cast<std::uint32_t>(size.cx))
+        .number(static_cast<std::uint32_t>(size.cy))
+        .text(content);
+    if (const DWORD error = engine_->send(frame, Deadline::after(engine_patience().load)); error != ERROR_SUCCESS) {
+        drop_engine();
+        return error;
+    }
+    document_ = std::make_shared<Document>(engine_, last_document_);
+    bell_.set(engine_->descriptor());
+    return ERROR_SUCCESS;
+}
+
+DWORD HtmlControl::add_text(std::string_view utf8, bool is_plain) {
+    if (source_.size() + utf8.size() > kLongestSource) return ERROR_FILE_TOO_LARGE;
+    if (source_.empty()) is_plain_ = is_plain;
+    source_ += utf8;
+    return ERROR_SUCCESS;
+}
+
+DWORD HtmlControl::add_text(std::u16string_view text, bool is_plain) {
+    return add_text(utf8_of(text, LoneSurrogate::Replaced), is_plain);
+}
+
+DWORD HtmlControl::end_source() {
+    std::string source;
+    source.swap(source_);
+    return begin(EngineFrame::Load, is_plain_ ? std::uint32_t{kEnginePlainText} : 0, source);
+}
+
+DWORD HtmlControl::navigate(std::u16string_view address) {
+    const bool is_at_hand = is_address_of(address, u"data:") || is_address_of(address, u"about:blank");
+    const bool is_remote = is_address_of(address, u"http:") || is_address_of(address, u"https:");
+    if (!is_at_hand && !(is_remote && remote_)) return ERROR_ACCESS_DENIED;
+    return begin(EngineFrame::Navigate, 0, utf8_of(address, LoneSurrogate::Replaced));
+}
+
+// What the engine shows is shown to nobody, but it may still run.
+void HtmlControl::clear() {
+    source_.clear();
+    const bool had_one = document_ != nullptr && document_->check() == S_OK;
+    drop_document();
+    if (!had_one) return;
+    const bool scripts = std::exchange(scripts_, false);
+    begin(EngineFrame::Load, 0, "");
+    scripts_ = scripts;
+    drop_document();
+}
+
+// ---- Images ----
+
+DWORD HtmlControl::send_image(std::uint32_t cookie, bool is_there, std::string_view type, std::string_view bytes) {
+    if (!engine_ || !engine_->is_alive()) return ERROR_PROCESS_ABORTED;
+    FrameWriter frame(EngineFrame::Image);
+    frame.number(cookie).number(is_there ? 1 : 0).text(type).text(bytes);
+    return engine_->send(frame, Deadline::after(engine_patience().call));
+}
+
+DWORD HtmlControl::set_image(DWORD_PTR cookie, std::string_view bytes, std::string_view type) {
+    if (wanted_.erase(cookie) == 0) return ERROR_INVALID_PARAMETER;
+    if (bytes.size() > kLongestSource) return ERROR_FILE_TOO_LARGE;
+    return send_image(static_cast<std::uint32_t>(cookie), true, type, bytes);
+}
+
+DWORD HtmlControl::fail_image(DWORD_PTR cookie) {
+    if (wanted_.erase(cookie) == 0) return ERROR_INVALID_PARAMETER;
+    return send_image(static_cast<std::uint32_t>(cookie), false, "", "");
+}
+
+DWORD HtmlControl::set_bitmap(const INLINEIMAGEINFO& image) {
+    const auto bitmap = static_cast<HBITMAP>(image.hbm);
+    const std::string file = bitmap_file(bitmap);
+    if (image.bOwnBitmap) DeleteObject(bitmap);
+    return file.empty() ? fail_image(image.dwCookie) : set_image(image.dwCookie, file, "image/bmp");
+}
+
+// ---- Questions ----
+
+HRESULT HtmlControl::ready_document() {
+    if (!document_) return RPC_E_DISCONNECTED;
+    if (const HRESULT result = document_->check(); FAILED(result)) return result;
+    return result_of(engine_->wait_until_ready(document_->number(), Deadline::after(engine_patience().load)));
+}
+
+DWORD HtmlControl::give_document(IDispatch** document) {
+    IDispatchEx* root = nullptr;
+    HRESULT result = ready_document();
+    if (SUCCEEDED(result)) result = document_->root(&root);
+    *document = root;
+    if (SUCCEEDED(result)) return ERROR_SUCCESS;
+    if (result == E_OUTOFMEMORY) return ERROR_NOT_ENOUGH_MEMORY;
+    if (result == HRESULT_FROM_WIN32(ERROR_TIMEOUT)) return ERROR_TIMEOUT;
+    return document_ ? ERROR_PROCESS_ABORTED : ERROR_NOT_FOUND;
+}
+
+DWORD HtmlControl::scroll_to(std::u16string_view anchor) {
+    std::string script = "zr.anchor(";
+    append_literal(script, anchor);
+    std::string what;
+    HRESULT result = ready_document();
+    if (SUCCEEDED(result)) result = document_->call(script + ")", what);
+    if (FAILED(result)) return ERROR_PROCESS_ABORTED;
+    return what == "t" ? ERROR_SUCCESS : ERROR_NOT_FOUND;
+}
+
+LRESULT HtmlControl::layout(const char* function) {
+    std::string what;
+    HRESULT result = ready_document();
+    if (SUCCEEDED(result)) result = document_->call(function, what);
+    VARIANT value{};
+    if (SUCCEEDED(result)) result = document_->take(what, &value, nullptr);
+    return SUCCEEDED(result) && value.vt == VT_I4 ? value.lVal : 0;
+}
+
+LONGLONG HtmlControl::live_objects() {
+    std::string what;
+    VARIANT value{};
+    HRESULT result = ready_document();
+    if (SUCCEEDED(result)) result = document_->call("zr.live()", what);
+    if (SUCCEEDED(result)) result = document_->take(what, &value, nullptr);
+    return SUCCEEDED(result) && value.vt == VT_I4 ? value.lVal : -1;
+}
+
+HRESULT HtmlControl::draw(int width, int height, std::string& png) {
+    if (width < 1 || width > kLongestPicture || height < 0 || height > kLongestPicture) return E_INVALIDARG;
+    if (const HRESULT result = ready_document(); FAILED(result)) return result;
+    const std::uint32_t request = engine_->next_request();
+    FrameWriter frame(EngineFrame::Draw);
+    frame.number(request)
+        .number(document_->number())
+        .number(static_cast<std::uint32_t>(width))
+        .number(static_cast<std::uint32_t>(height));
+    EngineAnswer answer = EngineAnswer::Failed;
+    const DWORD error = engine_->ask(frame, request, Deadline::after(engine_patience().load), answer, png);
+    if (error != ERROR_SUCCESS) return result_of(error);
+    return answer == EngineAnswer::Done ? S_OK : E_FAIL;
+}
+
+// ---- What the parent is told ----
+
+LRESULT HtmlControl::notify(UINT code, std::string_view target, DWORD_PTR cookie) {
+    const HWND parent = GetParent(window_);
+    if (parent == nullptr) return FALSE;
+    std::u16string text = host_to_wide(target);
+    NM_HTMLVIEWW told{};
+    told.hdr.hwndFrom = window_;
+    told.hdr.idFrom = static_cast<UINT_PTR>(GetWindowLongPtrW(window_, GWL_ID));
+    told.hdr.code = code;
+    told.szTarget = text.data();
+    told.dwCookie = cookie;
+    return SendMessageW(parent, WM_NOTIFY, told.hdr.idFrom, reinterpret_cast<LPARAM>(&told));
+}
+
+void HtmlControl::handle(const std::string& event) {
+    FrameReader frame(event);
+    const std::uint32_t document = frame.number();
+    if (!document_ || document != document_->number()) return;
+    switch (frame.kind()) {
+        case EngineFrame::Complete:
+            is_told_complete_ = true;
+            notify(NM_DOCUMENTCOMPLETE, "", 0);
+            return;
+        case EngineFrame::Title:
+            notify(NM_TITLE, frame.text(), 0);
+            return;
+        case EngineFrame::Link:
+            notify(NM_HOTSPOT, frame.text(), 0);
+            return;
+        case EngineFrame::Wanted: {
+            const DWORD_PTR cookie = frame.number();
+            wanted_.insert(cookie);
+            if (notify(NM_INLINE_IMAGE, frame.text(), cookie) == FALSE && !is_gone_) fail_image(cookie);
+            return;
+        }
+        default:
+            return;
+    }
+}
+
+void HtmlControl::serve() {
+    const std::shared_ptr<HtmlControl> held = shared_from_this();
+    bell_.heard();
+    if (engine_ && engine_->is_alive()) engine_->read(Deadline::at_once());
+    std::string event;
+    while (!is_gone_ && engine_ && engine_->take_event(event)) {
+        handle(event);
+    }
+    if (!is_gone_ && engine_ && engine_->is_alive()) bell_.set(engine_->descriptor());
+}
+
+HRESULT HtmlControl::wait(DWORD milliseconds) {
+    const std::shared_ptr<HtmlControl> held = shared_from_this();
+    const Deadline deadline = Deadline::after(milliseconds);
+    for (;;) {
+        serve();
+        if (is_gone_ || !document_) return RPC_E_DISCONNECTED;
+        if (is_told_complete_) return S_OK;
+        if (const HRESULT result = document_->check(); FAILED(result)) return result;
+        const DWORD error = engine_->read(deadline);
+        if (error != ERROR_SUCCESS) return result_of(error);
+    }
+}
+
 }  // namespace zr::platform
-
-using namespace zr::platform;
-
-BOOL InitHTMLControl(HINSTANCE instance) {
-    WNDCLASSW known{};
-    if (GetClassInfoW(instance, WC_HTML, &known)) return TRUE;
-    WNDCLASSW made{};
-    made.lpfnWndProc = html_procedure;
-    made.cbWndExtra = sizeof(void*);
-    made.hInstance = instance;
-    made.lpszClassName = WC_HTML;
-    return RegisterClassW(&made) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
-}
-
-HRESULT ZrHtmlAllowRemote(HWND control, BOOL) {
-    return without_engine(control);
-}
-HRESULT ZrHtmlWait(HWND control, DWORD) {
-    return without_engine(control);
-}
-HRESULT ZrHtmlSetImage(HWND control, DWORD_PTR, const void*, SIZE_T, LPCWSTR) {
-    return without_engine(control);
-}
-HRESULT ZrHtmlDraw(HWND control, int, int, BYTE** png, SIZE_T* size) {
-    if (png == nullptr || size == nullptr) return E_POINTER;
-    *png = nullptr;
-    *size = 0;
-    return without_engine(control);
-}
-int ZrHtmlTrouble(LPWSTR text, int capacity) {
-    if (text == nullptr || capacity <= 0) return 0;
-    const std::u16string_view trouble(kNoEngine);
-    const std::size_t length = std::min(trouble.size(), static_cast<std::size_t>(capacity) - 1);
-    std::copy_n(trouble.data(), length, text);
-    text[length] = 0;
-    return static_cast<int>(length);
-}
-LONGLONG ZrHtmlLiveObjects(HWND) {
-    return -1;
-}

@@ -84,8 +84,9 @@ inline constexpr UINT NM_TITLE = WM_USER + 104;         // the document's title 
 inline constexpr UINT NM_DOCUMENTCOMPLETE = WM_USER + 110;  // the document and its images are loaded
 
 // NM_INLINE_IMAGE: the parent answers TRUE when it will give the image for dwCookie, then or later, by DTM_SETIMAGE or
-// ZrHtmlSetImage, or take that back by DTM_IMAGEFAIL. After FALSE there is no image, or, where remote content is
-// allowed, it is loaded from its address. szTarget is the address as the document resolves it: cid:, or any other.
+// ZrHtmlSetImage, or take that back by DTM_IMAGEFAIL. After FALSE there is no image. szTarget is its whole address: one
+// of cid:, or any other of an image that may not be loaded. A relative address in a document without a <base> is none,
+// and is not asked for.
 
 struct NM_HTMLVIEWW {
     NMHDR hdr;
@@ -168,7 +169,7 @@ ZRPLATFORM_API HRESULT ZrHtmlAllowRemote(HWND control, BOOL allow);
 
 // Waits until the document and its images are loaded, telling the parent meanwhile what the control has to tell, or
 // until so many milliseconds have passed: HRESULT_FROM_WIN32(ERROR_TIMEOUT), and the document is not harmed. No message
-// but those of other threads' SendMessageW is handled meanwhile.
+// is handled meanwhile, those of other threads' SendMessageW neither.
 ZRPLATFORM_API HRESULT ZrHtmlWait(HWND control, DWORD milliseconds);
 
 // The file of an image (PNG, JPEG and what else the engine knows), the answer to NM_INLINE_IMAGE; its media type may be

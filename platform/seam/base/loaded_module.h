@@ -4,10 +4,14 @@
 // platform's, loaded when it is first asked for and then kept. Its functions have C linkage.
 
 #include <atomic>
+#include <cstddef>
 
 #include "platform/export.h"
 
 namespace zr::platform {
+
+// Where a file in the folder of this version's modules is, there or not. False: it is not known, or too long.
+ZRPLATFORM_API bool module_path(const char* file, char* path, std::size_t size) noexcept;
 
 class ZRPLATFORM_API LoadedModule {
 public:

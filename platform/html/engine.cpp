@@ -1,0 +1,414 @@
+#include "engine.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <new>
+#include <set>
+#include <vector>
+
+#include "base/fail.h"
+#include "base/forks.h"
+#include "base/host_error.h"
+#include "base/loaded_module.h"
+#include "platform/base.h"
+
+namespace zr::platform {
+
+// All that there are: a forked child closes its copies of their sockets.
+struct Engines {
+    static std::mutex lock;
+    static std::set<Engine*> all;
+
+    static void before_fork() noexcept { lock.lock(); }
+    static void in_parent() noexcept { lock.unlock(); }
+    static void in_child() noexcept {
+        for (Engine* const engine : all) {
+            if (engine->socket_) engine->socket_.close();
+        }
+        lock.unlock();
+    }
+};
+std::mutex Engines::lock;
+std::set<Engine*> Engines::all;
+
+namespace {
+
+const AtFork html_at_fork{ForkRank::Html, {Engines::before_fork, Engines::in_parent, Engines::in_child}};
+
+constexpr std::size_t kMostEvents = 10'000;
+
+std::mutex trouble_lock;
+std::string trouble_text;
+
+void say_trouble(const char* text) {
+    const std::lock_guard guard(trouble_lock);
+    trouble_text = text;
+}
+
+int milliseconds_until(Deadline deadline) noexcept {
+    if (deadline == Deadline::never()) return -1;
+    const std::int64_t left = deadline.ns - (deadline == Deadline::at_once() ? deadline.ns : Deadline::now());
+    if (left <= 0) return 0;
+    return static_cast<int>(std::min<std::int64_t>((left + 999'999) / 1'000'000, INT_MAX));
+}
+
+std::string make_folder() {
+    const char* place = std::getenv("XDG_RUNTIME_DIR");
+    if (place == nullptr || *place != '/') place = "/tmp";
+    std::string folder = std::string(place) + "/zr-html-XXXXXX";
+    return mkdtemp(folder.data()) != nullptr ? folder : std::string();
+}
+
+// What was killed just now may be about to make one file more.
+void remove_folder(const std::string& folder) noexcept {
+    try {
+        for (int i = 0; i < 50; ++i) {
+            std::error_code error;
+            std::filesystem::remove_all(folder, error);
+            if (!std::filesystem::exists(folder, error)) return;
+            usleep(10'000);
+        }
+    } catch (const std::bad_alloc&) {
+    }
+}
+
+// Nothing of the program's own surroundings but what shows text and finds programs.
+std::vector<std::string> make_environment(const std::string& folder) {
+    std::vector<std::string> variables;
+    for (const char* const name : {"PATH", "LANG", "LC_ALL", "LC_CTYPE", "LANGUAGE", "TZ", "DISPLAY", "XAUTHORITY",
+                                   "FONTCONFIG_FILE", "FONTCONFIG_PATH", "http_proxy", "https_proxy", "no_proxy"}) {
+        if (const char* const value = std::getenv(name)) variables.push_back(std::string(name) + "=" + value);
+    }
+    for (const char* const name : {"HOME", "TMPDIR", "XDG_RUNTIME_DIR", "XDG_CACHE_HOME", "XDG_CONFIG_HOME",
+                                   "XDG_DATA_HOME", "XDG_STATE_HOME"}) {
+        variables.push_back(std::string(name) + "=" + folder);
+    }
+    for (const char* const fixed :
+         {"GDK_BACKEND=x11", "GDK_SCALE=1", "GDK_DPI_SCALE=1", "GTK_THEME=Adwaita", "NO_AT_BRIDGE=1", "GTK_A11Y=none",
+          "GIO_USE_VFS=local", "GIO_USE_VOLUME_MONITOR=unix", "GSETTINGS_BACKEND=memory", "GTK_USE_PORTAL=0",
+          "DBUS_SESSION_BUS_ADDRESS=disabled:", "LIBGL_ALWAYS_SOFTWARE=1", "WEBKIT_DISABLE_COMPOSITING_MODE=1"}) {
+        variables.emplace_back(fixed);
+    }
+    return variables;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+    std::vector<char*> all;
+    all.reserve(texts.size() + 1);
+    for (std::string& text : texts) {
+        all.push_back(text.data());
+    }
+    all.push_back(nullptr);
+    return all;
+}
+
+// How the process is started: alone in its group, with nothing of ours but the socket.
+class SpawnPlan {
+public:
+    explicit SpawnPlan(int socket) {
+        if (posix_spawn_file_actions_init(&actions_) != 0) throw std::bad_alloc();
+        if (posix_spawnattr_init(&attributes_) != 0) {
+            posix_spawn_file_actions_destroy(&actions_);
+            throw std::bad_alloc();
+        }
+        posix_spawn_file_actions_addopen(&actions_, 0, "/dev/null", O_RDWR, 0);
+        posix_spawn_file_actions_adddup2(&actions_, 0, 1);
+        posix_spawn_file_actions_adddup2(&actions_, 0, 2);
+        posix_spawn_file_actions_adddup2(&actions_, socket, 3);
+        posix_spawn_file_actions_addclosefrom_np(&actions_, 4);
+        sigset_t none;
+        sigemptyset(&none);
+        sigset_t all;
+        sigfillset(&all);
+        posix_spawnattr_setsigmask(&attributes_, &none);
+        posix_spawnattr_setsigdefault(&attributes_, &all);
+        posix_spawnattr_setpgroup(&attributes_, 0);
+        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    }
+    ~SpawnPlan() {
+        posix_spawnattr_destroy(&attributes_);
+        posix_spawn_file_actions_destroy(&actions_);
+    }
+    SpawnPlan(const SpawnPlan&) = delete;
+    SpawnPlan& operator=(const SpawnPlan&) = delete;
+
+    // 0, or an error of the host.
+    int run(const char* program, std::vector<std::string>& words, std::vector<std::string>& variables, pid_t& process) {
+        return posix_spawn(&process, program, &actions_, &attributes_, pointers(words).data(),
+                           pointers(variables).data());
+    }
+
+private:
+    posix_spawn_file_actions_t actions_;
+    posix_spawnattr_t attributes_;
+};
+
+}  // namespace
+
+std::string engine_trouble() {
+    const std::lock_guard guard(trouble_lock);
+    return trouble_text;
+}
+
+EnginePatience& engine_patience() noexcept {
+    static EnginePatience patience;
+    return patience;
+}
+
+std::shared_ptr<Engine> Engine::start(bool remote) {
+    auto engine = std::make_shared<Engine>();
+    if (!engine->spawn(remote) || !engine->greet()) return nullptr;
+    return engine;
+}
+
+bool Engine::spawn(bool remote) {
+    generation_ = fork_generation();
+    char program[PATH_MAX];
+    char gate[PATH_MAX];
+    if (!module_path("zr-html-engine", program, sizeof program) || !module_path("html", gate, sizeof gate) ||
+        access(program, X_OK) != 0) {
+        say_trouble("the HTML engine is not installed: zr-html-engine, which is built where libwebkit2gtk-4.1 is");
+        return fail(ERROR_MOD_NOT_FOUND, false);
+    }
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        return fail(error_from_errno(errno), false);
+    }
+    HostFd ours(above_standard(ends[0]));
+    const HostFd theirs(above_standard(ends[1]));
+    if (!ours || !theirs) return fail(ERROR_TOO_MANY_OPEN_FILES, false);
+    folder_ = make_folder();
+    if (folder_.empty()) return fail(error_from_errno(errno), false);
+    std::vector<std::string> words{program, std::to_string(getpid()), remote ? "remote" : "none", gate};
+    std::vector<std::string> variables = make_environment(folder_);
+    pid_t process = -1;
+    if (const int error = SpawnPlan(theirs.get()).run(program, words, variables, process); error != 0) {
+        remove_folder(folder_);
+        return fail(error_from_errno(error), false);
+    }
+    const std::lock_guard guard(Engines::lock);
+    socket_ = std::move(ours);
+    process_ = process;
+    Engines::all.insert(this);
+    return true;
+}
+
+// Its first word, or why there is none.
+bool Engine::greet() {
+    const Deadline deadline = Deadline::after(engine_patience().start);
+    DWORD error = ERROR_SUCCESS;
+    while (error == ERROR_SUCCESS && !greeted_ && !refused_) {
+        error = round(deadline);
+    }
+    if (greeted_) return true;
+    end();
+    if (refused_) return fail(ERROR_MOD_NOT_FOUND, false);
+    if (error == ERROR_TIMEOUT || error == ERROR_NOT_ENOUGH_MEMORY) return fail(error, false);
+    say_trouble(
+        "the HTML engine ends as soon as it is started: a library may be missing (package libwebkit2gtk-4.1-0)");
+    return fail(ERROR_MOD_NOT_FOUND, false);
+}
+
+Engine::~Engine() {
+    end();
+}
+
+bool Engine::is_alive() const noexcept {
+    return process_ >= 0 && generation_ == fork_generation();
+}
+
+// In another process than the one that started it there is nothing to end, and the socket is closed.
+void Engine::end() noexcept {
+    if (process_ < 0) return;
+    const pid_t process = std::exchange(process_, -1);
+    {
+        const std::lock_guard guard(Engines::lock);
+        Engines::all.erase(this);
+    }
+    if (generation_ != fork_generation()) return;
+    kill(-process, SIGKILL);
+    while (waitpid(process, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    // Those that its processes were about to start.
+    kill(-process, SIGKILL);
+    {
+        const std::lock_guard guard(lock_);
+        socket_ = HostFd();
+    }
+    remove_folder(folder_);
+}
+
+DWORD Engine::died() noexcept {
+    end();
+    return ERROR_PROCESS_ABORTED;
+}
+
+DWORD Engine::send(FrameWriter& frame, Deadline deadline) {
+    if (!is_alive()) return ERROR_PROCESS_ABORTED;
+    {
+        const std::lock_guard guard(lock_);
+        to_send_ += frame.finish();
+    }
+    for (;;) {
+        if (const DWORD error = flush_some(); error != ERROR_SUCCESS) return error;
+        {
+            const std::lock_guard guard(lock_);
+            if (to_send_.empty()) return ERROR_SUCCESS;
+        }
+        if (const DWORD error = round(deadline); error != ERROR_SUCCESS) {
+            if (error == ERROR_TIMEOUT) end();
+            return error;
+        }
+    }
+}
+
+void Engine::send_later(FrameWriter& frame) noexcept {
+    if (generation_ != fork_generation()) return;
+    try {
+        const std::lock_guard guard(lock_);
+        to_send_ += frame.finish();
+        if (!socket_) return;
+        const ssize_t size = ::send(socket_.get(), to_send_.data(), to_send_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (size > 0) to_send_.erase(0, static_cast<std::size_t>(size));
+    } catch (const std::bad_alloc&) {
+        // It keeps an object longer than it need.
+    }
+}
+
+DWORD Engine::flush_some() {
+    const std::lock_guard guard(lock_);
+    std::size_t done = 0;
+    bool broken = false;
+    while (done < to_send_.size()) {
+        const ssize_t size =
+            ::send(socket_.get(), to_send_.data() + done, to_send_.size() - done, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (size >= 0) {
+            done += static_cast<std::size_t>(size);
+        } else if (errno != EINTR) {
+            // What it said last is still to be read.
+            broken = errno != EAGAIN;
+            break;
+        }
+    }
+    to_send_.erase(0, broken ? std::string::npos : done);
+    return ERROR_SUCCESS;
+}
+
+// Sends and reads what can be, and waits for that.
+DWORD Engine::round(Deadline deadline) {
+    if (!is_alive()) return ERROR_PROCESS_ABORTED;
+    pollfd socket{socket_.get(), POLLIN, 0};
+    {
+        const std::lock_guard guard(lock_);
+        if (!to_send_.empty()) socket.events |= POLLOUT;
+    }
+    const int ready = poll(&socket, 1, milliseconds_until(deadline));
+    if (ready == 0) return ERROR_TIMEOUT;
+    if (ready < 0) return errno == EINTR ? ERROR_SUCCESS : died();
+    if ((socket.revents & POLLOUT) != 0) {
+        if (const DWORD error = flush_some(); error != ERROR_SUCCESS) return error;
+    }
+    return (socket.revents & (POLLIN | POLLHUP | POLLERR)) != 0 ? receive() : ERROR_SUCCESS;
+}
+
+DWORD Engine::receive() {
+    std::array<char, 1 << 16> room;
+    const ssize_t size = recv(socket_.get(), room.data(), room.size(), MSG_DONTWAIT);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR)) return ERROR_SUCCESS;
+    if (size <= 0) return died();
+    arrived_.add(room.data(), static_cast<std::size_t>(size));
+    std::string_view frame;
+    while (arrived_.next(frame)) {
+        sort(frame);
+    }
+    return arrived_.is_bad() ? died() : ERROR_SUCCESS;
+}
+
+void Engine::sort(std::string_view bytes) {
+    FrameReader frame(bytes);
+    switch (frame.kind()) {
+        case EngineFrame::Answer: {
+            const std::uint32_t number = frame.number();
+            if (number != awaited_) return;
+            answer_ = static_cast<EngineAnswer>(frame.number());
+            what_ = frame.text();
+            is_answered_ = !frame.is_bad();
+            return;
+        }
+        case EngineFrame::Hello: {
+            greeted_ = frame.number() == kEngineVersion;
+            refused_ = !greeted_;
+            say_trouble(greeted_ ? std::string(frame.text()).c_str() : "the HTML engine is of another version");
+            return;
+        }
+        case EngineFrame::Trouble:
+            refused_ = true;
+            say_trouble(std::string(frame.text()).c_str());
+            return;
+        case EngineFrame::Ready:
+            ready_ = frame.number();
+            return;
+        case EngineFrame::Complete:
+            complete_ = frame.number();
+            break;
+        case EngineFrame::Title:
+        case EngineFrame::Link:
+            // A document may make any number of these.
+            if (events_.size() >= kMostEvents) return;
+            break;
+        default:
+            break;
+    }
+    events_.emplace_back(bytes);
+    if (kept_ != nullptr) kept_(context_);
+}
+
+DWORD Engine::ask(FrameWriter& frame, std::uint32_t number, Deadline deadline, EngineAnswer& answer,
+                  std::string& what) {
+    awaited_ = number;
+    is_answered_ = false;
+    DWORD error = send(frame, deadline);
+    while (error == ERROR_SUCCESS && !is_answered_) {
+        error = round(deadline);
+    }
+    awaited_ = 0;
+    if (error == ERROR_TIMEOUT) end();
+    if (error != ERROR_SUCCESS) return error;
+    answer = answer_;
+    what = std::move(what_);
+    return ERROR_SUCCESS;
+}
+
+DWORD Engine::read(Deadline deadline) {
+    return round(deadline);
+}
+
+DWORD Engine::wait_until_ready(std::uint32_t document, Deadline deadline) {
+    DWORD error = is_alive() ? ERROR_SUCCESS : ERROR_PROCESS_ABORTED;
+    while (error == ERROR_SUCCESS && !is_ready(document) && !is_complete(document)) {
+        error = round(deadline);
+    }
+    if (error == ERROR_TIMEOUT) end();
+    // It could not be loaded.
+    if (error == ERROR_SUCCESS && !is_ready(document)) return ERROR_FILE_NOT_FOUND;
+    return error;
+}
+
+bool Engine::take_event(std::string& frame) {
+    if (events_.empty()) return false;
+    frame = std::move(events_.front());
+    events_.pop_front();
+    return true;
+}
+
+}  // namespace zr::platform

@@ -1,0 +1,17 @@
+#pragma once
+
+// Names of members and their identifiers, the same for all objects of the process. Any thread.
+
+#include <string>
+#include <string_view>
+
+#include "platform/com.h"
+
+namespace zr::platform {
+
+// DISPID_UNKNOWN when there are too many. The empty name is DISPID_VALUE. May throw std::bad_alloc.
+DISPID id_of_name(std::u16string_view name);
+// False: no name has that identifier.
+bool name_of_id(DISPID id, std::u16string& name);
+
+}  // namespace zr::platform

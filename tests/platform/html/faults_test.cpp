@@ -1,0 +1,116 @@
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "html/engine_patience.h"
+#include "html_support.h"
+#include "support/own_process.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using namespace zr::test;
+
+std::string first_line(const std::filesystem::path& file) {
+    std::ifstream stream(file);
+    std::string line;
+    std::getline(stream, line, '\0');
+    return line;
+}
+
+// The processes that have a folder of an engine of ours as their home.
+std::vector<pid_t> engine_processes() {
+    const std::string home = "HOME=" + std::filesystem::path(std::getenv("XDG_RUNTIME_DIR")).string() + "/zr-html-";
+    std::vector<pid_t> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::ifstream stream(entry.path() / "environ");
+        std::string variable;
+        while (std::getline(stream, variable, '\0')) {
+            if (variable.compare(0, home.size(), home) != 0) continue;
+            found.push_back(std::stoi(name));
+            break;
+        }
+    }
+    return found;
+}
+
+pid_t engine_itself() {
+    for (const pid_t process : engine_processes()) {
+        const std::string line = first_line("/proc/" + std::to_string(process) + "/cmdline");
+        if (line.ends_with("zr-html-engine")) return process;
+    }
+    return -1;
+}
+
+// What is killed takes a moment to go.
+bool until_no_process() {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!engine_processes().empty()) {
+        if (std::chrono::steady_clock::now() > limit) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+int folders_left() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(std::getenv("XDG_RUNTIME_DIR"))) {
+        count += entry.path().filename().string().compare(0, 8, "zr-html-") == 0;
+    }
+    return count;
+}
+
+// A script without an end is an error in time, alerts and prints do not hold anything up, and the next document works.
+TEST(HtmlFaults, EndlessScriptsEndInTime) {
+    {
+        HtmlParent parent;
+        const HRESULT shown = parent.show(u"<p id=p>one</p>");
+        ZR_NEEDS_ENGINE(shown);
+        const Ptr<IDispatchEx> document = parent.document();
+        ASSERT_TRUE(document);
+        EXPECT_EQ(eval(document.get(), u"for (let i = 0; i < 100; i++) { alert(i); print(); confirm(i); } 1", nullptr),
+                  S_OK);
+        zr::platform::engine_patience().call = 1'000;
+        EXPECT_EQ(eval(document.get(), u"for (;;) {}", nullptr), HRESULT_FROM_WIN32(ERROR_TIMEOUT));
+        zr::platform::engine_patience().call = 60'000;
+        EXPECT_EQ(eval(document.get(), u"1", nullptr), RPC_E_DISCONNECTED);
+        EXPECT_EQ(parent.show(u"<p id=p>two</p>"), S_OK);
+        EXPECT_TRUE(element(parent.document().get(), u"p"));
+        // Killed before, after and during calls and loads.
+        std::mt19937 random(4711);
+        for (int i = 0; i < 4; ++i) {
+            const pid_t engine = engine_itself();
+            ASSERT_GT(engine, 0);
+            std::thread killer([&, after = random() % 30] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(after));
+                kill(engine, SIGKILL);
+            });
+            HRESULT last = S_OK;
+            while (SUCCEEDED(last)) {
+                const Ptr<IDispatchEx> now = parent.document();
+                last = now ? eval(now.get(), u"document.body.innerHTML", nullptr) : RPC_E_DISCONNECTED;
+                if (SUCCEEDED(last) && random() % 4 == 0) {
+                    last = parent.show(u"<p id=p>more</p>");
+                }
+            }
+            killer.join();
+            EXPECT_EQ(last, RPC_E_DISCONNECTED);
+            EXPECT_EQ(parent.show(u"<p id=p>again</p>"), S_OK);
+        }
+        // Closed while it loads.
+        SendMessageW(parent.control(), WM_SETTEXT, 0, reinterpret_cast<LPARAM>(u"<img src='cid:x'>"));
+    }
+    EXPECT_TRUE(until_no_process());
+    EXPECT_EQ(folders_left(), 0);
+}
+
+}  // namespace
