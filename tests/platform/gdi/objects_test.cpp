@@ -1,5 +1,6 @@
 // Contexts, objects, and what is selected where.
 
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <thread>
@@ -8,6 +9,7 @@
 #include "platform/places.h"
 #include "platform/windowing.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 
 namespace {
 
@@ -285,6 +287,26 @@ TEST(Objects, AForkedChildMeasuresOn) {
     });
     EXPECT_EQ(status, 0);
     EXPECT_EQ(paper.width(u"forked"), before);
+}
+
+TEST(Objects, ThreeHundredForksUnderLoad) {
+    const Paper paper;
+    const int width = paper.width(u"forked");
+    const auto measures = [&] { EXPECT_EQ(paper.width(u"forked"), width); };
+    const auto makes = [] {
+        static thread_local LONG height = 0;
+        const Paper own(10, 10, font_description(-8 - ++height % 30, u"DejaVu Serif"));
+        EXPECT_GT(own.width(u"M\u00F6we"), 0);
+    };
+    const zr::test::Load load({measures, makes});
+    for (int i = 0; i < 300 / zr::test::kStride; ++i) {
+        ASSERT_EQ(zr::test::in_fork([&] {
+                      const Paper own(10, 10, font_description(-9, u"DejaVu Sans"));
+                      return paper.width(u"forked") == width && own.width(u"new") > 0 ? 0 : 1;
+                  }),
+                  0)
+            << "fork " << i;
+    }
 }
 
 }  // namespace

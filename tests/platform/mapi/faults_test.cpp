@@ -5,11 +5,11 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-
 #include <map>
 #include <memory>
 #include <optional>
@@ -534,6 +534,41 @@ TEST_F(MapiFaults, AChildOfAForkAndItsParentWorkOn) {
     EXPECT_EQ(in_fork([&] { return Props(held.get(), {PR_SUBJECT_W}).result == MAPI_E_BUSY ? 0 : 1; }), 0);
     ASSERT_EQ(extras->CommitBatch(), S_OK);
     EXPECT_EQ(Props(inbox.get(), {PR_CONTENT_COUNT}).number(), 4);
+}
+
+TEST_F(MapiFaults, ThreeHundredForksUnderLoad) {
+    constexpr int kForks = 300 / kStride;
+    const Mail mail;
+    Ptr<IMAPIFolder> inbox = mail.folder();
+    const Bytes first = mail.add(inbox.get(), u"first");
+    Ptr<IMessage> held = mail.message(first);
+    std::atomic<int> added{1};
+    const auto adds = [&] {
+        mail.add(inbox.get(), u"thread's");
+        ++added;
+    };
+    const auto reads = [&] {
+        const Mail own;
+        ASSERT_EQ(own.open, S_OK);
+        Ptr<IMAPIFolder> same = own.folder();
+        EXPECT_GT(Props(same.get(), {PR_CONTENT_COUNT}).number(), 0);
+        EXPECT_EQ(Props(own.message(first).get(), {PR_SUBJECT_W}).text(), u"first");
+    };
+    {
+        const Load load({adds, reads});
+        for (int i = 0; i < kForks; ++i) {
+            ASSERT_EQ(in_fork([&] {
+                          if (Props(held.get(), {PR_SUBJECT_W}).text() != u"first") return 1;
+                          const Bytes id = mail.add(inbox.get(), u"child's");
+                          if (Props(mail.message(id).get(), {PR_SUBJECT_W}).text() != u"child's") return 2;
+                          return testing::Test::HasFailure() ? 3 : 0;
+                      }),
+                      0)
+                << "fork " << i;
+            mail.add(inbox.get(), u"parent's");
+        }
+    }
+    EXPECT_EQ(Props(inbox.get(), {PR_CONTENT_COUNT}).number(), added + 2 * kForks);
 }
 
 // Every allocation of a message's way through the calls fails once.
