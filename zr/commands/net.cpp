@@ -6,9 +6,11 @@
 #include <sys/socket.h>
 
 #include <arpa/inet.h>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "zr/base/event_loop.h"
@@ -21,6 +23,14 @@
 namespace zr {
 namespace {
 
+// What moves while a connection lasts, and is no change of it.
+struct Passing {
+    std::string since;               // UTC; empty: not known
+    std::optional<unsigned> signal;  // percent
+
+    bool operator==(const Passing&) const { return true; }
+};
+
 struct NetConnection {
     std::string name;
     std::string connection;  // NetworkManager's name
@@ -29,6 +39,7 @@ struct NetConnection {
     std::string network;
     std::string reason;
     bool metered = false;
+    Passing passing;
     std::vector<std::string> addresses;
 
     bool operator==(const NetConnection&) const = default;
@@ -73,6 +84,20 @@ std::string address_text(const SOCKADDR_STORAGE& address) {
     return text;
 }
 
+Passing passing_of(const CONNMGR_CONNECTION_DETAILED_STATUS& status) {
+    Passing passing;
+    const SYSTEMTIME& time = status.LastConnectTime;
+    if ((status.dwParams & CONNMGRDETAILEDSTATUS_PARAM_LASTCONNECT) != 0) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02uZ", time.wYear, time.wMonth, time.wDay,
+                      time.wHour, time.wMinute, time.wSecond);
+        passing.since = text;
+    }
+    if ((status.dwParams & CONNMGRDETAILEDSTATUS_PARAM_SIGNALQUALITY) != 0)
+        passing.signal = (status.dwSignalQuality * 100 + 127) / 255;
+    return passing;
+}
+
 int collect(const ZrConnection* connection, LPVOID all) {
     const CONNMGR_CONNECTION_DETAILED_STATUS& status = *connection->Status;
     NetConnection found;
@@ -83,6 +108,7 @@ int collect(const ZrConnection* connection, LPVOID all) {
     found.reason = reason_of(*connection);
     found.connection = to_utf8(connection->Name);
     found.metered = connection->Metered != FALSE;
+    found.passing = passing_of(status);
     for (DWORD i = 0; status.pIPAddr != nullptr && i < status.pIPAddr->cIPAddr; ++i) {
         found.addresses.push_back(address_text(status.pIPAddr->IPAddr[i]));
     }
@@ -101,6 +127,8 @@ std::string text_of(const NetConnection& connection) {
     std::string text = connection.state + ", " + connection.kind + ", ";
     if (!connection.connection.empty()) text += "\"" + printable(connection.connection) + "\", ";
     if (connection.metered) text += "metered, ";
+    if (connection.passing.signal) text += "signal " + std::to_string(*connection.passing.signal) + " %, ";
+    if (!connection.passing.since.empty()) text += "last connected " + connection.passing.since + ", ";
     text += connection.network.empty() ? "no network"
                                        : printable(connection.network) + " (" + printable(connection.reason) + ")";
     for (std::size_t i = 0; i < connection.addresses.size(); ++i) {
@@ -114,9 +142,17 @@ Json json_of(const NetConnection& connection) {
     for (const std::string& address : connection.addresses) {
         addresses.add(address);
     }
-    return {{"name", connection.name},     {"connection", connection.connection}, {"state", connection.state},
-            {"kind", connection.kind},     {"metered", connection.metered},       {"network", connection.network},
-            {"reason", connection.reason}, {"addresses", std::move(addresses)}};
+    const Passing& passing = connection.passing;
+    return {{"name", connection.name},
+            {"connection", connection.connection},
+            {"state", connection.state},
+            {"kind", connection.kind},
+            {"metered", connection.metered},
+            {"signal", passing.signal ? Json(*passing.signal) : Json(nullptr)},
+            {"lastConnected", passing.since.empty() ? Json(nullptr) : Json(passing.since)},
+            {"network", connection.network},
+            {"reason", connection.reason},
+            {"addresses", std::move(addresses)}};
 }
 
 Exit status(bool json) {
@@ -196,8 +232,9 @@ void add_net_status(Command net) {
     command.add_flag("--json", *json, "Print JSON");
     command.footer(
         "A line is the interface's name and, behind a tab, its state, its kind, NetworkManager's name for the\n"
-        "connection and whether it is metered (where NetworkManager runs), the network and what decided that, and its\n"
-        "addresses. Rules are keys below HKLM\\Comm\\ConnMgr\\Rules, the first that fits decides: Network is "
+        "connection, whether it is metered, how strong its signal is and when it was last connected, in UTC (where\n"
+        "NetworkManager runs), the network and what decided that, and its addresses. Rules are keys below "
+        "HKLM\\Comm\\ConnMgr\\Rules, the first that fits decides: Network is "
         "a\n"
         "network's name or GUID; Interface and Connection (with * and ?) and Type (cellular, ethernet, wifi, "
         "bluetooth,\n"

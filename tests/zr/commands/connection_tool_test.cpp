@@ -215,11 +215,19 @@ TEST_F(ConnectionTool, ShowsWhatNetworkManagerKnows) {
     ASSERT_TRUE(
         manager.add_object(root + "/Devices/1", name + ".Device",
                            {bus_entry("Interface", bus_text("two")), bus_entry("Metered", bus_integer(1, 'u'))}));
-    ASSERT_TRUE(
-        manager.add_object(root + "/ActiveConnection/1", name + ".Connection.Active",
-                           {bus_entry("Id", bus_text("Tea\troom")), bus_entry("Type", bus_text("802-11-wireless")),
-                            bus_entry("State", bus_integer(2, 'u')),
-                            bus_entry("Devices", bus_array("o", {bus_text(root + "/Devices/1", 'o')}))}));
+    ASSERT_TRUE(manager.add_object(
+        root + "/ActiveConnection/1", name + ".Connection.Active",
+        {bus_entry("Id", bus_text("Tea\troom")), bus_entry("Type", bus_text("802-11-wireless")),
+         bus_entry("State", bus_integer(2, 'u')), bus_entry("Connection", bus_text(root + "/Settings/3", 'o')),
+         bus_entry("Devices", bus_array("o", {bus_text(root + "/Devices/1", 'o')}))}));
+    ASSERT_TRUE(manager.add_properties(root + "/Devices/1", name + ".Device.Wireless",
+                                       {bus_entry("ActiveAccessPoint", bus_text(root + "/AccessPoint/9", 'o'))}));
+    ASSERT_TRUE(manager.add_object(root + "/AccessPoint/9", name + ".AccessPoint",
+                                   {bus_entry("Strength", bus_integer(60, 'y'))}));
+    ASSERT_TRUE(manager.add_object(root + "/Settings/3", name + ".Settings.Connection", {}));
+    ASSERT_TRUE(manager.add_method(name + ".Settings.Connection", "GetSettings", "", "a{sa{sv}}",
+                                   "ret = {'connection': {'timestamp': dbus.UInt64(1700000000)}}",
+                                   root + "/Settings/3"));
     const BusValue active = bus_array("o", {bus_text(root + "/ActiveConnection/1", 'o')});
     ASSERT_EQ(manager
                   .call(zr::test::MockService::kMock, "AddProperties",
@@ -228,16 +236,19 @@ TEST_F(ConnectionTool, ShowsWhatNetworkManagerKnows) {
               BusResult::Answered);
     // A mock that a busy computer keeps from answering in time is asked once more.
     Result shown = run({"net", "status"});
-    for (int again = 0; again < 20 && shown.out.find("Tea") == std::string::npos; ++again) {
+    for (int again = 0; again < 20 && shown.out.find("2023") == std::string::npos; ++again) {
         shown = run({"net", "status"});
     }
-    EXPECT_NE(shown.out.find("two\tconnected, wifi, \"Tea\\troom\", metered, Work (private network), 192.168.5.1\n"),
+    EXPECT_NE(shown.out.find("two\tconnected, wifi, \"Tea\\troom\", metered, signal 60 %, last connected "
+                             "2023-11-14T22:13:20Z, Work (private network), 192.168.5.1\n"),
               std::string::npos)
         << shown.out;
     for (const json& each : json::parse(run({"net", "status", "--json"}).out)) {
         const bool is_two = each["name"] == "two";
         EXPECT_EQ(each["connection"], is_two ? "Tea\troom" : "");
         EXPECT_EQ(each["metered"], is_two);
+        EXPECT_EQ(each["signal"], is_two ? json(60) : json());
+        EXPECT_EQ(each["lastConnected"], is_two ? json("2023-11-14T22:13:20Z") : json());
     }
 }
 
