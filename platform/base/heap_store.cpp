@@ -106,7 +106,6 @@ private:
 
 // Never destroyed: blocks are freed while the process ends, too.
 alignas(ProcessHeap) unsigned char place[sizeof(ProcessHeap)];
-ProcessHeap& the_process_heap = *new (place) ProcessHeap;
 
 std::mutex heaps_mutex;
 PrivateHeap* first_heap = nullptr;
@@ -121,6 +120,8 @@ PrivateHeap** link_to(const Heap* heap) {
 }
 
 }  // namespace
+
+Heap& the_process_heap = *new (place) ProcessHeap;
 
 void* Heap::allocate(std::size_t bytes, bool zero) {
     if (bytes > kMostBytes || !may_allocate()) return nullptr;
@@ -152,10 +153,6 @@ void Heap::free(BlockHeader* block) {
     count_live(ZrLiveKind::HeapBlocks, -1);
 }
 
-Heap* process_heap() {
-    return &the_process_heap;
-}
-
 Heap* create_heap(std::size_t maximum) {
     auto* const heap = new (std::nothrow) PrivateHeap(maximum);
     if (heap == nullptr) return nullptr;
@@ -177,8 +174,7 @@ bool destroy_heap(Heap* heap) {
     return found != nullptr;
 }
 
-Heap* find_heap(HANDLE handle) {
-    if (handle == process_heap()) return process_heap();
+Heap* find_private_heap(HANDLE handle) {
     const std::lock_guard lock(heaps_mutex);
     return *link_to(static_cast<Heap*>(handle));
 }

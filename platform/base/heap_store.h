@@ -29,13 +29,19 @@ protected:
 };
 
 // The heap of the process, which never ends.
-Heap* process_heap();
+extern Heap& the_process_heap;
+inline Heap* process_heap() {
+    return &the_process_heap;
+}
 // A private heap; null when memory is short. `maximum` 0: no limit.
 Heap* create_heap(std::size_t maximum);
 // False if it is not a private heap that exists.
 bool destroy_heap(Heap* heap);
 // The heap behind a handle; null for what is none.
-Heap* find_heap(HANDLE handle);
+Heap* find_private_heap(HANDLE handle);
+inline Heap* find_heap(HANDLE handle) {
+    return handle == process_heap() ? process_heap() : find_private_heap(handle);
+}
 
 // All heaps, while the process forks.
 void lock_heaps() noexcept;
