@@ -100,7 +100,7 @@ private:
     void wake() noexcept { eventfd_write(wake_.get(), 1); }
 
     void answered(std::uint64_t call, BusAnswer& answer) noexcept;
-    void told(std::uint64_t match, const BusSignal& signal) noexcept;
+    void told(std::uint64_t match, BusSignal& signal) noexcept;
 
     // Whoever uses the connection, or calls listeners: the thread, but while it waits or connects.
     std::mutex busy_;
@@ -118,6 +118,7 @@ private:
     void* connection_ = nullptr;
     int descriptor_ = -1;  // its
     std::uint64_t last_id_ = 0;
+    std::uint64_t order_ = 0;  // of what came, on all connections
     std::map<std::uint64_t, JobRef> calls_;
     std::vector<Match> matches_;
     Clock::time_point used_;
@@ -125,7 +126,7 @@ private:
                       [](void* self, std::uint64_t call, BusAnswer& answer) noexcept {
                           static_cast<SystemBus*>(self)->answered(call, answer);
                       },
-                      [](void* self, std::uint64_t match, const BusSignal& signal) noexcept {
+                      [](void* self, std::uint64_t match, BusSignal& signal) noexcept {
                           static_cast<SystemBus*>(self)->told(match, signal);
                       }};
 
@@ -372,11 +373,12 @@ void SystemBus::answered(std::uint64_t call, BusAnswer& answer) noexcept {
     const bool unanswered = answer.result == BusResult::Refused && answer.error == "org.freedesktop.DBus.Error.NoReply";
     // Before its time only where nobody is left to answer.
     const BusResult none = Clock::now() < job->deadline ? BusResult::Lost : BusResult::TimedOut;
+    answer.order = ++order_;
     job->answer = std::move(answer);
     finish(*job, unanswered ? none : job->answer.result);
 }
 
-void SystemBus::told(std::uint64_t match, const BusSignal& signal) noexcept {
+void SystemBus::told(std::uint64_t match, BusSignal& signal) noexcept {
     BusListener* listener = nullptr;
     {
         const std::lock_guard lock(mutex_);
@@ -384,6 +386,7 @@ void SystemBus::told(std::uint64_t match, const BusSignal& signal) noexcept {
         if (found == matches_.end()) return;
         listener = found->listener;
     }
+    signal.order = ++order_;
     listener->signal(signal);
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <list>
 #include <new>
 #include <utility>
 
@@ -32,7 +33,6 @@ struct Seen {
     VoiceService service{};
     CallFacts facts;
     SYSTEMTIME entered{};
-    DWORD monitors = 0;
 
     // For its owner also once he has dropped it.
     bool is_over() const {
@@ -60,11 +60,17 @@ LONG see(HCALL handle, Seen& seen, bool fresh = true) {
     if (!fresh) return 0;
     const LONG error = exchange.bring_up_to_date(&seen.service);
     const auto lock = exchange.enter();
-    if (const LONG gone = find()) return gone;
-    for (const auto& [other, each] : exchange.call_handles) {
-        if (each.call == seen.handle.call && each.privilege == LINECALLPRIVILEGE_MONITOR) ++seen.monitors;
-    }
-    return error;
+    const LONG gone = find();
+    return gone != 0 ? gone : error;
+}
+
+DWORD count_monitors(const Call& call) {
+    Exchange& exchange = Exchange::instance();
+    const auto lock = exchange.enter();
+    return static_cast<DWORD>(std::ranges::count_if(call.handles, [&](const auto& each) {
+        const CallHandle* const handle = exchange.find_call(each.second);
+        return handle != nullptr && handle->privilege == LINECALLPRIVILEGE_MONITOR;
+    }));
 }
 
 DWORD features_of(const Seen& seen) {
@@ -86,14 +92,10 @@ LONG list_new_calls(HLINE handle, LPLINECALLLIST list) {
     const auto lock = exchange.enter();
     const OpenLine* const open = exchange.find_line(handle);
     if (open == nullptr) return LINEERR_INVALLINEHANDLE;
-    std::map<CallRef, bool> known;
-    for (const auto& [other, each] : exchange.call_handles) {
-        if (each.line == handle && each.call) known[each.call] = true;
-    }
     std::vector<CallRef> calls;
     for (const auto& [path, call] : open->line->calls) {
         const bool is_live = call->facts.state != 0 && call->facts.state != LINECALLSTATE_IDLE;
-        if (is_live && !known.contains(call)) calls.push_back(call);
+        if (is_live && exchange.handle_of(handle, call) == nullptr) calls.push_back(call);
     }
     std::ranges::sort(calls, {}, &Call::number);
     const DWORD total = list->dwTotalSize;
@@ -103,13 +105,9 @@ LONG list_new_calls(HLINE handle, LPLINECALLLIST list) {
         list->dwNeededSize = needed;
         return LINEERR_STRUCTURETOOSMALL;
     }
+    const std::vector<HCALL> handles = exchange.make_call_handles(handle, calls);
     *list = {total, needed, needed, static_cast<DWORD>(calls.size()), size, sizeof(LINECALLLIST)};
-    unsigned char* at = reinterpret_cast<unsigned char*>(list) + sizeof(LINECALLLIST);
-    for (const CallRef& call : calls) {
-        const HCALL made = exchange.make_call_handle(handle, call, LINECALLPRIVILEGE_MONITOR).handle;
-        std::memcpy(at, &made, sizeof made);
-        at += sizeof made;
-    }
+    if (size != 0) std::memcpy(reinterpret_cast<unsigned char*>(list) + sizeof(LINECALLLIST), handles.data(), size);
     return 0;
 }
 
@@ -125,7 +123,7 @@ LONG write_info(const Seen& seen, LPLINECALLINFO info) {
     fixed.dwOrigin = facts.incoming ? LINECALLORIGIN_INBOUND : LINECALLORIGIN_OUTBOUND;
     fixed.dwReason = LINECALLREASON_DIRECT;
     fixed.dwNumOwners = count_owners(seen.handle.call->name);
-    fixed.dwNumMonitors = seen.monitors;
+    fixed.dwNumMonitors = count_monitors(*seen.handle.call);
     const DWORD flags =
         (facts.number.empty() ? 0 : LINECALLPARTYID_ADDRESS) | (facts.name.empty() ? 0 : LINECALLPARTYID_NAME);
     const DWORD said = flags != 0 ? flags : LINECALLPARTYID_UNKNOWN;
@@ -144,46 +142,54 @@ LONG write_info(const Seen& seen, LPLINECALLINFO info) {
     return writer.finish();
 }
 
-void put_privilege(HCALL handle, DWORD privilege) {
+// False: it has gone meanwhile, with its modem.
+bool put_privilege(HCALL handle, DWORD privilege) {
     Exchange& exchange = Exchange::instance();
     const auto lock = exchange.enter();
-    if (CallHandle* const found = exchange.find_call(handle)) found->privilege = privilege;
+    CallHandle* const found = exchange.find_call(handle);
+    if (found != nullptr) found->privilege = privilege;
+    return found != nullptr;
 }
 
 // False: the call would be left without an owner.
-bool disown(const Seen& seen) {
+bool disown(const Seen& seen, bool may_be_last) {
     const SharedName& name = seen.handle.call->name;
     {
         Exchange& exchange = Exchange::instance();
         const auto lock = exchange.enter();
         if (exchange.owns_otherwise(seen.open->session, name, seen.handle.handle)) return true;
     }
-    return disown_call(name, seen.open->session, !seen.is_over());
+    return disown_call(name, seen.open->session, !may_be_last);
 }
 
 LONG set_privilege(HCALL handle, DWORD privilege) {
     Seen seen;
     if (const LONG error = see(handle, seen, privilege == LINECALLPRIVILEGE_MONITOR)) return error;
+    const auto rights = Exchange::instance().change_rights();
+    if (const LONG error = see(handle, seen, false)) return error;
     if (privilege == seen.handle.privilege) return 0;
     if (privilege == LINECALLPRIVILEGE_OWNER) {
         if (const LONG error = own_call(seen.handle.call->name, seen.open->session)) return error;
-    } else if (!disown(seen)) {
+    } else if (!disown(seen, seen.is_over())) {
         return LINEERR_INVALCALLSTATE;
     }
-    put_privilege(handle, privilege);
-    return 0;
+    if (put_privilege(handle, privilege)) return 0;
+    if (privilege == LINECALLPRIVILEGE_OWNER) disown(seen, true);
+    return LINEERR_INVALCALLHANDLE;
 }
 
 LONG deallocate(HCALL handle) {
     Seen seen;
     if (const LONG error = see(handle, seen, false)) return error;
-    if (seen.handle.privilege == LINECALLPRIVILEGE_OWNER) {
-        static_cast<void>(see(handle, seen));
-        if (!disown(seen)) return LINEERR_INVALCALLSTATE;
-    }
+    if (seen.handle.privilege == LINECALLPRIVILEGE_OWNER) static_cast<void>(see(handle, seen));
     Exchange& exchange = Exchange::instance();
+    const auto rights = exchange.change_rights();
+    if (const LONG error = see(handle, seen, false)) return error;
+    const bool owns = seen.handle.privilege == LINECALLPRIVILEGE_OWNER;
+    if (owns && !disown(seen, seen.is_over())) return LINEERR_INVALCALLSTATE;
     const auto lock = exchange.enter();
-    return exchange.call_handles.erase(handle) != 0 ? 0 : LINEERR_INVALCALLHANDLE;
+    exchange.remove_call_handle(handle);
+    return 0;
 }
 
 // Asks for something to be done with a call.
@@ -195,8 +201,9 @@ LONG request_of(HCALL handle, CallRequest::Kind kind) {
     const bool fits = kind == CallRequest::Kind::Answer ? rings : !seen.is_over();
     if (!fits) return LINEERR_INVALCALLSTATE;
     Exchange& exchange = Exchange::instance();
+    std::list<CallRequest> request(1);
+    CallRequest& made = request.front();
     const auto lock = exchange.enter();
-    CallRequest made;
     made.kind = kind;
     made.id = exchange.new_request();
     made.session = seen.open->session;
@@ -208,7 +215,7 @@ LONG request_of(HCALL handle, CallRequest::Kind kind) {
     const LONG id = made.id;
     CallHandle* const found = exchange.find_call(handle);
     if (found != nullptr && kind == CallRequest::Kind::Drop) found->dropped = true;
-    exchange.request(std::move(made));
+    exchange.request(request);
     return id;
 }
 
@@ -239,21 +246,22 @@ LONG check_params(const LINECALLPARAMS* params) {
 
 LONG make_call(HLINE line, LPHCALL call, std::string number) {
     Exchange& exchange = Exchange::instance();
+    std::list<CallRequest> request(1);
+    CallRequest& made = request.front();
     const auto lock = exchange.enter();
     const OpenLine* const open = exchange.find_line(line);
     if (open == nullptr) return LINEERR_INVALLINEHANDLE;
     if (!open->line->facts.voice) return LINEERR_OPERATIONUNAVAIL;
-    CallRequest made;
     made.kind = CallRequest::Kind::Make;
     made.id = exchange.new_request();
     made.session = open->session;
     made.line = line;
     made.on = open->line;
     made.number = std::move(number);
-    made.handle = exchange.make_call_handle(line, nullptr, LINECALLPRIVILEGE_OWNER).handle;
+    made.handle = exchange.make_call_handle(line, nullptr, LINECALLPRIVILEGE_OWNER);
     *call = made.handle;
     const LONG id = made.id;
-    exchange.request(std::move(made));
+    exchange.request(request);
     return id;
 }
 

@@ -11,11 +11,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kernel/worker.h"
@@ -31,7 +32,9 @@ struct Call {
     CallFacts facts;
     SharedName name;
     std::uint64_t since = 0;  // what was read before need not have it
+    std::uint64_t heard = 0;  // the order of the answer that told it last
     SYSTEMTIME entered{};     // its state
+    std::vector<std::pair<HLINE, HCALL>> handles;
 };
 using CallRef = std::shared_ptr<Call>;
 
@@ -54,13 +57,16 @@ struct CallMessage {
     CallRef call;
 };
 
+// A list, so that what is made beforehand is put there without needing memory.
+using CallMessages = std::list<CallMessage>;
+
 struct Session final : RoomWaiter {
     HLINEAPP handle = 0;
     LINECALLBACK callback = nullptr;
     HWND window = nullptr;
     DWORD thread = 0;
     std::u16string application;
-    std::deque<CallMessage> messages;
+    CallMessages messages;
     bool posted = false;   // the window has been told to look
     bool blocked = false;  // its queue had no room
     int requests = 0;      // under way
@@ -88,16 +94,18 @@ struct CallHandle {
     bool dropped = false;  // its owner has asked for that
 };
 
-// What is left of a line that was closed: what the other processes have been told of it.
-struct ClosedLine {
-    HLINE handle = 0;
-    HLINEAPP session = 0;
-    bool takes = false;
-    std::vector<SharedName> owned;  // calls that its session owns no more
+// A handle that a message of a new call made, or found.
+struct NewHandle {
+    HCALL handle = 0;  // 0: nobody is told
+    bool is_new = false;
+    DWORD privilege = 0;
 };
 
-// Nothing of the exchange's may be locked.
-void give_up(const ClosedLine& line);
+// What a service made of a number.
+struct MadeCall {
+    std::string path;
+    std::uint64_t heard = 0;
+};
 
 struct CallRequest {
     enum class Kind { Make, Answer, Drop } kind = Kind::Make;
@@ -111,9 +119,24 @@ struct CallRequest {
     std::string number;
 };
 
+// Messages that are made first, and sent when everything else has succeeded, too.
+class Outbox {
+public:
+    void add(Session& session, CallMessage message);
+    void send() noexcept;
+
+private:
+    std::vector<std::pair<Session*, CallMessages>> letters_;
+};
+
 class Exchange final : public BusListener {
 public:
     static Exchange& instance() noexcept;
+
+    // The right to change what the other processes know of this one's owners and takers, and what this one knows of
+    // them itself: both change in one go. Taken before the lock of enter(), and not while a callback or the bus is
+    // called.
+    std::unique_lock<std::mutex> change_rights() { return std::unique_lock(rights_); }
 
     // The right to look at everything below. In a child made by fork the first one clears what was the parent's.
     std::unique_lock<std::mutex> enter();
@@ -134,16 +157,19 @@ public:
     OpenLine* find_line(HLINE handle) noexcept;
     CallHandle* find_call(HCALL handle) noexcept;
     CallHandle* handle_of(HLINE line, const CallRef& call) noexcept;
-    CallHandle& make_call_handle(HLINE line, const CallRef& call, DWORD privilege);
+    bool is_making_call(HLINE line) const noexcept;
+    HCALL make_call_handle(HLINE line, const CallRef& call, DWORD privilege);
+    // One for each of them, or none.
+    std::vector<HCALL> make_call_handles(HLINE line, const std::vector<CallRef>& calls);
+    void remove_call_handle(HCALL handle) noexcept;
     void remove_open_line(HLINE handle) noexcept;
-    // The same, with what has to be given up.
-    ClosedLine close_line(HLINE handle);
-    // Whether the session is an owner of a call of this name by another handle than this one, too. Services give a new
-    // call the name of one that is over.
-    bool owns_otherwise(HLINEAPP session, const SharedName& call, HCALL handle) noexcept;
+    ClosedLine left_of(const OpenLine& open) const;  // when it is closed
+    // Whether the session is an owner of a call of this name by a handle, but this one and those of `line`. Services
+    // give a new call the name of one that is over.
+    bool owns_otherwise(HLINEAPP session, const SharedName& call, HCALL handle, HLINE line = 0) noexcept;
     void number_lines();  // before the first session: those that are there, from 0
-    void send(Session& session, CallMessage message);
-    void request(CallRequest request);
+    // Puts it there; the list has that one.
+    void request(std::list<CallRequest>& request) noexcept;
     LONG new_request() noexcept;
     void wake() noexcept;
     void end_worker_if_idle() noexcept;
@@ -154,43 +180,62 @@ public:
 
     // For the window of a session.
     static void deliver(HLINEAPP handle);
+    // Has its window look for messages.
+    static void post(Session& session) noexcept;
 
     void signal(const BusSignal& signal) noexcept override;
     void lost() noexcept override;
     bool is_needed() noexcept override;
 
-    void lock() noexcept { mutex_.lock(); }
-    void unlock() noexcept { mutex_.unlock(); }
+    void lock() noexcept {
+        rights_.lock();
+        mutex_.lock();
+    }
+    void unlock() noexcept {
+        mutex_.unlock();
+        rights_.unlock();
+    }
     void begin_child() noexcept;
 
 private:
-    bool listen() noexcept;
+    BusResult listen() noexcept;
     void note() noexcept;
+    using KeptCalls = std::map<std::pair<std::string, std::string>, CallFacts>;  // by owner and path
     void read(std::uint64_t told);
+    KeptCalls untouched_calls();
+    void forget_touched(std::uint64_t told) noexcept;
     void give_up_gone();
     void end_reading() noexcept;
     LONG result_of(const VoiceService* service) const noexcept;
     bool is_up_to_date() const noexcept;
     void take(VoiceService service, std::vector<LineFacts>& facts, std::uint64_t told);
-    void take_calls(const LineRef& line, std::vector<CallFacts>& facts, std::uint64_t told);
-    void take_call(const LineRef& line, CallFacts& facts);
+    void take_calls(const LineRef& line, std::vector<CallFacts>& facts, std::uint64_t told, std::uint64_t heard);
+    void take_call(const LineRef& line, CallFacts& facts, std::uint64_t heard);
+    void take_new_call(const LineRef& line, CallFacts& facts, std::uint64_t heard);
+    // Whether the path is another call's by the time of `heard`.
+    bool is_of_before(const Call& call, std::uint64_t heard);
+    void end_call(const LineRef& line, const CallRef& call);
     void enter_state(const LineRef& line, const CallRef& call, DWORD state, DWORD mode);
     void remove_line(const LineRef& line);
-    void tell_new_call(const LineRef& line, const CallRef& call);
-    void tell_call(const LineRef& line, const CallRef& call, DWORD message, DWORD first, DWORD second);
-    void tell_sessions(DWORD message, DWORD device);
-    void post(Session& session) noexcept;
-    void deliver_one(const SessionRef& session, CallMessage& message);
-    void deliver_new_call(const SessionRef& session, CallMessage& message);
+    void tell_new_call(Outbox& box, const LineRef& line, const CallRef& call);
+    void tell_call(Outbox& box, const LineRef& line, const CallRef& call, DWORD message, DWORD first, DWORD second);
+    void tell_sessions(Outbox& box, DWORD message, DWORD device);
+    bool deliver_one(const SessionRef& session, const CallMessage& message);
+    void deliver_new_call(const SessionRef& session, const CallMessage& message, const NewHandle& made);
+    NewHandle take_new_handle(const SessionRef& session, const CallMessage& message);
 
     void work();
     bool work_once();
     void carry_out(const CallRequest& request);
-    LONG ask(const CallRequest& request, std::string& made);
-    void finish(const CallRequest& request, LONG result, const std::string& made);
-    void tell_finished(const CallRequest& request, LONG result, const std::string& made, const SharedName& name);
+    LONG ask(const CallRequest& request, MadeCall& made);
+    void finish(const CallRequest& request, LONG result, const MadeCall& made);
+    void tell_finished(const CallRequest& request, LONG result, const MadeCall& made);
+    CallRef take_made_call(const CallRequest& request, const MadeCall& made);
     void take_handed();
+    bool hand_over(const HandedCall& handed);
+    void refuse(const HandedCall& handed);
 
+    std::mutex rights_;  // before mutex_
     std::mutex mutex_;
     bool is_reading_ = false;       // one reads at a time, without the lock
     std::vector<ClosedLine> gone_;  // lines of modems that have gone
@@ -202,20 +247,24 @@ private:
 
     std::atomic<bool> listening_{false};
     std::atomic<bool> is_lost_{false};  // the bus that the picture is of
+    std::atomic<bool> missed_{false};   // what a signal said, without memory
     std::atomic<std::size_t> session_count_{0};
     std::atomic<std::uint64_t> told_{1};
     std::uint64_t read_at_ = 0;  // told_, before the picture was read
     BusResult results_[kVoiceServices] = {BusResult::Answered, BusResult::Answered};
     std::chrono::steady_clock::time_point quiet_until_;
     std::uint64_t quiet_at_ = 0;
+    std::vector<HandedCall> handed_calls_;  // the worker's: those that are not known yet
     // What the bus's thread needs, too. It is taken by that thread, or with the other lock held: so nobody has it while
     // the process forks.
     std::mutex told_lock_;
     std::map<std::string, std::uint64_t> touched_;  // calls by their paths, and told_
+    // oFono's paths that a call has left, and the order of the signal.
+    std::map<std::string, std::uint64_t, std::less<>> left_;
     Worker worker_{"zr-calls"};
     HANDLE wake_ = nullptr;
     HANDLE handed_ = nullptr;
-    std::deque<CallRequest> requests_;
+    std::list<CallRequest> requests_;
     std::condition_variable finished_;
 };
 

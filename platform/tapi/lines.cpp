@@ -52,10 +52,17 @@ LONG begin_session(LPHLINEAPP handle, LINECALLBACK callback, LPCWSTR name, LPDWO
     exchange.bring_up_to_date();
     session->window = make_session_window();
     if (session->window == nullptr) return LINEERR_NOMEM;
+    struct WindowGuard {
+        SessionRef session;
+        ~WindowGuard() {
+            if (session) end_session_window(session->window, session->thread);
+        }
+    } guard{session};
     const auto lock = exchange.enter();
     if (exchange.sessions.empty()) exchange.number_lines();
     session->handle = exchange.new_handle();
     exchange.add_session(session);
+    guard.session.reset();
     *handle = session->handle;
     *count = static_cast<DWORD>(exchange.lines.size());
     return 0;
@@ -68,18 +75,20 @@ LONG end_session(HLINEAPP handle) {
         auto lock = exchange.enter();
         if (exchange.find_session(handle) == nullptr) return LINEERR_INVALAPPHANDLE;
         exchange.wait_for_requests(lock, handle);
+        if (exchange.find_session(handle) == nullptr) return LINEERR_INVALAPPHANDLE;
+    }
+    {
+        const auto rights = exchange.change_rights();
+        end_owner(handle);
+        const auto lock = exchange.enter();
         session = exchange.remove_session(handle);
         if (!session) return LINEERR_INVALAPPHANDLE;
-        std::vector<HLINE> lines;
-        for (const auto& [line, open] : exchange.open_lines) {
-            if (open->session == handle) lines.push_back(line);
-        }
-        for (const HLINE line : lines) {
-            exchange.remove_open_line(line);
+        for (auto each = exchange.open_lines.begin(); each != exchange.open_lines.end();) {
+            const OpenLineRef open = (each++)->second;
+            if (open->session == handle) exchange.remove_open_line(open->handle);
         }
         exchange.end_worker_if_idle();
     }
-    end_owner(handle);
     end_session_window(session->window, session->thread);
     return 0;
 }
@@ -133,36 +142,53 @@ LineRef choose_line(Exchange& exchange, DWORD device, DWORD media_modes, LONG& e
     return nullptr;
 }
 
-LONG open_line(HLINEAPP session, DWORD device, LPHLINE handle, DWORD_PTR instance, DWORD privileges,
-               DWORD media_modes) {
+LONG open_line(const OpenLine& wanted, DWORD device, LPHLINE handle) {
     Exchange& exchange = Exchange::instance();
+    const bool owner = (wanted.privileges & LINECALLPRIVILEGE_OWNER) != 0;
+    const auto open = std::make_shared<OpenLine>(wanted);
+    std::map<HLINE, OpenLineRef> made;
     CallTaker taker;
+    const auto rights = exchange.change_rights();
     {
         const auto lock = exchange.enter();
-        const Session* const found = exchange.find_session(session);
+        const Session* const found = exchange.find_session(wanted.session);
         if (found == nullptr) return LINEERR_INVALAPPHANDLE;
         LONG error = 0;
-        const LineRef line = choose_line(exchange, device, media_modes, error);
-        if (!line) return error;
-        const bool owner = (privileges & LINECALLPRIVILEGE_OWNER) != 0;
-        if (owner && (media_modes_of(*line) & media_modes) == 0) return LINEERR_INVALMEDIAMODE;
-        const auto open = std::make_shared<OpenLine>();
+        open->line = choose_line(exchange, device, wanted.media_modes, error);
+        if (!open->line) return error;
+        if (owner && (media_modes_of(*open->line) & wanted.media_modes) == 0) return LINEERR_INVALMEDIAMODE;
         open->handle = exchange.new_handle();
-        open->session = session;
-        open->line = line;
-        open->instance = instance;
-        open->privileges = privileges;
-        open->media_modes = media_modes;
-        exchange.open_lines.emplace(open->handle, open);
-        *handle = open->handle;
-        if (!owner) return 0;
-        taker = {session, open->handle, line->name, media_modes, found->application};
+        made.emplace(open->handle, open);
+        taker = {wanted.session, open->handle, open->line->name, wanted.media_modes, found->application};
+        if (owner && !exchange.listen_to_others()) return LINEERR_NOMEM;
     }
-    LONG result = add_taker(taker);
-    const auto lock = exchange.enter();
-    if (result == 0 && !exchange.listen_to_others()) result = LINEERR_NOMEM;
-    if (result != 0) exchange.remove_open_line(taker.line);
+    LONG result = owner ? add_taker(taker) : 0;
+    {
+        const auto lock = exchange.enter();
+        if (result == 0 && !open->line->present) result = LINEERR_NODEVICE;
+        if (result == 0) exchange.open_lines.merge(made);
+    }
+    if (result != 0 && owner) end_line({open->handle, open->session, true, {}});
+    if (result == 0) *handle = open->handle;
     return result;
+}
+
+LONG close_line(HLINE handle) {
+    Exchange& exchange = Exchange::instance();
+    const auto rights = exchange.change_rights();
+    ClosedLine closed;
+    {
+        const auto lock = exchange.enter();
+        const OpenLine* const open = exchange.find_line(handle);
+        if (open == nullptr) return LINEERR_INVALLINEHANDLE;
+        closed = exchange.left_of(*open);
+        std::erase_if(closed.owned,
+                      [&](const SharedName& call) { return exchange.owns_otherwise(closed.session, call, 0, handle); });
+    }
+    end_line(closed);
+    const auto lock = exchange.enter();
+    exchange.remove_open_line(handle);
+    return 0;
 }
 
 }  // namespace
@@ -222,19 +248,10 @@ LONG lineOpen(HLINEAPP session, DWORD device, LPHLINE line, DWORD version, DWORD
     if (!is_version(version)) return LINEERR_INCOMPATIBLEAPIVERSION;
     if (extension_version != 0) return LINEERR_INCOMPATIBLEEXTVERSION;
     if (const LONG error = check_privileges(privileges, media_modes)) return error;
-    return guarded_line_call([&] { return open_line(session, device, line, instance, privileges, media_modes); });
+    const OpenLine wanted{0, session, nullptr, instance, privileges, media_modes};
+    return guarded_line_call([&] { return open_line(wanted, device, line); });
 }
 
 LONG lineClose(HLINE line) {
-    return guarded_line_call([&]() -> LONG {
-        Exchange& exchange = Exchange::instance();
-        ClosedLine closed;
-        {
-            const auto lock = exchange.enter();
-            if (exchange.find_line(line) == nullptr) return LINEERR_INVALLINEHANDLE;
-            closed = exchange.close_line(line);
-        }
-        give_up(closed);
-        return 0;
-    });
+    return guarded_line_call([&] { return close_line(line); });
 }

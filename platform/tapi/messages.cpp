@@ -1,5 +1,6 @@
 // How sessions are told: through the window that each has on its thread.
 
+#include <new>
 #include <utility>
 
 #include "exchange.h"
@@ -21,10 +22,22 @@ void Session::room() noexcept {
     exchange.wake();
 }
 
-void Exchange::send(Session& session, CallMessage message) {
-    if (session.messages.size() >= kMostMessages && message.message != LINE_REPLY) return;
-    session.messages.push_back(std::move(message));
-    post(session);
+void Outbox::add(Session& session, CallMessage message) {
+    CallMessages one;
+    one.push_back(std::move(message));
+    letters_.emplace_back(&session, std::move(one));
+}
+
+void Outbox::send() noexcept {
+    for (auto& [session, message] : letters_) {
+        const CallMessage& each = message.front();
+        // A call that was handed over is its receiver's already.
+        const bool counts = each.message == LINE_REPLY || (each.message == LINE_APPNEWCALL && each.params[2] != 0);
+        if (session->messages.size() >= kMostMessages && !counts) continue;
+        session->messages.splice(session->messages.end(), message);
+        Exchange::post(*session);
+    }
+    letters_.clear();
 }
 
 void Exchange::post(Session& session) noexcept {
@@ -44,16 +57,17 @@ void Exchange::post(Session& session) noexcept {
     }
 }
 
-void Exchange::tell_sessions(DWORD message, DWORD device) {
+void Exchange::tell_sessions(Outbox& box, DWORD message, DWORD device) {
     for (const auto& [handle, session] : sessions) {
         CallMessage made;
         made.message = message;
         made.params[0] = device;
-        send(*session, std::move(made));
+        box.add(*session, std::move(made));
     }
 }
 
-void Exchange::tell_call(const LineRef& line, const CallRef& call, DWORD message, DWORD first, DWORD second) {
+void Exchange::tell_call(Outbox& box, const LineRef& line, const CallRef& call, DWORD message, DWORD first,
+                         DWORD second) {
     for (const auto& [handle, open] : open_lines) {
         if (open->line != line) continue;
         Session* const session = find_session(open->session);
@@ -66,11 +80,11 @@ void Exchange::tell_call(const LineRef& line, const CallRef& call, DWORD message
         made.params[1] = second;
         made.line = handle;
         made.call = call;
-        send(*session, std::move(made));
+        box.add(*session, std::move(made));
     }
 }
 
-void Exchange::tell_new_call(const LineRef& line, const CallRef& call) {
+void Exchange::tell_new_call(Outbox& box, const LineRef& line, const CallRef& call) {
     for (const auto& [handle, open] : open_lines) {
         constexpr DWORD told = LINECALLPRIVILEGE_MONITOR | LINECALLPRIVILEGE_OWNER;
         if (open->line != line || (open->privileges & told) == 0) continue;
@@ -83,7 +97,7 @@ void Exchange::tell_new_call(const LineRef& line, const CallRef& call) {
         made.params[1] = call->facts.mode;
         made.line = handle;
         made.call = call;
-        send(*session, std::move(made));
+        box.add(*session, std::move(made));
     }
 }
 
@@ -93,78 +107,117 @@ void Exchange::deliver(HLINEAPP handle) {
     std::size_t left = 0;
     {
         const auto lock = exchange.enter();
-        if (exchange.find_session(handle) == nullptr) return;
-        session = exchange.sessions[handle];
+        const auto found = exchange.sessions.find(handle);
+        if (found == exchange.sessions.end()) return;
+        session = found->second;
         session->posted = false;
         left = session->messages.size();
     }
     // One by one, as a callback may take messages itself: then those behind come there.
     for (; left > 0; --left) {
-        CallMessage message;
+        CallMessages message;
         {
             const auto lock = exchange.enter();
             if (exchange.find_session(handle) == nullptr || session->messages.empty()) return;
-            message = std::move(session->messages.front());
-            session->messages.pop_front();
+            message.splice(message.end(), session->messages, session->messages.begin());
         }
-        exchange.deliver_one(session, message);
+        if (exchange.deliver_one(session, message.front())) continue;
+        const auto lock = exchange.enter();
+        session->messages.splice(session->messages.begin(), message);
+        exchange.wake();  // it is posted again
+        return;
     }
 }
 
-void Exchange::deliver_one(const SessionRef& session, CallMessage& message) {
-    if (message.message == LINE_APPNEWCALL) return deliver_new_call(session, message);
+// False, and nothing is done, without memory.
+bool Exchange::deliver_one(const SessionRef& session, const CallMessage& message) {
+    if (message.message == LINE_APPNEWCALL) {
+        NewHandle made;
+        try {
+            made = take_new_handle(session, message);
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        deliver_new_call(session, message, made);
+        return true;
+    }
+    DWORD device = message.device;
     {
         const auto lock = enter();
         // A callback may have ended the session.
-        if (find_session(session->handle) == nullptr) return;
+        if (find_session(session->handle) == nullptr) return true;
         if (message.call) {
             const CallHandle* const call = handle_of(message.line, message.call);
-            if (call == nullptr) return;
-            message.device = call->handle;
+            if (call == nullptr) return true;
+            device = call->handle;
         }
     }
-    session->callback(message.device, message.message, message.instance, message.params[0], message.params[1],
+    session->callback(device, message.message, message.instance, message.params[0], message.params[1],
                       message.params[2]);
+    return true;
 }
 
-void Exchange::deliver_new_call(const SessionRef& session, CallMessage& message) {
-    OpenLine open;
+NewHandle Exchange::take_new_handle(const SessionRef& session, const CallMessage& message) {
+    constexpr DWORD voice = LINEMEDIAMODE_INTERACTIVEVOICE;
     const bool handed = message.params[2] != 0;
+    OpenLine open;
     {
         const auto lock = enter();
         const OpenLine* const found = find_line(message.line);
-        if (find_session(session->handle) == nullptr || found == nullptr) return;
+        if (find_session(session->handle) == nullptr || found == nullptr) return {};
         open = *found;
         // Asked for meanwhile; or it is the one that this line is about to make.
-        const bool is_making = !message.call->facts.incoming && handle_of(message.line, nullptr) != nullptr;
-        if (!handed && (is_making || handle_of(message.line, message.call) != nullptr)) return;
+        const bool is_making = !message.call->facts.incoming && is_making_call(message.line);
+        if (!handed && (is_making || handle_of(message.line, message.call) != nullptr)) return {};
     }
-    DWORD privilege = static_cast<DWORD>(message.params[2]);
-    constexpr DWORD voice = LINEMEDIAMODE_INTERACTIVEVOICE;
-    if (!handed) {
-        const bool takes = (open.privileges & LINECALLPRIVILEGE_OWNER) != 0 && (open.media_modes & voice) != 0 &&
-                           takes_calls(open.line->name, voice, priority_order(voice), open.session) &&
-                           own_call(message.call->name, open.session) == 0;
-        privilege = takes ? LINECALLPRIVILEGE_OWNER : open.privileges & LINECALLPRIVILEGE_MONITOR;
-        if (privilege == 0) return;
-    }
-    HCALL handle = 0;
-    bool is_new = false;
+    const bool may_take = (open.privileges & LINECALLPRIVILEGE_OWNER) != 0 && (open.media_modes & voice) != 0;
+    const auto order = !handed && may_take ? priority_order(voice) : std::vector<std::u16string>();
+    const auto rights = change_rights();
+    const bool takes = !handed && may_take && takes_calls(open.line->name, voice, order, open.session);
+    NewHandle made;
+    made.privilege = open.privileges & LINECALLPRIVILEGE_MONITOR;
+    if (takes || handed) made.privilege = LINECALLPRIVILEGE_OWNER;
+    if (made.privilege == 0) return {};
     {
         const auto lock = enter();
-        if (find_line(message.line) == nullptr) return;
-        CallHandle* call = handle_of(message.line, message.call);
-        is_new = call == nullptr;
-        if (is_new) call = &make_call_handle(message.line, message.call, privilege);
-        call->privilege = privilege;
-        handle = call->handle;
+        if (find_line(message.line) == nullptr) return {};
+        const CallHandle* const call = handle_of(message.line, message.call);
+        made.is_new = call == nullptr;
+        made.handle =
+            call != nullptr ? call->handle : make_call_handle(message.line, message.call, LINECALLPRIVILEGE_MONITOR);
     }
-    if (is_new) session->callback(message.line, LINE_APPNEWCALL, message.instance, 0, handle, privilege);
+    bool owns = handed;
+    try {
+        owns = owns || (takes && own_call(message.call->name, open.session) == 0);
+    } catch (const std::bad_alloc&) {
+        const auto lock = enter();
+        if (made.is_new) remove_call_handle(made.handle);
+        throw;
+    }
+    if (!owns) made.privilege = LINECALLPRIVILEGE_MONITOR;
+    bool is_there = false;
     {
         const auto lock = enter();
-        if (find_session(session->handle) == nullptr || find_call(handle) == nullptr) return;
+        CallHandle* const call = find_call(made.handle);
+        is_there = call != nullptr;
+        if (is_there && (owns || made.is_new)) call->privilege = made.privilege;
     }
-    session->callback(handle, LINE_CALLSTATE, message.instance, message.params[0], message.params[1], privilege);
+    if (is_there) return made;
+    if (owns) disown_call(message.call->name, open.session, false);
+    return {};
+}
+
+void Exchange::deliver_new_call(const SessionRef& session, const CallMessage& message, const NewHandle& made) {
+    if (made.handle == 0) return;
+    if (made.is_new) {
+        session->callback(message.line, LINE_APPNEWCALL, message.instance, 0, made.handle, made.privilege);
+    }
+    {
+        const auto lock = enter();
+        if (find_session(session->handle) == nullptr || find_call(made.handle) == nullptr) return;
+    }
+    session->callback(made.handle, LINE_CALLSTATE, message.instance, message.params[0], message.params[1],
+                      made.privilege);
 }
 
 }  // namespace zr::platform

@@ -87,7 +87,12 @@ class Ownership {
 public:
     Ownership() : guard_(page_lock) {
         const Folder folder = runtime_folder();
-        if (!folder || !mark_of_process(mark_)) return;
+        if (folder.error == ERROR_NOT_ENOUGH_MEMORY) throw std::bad_alloc();
+        if (!folder) return;
+        if (!mark_of_process(mark_)) {
+            if (GetLastError() == ERROR_NOT_ENOUGH_MEMORY) throw std::bad_alloc();
+            return;
+        }
         path_ = folder.path + "/calls-1-64";
         if (the_page.open(path_.c_str()) != 0) return;
         is_there_ = lock_.take(path_.c_str(), FileLock::Missing::IsMade, 0600, kLockPatience) == 0;
@@ -221,11 +226,15 @@ LONG add_taker(const CallTaker& taker) {
     return 0;
 }
 
-void remove_taker(HLINE line) {
+void end_line(const ClosedLine& line) {
+    if (!line.takes && line.owned.empty()) return;
     const Ownership shared;
     if (!shared) return;
+    free_those(shared->owners, [&](const SharedOwner& each) {
+        return shared.is_ours(each.whose, line.session) && std::ranges::count(line.owned, name_in(each.call)) != 0;
+    });
     free_those(shared->takers,
-               [&](const SharedTaker& each) { return each.line == line && shared.is_ours(each.whose); });
+               [&](const SharedTaker& each) { return each.line == line.handle && shared.is_ours(each.whose); });
 }
 
 LONG own_call(const SharedName& call, HLINEAPP session) {
@@ -294,16 +303,15 @@ LONG hand_call(const SharedName& call, const SharedName& line, DWORD media_mode,
     return 0;
 }
 
-std::vector<HandedCall> take_handed_calls() {
-    std::vector<HandedCall> calls;
+void take_handed_calls(std::vector<HandedCall>& calls) {
     const Ownership shared;
-    if (!shared) return calls;
+    if (!shared) return;
+    calls.reserve(calls.size() + kHanded);
     for (SharedHanded& each : shared->handed) {
         if (!shared.is_ours(each.whose)) continue;
-        calls.push_back({each.line.load(), name_in(each.call)});
+        calls.push_back({each.whose.session.load(), each.line.load(), name_in(each.call)});
         each.whose.used.store(0);
     }
-    return calls;
 }
 
 std::u16string handed_calls_event() {

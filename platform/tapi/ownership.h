@@ -34,14 +34,23 @@ struct CallTaker {
     std::u16string application;
 };
 
+// What is left of a line that is closed: what the other processes have been told of it.
+struct ClosedLine {
+    HLINE handle = 0;
+    HLINEAPP session = 0;
+    bool takes = false;
+    std::vector<SharedName> owned;  // calls that its session owns no more
+};
+
 struct HandedCall {
+    HLINEAPP session = 0;
     HLINE line = 0;
     SharedName call;
 };
 
 // 0, or LINEERR_RESOURCEUNAVAIL when there is no room, or no memory that is shared.
 LONG add_taker(const CallTaker& taker);
-void remove_taker(HLINE line);
+void end_line(const ClosedLine& line);  // all of it or, thrown out of, nothing
 
 LONG own_call(const SharedName& call, HLINEAPP session);
 // False, and nothing is changed, when the session would leave a call without an owner and `only_with_others`.
@@ -55,8 +64,8 @@ bool takes_calls(const SharedName& line, DWORD media_mode, std::span<const std::
 // Makes it an owner and tells it. 0, LINEERR_TARGETNOTFOUND, LINEERR_TARGETSELF, LINEERR_RESOURCEUNAVAIL.
 LONG hand_call(const SharedName& call, const SharedName& line, DWORD media_mode, std::span<const std::u16string> order,
                bool only_first, HLINEAPP session);
-// What was handed to this process.
-std::vector<HandedCall> take_handed_calls();
+// Adds what was handed to this process.
+void take_handed_calls(std::vector<HandedCall>& calls);
 // The name of the event that is set for a process when something is there; "" when it has no mark.
 std::u16string handed_calls_event();
 

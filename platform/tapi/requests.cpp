@@ -1,6 +1,7 @@
 // The worker: requests, reading when nobody asks, calls that other processes hand over.
 
 #include <algorithm>
+#include <list>
 #include <new>
 #include <utility>
 
@@ -22,6 +23,18 @@ constexpr const char* kManagerCallName = ZR_MODEMS ".Call";
 #undef ZR_MODEMS
 constexpr const char* kOfonoVoice = "org.ofono.VoiceCallManager";
 constexpr const char* kOfonoCall = "org.ofono.VoiceCall";
+
+// What has to be done is done once there is memory for it.
+template <class Body>
+void insist(const Body& body) {
+    for (;;) {
+        try {
+            return body();
+        } catch (const std::bad_alloc&) {
+            Sleep(1);
+        }
+    }
+}
 
 std::string made_path(const BusAnswer& answer) {
     return std::string(text_of(answer.first()));
@@ -71,9 +84,9 @@ bool Exchange::listen_to_others() {
     return handed_ != nullptr;
 }
 
-void Exchange::request(CallRequest request) {
-    if (Session* const session = find_session(request.session)) ++session->requests;
-    requests_.push_back(std::move(request));
+void Exchange::request(std::list<CallRequest>& request) noexcept {
+    if (Session* const session = find_session(request.front().session)) ++session->requests;
+    requests_.splice(requests_.end(), request);
     wake();
 }
 
@@ -113,25 +126,20 @@ void Exchange::work() {
 
 // Whether there was a request.
 bool Exchange::work_once() {
-    CallRequest next;
-    bool found = false;
+    std::list<CallRequest> next;
     bool is_behind = false;
     bool is_told = false;
     {
         const auto lock = enter();
-        found = !requests_.empty();
-        if (found) {
-            next = std::move(requests_.front());
-            requests_.pop_front();
-        }
+        if (!requests_.empty()) next.splice(next.end(), requests_, requests_.begin());
         for (const auto& [handle, session] : sessions) {
             post(*session);
         }
         is_behind = read_at_ != told_ && !sessions.empty();
         is_told = handed_ != nullptr;
     }
-    if (found) {
-        carry_out(next);
+    if (!next.empty()) {
+        carry_out(next.front());
         return true;
     }
     if (is_behind) bring_up_to_date();
@@ -140,17 +148,17 @@ bool Exchange::work_once() {
 }
 
 void Exchange::carry_out(const CallRequest& request) {
-    std::string made;
+    MadeCall made;
     LONG result = LINEERR_NOMEM;
     try {
         result = ask(request, made);
     } catch (const std::bad_alloc&) {
-        made.clear();
+        made.path.clear();
     }
     finish(request, result, made);
 }
 
-LONG Exchange::ask(const CallRequest& request, std::string& made) {
+LONG Exchange::ask(const CallRequest& request, MadeCall& made) {
     std::string owner;
     std::string line;
     std::string call;
@@ -181,8 +189,8 @@ LONG Exchange::ask(const CallRequest& request, std::string& made) {
     }
     if (!is_manager) {
         const BusAnswer answer = tell(line, line_interface, "Dial", {bus_text(request.number), bus_text("default")});
-        made = made_path(answer);
-        return answer.result == BusResult::Answered && made.empty() ? LINEERR_OPERATIONFAILED : line_error(answer);
+        made = {made_path(answer), answer.order};
+        return answer.result == BusResult::Answered && made.path.empty() ? LINEERR_OPERATIONFAILED : line_error(answer);
     }
     const BusAnswer created =
         tell(line, line_interface, "CreateCall", {bus_array("{sv}", {bus_entry("number", bus_text(request.number))})});
@@ -192,112 +200,155 @@ LONG Exchange::ask(const CallRequest& request, std::string& made) {
     }
     const LONG result = line_error(tell(path, call_interface, "Start"));
     if (result == 0) {
-        made = path;
+        made.path = path;
     } else {
         tell(line, line_interface, "DeleteCall", {bus_text(path, 'o')});
     }
     return result;
 }
 
-void Exchange::finish(const CallRequest& request, LONG result, const std::string& made) {
+void Exchange::finish(const CallRequest& request, LONG result, const MadeCall& made) {
     const bool is_made = request.kind == CallRequest::Kind::Make && result == 0;
-    SharedName name;
-    {
+    const auto rights = change_rights();
+    const SharedName name = shared_name(request.on->facts.owner, made.path);
+    const auto is_there = [&] {
         const auto lock = enter();
-        name = shared_name(request.on->facts.owner, made);
-    }
-    if (is_made) static_cast<void>(own_call(name, request.session));
-    tell_finished(request, result, made, name);
+        return find_call(request.handle) != nullptr;
+    };
     // Who has gone meanwhile owns nothing.
-    bool is_there = false;
-    {
-        const auto lock = enter();
-        is_there = find_line(request.line) != nullptr || owns_otherwise(request.session, name, 0);
-    }
-    if (is_made && !is_there) disown_call(name, request.session, false);
+    if (is_made && is_there()) insist([&] { static_cast<void>(own_call(name, request.session)); });
+    insist([&] { tell_finished(request, result, made); });
+    if (!is_made || is_there()) return;
+    insist([&] {
+        {
+            const auto lock = enter();
+            if (owns_otherwise(request.session, name, 0)) return;
+        }
+        disown_call(name, request.session, false);
+    });
 }
 
-void Exchange::tell_finished(const CallRequest& request, LONG result, const std::string& made, const SharedName& name) {
-    const bool is_made = request.kind == CallRequest::Kind::Make && result == 0;
+// The call that the service made, in the picture. May be done twice.
+CallRef Exchange::take_made_call(const CallRequest& request, const MadeCall& made) {
+    {
+        const std::lock_guard touching(told_lock_);
+        touched_[made.path] = told_ + 1;
+    }
+    const auto found = request.on->calls.find(made.path);
+    CallRef known = found == request.on->calls.end() ? nullptr : found->second;
+    if (known && is_of_before(*known, made.heard)) end_call(request.on, known);
+    const bool is_over = known && known->facts.state == LINECALLSTATE_IDLE && known->heard < made.heard;
+    std::string number = request.number;
+    if (!known || is_over) {
+        known = std::make_shared<Call>();
+        known->name = shared_name(request.on->facts.owner, made.path);
+        known->facts.path = made.path;
+        request.on->calls.insert_or_assign(made.path, known);
+        known->number = ++last_call_;
+    }
+    known->heard = std::max(known->heard, made.heard);
+    known->since = told_ + 1;
+    if (known->facts.state == 0) {
+        known->facts.state = LINECALLSTATE_DIALING;
+        known->facts.number = std::move(number);
+    }
+    return known;
+}
+
+// All or, thrown out of, nothing that anybody is told.
+void Exchange::tell_finished(const CallRequest& request, LONG result, const MadeCall& made) {
+    const bool is_make = request.kind == CallRequest::Kind::Make;
     const auto lock = enter();
-    CallRef call;
-    if (is_made) {
-        {
-            const std::lock_guard touching(told_lock_);
-            touched_[made] = told_ + 1;
-        }
-        const auto found = request.on->calls.find(made);
-        CallRef known = found == request.on->calls.end() ? nullptr : found->second;
-        if (!known) {
-            known = std::make_shared<Call>();
-            known->number = ++last_call_;
-            known->name = name;
-            known->facts.path = made;
-            request.on->calls.emplace(made, known);
-        }
-        known->since = told_ + 1;
-        if (known->facts.state == 0) {
-            known->facts.state = LINECALLSTATE_DIALING;
-            known->facts.number = request.number;
-        }
-        call = known;
-    }
-    CallHandle* const handle = find_call(request.handle);
-    if (handle != nullptr && result != 0) handle->dropped = false;
-    if (request.kind == CallRequest::Kind::Make) {
-        if (handle != nullptr && is_made) handle->call = call;
-        if (handle != nullptr && !is_made) call_handles.erase(request.handle);
-    }
-    if (Session* const session = find_session(request.session)) {
-        --session->requests;
-        const OpenLine* const open = find_line(request.line);
+    const CallRef call = is_make && result == 0 ? take_made_call(request, made) : nullptr;
+    if (call) call->handles.reserve(call->handles.size() + 1);
+    Session* const session = find_session(request.session);
+    const OpenLine* const open = find_line(request.line);
+    Outbox box;
+    if (session != nullptr) {
         CallMessage reply;
         reply.message = LINE_REPLY;
         reply.instance = open != nullptr ? open->instance : 0;
         reply.params[0] = static_cast<DWORD_PTR>(request.id);
         reply.params[1] = static_cast<DWORD>(result);
-        send(*session, std::move(reply));
-        if (call && open != nullptr) {
-            CallMessage state;
-            state.message = LINE_CALLSTATE;
-            state.instance = open->instance;
-            state.params[0] = call->facts.state;
-            state.params[2] = LINECALLPRIVILEGE_OWNER;
-            state.line = request.line;
-            state.call = call;
-            send(*session, std::move(state));
+        box.add(*session, std::move(reply));
+    }
+    if (session != nullptr && call && open != nullptr) {
+        CallMessage state;
+        state.message = LINE_CALLSTATE;
+        state.instance = open->instance;
+        state.params[0] = call->facts.state;
+        state.params[2] = LINECALLPRIVILEGE_OWNER;
+        state.line = request.line;
+        state.call = call;
+        box.add(*session, std::move(state));
+    }
+    if (CallHandle* const handle = find_call(request.handle)) {
+        if (result != 0) handle->dropped = false;
+        if (call) {
+            handle->call = call;
+            call->handles.emplace_back(handle->line, handle->handle);
         }
     }
+    if (is_make && result != 0) remove_call_handle(request.handle);
+    if (session != nullptr) --session->requests;
+    box.send();
     finished_.notify_all();
     note();  // what the service says of it now
 }
 
-void Exchange::take_handed() {
-    for (const HandedCall& each : take_handed_calls()) {
-        LineRef line;
-        {
-            const auto lock = enter();
-            const OpenLine* const open = find_line(each.line);
-            if (open == nullptr) continue;
-            line = open->line;
-        }
-        bring_up_to_date();
+// Whether nothing more is to be done for it: the session is told, or is not there any more.
+bool Exchange::hand_over(const HandedCall& handed) {
+    const auto lock = enter();
+    const OpenLine* const open = find_line(handed.line);
+    Session* const session = open != nullptr ? find_session(open->session) : nullptr;
+    if (session == nullptr) return false;
+    const auto& calls = open->line->calls;
+    const auto found = std::ranges::find_if(calls, [&](const auto& each) { return each.second->name == handed.call; });
+    if (found == calls.end()) return false;
+    const CallRef& call = found->second;
+    CallMessage message;
+    message.message = LINE_APPNEWCALL;
+    message.instance = open->instance;
+    message.line = handed.line;
+    message.call = call;
+    message.params[0] = call->facts.state;
+    message.params[1] = call->facts.mode;
+    message.params[2] = LINECALLPRIVILEGE_OWNER;
+    Outbox box;
+    box.add(*session, std::move(message));
+    box.send();
+    return true;
+}
+
+void Exchange::refuse(const HandedCall& handed) {
+    const auto rights = change_rights();
+    {
         const auto lock = enter();
-        const OpenLine* const open = find_line(each.line);
-        Session* const session = open != nullptr ? find_session(open->session) : nullptr;
-        if (session == nullptr) continue;
-        const auto found =
-            std::ranges::find_if(line->calls, [&](const auto& call) { return call.second->name == each.call; });
-        if (found == line->calls.end()) continue;
-        CallMessage message;
-        message.message = LINE_APPNEWCALL;
-        message.instance = open->instance;
-        message.line = each.line;
-        message.call = found->second;
-        message.params[0] = found->second->facts.state;
-        message.params[1] = found->second->facts.mode;
-        message.params[2] = LINECALLPRIVILEGE_OWNER;
-        send(*session, std::move(message));
+        if (owns_otherwise(handed.session, handed.call, 0)) return;
+    }
+    disown_call(handed.call, handed.session, false);
+}
+
+void Exchange::take_handed() {
+    const std::size_t before = handed_calls_.size();
+    take_handed_calls(handed_calls_);
+    if (handed_calls_.empty()) return;
+    const bool has_new = handed_calls_.size() != before;
+    const auto hand_over_known = [this] {
+        for (auto each = handed_calls_.begin(); each != handed_calls_.end();) {
+            each = hand_over(*each) ? handed_calls_.erase(each) : each + 1;
+        }
+        return handed_calls_.empty();
+    };
+    bring_up_to_date();
+    if (hand_over_known()) return;
+    // The word may have been quicker than the service's own: it is asked once more.
+    if (has_new) ++told_;
+    const bool is_known = bring_up_to_date() == 0;
+    if (hand_over_known() || !is_known) return;
+    while (!handed_calls_.empty()) {
+        refuse(handed_calls_.back());
+        handed_calls_.pop_back();
     }
 }
 

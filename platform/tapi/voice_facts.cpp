@@ -142,6 +142,7 @@ BusResult ServiceReader::read_ofono(std::vector<LineFacts>& lines) {
         if (!line.voice) continue;
         if (ask(call_bus({owner_, line.path, "org.ofono.VoiceCallManager", "GetCalls", {}}, left()))) {
             line.calls = read_ofono_calls(*answer_.first());
+            line.heard = answer_.order;
         } else if (gave_up()) {
             return answer_.result;
         }

@@ -32,6 +32,7 @@ struct LineFacts {
     std::string number;
     bool voice = false;
     std::vector<CallFacts> calls;
+    std::uint64_t heard = 0;  // oFono: the order of the answer that told the calls
 };
 
 struct VoiceNames {

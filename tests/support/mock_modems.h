@@ -144,6 +144,12 @@ class MockOfono final : public MockModems {
 public:
     // The next call gets the path that the first one had, as with the service itself.
     void count_anew() { test("CountAnew", "", "", {}); }
+    // A call goes, and another one has its path, before anybody can ask.
+    void replace(const std::string& call, const std::string& number) {
+        EXPECT_EQ(test("Replace", "os", "o", {platform::bus_text(call, 'o'), platform::bus_text(number)}), call);
+    }
+    // Calls come, and nobody is told.
+    void be_silent(bool silent) { test("BeSilent", "b", "", {platform::bus_integer(silent ? 1 : 0, 'b')}); }
 
     MockOfono() : MockModems("org.ofono", "/", "org.ofono.Manager") {
         if (!why().empty()) return;
@@ -180,7 +186,8 @@ def call(self, modem, number, state):
         ('Answer', '', '', "objects['/'].test_enter(self.path, 4)"),
         ('Hangup', '', '', "objects['/'].test_enter(self.path, 7)")])
     objects[path].test_modem = modem
-    objects[modem].EmitSignal(V, 'CallAdded', 'oa{sv}', [dbus.ObjectPath(path), objects[path].props[C]])
+    if not getattr(self, 'test_silent', False):
+        objects[modem].EmitSignal(V, 'CallAdded', 'oa{sv}', [dbus.ObjectPath(path), objects[path].props[C]])
     return dbus.ObjectPath(path)
 def remove(self, path):
     modem = objects[path].test_modem
@@ -201,6 +208,13 @@ for f in (modem, call, remove, enter, hold):
         define("Enter", "oi", "", "self.test_enter(*args)");
         define("Remove", "o", "", "self.test_remove(*args)");
         define("CountAnew", "", "", "self.test_count = 0");
+        define("BeSilent", "b", "", "self.test_silent = args[0]");
+        define("Replace", "os", "o", R"py(
+modem = objects[args[0]].test_modem
+self.test_remove(args[0])
+self.test_count = int(args[0][-2:]) - 1
+ret = self.test_call(modem, args[1], 3)
+)py");
         define("Unplug", "o", "",
                "self.RemoveObject(args[0]); self.EmitSignal('org.ofono.Manager', 'ModemRemoved', 'o', [args[0]])");
     }

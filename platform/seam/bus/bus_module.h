@@ -33,6 +33,7 @@ struct BusAnswer {
     BusResult result = BusResult::TimedOut;
     std::string error;  // its name, when refused; a sentence for NoBus and NoModule
     std::vector<BusValue> values;
+    std::uint64_t order = 0;  // of two answers or signals, the greater one's came later
 
     const BusValue* first() const noexcept { return values.empty() ? nullptr : &values.front(); }
 };
@@ -42,13 +43,14 @@ struct BusSignal {
     std::string interface;
     std::string member;
     std::vector<BusValue> values;
+    std::uint64_t order = 0;
 };
 
 // Whom the module tells, while it processes.
 struct BusEvents {
     void* context;
     void (*answer)(void* context, std::uint64_t call, BusAnswer& answer) noexcept;
-    void (*signal)(void* context, std::uint64_t match, const BusSignal& signal) noexcept;
+    void (*signal)(void* context, std::uint64_t match, BusSignal& signal) noexcept;
 };
 
 struct BusPoll {

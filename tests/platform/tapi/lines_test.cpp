@@ -2,29 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
-
+#include "modem_lines.h"
 #include "platform/diagnostics.h"
-#include "support/mock_modems.h"
-#include "tapi_support.h"
 
 namespace {
 
 using namespace zr::test;
-
-class ManagerLines : public testing::Test {
-protected:
-    void SetUp() override {
-        ZR_NEEDS_BUS(bus_);
-        modems_.emplace();
-        ASSERT_EQ(modems_->why(), "");
-        modem_ = modems_->add_modem(0);
-    }
-
-    PrivateBus bus_;
-    std::optional<MockModemManager> modems_;
-    std::string modem_;
-};
 
 }  // namespace
 

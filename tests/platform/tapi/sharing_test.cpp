@@ -5,14 +5,12 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
 
+#include "modem_lines.h"
 #include "platform/registry.h"
 #include "support/child.h"
 #include "support/forked.h"
 #include "support/instrumented.h"
-#include "support/mock_modems.h"
-#include "tapi_support.h"
 
 namespace {
 
@@ -21,31 +19,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr DWORD kBoth = LINECALLPRIVILEGE_MONITOR | LINECALLPRIVILEGE_OWNER;
 constexpr DWORD kVoice = LINEMEDIAMODE_INTERACTIVEVOICE;
-
-class OfonoLines : public testing::Test {
-protected:
-    void SetUp() override {
-        ZR_NEEDS_BUS(bus_);
-        modems_.emplace();
-        ASSERT_EQ(modems_->why(), "");
-        modem_ = modems_->add_modem(0);
-    }
-    void TearDown() override {
-        for (const LPCWSTR name : {u"phone", u"other"}) {
-            lineSetAppPriority(name, kVoice, nullptr, 0, nullptr, 0);
-        }
-    }
-
-    PrivateBus bus_;
-    std::optional<MockOfono> modems_;
-    std::string modem_;
-};
-
-DWORD owners_of(HCALL call) {
-    Roomy<LINECALLINFO> info;
-    EXPECT_EQ(lineGetCallInfo(call, &info.all), 0);
-    return info.all.dwNumOwners;
-}
 
 }  // namespace
 
