@@ -43,8 +43,7 @@ void silence_glib() {
                           nullptr, nullptr);
 }
 
-void build(zr::Command app) {
-    app.footer(kExitCodes);
+void build_contacts(zr::Command app) {
     zr::Command contacts = app.add_group("contacts", "Read and change the contact store");
     contacts.footer("Example:\n  zr contacts import phone.vcf\n\n'zr contacts COMMAND --help' tells more.");
     zr::add_contacts_import(contacts);
@@ -56,6 +55,9 @@ void build(zr::Command app) {
     zr::add_contacts_change(contacts);
     zr::add_contacts_edit(contacts);
     zr::add_contacts_remove(contacts);
+}
+
+void build_calendar(zr::Command app) {
     zr::Command calendar = app.add_group("calendar", "Read and change the calendar and the tasks");
     calendar.footer("Example:\n  zr calendar import work.ics\n\n'zr calendar COMMAND --help' tells more.");
     zr::add_calendar_import(calendar);
@@ -65,6 +67,9 @@ void build(zr::Command app) {
     zr::add_calendar_show(calendar);
     zr::add_calendar_occurrence(calendar);
     zr::add_calendar_remove(calendar);
+}
+
+void build_reg(zr::Command app) {
     zr::Command reg = app.add_group("reg", "Read and change the registry");
     reg.footer("Example:\n  zr reg import device.reg\n\n'zr reg COMMAND --help' tells more.");
     zr::add_reg_get(reg);
@@ -79,16 +84,25 @@ void build(zr::Command app) {
     zr::add_reg_watch(reg);
     zr::add_reg_import(reg);
     zr::add_reg_export(reg);
+}
+
+void build_store(zr::Command app) {
     zr::Command store = app.add_group("store", "Examine, back up and bring back what is kept");
     store.footer("Example:\n  zr store check\n\n'zr store COMMAND --help' tells more.");
     zr::add_store_check(store);
     zr::add_store_backup(store);
     zr::add_store_recover(store);
     zr::add_store_restore(store);
+}
+
+void build_net(zr::Command app) {
     zr::Command net = app.add_group("net", "Show the connections of this computer");
     net.footer("Example:\n  zr net status\n\n'zr net COMMAND --help' tells more.");
     zr::add_net_status(net);
     zr::add_net_watch(net);
+}
+
+void build_proxy(zr::Command app) {
     zr::Command proxy = app.add_group("proxy", "Show and change the proxies");
     proxy.footer("Example:\n  zr proxy list\n\n'zr proxy COMMAND --help' tells more.");
     zr::add_proxy_list(proxy);
@@ -97,7 +111,20 @@ void build(zr::Command app) {
     zr::add_proxy_env(proxy);
     zr::add_proxy_pac(proxy);
     zr::add_proxy_watch(proxy);
-    zr::add_provision(app);
+}
+
+void build_phone(zr::Command app) {
+    zr::Command phone = app.add_group("phone", "Show the calls of this computer, answer, end and make them");
+    phone.footer("Example:\n  zr phone watch\n\n'zr phone COMMAND --help' tells more.");
+    zr::add_phone_lines(phone);
+    zr::add_phone_calls(phone);
+    zr::add_phone_watch(phone);
+    zr::add_phone_answer(phone);
+    zr::add_phone_hangup(phone);
+    zr::add_phone_dial(phone);
+}
+
+void build_mail(zr::Command app) {
     zr::Command mail = app.add_group("mail", "Read and change the message store");
     mail.footer("Example:\n  zr mail import ~/Maildir\n\n'zr mail COMMAND --help' tells more.");
     zr::add_mail_import(mail);
@@ -113,15 +140,36 @@ void build(zr::Command app) {
     zr::add_mail_delete(mail);
     zr::add_mail_meetings(mail);
     zr::add_mail_watch(mail);
-    zr::add_resolve(app);
+}
+
+void build_log(zr::Command app) {
     zr::Command log = app.add_group("log", "Read the binary log");
     log.footer("Example:\n  zr log show client.zrlog");
     zr::add_log_show(log);
-    zr::add_modules(app);
+}
+
+void build_screen(zr::Command app) {
     zr::Command screen = app.add_group("screen", "Show the screen, and fit text into a place on it");
     screen.footer("Example:\n  zr screen fit \"A long line of text\" --width 80");
     zr::add_screen_info(screen);
     zr::add_screen_fit(screen);
+}
+
+void build(zr::Command app) {
+    app.footer(kExitCodes);
+    build_contacts(app);
+    build_calendar(app);
+    build_reg(app);
+    build_store(app);
+    build_net(app);
+    build_proxy(app);
+    build_phone(app);
+    zr::add_provision(app);
+    build_mail(app);
+    zr::add_resolve(app);
+    build_log(app);
+    zr::add_modules(app);
+    build_screen(app);
     zr::add_html(app);
     zr::add_objects(app);
     zr::add_zone(app);

@@ -8,6 +8,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/phone_number.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/stores/contacts.h"
@@ -53,23 +54,13 @@ const std::map<std::string, std::pair<Field, Field>>& further_fields() {
     return all;
 }
 
-std::string digits_of(std::string_view text) {
-    std::string digits;
-    for (const char c : text) {
-        if (c >= '0' && c <= '9') digits += c;
-    }
-    return digits;
-}
-
 // A text that is in any field, however the field is split, or in what is kept of the card.
 class TextSearch {
 public:
     explicit TextSearch(const ContactsFindOptions& options) : wanted_(folded(options.pattern)) {
         constexpr std::size_t kFewestDigits = 3;
         const bool number = options.pattern.find_first_not_of("0123456789+-()/. ") == std::string::npos;
-        digits_ = number ? digits_of(options.pattern) : "";
-        // What stands before a number depends on where it is dialled from.
-        digits_.erase(0, digits_.find_first_not_of('0'));
+        digits_ = number ? significant_digits(options.pattern) : "";
         if (digits_.size() < kFewestDigits) digits_.clear();
         everywhere_ = options.fields.empty();
         for (const std::string& name : options.fields) {
@@ -83,7 +74,7 @@ public:
             if (!everywhere_ && !fields_.contains(field)) continue;
             if (contains_folded(card.text[i], wanted_)) return true;
             const bool number = field >= Field::BusinessPhone && field <= Field::AssistantPhone;
-            if (number && !digits_.empty() && digits_of(card.text[i]).find(digits_) != std::string::npos) return true;
+            if (number && has_digits(card.text[i])) return true;
         }
         return everywhere_ && (contains_folded(display_name(card), wanted_) ||
                                contains_folded(composed_name(card), wanted_) || kept_matches(card.extras));
@@ -124,8 +115,11 @@ private:
     }
 
     bool is_number(std::string_view property, std::string_view value) const {
-        return !digits_.empty() && contains_folded(property, "tel") &&
-               digits_of(value).find(digits_) != std::string::npos;
+        return contains_folded(property, "tel") && has_digits(value);
+    }
+    // What is looked for does not begin with a zero: those in front of a number are of no account.
+    bool has_digits(std::string_view number) const {
+        return !digits_.empty() && significant_digits(number).find(digits_) != std::string::npos;
     }
 
     const std::string wanted_;

@@ -43,7 +43,7 @@ _zr() {
         --children --assistant --email --birthday --anniversary"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar mail reg store net proxy provision resolve log modules screen html objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar mail reg store net proxy phone provision resolve log modules screen html objects zone watch --help --version" "$current"
         return
     fi
     case $previous in
@@ -190,6 +190,12 @@ _zr() {
             case $command in
                 list | show | env | watch) _zr_words "--json --help" "$current" ;;
                 pac) _zr_files "$current" ;;
+            esac ;;
+        phone)
+            case $command in
+                lines | calls | watch | answer | hangup) _zr_words "--json --help" "$current" ;;
+                dial) _zr_words "--line --json --help" "$current" ;;
+                *) _zr_words "lines calls watch answer hangup dial --help" "$current" ;;
             esac ;;
         provision)
             if [[ $current == -* ]]; then _zr_words "--dry-run --json --help" "$current"; else _zr_files "$current"; fi ;;

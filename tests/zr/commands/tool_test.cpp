@@ -79,6 +79,12 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"mail", "delete"},
     {"mail", "meetings"},
     {"mail", "watch"},
+    {"phone", "lines"},
+    {"phone", "calls"},
+    {"phone", "watch"},
+    {"phone", "answer"},
+    {"phone", "hangup"},
+    {"phone", "dial"},
     {"reg", "get"},
     {"reg", "set"},
     {"reg", "delete"},
@@ -139,8 +145,9 @@ TEST_F(Tool, DocumentsAndCompletesEveryOption) {
         read_file(ZR_SOURCE_DIR "/zr/man/zr-calendar.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-modules.1") +
         read_file(ZR_SOURCE_DIR "/zr/man/zr-reg.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-resolve.1") +
         read_file(ZR_SOURCE_DIR "/zr/man/zr-watch.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-net.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr-proxy.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-provision.1") +
-        read_file(ZR_SOURCE_DIR "/zr/man/zr-mail.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr.1");
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-proxy.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-phone.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr-provision.1") + read_file(ZR_SOURCE_DIR "/zr/man/zr-mail.1") +
+        read_file(ZR_SOURCE_DIR "/zr/man/zr.1");
     const std::string bash = read_file(ZR_SOURCE_DIR "/zr/completion/zr.bash");
     const std::string zsh = read_file(ZR_SOURCE_DIR "/zr/completion/_zr");
     int options = 0;
@@ -166,10 +173,11 @@ TEST_F(Tool, CompletesInBash) {
                                    current + "'); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zr; echo \"${COMPREPLY[*]}\"";
         return zr::test::run({"bash", "-c", script}).out;
     };
-    EXPECT_EQ(complete("zr"),
-              "contacts calendar mail reg store net proxy provision resolve log modules screen html objects zone watch "
-              "--help "
-              "--version\n");
+    EXPECT_EQ(
+        complete("zr"),
+        "contacts calendar mail reg store net proxy phone provision resolve log modules screen html objects zone watch "
+        "--help "
+        "--version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change edit remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr mail export --format"), "eml mbox mboxo mboxrd mboxcl mboxcl2 maildir\n");
