@@ -22,7 +22,7 @@
 #include "kernel/worker.h"
 #include "ownership.h"
 #include "platform/tapi.h"
-#include "voice_facts.h"
+#include "tapi/voice_facts.h"
 #include "windowing/post_room.h"
 
 namespace zr::platform {

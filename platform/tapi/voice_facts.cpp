@@ -1,4 +1,4 @@
-#include "voice_facts.h"
+#include "tapi/voice_facts.h"
 
 #include <algorithm>
 #include <chrono>

@@ -144,6 +144,67 @@ TEST_F(Phone, LogsEachFailureAndGoesOn) {
     EXPECT_TRUE(PhoneUtilities::IsCurrentVoiceCall());
 }
 
+TEST_F(Phone, LooksAtLinesThatAreForVoiceAmongOthers) {
+    have({kRings});
+    tapi_.devices = {FakeDevice{0, 0, LINEMEDIAMODE_INTERACTIVEVOICE | LINEMEDIAMODE_DATAMODEM, sizeof(LINEDEVCAPS)}};
+    EXPECT_TRUE(PhoneUtilities::IsIncomingVoiceCall());
+    EXPECT_TRUE(PhoneUtilities::IsCurrentVoiceCall());
+    tapi_.devices = {FakeDevice{0, 0, ~DWORD{LINEMEDIAMODE_INTERACTIVEVOICE}, sizeof(LINEDEVCAPS)}};
+    EXPECT_FALSE(PhoneUtilities::IsIncomingVoiceCall());
+    EXPECT_FALSE(PhoneUtilities::IsCurrentVoiceCall());
+}
+
+TEST_F(Phone, KeepsAnAnswerThoughTheWalkFailsBehindIt) {
+    have({kRings});
+    tapi_.devices.resize(2);
+    tapi_.devices[1].caps_result = LINEERR_NODEVICE;
+    EXPECT_TRUE(PhoneUtilities::IsIncomingVoiceCall());
+    EXPECT_TRUE(PhoneUtilities::IsCurrentVoiceCall());
+    tapi_.devices.resize(1);
+    have({kRings, kRings});
+    tapi_.calls[1].status_result = LINEERR_INVALCALLHANDLE;
+    EXPECT_TRUE(PhoneUtilities::IsIncomingVoiceCall());
+    tapi_.results["close"] = tapi_.results["shutdown"] = LINEERR_OPERATIONFAILED;
+    EXPECT_TRUE(PhoneUtilities::IsIncomingVoiceCall());
+}
+
+TEST_F(Phone, FailsAtEachStepWithoutHarm) {
+    struct Step {
+        const char* what;
+        bool hides;  // the calls
+        bool goes_on;
+    };
+    for (const auto& [what, hides, goes_on] :
+         {Step{"initialize", true, false}, Step{"open", true, true}, Step{"new calls", true, true},
+          Step{"close", false, true}, Step{"shutdown", false, true}, Step{"deallocate", false, true}}) {
+        have({kRings});
+        tapi_.devices.resize(2);
+        tapi_.results = {{what, LINEERR_OPERATIONFAILED}};
+        const LogCapture log;
+        EXPECT_EQ(PhoneUtilities::IsIncomingVoiceCall(), !hides) << what;
+        EXPECT_EQ(PhoneUtilities::IsCurrentVoiceCall(), !hides) << what;
+        EXPECT_GE(log.count(kPhoneFailure), 1) << what;
+        tapi_.events.clear();
+        EXPECT_TRUE(PhoneUtilities::EndCurrentVoiceCall()) << what;
+        EXPECT_TRUE(PhoneUtilities::AnswerIncomingVoiceCall()) << what;
+        EXPECT_EQ(std::ranges::count(tapi_.events, "drop 100"), hides ? 0 : 2) << what;
+        EXPECT_EQ(std::ranges::count(tapi_.events, "answer 100"), hides ? 0 : 2) << what;
+        EXPECT_EQ(std::ranges::count(tapi_.events, "open 0 instance 1"), goes_on ? 2 : 0) << what;
+        EXPECT_EQ(std::ranges::count(tapi_.events, "shutdown"), what == std::string("initialize") ? 0 : 2) << what;
+    }
+    // A status that cannot be read ends the calls of that line, and a device of another version is passed over.
+    tapi_.results.clear();
+    have({kRings});
+    tapi_.calls[0].status_result = LINEERR_INVALCALLHANDLE;
+    EXPECT_FALSE(PhoneUtilities::IsIncomingVoiceCall());
+    EXPECT_FALSE(PhoneUtilities::IsCurrentVoiceCall());
+    have({kRings});
+    tapi_.devices[0].version_result = LINEERR_INCOMPATIBLEAPIVERSION;
+    EXPECT_TRUE(PhoneUtilities::IsIncomingVoiceCall());
+    tapi_.devices[1].version_result = LINEERR_INCOMPATIBLEAPIVERSION;
+    EXPECT_FALSE(PhoneUtilities::IsIncomingVoiceCall());
+}
+
 TEST_F(Phone, SaysNoWhenTheWalkFails) {
     have({kRings});
     tapi_.results["initialize"] = LINEERR_NODRIVER;

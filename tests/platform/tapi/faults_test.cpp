@@ -11,6 +11,7 @@
 #include "platform/diagnostics.h"
 #include "support/child.h"
 #include "support/failing_new.h"
+#include "support/forked.h"
 #include "support/instrumented.h"
 
 namespace {
@@ -265,4 +266,60 @@ TEST_F(ManagerLines, AreAskedForOnceWhileTheBusSaysNothing) {
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(10));
     zr::platform::voice_patience = patience;
     bus_.daemon().go_on();
+}
+
+TEST_F(OfonoLines, EndInMidCallWithTheirBus) {
+    modems_->ring(modem_, "1");
+    const LineSession session;
+    const HLINE line = session.open(0);
+    const std::vector<HCALL> calls = new_calls(line);
+    ASSERT_EQ(calls.size(), 1u);
+    ASSERT_EQ(lineSetCallPrivilege(calls[0], LINECALLPRIVILEGE_OWNER), 0);
+    ASSERT_GT(lineAnswer(calls[0], nullptr, 0), 0);
+    ASSERT_NE(await_message(LINE_REPLY), nullptr);
+    ASSERT_EQ(state_of(calls[0]), LINECALLSTATE_CONNECTED);
+    bus_.daemon().end();
+    ASSERT_NE(await_message(LINE_CLOSE), nullptr);
+    // What is known last of the call is that it is over; its handle went with the line.
+    EXPECT_EQ(lineDrop(calls[0], nullptr, 0), LINEERR_INVALCALLHANDLE);
+    EXPECT_EQ(lineGetNewCalls(line, 0, LINECALLSELECT_LINE, nullptr), LINEERR_INVALPOINTER);
+    EXPECT_EQ(lineClose(line), LINEERR_INVALLINEHANDLE);
+}
+
+TEST_F(ManagerLines, ReplyThatTheyFailedWhenTheServiceIsKilled) {
+    modems_->ring(modem_, "1");
+    const LineSession session;
+    const HLINE line = session.open(0);
+    const std::vector<HCALL> calls = new_calls(line);
+    ASSERT_EQ(calls.size(), 1u);
+    ASSERT_EQ(lineSetCallPrivilege(calls[0], LINECALLPRIVILEGE_OWNER), 0);
+    modems_->process().stop();
+    ASSERT_GT(lineDrop(calls[0], nullptr, 0), 0);
+    modems_->process().end();
+    const LineMessage* const reply = await_message(LINE_REPLY);
+    ASSERT_NE(reply, nullptr);
+    EXPECT_LT(static_cast<LONG>(reply->params[1]), 0);
+    ASSERT_NE(await_message(LINE_CLOSE), nullptr);
+}
+
+TEST_F(ManagerLines, ThreeHundredForksUnderLoad) {
+    modems_->ring(modem_, "1");
+    const auto use = [] {
+        HLINEAPP session = 0;
+        DWORD count = 0;
+        const LINECALLBACK ignore = [](DWORD, DWORD, DWORD_PTR, DWORD_PTR, DWORD_PTR, DWORD_PTR) {};
+        if (lineInitialize(&session, nullptr, ignore, u"other", &count) != 0) return 1;
+        HLINE line = 0;
+        const bool opened = count == 0 || lineOpen(session, 0, &line, 0x20000, 0, 0, kAnyPrivilege,
+                                                   LINEMEDIAMODE_INTERACTIVEVOICE, nullptr) == 0;
+        return lineShutdown(session) == 0 && opened ? 0 : 2;
+    };
+    {
+        const Load load({[&] { EXPECT_EQ(use(), 0); }, [&] { EXPECT_EQ(use(), 0); }});
+        for (int i = 0; i < 300 / kStride; ++i) {
+            ASSERT_EQ(in_fork(use), 0) << i;
+        }
+    }
+    const LineSession session;
+    EXPECT_EQ(new_calls(session.open(0)).size(), 1u);
 }

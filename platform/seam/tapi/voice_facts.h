@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bus/system_bus.h"
+#include "platform/export.h"
 #include "platform/tapi.h"
 
 namespace zr::platform {
@@ -43,13 +44,13 @@ const VoiceNames& names_of(VoiceService service) noexcept;
 
 // What is said of one call: properties, an a{sv}. What is no property of a call is passed over. They may throw
 // std::bad_alloc.
-CallFacts read_manager_call(const std::string& path, const BusValue& properties);
-CallFacts read_ofono_call(const std::string& path, const BusValue& properties);
+ZRPLATFORM_API CallFacts read_manager_call(const std::string& path, const BusValue& properties);
+ZRPLATFORM_API CallFacts read_ofono_call(const std::string& path, const BusValue& properties);
 // Lines, from GetManagedObjects, and the calls of each by their paths; from GetModems; and the calls of one oFono
 // modem.
-std::vector<LineFacts> read_manager_lines(const std::string& owner, const BusValue& objects);
-std::vector<LineFacts> read_ofono_lines(const std::string& owner, const BusValue& modems);
-std::vector<CallFacts> read_ofono_calls(const BusValue& calls);
+ZRPLATFORM_API std::vector<LineFacts> read_manager_lines(const std::string& owner, const BusValue& objects);
+ZRPLATFORM_API std::vector<LineFacts> read_ofono_lines(const std::string& owner, const BusValue& modems);
+ZRPLATFORM_API std::vector<CallFacts> read_ofono_calls(const BusValue& calls);
 
 // Asks a service for everything, within one time. `known` spares asking for a call whose facts the asker has: NULL for
 // others. Answered also where the service is not there.
