@@ -6,8 +6,8 @@
 #include <glib-unix.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/prctl.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -57,24 +58,44 @@ using Text = std::unique_ptr<char, FreeText>;
 
 // ---- The end ----
 
+// Takes the whole group along. What is left of it is another process's work: the engine's own processes write into the
+// folder as long as they live.
 [[noreturn]] void leave() {
-    if (const char* const folder = std::getenv("HOME")) {
-        std::error_code gone;
-        std::filesystem::remove_all(folder, gone);
+    static std::atomic_flag left;
+    const pid_t group = getpgrp();
+    if (!left.test_and_set() && fork() == 0) {
+        setsid();
+        kill(-group, SIGKILL);
+        const char* const folder = std::getenv("HOME");
+        std::error_code error;
+        for (int i = 0; i < 100 && folder && std::filesystem::exists(folder, error); ++i) {
+            std::filesystem::remove_all(folder, error);
+            usleep(10'000);
+        }
+        _exit(0);
     }
+    sleep(10);
     kill(0, SIGKILL);
     _exit(1);
 }
 
-// Waits beside everything else for the control to go, however busy the engine is.
+int end_asked = -1;
+
+void ask_for_the_end(int) {
+    const std::uint64_t one = 1;
+    static_cast<void>(!write(end_asked, &one, sizeof one));
+}
+
+// Waits beside everything else for the control to go, however busy the engine is. The signal may come to any thread, of
+// which the libraries have some before there is a main().
 void watch_for_the_end() {
-    sigset_t term;
-    sigemptyset(&term);
-    sigaddset(&term, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &term, nullptr);
-    const int signals = signalfd(-1, &term, SFD_CLOEXEC);
-    std::thread([signals] {
-        std::array<pollfd, 2> ends{{{kSocket, POLLRDHUP, 0}, {signals, POLLIN, 0}}};
+    end_asked = eventfd(0, EFD_CLOEXEC);
+    struct sigaction handler {};
+    handler.sa_handler = ask_for_the_end;
+    handler.sa_flags = SA_RESTART;
+    sigaction(SIGTERM, &handler, nullptr);
+    std::thread([] {
+        std::array<pollfd, 2> ends{{{kSocket, POLLRDHUP, 0}, {end_asked, POLLIN, 0}}};
         while (poll(ends.data(), ends.size(), -1) <= 0) {
         }
         leave();
@@ -703,15 +724,15 @@ void make_view() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
     signal(SIGPIPE, SIG_IGN);
     if (argc != 4 || !std::getenv("HOME")) return 2;
     // Whom the end takes along.
     if (getpgrp() != getpid() && setpgid(0, 0) != 0) return 2;
-    if (getppid() != std::atoi(argv[1])) leave();
     page.remote = std::string_view(argv[2]) == "remote";
     setenv("ZR_HTML_GATE", argv[3], 1);
     watch_for_the_end();
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != std::atoi(argv[1])) leave();
     open_display();
     const bool sandbox = has_sandbox();
     make_context(sandbox);

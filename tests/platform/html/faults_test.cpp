@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -10,7 +11,7 @@
 
 #include "html/engine_patience.h"
 #include "html_support.h"
-#include "support/own_process.h"
+#include "support/forked.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -108,6 +109,44 @@ TEST(HtmlFaults, EndlessScriptsEndInTime) {
         }
         // Closed while it loads.
         SendMessageW(parent.control(), WM_SETTEXT, 0, reinterpret_cast<LPARAM>(u"<img src='cid:x'>"));
+    }
+    EXPECT_TRUE(until_no_process());
+    EXPECT_EQ(folders_left(), 0);
+}
+
+// A forked child's documents are gone and it shows its own; two controls, one of a thread that ends without a word.
+TEST(HtmlFaults, ForkedChildrenAndOtherThreadsHaveEnginesOfTheirOwn) {
+    {
+        HtmlParent parent;
+        const HRESULT shown = parent.show(u"<p id=p>one</p>");
+        ZR_NEEDS_ENGINE(shown);
+        const Ptr<IDispatchEx> document = parent.document();
+        ASSERT_TRUE(document);
+        EXPECT_EQ(in_fork(
+                      [&] {
+                          if (eval(document.get(), u"1", nullptr) != RPC_E_DISCONNECTED) return 1;
+                          if (parent.document()) return 2;
+                          if (parent.show(u"<p id=c>child</p>") != S_OK) return 3;
+                          return element(parent.document().get(), u"c") ? 0 : 4;
+                      },
+                      200),
+                  0);
+        EXPECT_EQ(eval(document.get(), u"1", nullptr), S_OK);
+
+        std::optional<HtmlParent> other;
+        HRESULT there = E_FAIL;
+        HRESULT wrong = S_OK;
+        Ptr<IDispatchEx> given = element(document.get(), u"p");
+        std::thread([&] {
+            other.emplace();
+            there = other->show(u"<p>two</p>");
+            wrong = eval(document.get(), u"1", nullptr);
+            given.reset();
+        }).join();
+        EXPECT_EQ(there, S_OK);
+        EXPECT_EQ(wrong, RPC_E_WRONG_THREAD);
+        EXPECT_EQ(eval(document.get(), u"1", nullptr), S_OK);
+        EXPECT_EQ(ZrHtmlLiveObjects(parent.control()), 1);
     }
     EXPECT_TRUE(until_no_process());
     EXPECT_EQ(folders_left(), 0);
