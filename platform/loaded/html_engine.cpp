@@ -459,6 +459,10 @@ void navigate(FrameReader& frame) {
 
 // ---- What the document would like ----
 
+bool is_at_hand(std::string_view address) {
+    return address.starts_with("about:") || address.starts_with("data:") || address.starts_with("blob:");
+}
+
 // What is followed in the document is told.
 gboolean decide(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type, gpointer) {
     if (type == WEBKIT_POLICY_DECISION_TYPE_RESPONSE) {
@@ -473,6 +477,11 @@ gboolean decide(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDeci
     const bool is_link = webkit_navigation_action_get_navigation_type(action) == WEBKIT_NAVIGATION_TYPE_LINK_CLICKED;
     if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION || is_link) {
         tell(EngineFrame::Link, page.document, address ? address : "");
+        webkit_policy_decision_ignore(decision);
+        return TRUE;
+    }
+    // Where the document wants to go by itself, there is nothing: it would be replaced by that.
+    if (!page.remote && page.stage != Page::Stage::Asked && address && !is_at_hand(address)) {
         webkit_policy_decision_ignore(decision);
         return TRUE;
     }
