@@ -297,11 +297,11 @@ std::string written(JSCValue* value) {
     if (jsc_value_is_undefined(value)) return "e";
     if (jsc_value_is_null(value)) return "n";
     if (jsc_value_is_boolean(value)) return jsc_value_to_boolean(value) ? "t" : "f";
-    if (jsc_value_is_string(value)) return "s" + bytes_of(value);
+    if (jsc_value_is_string(value)) return std::string(1, 's').append(bytes_of(value));
     if (jsc_value_is_number(value)) {
         const double number = jsc_value_to_double(value);
         const bool whole = number == std::floor(number) && std::fabs(number) <= 2147483647.0;
-        return (whole ? "i" : "d") + bytes_of(value);
+        return std::string(1, whole ? 'i' : 'd').append(bytes_of(value));
     }
     const Text json(jsc_value_to_json(value, 0));
     return json ? std::string("s") + json.get() : "e";
