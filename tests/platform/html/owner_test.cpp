@@ -114,6 +114,17 @@ TEST(HtmlOwner, GivesImagesAndIsToldOfLinks) {
     EXPECT_EQ(link_told->target, u"http://x.example/there");
     // It stayed where it was.
     EXPECT_EQ(width_of(document.get(), u"d"), 1);
+    EXPECT_FALSE(server.was_visited());
+
+    // Only where it is allowed, and files never.
+    for (const WCHAR* const address : {u"file:///etc/passwd", u"http://127.0.0.1/", u"javascript:1"}) {
+        EXPECT_FALSE(SendMessageW(parent.control(), DTM_NAVIGATE, 0, reinterpret_cast<LPARAM>(address)));
+        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    }
+    EXPECT_EQ(ZrHtmlAllowRemote(parent.control(), TRUE), S_OK);
+    const std::u16string remote = u"<img src='" + far + u"/far.png'>";
+    EXPECT_TRUE(SendMessageW(parent.control(), WM_SETTEXT, 0, reinterpret_cast<LPARAM>(remote.c_str())));
+    EXPECT_TRUE(pump_until([&] { return server.was_visited(); }));
 }
 
 // What the page keeps for us is what somebody here holds; the document before is gone.
