@@ -15,7 +15,7 @@ endmacro()
 
 zr_family(base HEADERS base diagnostics errors export types LABELS threads)
 zr_family(kernel HEADERS kernel mapping memory objects LABELS threads)
-zr_family(windowing HEADERS windowing places controls screen cursor LABELS threads)
+zr_family(windowing HEADERS windowing places controls screen cursor TEST_LIBRARIES zr_test_memory LABELS threads)
 zr_family(files HEADERS files file_changes)
 zr_family(store HEADERS stores LIBRARIES SQLite::SQLite3 LABELS threads)
 zr_family(registry HEADERS registry LIBRARIES SQLite::SQLite3 TEST_LIBRARIES zr_test_memory zr_test_disk LABELS threads)

@@ -14,6 +14,8 @@
 
 namespace {
 
+using Wide = long long;
+
 constexpr WCHAR kEllipsis = 0x2026;
 constexpr UINT kWindowWasStretched = WM_USER + 105;
 constexpr int kSheetHeader = 12328;
@@ -50,39 +52,58 @@ private:
     const HDC context_;
 };
 
-// How far each character of a text that is too wide goes: what is far too wide need not be measured again and again.
-// A text that is cut is at least as wide as it was up to there, but for what its last letters make of each other; so
-// much is allowed for them.
-class Extents {
+// Which of the texts that are tried one after the other can be left out, as what is left of them is known to be too
+// wide by itself. Where little is known, and many would have to be tried, those go that are far too wide by the extents
+// that the characters have in the whole text.
+class Shortcut {
 public:
-    Extents(const WindowContext& context, const WCHAR* text, int length)
-        : all_(new (std::nothrow) int[static_cast<std::size_t>(length)]), length_(length) {
-        if (!all_) return;
-        constexpr int kLetters = 16;
-        const SIZE size = context.Measure(text, length, all_.get());
-        if (size.cx == 0) all_.reset();
-        slack_ = kLetters * static_cast<long long>(size.cy);
+    Shortcut(const WindowContext& context, const WCHAR* text, int length, int room)
+        : length_(length), room_(room), sums_(new (std::nothrow) Wide[static_cast<std::size_t>(length) + 1]) {
+        const std::unique_ptr<int[]> widths(new (std::nothrow) int[static_cast<std::size_t>(length)]);
+        if (!sums_ || !widths || !ZrGetLeastTextWidths(context.get(), text, length, kEllipsis, widths.get())) {
+            sums_.reset();
+            return;
+        }
+        sums_[0] = 0;
+        for (std::size_t i = 0; i < static_cast<std::size_t>(length); ++i) {
+            sums_[i + 1] = sums_[i] + widths[i];
+        }
+        beginning_ = LongestBeginning(0);
+        end_ = LongestEnd(0);
+        if (std::max(beginning_, end_) <= kMostRounds) return;
+        const SIZE size = context.Measure(text, length, widths.get());
+        if (size.cx == 0) return;
+        std::copy_n(widths.get(), length, sums_.get() + 1);
+        constexpr int kLetters = 16;  // what the last ones may make of each other
+        const Wide slack = kLetters * Wide{size.cy};
+        beginning_ = std::min(beginning_, LongestBeginning(slack) + kMostRounds);
+        end_ = std::min(end_, LongestEnd(slack) + kMostRounds);
     }
 
-    // The longest beginning that may fit, or less than one more than which may.
-    int LongestBeginning(int room) const {
-        if (!all_) return length_;
-        return static_cast<int>(std::upper_bound(all_.get(), all_.get() + length_, room + slack_) - all_.get());
-    }
-    // How many characters may be left out at the start without leaving out what may fit.
-    int FirstEnd(int room) const {
-        if (!all_) return 0;
-        const long long from = all_[length_ - 1] - room - slack_;
-        return static_cast<int>(std::lower_bound(all_.get(), all_.get() + length_, from) - all_.get());
-    }
+    // How many characters may stay, at most.
+    int beginning() const { return sums_ ? beginning_ : length_; }
+    int end() const { return sums_ ? end_ : length_; }
 
 private:
-    std::unique_ptr<int[]> all_;
-    const int length_;
-    long long slack_ = 0;
-};
+    static constexpr int kMostRounds = 500;
 
-using Wide = long long;
+    int LongestBeginning(Wide slack) const {
+        const auto beyond = std::upper_bound(sums_.get() + 1, sums_.get() + length_ + 1, room_ + slack);
+        return static_cast<int>(beyond - sums_.get()) - 1;
+    }
+    int LongestEnd(Wide slack) const {
+        const Wide from = sums_[static_cast<std::size_t>(length_)] - room_ - slack;
+        return std::max(
+            length_ - static_cast<int>(std::lower_bound(sums_.get(), sums_.get() + length_ + 1, from) - sums_.get()),
+            0);
+    }
+
+    const int length_;
+    const int room_;
+    std::unique_ptr<Wide[]> sums_;  // of the characters before each
+    int beginning_ = 0;
+    int end_ = 0;
+};
 
 int ToInt(Wide value) {
     return static_cast<int>(std::clamp<Wide>(value, INT_MIN, INT_MAX));
@@ -104,8 +125,7 @@ RECT Narrowed(HWND window, const RECT* rect) {
 }
 
 void CutAtEnd(const WindowContext& context, WCHAR* text, int length, int room) {
-    const int longest = Extents(context, text, length).LongestBeginning(room);
-    // One character more than could fit with an ellipsis behind: that is known to be too wide.
+    const int longest = Shortcut(context, text, length, room).beginning();
     if (longest + 2 < length) {
         length = longest + 2;
         text[length - 1] = kEllipsis;
@@ -120,7 +140,8 @@ void CutAtEnd(const WindowContext& context, WCHAR* text, int length, int room) {
 }
 
 void CutAtStart(const WindowContext& context, WCHAR* text, int length, int room) {
-    int start = std::max(std::min(Extents(context, text, length).FirstEnd(room), length - 1) - 1, 0);
+    const int longest = Shortcut(context, text, length, room).end();
+    int start = std::max(std::min(length - longest - 2, length - 2), 0);
     std::fill(text + std::min(start, 1), text + start + (start > 0 ? 1 : 0), kEllipsis);
     bool fits = false;
     while (!fits && length - start > 1) {

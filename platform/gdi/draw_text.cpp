@@ -31,6 +31,11 @@ bool is_parted_by_spaces(WCHAR c) {
     return c < 0x0E00 || (c >= 0x1E00 && c < 0x2E80) || (c >= 0xFB00 && c < 0xFE30);
 }
 
+int to_int(std::int64_t value) {
+    using Limits = std::numeric_limits<int>;
+    return static_cast<int>(std::clamp<std::int64_t>(value, Limits::min(), Limits::max()));
+}
+
 class TextBlock {
 public:
     TextBlock(ContextObject& context, UINT format) : context_(context), format_(format) {}
@@ -200,7 +205,7 @@ std::int64_t TextBlock::left_of(const Line& line, const RECT& rectangle) const {
 // Between tabs, which are empty.
 bool TextBlock::draw_part(const Line& line, LONG x, LONG y, const RECT* clip) const {
     std::int64_t at = 0;
-    const auto place = [&] { return static_cast<LONG>(std::clamp<std::int64_t>(x + at, INT32_MIN, INT32_MAX)); };
+    const auto place = [&](int further = 0) { return to_int(std::int64_t{x} + at + further); };
     std::size_t from = line.from;
     LONG begun = place();
     const std::size_t end = line.from + line.size;
@@ -211,8 +216,8 @@ bool TextBlock::draw_part(const Line& line, LONG x, LONG y, const RECT* clip) co
         }
         if (i == end) break;
         if (i == underlined_) {
-            const LONG under = y + context_.font->facts.ascent + 1;
-            RECT mark{place(), under, place() + advances_[i], under + 1};
+            const std::int64_t under = std::int64_t{y} + context_.font->facts.ascent + 1;
+            RECT mark{place(), to_int(under), place(advances_[i]), to_int(under + 1)};
             if (clip) {
                 mark = {std::max(mark.left, clip->left), std::max(mark.top, clip->top),
                         std::min(mark.right, clip->right), std::min(mark.bottom, clip->bottom)};
@@ -259,11 +264,6 @@ bool TextBlock::draw(const RECT& rectangle) const {
         y += line_height();
     }
     return true;
-}
-
-int to_int(std::int64_t value) {
-    using Limits = std::numeric_limits<int>;
-    return static_cast<int>(std::clamp<std::int64_t>(value, Limits::min(), Limits::max()));
 }
 
 int draw_text(ContextObject& context, std::u16string_view text, RECT& rectangle, UINT format) {

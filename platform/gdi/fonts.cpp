@@ -196,3 +196,13 @@ BOOL GetTextExtentPoint32W(HDC context, LPCWSTR text, int count, SIZE* size) {
 BOOL GetTextExtentExPointW(HDC context, LPCWSTR text, int count, int room, int* fit, int* extents, SIZE* size) {
     return measure_text(context, text, count, {room, fit, extents}, size);
 }
+
+BOOL ZrGetLeastTextWidths(HDC handle, LPCWSTR text, int count, WCHAR mark, int* widths) {
+    if (count < 0 || (count > 0 && (!text || !widths))) return fail(ERROR_INVALID_PARAMETER, FALSE);
+    return with_context(handle, [&](ContextObject& context) {
+        if (!open_font(*context.font)) return false;
+        return text_functions()->measure_least(context.font->opened, text, static_cast<std::size_t>(count), mark,
+                                               widths) ||
+               fail(ERROR_NOT_ENOUGH_MEMORY, false);
+    });
+}

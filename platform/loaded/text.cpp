@@ -79,6 +79,17 @@ bool is_plain(char16_t c) {
            (c >= 0x2030 && c < 0x205F) || (c >= 0x20A0 && c < 0x20C0);
 }
 
+// Letters that have one script, which decides on their font, and one form: with such a letter or a plain one behind
+// them (no mark that they would melt with) they are as wide in every text.
+bool is_steady(char16_t c) {
+    constexpr char16_t ranges[][2] = {{u'A', u'Z'},     {u'a', u'z'},     {0x00C0, 0x00D6}, {0x00D8, 0x00F6},
+                                      {0x00F8, 0x024F}, {0x0388, 0x03E1}, {0x0400, 0x0482}, {0x048A, 0x052F},
+                                      {0x05D0, 0x05EA}, {0x1E00, 0x1EFF}, {0x3041, 0x3096}, {0x30A1, 0x30FA},
+                                      {0x3400, 0x4DBF}, {0x4E00, 0x9FFF}, {0xAC00, 0xD7A3}};
+    return std::any_of(std::begin(ranges), std::end(ranges),
+                       [c](const char16_t(&range)[2]) { return c >= range[0] && c <= range[1]; });
+}
+
 // Where the part that begins at `from` ends: behind a space when there is one, else not within a pair.
 std::size_t end_of_part(const char16_t* text, std::size_t from, std::size_t size) {
     if (size - from <= kPart) return size;
@@ -112,25 +123,31 @@ public:
     Font(const FontWish& wish, FontFacts& facts);
 
     void measure(const char16_t* text, std::size_t size, int* advances);
+    void measure_least(const char16_t* text, std::size_t size, char16_t mark, int* widths);
     void draw(cairo_t* cairo, const char16_t* text, std::size_t size, int x, int baseline, double right);
 
 private:
     static constexpr int kUnknown = -1;
     static constexpr int kNotPlain = -2;
     using Widths = std::array<int, 256>;
+    using Table = std::array<std::unique_ptr<Widths>, 256>;
 
     void choose(const FontWish& wish, double pixels);
     PangoLayoutLine* lay_out(const Utf8& text);
     bool measure_plain(const char16_t* text, std::size_t size, int* advances);
+    static int& entry(Table& table, char16_t c);
     int plain_width(char16_t c);
     int find_plain_width(char16_t c);
+    int steady_width(char16_t c);
+    int find_steady_width(char16_t c);
     void measure_part(const char16_t* text, std::size_t size, int* advances);
     void shape(const char16_t* text, std::size_t size, int* advances);
 
     Owned<PangoContext> context_;
     Owned<PangoLayout> layout_;
     PangoFont* main_ = nullptr;  // the one that has the plain letters
-    std::array<std::unique_ptr<Widths>, 256> plain_;
+    Table plain_;
+    Table steady_;
     std::map<std::u16string, std::vector<int>> lines_;
 };
 
@@ -205,16 +222,45 @@ int Font::find_plain_width(char16_t c) {
     return PANGO_PIXELS(run->glyphs->glyphs[0].geometry.width);
 }
 
-// Also what is not plain here: another font may have it, or none.
-int Font::plain_width(char16_t c) {
-    std::unique_ptr<Widths>& page = plain_[c >> 8];
+int& Font::entry(Table& table, char16_t c) {
+    std::unique_ptr<Widths>& page = table[c >> 8];
     if (!page) {
         page = std::make_unique<Widths>();
         page->fill(kUnknown);
     }
-    int& width = (*page)[c & 0xFF];
+    return (*page)[c & 0xFF];
+}
+
+// Also what is not plain here: another font may have it, or none.
+int Font::plain_width(char16_t c) {
+    int& width = entry(plain_, c);
     if (width == kUnknown) width = is_plain(c) ? find_plain_width(c) : c < 0x20 || c == 0x7F ? 0 : kNotPlain;
     return width;
+}
+
+// What no font has is drawn as a box, in the font of what stands beside it.
+int Font::find_steady_width(char16_t c) {
+    const PangoLayoutLine* const line = lay_out(to_utf8(&c, 1));
+    if (!line->runs || line->runs->next) return 0;
+    const auto* const run = static_cast<PangoGlyphItem*>(line->runs->data);
+    if (run->glyphs->num_glyphs != 1 || (run->glyphs->glyphs[0].glyph & PANGO_GLYPH_UNKNOWN_FLAG) != 0) return 0;
+    return std::max(PANGO_PIXELS(run->glyphs->glyphs[0].geometry.width), 0);
+}
+
+int Font::steady_width(char16_t c) {
+    int& width = entry(steady_, c);
+    if (width == kUnknown) width = find_steady_width(c);
+    return width;
+}
+
+void Font::measure_least(const char16_t* text, std::size_t size, char16_t mark, int* widths) {
+    if (plain_width(mark) >= 0 && measure_plain(text, size, widths)) return;
+    std::fill_n(widths, size, 0);
+    if (!is_plain(mark)) return;
+    for (std::size_t i = 0; i < size; ++i) {
+        const char16_t next = i + 1 < size ? text[i + 1] : mark;
+        if (is_steady(text[i]) && (is_plain(next) || is_steady(next))) widths[i] = steady_width(text[i]);
+    }
 }
 
 bool Font::measure_plain(const char16_t* text, std::size_t size, int* advances) {
@@ -244,7 +290,7 @@ void Font::shape(const char16_t* text, std::size_t size, int* advances) {
                 width += run->glyphs->glyphs[glyph].geometry.width;
             }
             advances[utf8.unit_of[static_cast<std::size_t>(cluster.start_index)]] +=
-                static_cast<int>((width + PANGO_SCALE / 2) / PANGO_SCALE);
+                static_cast<int>((std::max<std::int64_t>(width, 0) + PANGO_SCALE / 2) / PANGO_SCALE);
         }
     }
 }
@@ -311,6 +357,10 @@ bool measure(void* font, const char16_t* text, std::size_t size, int* advances) 
     return guarded([&] { static_cast<Font*>(font)->measure(text, size, advances); });
 }
 
+bool measure_least(void* font, const char16_t* text, std::size_t size, char16_t mark, int* widths) noexcept {
+    return guarded([&] { static_cast<Font*>(font)->measure_least(text, size, mark, widths); });
+}
+
 void find_breaks_in_part(const char16_t* text, std::size_t size, unsigned char* breaks) {
     const Utf8 utf8 = to_utf8(text, size);
     std::vector<PangoLogAttr> attributes(size + 1);
@@ -370,7 +420,8 @@ bool write_png(const Canvas& canvas, std::string& png) noexcept {
     return cairo_surface_write_to_png_stream(image.surface, add, &png) == CAIRO_STATUS_SUCCESS;
 }
 
-constexpr TextFunctions functions{forget_fonts, open_font, close_font, measure, find_breaks, draw, write_png};
+constexpr TextFunctions functions{forget_fonts,  open_font,   close_font, measure,
+                                  measure_least, find_breaks, draw,       write_png};
 
 }  // namespace
 

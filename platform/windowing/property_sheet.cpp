@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/fail.h"
@@ -66,6 +67,7 @@ public:
 
 private:
     bool remove(HWND window, WPARAM index);
+    void show_any(HWND window, WPARAM index);
 
     std::vector<PageRef> pages_;
     HWND tabs_ = nullptr;
@@ -101,12 +103,24 @@ bool SheetDialog::show(HWND window, WPARAM index) {
         SendMessageW(page->window, WM_INITDIALOG, 0, reinterpret_cast<LPARAM>(&page->description));
         if (!own_window(window)) return false;
     }
+    // What was told may have removed this page, or others before it.
+    const auto place = std::ranges::find(pages_, page);
+    if (place == pages_.end()) {
+        show_any(window, index);
+        return false;
+    }
+    if (!IsWindow(page->window)) return false;
     constexpr UINT only = SWP_NOSIZE | SWP_NOMOVE | SWP_NOZORDER;
     const PageRef before = std::exchange(shown_, page);
-    SendMessageW(tabs_, TCM_SETCURSEL, index, 0);
+    SendMessageW(tabs_, TCM_SETCURSEL, static_cast<WPARAM>(place - pages_.begin()), 0);
     if (before && before != page) SetWindowPos(before->window, nullptr, 0, 0, 0, 0, only | SWP_HIDEWINDOW);
     SetWindowPos(page->window, nullptr, 0, 0, 0, 0, only | SWP_SHOWWINDOW);
     return true;
+}
+
+// Where no page is shown: the one that is there now, or the last.
+void SheetDialog::show_any(HWND window, WPARAM index) {
+    if (!shown_ && !pages_.empty()) show(window, std::min<WPARAM>(index, pages_.size() - 1));
 }
 
 bool SheetDialog::remove(HWND window, WPARAM index) {
@@ -116,9 +130,8 @@ bool SheetDialog::remove(HWND window, WPARAM index) {
     SendMessageW(tabs_, TCM_DELETEITEM, index, 0);
     const bool was_shown = shown_ == page;
     if (was_shown) shown_.reset();
-    const std::size_t left = pages_.size();
     if (IsWindow(page->window)) DestroyWindow(page->window);
-    if (was_shown && left > 0 && own_window(window)) show(window, std::min(index, left - 1));
+    if (was_shown && own_window(window)) show_any(window, index);
     return true;
 }
 
@@ -151,6 +164,25 @@ std::vector<PageRef> copy_pages(const PROPSHEETHEADERW& header) {
     return pages;
 }
 
+// Goes unless it is kept.
+class SheetWindow {
+public:
+    explicit SheetWindow(HWND window) : window_(window) {}
+    ~SheetWindow() {
+        if (window_ && own_window(window_)) DestroyWindow(window_);
+    }
+    SheetWindow(const SheetWindow&) = delete;
+    SheetWindow& operator=(const SheetWindow&) = delete;
+    // NULL when it has gone meanwhile.
+    HWND keep() {
+        const HWND window = std::exchange(window_, nullptr);
+        return own_window(window) ? window : nullptr;
+    }
+
+private:
+    HWND window_;
+};
+
 HWND make_sheet(const PROPSHEETHEADERW& header) {
     RECT screen{};
     GetClientRect(GetDesktopWindow(), &screen);
@@ -159,13 +191,10 @@ HWND make_sheet(const PROPSHEETHEADERW& header) {
     const HWND window =
         make_dialog(std::move(made), header.pszCaption, WS_POPUP, screen, header.hwndParent, header.hInstance);
     if (!window) return nullptr;
-    if (sheet.add_tabs(window)) {
-        sheet.show(window, header.nStartPage);
-        if (own_window(window)) return window;
-    } else if (own_window(window)) {
-        DestroyWindow(window);
-    }
-    return nullptr;
+    SheetWindow made_window(window);
+    if (!sheet.add_tabs(window)) return nullptr;
+    sheet.show(window, header.nStartPage);
+    return made_window.keep();
 }
 
 bool is_valid_sheet(LPCPROPSHEETHEADERW header) {

@@ -219,6 +219,12 @@ ZRPLATFORM_API BOOL GetTextExtentPoint32W(HDC context, LPCWSTR text, int count, 
 ZRPLATFORM_API BOOL GetTextExtentExPointW(HDC context, LPCWSTR text, int count, int room, int* fit, int* extents,
                                           SIZE* size);
 
+// Ours: how wide each unit is at least in every text that consists of a stretch of this one and `mark` before or behind
+// it, so that who tries many such texts need not measure those that are too wide anyway. For letters that are the same
+// in every text, and for all of a text of plain letters, it is what they take; for others, whose form or font depends on
+// what is beside them, 0.
+ZRPLATFORM_API BOOL ZrGetLeastTextWidths(HDC context, LPCWSTR text, int count, WCHAR mark, int* widths);
+
 // ---- Drawing ----
 
 // Draws one line with its upper left corner at (x, y): in the text's colour, on the background's unless it is

@@ -51,6 +51,9 @@ struct TextFunctions {
     // How much further each unit takes, in pixels: what belongs together (a pair of surrogates, a letter and its marks)
     // takes it all at its first unit. Control characters take nothing. False: no memory.
     bool (*measure)(void* font, const char16_t* text, std::size_t size, int* advances) noexcept;
+    // How much each unit takes at least in every text that consists of a stretch of this one and `mark` before or
+    // behind it. Where text and mark are plain letters that is what it takes; 0 where too little is known.
+    bool (*measure_least)(void* font, const char16_t* text, std::size_t size, char16_t mark, int* widths) noexcept;
     // Before which units a line may break, by the rules of the text's script.
     bool (*find_breaks)(const char16_t* text, std::size_t size, unsigned char* breaks) noexcept;
     bool (*draw)(void* font, const Canvas& canvas, const ClipArea& clip, const char16_t* text, std::size_t size, int x,

@@ -293,7 +293,7 @@ TEST(Trimming, IsWhatTheRoundsGive) {
     const PlainWindow window(0, 0, 100, 100);
     std::mt19937 random(11);  // NOLINT(bugprone-random-generator-seed)
     const auto number = [&](int from, int to) { return std::uniform_int_distribution(from, to)(random); };
-    for (int round = 0; round < 60; ++round) {
+    for (int round = 0; round < 30; ++round) {
         std::u16string text;
         for (int parts = number(1, 6); parts > 0; --parts) {
             const std::u16string& from = kTexts[static_cast<std::size_t>(number(0, 6))];
@@ -303,6 +303,97 @@ TEST(Trimming, IsWhatTheRoundsGive) {
         const int room = number(-2, width_of(window, text) + 5);
         ASSERT_EQ(at_end(window, text, room), cut_end_by_rounds(window, text, room));
         ASSERT_EQ(at_start(window, text, room), cut_start_by_rounds(window, text, room));
+    }
+}
+
+// A window whose device context keeps a font.
+class FontWindow {
+public:
+    FontWindow(const char16_t* face, int height) {
+        WNDCLASSW description{};
+        description.style = CS_OWNDC;
+        description.lpfnWndProc = DefWindowProcW;
+        description.lpszClassName = u"graphical.font";
+        RegisterClassW(&description);
+        window_ =
+            CreateWindowExW(0, description.lpszClassName, nullptr, 0, 0, 0, 9, 9, nullptr, nullptr, nullptr, nullptr);
+        LOGFONTW wanted{};
+        wanted.lfHeight = height;
+        std::u16string_view(face).copy(wanted.lfFaceName, LF_FACESIZE - 1);
+        font_ = CreateFontIndirectW(&wanted);
+        before_ = SelectObject(GetDC(window_), font_);
+        EXPECT_NE(before_, nullptr);
+    }
+    ~FontWindow() {
+        SelectObject(GetDC(window_), before_);
+        EXPECT_TRUE(DeleteObject(font_));
+        DestroyWindow(window_);
+    }
+    FontWindow(const FontWindow&) = delete;
+    FontWindow& operator=(const FontWindow&) = delete;
+    operator HWND() const { return window_; }  // NOLINT(google-explicit-constructor)
+
+private:
+    HWND window_ = nullptr;
+    HFONT font_ = nullptr;
+    HGDIOBJ before_ = nullptr;
+};
+
+// The script of signs that all scripts have is their neighbour's, and their font with it.
+TEST(Trimming, SignsChangeTheirFontWithWhatIsCut) {
+    const FontWindow window(u"Monospace", -16);
+    const std::u16string dashes(400, u'\u2014');
+    const std::u16string hebrew = u"\u05D0\u05D1";
+    const std::u16string alone = dashes + u"a";
+    if (width_of(window, dashes + hebrew) - width_of(window, hebrew) == width_of(window, dashes)) {
+        GTEST_SKIP() << "the fonts have the same dashes";
+    }
+    for (const std::u16string& text : {dashes + hebrew, hebrew + dashes, alone + hebrew}) {
+        for (const int room : {1500, 4000}) {
+            EXPECT_EQ(at_end(window, text, room), cut_end_by_rounds(window, text, room)) << room;
+            EXPECT_EQ(at_start(window, text, room), cut_start_by_rounds(window, text, room)) << room;
+        }
+    }
+}
+
+// Signs, letters and marks of all kinds, in stretches that are long enough for a font to make a difference.
+std::u16string any_text(std::mt19937& random) {
+    static const std::u16string kinds[] = {u"abcXYZ\u00E9\u0153\u0142",
+                                           u"\u2014\u2013\u2019\u201C\u2026-\"'",
+                                           u"0123456789 ",
+                                           u"\u0416\u0437\u0438",
+                                           u"\u0391\u03C9\u03AC",
+                                           u"\u05D0\u05D1\u05E9",
+                                           u"\u0645\u0631\u062D\u0628\u0644\u0627",
+                                           u"\u65E5\u672C\u8A9E\u3042",
+                                           u"\u0E01\u0E33\u0E34\u0E02",
+                                           u"\u0301\u0308\u200D\uFE0F",
+                                           u"\U0001F600\U0001F468" + std::u16string(1, 0xD83D),
+                                           u"\uAC00\u11A8\u1100",
+                                           u"\t\n\u00AD()[]"};
+    const auto number = [&](int from, int to) {
+        return static_cast<std::size_t>(std::uniform_int_distribution(from, to)(random));
+    };
+    std::u16string text;
+    for (std::size_t parts = number(1, 5); parts > 0; --parts) {
+        const std::u16string& kind = kinds[number(0, static_cast<int>(std::size(kinds)) - 1)];
+        for (std::size_t left = number(1, number(0, 3) == 0 ? 120 : 12); left > 0; --left) {
+            text += kind[number(0, static_cast<int>(kind.size()) - 1)];
+        }
+    }
+    return text;
+}
+
+TEST(Trimming, OfAnyTextIsWhatTheRoundsGive) {
+    std::mt19937 random(29);  // NOLINT(bugprone-random-generator-seed)
+    for (const char16_t* const face : {u"Monospace", u"DejaVu Sans", u"Serif", u""}) {
+        const FontWindow window(face, -13);
+        for (int round = 0; round < 30; ++round) {
+            const std::u16string text = any_text(random);
+            const int room = std::uniform_int_distribution(-2, width_of(window, text) + 5)(random);
+            ASSERT_EQ(at_end(window, text, room), cut_end_by_rounds(window, text, room)) << room;
+            ASSERT_EQ(at_start(window, text, room), cut_start_by_rounds(window, text, room)) << room;
+        }
     }
 }
 

@@ -3,9 +3,11 @@
 #include "platform/controls.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/places.h"
+#include "support/failing_new.h"
 #include "windowing_support.h"
 
 using namespace windowing_test;
@@ -189,6 +191,7 @@ TEST(Tabs, GoWithTheirThread) {
 struct PageSeen {
     std::vector<std::u16string> begun;
     HWND page = nullptr;
+    int removed_at_once = -1;  // the page that goes when the first one begins
 };
 PageSeen seen;
 
@@ -197,14 +200,18 @@ INT_PTR page_procedure(HWND page, UINT message, WPARAM, LPARAM lparam) {
         const auto* description = reinterpret_cast<const PROPSHEETPAGEW*>(lparam);
         seen.begun.emplace_back(description->pszTitle);
         seen.page = page;
+        if (const int index = std::exchange(seen.removed_at_once, -1); index >= 0) {
+            SendMessageW(GetParent(page), PSM_REMOVEPAGE, static_cast<WPARAM>(index), 0);
+        }
     }
     return message == WM_APP ? 17 : 0;
 }
 
 class Sheet {
 public:
-    explicit Sheet(UINT pages, UINT start = 0) {
+    explicit Sheet(UINT pages, UINT start = 0, int removed_at_once = -1) {
         seen = {};
+        seen.removed_at_once = removed_at_once;
         std::vector<PROPSHEETPAGEW> all;
         static const WCHAR* const titles[] = {u"General", u"Accounts", u"More"};
         for (UINT i = 0; i < pages; ++i) {
@@ -284,6 +291,71 @@ TEST(Sheets, PagesAreRemoved) {
     EXPECT_EQ(SendMessageW(sheet, PSM_REMOVEPAGE, 0, 0), TRUE);
     EXPECT_EQ(sheet.page(), nullptr);
     EXPECT_EQ(SendMessageW(sheet, PSM_REMOVEPAGE, 0, 0), FALSE);
+}
+
+TEST(Sheets, APageThatRemovesItselfAtOnceIsNotShown) {
+    {
+        const Sheet sheet(3, 1, 1);
+        ASSERT_TRUE(IsWindow(sheet));
+        EXPECT_EQ(seen.begun, (std::vector<std::u16string>{u"Accounts", u"More"}));
+        EXPECT_EQ(sheet.page(), seen.page);
+        EXPECT_TRUE(is_shown(sheet.page()));
+        EXPECT_EQ(SendMessageW(sheet.tabs(), TCM_GETITEMCOUNT, 0, 0), 2);
+        EXPECT_EQ(SendMessageW(sheet.tabs(), TCM_GETCURSEL, 0, 0), 1);
+        // Where another one is shown it stays.
+        const HWND shown = sheet.page();
+        seen.removed_at_once = 0;
+        EXPECT_EQ(SendMessageW(sheet, PSM_SETCURSEL, 0, 0), FALSE);
+        EXPECT_EQ(sheet.page(), shown);
+        EXPECT_TRUE(is_shown(shown));
+        EXPECT_EQ(SendMessageW(sheet.tabs(), TCM_GETCURSEL, 0, 0), 0);
+    }
+    {
+        const Sheet sheet(1, 0, 0);
+        ASSERT_TRUE(IsWindow(sheet));
+        EXPECT_EQ(sheet.page(), nullptr);
+    }
+}
+
+TEST(Sheets, APageThatRemovesTheOneBeforeItIsShown) {
+    const Sheet sheet(3, 1, 0);
+    EXPECT_EQ(seen.begun, std::vector<std::u16string>{u"Accounts"});
+    EXPECT_EQ(sheet.page(), seen.page);
+    EXPECT_EQ(SendMessageW(sheet.tabs(), TCM_GETCURSEL, 0, 0), 0);
+    EXPECT_EQ(SendMessageW(sheet, PSM_SETCURSEL, 1, 0), TRUE);
+    EXPECT_EQ(seen.begun.back(), u"More");
+}
+
+TEST(Sheets, LeaveNoWindowWhenMemoryIsShort) {
+    int refused = 0;
+    for (int successes = 0; successes < 200; ++successes) {
+        PROPSHEETPAGEW page{};
+        page.dwSize = sizeof page;
+        page.dwFlags = PSP_USETITLE;
+        page.pszTitle = u"A title that is longer than a short string";
+        PROPSHEETHEADERW header{};
+        header.dwSize = sizeof header;
+        header.dwFlags = PSH_MODELESS | PSH_PROPSHEETPAGE;
+        header.pszCaption = u"A caption that is longer than a short string";
+        header.ppsp = &page;
+        header.nPages = 1;
+        INT_PTR made = -1;
+        {
+            const zr::test::FailingNew failing(successes);
+            made = PropertySheetW(&header);
+        }
+        if (made != -1) {
+            const HWND sheet = reinterpret_cast<HWND>(made);
+            const bool whole = SendMessageW(sheet, PSM_GETCURRENTPAGEHWND, 0, 0) != 0;
+            DestroyWindow(sheet);
+            if (whole) break;
+        } else {
+            ++refused;
+            EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_MEMORY) << successes;
+        }
+        ASSERT_EQ(ZrLiveObjects(ZrLiveKind::Windows), 0) << successes;
+    }
+    EXPECT_GT(refused, 5);
 }
 
 TEST(Sheets, TakeTheirWindowsAlong) {
