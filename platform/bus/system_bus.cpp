@@ -18,6 +18,7 @@
 #include "base/forks.h"
 #include "base/host_fd.h"
 #include "base/loaded_module.h"
+#include "base/standard_streams.h"
 #include "kernel/worker.h"
 
 namespace zr::platform {
@@ -52,21 +53,6 @@ struct Match {
 std::chrono::milliseconds idle_time() {
     return std::chrono::milliseconds(bus_idle_milliseconds.load(std::memory_order_relaxed));
 }
-
-// Where the program has closed its standard streams their numbers are taken meanwhile: what it prints must not end up
-// on the bus.
-class StandardStreams {
-public:
-    StandardStreams() noexcept {
-        for (HostFd& each : taken_) {
-            each = HostFd(::open("/dev/null", O_RDWR | O_CLOEXEC));
-            if (each.get() > STDERR_FILENO) break;
-        }
-    }
-
-private:
-    HostFd taken_[STDERR_FILENO + 2];
-};
 
 class SystemBus {
 public:

@@ -1,5 +1,6 @@
 #include "base/forks.h"
 #include "desktop.h"
+#include "output.h"
 
 namespace zr::platform {
 namespace {
@@ -7,14 +8,18 @@ namespace {
 void lock_all() noexcept {
     Desktop::get().lock.lock();
     MessageQueue::lock_all();
+    lock_output();
 }
 
 void unlock_all() noexcept {
+    unlock_output();
     MessageQueue::unlock_all();
     Desktop::get().lock.unlock();
 }
 
 void begin_child() noexcept {
+    forget_output();
+    unlock_output();
     MessageQueue::survive_fork();
     Desktop::get().survive_fork();
 }

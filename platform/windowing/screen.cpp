@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "output.h"
 #include "windowing/screen_facts.h"
 
 namespace zr::platform {
@@ -42,7 +43,8 @@ bool read_screen(std::string_view text, ScreenFacts& screen) {
 ScreenFacts screen_facts() noexcept {
     ScreenFacts screen = kUsual;
     const char* const wanted = std::getenv("ZR_SCREEN");
-    return wanted != nullptr && read_screen(wanted, screen) ? screen : kUsual;
+    if (wanted != nullptr && read_screen(wanted, screen)) return screen;
+    return find_output(screen) ? screen : kUsual;
 }
 
 }  // namespace zr::platform

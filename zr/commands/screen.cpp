@@ -26,18 +26,33 @@ struct InfoOptions {
     bool json = false;
 };
 
+struct Dots {
+    int across = 0;
+    int down = 0;
+};
+
+Dots dots_per_inch() {
+    const HDC screen = GetDC(nullptr);
+    const Dots dots{GetDeviceCaps(screen, LOGPIXELSX), GetDeviceCaps(screen, LOGPIXELSY)};
+    ReleaseDC(nullptr, screen);
+    return dots;
+}
+
 Exit show_screen(const InfoOptions& options) {
     const int width = GraphicalUtilities::GetScreenWidth();
     const int height = GraphicalUtilities::GetScreenHeight();
     const int depth = GraphicalUtilities::GetColourDepth();
     const int across = GraphicalUtilities::GetHorizontalResolution();
     const int down = GraphicalUtilities::GetVerticalResolution();
+    const Dots dots = dots_per_inch();
     const bool is_up = GraphicalUtilities::IsSipUp() != 0;
     const int panel = GraphicalUtilities::GetSipHeight();
     if (options.json) {
         print_json_line(Json{{"width", width},
                              {"height", height},
                              {"depth", depth},
+                             {"dots_per_inch_across", dots.across},
+                             {"dots_per_inch_down", dots.down},
                              {"pixels_per_metre_across", across},
                              {"pixels_per_metre_down", down},
                              {"high_resolution", GraphicalUtilities::IsHighRes() != 0},
@@ -46,7 +61,8 @@ Exit show_screen(const InfoOptions& options) {
         return Exit::Ok;
     }
     print("size\t" + std::to_string(width) + "x" + std::to_string(height) + "\ndepth\t" + std::to_string(depth) +
-          "\nresolution\t" + std::to_string(across) + "x" + std::to_string(down) + " pixels per metre" +
+          "\nresolution\t" + std::to_string(dots.across) + "x" + std::to_string(dots.down) + " dots per inch, " +
+          std::to_string(across) + "x" + std::to_string(down) + " pixels per metre" +
           (GraphicalUtilities::IsHighRes() != 0 ? ", high" : "") + "\ninput panel\t" + (is_up ? "up" : "down") + ", " +
           std::to_string(panel) + " high\n");
     return Exit::Ok;
@@ -231,8 +247,9 @@ void add_screen_info(Command screen) {
     Command command = screen.add_command("info", "Print what programs are told of the screen");
     command.add_flag("--json", options->json, "Print a JSON object");
     command.footer(
-        "The size in pixels, the depth in bits, the resolution, and whether the input panel is up.\n"
-        "ZR_SCREEN says another size and other dots per inch.\n"
+        "The size in pixels, the depth in bits, the resolution, and whether the input panel is up: of the\n"
+        "output that the display server shows on, where there is one. ZR_SCREEN says another size and other\n"
+        "dots per inch.\n"
         "\n"
         "Examples:\n"
         "  zr screen info\n"

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "support/display.h"
 #include "support/sandbox.h"
 #include "zr/commands/tool.h"
 
@@ -20,13 +22,27 @@ TEST(ZrScreen, TellsWhatProgramsAreTold) {
     const Result plain = screen_tool({"screen", "info"});
     EXPECT_EQ(plain.code, 0);
     EXPECT_EQ(plain.out,
-              "size\t480x640\ndepth\t24\nresolution\t7559x7559 pixels per metre, high\ninput panel\tdown, 160 high\n");
+              "size\t480x640\ndepth\t24\nresolution\t192x192 dots per inch, 7559x7559 pixels per metre, high\n"
+              "input panel\tdown, 160 high\n");
     const Result json = screen_tool({"screen", "info", "--json"});
-    EXPECT_EQ(
-        json.out,
-        "{\"width\":480,\"height\":640,\"depth\":24,\"pixels_per_metre_across\":7559,\"pixels_per_metre_down\":7559,"
-        "\"high_resolution\":true,\"input_panel_up\":false,\"input_panel_height\":160}\n");
+    EXPECT_EQ(json.out,
+              "{\"width\":480,\"height\":640,\"depth\":24,\"dots_per_inch_across\":192,\"dots_per_inch_down\":192,"
+              "\"pixels_per_metre_across\":7559,\"pixels_per_metre_down\":7559,"
+              "\"high_resolution\":true,\"input_panel_up\":false,\"input_panel_height\":160}\n");
     unsetenv("ZR_SCREEN");
+}
+
+TEST(ZrScreen, TellsOfTheRealOutput) {
+    const zr::test::XServer server("1024x600x24", 120);
+    ZR_NEEDS_DISPLAY(server);
+    const zr::test::Environment display("DISPLAY", server.name());
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    Result info = screen_tool({"screen", "info"});
+    while (info.out.starts_with("size\t240x320") && std::chrono::steady_clock::now() < end) {
+        info = screen_tool({"screen", "info"});
+    }
+    EXPECT_TRUE(info.out.starts_with("size\t1024x600\ndepth\t24\nresolution\t120x120 dots per inch, 4724x4724"))
+        << info.out;
 }
 
 TEST(ZrScreen, FitsText) {
