@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -54,8 +55,10 @@ std::chrono::milliseconds idle_time() {
     return std::chrono::milliseconds(bus_idle_milliseconds.load(std::memory_order_relaxed));
 }
 
-class SystemBus {
+class Bus {
 public:
+    explicit Bus(BusKind kind) : kind_(kind) {}
+
     // Waits until it is done, or for as long as it may take.
     BusAnswer run(const JobRef& job);
     void prepare() noexcept;
@@ -88,6 +91,8 @@ private:
     void answered(std::uint64_t call, BusAnswer& answer) noexcept;
     void told(std::uint64_t match, BusSignal& signal) noexcept;
 
+    const BusKind kind_;
+
     // Whoever uses the connection, or calls listeners: the thread, but while it waits or connects.
     std::mutex busy_;
     std::mutex mutex_;  // what callers and the thread share; taken behind the other one
@@ -110,10 +115,10 @@ private:
     Clock::time_point used_;
     BusEvents events_{this,
                       [](void* self, std::uint64_t call, BusAnswer& answer) noexcept {
-                          static_cast<SystemBus*>(self)->answered(call, answer);
+                          static_cast<Bus*>(self)->answered(call, answer);
                       },
                       [](void* self, std::uint64_t match, BusSignal& signal) noexcept {
-                          static_cast<SystemBus*>(self)->told(match, signal);
+                          static_cast<Bus*>(self)->told(match, signal);
                       }};
 
     // A parent's, in its child, until it resumes.
@@ -124,17 +129,25 @@ private:
     } inherited_;
 };
 
-// Never destroyed: the thread may run as long as the process.
-alignas(SystemBus) unsigned char storage[sizeof(SystemBus)];
-SystemBus& the_bus = *new (storage) SystemBus;
+// Never destroyed: the threads may run as long as the process.
+Bus& bus_of(BusKind kind) noexcept {
+    alignas(Bus) static unsigned char storage[2][sizeof(Bus)];
+    static Bus* const all[] = {new (storage[0]) Bus(BusKind::System), new (storage[1]) Bus(BusKind::Session)};
+    return *all[static_cast<int>(kind)];
+}
 
-const AtFork registered{ForkRank::Bus,
-                        {[]() noexcept { the_bus.lock(); }, []() noexcept { the_bus.unlock(); },
-                         []() noexcept { the_bus.begin_child(); }, []() noexcept { the_bus.resume(); }}};
+template <void (Bus::*action)() noexcept>
+void of_both() noexcept {
+    (bus_of(BusKind::System).*action)();
+    (bus_of(BusKind::Session).*action)();
+}
+
+const AtFork registered{
+    ForkRank::Bus, {of_both<&Bus::lock>, of_both<&Bus::unlock>, of_both<&Bus::begin_child>, of_both<&Bus::resume>}};
 
 // ---- For callers ----
 
-BusAnswer SystemBus::run(const JobRef& job) {
+BusAnswer Bus::run(const JobRef& job) {
     std::unique_lock lock(mutex_);
     const bool good = start(job->answer);
     // Those who come while it hangs do not wait for it all over again.
@@ -147,19 +160,19 @@ BusAnswer SystemBus::run(const JobRef& job) {
     return std::move(job->answer);
 }
 
-void SystemBus::prepare() noexcept {
+void Bus::prepare() noexcept {
     const std::lock_guard lock(mutex_);
     load();
 }
 
-bool SystemBus::load() noexcept {
+bool Bus::load() noexcept {
     if (module_) return true;
     const auto functions = reinterpret_cast<BusFunctionsOf>(bus_module.function(kBusFunctions));
     module_ = functions ? functions() : nullptr;
     return module_ != nullptr;
 }
 
-bool SystemBus::start(BusAnswer& answer) {
+bool Bus::start(BusAnswer& answer) {
     if (worker_.is_running()) return true;
     if (!load()) {
         char reason[300];
@@ -170,20 +183,20 @@ bool SystemBus::start(BusAnswer& answer) {
     }
     wake_ = HostFd(above_standard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
     answer.result = BusResult::NoMemory;
-    if (!wake_ || !worker_.start([](void* self) { static_cast<SystemBus*>(self)->body(); }, this)) return false;
+    if (!wake_ || !worker_.start([](void* self) { static_cast<Bus*>(self)->body(); }, this)) return false;
     begin_connecting();
     answer.result = BusResult::TimedOut;
     return true;
 }
 
-void SystemBus::stop_listening(BusListener& listener) noexcept {
+void Bus::stop_listening(BusListener& listener) noexcept {
     const std::lock_guard busy(busy_);
     forget_matches([&](const Match& each) { return each.listener == &listener; });
 }
 
 // With busy_ held. The module has a lock of its own, under which it tells: it is called without ours.
 template <class Which>
-void SystemBus::forget_matches(Which&& which) noexcept {
+void Bus::forget_matches(Which&& which) noexcept {
     for (;;) {
         std::uint64_t id = 0;
         {
@@ -199,7 +212,7 @@ void SystemBus::forget_matches(Which&& which) noexcept {
 
 // ---- The thread ----
 
-void SystemBus::body() noexcept {
+void Bus::body() noexcept {
     for (bool ended = false; !ended;) {
         const bool good = open();
         std::unique_lock busy(busy_);
@@ -210,12 +223,12 @@ void SystemBus::body() noexcept {
 }
 
 // Not while anything is locked: it may take minutes.
-bool SystemBus::open() noexcept {
+bool Bus::open() noexcept {
     std::string why;
     void* connection = nullptr;
     {
         const StandardStreams taken;
-        connection = module_->connect(&events_, why);
+        connection = module_->connect(&events_, kind_, why);
     }
     const std::lock_guard busy(busy_);
     const int descriptor = connection ? module_->poll(connection).descriptor : -1;
@@ -235,11 +248,11 @@ bool SystemBus::open() noexcept {
 }
 
 // False when the connection is to end. What is not begun before it is known to be lost is the next one's.
-bool SystemBus::turn(std::unique_lock<std::mutex>& busy) noexcept {
+bool Bus::turn(std::unique_lock<std::mutex>& busy) noexcept {
     return module_->process(connection_) && begin_jobs() && module_->process(connection_) && wait(busy);
 }
 
-bool SystemBus::begin_jobs() noexcept {
+bool Bus::begin_jobs() noexcept {
     std::vector<JobRef> jobs;
     {
         const std::lock_guard lock(mutex_);
@@ -258,7 +271,7 @@ bool SystemBus::begin_jobs() noexcept {
     return good;
 }
 
-bool SystemBus::begin(const JobRef& job) {
+bool Bus::begin(const JobRef& job) {
     const auto left = std::chrono::duration_cast<std::chrono::microseconds>(job->deadline - Clock::now()).count();
     if (left <= 0) return true;
     const std::uint64_t id = ++last_id_;
@@ -274,7 +287,7 @@ bool SystemBus::begin(const JobRef& job) {
     return true;
 }
 
-bool SystemBus::begin_listening(const JobRef& job) {
+bool Bus::begin_listening(const JobRef& job) {
     const std::uint64_t first = last_id_ + 1;
     BusResult result = BusResult::Answered;
     {
@@ -302,20 +315,20 @@ bool SystemBus::begin_listening(const JobRef& job) {
 }
 
 // For the next connection, as this one turned out to be lost before anything was sent.
-bool SystemBus::put_back(const JobRef& job) {
+bool Bus::put_back(const JobRef& job) {
     const std::lock_guard lock(mutex_);
     queue_.push_back(job);
     return false;
 }
 
 // Under the lock.
-void SystemBus::finish(Job& job, BusResult result) noexcept {
+void Bus::finish(Job& job, BusResult result) noexcept {
     job.answer.result = result;
     job.done = true;
     done_.notify_all();
 }
 
-bool SystemBus::wait(std::unique_lock<std::mutex>& busy) noexcept {
+bool Bus::wait(std::unique_lock<std::mutex>& busy) noexcept {
     if (is_idle()) return false;
     const BusPoll wanted = module_->poll(connection_);
     if (wanted.descriptor < 0) return false;
@@ -334,7 +347,7 @@ bool SystemBus::wait(std::unique_lock<std::mutex>& busy) noexcept {
 }
 
 // Whether nobody has called for a while, and no listener needs it.
-bool SystemBus::is_idle() noexcept {
+bool Bus::is_idle() noexcept {
     const auto now = Clock::now();
     if (now < used_ + idle_time()) return false;
     used_ = now;
@@ -350,7 +363,7 @@ bool SystemBus::is_idle() noexcept {
     }
 }
 
-void SystemBus::answered(std::uint64_t call, BusAnswer& answer) noexcept {
+void Bus::answered(std::uint64_t call, BusAnswer& answer) noexcept {
     const auto found = calls_.find(call);
     if (found == calls_.end()) return;
     const JobRef job = std::move(found->second);
@@ -364,7 +377,7 @@ void SystemBus::answered(std::uint64_t call, BusAnswer& answer) noexcept {
     finish(*job, unanswered ? none : job->answer.result);
 }
 
-void SystemBus::told(std::uint64_t match, BusSignal& signal) noexcept {
+void Bus::told(std::uint64_t match, BusSignal& signal) noexcept {
     BusListener* listener = nullptr;
     {
         const std::lock_guard lock(mutex_);
@@ -378,7 +391,7 @@ void SystemBus::told(std::uint64_t match, BusSignal& signal) noexcept {
 
 // What is under way is lost. False when there is more to do, on a new connection; else this is the thread's last act,
 // and who comes now starts another one.
-bool SystemBus::end() noexcept {
+bool Bus::end() noexcept {
     if (connection_) module_->close(connection_);
     std::vector<Match> matches;
     {
@@ -416,7 +429,7 @@ bool SystemBus::end() noexcept {
 
 // A connection that is half made would stay with the child for ever, which knows nothing of it. For one that hangs only
 // one fork waits.
-void SystemBus::lock() noexcept {
+void Bus::lock() noexcept {
     for (;;) {
         busy_.lock();
         mutex_.lock();
@@ -427,12 +440,12 @@ void SystemBus::lock() noexcept {
     }
 }
 
-void SystemBus::unlock() noexcept {
+void Bus::unlock() noexcept {
     mutex_.unlock();
     busy_.unlock();
 }
 
-void SystemBus::begin_child() noexcept {
+void Bus::begin_child() noexcept {
     // The connection's number stays taken until it is closed properly, but what it stood for is the parent's alone.
     if (descriptor_ >= 0) dup3(wake_.get(), descriptor_, O_CLOEXEC);
     wake_ = HostFd();
@@ -449,7 +462,7 @@ void SystemBus::begin_child() noexcept {
     unlock();
 }
 
-void SystemBus::resume() noexcept {
+void Bus::resume() noexcept {
     const std::lock_guard busy(busy_);
     Inherited old;
     std::swap(old, inherited_);
@@ -470,13 +483,21 @@ bool may_be_there(std::string_view address) noexcept {
     return access(path, F_OK) == 0;
 }
 
-BusAnswer run_job(const JobRef& job, int milliseconds) {
+// The session bus's usual place.
+bool has_user_bus() noexcept {
+    const char* const folder = std::getenv("XDG_RUNTIME_DIR");
+    char path[PATH_MAX];
+    const int length = folder ? std::snprintf(path, sizeof path, "%s/bus", folder) : -1;
+    return length > 0 && static_cast<std::size_t>(length) < sizeof path && access(path, F_OK) == 0;
+}
+
+BusAnswer run_job(const JobRef& job, int milliseconds, BusKind kind) {
     job->answer.result = BusResult::NoBus;
-    if (!may_have_system_bus()) return std::move(job->answer);
+    if (!may_have_bus(kind)) return std::move(job->answer);
     job->answer.result = BusResult::TimedOut;
     resume_after_fork();
     job->deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
-    return the_bus.run(job);
+    return bus_of(kind).run(job);
 }
 
 BusAnswer without_memory() noexcept {
@@ -487,8 +508,10 @@ BusAnswer without_memory() noexcept {
 
 }  // namespace
 
-bool may_have_system_bus() noexcept {
-    const char* const said = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+bool may_have_bus(BusKind kind) noexcept {
+    const bool is_system = kind == BusKind::System;
+    const char* const said = std::getenv(is_system ? "DBUS_SYSTEM_BUS_ADDRESS" : "DBUS_SESSION_BUS_ADDRESS");
+    if (!said && !is_system) return has_user_bus();
     std::string_view rest = said ? said : "unix:path=/run/dbus/system_bus_socket";
     for (;;) {
         const std::size_t end = rest.find(';');
@@ -499,13 +522,13 @@ bool may_have_system_bus() noexcept {
 }
 
 void prepare_system_bus() noexcept {
-    if (may_have_system_bus()) the_bus.prepare();
+    if (may_have_system_bus()) bus_of(BusKind::System).prepare();
 }
 
-BusAnswer call_bus(const BusRequest& request, int milliseconds) noexcept try {
+BusAnswer call_bus(const BusRequest& request, int milliseconds, BusKind kind) noexcept try {
     const auto job = std::make_shared<Job>();
     job->request = request;
-    return run_job(job, milliseconds);
+    return run_job(job, milliseconds, kind);
 } catch (const std::bad_alloc&) {
     return without_memory();
 }
@@ -518,24 +541,26 @@ BusAnswer read_bus_properties(const std::string& destination, const std::string&
     return without_memory();
 }
 
-BusAnswer find_bus_owner(const std::string& name, int milliseconds) noexcept try {
+BusAnswer find_bus_owner(const std::string& name, int milliseconds, BusKind kind) noexcept try {
     constexpr const char* bus = "org.freedesktop.DBus";
-    return call_bus({bus, "/org/freedesktop/DBus", bus, "GetNameOwner", {bus_text(name)}}, milliseconds);
+    return call_bus({bus, "/org/freedesktop/DBus", bus, "GetNameOwner", {bus_text(name)}}, milliseconds, kind);
 } catch (const std::bad_alloc&) {
     return without_memory();
 }
 
-BusResult listen_to_bus(BusListener& listener, std::span<const char* const> rules, int milliseconds) noexcept try {
+BusResult listen_to_bus(BusListener& listener, std::span<const char* const> rules, int milliseconds,
+                        BusKind kind) noexcept try {
     const auto job = std::make_shared<Job>();
     job->listener = &listener;
     job->rules.assign(rules.begin(), rules.end());
-    return run_job(job, milliseconds).result;
+    return run_job(job, milliseconds, kind).result;
 } catch (const std::bad_alloc&) {
     return BusResult::NoMemory;
 }
 
 void stop_listening_to_bus(BusListener& listener) noexcept {
-    the_bus.stop_listening(listener);
+    bus_of(BusKind::System).stop_listening(listener);
+    bus_of(BusKind::Session).stop_listening(listener);
 }
 
 }  // namespace zr::platform

@@ -1,5 +1,7 @@
 #include "platform/input_panel.h"
 
+#include <fcntl.h>
+
 #include <atomic>
 #include <cstddef>
 #include <mutex>
@@ -9,10 +11,13 @@
 #include "base/fail.h"
 #include "base/forks.h"
 #include "base/host_error.h"
+#include "base/host_fd.h"
 #include "base/shared_memory.h"
 #include "base/state_folder.h"
+#include "keyboard.h"
 #include "objects.h"
 #include "platform/windowing.h"
+#include "store/store_listener.h"
 #include "windowing/screen_facts.h"
 
 using namespace zr::platform;
@@ -21,48 +26,109 @@ namespace {
 
 struct PanelPage {
     std::atomic<std::uint32_t> is_up;
+    std::atomic<std::uint32_t> changes;
 };
 
-SharedPage<PanelPage>& panel_page() {
-    static auto* const page = new SharedPage<PanelPage>;  // never destroyed
-    return *page;
+// The state that processes share, and the file through which they wake each other.
+class Panel final : public StoreWatcher {
+public:
+    // NULL with the error. What was opened stays.
+    PanelPage* open();
+    void set(PanelPage& page, bool up) noexcept;
+    bool rang() noexcept override {
+        tell_windows(*page_);
+        return false;
+    }
+
+private:
+    bool watch(const std::string& bell);
+    void ring() const noexcept;
+    void tell_windows(const PanelPage& page) noexcept;
+
+    SharedPage<PanelPage> page_;
+    std::string bell_;
+    bool is_watching_ = false;
+    std::atomic<std::uint32_t> told_{0};
+};
+
+Panel& the_panel() {
+    static auto* const panel = new Panel;  // never destroyed
+    return *panel;
 }
 
-// The state that processes share; NULL with the error. What was opened stays.
-PanelPage* open_panel() {
+PanelPage* Panel::open() {
     const std::lock_guard guard(Gdi::get().lock);
-    SharedPage<PanelPage>& page = panel_page();
-    if (page) return &*page;
+    if (page_ && is_watching_) return &*page_;
     const Folder folder = runtime_folder();
     if (!folder) return fail(folder.error, static_cast<PanelPage*>(nullptr));
     try {
-        if (const int error = page.open((folder.path + "/input-panel").c_str()); error != 0) {
-            return fail(error_from_errno(error), static_cast<PanelPage*>(nullptr));
+        if (!page_) {
+            if (const int error = page_.open((folder.path + "/input-panel").c_str()); error != 0) {
+                return fail(error_from_errno(error), static_cast<PanelPage*>(nullptr));
+            }
+            told_ = page_->changes.load();
         }
-        return &*page;
+        if (!is_watching_) is_watching_ = watch(folder.path + "/input-panel.bell");
+        return &*page_;
     } catch (const std::bad_alloc&) {
         return fail(ERROR_NOT_ENOUGH_MEMORY, static_cast<PanelPage*>(nullptr));
     }
 }
 
-// Posted, so that no window can keep the caller.
-void tell_windows() {
+// Without it, changes that others make are seen, but not told.
+bool Panel::watch(const std::string& bell) {
+    const zr::HostFd made(::open(bell.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!made || add_store_watcher(bell, *this) != 0) return false;
+    bell_ = bell;
+    return true;
+}
+
+// The kernel tells watchers that the file was closed by somebody who could write.
+void Panel::ring() const noexcept {
+    const zr::HostFd rung(bell_.empty() ? -1 : ::open(bell_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+}
+
+void Panel::set(PanelPage& page, bool up) noexcept {
+    if (page.is_up.exchange(up ? 1 : 0) == (up ? 1u : 0u)) return;
+    page.changes.fetch_add(1);
+    tell_windows(page);
+    ring();
+}
+
+// This process's, for changes that they were not told of. Posted, so that no window can keep the caller.
+void Panel::tell_windows(const PanelPage& page) noexcept {
+    const std::uint32_t changes = page.changes;
+    if (told_.exchange(changes) == changes) return;
     for (HWND window = GetWindow(GetDesktopWindow(), GW_CHILD); window; window = GetWindow(window, GW_HWNDNEXT)) {
         PostMessageW(window, WM_SETTINGCHANGE, SPI_SETSIPINFO, 0);
     }
 }
 
+void hear_keyboard(bool up) noexcept {
+    if (PanelPage* const page = the_panel().open()) the_panel().set(*page, up);
+}
+
 BOOL set_panel(bool up) {
-    PanelPage* const page = open_panel();
+    PanelPage* const page = the_panel().open();
     if (!page) return FALSE;
-    if (page->is_up.exchange(up ? 1 : 0) != (up ? 1u : 0u)) tell_windows();
+    watch_keyboard(hear_keyboard);
+    show_keyboard(up);
+    the_panel().set(*page, up);
     return TRUE;
 }
 
+// Where a keyboard runs its own word counts.
+bool is_panel_up(PanelPage& page) {
+    bool up = false;
+    watch_keyboard(hear_keyboard);
+    if (read_keyboard(up)) the_panel().set(page, up);
+    return page.is_up != 0;
+}
+
 BOOL give_panel(SIPINFO& info) {
-    const PanelPage* const page = open_panel();
+    PanelPage* const page = the_panel().open();
     if (!page) return FALSE;
-    const bool up = page->is_up != 0;
+    const bool up = is_panel_up(*page);
     const ScreenFacts screen = screen_facts();
     const int top = screen.height - screen.height / 4;
     info.fdwFlags = (up ? SIPF_ON : SIPF_OFF) | SIPF_DOCKED;

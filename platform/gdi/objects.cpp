@@ -6,6 +6,7 @@
 #include "base/fail.h"
 #include "base/forks.h"
 #include "base/live_count.h"
+#include "keyboard.h"
 #include "windowing/screen_facts.h"
 
 namespace zr::platform {
@@ -17,7 +18,10 @@ Gdi& the_gdi = *new (gdi_storage) Gdi;
 
 const AtFork gdi_at_fork{ForkRank::Gdi,
                          {[]() noexcept { the_gdi.lock.lock(); }, []() noexcept { the_gdi.lock.unlock(); },
-                          []() noexcept { the_gdi.lock.unlock(); }}};
+                          []() noexcept {
+                              the_gdi.lock.unlock();
+                              forget_keyboard();
+                          }}};
 
 constexpr std::uint32_t kMostObjects = 0xFFFF;
 constexpr std::uint32_t kGenerations = 0x7FFF;

@@ -249,7 +249,9 @@ void keep_name(const sdbus::Error& error, std::string& name) noexcept try {
 
 class Connection {
 public:
-    explicit Connection(const BusEvents& events) : events_(events), bus_(sdbus::createSystemBusConnection()) {
+    Connection(const BusEvents& events, BusKind kind)
+        : events_(events),
+          bus_(kind == BusKind::System ? sdbus::createSystemBusConnection() : sdbus::createSessionBusConnection()) {
         bus_->setMethodCallTimeout(kOwnPatience);
     }
 
@@ -360,9 +362,9 @@ BusResult guarded(Body&& body, std::string& error) noexcept {
     }
 }
 
-void* open_bus(const BusEvents* events, std::string& why) noexcept {
+void* open_bus(const BusEvents* events, BusKind kind, std::string& why) noexcept {
     Connection* made = nullptr;
-    guarded([&] { made = std::make_unique<Connection>(*events).release(); }, why);
+    guarded([&] { made = std::make_unique<Connection>(*events, kind).release(); }, why);
     return made;
 }
 

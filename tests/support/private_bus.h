@@ -18,14 +18,22 @@ namespace zr::test {
 
 class PrivateBus {
 public:
-    PrivateBus() : daemon_({"dbus-daemon", "--nofork", "--print-address", "--config-file=" + write_configuration()}) {
+    // The mocks are on the system bus; with Session::Too it is the session bus as well.
+    enum class Session { No, Too };
+
+    explicit PrivateBus(Session session = Session::No)
+        : daemon_({"dbus-daemon", "--nofork", "--print-address", "--config-file=" + write_configuration()}) {
         if (!daemon_.is_there()) {
             why_ = "there is no dbus-daemon (package dbus-daemon)";
         } else if (daemon_.line().empty()) {
             why_ = "the bus does not start";
         }
+        if (session == Session::Too) {
+            setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + socket().string()).c_str(), 1);
+        }
     }
     ~PrivateBus() {
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
         daemon_.end();
         std::error_code ignored;
         std::filesystem::remove(socket(), ignored);

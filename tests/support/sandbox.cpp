@@ -45,6 +45,7 @@ void enter_sandbox() {
     set("XDG_CACHE_HOME", folder / "home/.cache");
     unsetenv("ZR_LOG");
     unsetenv("ZR_SCREEN");
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
     unsetenv("DISPLAY");
     unsetenv("WAYLAND_DISPLAY");
 }

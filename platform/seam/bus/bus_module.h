@@ -11,6 +11,11 @@
 
 namespace zr::platform {
 
+enum class BusKind : int {
+    System,   // of the computer
+    Session,  // of the user
+};
+
 struct BusRequest {
     std::string destination;  // a name on the bus
     std::string path;
@@ -61,8 +66,8 @@ struct BusPoll {
 
 // One connection is used by one thread at a time. None of them throws.
 struct BusFunctions {
-    // To the system bus. May take minutes with one that does not answer. NULL with a sentence.
-    void* (*connect)(const BusEvents* events, std::string& why) noexcept;
+    // May take minutes with a bus that does not answer. NULL with a sentence.
+    void* (*connect)(const BusEvents* events, BusKind kind, std::string& why) noexcept;
     // Also in a child made by fork, which the connection is of no use to: nothing is said on it then.
     void (*close)(void* connection) noexcept;
     // When process() is to be called.
