@@ -10,6 +10,7 @@
 namespace zr::platform {
 
 std::atomic<int> keyboard_patience{500};
+std::atomic<int> keyboard_rest{10'000};
 
 namespace {
 
@@ -18,22 +19,22 @@ constexpr const char* kPath = "/sm/puri/OSK0";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 constexpr const char* kVisible = "Visible";
 
-// How long one that was silent is left alone; 0 for its owner is any.
-constexpr std::chrono::seconds kRest{10};
-std::atomic<std::int64_t> rests_until{0};
+// When one was last waited for in vain, and which: 0 for its owner is any.
+std::atomic<std::int64_t> silent_at{0};
 std::atomic<std::size_t> silent_owner{0};
 
 std::int64_t now() {
-    return std::chrono::steady_clock::now().time_since_epoch().count();
+    using std::chrono::milliseconds;
+    return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 bool rests(std::size_t owner) {
-    return silent_owner == owner && now() < rests_until.load(std::memory_order_relaxed);
+    return silent_at != 0 && silent_owner == owner && now() < silent_at + keyboard_rest;
 }
 
 void let_rest(std::size_t owner) {
     silent_owner = owner;
-    rests_until = now() + std::chrono::steady_clock::duration(kRest).count();
+    silent_at = now();
 }
 
 // Its owner is looked for first: who is not there is not started for being asked.

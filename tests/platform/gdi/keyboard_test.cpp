@@ -22,6 +22,7 @@ namespace {
 using zr::platform::bus_entry;
 using zr::platform::bus_integer;
 using zr::platform::keyboard_patience;
+using zr::platform::keyboard_rest;
 using zr::test::Child;
 using zr::test::MockService;
 using zr::test::PrivateBus;
@@ -131,6 +132,7 @@ protected:
         bus_ = std::make_unique<PrivateBus>(PrivateBus::Session::Too);
         ZR_NEEDS_BUS(*bus_);
         keyboard_patience = 60'000;
+        keyboard_rest = 0;
         mock_ = std::make_unique<MockService>(kKeyboard, kObject, kKeyboard);
         ZR_NEEDS_BUS(*mock_);
         ASSERT_TRUE(mock_->add_properties(kObject, kKeyboard, {bus_entry("Visible", bus_integer(0, 'b'))}));
@@ -138,7 +140,7 @@ protected:
                                       "self.UpdateProperties('sm.puri.OSK0', {'Visible': dbus.Boolean(args[0])})"));
     }
     void TearDown() override {
-        keyboard_patience = 2000;
+        keyboard_rest = 0;
         mock_.reset();
         bus_.reset();
         set_up(false);
@@ -191,6 +193,7 @@ TEST_F(Keyboard, ThatNeverAnswersIsLeftAlone) {
     EXPECT_FALSE(is_up());
     mock_->process().stop();
     keyboard_patience = 100;
+    keyboard_rest = 60'000;
     const auto begun = std::chrono::steady_clock::now();
     for (int i = 0; i < 50; ++i) {
         EXPECT_TRUE(set_up(i % 2 == 0));
