@@ -34,14 +34,14 @@ class Panel final : public StoreWatcher {
 public:
     // NULL with the error. What was opened stays.
     PanelPage* open();
-    void set(PanelPage& page, bool up) noexcept;
+    void set(bool up) noexcept;  // of what was opened
     bool rang() noexcept override {
         tell_windows(*page_);
         return false;
     }
 
 private:
-    bool watch(const std::string& bell);
+    bool watch();
     void ring() const noexcept;
     void tell_windows(const PanelPage& page) noexcept;
 
@@ -63,12 +63,13 @@ PanelPage* Panel::open() {
     if (!folder) return fail(folder.error, static_cast<PanelPage*>(nullptr));
     try {
         if (!page_) {
+            bell_ = folder.path + "/input-panel.bell";
             if (const int error = page_.open((folder.path + "/input-panel").c_str()); error != 0) {
                 return fail(error_from_errno(error), static_cast<PanelPage*>(nullptr));
             }
             told_ = page_->changes.load();
         }
-        if (!is_watching_) is_watching_ = watch(folder.path + "/input-panel.bell");
+        if (!is_watching_) is_watching_ = watch();
         return &*page_;
     } catch (const std::bad_alloc&) {
         return fail(ERROR_NOT_ENOUGH_MEMORY, static_cast<PanelPage*>(nullptr));
@@ -76,19 +77,18 @@ PanelPage* Panel::open() {
 }
 
 // Without it, changes that others make are seen, but not told.
-bool Panel::watch(const std::string& bell) {
-    const zr::HostFd made(::open(bell.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!made || add_store_watcher(bell, *this) != 0) return false;
-    bell_ = bell;
-    return true;
+bool Panel::watch() {
+    const zr::HostFd made(::open(bell_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    return made && add_store_watcher(bell_, *this) == 0;
 }
 
 // The kernel tells watchers that the file was closed by somebody who could write.
 void Panel::ring() const noexcept {
-    const zr::HostFd rung(bell_.empty() ? -1 : ::open(bell_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    const zr::HostFd rung(::open(bell_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
 }
 
-void Panel::set(PanelPage& page, bool up) noexcept {
+void Panel::set(bool up) noexcept {
+    PanelPage& page = *page_;
     if (page.is_up.exchange(up ? 1 : 0) == (up ? 1u : 0u)) return;
     page.changes.fetch_add(1);
     tell_windows(page);
@@ -104,29 +104,29 @@ void Panel::tell_windows(const PanelPage& page) noexcept {
     }
 }
 
+// On the bus's thread, which a fork waits for behind this family's lock: without it. The state was opened before.
 void hear_keyboard(bool up) noexcept {
-    if (PanelPage* const page = the_panel().open()) the_panel().set(*page, up);
+    the_panel().set(up);
 }
 
 BOOL set_panel(bool up) {
-    PanelPage* const page = the_panel().open();
-    if (!page) return FALSE;
+    if (!the_panel().open()) return FALSE;
     watch_keyboard(hear_keyboard);
     show_keyboard(up);
-    the_panel().set(*page, up);
+    the_panel().set(up);
     return TRUE;
 }
 
 // Where a keyboard runs its own word counts.
-bool is_panel_up(PanelPage& page) {
+bool is_panel_up(const PanelPage& page) {
     bool up = false;
     watch_keyboard(hear_keyboard);
-    if (read_keyboard(up)) the_panel().set(page, up);
+    if (read_keyboard(up)) the_panel().set(up);
     return page.is_up != 0;
 }
 
 BOOL give_panel(SIPINFO& info) {
-    PanelPage* const page = the_panel().open();
+    const PanelPage* const page = the_panel().open();
     if (!page) return FALSE;
     const bool up = is_panel_up(*page);
     const ScreenFacts screen = screen_facts();
