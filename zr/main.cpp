@@ -176,17 +176,26 @@ void build(zr::Command app) {
     zr::add_watch(app);
 }
 
+// What was printed before still counts; that the output is closed was said already, or need not be.
+void end_output_after_failure() {
+    try {
+        zr::end_output();
+    } catch (const zr::Failure&) {
+        std::fflush(stdout);
+    }
+}
+
 zr::Exit execute(const zr::Run& run) {
     try {
         const zr::Exit code = run();
-        zr::flush_output();
+        zr::end_output();
         return code;
     } catch (const zr::Failure& failure) {
-        // What was printed before still counts; that the output is closed was said already, or need not be.
-        std::fflush(stdout);
+        end_output_after_failure();
         zr::complain(failure.text);
         return failure.code;
     } catch (const std::bad_alloc&) {
+        end_output_after_failure();
         zr::complain("out of memory");
         return zr::Exit::StoreFailed;
     }

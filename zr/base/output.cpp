@@ -5,11 +5,13 @@
 
 #include "zr/base/failure.h"
 #include "zr/base/json.h"
+#include "zr/base/pager.h"
 #include "zr/base/text.h"
 
 namespace zr {
 
 void print(std::string_view text) {
+    if (Pager::instance().takes(text)) return;
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) throw file_failure("standard output", errno);
 }
 
@@ -24,7 +26,17 @@ void print_json_line(const Json& value) {
     print("\n");
 }
 
+void page_output() {
+    Pager::instance().begin();
+}
+
+void end_output() {
+    Pager::instance().end();
+    flush_output();
+}
+
 void flush_output() {
+    Pager::instance().flush();
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) throw file_failure("standard output", errno);
 }
 

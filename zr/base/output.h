@@ -12,6 +12,10 @@ namespace zr {
 class Json;
 
 void print(std::string_view text);
+// From now on what is printed goes to the user's pager when it is longer than the terminal.
+void page_output();
+// Behind all that is printed: the reader has seen enough of it. Throws as flush_output does.
+void end_output();
 // JSON text in which no character can steer a terminal.
 std::string json_text(const Json& value);
 void print_json_line(const Json& value);

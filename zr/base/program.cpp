@@ -63,20 +63,45 @@ private:
     posix_spawnattr_t attributes_;
 };
 
+class FileActions {
+public:
+    explicit FileActions(int input) {
+        posix_spawn_file_actions_init(&actions_);
+        if (input >= 0) posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO);
+    }
+    ~FileActions() { posix_spawn_file_actions_destroy(&actions_); }
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+
+    const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+private:
+    posix_spawn_file_actions_t actions_;
+};
+
 }  // namespace
 
-int run_program(const std::vector<std::string>& command, const std::vector<std::string>& environment) {
+pid_t start_program(const std::vector<std::string>& command, const std::vector<std::string>& environment, int input) {
     const std::vector<std::string> all = environment_with(environment);
     const Attributes attributes;
+    const FileActions actions(input);
     pid_t process = -1;
-    const int error = posix_spawnp(&process, command.front().c_str(), nullptr, attributes.get(),
+    const int error = posix_spawnp(&process, command.front().c_str(), actions.get(), attributes.get(),
                                    pointers_to(command).data(), pointers_to(all).data());
     if (error != 0) throw Failure{Exit::Unreadable, command.front() + ": cannot be run: " + std::strerror(error)};
+    return process;
+}
+
+int wait_for_program(const std::string& name, pid_t process) {
     int status = 0;
     while (::waitpid(process, &status, 0) < 0) {
-        if (errno != EINTR) throw Failure{Exit::Unreadable, command.front() + ": " + std::strerror(errno)};
+        if (errno != EINTR) throw Failure{Exit::Unreadable, name + ": " + std::strerror(errno)};
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+int run_program(const std::vector<std::string>& command, const std::vector<std::string>& environment) {
+    return wait_for_program(command.front(), start_program(command, environment));
 }
 
 std::string program_fault(int code) {

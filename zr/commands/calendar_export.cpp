@@ -79,7 +79,7 @@ void Export::write_appointments(const CalendarWriter& writer) {
             code_ = Exit::DamagedCards;
             continue;
         }
-        if (event.uid.empty()) event.uid = made_uid(oid, event.subject, event.start);
+        event.uid = uid_of(oid, event);
         writer.write(event, text);
         write(text);
     }
@@ -98,7 +98,7 @@ void Export::write_tasks(const CalendarWriter& writer) {
             array_.add(task_json(oid, task));
             continue;
         }
-        if (task.uid.empty()) task.uid = made_uid(oid, task.subject, task.due.value_or(Moment{}));
+        task.uid = uid_of(oid, task);
         writer.write(task, text);
         write(text);
     }

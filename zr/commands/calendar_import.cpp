@@ -141,10 +141,10 @@ void CalendarImport::make_index() {
         const ComPtr<IAppointment> item = store_.appointment_at(i);
         if (!item) continue;
         const LONG oid = oid_of(item.get());
-        const EventFields fields = read_fields(item.get());
-        std::string uid = text_property(item.get(), ZR_PROPID_EVENT_UID);
-        if (uid.empty()) uid = made_uid(oid, fields.subject, fields.start);
-        index_->emplace(key_of("event ", uid, fields.extras), oid);
+        Event event;
+        static_cast<EventFields&>(event) = read_fields(item.get());
+        event.uid = text_property(item.get(), ZR_PROPID_EVENT_UID);
+        index_->emplace(key_of("event ", uid_of(oid, event), event.extras), oid);
     }
     const int tasks = store_.tasks();
     for (int i = 1; i <= tasks; ++i) {
@@ -152,8 +152,7 @@ void CalendarImport::make_index() {
         if (!item) continue;
         const LONG oid = oid_of(item.get());
         const Task task = read_task(item.get());
-        const std::string uid = task.uid.empty() ? made_uid(oid, task.subject, task.start.value_or(kNoTime)) : task.uid;
-        index_->emplace(key_of("task ", uid, task.extras), oid);
+        index_->emplace(key_of("task ", uid_of(oid, task), task.extras), oid);
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/calendar_day.h"
 #include "zr/commands/command.h"
@@ -27,7 +28,12 @@ struct CalendarListOptions {
 // Counts what is listed.
 class Listing {
 public:
-    explicit Listing(const CalendarListOptions& options) : options_(options), subject_(folded(options.subject)) {}
+    explicit Listing(const CalendarListOptions& options)
+        : options_(options),
+          subject_(folded(options.subject)),
+          table_(options.tasks ? task_columns() : event_columns()) {
+        page_output();
+    }
 
     bool is_full() const { return options_.limit > 0 && count_ >= options_.limit; }
     bool wants(const std::string& subject) const { return contains_folded(subject, subject_); }
@@ -36,10 +42,11 @@ public:
         if (options_.json) {
             array_.add(json);
         } else {
-            print(line);
+            table_.add(line);
         }
     }
     bool finish() {
+        table_.finish();
         if (options_.json) array_.finish();
         return count_ > 0;
     }
@@ -48,28 +55,39 @@ private:
     const CalendarListOptions& options_;
     const std::string subject_;
     JsonArray array_;
+    Table table_;
     LONG count_ = 0;
 };
 
-// Which occurrences are not as their series say.
-class ChangedOccurrences {
+// What occurrences belong to.
+class SeriesOfOccurrences {
 public:
-    explicit ChangedOccurrences(CalendarStore& store) : store_(store) {}
+    explicit SeriesOfOccurrences(CalendarStore& store) : store_(store) {}
 
-    bool has(LONG oid, const EventFields& fields) {
-        auto known = changes_.find(oid);
-        if (known == changes_.end()) {
-            const ComPtr<IAppointment> series = store_.appointment(oid);
-            known =
-                changes_.emplace(oid, series ? read_appointment(series.get()).changes : std::vector<Change>()).first;
-        }
-        return std::any_of(known->second.begin(), known->second.end(),
+    // Whether the occurrence is not as its series says.
+    bool has_changed(LONG oid, const EventFields& fields) {
+        const std::vector<Change>& changes = with_number(oid).changes;
+        return std::any_of(changes.begin(), changes.end(),
                            [&](const Change& change) { return !change.deleted && change.fields == fields; });
     }
+    std::string uid(LONG oid) { return with_number(oid).uid; }
 
 private:
+    struct Known {
+        std::string uid;
+        std::vector<Change> changes;
+    };
+
+    const Known& with_number(LONG oid) {
+        const auto known = known_.find(oid);
+        if (known != known_.end()) return known->second;
+        const ComPtr<IAppointment> item = store_.appointment(oid);
+        Event event = item ? read_appointment(item.get()) : Event();
+        return known_.emplace(oid, Known{uid_of(oid, event), std::move(event.changes)}).first->second;
+    }
+
     CalendarStore& store_;
-    std::map<LONG, std::vector<Change>> changes_;
+    std::map<LONG, Known> known_;
 };
 
 bool list_appointments(CalendarStore& store, const CalendarListOptions& options) {
@@ -85,7 +103,7 @@ bool list_appointments(CalendarStore& store, const CalendarListOptions& options)
         store.restrict_to(from, to + std::chrono::days(1));
     }
     Listing listing(options);
-    ChangedOccurrences changed(store);
+    SeriesOfOccurrences series(store);
     const int count = store.appointments();
     for (int i = 1; i <= count && !listing.is_full(); ++i) {
         // The occurrences come in one order.
@@ -99,7 +117,8 @@ bool list_appointments(CalendarStore& store, const CalendarListOptions& options)
         }
         if (has_left(item.get()) || !listing.wants(event.subject)) continue;
         const LONG oid = oid_of(item.get());
-        const bool is_changed = some && changed.has(oid, event);
+        const bool is_changed = some && series.has_changed(oid, event);
+        event.uid = some ? series.uid(oid) : uid_of(oid, event);
         Json json = event_json(oid, event);
         if (is_changed) json.set("changed", true);
         listing.add(json, event_line(oid, event, is_changed));
@@ -113,8 +132,9 @@ bool list_tasks(CalendarStore& store, const CalendarListOptions& options) {
     for (int i = 1; i <= count && !listing.is_full(); ++i) {
         const ComPtr<ITask> item = store.task_at(i);
         if (!item) continue;
-        const Task task = read_task(item.get());
+        Task task = read_task(item.get());
         if (has_left(item.get()) || !listing.wants(task.subject)) continue;
+        task.uid = uid_of(oid_of(item.get()), task);
         listing.add(task_json(oid_of(item.get()), task), task_line(oid_of(item.get()), task));
     }
     return listing.finish();
@@ -133,8 +153,9 @@ void add_calendar_list(Command calendar) {
     command.add_option("-n,--limit", options->limit, "List no more than this many").positive();
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(
-        "A line is identifier, start, end, subject, location and recurrence, with tabs between; a task's\n"
-        "is identifier, due date, open or done, and subject. A series is one line, where it begins; with\n"
+        "A line is number, start, end, subject, location, recurrence and lasting identifier, with tabs\n"
+        "between; a task's is number, due date, open or done, subject and lasting identifier. Numbers are\n"
+        "handed out again when items are removed; identifiers are not. A series is one line, where it begins; with\n"
         "--from or --to each of its occurrences is one, and in the place of the recurrence stands whether it\n"
         "was changed or cancelled. A day is a date, today, tomorrow, yesterday, a day of the week (the next\n"
         "one), or a span such as +7d, -2w, +1m or +1y. A time that the clock leaves out in spring is shown\n"

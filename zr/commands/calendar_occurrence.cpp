@@ -5,6 +5,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/text.h"
 #include "zr/commands/calendar_day.h"
 #include "zr/commands/command.h"
 #include "zr/commands/event_rows.h"
@@ -17,7 +18,7 @@ namespace {
 using namespace std::chrono;
 
 struct CalendarOccurrenceOptions {
-    LONG oid = 0;
+    std::string series;
     std::string date;
     bool json = false;
 };
@@ -51,7 +52,7 @@ std::string utc_text(FILETIME time) {
 class Occurrence {
 public:
     explicit Occurrence(const CalendarOccurrenceOptions& options)
-        : day_(parse_day_words("DATE", options.date)), oid_(options.oid), json_(options.json) {}
+        : day_(parse_day_words("DATE", options.date)), wanted_(options.series), json_(options.json) {}
 
     Exit run();
 
@@ -64,7 +65,8 @@ private:
     void print(const EventFields& fields, const std::string& id, bool is_exception) const;
 
     CalendarDay day_;
-    LONG oid_;
+    std::string wanted_;
+    LONG oid_ = 0;
     bool json_;
 };
 
@@ -93,8 +95,10 @@ void Occurrence::print(const EventFields& fields, const std::string& id, bool is
 
 Exit Occurrence::run() {
     CalendarStore store;
+    const std::vector<LONG> found = find_items(store, wanted_);
+    if (!found.empty()) oid_ = found.front();
     const ComPtr<IAppointment> series = store.appointment(oid_);
-    if (!series) return none("no appointment " + std::to_string(oid_));
+    if (!series) return none("no appointment " + printable(wanted_));
     const std::string wanted = std::to_string(oid_) + " on " + shown_time(day_, true);
     VARIANT_BOOL recurring = VARIANT_FALSE;
     check(series->get_IsRecurring(&recurring), "reading an appointment");
@@ -123,7 +127,7 @@ Exit Occurrence::run() {
 void add_calendar_occurrence(Command calendar) {
     const auto options = std::make_shared<CalendarOccurrenceOptions>();
     Command command = calendar.add_command("occurrence", "Show one occurrence of a series");
-    command.add_option("OID", options->oid, "The identifier of the series, as list prints it").required();
+    command.add_option("SERIES", options->series, "Its number or lasting identifier, as list prints them").required();
     command.add_option("DATE", options->date, "The day on which the series has it, such as 2026-01-31").required();
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(

@@ -4,6 +4,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/stores/calendar.h"
 
@@ -11,7 +12,7 @@ namespace zr {
 namespace {
 
 struct CalendarRemoveOptions {
-    std::vector<LONG> oids;
+    std::vector<std::string> items;
     bool json = false;
 };
 
@@ -19,16 +20,19 @@ Exit remove(const CalendarRemoveOptions& options) {
     CalendarStore store;
     Exit code = Exit::Ok;
     Json removed = Json::array();
-    for (const LONG oid : options.oids) {
-        const ComPtr<IAppointment> appointment = store.appointment(oid);
-        const ComPtr<ITask> task = appointment ? ComPtr<ITask>() : store.task(oid);
-        if (!appointment && !task) {
-            complain("no appointment or task " + std::to_string(oid));
-            code = Exit::None;
-            continue;
+    for (const std::string& wanted : options.items) {
+        bool any = false;
+        for (const LONG oid : find_items(store, wanted)) {
+            const ComPtr<IAppointment> appointment = store.appointment(oid);
+            const ComPtr<ITask> task = appointment ? ComPtr<ITask>() : store.task(oid);
+            if (!appointment && !task) continue;
+            any = true;
+            check(appointment ? appointment->Delete() : task->Delete(), "removing an item");
+            removed.add(oid);
         }
-        check(appointment ? appointment->Delete() : task->Delete(), "removing an item");
-        removed.add(oid);
+        if (any) continue;
+        complain("no appointment or task " + printable(wanted));
+        code = Exit::None;
     }
     if (options.json) print_json_line({{"removed", removed}});
     return code;
@@ -39,10 +43,11 @@ Exit remove(const CalendarRemoveOptions& options) {
 void add_calendar_remove(Command calendar) {
     const auto options = std::make_shared<CalendarRemoveOptions>();
     Command command = calendar.add_command("remove", "Remove appointments and tasks");
-    command.add_option("OID", options->oids, "Identifiers, as list prints them").required();
+    command.add_option("ITEM", options->items, "Numbers or lasting identifiers, as list prints them").required();
     command.add_flag("--json", options->json, "Print the removed identifiers as JSON");
     command.footer(
-        "A series goes with all of its occurrences. The exit code is 1 when an item does not exist.\n"
+        "A series goes with all of its occurrences, and so do appointments of one identifier. The exit code is 1 when "
+        "an item does not exist.\n"
         "\n"
         "Example:\n"
         "  zr calendar remove 150994945");

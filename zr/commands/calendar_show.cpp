@@ -4,6 +4,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/commands/event_rows.h"
 #include "zr/icalendar/recurrence.h"
@@ -13,7 +14,7 @@ namespace zr {
 namespace {
 
 struct CalendarShowOptions {
-    std::vector<LONG> oids;
+    std::vector<std::string> items;
     bool json = false;
 };
 
@@ -27,7 +28,7 @@ void print_appointment(LONG oid, const Event& event) {
                                                    : ": " + shown_time(change.fields.start, change.fields.all_day) +
                                                          " " + change.fields.subject));
     }
-    if (!event.uid.empty()) print_row("Unique identifier", event.uid);
+    print_row("Unique identifier", uid_of(oid, event));
     print_kept("Also", event.extras);
 }
 
@@ -41,7 +42,7 @@ void print_task(LONG oid, const Task& task) {
     if (task.reminder) print_row("Reminder", shown_time(*task.reminder, false));
     if (!task.categories.empty()) print_row("Categories", task.categories);
     if (!task.body.empty()) print_row("Body", task.body);
-    if (!task.uid.empty()) print_row("Unique identifier", task.uid);
+    print_row("Unique identifier", uid_of(oid, task));
     print_kept("Also", task.extras);
 }
 
@@ -51,9 +52,14 @@ public:
 
     Exit run() {
         Exit code = Exit::Ok;
-        for (const LONG oid : options_.oids) {
-            if (show(oid)) continue;
-            complain("no appointment or task " + std::to_string(oid));
+        page_output();
+        for (const std::string& wanted : options_.items) {
+            bool any = false;
+            for (const LONG oid : find_items(store_, wanted)) {
+                any = show(oid) || any;
+            }
+            if (any) continue;
+            complain("no appointment or task " + printable(wanted));
             code = Exit::None;
         }
         if (options_.json) array_.finish();
@@ -101,7 +107,7 @@ bool Show::show(LONG oid) {
 void add_calendar_show(Command calendar) {
     const auto options = std::make_shared<CalendarShowOptions>();
     Command command = calendar.add_command("show", "Show all fields of appointments and tasks");
-    command.add_option("OID", options->oids, "Identifiers, as list prints them").required();
+    command.add_option("ITEM", options->items, "Numbers or lasting identifiers, as list prints them").required();
     command.add_flag("--json", options->json, "Print JSON");
     command.footer(
         "The exit code is 1 when an item does not exist.\n"

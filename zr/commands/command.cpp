@@ -9,9 +9,15 @@
 #include "zr/base/failure.h"
 #include "zr/base/nearest.h"
 #include "zr/base/output.h"
+#include "zr/base/pager.h"
 #include "zr/base/writable_copy.h"
 
 namespace zr {
+namespace {
+
+constexpr const char* kNoPager = "--no-pager";
+
+}  // namespace
 
 struct CommandLineParser {
     // An option that takes all that follows.
@@ -25,6 +31,8 @@ struct CommandLineParser {
     Run run;
     Run otherwise;
     std::vector<Rest> rests;
+    bool json = false;      // without a command
+    bool no_pager = false;  // for --help; it is taken out before the library sees it
 
     // The command that the words begin with, which are then those behind it.
     const CLI::App* command_of(std::vector<std::string>& words) const;
@@ -47,6 +55,7 @@ const CLI::App* CommandLineParser::command_of(std::vector<std::string>& words) c
 }
 
 std::string CommandLineParser::mistyped(std::vector<std::string> words) const {
+    std::erase(words, kNoPager);
     const CLI::App* const command = command_of(words);
     std::vector<std::string> known;
     for (const CLI::App* each : command->get_subcommands({})) {
@@ -184,6 +193,9 @@ CommandLine::CommandLine(const std::string& description, const std::string& vers
     parser_->app.description(description);
     parser_->app.name("zr");
     parser_->app.require_subcommand(0, 1);
+    parser_->app.add_flag(kNoPager, parser_->no_pager,
+                          "Page no long lists, whatever PAGER says; also behind any command");
+    parser_->app.add_flag("--json", parser_->json, "Print the overview as JSON");
     parser_->app.set_version_flag("--version", version, "Print the version and exit");
 }
 
@@ -196,8 +208,17 @@ Command CommandLine::root() {
 std::optional<int> CommandLine::parse(int argc, char** argv) {
     try {
         std::vector<std::string> words = parser_->without_rest({argv + 1, argv + argc});
+        // Anywhere in the command line.
+        const auto end = std::find(words.begin(), words.end(), "--");
+        const auto refused = std::remove(words.begin(), end, kNoPager);
+        if (refused != end) Pager::instance().refuse();
+        words.erase(refused, end);
         std::reverse(words.begin(), words.end());  // as the library wants them
         parser_->app.parse(std::move(words));
+        if (parser_->run && parser_->json) {
+            complain("--json stands behind the command that it is for");
+            return static_cast<int>(Exit::Usage);
+        }
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
             std::ostringstream text;
@@ -218,8 +239,8 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
     return std::nullopt;
 }
 
-void CommandLine::otherwise(Run run) {
-    parser_->otherwise = std::move(run);
+void CommandLine::otherwise(std::function<Exit(bool as_json)> run) {
+    parser_->otherwise = [parser = parser_.get(), run = std::move(run)] { return run(parser->json); };
 }
 
 const Run& CommandLine::run() const {

@@ -77,8 +77,8 @@ public:
     CommandLine& operator=(const CommandLine&) = delete;
 
     Command root();
-    // What is run when no command is given.
-    void otherwise(Run run);
+    // What is run when no command is given; `as_json` for --json.
+    void otherwise(std::function<Exit(bool as_json)> run);
 
     // The exit code when there is nothing to run: wrong usage, which has been complained about.
     std::optional<int> parse(int argc, char** argv);
@@ -88,7 +88,7 @@ private:
     std::unique_ptr<CommandLineParser> parser_;
 };
 
-Exit show_overview();
+Exit show_overview(bool as_json);
 void add_contacts_import(Command contacts);
 void add_contacts_export(Command contacts);
 void add_contacts_list(Command contacts);

@@ -9,6 +9,7 @@
 #include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/phone_number.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/stores/contacts.h"
@@ -167,11 +168,13 @@ public:
     }
 
     Exit run() {
+        page_output();
         if (options_.by_the_library()) {
             find_by_the_library();
         } else {
             find_text();
         }
+        table_.finish();
         if (options_.json) array_.finish();
         return any_ ? Exit::Ok : Exit::None;
     }
@@ -216,13 +219,14 @@ private:
         if (options_.json) {
             array_.add(contact_json(oid, card));
         } else {
-            print(contact_line(oid, card));
+            table_.add(contact_line(oid, card));
         }
     }
 
     const ContactsFindOptions& options_;
     Store store_;
     JsonArray array_;
+    Table table_{contact_columns()};
     bool any_ = false;
 };
 

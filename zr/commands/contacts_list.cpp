@@ -6,6 +6,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/table.h"
 #include "zr/commands/command.h"
 #include "zr/stores/contacts.h"
 
@@ -35,6 +36,8 @@ Exit list(const ContactsListOptions& options) {
     const int count = store.count();
     const int limit = options.limit > 0 ? std::min(options.limit, count) : count;
     JsonArray array;
+    Table table(contact_columns());
+    page_output();
     for (int i = 1; i <= limit; ++i) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
@@ -44,9 +47,10 @@ Exit list(const ContactsListOptions& options) {
         if (options.json) {
             array.add(contact_json(oid_of(contact.get()), card));
         } else {
-            print(contact_line(oid_of(contact.get()), card));
+            table.add(contact_line(oid_of(contact.get()), card));
         }
     }
+    table.finish();
     if (options.json) array.finish();
     return count > 0 ? Exit::Ok : Exit::None;
 }

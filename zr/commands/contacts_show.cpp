@@ -34,6 +34,7 @@ Exit show(const ContactsShowOptions& options) {
     Exit code = Exit::Ok;
     JsonArray array;
     bool first = true;
+    page_output();
     for (const std::string& wanted : options.contacts) {
         const LONG oid = find_contact(store, wanted);
         const ComPtr<IContact> contact = store.with_oid(oid);

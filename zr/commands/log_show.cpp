@@ -224,6 +224,7 @@ public:
         std::string error;
         const auto reader = ZrLogReader::open(options_.file, error);
         if (!reader) throw Failure{Exit::NotALog, error};
+        if (!options_.follow) page_output();
         print_new(*reader);
         if (options_.follow) follow(*reader);
         tell_gaps(options_.file, reader->statistics());

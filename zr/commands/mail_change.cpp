@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "zr/base/output.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/commands/mail_rows.h"
@@ -92,6 +93,9 @@ Exit meetings(const MailChangeOptions& options) {
     MailSession mail;
     SenderNames names;
     JsonArray array;
+    std::vector<Column> columns = mail_columns();
+    columns.push_back({"CLASS"});
+    Table listed(std::move(columns));
     bool any = false;
     for (const MailFolder& folder : mail.folders()) {
         const ComPtr<IMAPIFolder> opened = mail.open_folder(folder.entry);
@@ -122,10 +126,11 @@ Exit meetings(const MailChangeOptions& options) {
             } else {
                 std::string line = mail_line(mail, row, names);
                 line.pop_back();
-                print(line + "\t" + printable(row.message_class) + (deleted ? "\tdeleted" : "") + "\n");
+                listed.add(line + "\t" + printable(row.message_class) + (deleted ? "\tdeleted" : "") + "\n");
             }
         }
     }
+    listed.finish();
     if (options.json) array.finish();
     return any ? Exit::Ok : Exit::None;
 }

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "zr/base/output.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/commands/mail_rows.h"
@@ -22,6 +23,7 @@ struct MailListOptions {
 Exit list_folders(bool json) {
     MailSession mail;
     JsonArray array;
+    Table table({{"FOLDER", Column::Kind::Reference}, {"MESSAGES"}, {"NOT READ"}});
     for (const MailFolder& folder : mail.folders()) {
         if (json) {
             array.add({{"id", mail.id_of(folder.entry)},
@@ -29,27 +31,31 @@ Exit list_folders(bool json) {
                        {"messages", folder.messages},
                        {"unread", folder.unread}});
         } else {
-            print(printable(folder.name()) + "\t" + std::to_string(folder.messages) + "\t" +
-                  std::to_string(folder.unread) + "\n");
+            table.add(printable(folder.name()) + "\t" + std::to_string(folder.messages) + "\t" +
+                      std::to_string(folder.unread) + "\n");
         }
     }
+    table.finish();
     if (json) array.finish();
     return Exit::Ok;
 }
 
-Exit print_rows(MailSession& mail, IMAPITable* table, const MailListOptions& options) {
+Exit print_rows(MailSession& mail, IMAPITable* rows, const MailListOptions& options) {
     SenderNames names;
     JsonArray array;
     LONG count = 0;
-    each_mail_row(table, [&](const MailRow& row) {
+    Table table(mail_columns());
+    page_output();
+    each_mail_row(rows, [&](const MailRow& row) {
         ++count;
         if (options.json) {
             array.add(mail_json(mail, row, names));
         } else {
-            print(mail_line(mail, row, names));
+            table.add(mail_line(mail, row, names));
         }
         return options.limit == 0 || count < options.limit;
     });
+    table.finish();
     if (options.json) array.finish();
     return count > 0 ? Exit::Ok : Exit::None;
 }

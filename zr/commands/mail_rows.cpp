@@ -67,4 +67,12 @@ Json mail_json(const MailSession& mail, const MailRow& row, SenderNames& names) 
     return json;
 }
 
+std::vector<Column> mail_columns() {
+    return {{"ID", Column::Kind::Reference},
+            {"DATE"},
+            {"NEW"},
+            {"SENDER", Column::Kind::Text},
+            {"SUBJECT", Column::Kind::Text}};
+}
+
 }  // namespace zr

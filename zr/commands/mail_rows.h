@@ -8,6 +8,7 @@
 #include <string>
 
 #include "zr/base/json.h"
+#include "zr/base/table.h"
 #include "zr/stores/directory.h"
 #include "zr/stores/mail.h"
 
@@ -35,6 +36,7 @@ std::string utc_time(const std::optional<std::int64_t>& seconds);
 
 // Identifier, date, N when it is not read, sender and subject with tabs between.
 std::string mail_line(const MailSession& mail, const MailRow& row, SenderNames& names);
+std::vector<Column> mail_columns();
 Json mail_json(const MailSession& mail, const MailRow& row, SenderNames& names);
 
 }  // namespace zr

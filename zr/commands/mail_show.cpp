@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "zr/base/output.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
 #include "zr/commands/html_view.h"
@@ -129,6 +130,7 @@ Exit show(const MailShowOptions& options) {
     JsonArray array;
     Exit code = Exit::Ok;
     bool first = true;
+    page_output();
     for (const std::string& id : options.ids) {
         try {
             EntryBytes entry;
@@ -218,6 +220,7 @@ Exit attachments(const MailShowOptions& options) {
     if (!options.save.empty() && ::stat(options.save.c_str(), &status) != 0) throw file_failure(options.save, errno);
     MailSession mail;
     JsonArray array;
+    Table table({{"NUMBER", Column::Kind::Reference}, {"BYTES"}, {"TYPE"}, {"NAME"}});
     bool any = false;
     EntryBytes entry;
     const ComPtr<IMessage> message = mail.message_of_id(options.ids.front(), entry);
@@ -229,10 +232,11 @@ Exit attachments(const MailShowOptions& options) {
             if (!path.empty()) json.set("saved", path);
             array.add(json);
         } else {
-            print(std::to_string(attachment.number) + "\t" + std::to_string(attachment.size) + "\t" +
-                  printable(attachment.type) + "\t" + printable(path.empty() ? attachment.name : path) + "\n");
+            table.add(std::to_string(attachment.number) + "\t" + std::to_string(attachment.size) + "\t" +
+                      printable(attachment.type) + "\t" + printable(path.empty() ? attachment.name : path) + "\n");
         }
     }
+    table.finish();
     if (options.json) array.finish();
     return any ? Exit::Ok : Exit::None;
 }

@@ -18,6 +18,7 @@
 #include "zr/base/json.h"
 #include "zr/base/output.h"
 #include "zr/base/separate_process.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/command.h"
 
@@ -98,11 +99,12 @@ Found found_in(const std::string& message) {
     return found;
 }
 
-void print_module(const Found& module, bool json) {
+void print_module(const Found& module, bool json, Table& table) {
     const std::string shown = to_utf8(to_utf16(host_path(module.path)));
     const std::string version = version_of(module.path);
     if (!json) {
-        print(std::to_string(module.id) + "\t" + (version.empty() ? "-" : version) + "\t" + printable(shown) + "\n");
+        table.add(std::to_string(module.id) + "\t" + (version.empty() ? "-" : version) + "\t" + printable(shown) +
+                  "\n");
         return;
     }
     Json line = {{"id", module.id}, {"version", nullptr}, {"path", shown}};
@@ -166,16 +168,19 @@ Exit list_modules(const ModulesOptions& options) {
         return found ? message_of(*found) : std::string();
     });
     Exit code = Exit::None;
+    Table table({{"NUMBER", Column::Kind::Reference}, {"VERSION"}, {"FILE"}});
+    page_output();
     for (std::size_t i = 0; i < files.size(); ++i) {
         std::string answer;
         if (!process.ask(i, answer)) {
             complain(host_path(files[i]) + ": " + process.failure() + "; passed over");
             code = Exit::DamagedCards;
         } else if (!answer.empty()) {
-            print_module(found_in(answer), options.json);
+            print_module(found_in(answer), options.json, table);
             if (code == Exit::None) code = Exit::Ok;
         }
     }
+    table.finish();
     return code;
 }
 

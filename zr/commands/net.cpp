@@ -17,6 +17,7 @@
 #include "zr/base/failure.h"
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/reg_command.h"
 
@@ -157,13 +158,15 @@ Json json_of(const NetConnection& connection) {
 
 Exit status(bool json) {
     JsonArray array;
+    Table table({{"INTERFACE", Column::Kind::Reference}, {"CONNECTION"}});
     for (const NetConnection& each : connections()) {
         if (json) {
             array.add(json_of(each));
         } else {
-            print(printable(each.name) + "\t" + text_of(each) + "\n");
+            table.add(printable(each.name) + "\t" + text_of(each) + "\n");
         }
     }
+    table.finish();
     if (json) array.finish();
     return Exit::Ok;
 }

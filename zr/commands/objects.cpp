@@ -130,6 +130,7 @@ Row row_of(const Object& object) {
 }
 
 void print_table(const std::vector<Object>& objects) {
+    page_output();
     std::vector<Row> rows = {{"KIND", "STATE", "SIZE", "OWNER", "OPEN IN", "NAME"}};
     for (const Object& object : objects) {
         rows.push_back(row_of(object));

@@ -7,6 +7,7 @@
 #include "zr/base/event_loop.h"
 #include "zr/base/output.h"
 #include "zr/base/output_file.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/proxy_table.h"
 #include "zr/commands/reg_command.h"
@@ -16,13 +17,15 @@ namespace {
 
 Exit list(bool json) {
     JsonArray array;
+    Table table({{"NAME", Column::Kind::Reference}, {"PROXY"}});
     for (const ProxyEntry& entry : read_proxy_entries()) {
         if (json) {
             array.add(proxy_entry_json(entry));
         } else {
-            print(printable(entry.name) + "\t" + proxy_entry_text(entry) + "\n");
+            table.add(printable(entry.name) + "\t" + proxy_entry_text(entry) + "\n");
         }
     }
+    table.finish();
     if (json) array.finish();
     return Exit::Ok;
 }

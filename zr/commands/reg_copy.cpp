@@ -141,6 +141,7 @@ bool is_file(const std::string& word) {
 }
 
 Exit diff(const RegCopyOptions& options) {
+    page_output();
     const RegPath key = reg_path_of(options.key);
     const RegContents first = contents_of(RegKey::existing(key));
     if (!is_file(options.to))

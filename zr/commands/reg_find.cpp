@@ -116,7 +116,10 @@ void add_reg_find(Command reg) {
         "Examples:\n"
         "  zr reg find proxy\n"
         "  zr reg find --data example.com 'HKCU\\Software'");
-    reads_registry(command, [options] { return RegFind(*options).run(); });
+    reads_registry(command, [options] {
+        page_output();
+        return RegFind(*options).run();
+    });
 }
 
 }  // namespace zr

@@ -5,6 +5,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/table.h"
 #include "zr/base/text.h"
 #include "zr/commands/reg_command.h"
 #include "zr/stores/registry.h"
@@ -19,39 +20,46 @@ struct RegListOptions {
     bool json = false;
 };
 
-void list_key(const RegPath& path, std::u16string_view name, bool json) {
+void list_key(const RegPath& path, std::u16string_view name, bool json, Table& table) {
     if (json) {
         print_json_line(json_of(path));
     } else {
-        print(printable(to_utf8(name)) + "\\\n");
+        table.add(printable(to_utf8(name)) + "\\\n");
     }
 }
 
-void list_value(const RegPath& path, const NamedRegValue& value, bool json) {
+void list_value(const RegPath& path, const NamedRegValue& value, bool json, Table& table) {
     if (json) {
         Json line = json_of(path);
         line.set_all(value_json(value));
         print_json_line(line);
         return;
     }
-    print((value.name.empty() ? "@" : printable(to_utf8(value.name))) + "\t" + reg_type_name(value.value.type) + "\t" +
-          reg_data_shown(value.value) + "\n");
+    table.add((value.name.empty() ? "@" : printable(to_utf8(value.name))) + "\t" + reg_type_name(value.value.type) +
+              "\t" + reg_data_shown(value.value) + "\n");
 }
 
-Exit list(const RegListOptions& options) {
+void list_in(const RegListOptions& options, Table& table) {
     if (options.key.empty()) {
         for (const RegRoot root : kRegRoots) {
-            list_key({root, u""}, to_utf16(reg_root_name(root)), options.json);
+            list_key({root, u""}, to_utf16(reg_root_name(root)), options.json, table);
         }
-        return Exit::Ok;
+        return;
     }
     const RegKey key = RegKey::existing(reg_path_of(options.key));
     for (const std::u16string& name : key.sub_keys()) {
-        list_key(reg_child(key.path(), name), name, options.json);
+        list_key(reg_child(key.path(), name), name, options.json, table);
     }
     for (const NamedRegValue& value : key.values()) {
-        list_value(key.path(), value, options.json);
+        list_value(key.path(), value, options.json, table);
     }
+}
+
+Exit list(const RegListOptions& options) {
+    page_output();
+    Table table({{"NAME", Column::Kind::Reference}, {"TYPE"}, {"DATA"}});
+    list_in(options, table);
+    table.finish();
     return Exit::Ok;
 }
 
@@ -75,6 +83,7 @@ void print_tree(const RegPath& top, const RegListOptions& options) {
 }
 
 Exit tree(const RegListOptions& options) {
+    page_output();
     if (!options.key.empty()) {
         print_tree(reg_path_of(options.key), options);
         return Exit::Ok;

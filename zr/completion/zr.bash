@@ -43,7 +43,7 @@ _zr() {
         --children --assistant --email --birthday --anniversary"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        _zr_words "contacts calendar mail reg store net proxy phone provision resolve log modules screen html objects zone watch --help --version" "$current"
+        _zr_words "contacts calendar mail reg store net proxy phone provision resolve log modules screen html objects zone watch --help --json --no-pager --version" "$current"
         return
     fi
     case $previous in

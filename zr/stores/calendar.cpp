@@ -1,5 +1,6 @@
 #include "zr/stores/calendar.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -172,6 +173,18 @@ const char* named(const char* const* names, int count, int value) {
 constexpr const char* kBusy[] = {"free", "tentative", "busy", "out of office"};
 constexpr const char* kSensitivity[] = {"normal", "personal", "private", "confidential"};
 constexpr const char* kImportance[] = {"low", "normal", "high"};
+
+std::string made_uid(LONG oid, const std::string& subject, Moment start) {
+    // Identifiers are handed out again, so that the number alone would name two items one after the other.
+    std::uint64_t hash = 0xCBF29CE484222325;
+    for (const char c : subject + '\n' + std::to_string(start.time_since_epoch().count())) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "%08x-%016llx@zrutility", static_cast<unsigned>(oid),
+                  static_cast<unsigned long long>(hash));
+    return text;
+}
 
 }  // namespace
 
@@ -360,16 +373,36 @@ LONG oid_of(ITask* task) {
     return get(task, &ITask::get_Oid, kReadingTask);
 }
 
-std::string made_uid(LONG oid, const std::string& subject, Moment start) {
-    // Identifiers are handed out again, so that the number alone would name two items one after the other.
-    std::uint64_t hash = 0xCBF29CE484222325;
-    for (const char c : subject + '\n' + std::to_string(start.time_since_epoch().count())) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+std::string uid_of(LONG oid, const Event& event) {
+    return event.uid.empty() ? made_uid(oid, event.subject, event.start) : event.uid;
+}
+
+std::string uid_of(LONG oid, const Task& task) {
+    return task.uid.empty() ? made_uid(oid, task.subject, task.due.value_or(Moment{})) : task.uid;
+}
+
+std::vector<LONG> find_items(CalendarStore& store, const std::string& number_or_uid) {
+    LONG oid = 0;
+    const char* const end = number_or_uid.data() + number_or_uid.size();
+    const auto [last, error] = std::from_chars(number_or_uid.data(), end, oid);
+    if (error == std::errc() && last == end && (store.appointment(oid) || store.task(oid))) return {oid};
+    std::vector<LONG> found;
+    const int appointments = store.appointments();
+    for (int i = 1; i <= appointments; ++i) {
+        const ComPtr<IAppointment> item = store.appointment_at(i);
+        if (!item) continue;
+        Event event;
+        static_cast<EventFields&>(event) = read_fields(item.get());
+        event.uid = text_property(item.get(), ZR_PROPID_EVENT_UID);
+        if (uid_of(oid_of(item.get()), event) == number_or_uid) found.push_back(oid_of(item.get()));
     }
-    char text[64];
-    std::snprintf(text, sizeof text, "%08x-%016llx@zrutility", static_cast<unsigned>(oid),
-                  static_cast<unsigned long long>(hash));
-    return text;
+    const int tasks = store.tasks();
+    for (int i = 1; i <= tasks; ++i) {
+        const ComPtr<ITask> item = store.task_at(i);
+        if (item && uid_of(oid_of(item.get()), read_task(item.get())) == number_or_uid)
+            found.push_back(oid_of(item.get()));
+    }
+    return found;
 }
 
 Moment as_it_becomes(Moment time) {
@@ -477,12 +510,32 @@ std::string event_line(LONG oid, const Event& event, bool changed) {
         return shown_time(event.all_day ? moment : as_it_becomes(moment), event.all_day);
     };
     return std::to_string(oid) + '\t' + time(event.start) + '\t' + time(shown_end(event)) + '\t' +
-           printable(event.subject) + '\t' + printable(event.location) + '\t' + marks + '\n';
+           printable(event.subject) + '\t' + printable(event.location) + '\t' + marks + '\t' +
+           printable(uid_of(oid, event)) + '\n';
 }
 
 std::string task_line(LONG oid, const Task& task) {
     return std::to_string(oid) + '\t' + (task.due ? shown_time(*task.due, true) : "") + '\t' +
-           (task.complete ? "done" : "open") + '\t' + printable(task.subject) + '\n';
+           (task.complete ? "done" : "open") + '\t' + printable(task.subject) + '\t' + printable(uid_of(oid, task)) +
+           '\n';
+}
+
+std::vector<Column> event_columns() {
+    return {{"NUMBER", Column::Kind::Reference},
+            {"START"},
+            {"END"},
+            {"SUBJECT", Column::Kind::Text},
+            {"LOCATION", Column::Kind::Text},
+            {"RECURRENCE", Column::Kind::Text},
+            {"UID", Column::Kind::Reference}};
+}
+
+std::vector<Column> task_columns() {
+    return {{"NUMBER", Column::Kind::Reference},
+            {"DUE"},
+            {"STATE"},
+            {"SUBJECT", Column::Kind::Text},
+            {"UID", Column::Kind::Reference}};
 }
 
 }  // namespace zr

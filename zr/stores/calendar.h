@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "zr/base/table.h"
 #include "zr/icalendar/event.h"
 #include "zr/stores/session.h"
 
@@ -57,8 +58,12 @@ Moment start_of(IAppointment* appointment);  // kNoTime when it has none
 LONG oid_of(IAppointment* appointment);
 LONG oid_of(ITask* task);
 
-// An identifier for items that were not imported: the same at each export while the item stays as it is.
-std::string made_uid(LONG oid, const std::string& subject, Moment start);
+// The identifier that lasts. Of an item that no program gave one: the same while the item stays as it is.
+std::string uid_of(LONG oid, const Event& event);
+std::string uid_of(LONG oid, const Task& task);
+// The items that a person means: the one of a number, or all those of an identifier. Several are occurrences that stand
+// alone, or a file's doing.
+std::vector<LONG> find_items(CalendarStore& store, const std::string& number_or_uid);
 
 DATE to_date(Moment time);
 Moment to_moment(DATE date);  // kNoTime for ZR_PIM_NO_DATE
@@ -80,10 +85,12 @@ std::string importance_text(const Task& task);
 Json event_json(LONG oid, const Event& event);
 Json fields_json(const EventFields& fields);
 Json task_json(LONG oid, const Task& task);
-// As a line of text with tabs: identifier, start, end, subject, location, recurrence and whether it was cancelled. Of
-// an occurrence `changed` tells whether it is not as its series says.
+// As a line of text with tabs: number, start, end, subject, location, recurrence and whether it was cancelled, and the
+// identifier that lasts. Of an occurrence `changed` tells whether it is not as its series says.
 std::string event_line(LONG oid, const Event& event, bool changed = false);
-// Identifier, due date, whether it is done, subject.
+// Number, due date, whether it is done, subject, the identifier that lasts.
 std::string task_line(LONG oid, const Task& task);
+std::vector<Column> event_columns();
+std::vector<Column> task_columns();
 
 }  // namespace zr

@@ -276,4 +276,12 @@ std::string contact_line(LONG oid, const Card& card) {
            printable(card[Field::Company]) + '\t' + printable(card.uid) + '\n';
 }
 
+std::vector<Column> contact_columns() {
+    return {{"NUMBER", Column::Kind::Reference},
+            {"NAME", Column::Kind::Text},
+            {"ADDRESSES", Column::Kind::Text},
+            {"COMPANY", Column::Kind::Text},
+            {"UID", Column::Kind::Reference}};
+}
+
 }  // namespace zr

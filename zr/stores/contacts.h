@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "zr/base/table.h"
 #include "zr/stores/session.h"
 #include "zr/vcard/card.h"
 
@@ -58,5 +59,6 @@ std::string day_text(Day day);  // such as 2009-07-15
 Json contact_json(LONG oid, const Card& card);
 // The contact as a line of text with tabs: number, name, addresses, company, lasting identifier.
 std::string contact_line(LONG oid, const Card& card);
+std::vector<Column> contact_columns();
 
 }  // namespace zr

@@ -13,6 +13,7 @@ using nlohmann::json;
 using zr::test::expect_failure;
 using zr::test::lines_of;
 using zr::test::Result;
+using zr::test::rows_of;
 using zr::test::RunningZr;
 using zr::test::write_file;
 using zr::test::zr;
@@ -84,25 +85,27 @@ TEST_F(CalendarDays, AddsAppointmentsAndTasks) {
                         "High Street", "--busy", "out-of-office", "--reminder", "30", "--json"})
                         .out);
     EXPECT_EQ(timed["end"], "2026-03-02T16:15:00");
-    EXPECT_EQ(zr({"calendar", "list"}).out.substr(10), "2026-03-02 15:30\t2026-03-02 16:15\tDentist\tHigh Street\t\n");
+    EXPECT_EQ(rows_of(zr({"calendar", "list"}).out)[0], "2026-03-02 15:30\t2026-03-02 16:15\tDentist\tHigh Street\t");
     const json shown = json::parse(zr({"calendar", "show", "--json", std::to_string(timed["oid"].get<int>())}).out)[0];
     EXPECT_EQ(shown, timed);
     // The last of whole days is the same in text and JSON.
     const json fair =
         json::parse(zr({"calendar", "add", "Fair", "--start", "2026-05-04", "--end", "2026-05-06", "--json"}).out);
     EXPECT_EQ(fair["end"], "2026-05-06");
-    EXPECT_EQ(lines_of(zr({"calendar", "list"}).out)[1].substr(10), "2026-05-04\t2026-05-06\tFair\t\t");
+    EXPECT_EQ(rows_of(zr({"calendar", "list"}).out)[1], "2026-05-04\t2026-05-06\tFair\t\t");
     EXPECT_EQ(subjects({"--from", "2026-05-06"}), Names{"Fair"});
     EXPECT_TRUE(subjects({"--from", "2026-05-07"}).empty());
     const json task = json::parse(zr({"calendar", "add", "-t", "Tax", "--start", "2026-07-31", "--json"}).out);
     EXPECT_EQ(task["due"], "2026-07-31");
-    EXPECT_NE(zr({"calendar", "list", "--tasks"}).out.find("\t2026-07-31\topen\tTax\n"), std::string::npos);
+    EXPECT_NE(
+        zr({"calendar", "list", "--tasks"}).out.find("\t2026-07-31\topen\tTax\t" + task["uid"].get<std::string>()),
+        std::string::npos);
     expect_failure(zr({"calendar", "add", "-t", "Tax", "--end", "2026-07-31"}), 2, "a task has no --end");
 }
 
 TEST_F(CalendarDays, ATimeThatIsLeftOutIsShownAsWhatItBecomes) {
     ASSERT_EQ(zr({"calendar", "add", "Gap", "--start", "2026-03-29 02:30", "--end", "04:00"}).code, 0);
-    EXPECT_EQ(zr({"calendar", "list"}).out.substr(10), "2026-03-29 03:30\t2026-03-29 04:00\tGap\t\t\n");
+    EXPECT_EQ(rows_of(zr({"calendar", "list"}).out)[0], "2026-03-29 03:30\t2026-03-29 04:00\tGap\t\t");
     EXPECT_EQ(zr({"calendar", "add", "Not", "--start", "2026-03-28 02:30"}).code, 0);
     EXPECT_EQ(lines_of(zr({"calendar", "list"}).out)[0].substr(10, 16), "2026-03-28 02:30");
 }
@@ -116,7 +119,7 @@ TEST_F(CalendarDays, MarksWhatWasChangedOrCancelled) {
               "DTEND:20260303T120000\r\n") +
         event("c", "SUMMARY:Off\r\nDTSTART:20260305T090000\r\nDTEND:20260305T100000\r\nSTATUS:CANCELLED\r\n")));
     std::string marks;
-    for (const std::string& line : lines_of(zr({"calendar", "list", "--from", "2026-03-01", "--to", "+1w"}).out)) {
+    for (const std::string& line : rows_of(zr({"calendar", "list", "--from", "2026-03-01", "--to", "+1w"}).out)) {
         marks += line.substr(line.rfind('\t') + 1) + ";";
     }
     EXPECT_EQ(marks, ";changed;;cancelled;");
@@ -192,6 +195,7 @@ TEST_F(CalendarDays, ReadsFoldersAndEndsInGoodOrder) {
 TEST_F(CalendarDays, TheOverviewTellsWhatIsKept) {
     EXPECT_EQ(zr({}).out,
               "Contacts  empty\nCalendar  empty\nMail      empty\nRegistry  empty\n\nzr --help lists the commands.\n");
+    EXPECT_EQ(json::parse(zr({"--json"}).out)["mail"], (json{{"state", "empty"}}));
     EXPECT_TRUE(std::filesystem::is_empty(home()));  // to look makes nothing
     ASSERT_EQ(zr({"contacts", "add", "--first", "Jo"}).code, 0);
     ASSERT_EQ(zr({"calendar", "add", "Dentist", "--start", "tomorrow 15:30"}).code, 0);
@@ -208,6 +212,36 @@ TEST_F(CalendarDays, TheOverviewTellsWhatIsKept) {
     EXPECT_TRUE(lines[1].ends_with(" 15:30 Dentist")) << lines[1];
     EXPECT_TRUE(lines[2].starts_with("Mail      1 message, ")) << lines[2];
     EXPECT_EQ(lines[3], "Registry  1 key below the roots");
+    json all = json::parse(zr({"--json"}).out);
+    EXPECT_EQ(all["contacts"], (json{{"state", "readable"}, {"contacts", 1}}));
+    EXPECT_EQ(all["calendar"]["appointments"], 2);
+    EXPECT_EQ(all["calendar"]["openTasks"], 1);
+    EXPECT_EQ(all["calendar"]["next"]["subject"], "Dentist");
+    EXPECT_EQ(all["mail"]["messages"], 1);
+    EXPECT_EQ(all["registry"]["keys"], 1);
+    expect_failure(zr({"--json", "contacts", "list"}), 2, "behind the command");
+}
+
+// Numbers go to other items when one is removed; identifiers do not.
+TEST_F(CalendarDays, AnIdentifierMeansTheSameItemForEver) {
+    import(calendar(event("keep-me", "SUMMARY:Mine\r\nDTSTART:20260302T090000\r\n")));
+    EXPECT_TRUE(zr({"calendar", "list"}).out.ends_with("\tkeep-me\n"));
+    const std::string number = json::parse(zr({"calendar", "list", "--json"}).out)[0]["oid"].dump();
+    EXPECT_EQ(zr({"calendar", "show", "keep-me"}).out, zr({"calendar", "show", number}).out);
+    ASSERT_EQ(zr({"calendar", "remove", "keep-me"}).code, 0);
+    const json other = json::parse(zr({"calendar", "add", "Other", "--start", "2026-03-03", "--json"}).out);
+    EXPECT_EQ(other["oid"].dump(), number);
+    expect_failure(zr({"calendar", "remove", "keep-me"}), 1, "no appointment or task keep-me");
+    EXPECT_EQ(subjects({}), Names{"Other"});
+    const std::string task = json::parse(zr({"calendar", "add", "-t", "Tax", "--json"}).out)["uid"];
+    EXPECT_NE(zr({"calendar", "list", "-t"}).out.find("\tTax\t" + task + "\n"), std::string::npos);
+    EXPECT_EQ(zr({"calendar", "remove", task}).code, 0);
+    // An occurrence is shown with that of its series, which finds it.
+    import(calendar(event("weekly", "SUMMARY:Round\r\nDTSTART:20260304T090000\r\nRRULE:FREQ=WEEKLY\r\n")));
+    EXPECT_TRUE(zr({"calendar", "list", "--from", "2026-03-11"}).out.ends_with("\tweekly\n"));
+    EXPECT_EQ(json::parse(zr({"calendar", "list", "--from", "2026-03-11", "--json"}).out)[0]["uid"], "weekly");
+    EXPECT_EQ(zr({"calendar", "occurrence", "weekly", "2026-03-11"}).code, 0);
+    EXPECT_EQ(zr({"calendar", "occurrence", "monthly", "2026-03-11"}).code, 1);
 }
 
 TEST_F(CalendarDays, TheOverviewNamesADamagedStore) {

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -110,6 +112,30 @@ Result zr(const std::vector<std::string>& args, const std::string& input) {
     return run(command, input);
 }
 
+Result zr_at_terminal(const Terminal& terminal, const std::vector<std::string>& args) {
+    termios settings = {};
+    cfmakeraw(&settings);
+    const winsize size = {terminal.rows, terminal.columns, 0, 0};
+    int ends[2] = {-1, -1};  // ours, and that of the program
+    int err[2];
+    if (openpty(&ends[0], &ends[1], nullptr, &settings, &size) != 0) throw std::runtime_error("openpty failed");
+    for (const int end : ends) {
+        fcntl(end, F_SETFD, FD_CLOEXEC);
+    }
+    make_pipe(err);
+    std::vector<std::string> command = {ZR_TOOL};
+    command.insert(command.end(), args.begin(), args.end());
+    const pid_t pid = spawn(command, ends[1], ends[1], err[1]);
+    close(ends[1]);
+    close(err[1]);
+    Result result;
+    drain(ends[0], err[0], result);
+    close(ends[0]);
+    close(err[0]);
+    result.code = reap(pid);
+    return result;
+}
+
 RunningZr::RunningZr(const std::vector<std::string>& args, Errors errors) {
     signal(SIGPIPE, SIG_IGN);
     int in[2];
@@ -184,6 +210,15 @@ std::string read_file(const std::string& path) {
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream file(path, std::ios::binary);
     file << text;
+}
+
+std::vector<std::string> rows_of(const std::string& text) {
+    std::vector<std::string> rows;
+    for (const std::string& line : lines_of(text)) {
+        const std::size_t begin = line.find('\t') + 1;
+        rows.push_back(line.substr(begin, line.rfind('\t') - begin));
+    }
+    return rows;
 }
 
 std::vector<std::string> lines_of(const std::string& text) {

@@ -23,6 +23,13 @@ Result zr(const std::vector<std::string>& args, const std::string& input = {});
 // The same for any program, found by PATH.
 Result run(const std::vector<std::string>& command, const std::string& input = {});
 
+// Runs zr at a terminal of that size: what it writes there is the output, with LF for line ends.
+struct Terminal {
+    unsigned short rows = 24;
+    unsigned short columns = 80;
+};
+Result zr_at_terminal(const Terminal& terminal, const std::vector<std::string>& args);
+
 // Whether it ended with that code and one line on standard error, with `part` in it.
 void expect_failure(const Result& result, int code, const std::string& part);
 
@@ -51,5 +58,7 @@ private:
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& text);
 std::vector<std::string> lines_of(const std::string& text);
+// The lines of a list without the number in front and the identifier at the end.
+std::vector<std::string> rows_of(const std::string& text);
 
 }  // namespace zr::test

@@ -176,8 +176,7 @@ TEST_F(Tool, CompletesInBash) {
     EXPECT_EQ(
         complete("zr"),
         "contacts calendar mail reg store net proxy phone provision resolve log modules screen html objects zone watch "
-        "--help "
-        "--version\n");
+        "--help --json --no-pager --version\n");
     EXPECT_EQ(complete("zr contacts"), "import export list find show add change edit remove --help\n");
     EXPECT_EQ(complete("zr log"), "show --help\n");
     EXPECT_EQ(complete("zr mail export --format"), "eml mbox mboxo mboxrd mboxcl mboxcl2 maildir\n");
@@ -189,6 +188,12 @@ TEST_F(Tool, CompletesInBash) {
     EXPECT_EQ(complete("zr zone"), "--next --json --help\n");
     EXPECT_EQ(complete("zr watch", "-"), "--recursive --ext --only --exec --clock --json --help\n");
     EXPECT_EQ(complete("zr contacts export --vcard-version"), "2.1 3.0 4.0\n");
+}
+
+TEST_F(Tool, IsReadableToZsh) {
+    if (zr::test::run({"sh", "-c", "command -v zsh"}).code != 0) GTEST_SKIP() << "there is no zsh";
+    const Result result = zr::test::run({"zsh", "-n", ZR_SOURCE_DIR "/zr/completion/_zr"});
+    EXPECT_EQ(result.code, 0) << result.err;
 }
 
 TEST_F(Tool, RefusesWrongUsage) {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <ctime>
 #include <random>
 #include <string>
 #include <vector>
@@ -90,9 +90,9 @@ TEST(CardAttributes, ManyValuesAndKindsCostTheirNumber) {
          {"FN:Jo\r\nCATEGORIES:" + words + "\r\n", "FN:Jo\r\nCATEGORIES: " + words + "\r\n",
           "FN:Jo\r\nTEL;TYPE=" + words + ":1\r\n", "FN:Jo\r\nTEL" + types + ":1\r\n",
           "FN:Jo\r\nEMAIL;X=\"" + words + "\":a@x.y\r\n", "FN:Jo\r\nORG: a" + std::string(200000, ';') + "\r\n"}) {
-        const auto begin = std::chrono::steady_clock::now();
+        const std::clock_t begin = std::clock();
         EXPECT_EQ(zr::test::read_cards(zr::test::card_text(body)).cards.size(), 1u);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << body.substr(0, 40);
+        EXPECT_LT(std::clock() - begin, std::clock_t{10} * CLOCKS_PER_SEC) << body.substr(0, 40);
     }
     const zr::Card card = zr::test::read_card(zr::test::card_text("FN:Jo\r\nCATEGORIES:a," + words + "\r\n"));
     EXPECT_TRUE(card[zr::Field::Categories].starts_with("a, 0, 1, 2,"));
