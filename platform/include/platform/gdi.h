@@ -221,8 +221,8 @@ ZRPLATFORM_API BOOL GetTextExtentExPointW(HDC context, LPCWSTR text, int count, 
 
 // Ours: how wide each unit is at least in every text that consists of a stretch of this one and `mark` before or behind
 // it, so that who tries many such texts need not measure those that are too wide anyway. For letters that are the same
-// in every text, and for all of a text of plain letters, it is what they take; for others, whose form or font depends on
-// what is beside them, 0.
+// in every text, and for all of a text of plain letters, it is what they take; for others, whose form or font depends
+// on what is beside them, 0.
 ZRPLATFORM_API BOOL ZrGetLeastTextWidths(HDC context, LPCWSTR text, int count, WCHAR mark, int* widths);
 
 // ---- Drawing ----

@@ -25,9 +25,9 @@ struct SIPINFO {
 enum SIPSTATE { SIP_UP, SIP_DOWN, SIP_FORCEDOWN, SIP_UNCHANGED, SIP_INPUTDIALOG, SIP_INPUTDIALOGINIT };
 
 // SPI_GETSIPINFO fills a SIPINFO, SPI_SETSIPINFO takes SIPF_ON from one. Where the desktop's on-screen keyboard runs
-// (sm.puri.OSK0 on the session bus) it is moved, and its own word counts; one that does not answer within half a second is
-// left alone for a while. Whether the panel is up is known to all of the user's processes, for as long as one of them that
-// has asked is there. FALSE: ERROR_INVALID_PARAMETER.
+// (sm.puri.OSK0 on the session bus) it is moved, and its own word counts; one that does not answer within half a second
+// is left alone for a while. Whether the panel is up is known to all of the user's processes, for as long as one of
+// them that has asked is there. FALSE: ERROR_INVALID_PARAMETER.
 ZRPLATFORM_API BOOL SHSipInfo(UINT action, UINT parameter, void* info, UINT changes);
 
 // Brings the panel up (SIP_UP, SIP_INPUTDIALOG) or down (SIP_DOWN, SIP_FORCEDOWN), the others leave it. When that, or

@@ -19,8 +19,8 @@ inline constexpr int SM_CXSMICON = 49;
 inline constexpr int SM_CYSMICON = 50;
 
 // A width or height in pixels; 0 for an index that is not here. ZR_SCREEN gives the screen as WIDTHxHEIGHT, each 1 to
-// 32767, with its dots per inch, 1 to 9600, as WIDTHxHEIGHT@DOTS. Without it, or when it is something else, the screen is
-// the output of the display server that WAYLAND_DISPLAY or DISPLAY names (its primary or first one; 96 dots per inch where
-// it does not know its size), looked at again every five seconds. Where there is none, or it says nothing within a second,
-// the screen is 240 wide and 320 high at 96 dots per inch. Any thread.
+// 32767, with its dots per inch, 1 to 9600, as WIDTHxHEIGHT@DOTS. Without it, or when it is something else, the screen
+// is the output of the display server that WAYLAND_DISPLAY or DISPLAY names (its primary or first one; 96 dots per inch
+// where it does not know its size), looked at again every five seconds. Where there is none, or it says nothing within
+// a second, the screen is 240 wide and 320 high at 96 dots per inch. Any thread.
 ZRPLATFORM_API int GetSystemMetrics(int index);

@@ -6,8 +6,8 @@
 
 namespace zr::platform {
 
-// How many milliseconds the desktop's on-screen keyboard may take to answer, and how long one that did not is left alone.
-// Tests make them longer, or shorter.
+// How many milliseconds the desktop's on-screen keyboard may take to answer, and how long one that did not is left
+// alone. Tests make them longer, or shorter.
 ZRPLATFORM_API extern std::atomic<int> keyboard_patience;
 ZRPLATFORM_API extern std::atomic<int> keyboard_rest;
 
