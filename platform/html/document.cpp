@@ -201,9 +201,13 @@ HRESULT Document::root(IDispatchEx** object) {
     std::string what;
     if (const HRESULT result = call("zr.root()", what); FAILED(result)) return result;
     VARIANT value{};
-    const HRESULT result = take(what, &value, nullptr);
-    if (SUCCEEDED(result)) *object = static_cast<IDispatchEx*>(value.pdispVal);
-    return result;
+    if (const HRESULT result = take(what, &value, nullptr); FAILED(result)) return result;
+    if (value.vt != VT_DISPATCH) {
+        VariantClear(&value);
+        return RPC_E_DISCONNECTED;  // no engine of ours
+    }
+    *object = static_cast<IDispatchEx*>(value.pdispVal);
+    return S_OK;
 }
 
 // The one object of that number, with the reference that the engine has just given.

@@ -445,10 +445,11 @@ std::uint32_t begin_document(FrameReader& frame) {
 
 void load(FrameReader& frame) {
     const std::uint32_t flags = begin_document(frame);
-    const std::string_view source = frame.text();
+    const bool plain = (flags & kEnginePlainText) != 0;
+    std::string_view source = frame.text();
+    if (source.empty()) source = plain ? "\n" : "<!DOCTYPE html>";  // of nothing the engine makes no document
     GBytes* const bytes = g_bytes_new(source.data(), source.size());
-    webkit_web_view_load_bytes(page.view, bytes, (flags & kEnginePlainText) != 0 ? "text/plain" : "text/html", "UTF-8",
-                               "about:blank");
+    webkit_web_view_load_bytes(page.view, bytes, plain ? "text/plain" : "text/html", "UTF-8", "about:blank");
     g_bytes_unref(bytes);
 }
 

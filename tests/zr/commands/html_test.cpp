@@ -61,7 +61,9 @@ TEST_F(HtmlTool, PrintsTheTextThatIsSeen) {
     EXPECT_EQ(shown.code, 0) << shown.err;
     EXPECT_EQ(shown.out, "Hello you & me\n\n\u20AC x\n");
     EXPECT_EQ(shown.err, "");
-    EXPECT_EQ(zr({"html", "-", "--text"}, "").out, "");
+    const Result nothing = zr({"html", "-", "--text"}, "");
+    EXPECT_EQ(nothing.code, 0) << nothing.err;
+    EXPECT_EQ(nothing.out, "");
     const json object = json::parse(zr({"html", put("a.html", "<title>T</title>x"), "--json"}).out);
     EXPECT_EQ(object, (json{{"title", "T"}, {"text", "x"}}));
 }
