@@ -14,6 +14,7 @@ namespace zr::platform {
 namespace {
 
 constexpr std::size_t kLongestSource = 256u << 20;
+constexpr int kMostReads = 10'000;  // before a document, of what an engine still says of the last one
 constexpr int kLongestPicture = 16'384;
 
 bool is_address_of(std::u16string_view address, std::u16string_view scheme) {
@@ -122,6 +123,9 @@ void HtmlControl::leave() noexcept {
 
 DWORD HtmlControl::begin(EngineFrame kind, std::uint32_t flags, std::string_view content) {
     drop_document();
+    // One that ended while nobody asked it has not been missed yet.
+    for (int i = 0; i < kMostReads && engine_ && engine_->read(Deadline::at_once()) == ERROR_SUCCESS; ++i) {
+    }
     if (engine_ && (!engine_->is_alive() || engine_remote_ != remote_)) drop_engine();
     if (!engine_) {
         engine_ = Engine::start(remote_);
@@ -183,22 +187,24 @@ void HtmlControl::clear() {
 
 // ---- Images ----
 
-DWORD HtmlControl::send_image(std::uint32_t cookie, bool is_there, std::string_view type, std::string_view bytes) {
+DWORD HtmlControl::send_image(DWORD_PTR cookie, bool is_there, std::string_view type, std::string_view bytes) {
+    const auto wanted = wanted_.find(cookie);
+    if (wanted == wanted_.end()) return ERROR_INVALID_PARAMETER;
+    const std::uint32_t request = wanted->second;
+    wanted_.erase(wanted);
     if (!engine_ || !engine_->is_alive()) return ERROR_PROCESS_ABORTED;
     FrameWriter frame(EngineFrame::Image);
-    frame.number(cookie).number(is_there ? 1 : 0).text(type).text(bytes);
+    frame.number(request).number(is_there ? 1 : 0).text(type).text(bytes);
     return engine_->send(frame, Deadline::after(engine_patience().call));
 }
 
 DWORD HtmlControl::set_image(DWORD_PTR cookie, std::string_view bytes, std::string_view type) {
-    if (wanted_.erase(cookie) == 0) return ERROR_INVALID_PARAMETER;
     if (bytes.size() > kLongestSource) return ERROR_FILE_TOO_LARGE;
-    return send_image(static_cast<std::uint32_t>(cookie), true, type, bytes);
+    return send_image(cookie, true, type, bytes);
 }
 
 DWORD HtmlControl::fail_image(DWORD_PTR cookie) {
-    if (wanted_.erase(cookie) == 0) return ERROR_INVALID_PARAMETER;
-    return send_image(static_cast<std::uint32_t>(cookie), false, "", "");
+    return send_image(cookie, false, "", "");
 }
 
 DWORD HtmlControl::set_bitmap(const INLINEIMAGEINFO& image) {
@@ -242,8 +248,8 @@ LRESULT HtmlControl::layout(const char* function) {
     HRESULT result = ready_document();
     if (SUCCEEDED(result)) result = document_->call(function, what);
     VARIANT value{};
-    if (SUCCEEDED(result)) result = document_->take(what, &value, nullptr);
-    return SUCCEEDED(result) && value.vt == VT_I4 ? value.lVal : 0;
+    if (SUCCEEDED(result)) result = document_->take_as(VT_I4, what, &value);
+    return SUCCEEDED(result) ? value.lVal : 0;
 }
 
 LONGLONG HtmlControl::live_objects() {
@@ -251,8 +257,8 @@ LONGLONG HtmlControl::live_objects() {
     VARIANT value{};
     HRESULT result = ready_document();
     if (SUCCEEDED(result)) result = document_->call("zr.live()", what);
-    if (SUCCEEDED(result)) result = document_->take(what, &value, nullptr);
-    return SUCCEEDED(result) && value.vt == VT_I4 ? value.lVal : -1;
+    if (SUCCEEDED(result)) result = document_->take_as(VT_I4, what, &value);
+    return SUCCEEDED(result) ? value.lVal : -1;
 }
 
 HRESULT HtmlControl::draw(int width, int height, std::string& png) {
@@ -301,8 +307,8 @@ void HtmlControl::handle(const std::string& event) {
             notify(NM_HOTSPOT, frame.text(), 0);
             return;
         case EngineFrame::Wanted: {
-            const DWORD_PTR cookie = frame.number();
-            wanted_.insert(cookie);
+            const DWORD_PTR cookie = ++last_cookie_;
+            wanted_.emplace(cookie, frame.number());
             if (notify(NM_INLINE_IMAGE, frame.text(), cookie) == FALSE && !is_gone_) fail_image(cookie);
             return;
         }
@@ -325,11 +331,13 @@ void HtmlControl::serve() {
 HRESULT HtmlControl::wait(DWORD milliseconds) {
     const std::shared_ptr<HtmlControl> held = shared_from_this();
     const Deadline deadline = Deadline::after(milliseconds);
-    for (;;) {
+    for (bool is_late = false;;) {
         serve();
         if (is_gone_ || !document_) return RPC_E_DISCONNECTED;
         if (is_told_complete_) return S_OK;
         if (const HRESULT result = document_->check(); FAILED(result)) return result;
+        if (is_late) return HRESULT_FROM_WIN32(ERROR_TIMEOUT);
+        is_late = Deadline::now() >= deadline.ns;
         const DWORD error = engine_->read(deadline);
         if (error != ERROR_SUCCESS) return result_of(error);
     }

@@ -2,8 +2,8 @@
 
 // One HTML control: its window's messages, its document's loading, what it tells its parent.
 
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "document.h"
@@ -72,7 +72,7 @@ public:
 
 private:
     DWORD begin(EngineFrame kind, std::uint32_t flags, std::string_view content);
-    DWORD send_image(std::uint32_t cookie, bool is_there, std::string_view type, std::string_view bytes);
+    DWORD send_image(DWORD_PTR cookie, bool is_there, std::string_view type, std::string_view bytes);
     HRESULT ready_document();
     void drop_document() noexcept;
     void drop_engine() noexcept;
@@ -91,7 +91,10 @@ private:
     bool remote_ = false;
     bool is_told_complete_ = false;
     bool is_gone_ = false;
-    std::set<DWORD_PTR> wanted_;  // cookies that are to be answered
+    // Images that are to be answered, and the engine's requests for them. A cookie is never given twice: one that comes
+    // late must not fill another document.
+    std::map<DWORD_PTR, std::uint32_t> wanted_;
+    DWORD_PTR last_cookie_ = 0;
 };
 
 // The control behind a window of the class; NULL. The window's thread only.

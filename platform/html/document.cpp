@@ -197,15 +197,22 @@ HRESULT Document::take(const std::string& what, VARIANT* result, EXCEPINFO* exce
     return S_OK;
 }
 
+HRESULT Document::take_as(VARTYPE wanted, const std::string& what, VARIANT* result) {
+    VARIANT value{};
+    if (const HRESULT taken = take(what, &value, nullptr); FAILED(taken)) return taken;
+    if (value.vt != wanted) {
+        VariantClear(&value);
+        return RPC_E_DISCONNECTED;
+    }
+    *result = value;
+    return S_OK;
+}
+
 HRESULT Document::root(IDispatchEx** object) {
     std::string what;
     if (const HRESULT result = call("zr.root()", what); FAILED(result)) return result;
     VARIANT value{};
-    if (const HRESULT result = take(what, &value, nullptr); FAILED(result)) return result;
-    if (value.vt != VT_DISPATCH) {
-        VariantClear(&value);
-        return RPC_E_DISCONNECTED;  // no engine of ours
-    }
+    if (const HRESULT result = take_as(VT_DISPATCH, what, &value); FAILED(result)) return result;
     *object = static_cast<IDispatchEx*>(value.pdispVal);
     return S_OK;
 }

@@ -30,6 +30,8 @@ public:
     HRESULT run(const std::string& script, std::string& what, EXCEPINFO* exception = nullptr);
     // What that text says, as a value; `result` may be NULL. May throw std::bad_alloc.
     HRESULT take(const std::string& what, VARIANT* result, EXCEPINFO* exception);
+    // The same of what must be a value of type `wanted`: an engine that gives another is not believed.
+    HRESULT take_as(VARTYPE wanted, const std::string& what, VARIANT* result);
     // The document itself, with a reference. May throw std::bad_alloc.
     HRESULT root(IDispatchEx** object);
 

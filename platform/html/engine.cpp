@@ -20,6 +20,7 @@
 #include "base/forks.h"
 #include "base/host_error.h"
 #include "base/loaded_module.h"
+#include "names.h"
 #include "platform/base.h"
 
 namespace zr::platform {
@@ -29,29 +30,41 @@ struct Engines {
     static std::mutex lock;
     static std::set<Engine*> all;
 
-    static void before_fork() noexcept { lock.lock(); }
-    static void in_parent() noexcept { lock.unlock(); }
+    static void before_fork() noexcept {
+        lock.lock();
+        names_lock.lock();
+        trouble_lock.lock();
+    }
+    static void in_parent() noexcept {
+        trouble_lock.unlock();
+        names_lock.unlock();
+        lock.unlock();
+    }
     static void in_child() noexcept {
         for (Engine* const engine : all) {
             if (engine->socket_) engine->socket_.close();
         }
-        lock.unlock();
+        in_parent();
     }
+
+    static std::mutex trouble_lock;
 };
 std::mutex Engines::lock;
+std::mutex Engines::trouble_lock;
 std::set<Engine*> Engines::all;
 
 namespace {
 
 const AtFork html_at_fork{ForkRank::Html, {Engines::before_fork, Engines::in_parent, Engines::in_child}};
 
+// That wait to be told.
 constexpr std::size_t kMostEvents = 10'000;
+constexpr std::size_t kMostEventBytes = std::size_t{64} << 20;
 
-std::mutex trouble_lock;
 std::string trouble_text;
 
 void say_trouble(const char* text) {
-    const std::lock_guard guard(trouble_lock);
+    const std::lock_guard guard(Engines::trouble_lock);
     trouble_text = text;
 }
 
@@ -156,7 +169,7 @@ private:
 }  // namespace
 
 std::string engine_trouble() {
-    const std::lock_guard guard(trouble_lock);
+    const std::lock_guard guard(Engines::trouble_lock);
     return trouble_text;
 }
 
@@ -180,6 +193,8 @@ bool Engine::spawn(bool remote) {
         say_trouble("the HTML engine is not installed: zr-html-engine, which is built where libwebkit2gtk-4.1 is");
         return fail(ERROR_MOD_NOT_FOUND, false);
     }
+    // No fork between the socket's beginning and the list that a child closes it by.
+    const std::lock_guard guard(Engines::lock);
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         return fail(error_from_errno(errno), false);
@@ -196,7 +211,6 @@ bool Engine::spawn(bool remote) {
         remove_folder(folder_);
         return fail(error_from_errno(error), false);
     }
-    const std::lock_guard guard(Engines::lock);
     socket_ = std::move(ours);
     process_ = process;
     Engines::all.insert(this);
@@ -205,11 +219,7 @@ bool Engine::spawn(bool remote) {
 
 // Its first word, or why there is none.
 bool Engine::greet() {
-    const Deadline deadline = Deadline::after(engine_patience().start);
-    DWORD error = ERROR_SUCCESS;
-    while (error == ERROR_SUCCESS && !greeted_ && !refused_) {
-        error = round(deadline);
-    }
+    const DWORD error = rounds_until(Deadline::after(engine_patience().start), [this] { return greeted_ || refused_; });
     if (greeted_) return true;
     end();
     if (refused_) return fail(ERROR_MOD_NOT_FOUND, false);
@@ -231,11 +241,7 @@ bool Engine::is_alive() const noexcept {
 void Engine::end() noexcept {
     if (process_ < 0) return;
     const pid_t process = std::exchange(process_, -1);
-    {
-        const std::lock_guard guard(Engines::lock);
-        Engines::all.erase(this);
-    }
-    if (generation_ != fork_generation()) return;
+    if (generation_ != fork_generation()) return forget();
     kill(-process, SIGKILL);
     while (waitpid(process, nullptr, 0) < 0 && errno == EINTR) {
     }
@@ -245,7 +251,13 @@ void Engine::end() noexcept {
         const std::lock_guard guard(lock_);
         socket_ = HostFd();
     }
+    forget();
     remove_folder(folder_);
+}
+
+void Engine::forget() noexcept {
+    const std::lock_guard guard(Engines::lock);
+    Engines::all.erase(this);
 }
 
 DWORD Engine::died() noexcept {
@@ -259,25 +271,21 @@ DWORD Engine::send(FrameWriter& frame, Deadline deadline) {
         const std::lock_guard guard(lock_);
         to_send_ += frame.finish();
     }
-    for (;;) {
-        if (const DWORD error = flush_some(); error != ERROR_SUCCESS) return error;
-        {
-            const std::lock_guard guard(lock_);
-            if (to_send_.empty()) return ERROR_SUCCESS;
-        }
-        if (const DWORD error = round(deadline); error != ERROR_SUCCESS) {
-            if (error == ERROR_TIMEOUT) end();
-            return error;
-        }
-    }
+    flush_some();
+    const DWORD error = rounds_until(deadline, [this] {
+        const std::lock_guard guard(lock_);
+        return to_send_.empty();
+    });
+    if (error == ERROR_TIMEOUT) end();
+    return error;
 }
 
 void Engine::send_later(FrameWriter& frame) noexcept {
     if (generation_ != fork_generation()) return;
     try {
         const std::lock_guard guard(lock_);
-        to_send_ += frame.finish();
         if (!socket_) return;
+        to_send_ += frame.finish();
         const ssize_t size = ::send(socket_.get(), to_send_.data(), to_send_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (size > 0) to_send_.erase(0, static_cast<std::size_t>(size));
     } catch (const std::bad_alloc&) {
@@ -285,7 +293,7 @@ void Engine::send_later(FrameWriter& frame) noexcept {
     }
 }
 
-DWORD Engine::flush_some() {
+void Engine::flush_some() {
     const std::lock_guard guard(lock_);
     std::size_t done = 0;
     bool broken = false;
@@ -301,7 +309,18 @@ DWORD Engine::flush_some() {
         }
     }
     to_send_.erase(0, broken ? std::string::npos : done);
-    return ERROR_SUCCESS;
+}
+
+// However much it tells beside what is waited for, the time ends; what has arrived by then is looked at.
+template <class Done>
+DWORD Engine::rounds_until(Deadline deadline, Done is_done) {
+    DWORD error = ERROR_SUCCESS;
+    for (bool is_late = false; error == ERROR_SUCCESS && !is_done();) {
+        if (is_late) return ERROR_TIMEOUT;
+        is_late = Deadline::now() >= deadline.ns;
+        error = round(deadline);
+    }
+    return error;
 }
 
 // Sends and reads what can be, and waits for that.
@@ -316,7 +335,7 @@ DWORD Engine::round(Deadline deadline) {
     if (ready == 0) return ERROR_TIMEOUT;
     if (ready < 0) return errno == EINTR ? ERROR_SUCCESS : died();
     if ((socket.revents & POLLOUT) != 0) {
-        if (const DWORD error = flush_some(); error != ERROR_SUCCESS) return error;
+        flush_some();
     }
     return (socket.revents & (POLLIN | POLLHUP | POLLERR)) != 0 ? receive() : ERROR_SUCCESS;
 }
@@ -326,10 +345,15 @@ DWORD Engine::receive() {
     const ssize_t size = recv(socket_.get(), room.data(), room.size(), MSG_DONTWAIT);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) return ERROR_SUCCESS;
     if (size <= 0) return died();
-    arrived_.add(room.data(), static_cast<std::size_t>(size));
-    std::string_view frame;
-    while (arrived_.next(frame)) {
-        sort(frame);
+    try {
+        arrived_.add(room.data(), static_cast<std::size_t>(size));
+        std::string_view frame;
+        while (arrived_.next(frame)) {
+            sort(frame);
+        }
+    } catch (const std::bad_alloc&) {
+        end();  // what comes next would not be understood
+        throw;
     }
     return arrived_.is_bad() ? died() : ERROR_SUCCESS;
 }
@@ -363,13 +387,15 @@ void Engine::sort(std::string_view bytes) {
             break;
         case EngineFrame::Title:
         case EngineFrame::Link:
-            // A document may make any number of these.
-            if (events_.size() >= kMostEvents) return;
+        case EngineFrame::Wanted:
             break;
         default:
-            break;
+            return;
     }
+    // A document may make any number of these, of any length.
+    if (events_.size() >= kMostEvents || event_bytes_ + bytes.size() > kMostEventBytes) return;
     events_.emplace_back(bytes);
+    event_bytes_ += bytes.size();
     if (kept_ != nullptr) kept_(context_);
 }
 
@@ -378,9 +404,7 @@ DWORD Engine::ask(FrameWriter& frame, std::uint32_t number, Deadline deadline, E
     awaited_ = number;
     is_answered_ = false;
     DWORD error = send(frame, deadline);
-    while (error == ERROR_SUCCESS && !is_answered_) {
-        error = round(deadline);
-    }
+    if (error == ERROR_SUCCESS) error = rounds_until(deadline, [this] { return is_answered_; });
     awaited_ = 0;
     if (error == ERROR_TIMEOUT) end();
     if (error != ERROR_SUCCESS) return error;
@@ -394,10 +418,8 @@ DWORD Engine::read(Deadline deadline) {
 }
 
 DWORD Engine::wait_until_ready(std::uint32_t document, Deadline deadline) {
-    DWORD error = is_alive() ? ERROR_SUCCESS : ERROR_PROCESS_ABORTED;
-    while (error == ERROR_SUCCESS && !is_ready(document) && !is_complete(document)) {
-        error = round(deadline);
-    }
+    if (!is_alive()) return ERROR_PROCESS_ABORTED;
+    const DWORD error = rounds_until(deadline, [&] { return is_ready(document) || is_complete(document); });
     if (error == ERROR_TIMEOUT) end();
     // It could not be loaded.
     if (error == ERROR_SUCCESS && !is_ready(document)) return ERROR_FILE_NOT_FOUND;
@@ -408,6 +430,7 @@ bool Engine::take_event(std::string& frame) {
     if (events_.empty()) return false;
     frame = std::move(events_.front());
     events_.pop_front();
+    event_bytes_ -= frame.size();
     return true;
 }
 

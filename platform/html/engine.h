@@ -64,11 +64,14 @@ private:
 
     bool spawn(bool remote);
     bool greet();
+    template <class Done>
+    DWORD rounds_until(Deadline deadline, Done is_done);
     DWORD round(Deadline deadline);
-    DWORD flush_some();
+    void flush_some();
     DWORD receive();
     void sort(std::string_view frame);
     DWORD died() noexcept;
+    void forget() noexcept;
 
     HostFd socket_;
     pid_t process_ = -1;
@@ -80,6 +83,7 @@ private:
 
     FrameQueue arrived_;
     std::deque<std::string> events_;
+    std::size_t event_bytes_ = 0;
     std::uint32_t last_request_ = 0;
     std::uint32_t ready_ = 0;
     std::uint32_t complete_ = 0;

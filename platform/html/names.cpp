@@ -24,11 +24,12 @@ constexpr std::array<FixedName, 6> kFixed{{{DISPID_VALUE, u""},
                                            {ZR_DISPID_HTML_VALUE, u"value"},
                                            {ZR_DISPID_HTML_DISPLAY, u"display"}}};
 
-std::mutex names_lock;
 std::deque<std::u16string> names;
 std::unordered_map<std::u16string_view, DISPID> ids;
 
 }  // namespace
+
+std::mutex names_lock;
 
 DISPID id_of_name(std::u16string_view name) {
     for (const FixedName& fixed : kFixed) {

@@ -9,6 +9,9 @@
 
 namespace zr::platform {
 
+// Nobody is in the middle of a call while it is held.
+extern std::mutex names_lock;
+
 // DISPID_UNKNOWN when there are too many. The empty name is DISPID_VALUE. May throw std::bad_alloc.
 DISPID id_of_name(std::u16string_view name);
 // False: no name has that identifier.

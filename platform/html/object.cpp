@@ -177,7 +177,7 @@ HRESULT HtmlObject::find(std::u16string_view name, DWORD flags, DISPID* id) {
     script += (flags & fdexNameCaseInsensitive) != 0 ? ",true)" : ",false)";
     if (const HRESULT result = document_->call(script, what); FAILED(result)) return result;
     VARIANT found{};
-    HRESULT result = document_->take(what, &found, nullptr);
+    HRESULT result = document_->take_as(VT_BSTR, what, &found);
     if (SUCCEEDED(result)) {
         *id = id_of_name(text_of(found.vt == VT_BSTR ? found.bstrVal : nullptr));
         VariantClear(&found);
@@ -291,7 +291,10 @@ HRESULT HtmlObject::invoke(DISPID id, WORD flags, const DISPPARAMS& params, VARI
     if (FAILED(checked)) return checked;
     std::string what;
     if (const HRESULT called = document_->call(script, what, exception); FAILED(called)) return called;
-    return document_->take(what, result, exception);
+    const HRESULT taken = document_->take(what, result, exception);
+    // Who asks for a style takes its pointer without a look at the type.
+    if (id == ZR_DISPID_HTML_STYLE && SUCCEEDED(taken) && result && result->vt != VT_DISPATCH) VariantClear(result);
+    return taken;
 }
 
 HRESULT HtmlObject::Invoke(DISPID member, REFIID riid, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
@@ -321,7 +324,7 @@ HRESULT HtmlObject::DeleteMemberByDispID(DISPID id) {
         std::string what;
         VARIANT gone{};
         HRESULT result = document_->call(script_call("remove", id_, name) + ")", what);
-        if (SUCCEEDED(result)) result = document_->take(what, &gone, nullptr);
+        if (SUCCEEDED(result)) result = document_->take_as(VT_BOOL, what, &gone);
         if (FAILED(result)) return result;
         return gone.boolVal != VARIANT_FALSE ? S_OK : S_FALSE;
     });

@@ -65,6 +65,7 @@ using Text = std::unique_ptr<char, FreeText>;
     const pid_t group = getpgrp();
     if (!left.test_and_set() && fork() == 0) {
         setsid();
+        close(kSocket);  // the control need not wait for what follows
         kill(-group, SIGKILL);
         const char* const folder = std::getenv("HOME");
         std::error_code error;
@@ -527,7 +528,11 @@ void give_image(FrameReader& frame) {
     webkit_uri_scheme_request_finish_with_response(request.get(), response.get());
 }
 
-gboolean no_dialog(WebKitWebView*, WebKitScriptDialog*, gpointer) {
+// No document asks whether it may be left.
+gboolean no_dialog(WebKitWebView*, WebKitScriptDialog* dialog, gpointer) {
+    if (webkit_script_dialog_get_dialog_type(dialog) == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM) {
+        webkit_script_dialog_confirm_set_confirmed(dialog, TRUE);
+    }
     return TRUE;
 }
 gboolean no_print(WebKitWebView*, WebKitPrintOperation*, gpointer) {
@@ -735,6 +740,7 @@ void make_view() {
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
+    fcntl(kSocket, F_SETFD, FD_CLOEXEC);  // it is nobody else's
     if (argc != 4 || !std::getenv("HOME")) return 2;
     // Whom the end takes along.
     if (getpgrp() != getpid() && setpgid(0, 0) != 0) return 2;

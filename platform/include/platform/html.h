@@ -16,8 +16,10 @@
 // ZrHtmlWait, and at no other time: in particular not while it waits in a call of an object. An object outlives its
 // document as something whose calls fail with RPC_E_DISCONNECTED.
 //
-// Every call ends: within five seconds where a document is ready, else within thirty (ERROR_TIMEOUT, and as a result
-// HRESULT_FROM_WIN32 of it); the process behind it is then ended, and its document is gone.
+// Every call ends: within five seconds where a document is ready (thirty to draw it), else within thirty for each of
+// what is still to be done: the engine's start, taking the source, making the document (ERROR_TIMEOUT, and as a result
+// HRESULT_FROM_WIN32 of it). The process behind it is then ended, and its document is gone. Of what a document tells
+// 10,000 notifications and 64 MB wait; what comes beyond is dropped.
 
 #include "platform/com.h"
 #include "platform/errors.h"
