@@ -421,8 +421,12 @@ void SharedStore::give_right() {
     right_free_.notify_one();
 }
 
+bool SharedStore::has_writer() const noexcept {
+    return writer_.is_open() && writer_opening_ == opening_;
+}
+
 DWORD SharedStore::open_writer() {
-    if (writer_.is_open() && writer_opening_ == opening_) return ERROR_SUCCESS;
+    if (has_writer()) return ERROR_SUCCESS;
     writer_commits_.detach();
     writer_.close();
     if (open_connection(kind_, path_, writer_) != ERROR_SUCCESS) {
@@ -501,6 +505,7 @@ DWORD StoreWriting::begin(SharedStore& store) {
 DWORD StoreWriting::prepare() {
     constexpr int kTries = 3;
     for (int i = 0; i < kTries; ++i) {
+        bool is_new = false;
         {
             const auto reading = store_->lock();
             if (!store_->ready_ || store_->is_suspect() || store_->is_overwritten()) {
@@ -509,11 +514,17 @@ DWORD StoreWriting::prepare() {
             before_ = store_->stamp_;
             before_known_ = store_->stamp_known_;
             before_seq_ = store_->followed_ ? store_->position_ : 0;
+            is_new = !store_->has_writer();
             if (const DWORD error = store_->open_writer(); error != ERROR_SUCCESS) return error;
         }
         const int number = store_->pull_.take(store_->bell_);
         if (number != 0) return store_->host_failure(store_->bell_.path(), number);
-        if (!has_moved(connection())) return ERROR_SUCCESS;
+        // A connection of before has the file that is read; one that was opened now may have another.
+        const auto is_elsewhere = [&] {
+            const auto reading = store_->lock();
+            return store_->is_replaced();
+        };
+        if (!has_moved(connection()) && !(is_new && is_elsewhere())) return ERROR_SUCCESS;
         store_->pull_.let_go();
         const auto reading = store_->lock();
         store_->close_reader();

@@ -210,7 +210,10 @@ LONG Exchange::ask(const CallRequest& request, MadeCall& made) {
 void Exchange::finish(const CallRequest& request, LONG result, const MadeCall& made) {
     const bool is_made = request.kind == CallRequest::Kind::Make && result == 0;
     const auto rights = change_rights();
-    const SharedName name = shared_name(request.on->facts.owner, made.path);
+    const SharedName name = [&] {
+        const auto lock = enter();
+        return shared_name(request.on->facts.owner, made.path);
+    }();
     const auto is_there = [&] {
         const auto lock = enter();
         return find_call(request.handle) != nullptr;

@@ -94,7 +94,7 @@ void Pager::start() {
     pipe_ = ends[1];
     // The pager answers to the keyboard, and may be gone before the text is at its end.
     std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGINT, SIG_IGN);
+    interrupted_before_ = std::signal(SIGINT, SIG_IGN);
     state_ = State::Running;
     write(text);
 }
@@ -104,6 +104,8 @@ void Pager::write(std::string_view text) {
         const ssize_t written = ::write(pipe_, text.data(), text.size());
         if (written < 0 && errno == EINTR) continue;
         if (written < 0) {
+            // Whoever does not wait for the rest may interrupt it.
+            std::signal(SIGINT, interrupted_before_);
             state_ = State::Gone;
             return;
         }

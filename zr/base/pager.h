@@ -40,6 +40,7 @@ private:
     std::size_t lines_ = 0;
     int pipe_ = -1;
     pid_t process_ = -1;
+    void (*interrupted_before_)(int) = nullptr;
 };
 
 }  // namespace zr

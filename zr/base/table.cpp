@@ -26,6 +26,13 @@ std::vector<std::string> fields_of(std::string_view row) {
 
 Table::Table(std::vector<Column> columns) : columns_(std::move(columns)), widths_(columns_.size()) {}
 
+Table::~Table() {
+    try {
+        finish();
+    } catch (...) {  // Another failure is told already.
+    }
+}
+
 void Table::add(std::string_view row) {
     if (!is_at_terminal()) return print(row);
     Fields fields = fields_of(row);

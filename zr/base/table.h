@@ -24,6 +24,10 @@ struct Column {
 class Table {
 public:
     explicit Table(std::vector<Column> columns);
+    // What was added before something failed is printed all the same.
+    ~Table();
+    Table(const Table&) = delete;
+    Table& operator=(const Table&) = delete;
 
     // A row, with its line end. It may have fewer fields than there are columns.
     void add(std::string_view row);

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -45,7 +46,13 @@ Failure line_failure(const std::string& what, LONG error) {
     }
 }
 
-// A structure that a call fills, with as much room as it wants.
+// Of a line or a call that has gone meanwhile.
+bool is_gone(LONG error) {
+    return error == LINEERR_NODEVICE || error == LINEERR_BADDEVICEID || error == LINEERR_INVALLINEHANDLE ||
+           error == LINEERR_INVALCALLHANDLE;
+}
+
+// A structure that a call fills, with as much room as it wants; with nothing in it when what it is about has gone.
 template <class Structure>
 class Filled {
 public:
@@ -56,10 +63,16 @@ public:
             const LONG result = call(get());
             const bool is_whole = result == 0 && get()->dwNeededSize <= room_.size();
             if (is_whole) return;
+            if (is_gone(result)) {
+                gone_ = true;
+                room_.assign(sizeof(Structure), 0);
+                return;
+            }
             if (result != 0 && result != LINEERR_STRUCTURETOOSMALL) throw line_failure(what, result);
             room_.assign(std::max<std::size_t>(get()->dwNeededSize, room_.size() + 64), 0);
         }
     }
+    bool gone() const { return gone_; }
     const Structure* operator->() const { return reinterpret_cast<const Structure*>(room_.data()); }
 
     std::string text(DWORD size, DWORD offset) const {
@@ -74,6 +87,7 @@ public:
 private:
     Structure* get() { return reinterpret_cast<Structure*>(room_.data()); }
     std::vector<unsigned char> room_;
+    bool gone_ = false;
 };
 
 struct PhoneLine {
@@ -174,11 +188,19 @@ public:
         const Filled<LINEDEVCAPS> caps("the line cannot be read", [&](LPLINEDEVCAPS to) {
             return lineGetDevCaps(session_, device, TAPI_CURRENT_VERSION, 0, to);
         });
+        if (caps.gone()) {
+            lineClose(line.handle);
+            return;
+        }
         line.voice = (caps->dwMediaModes & LINEMEDIAMODE_INTERACTIVEVOICE) != 0;
         line.name = caps.text(caps->dwLineNameSize, caps->dwLineNameOffset);
         line.service = caps.text(caps->dwProviderInfoSize, caps->dwProviderInfoOffset);
         line.number = caps.text(caps->dwSwitchInfoSize, caps->dwSwitchInfoOffset);
         lines_.push_back(std::move(line));
+    }
+
+    void forget_line(HLINE handle) {
+        std::erase_if(lines_, [handle](const PhoneLine& each) { return each.handle == handle; });
     }
 
     // The calls that there is no handle for yet.
@@ -187,25 +209,24 @@ public:
         for (const PhoneLine& line : lines_) {
             if (!line.voice) continue;
             const Filled<LINECALLLIST> list("the calls cannot be read", [&](LPLINECALLLIST to) {
-                const LONG result = lineGetNewCalls(line.handle, 0, LINECALLSELECT_LINE, to);
-                return result == LINEERR_INVALLINEHANDLE ? none(to) : result;
+                return lineGetNewCalls(line.handle, 0, LINECALLSELECT_LINE, to);
             });
             for (DWORD i = 0; i < list->dwCallsNumEntries; ++i) {
-                calls.push_back(look(list.call(i)));
+                if (std::optional<PhoneCall> call = look(list.call(i))) calls.push_back(*std::move(call));
             }
         }
         std::ranges::sort(calls, {}, &PhoneCall::place);
         return calls;
     }
 
-    PhoneCall look(HCALL handle) {
+    // Nothing when it has gone with its line.
+    std::optional<PhoneCall> look(HCALL handle) {
         PhoneCall call;
         call.handle = handle;
         const Filled<LINECALLINFO> info("the call cannot be read",
                                         [&](LPLINECALLINFO to) { return lineGetCallInfo(handle, to); });
-        LINECALLSTATUS status{};
-        status.dwTotalSize = sizeof status;
-        if (lineGetCallStatus(handle, &status) == 0) call.state = status.dwCallState;
+        if (info.gone()) return {};
+        call.state = state_of(handle);
         call.device = info->dwLineDeviceID;
         call.place = info->dwCallID;
         call.incoming = info->dwOrigin == LINECALLORIGIN_INBOUND;
@@ -215,6 +236,12 @@ public:
         if (call.name.empty() && call.incoming)
             call.name = info.text(info->dwCallerIDNameSize, info->dwCallerIDNameOffset);
         return call;
+    }
+
+    static DWORD state_of(HCALL handle) {
+        LINECALLSTATUS status{};
+        status.dwTotalSize = sizeof status;
+        return lineGetCallStatus(handle, &status) == 0 ? status.dwCallState : 0;
     }
 
     // Waits for what was asked for.
@@ -245,11 +272,6 @@ public:
 private:
     static void note(DWORD device, DWORD message, DWORD_PTR, DWORD_PTR first, DWORD_PTR second, DWORD_PTR) {
         messages().push_back({device, message, first, second});
-    }
-    static LONG none(LPLINECALLLIST list) {
-        list->dwNeededSize = list->dwUsedSize = sizeof *list;
-        list->dwCallsNumEntries = 0;
-        return 0;
     }
     static void handle_messages() {
         for (MSG message; PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE);) {
@@ -319,22 +341,43 @@ Exit show_calls(bool json) {
 using Wanted = std::function<bool(const PhoneCall&)>;
 using Request = LONG (*)(HCALL call, LPCSTR info, DWORD size);
 
-// Does it to each call that is wanted. The session is an owner for that long; the calls go on without one.
+PhoneCall ended(PhoneCall call) {
+    call.state = LINECALLSTATE_IDLE;
+    return call;
+}
+
+void do_to_call(HCALL call, Request request, const std::string& what) {
+    if (const LONG error = lineSetCallPrivilege(call, LINECALLPRIVILEGE_OWNER)) throw line_failure(what, error);
+    Phone::await(request(call, nullptr, 0), what);
+}
+
+// Does it to each call that is wanted, and fails behind the last one if one of them did. The session is an owner for
+// that long; the calls go on without one.
 Exit do_to_calls(const Wanted& wanted, Request request, const std::string& what, const std::string& nothing,
                  bool json) {
     Phone phone;
     JsonArray array;
     bool any = false;
-    for (const PhoneCall& call : phone.new_calls()) {
+    std::optional<Failure> first_failure;
+    for (PhoneCall& call : phone.new_calls()) {
         if (!wanted(call)) continue;
         any = true;
-        if (const LONG error = lineSetCallPrivilege(call.handle, LINECALLPRIVILEGE_OWNER))
-            throw line_failure(what, error);
-        Phone::await(request(call.handle, nullptr, 0), what);
-        tell(phone.look(call.handle), json, array);
+        try {
+            // One call may have ended with another.
+            if (const DWORD state = Phone::state_of(call.handle); state == 0 || state == LINECALLSTATE_IDLE) {
+                call.state = LINECALLSTATE_IDLE;
+            } else {
+                do_to_call(call.handle, request, what);
+                call = phone.look(call.handle).value_or(ended(call));
+            }
+            tell(call, json, array);
+        } catch (const Failure& failure) {
+            if (!first_failure) first_failure = failure;
+        }
     }
+    if (json && any) array.finish();
     if (!any) throw Failure{Exit::None, nothing};
-    if (json) array.finish();
+    if (first_failure) throw Failure(*first_failure);
     return Exit::Ok;
 }
 
@@ -365,7 +408,10 @@ Exit dial(const std::string& number, LONG line, bool json) {
         throw Failure{Exit::Usage, "'" + number + "' cannot be dialled: digits, *, # and + in front"};
     Phone::await(request, "the number is not called");
     JsonArray array;
-    tell(phone.look(call), json, array);
+    PhoneCall made;
+    made.device = found->device;
+    made.number = number;
+    tell(phone.look(call).value_or(ended(made)), json, array);
     if (json) array.finish();
     return Exit::Ok;
 }
@@ -392,6 +438,7 @@ public:
 
 private:
     void take(const PhoneMessage& message) {
+        if (message.message == LINE_CLOSE) remove_line(message.device);
         if (message.message == LINE_CREATE) add_line(static_cast<DWORD>(message.first));
         if (message.message == LINE_APPNEWCALL) add_new(static_cast<HCALL>(message.second));
         if (message.message == LINE_CALLSTATE) change(message.device, static_cast<DWORD>(message.first));
@@ -400,6 +447,17 @@ private:
     void add_line(DWORD device) {
         going_on([&] { phone_.add_line(device); });
         add_all("new");
+    }
+
+    // Its calls' handles went with it.
+    void remove_line(HLINE handle) {
+        const auto gone = std::ranges::find(phone_.lines(), handle, &PhoneLine::handle);
+        if (gone == phone_.lines().end()) return;
+        for (const auto& [number, call] : calls_) {
+            if (call.device == gone->device && !call.is_over()) print_change("changed", ended(call));
+        }
+        std::erase_if(calls_, [&](const auto& each) { return each.second.device == gone->device; });
+        phone_.forget_line(handle);
     }
 
     void add_all(const char* change) {
@@ -412,7 +470,8 @@ private:
 
     void add_new(HCALL handle) {
         going_on([&] {
-            if (!calls_.contains(handle)) add(phone_.look(handle), "new");
+            if (calls_.contains(handle)) return;
+            if (const std::optional<PhoneCall> call = phone_.look(handle)) add(*call, "new");
         });
     }
 
@@ -436,7 +495,9 @@ private:
         if (found == calls_.end()) return;
         PhoneCall& call = found->second;
         const bool ends = state == LINECALLSTATE_IDLE;
-        if (call.state != state && !(ends && call.is_over())) {
+        // What was seen when the call was new may be further on than what is told now.
+        if (!ends) state = Phone::state_of(handle);
+        if (state != 0 && call.state != state && !(ends && call.is_over())) {
             call.state = state;
             print_change("changed", call);
         }

@@ -154,6 +154,7 @@ private:
     DWORD begin_reading(bool created);
     void close_reader() noexcept;
     void close_both() noexcept;
+    bool has_writer() const noexcept;
     DWORD open_writer();
     DWORD flush_journal(int file, bool folder_too);
 

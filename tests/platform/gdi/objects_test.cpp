@@ -290,6 +290,9 @@ TEST(Objects, AForkedChildMeasuresOn) {
 }
 
 TEST(Objects, ThreeHundredForksUnderLoad) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer allows no threads behind a fork";
+#endif
     const Paper paper;
     const int width = paper.width(u"forked");
     const auto measures = [&] { EXPECT_EQ(paper.width(u"forked"), width); };
