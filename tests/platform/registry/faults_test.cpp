@@ -231,6 +231,35 @@ TEST(Faults, AKeyOfAStoreThatWasSetAsideIsNoKeyOfTheNewOne) {
     EXPECT_EQ(sub_keys(other), Names{});
 }
 
+ZR_CHILD(registry_deep) {
+    create(HKEY_CURRENT_USER, u"a\\b\\c");
+    return 0;
+}
+
+ZR_CHILD(registry_elsewhere) {
+    setenv("ZR_HOME", (sandbox() / "elsewhere").c_str(), 1);
+    return set_dword(create(HKEY_CURRENT_USER, u"other"), u"kept", 1) == kOk ? 0 : 1;
+}
+
+// Who has only read yet opens the file to write when there is another.
+TEST(Faults, AKeyThatWasOnlyReadIsNoKeyOfAStoreInItsPlace) {
+    Child maker("registry_deep");
+    ASSERT_EQ(maker.wait(), 0);
+    Child other_maker("registry_elsewhere");
+    ASSERT_EQ(other_maker.wait(), 0);
+    Key held;
+    ASSERT_EQ(open(HKEY_CURRENT_USER, u"a", held), kOk);
+    ASSERT_EQ(get(held, u"v").result, code(ERROR_FILE_NOT_FOUND));
+    for (const char* beside : {"-wal", "-shm"}) {
+        std::filesystem::remove(file().string() + beside);
+    }
+    std::filesystem::rename(sandbox() / "elsewhere" / "registry.db", file());
+    EXPECT_EQ(set_dword(held, u"v", 1), code(ERROR_KEY_DELETED));
+    const Key other = create(HKEY_CURRENT_USER, u"other");
+    EXPECT_EQ(get_dword(other, u"kept"), 1u);
+    EXPECT_EQ(get(other, u"v").result, code(ERROR_FILE_NOT_FOUND));
+}
+
 // Every path through the keys, for a store whose links go round.
 LONG walk(HKEY root, const std::u16string& path, int& keys) {
     Key key;
@@ -243,11 +272,6 @@ LONG walk(HKEY root, const std::u16string& path, int& keys) {
         if (++keys > 1000) return code(ERROR_CANCELLED);
         if (const LONG below = walk(key, name, keys); below != kOk) return below;
     }
-}
-
-ZR_CHILD(registry_deep) {
-    create(HKEY_CURRENT_USER, u"a\\b\\c");
-    return 0;
 }
 
 TEST(Faults, DamagedLinksOfKeysAreNoticedInBoundedTime) {
