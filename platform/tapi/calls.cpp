@@ -92,9 +92,12 @@ LONG list_new_calls(HLINE handle, LPLINECALLLIST list) {
     const auto lock = exchange.enter();
     const OpenLine* const open = exchange.find_line(handle);
     if (open == nullptr) return LINEERR_INVALLINEHANDLE;
+    // One of those that go out may be the one that the line is about to make, which has a handle already.
+    const bool is_making = exchange.is_making_call(handle);
     std::vector<CallRef> calls;
     for (const auto& [path, call] : open->line->calls) {
         const bool is_live = call->facts.state != 0 && call->facts.state != LINECALLSTATE_IDLE;
+        if (is_making && !call->facts.incoming) continue;
         if (is_live && exchange.handle_of(handle, call) == nullptr) calls.push_back(call);
     }
     std::ranges::sort(calls, {}, &Call::number);

@@ -193,7 +193,8 @@ LONG Exchange::result_of(const VoiceService* service) const noexcept {
 // The end of a bus may not have been noticed yet.
 bool Exchange::is_up_to_date() const noexcept {
     const bool is_quiet = quiet_at_ == told_ && std::chrono::steady_clock::now() < quiet_until_;
-    return (read_at_ == told_ || is_quiet) && may_have_system_bus();
+    // What a reading without memory could not give up is given up by the next.
+    return (read_at_ == told_ || is_quiet) && gone_.empty() && may_have_system_bus();
 }
 
 void Exchange::end_reading() noexcept {

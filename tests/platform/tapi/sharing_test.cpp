@@ -85,6 +85,34 @@ TEST_F(OfonoLines, ShowFollowAnswerAndDropCalls) {
     ASSERT_TRUE(pump_until([&] { return state_of(waiting[0]) == LINECALLSTATE_IDLE; }));
 }
 
+// Whoever looks while the service is at it.
+TEST_F(OfonoLines, GiveACallThatTheyMakeOneHandle) {
+    const LineSession session;
+    const HLINE line = session.open(0, kAnyPrivilege);
+    for (int round = 0; round < 10; ++round) {
+        line_messages().clear();
+        HCALL call = 0;
+        ASSERT_GT(lineMakeCall(line, &call, u"*100#", 0, nullptr), 0);
+        const LineMessage* reply = nullptr;
+        while (reply == nullptr) {
+            EXPECT_TRUE(new_calls(line).empty());
+            for (MSG message; PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE);) {
+                DispatchMessageW(&message);
+            }
+            for (const LineMessage& each : line_messages()) {
+                if (each.message == LINE_REPLY) reply = &each;
+            }
+        }
+        ASSERT_EQ(reply->params[1], 0u);
+        ASSERT_GT(lineDrop(call, nullptr, 0), 0);
+        const auto is_its_end = [call](const LineMessage& each) {
+            return each.device == call && each.params[0] == LINECALLSTATE_IDLE;
+        };
+        EXPECT_NE(await_message(LINE_CALLSTATE, 0, is_its_end), nullptr);
+        EXPECT_EQ(lineDeallocateCall(call), 0);
+    }
+}
+
 TEST_F(OfonoLines, MakeCallsComeAndGo) {
     const LineSession session;
     const HLINE line = session.open(0, LINECALLPRIVILEGE_NONE);
