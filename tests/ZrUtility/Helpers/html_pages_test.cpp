@@ -45,16 +45,6 @@ protected:
         EXPECT_NE(control, nullptr);
     }
     ~HtmlPages() override { DestroyWindow(owner); }
-    void SetUp() override {
-        const bool shown = SendMessageW(control, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(u"")) != FALSE;
-        const DWORD error = GetLastError();
-        SendMessageW(control, DTM_CLEAR, 0, 0);
-        if (shown || error != ERROR_MOD_NOT_FOUND) return;
-        WCHAR trouble[512] = {};
-        ZrHtmlTrouble(trouble, 512);
-        GTEST_SKIP() << std::string(trouble, trouble + wcslen(trouble));
-    }
-
     // Handles messages until it is so.
     template <class Condition>
     bool pumped_until(Condition is_so) {
