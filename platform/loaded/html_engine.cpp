@@ -25,6 +25,7 @@
 #include <memory>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "html/engine_protocol.h"
@@ -264,8 +265,9 @@ struct Page {
     WebKitWebView* view = nullptr;
     GtkWidget* window = nullptr;
     std::uint32_t document = 0;
-    enum class Stage { Asked, Started, Committed, Done } stage = Stage::Done;
+    enum class Stage { Asked, Started, Committed, Done, Failed } stage = Stage::Done;
     bool strays = false;  // the load that goes on is none of the control's
+    bool told_ready = false;
     bool remote = false;
     std::string told_title;
     std::uint32_t last_cookie = 0;
@@ -342,12 +344,16 @@ void evaluate(FrameReader& frame, const char* world, GAsyncReadyCallback done) {
 
 // ---- Loading ----
 
+void tell_ready() {
+    if (!std::exchange(page.told_ready, true)) tell(EngineFrame::Ready, page.document, "");
+}
+
 void became_ready(GObject*, GAsyncResult* result, gpointer data) {
     const auto document = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(data));
     GError* failed = nullptr;
     const Owned<JSCValue> value(webkit_web_view_call_async_javascript_function_finish(page.view, result, &failed));
     const Error error(failed);
-    if (value && document == page.document) tell(EngineFrame::Ready, document, "");
+    if (value && document == page.document) tell_ready();
 }
 
 void wait_until_ready() {
@@ -377,12 +383,14 @@ void completed(GObject*, GAsyncResult* result, gpointer data) {
     const Error error(failed);
     if (document != page.document) return;
     if (title) tell_title(bytes_of(title.get()));
+    // The answer that its elements are there may come later than this one.
+    if (title && page.stage == Page::Stage::Done) tell_ready();
     tell(EngineFrame::Complete, document, "");
 }
 
 // The title, which may come later by itself, is told before the end.
 void complete() {
-    page.stage = Page::Stage::Done;
+    page.stage = page.stage == Page::Stage::Committed ? Page::Stage::Done : Page::Stage::Failed;
     run("document.title", kWorld, completed, reinterpret_cast<gpointer>(static_cast<std::uintptr_t>(page.document)));
 }
 
@@ -406,9 +414,8 @@ void load_changed(WebKitWebView*, WebKitLoadEvent event, gpointer) {
         page.stage = Page::Stage::Committed;
         wait_until_ready();
     }
-    if (event == WEBKIT_LOAD_FINISHED && page.stage != Page::Stage::Asked && page.stage != Page::Stage::Done) {
-        complete();
-    }
+    const bool goes_on = page.stage == Page::Stage::Started || page.stage == Page::Stage::Committed;
+    if (event == WEBKIT_LOAD_FINISHED && goes_on) complete();
 }
 
 // No page that says so instead.
@@ -440,6 +447,7 @@ std::uint32_t begin_document(FrameReader& frame) {
     webkit_settings_set_enable_javascript_markup(settings, (flags & kEngineScripts) != 0);
     page.stage = Page::Stage::Asked;
     page.strays = false;
+    page.told_ready = false;
     page.told_title.clear();
     return flags;
 }

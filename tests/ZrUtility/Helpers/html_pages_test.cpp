@@ -15,6 +15,7 @@
 #include "platform/html.h"
 #include "platform/windowing.h"
 #include "support/com_ptr.h"
+#include "support/html_engine.h"
 
 namespace {
 
@@ -45,6 +46,8 @@ protected:
         EXPECT_NE(control, nullptr);
     }
     ~HtmlPages() override { DestroyWindow(owner); }
+    void SetUp() override { ZR_MAY_SHOW_DOCUMENTS(); }
+
     // Handles messages until it is so.
     template <class Condition>
     bool pumped_until(Condition is_so) {
