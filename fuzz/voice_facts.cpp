@@ -26,9 +26,11 @@ public:
 
     BusValue value(int depth = 0) {
         BusValue made;
-        if (rest_.empty() || depth > kDeepest) return made;
-        made.type = rest_.front();
+        if (rest_.empty()) return made;
+        const char type = rest_.front();
         rest_.remove_prefix(1);
+        if (depth > kDeepest) return made;
+        made.type = type;
         switch (made.type) {
             case 's':
             case 'o':
