@@ -2,6 +2,7 @@
 
 // Names of members and their identifiers, the same for all objects of the process. Any thread.
 
+#include <mutex>
 #include <string>
 #include <string_view>
 
