@@ -68,6 +68,10 @@ target_compile_options(zr_settings INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:UN
 # Unique symbols would keep a library in memory after dlclose; the static objects of ZrUtility must end with it.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(zr_settings INTERFACE -fno-gnu-unique)
+  # It notes on 32-bit ARM what versions before 7.1 would have passed differently.
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+    target_compile_options(zr_settings INTERFACE -Wno-psabi)
+  endif()
   # GCC 12 sees overlapping copies in optimised string concatenations of its own library that cannot be.
   if(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(zr_settings INTERFACE -Wno-restrict)

@@ -55,7 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (zr::MboxMessage message; reader.next(message); before = reader.position()) {
         check(message.begin >= before && message.begin <= message.end && message.end <= size);
         check(reader.position() > before && reader.position() >= message.end);
-        const std::string_view raw = mbox.substr(message.begin, message.end - message.begin);
+        const auto begin = static_cast<std::size_t>(message.begin);
+        const std::string_view raw = mbox.substr(begin, static_cast<std::size_t>(message.end) - begin);
         const std::string bytes = bytes_of(zr::message_bytes(read, message));
         check(message.quoted != zr::MboxMessage::Quoted::None ? bytes.size() <= raw.size() : bytes == raw);
 

@@ -364,13 +364,14 @@ TEST_F(LogFileTest, ReaderGoesOnWithWhatWasWrittenMeanwhile) {
 TEST_F(LogFileTest, PassesOverWhatIsNoRecord) {
     ASSERT_TRUE(zrLogSetFile(path_.c_str()));
     std::vector<std::size_t> ends;
+    const auto note_end = [&] { ends.push_back(static_cast<std::size_t>(fs::file_size(path_))); };
     for (int i = 0; i < 10; ++i) {
         zrKelDebugBinLog0("s", i, 1);
-        ends.push_back(fs::file_size(path_));
+        note_end();
     }
     const std::string large(20000, 'x');
     zrKelDebugBinBuffer("s", 10, 1, large.data(), large.size());
-    ends.push_back(fs::file_size(path_));
+    note_end();
     zrKelDebugBinLog0("s", 11, 1);
     zrLogSetFile(nullptr);
     const std::string whole = bytes_of(path_);

@@ -36,6 +36,7 @@ struct MapFields {
     int count;
     int threshold;
     int capacity;
+    int columns;
 };
 static_assert(sizeof(MapFields) == sizeof(ZrLLHashMap));
 
@@ -160,8 +161,8 @@ TEST(ZrLLHashMap, TellsWideKeysApart) {
 TEST(ZrLLHashMap, SpreadsWideKeys) {
     if (sizeof(void*) == 4) GTEST_SKIP() << "no such keys";
     ZrLLHashMap map(1001);
-    for (std::intptr_t key = 1; key <= 100; ++key) {
-        map.put(as(key * (std::intptr_t{1} << 32)), as(key));
+    for (int key = 1; key <= 100; ++key) {
+        map.put(as(static_cast<std::intptr_t>(std::int64_t{key} * (std::int64_t{1} << 32))), as(key));
     }
     const MapFields fields = fieldsOf(map);
     int homes = 0;

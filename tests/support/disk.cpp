@@ -15,7 +15,7 @@ namespace {
 std::string content(const std::string& path) {
     std::error_code error;
     const std::uintmax_t size = std::filesystem::file_size(path, error);
-    std::string bytes(error ? 0 : size, '\0');
+    std::string bytes(error ? 0 : static_cast<std::size_t>(size), '\0');
     std::ifstream(path, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     return bytes;
 }

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -36,7 +37,7 @@ public:
     bool has_mark() const { return has_mark_; }  // whether the text begins with a byte-order mark
     bool is_utf16() const { return encoding_ == Encoding::Utf16Le || encoding_ == Encoding::Utf16Be; }
     int error() const { return error_; }  // errno of a failed read, else 0
-    std::size_t bytes_read() const { return bytes_read_; }
+    std::uint64_t bytes_read() const { return bytes_read_; }
 
 private:
     enum class Encoding { Unknown, Bytes, Utf16Le, Utf16Be };
@@ -62,7 +63,7 @@ private:
     bool skipping_ = false;
     long number_ = 0;
     int error_ = 0;
-    std::size_t bytes_read_ = 0;
+    std::uint64_t bytes_read_ = 0;
 };
 
 }  // namespace zr

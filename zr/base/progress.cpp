@@ -22,7 +22,7 @@ Progress::~Progress() {
     clear();
 }
 
-void Progress::show(const std::string& what, std::size_t done, std::size_t total, long count) {
+void Progress::show(const std::string& what, std::uint64_t done, std::uint64_t total, long count) {
     if (!on_) return;
     const auto now = std::chrono::steady_clock::now();
     if (now < next_) return;

@@ -3,7 +3,7 @@
 // A progress bar on standard error, when that is a terminal, and nothing otherwise.
 
 #include <chrono>
-#include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace zr {
@@ -17,7 +17,7 @@ public:
     Progress& operator=(const Progress&) = delete;
 
     // `total` 0: unknown, only `count` is shown. Cheap to call often.
-    void show(const std::string& what, std::size_t done, std::size_t total, long count);
+    void show(const std::string& what, std::uint64_t done, std::uint64_t total, long count);
     // Takes the bar away, so that another line can be printed.
     void clear();
 

@@ -122,11 +122,11 @@ void Import::note_refused(const std::string& name, const std::string& why) {
         problems_.add({{"item", name}, {"reason", why}, {"effect", std::string(words_.made) + " left out"}});
 }
 
-void Import::show(const InputFile& file, std::size_t bytes_read, std::size_t waiting) {
-    show(file.name(), bytes_read, static_cast<std::size_t>(file.size()), waiting);
+void Import::show(const InputFile& file, std::uint64_t bytes_read, std::size_t waiting) {
+    show(file.name(), bytes_read, static_cast<std::uint64_t>(file.size()), waiting);
 }
 
-void Import::show(const std::string& what, std::size_t done, std::size_t total, std::size_t waiting) {
+void Import::show(const std::string& what, std::uint64_t done, std::uint64_t total, std::size_t waiting) {
     progress_.show(what, done, total, imported_ + static_cast<long>(waiting));
 }
 

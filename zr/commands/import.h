@@ -82,8 +82,8 @@ protected:
     void note_updated() { ++updated_; }  // an item that was there, and is another one now
     // A file that cannot be read, which does not end the import.
     void note_unreadable(const Failure& failure);
-    void show(const InputFile& file, std::size_t bytes_read, std::size_t waiting);
-    void show(const std::string& what, std::size_t done, std::size_t total, std::size_t waiting);
+    void show(const InputFile& file, std::uint64_t bytes_read, std::size_t waiting);
+    void show(const std::string& what, std::uint64_t done, std::uint64_t total, std::size_t waiting);
 
 private:
     void read_folder(const std::string& path);

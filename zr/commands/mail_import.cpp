@@ -117,7 +117,7 @@ void MailImport::read_mbox(int fd, const std::string& name) {
     const ReadAtFunction read = read_at_descriptor(fd);
     MboxReader reader(read, mbox_of(options_.mbox).value_or(Mbox::Guess));
     struct stat status = {};
-    const auto total = ::fstat(fd, &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+    const auto total = ::fstat(fd, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
     long number = 0;
     for (MboxMessage message; reader.next(message);) {
         Arrival arrival;

@@ -199,7 +199,7 @@ void RegImport::look_at(Source& source) {
             complain(source.name() + ": given up");
             break;
         }
-        progress_.show(source.name(), lines.bytes_read(), static_cast<std::size_t>(source.size()),
+        progress_.show(source.name(), lines.bytes_read(), static_cast<std::uint64_t>(source.size()),
                        counts_.keys + source.counts.keys);
     }
     if (lines.error() != 0) {

@@ -111,9 +111,9 @@ ReadAtFunction read_at_descriptor(int fd) {
 ReadAtFunction read_at_memory(std::string_view bytes) {
     return [bytes](char* buffer, std::size_t size, std::uint64_t at) -> ssize_t {
         if (at >= bytes.size()) return 0;
-        const std::size_t count = std::min<std::size_t>(size, bytes.size() - at);
-        std::memcpy(buffer, bytes.data() + at, count);
-        return static_cast<ssize_t>(count);
+        const std::string_view there = bytes.substr(static_cast<std::size_t>(at), size);
+        std::memcpy(buffer, there.data(), there.size());
+        return static_cast<ssize_t>(there.size());
     };
 }
 
@@ -132,7 +132,8 @@ struct MboxReader::Window {
     // What is there from a place on, when that is enough to go on with.
     std::string_view from(std::uint64_t place) const {
         if (place < at || place >= at + size) return {};
-        const std::string_view there(bytes.data() + (place - at), size - (place - at));
+        const std::string_view there =
+            std::string_view(bytes.data(), size).substr(static_cast<std::size_t>(place - at));
         return there.size() < kLongestSeparator ? std::string_view() : there;
     }
 };

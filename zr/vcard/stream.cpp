@@ -73,7 +73,7 @@ void CardStream::run() {
 bool CardStream::read(Part& part) {
     std::vector<Problem> problems;
     Card card;
-    const std::size_t begin = lines_.bytes_read();
+    const std::uint64_t begin = lines_.bytes_read();
     while (part.cards.size() + part.notes.size() < kPartCards && lines_.bytes_read() - begin < kPartBytes) {
         const CardReader::Result result = reader_.next(card, problems);
         if (result == CardReader::Result::End) break;

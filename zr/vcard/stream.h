@@ -10,6 +10,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <exception>
 #include <mutex>
@@ -32,7 +33,7 @@ public:
     struct Part {
         std::vector<Card> cards;
         std::vector<Note> notes;
-        std::size_t bytes_read = 0;  // of the file, up to here
+        std::uint64_t bytes_read = 0;  // of the file, up to here
     };
 
     // The caller keeps both open as long as this. What can be read ends when `end` becomes readable; -1: at the end.

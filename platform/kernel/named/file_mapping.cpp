@@ -37,9 +37,7 @@ public:
 
     // After it has become a member. An error code: without contents there is no mapping.
     DWORD open_contents() noexcept {
-        if (inode_ == 0)
-            return error_from_errno(
-                memory_.open(static_cast<int>(contents_), static_cast<std::size_t>(whole_pages(bytes_))));
+        if (inode_ == 0) return open_memory();
         own_ = open_own_file(may_write(protection()) ? O_RDWR : O_RDONLY);
         if (!own_) return error_from_errno(errno);
         struct stat status {};
@@ -65,6 +63,13 @@ protected:
     }
 
 private:
+    DWORD open_memory() noexcept {
+        // A process with long addresses makes more than one with short ones can have.
+        const std::uint64_t pages = whole_pages(bytes_);
+        if (pages > std::numeric_limits<std::size_t>::max() / 2) return ERROR_NOT_ENOUGH_MEMORY;
+        return error_from_errno(memory_.open(static_cast<int>(contents_), static_cast<std::size_t>(pages)));
+    }
+
     HostFd open_own_file(int flags) const noexcept {
         try {
             return open_host(member_.session().region().contents_path(contents_).c_str(), flags);

@@ -24,8 +24,8 @@ bool is_mapped(const void* address) {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
         std::size_t used = 0;
-        const std::uintptr_t begin = std::stoull(line, &used, 16);
-        const std::uintptr_t end = std::stoull(line.substr(used + 1), nullptr, 16);
+        const std::uintptr_t begin = std::stoul(line, &used, 16);
+        const std::uintptr_t end = std::stoul(line.substr(used + 1), nullptr, 16);
         if (begin <= wanted && wanted < end) return true;
     }
     return false;

@@ -329,7 +329,7 @@ TEST(Format, FloatsWithExponentsAgreeWithTheCLibrary) {
 TEST(Format, StringsAgreeWithTheCLibrary) {
     std::mt19937_64 random(8);
     for (int i = 0; i < 30000; ++i) {
-        std::string text(random() % 40, 'a');
+        std::string text(static_cast<std::size_t>(random() % 40), 'a');
         for (char& character : text) {
             character = static_cast<char>(32 + random() % 95);
         }

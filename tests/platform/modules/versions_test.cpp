@@ -1,5 +1,5 @@
-#include <elf.h>
 #include <gtest/gtest.h>
+#include <link.h>
 
 #include <cstring>
 #include <fstream>
@@ -103,10 +103,10 @@ TEST(Versions, HeadersThatLie) {
     const ModuleFolder folder;
     folder.add("seven", "a.so");
     const std::vector<char> whole = bytes_of(folder.host() / "a.so");
-    Elf64_Ehdr header;
+    ElfW(Ehdr) header;
     ASSERT_GE(whole.size(), sizeof header);
     std::memcpy(&header, whole.data(), sizeof header);
-    const std::size_t headers_end = header.e_phoff + header.e_phnum * sizeof(Elf64_Phdr);
+    const auto headers_end = static_cast<std::size_t>(header.e_phoff + header.e_phnum * sizeof(ElfW(Phdr)));
     std::mt19937 random(1);
     int found = 0;
     for (int round = 0; round < 500; ++round) {
@@ -114,7 +114,7 @@ TEST(Versions, HeadersThatLie) {
         for (int i = 0; i < 3; ++i) {
             // In the headers, or in the notes that follow them closely.
             const std::size_t at = 16 + random() % (headers_end + 600 - 16);
-            const char values[] = {0, 1, -1, 127, static_cast<char>(random())};
+            const char values[] = {0, 1, '\xFF', 127, static_cast<char>(random())};
             if (at < bytes.size()) bytes[at] = values[random() % 5];
         }
         put(folder.host() / "lies.so", bytes);

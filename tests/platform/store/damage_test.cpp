@@ -399,7 +399,7 @@ TYPED_TEST(Damage, AFlippedBitInAnOpenStoreIsNeverReadAsData) {
         ASSERT_EQ(holder.hear(), "ready");
         for (int k = 0; k < 10; ++k) {
             const fs::path path = random() % 4 == 0 ? this->file() : this->journal();
-            const std::size_t bit = random() % (fs::file_size(path) * 8);
+            const std::uintmax_t bit = random() % (fs::file_size(path) * 8);
             std::fstream stream(path, std::ios::in | std::ios::out | std::ios::binary);
             stream.seekg(static_cast<std::streamoff>(bit / 8));
             const int byte = stream.get();

@@ -47,7 +47,7 @@ TEST(CardStream, GivesEveryCardInOrder) {
     CardStream::Part part;
     int next = 0;
     std::size_t notes = 0;
-    std::size_t bytes = 0;
+    std::uint64_t bytes = 0;
     while (cards.next(part)) {
         for (const zr::Card& card : part.cards) {
             ASSERT_EQ(card[zr::Field::FileAs], "Person " + std::to_string(next));
