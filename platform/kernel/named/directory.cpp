@@ -240,7 +240,7 @@ void clear_place(Region& region, std::uint32_t place) noexcept {
     clear_objects(region, place);
     wake_notified(region);
     // A thread that was killed before it passed on a call that the lock is free may have left sleepers on it.
-    region.wake_lock_waiters();
+    region.header().lock.wake_waiters();
     clear_files(region, place);
     process.generation.store((process.generation.load(std::memory_order_relaxed) + 1) & kProcessGenerationMask,
                              std::memory_order_relaxed);

@@ -6,12 +6,16 @@
 // store: `state` of an entry says whether the rest of it counts. Everything else here (the links of queues and of hash
 // chains, hints, the mark of waiters) is derived from the facts and made anew by whoever finds the lock left by a dead
 // owner. Fields are guarded by the header's lock; those that are also touched without it are atomic.
-
-#include <pthread.h>
+//
+// Processes with addresses of 32 and of 64 bits share it, so nothing here has another size or place in one of them: no
+// pointers, no size_t, nothing of the C library's, and fields of 8 bytes where no padding is needed before them (x86
+// aligns them by 4 within structures, ARM by 8). The assertions below say so.
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+
+#include "named/robust_lock.h"
 
 namespace zr::platform::named {
 
@@ -23,9 +27,11 @@ inline constexpr std::uint32_t kBuckets = 4096;
 inline constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
 inline constexpr std::uint64_t kMagic = 0x31626F2D6D616E7A;
-inline constexpr const char* kFileName = sizeof(void*) == 8 ? "objects-4-64" : "objects-4-32";
+inline constexpr const char* kFileName = "objects-5";
 
-static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
+// Another process would know nothing of a lock that stood beside an atomic.
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free && std::atomic<std::uint32_t>::is_always_lock_free);
+static_assert(alignof(std::atomic<std::uint64_t>) == 8);
 
 // --- The state word of an object -------------------------------------------------------------------------------------
 //
@@ -63,17 +69,19 @@ constexpr std::uint32_t owner_tid(std::uint64_t word) noexcept {
 
 // --- Processes -------------------------------------------------------------------------------------------------------
 
-// A place that a process takes at its first use of named objects. `life` is a robust lock that a thread of the process
-// holds for as long as the process lives: the kernel marks it when the process ends, and wakes who sleeps on it.
+// A place that a process takes at its first use of named objects. `life` is the word of a robust lock that a thread of
+// the process holds for as long as the process lives (named/robust_lock.h): the kernel marks it when the process ends,
+// and wakes who sleeps on it.
 struct alignas(64) Process {
     enum State : std::uint32_t { Vacant, Taken };
 
-    pthread_mutex_t life;
+    std::atomic<std::uint32_t> life;
     std::atomic<std::uint32_t> state;
     std::atomic<std::uint32_t> generation;  // counts up when the place is given back
     std::atomic<std::uint32_t> id;
     std::atomic<std::uint64_t> birth;  // no two processes have the same; modulo kProcesses it is the place
 };
+static_assert(sizeof(Process) == 64 && offsetof(Process, birth) == 16);
 
 // --- Objects ---------------------------------------------------------------------------------------------------------
 
@@ -81,7 +89,7 @@ enum class Kind : std::uint32_t { Event, Mutex, FileMapping, Semaphore, Timer };
 
 // Which processes ...
 struct ProcessSet {
-    std::uint64_t bits[kProcesses / 64];
+    alignas(8) std::uint64_t bits[kProcesses / 64];
 
     void add(std::uint32_t place) noexcept { bits[place / 64] |= std::uint64_t{1} << place % 64; }
     void remove(std::uint32_t place) noexcept { bits[place / 64] &= ~(std::uint64_t{1} << place % 64); }
@@ -123,6 +131,8 @@ struct alignas(64) Object {
     ProcessSet used;           // ... have a handle, wait for it or own it
     char16_t name[kInlineName];
 };
+static_assert(sizeof(Object) == 256 && offsetof(Object, size) == 48 && offsetof(Object, protection) == 80 &&
+              offsetof(Object, open) == 88 && offsetof(Object, used) == 152 && offsetof(Object, name) == 216);
 
 // A piece of a long name.
 struct NameCell {
@@ -130,6 +140,7 @@ struct NameCell {
     std::uint32_t next;
     char16_t text[60];
 };
+static_assert(sizeof(NameCell) == 128 && offsetof(NameCell, text) == 8);
 
 // --- Sleepers --------------------------------------------------------------------------------------------------------
 
@@ -164,6 +175,8 @@ struct alignas(64) Sleeper {
     std::uint64_t ticket;  // who began to wait earlier has a lower one
     Block blocks[kBlocks];
 };
+static_assert(sizeof(Block) == 20);
+static_assert(sizeof(Sleeper) == 1344 && offsetof(Sleeper, ticket) == 40 && offsetof(Sleeper, blocks) == 48);
 
 // --- The header ------------------------------------------------------------------------------------------------------
 
@@ -172,7 +185,8 @@ inline constexpr std::uint32_t kTables = 3;
 
 struct Header {
     std::atomic<std::uint64_t> magic;  // written last
-    pthread_mutex_t lock;
+    RobustLock lock;
+    std::uint32_t unused;
     std::uint64_t tickets;
     std::uint64_t births;                                 // how many took a place
     std::uint64_t contents;                               // the last number given to a link to a file
@@ -186,5 +200,7 @@ struct Header {
 inline constexpr std::uint32_t kFirstSegment = 2;  // behind the header and the processes
 inline constexpr std::size_t kWholeSize = std::size_t{kSegment} * (kFirstSegment + kTables * kChunks);
 static_assert(sizeof(Header) <= kSegment && sizeof(Process) * kProcesses <= kSegment);
+static_assert(offsetof(Header, lock) == 8 && offsetof(Header, tickets) == 16 && offsetof(Header, timers) == 40 &&
+              offsetof(Header, chunks) == 60 && offsetof(Header, buckets) == 3132 && sizeof(Header) == 19520);
 
 }  // namespace zr::platform::named

@@ -18,17 +18,6 @@ void remove_contents(const std::string& folder) noexcept {
 
 }  // namespace
 
-int make_shared_lock(pthread_mutex_t& lock) noexcept {
-    pthread_mutexattr_t attributes;
-    int error = pthread_mutexattr_init(&attributes);
-    if (error != 0) return error;
-    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-    error = pthread_mutex_init(&lock, &attributes);
-    pthread_mutexattr_destroy(&attributes);
-    return error;
-}
-
 int Region::attach(const FileLock& lock, const std::string& folder, bool make) noexcept {
     try {
         folder_ = folder;
@@ -46,9 +35,8 @@ int Region::attach(const FileLock& lock, const std::string& folder, bool make) n
     error = memory_.make(lock, kWholeSize);
     if (error != 0) return error;
     base_ = static_cast<char*>(memory_.data());
-    error = initialise();
-    if (error != 0) detach();
-    return error;
+    initialise();
+    return 0;
 }
 
 void Region::detach() noexcept {
@@ -63,13 +51,11 @@ bool Region::anybody_lives() const noexcept {
     return false;
 }
 
-int Region::initialise() noexcept {
+void Region::initialise() noexcept {
     remove_contents(folder_);
     header().segments.store(kFirstSegment, std::memory_order_relaxed);
     std::memset(header().buckets, 0xFF, sizeof header().buckets);
-    const int error = make_shared_lock(header().lock);
-    if (error == 0) header().magic.store(kMagic, std::memory_order_release);
-    return error;
+    header().magic.store(kMagic, std::memory_order_release);
 }
 
 // One more segment for a table.
@@ -86,14 +72,9 @@ int Region::grow(Table table) noexcept {
     return 0;
 }
 
-std::atomic<std::uint32_t>& Region::life(std::uint32_t place) const noexcept {
-    // The C library keeps the word that the kernel knows at the lock's beginning.
-    return *reinterpret_cast<std::atomic<std::uint32_t>*>(&process(place).life.__data.__lock);
-}
-
 bool Region::lives(std::uint32_t place) const noexcept {
     if (process(place).state.load(std::memory_order_acquire) != Process::Taken) return false;
-    const std::uint32_t word = life(place).load(std::memory_order_acquire);
+    const std::uint32_t word = process(place).life.load(std::memory_order_acquire);
     return (word & FUTEX_TID_MASK) != 0 && (word & FUTEX_OWNER_DIED) == 0;
 }
 
@@ -112,17 +93,7 @@ std::string Region::contents_path(std::uint64_t number) const {
 }
 
 Hold::Hold(Region& region) noexcept : region_(region) {
-    pthread_mutex_t& lock = region.header().lock;
-    int result = EBUSY;
-    // Held for a microsecond as a rule: less than falling asleep costs.
-    for (int i = 0; i < 100 && result == EBUSY; ++i) {
-        if (i > 0) cpu_relax();
-        result = pthread_mutex_trylock(&lock);
-    }
-    if (result == EBUSY) result = pthread_mutex_lock(&lock);
-    if (result != EOWNERDEAD) return;
-    repair(region);
-    pthread_mutex_consistent(&lock);
+    if (region.header().lock.take() == RobustLock::Found::Left) repair(region);
 }
 
 // Should this thread be killed before it has woken everybody, who clears up after it does.
@@ -130,7 +101,7 @@ Hold::~Hold() {
     const void* words[Region::kMostToWake];
     const std::uint32_t count = std::exchange(region_.to_wake_count_, 0);
     std::copy_n(region_.to_wake_, count, words);
-    pthread_mutex_unlock(&region_.header().lock);
+    region_.header().lock.give_back();
     for (std::uint32_t i = 0; i < count; ++i) {
         futex_wake(words[i], kEverybody, FutexScope::Shared);
     }

@@ -87,20 +87,12 @@ public:
     // Whether the process of that birth does.
     bool lives_by_birth(std::uint64_t birth) const noexcept;
 
-    // The word of a process's life lock: its holder's thread identifier, marked by the kernel when that ends.
-    std::atomic<std::uint32_t>& life(std::uint32_t place) const noexcept;
-
     // Who watches that process looks again what to do, whether it is about to sleep or sleeps: it does so while the
     // mark of waiters is in the word.
     void wake_watch_of(std::uint32_t place) const noexcept {
-        std::atomic<std::uint32_t>& word = life(place);
+        std::atomic<std::uint32_t>& word = process(place).life;
         word.fetch_and(~std::uint32_t{FUTEX_WAITERS}, std::memory_order_acq_rel);
         futex_wake(&word, kEverybody, FutexScope::Shared);
-    }
-
-    // Lets all who sleep on the lock try again, who will see to it that one of them is called when it is free.
-    void wake_lock_waiters() const noexcept {
-        futex_wake(&header().lock.__data.__lock, kEverybody, FutexScope::Shared);
     }
 
     // A word to wake a sleeper on once the lock has been given back, so that the sleeper does not run into it. With the
@@ -116,7 +108,7 @@ public:
     std::string contents_path(std::uint64_t number) const;
 
 private:
-    int initialise() noexcept;
+    void initialise() noexcept;
     int grow(Table table) noexcept;
     bool anybody_lives() const noexcept;
 
@@ -129,9 +121,6 @@ private:
     std::uint32_t to_wake_count_ = 0;
     std::string folder_;
 };
-
-// A robust lock for all processes. 0 or an error number.
-int make_shared_lock(pthread_mutex_t& lock) noexcept;
 
 // Holds the region's lock. Who finds it left by a thread that was killed repairs the region first.
 class Hold {

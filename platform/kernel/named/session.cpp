@@ -1,6 +1,5 @@
 #include "named/session.h"
 
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -92,7 +91,8 @@ bool Session::take_place() noexcept {
         generation_ = process.generation.load(std::memory_order_relaxed);
         birth_ = ++region_.header().births * kProcesses + place_;
         process.birth.store(birth_, std::memory_order_relaxed);
-        return make_shared_lock(process.life) == 0;
+        process.life.store(0, std::memory_order_relaxed);
+        return true;
     }
     return false;
 }
@@ -109,7 +109,7 @@ bool Session::start_watch() noexcept {
 void Session::live(void* argument) {
     Session& self = *static_cast<Session*>(argument);
     Process& process = self.region_.process(self.place_);
-    pthread_mutex_lock(&process.life);
+    self.lives_.begin(process.life);
     {
         const Hold hold(self.region_);
         process.state.store(Process::Taken, std::memory_order_release);
@@ -139,7 +139,7 @@ void Session::watch() noexcept {
             clear_place(region_, next);
             continue;
         }
-        std::atomic<std::uint32_t>& word = region_.life(next);
+        std::atomic<std::uint32_t>& word = region_.process(next).life;
         std::uint32_t seen = word.load(std::memory_order_acquire);
         // A lock that nobody holds must not be marked: who takes the place just now would wait for its own lock.
         if ((seen & FUTEX_OWNER_DIED) != 0 || (seen & FUTEX_TID_MASK) == 0) continue;
@@ -154,7 +154,7 @@ SessionHold::SessionHold(Session& session) noexcept : Hold(session.region()) {
     const Process& process = session.region().process(session.place());
     if (process.generation.load(std::memory_order_relaxed) == session.generation()) return;
     // Others have been told that this process ended: it is being killed, and this thread just has not noticed yet.
-    pthread_mutex_unlock(&session.region().header().lock);
+    session.region().header().lock.give_back();
     for (;;) {
         pause();
     }
@@ -236,6 +236,7 @@ void at_fork::unlock_session() noexcept {
 
 // The child is a process of its own, without a place: the next use of a named object begins a session for it.
 void at_fork::forget_session() noexcept {
+    named::forget_thread();
     if (named::Session* const parents = named::the_session.exchange(nullptr)) named::inherited = parents;
 }
 

@@ -58,6 +58,7 @@ private:
     std::uint32_t place_ = 0;
     std::uint32_t generation_ = 0;
     std::uint64_t birth_ = 0;
+    LifeHold lives_;
     Worker life_{"zr-named"};
     std::atomic<std::uint32_t> watching_{0};
 };

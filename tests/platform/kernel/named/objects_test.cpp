@@ -95,7 +95,7 @@ TEST(Named, AnyTextIsAName) {
         u"e\u0301",
         u"a%sb",
         u"new.0.0.",
-        u"objects-4-64",
+        u"objects-5",
         u"mapping.1",
         std::u16string(28, u'n'),
         std::u16string(29, u'n'),
