@@ -14,7 +14,8 @@
 
 namespace zr::platform {
 
-inline constexpr std::size_t kUnit = 16;
+// As malloc aligns, at least.
+inline constexpr std::size_t kUnit = 2 * sizeof(void*);
 
 struct alignas(kUnit) BlockHeader {
     std::size_t size;     // as asked for, shifted left by one; the lowest bit says whether there is slack

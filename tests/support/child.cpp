@@ -49,7 +49,7 @@ ChildRegistration::ChildRegistration(const char* name, ChildFunction function) {
     functions()[name] = function;
 }
 
-Child::Child(const std::string& function, const std::vector<std::string>& args) {
+Child::Child(const std::string& function, const std::vector<std::string>& args, const std::string& program) {
     if (!functions().contains(function)) throw std::runtime_error("no child function " + function);
     int in[2];
     int out[2];
@@ -58,14 +58,14 @@ Child::Child(const std::string& function, const std::vector<std::string>& args) 
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    std::vector<std::string> words = {"/proc/self/exe", kFlag, function};
+    std::vector<std::string> words = {program, kFlag, function};
     words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    const int error = posix_spawn(&pid_, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+    const int error = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(in[0]);
     close(out[1]);

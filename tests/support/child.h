@@ -21,7 +21,9 @@ namespace zr::test {
 
 class Child {
 public:
-    explicit Child(const std::string& function, const std::vector<std::string>& args = {});
+    // `program` may be this test program built for another architecture.
+    explicit Child(const std::string& function, const std::vector<std::string>& args = {},
+                   const std::string& program = "/proc/self/exe");
     ~Child();  // kills and reaps what still runs
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
