@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -103,7 +102,8 @@ ZR_CHILD(log_beside) {
 }
 
 TEST(Widths, ALogIsWrittenByBothAndReadByBoth) {
-    const std::string path = (sandbox() / "widths.zrlog").string();
+    const TempFolder folder;
+    const std::string path = (folder.host() / "widths.zrlog").string();
     Other other("log_beside");
     other.begin(path);
     ASSERT_TRUE(zrLogSetFile(path.c_str()));
@@ -160,6 +160,7 @@ ZR_CHILD(registry_beside) {
 }
 
 TEST(Widths, ARegistryIsChangedByBothAndSeenByBoth) {
+    RegDeleteKeyW(HKEY_CURRENT_USER, u"Software\\Widths");
     const HKEY key = shared_key();
     ASSERT_NE(key, nullptr);
     Other other("registry_beside");
@@ -210,6 +211,10 @@ ZR_CHILD(contacts_beside) {
 
 TEST(Widths, ContactsAreAddedByBothAndSeenByBoth) {
     TestSession session;
+    const auto items = session.items();
+    while (count(*items.get()) > 0) {
+        ASSERT_EQ(items->Remove(1), S_OK);
+    }
     Other other("contacts_beside");
     other.begin("add");
     add_contacts(session, u"First");
@@ -277,7 +282,7 @@ ZR_CHILD(objects_beside) {
 TEST(Widths, NamedObjectsAreTheSameForBoth) {
     Objects objects;
     ASSERT_NE(objects.shared, nullptr);
-    std::strcpy(objects.shared->text, "from the first");
+    *objects.shared = {0, "from the first"};
     Other other("objects_beside");
     ASSERT_EQ(other.end(), "from the first");
     other.begin("count");
