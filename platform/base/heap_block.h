@@ -6,6 +6,7 @@
 // foreign or freed pointer is told apart. The slack is 0 or kUnit bytes, chosen so that no block begins on a page:
 // a pointer that does cannot be ours, and the page before it, which may not exist, is never read.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -15,7 +16,7 @@
 namespace zr::platform {
 
 // As malloc aligns, at least.
-inline constexpr std::size_t kUnit = 2 * sizeof(void*);
+inline constexpr std::size_t kUnit = std::max(2 * sizeof(void*), alignof(std::max_align_t));
 
 struct alignas(kUnit) BlockHeader {
     std::size_t size;     // as asked for, shifted left by one; the lowest bit says whether there is slack

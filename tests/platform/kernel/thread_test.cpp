@@ -63,7 +63,7 @@ TEST(Thread, BadArguments) {
     EXPECT_EQ(CreateThread(nullptr, 0, routine, nullptr, 0x80000000, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
     const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
-    EXPECT_EQ(CreateThread(nullptr, SIZE_MAX / 4, routine, nullptr, 0, nullptr), nullptr);
+    EXPECT_EQ(CreateThread(nullptr, SIZE_MAX / 8 * 7, routine, nullptr, 0, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_EQ(CreateThread(nullptr, SIZE_MAX, routine, nullptr, 0, nullptr), nullptr);
     EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Handles), handles);
