@@ -30,5 +30,5 @@ zr_family(connection HEADERS connection TEST_LIBRARIES zr_test_memory LABELS thr
 zr_family(tapi HEADERS tapi TEST_LIBRARIES zr_test_memory LABELS threads)
 zr_family(mapi HEADERS mapi mapi_structures mapi_tags LIBRARIES SQLite::SQLite3 TEST_LIBRARIES zr_test_memory zr_test_disk
           LABELS threads)
-zr_family(gdi HEADERS gdi input_panel TEST_LIBRARIES zr_pangocairo LABELS threads)
+zr_family(gdi HEADERS gdi input_panel TEST_LIBRARIES zr_test_memory zr_pangocairo LABELS threads)
 zr_family(html HEADERS html LABELS threads)

@@ -92,8 +92,7 @@ void TextBlock::take_prefixes(std::u16string_view text) {
 bool TextBlock::find_breaks() {
     if (!has(DT_WORDBREAK) || std::ranges::all_of(text_, is_parted_by_spaces)) return true;
     breaks_.resize(text_.size());
-    return text_functions()->find_breaks(text_.data(), text_.size(), breaks_.data()) ||
-           fail(ERROR_NOT_ENOUGH_MEMORY, false);
+    return text_functions()->find_breaks(text_.data(), text_.size(), breaks_.data()) || fail_as_text();
 }
 
 bool TextBlock::prepare(std::u16string_view text) {

@@ -44,7 +44,7 @@ bool draw_line(ContextObject& context, const DrawnLine& line, const RECT* clip) 
     if (area.left >= area.right || area.top >= area.bottom) return true;
     return text_functions()->draw(context.font->opened, bitmap.canvas(), area, line.text, line.size, line.x,
                                   line.y + context.font->facts.ascent, to_pixel(context.text_colour)) ||
-           fail(ERROR_NOT_ENOUGH_MEMORY, false);
+           fail_as_text();
 }
 
 }  // namespace zr::platform
@@ -236,7 +236,10 @@ BOOL ZrWriteBitmapPng(HBITMAP handle, LPCWSTR path) {
         const auto* const bitmap = gdi.find_as<BitmapObject>(handle);
         const TextFunctions* const text = bitmap ? text_functions() : nullptr;
         if (!text) return FALSE;
-        if (!text->write_png(bitmap->canvas(), png)) return fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
+        if (!text->write_png(bitmap->canvas(), png)) {
+            fail_as_text();
+            return FALSE;
+        }
     }
     return write_file(path, png) ? TRUE : FALSE;
 }

@@ -1,11 +1,13 @@
 // Fonts, and how wide text is in them.
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 #include <new>
 
 #include "base/fail.h"
 #include "base/forks.h"
+#include "base/host_error.h"
 #include "base/loaded_module.h"
 #include "base/utf.h"
 #include "objects.h"
@@ -46,6 +48,10 @@ const TextFunctions* text_functions() {
     return known;
 }
 
+bool fail_as_text() {
+    return fail(error_from_errno(errno), false);
+}
+
 FontObject::~FontObject() {
     if (opened && generation == fork_generation()) text_functions()->close_font(opened);
 }
@@ -54,6 +60,7 @@ bool open_font(FontObject& font) {
     if (font.opened && font.generation == fork_generation()) return true;
     const TextFunctions* const text = text_functions();
     if (!text) return false;
+    font.opened = nullptr;  // the parent's
     font.generation = fork_generation();
     static std::uint32_t known_generation = 0;  // under the lock
     if (known_generation != fork_generation()) text->forget_fonts();
@@ -65,14 +72,13 @@ bool open_font(FontObject& font) {
     std::ranges::replace(family, ',', ' ');
     if (family.empty()) family = usual_family(font.description.lfPitchAndFamily);
     font.opened = text->open_font(wish_of(font.description, family.c_str()), font.facts);
-    return font.opened || fail(ERROR_NOT_ENOUGH_MEMORY, false);
+    return font.opened || fail_as_text();
 }
 
 bool measure(ContextObject& context, const WCHAR* text, std::size_t size, std::vector<int>& advances) {
     if (!open_font(*context.font)) return false;
     advances.resize(size);
-    return text_functions()->measure(context.font->opened, text, size, advances.data()) ||
-           fail(ERROR_NOT_ENOUGH_MEMORY, false);
+    return text_functions()->measure(context.font->opened, text, size, advances.data()) || fail_as_text();
 }
 
 }  // namespace zr::platform
@@ -203,6 +209,6 @@ BOOL ZrGetLeastTextWidths(HDC handle, LPCWSTR text, int count, WCHAR mark, int* 
         if (!open_font(*context.font)) return false;
         return text_functions()->measure_least(context.font->opened, text, static_cast<std::size_t>(count), mark,
                                                widths) ||
-               fail(ERROR_NOT_ENOUGH_MEMORY, false);
+               fail_as_text();
     });
 }

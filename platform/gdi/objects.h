@@ -133,6 +133,8 @@ std::unique_ptr<ContextObject> new_context(ContextObject::Origin origin);
 
 // NULL with ERROR_MOD_NOT_FOUND.
 const TextFunctions* text_functions();
+// What a function of the module that failed just now says. False.
+bool fail_as_text();
 // Opens the font where that was not done. False with the error.
 bool open_font(FontObject& font);
 // How much further each unit goes. False with the error.

@@ -1,9 +1,12 @@
 // The text module: Pango over FreeType and fontconfig, and cairo, behind the platform's words.
 
+#include <fcntl.h>
 #include <pango/pangocairo.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <map>
@@ -102,6 +105,21 @@ std::size_t end_of_part(const char16_t* text, std::size_t from, std::size_t size
 
 // ---- Fonts ----
 
+struct NoDescriptors {};
+
+// A font file that cannot be opened is a font without letters from then on, and without any font Pango ends the
+// process: whoever may need one makes sure first. Files are opened one after the other; `count` at a time.
+void need_descriptors(int count) {
+    const int probe = open("/", O_PATH | O_CLOEXEC);
+    if (probe < 0) throw NoDescriptors();
+    struct Closed {
+        const int descriptor;
+        ~Closed() { close(descriptor); }
+    };
+    const Closed closed{probe};
+    if (count > 1) need_descriptors(count - 1);
+}
+
 PangoFontMap* the_map = nullptr;
 
 PangoFontMap* font_map() {
@@ -127,6 +145,8 @@ public:
     void draw(cairo_t* cairo, const char16_t* text, std::size_t size, int x, int baseline, double right);
 
 private:
+    static constexpr int kForSettings = 8;  // files that name each other
+    static constexpr int kForFonts = 2;
     static constexpr int kUnknown = -1;
     static constexpr int kNotPlain = -2;
     using Widths = std::array<int, 256>;
@@ -163,7 +183,8 @@ void Font::choose(const FontWish& wish, double pixels) {
 }
 
 Font::Font(const FontWish& wish, FontFacts& facts)
-    : context_(pango_font_map_create_context(font_map())), layout_(pango_layout_new(context_.get())) {
+    : context_((need_descriptors(kForSettings), pango_font_map_create_context(font_map()))),
+      layout_(pango_layout_new(context_.get())) {
     cairo_font_options_t* const options = cairo_font_options_create();
     cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_ON);
     cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_SLIGHT);
@@ -210,6 +231,7 @@ Font::Font(const FontWish& wish, FontFacts& facts)
 }
 
 PangoLayoutLine* Font::lay_out(const Utf8& text) {
+    need_descriptors(kForFonts);
     pango_layout_set_text(layout_.get(), text.text.data(), static_cast<int>(text.text.size()));
     return pango_layout_get_line_readonly(layout_.get(), 0);
 }
@@ -339,8 +361,11 @@ bool guarded(Body&& body) noexcept {
         body();
         return true;
     } catch (const std::bad_alloc&) {
-        return false;
+        errno = ENOMEM;
+    } catch (const NoDescriptors&) {
+        errno = EMFILE;
     }
+    return false;
 }
 
 void* open_font(const FontWish& wish, FontFacts& facts) noexcept {
@@ -406,7 +431,9 @@ bool draw(void* font, const Canvas& canvas, const ClipArea& clip, const char16_t
                              (colour & 0xFF) / 255.0);
         static_cast<Font*>(font)->draw(cairo, text, size, x, baseline, canvas.width);
     });
+    const int why = errno;
     cairo_destroy(cairo);
+    errno = why;
     return good;
 }
 
@@ -417,7 +444,9 @@ bool write_png(const Canvas& canvas, std::string& png) noexcept {
         return guarded([&] { text.append(reinterpret_cast<const char*>(bytes), size); }) ? CAIRO_STATUS_SUCCESS
                                                                                          : CAIRO_STATUS_NO_MEMORY;
     };
-    return cairo_surface_write_to_png_stream(image.surface, add, &png) == CAIRO_STATUS_SUCCESS;
+    const bool good = cairo_surface_write_to_png_stream(image.surface, add, &png) == CAIRO_STATUS_SUCCESS;
+    if (!good) errno = ENOMEM;
+    return good;
 }
 
 constexpr TextFunctions functions{forget_fonts,  open_font,   close_font, measure,

@@ -1,7 +1,8 @@
 #pragma once
 
 // What the platform and its text module say to each other. The module has fonts, their shaping and their drawing; what
-// is selected where, lines and handles are the platform's. One call at a time. Nothing throws.
+// is selected where, lines and handles are the platform's. One call at a time. Nothing throws. What fails says why by
+// errno: ENOMEM, or EMFILE where no font file could be opened.
 
 #include <cstddef>
 #include <cstdint>
@@ -45,11 +46,11 @@ struct ClipArea {
 struct TextFunctions {
     // In a child made by fork, before anything else: the parent's fonts are not used any more, nor closed.
     void (*forget_fonts)() noexcept;
-    // NULL: no memory.
+    // NULL: why is in errno.
     void* (*open_font)(const FontWish& wish, FontFacts& facts) noexcept;
     void (*close_font)(void* font) noexcept;
     // How much further each unit takes, in pixels: what belongs together (a pair of surrogates, a letter and its marks)
-    // takes it all at its first unit. Control characters take nothing. False: no memory.
+    // takes it all at its first unit. Control characters take nothing. False: why is in errno.
     bool (*measure)(void* font, const char16_t* text, std::size_t size, int* advances) noexcept;
     // How much each unit takes at least in every text that consists of a stretch of this one and `mark` before or
     // behind it. Where text and mark are plain letters that is what it takes; 0 where too little is known.

@@ -13,6 +13,7 @@
 #include "platform/base.h"
 #include "platform/com.h"
 #include "platform/html.h"
+#include "platform/kernel.h"
 #include "platform/windowing.h"
 #include "support/com_ptr.h"
 #include "support/html_engine.h"
