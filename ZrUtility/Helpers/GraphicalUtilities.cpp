@@ -53,8 +53,8 @@ private:
 };
 
 // Which of the texts that are tried one after the other can be left out, as what is left of them is known to be too
-// wide by itself. Where little is known, and many would have to be tried, those go that are far too wide by the extents
-// that the characters have in the whole text.
+// wide by itself. Where little is known, and many would have to be tried, the extents that the characters have in the
+// whole text tell about where to begin; a text that is too wide is looked for from there.
 class Shortcut {
 public:
     Shortcut(const WindowContext& context, const WCHAR* text, int length, int room)
@@ -68,25 +68,47 @@ public:
         for (std::size_t i = 0; i < static_cast<std::size_t>(length); ++i) {
             sums_[i + 1] = sums_[i] + widths[i];
         }
-        beginning_ = LongestBeginning(0);
-        end_ = LongestEnd(0);
-        if (std::max(beginning_, end_) <= kMostRounds) return;
+        beginning_ = likely_beginning_ = LongestBeginning(0);
+        end_ = likely_end_ = LongestEnd(0);
+        constexpr int kManyRounds = 500;
+        if (std::max(beginning_, end_) <= kManyRounds) return;
         const SIZE size = context.Measure(text, length, widths.get());
         if (size.cx == 0) return;
         std::copy_n(widths.get(), length, sums_.get() + 1);
         constexpr int kLetters = 16;  // what the last ones may make of each other
         const Wide slack = kLetters * Wide{size.cy};
-        beginning_ = std::min(beginning_, LongestBeginning(slack) + kMostRounds);
-        end_ = std::min(end_, LongestEnd(slack) + kMostRounds);
+        likely_beginning_ = LongestBeginning(slack);
+        likely_end_ = LongestEnd(slack);
     }
 
-    // How many characters may stay, at most.
-    int beginning() const { return sums_ ? beginning_ : length_; }
-    int end() const { return sums_ ? end_ : length_; }
+    // How many characters may stay, at most: one more is too wide. fits(count): whether so many stay.
+    template <class Fits>
+    int Beginning(const Fits& fits) const {
+        return sums_ ? FirstTooWide(likely_beginning_, beginning_, fits) : length_;
+    }
+    template <class Fits>
+    int End(const Fits& fits) const {
+        return sums_ ? FirstTooWide(likely_end_, end_, fits) : length_;
+    }
 
 private:
-    static constexpr int kMostRounds = 500;
-
+    // From a guess that may be too small, by steps that double; then between the last two.
+    template <class Fits>
+    static int FirstTooWide(int guess, int most, const Fits& fits) {
+        constexpr int kStep = 16;
+        int fitting = guess;
+        int step = kStep;
+        while (fitting + step < most && fits(fitting + step)) {
+            fitting += step;
+            step *= 2;
+        }
+        int wide = std::min(fitting + step, most);
+        while (wide - fitting > 2 * kStep) {
+            const int middle = fitting + (wide - fitting) / 2;
+            (fits(middle) ? fitting : wide) = middle;
+        }
+        return wide;
+    }
     int LongestBeginning(Wide slack) const {
         const auto beyond = std::upper_bound(sums_.get() + 1, sums_.get() + length_ + 1, room_ + slack);
         return static_cast<int>(beyond - sums_.get()) - 1;
@@ -103,6 +125,8 @@ private:
     std::unique_ptr<Wide[]> sums_;  // of the characters before each
     int beginning_ = 0;
     int end_ = 0;
+    int likely_beginning_ = 0;
+    int likely_end_ = 0;
 };
 
 int ToInt(Wide value) {
@@ -124,8 +148,19 @@ RECT Narrowed(HWND window, const RECT* rect) {
             ToInt(Wide{box.bottom} - 1)};
 }
 
+// Whether a text fits with the ellipsis in place of one character.
+bool FitsMarked(const WindowContext& context, WCHAR* text, int length, int mark, int room) {
+    const WCHAR before = text[mark];
+    text[mark] = kEllipsis;
+    const bool fits = context.Width(text, length) <= room;
+    text[mark] = before;
+    return fits;
+}
+
 void CutAtEnd(const WindowContext& context, WCHAR* text, int length, int room) {
-    const int longest = Shortcut(context, text, length, room).beginning();
+    const int longest = Shortcut(context, text, length, room).Beginning([&](int count) {
+        return FitsMarked(context, text, count + 1, count, room);
+    });
     if (longest + 2 < length) {
         length = longest + 2;
         text[length - 1] = kEllipsis;
@@ -140,7 +175,9 @@ void CutAtEnd(const WindowContext& context, WCHAR* text, int length, int room) {
 }
 
 void CutAtStart(const WindowContext& context, WCHAR* text, int length, int room) {
-    const int longest = Shortcut(context, text, length, room).end();
+    const int longest = Shortcut(context, text, length, room).End([&](int count) {
+        return FitsMarked(context, text + length - count - 1, count + 1, 0, room);
+    });
     int start = std::max(std::min(length - longest - 2, length - 2), 0);
     std::fill(text + std::min(start, 1), text + start + (start > 0 ? 1 : 0), kEllipsis);
     bool fits = false;

@@ -397,6 +397,63 @@ TEST(Trimming, OfAnyTextIsWhatTheRoundsGive) {
     }
 }
 
+// Where texts are long and little is known of their characters, what is tried begins at a guess.
+void expect_tight(HWND window, const std::u16string& text, int room) {
+    const std::u16string beginning = at_end(window, text, room);
+    const std::u16string end = at_start(window, text, room);
+    ASSERT_LT(beginning.size(), text.size());
+    ASSERT_LT(end.size(), text.size());
+    EXPECT_LE(width_of(window, beginning), room);
+    EXPECT_LE(width_of(window, end), room);
+    if (beginning.size() + 1 < text.size()) {
+        EXPECT_GT(width_of(window, text.substr(0, beginning.size()) + kEllipsis), room) << beginning.size();
+    }
+    if (end.size() + 1 < text.size()) {
+        EXPECT_GT(width_of(window, kEllipsis + text.substr(text.size() - end.size())), room) << end.size();
+    }
+}
+
+TEST(Trimming, OfLongTextsOneMoreWouldNotFit) {
+    const FontWindow window(u"Monospace", -16);
+    // In the whole text they are in their neighbour's font, and far wider than by themselves, or far narrower.
+    const std::u16string dashes(4000, u'\u2014');
+    const std::u16string hebrew = u"\u05D0\u05D1";
+    for (const std::u16string& text :
+         {dashes + hebrew, hebrew + dashes, dashes + u"a" + hebrew, hebrew + u"a" + dashes}) {
+        for (const int room : {9'000, 20'000, 30'000}) {
+            SCOPED_TRACE(room);
+            expect_tight(window, text, room);
+        }
+    }
+    const std::u16string arabic = u"\u0645\u0631\u062D\u0628\u0627 \u0628\u0627\u0644\u0639\u0627\u0644\u0645 ";
+    const std::u16string hindi = u"\u0928\u092E\u0938\u094D\u0924\u0947 \u0926\u0941\u0928\u093F\u092F\u093E ";
+    for (const std::u16string& each : {arabic, hindi, u"12 " + arabic, u"e\u0301\u0302" + hindi}) {
+        std::u16string text;
+        while (text.size() < 3000) {
+            text += each;
+        }
+        for (const int part : {2, 3, 7}) {
+            SCOPED_TRACE(part);
+            expect_tight(window, text, width_of(window, text) / part);
+        }
+    }
+}
+
+TEST(Trimming, OfAnyLongTextOneMoreWouldNotFit) {
+    std::mt19937 random(41);  // NOLINT(bugprone-random-generator-seed)
+    for (const char16_t* const face : {u"Monospace", u"DejaVu Sans"}) {
+        const FontWindow window(face, -13);
+        for (int round = 0; round < 6; ++round) {
+            std::u16string text;
+            while (text.size() < 1500) {
+                text += any_text(random);
+            }
+            const int width = width_of(window, text);
+            expect_tight(window, text, std::uniform_int_distribution(width / 3, width - 100)(random));
+        }
+    }
+}
+
 TEST(Trimming, OneCharacterStays) {
     const PlainWindow window(0, 0, 100, 100);
     EXPECT_EQ(at_end(window, u"m", 0), u"m");
