@@ -3,10 +3,11 @@
 // Device contexts, fonts, measured and drawn text, bitmaps.
 //
 // Fonts are the computer's (Pango over FreeType and fontconfig), loaded by the first call that needs one: without these
-// libraries such calls fail with ERROR_MOD_NOT_FOUND, and nothing else needs them. Text is shaped as its script asks,
-// and what the font has not is taken from others; letters of the Latin, Greek and Cyrillic scripts keep their own
-// widths and are not kerned, as on the handheld. Text runs from left to right as a whole; what is written from right to
-// left is turned round within it. Widths are whole pixels, and what is drawn is as wide as what was measured.
+// libraries such calls fail with ERROR_MOD_NOT_FOUND, without descriptors for their files with
+// ERROR_TOO_MANY_OPEN_FILES, and nothing else needs them. Text is shaped as its script asks, and what the font has not
+// is taken from others; letters of the Latin, Greek and Cyrillic scripts keep their own widths and are not kerned, as
+// on the handheld. Text runs from left to right as a whole; what is written from right to left is turned round within
+// it. Widths are whole pixels, and what is drawn is as wide as what was measured.
 //
 // Drawing reaches a bitmap that is selected into a memory context. Contexts of the screen and of windows measure, and
 // draw nowhere. Coordinates are pixels.

@@ -14,6 +14,7 @@
 #include "platform/input_panel.h"
 #include "platform/places.h"
 #include "platform/windowing.h"
+#include "support/instrumented.h"
 
 namespace {
 
@@ -509,6 +510,37 @@ TEST(Trimming, OfVeryLongTextsIsInTime) {
     const std::u16string text(5'000'000, u'm');
     EXPECT_EQ(at_end(window, text, 100), at_end(window, text.substr(0, 1000), 100));
     EXPECT_EQ(at_start(window, text, 100), at_start(window, text.substr(0, 1000), 100));
+}
+
+std::u16string joined_text(std::size_t size) {
+    std::mt19937 random(53);  // NOLINT(bugprone-random-generator-seed)
+    const std::u16string letters = u"\u0645\u0631\u062D\u0628\u0627 \u0628\u0627\u0644\u0639\u0627\u0644\u0645 ";
+    std::u16string text(size / zr::test::kStride, u' ');
+    for (char16_t& each : text) {
+        each = letters[std::uniform_int_distribution<std::size_t>(0, letters.size() - 1)(random)];
+    }
+    return text;
+}
+
+TEST(Trimming, OfTenMillionBytesOfJoinedLettersIsInTime) {
+    const PlainWindow window(0, 0, 100, 100);
+    const std::u16string text = joined_text(5'000'000);
+    EXPECT_EQ(at_end(window, text, 5'000), at_end(window, text.substr(0, 4'000), 5'000));
+}
+
+TEST(Trimming, OfLongTextsOfJoinedLettersIsInTime) {
+    const PlainWindow window(0, 0, 100, 100);
+    const std::u16string text = joined_text(200'000);
+    expect_tight(window, text, 200);
+    expect_tight(window, text, 20'000);
+    const std::u16string lines =
+        trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectMultiLine, window, text, box_of(300, 200), 1);
+    EXPECT_LE(height_of(window, lines.substr(0, lines.size() - 1), 300), 200);
+    EXPECT_GT(lines.size(), 100u);
+    const int split = static_cast<int>(text.size()) - 10;
+    const std::u16string before =
+        trimmed_text(GraphicalUtilities::TrimWithEllipsisToRectEx, window, text, box_of(300), split);
+    EXPECT_TRUE(before.ends_with(kEllipsis + text.substr(text.size() - 10)));
 }
 
 TEST(TrimmingBeforeATail, KeepsTheTail) {

@@ -10,6 +10,7 @@
 
 #include "gdi_support.h"
 #include "platform/files.h"
+#include "support/instrumented.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -181,6 +182,57 @@ TEST(Measuring, OfLongTextsIsInTime) {
         other += u"שלום 日本 ";
     }
     EXPECT_GT(paper.width(other), 100'000);
+}
+
+// So many letters that join; fewer where a sanitizer looks on. Five million are ten million bytes. Parts of a text are
+// shaped by themselves, so that it takes no more memory than the widths.
+std::u16string joined_text(std::u16string_view letters, std::size_t size) {
+    std::mt19937 random(53);  // NOLINT(bugprone-random-generator-seed)
+    std::uniform_int_distribution<std::size_t> any(0, letters.size() - 1);
+    std::u16string text(size / zr::test::kStride, u' ');
+    for (char16_t& each : text) {
+        each = letters[any(random)];
+    }
+    return text;
+}
+
+constexpr std::u16string_view kArabic = u"\u0645\u0631\u062D\u0628\u0627 \u0628\u0627\u0644\u0639\u0627\u0644\u0645 ";
+// Without a space.
+constexpr std::u16string_view kHindi = u"\u0928\u092E\u0938\u094D\u0924\u0947\u0926\u0941\u0928\u093F\u092F\u093E";
+
+TEST(Measuring, OfTenMillionBytesOfJoinedLettersIsInTime) {
+    const Paper paper;
+    for (const std::u16string_view letters : {kArabic, kHindi}) {
+        const std::u16string text = joined_text(letters, letters == kArabic ? 5'000'000 : 500'000);
+        const std::u16string_view whole = text;
+        const std::size_t half = text.size() / 2;
+        // Where one is cut into two, a letter has another form.
+        const int halves = paper.width(whole.substr(0, half)) + paper.width(whole.substr(half));
+        EXPECT_NEAR(static_cast<double>(paper.width(whole)) / halves, 1, 0.001);
+    }
+}
+
+TEST(Drawing, OfTenMillionBytesOfJoinedLettersIsInTime) {
+    const Paper sheet;
+    const std::u16string long_text = joined_text(kArabic, 5'000'000);
+    EXPECT_TRUE(
+        ExtTextOutW(sheet.context, 0, 0, 0, nullptr, long_text.data(), static_cast<UINT>(long_text.size()), nullptr));
+    EXPECT_GT(sheet.ink().right, 0);
+}
+
+TEST(Drawing, OfLongTextsOfJoinedLettersIsInTime) {
+    for (const std::u16string_view letters : {kArabic, kHindi}) {
+        const Paper paper;
+        const std::u16string text = joined_text(letters, 500'000);
+        const int size = static_cast<int>(text.size());
+        const int line = paper.extent(u"x").cy;
+        RECT rectangle{0, 0, 300, 100};
+        const int height = DrawTextW(paper.context, text.data(), size, &rectangle, DT_WORDBREAK);
+        EXPECT_EQ(height > line, letters.find(u' ') != std::u16string_view::npos);
+        EXPECT_GT(paper.ink().right, 0);
+        EXPECT_TRUE(ExtTextOutW(paper.context, 0, 0, 0, nullptr, text.data(), static_cast<UINT>(text.size()), nullptr));
+        EXPECT_EQ(DrawTextW(paper.context, text.data(), size, &rectangle, DT_SINGLELINE | DT_END_ELLIPSIS), line);
+    }
 }
 
 TEST(Fonts, AreAsHighAsTheyAreAskedToBe) {
