@@ -82,23 +82,27 @@ TEST(WithoutMemory, ContextsAndObjectsAreMadeOrNot) {
 }
 
 TEST(WithoutMemory, AWindowHasItsOwnContextOrNone) {
-    const Alive before;
     WNDCLASSW description{};
     description.style = CS_OWNDC;
     description.lpfnWndProc = DefWindowProcW;
     description.lpszClassName = u"gdi.test.own.memory";
     RegisterClassW(&description);
-    const HWND window =
-        CreateWindowExW(0, description.lpszClassName, nullptr, 0, 0, 0, 9, 9, nullptr, nullptr, nullptr, nullptr);
+    const auto make = [&] {
+        return CreateWindowExW(0, description.lpszClassName, nullptr, 0, 0, 0, 9, 9, nullptr, nullptr, nullptr,
+                               nullptr);
+    };
+    // Contexts of windows that have gone go with the next look at such contexts.
+    const HWND other = make();
+    ASSERT_NE(GetDC(other), nullptr);
+    const Alive before;
+    const HWND window = make();
     HDC own = nullptr;
     EXPECT_GT(until_there_is_memory([&] { return (own = GetDC(window)) != nullptr; }), 1);
     EXPECT_EQ(GetDC(window), own);
-    DestroyWindow(window);
-    // It goes with the next look at such contexts.
-    const HWND other =
-        CreateWindowExW(0, description.lpszClassName, nullptr, 0, 0, 0, 9, 9, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_NE(GetDC(other), nullptr);
     EXPECT_EQ(ZrLiveObjects(ZrLiveKind::DeviceContexts), before.contexts + 1);
+    DestroyWindow(window);
+    EXPECT_NE(GetDC(other), nullptr);
+    EXPECT_EQ(Alive(), before);
     DestroyWindow(other);
 }
 
