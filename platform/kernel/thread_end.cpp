@@ -13,9 +13,11 @@
 #include <ucontext.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <new>
 
+#include "arm_frames.h"
 #include "at_fork.h"
 #include "engine.h"
 #include "platform/kernel.h"
@@ -37,10 +39,38 @@ namespace {
 
 constexpr _Unwind_Exception_Class kThreadEnd = 0x5A52544852454144;  // "ZRTHREAD"
 
+void name_end(_Unwind_Exception& exception) noexcept {
+    exception = {};
+    exception.exception_class = kThreadEnd;
+}
+
 bool would_stop(_Unwind_Context* context, _Unwind_Exception* exception) noexcept {
     if (_Unwind_GetLanguageSpecificData(context) == nullptr) return false;
     return __gxx_personality_v0(1, _UA_SEARCH_PHASE, kThreadEnd, exception, context) == _URC_HANDLER_FOUND;
 }
+
+// What tells of the frame that a walk along the stack is at.
+_Unwind_Exception* exception_at(_Unwind_Context*, _Unwind_Exception& own) noexcept {
+    return &own;
+}
+
+#else
+
+void name_end(_Unwind_Exception& exception) noexcept {
+    exception = {};
+    std::memcpy(exception.exception_class, "ZRTHREAD", sizeof exception.exception_class);
+}
+
+_Unwind_Exception* exception_at(_Unwind_Context* context, _Unwind_Exception&) noexcept {
+    constexpr int kPointer = 12;  // the register in which the unwinder keeps it
+    return reinterpret_cast<_Unwind_Exception*>(_Unwind_GetGR(context, kPointer));
+}
+
+bool would_stop(_Unwind_Context* context, const _Unwind_Exception* exception) noexcept {
+    return FrameTable(*exception).stops(_Unwind_GetIP(context) - 1);
+}
+
+#endif
 
 _Unwind_Reason_Code before_frame(int, _Unwind_Action actions, _Unwind_Exception_Class, _Unwind_Exception* exception,
                                  _Unwind_Context* context, void* argument) {
@@ -53,8 +83,7 @@ _Unwind_Reason_Code before_frame(int, _Unwind_Action actions, _Unwind_Exception_
 }
 
 void unwind(ThreadStart& start) {
-    start.exception = {};
-    start.exception.exception_class = kThreadEnd;
+    name_end(start.exception);
     // Destructors will run in the place of frames that never return, which the sanitizer would take for an overflow.
     if (__asan_handle_no_return) __asan_handle_no_return();
     _Unwind_ForcedUnwind(&start.exception, before_frame, &start);
@@ -65,26 +94,16 @@ bool stack_is_free() {
         _Unwind_Exception exception;
         bool stopped;
     } search{};
-    search.exception.exception_class = kThreadEnd;
+    name_end(search.exception);
     _Unwind_Backtrace(
         [](_Unwind_Context* context, void* argument) {
             Search& found = *static_cast<Search*>(argument);
-            found.stopped = would_stop(context, &found.exception);
-            return found.stopped ? _URC_NORMAL_STOP : _URC_NO_REASON;
+            found.stopped = would_stop(context, exception_at(context, found.exception));
+            return found.stopped ? _URC_END_OF_STACK : _URC_NO_REASON;
         },
         &search);
     return !search.stopped;
 }
-
-#else
-
-void unwind(ThreadStart&) {}
-
-bool stack_is_free() {
-    return false;
-}
-
-#endif
 
 // A thread's exit unwinds its stack. On another stack there is nothing that could stand in its way.
 constexpr std::size_t kExitStack = 256 * 1024;
