@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "base/utf.h"
 #include "platform/base.h"
@@ -16,6 +17,7 @@ namespace {
 constexpr std::size_t kLongestSource = 256u << 20;
 constexpr int kMostReads = 10'000;  // before a document, of what an engine still says of the last one
 constexpr int kLongestPicture = 16'384;
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 
 bool is_address_of(std::u16string_view address, std::u16string_view scheme) {
     if (address.size() < scheme.size()) return false;
@@ -122,6 +124,14 @@ void HtmlControl::leave() noexcept {
 }
 
 DWORD HtmlControl::begin(EngineFrame kind, std::uint32_t flags, std::string_view content) {
+    const bool had_engine = engine_ != nullptr;
+    DWORD error = begin_once(kind, flags, content);
+    // It may be gone since it was last looked at.
+    if (error == ERROR_PROCESS_ABORTED && had_engine) error = begin_once(kind, flags, content);
+    return error;
+}
+
+DWORD HtmlControl::begin_once(EngineFrame kind, std::uint32_t flags, std::string_view content) {
     drop_document();
     // One that ended while nobody asked it has not been missed yet.
     for (int i = 0; i < kMostReads && engine_ && engine_->read(Deadline::at_once()) == ERROR_SUCCESS; ++i) {
@@ -149,20 +159,39 @@ DWORD HtmlControl::begin(EngineFrame kind, std::uint32_t flags, std::string_view
     return ERROR_SUCCESS;
 }
 
+// A part may end within a character.
 DWORD HtmlControl::add_text(std::string_view utf8, bool is_plain) {
     if (source_.size() + utf8.size() > kLongestSource) return ERROR_FILE_TOO_LARGE;
     if (source_.empty()) is_plain_ = is_plain;
+    if (std::exchange(first_half_, u'\0') != 0) source_ += kReplacement;
     source_ += utf8;
     return ERROR_SUCCESS;
 }
 
 DWORD HtmlControl::add_text(std::u16string_view text, bool is_plain) {
-    return add_text(utf8_of(text, LoneSurrogate::Replaced), is_plain);
+    if (text.empty()) return ERROR_SUCCESS;
+    std::u16string part;
+    if (const char16_t half = std::exchange(first_half_, u'\0'); half != 0) part += half;
+    part += text;
+    const bool is_cut = (part.back() & 0xFC00) == 0xD800;
+    const char16_t half = is_cut ? part.back() : u'\0';
+    if (is_cut) part.pop_back();
+    const DWORD error = add_text(utf8_of(part, LoneSurrogate::Replaced), is_plain);
+    if (error == ERROR_SUCCESS) first_half_ = half;
+    return error;
+}
+
+void HtmlControl::forget_source() noexcept {
+    std::string().swap(source_);
+    first_half_ = 0;
 }
 
 DWORD HtmlControl::end_source() {
     std::string source;
     source.swap(source_);
+    if (std::exchange(first_half_, u'\0') != 0) source += kReplacement;
+    // What is no UTF-8 is replaced.
+    source = utf8_of(host_to_wide(source), LoneSurrogate::Replaced);
     return begin(EngineFrame::Load, is_plain_ ? std::uint32_t{kEnginePlainText} : 0, source);
 }
 
@@ -175,13 +204,11 @@ DWORD HtmlControl::navigate(std::u16string_view address) {
 
 // What the engine shows is shown to nobody, but it may still run.
 void HtmlControl::clear() {
-    source_.clear();
+    forget_source();
     const bool had_one = document_ != nullptr && document_->check() == S_OK;
     drop_document();
     if (!had_one) return;
-    const bool scripts = std::exchange(scripts_, false);
     begin(EngineFrame::Load, 0, "");
-    scripts_ = scripts;
     drop_document();
 }
 

@@ -51,6 +51,7 @@ public:
     DWORD add_text(std::string_view utf8, bool is_plain);
     DWORD add_text(std::u16string_view text, bool is_plain);
     DWORD end_source();
+    void forget_source() noexcept;
     DWORD navigate(std::u16string_view address);
     void clear();
     void enable_scripting(bool enable) noexcept { scripts_ = enable; }
@@ -72,6 +73,7 @@ public:
 
 private:
     DWORD begin(EngineFrame kind, std::uint32_t flags, std::string_view content);
+    DWORD begin_once(EngineFrame kind, std::uint32_t flags, std::string_view content);
     DWORD send_image(DWORD_PTR cookie, bool is_there, std::string_view type, std::string_view bytes);
     HRESULT ready_document();
     void drop_document() noexcept;
@@ -86,6 +88,7 @@ private:
     std::shared_ptr<Document> document_;
     std::uint32_t last_document_ = 0;
     std::string source_;
+    char16_t first_half_ = 0;  // of a character whose second half may begin the next part
     bool is_plain_ = false;
     bool scripts_ = false;
     bool remote_ = false;

@@ -269,13 +269,14 @@ DWORD Engine::send(FrameWriter& frame, Deadline deadline) {
     if (!is_alive()) return ERROR_PROCESS_ABORTED;
     {
         const std::lock_guard guard(lock_);
-        to_send_ += frame.finish();
+        to_send_.add(frame.finish());
+        push();
     }
-    flush_some();
-    const DWORD error = rounds_until(deadline, [this] {
+    DWORD error = rounds_until(deadline, [this] {
         const std::lock_guard guard(lock_);
-        return to_send_.empty();
+        return to_send_.empty() || is_broken_;
     });
+    if (error == ERROR_SUCCESS && is_broken_) error = last_words(deadline);
     if (error == ERROR_TIMEOUT) end();
     return error;
 }
@@ -285,30 +286,34 @@ void Engine::send_later(FrameWriter& frame) noexcept {
     try {
         const std::lock_guard guard(lock_);
         if (!socket_) return;
-        to_send_ += frame.finish();
-        const ssize_t size = ::send(socket_.get(), to_send_.data(), to_send_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (size > 0) to_send_.erase(0, static_cast<std::size_t>(size));
+        to_send_.add(frame.finish());
+        push();
     } catch (const std::bad_alloc&) {
         // It keeps an object longer than it need.
     }
 }
 
-void Engine::flush_some() {
-    const std::lock_guard guard(lock_);
-    std::size_t done = 0;
-    bool broken = false;
-    while (done < to_send_.size()) {
-        const ssize_t size =
-            ::send(socket_.get(), to_send_.data() + done, to_send_.size() - done, MSG_DONTWAIT | MSG_NOSIGNAL);
+// What there is room for. The lock is held.
+void Engine::push() noexcept {
+    while (!to_send_.empty() && !is_broken_) {
+        const std::string_view rest = to_send_.rest();
+        const ssize_t size = ::send(socket_.get(), rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (size >= 0) {
-            done += static_cast<std::size_t>(size);
+            to_send_.sent(static_cast<std::size_t>(size));
         } else if (errno != EINTR) {
-            // What it said last is still to be read.
-            broken = errno != EAGAIN;
+            is_broken_ = errno != EAGAIN;
             break;
         }
     }
-    to_send_.erase(0, broken ? std::string::npos : done);
+}
+
+// Reads what it said before its end.
+DWORD Engine::last_words(Deadline deadline) {
+    DWORD error = ERROR_SUCCESS;
+    while (error == ERROR_SUCCESS) {
+        error = round(deadline);
+    }
+    return error;
 }
 
 // However much it tells beside what is waited for, the time ends; what has arrived by then is looked at.
@@ -329,13 +334,14 @@ DWORD Engine::round(Deadline deadline) {
     pollfd socket{socket_.get(), POLLIN, 0};
     {
         const std::lock_guard guard(lock_);
-        if (!to_send_.empty()) socket.events |= POLLOUT;
+        if (!to_send_.empty() && !is_broken_) socket.events |= POLLOUT;
     }
     const int ready = poll(&socket, 1, milliseconds_until(deadline));
     if (ready == 0) return ERROR_TIMEOUT;
     if (ready < 0) return errno == EINTR ? ERROR_SUCCESS : died();
     if ((socket.revents & POLLOUT) != 0) {
-        flush_some();
+        const std::lock_guard guard(lock_);
+        push();
     }
     return (socket.revents & (POLLIN | POLLHUP | POLLERR)) != 0 ? receive() : ERROR_SUCCESS;
 }

@@ -67,7 +67,8 @@ private:
     template <class Done>
     DWORD rounds_until(Deadline deadline, Done is_done);
     DWORD round(Deadline deadline);
-    void flush_some();
+    void push() noexcept;
+    DWORD last_words(Deadline deadline);
     DWORD receive();
     void sort(std::string_view frame);
     DWORD died() noexcept;
@@ -79,7 +80,8 @@ private:
     std::uint32_t generation_ = 0;
 
     std::mutex lock_;  // of what is to be sent
-    std::string to_send_;
+    SendQueue to_send_;
+    bool is_broken_ = false;  // nothing can be sent any more
 
     FrameQueue arrived_;
     std::deque<std::string> events_;

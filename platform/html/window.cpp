@@ -28,9 +28,11 @@ std::basic_string_view<Text> text_at(LPARAM lparam) {
 }
 
 LRESULT set_text(HtmlControl& control, LPARAM lparam) {
-    control.clear();
-    const DWORD error = control.add_text(text_at<WCHAR>(lparam), false);
-    return said(error != ERROR_SUCCESS ? error : control.end_source());
+    control.forget_source();
+    DWORD error = control.add_text(text_at<WCHAR>(lparam), false);
+    if (error == ERROR_SUCCESS) error = control.end_source();
+    if (error != ERROR_SUCCESS) control.clear();
+    return said(error);
 }
 
 LRESULT give_document(HtmlControl& control, LPARAM lparam) {
@@ -48,7 +50,7 @@ LRESULT handle_message(HtmlControl& control, HWND window, UINT message, WPARAM w
         case WM_GETTEXTLENGTH:
             return 0;
         case DTM_ADDTEXT:
-            return said(control.add_text(host_to_wide(text_at<char>(lparam)), wparam != 0));
+            return said(control.add_text(text_at<char>(lparam), wparam != 0));
         case DTM_ADDTEXTW:
             return said(control.add_text(text_at<WCHAR>(lparam), wparam != 0));
         case DTM_ENDOFSOURCE:

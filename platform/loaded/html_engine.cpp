@@ -114,7 +114,7 @@ public:
         g_unix_fd_add(kSocket, G_IO_IN, &Channel::readable, this);
     }
     void send(FrameWriter& frame) {
-        waiting_ += frame.finish();
+        waiting_.add(frame.finish());
         flush();
     }
     // Before there is a loop.
@@ -145,12 +145,11 @@ private:
         return G_SOURCE_CONTINUE;
     }
     void flush() {
-        std::size_t done = 0;
-        while (done < waiting_.size() && !writing_) {
-            const ssize_t size =
-                ::send(kSocket, waiting_.data() + done, waiting_.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        while (!waiting_.empty() && !writing_) {
+            const std::string_view rest = waiting_.rest();
+            const ssize_t size = ::send(kSocket, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
             if (size >= 0) {
-                done += static_cast<std::size_t>(size);
+                waiting_.sent(static_cast<std::size_t>(size));
             } else if (errno == EAGAIN) {
                 writing_ = true;
                 g_unix_fd_add(kSocket, G_IO_OUT, &Channel::writable, this);
@@ -158,12 +157,11 @@ private:
                 leave();
             }
         }
-        waiting_.erase(0, done);
     }
 
     void (*receive_)(FrameReader& frame) = nullptr;
     FrameQueue queue_;
-    std::string waiting_;
+    SendQueue waiting_;
     bool writing_ = false;
 };
 
@@ -260,14 +258,30 @@ void open_display() {
 
 // ---- The page ----
 
+struct Unreference {
+    void operator()(GBytes* bytes) const { g_bytes_unref(bytes); }
+};
+
+// What the control wants to be shown.
+struct Source {
+    std::uint32_t flags = 0;
+    int width = 240;
+    int height = 320;
+    std::string address;
+    std::unique_ptr<GBytes, Unreference> text;  // none: what is at the address
+};
+
 struct Page {
     WebKitWebContext* context = nullptr;
     WebKitWebView* view = nullptr;
     GtkWidget* window = nullptr;
     std::uint32_t document = 0;
-    enum class Stage { Asked, Started, Committed, Done, Failed } stage = Stage::Done;
-    bool strays = false;  // the load that goes on is none of the control's
+    // Waiting: for the document before to be silent. Only from Committed on is what is shown the document's.
+    enum class Stage { Waiting, Asked, Started, Failed, Committed, Done } stage = Stage::Failed;
+    bool has_begun = false;  // ever
+    bool is_gated = false;
     bool told_ready = false;
+    Source source;
     bool remote = false;
     std::string told_title;
     std::uint32_t last_cookie = 0;
@@ -284,6 +298,10 @@ struct Request {
     std::uint32_t number;
     std::uint32_t document;
 };
+
+bool shows(std::uint32_t document) {
+    return document == page.document && page.stage >= Page::Stage::Committed;
+}
 
 std::string bytes_of(JSCValue* value) {
     GBytes* const bytes = jsc_value_to_string_as_bytes(value);
@@ -314,7 +332,7 @@ void finish(GAsyncResult* result, const Request& request, bool is_own) {
     GError* failed = nullptr;
     const Owned<JSCValue> value(webkit_web_view_evaluate_javascript_finish(page.view, result, &failed));
     const Error error(failed);
-    if (request.document != page.document) return answer(request.number, EngineAnswer::Failed, "");
+    if (!shows(request.document)) return answer(request.number, EngineAnswer::Failed, "");
     if (value) return answer(request.number, EngineAnswer::Done, is_own ? bytes_of(value.get()) : written(value.get()));
     if (g_error_matches(failed, WEBKIT_JAVASCRIPT_ERROR, WEBKIT_JAVASCRIPT_ERROR_INVALID_RESULT) && !is_own) {
         return answer(request.number, EngineAnswer::Done, "e");
@@ -338,7 +356,7 @@ void evaluate(FrameReader& frame, const char* world, GAsyncReadyCallback done) {
     request->number = frame.number();
     request->document = frame.number();
     const std::string script(frame.text());
-    if (request->document != page.document) return answer(request->number, EngineAnswer::Failed, "");
+    if (!shows(request->document)) return answer(request->number, EngineAnswer::Failed, "");
     run(script, world, done, request.release());
 }
 
@@ -353,7 +371,7 @@ void became_ready(GObject*, GAsyncResult* result, gpointer data) {
     GError* failed = nullptr;
     const Owned<JSCValue> value(webkit_web_view_call_async_javascript_function_finish(page.view, result, &failed));
     const Error error(failed);
-    if (value && document == page.document) tell_ready();
+    if (value && shows(document)) tell_ready();
 }
 
 void wait_until_ready() {
@@ -373,7 +391,7 @@ void tell_title(const std::string& title) {
 
 void title_changed(GObject*, GParamSpec*, gpointer) {
     const char* const title = webkit_web_view_get_title(page.view);
-    if (title && page.stage != Page::Stage::Asked) tell_title(title);
+    if (title && shows(page.document)) tell_title(title);
 }
 
 void completed(GObject*, GAsyncResult* result, gpointer data) {
@@ -394,28 +412,36 @@ void complete() {
     run("document.title", kWorld, completed, reinterpret_cast<gpointer>(static_cast<std::uintptr_t>(page.document)));
 }
 
-// Only the control replaces the document. An end that comes before a beginning is that of the document before.
-void load_started() {
-    page.strays = page.stage != Page::Stage::Asked;
-    if (page.strays) {
-        webkit_web_view_stop_loading(page.view);
-    } else {
-        page.stage = Page::Stage::Started;
-    }
+// Without the one who decides what a document may ask for, there must be no document.
+void require_gate() {
+    if (page.remote || page.is_gated) return;
+    FrameWriter frame(EngineFrame::Trouble);
+    frame.text("the HTML engine could not load its gate, which keeps documents from the network");
+    channel.send(frame);
+    leave();
 }
 
+gboolean gate_stands(WebKitWebView*, WebKitUserMessage*, gpointer) {
+    page.is_gated = true;
+    return TRUE;
+}
+
+// Only the control replaces the document. One that goes elsewhere by itself is held back, and where that comes too late
+// there is no document any more that anybody has asked for.
 void load_changed(WebKitWebView*, WebKitLoadEvent event, gpointer) {
-    if (event == WEBKIT_LOAD_STARTED) return load_started();
-    if (page.strays) {
-        page.strays = event != WEBKIT_LOAD_FINISHED;
-        return;
-    }
-    if (event == WEBKIT_LOAD_COMMITTED && page.stage == Page::Stage::Started) {
+    const bool is_ours = page.stage == Page::Stage::Asked || page.stage == Page::Stage::Started;
+    if (page.stage == Page::Stage::Waiting) return;
+    if (event == WEBKIT_LOAD_STARTED) {
+        if (is_ours) page.stage = Page::Stage::Started;
+        if (!is_ours) webkit_web_view_stop_loading(page.view);
+    } else if (event == WEBKIT_LOAD_COMMITTED) {
+        if (page.stage != Page::Stage::Started) leave();
+        require_gate();
         page.stage = Page::Stage::Committed;
         wait_until_ready();
+    } else if (event == WEBKIT_LOAD_FINISHED) {
+        if (page.stage == Page::Stage::Started || page.stage == Page::Stage::Committed) complete();
     }
-    const bool goes_on = page.stage == Page::Stage::Started || page.stage == Page::Stage::Committed;
-    if (event == WEBKIT_LOAD_FINISHED && goes_on) complete();
 }
 
 // No page that says so instead.
@@ -436,35 +462,66 @@ void forget_wanted() {
     page.wanted.clear();
 }
 
-std::uint32_t begin_document(FrameReader& frame) {
-    page.document = frame.number();
-    const std::uint32_t flags = frame.number();
-    const int width = static_cast<int>(frame.number());
-    const int height = static_cast<int>(frame.number());
-    forget_wanted();
-    resize(width, height);
-    WebKitSettings* const settings = webkit_web_view_get_settings(page.view);
-    webkit_settings_set_enable_javascript_markup(settings, (flags & kEngineScripts) != 0);
+void show() {
+    const Source& source = page.source;
     page.stage = Page::Stage::Asked;
-    page.strays = false;
+    page.has_begun = true;
+    resize(source.width, source.height);
+    webkit_settings_set_enable_javascript_markup(webkit_web_view_get_settings(page.view),
+                                                 (source.flags & kEngineScripts) != 0);
+    if (source.text) {
+        const char* const type = (source.flags & kEnginePlainText) != 0 ? "text/plain" : "text/html";
+        webkit_web_view_load_bytes(page.view, source.text.get(), type, "UTF-8", source.address.c_str());
+    } else {
+        webkit_web_view_load_uri(page.view, source.address.c_str());
+    }
+    page.source.text.reset();
+}
+
+void silenced(GObject*, GAsyncResult* result, gpointer data) {
+    const auto document = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(data));
+    GError* failed = nullptr;
+    const Owned<JSCValue> value(webkit_web_view_evaluate_javascript_finish(page.view, result, &failed));
+    const Error error(failed);
+    if (document == page.document && page.stage == Page::Stage::Waiting) show();
+}
+
+// The engine tells of a load's progress without saying of which. What was to be said of the one before has been said
+// when the process behind it, told to stop it, answers a question.
+void begin_document(FrameReader& frame) {
+    page.document = frame.number();
+    page.source.flags = frame.number();
+    page.source.width = static_cast<int>(frame.number());
+    page.source.height = static_cast<int>(frame.number());
+    forget_wanted();
     page.told_ready = false;
     page.told_title.clear();
-    return flags;
+    page.stage = Page::Stage::Waiting;
+}
+
+void begin_when_silent() {
+    if (!page.has_begun) return show();
+    webkit_web_view_stop_loading(page.view);
+    run("1", kWorld, silenced, reinterpret_cast<gpointer>(static_cast<std::uintptr_t>(page.document)));
 }
 
 void load(FrameReader& frame) {
-    const std::uint32_t flags = begin_document(frame);
-    const bool plain = (flags & kEnginePlainText) != 0;
+    begin_document(frame);
+    const bool plain = (page.source.flags & kEnginePlainText) != 0;
     std::string_view source = frame.text();
     if (source.empty()) source = plain ? "\n" : "<!DOCTYPE html>";  // of nothing the engine makes no document
-    GBytes* const bytes = g_bytes_new(source.data(), source.size());
-    webkit_web_view_load_bytes(page.view, bytes, plain ? "text/plain" : "text/html", "UTF-8", "about:blank");
-    g_bytes_unref(bytes);
+    page.source.address = "about:blank";
+    page.source.text.reset(g_bytes_new(source.data(), source.size()));
+    begin_when_silent();
 }
 
 void navigate(FrameReader& frame) {
     begin_document(frame);
-    webkit_web_view_load_uri(page.view, std::string(frame.text()).c_str());
+    // As the engine will write it.
+    const Owned<WebKitURIRequest> request(webkit_uri_request_new(std::string(frame.text()).c_str()));
+    page.source.address = webkit_uri_request_get_uri(request.get());
+    page.source.text.reset();
+    begin_when_silent();
 }
 
 // ---- What the document would like ----
@@ -490,8 +547,10 @@ gboolean decide(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDeci
         webkit_policy_decision_ignore(decision);
         return TRUE;
     }
-    // Where the document wants to go by itself, there is nothing: it would be replaced by that.
-    if (!page.remote && page.stage != Page::Stage::Asked && address && !is_at_hand(address)) {
+    // Where the document wants to go by itself, there is nothing: it would be replaced by that. As long as it is not
+    // there, whoever wants to go elsewhere is the one before.
+    const bool may_go = address && (shows(page.document) ? is_at_hand(address) : page.source.address == address);
+    if (!page.remote && !may_go) {
         webkit_policy_decision_ignore(decision);
         return TRUE;
     }
@@ -513,7 +572,9 @@ void want(WebKitURISchemeRequest* request, gpointer) {
 void give_image(FrameReader& frame) {
     const auto found = page.wanted.find(frame.number());
     const bool is_there = frame.number() != 0;
-    const std::string type(frame.text());
+    std::string type(frame.text());
+    // It may be a frame or a script that asked.
+    if (!type.starts_with("image/")) type = "application/octet-stream";
     const std::string_view bytes = frame.text();
     if (found == page.wanted.end()) return;
     const Owned<WebKitURISchemeRequest> request = std::move(found->second);
@@ -528,8 +589,7 @@ void give_image(FrameReader& frame) {
     g_bytes_unref(held);
     const Owned<WebKitURISchemeResponse> response(
         webkit_uri_scheme_response_new(stream.get(), static_cast<gint64>(bytes.size())));
-    webkit_uri_scheme_response_set_content_type(response.get(),
-                                                type.empty() ? "application/octet-stream" : type.c_str());
+    webkit_uri_scheme_response_set_content_type(response.get(), type.c_str());
     SoupMessageHeaders* const headers = soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
     soup_message_headers_append(headers, "Cache-Control", "no-store, no-cache");
     webkit_uri_scheme_response_set_http_headers(response.get(), headers);
@@ -612,7 +672,7 @@ void laid_out(GObject*, GAsyncResult* result, gpointer data) {
     int width = 0;
     int height = 0;
     int length = 0;
-    if (!value || drawing->request.document != page.document ||
+    if (!value || !shows(drawing->request.document) ||
         std::sscanf(bytes_of(value.get()).c_str(), "%d %d %d", &width, &height, &length) != 3) {
         return answer(drawing->request.number, EngineAnswer::Failed, "");
     }
@@ -645,7 +705,7 @@ void draw(FrameReader& frame) {
     drawing->request.document = frame.number();
     drawing->width = static_cast<int>(frame.number());
     drawing->height = static_cast<int>(frame.number());
-    if (drawing->request.document != page.document) {
+    if (!shows(drawing->request.document)) {
         return answer(drawing->request.number, EngineAnswer::Failed, "");
     }
     // A page is at least as long as its window.
@@ -689,8 +749,24 @@ bool has_sandbox() {
            WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// What a document may take before its process is ended.
+constexpr guint kMostMegabytes = 1536;
+
+WebKitWebContext* make_bounded_context() {
+    WebKitMemoryPressureSettings* const memory = webkit_memory_pressure_settings_new();
+    webkit_memory_pressure_settings_set_memory_limit(memory, kMostMegabytes);
+    webkit_memory_pressure_settings_set_kill_threshold(memory, 1);
+    webkit_memory_pressure_settings_set_poll_interval(memory, 0.5);
+    const Owned<WebKitWebsiteDataManager> nothing_kept(webkit_website_data_manager_new_ephemeral());
+    auto* const context = WEBKIT_WEB_CONTEXT(g_object_new(WEBKIT_TYPE_WEB_CONTEXT, "website-data-manager",
+                                                          nothing_kept.get(), "memory-pressure-settings", memory,
+                                                          nullptr));
+    webkit_memory_pressure_settings_free(memory);
+    return context;
+}
+
 void make_context(bool sandbox) {
-    page.context = webkit_web_context_new_ephemeral();
+    page.context = make_bounded_context();
     webkit_web_context_set_sandbox_enabled(page.context, sandbox);
     webkit_web_context_set_cache_model(page.context, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
     webkit_web_context_register_uri_scheme(page.context, "cid", want, nullptr, nullptr);
@@ -734,6 +810,7 @@ void make_view() {
     gtk_widget_show_all(page.window);
     g_signal_connect(page.view, "load-changed", G_CALLBACK(load_changed), nullptr);
     g_signal_connect(page.view, "load-failed", G_CALLBACK(load_failed), nullptr);
+    g_signal_connect(page.view, "user-message-received", G_CALLBACK(gate_stands), nullptr);
     g_signal_connect(page.view, "notify::title", G_CALLBACK(title_changed), nullptr);
     g_signal_connect(page.view, "decide-policy", G_CALLBACK(decide), nullptr);
     g_signal_connect(page.view, "script-dialog", G_CALLBACK(no_dialog), nullptr);

@@ -36,6 +36,7 @@ gboolean decide(WebKitWebPage*, WebKitURIRequest* request, WebKitURIResponse*, g
 
 void page_made(WebKitWebExtension*, WebKitWebPage* page, gpointer) {
     g_signal_connect(page, "send-request", G_CALLBACK(decide), nullptr);
+    webkit_web_page_send_message_to_view(page, webkit_user_message_new("gate", nullptr), nullptr, nullptr, nullptr);
 }
 
 }  // namespace

@@ -143,4 +143,30 @@ private:
     bool bad_ = false;
 };
 
+// What is still to be sent.
+class SendQueue {
+public:
+    void add(std::string_view bytes) {
+        if (from_ > bytes_.size() / 2) {
+            bytes_.erase(0, from_);
+            from_ = 0;
+        }
+        bytes_.append(bytes);
+    }
+    bool empty() const { return from_ == bytes_.size(); }
+    std::string_view rest() const { return std::string_view(bytes_).substr(from_); }
+    void sent(std::size_t size) {
+        from_ += size;
+        if (empty()) clear();
+    }
+    void clear() {
+        std::string().swap(bytes_);
+        from_ = 0;
+    }
+
+private:
+    std::string bytes_;
+    std::size_t from_ = 0;
+};
+
 }  // namespace zr::platform

@@ -16,7 +16,6 @@
 #include "platform/kernel.h"
 #include "platform/windowing.h"
 #include "support/com_ptr.h"
-#include "support/html_engine.h"
 
 namespace {
 
@@ -47,7 +46,6 @@ protected:
         EXPECT_NE(control, nullptr);
     }
     ~HtmlPages() override { DestroyWindow(owner); }
-    void SetUp() override { ZR_MAY_SHOW_DOCUMENTS(); }
 
     // Handles messages until it is so.
     template <class Condition>

@@ -8,7 +8,6 @@ using namespace zr::test;
 
 // One engine for all that only look.
 TEST(HtmlDocument, ShowsReadsAndIsScripted) {
-    ZR_MAY_SHOW_DOCUMENTS();
     HtmlParent parent;
     const HRESULT shown = parent.show(
         u"<title>The title</title><body><p id=p style='display:none'>Grüße 𝄞</p><a id=a href='http://x.example/y'>l</a>"

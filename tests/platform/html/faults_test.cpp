@@ -72,7 +72,6 @@ int folders_left() {
 
 // A script without an end is an error in time, alerts and prints do not hold anything up, and the next document works.
 TEST(HtmlFaults, EndlessScriptsEndInTime) {
-    ZR_MAY_SHOW_DOCUMENTS();
     {
         HtmlParent parent;
         const HRESULT shown = parent.show(u"<p id=p>one</p>");
@@ -117,7 +116,6 @@ TEST(HtmlFaults, EndlessScriptsEndInTime) {
 
 // A forked child's documents are gone and it shows its own; two controls, one of a thread that ends without a word.
 TEST(HtmlFaults, ForkedChildrenAndOtherThreadsHaveEnginesOfTheirOwn) {
-    ZR_MAY_SHOW_DOCUMENTS();
     {
         HtmlParent parent;
         const HRESULT shown = parent.show(u"<p id=p>one</p>");

@@ -14,7 +14,6 @@
 #include "platform/html.h"
 #include "platform/platform.h"
 #include "support/com_ptr.h"
-#include "support/html_engine.h"
 
 namespace zr::test {
 

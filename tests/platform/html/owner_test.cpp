@@ -64,7 +64,6 @@ int width_of(IDispatchEx* document, const WCHAR* id) {
 
 // Images come from the owner, and from nowhere else; links are told and not followed.
 TEST(HtmlOwner, GivesImagesAndIsToldOfLinks) {
-    ZR_MAY_SHOW_DOCUMENTS();
     HtmlParent parent;
     parent.answer = [&](const Told& image) -> LRESULT {
         if (image.target == u"cid:none") return FALSE;
@@ -130,7 +129,6 @@ TEST(HtmlOwner, GivesImagesAndIsToldOfLinks) {
 
 // What the page keeps for us is what somebody here holds; the document before is gone.
 TEST(HtmlOwner, HoldsObjectsAndLosesThemWithTheDocument) {
-    ZR_MAY_SHOW_DOCUMENTS();
     HtmlParent parent;
     const HRESULT shown = parent.show(u"<p id=p>one</p><p id=q title='a\"b'>two</p>");
     ZR_NEEDS_ENGINE(shown);

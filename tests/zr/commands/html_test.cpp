@@ -8,7 +8,6 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "support/html_engine.h"
 #include "support/sandbox.h"
 #include "zr/commands/tool.h"
 
@@ -31,7 +30,6 @@ protected:
         setenv("ZR_HOME", (folder_.host() / "home").c_str(), 1);
     }
     ~HtmlTool() override { setenv("ZR_HOME", before_.c_str(), 1); }
-    void SetUp() override { ZR_MAY_SHOW_DOCUMENTS(); }
 
     std::string path(const std::string& name) const { return (folder_.host() / name).string(); }
     std::string put(const std::string& name, const std::string& text) const {
