@@ -21,7 +21,7 @@ extern char** environ;
 
 namespace {
 
-using zr::bench::EngineAlone;
+using zr::test::EngineAlone;
 
 constexpr DWORD kPageTime = 60'000;
 

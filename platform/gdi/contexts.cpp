@@ -95,7 +95,7 @@ HGDIOBJ exchange(T*& place, GdiObject& object) {
 }
 
 HGDIOBJ exchange_bitmap(ContextObject& context, GdiObject& object) {
-    const bool elsewhere = object.selected > 0 && context.bitmap != &object;
+    const bool elsewhere = object.selected > 0 && context.bitmap != &object && !object.is_stock;
     if (context.origin != ContextObject::Origin::Memory || elsewhere) {
         return fail(ERROR_INVALID_PARAMETER, HGDIOBJ{nullptr});
     }
@@ -227,6 +227,7 @@ BOOL DeleteObject(HGDIOBJ handle) {
 }
 
 HGDIOBJ GetStockObject(int index) {
+    if (index > SYSTEM_FONT) return fail(ERROR_INVALID_PARAMETER, HGDIOBJ{nullptr});
     Gdi& gdi = Gdi::get();
     const std::lock_guard guard(gdi.lock);
     try {

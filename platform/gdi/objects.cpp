@@ -46,6 +46,11 @@ std::unique_ptr<GdiObject> make_stock(int index) {
         pen->is_hollow = index == NULL_PEN;
         return pen;
     }
+    if (index == Gdi::kFirstPixel) {
+        auto bitmap = std::make_unique<BitmapObject>();
+        bitmap->pixels = std::make_unique<std::uint32_t[]>(1);
+        return bitmap;
+    }
     if (index != SYSTEM_FONT) return nullptr;
     auto font = std::make_unique<FontObject>();
     constexpr int kPoints = 9;
@@ -128,6 +133,11 @@ std::unique_ptr<ContextObject> new_context(ContextObject::Origin origin) {
     context->brush = static_cast<BrushObject*>(gdi.stock(WHITE_BRUSH));
     context->pen = static_cast<PenObject*>(gdi.stock(BLACK_PEN));
     if (!context->font || !context->brush || !context->pen) return nullptr;
+    if (origin == ContextObject::Origin::Memory) {
+        context->bitmap = static_cast<BitmapObject*>(gdi.stock(Gdi::kFirstPixel));
+        if (!context->bitmap) return nullptr;
+        ++context->bitmap->selected;
+    }
     ++context->font->selected;
     ++context->brush->selected;
     ++context->pen->selected;

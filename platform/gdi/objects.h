@@ -72,7 +72,7 @@ struct ContextObject : GdiObject {
     HWND window = nullptr;  // of one that is lent
     bool stays = false;     // the window's own
     FontObject* font = nullptr;
-    BitmapObject* bitmap = nullptr;  // of a memory context; NULL: its first pixel
+    BitmapObject* bitmap = nullptr;  // of a memory context; NULL in others
     BrushObject* brush = nullptr;
     PenObject* pen = nullptr;
     COLORREF text_colour = RGB(0, 0, 0);
@@ -100,6 +100,8 @@ public:
         return nullptr;
     }
 
+    // Beside those that have numbers: the bitmap of one pixel that memory contexts have at first, all the same.
+    static constexpr int kFirstPixel = SYSTEM_FONT + 1;
     GdiObject* stock(int index);  // NULL with the error
 
     std::vector<ContextObject*> own_contexts;  // of windows that have theirs for good
@@ -110,7 +112,7 @@ private:
         std::uint32_t generation = 1;
         std::uint32_t next_free = 0;
     };
-    static constexpr int kStock = SYSTEM_FONT + 1;
+    static constexpr int kStock = kFirstPixel + 1;
 
     static void report_none();
 

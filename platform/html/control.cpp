@@ -72,10 +72,10 @@ std::string bitmap_file(HBITMAP bitmap) {
 
 // ---- The bell ----
 
-void EngineBell::set(int descriptor) noexcept {
+DWORD EngineBell::set(int descriptor) noexcept {
     unset();
     descriptor_ = descriptor;
-    watch_host(*this, descriptor);
+    return watch_host(*this, descriptor);
 }
 
 void EngineBell::unset() noexcept {
@@ -150,12 +150,13 @@ DWORD HtmlControl::begin_once(EngineFrame kind, std::uint32_t flags, std::string
         .number(static_cast<std::uint32_t>(size.cx))
         .number(static_cast<std::uint32_t>(size.cy))
         .text(content);
-    if (const DWORD error = engine_->send(frame, Deadline::after(engine_patience().load)); error != ERROR_SUCCESS) {
+    DWORD error = engine_->send(frame, Deadline::after(engine_patience().load));
+    if (error == ERROR_SUCCESS) error = bell_.set(engine_->descriptor());
+    if (error != ERROR_SUCCESS) {
         drop_engine();
         return error;
     }
     document_ = std::make_shared<Document>(engine_, last_document_);
-    bell_.set(engine_->descriptor());
     return ERROR_SUCCESS;
 }
 

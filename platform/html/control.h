@@ -23,7 +23,7 @@ public:
     explicit EngineBell(HWND window) : window_(window) {}
     ~EngineBell() override { unset(); }
 
-    void set(int descriptor) noexcept;
+    DWORD set(int descriptor) noexcept;
     void unset() noexcept;
 
     // The control's thread only: what a call has read beside its answer is still to be told.

@@ -8,8 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "at_fork.h"
 #include "base/file_mark.h"
@@ -30,17 +33,25 @@ public:
     void begin_child() noexcept;
 
 private:
-    static constexpr std::size_t kMost = 16;  // sources with a descriptor
     static constexpr int kWakeMark = 1;
 
+    // What a thread waits for: the wake's file first.
+    struct Table {
+        explicit Table(std::size_t most) : files(most + 1), sources(most + 1) {}
+        std::vector<pollfd> files;
+        std::vector<HostSource*> sources;
+        std::size_t count = 0;
+    };
+
     DWORD start() noexcept;
+    bool make_room(std::size_t sources) noexcept;
     void wake() noexcept;
     void make_wake() noexcept;
     void replace_wake() noexcept;
     bool has_wake() const noexcept;
     void run() noexcept;
-    int wait(std::unique_lock<std::mutex>& lock, pollfd* files, std::size_t count) noexcept;
-    std::size_t list(pollfd* files, HostSource** sources) noexcept;
+    int wait(std::unique_lock<std::mutex>& lock, Table& table) noexcept;
+    void list(Table& table) noexcept;
     void take_wakes(short what) noexcept;
     void serve(std::unique_lock<std::mutex>& lock, HostSource& source) noexcept;
     void serve_due(std::unique_lock<std::mutex>& lock) noexcept;
@@ -51,8 +62,11 @@ private:
     std::condition_variable called_;  // a call has returned
     HostSource* first_ = nullptr;
     HostSource* calling_ = nullptr;
-    std::uint32_t round_ = 0;  // of calls whose time has come
-    std::uint32_t turn_ = 0;   // which thread it is that waits
+    std::size_t sources_ = 0;            // that are listed
+    std::size_t most_ = 0;               // that the thread's table has room for
+    std::unique_ptr<Table> next_table_;  // for the thread to take: it may be waiting with the one before
+    std::uint32_t round_ = 0;            // of calls whose time has come
+    std::uint32_t turn_ = 0;             // which thread it is that waits
     bool is_waiting_ = false;
     pthread_t thread_{};
     Worker worker_{"zr-host"};
@@ -72,11 +86,13 @@ DWORD HostEvents::add(HostSource& source, int descriptor) noexcept {
     if (!worker_.is_running()) {
         if (const DWORD error = start()) return error;
     }
-    source.descriptor_ = descriptor;
     if (!is_listed(source)) {
+        if (!make_room(sources_ + 1)) return ERROR_NOT_ENOUGH_MEMORY;
         source.next_ = first_;
         first_ = &source;
+        ++sources_;
     }
+    source.descriptor_ = descriptor;
     wake();
     return ERROR_SUCCESS;
 }
@@ -86,6 +102,7 @@ void HostEvents::remove(HostSource& source) noexcept {
     for (HostSource** link = &first_; *link; link = &(*link)->next_) {
         if (*link != &source) continue;
         *link = source.next_;
+        --sources_;
         break;
     }
     source.descriptor_ = -1;
@@ -105,8 +122,22 @@ void HostEvents::call(HostSource& source, Deadline when) noexcept {
 DWORD HostEvents::start() noexcept {
     if (!wake_) make_wake();
     if (!wake_) return error_from_errno(errno);
+    most_ = 0;  // the table is another thread's
+    if (!make_room(sources_ + 1)) return ERROR_NOT_ENOUGH_MEMORY;
     const auto body = [](void* self) { static_cast<HostEvents*>(self)->run(); };
     return worker_.start(body, this) ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
+}
+
+bool HostEvents::make_room(std::size_t sources) noexcept {
+    if (sources <= most_) return true;
+    const std::size_t most = std::max<std::size_t>(16, sources * 2);
+    try {
+        next_table_ = std::make_unique<Table>(most);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    most_ = most;
+    return true;
 }
 
 void HostEvents::make_wake() noexcept {
@@ -152,19 +183,18 @@ bool HostEvents::is_listed(const HostSource& source) const noexcept {
     return each != nullptr;
 }
 
-std::size_t HostEvents::list(pollfd* files, HostSource** sources) noexcept {
-    files[0] = {wake_.get(), POLLIN, 0};
-    std::size_t count = 1;
-    for (HostSource* each = first_; each && count <= kMost; each = each->next_) {
+void HostEvents::list(Table& table) noexcept {
+    table.files[0] = {wake_.get(), POLLIN, 0};
+    table.count = 1;
+    for (HostSource* each = first_; each; each = each->next_) {
         if (each->descriptor_ < 0) continue;
-        sources[count] = each;
-        files[count++] = {each->descriptor_, POLLIN, 0};
+        table.sources[table.count] = each;
+        table.files[table.count++] = {each->descriptor_, POLLIN, 0};
     }
-    return count;
 }
 
 // Until a file is readable or a source's time has come.
-int HostEvents::wait(std::unique_lock<std::mutex>& lock, pollfd* files, std::size_t count) noexcept {
+int HostEvents::wait(std::unique_lock<std::mutex>& lock, Table& table) noexcept {
     std::int64_t due = INT64_MAX;
     for (const HostSource* each = first_; each; each = each->next_) {
         due = std::min(due, each->due_);
@@ -177,7 +207,7 @@ int HostEvents::wait(std::unique_lock<std::mutex>& lock, pollfd* files, std::siz
     }
     is_waiting_ = true;
     lock.unlock();
-    const int ready = poll(files, count, milliseconds);
+    const int ready = poll(table.files.data(), table.count, milliseconds);
     lock.lock();
     return ready;
 }
@@ -217,22 +247,24 @@ void HostEvents::run() noexcept {
     std::unique_lock lock(mutex_);
     thread_ = pthread_self();
     const std::uint32_t turn = turn_;
+    std::unique_ptr<Table> table;
     while (first_) {
-        pollfd files[kMost + 1];
-        HostSource* sources[kMost + 1];
-        const std::size_t count = list(files, sources);
-        const int ready = wait(lock, files, count);
+        if (next_table_) table = std::move(next_table_);
+        list(*table);
+        const int ready = wait(lock, *table);
         if (turn != turn_) return Worker::end_abandoned();
         is_waiting_ = false;
-        if (ready > 0) take_wakes(files[0].revents);
-        for (std::size_t i = 1; ready > 0 && i < count; ++i) {
+        if (ready > 0) take_wakes(table->files[0].revents);
+        for (std::size_t i = 1; ready > 0 && i < table->count; ++i) {
+            const pollfd& file = table->files[i];
+            HostSource& source = *table->sources[i];
             // Another call may have taken the source off meanwhile, or given it another descriptor.
-            const bool same = is_listed(*sources[i]) && sources[i]->descriptor_ == files[i].fd;
-            if (!same || files[i].revents == 0) continue;
+            const bool same = is_listed(source) && source.descriptor_ == file.fd;
+            if (!same || file.revents == 0) continue;
             // The program closed it. The number may be another file's by now, which the source finds out.
-            const bool closed = (files[i].revents & POLLNVAL) != 0 && fcntl(files[i].fd, F_GETFD) < 0;
-            if (closed) sources[i]->descriptor_ = -1;
-            serve(lock, *sources[i]);
+            const bool closed = (file.revents & POLLNVAL) != 0 && fcntl(file.fd, F_GETFD) < 0;
+            if (closed) source.descriptor_ = -1;
+            serve(lock, source);
         }
         serve_due(lock);
     }
@@ -246,6 +278,7 @@ void HostEvents::begin_child() noexcept {
         first_->due_ = INT64_MAX;
         first_ = first_->next_;
     }
+    sources_ = 0;
     calling_ = nullptr;
     is_waiting_ = false;
     wake_ = HostFd();

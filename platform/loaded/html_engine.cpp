@@ -88,6 +88,43 @@ void ask_for_the_end(int) {
     static_cast<void>(!write(end_asked, &one, sizeof one));
 }
 
+// What a document may take, in all processes of the engine. The engine's own watch stands still while a script runs.
+constexpr std::uint64_t kMostMegabytes = 1024;
+constexpr int kLooksMs = 200;
+
+// What the engine's processes are like.
+struct Look {
+    std::uint64_t pages = 0;
+    bool has_network = false;
+};
+
+// A process, and all that it has started.
+void look_at(const std::string& process, Look& look) {
+    const std::string folder = "/proc/" + process;
+    std::uint64_t whole = 0;
+    std::uint64_t pages = 0;
+    std::ifstream(folder + "/statm") >> whole >> pages;
+    std::string name;
+    std::ifstream(folder + "/comm") >> name;
+    look.pages += pages;
+    look.has_network = look.has_network || (pages > 0 && name == "WebKitNetworkPr");  // as long as names there are
+    std::ifstream started(folder + "/task/" + process + "/children");
+    for (std::string child; started >> child;) {
+        look_at(child, look);
+    }
+}
+
+// The engine starts its network process anew when that is gone, but what was loading by it loads for ever.
+bool is_healthy() {
+    static const std::uint64_t most = (kMostMegabytes << 20) / static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    static bool had_network = false;
+    Look look;
+    look_at(std::to_string(getpid()), look);
+    const bool has_lost_network = had_network && !look.has_network;
+    had_network = look.has_network;
+    return look.pages <= most && !has_lost_network;
+}
+
 // Waits beside everything else for the control to go, however busy the engine is. The signal may come to any thread, of
 // which the libraries have some before there is a main().
 void watch_for_the_end() {
@@ -98,7 +135,7 @@ void watch_for_the_end() {
     sigaction(SIGTERM, &handler, nullptr);
     std::thread([] {
         std::array<pollfd, 2> ends{{{kSocket, POLLRDHUP, 0}, {end_asked, POLLIN, 0}}};
-        while (poll(ends.data(), ends.size(), -1) <= 0) {
+        while (poll(ends.data(), ends.size(), kLooksMs) <= 0 && is_healthy()) {
         }
         leave();
     }).detach();
@@ -749,24 +786,8 @@ bool has_sandbox() {
            WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// What a document may take before its process is ended.
-constexpr guint kMostMegabytes = 1536;
-
-WebKitWebContext* make_bounded_context() {
-    WebKitMemoryPressureSettings* const memory = webkit_memory_pressure_settings_new();
-    webkit_memory_pressure_settings_set_memory_limit(memory, kMostMegabytes);
-    webkit_memory_pressure_settings_set_kill_threshold(memory, 1);
-    webkit_memory_pressure_settings_set_poll_interval(memory, 0.5);
-    const Owned<WebKitWebsiteDataManager> nothing_kept(webkit_website_data_manager_new_ephemeral());
-    auto* const context = WEBKIT_WEB_CONTEXT(g_object_new(WEBKIT_TYPE_WEB_CONTEXT, "website-data-manager",
-                                                          nothing_kept.get(), "memory-pressure-settings", memory,
-                                                          nullptr));
-    webkit_memory_pressure_settings_free(memory);
-    return context;
-}
-
 void make_context(bool sandbox) {
-    page.context = make_bounded_context();
+    page.context = webkit_web_context_new_ephemeral();
     webkit_web_context_set_sandbox_enabled(page.context, sandbox);
     webkit_web_context_set_cache_model(page.context, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
     webkit_web_context_register_uri_scheme(page.context, "cid", want, nullptr, nullptr);

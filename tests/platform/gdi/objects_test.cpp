@@ -312,4 +312,25 @@ TEST(Objects, ThreeHundredForksUnderLoad) {
     }
 }
 
+// What is selected at first goes back, as programs do before they delete the bitmap.
+TEST(Objects, AMemoryContextHasABitmapToPutBack) {
+    const HDC one = CreateCompatibleDC(nullptr);
+    const HDC other = CreateCompatibleDC(nullptr);
+    const HBITMAP bitmap = CreateCompatibleBitmap(one, 5, 5);
+    const HGDIOBJ first = SelectObject(one, bitmap);
+    ASSERT_NE(first, nullptr);
+    BITMAP facts{};
+    EXPECT_EQ(GetObjectW(first, sizeof facts, &facts), static_cast<int>(sizeof facts));
+    EXPECT_EQ(facts.bmWidth, 1);
+    EXPECT_EQ(facts.bmHeight, 1);
+    EXPECT_EQ(SelectObject(other, first), first) << "that of all";
+    EXPECT_EQ(SelectObject(one, first), bitmap);
+    EXPECT_TRUE(DeleteObject(bitmap));
+    EXPECT_EQ(SetPixel(one, 0, 0, RGB(1, 2, 3)), RGB(1, 2, 3));
+    EXPECT_EQ(SetPixel(one, 1, 0, RGB(1, 2, 3)), CLR_INVALID);
+    EXPECT_EQ(GetStockObject(SYSTEM_FONT + 1), nullptr);
+    EXPECT_TRUE(DeleteDC(one));
+    EXPECT_TRUE(DeleteDC(other));
+}
+
 }  // namespace

@@ -114,6 +114,52 @@ TEST(HtmlFaults, EndlessScriptsEndInTime) {
     EXPECT_EQ(folders_left(), 0);
 }
 
+// Whatever of its processes goes, whenever: every call returns, and soon a document is shown again.
+TEST(HtmlFaults, KilledAtAnyMomentItComesBack) {
+    {
+        HtmlParent parent;
+        const HRESULT shown = parent.show(u"<p id=p>one</p>");
+        ZR_NEEDS_ENGINE(shown);
+        std::mt19937 random(17);
+        for (int i = 0; i < 30; ++i) {
+            const std::vector<pid_t> processes = engine_processes();
+            ASSERT_FALSE(processes.empty());
+            const pid_t victim = processes[random() % processes.size()];
+            std::thread killer([victim, after = random() % 20] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(after));
+                kill(victim, SIGKILL);
+            });
+            for (int calls = 0; calls < 20; ++calls) {
+                if (random() % 3 == 0) parent.show(u"<p id=p><img src='cid:x'>more</p>");
+                eval(parent.document().get(), u"document.body.innerHTML", nullptr);
+                BYTE* png = nullptr;
+                SIZE_T size = 0;
+                if (random() % 8 == 0) ZrHtmlDraw(parent.control(), 240, 320, &png, &size);
+                CoTaskMemFree(png);
+            }
+            killer.join();
+            bool is_back = false;
+            for (int tries = 0; tries < 10 && !is_back; ++tries) {
+                is_back = parent.show(u"<p id=again>") == S_OK && element(parent.document().get(), u"again");
+            }
+            ASSERT_TRUE(is_back) << trouble();
+        }
+    }
+    EXPECT_TRUE(until_no_process());
+    EXPECT_EQ(folders_left(), 0);
+}
+
+// A document that takes all memory ends, and only it.
+TEST(HtmlFaults, AGreedyScriptEnds) {
+    HtmlParent parent;
+    const HRESULT shown = parent.show(u"<p id=p>one</p>");
+    ZR_NEEDS_ENGINE(shown);
+    EXPECT_TRUE(FAILED(
+        eval(parent.document().get(), u"const all = []; for (;;) all.push(new Uint8Array(1 << 24).fill(1))", nullptr)));
+    EXPECT_EQ(parent.show(u"<p id=p>two</p>"), S_OK);
+    EXPECT_TRUE(element(parent.document().get(), u"p"));
+}
+
 // A forked child's documents are gone and it shows its own; two controls, one of a thread that ends without a word.
 TEST(HtmlFaults, ForkedChildrenAndOtherThreadsHaveEnginesOfTheirOwn) {
     {

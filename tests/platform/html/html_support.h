@@ -45,12 +45,17 @@ public:
 
     HWND control() const { return control_; }
 
+    // S_OK, or why it was refused; for the messages that give TRUE or FALSE.
+    template <class Text>
+    HRESULT send(UINT message, WPARAM wparam, const Text* text) {
+        const LRESULT sent = SendMessageW(control_, message, wparam, reinterpret_cast<LPARAM>(text));
+        return sent ? S_OK : HRESULT_FROM_WIN32(GetLastError());
+    }
+    HRESULT begin(const WCHAR* source) { return send(WM_SETTEXT, 0, source); }
     // Shows it and waits until it is whole.
     HRESULT show(const WCHAR* source) {
-        if (!SendMessageW(control_, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(source))) {
-            return HRESULT_FROM_WIN32(GetLastError());
-        }
-        return ZrHtmlWait(control_, 60'000);
+        const HRESULT begun = begin(source);
+        return FAILED(begun) ? begun : ZrHtmlWait(control_, 60'000);
     }
     Ptr<IDispatchEx> document() {
         Ptr<IDispatch> found;
@@ -97,7 +102,9 @@ struct Value : VARIANT {
     }
 };
 
+// Of no object there are no members.
 inline DISPID id_of(IDispatchEx* object, const WCHAR* name, DWORD flags = fdexNameEnsure) {
+    if (object == nullptr) return DISPID_UNKNOWN;
     const BSTR text = SysAllocString(name);
     DISPID id = DISPID_UNKNOWN;
     EXPECT_EQ(object->GetDispID(text, flags, &id), S_OK);
@@ -106,11 +113,13 @@ inline DISPID id_of(IDispatchEx* object, const WCHAR* name, DWORD flags = fdexNa
 }
 
 inline HRESULT get(IDispatchEx* object, DISPID id, VARIANT* value) {
+    if (object == nullptr) return E_POINTER;
     DISPPARAMS none{};
     return object->InvokeEx(id, 0, DISPATCH_PROPERTYGET, &none, value, nullptr, nullptr);
 }
 
 inline HRESULT put(IDispatchEx* object, DISPID id, const WCHAR* text) {
+    if (object == nullptr) return E_POINTER;
     VARIANT value{};
     value.vt = VT_BSTR;
     value.bstrVal = const_cast<WCHAR*>(text);
@@ -120,6 +129,7 @@ inline HRESULT put(IDispatchEx* object, DISPID id, const WCHAR* text) {
 }
 
 inline HRESULT call(IDispatchEx* object, DISPID id, const WCHAR* text, VARIANT* result) {
+    if (object == nullptr) return E_POINTER;
     Value argument;
     argument.vt = VT_BSTR;
     argument.bstrVal = SysAllocString(text);
@@ -137,6 +147,7 @@ inline Ptr<IDispatchEx> element(IDispatchEx* document, const WCHAR* id) {
 }
 
 inline HRESULT eval(IDispatchEx* document, const WCHAR* script, VARIANT* result) {
+    if (document == nullptr) return E_POINTER;
     Ptr<IScriptControl> scripts;
     const HRESULT found = document->QueryInterface(IID_IScriptControl, scripts.any());
     return FAILED(found) ? found : scripts->Eval(const_cast<WCHAR*>(script), result);

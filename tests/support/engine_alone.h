@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace zr::bench {
+namespace zr::test {
 
 // One view of the size that the controls have.
 class EngineAlone {
@@ -18,11 +18,11 @@ public:
 
     void show(const std::string& html);  // until it is loaded
     std::string evaluate(const char* script);
-    bool draw(const std::string& file);  // what is seen, as a PNG file
+    bool looks_like(const std::string& file);  // whether what is seen is the picture in a PNG file
 
 private:
     GtkWidget* window_;
     WebKitWebView* view_;
 };
 
-}  // namespace zr::bench
+}  // namespace zr::test

@@ -1,8 +1,9 @@
 #include "support/engine_alone.h"
 
+#include <cstdint>
 #include <memory>
 
-namespace zr::bench {
+namespace zr::test {
 namespace {
 
 void wait_for(const bool& done) {
@@ -28,6 +29,27 @@ struct Answer {
         self.done = true;
     }
 };
+
+// Apart from what may be seen through.
+bool have_same_colours(cairo_surface_t* one, cairo_surface_t* other) {
+    const int width = cairo_image_surface_get_width(one);
+    const int height = cairo_image_surface_get_height(one);
+    if (width <= 0 || cairo_image_surface_get_width(other) != width ||
+        cairo_image_surface_get_height(other) != height) {
+        return false;
+    }
+    const auto pixel = [](cairo_surface_t* surface, int x, int y) {
+        const unsigned char* const row =
+            cairo_image_surface_get_data(surface) + y * cairo_image_surface_get_stride(surface);
+        return reinterpret_cast<const std::uint32_t*>(row)[x] & 0xFFFFFF;
+    };
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            if (pixel(one, x, y) != pixel(other, x, y)) return false;
+        }
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -63,16 +85,17 @@ std::string EngineAlone::evaluate(const char* script) {
     return text.get();
 }
 
-bool EngineAlone::draw(const std::string& file) {
+bool EngineAlone::looks_like(const std::string& file) {
     Answer answer;
     webkit_web_view_get_snapshot(view_, WEBKIT_SNAPSHOT_REGION_VISIBLE, WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
                                  Answer::take, &answer);
     wait_for(answer.done);
-    cairo_surface_t* const picture = webkit_web_view_get_snapshot_finish(view_, answer.result, nullptr);
-    if (!picture) return false;
-    const bool written = cairo_surface_write_to_png(picture, file.c_str()) == CAIRO_STATUS_SUCCESS;
-    cairo_surface_destroy(picture);
-    return written;
+    cairo_surface_t* const seen = webkit_web_view_get_snapshot_finish(view_, answer.result, nullptr);
+    cairo_surface_t* const given = cairo_image_surface_create_from_png(file.c_str());
+    const bool same = seen && have_same_colours(seen, given);
+    cairo_surface_destroy(given);
+    if (seen) cairo_surface_destroy(seen);
+    return same;
 }
 
-}  // namespace zr::bench
+}  // namespace zr::test
