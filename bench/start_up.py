@@ -75,7 +75,7 @@ def memory(build):
     print("private memory, KB")
     with tempfile.TemporaryDirectory() as folder:
         for name, text, libraries in (("an empty program", EMPTY, []),
-                                      ("one string function", ONE_FUNCTION, ["-lZrUtility", "-lzrplatform", "-lZrLog"])):
+                                      ("one string function", ONE_FUNCTION, ["-lZrUtility"])):
             program = os.path.join(folder, "program")
             lib = os.path.join(os.path.abspath(build), "lib")
             subprocess.run(["g++", "-std=c++20", "-O2", "-x", "c++", "-", "-o", program, f"-I{source}",
@@ -90,7 +90,8 @@ def start_up(build):
     print(f"  {'zr --version':28} {run([zr, '--version'], os.environ):.1f}")
     for size in SIZES:
         with tempfile.TemporaryDirectory() as home:
-            env = dict(os.environ, HOME=home, ZR_HOME=home + "/zr", XDG_RUNTIME_DIR=home, NOTMUCH_CONFIG=home + "/notmuch",
+            env = dict(os.environ, HOME=home, ZR_HOME=home + "/zr", XDG_RUNTIME_DIR=home,
+                       NOTMUCH_CONFIG=home + "/notmuch",
                        XDG_CONFIG_HOME=home + "/config", XDG_CACHE_HOME=home + "/cache", XDG_DATA_HOME=home + "/data")
             people(home, size)
             wanted = f"person{size // 2}@example.org"
