@@ -77,6 +77,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(zr_settings INTERFACE -Wno-restrict)
   endif()
 endif()
+# Later ones warn of what GCC's library does within std::stable_sort.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 15)
+  target_compile_options(zr_settings INTERFACE -Wno-deprecated-declarations)
+endif()
 if(ZR_SANITIZE)
   target_compile_options(zr_settings INTERFACE -fsanitize=${ZR_SANITIZE} -fno-sanitize-recover=all
                                                -fno-omit-frame-pointer)
