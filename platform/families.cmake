@@ -31,4 +31,4 @@ zr_family(tapi HEADERS tapi TEST_LIBRARIES zr_test_memory LABELS threads)
 zr_family(mapi HEADERS mapi mapi_structures mapi_tags LIBRARIES SQLite::SQLite3 TEST_LIBRARIES zr_test_memory zr_test_disk
           LABELS threads)
 zr_family(gdi HEADERS gdi input_panel TEST_LIBRARIES zr_test_memory zr_pangocairo LABELS threads)
-zr_family(html HEADERS html LABELS threads)
+zr_family(html HEADERS html TEST_LIBRARIES zr_test_memory LABELS threads)

@@ -1,4 +1,5 @@
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -11,6 +12,8 @@
 
 #include "html/engine_patience.h"
 #include "html_support.h"
+#include "support/child.h"
+#include "support/failing_new.h"
 #include "support/forked.h"
 #include "support/sandbox.h"
 
@@ -196,6 +199,85 @@ TEST(HtmlFaults, ForkedChildrenAndOtherThreadsHaveEnginesOfTheirOwn) {
     }
     EXPECT_TRUE(until_no_process());
     EXPECT_EQ(folders_left(), 0);
+}
+
+// Whatever allocation fails: an error, no object left behind, and with memory again documents are shown.
+TEST(HtmlFaults, WithoutMemoryCallsFailAndDocumentsComeBack) {
+    HtmlParent parent;
+    const HRESULT shown = parent.show(u"<p id=p>one</p>");
+    ZR_NEEDS_ENGINE(shown);
+    const LONGLONG before = ZrLiveObjects(ZrLiveKind::Interfaces);
+    int failures = 0;
+    const auto work = [&] {
+        if (FAILED(parent.begin(u"<title>t</title><p id=p>two</p>"))) return false;
+        Ptr<IDispatch> document;
+        SendMessageW(parent.control(), DTM_DOCUMENTDISPATCH, 0, reinterpret_cast<LPARAM>(document.out()));
+        WCHAR name[] = u"title";
+        LPOLESTR names = name;
+        DISPID id = DISPID_UNKNOWN;
+        if (!document || FAILED(document->GetIDsOfNames(IID_NULL, &names, 1, 0, &id))) return false;
+        DISPPARAMS none{};
+        Value title;
+        const HRESULT got = document->Invoke(id, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, &title, nullptr, nullptr);
+        return SUCCEEDED(got) && SUCCEEDED(ZrHtmlWait(parent.control(), 60'000));
+    };
+    parent.told.reserve(100'000);  // ours, not the control's
+    bool is_done = false;
+    for (int successes = 0; !is_done && successes < 2'000; ++successes) {
+        {
+            const FailingNew failing(successes);
+            is_done = work();
+        }
+        failures += !is_done;
+        EXPECT_EQ(ZrLiveObjects(ZrLiveKind::Interfaces), before) << successes;
+    }
+    EXPECT_TRUE(is_done);
+    EXPECT_GT(failures, 20);
+    EXPECT_EQ(parent.show(u"<p id=p>three</p>"), S_OK);
+    EXPECT_TRUE(element(parent.document().get(), u"p"));
+}
+
+// Takes all descriptors, and gives them back.
+std::vector<int> take_all_descriptors() {
+    rlimit tight{};
+    getrlimit(RLIMIT_NOFILE, &tight);
+    tight.rlim_cur = 64;
+    setrlimit(RLIMIT_NOFILE, &tight);
+    std::vector<int> taken;
+    for (int copy = dup(STDIN_FILENO); copy >= 0; copy = dup(STDIN_FILENO)) {
+        taken.push_back(copy);
+    }
+    return taken;
+}
+
+}  // namespace
+
+ZR_CHILD(html_with_few_descriptors) {
+    HtmlParent parent;
+    std::vector<int> taken = take_all_descriptors();
+    for (int room = 0; room < 2; ++room) {  // a socket has two
+        if (parent.begin(u"<p id=p>") == S_OK) return 1;
+        const DWORD error = GetLastError();
+        if (error == ERROR_MOD_NOT_FOUND) return 77;
+        if (error != ERROR_TOO_MANY_OPEN_FILES) return 2;
+        close(taken.back());
+        taken.pop_back();
+    }
+    for (const int each : taken) {
+        close(each);
+    }
+    const HRESULT shown = parent.show(u"<p id=p>");
+    if (shown == HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)) return 77;
+    return shown == S_OK && element(parent.document().get(), u"p") ? 0 : 3;
+}
+
+namespace {
+
+TEST(HtmlFaults, WithoutDescriptorsDocumentsFailAndComeBack) {
+    Child child("html_with_few_descriptors");
+    const int code = child.wait();
+    if (code == 77) GTEST_SKIP() << "no HTML engine";
+    EXPECT_EQ(code, 0);
 }
 
 }  // namespace
