@@ -124,7 +124,7 @@ TEST(HtmlFaults, KilledAtAnyMomentItComesBack) {
         const HRESULT shown = parent.show(u"<p id=p>one</p>");
         ZR_NEEDS_ENGINE(shown);
         std::mt19937 random(17);
-        for (int i = 0; i < 30; ++i) {
+        for (int i = 0; i < 20; ++i) {
             const std::vector<pid_t> processes = engine_processes();
             ASSERT_FALSE(processes.empty());
             const pid_t victim = processes[random() % processes.size()];

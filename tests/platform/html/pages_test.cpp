@@ -143,6 +143,41 @@ TEST(HtmlPages, OfAHundredThousandElementsAndFiftyMegabytes) {
     EXPECT_TRUE(has(parent, u"q"));
 }
 
+// What no parser would call a page is shown all the same, and can be asked.
+TEST(HtmlPages, MayBeBroken) {
+    HtmlParent parent;
+    const HRESULT shown = parent.show(u"<p id=p>");
+    ZR_NEEDS_ENGINE(shown);
+    std::u16string deep;
+    for (int i = 0; i < 50'000; ++i) {
+        deep += i % 2 == 0 ? u"<div>" : u"<table><td>";
+    }
+    const std::u16string pages[] = {
+        u"",
+        u"<",
+        u"<!--",
+        u"<title>never closed <p id=p>",
+        u"<script>never closed",
+        u"<style>p{",
+        u"<plaintext><p>",
+        u"<table><p id=p>a<tr><b><td>x</b><table><td></table></tr></p></i></td>",
+        u"<b><p><i>x</b>y</p></i></form></body></html><p id=p>after",
+        u"<p id=p id=q id='" + std::u16string(1 << 20, u'x') + u"'>",
+        u"<base href='http://x.example/'><a href=y>z</a><img src=//x.example/i.png>",
+        u"<meta charset=utf-7><meta http-equiv=Content-Security-Policy content=\"default-src 'none'\"><p id=p>",
+        u"<frameset cols=*><frame src='http://x.example/'></frameset>",
+        u"<object data=x.bin></object><embed src=y><applet code=z></applet><marquee>m</marquee>",
+        u"&#0;&#x110000;&#xD800;&nosuch;\uFFFF\uFEFF<p id=p\u0001=x>",
+        deep,
+    };
+    for (const std::u16string& page : pages) {
+        ASSERT_EQ(parent.show(page.c_str()), S_OK) << page.size();
+        ASSERT_EQ(evaluated(parent, u"document.body ? 1 : 0"), u"1") << page.size();
+    }
+    ASSERT_EQ(parent.show(u"<p id=n>"), S_OK);
+    EXPECT_TRUE(has(parent, u"n"));
+}
+
 TEST(HtmlPages, AreLaidOutScrolledAndGivenBitmaps) {
     HtmlParent parent;
     HBITMAP bitmap = nullptr;
