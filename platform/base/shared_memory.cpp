@@ -176,6 +176,10 @@ void SharedMemory::detach() noexcept {
     base_ = nullptr;
 }
 
+int SharedMemory::keep_from_children(std::size_t size) noexcept {
+    return madvise(base_, kHeader + size, MADV_DONTFORK) == 0 ? 0 : errno;
+}
+
 std::uint64_t SharedMemory::number() const noexcept {
     return static_cast<const Mark*>(base_)->number;
 }

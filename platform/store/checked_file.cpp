@@ -3,11 +3,13 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <bit>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <new>
@@ -16,6 +18,7 @@
 #include "base/host_fd.h"
 #include "platform/diagnostics.h"
 #include "platform/stores.h"
+#include "store/journal_index.h"
 
 namespace zr::platform {
 namespace {
@@ -179,10 +182,13 @@ struct File {
     sqlite3_file base;
     Kind kind;
     // The database's.
-    int page_size;               // 0: not known yet
-    bool checked;                // its pages have checksums
-    Byte* scratch;               // a page; made when it is first needed
-    const volatile Byte* index;  // of the journal, in shared memory; null: not there yet
+    int page_size;  // 0: not known yet
+    bool checked;   // its pages have checksums
+    Byte* scratch;  // a page; made when it is first needed
+    const char* name;
+    ino_t number;                // of the file; 0: not known
+    JournalIndex* shared;        // null: not there yet
+    const volatile Byte* index;  // its front
     JournalEnd end;              // what the index said when it was let go of
     // The journal's.
     File* database;      // null: not known, nothing is looked at
@@ -560,12 +566,43 @@ int x_device_characteristics(sqlite3_file* base) {
     return file.methods()->xDeviceCharacteristics(file.real());
 }
 
-int x_shm_map(sqlite3_file* base, int region, int size, int extend, void volatile** at) {
+int attach_index(File& file) {
+    auto* const shared = new (std::nothrow) JournalIndex;
+    if (shared == nullptr) return SQLITE_IOERR_NOMEM;
+    int result = SQLITE_OK;
+    // Of the host's file only the locks are used; nothing in it is touched.
+    const int error = file.number == 0 ? ENOENT : shared->attach(file.name, file.number, [&] {
+        void volatile* nothing = nullptr;
+        result = file.methods()->xShmMap(file.real(), 0, static_cast<int>(JournalIndex::kRegionSize), 0, &nothing);
+        return result == SQLITE_OK;
+    });
+    if (error == 0) {
+        file.shared = shared;
+        file.index = shared->region(0);
+        return SQLITE_OK;
+    }
+    file.methods()->xShmUnmap(file.real(), 0);
+    delete shared;
+    if (result != SQLITE_OK) return result;
+    // Not SQLITE_BUSY, at which SQLite tries again: it has been waited for.
+    if (error == ETIMEDOUT) return SQLITE_LOCKED;
+    if (error == ENOMEM) return SQLITE_IOERR_NOMEM;
+    errno = error;
+    return error == EMFILE || error == ENFILE ? SQLITE_CANTOPEN : SQLITE_IOERR_SHMMAP;
+}
+
+int x_shm_map(sqlite3_file* base, int region, int size, int, void volatile** at) {
     File& file = file_of(base);
-    const WithinSizeLimit no_signal;
-    const int result = file.methods()->xShmMap(file.real(), region, size, extend, at);
-    if (result == SQLITE_OK && region == 0) file.index = static_cast<const volatile Byte*>(*at);
-    return result;
+    *at = nullptr;
+    if (size != static_cast<int>(JournalIndex::kRegionSize)) return SQLITE_IOERR_SHMMAP;
+    if (file.shared == nullptr) {
+        const WithinSizeLimit no_signal;
+        if (const int result = attach_index(file); result != SQLITE_OK) return result;
+    }
+    const auto number = static_cast<std::size_t>(region);
+    if (number >= JournalIndex::kRegions) return SQLITE_FULL;
+    *at = file.shared->region(number);
+    return SQLITE_OK;
 }
 
 int x_shm_lock(sqlite3_file* base, int offset, int count, int flags) {
@@ -582,7 +619,11 @@ int x_shm_unmap(sqlite3_file* base, int remove) {
     File& file = file_of(base);
     file.end = end_in(file.index);
     file.index = nullptr;
-    return file.methods()->xShmUnmap(file.real(), remove);
+    if (file.shared != nullptr && remove != 0) file.shared->clear();
+    // The locks first: who finds them finds the memory too.
+    const int result = file.methods()->xShmUnmap(file.real(), remove);
+    delete std::exchange(file.shared, nullptr);
+    return result;
 }
 
 // Without xFetch: pages are read by calls, and looked at.
@@ -608,12 +649,23 @@ constexpr sqlite3_io_methods kMethods = {
     nullptr,
 };
 
+// Of the file that was opened, not of one that has its name by now.
+ino_t number_of_opened(File& file) {
+    struct stat status = {};
+    int moved = 1;
+    if (stat(file.name, &status) != 0) return 0;
+    file.methods()->xFileControl(file.real(), SQLITE_FCNTL_HAS_MOVED, &moved);
+    return moved == 0 ? status.st_ino : 0;
+}
+
 int x_open(sqlite3_vfs*, const char* name, sqlite3_file* base, int flags, int* flags_out) {
     File& file = *new (base) File{};
     const int result = host()->xOpen(host(), name, file.real(), flags, flags_out);
     if (result != SQLITE_OK) return result;
     if ((flags & SQLITE_OPEN_MAIN_DB) != 0) {
         file.kind = Kind::Database;
+        file.name = name;
+        file.number = number_of_opened(file);
     } else if ((flags & SQLITE_OPEN_WAL) != 0) {
         file.kind = Kind::Journal;
         file.database = &file_of(sqlite3_database_file_object(name));

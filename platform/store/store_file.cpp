@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "platform/errors.h"
 #include "store/bell.h"
 #include "store/checked_file.h"
+#include "store/journal_index.h"
 
 namespace zr::platform {
 namespace {
@@ -62,15 +62,6 @@ std::string free_name(const std::string& path, const char* reason) {
         name = base + "-" + std::to_string(i);
     }
     return name;
-}
-
-// Whoever has the store open compares the header of the journal's index before each call (commit_watch.h).
-void change_index(const std::string& path) {
-    const HostFd file = open_host((path + "-shm").c_str(), O_RDWR | O_NOFOLLOW);
-    char noise[96];
-    if (!file || getrandom(noise, sizeof noise, 0) != sizeof noise) return;
-    const WithinSizeLimit no_signal;
-    static_cast<void>(!pwrite(file.get(), noise, sizeof noise, 0));
 }
 
 StoreOpening set_aside(const StoreKind& kind, const std::string& path, const Bell& bell) {
@@ -311,6 +302,8 @@ int replace_store(const std::string& path, const char* reason, const std::string
     Bell::Pull alone;
     if (const int error = alone.take_alone(bell); error != 0) return error;
     name = free_name(path, reason);
+    struct stat status = {};
+    const bool is_there = stat(path.c_str(), &status) == 0;
     // Whoever is killed on the way leaves a file that says that its journal is missing, and never one that seems new.
     if (link(path.c_str(), name.c_str()) != 0 && (errno != ENOENT || by.empty())) return errno;
     const std::string journal = path + "-wal";
@@ -321,7 +314,8 @@ int replace_store(const std::string& path, const char* reason, const std::string
     }
     const int result = by.empty() ? unlink(path.c_str()) : rename(by.c_str(), path.c_str());
     if (result != 0) return errno;
-    change_index(path);
+    // Whoever has the store open compares the header of the journal's index before each call (commit_watch.h).
+    if (is_there) JournalIndex::disturb(path, status.st_ino);
     unlink((path + "-shm").c_str());
     unlink(suspicion(path).c_str());
     return 0;

@@ -36,6 +36,8 @@ public:
     int find(const FileLock& path, std::size_t size) noexcept;
     int make(const FileLock& path, std::size_t size) noexcept;
     void detach() noexcept;
+    // A child made by fork does not have it. `size` as above; 0 or an error number.
+    int keep_from_children(std::size_t size) noexcept;
 
     explicit operator bool() const noexcept { return base_ != nullptr; }
     void* data() const noexcept { return static_cast<char*>(base_) + kHeader; }

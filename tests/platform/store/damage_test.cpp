@@ -1,13 +1,17 @@
 // What becomes of stores whose files are damaged: it is noticed, or it does not matter, and nobody is told anything
 // wrong. Each look is a process of its own. ZR_FLIPS says how many bits are flipped, one at a time (250).
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include "platform/diagnostics.h"
 #include "platform/mapi/mail_support.h"
@@ -60,6 +64,17 @@ bool is_set_aside(const char* file) {
 struct ContactStore {
     static constexpr const char* kFile = "pim.db";
 
+    // Changes what look() does not ask for.
+    static bool touch(int number) {
+        TestSession session;
+        Ptr<IPOutlookItemCollection> items;
+        Ptr<IContact> item;
+        if (session.logon != S_OK || session.folder()->get_Items(items.out()) != S_OK) return false;
+        if (items->Item(1, item.dispatch()) != S_OK) return false;
+        item->put_FirstName(in(text_of(number).c_str()));
+        return item->Save() == S_OK;
+    }
+
     static bool fill(int count) {
         TestSession session;
         for (int i = 0; i < count; ++i) {
@@ -102,6 +117,11 @@ struct ContactStore {
 
 struct RegistryStore {
     static constexpr const char* kFile = "registry.db";
+
+    // Changes what look() does not ask for.
+    static bool touch(int number) {
+        return set_dword(create(HKEY_CURRENT_USER, u"key"), u"touched", static_cast<DWORD>(number)) == kOk;
+    }
 
     static bool fill(int count) {
         create(HKEY_CURRENT_USER, u"key");
@@ -148,6 +168,15 @@ struct MailStore {
             if (made->SaveChanges(0) != S_OK) return false;
         }
         return true;
+    }
+    // Changes what look() does not ask for.
+    static bool touch(int number) {
+        const Mail mail;
+        if (mail.open != S_OK) return false;
+        Ptr<IMessage> made;
+        const Ptr<IMAPIFolder> drafts = mail.folder(PR_CE_IPM_DRAFTS_ENTRYID);
+        return drafts->CreateMessage(nullptr, 0, made.out()) == S_OK &&
+               set(made.get(), text_prop(PR_SUBJECT_W, name_of(number))) == S_OK && made->SaveChanges(0) == S_OK;
     }
     static int look(int count) {
         const int seen = read(count);
@@ -239,6 +268,26 @@ ZR_CHILD(fill_registry_and_die) {
     _exit(1);
 }
 
+// Reads and writes beside others.
+template <class Store>
+int work(int count) {
+    for (int i = 0; i < rounds_wanted("ZR_ROUNDS", 30, 8); ++i) {
+        if (!Store::touch(i)) return 1;
+        if (Store::look(count) != kRight) return 2;
+    }
+    return 0;
+}
+ZR_CHILD(work_on_contacts) {
+    const TestSession session;
+    return work<ContactStore>(kContacts);
+}
+ZR_CHILD(work_on_registry) {
+    return work<RegistryStore>(kValues);
+}
+ZR_CHILD(work_on_mail) {
+    return work<MailStore>(kMessages);
+}
+
 template <class Store>
 struct Content;
 template <>
@@ -247,6 +296,7 @@ struct Content<ContactStore> {
     static constexpr const char* kFill = "fill_contacts";
     static constexpr const char* kFillAndDie = "fill_contacts_and_die";
     static constexpr const char* kHold = "hold_contacts";
+    static constexpr const char* kWork = "work_on_contacts";
 };
 template <>
 struct Content<RegistryStore> {
@@ -254,6 +304,7 @@ struct Content<RegistryStore> {
     static constexpr const char* kFill = "fill_registry";
     static constexpr const char* kFillAndDie = "fill_registry_and_die";
     static constexpr const char* kHold = "hold_registry";
+    static constexpr const char* kWork = "work_on_registry";
 };
 
 template <>
@@ -262,6 +313,7 @@ struct Content<MailStore> {
     static constexpr const char* kFill = "fill_mail";
     static constexpr const char* kFillAndDie = "fill_mail_and_die";
     static constexpr const char* kHold = "hold_mail";
+    static constexpr const char* kWork = "work_on_mail";
 };
 
 template <class Store>
@@ -274,6 +326,7 @@ protected:
         fs::create_directories(sandbox_home());
     }
     static fs::path file() { return sandbox_home() / Store::kFile; }
+    static fs::path index() { return file().string() + "-shm"; }
     static fs::path journal() { return file().string() + "-wal"; }
 
     static std::string read(const fs::path& path) {
@@ -419,31 +472,79 @@ TYPED_TEST(Damage, AFlippedBitInAnOpenStoreIsNeverReadAsData) {
     EXPECT_GT(noticed, 0);
 }
 
-// The journal's index is made anew by the first who opens the store: what lies there is believed by nobody.
-TYPED_TEST(Damage, AnIndexThatNobodyHasOpenIsNotRead) {
+// Of the journal's index only the memory is read, which is no file.
+TYPED_TEST(Damage, WhatLiesInTheFileOfTheIndexIsBelievedByNobody) {
     ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
     this->keep();
-    const fs::path index = this->file().string() + "-shm";
-    const std::string kept = this->read(index);
-    ASSERT_GE(kept.size(), 32768u);
-    const auto put_index = [&](const std::string& bytes) {
+    for (const std::size_t size : {0, 1, 135, 32767, 32768, 100000}) {
         this->put(this->file_bytes_, this->journal_bytes_);
-        this->write(index, bytes);
-        fs::permissions(index, fs::perms::owner_read | fs::perms::owner_write);
-    };
-    std::mt19937 random(6);
-    constexpr std::size_t kUsed = 600;  // its header, and the pages of the first frames
-    for (int i = 0; i < flips() / 5; ++i) {
-        std::string bytes = kept;
-        const std::size_t bit = random() % (kUsed * 8);
-        bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ (1 << bit % 8));
-        put_index(bytes);
-        ASSERT_EQ(this->look(), kRight) << "bit " << bit;
-    }
-    for (const std::size_t size : {0, 1, 135, 32767, 100000}) {
-        put_index(std::string(size, '\x5A'));
+        this->write(this->index(), std::string(size, '\x5A'));
+        fs::permissions(this->index(), fs::perms::owner_read | fs::perms::owner_write);
         ASSERT_EQ(this->look(), kRight) << size;
     }
+}
+
+TYPED_TEST(Damage, WhatIsDoneToTheFileOfTheIndexHarmsNobody) {
+    Child holder(Content<TypeParam>::kHold, {std::to_string(this->kCount)});
+    ASSERT_EQ(holder.hear(), "ready");
+    Child one(Content<TypeParam>::kWork, {});
+    Child other(Content<TypeParam>::kWork, {});
+    std::atomic<bool> over{false};
+    std::thread vandal([&] {
+        std::mt19937 random(7);
+        while (!over) {
+            const int file = open(this->index().c_str(), O_RDWR);
+            if (file < 0) continue;
+            const std::string noise(random() % 300, static_cast<char>(random()));
+            if (random() % 2 == 0) {
+                static_cast<void>(!ftruncate(file, 0));
+            } else {
+                static_cast<void>(!pwrite(file, noise.data(), noise.size(), static_cast<off_t>(random() % 40000)));
+            }
+            close(file);
+        }
+    });
+    EXPECT_EQ(one.wait(), 0);
+    EXPECT_EQ(other.wait(), 0);
+    over = true;
+    vandal.join();
+    EXPECT_EQ(this->look(), kRight);
+    holder.say("end");
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_EQ(this->look(), kRight);
+    EXPECT_TRUE(this->is_whole());
+    EXPECT_FALSE(is_set_aside(TypeParam::kFile));
+}
+
+ZR_CHILD(hold_by_another_layer) {
+    sqlite3* database = nullptr;
+    const bool reads = sqlite3_open(args[0].c_str(), &database) == SQLITE_OK &&
+                       sqlite3_exec(database, "SELECT count(*) FROM change", nullptr, nullptr, nullptr) == SQLITE_OK;
+    say(reads ? "ready" : "failed");
+    hear();
+    sqlite3_close(database);
+    return 0;
+}
+
+// It has an index of its own, which two of them would not agree on.
+TEST(ForeignIndex, AStoreThatAnotherLayerHasOpenIsBusy) {
+    fs::remove_all(sandbox_home());
+    fs::create_directories(sandbox_home());
+    const fs::path file = sandbox_home() / RegistryStore::kFile;
+    ASSERT_EQ(Child("fill_registry", {"1"}).wait(), 0);
+    Child holder("hold_by_another_layer", {file.string()});
+    ASSERT_EQ(holder.hear(), "ready");
+    const auto result = [] {
+        return in_fork([] {
+            Key key;
+            const LONG error = open(HKEY_CURRENT_USER, u"key", key);
+            return error == kOk ? 0 : error == code(ERROR_BUSY) ? 1 : 2;
+        });
+    };
+    EXPECT_EQ(result(), 1);
+    holder.say("end");
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_EQ(result(), 0);
 }
 
 TYPED_TEST(Damage, AMissingJournalIsNoticed) {
