@@ -16,12 +16,17 @@
 #include "platform/registry_readers.h"
 #include "support/child.h"
 #include "support/failing_new.h"
+#include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/sandbox.h"
 
 namespace {
 
 using zr::test::Child;
 using zr::test::FailingNew;
+using zr::test::in_fork;
+using zr::test::kStride;
+using zr::test::Load;
 
 constexpr LPCWSTR kProxies = u"Comm\\ConnMgr\\Providers\\{EF097F4C-DC4B-4c98-8FF6-AEF805DC0E8E}";
 constexpr LPCWSTR kNetworks = u"Comm\\ConnMgr\\Destinations";
@@ -470,6 +475,21 @@ TEST_F(Provisioning, IsWholeForOthersWhileTwoProcessesProvision) {
     const long first = number(HKEY_CURRENT_USER, u"Prov", u"0");
     for (const LPCWSTR name : {u"1", u"33", u"66", u"99"}) {
         EXPECT_EQ(number(HKEY_CURRENT_USER, u"Prov", name), first);
+    }
+}
+
+TEST_F(Provisioning, ThreeHundredForksUnderLoad) {
+    const auto provision = [](const std::u16string& name, int value) {
+        const std::u16string text(1, static_cast<WCHAR>(u'0' + value % 10));
+        return process(in_key(parm(name, text, u"integer"))).result == S_OK &&
+               number(HKEY_CURRENT_USER, u"Prov", name.c_str()) == value % 10;
+    };
+    int beside = 0;
+    const Load load({[&] { EXPECT_TRUE(provision(u"load", ++beside)); }});
+    for (int i = 0; i < 300 / kStride; ++i) {
+        ASSERT_EQ(in_fork([&] { return provision(u"child", i) ? 0 : 1; }), 0) << "fork " << i;
+        ASSERT_TRUE(provision(u"parent", i)) << "fork " << i;
+        ASSERT_EQ(number(HKEY_CURRENT_USER, u"Prov", u"child"), i % 10);
     }
 }
 
