@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -20,7 +21,7 @@ constexpr std::size_t kIndexSize = JournalIndex::kRegionSize * JournalIndex::kRe
 constexpr std::size_t kIndexHeaders = 96;  // there are two, which are equal when they are right
 // The byte of NAME-shm that everybody locks who has the store open (https://sqlite.org/walformat.html).
 constexpr off_t kOpenByte = 128;
-constexpr int kMostPauses = 5000;
+constexpr std::chrono::seconds kIndexPatience{5};
 
 // The file that is locked while the memory is looked for or made. Nobody needs it for longer.
 class IndexLock {
@@ -63,8 +64,9 @@ bool is_open_somewhere(const char* path) noexcept {
 // A process that is killed loses the memory a moment before its locks.
 int wait_until_closed(const std::string& store) {
     const std::string path = store + "-shm";
-    for (int waited = 0; is_open_somewhere(path.c_str()); ++waited) {
-        if (waited >= kMostPauses) return ETIMEDOUT;
+    const auto until = std::chrono::steady_clock::now() + kIndexPatience;
+    while (is_open_somewhere(path.c_str())) {
+        if (std::chrono::steady_clock::now() >= until) return ETIMEDOUT;
         poll(nullptr, 0, 1);
     }
     return 0;
