@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -15,6 +16,7 @@
 #include "support/child.h"
 #include "support/forked.h"
 #include "support/instrumented.h"
+#include "support/sandbox.h"
 
 namespace {
 
@@ -267,6 +269,8 @@ int steps() {
 }
 
 TEST(StoreModel, ThreeProcessesWithKillsAndForksAreOneMap) {
+    std::filesystem::remove_all(sandbox_home());
+    std::filesystem::create_directories(sandbox_home());
     Players players;
     for (int i = 0; i < steps() && !testing::Test::HasFailure(); ++i) {
         players.step();
