@@ -88,8 +88,9 @@ void ask_for_the_end(int) {
     static_cast<void>(!write(end_asked, &one, sizeof one));
 }
 
-// What a document may take, in all processes of the engine. The engine's own watch stands still while a script runs.
-constexpr std::uint64_t kMostMegabytes = 1024;
+// What a document may take, in all processes of the engine: fifty megabytes of text become two gigabytes there. The
+// engine's own watch stands still while a script runs.
+constexpr std::uint64_t kMostMemory = std::uint64_t{3} << 30;
 constexpr int kLooksMs = 200;
 
 // What the engine's processes are like.
@@ -103,10 +104,11 @@ void look_at(const std::string& process, Look& look) {
     const std::string folder = "/proc/" + process;
     std::uint64_t whole = 0;
     std::uint64_t pages = 0;
-    std::ifstream(folder + "/statm") >> whole >> pages;
+    std::uint64_t shared = 0;  // with the files that they are of
+    std::ifstream(folder + "/statm") >> whole >> pages >> shared;
     std::string name;
     std::ifstream(folder + "/comm") >> name;
-    look.pages += pages;
+    look.pages += pages - std::min(pages, shared);
     look.has_network = look.has_network || (pages > 0 && name == "WebKitNetworkPr");  // as long as names there are
     std::ifstream started(folder + "/task/" + process + "/children");
     for (std::string child; started >> child;) {
@@ -116,7 +118,8 @@ void look_at(const std::string& process, Look& look) {
 
 // The engine starts its network process anew when that is gone, but what was loading by it loads for ever.
 bool is_healthy() {
-    static const std::uint64_t most = (kMostMegabytes << 20) / static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    static const std::uint64_t most = std::min(kMostMemory / static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)),
+                                               static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) / 2);
     static bool had_network = false;
     Look look;
     look_at(std::to_string(getpid()), look);
