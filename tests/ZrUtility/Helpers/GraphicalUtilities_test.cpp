@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <future>
 #include <random>
 #include <string>
 #include <thread>
@@ -674,6 +675,53 @@ TEST(Stretching, KeepsItsSumElsewhere) {
     EXPECT_EQ(GraphicalUtilities::StretchToFit(child, nullptr), 190);
     EXPECT_EQ(GraphicalUtilities::StretchToFit(parent, nullptr), 0);
     EXPECT_EQ(GraphicalUtilities::StretchToFit(nullptr, nullptr), 0);
+}
+
+TEST(Windows, OfAnotherThreadAreMeasuredAndMoved) {
+    std::promise<HWND> made;
+    std::thread owner([&] {
+        const PlainWindow parent(0, 40, 240, 100);
+        const PlainWindow child(10, 6, 50, 20, parent);
+        made.set_value(child);
+        MSG message{};
+        while (GetMessageW(&message, nullptr, 0, 0) > 0) {
+            DispatchMessageW(&message);
+        }
+    });
+    const HWND child = made.get_future().get();
+    const PlainWindow own(0, 0, 50, 20);
+    EXPECT_EQ(at_end(child, kTexts[0], 40), at_end(own, kTexts[0], 40));
+    EXPECT_EQ(at_start(child, kTexts[0], 40), at_start(own, kTexts[0], 40));
+    EXPECT_GT(described(GraphicalUtilities::CreateDefaultFont(child, 1, 0)).lfWeight, 0);
+    EXPECT_EQ(GraphicalUtilities::StretchToFit(child, own), 220);
+    EXPECT_EQ(screen_place(child).right, 230);
+    EXPECT_EQ(GraphicalUtilities::SizePageToFitSheet(child), 0);
+    PostThreadMessageW(GetWindowThreadProcessId(child, nullptr), WM_QUIT, 0, 0);
+    owner.join();
+}
+
+TEST(Windows, ThatAreGoneAreNotMeasuredNorMoved) {
+    const LONGLONG contexts = ZrLiveObjects(ZrLiveKind::DeviceContexts);
+    const LONGLONG objects = ZrLiveObjects(ZrLiveKind::GdiObjects);
+    HWND gone = nullptr;
+    {
+        const PlainWindow window(0, 0, 100, 100);
+        gone = window;
+    }
+    RECT kept{1, 2, 3, 4};
+    GraphicalUtilities::GetRectInClient(gone, &kept);
+    EXPECT_EQ(kept.right, 3);
+    EXPECT_EQ(GraphicalUtilities::StretchToFit(gone, gone), 0);
+    EXPECT_EQ(GraphicalUtilities::SizePageToFitSheet(gone), 0);
+    std::u16string text = u"several words";
+    EXPECT_EQ(GraphicalUtilities::CalTextRect(gone, text.data(), {5, 5, 15, 25}).bottom, 20);
+    for (const Trim trim :
+         {GraphicalUtilities::TrimWithEllipsisToRectEx, GraphicalUtilities::TrimWithEllipsisToRectMultiLine}) {
+        EXPECT_EQ(trimmed_text(trim, gone, text, box_of(10), 1), text);
+    }
+    EXPECT_NE(described(GraphicalUtilities::CreateDefaultFont(gone, 0, 0)).lfHeight, 0);
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::DeviceContexts), contexts);
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::GdiObjects), objects);
 }
 
 class Sheet : public testing::Test {
