@@ -20,6 +20,7 @@
 
 #include "support/child.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/private_bus.h"
 
 namespace {
@@ -396,12 +397,12 @@ TEST_F(SystemBus, AChildHasAConnectionOfItsOwn) {
     EXPECT_EQ(text_of(&told->values[0]), "child");
 }
 
-TEST_F(SystemBus, GoesOnBesideForksAtAnyMoment) {
+TEST_F(SystemBus, ThreeHundredForksUnderLoad) {
     ASSERT_TRUE(mock_->add_method(kName, "Echo", "v", "v", "ret = args[0]"));
     const auto echo = [&] { return call("Echo", {bus_variant(bus_text("x"))}).result == BusResult::Answered; };
     const zr::test::Load load({[&] { EXPECT_TRUE(echo()); }, [&] { EXPECT_TRUE(echo()); }});
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(zr::test::in_fork([&] { return echo() ? 0 : 1; }), 0);
+    for (int i = 0; i < 300 / zr::test::kStride; ++i) {
+        ASSERT_EQ(zr::test::in_fork([&] { return echo() ? 0 : 1; }), 0) << "fork " << i;
     }
 }
 
