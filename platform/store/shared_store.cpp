@@ -87,6 +87,11 @@ constexpr std::chrono::seconds kPatience{5};
 constexpr LONGLONG kKeptChanges = 8192;
 constexpr LONGLONG kPruneEvery = 1024;
 
+// So many free pages are kept for what comes, however small the store is.
+constexpr LONGLONG kFreePages = 256;
+// What is left is written anew while others wait to write, so that it must not be much.
+constexpr LONGLONG kMostPagesMoved = 32768;
+
 int flush_folder(const std::string& path) {
     const HostFd folder = open_host(path.c_str(), O_RDONLY | O_DIRECTORY);
     return folder && fsync(folder.get()) == 0 ? 0 : errno;
@@ -583,19 +588,41 @@ DWORD StoreWriting::prune() {
     return connection().run(statement) == ERROR_SUCCESS ? ERROR_SUCCESS : store_->fail(connection());
 }
 
+// Whether large deletions left room that the host could have back.
+bool StoreWriting::has_much_free() {
+    LONGLONG free = 0;
+    LONGLONG pages = 0;
+    return !store_->keeps_room_ && connection().scalar("PRAGMA freelist_count", free) == ERROR_SUCCESS &&
+           free > kFreePages && connection().scalar("PRAGMA page_count", pages) == ERROR_SUCCESS && free > pages / 2 &&
+           pages - free <= kMostPagesMoved;
+}
+
+// Writes the store anew, which is a change of its own. Nothing that anybody knows changes by it; where it fails the
+// room stays for what comes.
+void StoreWriting::give_back() {
+    Connection& writer = connection();
+    store_->keeps_room_ = writer.execute("VACUUM") != ERROR_SUCCESS;
+    // The file is cut off when all of the journal is in it.
+    if (!store_->keeps_room_) static_cast<void>(writer.execute("PRAGMA wal_checkpoint(PASSIVE)"));
+}
+
 // Commits and rings; true when nobody else has committed since before_.
 bool StoreWriting::keep(CommitWatch::Stamp& after, DWORD& error) {
     if (!has_changes()) return false;
     const WithinSizeLimit no_signal;  // for all that a commit writes
     error = prune();
     if (error != ERROR_SUCCESS) return false;
-    Use commit = connection().use("COMMIT");
-    if (connection().run(commit) != ERROR_SUCCESS) {
-        error = store_->fail(connection());
-        return false;
+    const bool much_free = has_much_free();
+    {
+        Use commit = connection().use("COMMIT");
+        if (connection().run(commit) != ERROR_SUCCESS) {
+            error = store_->fail(connection());
+            return false;
+        }
     }
     mark_committed(connection().handle(), seq_);
     const bool alone = before_known_ && store_->writer_commits_.look(after) && after.is_next_after(before_);
+    if (much_free) give_back();
     store_->pull_.let_go();
     return alone;
 }

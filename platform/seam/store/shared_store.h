@@ -17,6 +17,10 @@
 // one of the same name. `origin` tells the process that wrote it: a child made by fork has one of its own. The last
 // 8,192 rows at least are kept, and all that is behind the position of a process that keep_changes() was called in.
 //
+// Room. What is deleted leaves room for what comes. Where that is more than half of the file, 256 pages at least, the
+// change that finds it so gives it back to the host behind its commit, by writing the rest anew, unless that is too
+// much.
+//
 // Waking. The bell (bell.h) rings behind each commit, also when the writer was killed there.
 //
 // Damage. A connection that meets damage leaves a mark beside the store. The next call opens the store anew, which
@@ -183,6 +187,7 @@ private:
     Connection writer_;
     Bell::Pull pull_;
     unsigned writer_opening_ = 0;
+    bool keeps_room_ = false;  // giving it back failed
     CommitWatch writer_commits_;
 
     std::mutex mutex_;  // guards all that follows
@@ -272,6 +277,8 @@ private:
     DWORD start();
     DWORD prune();
     bool keep(CommitWatch::Stamp& after, DWORD& error);
+    bool has_much_free();
+    void give_back();
     void taken_over(const CommitWatch::Stamp& after);
     void forget() noexcept;
     void end() noexcept;

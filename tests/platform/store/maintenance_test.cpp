@@ -96,6 +96,43 @@ TEST_F(Maintenance, ExaminesAStoreWhileItIsOpen) {
     EXPECT_EQ(contacts_now(), 101);
 }
 
+void remove_contacts_but(int kept) {
+    TestSession session;
+    const auto store = session.store();
+    const auto items = session.items();
+    ASSERT_EQ(store->BeginBatch(), S_OK);
+    for (int i = count(*items.get()); i > kept; --i) {
+        ASSERT_EQ(items->Remove(i), S_OK);
+    }
+    ASSERT_EQ(store->CommitBatch(), S_OK);
+}
+
+TEST_F(Maintenance, GivesSpaceBackAfterLargeDeletions) {
+    fill(4000);
+    const auto full = fs::file_size(contacts_file());
+    remove_contacts_but(100);
+    EXPECT_LT(fs::file_size(contacts_file()), full / 4);
+    EXPECT_EQ(contacts_now(), 100);
+    EXPECT_EQ(ZrStoreCheck("contacts"), kOk);
+    fill(20);
+    EXPECT_EQ(contacts_now(), 120);
+}
+
+TEST_F(Maintenance, GivesSpaceBackUnderAReader) {
+    fill(4000);
+    TestSession reader;
+    ASSERT_EQ(count(*reader.items().get()), 4000);
+    const auto full = fs::file_size(contacts_file());
+    EXPECT_EQ(in_fork([] {
+                  remove_contacts_but(100);
+                  return HasFailure() ? 1 : 0;
+              }),
+              0);
+    EXPECT_LT(fs::file_size(contacts_file()), full / 4);
+    EXPECT_EQ(count(*reader.items().get()), 100);
+    EXPECT_EQ(ZrStoreCheck("contacts"), kOk);
+}
+
 TEST_F(Maintenance, FindsDamageThatNobodyHasMet) {
     fill(300);
     damage_pages(contacts_file(), 60, 61);
