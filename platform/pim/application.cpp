@@ -233,6 +233,21 @@ HRESULT Application::get_StorePath(BSTR* path) {
     return guarded([&] { return give_text(host_to_wide(session->store().shared().path()), path); });
 }
 
+HRESULT Application::FindByUid(INT folder, LPCWSTR uid, LONG after, LONG* oid) {
+    if (oid == nullptr) return fail(E_POINTER);
+    *oid = 0;
+    if (!is_folder(folder)) return fail(E_INVALIDARG, "There is no such default folder.");
+    const SessionRef session = this->session();
+    if (!session) return HRESULT_FROM_WIN32(kNotLoggedOn);
+    return guarded([&] {
+        Store& store = session->store();
+        const auto lock = store.lock();
+        const HRESULT result = store.refresh();
+        const std::u16string_view wanted = uid != nullptr ? uid : std::u16string_view();
+        return SUCCEEDED(result) ? store.with_uid(folder, wanted, after, *oid) : result;
+    });
+}
+
 HRESULT give_application(Session& session, IPOutlookApp** app) {
     if (!cleared(app)) return fail(E_POINTER);
     session.app().AddRef();

@@ -47,6 +47,7 @@ public:
     HRESULT RollbackBatch() override;
     HRESULT LastErrorText(BSTR* text) override;
     HRESULT get_StorePath(BSTR* path) override;
+    HRESULT FindByUid(INT folder, LPCWSTR uid, LONG after, LONG* oid) override;
 
 private:
     Application() = default;

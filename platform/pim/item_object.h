@@ -71,6 +71,11 @@ public:
         *left = state_.has_left() ? VARIANT_TRUE : VARIANT_FALSE;
         return S_OK;
     }
+    HRESULT get_Born(LONGLONG* number) override {
+        if (number == nullptr) return fail(E_POINTER);
+        *number = 0;
+        return guarded([&] { return state_.born(*number); });
+    }
 
 protected:
     virtual ~ItemObject() = default;

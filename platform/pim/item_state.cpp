@@ -458,6 +458,17 @@ HRESULT ItemState::exceptions(std::vector<ExceptionDay>& exceptions) {
     return SUCCEEDED(result) ? store.exceptions(oid_, exceptions) : result;
 }
 
+HRESULT ItemState::born(LONGLONG& seq) {
+    if (!session_->is_open()) return session_->check_open();
+    settle();
+    if (oid_ == 0) return fail(kGone);
+    Store& store = session_->store();
+    const auto lock = store.lock();
+    HRESULT result = check_here();
+    if (SUCCEEDED(result)) result = store.born(oid_, seq);
+    return SUCCEEDED(result) ? check_here() : result;
+}
+
 HRESULT ItemState::copy_to(ItemState& copy) {
     return guarded([&]() -> HRESULT {
         if (!session_->is_open()) return session_->check_open();

@@ -75,6 +75,8 @@ public:
     // The fields of the stored occurrence on a day, over the series in hand.
     HRESULT read_occurrence(LONG day, Values& series, ExceptionFields& exception);
     HRESULT exceptions(std::vector<ExceptionDay>& exceptions);
+    // The change in which the stored item was made; kGone for one that is not in the store.
+    HRESULT born(LONGLONG& seq);
     bool is_new() const { return oid_ == 0; }
     bool has_put(CEPROPID id) const { return pending_ && pending_->find(id) != nullptr; }
     HRESULT value(CEPROPID id, Value& value);

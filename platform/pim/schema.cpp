@@ -1,12 +1,14 @@
 #include "schema.h"
 
 #include "database.h"
+#include "platform/pim.h"
 
 namespace zr::platform::pim {
 namespace {
 
 constexpr int kApplicationId = 0x5A72504D;
 static_assert(kApplicationId == 1517441101);
+static_assert(ZR_PROPID_CARD_UID == 2097479711 && ZR_PROPID_EVENT_UID == 2097348639);
 
 // Steps are never changed, only added.
 //
@@ -33,6 +35,12 @@ constexpr const char* kSteps[] = {
     // The log counts on from the time: no number of it is that of another store.
     "DELETE FROM change;"
     "INSERT INTO change SELECT " ZR_STORE_FIRST_SEQ ", 3, 0, 0;",
+    // Items are found by the identifier that lasts (ZR_PROPID_CARD_UID, ZR_PROPID_EVENT_UID), and know in which change
+    // they were made: 0 is before this version.
+    "CREATE INDEX card_uid ON property(value) WHERE id = 2097479711;"
+    "CREATE INDEX event_uid ON property(value) WHERE id = 2097348639;"
+    "ALTER TABLE contact ADD COLUMN born INTEGER NOT NULL DEFAULT 0;"
+    "ALTER TABLE entry ADD COLUMN born INTEGER NOT NULL DEFAULT 0;",
 };
 
 constexpr StoreTable kTables[] = {

@@ -79,6 +79,10 @@ public:
     HRESULT each_key(INT folder, CEPROPID id, Visitor visit);
     HRESULT key(LONG oid, CEPROPID id, std::u16string& key);
     HRESULT exists(LONG oid);
+    // The first item behind `after` with this lasting identifier, or without any where it is empty; 0: none.
+    HRESULT with_uid(INT folder, std::u16string_view uid, LONG after, LONG& oid);
+    // The change in which the item was made.
+    HRESULT born(LONG oid, LONGLONG& seq);
     ContactRows& rows() { return rows_; }
     HRESULT value(LONG oid, CEPROPID id, Value& value);
     // All properties of an item, the named fields' only if `named`.
@@ -150,12 +154,14 @@ private:
     HRESULT take_oid(INT folder, LONG& oid);
     HRESULT read_next(INT folder);
     HRESULT write_next();
-    HRESULT insert_contact(LONG oid, const Values& values);
+    HRESULT insert_contact(LONG oid, const Values& values, LONGLONG born);
     HRESULT update_contact(LONG oid, const Values& values);
     HRESULT write_properties(LONG oid, const Values& values);
     HRESULT check_occurrence(LONG oid, LONG day);
     HRESULT write_exception(LONG oid, LONG day, CEPROPID id, const Value& value);
+    HRESULT next_seq(LONGLONG& seq);
     HRESULT log(ChangeKind kind, LONG oid);
+    HRESULT log(ChangeKind kind, LONG oid, LONGLONG seq);
 
     Store* store_ = nullptr;
     StoreWriting writing_;

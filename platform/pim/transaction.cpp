@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* kInsertContact =
     "INSERT INTO contact(file_as, title, first_name, middle_name, last_name, suffix, company, email1, email2, email3,"
-    " job_title, own_file_as, oid) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13)";
+    " job_title, own_file_as, oid, born) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14)";
 constexpr const char* kUpdateContact =
     "UPDATE contact SET file_as = ?1, title = ?2, first_name = ?3, middle_name = ?4, last_name = ?5, suffix = ?6,"
     " company = ?7, email1 = ?8, email2 = ?9, email3 = ?10, job_title = ?11, own_file_as = ?12 WHERE oid = ?13";
@@ -97,9 +97,17 @@ HRESULT Transaction::commit() {
     return S_OK;
 }
 
+HRESULT Transaction::next_seq(LONGLONG& seq) {
+    return store_result(writing_.next_seq(seq));
+}
+
 HRESULT Transaction::log(ChangeKind kind, LONG oid) {
     LONGLONG seq = 0;
-    if (const DWORD error = writing_.next_seq(seq); error != ERROR_SUCCESS) return store_result(error);
+    const HRESULT result = next_seq(seq);
+    return SUCCEEDED(result) ? log(kind, oid, seq) : result;
+}
+
+HRESULT Transaction::log(ChangeKind kind, LONG oid, LONGLONG seq) {
     Use statement = db_->use("INSERT INTO change(seq, kind, oid, origin) VALUES(?1, ?2, ?3, ?4)");
     if (!statement) return db_->result();
     statement->bind(1, seq);
@@ -167,28 +175,32 @@ HRESULT Transaction::write_next() {
 
 HRESULT Transaction::insert(INT folder, const Values& values, LONG& oid) {
     LONG fresh = 0;
+    LONGLONG born = 0;
     HRESULT result = take_oid(folder, fresh);
+    if (SUCCEEDED(result)) result = next_seq(born);
     if (SUCCEEDED(result)) {
         if (folder == olFolderContacts) {
-            result = insert_contact(fresh, values);
+            result = insert_contact(fresh, values, born);
         } else {
-            Use entry = db_->use("INSERT INTO entry(oid) VALUES(?1)");
+            Use entry = db_->use("INSERT INTO entry(oid, born) VALUES(?1, ?2)");
             if (entry) entry->bind(1, fresh);
+            if (entry) entry->bind(2, born);
             result = db_->run(entry);
         }
     }
     if (SUCCEEDED(result)) result = write_properties(fresh, values);
-    if (SUCCEEDED(result)) result = log(ChangeKind::Created, fresh);
+    if (SUCCEEDED(result)) result = log(ChangeKind::Created, fresh, born);
     if (SUCCEEDED(result)) oid = fresh;
     return checked(result);
 }
 
-HRESULT Transaction::insert_contact(LONG oid, const Values& values) {
+HRESULT Transaction::insert_contact(LONG oid, const Values& values, LONGLONG born) {
     Columns columns;
     columns.lay_over(values);
     Use statement = db_->use(kInsertContact);
     if (!statement) return db_->result();
     columns.bind(statement, oid);
+    statement->bind(static_cast<int>(kColumns) + 3, born);
     return db_->run(statement);
 }
 

@@ -546,6 +546,10 @@ struct IZrStore : IUnknown {
     virtual HRESULT RollbackBatch() = 0;
     virtual HRESULT LastErrorText(BSTR* text) = 0;  // ZrPimLastErrorText as a BSTR
     virtual HRESULT get_StorePath(BSTR* path) = 0;  // the store's file in the host's file system
+    // The lowest identifier above `after` of a stored item of the folder with this lasting identifier
+    // (ZR_PROPID_CARD_UID of contacts, ZR_PROPID_EVENT_UID of others), unit by unit; where `uid` is null or empty, of
+    // one that has none. 0: there is no further one. E_INVALIDARG: no such folder.
+    virtual HRESULT FindByUid(INT folder, LPCWSTR uid, LONG after, LONG* oid) = 0;
 
 protected:
     ~IZrStore() = default;
@@ -568,6 +572,10 @@ struct IZrItem : IUnknown {
     // IPOutlookItemCollection). Looks nothing up: as long as it is false, everything was read of an item that was
     // there.
     virtual HRESULT get_HasLeft(VARIANT_BOOL* left) = 0;
+    // A number that together with the identifier tells the item from all others for good, as identifiers are handed out
+    // again; 0 of items that earlier versions made. The same for a series and its occurrences. Fails as reading a
+    // field of a deleted item does where the item is not in the store.
+    virtual HRESULT get_Born(LONGLONG* number) = 0;
 
 protected:
     ~IZrItem() = default;

@@ -20,6 +20,79 @@ CEPROPVAL number(CEPROPID id, ULONG value) {
     return made;
 }
 
+void put_uid(IUnknown& object, CEPROPID id, const WCHAR* uid) {
+    CEPROPVAL value = {};
+    value.propid = id;
+    value.val.lpwstr = in(uid);
+    const auto item = as_item(object);
+    ASSERT_EQ(item->SetProps(0, 1, &value), S_OK);
+    ASSERT_EQ(item->Save(), S_OK);
+}
+
+LONG with_uid(const TestSession& session, INT folder, const WCHAR* uid, LONG after = 0) {
+    LONG oid = -1;
+    EXPECT_EQ(session.store()->FindByUid(folder, uid, after, &oid), S_OK);
+    return oid;
+}
+
+LONGLONG born(IUnknown& object) {
+    Ptr<IZrItem> face;
+    LONGLONG number = -1;
+    EXPECT_EQ(object.QueryInterface(IID_IZrItem, face.any()), S_OK);
+    EXPECT_EQ(face->get_Born(&number), S_OK);
+    return number;
+}
+
+TEST(Properties, ItemsAreFoundByTheirLastingIdentifier) {
+    TestSession session;
+    const LONG first = session.add(u"a", u"b");
+    const LONG second = session.add(u"c", u"d");
+    const LONG third = session.add(u"e", u"f");
+    put_uid(*session.contact(first).get(), ZR_PROPID_CARD_UID, u"one");
+    put_uid(*session.contact(third).get(), ZR_PROPID_CARD_UID, u"one");
+    Ptr<IAppointment> appointment;
+    ASSERT_EQ(session.app->CreateItem(olAppointmentItem, appointment.dispatch()), S_OK);
+    put_uid(*appointment.get(), ZR_PROPID_EVENT_UID, u"one");
+    LONG entry = 0;
+    ASSERT_EQ(appointment->get_Oid(&entry), S_OK);
+
+    EXPECT_EQ(with_uid(session, olFolderContacts, u"one"), first);
+    EXPECT_EQ(with_uid(session, olFolderContacts, u"one", first), third);
+    EXPECT_EQ(with_uid(session, olFolderContacts, u"one", third), 0);
+    EXPECT_EQ(with_uid(session, olFolderContacts, u"One"), 0);
+    EXPECT_EQ(with_uid(session, olFolderContacts, u""), second);
+    EXPECT_EQ(with_uid(session, olFolderContacts, nullptr, second), 0);
+    EXPECT_EQ(with_uid(session, olFolderCalendar, u"one"), entry);
+    EXPECT_EQ(with_uid(session, olFolderTasks, u"one"), 0);
+    put_uid(*session.contact(first).get(), ZR_PROPID_CARD_UID, u"two");
+    EXPECT_EQ(with_uid(session, olFolderContacts, u"one"), third);
+    ASSERT_EQ(as_item(*session.contact(third).get())->Delete(), S_OK);
+    EXPECT_EQ(with_uid(session, olFolderContacts, u"one"), 0);
+    EXPECT_EQ(session.store()->FindByUid(olFolderContacts, u"one", 0, nullptr), E_POINTER);
+    LONG none = 0;
+    EXPECT_EQ(session.store()->FindByUid(olFolderCities, u"one", 0, &none), E_INVALIDARG);
+}
+
+TEST(Properties, ItemsAreBornOnce) {
+    TestSession session;
+    const LONG oid = session.add(u"a", u"b");
+    const LONGLONG before = born(*session.contact(oid).get());
+    EXPECT_GT(before, 0);
+    const auto contact = session.contact(oid);
+    ASSERT_EQ(contact->put_LastName(in(u"other")), S_OK);
+    ASSERT_EQ(contact->Save(), S_OK);
+    EXPECT_EQ(born(*session.contact(oid).get()), before);
+    ASSERT_EQ(as_item(*contact.get())->Delete(), S_OK);
+    ASSERT_EQ(session.add(u"a", u"b"), oid);
+    EXPECT_GT(born(*session.contact(oid).get()), before);
+
+    Ptr<IZrItem> face;
+    LONGLONG number = -1;
+    ASSERT_EQ(session.fresh()->QueryInterface(IID_IZrItem, face.any()), S_OK);
+    EXPECT_NE(face->get_Born(&number), S_OK);
+    EXPECT_EQ(face->get_Born(nullptr), E_POINTER);
+}
+
 TEST(Properties, SourceIdentifierAsWipingReadsIt) {
     TestSession session;
     const auto item = as_item(*session.contact(session.add(u"a", u"b")).get());
