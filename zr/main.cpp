@@ -13,6 +13,7 @@
 
 #include "zr/base/failure.h"
 #include "zr/base/output.h"
+#include "zr/base/pager.h"
 #include "zr/base/streams.h"
 #include "zr/commands/command.h"
 
@@ -190,6 +191,9 @@ zr::Exit execute(const zr::Run& run) {
         const zr::Exit code = run();
         zr::end_output();
         return code;
+    } catch (const zr::ReaderHasEnough&) {
+        end_output_after_failure();
+        return zr::Exit::Ok;
     } catch (const zr::Failure& failure) {
         end_output_after_failure();
         zr::complain(failure.text);

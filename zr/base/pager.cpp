@@ -61,7 +61,7 @@ bool Pager::takes(std::string_view text) {
         case State::Off:
             return false;
         case State::Gone:
-            return true;
+            throw ReaderHasEnough{};
         case State::Running:
             write(text);
             return true;
@@ -104,10 +104,9 @@ void Pager::write(std::string_view text) {
         const ssize_t written = ::write(pipe_, text.data(), text.size());
         if (written < 0 && errno == EINTR) continue;
         if (written < 0) {
-            // Whoever does not wait for the rest may interrupt it.
             std::signal(SIGINT, interrupted_before_);
             state_ = State::Gone;
-            return;
+            throw ReaderHasEnough{};
         }
         text.remove_prefix(static_cast<std::size_t>(written));
     }

@@ -9,6 +9,9 @@
 
 namespace zr {
 
+// Thrown by what prints when the pager has ended before the text: nobody wants the rest. Not a failure.
+struct ReaderHasEnough {};
+
 // What print() writes goes through here from page_output() on. One for the program, for one thread.
 class Pager {
 public:
@@ -20,7 +23,7 @@ public:
     // standard output is no terminal or there is no pager.
     void begin();
 
-    // Whether the pager has, holds or drops the text, which needs not be printed then.
+    // Whether the pager has or holds the text, which needs not be printed then. Throws ReaderHasEnough.
     bool takes(std::string_view text);
     // Writes out what is held.
     void flush();

@@ -173,11 +173,19 @@ TEST_F(AtTerminal, KeepsItsExitCodeWhateverThePagerDoes) {
         many += "NOTE:line\r\nURL:http://a.b/" + std::to_string(i) + "\r\n";
     }
     import("Ann", many);
-    setenv("PAGER", "head -n 1", 1);
+    setenv("PAGER", "sed -n 1p", 1);
     result = zr_at_terminal({3, 80}, {"contacts", "show", "u", "nobody"});
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.err, "zr: no contact nobody\n");
     EXPECT_EQ(lines_of(result.out).size(), 1u);
+    // Where the reader does not wait for the end, nobody looks for what would follow.
+    setenv("PAGER", "head -n 1", 1);
+    std::vector<std::string> args = {"contacts", "show"};
+    args.insert(args.end(), 200, "u");
+    args.push_back("nobody");
+    result = zr_at_terminal({3, 80}, args);
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.err, "");
 }
 
 TEST(TerminalText, IsMeasuredInCells) {
