@@ -79,7 +79,7 @@ void Export::write_appointments(const CalendarWriter& writer) {
             code_ = Exit::DamagedCards;
             continue;
         }
-        event.uid = uid_of(oid, event);
+        event.uid = uid_of(item.get());
         writer.write(event, text);
         write(text);
     }
@@ -98,7 +98,7 @@ void Export::write_tasks(const CalendarWriter& writer) {
             array_.add(task_json(oid, task));
             continue;
         }
-        task.uid = uid_of(oid, task);
+        task.uid = uid_of(item.get());
         writer.write(task, text);
         write(text);
     }

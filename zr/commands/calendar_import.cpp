@@ -36,8 +36,9 @@ std::string kept_value(std::string_view lines, std::string_view name) {
 }
 
 // What an item is known by. One occurrence that stands alone has the identifier of its series.
-std::string key_of(const char* kind, const std::string& uid, const std::string& extras) {
-    return kind + uid + "\n" + kept_value(extras, "RECURRENCE-ID");
+enum class ItemFolder { Appointments, Tasks };
+std::string key_of(ItemFolder folder, const std::string& uid, const std::string& extras) {
+    return (folder == ItemFolder::Tasks ? "task " : "event ") + uid + "\n" + kept_value(extras, "RECURRENCE-ID");
 }
 
 // How often and when an item was revised; the greater one is the newer.
@@ -96,15 +97,16 @@ private:
     void take(Event& event, bool of_series);
     void take(Task& task);
     void save_when_full();
-    void make_index();
-    bool is_known(const std::string& key, LONG& oid);
+    void look_up(ItemFolder folder, const std::string& uid);
+    bool is_known(ItemFolder folder, const std::string& uid, const std::string& key, LONG& oid);
     bool takes_place_of_series(const Event& event, LONG& oid);
 
     const CalendarImportOptions& options_;
     const std::optional<DaySpan> span_;
     Interruption interruption_;
     CalendarStore store_;
-    std::optional<std::unordered_map<std::string, LONG>> index_;
+    std::unordered_map<std::string, LONG> known_;  // what was looked up, and what came in
+    std::unordered_set<std::string> looked_up_;
     std::vector<LONG> event_oids_;  // what they take the place of
     std::vector<LONG> task_oids_;
     std::unordered_set<std::string> batch_keys_;
@@ -131,45 +133,34 @@ void CalendarImport::read(InputFile& file) {
         show(file, lines.bytes_read(), events_.size() + tasks_.size());
     }
     if (lines.error() != 0) throw file_failure(file.name(), lines.error());
-    if (!any && !calendars.any_calendar() && !interrupted()) note(file.name(), {{1, "no calendar in this file"}}, true);
+    const bool empty = lines.bytes_read() == 0;
+    if (!any && !empty && !calendars.any_calendar() && !interrupted())
+        note(file.name(), {{1, "no calendar in this file"}}, true);
 }
 
-void CalendarImport::make_index() {
-    index_.emplace();
-    const int appointments = store_.appointments();
-    for (int i = 1; i <= appointments; ++i) {
-        const ComPtr<IAppointment> item = store_.appointment_at(i);
-        if (!item) continue;
-        const LONG oid = oid_of(item.get());
-        Event event;
-        static_cast<EventFields&>(event) = read_fields(item.get());
-        event.uid = text_property(item.get(), ZR_PROPID_EVENT_UID);
-        index_->emplace(key_of("event ", uid_of(oid, event), event.extras), oid);
-    }
-    const int tasks = store_.tasks();
-    for (int i = 1; i <= tasks; ++i) {
-        const ComPtr<ITask> item = store_.task_at(i);
-        if (!item) continue;
-        const LONG oid = oid_of(item.get());
-        const Task task = read_task(item.get());
-        index_->emplace(key_of("task ", uid_of(oid, task), task.extras), oid);
+// Learns what the store has of an identifier, once.
+void CalendarImport::look_up(ItemFolder folder, const std::string& uid) {
+    if (!looked_up_.insert(key_of(folder, uid, {})).second) return;
+    for (const LONG oid :
+         folder == ItemFolder::Tasks ? store_.tasks_with_uid(uid) : store_.appointments_with_uid(uid)) {
+        known_.emplace(key_of(folder, uid, store_.extras_of(oid)), oid);
     }
 }
 
 // Whether the item is there, as which number.
-bool CalendarImport::is_known(const std::string& key, LONG& oid) {
+bool CalendarImport::is_known(ItemFolder folder, const std::string& uid, const std::string& key, LONG& oid) {
     if (batch_keys_.contains(key)) save();
-    if (!index_) make_index();
-    const auto found = index_->find(key);
-    if (found != index_->end()) oid = found->second;
-    return found != index_->end();
+    look_up(folder, uid);
+    const auto found = known_.find(key);
+    if (found != known_.end()) oid = found->second;
+    return found != known_.end();
 }
 
 // Whether the series is there as one item, from an import that did not expand it: the first occurrence takes its place.
 bool CalendarImport::takes_place_of_series(const Event& event, LONG& oid) {
-    const std::string key = key_of("event ", event.uid, {});
-    if (!is_known(key, oid)) return false;
-    if (options_.on_duplicate != "skip") index_->erase(key);
+    const std::string key = key_of(ItemFolder::Appointments, event.uid, {});
+    if (!is_known(ItemFolder::Appointments, event.uid, key, oid)) return false;
+    if (options_.on_duplicate != "skip") known_.erase(key);
     return true;
 }
 
@@ -177,8 +168,8 @@ void CalendarImport::take(Event& event, bool of_series) {
     LONG oid = 0;
     std::string key;
     if (options_.on_duplicate != "add" && !event.uid.empty()) {
-        key = key_of("event ", event.uid, event.extras);
-        if (is_known(key, oid)) {
+        key = key_of(ItemFolder::Appointments, event.uid, event.extras);
+        if (is_known(ItemFolder::Appointments, event.uid, key, oid)) {
             const ComPtr<IAppointment> there = store_.appointment(oid);
             const bool skip = options_.on_duplicate == "skip" || oid < 0;
             if (skip || (there && stands_before(read_appointment(there.get()), event))) return note_known();
@@ -202,8 +193,8 @@ void CalendarImport::take(Task& task) {
     LONG oid = 0;
     std::string key;
     if (options_.on_duplicate != "add" && !task.uid.empty()) {
-        key = key_of("task ", task.uid, task.extras);
-        if (is_known(key, oid)) {
+        key = key_of(ItemFolder::Tasks, task.uid, task.extras);
+        if (is_known(ItemFolder::Tasks, task.uid, key, oid)) {
             const ComPtr<ITask> there = store_.task(oid);
             const bool skip = options_.on_duplicate == "skip" || oid < 0;
             if (skip || (there && stands_before(read_task(there.get()), task))) return note_known();
@@ -245,7 +236,7 @@ long CalendarImport::save_batch() {
             ++count;
         }
         // What is only looked at has no number, and is known all the same.
-        if (index_ && !keys[i].empty()) index_->insert_or_assign(keys[i], options_.dry_run ? -1 : oids[i]);
+        if (!keys[i].empty()) known_.insert_or_assign(keys[i], options_.dry_run ? -1 : oids[i]);
     }
     events_.clear();
     tasks_.clear();

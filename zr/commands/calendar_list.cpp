@@ -82,8 +82,9 @@ private:
         const auto known = known_.find(oid);
         if (known != known_.end()) return known->second;
         const ComPtr<IAppointment> item = store_.appointment(oid);
-        Event event = item ? read_appointment(item.get()) : Event();
-        return known_.emplace(oid, Known{uid_of(oid, event), std::move(event.changes)}).first->second;
+        if (!item) return known_.emplace(oid, Known()).first->second;
+        Event event = read_appointment(item.get());
+        return known_.emplace(oid, Known{uid_of(item.get()), std::move(event.changes)}).first->second;
     }
 
     CalendarStore& store_;
@@ -118,7 +119,7 @@ bool list_appointments(CalendarStore& store, const CalendarListOptions& options)
         if (has_left(item.get()) || !listing.wants(event.subject)) continue;
         const LONG oid = oid_of(item.get());
         const bool is_changed = some && series.has_changed(oid, event);
-        event.uid = some ? series.uid(oid) : uid_of(oid, event);
+        event.uid = some ? series.uid(oid) : uid_of(item.get());
         Json json = event_json(oid, event);
         if (is_changed) json.set("changed", true);
         listing.add(json, event_line(oid, event, is_changed));
@@ -134,7 +135,7 @@ bool list_tasks(CalendarStore& store, const CalendarListOptions& options) {
         if (!item) continue;
         Task task = read_task(item.get());
         if (has_left(item.get()) || !listing.wants(task.subject)) continue;
-        task.uid = uid_of(oid_of(item.get()), task);
+        task.uid = uid_of(item.get());
         listing.add(task_json(oid_of(item.get()), task), task_line(oid_of(item.get()), task));
     }
     return listing.finish();

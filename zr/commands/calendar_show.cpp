@@ -28,7 +28,7 @@ void print_appointment(LONG oid, const Event& event) {
                                                    : ": " + shown_time(change.fields.start, change.fields.all_day) +
                                                          " " + change.fields.subject));
     }
-    print_row("Unique identifier", uid_of(oid, event));
+    print_row("Unique identifier", event.uid);
     print_kept("Also", event.extras);
 }
 
@@ -42,7 +42,7 @@ void print_task(LONG oid, const Task& task) {
     if (task.reminder) print_row("Reminder", shown_time(*task.reminder, false));
     if (!task.categories.empty()) print_row("Categories", task.categories);
     if (!task.body.empty()) print_row("Body", task.body);
-    print_row("Unique identifier", uid_of(oid, task));
+    print_row("Unique identifier", task.uid);
     print_kept("Also", task.extras);
 }
 
@@ -81,7 +81,8 @@ private:
 
 bool Show::show(LONG oid) {
     if (const ComPtr<IAppointment> item = store_.appointment(oid)) {
-        const Event event = read_appointment(item.get());
+        Event event = read_appointment(item.get());
+        event.uid = uid_of(item.get());
         if (options_.json) {
             array_.add(event_json(oid, event));
         } else {
@@ -92,7 +93,8 @@ bool Show::show(LONG oid) {
     }
     const ComPtr<ITask> item = store_.task(oid);
     if (!item) return false;
-    const Task task = read_task(item.get());
+    Task task = read_task(item.get());
+    task.uid = uid_of(item.get());
     if (options_.json) {
         array_.add(task_json(oid, task));
     } else {

@@ -174,16 +174,20 @@ constexpr const char* kBusy[] = {"free", "tentative", "busy", "out of office"};
 constexpr const char* kSensitivity[] = {"normal", "personal", "private", "confidential"};
 constexpr const char* kImportance[] = {"low", "normal", "high"};
 
-std::string made_uid(LONG oid, const std::string& subject, Moment start) {
-    // Identifiers are handed out again, so that the number alone would name two items one after the other.
-    std::uint64_t hash = 0xCBF29CE484222325;
-    for (const char c : subject + '\n' + std::to_string(start.time_since_epoch().count())) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+// All the items of an identifier: those that have it, else the one that has none and is known by it.
+template <class Face>
+std::vector<LONG> numbers_with_uid(CalendarStore& store, Session& session, OlDefaultFolders folder,
+                                   ComPtr<Face> (CalendarStore::*item_of)(LONG), const std::string& uid) {
+    std::vector<LONG> found;
+    if (uid.empty()) return found;
+    for (LONG oid = session.with_uid(folder, uid); oid != 0; oid = session.with_uid(folder, uid, oid)) {
+        found.push_back(oid);
     }
-    char text[64];
-    std::snprintf(text, sizeof text, "%08x-%016llx@zrutility", static_cast<unsigned>(oid),
-                  static_cast<unsigned long long>(hash));
-    return text;
+    if (!found.empty()) return found;
+    const LONG numbered = number_in_made_uid(uid);
+    const ComPtr<Face> item = numbered != 0 ? (store.*item_of)(numbered) : ComPtr<Face>();
+    if (item && uid_of(item.get()) == uid) found.push_back(numbered);
+    return found;
 }
 
 }  // namespace
@@ -239,6 +243,18 @@ ComPtr<IAppointment> CalendarStore::appointment(LONG oid) {
 }
 ComPtr<ITask> CalendarStore::task(LONG oid) {
     return as<ITask>(session_.with_oid(oid), IID_ITask);
+}
+
+std::vector<LONG> CalendarStore::appointments_with_uid(const std::string& uid) {
+    return numbers_with_uid(*this, session_, olFolderCalendar, &CalendarStore::appointment, uid);
+}
+std::vector<LONG> CalendarStore::tasks_with_uid(const std::string& uid) {
+    return numbers_with_uid(*this, session_, olFolderTasks, &CalendarStore::task, uid);
+}
+
+std::string CalendarStore::extras_of(LONG oid) {
+    const ComPtr<IDispatch> item = session_.with_oid(oid);
+    return item ? text_property(item.get(), ZR_PROPID_EVENT_EXTRAS) : std::string();
 }
 
 std::vector<Refused> CalendarStore::add(const std::vector<Event>& events, const std::vector<Task>& tasks) {
@@ -373,12 +389,14 @@ LONG oid_of(ITask* task) {
     return get(task, &ITask::get_Oid, kReadingTask);
 }
 
-std::string uid_of(LONG oid, const Event& event) {
-    return event.uid.empty() ? made_uid(oid, event.subject, event.start) : event.uid;
+std::string uid_of(IAppointment* appointment) {
+    const std::string uid = text_property(appointment, ZR_PROPID_EVENT_UID);
+    return uid.empty() ? made_uid(appointment, oid_of(appointment)) : uid;
 }
 
-std::string uid_of(LONG oid, const Task& task) {
-    return task.uid.empty() ? made_uid(oid, task.subject, task.due.value_or(Moment{})) : task.uid;
+std::string uid_of(ITask* task) {
+    const std::string uid = text_property(task, ZR_PROPID_EVENT_UID);
+    return uid.empty() ? made_uid(task, oid_of(task)) : uid;
 }
 
 std::vector<LONG> find_items(CalendarStore& store, const std::string& number_or_uid) {
@@ -386,22 +404,9 @@ std::vector<LONG> find_items(CalendarStore& store, const std::string& number_or_
     const char* const end = number_or_uid.data() + number_or_uid.size();
     const auto [last, error] = std::from_chars(number_or_uid.data(), end, oid);
     if (error == std::errc() && last == end && (store.appointment(oid) || store.task(oid))) return {oid};
-    std::vector<LONG> found;
-    const int appointments = store.appointments();
-    for (int i = 1; i <= appointments; ++i) {
-        const ComPtr<IAppointment> item = store.appointment_at(i);
-        if (!item) continue;
-        Event event;
-        static_cast<EventFields&>(event) = read_fields(item.get());
-        event.uid = text_property(item.get(), ZR_PROPID_EVENT_UID);
-        if (uid_of(oid_of(item.get()), event) == number_or_uid) found.push_back(oid_of(item.get()));
-    }
-    const int tasks = store.tasks();
-    for (int i = 1; i <= tasks; ++i) {
-        const ComPtr<ITask> item = store.task_at(i);
-        if (item && uid_of(oid_of(item.get()), read_task(item.get())) == number_or_uid)
-            found.push_back(oid_of(item.get()));
-    }
+    std::vector<LONG> found = store.appointments_with_uid(number_or_uid);
+    const std::vector<LONG> tasks = store.tasks_with_uid(number_or_uid);
+    found.insert(found.end(), tasks.begin(), tasks.end());
     return found;
 }
 
@@ -510,14 +515,13 @@ std::string event_line(LONG oid, const Event& event, bool changed) {
         return shown_time(event.all_day ? moment : as_it_becomes(moment), event.all_day);
     };
     return std::to_string(oid) + '\t' + time(event.start) + '\t' + time(shown_end(event)) + '\t' +
-           printable(event.subject) + '\t' + printable(event.location) + '\t' + marks + '\t' +
-           printable(uid_of(oid, event)) + '\n';
+           printable(event.subject) + '\t' + printable(event.location) + '\t' + marks + '\t' + printable(event.uid) +
+           '\n';
 }
 
 std::string task_line(LONG oid, const Task& task) {
     return std::to_string(oid) + '\t' + (task.due ? shown_time(*task.due, true) : "") + '\t' +
-           (task.complete ? "done" : "open") + '\t' + printable(task.subject) + '\t' + printable(uid_of(oid, task)) +
-           '\n';
+           (task.complete ? "done" : "open") + '\t' + printable(task.subject) + '\t' + printable(task.uid) + '\n';
 }
 
 std::vector<Column> event_columns() {

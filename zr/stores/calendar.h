@@ -31,6 +31,11 @@ public:
     // Empty when there is none, or when it is another kind of item.
     ComPtr<IAppointment> appointment(LONG oid);
     ComPtr<ITask> task(LONG oid);
+    // The numbers of all appointments, or tasks, with this lasting identifier.
+    std::vector<LONG> appointments_with_uid(const std::string& uid);
+    std::vector<LONG> tasks_with_uid(const std::string& uid);
+    // What is kept of an item beside its fields; empty when it is gone.
+    std::string extras_of(LONG oid);
 
     // Saves all of them, with their changed occurrences, at once; an item that the store refuses stops none of the
     // others. Tasks count on behind the events.
@@ -50,7 +55,7 @@ private:
     ComPtr<IPOutlookItemCollection> tasks_;
 };
 
-// All of an appointment, or of one occurrence without its series.
+// All of an appointment, or of one occurrence without its series. Identifiers are those that programs gave.
 Event read_appointment(IAppointment* appointment);
 EventFields read_fields(IAppointment* appointment);
 Task read_task(ITask* task);
@@ -58,9 +63,9 @@ Moment start_of(IAppointment* appointment);  // kNoTime when it has none
 LONG oid_of(IAppointment* appointment);
 LONG oid_of(ITask* task);
 
-// The identifier that lasts. Of an item that no program gave one: the same while the item stays as it is.
-std::string uid_of(LONG oid, const Event& event);
-std::string uid_of(LONG oid, const Task& task);
+// The identifier that lasts.
+std::string uid_of(IAppointment* appointment);
+std::string uid_of(ITask* task);
 // The items that a person means: the one of a number, or all those of an identifier. Several are occurrences that stand
 // alone, or a file's doing.
 std::vector<LONG> find_items(CalendarStore& store, const std::string& number_or_uid);
@@ -86,9 +91,9 @@ Json event_json(LONG oid, const Event& event);
 Json fields_json(const EventFields& fields);
 Json task_json(LONG oid, const Task& task);
 // As a line of text with tabs: number, start, end, subject, location, recurrence and whether it was cancelled, and the
-// identifier that lasts. Of an occurrence `changed` tells whether it is not as its series says.
+// identifier. Of an occurrence `changed` tells whether it is not as its series says.
 std::string event_line(LONG oid, const Event& event, bool changed = false);
-// Number, due date, whether it is done, subject, the identifier that lasts.
+// Number, due date, whether it is done, subject, identifier.
 std::string task_line(LONG oid, const Task& task);
 std::vector<Column> event_columns();
 std::vector<Column> task_columns();

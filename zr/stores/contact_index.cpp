@@ -3,18 +3,28 @@
 #include <charconv>
 
 namespace zr {
+namespace {
 
-ContactIndex::ContactIndex(Store& store) {
-    const int count = store.count();
-    for (int i = 1; i <= count; ++i) {
-        const ComPtr<IContact> contact = store.at(i);
-        if (contact) add(uid_of(contact.get()), oid_of(contact.get()));
+std::unordered_map<std::string, LONG> unnamed_contacts(Store& store) {
+    std::unordered_map<std::string, LONG> found;
+    for (LONG oid = store.with_uid({}); oid != 0; oid = store.with_uid({}, oid)) {
+        const ComPtr<IContact> contact = store.with_oid(oid);
+        if (contact) found.emplace(content_uid(contact.get()), oid);
     }
+    return found;
 }
 
-LONG ContactIndex::find(const std::string& uid) const {
-    const auto found = oids_.find(uid);
-    return found == oids_.end() ? 0 : found->second;
+}  // namespace
+
+LONG ContactIndex::find(const std::string& uid) {
+    if (const auto found = added_.find(uid); found != added_.end()) return found->second;
+    if (const LONG oid = store_.with_uid(uid); oid != 0) return oid;
+    const LONG numbered = number_in_made_uid(uid);
+    const ComPtr<IContact> contact = numbered != 0 ? store_.with_oid(numbered) : ComPtr<IContact>();
+    if (contact && uid_of(contact.get()) == uid) return numbered;
+    if (!unnamed_) unnamed_ = unnamed_contacts(store_);
+    const auto found = unnamed_->find(uid);
+    return found == unnamed_->end() ? 0 : found->second;
 }
 
 LONG find_contact(Store& store, const std::string& number_or_uid) {
@@ -22,12 +32,7 @@ LONG find_contact(Store& store, const std::string& number_or_uid) {
     const char* const end = number_or_uid.data() + number_or_uid.size();
     const auto [last, error] = std::from_chars(number_or_uid.data(), end, oid);
     if (error == std::errc() && last == end && store.with_oid(oid)) return oid;
-    const int count = store.count();
-    for (int i = 1; i <= count; ++i) {
-        const ComPtr<IContact> contact = store.at(i);
-        if (contact && uid_of(contact.get()) == number_or_uid) return oid_of(contact.get());
-    }
-    return 0;
+    return number_or_uid.empty() ? 0 : ContactIndex(store).find(number_or_uid);
 }
 
 }  // namespace zr

@@ -2,6 +2,7 @@
 
 // Which contact has an identifier that stays.
 
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -9,17 +10,20 @@
 
 namespace zr {
 
-// The contacts as they are when it is made. Memory grows with their number.
+// Looks them up in the store. Memory grows with what is added, and with the contacts that other programs made.
 class ContactIndex {
 public:
-    explicit ContactIndex(Store& store);
+    explicit ContactIndex(Store& store) : store_(store) {}
 
-    // The contact's number; 0: there is none. Of several with the same identifier the first one.
-    LONG find(const std::string& uid) const;
-    void add(const std::string& uid, LONG oid) { oids_.emplace(uid, oid); }
+    // The contact's number; 0: there is none. Of several with the same identifier the first one. A contact that has no
+    // identifier is found by that of a card which says the same.
+    LONG find(const std::string& uid);
+    void add(const std::string& uid, LONG oid) { added_.emplace(uid, oid); }
 
 private:
-    std::unordered_map<std::string, LONG> oids_;
+    Store& store_;
+    std::unordered_map<std::string, LONG> added_;
+    std::optional<std::unordered_map<std::string, LONG>> unnamed_;
 };
 
 // The contact that a person means: by its number, or by its identifier. 0: there is none.

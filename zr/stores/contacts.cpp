@@ -229,8 +229,13 @@ std::string uid_of(IContact* contact) {
     std::string uid = text_property(contact, ZR_PROPID_CARD_UID);
     if (!uid.empty()) return uid;
     // It was made by another program, or imported before identifiers were kept.
+    uid = kept_text(text_property(contact, ZR_PROPID_CARD_EXTRAS), "UID");
+    return uid.empty() ? made_uid(contact, oid_of(contact)) : uid;
+}
+
+std::string content_uid(IContact* contact) {
     const Card card = read_contact(contact, true);
-    uid = kept_text(card.extras, "UID");
+    const std::string uid = kept_text(card.extras, "UID");
     return uid.empty() ? made_identifier(card) : uid;
 }
 

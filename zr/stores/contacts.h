@@ -28,6 +28,9 @@ public:
     // The contact at a place of the order, from 1; empty when it is gone meanwhile.
     ComPtr<IContact> at(int index);
     ComPtr<IContact> with_oid(LONG oid);  // empty when there is none
+    // The first contact behind the number `after` with this lasting identifier, or without any where it is empty; 0:
+    // there is none.
+    LONG with_uid(const std::string& uid, LONG after = 0) { return session_.with_uid(olFolderContacts, uid, after); }
 
     // Saves all of the cards at once, and tells the numbers of new ones; one that the store refuses stops none of the
     // others. A contact that is gone meanwhile is a new one.
@@ -50,9 +53,10 @@ private:
 // All of a contact. What is kept beside its fields is read only when asked for.
 Card read_contact(IContact* contact, bool with_extras);
 LONG oid_of(IContact* contact);
-// What tells a contact from all others for good. One that has no such identifier gets one that it has while its fields
-// stay as they are.
+// What tells a contact from all others for good.
 std::string uid_of(IContact* contact);
+// What a card without an identifier that says the same as the contact is known by.
+std::string content_uid(IContact* contact);
 
 std::string day_text(Day day);  // such as 2009-07-15
 // The contact as JSON: identifier, name, addresses and every field that is not empty.

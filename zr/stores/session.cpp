@@ -1,5 +1,7 @@
 #include "zr/stores/session.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <utility>
 
@@ -89,9 +91,40 @@ ComPtr<IDispatch> Session::with_oid(LONG oid) {
     return item;
 }
 
-void Session::batch(const char* doing, const std::function<void()>& saves) {
+ComPtr<IZrStore> Session::store(const char* doing) {
     ComPtr<IZrStore> store;
     check(app_->QueryInterface(IID_IZrStore, store.out<void>()), doing);
+    return store;
+}
+
+LONG Session::with_uid(OlDefaultFolders folder, const std::string& uid, LONG after) {
+    constexpr const char* doing = "looking an item up";
+    LONG oid = 0;
+    check(store(doing)->FindByUid(folder, to_utf16(uid).c_str(), after, &oid), doing);
+    return oid;
+}
+
+std::string made_uid(IDispatch* item, LONG oid) {
+    constexpr const char* reading = "reading an item";
+    ComPtr<IZrItem> face;
+    LONGLONG born = 0;
+    check(item->QueryInterface(IID_IZrItem, face.out<void>()), reading);
+    if (const HRESULT result = face->get_Born(&born); !is_missing(result)) check(result, reading);
+    char text[64];
+    std::snprintf(text, sizeof text, "%08x-%016llx@zrutility", static_cast<unsigned>(oid),
+                  static_cast<unsigned long long>(born));
+    return text;
+}
+
+LONG number_in_made_uid(const std::string& uid) {
+    unsigned oid = 0;
+    const auto [end, error] = std::from_chars(uid.data(), uid.data() + std::min<std::size_t>(uid.size(), 8), oid, 16);
+    const bool made = error == std::errc() && end == uid.data() + 8 && uid.ends_with("@zrutility");
+    return made ? static_cast<LONG>(oid) : 0;
+}
+
+void Session::batch(const char* doing, const std::function<void()>& saves) {
+    const ComPtr<IZrStore> store = this->store(doing);
     check(store->BeginBatch(), doing);
     try {
         saves();

@@ -41,6 +41,9 @@ public:
     ComPtr<IPOutlookItemCollection> items(OlDefaultFolders folder);
     // The item of any folder with this identifier; empty when there is none.
     ComPtr<IDispatch> with_oid(LONG oid);
+    // The first item of a folder behind the identifier `after` that has this lasting identifier, or has none where that
+    // is empty; 0: there is none.
+    LONG with_uid(OlDefaultFolders folder, const std::string& uid, LONG after = 0);
     // Keeps all that `saves` stores or nothing of it.
     void batch(const char* doing, const std::function<void()>& saves);
     // Calls `store_one` for each of `count` items and keeps them all at once; where the store refuses one for what it
@@ -49,8 +52,16 @@ public:
                                    const std::function<void(std::size_t)>& store_one);
 
 private:
+    ComPtr<IZrStore> store(const char* doing);
+
     ComPtr<IPOutlookApp> app_;
 };
+
+// What stands for the lasting identifier of an item that no program gave one: for as long as it is there it stays the
+// same, and no other item ever has it.
+std::string made_uid(IDispatch* item, LONG oid);
+// The number in it; 0: it is none of these.
+LONG number_in_made_uid(const std::string& uid);
 
 // A text property of an item; empty when it has none.
 std::string text_property(IDispatch* item, CEPROPID id);

@@ -144,8 +144,11 @@ TEST_F(CalendarTool, NamesWhatIsDamagedAndImportsTheRest) {
     EXPECT_EQ(told["leftOut"], 4);
     EXPECT_EQ(told["problems"][1]["effect"], "not in full");
     EXPECT_EQ(told["problems"][1]["line"], 14);
-    EXPECT_EQ(zr({"calendar", "import", "-"}).err,
+    EXPECT_EQ(zr({"calendar", "import", "-"}, "\n").err,
               "zr: standard input:1: component left out: no calendar in this file\n");
+    const Result empty = zr({"calendar", "import", "-"});
+    EXPECT_EQ(empty.code, 0) << empty.err;
+    EXPECT_EQ(empty.out, "imported 0 items\n");
     EXPECT_EQ(zr({"calendar", "import", "-"}, calendar_text("")).code, 0);
     EXPECT_EQ(zr({"calendar", "import", "/no/such.ics"}).code, 6);
     EXPECT_EQ(zr({"calendar", "import", kData + "phone-2.1.vcf"}).code, 7);

@@ -28,4 +28,30 @@ TEST(CalendarStore, OneItemThatIsRefusedStopsNoOther) {
     EXPECT_EQ(store.tasks(), 1);
 }
 
+TEST(CalendarStore, AnItemWithoutAnIdentifierKeepsTheOneThatItIsKnownBy) {
+    const zr::test::TempFolder folder;
+    setenv("ZR_HOME", folder.host().c_str(), 1);
+    zr::CalendarStore store;
+    zr::Event event;
+    event.subject = "before";
+    event.start = event.end = zr::Moment(std::chrono::local_days(std::chrono::year(2026) / 1 / 5));
+    std::vector<LONG> oids = {0};
+    ASSERT_TRUE(store.put({event}, {}, oids).empty());
+    const auto item = store.appointment(oids[0]);
+    const std::string uid = zr::uid_of(item.get());
+    std::u16string other = u"behind";
+    ASSERT_EQ(item->put_Subject(other.data()), S_OK);
+    ASSERT_EQ(item->put_Start(46000), S_OK);
+    ASSERT_EQ(item->Save(), S_OK);
+    EXPECT_EQ(zr::uid_of(store.appointment(oids[0]).get()), uid);
+    EXPECT_EQ(zr::find_items(store, uid), oids);
+
+    ASSERT_EQ(item->Delete(), S_OK);
+    std::vector<LONG> again = {0};
+    ASSERT_TRUE(store.put({event}, {}, again).empty());
+    ASSERT_EQ(again, oids) << "numbers are handed out again";
+    EXPECT_NE(zr::uid_of(store.appointment(again[0]).get()), uid);
+    EXPECT_TRUE(zr::find_items(store, uid).empty());
+}
+
 }  // namespace
