@@ -494,10 +494,14 @@ void resize(int width, int height) {
     gtk_window_resize(GTK_WINDOW(page.window), width, height);
 }
 
+void refuse(WebKitURISchemeRequest* request, gint code, const char* why) {
+    const Error error(g_error_new_literal(G_IO_ERROR, code, why));
+    webkit_uri_scheme_request_finish_error(request, error.get());
+}
+
 void forget_wanted() {
     for (auto& [cookie, request] : page.wanted) {
-        const Error gone(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "the document is gone"));
-        webkit_uri_scheme_request_finish_error(request.get(), gone.get());
+        refuse(request.get(), G_IO_ERROR_CANCELLED, "the document is gone");
     }
     page.wanted.clear();
 }
@@ -583,7 +587,7 @@ gboolean decide(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDeci
     const char* const address = webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
     const bool is_link = webkit_navigation_action_get_navigation_type(action) == WEBKIT_NAVIGATION_TYPE_LINK_CLICKED;
     if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION || is_link) {
-        tell(EngineFrame::Link, page.document, address ? address : "");
+        if (shows(page.document)) tell(EngineFrame::Link, page.document, address ? address : "");
         webkit_policy_decision_ignore(decision);
         return TRUE;
     }
@@ -599,6 +603,8 @@ gboolean decide(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDeci
 }
 
 void want(WebKitURISchemeRequest* request, gpointer) {
+    // The document before may still want something.
+    if (!shows(page.document)) return refuse(request, G_IO_ERROR_CANCELLED, "the document is gone");
     std::string address = webkit_uri_scheme_request_get_uri(request);
     const std::string owners = std::string(kOwnersScheme) + ":";
     if (address.rfind(owners, 0) == 0) address.erase(0, owners.size());
@@ -619,11 +625,7 @@ void give_image(FrameReader& frame) {
     if (found == page.wanted.end()) return;
     const Owned<WebKitURISchemeRequest> request = std::move(found->second);
     page.wanted.erase(found);
-    if (!is_there) {
-        const Error none(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_NOT_FOUND, "the owner has no such image"));
-        webkit_uri_scheme_request_finish_error(request.get(), none.get());
-        return;
-    }
+    if (!is_there) return refuse(request.get(), G_IO_ERROR_NOT_FOUND, "the owner has no such image");
     GBytes* const held = g_bytes_new(bytes.data(), bytes.size());
     const Owned<GInputStream> stream(g_memory_input_stream_new_from_bytes(held));
     g_bytes_unref(held);
