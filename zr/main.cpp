@@ -92,6 +92,7 @@ void build_store(zr::Command app) {
     store.footer("Example:\n  zr store check\n\n'zr store COMMAND --help' tells more.");
     zr::add_store_check(store);
     zr::add_store_backup(store);
+    zr::add_store_compact(store);
     zr::add_store_recover(store);
     zr::add_store_restore(store);
 }

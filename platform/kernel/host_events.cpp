@@ -64,6 +64,7 @@ private:
     HostSource* calling_ = nullptr;
     std::size_t sources_ = 0;            // that are listed
     std::size_t most_ = 0;               // that the thread's table has room for
+    std::unique_ptr<Table> table_;       // the thread's
     std::unique_ptr<Table> next_table_;  // for the thread to take: it may be waiting with the one before
     std::uint32_t round_ = 0;            // of calls whose time has come
     std::uint32_t turn_ = 0;             // which thread it is that waits
@@ -170,6 +171,7 @@ void HostEvents::wake() noexcept {
     replace_wake();
     if (!is_waiting_ || !wake_) return;
     is_waiting_ = false;
+    static_cast<void>(table_.release());  // the thread's, as long as it sleeps
     ++turn_;
     worker_.abandon();
     start();
@@ -247,12 +249,15 @@ void HostEvents::run() noexcept {
     std::unique_lock lock(mutex_);
     thread_ = pthread_self();
     const std::uint32_t turn = turn_;
-    std::unique_ptr<Table> table;
     while (first_) {
-        if (next_table_) table = std::move(next_table_);
+        if (next_table_) table_ = std::move(next_table_);
+        Table* const table = table_.get();
         list(*table);
         const int ready = wait(lock, *table);
-        if (turn != turn_) return Worker::end_abandoned();
+        if (turn != turn_) {
+            delete table;
+            return Worker::end_abandoned();
+        }
         is_waiting_ = false;
         if (ready > 0) take_wakes(table->files[0].revents);
         for (std::size_t i = 1; ready > 0 && i < table->count; ++i) {
@@ -279,6 +284,8 @@ void HostEvents::begin_child() noexcept {
         first_ = first_->next_;
     }
     sources_ = 0;
+    table_.reset();
+    next_table_.reset();
     calling_ = nullptr;
     is_waiting_ = false;
     wake_ = HostFd();

@@ -147,6 +147,27 @@ DWORD back_up(const StoreKind& kind, const std::string& to) {
     return finish(part, to);
 }
 
+// The file's bytes; 0 when it cannot be asked.
+ULONGLONG size_of(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? static_cast<ULONGLONG>(status.st_size) : 0;
+}
+
+DWORD compact(const StoreKind& kind, ULONGLONG& freed) {
+    std::string path;
+    Connection connection;
+    if (const DWORD error = open_in_place(kind, path, connection); error != ERROR_SUCCESS) return error;
+    const WithinSizeLimit no_signal;
+    // What is in the journal belongs to the file.
+    static_cast<void>(connection.execute("PRAGMA wal_checkpoint(PASSIVE)"));
+    const ULONGLONG before = size_of(path);
+    if (connection.execute("VACUUM") != ERROR_SUCCESS) return failure(connection, kind);
+    static_cast<void>(connection.execute("PRAGMA wal_checkpoint(PASSIVE)"));
+    const ULONGLONG after = size_of(path);
+    freed = before > after ? before - after : 0;
+    return ERROR_SUCCESS;
+}
+
 // --- bringing back ---
 
 DWORD copy_file(const std::string& from, const std::string& to) {
@@ -451,6 +472,17 @@ LONG ZrStoreBackUp(LPCSTR store, LPCSTR to) {
         const StoreKind* const kind = find_kind(store);
         if (kind == nullptr) return ERROR_INVALID_NAME;
         return to == nullptr ? ERROR_INVALID_PARAMETER : back_up(*kind, to);
+    });
+}
+
+LONG ZrStoreCompact(LPCSTR store, ULONGLONG* freed) {
+    return guarded([&]() -> DWORD {
+        const StoreKind* const kind = find_kind(store);
+        if (kind == nullptr) return ERROR_INVALID_NAME;
+        ULONGLONG bytes = 0;
+        const DWORD error = compact(*kind, bytes);
+        if (freed != nullptr) *freed = bytes;
+        return error;
     });
 }
 

@@ -119,6 +119,7 @@ void add_reg_import(Command reg);
 void add_reg_export(Command reg);
 void add_store_check(Command store);
 void add_store_backup(Command store);
+void add_store_compact(Command store);
 void add_store_recover(Command store);
 void add_store_restore(Command store);
 void add_net_status(Command net);

@@ -127,6 +127,31 @@ void add_store_backup(Command store) {
     });
 }
 
+void add_store_compact(Command store) {
+    const auto names = std::make_shared<std::vector<std::string>>();
+    Command command = store.add_command("compact", "Give the disk back what is free in stores");
+    command.add_option("STORE", *names, "registry, contacts or mail (default: all)").one_of(store_names());
+    command.footer(
+        "A store does so by itself after large deletions, unless it is large. Programs read meanwhile, and wait to\n"
+        "write: for five seconds, then they fail. It needs as much room on the disk once more until it is done.\n"
+        "\n"
+        "Example:\n"
+        "  zr store compact mail");
+    command.runs([names] {
+        for (const std::string& name : names->empty() ? store_names() : *names) {
+            ULONGLONG freed = 0;
+            const LONG result = ZrStoreCompact(name.c_str(), &freed);
+            if (result == static_cast<LONG>(ERROR_FILE_NOT_FOUND)) {
+                print(name + ": empty\n");
+                continue;
+            }
+            expect(result);
+            print(name + ": " + std::to_string(freed) + " bytes freed\n");
+        }
+        return Exit::Ok;
+    });
+}
+
 void add_store_recover(Command store) {
     struct Arguments {
         std::string from;

@@ -171,11 +171,11 @@ _zr() {
             esac ;;
         store)
             case $command in
-                check) _zr_words "registry contacts mail --json --help" "$current" ;;
+                check | compact) _zr_words "registry contacts mail --json --help" "$current" ;;
                 backup)
                     if ((COMP_CWORD == 3)); then _zr_words "registry contacts mail --help" "$current"; else _zr_files "$current"; fi ;;
                 recover | restore) _zr_files "$current" ;;
-                *) _zr_words "check backup recover restore --help" "$current" ;;
+                *) _zr_words "check backup compact recover restore --help" "$current" ;;
             esac ;;
         net)
             case $command in

@@ -133,6 +133,29 @@ TEST_F(Maintenance, GivesSpaceBackUnderAReader) {
     EXPECT_EQ(ZrStoreCheck("contacts"), kOk);
 }
 
+TEST_F(Maintenance, CompactsWhatIsFreeWhenAsked) {
+    ULONGLONG freed = 1;
+    EXPECT_EQ(ZrStoreCompact("contacts", &freed), code(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(freed, 0u);
+    EXPECT_EQ(ZrStoreCompact("letters", nullptr), code(ERROR_INVALID_NAME));
+    fill(2000);
+    remove_contacts_but(1500);  // too little to be given back by itself
+    const TestSession reader;
+    EXPECT_EQ(ZrStoreCompact("contacts", &freed), kOk) << ZrStoreLastErrorText();
+    EXPECT_GT(freed, 50'000u);
+    EXPECT_EQ(ZrStoreCheck("contacts"), kOk);
+    EXPECT_EQ(contacts_now(), 1500 % 200);
+    fill(1);
+    EXPECT_EQ(contacts_now(), 1501 % 200);
+    EXPECT_EQ(ZrStoreCompact("contacts", nullptr), kOk);
+    // One who writes is waited for, and told of.
+    const TestSession writer;
+    const auto store = writer.store();
+    ASSERT_EQ(store->BeginBatch(), S_OK);
+    EXPECT_EQ(ZrStoreCompact("contacts", &freed), code(ERROR_BUSY));
+    EXPECT_EQ(store->CommitBatch(), S_OK);
+}
+
 TEST_F(Maintenance, FindsDamageThatNobodyHasMet) {
     fill(300);
     damage_pages(contacts_file(), 60, 61);

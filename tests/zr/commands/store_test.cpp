@@ -56,6 +56,15 @@ TEST_F(StoreTool, TellsWhatIsWholeAndWhatIsEmpty) {
     EXPECT_EQ(zr({"store", "check", "letters"}).code, 2);
 }
 
+TEST_F(StoreTool, Compacts) {
+    add("A");
+    const auto done = zr({"store", "compact"});
+    EXPECT_EQ(done.code, 0) << done.err;
+    EXPECT_EQ(done.out, "registry: empty\ncontacts: 0 bytes freed\nmail: empty\n");
+    EXPECT_EQ(zr({"store", "compact", "letters"}).code, 2);
+    EXPECT_EQ(lines_of(zr({"contacts", "list"}).out).size(), 1u);
+}
+
 TEST_F(StoreTool, BacksUpAndRestores) {
     add("Kept");
     const std::string backup = path("backup.db");
