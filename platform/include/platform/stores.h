@@ -22,10 +22,11 @@ ZRPLATFORM_API LONG ZrStoreCheck(LPCSTR store);
 // else as ZrStoreCheck, and ERROR_DISK_FULL. `to` is whole or not there.
 ZRPLATFORM_API LONG ZrStoreBackUp(LPCSTR store, LPCSTR to);
 
-// Writes a store anew and gives the host what is free in it. A store does so by itself after large deletions, as long as
-// that takes little time; this is for the large ones. Programs read meanwhile, and wait to write: for five seconds at
-// most, then they are told ERROR_BUSY. It needs as much room on the disk once more until it is done (ERROR_DISK_FULL);
-// else as ZrStoreCheck. `freed`, which may be NULL, gets the bytes; programs that read may keep them a while.
+// Writes a store anew and gives the host what is free in it. A store does so by itself after large deletions, as long
+// as that takes little time; this is for the large ones. Programs read meanwhile, and wait to write: for five seconds
+// at most, then they are told ERROR_BUSY. It needs as much room on the disk once more until it is done
+// (ERROR_DISK_FULL); else as ZrStoreCheck. `freed`, which may be NULL, gets the bytes; programs that read may keep them
+// a while.
 ZRPLATFORM_API LONG ZrStoreCompact(LPCSTR store, ULONGLONG* freed);
 
 // Writes what can be read of a store that was set aside, or of any other file of a store, into a new file. `from` is
