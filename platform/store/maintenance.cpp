@@ -148,7 +148,7 @@ DWORD back_up(const StoreKind& kind, const std::string& to) {
 }
 
 // The file's bytes; 0 when it cannot be asked.
-ULONGLONG size_of(const std::string& path) {
+ULONGLONG length_of(const std::string& path) {
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 ? static_cast<ULONGLONG>(status.st_size) : 0;
 }
@@ -160,10 +160,10 @@ DWORD compact(const StoreKind& kind, ULONGLONG& freed) {
     const WithinSizeLimit no_signal;
     // What is in the journal belongs to the file.
     static_cast<void>(connection.execute("PRAGMA wal_checkpoint(PASSIVE)"));
-    const ULONGLONG before = size_of(path);
+    const ULONGLONG before = length_of(path);
     if (connection.execute("VACUUM") != ERROR_SUCCESS) return failure(connection, kind);
     static_cast<void>(connection.execute("PRAGMA wal_checkpoint(PASSIVE)"));
-    const ULONGLONG after = size_of(path);
+    const ULONGLONG after = length_of(path);
     freed = before > after ? before - after : 0;
     return ERROR_SUCCESS;
 }
