@@ -272,11 +272,13 @@ DWORD Engine::send(FrameWriter& frame, Deadline deadline) {
         to_send_.add(frame.finish());
         push();
     }
-    DWORD error = rounds_until(deadline, [this] {
+    bool broken = false;
+    DWORD error = rounds_until(deadline, [&] {
         const std::lock_guard guard(lock_);
-        return to_send_.empty() || is_broken_;
+        broken = is_broken_;
+        return broken || to_send_.empty();
     });
-    if (error == ERROR_SUCCESS && is_broken_) error = last_words(deadline);
+    if (error == ERROR_SUCCESS && broken) error = last_words(deadline);
     if (error == ERROR_TIMEOUT) end();
     return error;
 }

@@ -237,19 +237,20 @@ HRESULT Store::exists(LONG oid) {
 
 HRESULT Store::with_uid(INT folder, std::u16string_view uid, LONG after, LONG& oid) {
     const bool contacts = folder == olFolderContacts;
-    const char* sql = contacts ? "SELECT oid FROM property WHERE id = 2097479711 AND value = ?3 AND oid > ?1"
-                                 " ORDER BY oid LIMIT 1"
+    const char* sql = contacts ? "SELECT oid FROM property WHERE id = 2097479711 AND value = ?3 AND oid BETWEEN ?1 + 1"
+                                 " AND ?2 ORDER BY oid LIMIT 1"
                                : "SELECT oid FROM property WHERE id = 2097348639 AND value = ?3 AND oid BETWEEN ?1 + 1"
                                  " AND ?2 ORDER BY oid LIMIT 1";
     if (uid.empty())
-        sql = contacts ? "SELECT oid FROM contact WHERE oid > ?1 AND NOT EXISTS(SELECT 1 FROM property"
-                         " WHERE property.oid = contact.oid AND id = 2097479711) ORDER BY oid LIMIT 1"
-                       : "SELECT oid FROM entry WHERE oid BETWEEN ?1 + 1 AND ?2 AND NOT EXISTS(SELECT 1 FROM property"
-                         " WHERE property.oid = entry.oid AND id = 2097348639) ORDER BY oid LIMIT 1";
+        sql = contacts
+                  ? "SELECT oid FROM contact WHERE oid BETWEEN ?1 + 1 AND ?2 AND NOT EXISTS(SELECT 1 FROM property"
+                    " WHERE property.oid = contact.oid AND id = 2097479711 AND value IS NOT NULL) ORDER BY oid LIMIT 1"
+                  : "SELECT oid FROM entry WHERE oid BETWEEN ?1 + 1 AND ?2 AND NOT EXISTS(SELECT 1 FROM property"
+                    " WHERE property.oid = entry.oid AND id = 2097348639 AND value IS NOT NULL) ORDER BY oid LIMIT 1";
     const Use rows = reader_.use(sql);
     if (!rows) return reader_.result();
     rows->bind(1, std::max(after, first_oid(folder) - 1));
-    if (!contacts) rows->bind(2, last_oid(folder));
+    rows->bind(2, last_oid(folder));
     if (!uid.empty()) rows->bind_text(3, uid);
     const int code = rows->step();
     oid = code == SQLITE_ROW ? static_cast<LONG>(rows->integer(0)) : 0;

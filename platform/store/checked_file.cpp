@@ -586,7 +586,8 @@ int attach_index(File& file) {
     if (result != SQLITE_OK) return result;
     // Not SQLITE_BUSY, at which SQLite tries again: it has been waited for.
     if (error == ETIMEDOUT) return SQLITE_LOCKED;
-    if (error == ENOMEM) return SQLITE_IOERR_NOMEM;
+    // The host has no more memory of that kind; its disk is not meant.
+    if (error == ENOMEM || error == ENOSPC) return SQLITE_IOERR_NOMEM;
     errno = error;
     return error == EMFILE || error == ENFILE ? SQLITE_CANTOPEN : SQLITE_IOERR_SHMMAP;
 }

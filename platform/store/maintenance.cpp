@@ -93,12 +93,11 @@ private:
 };
 
 // A store that is in its place, whole.
-DWORD open_in_place(const StoreKind& kind, std::string& path, Connection& connection) {
+DWORD open_in_place(const StoreKind& kind, std::string& path, Bell& bell, Connection& connection) {
     const Folder folder = state_folder();
     if (!folder) return say(folder.error, folder.message);
     path = folder.path + "/" + kind.file;
     if (access(path.c_str(), F_OK) != 0) return say(ERROR_FILE_NOT_FOUND, path + ": " + std::strerror(errno) + ".");
-    Bell bell;
     if (const int error = bell.make(path); error != 0) return host_failure(bell.path(), error);
     const StoreOpening opening = open_store(kind, path, bell, connection);
     return opening ? ERROR_SUCCESS : say(opening.error, opening.message);
@@ -137,8 +136,9 @@ DWORD copy_pages(const StoreKind& kind, Connection& from, const std::string& pat
 DWORD back_up(const StoreKind& kind, const std::string& to) {
     if (access(to.c_str(), F_OK) == 0) return say(ERROR_FILE_EXISTS, to + " is there already.");
     std::string path;
+    Bell bell;
     Connection connection;
-    if (const DWORD error = open_in_place(kind, path, connection); error != ERROR_SUCCESS) return error;
+    if (const DWORD error = open_in_place(kind, path, bell, connection); error != ERROR_SUCCESS) return error;
     Leftovers leftovers;
     const std::string part = to + ".part";
     if (const DWORD error = make_new(part); error != ERROR_SUCCESS) return error;
@@ -155,8 +155,15 @@ ULONGLONG length_of(const std::string& path) {
 
 DWORD compact(const StoreKind& kind, ULONGLONG& freed) {
     std::string path;
+    Bell bell;
     Connection connection;
-    if (const DWORD error = open_in_place(kind, path, connection); error != ERROR_SUCCESS) return error;
+    if (const DWORD error = open_in_place(kind, path, bell, connection); error != ERROR_SUCCESS) return error;
+    // As every writer, so that nobody renames the store meanwhile.
+    Bell::Pull pull;
+    if (const int error = pull.take(bell); error != 0) return host_failure(bell.path(), error);
+    int moved = 0;
+    sqlite3_file_control(connection.handle(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+    if (moved != 0) return say(ERROR_BUSY, path + " was replaced just now.");
     const WithinSizeLimit no_signal;
     // What is in the journal belongs to the file.
     static_cast<void>(connection.execute("PRAGMA wal_checkpoint(PASSIVE)"));
@@ -210,20 +217,29 @@ private:
     static constexpr LONGLONG kFirst = -(LONGLONG{1} << 62);
     static constexpr LONGLONG kNoMore = LONGLONG{1} << 62;
 
-    // The columns that the table has in both.
+    std::vector<std::string> columns_of(Connection& connection) const {
+        std::vector<std::string> columns;
+        sqlite3_stmt* info = nullptr;
+        const std::string sql = std::string("SELECT name FROM pragma_table_info('") + table_.name + "')";
+        if (sqlite3_prepare_v2(connection.handle(), sql.c_str(), -1, &info, nullptr) != SQLITE_OK) return columns;
+        while (sqlite3_step(info) == SQLITE_ROW) {
+            columns.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(info, 0)));
+        }
+        sqlite3_finalize(info);
+        return columns;
+    }
+
+    // The columns that the table has in both: an older version's has fewer.
     bool prepare() {
         std::string columns;
         std::string places;
-        sqlite3_stmt* info = nullptr;
-        const std::string sql = std::string("SELECT name FROM pragma_table_info('") + table_.name + "')";
-        if (sqlite3_prepare_v2(to_.handle(), sql.c_str(), -1, &info, nullptr) != SQLITE_OK) return false;
-        while (sqlite3_step(info) == SQLITE_ROW) {
-            columns += (columns.empty() ? "" : ", ") +
-                       std::string(reinterpret_cast<const char*>(sqlite3_column_text(info, 0)));
+        const std::vector<std::string> there = columns_of(from_);
+        for (const std::string& column : columns_of(to_)) {
+            if (std::find(there.begin(), there.end(), column) == there.end()) continue;
+            columns += (columns.empty() ? "" : ", ") + column;
             places += places.empty() ? "?" : ", ?";
             ++columns_;
         }
-        sqlite3_finalize(info);
         select_ = std::string("SELECT ") + columns + ", " + table_.key + " FROM " + table_.name + " WHERE " +
                   table_.key + " >= ?1 ORDER BY " + table_.key;
         insert_ = std::string("INSERT OR IGNORE INTO ") + table_.name + "(" + columns + ") VALUES(" + places + ")";
@@ -462,8 +478,9 @@ LONG ZrStoreCheck(LPCSTR store) {
         if (folder && access(file.c_str(), F_OK) == 0)
             static_cast<void>(open_private_file(suspicion(file), 0, nullptr));
         std::string path;
+        Bell bell;
         Connection connection;
-        return open_in_place(*kind, path, connection);
+        return open_in_place(*kind, path, bell, connection);
     });
 }
 

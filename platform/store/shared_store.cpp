@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,7 +91,7 @@ constexpr LONGLONG kPruneEvery = 1024;
 // So many free pages are kept for what comes, however small the store is.
 constexpr LONGLONG kFreePages = 256;
 // What is left is written anew while others wait to write, so that it must not be much.
-constexpr LONGLONG kMostPagesMoved = 32768;
+constexpr LONGLONG kMostPagesMoved = 8192;
 
 int flush_folder(const std::string& path) {
     const HostFd folder = open_host(path.c_str(), O_RDONLY | O_DIRECTORY);
@@ -597,13 +598,35 @@ bool StoreWriting::has_much_free() {
            pages - free <= kMostPagesMoved;
 }
 
+// Whether the disk has room for what is written anew: beside the file, in the journal, in the file.
+bool StoreWriting::has_room_to_move() {
+    LONGLONG free = 0;
+    LONGLONG pages = 0;
+    LONGLONG size = 0;
+    struct statvfs disk = {};
+    if (connection().scalar("PRAGMA freelist_count", free) != ERROR_SUCCESS ||
+        connection().scalar("PRAGMA page_count", pages) != ERROR_SUCCESS ||
+        connection().scalar("PRAGMA page_size", size) != ERROR_SUCCESS || statvfs(store_->path_.c_str(), &disk) != 0) {
+        return false;
+    }
+    return static_cast<ULONGLONG>(disk.f_bavail) * disk.f_frsize / 3 > static_cast<ULONGLONG>((pages - free) * size);
+}
+
 // Writes the store anew, which is a change of its own. Nothing that anybody knows changes by it; where it fails the
-// room stays for what comes.
+// room stays for what comes. It is not worth waiting for another writer.
 void StoreWriting::give_back() {
     Connection& writer = connection();
-    store_->keeps_room_ = writer.execute("VACUUM") != ERROR_SUCCESS;
-    // The file is cut off when all of the journal is in it.
-    if (!store_->keeps_room_) static_cast<void>(writer.execute("PRAGMA wal_checkpoint(PASSIVE)"));
+    if (store_->pull_.take(store_->bell_) != 0) return;
+    if (!has_moved(writer) && has_room_to_move()) {
+        writer.wait_when_busy(false);
+        const DWORD error = writer.execute("VACUUM");
+        store_->keeps_room_ = error != ERROR_SUCCESS && error != ERROR_BUSY;
+        // The file is cut off when all of the journal is in it; what failed leaves a long journal.
+        static_cast<void>(writer.execute(error == ERROR_SUCCESS ? "PRAGMA wal_checkpoint(PASSIVE)"
+                                                                : "PRAGMA wal_checkpoint(TRUNCATE)"));
+        writer.wait_when_busy(true);
+    }
+    store_->pull_.let_go();
 }
 
 // Commits and rings; true when nobody else has committed since before_.
@@ -622,8 +645,8 @@ bool StoreWriting::keep(CommitWatch::Stamp& after, DWORD& error) {
     }
     mark_committed(connection().handle(), seq_);
     const bool alone = before_known_ && store_->writer_commits_.look(after) && after.is_next_after(before_);
-    if (much_free) give_back();
     store_->pull_.let_go();
+    if (much_free) give_back();
     return alone;
 }
 

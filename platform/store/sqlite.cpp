@@ -106,8 +106,12 @@ DWORD Connection::open(const std::string& path) {
     if (sqlite3_open_v2(path.c_str(), &db_, flags, layer) != SQLITE_OK || reserve_checksums(db_) != SQLITE_OK)
         return error();
     sqlite3_extended_result_codes(db_, 1);
-    sqlite3_busy_timeout(db_, kBusyMilliseconds);
+    wait_when_busy(true);
     return ERROR_SUCCESS;
+}
+
+void Connection::wait_when_busy(bool wait) noexcept {
+    sqlite3_busy_timeout(db_, wait ? kBusyMilliseconds : 0);
 }
 
 void Connection::close() {

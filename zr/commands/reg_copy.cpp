@@ -8,6 +8,7 @@
 
 #include "zr/base/json.h"
 #include "zr/base/output.h"
+#include "zr/base/pager.h"
 #include "zr/base/text.h"
 #include "zr/commands/reg_command.h"
 
@@ -140,15 +141,24 @@ bool is_file(const std::string& word) {
     return word == "-" || ::stat(word.c_str(), &status) == 0;
 }
 
+// Who has enough has seen a difference.
+Exit print_diff(bool json, const RegContents& first, const RegContents& second) {
+    try {
+        return RegDiff(json).run(first, second);
+    } catch (const ReaderHasEnough&) {
+        return Exit::None;
+    }
+}
+
 Exit diff(const RegCopyOptions& options) {
     page_output();
     const RegPath key = reg_path_of(options.key);
     const RegContents first = contents_of(RegKey::existing(key));
     if (!is_file(options.to))
-        return RegDiff(options.json).run(first, contents_of(RegKey::existing(reg_path_of(options.to))));
+        return print_diff(options.json, first, contents_of(RegKey::existing(reg_path_of(options.to))));
     const RegContents second = contents_in_file(options.to, key);
     if (second.empty()) throw Failure{Exit::None, options.to + ": no key " + shown(key) + " in this file"};
-    return RegDiff(options.json).run(first, second);
+    return print_diff(options.json, first, second);
 }
 
 }  // namespace

@@ -278,6 +278,7 @@ private:
     DWORD prune();
     bool keep(CommitWatch::Stamp& after, DWORD& error);
     bool has_much_free();
+    bool has_room_to_move();
     void give_back();
     void taken_over(const CommitWatch::Stamp& after);
     void forget() noexcept;

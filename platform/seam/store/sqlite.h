@@ -122,6 +122,8 @@ public:
     // change. What is called after that fails with ERROR_BUSY.
     void abandon() noexcept;
     DWORD execute(const char* sql);
+    // Others are waited for, as a connection does at first, or not at all.
+    void wait_when_busy(bool wait) noexcept;
     // The statement for `sql`, a literal, prepared once. Empty on failure, which error() then describes.
     Use use(const char* sql);
     // Runs a statement that returns nothing.

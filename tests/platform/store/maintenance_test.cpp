@@ -256,6 +256,25 @@ TEST_F(Maintenance, RecoversWhatIsReadable) {
 }
 
 // A file as it was, under the journal that was begun when more had come and gone: each by itself is good.
+// Which has fewer columns.
+TEST_F(Maintenance, RecoversAFileOfAnOlderVersion) {
+    fill(30);
+    const std::string older = beside("backup.db");
+    const std::string recovered = beside("recovered.db");
+    ASSERT_EQ(ZrStoreBackUp("contacts", older.c_str()), kOk);
+    ULONGLONG all = 0;
+    ASSERT_EQ(ZrStoreRecover(older.c_str(), recovered.c_str(), &all), kOk) << ZrStoreLastErrorText();
+    fs::remove(recovered);
+    query(older, "ALTER TABLE contact DROP COLUMN born");
+    query(older, "ALTER TABLE entry DROP COLUMN born");
+    query(older, "PRAGMA user_version=3");
+    ULONGLONG items = 0;
+    ASSERT_EQ(ZrStoreRecover(older.c_str(), recovered.c_str(), &items), kOk) << ZrStoreLastErrorText();
+    EXPECT_EQ(items, all);
+    EXPECT_EQ(query(recovered, "SELECT count(*) FROM contact"), "30");
+    EXPECT_EQ(query(recovered, "PRAGMA integrity_check"), "ok");
+}
+
 TEST_F(Maintenance, RecoversAFileWithoutAJournalThatIsNotOfIt) {
     fill(30);
     const std::string damaged = beside("backup.db");
