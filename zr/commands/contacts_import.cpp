@@ -71,8 +71,8 @@ void ContactsImport::read(InputFile& file) {
     CardStream::Part part;
     while (cards.next(part)) {
         for (const CardStream::Note& found : part.notes) {
-            const bool cut_off = interrupted() && found.problems.front().reason == kCutOff;
-            if (!cut_off) note(file.name(), found.problems, found.left_out);
+            // What is cut off by the interruption is not in yet.
+            if (!found.left_out || !interrupted()) note(file.name(), found.problems, found.left_out);
         }
         for (Card& card : part.cards) {
             take(card);

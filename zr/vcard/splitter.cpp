@@ -76,7 +76,7 @@ void CardSplitter::read_body(RawCard& card) {
     }
     if (card.damage.empty()) {
         card.damage =
-            lines_.reader().error() != 0 ? std::string("the file could not be read further") : std::string(kCutOff);
+            lines_.reader().error() != 0 ? "the file could not be read further" : "the file ends inside this card";
         card.damage_line = card.number;
     }
 }

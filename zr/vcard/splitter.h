@@ -32,9 +32,6 @@ struct RawCard {
     }
 };
 
-// What is wrong with a card that the text ends in.
-inline constexpr std::string_view kCutOff = "the file ends inside this card";
-
 class CardSplitter {
 public:
     static constexpr std::size_t kLargestCard = std::size_t{64} << 20;
