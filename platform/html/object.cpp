@@ -119,6 +119,14 @@ bool append_scalar(std::string& script, const VARIANT& value) {
     }
 }
 
+// Freed with the scope, however that is left.
+struct OwnedVariant : VARIANT {
+    OwnedVariant() : VARIANT{} {}
+    ~OwnedVariant() { VariantClear(this); }
+    OwnedVariant(const OwnedVariant&) = delete;
+    OwnedVariant& operator=(const OwnedVariant&) = delete;
+};
+
 // What no other process's allocation failures may turn into an exception of a caller.
 template <class Action>
 HRESULT guarded(Action action) noexcept {
@@ -176,11 +184,10 @@ HRESULT HtmlObject::find(std::u16string_view name, DWORD flags, DISPID* id) {
     std::string script = script_call("name", id_, name);
     script += (flags & fdexNameCaseInsensitive) != 0 ? ",true)" : ",false)";
     if (const HRESULT result = document_->call(script, what); FAILED(result)) return result;
-    VARIANT found{};
+    OwnedVariant found;
     HRESULT result = document_->take_as(VT_BSTR, what, &found);
     if (SUCCEEDED(result)) {
         *id = id_of_name(text_of(found.vt == VT_BSTR ? found.bstrVal : nullptr));
-        VariantClear(&found);
     } else if (result == DISP_E_MEMBERNOTFOUND) {
         if ((flags & fdexNameEnsure) == 0) return DISP_E_UNKNOWNNAME;
         *id = id_of_name(name);
@@ -353,13 +360,12 @@ HRESULT HtmlObject::GetNextDispID(DWORD, DISPID id, DISPID* next) {
         std::u16string name;
         if (id != DISPID_STARTENUM && !name_of_id(id, name)) return DISP_E_MEMBERNOTFOUND;
         std::string what;
-        VARIANT found{};
+        OwnedVariant found;
         HRESULT result = document_->call(script_call("next", id_, name) + ")", what);
-        if (SUCCEEDED(result)) result = document_->take(what, &found, nullptr);
+        if (SUCCEEDED(result)) result = document_->take_as(VT_BSTR, what, &found);
         if (result == DISP_E_MEMBERNOTFOUND) return S_FALSE;
         if (FAILED(result)) return result;
         *next = id_of_name(text_of(found.bstrVal));
-        VariantClear(&found);
         return *next == DISPID_UNKNOWN ? E_OUTOFMEMORY : S_OK;
     });
 }
