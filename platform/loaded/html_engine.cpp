@@ -92,11 +92,13 @@ void ask_for_the_end(int) {
 // engine's own watch stands still while a script runs.
 constexpr std::uint64_t kMostMemory = std::uint64_t{3} << 30;
 constexpr int kLooksMs = 200;
+constexpr int kFirstLooksMs = 20;
+constexpr int kFirstLooks = 100;
 
 // What the engine's processes are like.
 struct Look {
     std::uint64_t pages = 0;
-    bool has_network = false;
+    std::string network;  // its process
 };
 
 // A process, and all that it has started.
@@ -109,7 +111,7 @@ void look_at(const std::string& process, Look& look) {
     std::string name;
     std::ifstream(folder + "/comm") >> name;
     look.pages += pages - std::min(pages, shared);
-    look.has_network = look.has_network || (pages > 0 && name == "WebKitNetworkPr");  // as long as names there are
+    if (pages > 0 && name == "WebKitNetworkPr") look.network = process;  // as long as names there are
     std::ifstream started(folder + "/task/" + process + "/children");
     for (std::string child; started >> child;) {
         look_at(child, look);
@@ -120,11 +122,11 @@ void look_at(const std::string& process, Look& look) {
 bool is_healthy() {
     static const std::uint64_t most = std::min(kMostMemory / static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)),
                                                static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) / 2);
-    static bool had_network = false;
+    static std::string network;
     Look look;
     look_at(std::to_string(getpid()), look);
-    const bool has_lost_network = had_network && !look.has_network;
-    had_network = look.has_network;
+    const bool has_lost_network = !network.empty() && look.network != network;
+    network = look.network;
     return look.pages <= most && !has_lost_network;
 }
 
@@ -138,7 +140,9 @@ void watch_for_the_end() {
     sigaction(SIGTERM, &handler, nullptr);
     std::thread([] {
         std::array<pollfd, 2> ends{{{kSocket, POLLRDHUP, 0}, {end_asked, POLLIN, 0}}};
-        while (poll(ends.data(), ends.size(), kLooksMs) <= 0 && is_healthy()) {
+        int looks = 0;  // often at first, so that no process comes and goes unseen
+        while (poll(ends.data(), ends.size(), looks < kFirstLooks ? kFirstLooksMs : kLooksMs) <= 0 && is_healthy()) {
+            looks = std::min(looks + 1, kFirstLooks);
         }
         leave();
     }).detach();
