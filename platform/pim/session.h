@@ -6,7 +6,7 @@
 #include <memory>
 #include <mutex>
 
-#include "fork_gate.h"
+#include "in_call.h"
 #include "last_error.h"
 #include "platform/pim.h"
 #include "store.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "base/forks.h"
-#include "fork_gate.h"
+#include "in_call.h"
 #include "last_error.h"
 #include "notifier.h"
 #include "schema.h"
@@ -47,7 +47,7 @@ Store::~Store() {
 class Forks {
 public:
     static void prepare() noexcept {
-        ForkGate::instance().close();
+        calls_gate().close();
         stores_mutex.lock();
         held().clear();
         for (const auto& each : stores()) {
@@ -60,12 +60,12 @@ public:
     static void in_parent() noexcept {
         unlock();
         held().clear();
-        ForkGate::instance().open();
+        calls_gate().open();
     }
     // The references stay until the next look: a child frees nothing.
     static void in_child() noexcept {
         unlock();
-        ForkGate::instance().open_in_child();
+        calls_gate().open_in_child();
     }
     static void make_room(std::size_t stores) { held().reserve(stores); }
     static void let_go() noexcept {

@@ -1,5 +1,7 @@
 // Notifications of changed files as window messages, posted by the host's thread as it hears of the changes.
 
+#include "change_notify.h"
+
 #include <cstddef>
 #include <iterator>
 #include <map>
@@ -11,7 +13,6 @@
 #include <vector>
 
 #include "base/fail.h"
-#include "base/forks.h"
 #include "files/change_caller.h"
 #include "kernel/host_events.h"
 #include "kernel/thread.h"
@@ -291,12 +292,20 @@ private:
 alignas(Registrations) unsigned char registrations_storage[sizeof(Registrations)];
 Registrations& registrations = *new (registrations_storage) Registrations;
 
-// Both processes tell their windows of what changes.
-const AtFork at_fork{ForkRank::Shell,
-                     {[]() noexcept { registrations.lock_all(); }, []() noexcept { registrations.unlock_all(); },
-                      []() noexcept { registrations.unlock_all(); }, []() noexcept { registrations.resume(); }}};
-
 }  // namespace
+
+void lock_notifications() noexcept {
+    registrations.lock_all();
+}
+
+void unlock_notifications() noexcept {
+    registrations.unlock_all();
+}
+
+void resume_notifications() noexcept {
+    registrations.resume();
+}
+
 }  // namespace zr::platform
 
 using namespace zr::platform;

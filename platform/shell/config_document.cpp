@@ -155,7 +155,10 @@ ConfigDocument::Result ConfigDocument::parse(const std::string& utf8) {
     };
     events.text = [](void* self, XmlText text) { return static_cast<ConfigDocument*>(self)->text(text); };
     XmlFault fault;
-    const XmlResult result = parser(utf8.data(), utf8.size(), &events, &fault);
+    const XmlResult result = [&] {
+        const InsideGate inside(parsing_gate());
+        return parser(utf8.data(), utf8.size(), &events, &fault);
+    }();
     if (result == XmlResult::Whole) return Result::Read;
     if (result == XmlResult::NoMemory || no_memory_) return Result::NoMemory;
     if (result == XmlResult::Broken) sentence_ = fault.text;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/fork_gate.h"
 #include "platform/types.h"
 #include "shell/xml_module.h"
 
@@ -39,6 +40,12 @@ struct ConfigElement {
 
 // The word for a kind of element.
 std::u16string_view element_word(ElementKind kind) noexcept;
+
+// Held while a document is parsed: libxml2 has locks of its own.
+struct Parsing;
+inline ForkGate& parsing_gate() noexcept {
+    return fork_gate<Parsing>();
+}
 
 class ConfigDocument {
 public:

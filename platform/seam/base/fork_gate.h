@@ -2,24 +2,18 @@
 
 // Keeps a fork out while a call is in the middle of something that a child would find half done.
 //
-// Sessions and applications have locks of their own, which nobody can enumerate. So their calls hold the gate while
-// they hold such a lock, and a fork waits until nobody is inside. What the store itself guards needs no gate.
+// Some locks cannot be enumerated at a fork: those of objects that nobody lists, and those of libraries, which keep
+// them to themselves. So calls hold a gate while they may hold such a lock, and a fork waits until nobody is inside.
+// What a family guards by locks that it can name needs no gate.
 
 #include <condition_variable>
 #include <mutex>
 #include <new>
 
-namespace zr::platform::pim {
+namespace zr::platform {
 
 class ForkGate {
 public:
-    static ForkGate& instance() noexcept {
-        // Never destroyed: sessions may end in a static object's destructor.
-        alignas(ForkGate) static char place[sizeof(ForkGate)];
-        static auto* const gate = new (place) ForkGate;
-        return *gate;
-    }
-
     void enter() noexcept {
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [this] { return !closed_; });
@@ -55,13 +49,24 @@ private:
     bool closed_ = false;
 };
 
+// A family's gate. Never destroyed: calls may come from a static object's destructor.
+template <class Family>
+ForkGate& fork_gate() noexcept {
+    alignas(ForkGate) static char place[sizeof(ForkGate)];
+    static auto* const gate = new (place) ForkGate;
+    return *gate;
+}
+
 // Held by a call. Calls do not nest.
-class InCall {
+class [[nodiscard]] InsideGate {
 public:
-    InCall() noexcept { ForkGate::instance().enter(); }
-    ~InCall() { ForkGate::instance().leave(); }
-    InCall(const InCall&) = delete;
-    InCall& operator=(const InCall&) = delete;
+    explicit InsideGate(ForkGate& gate) noexcept : gate_(gate) { gate_.enter(); }
+    ~InsideGate() { gate_.leave(); }
+    InsideGate(const InsideGate&) = delete;
+    InsideGate& operator=(const InsideGate&) = delete;
+
+private:
+    ForkGate& gate_;
 };
 
-}  // namespace zr::platform::pim
+}  // namespace zr::platform
