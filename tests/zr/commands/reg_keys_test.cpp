@@ -150,4 +150,44 @@ TEST_F(RegKeys, AreCompletedInBash) {
     EXPECT_EQ(complete("zr reg get 'HKCU\\\\Nowhere\\\\'"), "\n");
 }
 
+// Types lines into a shell with a terminal, and prints what they become.
+constexpr const char* kTypeIntoZsh = R"(
+zmodload zsh/zpty
+zpty shell 'TERM=dumb zsh -f -i'
+zpty -w shell 'PS1=; PS2=; unset zle_bracketed_paste; fpath=($COMPLETIONS $fpath)
+    autoload -Uz compinit; compinit -u -D; zr() { $TOOL "$@" }
+    shown() { print -r -- "<<$BUFFER>>"; BUFFER=; zle accept-line }; zle -N shown; bindkey "^X" shown; print rea""dy'
+zpty -r -m shell line '*ready*'
+for typed; do
+    zpty -n -w shell $typed$'\t\x18'
+    zpty -r -m shell line '*>>*'
+    print -r -- ${${line##*<<}%%>>*}
+done
+zpty -d shell
+)";
+
+TEST_F(RegKeys, AreCompletedInZsh) {
+    if (zr::test::run({"sh", "-c", "command -v zsh"}).code != 0) GTEST_SKIP() << "there is no zsh";
+    setenv("COMPLETIONS", ZR_SOURCE_DIR "/zr/completion", 1);
+    setenv("TOOL", ZR_TOOL, 1);
+    ASSERT_EQ(reg({"set", "HKCU\\Shop\\Proxy\\Two words", "a", "b"}).code, 0);
+    const std::vector<std::pair<std::string, std::string>> lines = {
+        {"zr reg list HKC", "zr reg list HKC"},  // two of them
+        {"zr reg list hkey_cl", R"(zr reg list HKEY_CLASSES_ROOT\\)"},
+        {R"(zr reg list 'HKCU\)", R"(zr reg list 'HKCU\Shop\)"},
+        {R"(zr reg list HKCU\\shop\\p)", R"(zr reg list HKCU\\shop\\Proxy\\)"},
+        {R"(zr reg tree 'HKCU\Shop\Ü)", R"(zr reg tree 'HKCU\Shop\Ünder score\)"},
+        {R"(zr reg copy a "hkcu\\shop\\proxy\\t)", R"(zr reg copy a "hkcu\\shop\\proxy\\Two words\\)"},
+        {R"(zr reg get HKCU\\Shop\\Proxy\\T)", R"(zr reg get HKCU\\Shop\\Proxy\\Two\ words\\)"},
+        {R"(zr reg get 'HKCU\Nowhere\)", R"(zr reg get 'HKCU\Nowhere\)"},
+    };
+    std::vector<std::string> command = {"timeout", "60", "zsh", "-fc", kTypeIntoZsh, "zsh"};
+    std::string expected;
+    for (const auto& [typed, completed] : lines) {
+        command.push_back(typed);
+        expected += completed + "\n";
+    }
+    EXPECT_EQ(zr::test::run(command).out, expected);
+}
+
 }  // namespace
