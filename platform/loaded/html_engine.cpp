@@ -410,23 +410,6 @@ void tell_ready() {
     if (!std::exchange(page.told_ready, true)) tell(EngineFrame::Ready, page.document, "");
 }
 
-void became_ready(GObject*, GAsyncResult* result, gpointer data) {
-    const auto document = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(data));
-    GError* failed = nullptr;
-    const Owned<JSCValue> value(webkit_web_view_call_async_javascript_function_finish(page.view, result, &failed));
-    const Error error(failed);
-    if (value && shows(document)) tell_ready();
-}
-
-void wait_until_ready() {
-    webkit_web_view_call_async_javascript_function(
-        page.view,
-        "await new Promise(go => document.readyState === 'loading' ? addEventListener('DOMContentLoaded', go) : go()); "
-        "return 1",
-        -1, nullptr, kWorld, nullptr, nullptr, became_ready,
-        reinterpret_cast<gpointer>(static_cast<std::uintptr_t>(page.document)));
-}
-
 void tell_title(const std::string& title) {
     if (title.empty() || title == page.told_title) return;
     page.told_title = title;
@@ -438,22 +421,10 @@ void title_changed(GObject*, GParamSpec*, gpointer) {
     if (title && shows(page.document)) tell_title(title);
 }
 
-void completed(GObject*, GAsyncResult* result, gpointer data) {
-    const auto document = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(data));
-    GError* failed = nullptr;
-    const Owned<JSCValue> title(webkit_web_view_evaluate_javascript_finish(page.view, result, &failed));
-    const Error error(failed);
-    if (document != page.document) return;
-    if (title) tell_title(bytes_of(title.get()));
-    // The answer that its elements are there may come later than this one.
-    if (title && page.stage == Page::Stage::Done) tell_ready();
-    tell(EngineFrame::Complete, document, "");
-}
-
-// The title, which may come later by itself, is told before the end.
 void complete() {
     page.stage = page.stage == Page::Stage::Committed ? Page::Stage::Done : Page::Stage::Failed;
-    run("document.title", kWorld, completed, reinterpret_cast<gpointer>(static_cast<std::uintptr_t>(page.document)));
+    if (page.stage == Page::Stage::Done) tell_ready();
+    tell(EngineFrame::Complete, page.document, "");
 }
 
 // Without the one who decides what a document may ask for, there must be no document.
@@ -465,8 +436,16 @@ void require_gate() {
     leave();
 }
 
-gboolean gate_stands(WebKitWebView*, WebKitUserMessage*, gpointer) {
-    page.is_gated = true;
+// What the gate says comes in its place among what is told of loading.
+gboolean gate_spoke(WebKitWebView*, WebKitUserMessage* message, gpointer) {
+    const std::string_view said = webkit_user_message_get_name(message);
+    if (said == "gate") page.is_gated = true;
+    if (said == "ready" && shows(page.document)) {
+        GVariant* const title = webkit_user_message_get_parameters(message);
+        if (title && g_variant_is_of_type(title, G_VARIANT_TYPE_STRING))
+            tell_title(g_variant_get_string(title, nullptr));
+        tell_ready();
+    }
     return TRUE;
 }
 
@@ -482,7 +461,6 @@ void load_changed(WebKitWebView*, WebKitLoadEvent event, gpointer) {
         if (page.stage != Page::Stage::Started) leave();
         require_gate();
         page.stage = Page::Stage::Committed;
-        wait_until_ready();
     } else if (event == WEBKIT_LOAD_FINISHED) {
         if (page.stage == Page::Stage::Started || page.stage == Page::Stage::Committed) complete();
     }
@@ -526,12 +504,11 @@ void show() {
     page.source.text.reset();
 }
 
-void silenced(GObject*, GAsyncResult* result, gpointer data) {
-    const auto document = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(data));
+void silenced(GObject*, GAsyncResult* result, gpointer) {
     GError* failed = nullptr;
     const Owned<JSCValue> value(webkit_web_view_evaluate_javascript_finish(page.view, result, &failed));
     const Error error(failed);
-    if (document == page.document && page.stage == Page::Stage::Waiting) show();
+    show();
 }
 
 // The engine tells of a load's progress without saying of which. What was to be said of the one before has been said
@@ -544,13 +521,14 @@ void begin_document(FrameReader& frame) {
     forget_wanted();
     page.told_ready = false;
     page.told_title.clear();
-    page.stage = Page::Stage::Waiting;
 }
 
 void begin_when_silent() {
     if (!page.has_begun) return show();
+    // Another one may be waiting already, in whose place this one is shown.
+    if (std::exchange(page.stage, Page::Stage::Waiting) == Page::Stage::Waiting) return;
     webkit_web_view_stop_loading(page.view);
-    run("1", kWorld, silenced, reinterpret_cast<gpointer>(static_cast<std::uintptr_t>(page.document)));
+    run("1", kWorld, silenced, nullptr);
 }
 
 void load(FrameReader& frame) {
@@ -840,7 +818,7 @@ void make_view() {
     gtk_widget_show_all(page.window);
     g_signal_connect(page.view, "load-changed", G_CALLBACK(load_changed), nullptr);
     g_signal_connect(page.view, "load-failed", G_CALLBACK(load_failed), nullptr);
-    g_signal_connect(page.view, "user-message-received", G_CALLBACK(gate_stands), nullptr);
+    g_signal_connect(page.view, "user-message-received", G_CALLBACK(gate_spoke), nullptr);
     g_signal_connect(page.view, "notify::title", G_CALLBACK(title_changed), nullptr);
     g_signal_connect(page.view, "decide-policy", G_CALLBACK(decide), nullptr);
     g_signal_connect(page.view, "script-dialog", G_CALLBACK(no_dialog), nullptr);

@@ -1,5 +1,6 @@
-// Loaded into each process that shows a document: decides what a document may ask for. Nothing that is elsewhere, but
-// an image that its owner may give.
+// Loaded into each process that shows a document: decides what a document may ask for (nothing that is elsewhere, but
+// an image that its owner may give; a remote one, everything), and says when its elements are there, with its title, of
+// which the engine itself tells when it finds the time.
 
 #include <webkit2/webkit-web-extension.h>
 
@@ -34,9 +35,21 @@ gboolean decide(WebKitWebPage*, WebKitURIRequest* request, WebKitURIResponse*, g
     return FALSE;
 }
 
-void page_made(WebKitWebExtension*, WebKitWebPage* page, gpointer) {
-    g_signal_connect(page, "send-request", G_CALLBACK(decide), nullptr);
-    webkit_web_page_send_message_to_view(page, webkit_user_message_new("gate", nullptr), nullptr, nullptr, nullptr);
+void tell(WebKitWebPage* page, const char* what, const char* text = "") {
+    WebKitUserMessage* const message = webkit_user_message_new(what, g_variant_new_string(text));
+    webkit_web_page_send_message_to_view(page, message, nullptr, nullptr, nullptr);
+}
+
+void loaded(WebKitWebPage* page, gpointer) {
+    gchar* const title = webkit_dom_document_get_title(webkit_web_page_get_dom_document(page));
+    tell(page, "ready", title && g_utf8_validate(title, -1, nullptr) ? title : "");
+    g_free(title);
+}
+
+void page_made(WebKitWebExtension*, WebKitWebPage* page, gpointer is_remote) {
+    if (!is_remote) g_signal_connect(page, "send-request", G_CALLBACK(decide), nullptr);
+    g_signal_connect(page, "document-loaded", G_CALLBACK(loaded), nullptr);
+    tell(page, "gate");
 }
 
 }  // namespace
@@ -44,6 +57,5 @@ void page_made(WebKitWebExtension*, WebKitWebPage* page, gpointer) {
 extern "C" [[gnu::visibility("default")]] void webkit_web_extension_initialize_with_user_data(WebKitWebExtension*,
                                                                                               GVariant*);
 extern "C" void webkit_web_extension_initialize_with_user_data(WebKitWebExtension* extension, GVariant* remote) {
-    if (g_variant_get_boolean(remote)) return;
-    g_signal_connect(extension, "page-created", G_CALLBACK(page_made), nullptr);
+    g_signal_connect(extension, "page-created", G_CALLBACK(page_made), GINT_TO_POINTER(g_variant_get_boolean(remote)));
 }
