@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -41,6 +42,7 @@ constexpr std::size_t kBigEndianAt = 13;
 constexpr std::size_t kLastFrameAt = 16;
 constexpr std::size_t kFrameSumsAt = 24;
 constexpr std::size_t kSaltsAt = 32;
+constexpr int kWriteLock = 0;
 
 using Byte = unsigned char;
 
@@ -190,14 +192,17 @@ struct File {
     JournalIndex* shared;        // null: not there yet
     const volatile Byte* index;  // its front
     JournalEnd end;              // what the index said when it was let go of
+    File* journal;               // null: not open
     // The journal's.
-    File* database;      // null: not known, nothing is looked at
-    bool unmarked;       // its header was written, and the database's mark not yet
-    bool appending;      // the last call wrote a page
-    sqlite3_int64 held;  // where the frame's header goes that lies in `frame` until its page comes; 0: none
-    Byte* frame;         // room for a frame; made when it is first needed
-    int frame_size;
-    Byte* between;  // room for what is read to check a frame
+    File* database;  // null: not known, nothing is looked at
+    bool unmarked;   // its header was written, and the database's mark not yet
+    bool appending;  // the last call wrote a page
+    Byte* frames;    // what is held back; made when it is first needed
+    int room;
+    int held;  // so many bytes of it
+    sqlite3_int64 held_at;
+    sqlite3_int64 length;  // of the file at the last look, or less
+    Byte* between;         // room for what is read to check a frame
     int between_size;
 
     sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
@@ -399,33 +404,60 @@ int prepare_number(File& database, const Byte* header) {
     return expected ? SQLITE_OK : close_journal(database, {});
 }
 
-int write_held(File& journal) {
-    const sqlite3_int64 at = std::exchange(journal.held, 0);
-    return at == 0 ? SQLITE_OK : journal.write(journal.frame, kFrameHeader, at);
+// A flush of a journal that has become longer has to bring its length to the disk too. So from some length on zeros are
+// written ahead of its frames, which end it for SQLite as the file's end would. Called by who may write: nobody else
+// makes the file longer meanwhile. Where there is no room for that nothing is lost.
+void grow_ahead(File& journal, sqlite3_int64 end) {
+    constexpr sqlite3_int64 kFrom = 16 * 1024;
+    if (end <= journal.length || end < kFrom || journal.room == 0) return;
+    if (journal.methods()->xFileSize(journal.real(), &journal.length) != SQLITE_OK || journal.length > end) return;
+    const int more = static_cast<int>(std::min<sqlite3_int64>(end, journal.room));
+    std::memset(journal.frames, 0, static_cast<std::size_t>(more));
+    static_cast<void>(journal.write(journal.frames, more, end));
+    journal.length = end + more;
 }
 
-// SQLite appends a frame by two calls: its header, then its page. To the host it is one. A header that is written by
-// itself, which comes behind reading its frame, is not held back.
+int write_held(File& journal) {
+    const int size = std::exchange(journal.held, 0);
+    if (size == 0) return SQLITE_OK;
+    const int result = journal.write(journal.frames, size, journal.held_at);
+    if (result == SQLITE_OK) grow_ahead(journal, journal.held_at + size);
+    return result;
+}
+
+void make_room(File& journal, int page_size) {
+    constexpr int kRoom = 64 * 1024;
+    if (journal.room != 0) return;
+    const int room = std::max(kRoom, kFrameHeader + page_size);
+    journal.frames = new (std::nothrow) Byte[static_cast<std::size_t>(room)];
+    if (journal.frames != nullptr) journal.room = room;
+}
+
+// SQLite appends a frame by two calls: its header, then its page. They are held back until the frame comes that commits
+// the ones before, or the room is full: to the host they are one call. A header that is written by itself, which comes
+// behind reading its frame, is not held back.
 int write_frames(File& journal, const void* from, int size, sqlite3_int64 at) {
     const bool follows = std::exchange(journal.appending, false);
-    if (journal.held != 0 && at == journal.held + kFrameHeader && kFrameHeader + size <= journal.frame_size) {
-        std::memcpy(journal.frame + kFrameHeader, from, static_cast<std::size_t>(size));
-        journal.appending = true;
-        return journal.write(journal.frame, kFrameHeader + size, std::exchange(journal.held, 0));
+    const bool has_pages = journal.database != nullptr && journal.database->checked;
+    const int page_size = has_pages ? journal.database->page_size : 0;
+    const bool is_page = size == page_size;
+    const int after_header = is_page ? 0 : page_size;  // what has to have room behind it
+    const bool continues = journal.held != 0 && at == journal.held_at + journal.held &&
+                           (is_page || size == kFrameHeader) && journal.held + size + after_header <= journal.room;
+    if (!continues) {
+        if (const int result = write_held(journal); result != SQLITE_OK) return result;
+        if (!follows || size != kFrameHeader || journal.room == 0) {
+            journal.appending = is_page;
+            if (is_page) make_room(journal, page_size);
+            return journal.write(from, size, at);
+        }
+        journal.held_at = at;
     }
-    if (const int result = write_held(journal); result != SQLITE_OK) return result;
-    if (follows && size == kFrameHeader && journal.frame != nullptr) {
-        std::memcpy(journal.frame, from, kFrameHeader);
-        journal.held = at;
-        return SQLITE_OK;
-    }
-    const File* const database = journal.database;
-    journal.appending = database != nullptr && database->checked && size == database->page_size;
-    if (journal.appending && journal.frame_size < kFrameHeader + size) {
-        delete[] std::exchange(journal.frame, new (std::nothrow) Byte[static_cast<std::size_t>(kFrameHeader + size)]);
-        journal.frame_size = journal.frame != nullptr ? kFrameHeader + size : 0;
-    }
-    return journal.write(from, size, at);
+    std::memcpy(journal.frames + journal.held, from, static_cast<std::size_t>(size));
+    journal.held += size;
+    journal.appending = is_page;
+    const bool commits = is_page && big_endian(journal.frames + journal.held - page_size - kFrameHeader + 4) != 0;
+    return commits ? write_held(journal) : SQLITE_OK;
 }
 
 // Before anything else is done with the file.
@@ -469,8 +501,9 @@ bool is_journal_of(const StoreMarks& marks, std::uint32_t number, const JournalE
 
 int x_close(sqlite3_file* base) {
     File& file = file_of(base);
+    if (file.database != nullptr) file.database->journal = nullptr;
     delete[] std::exchange(file.scratch, nullptr);
-    delete[] std::exchange(file.frame, nullptr);
+    delete[] std::exchange(file.frames, nullptr);
     delete[] std::exchange(file.between, nullptr);
     return file.methods() == nullptr ? SQLITE_OK : file.methods()->xClose(file.real());
 }
@@ -497,6 +530,7 @@ int x_truncate(sqlite3_file* base, sqlite3_int64 size) {
         if (result != SQLITE_OK) return result;
     }
     if (const int result = settle_journal(file); result != SQLITE_OK) return result;
+    file.length = 0;
     const WithinSizeLimit no_signal;
     return file.methods()->xTruncate(file.real(), size);
 }
@@ -608,6 +642,9 @@ int x_shm_map(sqlite3_file* base, int region, int size, int, void volatile** at)
 
 int x_shm_lock(sqlite3_file* base, int offset, int count, int flags) {
     File& file = file_of(base);
+    // Who stops writing has committed what is to stay, and the next one writes in its place.
+    const bool ends_writing = offset == kWriteLock && (flags & SQLITE_SHM_UNLOCK) != 0;
+    if (ends_writing && file.journal != nullptr) file.journal->held = 0;
     return file.methods()->xShmLock(file.real(), offset, count, flags);
 }
 
@@ -670,6 +707,7 @@ int x_open(sqlite3_vfs*, const char* name, sqlite3_file* base, int flags, int* f
     } else if ((flags & SQLITE_OPEN_WAL) != 0) {
         file.kind = Kind::Journal;
         file.database = &file_of(sqlite3_database_file_object(name));
+        file.database->journal = &file;
     } else {
         file.kind = Kind::Other;
     }

@@ -341,6 +341,8 @@ protected:
         file_bytes_ = read(file());
         journal_bytes_ = fs::exists(journal()) ? read(journal()) : std::string();
     }
+    // Behind its last frame are zeros.
+    std::size_t used_of_journal() const { return journal_bytes_.find_last_not_of('\0') + 1; }
     void put(const std::string& file_bytes, const std::string& journal_bytes) {
         for (const auto& entry : fs::directory_iterator(sandbox_home())) {
             fs::remove(entry.path());
@@ -430,7 +432,7 @@ TYPED_TEST(Damage, AFlippedBitInAJournalIsNoticed) {
     std::mt19937 random(2);
     int noticed = 0;
     for (int i = 0; i < flips(); ++i) {
-        const std::size_t bit = random() % (this->journal_bytes_.size() * 8);
+        const std::size_t bit = random() % (this->used_of_journal() * 8);
         std::string damaged = this->journal_bytes_;
         damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << bit % 8));
         this->put(this->file_bytes_, damaged);
@@ -438,7 +440,7 @@ TYPED_TEST(Damage, AFlippedBitInAJournalIsNoticed) {
         ASSERT_TRUE(seen == kRight || seen == kNoticed) << "bit " << bit << ": " << seen;
         noticed += seen == kNoticed;
     }
-    EXPECT_EQ(noticed, flips()) << "each byte of this journal is needed";
+    EXPECT_EQ(noticed, flips()) << "each byte of this journal's frames is needed";
 }
 
 // What another process has open is read by its index of the journal: older copies of a page are nobody's any more.
@@ -565,7 +567,7 @@ TYPED_TEST(Damage, AJournalThatIsCutOffIsNoticed) {
     this->keep();
     std::mt19937 random(3);
     for (int i = 0; i < 20; ++i) {
-        this->put(this->file_bytes_, this->journal_bytes_.substr(0, random() % this->journal_bytes_.size()));
+        this->put(this->file_bytes_, this->journal_bytes_.substr(0, random() % this->used_of_journal()));
         EXPECT_EQ(this->look(), kNoticed);
     }
 }
@@ -646,13 +648,14 @@ TYPED_TEST(Damage, OnlyTheWholeJournalOfAClosedFileFitsIt) {
     ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
     this->keep();
     const std::string all = this->journal_bytes_;
+    const std::size_t used = this->used_of_journal();
     ASSERT_EQ(Child(Content<TypeParam>::kFill, {"0"}).wait(), 0);  // closes it
     ASSERT_FALSE(fs::exists(this->journal()));
     this->keep();
     for (const bool later_boot : {false, true}) {
         this->put(this->file_bytes_, all);
         EXPECT_EQ(this->look(later_boot), kRight) << later_boot;
-        this->put(this->file_bytes_, all.substr(0, all.size() / 2));
+        this->put(this->file_bytes_, all.substr(0, used / 2));
         EXPECT_EQ(this->look(later_boot), kNoticed) << later_boot;
     }
 }
