@@ -24,6 +24,7 @@
 
 #include "ZrUtility/Helpers/OutlookManager.h"
 #include "platform/pim.h"
+#include "platform/stores.h"
 
 namespace {
 
@@ -179,11 +180,7 @@ private:
 };
 
 void copy_store(const std::string& path) {
-    sqlite3* database = nullptr;
-    if (sqlite3_open(World::get().store_path().c_str(), &database) != SQLITE_OK) give_up("open");
-    const std::string sql = "VACUUM INTO '" + path + "'";
-    if (sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) give_up(sqlite3_errmsg(database));
-    sqlite3_close(database);
+    if (ZrStoreBackUp("contacts", path.c_str()) != ERROR_SUCCESS) give_up(ZrStoreLastErrorText());
 }
 
 // A copy of the store with a table of addresses, ignoring case, as somebody would make it who looks addresses up.

@@ -21,6 +21,7 @@
 #include <string>
 
 #include "ZrUtility/Helpers/RegistryAccessor.h"
+#include "platform/stores.h"
 
 namespace {
 
@@ -62,8 +63,11 @@ void fill() {
 
 class Database {
 public:
-    explicit Database(const std::filesystem::path& file) {
-        if (sqlite3_open(file.c_str(), &database_) != SQLITE_OK) give_up("cannot open " + file.string());
+    // A store that is open is read through the stores' layer: others are kept out.
+    explicit Database(const std::filesystem::path& file, const char* layer = nullptr) {
+        constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+        if (sqlite3_open_v2(file.c_str(), &database_, kFlags, layer) != SQLITE_OK)
+            give_up("cannot open " + file.string());
         run("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;");
     }
     ~Database() { sqlite3_close(database_); }
@@ -93,7 +97,7 @@ private:
 // One prepared SELECT of a value, with the key's number known.
 void select(benchmark::State& state, const std::u16string& folded) {
     fill();
-    Database database(folder() / "home" / "registry.db");
+    Database database(folder() / "home" / "registry.db", ZrStoreLayer());
     const sqlite3_int64 key = database.number("SELECT key FROM value LIMIT 1");
     sqlite3_stmt* const statement = database.prepare("SELECT type, data FROM value WHERE key = ? AND folded = ?");
     char copy[64];

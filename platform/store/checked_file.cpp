@@ -19,6 +19,7 @@
 #include "base/host_fd.h"
 #include "platform/diagnostics.h"
 #include "platform/stores.h"
+#include "store/index_guard.h"
 #include "store/journal_index.h"
 
 namespace zr::platform {
@@ -604,10 +605,11 @@ int attach_index(File& file) {
     auto* const shared = new (std::nothrow) JournalIndex;
     if (shared == nullptr) return SQLITE_IOERR_NOMEM;
     int result = SQLITE_OK;
-    // Of the host's file only the locks are used; nothing in it is touched.
-    const int error = file.number == 0 ? ENOENT : shared->attach(file.name, file.number, [&] {
+    // Of the host's file only the locks are used, and others are kept from using more.
+    const int error = file.number == 0 ? ENOENT : shared->attach(file.name, file.number, [&](bool is_first) {
         void volatile* nothing = nullptr;
         result = file.methods()->xShmMap(file.real(), 0, static_cast<int>(JournalIndex::kRegionSize), 0, &nothing);
+        if (result == SQLITE_OK && !guard_index(file.real(), is_first)) result = SQLITE_LOCKED;
         return result == SQLITE_OK;
     });
     if (error == 0) {

@@ -74,14 +74,14 @@ int wait_until_closed(const std::string& store) {
 
 }  // namespace
 
-int JournalIndex::attach(const char* path, unsigned long long number, const std::function<bool()>& lock) noexcept {
+int JournalIndex::attach(const char* path, unsigned long long number, const std::function<bool(bool)>& lock) noexcept {
     try {
         IndexLock files(path, number);
         int error = files.take();
         if (error == 0) error = memory_.find(files.lock(), kIndexSize);
         const bool is_first = error == ENOENT;
         if (is_first) error = wait_until_closed(path);
-        if (error == 0 && !lock()) error = EBUSY;
+        if (error == 0 && !lock(is_first)) error = EBUSY;
         if (error == 0 && is_first) error = memory_.make(files.lock(), kIndexSize);
         if (error == 0) error = memory_.keep_from_children(kIndexSize);
         return error;

@@ -26,9 +26,10 @@ public:
 
     // Of the file of that number, which `path` names. Where no process has it yet it is made, once nobody has the locks
     // of NAME-shm: who has them without this memory (another layer's connection, another IPC namespace's) would keep an
-    // index of its own; ETIMEDOUT after five seconds. `lock` is called before it is there for others: takes the shared
-    // lock that says that somebody has the store open, and returns whether it could. 0 or an error number.
-    int attach(const char* path, unsigned long long number, const std::function<bool()>& lock) noexcept;
+    // index of its own; ETIMEDOUT after five seconds. `lock` is called before it is there for others, with whether
+    // it is made now: takes the shared lock that says that somebody has the store open, keeps others from making an
+    // index in the file (index_guard.h), and returns whether it could. 0 or an error number.
+    int attach(const char* path, unsigned long long number, const std::function<bool(bool)>& lock) noexcept;
 
     unsigned char* region(std::size_t n) const noexcept {
         return static_cast<unsigned char*>(memory_.data()) + n * kRegionSize;

@@ -549,6 +549,44 @@ TEST(ForeignIndex, AStoreThatAnotherLayerHasOpenIsBusy) {
     EXPECT_EQ(result(), 0);
 }
 
+// What SQLite says when it is to read and to change a store by its own layer.
+ZR_CHILD(use_by_another_layer) {
+    sqlite3* database = nullptr;
+    int result = sqlite3_open(args[0].c_str(), &database);
+    sqlite3_busy_timeout(database, 100);
+    for (const char* sql : {"SELECT count(*) FROM change", "CREATE TABLE foreign_table(x)", "VACUUM"}) {
+        result = sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
+        say(std::to_string(result));
+    }
+    sqlite3_close(database);
+    return 0;
+}
+
+// It would have an index of its own.
+TYPED_TEST(Damage, AnotherLayerCannotUseAnOpenStore) {
+    Child holder(Content<TypeParam>::kHold, {std::to_string(this->kCount)});
+    ASSERT_EQ(holder.hear(), "ready");
+    for (int i = 0; i < 2; ++i) {
+        Child foreign("use_by_another_layer", {this->file().string()});
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_EQ(foreign.hear(), std::to_string(SQLITE_CANTOPEN)) << k;
+        }
+        EXPECT_EQ(foreign.wait(), 0);
+        EXPECT_EQ(Child(Content<TypeParam>::kWork, {}).wait(), 0);
+        ASSERT_EQ(this->look(), kRight);
+    }
+    holder.say("end");
+    EXPECT_EQ(holder.wait(), 0);
+    ASSERT_EQ(Child(Content<TypeParam>::kFill, {"0"}).wait(), 0);  // closes it
+    // And an ordinary database again.
+    Child foreign("hold_by_another_layer", {this->file().string()});
+    EXPECT_EQ(foreign.hear(), "ready");
+    foreign.say("end");
+    EXPECT_EQ(foreign.wait(), 0);
+    EXPECT_EQ(this->look(), kRight);
+    EXPECT_FALSE(is_set_aside(TypeParam::kFile));
+}
+
 TYPED_TEST(Damage, AMissingJournalIsNoticed) {
     ASSERT_EQ(Child(Content<TypeParam>::kFillAndDie, {std::to_string(this->kCount)}).wait(), 0);
     this->keep();
