@@ -63,35 +63,43 @@ ZoneTime Zone::at(std::int64_t second) const {
     return time_of(type_at(second));
 }
 
-// What the rule changes, from the year before to some years later, in order. Where both meet in one instant daylight
-// time has the last word: there is no standard time in between.
+// What the rule changes, from two years before to some years later, in order. Daylight time goes from its date to the
+// next date of standard time that is one of the same year or of the year after it. Where one such time reaches into the
+// next one, or up to it, there is no standard time in between.
 std::vector<Zone::Change> Zone::rule_changes(std::int64_t around, int years) const {
     std::vector<Change> changes;
-    const int first = year_of(around) - 1;
-    for (int year = first; year <= first + years; ++year) {
-        changes.push_back({rule_->to_standard.in(year)-types_[rule_->daylight].offset, rule_->standard});
-        changes.push_back({rule_->to_daylight.in(year)-types_[rule_->standard].offset, rule_->daylight});
+    const auto begin = [this](int year) { return rule_->to_daylight.in(year)-types_[rule_->standard].offset; };
+    const auto end = [this](int year) { return rule_->to_standard.in(year)-types_[rule_->daylight].offset; };
+    const int now = year_of(around);
+    for (int year = now - 2; year <= now + years; ++year) {
+        const std::int64_t from = begin(year);
+        const std::int64_t until = end(year) > from ? end(year) : end(year + 1);
+        if (changes.empty() || from > changes.back().at) {
+            changes.push_back({from, rule_->daylight});
+            changes.push_back({until, rule_->standard});
+        } else {
+            changes.back().at = std::max(changes.back().at, until);
+        }
     }
-    std::ranges::sort(changes, [this](const Change& left, const Change& right) {
-        if (left.at != right.at) return left.at < right.at;
-        return left.type == rule_->standard && right.type != rule_->standard;
-    });
     return changes;
 }
 
 std::size_t Zone::rule_type_at(std::int64_t second) const {
     if (rule_->standard == rule_->daylight) return rule_->standard;
-    const std::vector<Change> changes = rule_changes(second, 2);
+    const std::vector<Change> changes = rule_changes(second, 1);
     const auto later = std::ranges::upper_bound(changes, second, {}, &Change::at);
     return later == changes.begin() ? rule_->standard : std::prev(later)->type;
 }
 
 std::optional<ZoneChange> Zone::next_by_rule(std::int64_t second) const {
     if (!rule_ || rule_->standard == rule_->daylight) return std::nullopt;
-    for (const Change& change : rule_changes(second, 3)) {
-        if (change.at <= second) continue;
-        const ZoneChange found{change.at, at(change.at - 1), at(change.at)};
-        if (found.before != found.after) return found;
+    // A rule may leave standard time out but in leap years, which are up to eight years apart.
+    for (const int years : {2, 9}) {
+        for (const Change& change : rule_changes(second, years)) {
+            if (change.at <= second) continue;
+            const ZoneChange found{change.at, at(change.at - 1), at(change.at)};
+            if (found.before != found.after) return found;
+        }
     }
     return std::nullopt;
 }

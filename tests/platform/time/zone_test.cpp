@@ -109,6 +109,28 @@ TEST(Zone, DaylightTimeAllYearIsNeverInterrupted) {
     EXPECT_FALSE(zone->next(zr::test::c_utc(2000, 1, 1)));
 }
 
+TEST(Zone, DaylightTimeThatReachesIntoTheNextIsOneWithIt) {
+    // Until 23:00 of the 365th day by a clock three hours behind: in a common year that is behind the new year's
+    // midnight.
+    const std::optional<Zone> zone = Zone::of_rule("XXX1EDT4,0/0,364/23");
+    ASSERT_TRUE(zone);
+    EXPECT_EQ(zone->at(c_utc(2002, 6, 25, 12)).name, "EDT");
+    EXPECT_EQ(zone->at(c_utc(2003, 1, 1, 2)).name, "EDT");
+    // In a leap year it ends a day before that.
+    const std::optional<ZoneChange> end = zone->next(c_utc(2001, 1, 1, 12));
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->at, c_utc(2004, 12, 31, 3));
+    EXPECT_EQ(end->before.name, "EDT");
+    EXPECT_EQ(end->after.name, "XXX");
+    const std::optional<ZoneChange> begin = zone->next(end->at);
+    ASSERT_TRUE(begin);
+    EXPECT_EQ(begin->at, c_utc(2005, 1, 1, 1));
+    // No leap year in 2100.
+    const std::optional<ZoneChange> rare = zone->next(c_utc(2097, 1, 1, 12));
+    ASSERT_TRUE(rare);
+    EXPECT_EQ(rare->at, c_utc(2104, 12, 31, 3));
+}
+
 TEST(Zone, WhatIsNoRuleIsRefused) {
     for (const char* rule : {"",
                              "A",
