@@ -1,9 +1,11 @@
 #include "document.h"
 
+#include <locale.h>
+
 #include <array>
 #include <charconv>
 #include <cstdio>
-#include <limits>
+#include <cstdlib>
 #include <new>
 
 #include "base/forks.h"
@@ -30,13 +32,10 @@ BSTR from_units(std::string_view digits) {
     return SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size()));
 }
 
+// With a point, whatever locale the program has set. Not every standard library's from_chars knows such numbers.
 double to_double(const std::string& digits) {
-    if (digits == "NaN") return std::numeric_limits<double>::quiet_NaN();
-    if (digits == "Infinity") return std::numeric_limits<double>::infinity();
-    if (digits == "-Infinity") return -std::numeric_limits<double>::infinity();
-    double value = 0;
-    std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    return value;
+    static const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
+    return strtod_l(digits.c_str(), nullptr, plain);
 }
 
 template <class Number>

@@ -3,8 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "html_support.h"
 
@@ -176,6 +179,17 @@ TEST(HtmlOwner, HoldsObjectsAndLosesThemWithTheDocument) {
     Value number, truth, nothing, object;
     EXPECT_EQ(eval(document.get(), u"1.5", &number), S_OK);
     EXPECT_EQ(number.vt, VT_R8);
+    EXPECT_EQ(number.dblVal, 1.5);
+    for (const auto& [script, value] : {std::pair(u"-1.25e300", -1.25e300), std::pair(u"5e-324", 5e-324),
+                                        std::pair(u"-1/0", -std::numeric_limits<double>::infinity())}) {
+        Value other;
+        EXPECT_EQ(eval(document.get(), script, &other), S_OK);
+        EXPECT_EQ(other.vt, VT_R8);
+        EXPECT_EQ(other.dblVal, value);
+    }
+    Value none;
+    EXPECT_EQ(eval(document.get(), u"0/0", &none), S_OK);
+    EXPECT_TRUE(std::isnan(none.dblVal));
     EXPECT_EQ(eval(document.get(), u"1 < 2", &truth), S_OK);
     EXPECT_EQ(truth.boolVal, VARIANT_TRUE);
     EXPECT_EQ(eval(document.get(), u"null", &nothing), S_OK);
