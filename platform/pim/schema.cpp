@@ -41,6 +41,12 @@ constexpr const char* kSteps[] = {
     "CREATE INDEX event_uid ON property(value) WHERE id = 2097348639;"
     "ALTER TABLE contact ADD COLUMN born INTEGER NOT NULL DEFAULT 0;"
     "ALTER TABLE entry ADD COLUMN born INTEGER NOT NULL DEFAULT 0;",
+    // A program of before that column may still have the store open, and makes items. Its next row in the log is
+    // theirs.
+    "CREATE TRIGGER contact_born AFTER INSERT ON contact WHEN new.born = 0 BEGIN"
+    " UPDATE contact SET born = (SELECT max(seq) + 1 FROM change) WHERE oid = new.oid; END;"
+    "CREATE TRIGGER entry_born AFTER INSERT ON entry WHEN new.born = 0 BEGIN"
+    " UPDATE entry SET born = (SELECT max(seq) + 1 FROM change) WHERE oid = new.oid; END;",
 };
 
 constexpr StoreTable kTables[] = {

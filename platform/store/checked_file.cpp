@@ -12,6 +12,7 @@
 #include <bit>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -203,7 +204,9 @@ struct File {
     int held;  // so many bytes of it
     sqlite3_int64 held_at;
     sqlite3_int64 length;  // of the file at the last look, or less
-    Byte* between;         // room for what is read to check a frame
+    // A temporary one's, which the host reads until it is closed.
+    char* own_name;
+    Byte* between;  // room for what is read to check a frame
     int between_size;
 
     sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
@@ -506,7 +509,9 @@ int x_close(sqlite3_file* base) {
     delete[] std::exchange(file.scratch, nullptr);
     delete[] std::exchange(file.frames, nullptr);
     delete[] std::exchange(file.between, nullptr);
-    return file.methods() == nullptr ? SQLITE_OK : file.methods()->xClose(file.real());
+    const int result = file.methods() == nullptr ? SQLITE_OK : file.methods()->xClose(file.real());
+    delete[] std::exchange(file.own_name, nullptr);
+    return result;
 }
 
 int x_read(sqlite3_file* base, void* to, int size, sqlite3_int64 at) {
@@ -606,7 +611,7 @@ int attach_index(File& file) {
     if (shared == nullptr) return SQLITE_IOERR_NOMEM;
     int result = SQLITE_OK;
     // Of the host's file only the locks are used, and others are kept from using more.
-    const int error = file.number == 0 ? ENOENT : shared->attach(file.name, file.number, [&](bool is_first) {
+    const int error = shared->attach(file.name, file.number, [&](bool is_first) {
         void volatile* nothing = nullptr;
         result = file.methods()->xShmMap(file.real(), 0, static_cast<int>(JournalIndex::kRegionSize), 0, &nothing);
         if (result == SQLITE_OK && !guard_index(file.real(), is_first)) result = SQLITE_LOCKED;
@@ -698,23 +703,54 @@ ino_t number_of_opened(File& file) {
     return moved == 0 ? status.st_ino : 0;
 }
 
+// Somebody may put another file in the place of the one that was opened just now: then that one is meant.
+int open_database(File& file, const char* name, int flags, int* flags_out) {
+    constexpr int kTries = 100;
+    file.kind = Kind::Database;
+    file.name = name;
+    for (int i = 0; i < kTries; ++i) {
+        if (const int result = host()->xOpen(host(), name, file.real(), flags, flags_out); result != SQLITE_OK)
+            return result;
+        file.number = number_of_opened(file);
+        if (file.number != 0) return SQLITE_OK;
+        file.methods()->xClose(file.real());
+    }
+    return SQLITE_BUSY;
+}
+
+constinit thread_local const char* files_beside = nullptr;
+
+// SQLite gives no name to what it sets aside; what it says otherwise (made anew, removed when it is open) stays.
+const char* name_beside(File& file, const char* path) {
+    constexpr std::size_t kEnd = 32;
+    static std::atomic<unsigned> count{0};
+    const std::size_t size = std::strlen(path) + kEnd;
+    file.own_name = new (std::nothrow) char[size]{};
+    if (file.own_name != nullptr)
+        std::snprintf(file.own_name, size - 1, "%s.temp-%d-%u", path, static_cast<int>(getpid()), ++count);
+    return file.own_name;
+}
+
+int open_other(File& file, const char* name, int flags, int* flags_out) {
+    if (name == nullptr && files_beside != nullptr) name = name_beside(file, files_beside);
+    if (const int result = host()->xOpen(host(), name, file.real(), flags, flags_out); result != SQLITE_OK) {
+        delete[] std::exchange(file.own_name, nullptr);
+        return result;
+    }
+    file.kind = (flags & SQLITE_OPEN_WAL) != 0 ? Kind::Journal : Kind::Other;
+    if (file.kind != Kind::Journal) return SQLITE_OK;
+    file.database = &file_of(sqlite3_database_file_object(name));
+    file.database->journal = &file;
+    return SQLITE_OK;
+}
+
 int x_open(sqlite3_vfs*, const char* name, sqlite3_file* base, int flags, int* flags_out) {
     File& file = *new (base) File{};
-    const int result = host()->xOpen(host(), name, file.real(), flags, flags_out);
-    if (result != SQLITE_OK) return result;
-    if ((flags & SQLITE_OPEN_MAIN_DB) != 0) {
-        file.kind = Kind::Database;
-        file.name = name;
-        file.number = number_of_opened(file);
-    } else if ((flags & SQLITE_OPEN_WAL) != 0) {
-        file.kind = Kind::Journal;
-        file.database = &file_of(sqlite3_database_file_object(name));
-        file.database->journal = &file;
-    } else {
-        file.kind = Kind::Other;
-    }
-    file.base.pMethods = &kMethods;
-    return SQLITE_OK;
+    const bool is_database = (flags & SQLITE_OPEN_MAIN_DB) != 0;
+    const int result =
+        is_database ? open_database(file, name, flags, flags_out) : open_other(file, name, flags, flags_out);
+    if (result == SQLITE_OK) file.base.pMethods = &kMethods;
+    return result;
 }
 
 bool is_journal(const char* name) {
@@ -734,6 +770,14 @@ int x_delete(sqlite3_vfs*, const char* name, int sync_folder) {
 }
 
 }  // namespace
+
+FilesBeside::FilesBeside(const char* path) noexcept {
+    files_beside = path;
+}
+
+FilesBeside::~FilesBeside() {
+    files_beside = nullptr;
+}
 
 const char* checked_vfs() noexcept {
     static const bool registered = [] {

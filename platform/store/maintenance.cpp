@@ -168,6 +168,7 @@ DWORD compact(const StoreKind& kind, ULONGLONG& freed) {
     // What is in the journal belongs to the file.
     static_cast<void>(connection.execute("PRAGMA wal_checkpoint(PASSIVE)"));
     const ULONGLONG before = length_of(path);
+    const FilesBeside here(path.c_str());
     if (connection.execute("VACUUM") != ERROR_SUCCESS) return failure(connection, kind);
     static_cast<void>(connection.execute("PRAGMA wal_checkpoint(PASSIVE)"));
     const ULONGLONG after = length_of(path);
@@ -204,13 +205,22 @@ public:
 
     // ERROR_SUCCESS, also when nothing was readable; or why nothing can be written.
     DWORD run(ULONGLONG& rows) {
-        if (!prepare()) return ERROR_SUCCESS;
+        if (!prepare()) {
+            is_whole_ = is_of_later_version();
+            return ERROR_SUCCESS;
+        }
         LONGLONG next = kFirst;
         while (next != kNoMore) {
             if (const DWORD error = take_from(next, next); error != ERROR_SUCCESS) return error;
         }
         rows += rows_;
         return ERROR_SUCCESS;
+    }
+
+    // Which rows of the table could not be read; empty when all could.
+    std::string left_out() const {
+        if (is_whole_) return {};
+        return std::string(table_.name) + (rows_ == 0 ? "" : " (in part)");
     }
 
 private:
@@ -227,6 +237,16 @@ private:
         }
         sqlite3_finalize(info);
         return columns;
+    }
+
+    // The file's tables can be read, and this is none of them.
+    bool is_of_later_version() {
+        LONGLONG tables = 0;
+        LONGLONG same = 0;
+        const std::string& count = select_ =
+            std::string("SELECT count(*) FROM sqlite_master WHERE name = '") + table_.name + "'";
+        return from_.scalar("SELECT count(*) FROM sqlite_master", tables) == ERROR_SUCCESS && tables > 0 &&
+               from_.scalar(count.c_str(), same) == ERROR_SUCCESS && same == 0;
     }
 
     // The columns that the table has in both: an older version's has fewer.
@@ -262,6 +282,7 @@ private:
                 return ERROR_SUCCESS;
             }
         }
+        is_whole_ = false;
         next = behind(std::max(last, first));
         return ERROR_SUCCESS;
     }
@@ -309,6 +330,7 @@ private:
     std::string& insert_;
     int columns_ = 0;
     ULONGLONG rows_ = 0;
+    bool is_whole_ = true;
 };
 
 // What is in the journal of another file, or of another moment of this one, does not fit what the file has.
@@ -340,13 +362,17 @@ DWORD salvage(const StoreKind& kind, const std::string& from, const std::string&
     if (error == ERROR_SUCCESS) error = target.execute("BEGIN IMMEDIATE");
     rows = 0;
     std::list<std::string> texts;
+    std::string left_out;
     for (const StoreTable& table : kind.tables) {
-        if (error == ERROR_SUCCESS) error = Salvage(source, target, table, texts).run(rows);
+        Salvage one(source, target, table, texts);
+        if (error == ERROR_SUCCESS) error = one.run(rows);
+        if (const std::string some = one.left_out(); !some.empty()) left_out += (left_out.empty() ? "" : ", ") + some;
     }
     if (error == ERROR_SUCCESS) error = kind.mend(target);
     if (error == ERROR_SUCCESS) error = target.execute("COMMIT");
     if (error != ERROR_SUCCESS) return say(error, target.sentence(kind.name));
-    return rows != 0 ? ERROR_SUCCESS : say(ERROR_FILE_CORRUPT, from + ": nothing of it can be read.");
+    if (rows == 0) return say(ERROR_FILE_CORRUPT, from + ": nothing of it can be read.");
+    return left_out.empty() ? ERROR_SUCCESS : say(ERROR_SUCCESS, "Tables that could not be read: " + left_out + ".");
 }
 
 // A store in its place is not opened as a file: closing it would end the locks that this process has on it.

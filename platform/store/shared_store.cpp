@@ -619,6 +619,7 @@ void StoreWriting::give_back() {
     if (store_->pull_.take(store_->bell_) != 0) return;
     if (!has_moved(writer) && has_room_to_move()) {
         writer.wait_when_busy(false);
+        const FilesBeside here(store_->path_.c_str());
         const DWORD error = writer.execute("VACUUM");
         store_->keeps_room_ = error != ERROR_SUCCESS && error != ERROR_BUSY;
         // The file is cut off when all of the journal is in it; what failed leaves a long journal.

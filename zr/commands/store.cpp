@@ -163,13 +163,14 @@ void add_store_recover(Command store) {
     command.add_option("NEW", arguments->to, "The new file").required();
     command.footer(
         "The damaged file stays as it is; its journal, FILE-wal, is read too when it is there and belongs to it. What\n"
-        "is damaged is left out. 'zr store restore NEW' puts the new file in place.\n"
+        "is damaged is left out, and its tables are named. 'zr store restore NEW' puts the new file in place.\n"
         "\n"
         "Example:\n"
         "  zr store recover ~/.local/share/zrutility/pim.db.damaged-20261122-101500 found.db");
     command.runs([arguments] {
         ULONGLONG items = 0;
         expect(ZrStoreRecover(arguments->from.c_str(), arguments->to.c_str(), &items));
+        if (const std::string left_out = ZrStoreLastErrorText(); !left_out.empty()) complain(left_out);
         print(std::to_string(items) + (items == 1 ? " row" : " rows") + " recovered\n");
         return Exit::Ok;
     });

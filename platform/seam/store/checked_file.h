@@ -30,6 +30,17 @@ const char* checked_vfs() noexcept;
 
 // Has the pages of a new database get checksums, and of what VACUUM INTO makes of an old one. 0 or SQLite's error.
 int reserve_checksums(sqlite3* database) noexcept;
+
+// While it lives, what SQLite sets aside on the disk for this thread lies beside the file of that name, without a name
+// of its own: in the same folder, and on the same disk. The text is kept for as long.
+class FilesBeside {
+public:
+    explicit FilesBeside(const char* path) noexcept;
+    ~FilesBeside();
+    FilesBeside(const FilesBeside&) = delete;
+    FilesBeside& operator=(const FilesBeside&) = delete;
+};
+
 // A new file gets pages of that size, in any order, with checksums: for a copy that is made page by page.
 int expect_pages(sqlite3* database, int page_size) noexcept;
 

@@ -2,6 +2,7 @@
 
 #include "platform/base.h"
 #include "session_support.h"
+#include "store_query.h"
 
 namespace {
 
@@ -91,6 +92,20 @@ TEST(Properties, ItemsAreBornOnce) {
     ASSERT_EQ(session.fresh()->QueryInterface(IID_IZrItem, face.any()), S_OK);
     EXPECT_NE(face->get_Born(&number), S_OK);
     EXPECT_EQ(face->get_Born(nullptr), E_POINTER);
+}
+
+// As a program of before that number makes items, which still has the store open.
+TEST(Properties, ItemsOfEarlierProgramsAreBornToo) {
+    const TestSession session;
+    const auto made = [](const std::string& item, const std::string& table) {
+        return query(store_path(), "INSERT INTO " + item +
+                                       "; INSERT INTO change SELECT max(seq) + 1, 1, 900, 7 FROM change;"
+                                       "SELECT born = (SELECT max(seq) FROM change) FROM " +
+                                       table + " ORDER BY oid DESC LIMIT 1; DELETE FROM " + table +
+                                       " WHERE oid & 65535 = 900");
+    };
+    EXPECT_EQ(made("contact(oid, own_file_as) VALUES(900, 0)", "contact"), "1");
+    EXPECT_EQ(made("entry(oid) VALUES((13 << 24) + 900)", "entry"), "1");
 }
 
 TEST(Properties, SourceIdentifierAsWipingReadsIt) {

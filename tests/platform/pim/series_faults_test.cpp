@@ -47,7 +47,7 @@ TEST(Migration, AStoreOfTheFirstVersionIsTakenOverInPlace) {
     make_store_of_first_version();
     TestSession session;
     ASSERT_EQ(session.logon, S_OK);
-    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "4");
+    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "5");
     EXPECT_EQ(text(*session.contact(1).get(), &IContact::get_FileAs), u"B, A");
     const auto appointment = stored(session, 0x09000001);
     EXPECT_EQ(text(*appointment.get(), &IAppointment::get_Subject), u"Old");
@@ -90,7 +90,7 @@ TEST(Migration, ByManyProcessesAtOnce) {
     for (const auto& child : children) {
         EXPECT_EQ(child->wait(), 0);
     }
-    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "4");
+    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "5");
 }
 
 // Turns the series of the store to and fro: weekly with exceptions, daily without any. A byte after each save.

@@ -1,8 +1,13 @@
 // How the journal is written, as a program sees it that opens a store by SQLite's calls and the layer beneath.
 
+#include <fcntl.h>
+#include <stdio.h>
+
+#include <atomic>
 #include <filesystem>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "platform/registry/registry_support.h"
 #include "support/child.h"
@@ -90,6 +95,28 @@ TEST_F(StoreJournal, SeldomBecomesLonger) {
     }
     EXPECT_LT(lengths.size(), static_cast<std::size_t>(kCommits) / 10);
     EXPECT_GT(*lengths.rbegin(), static_cast<std::uintmax_t>(kCommits) * 1024);
+}
+
+// As often as not the file that was opened has lost its name to another one before it is looked at.
+TEST_F(StoreJournal, IsThatOfTheFileWhichHasTheName) {
+    const fs::path twin = sandbox_home() / "twin.db";
+    fs::copy_file(file(), twin);
+    std::atomic<bool> over{false};
+    std::thread other([&] {
+        while (!over) {
+            renameat2(AT_FDCWD, twin.c_str(), AT_FDCWD, file().c_str(), RENAME_EXCHANGE);
+        }
+    });
+    std::set<int> results;
+    for (int i = 0; i < 1000; ++i) {
+        sqlite3* db = nullptr;
+        results.insert(open_as_the_stores_do(file(), &db));
+        results.insert(sqlite3_exec(db, "SELECT count(*) FROM change", nullptr, nullptr, nullptr));
+        sqlite3_close(db);
+    }
+    over = true;
+    other.join();
+    EXPECT_EQ(results, std::set<int>{SQLITE_OK});
 }
 
 }  // namespace

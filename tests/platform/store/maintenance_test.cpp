@@ -1,7 +1,11 @@
 // Examining, backing up and bringing back stores.
 
+#include <sys/inotify.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
+#include <string>
 #include <thread>
 
 #include "platform/pim/session_support.h"
@@ -156,6 +160,38 @@ TEST_F(Maintenance, CompactsWhatIsFreeWhenAsked) {
     EXPECT_EQ(store->CommitBatch(), S_OK);
 }
 
+// What is written anew is all that the store holds: it stays in the folder that is the user's alone.
+TEST_F(Maintenance, CompactsWithinItsFolder) {
+    ASSERT_EQ(in_fork([] {
+                  TestSession session;
+                  const std::u16string body(30'000, u'b');  // more of them than SQLite keeps in memory
+                  for (int i = 0; i < 250; ++i) {
+                      const auto made = session.fresh();
+                      made->put_Body(in(body.c_str()));
+                      if (made->Save() != S_OK) return 1;
+                  }
+                  return 0;
+              }),
+              0);
+    const int events = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(inotify_add_watch(events, sandbox_home().c_str(), IN_CREATE), 0);
+    EXPECT_EQ(ZrStoreCompact("contacts", nullptr), kOk) << ZrStoreLastErrorText();
+    bool seen = false;
+    alignas(inotify_event) char buffer[4096];
+    for (ssize_t got = 0; (got = read(events, buffer, sizeof buffer)) > 0;) {
+        for (ssize_t at = 0; at < got;) {
+            const auto& event = *reinterpret_cast<const inotify_event*>(buffer + at);
+            seen = seen || (event.len > 0 && std::string(event.name).starts_with("pim.db.temp-"));
+            at += static_cast<ssize_t>(sizeof event + event.len);
+        }
+    }
+    close(events);
+    EXPECT_TRUE(seen);
+    for (const auto& entry : fs::directory_iterator(sandbox_home())) {
+        EXPECT_EQ(entry.path().string().find(".temp-"), std::string::npos) << entry.path();
+    }
+}
+
 TEST_F(Maintenance, FindsDamageThatNobodyHasMet) {
     fill(300);
     damage_pages(contacts_file(), 60, 61);
@@ -234,6 +270,7 @@ TEST_F(Maintenance, RecoversWhatIsReadable) {
     ASSERT_EQ(ZrStoreRecover(damaged.c_str(), recovered.c_str(), &items), kOk) << ZrStoreLastErrorText();
     EXPECT_GT(items, 200u);
     EXPECT_LT(items, 2u * kAll);
+    EXPECT_TRUE(says("Tables that could not be read: ")) << ZrStoreLastErrorText();
     EXPECT_EQ(query(recovered, "PRAGMA integrity_check"), "ok");
     ASSERT_EQ(ZrStoreRestore(recovered.c_str()), kOk) << ZrStoreLastErrorText();
     EXPECT_EQ(ZrStoreCheck("contacts"), kOk) << ZrStoreLastErrorText();
@@ -265,14 +302,30 @@ TEST_F(Maintenance, RecoversAFileOfAnOlderVersion) {
     ULONGLONG all = 0;
     ASSERT_EQ(ZrStoreRecover(older.c_str(), recovered.c_str(), &all), kOk) << ZrStoreLastErrorText();
     fs::remove(recovered);
+    query(older, "DROP TRIGGER contact_born");
+    query(older, "DROP TRIGGER entry_born");
     query(older, "ALTER TABLE contact DROP COLUMN born");
     query(older, "ALTER TABLE entry DROP COLUMN born");
-    query(older, "PRAGMA user_version=3");
+    query(older, "DROP TABLE exception");
+    query(older, "PRAGMA user_version=1");
     ULONGLONG items = 0;
     ASSERT_EQ(ZrStoreRecover(older.c_str(), recovered.c_str(), &items), kOk) << ZrStoreLastErrorText();
     EXPECT_EQ(items, all);
+    EXPECT_STREQ(ZrStoreLastErrorText(), "");
     EXPECT_EQ(query(recovered, "SELECT count(*) FROM contact"), "30");
     EXPECT_EQ(query(recovered, "PRAGMA integrity_check"), "ok");
+}
+
+TEST_F(Maintenance, NamesTheTablesThatItCouldNotRead) {
+    fill(300);
+    const std::string damaged = beside("backup.db");
+    fs::copy_file(contacts_file(), damaged);
+    const int root = std::stoi(query(damaged, "SELECT rootpage FROM sqlite_master WHERE name = 'property'"));
+    damage_pages(damaged, root - 1, root);
+    ULONGLONG items = 0;
+    ASSERT_EQ(ZrStoreRecover(damaged.c_str(), beside("recovered.db").c_str(), &items), kOk) << ZrStoreLastErrorText();
+    EXPECT_EQ(items, 300u);
+    EXPECT_STREQ(ZrStoreLastErrorText(), "Tables that could not be read: property.");
 }
 
 TEST_F(Maintenance, RecoversAFileWithoutAJournalThatIsNotOfIt) {
