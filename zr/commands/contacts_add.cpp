@@ -26,7 +26,7 @@ Exit add(const ContactsAddOptions& options) {
     const LONG oid = store.add(card);
     if (options.json) {
         const ComPtr<IContact> contact = store.with_oid(oid);
-        print_json_line(contact_json(oid, contact ? read_contact(contact.get(), false) : card));
+        print_json_line(contact_json(oid, contact ? read_contact(contact.get(), Extent::Fields) : card));
     } else {
         print(std::to_string(oid) + "\n");
     }

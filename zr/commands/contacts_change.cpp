@@ -30,7 +30,7 @@ Exit change(const ContactsChangeOptions& options) {
     store.change(contact.get(), card, options.contact.fields());
     if (!options.json) return Exit::Ok;
     const ComPtr<IContact> changed = store.with_oid(oid);
-    if (changed) print_json_line(contact_json(oid, read_contact(changed.get(), false)));
+    if (changed) print_json_line(contact_json(oid, read_contact(changed.get(), Extent::Fields)));
     return Exit::Ok;
 }
 

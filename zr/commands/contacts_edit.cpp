@@ -148,7 +148,7 @@ private:
     Card read() const {
         const ComPtr<IContact> contact = store_.with_oid(oid_);
         if (!contact) throw Failure{Exit::None, "no contact " + options_.wanted};
-        Card card = read_contact(contact.get(), true);
+        Card card = read_contact(contact.get(), Extent::Whole);
         card.uid = uid_of(contact.get());
         return card;
     }

@@ -33,7 +33,7 @@ Exit export_contacts(const ContactsExportOptions& options, const SameStore& same
     for (int i = 1; i <= count; ++i) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
-        const Card card = read_contact(contact.get(), true);
+        const Card card = read_contact(contact.get(), Extent::Whole);
         if (has_left(contact.get())) continue;
         if (options.json) {
             array.add(contact_json(oid_of(contact.get()), card));

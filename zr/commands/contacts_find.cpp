@@ -195,7 +195,7 @@ private:
             const LONG oid = search.match(i, pattern, mask, options_.exact, options_.words);
             if (oid == 0) continue;
             const ComPtr<IContact> contact = store_.with_oid(oid);
-            if (contact) tell(oid, contact.get(), read_contact(contact.get(), false));
+            if (contact) tell(oid, contact.get(), read_contact(contact.get(), Extent::Fields));
         }
     }
 
@@ -205,7 +205,7 @@ private:
         for (int i = 1; i <= count; ++i) {
             const ComPtr<IContact> contact = store_.at(i);
             if (!contact) continue;
-            Card card = read_contact(contact.get(), true);
+            Card card = read_contact(contact.get(), Extent::Whole);
             if (has_left(contact.get()) || !search.matches(card)) continue;
             card.extras.clear();
             card.lines.clear();

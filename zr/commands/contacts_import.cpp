@@ -97,7 +97,7 @@ bool ContactsImport::is_known(const Card& card, LONG oid) {
     if (options_.on_duplicate == "skip" || kept_text(card.extras, "UID").empty()) return true;
     const ComPtr<IContact> contact = store_.with_oid(oid);
     if (!contact) return false;
-    Card there = read_contact(contact.get(), true);
+    Card there = read_contact(contact.get(), Extent::Whole);
     there.uid = uid_of(contact.get());
     const std::string before = revision(there);
     const std::string now = revision(card);

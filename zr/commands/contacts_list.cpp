@@ -41,7 +41,7 @@ Exit list(const ContactsListOptions& options) {
     for (int i = 1; i <= limit; ++i) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
-        Card card = read_contact(contact.get(), false);
+        Card card = read_contact(contact.get(), options.json ? Extent::Fields : Extent::Line);
         if (card.uid.empty()) card.uid = uid_of(contact.get());
         if (has_left(contact.get())) continue;
         if (options.json) {

@@ -28,7 +28,7 @@ std::vector<LONG> with_email(Store& store, const std::string& email) {
     for (int i = 1; i <= count; ++i) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
-        const Card card = read_contact(contact.get(), false);
+        const Card card = read_contact(contact.get(), Extent::Fields);
         const auto equal = [&](Field field) {
             const std::u16string address = to_utf16(card[field]);
             return !address.empty() &&

@@ -43,7 +43,7 @@ Exit show(const ContactsShowOptions& options) {
             code = Exit::None;
             continue;
         }
-        Card card = read_contact(contact.get(), true);
+        Card card = read_contact(contact.get(), Extent::Whole);
         card.uid = uid_of(contact.get());
         if (options.json) {
             Json json = contact_json(oid, card);

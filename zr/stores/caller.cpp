@@ -43,7 +43,7 @@ std::string name_of_caller(const std::string& number) {
     for (int i = 1; i <= count; ++i) {
         const ComPtr<IContact> contact = store.at(i);
         if (contact.get() == nullptr) continue;
-        const Card card = read_contact(contact.get(), true);
+        const Card card = read_contact(contact.get(), Extent::Whole);
         if (has_number(card, number)) return display_name(card);
     }
     return {};

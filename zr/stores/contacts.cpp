@@ -95,6 +95,13 @@ std::string text_of(IContact* contact, HRESULT (IContact::*get)(BSTR*)) {
     return taken_text(text);
 }
 
+// Its name may be composed of others.
+bool is_in_line(Field field) {
+    constexpr Field all[] = {Field::FileAs, Field::Title,   Field::FirstName, Field::MiddleName, Field::LastName,
+                             Field::Suffix, Field::Company, Field::Email1,    Field::Email2,     Field::Email3};
+    return std::ranges::find(all, field) != std::end(all);
+}
+
 constexpr const char* kWritingContact = "writing a contact";
 
 void put_text(IContact* contact, const Accessors& accessors, const std::string& value) {
@@ -165,7 +172,7 @@ LONG Store::save_new(const Card& card) {
 }
 
 void Store::replace(IContact* contact, const Card& card) {
-    const Card before = read_contact(contact, true);
+    const Card before = read_contact(contact, Extent::Whole);
     for (const Accessors& accessors : kAccessors) {
         if (card[accessors.field] != before[accessors.field]) {
             put_text(contact, accessors, card[accessors.field]);
@@ -208,18 +215,21 @@ void Store::remove(IContact* contact) {
     check(contact->Delete(), "removing a contact");
 }
 
-Card read_contact(IContact* contact, bool with_extras) {
+Card read_contact(IContact* contact, Extent extent) {
     Card card;
     for (const Accessors& accessors : kAccessors) {
-        card[accessors.field] = text_of(contact, accessors.get);
+        if (extent != Extent::Line || is_in_line(accessors.field)) {
+            card[accessors.field] = text_of(contact, accessors.get);
+        }
     }
+    card.uid = text_property(contact, ZR_PROPID_CARD_UID);
+    if (extent == Extent::Line) return card;
     DATE date = ZR_PIM_NO_DATE;
     check(contact->get_Birthday(&date), "reading a contact");
     card.birthday = to_day(date);
     check(contact->get_Anniversary(&date), "reading a contact");
     card.anniversary = to_day(date);
-    card.uid = text_property(contact, ZR_PROPID_CARD_UID);
-    if (!with_extras) return card;
+    if (extent == Extent::Fields) return card;
     card.extras = text_property(contact, ZR_PROPID_CARD_EXTRAS);
     card.lines = text_property(contact, ZR_PROPID_CARD_LINES);
     return card;
@@ -234,7 +244,7 @@ std::string uid_of(IContact* contact) {
 }
 
 std::string content_uid(IContact* contact) {
-    const Card card = read_contact(contact, true);
+    const Card card = read_contact(contact, Extent::Whole);
     const std::string uid = kept_text(card.extras, "UID");
     return uid.empty() ? made_identifier(card) : uid;
 }

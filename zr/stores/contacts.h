@@ -50,8 +50,13 @@ private:
     ComPtr<IPOutlookItemCollection> items_;
 };
 
-// All of a contact. What is kept beside its fields is read only when asked for.
-Card read_contact(IContact* contact, bool with_extras);
+// How much of a contact is read.
+enum class Extent {
+    Line,    // what contact_line shows, and the identifier
+    Fields,  // and its other fields
+    Whole,   // and what is kept beside them
+};
+Card read_contact(IContact* contact, Extent extent);
 LONG oid_of(IContact* contact);
 // What tells a contact from all others for good.
 std::string uid_of(IContact* contact);

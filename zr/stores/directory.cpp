@@ -71,7 +71,7 @@ std::vector<Answer> Directory::all_with(const std::string& address) {
     for (int i = 1; i <= count; ++i) {
         const ComPtr<IContact> contact = store.at(i);
         if (!contact) continue;
-        Card card = read_contact(contact.get(), false);
+        Card card = read_contact(contact.get(), Extent::Fields);
         for (const Field field : {Field::Email1, Field::Email2, Field::Email3}) {
             if (folded(card[field]) != wanted) continue;
             found.push_back({Exit::Ok, oid_of(contact.get()), std::move(card)});
