@@ -1,7 +1,9 @@
 // Formats with any format string: the first byte is the capacity, the rest the format's characters, two bytes each.
 //
 // Every argument is the same pointer, to bytes that are a terminated text both wide and narrow, so that whatever type a
-// conversion takes, what it takes is harmless. There are more arguments than a format of this length can ask for.
+// conversion takes, what it takes is harmless. There are more arguments than a format of this length can ask for. Where
+// floating-point arguments go into registers of their own those are filled by numbers behind them: they would hold
+// anything, and another thing at the second look.
 
 #include <cstdint>
 #include <cstdlib>
@@ -24,7 +26,8 @@ void check(bool condition) {
 template <std::size_t... Index>
 HRESULT print(WCHAR* buffer, std::size_t capacity, const WCHAR* format, const WCHAR* argument,
               std::index_sequence<Index...>) {
-    return StringCchPrintfW(buffer, capacity, format, (static_cast<void>(Index), argument)...);
+    return StringCchPrintfW(buffer, capacity, format, (static_cast<void>(Index), argument)..., 0.0, -1.5, 1e-300, 2e300,
+                            1e15, 0.1, 123456.5, -0.0);
 }
 
 HRESULT print(WCHAR* buffer, std::size_t capacity, const WCHAR* format) {

@@ -81,8 +81,9 @@ bool ZoneFileReader::read_changes(std::string_view times, std::string_view types
     return true;
 }
 
-// A file that counts leap seconds has its times on a clock that does; ours does not.
-void ZoneFileReader::take_out_leap_seconds(std::string_view records, unsigned time_size, Zone& zone) {
+// A file that counts leap seconds has its times on a clock that does; ours does not. False when that leaves the changes
+// out of order, as no real ones would.
+bool ZoneFileReader::take_out_leap_seconds(std::string_view records, unsigned time_size, Zone& zone) {
     std::vector<LeapSecond> leaps;
     for (; !records.empty(); records.remove_prefix(time_size + kLeapCountSize)) {
         leaps.push_back(
@@ -92,6 +93,8 @@ void ZoneFileReader::take_out_leap_seconds(std::string_view records, unsigned ti
         const auto later = std::ranges::upper_bound(leaps, change.at, {}, &LeapSecond::at);
         if (later != leaps.begin() && change.at > kLongAgo) change.at -= std::prev(later)->correction;
     }
+    return std::ranges::adjacent_find(zone.changes_, std::ranges::greater_equal(), &Zone::Change::at) ==
+           zone.changes_.end();
 }
 
 bool ZoneFileReader::read_data(const Header& header, unsigned time_size, Zone& zone) {
@@ -107,8 +110,7 @@ bool ZoneFileReader::read_data(const Header& header, unsigned time_size, Zone& z
         !take(std::uint64_t{header.standard_marks} + header.utc_marks, marks))
         return false;
     if (!read_types(records, characters, zone) || !read_changes(times, types, time_size, zone)) return false;
-    take_out_leap_seconds(leaps, time_size, zone);
-    return true;
+    return take_out_leap_seconds(leaps, time_size, zone);
 }
 
 // The line behind the data; an empty one says nothing.

@@ -40,7 +40,7 @@ private:
     bool read_data(const Header& header, unsigned time_size, Zone& zone);
     static bool read_types(std::string_view records, std::string_view characters, Zone& zone);
     static bool read_changes(std::string_view times, std::string_view types, unsigned time_size, Zone& zone);
-    static void take_out_leap_seconds(std::string_view records, unsigned time_size, Zone& zone);
+    static bool take_out_leap_seconds(std::string_view records, unsigned time_size, Zone& zone);
     bool read_rule(Zone& zone);
 
     std::string_view rest_;

@@ -228,6 +228,27 @@ TEST(Zone, LeapSecondsAreTakenOut) {
     }
 }
 
+TEST(Zone, LeapSecondsThatTurnChangesAroundAreRefused) {
+    const auto number = [](std::uint32_t value) {
+        std::string bytes;
+        for (const int shift : {24, 16, 8, 0})
+            bytes += static_cast<char>(value >> shift);
+        return bytes;
+    };
+    const auto file = [&](std::uint32_t correction) {
+        std::string bytes = "TZif" + std::string(16, '\0');
+        for (const std::uint32_t count : {0u, 0u, 1u, 2u, 2u, 2u})
+            bytes += number(count);
+        bytes += number(100) + number(200) + std::string("\0\1", 2);
+        for (const std::uint32_t offset : {3600u, 7200u})
+            bytes += number(offset) + std::string(2, '\0');
+        return bytes + std::string("A\0", 2) + number(150) + number(correction);
+    };
+    EXPECT_TRUE(Zone::of_file(file(99)));
+    EXPECT_FALSE(Zone::of_file(file(100)));
+    EXPECT_FALSE(Zone::of_file(file(150)));
+}
+
 TEST(Zone, TheEndsOfTimeAreNoTrouble) {
     for (const char* name : {"Europe/Berlin", "UTC", "Africa/Casablanca"}) {
         const std::optional<Zone> zone = Zone::of_file(bytes_of(name));
