@@ -299,7 +299,7 @@ TEST_F(Monitor, TheSubtreeCountsWhenAskedFor) {
     ASSERT_EQ(monitor.StartMonitor(HKEY_CURRENT_USER, kWatchedPath, nullptr, nullptr, TRUE, REG_NOTIFY_CHANGE_NAME,
                                    {nullptr, 0, &on_change}, false, 0),
               1);
-    for (int i = 0; WaitForSingleObject(reports.came, 20) != WAIT_OBJECT_0; ++i) {
+    while (WaitForSingleObject(reports.came, 20) != WAIT_OBJECT_0) {
         HKEY made = nullptr;
         ASSERT_EQ(RegCreateKeyExW(key_, u"a\\b", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &made, nullptr), kOk);
         RegCloseKey(made);
