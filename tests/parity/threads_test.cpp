@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <string>
@@ -171,7 +172,8 @@ TEST(ThreadPriority, ReachesTheHostWhereItCanBeTakenBack) {
     const int lowered = getpriority(PRIO_PROCESS, worker.id());
     EXPECT_TRUE(SetThreadPriority(worker.handle(), THREAD_PRIORITY_NORMAL));
     EXPECT_EQ(getpriority(PRIO_PROCESS, worker.id()), usual);
-    EXPECT_TRUE(lowered == 19 || (!may && lowered == usual)) << lowered;
+    // As far below what the process has as it goes.
+    EXPECT_TRUE(lowered == std::min(usual + 19, 19) || (!may && lowered == usual)) << lowered;
     SetEvent(go_on);
     EXPECT_EQ(ResumeThread(worker.handle()), 1u);
 }
