@@ -70,8 +70,10 @@ using Text = std::unique_ptr<char, FreeText>;
         kill(-group, SIGKILL);
         const char* const folder = std::getenv("HOME");
         std::error_code error;
-        for (int i = 0; i < 100 && folder && std::filesystem::exists(folder, error); ++i) {
+        // What was killed just now may yet make what is gone already.
+        for (int i = 0, gone = 0; i < 1000 && gone < 20 && folder; ++i) {
             std::filesystem::remove_all(folder, error);
+            gone = std::filesystem::exists(folder, error) ? 0 : gone + 1;
             usleep(10'000);
         }
         _exit(0);

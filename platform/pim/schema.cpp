@@ -56,9 +56,12 @@ constexpr StoreTable kTables[] = {
     {"exception", "oid"},
 };
 
-// Identifiers below a folder's next one are in use or free.
+// Identifiers below a folder's next one are in use or free. Items of before the column have got the number of the
+// change to come, as if they were made now.
 DWORD mend(Connection& connection) {
     return connection.execute(
+        "UPDATE contact SET born = 0 WHERE born = (SELECT max(seq) + 1 FROM change);"
+        "UPDATE entry SET born = 0 WHERE born = (SELECT max(seq) + 1 FROM change);"
         "DELETE FROM property WHERE oid > 16777216 AND oid >> 24 IN (9, 13)"
         " AND oid NOT IN (SELECT oid FROM entry);"
         "DELETE FROM property WHERE oid < 16777216 AND oid NOT IN (SELECT oid FROM contact);"

@@ -421,12 +421,13 @@ void grow_ahead(File& journal, sqlite3_int64 end) {
     journal.length = end + more;
 }
 
+// What fails is held on to: SQLite goes by what it has written, and the call that fails may be a read of its.
 int write_held(File& journal) {
-    const int size = std::exchange(journal.held, 0);
-    if (size == 0) return SQLITE_OK;
-    const int result = journal.write(journal.frames, size, journal.held_at);
-    if (result == SQLITE_OK) grow_ahead(journal, journal.held_at + size);
-    return result;
+    if (journal.held == 0) return SQLITE_OK;
+    const int result = journal.write(journal.frames, journal.held, journal.held_at);
+    if (result != SQLITE_OK) return result;
+    grow_ahead(journal, journal.held_at + std::exchange(journal.held, 0));
+    return SQLITE_OK;
 }
 
 void make_room(File& journal, int page_size) {
@@ -461,7 +462,10 @@ int write_frames(File& journal, const void* from, int size, sqlite3_int64 at) {
     journal.held += size;
     journal.appending = is_page;
     const bool commits = is_page && big_endian(journal.frames + journal.held - page_size - kFrameHeader + 4) != 0;
-    return commits ? write_held(journal) : SQLITE_OK;
+    if (!commits) return SQLITE_OK;
+    const int result = write_held(journal);
+    journal.held = 0;  // a commit that has failed must not come later
+    return result;
 }
 
 // Before anything else is done with the file.

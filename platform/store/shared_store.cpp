@@ -544,6 +544,7 @@ DWORD StoreWriting::start() {
     first_seq_ = seq_ = 0;
     Use begin = connection().use("BEGIN IMMEDIATE");
     if (connection().run(begin) != ERROR_SUCCESS) return store_->fail(connection());
+    spills_ = connection().spills();
     // While the transaction is open nobody else commits.
     CommitWatch::Stamp now;
     before_known_ = before_known_ && store_->writer_commits_.look(now) && now == before_;
@@ -577,6 +578,13 @@ DWORD StoreWriting::end_part(bool keep) {
         seq_ = part_seq_ != 0 ? part_seq_ : first_seq_;
         Use back = connection().use("ROLLBACK TO part");
         if (connection().run(back) != ERROR_SUCCESS) return store_->fail(connection());
+        // Before 3.41 SQLite would go on with a wrong checksum of the journal where the part had written pages anew
+        // that were there already; what it then commits is damage to the next reader.
+        if (connection().spills() != spills_) {
+            return store_->fail(ERROR_NOT_ENOUGH_MEMORY, std::string("A part of a batch of changes of the ") +
+                                                             store_->kind_.name +
+                                                             " that is larger than the memory for it was taken back.");
+        }
     }
     Use end = connection().use("RELEASE part");
     return connection().run(end) == ERROR_SUCCESS ? ERROR_SUCCESS : store_->fail(connection());

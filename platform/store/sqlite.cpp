@@ -178,6 +178,12 @@ void Connection::roll_back() {
     if (in_transaction()) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
+int Connection::spills() const {
+    int count = 0;
+    int highest = 0;
+    return sqlite3_db_status(db_, SQLITE_DBSTATUS_CACHE_SPILL, &count, &highest, 0) == SQLITE_OK ? count : 0;
+}
+
 DWORD Connection::error() {
     reason_.clear();
     if (abandoned_) {

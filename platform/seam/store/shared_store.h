@@ -292,6 +292,7 @@ private:
     LONGLONG first_seq_ = 0;
     LONGLONG seq_ = 0;
     LONGLONG part_seq_ = 0;  // what seq_ was before the part; 0: nothing was numbered
+    int spills_ = 0;         // of the connection when the transaction began
 };
 
 }  // namespace zr::platform

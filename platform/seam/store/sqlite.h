@@ -136,6 +136,8 @@ public:
     bool is_open() const { return db_ != nullptr; }
     // Whether an error since open() was damage.
     bool met_damage() const { return met_damage_; }
+    // How often a change was larger than the room for it in memory.
+    int spills() const;
     bool in_transaction() const { return db_ != nullptr && sqlite3_get_autocommit(db_) == 0; }
     sqlite3* handle() { return db_; }
 

@@ -120,6 +120,53 @@ TEST(Batch, IsTakenBackWhole) {
     EXPECT_EQ(get_dword(other, u"v"), 7u);
 }
 
+// A part that is taken back after some of it has gone to the disk. What is committed is not what the next one would
+// read.
+TEST(Batch, IsTakenBackWholeWithAPartOfItThatIsVeryLarge) {
+    const auto put = [](LPCWSTR name) {
+        BYTE byte = 1;
+        ZrRegistryChange change{ZrRegistryStep::SetValue, HKEY_CURRENT_USER, u"key", name, REG_BINARY, &byte, 1};
+        DWORD failed = 0;
+        return ZrRegistryApply(&change, 1, &failed);
+    };
+    ASSERT_EQ(put(u"before"), kOk);
+    begin();
+    ASSERT_EQ(put(u"small"), kOk);
+    struct Many {
+        int done = 0;
+        std::u16string name;
+        std::vector<BYTE> bytes = std::vector<BYTE>(100'000);
+        std::mt19937 random{1};
+    } many;
+    const auto next = [](ZrRegistryChange* change, LPVOID given) -> int {
+        Many& all = *static_cast<Many*>(given);
+        if (++all.done > 1500) return -1;
+        const std::string name = std::to_string(all.random() % 500);
+        all.name.assign(name.begin(), name.end());
+        all.bytes[0] = static_cast<BYTE>(all.random());
+        *change = {ZrRegistryStep::SetValue,
+                   HKEY_CURRENT_USER,
+                   u"large",
+                   all.name.c_str(),
+                   REG_BINARY,
+                   all.bytes.data(),
+                   static_cast<DWORD>(all.bytes.size())};
+        return 1;
+    };
+    DWORD failed = 0;
+    EXPECT_EQ(ZrRegistryApplyEach(next, &many, &failed), code(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(many.done, 1501);
+    EXPECT_EQ(keep(), code(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(put(u"after"), kOk);
+    elsewhere([] {
+        Key key;
+        ASSERT_EQ(open(HKEY_CURRENT_USER, u"key", key), kOk);
+        EXPECT_EQ(get(key, u"before").result, kOk);
+        EXPECT_EQ(get(key, u"small").result, code(ERROR_FILE_NOT_FOUND));
+        EXPECT_EQ(get(key, u"after").result, kOk);
+    });
+}
+
 TEST(Batch, BatchesInItAreCounted) {
     begin();
     begin();

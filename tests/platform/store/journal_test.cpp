@@ -2,9 +2,13 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -38,6 +42,7 @@ protected:
         void run(const char* sql) {
             EXPECT_EQ(sqlite3_exec(db_, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sql << sqlite3_errmsg(db_);
         }
+        int result(const char* sql) { return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr); }
         std::string text(const char* sql) {
             std::string found;
             sqlite3_stmt* statement = nullptr;
@@ -83,6 +88,47 @@ TEST_F(StoreJournal, GetsNothingOfWhatWasTakenBack) {
     EXPECT_EQ(third.text("PRAGMA integrity_check"), "ok");
 }
 
+std::atomic<bool> journals_are_full{false};
+
+ssize_t write_unless_full(int file, const void* bytes, std::size_t size, off_t at) {
+    std::error_code error;
+    const std::string path = fs::read_symlink("/proc/self/fd/" + std::to_string(file), error).string();
+    if (!journals_are_full || !path.ends_with("-wal")) return pwrite(file, bytes, size, at);
+    errno = ENOSPC;
+    return -1;
+}
+
+// What an earlier statement wrote is held back when a later one reads it and the disk is full. That one fails alone.
+TEST_F(StoreJournal, KeepsWhatItCouldNotWriteForARead) {
+    sqlite3_vfs* const host = sqlite3_vfs_find(nullptr);
+    constexpr const char* kCalls[] = {"pwrite", "pwrite64"};
+    for (const char* call : kCalls)
+        host->xSetSystemCall(host, call, reinterpret_cast<sqlite3_syscall_ptr>(write_unless_full));
+    {
+        Sql sql(file());
+        sql.run(
+            "CREATE TABLE kept(number INTEGER PRIMARY KEY, bytes BLOB); CREATE TABLE other(number INTEGER NOT NULL)");
+        sql.run("PRAGMA cache_size = 10; PRAGMA cache_spill = 10; BEGIN IMMEDIATE");
+        for (int i = 0; i < 24; ++i) {
+            sql.run("INSERT INTO kept(bytes) VALUES(randomblob(3500))");
+        }
+        journals_are_full = true;
+        EXPECT_EQ(sql.result("INSERT INTO other SELECT length(bytes) FROM kept"), SQLITE_FULL);
+        journals_are_full = false;
+        sql.run("COMMIT");
+        EXPECT_EQ(sql.text("SELECT sum(length(bytes)) FROM kept"), "84000");
+        EXPECT_EQ(sql.text("PRAGMA integrity_check"), "ok");
+        // As the next one finds it after this one was killed.
+        const fs::path copy = file().string() + ".copy";
+        fs::copy_file(file(), copy);
+        fs::copy_file(file().string() + "-wal", copy.string() + "-wal");
+        Sql after(copy);
+        EXPECT_EQ(after.text("SELECT sum(length(bytes)) FROM kept"), "84000");
+    }
+    for (const char* call : kCalls)
+        host->xSetSystemCall(host, call, nullptr);
+}
+
 // What a commit makes longer it has to flush with the file's length.
 TEST_F(StoreJournal, SeldomBecomesLonger) {
     Sql sql(file());
@@ -97,14 +143,17 @@ TEST_F(StoreJournal, SeldomBecomesLonger) {
     EXPECT_GT(*lengths.rbegin(), static_cast<std::uintmax_t>(kCommits) * 1024);
 }
 
-// As often as not the file that was opened has lost its name to another one before it is looked at.
+// Now and then the file that was opened has lost its name to another one before it is looked at. (Without the pauses the
+// exchanges would keep step with the looks, which wait for them: each one would come too late.)
 TEST_F(StoreJournal, IsThatOfTheFileWhichHasTheName) {
     const fs::path twin = sandbox_home() / "twin.db";
     fs::copy_file(file(), twin);
     std::atomic<bool> over{false};
     std::thread other([&] {
+        std::minstd_rand random;
         while (!over) {
             renameat2(AT_FDCWD, twin.c_str(), AT_FDCWD, file().c_str(), RENAME_EXCHANGE);
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 100));
         }
     });
     std::set<int> results;

@@ -301,6 +301,9 @@ TEST_F(Maintenance, RecoversAFileOfAnOlderVersion) {
     ASSERT_EQ(ZrStoreBackUp("contacts", older.c_str()), kOk);
     ULONGLONG all = 0;
     ASSERT_EQ(ZrStoreRecover(older.c_str(), recovered.c_str(), &all), kOk) << ZrStoreLastErrorText();
+    constexpr const char* kBirths = "SELECT sum(born) FROM contact";
+    EXPECT_NE(query(older, kBirths), "0");
+    EXPECT_EQ(query(recovered, kBirths), query(older, kBirths));
     fs::remove(recovered);
     query(older, "DROP TRIGGER contact_born");
     query(older, "DROP TRIGGER entry_born");
@@ -313,6 +316,7 @@ TEST_F(Maintenance, RecoversAFileOfAnOlderVersion) {
     EXPECT_EQ(items, all);
     EXPECT_STREQ(ZrStoreLastErrorText(), "");
     EXPECT_EQ(query(recovered, "SELECT count(*) FROM contact"), "30");
+    EXPECT_EQ(query(recovered, kBirths), "0") << "when they were made is not known";
     EXPECT_EQ(query(recovered, "PRAGMA integrity_check"), "ok");
 }
 
