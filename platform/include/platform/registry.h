@@ -209,9 +209,9 @@ ZRPLATFORM_API LONG ZrRegistryBeginBatch();
 // Keeps the changes; FALSE, also in a batch within another one: takes all of them back. When it fails none was kept,
 // and handles to keys that were made in the batch tell ERROR_KEY_DELETED; but where RegFlushKey was called in between
 // it may be that only the disk was not reached. Once the store has failed in a batch (as with ERROR_DISK_FULL), every
-// further call in it does, and so does this one; the same calls without a batch then do what they can. So it is
-(ERROR_NOT_ENOUGH_MEMORY) when a call fails in a batch that has changed more than memory holds, some megabytes: SQLite
-before 3.41 cannot take back a part of that.
+// further call in it does, and so does this one; the same calls without a batch then do what they can. It has failed
+// (ERROR_NOT_ENOUGH_MEMORY), too, when a call fails in a batch that has changed more than memory holds, some megabytes:
+// SQLite before 3.41 cannot take back a part of that.
 // ERROR_INVALID_PARAMETER when there is no batch. A child made by fork has no part in its parent's batch: its calls
 // fail with ERROR_BUSY.
 ZRPLATFORM_API LONG ZrRegistryEndBatch(BOOL keep);
