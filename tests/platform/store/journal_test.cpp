@@ -143,8 +143,8 @@ TEST_F(StoreJournal, SeldomBecomesLonger) {
     EXPECT_GT(*lengths.rbegin(), static_cast<std::uintmax_t>(kCommits) * 1024);
 }
 
-// Now and then the file that was opened has lost its name to another one before it is looked at. (Without the pauses the
-// exchanges would keep step with the looks, which wait for them: each one would come too late.)
+// Now and then the file that was opened has lost its name to another one before it is looked at. (Without the pauses
+// the exchanges would keep step with the looks, which wait for them: each one would come too late.)
 TEST_F(StoreJournal, IsThatOfTheFileWhichHasTheName) {
     const fs::path twin = sandbox_home() / "twin.db";
     fs::copy_file(file(), twin);
