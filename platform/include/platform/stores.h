@@ -32,9 +32,9 @@ ZRPLATFORM_API LONG ZrStoreCompact(LPCSTR store, ULONGLONG* freed);
 // Writes what can be read of a store that was set aside, or of any other file of a store, into a new file. `from` is
 // not changed, and its journal, which lies beside it, is read too, unless it is not of this file or of another moment
 // of it. What is damaged is left out, never guessed; what lay in a registry key that was lost is in one named
-// "Recovered" and a number below HKEY_CURRENT_USER. `items` gets the number of rows; ZrStoreLastErrorText
-// names the tables of which rows were left out. ERROR_BAD_FORMAT when it is no
-// store's file; ERROR_FILE_CORRUPT when nothing can be read; ERROR_SHARING_VIOLATION for the store that is in place.
+// "Recovered" and a number below HKEY_CURRENT_USER. `items` gets the number of rows; ZrStoreLastErrorText names the
+// tables of which rows were left out. ERROR_BAD_FORMAT when it is no store's file; ERROR_FILE_CORRUPT when nothing can
+// be read; ERROR_SHARING_VIOLATION for the store that is in place.
 ZRPLATFORM_API LONG ZrStoreRecover(LPCSTR from, LPCSTR to, ULONGLONG* items);
 
 // Puts a copy of `from`, a store's file that is whole, in the place of the store of its kind. The present one is

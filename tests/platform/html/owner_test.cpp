@@ -175,7 +175,22 @@ TEST(HtmlOwner, HoldsObjectsAndLosesThemWithTheDocument) {
     EXPECT_EQ(get(paragraph.get(), id_of(paragraph.get(), u"title"), &back), S_OK);
     EXPECT_EQ(back.text(), u"\xDC00'\"\\\n");
 
-    // A script without a proper end, values of all kinds.
+    ASSERT_EQ(parent.show(u"<p id=p>next</p>"), S_OK);
+    Value gone;
+    EXPECT_EQ(get(paragraph.get(), ZR_DISPID_HTML_ID, &gone), RPC_E_DISCONNECTED);
+    EXPECT_EQ(eval(document.get(), u"1", &gone), RPC_E_DISCONNECTED);
+    const Ptr<IDispatchEx> next = parent.document();
+    ASSERT_TRUE(next);
+    EXPECT_NE(next.get(), document.get());
+}
+
+// A script without a proper end, too.
+TEST(HtmlOwner, GetsValuesOfAllKinds) {
+    HtmlParent parent;
+    const HRESULT shown = parent.show(u"<p id=p>one</p>");
+    ZR_NEEDS_ENGINE(shown);
+    const Ptr<IDispatchEx> document = parent.document();
+    ASSERT_TRUE(document);
     Value number, truth, nothing, object;
     EXPECT_EQ(eval(document.get(), u"1.5", &number), S_OK);
     EXPECT_EQ(number.vt, VT_R8);
@@ -197,20 +212,15 @@ TEST(HtmlOwner, HoldsObjectsAndLosesThemWithTheDocument) {
     EXPECT_EQ(eval(document.get(), u"[1, 'x']", &object), S_OK);
     EXPECT_EQ(object.text(), u"[1,\"x\"]");
     EXPECT_EQ(eval(document.get(), u"throw 'thrown'", nullptr), DISP_E_EXCEPTION);
+}
 
-    ASSERT_EQ(parent.show(u"<p id=p>next</p>"), S_OK);
-    Value gone;
-    EXPECT_EQ(get(paragraph.get(), ZR_DISPID_HTML_ID, &gone), RPC_E_DISCONNECTED);
-    EXPECT_EQ(eval(document.get(), u"1", &gone), RPC_E_DISCONNECTED);
-    const Ptr<IDispatchEx> next = parent.document();
-    ASSERT_TRUE(next);
-    EXPECT_NE(next.get(), document.get());
-
-    // Scripts of the document: first off, then on.
+TEST(HtmlOwner, LeavesTheDocumentsScriptsOutUntilTheyAreEnabled) {
+    HtmlParent parent;
     const WCHAR* const scripted =
         u"<p id=p>before</p><script>document.getElementById('p').id = 'ran'</script>"
         u"<img src=x onerror=\"document.body.id='ran-too'\">";
-    ASSERT_EQ(parent.show(scripted), S_OK);
+    const HRESULT shown = parent.show(scripted);
+    ZR_NEEDS_ENGINE(shown);
     EXPECT_TRUE(element(parent.document().get(), u"p"));
     SendMessageW(parent.control(), DTM_ENABLESCRIPTING, 0, TRUE);
     ASSERT_EQ(parent.show(scripted), S_OK);

@@ -112,7 +112,7 @@ TEST(Zone, DaylightTimeAllYearIsNeverInterrupted) {
 TEST(Zone, DaylightTimeThatReachesIntoTheNextIsOneWithIt) {
     // Until 23:00 of the 365th day by a clock three hours behind: in a common year that is behind the new year's
     // midnight.
-    const std::optional<Zone> zone = Zone::of_rule("XXX1EDT4,0/0,364/23");
+    const std::optional<Zone> zone = Zone::of_rule("EST1EDT4,0/0,364/23");
     ASSERT_TRUE(zone);
     EXPECT_EQ(zone->at(c_utc(2002, 6, 25, 12)).name, "EDT");
     EXPECT_EQ(zone->at(c_utc(2003, 1, 1, 2)).name, "EDT");
@@ -121,7 +121,7 @@ TEST(Zone, DaylightTimeThatReachesIntoTheNextIsOneWithIt) {
     ASSERT_TRUE(end);
     EXPECT_EQ(end->at, c_utc(2004, 12, 31, 3));
     EXPECT_EQ(end->before.name, "EDT");
-    EXPECT_EQ(end->after.name, "XXX");
+    EXPECT_EQ(end->after.name, "EST");
     const std::optional<ZoneChange> begin = zone->next(end->at);
     ASSERT_TRUE(begin);
     EXPECT_EQ(begin->at, c_utc(2005, 1, 1, 1));
