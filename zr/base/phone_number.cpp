@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "zr/base/text.h"
+
 namespace zr {
 namespace {
 
@@ -38,6 +40,13 @@ std::string dialled(std::string_view number) {
 }
 
 }  // namespace
+
+std::string_view without_scheme(std::string_view number) {
+    constexpr std::string_view scheme = "tel:";
+    while (equal_ignoring_case(number.substr(0, scheme.size()), scheme))
+        number.remove_prefix(scheme.size());
+    return number;
+}
 
 std::string significant_digits(std::string_view number) {
     std::string digits;

@@ -10,6 +10,9 @@ namespace zr {
 // The digits of a number, without the zeros in front: what stands before a number depends on where it is dialled from.
 std::string significant_digits(std::string_view number);
 
+// A number that may be written as an address (RFC 3966), without its scheme, however often that stands there.
+std::string_view without_scheme(std::string_view number);
+
 // Whether both are the same telephone: by libphonenumber, where it is installed, which knows the countries' prefixes,
 // else by their digits.
 bool same_number(const std::string& a, const std::string& b);

@@ -14,9 +14,7 @@ std::string number_in(std::string_view line) {
     std::string_view name = line.substr(0, std::min(line.find(';'), colon));
     name.remove_prefix(name.find('.') == std::string_view::npos ? 0 : name.find('.') + 1);
     if (!equal_ignoring_case(name, "TEL")) return {};
-    std::string_view value = line.substr(colon + 1);
-    if (value.starts_with("tel:")) value.remove_prefix(4);
-    return std::string(value);
+    return std::string(without_scheme(line.substr(colon + 1)));
 }
 
 }  // namespace

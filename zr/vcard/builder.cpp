@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "zr/base/content_line.h"
+#include "zr/base/phone_number.h"
 #include "zr/base/text.h"
 #include "zr/vcard/header.h"
 
@@ -284,8 +285,7 @@ void Builder::add_day(const Attribute& attribute, Day Card::*day) {
 
 void Builder::add_phone(const RankedAttribute& phone) {
     is_about(Field::BusinessPhone, kPhoneFields, false);
-    std::string number = joined_values(*phone.attribute, 0, ";");
-    if (number.starts_with("tel:")) number.erase(0, 4);
+    const std::string number(without_scheme(joined_values(*phone.attribute, 0, ";")));
     const unsigned types = phone.types;
     bool placed = false;
     if (types & kFax) {

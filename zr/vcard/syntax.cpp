@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "zr/base/content_line.h"
+#include "zr/base/phone_number.h"
 #include "zr/base/text.h"
 #include "zr/vcard/header.h"
 
@@ -293,7 +294,7 @@ std::string_view name_in(std::string_view name, std::string_view value, CardVers
 void write_number(std::string_view name, Parameters& parameters, PropertySyntax& property) {
     if (!equal_ignoring_case(name, "TEL") || !parameters.has("VALUE", "uri")) return;
     parameters.remove("VALUE", "uri");
-    if (equal_ignoring_case(property.value.substr(0, 4), "tel:")) property.value = property.value.substr(4);
+    property.value = without_scheme(property.value);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 using zr::same_digits;
 using zr::same_number;
 using zr::significant_digits;
+using zr::without_scheme;
 
 TEST(PhoneNumber, HasSignificantDigits) {
     EXPECT_EQ(significant_digits("+49 (0)30 / 12-34"), "490301234");
@@ -14,6 +15,15 @@ TEST(PhoneNumber, HasSignificantDigits) {
     EXPECT_EQ(significant_digits("0030"), "30");
     EXPECT_EQ(significant_digits("anonymous"), "");
     EXPECT_EQ(significant_digits(""), "");
+}
+
+TEST(PhoneNumber, LosesItsSchemeHoweverOftenThatStands) {
+    EXPECT_EQ(without_scheme("tel:+49"), "+49");
+    EXPECT_EQ(without_scheme("TEL:tel:+49"), "+49");
+    EXPECT_EQ(without_scheme("tel"), "tel");
+    EXPECT_EQ(without_scheme("+49tel:"), "+49tel:");
+    EXPECT_EQ(without_scheme("tel:"), "");
+    EXPECT_EQ(without_scheme(""), "");
 }
 
 TEST(PhoneNumber, IsTheSameByItsDigits) {

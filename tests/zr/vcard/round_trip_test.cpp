@@ -31,6 +31,21 @@ Card stored(Card card) {
     return card;
 }
 
+// At what is not in quotes.
+std::vector<std::string> split(const std::string& text, char at) {
+    std::vector<std::string> parts(1);
+    bool quoted = false;
+    for (const char c : text) {
+        if (c == '"') quoted = !quoted;
+        if (c == at && !quoted) {
+            parts.emplace_back();
+        } else {
+            parts.back() += c;
+        }
+    }
+    return parts;
+}
+
 // The lines, whatever the version calls what they say.
 std::vector<std::string> alike(const std::string& lines) {
     std::vector<std::string> all;
@@ -41,12 +56,15 @@ std::vector<std::string> alike(const std::string& lines) {
         // Version 2.1 does not tell the commas of a list from those of a text.
         property.value = std::regex_replace(property.value, std::regex("\\\\,"), ",");
         std::set<std::string> parts;
-        std::istringstream header(zr::upper(property.header));
-        for (std::string part; std::getline(header, part, ';');) {
-            if (!part.starts_with("TYPE=")) parts.insert(part);
-            std::istringstream kinds(part.starts_with("TYPE=") ? part.substr(5) : "");
-            while (std::getline(kinds, part, ',')) {
-                parts.insert("TYPE=" + part);
+        for (const std::string& part : split(zr::upper(property.header), ';')) {
+            if (!part.starts_with("TYPE=")) {
+                parts.insert(part);
+                continue;
+            }
+            std::string kinds = part.substr(5);
+            std::erase(kinds, '"');
+            for (const std::string& kind : split(kinds, ',')) {
+                parts.insert("TYPE=" + kind);
             }
         }
         all.emplace_back();
@@ -140,6 +158,15 @@ const char* const kPieces[] = {"\r\n ",
                                "EMAIL:",
                                "X-EVOLUTION-FILE-AS:",
                                "PHOTO;ENCODING=b:AAAA\r\n"};
+
+TEST(CardRoundTrip, ANumberIsNoAddressHoweverOftenItIsCalledOne) {
+    for (const std::string type : {"cell", "dog"}) {  // a field's, and one that is kept as it stands
+        const ReadCards read = read_cards(card_text("FN:Jo\r\nTEL;VALUE=uri;TYPE=" + type + ":tel:TEL:+1\r\n", "4.0"));
+        ASSERT_EQ(read.cards.size(), 1u);
+        EXPECT_EQ(read.cards[0][Field::MobilePhone], type == "cell" ? "+1" : "");
+        EXPECT_TRUE(comes_back(read.cards[0]));
+    }
+}
 
 TEST(CardRoundTrip, AndSoDoesWhatIsReadOfBrokenOnes) {
     std::mt19937 random(11);
