@@ -169,6 +169,7 @@ void Builder::add(const Attribute& attribute) {
             formatted_name_ = joined_values(attribute, 0, ";");
             return;
         case Property::FileAs:
+            if (!file_as_.empty()) return keep(attribute);
             is_about(Field::FileAs, 1, true);
             file_as_ = joined_values(attribute, 0, ";");
             file_as_taken_ = taken_.size() - 1;

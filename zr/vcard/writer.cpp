@@ -137,24 +137,24 @@ void Writer::day(std::string_view name, Day day) {
 
 // Version 2.1 has escapes for semicolons only, and no characters outside of ASCII. A list's commas are its own there.
 bool Writer::kept(std::string_view text) {
-    PropertySyntax property;
-    if (!in_version(text, version_, property)) return false;
+    PropertySyntax syntax;
+    if (!in_version(text, version_, syntax)) return false;
     if (version_ != CardVersion::V21) {
-        line(property.header + ":" + property.value);
+        line(syntax.header + ":" + syntax.value);
         return true;
     }
-    if (agent(text, property)) return true;
-    const bool escapes = property.value.find('\\') != std::string::npos;
-    const bool list = !escapes && property.value.find(',') != std::string::npos;
-    if (escapes || (!list && !is_printable_ascii(property.value))) {
-        const std::vector<std::string> parts = value_parts(property.value);
-        quoted_printable(property.header, {parts.begin(), parts.end()});
+    if (agent(text, syntax)) return true;
+    const bool escapes = syntax.value.find('\\') != std::string::npos;
+    const bool list = !escapes && syntax.value.find(',') != std::string::npos;
+    if (escapes || (!list && !is_printable_ascii(syntax.value))) {
+        const std::vector<std::string> parts = value_parts(syntax.value);
+        property(syntax.header, {parts.begin(), parts.end()});
         return true;
     }
-    if (!is_ascii(property.header + property.value)) property.header += ";CHARSET=UTF-8";
-    line(property.header + ":" + property.value);
+    if (!is_ascii(syntax.header + syntax.value)) syntax.header += ";CHARSET=UTF-8";
+    line(syntax.header + ":" + syntax.value);
     // A reader looks for the blank line behind base64.
-    if (property.base64) out_ += "\r\n";
+    if (syntax.base64) out_ += "\r\n";
     return true;
 }
 

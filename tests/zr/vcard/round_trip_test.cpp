@@ -168,6 +168,47 @@ TEST(CardRoundTrip, ANumberIsNoAddressHoweverOftenItIsCalledOne) {
     }
 }
 
+TEST(CardRoundTrip, WhatIsKeptIsEncodedOnlyWhereItsCharactersAskForIt) {
+    const ReadCards read = read_cards(card_text("FN:Jo\r\nX-ONE:mail\\, ls\r\nX-TWO:mail\\nls\r\n"));
+    ASSERT_EQ(read.cards.size(), 1u);
+    std::string text;
+    ASSERT_TRUE(zr::write_card(read.cards[0], CardVersion::V21, text));
+    EXPECT_NE(text.find("\r\nX-ONE:mail, ls\r\n"), text.npos) << text;
+    EXPECT_NE(text.find("\r\nX-TWO;CHARSET=UTF-8;ENCODING=QUOTED-PRINTABLE:=\r\nmail=0Als\r\n"), text.npos) << text;
+    std::string twice;
+    ASSERT_TRUE(zr::write_card(read_cards(text).cards[0], CardVersion::V21, twice));
+    EXPECT_EQ(twice, text);
+}
+
+std::size_t count_of(const std::string& text, std::string_view part) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(CardRoundTrip, OfSeveralNamesToFileByTheFirstCountsAndNoneIsLost) {
+    for (const std::string name : {"FN:Ada Okafor\r\n", "FN:The Boss\r\n"}) {  // as the parts say, and not
+        const ReadCards read = read_cards(card_text("N:Okafor;Ada;;;\r\n" + name +
+                                                    "X-EVOLUTION-FILE-AS:one\\\r\n"
+                                                    "X-EVOLUTION-FILE-AS:two\\\r\nX-EVOLUTION-FILE-AS:two\\\r\n"));
+        ASSERT_EQ(read.cards.size(), 1u);
+        EXPECT_EQ(read.cards[0][Field::FileAs], name == "FN:The Boss\r\n" ? "The Boss" : "one\\");
+        for (const CardVersion version : {CardVersion::V30, CardVersion::V40, CardVersion::V21}) {
+            std::string text;
+            zr::write_card(read.cards[0], version, text);
+            std::string twice;
+            zr::write_card(read_cards(text).cards.at(0), version, twice);
+            for (const std::string* each : {&text, &twice}) {
+                EXPECT_EQ(count_of(*each, "X-EVOLUTION-FILE-AS"), 3u) << *each;
+                EXPECT_EQ(count_of(*each, "two"), 2u) << *each;
+            }
+        }
+        EXPECT_TRUE(comes_back(read.cards[0]));
+    }
+}
+
 TEST(CardRoundTrip, AndSoDoesWhatIsReadOfBrokenOnes) {
     std::mt19937 random(11);
     const std::vector<std::string> texts = samples("vcard", ".vcf");
