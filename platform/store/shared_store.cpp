@@ -517,9 +517,6 @@ DWORD StoreWriting::prepare() {
             if (!store_->ready_ || store_->is_suspect() || store_->is_overwritten()) {
                 if (const DWORD error = store_->open(); error != ERROR_SUCCESS) return error;
             }
-            before_ = store_->stamp_;
-            before_known_ = store_->stamp_known_;
-            before_seq_ = store_->followed_ ? store_->position_ : 0;
             is_new = !store_->has_writer();
             if (const DWORD error = store_->open_writer(); error != ERROR_SUCCESS) return error;
         }
@@ -546,16 +543,16 @@ DWORD StoreWriting::start() {
     if (connection().run(begin) != ERROR_SUCCESS) return store_->fail(connection());
     spills_ = connection().spills();
     // While the transaction is open nobody else commits.
-    CommitWatch::Stamp now;
-    before_known_ = before_known_ && store_->writer_commits_.look(now) && now == before_;
+    before_known_ = store_->writer_commits_.look(before_);
+    const auto reading = store_->lock();
+    before_seq_ = before_known_ && store_->is_known(before_) && store_->followed_ ? store_->position_ : 0;
     return ERROR_SUCCESS;
 }
 
 DWORD StoreWriting::next_seq(LONGLONG& seq) {
     if (!numbered_) {
         // What is in memory is the newest there is: the last change is known.
-        const bool known = before_known_ && before_seq_ != 0;
-        if (known) {
+        if (before_seq_ != 0) {
             first_seq_ = before_seq_;
         } else if (connection().scalar("SELECT max(seq) FROM change", first_seq_) != ERROR_SUCCESS) {
             return store_->fail(connection());
@@ -638,7 +635,7 @@ void StoreWriting::give_back() {
     store_->pull_.let_go();
 }
 
-// Commits and rings; true when nobody else has committed since before_.
+// Commits and rings; true when this is known to be the only commit since before_.
 bool StoreWriting::keep(CommitWatch::Stamp& after, DWORD& error) {
     if (!has_changes()) return false;
     const WithinSizeLimit no_signal;  // for all that a commit writes

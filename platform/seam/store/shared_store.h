@@ -51,6 +51,7 @@
 
 #include "base/host_fd.h"
 #include "platform/errors.h"
+#include "platform/export.h"
 #include "platform/types.h"
 #include "store/bell.h"
 #include "store/commit_watch.h"
@@ -80,7 +81,7 @@ protected:
     ~StoreFamily() = default;
 };
 
-class SharedStore {
+class ZRPLATFORM_API SharedStore {
 public:
     // The store of that kind below the present ZR_HOME; a sentence when there is no such folder.
     static DWORD path_of(const StoreKind& kind, std::string& path, std::string& trouble);
@@ -210,7 +211,7 @@ private:
 };
 
 // One change of a store, all of it or nothing: rolled back unless it is committed. Used by the thread that began it.
-class StoreWriting {
+class ZRPLATFORM_API StoreWriting {
 public:
     StoreWriting() = default;
     ~StoreWriting() { roll_back(); }
@@ -248,9 +249,9 @@ public:
         end();
         return error;
     }
-    // The same; `take_over` is called with the reading lock held when nobody else has written since what is in memory
-    // was read: it puts the changes there, and nobody has to read them. May throw std::bad_alloc: then all is
-    // forgotten.
+    // The same; `take_over` is called with the reading lock held when this is all that was written since what is in
+    // memory was read, be it in the middle of this change: it puts the changes there, and nobody has to read them. May
+    // throw std::bad_alloc: then all is forgotten.
     template <class TakeOver>
     DWORD commit(TakeOver take_over) {
         CommitWatch::Stamp after;
@@ -285,9 +286,9 @@ private:
     void end() noexcept;
 
     SharedStore* store_ = nullptr;
-    CommitWatch::Stamp before_;  // what was known when the transaction began
+    CommitWatch::Stamp before_;  // the store's when the transaction began
     bool before_known_ = false;
-    LONGLONG before_seq_ = 0;  // the last change that was followed then; 0: not known
+    LONGLONG before_seq_ = 0;  // the last change in the log then; 0: not known
     bool numbered_ = false;
     LONGLONG first_seq_ = 0;
     LONGLONG seq_ = 0;

@@ -11,12 +11,13 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "platform/export.h"
 #include "platform/types.h"
 
 namespace zr::platform {
 
 // A prepared statement. Text is bound for the time of the step: it must stay in place.
-class Statement {
+class ZRPLATFORM_API Statement {
 public:
     explicit Statement(sqlite3_stmt* statement) : statement_(statement) {}
     ~Statement() { sqlite3_finalize(statement_); }
@@ -85,7 +86,7 @@ private:
 };
 
 // Resets a statement at the end of its use, so that it holds no lock and no bound text.
-class Use {
+class ZRPLATFORM_API Use {
 public:
     explicit Use(Statement* statement) : statement_(statement) {}
     ~Use() {
@@ -106,7 +107,7 @@ private:
 void abandon_sqlite() noexcept;
 bool is_sqlite_abandoned() noexcept;
 
-class Connection {
+class ZRPLATFORM_API Connection {
 public:
     Connection() = default;
     ~Connection() { close(); }
