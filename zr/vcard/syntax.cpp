@@ -166,21 +166,23 @@ void Parameters::take(std::string_view parameter) {
     }
 }
 
+// Quotes stand around all types or around some of them.
 void Parameters::take_types(std::string_view name, std::string_view words) {
-    if (words.size() >= 2 && words.front() == '"' && words.find('"', 1) == words.size() - 1) {
-        words = words.substr(1, words.size() - 2);
-    }
     std::string types;
-    each_word(words, [&](std::string_view word) {
+    const auto take_one = [&](std::string_view word) {
         if (equal_ignoring_case(word, "PREF")) {
             preference_ = "1";
         } else if (!word.empty()) {
             if (!types.empty()) types += ',';
-            // What the quotes around all of them kept together.
+            // What the quotes kept together.
             const bool quoted =
                 word.find_first_of(";:") != std::string_view::npos && word.find('"') == std::string_view::npos;
             types += quoted ? '"' + std::string(word) + '"' : std::string(word);
         }
+    };
+    each_word(words, [&](std::string_view word) {
+        const bool quoted = word.size() >= 2 && word.front() == '"' && word.find('"', 1) == word.size() - 1;
+        each_word(quoted ? word.substr(1, word.size() - 2) : word, take_one);
     });
     if (!types.empty()) add(std::string(name), std::move(types));
 }
