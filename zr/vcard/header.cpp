@@ -118,11 +118,15 @@ std::vector<std::string_view> card_parameters(std::string_view line, const CardH
     return parameters_of(line, header.name_end, header.value - 1, find_unquoted(line, ':') != npos);
 }
 
+bool is_plain_kind(std::string_view word) {
+    const auto is_plain = [](char c) { return is_name_character(c) || c == '.' || c == '+'; };
+    return !word.empty() && std::all_of(word.begin(), word.end(), is_plain);
+}
+
 std::string with_kinds_only(std::string_view line) {
     CardHeader header;
     if (!read_card_header(line, header)) return std::string(line);
     std::string out(line.substr(0, header.name_end));
-    const auto is_plain = [](char c) { return is_name_character(c) || c == '.' || c == '+'; };
     std::vector<std::string> seen;
     for (const std::string_view parameter : card_parameters(line, header)) {
         const std::size_t equals = parameter.find('=');
@@ -135,7 +139,7 @@ std::string with_kinds_only(std::string_view line) {
             const std::string_view word = rest.substr(0, comma);
             rest.remove_prefix(std::min(comma + 1, rest.size()));
             std::string known = upper(name) + "=" + upper(word);
-            if (word.empty() || !std::all_of(word.begin(), word.end(), is_plain)) continue;
+            if (!is_plain_kind(word)) continue;
             if (std::find(seen.begin(), seen.end(), known) != seen.end()) continue;
             seen.push_back(std::move(known));
             (((out += ';') += name) += '=') += word;

@@ -26,6 +26,9 @@ bool read_card_header(std::string_view line, CardHeader& header);
 // Where the first `mark` stands that no double quotes enclose, or npos.
 std::size_t find_unquoted(std::string_view text, char mark, std::size_t from = 0);
 
+// Whether a kind, or a preference, is one that readers take.
+bool is_plain_kind(std::string_view word);
+
 // The parameters of a line that has this header.
 std::vector<std::string_view> card_parameters(std::string_view line, const CardHeader& header);
 // The line of a property with those of its parameters only that say of which kind it is and how much it is preferred,

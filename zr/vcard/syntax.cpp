@@ -146,6 +146,7 @@ private:
     };
 
     void take(std::string_view parameter);
+    void take_preference(std::string_view words);
     void take_types(std::string_view name, std::string_view words);
 
     std::vector<Parameter> all_;
@@ -157,12 +158,23 @@ void Parameters::take(std::string_view parameter) {
     const std::string_view name = equals == std::string_view::npos ? "TYPE" : trimmed(parameter.substr(0, equals));
     const std::string_view words = trimmed(equals == std::string_view::npos ? parameter : parameter.substr(equals + 1));
     if (equal_ignoring_case(name, "PREF")) {
-        if (preference_.empty()) preference_ = words;
+        take_preference(words);
     } else if (equal_ignoring_case(name, "TYPE")) {
         take_types(name, words);
     } else {
         const bool url = equal_ignoring_case(name, "VALUE") && equal_ignoring_case(words, "URL");
         add(std::string(name), std::string(url ? "uri" : words));
+    }
+}
+
+// The first that a reader takes; others are not written.
+void Parameters::take_preference(std::string_view words) {
+    std::string all(words);
+    std::erase(all, '"');
+    for (std::string_view rest = all; preference_.empty() && !rest.empty();) {
+        const std::size_t comma = std::min(rest.find(','), rest.size());
+        if (is_plain_kind(rest.substr(0, comma))) preference_ = rest.substr(0, comma);
+        rest.remove_prefix(std::min(comma + 1, rest.size()));
     }
 }
 

@@ -209,6 +209,18 @@ TEST(CardRoundTrip, OfSeveralNamesToFileByTheFirstCountsAndNoneIsLost) {
     }
 }
 
+TEST(CardRoundTrip, APreferenceThatNoReaderTakesIsNotWritten) {
+    const ReadCards read = read_cards(card_text(
+        "FN:Jo\r\nEMAIL;PREF=3\xC3\xBF;PREF=2:one@x\r\nEMAIL;PREF=1 0,\"2\":two@x\r\nEMAIL;PREF=3\xC3\xBF:three@x\r\n"
+        "EMAIL;PREF=3:four@x\r\n",
+        "4.0"));
+    ASSERT_EQ(read.cards.size(), 1u);
+    EXPECT_EQ(read.cards[0][Field::Email1], "one@x");
+    EXPECT_EQ(read.cards[0][Field::Email2], "two@x");
+    EXPECT_EQ(read.cards[0][Field::Email3], "four@x");
+    EXPECT_TRUE(comes_back(read.cards[0]));
+}
+
 TEST(CardRoundTrip, AndSoDoesWhatIsReadOfBrokenOnes) {
     std::mt19937 random(11);
     const std::vector<std::string> texts = samples("vcard", ".vcf");
