@@ -170,8 +170,9 @@ void Builder::add(const Attribute& attribute) {
             return;
         case Property::FileAs:
             if (!file_as_.empty()) return keep(attribute);
-            is_about(Field::FileAs, 1, true);
             file_as_ = joined_values(attribute, 0, ";");
+            if (file_as_.empty()) return keep(attribute);
+            is_about(Field::FileAs, 1, true);
             file_as_taken_ = taken_.size() - 1;
             return;
         case Property::Organization:
@@ -331,9 +332,7 @@ void Builder::add_file_as() {
     }
     if (file_as_.empty() || card_[Field::FileAs] == file_as_) return;
     TakenProperty& property = taken_[file_as_taken_];
-    property.kept = "X-EVOLUTION-FILE-AS:";
-    append_escaped_text(property.kept, file_as_);
-    property.kept += '\n';
+    property.kept = std::string(property.line) + '\n';
     card_.extras += property.kept;
 }
 

@@ -136,7 +136,7 @@ std::string with_kinds_only(std::string_view line) {
         std::erase(words, '"');
         for (std::string_view rest = words; !rest.empty() && seen.size() < kMostKinds;) {
             const std::size_t comma = std::min(rest.find(','), rest.size());
-            const std::string_view word = rest.substr(0, comma);
+            const std::string_view word = trimmed(rest.substr(0, comma));
             rest.remove_prefix(std::min(comma + 1, rest.size()));
             std::string known = upper(name) + "=" + upper(word);
             if (!is_plain_kind(word)) continue;

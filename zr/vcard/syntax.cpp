@@ -171,11 +171,9 @@ void Parameters::take(std::string_view parameter) {
 void Parameters::take_preference(std::string_view words) {
     std::string all(words);
     std::erase(all, '"');
-    for (std::string_view rest = all; preference_.empty() && !rest.empty();) {
-        const std::size_t comma = std::min(rest.find(','), rest.size());
-        if (is_plain_kind(rest.substr(0, comma))) preference_ = rest.substr(0, comma);
-        rest.remove_prefix(std::min(comma + 1, rest.size()));
-    }
+    each_word(all, [&](std::string_view word) {
+        if (preference_.empty() && is_plain_kind(word)) preference_ = word;
+    });
 }
 
 // Quotes stand around all types or around some of them.
@@ -278,12 +276,25 @@ bool write_from_uri(std::string_view name, CardVersion version, Parameters& para
     return true;
 }
 
-// Version 4.0 writes days and times without marks between the digits.
+bool is_digits(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return g_ascii_isdigit(c); });
+}
+
+// Whether every colon stands between the two digits of one part of a time and those of the next one.
+bool has_colons_of_time(std::string_view time) {
+    for (std::size_t at = time.find(':'); at != std::string_view::npos; at = time.find(':', at + 1)) {
+        if (at < 2 || !is_digits(time.substr(at - 2, 2)) || at + 2 >= time.size() || !is_digits(time.substr(at + 1, 2)))
+            return false;
+    }
+    return true;
+}
+
+// Version 4.0 writes days and times without marks between the digits. What is no day, or no time, stays as it is.
 std::string basic_day(std::string_view value) {
     const std::size_t time = std::min(value.find_first_of("Tt"), value.size());
     const std::string_view day = value.substr(0, time);
-    const auto digit_at = [&](std::size_t i) { return g_ascii_isdigit(day[i]) != 0; };
-    if (day.size() != 10 || day[4] != '-' || day[7] != '-' || !digit_at(0) || !digit_at(5) || !digit_at(8)) {
+    if (day.size() != 10 || day[4] != '-' || day[7] != '-' || !is_digits(day.substr(0, 4)) ||
+        !is_digits(day.substr(5, 2)) || !is_digits(day.substr(8)) || !has_colons_of_time(value.substr(time))) {
         return std::string(value);
     }
     std::string basic(value);
@@ -320,6 +331,7 @@ bool in_version(std::string_view line, CardVersion version, PropertySyntax& prop
     const std::string_view name = line.substr(header.name, header.name_end - header.name);
     Parameters parameters(line, header);
     property.value = line.substr(header.value);
+    if (header.base64) parameters.remove("VALUE", "uri");  // it is the data itself
     if (header.base64 && version == CardVersion::V40) {
         write_as_uri(name, parameters, property);
     } else if (header.base64) {

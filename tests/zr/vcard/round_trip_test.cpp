@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <random>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -46,6 +45,22 @@ std::vector<std::string> split(const std::string& text, char at) {
     return parts;
 }
 
+// Version 2.1 does not tell the commas of a list from those of a text, and the end of a line is written in two ways.
+std::string alike_in_value(const std::string& value) {
+    std::string all;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        const bool escape = value[i] == '\\' && i + 1 < value.size();
+        if (!escape) {
+            all += value[i];
+            continue;
+        }
+        const char escaped = value[++i];
+        if (escaped != ',') all += '\\';
+        all += escaped == 'N' ? 'n' : escaped;
+    }
+    return all;
+}
+
 // The lines, whatever the version calls what they say.
 std::vector<std::string> alike(const std::string& lines) {
     std::vector<std::string> all;
@@ -53,8 +68,7 @@ std::vector<std::string> alike(const std::string& lines) {
     for (std::string line; std::getline(text, line);) {
         zr::PropertySyntax property;
         if (!zr::in_version(line, CardVersion::V30, property)) continue;
-        // Version 2.1 does not tell the commas of a list from those of a text.
-        property.value = std::regex_replace(property.value, std::regex("\\\\,"), ",");
+        property.value = alike_in_value(property.value);
         std::set<std::string> parts;
         for (const std::string& part : split(zr::upper(property.header), ';')) {
             if (!part.starts_with("TYPE=")) {
@@ -72,7 +86,9 @@ std::vector<std::string> alike(const std::string& lines) {
             all.back() += part + ";";
         }
         all.back() += property.value;
-        if (zr::upper(line).find("REV") != line.npos) std::erase_if(all.back(), [](char c) { return c == '-'; });
+        for (const char* day : {"REV", "BDAY", "ANNIVERSARY", "DEATHDATE"}) {
+            if (zr::upper(line).find(day) != line.npos) std::erase(all.back(), '-');
+        }
     }
     std::sort(all.begin(), all.end());
     return all;
@@ -219,6 +235,16 @@ TEST(CardRoundTrip, APreferenceThatNoReaderTakesIsNotWritten) {
     EXPECT_EQ(read.cards[0][Field::Email2], "two@x");
     EXPECT_EQ(read.cards[0][Field::Email3], "four@x");
     EXPECT_TRUE(comes_back(read.cards[0]));
+}
+
+TEST(CardRoundTrip, WhatIsNoDayStaysAsItIs) {
+    const std::string lines =
+        "DEATHDATE:1984-0:-29\r\nDEATHDATE:198x-01-29\r\nDEATHDATE:2020-01-02T1:2:3\r\nDEATHDATE:2020-01-02Tx:y\r\n";
+    const ReadCards read = read_cards(card_text("FN:Jo\r\n" + lines + "DEATHDATE:2020-01-02T10:20:30Z\r\n"));
+    ASSERT_EQ(read.cards.size(), 1u);
+    std::string text;
+    zr::write_card(read.cards[0], CardVersion::V40, text);
+    EXPECT_NE(text.find(lines + "DEATHDATE:20200102T102030Z\r\n"), text.npos) << text;
 }
 
 TEST(CardRoundTrip, AndSoDoesWhatIsReadOfBrokenOnes) {
