@@ -312,12 +312,13 @@ std::uint32_t index_word(const volatile Byte* index, std::size_t at) {
     return *reinterpret_cast<const volatile std::uint32_t*>(index + at);
 }
 
-// A page of a frame that is committed. A frame's checksum goes on from that of the frame in front of it, or of the
-// journal's header: one read has both frames' headers and what lies between.
-int verify_frame(File& journal, const Byte* page, int size, sqlite3_int64 at) {
+// Reads a page of a frame that is committed. A frame's checksum goes on from that of the frame in front of it, or of
+// the journal's header: one read has both frames' headers, what lies between, and the page.
+int read_frame(File& journal, Byte* page, int size, sqlite3_int64 at) {
     const sqlite3_int64 start = at - kFrameHeader;
     const sqlite3_int64 from = (start == kJournalHeader ? start : start - size) - 8;
-    const int length = static_cast<int>(at - from);
+    const int front = static_cast<int>(at - from);
+    const int length = front + size;
     if (journal.between_size < length) {
         delete[] std::exchange(journal.between, new (std::nothrow) Byte[static_cast<std::size_t>(length)]);
         journal.between_size = journal.between != nullptr ? length : 0;
@@ -325,11 +326,12 @@ int verify_frame(File& journal, const Byte* page, int size, sqlite3_int64 at) {
     }
     if (const int result = journal.read(journal.between, length, from); result != SQLITE_OK) return result;
     const Byte* const before = journal.between;
-    const Byte* const frame = journal.between + length - kFrameHeader;
+    const Byte* const frame = journal.between + front - kFrameHeader;
     const bool big = journal.database->index[kBigEndianAt] != 0;
     JournalSum sum = {big, big_endian(before), big_endian(before + 4)};
     sum.add(frame, 8);
-    sum.add(page, size);
+    sum.add(frame + kFrameHeader, size);
+    std::memcpy(page, frame + kFrameHeader, static_cast<std::size_t>(size));
     const bool good = sum.first == big_endian(frame + 16) && sum.second == big_endian(frame + 20);
     return good ? SQLITE_OK : SQLITE_IOERR_DATA;
 }
@@ -521,10 +523,9 @@ int x_close(sqlite3_file* base) {
 int x_read(sqlite3_file* base, void* to, int size, sqlite3_int64 at) {
     File& file = file_of(base);
     if (file.kind == Kind::Database) return read_database(file, to, size, at);
-    int result = settle_journal(file);
-    if (result == SQLITE_OK) result = file.read(to, size, at);
-    if (result != SQLITE_OK || file.kind != Kind::Journal || !is_committed_frame(file, size, at)) return result;
-    return verify_frame(file, static_cast<const Byte*>(to), size, at);
+    if (const int result = settle_journal(file); result != SQLITE_OK) return result;
+    const bool checked = file.kind == Kind::Journal && is_committed_frame(file, size, at);
+    return checked ? read_frame(file, static_cast<Byte*>(to), size, at) : file.read(to, size, at);
 }
 
 int x_write(sqlite3_file* base, const void* from, int size, sqlite3_int64 at) {
