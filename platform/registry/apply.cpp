@@ -50,7 +50,7 @@ LONG ZrRegistryApplyEach(ZrRegistryNextChange next, LPVOID context, DWORD* faile
     Store* const store = Store::instance();
     if (store == nullptr) return result(ERROR_NOT_ENOUGH_MEMORY);
     DWORD at = 0;
-    const DWORD error = write_as_one(*store, [&](Transaction& transaction) -> DWORD {
+    const DWORD error = write_as_one(*store, false, [&](Transaction& transaction) -> DWORD {
         for (;; ++at) {
             ZrRegistryChange change = {};
             const int more = next(&change, context);

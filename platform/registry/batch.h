@@ -38,8 +38,8 @@ public:
         }
     }
 
-    // All of the body's changes or, when it returns an error, none; `single`: it makes one change at most, and none
-    // when it fails. Throws what the body throws, but for std::bad_alloc.
+    // All of the body's changes or, when it returns an error, none; `single`: it calls the transaction once to change
+    // something, which changes nothing when it fails. Throws what the body throws, but for std::bad_alloc.
     template <class Body>
     DWORD write(Body&& body, bool single) {
         Part part(*this, single);

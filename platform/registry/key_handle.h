@@ -38,10 +38,11 @@ private:
 DWORD open_key(Ref<Node> node, HKEY& key) noexcept;
 
 // Calls body(transaction) in the thread's batch, or commits what it changes; all of it or, when it fails, nothing.
+// `single`, `own`: see Batch::write and Store::write.
 template <class Body>
-DWORD write_as_one(Store& store, Body&& body, const Tree::OwnChange* own = nullptr) {
+DWORD write_as_one(Store& store, bool single, Body&& body, const Tree::OwnChange* own = nullptr) {
     Batch* const batch = Batch::current();
-    return batch != nullptr ? batch->write(body, own != nullptr) : store.write(body, own);
+    return batch != nullptr ? batch->write(body, single) : store.write(body, own);
 }
 
 // Calls body(tree, node) with the key that a handle names.
@@ -56,14 +57,14 @@ DWORD read_key(HKEY key, Body&& body) noexcept {
     return batch != nullptr ? batch->read(read) : store->read(read);
 }
 
-// Calls body(transaction, place) likewise.
+// Calls body(transaction, place), which changes something by one call, likewise.
 template <class Body>
 DWORD change_key(HKEY key, Body&& body) {
     const KeyArgument argument(key);
     if (!argument) return ERROR_INVALID_HANDLE;
     Store* const store = Store::instance();
     if (store == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    return write_as_one(*store, [&](Transaction& transaction) {
+    return write_as_one(*store, true, [&](Transaction& transaction) {
         if (argument.is_deleted()) return DWORD{ERROR_KEY_DELETED};
         Place place = argument.place();
         return body(transaction, place);

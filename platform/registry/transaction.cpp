@@ -1,10 +1,26 @@
 #include "transaction.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "last_error.h"
 
 namespace zr::platform::registry {
+namespace {
+
+// Whether all of a path, of keys that are not there yet, can be made below a key.
+bool has_room(const Place& key, LPCWSTR path) {
+    std::size_t depth = key.parents.size();
+    PathParts parts(path);
+    std::u16string_view part;
+    while (parts.next(part)) {
+        if (!fits(part) || ++depth > kDeepest) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 DWORD Transaction::failed() {
     broken_ = true;
     return fail(connection_);
@@ -64,6 +80,10 @@ DWORD Transaction::check(const Place& key) {
 DWORD Transaction::find_child(const Place& parent, std::u16string_view name, KeyId& id) {
     const FoldedName folded(name);
     if (!folded) return ERROR_FILE_NOT_FOUND;
+    if (const auto known = tree_ != nullptr ? tree_->child(parent.id, folded.view()) : std::nullopt) {
+        id = *known;
+        return id != 0 ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
+    }
     const std::size_t level = parent.parents.size();
     if (level < found_.size() && found_[level].parent == parent.id && found_[level].folded == folded.view()) {
         id = found_[level].id;
@@ -90,7 +110,6 @@ DWORD Transaction::look_up(KeyId parent, std::u16string_view folded, KeyId& id) 
 
 DWORD Transaction::make_child(const Place& parent, std::u16string_view name, std::u16string_view key_class, KeyId& id) {
     const FoldedName folded(name);
-    if (!folded || parent.parents.size() + 1 > kDeepest) return ERROR_INVALID_PARAMETER;
     Use statement = connection_.use("INSERT INTO key(parent, folded, name, class) VALUES(?1, ?2, ?3, ?4)");
     if (!statement) return failed();
     statement->bind(1, parent.id);
@@ -126,6 +145,7 @@ DWORD Transaction::make(Place& key, LPCWSTR path, std::u16string_view key_class,
         KeyId id = 0;
         error = created ? ERROR_FILE_NOT_FOUND : find_child(key, part, id);
         if (error == ERROR_FILE_NOT_FOUND) {
+            if (!created && !has_room(key, part.data())) return ERROR_INVALID_PARAMETER;
             error = make_child(key, part, more ? std::u16string_view() : key_class, id);
             created = true;
         }
@@ -136,6 +156,10 @@ DWORD Transaction::make(Place& key, LPCWSTR path, std::u16string_view key_class,
 }
 
 DWORD Transaction::name_of(KeyId id, std::u16string& name) {
+    if (const std::u16string* const known = tree_ != nullptr ? tree_->name_of(id) : nullptr) {
+        name = *known;
+        return ERROR_SUCCESS;
+    }
     const Use row = connection_.use("SELECT name FROM key WHERE id = ?1");
     if (!row) return failed();
     row->bind(1, id);
@@ -179,7 +203,7 @@ DWORD Transaction::delete_key(const Doomed& key) {
 
 DWORD Transaction::delete_tree(const Place& key) {
     if (key.parents.empty()) return ERROR_ACCESS_DENIED;
-    found_.clear();
+    found_.resize(std::min(found_.size(), key.parents.size() - 1));
     std::vector<Doomed> keys;
     keys.push_back({key, {}});
     DWORD error = name_of(key.id, keys.front().name);

@@ -17,8 +17,8 @@ struct Place {
     std::vector<KeyId> parents;
 };
 
-// Names that are too long are found nowhere, and ERROR_INVALID_PARAMETER where one is to be made. May throw
-// std::bad_alloc.
+// Names that are too long are found nowhere, and ERROR_INVALID_PARAMETER where one is to be made. A call that fails has
+// changed nothing, unless the store has failed or memory was short. May throw std::bad_alloc.
 class Transaction {
 public:
     // `tree`: reads through the same connection, and is told of every change.

@@ -100,8 +100,8 @@ Node* Tree::at_hand(KeyId id) const {
 // The node of a key that is in the store, new if need be.
 Node& Tree::adopt(KeyId id, const std::vector<KeyId>& parents, std::u16string_view name) {
     Ref<Node>& node = nodes_[id];
-    if (node && node->awaited_ && (node->parents != parents || node->name != name)) {
-        // The batch was not kept, and another key has got the number.
+    if (node && (node->parents != parents || node->name != name)) {
+        // What a batch has made was taken back, and another key has got the number.
         node->deleted_ = true;
         node->verified_ = true;
         node->awaited_ = false;
@@ -154,9 +154,19 @@ bool Tree::has(KeyId id) const {
     return node != nullptr && node->verified_ && !node->is_deleted();
 }
 
+std::optional<KeyId> Tree::child(KeyId parent, std::u16string_view folded) const {
+    const Node* const node = at_hand(parent);
+    if (node == nullptr || !node->has_children_) return std::nullopt;
+    const auto found = find(node->children_, folded);
+    return found == node->children_.end() ? 0 : (*found)->id;
+}
+
 void Tree::note(const Change& change) {
     std::vector<Stale> none;
     apply(change, none);
+    if (change.kind != ChangeKind::KeyAdded) return;
+    // There is nothing in it yet.
+    if (Node* const made = at_hand(change.key)) made->has_children_ = made->has_values_ = true;
 }
 
 DWORD Tree::changes(LONGLONG behind, int limit, std::vector<Change>& changes) {

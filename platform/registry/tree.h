@@ -13,6 +13,7 @@
 #include <atomic>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -91,10 +92,14 @@ public:
         DWORD size;
     };
     void take_over(const OwnChange& change);
-    // The same for a key that came or went.
+    // The same for a key that came or went by the reader's own transaction, or several of its values.
     void note(const Change& change);
     // Whether the key is known to be there.
     bool has(KeyId id) const;
+    // The key of that folded name below a key, 0 where there is none; nothing when the sub-keys were not read.
+    std::optional<KeyId> child(KeyId parent, std::u16string_view folded) const;
+    // The name of a key that is known to be there; null for any other.
+    const std::u16string* name_of(KeyId id) const { return has(id) ? &at_hand(id)->name : nullptr; }
 
     // This tree's node of a key that a handle names.
     Node& of(Node& named) { return kind_ == Kind::Shared ? named : own_node(named); }

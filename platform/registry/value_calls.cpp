@@ -34,7 +34,7 @@ DWORD change_value(HKEY key, Tree::OwnChange change) {
                    ? transaction.set_value(place, change.name, change.type, change.data, change.size)
                    : transaction.delete_value(place, change.name);
     };
-    return write_as_one(*store, body, &change);
+    return write_as_one(*store, true, body, &change);
 }
 
 }  // namespace
@@ -88,7 +88,7 @@ LONG ZrRegistryCopyValues(HKEY from, HKEY to, DWORD most) {
     if (!source || !target) return result(ERROR_INVALID_HANDLE);
     Store* const store = Store::instance();
     if (store == nullptr) return result(ERROR_NOT_ENOUGH_MEMORY);
-    return result(write_as_one(*store, [&](Transaction& transaction) {
+    return result(write_as_one(*store, true, [&](Transaction& transaction) {
         if (source.is_deleted() || target.is_deleted()) return DWORD{ERROR_KEY_DELETED};
         const Place first = source.place();
         const Place second = target.place();

@@ -209,6 +209,72 @@ TEST(Batch, ACallThatFailsLeavesNothingAndTheOthersStay) {
     EXPECT_EQ(value_names(create(HKEY_CURRENT_USER, u"c")), Names{u"v"});
 }
 
+Key fresh(const std::u16string& path) {
+    RegDeleteKeyW(HKEY_CURRENT_USER, path.c_str());
+    return create(HKEY_CURRENT_USER, path);
+}
+
+TEST(Batch, ANumberThatWasTakenBackIsAnotherKeys) {
+    const Key home = fresh(u"numbers");
+    begin();
+    EXPECT_EQ(sub_keys(home), Names());
+    const ZrRegistryChange changes[] = {
+        {ZrRegistryStep::SetValue, home, u"c\\below", u"v", REG_SZ, nullptr, 0},
+        {ZrRegistryStep::DeleteKey, HKEY_CURRENT_USER, u"", nullptr, 0, nullptr, 0},
+    };
+    EXPECT_EQ(ZrRegistryApply(changes, 2, nullptr), code(ERROR_ACCESS_DENIED));
+    const Key made = create(home, u"e");
+    EXPECT_EQ(sub_keys(home), Names{u"e"});
+    EXPECT_EQ(sub_keys(made), Names());
+    EXPECT_EQ(value_names(made), Names());
+    ASSERT_EQ(keep(), kOk);
+    EXPECT_EQ(sub_keys(home), Names{u"e"});
+    EXPECT_EQ(value_names(made), Names());
+}
+
+// Of a path that has too long a name nothing is made, and what else the batch does stays.
+TEST(Batch, APathThatCannotBeMadeLeavesNothing) {
+    const Key home = fresh(u"paths");
+    const std::u16string path = u"third\\" + std::u16string(256, u'n');
+    const ZrRegistryChange changes[] = {
+        {ZrRegistryStep::CreateKey, home, u"second", nullptr, 0, nullptr, 0},
+        {ZrRegistryStep::CreateKey, home, path.c_str(), nullptr, 0, nullptr, 0},
+    };
+    begin();
+    create(home, u"first");
+    EXPECT_EQ(ZrRegistryApply(changes, 2, nullptr), code(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(ZrRegistryApply(changes + 1, 1, nullptr), code(ERROR_INVALID_PARAMETER));
+    create(home, u"fourth");
+    EXPECT_EQ(sub_keys(home), (Names{u"first", u"fourth"}));
+    ASSERT_EQ(keep(), kOk);
+    EXPECT_EQ(sub_keys(home), (Names{u"first", u"fourth"}));
+}
+
+// A batch's changes of keys that it has and has not looked at before: each is found where it was made, under the name
+// that it has now.
+TEST(Batch, KeysThatComeAndGoInItAreFound) {
+    create(fresh(u"old"), u"a\\b");
+    begin();
+    for (const bool looked : {false, true}) {
+        if (looked) {
+            EXPECT_EQ(sub_keys(create(HKEY_CURRENT_USER, u"old")), Names{u"a"});
+        }
+        EXPECT_EQ(RegDeleteKeyW(HKEY_CURRENT_USER, u"OLD\\A"), kOk);
+        EXPECT_EQ(RegDeleteKeyW(HKEY_CURRENT_USER, u"old\\a"), code(ERROR_FILE_NOT_FOUND));
+        EXPECT_FALSE(exists(HKEY_CURRENT_USER, u"old\\a\\b"));
+        const Key again = create(HKEY_CURRENT_USER, u"old\\a");
+        EXPECT_EQ(sub_keys(again), Names());
+        EXPECT_EQ(value_names(again), Names());
+        EXPECT_EQ(set_dword(again, u"v", 7), kOk);
+        EXPECT_EQ(value_names(again), Names{u"v"});
+        create(again, u"b");
+        EXPECT_TRUE(exists(HKEY_CURRENT_USER, u"old\\a\\b"));
+    }
+    ASSERT_EQ(keep(), kOk);
+    EXPECT_EQ(sub_keys(create(HKEY_CURRENT_USER, u"old\\a")), Names{u"b"});
+    EXPECT_EQ(value_names(create(HKEY_CURRENT_USER, u"old\\a")), Names{u"v"});
+}
+
 int one_change(ZrRegistryChange* change, LPVOID context) {
     int& calls = *static_cast<int*>(context);
     if (calls++ != 0) return 0;
