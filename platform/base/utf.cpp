@@ -144,12 +144,13 @@ bool is_valid_utf8(std::string_view utf8) noexcept {
 }
 
 bool is_valid_utf16(std::u16string_view wide) noexcept {
-    for (std::size_t at = 0; at < wide.size();) {
-        const Utf16Part part = decode_utf16(wide.substr(at));
+    for (;;) {
+        wide.remove_prefix(ascii_run(wide));
+        if (wide.empty()) return true;
+        const Utf16Part part = decode_utf16(wide);
         if (is_surrogate(part.value)) return false;
-        at += part.length;
+        wide.remove_prefix(part.length);
     }
-    return true;
 }
 
 }  // namespace zr::platform

@@ -92,11 +92,12 @@ inline std::size_t ascii_run(std::string_view text) {
 }
 
 inline std::size_t ascii_run(std::u16string_view text) {
+    constexpr std::size_t kWords = 4;
     std::size_t count = 0;
-    for (; text.size() - count >= 4; count += 4) {
-        std::uint64_t word;
-        std::memcpy(&word, text.data() + count, sizeof word);
-        if ((word & 0xFF80FF80FF80FF80u) != 0) break;
+    for (; text.size() - count >= 4 * kWords; count += 4 * kWords) {
+        std::uint64_t words[kWords];
+        std::memcpy(words, text.data() + count, sizeof words);
+        if (((words[0] | words[1] | words[2] | words[3]) & 0xFF80FF80FF80FF80u) != 0) break;
     }
     while (count < text.size() && text[count] < 0x80) {
         ++count;

@@ -136,7 +136,7 @@ XmlResult Parse::run(const char* document, int size) {
     // The five entities come resolved; no others can be declared, and nothing is fetched. Depth and sizes are bounded
     // by who reads. No tree is built.
     constexpr int options = XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_HUGE | XML_PARSE_IGNORE_ENC;
-    xmlCtxtReadMemory(parser_, document, size, nullptr, "UTF-8", options);
+    xmlCtxtReadMemory(parser_, document, size, nullptr, nullptr, options);
     if (result_ != XmlResult::Whole) return result_;
     if (parser_->wellFormed != 0) return XmlResult::Whole;
     say(nullptr);

@@ -1,12 +1,17 @@
 #include "config_plan.h"
 
 #include <algorithm>
+#include <cstring>
+
+#include "platform/base.h"
 
 namespace zr::platform {
 namespace {
 
 constexpr std::size_t kLongestName = 255;
 constexpr std::size_t kMostLevels = 500;
+
+using Steps = std::vector<const ConfigPlan::Step*>;
 
 bool is_path(std::u16string_view path) {
     std::size_t levels = 0;
@@ -20,6 +25,41 @@ bool is_path(std::u16string_view path) {
 
 bool is_entry_name(std::u16string_view name) {
     return !name.empty() && name.size() <= kLongestName && name.find(u'\\') == std::u16string_view::npos;
+}
+
+// Large values have pages of their own: their order gains nothing.
+bool is_ordered(const ZrRegistryChange& change) {
+    constexpr DWORD kMostBytes = 4096;
+    return change.Step == ZrRegistryStep::SetValue && change.Size <= kMostBytes;
+}
+
+// Of one name the last value stays the last.
+void order_by_name(Steps::iterator begin, Steps::iterator end) {
+    struct Named {
+        std::u16string_view folded;
+        const ConfigPlan::Step* step;
+    };
+    std::u16string folded;
+    for (auto each = begin; each != end; ++each) {
+        folded.append((*each)->change.Name).push_back(0);
+    }
+    CharLowerBuffW(folded.data(), static_cast<DWORD>(folded.size()));
+    std::vector<Named> named;
+    named.reserve(static_cast<std::size_t>(end - begin));
+    const WCHAR* name = folded.data();
+    for (auto each = begin; each != end; ++each) {
+        named.push_back({name, *each});
+        name += named.back().folded.size() + 1;
+    }
+    const auto is_before = [](const Named& left, const Named& right) {
+        const std::size_t shorter = std::min(left.folded.size(), right.folded.size());
+        const int order = std::memcmp(left.folded.data(), right.folded.data(), shorter * sizeof(WCHAR));
+        if (order != 0) return order < 0;
+        if (left.folded.size() != right.folded.size()) return left.folded.size() < right.folded.size();
+        return left.step < right.step;
+    };
+    std::sort(named.begin(), named.end(), is_before);
+    std::transform(named.begin(), named.end(), begin, [](const Named& each) { return each.step; });
 }
 
 }  // namespace
@@ -121,6 +161,23 @@ bool ConfigPlan::take(std::size_t index) {
                 add(index, ZrRegistryStep::DeleteValue, place, element.name.data());
             return true;
     }
+}
+
+std::vector<const ConfigPlan::Step*> ConfigPlan::in_order() const {
+    std::vector<const Step*> ordered;
+    ordered.reserve(steps_.size());
+    for (const Step& step : steps_) {
+        ordered.push_back(&step);
+    }
+    for (auto begin = ordered.begin(); begin != ordered.end();) {
+        const auto end = std::find_if(begin + 1, ordered.end(), [&](const Step* step) {
+            return !is_ordered(step->change) || step->change.Path != (*begin)->change.Path ||
+                   step->change.Root != (*begin)->change.Root;
+        });
+        if (is_ordered((*begin)->change)) order_by_name(begin, end);
+        begin = end;
+    }
+    return ordered;
 }
 
 bool ConfigPlan::make() {

@@ -30,6 +30,10 @@ public:
         std::size_t element;
     };
     const std::vector<Step>& steps() const { return steps_; }
+    // The steps as they are best carried out, which comes to the same: values of one key that are set one after the
+    // other go by their names, as the registry keeps them, so that neighbours are written together. May throw
+    // std::bad_alloc.
+    std::vector<const Step*> in_order() const;
     const std::vector<ConfigPlace>& places() const { return places_; }
 
 private:

@@ -18,6 +18,26 @@ bool is_low_half(WCHAR c) {
     return (c & 0xFC00) == 0xDC00;
 }
 
+// How many characters the text begins with that are written as they are, found without a branch for each.
+std::size_t plain_run(std::u16string_view text) {
+    constexpr std::size_t kStep = 16;
+    const auto is_plain = [](WCHAR c) {
+        return (c >= 0x20) & (c < 0xD800) & (c != u'&') & (c != u'<') & (c != u'>') & (c != u'"');
+    };
+    std::size_t count = 0;
+    for (; text.size() - count >= kStep; count += kStep) {
+        bool all = true;
+        for (std::size_t i = 0; i < kStep; ++i) {
+            all &= is_plain(text[count + i]);
+        }
+        if (!all) break;
+    }
+    while (count < text.size() && is_plain(text[count])) {
+        ++count;
+    }
+    return count;
+}
+
 // A key of the registry, opened for reading; empty when it is not there.
 class ReadKey {
 public:
@@ -100,6 +120,10 @@ private:
 
 void Writer::escaped(std::u16string_view text) {
     for (std::size_t i = 0; i < text.size(); ++i) {
+        const std::size_t plain = plain_run(text.substr(i));
+        text_ += text.substr(i, plain);
+        i += plain;
+        if (i == text.size()) return;
         const WCHAR c = text[i];
         switch (c) {
             case u'&':

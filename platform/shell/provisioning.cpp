@@ -56,14 +56,14 @@ HRESULT Processing::prepare(LPCWSTR text) {
 
 HRESULT Processing::carry_out() {
     struct Rest {
-        const std::vector<ConfigPlan::Step>& steps;
+        const std::vector<const ConfigPlan::Step*> steps;
         std::size_t at = 0;
-    } rest{plan_.steps()};
+    } rest{plan_.in_order()};
     if (rest.steps.empty()) return S_OK;
     const auto next = [](ZrRegistryChange* change, LPVOID context) {
         Rest& left = *static_cast<Rest*>(context);
         if (left.at == left.steps.size()) return 0;
-        *change = left.steps[left.at++].change;
+        *change = left.steps[left.at++]->change;
         return 1;
     };
     DWORD failed = 0;
@@ -75,7 +75,7 @@ HRESULT Processing::carry_out() {
         return CONFIG_E_TRANSACTIONINGFAILURE;
     }
     if (error == ERROR_NOT_ENOUGH_MEMORY) return E_OUTOFMEMORY;
-    if (failed < rest.steps.size()) document_.elements()[rest.steps[failed].element].failed = true;
+    if (failed < rest.steps.size()) document_.elements()[rest.steps[failed]->element].failed = true;
     const std::u16string_view reason = ZrRegistryLastErrorText();
     keep_sentence(failure, reason.empty() ? "the registry could not be written: error " + std::to_string(error)
                                           : wide_to_host(reason));

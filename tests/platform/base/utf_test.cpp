@@ -134,6 +134,19 @@ TEST(Utf, IntoABufferTellsTheLengthAndWritesWhatFits) {
     EXPECT_EQ(wide_to_host(u"abc", std::span<char>()), 3u);
 }
 
+TEST(Utf, HalvesAreFoundWhereverTheyStand) {
+    for (const char16_t half : {u'\xD800', u'\xDC00'}) {
+        for (std::size_t at = 0; at < 70; ++at) {
+            std::u16string text(70, u'x');
+            EXPECT_TRUE(is_valid_utf16(text));
+            text[at] = half;
+            EXPECT_FALSE(is_valid_utf16(text)) << at;
+            text[at] = u'\xE9';
+            EXPECT_EQ(wide_to_utf8(text), std::string(at, 'x') + "\xC3\xA9" + std::string(69 - at, 'x'));
+        }
+    }
+}
+
 TEST(Utf, StrictConversionsReportInvalidText) {
     for (const char* const text : {"\xFF", "a\xC3", "\xED\xA0\x80", "\xC0\x80", "\xF4\x90\x80\x80", "\xE0\x9F\xBF"}) {
         EXPECT_FALSE(is_valid_utf8(text));

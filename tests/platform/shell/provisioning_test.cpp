@@ -164,6 +164,50 @@ TEST_F(Provisioning, SetsRegistryValuesOfEachDatatype) {
     EXPECT_EQ(bytes(u"None", type), (std::vector<BYTE>{0, 0}));
 }
 
+// Whatever order they are written in: of a name the last value holds, under the first one's letters.
+TEST_F(Provisioning, SetsTheValuesOfAKeyOneAfterTheOther) {
+    std::u16string inner;
+    std::map<std::u16string, std::u16string> last;
+    for (unsigned i = 0; i < 3000; ++i) {
+        std::u16string name(1 + i % 3, static_cast<WCHAR>((i < 26 ? u'A' : u'a') + i * 7 % 26));
+        const std::string number = std::to_string(i);
+        const std::u16string value(number.begin(), number.end());
+        inner += parm(name, value);
+        if (i % 500 == 499) inner += u"<noparm name=\"" + name + u"\" />" + parm(u"large", std::u16string(5000, u'l'));
+        for (WCHAR& letter : name) {
+            letter |= 0x20;
+        }
+        last[name] = value;
+        if (i % 500 == 499) last.erase(name);
+    }
+    ASSERT_EQ(process(in_key(inner)).result, S_OK) << shown(sentence());
+    for (const auto& [name, value] : last) {
+        EXPECT_EQ(text_of(HKEY_CURRENT_USER, u"Prov", name.c_str()), value) << shown(name);
+    }
+    EXPECT_EQ(process(in_key(parm(u"Twice", u"1") + parm(u"other", u"o") + parm(u"TWICE", u"2"))).result, S_OK);
+    const Outcome asked = process(doc(in(u"Registry", u"<characteristic-query type=\"HKCU\\Prov\" />")));
+    EXPECT_NE(asked.document.find(u"<parm name=\"Twice\" value=\"2\""), std::u16string::npos);
+    EXPECT_EQ(asked.document.find(u"TWICE"), std::u16string::npos);
+}
+
+TEST_F(Provisioning, WritesSignsAsReferencesWhereverTheyStand) {
+    constexpr std::size_t kLength = 40;
+    const std::pair<std::u16string, std::u16string> signs[] = {
+        {u"&amp;", u"&amp;"},   {u"&lt;", u"&lt;"},   {u">", u"&gt;"},
+        {u"&quot;", u"&quot;"}, {u"&#10;", u"&#10;"}, {u"\U0001F600", u"\U0001F600"},
+        {u"\uE000", u"\uE000"}, {u"'", u"'"},
+    };
+    for (const auto& [given, written] : signs) {
+        for (std::size_t at = 0; at <= kLength; ++at) {
+            const std::u16string front(at, u'x');
+            const std::u16string back(kLength - at, u'y');
+            const Outcome done = process(in_key(parm(u"V", front + given + back)), CFGFLAG_METADATA);
+            const std::u16string wanted = u"value=\"" + front + written + back + u"\"";
+            EXPECT_NE(done.document.find(wanted), std::u16string::npos) << shown(given) << " " << at;
+        }
+    }
+}
+
 TEST_F(Provisioning, TakesKeysOneWithinTheOther) {
     EXPECT_EQ(process(doc(in(u"Registry", in(u"HKEY_CURRENT_USER", in(u"Prov", parm(u"A", u"1") + in(u"B\\C", u""))))))
                   .result,
