@@ -1,6 +1,7 @@
 #include "config_result.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -18,21 +19,23 @@ bool is_low_half(WCHAR c) {
     return (c & 0xFC00) == 0xDC00;
 }
 
-// How many characters the text begins with that are written as they are, found without a branch for each.
+bool is_odd(WCHAR c) {
+    return (c < 0x20) | (c >= 0xD800) | (c == u'&') | (c == u'<') | (c == u'>') | (c == u'"');
+}
+
+// How many characters the text begins with that are written as they are. Many are looked at without a branch for each.
 std::size_t plain_run(std::u16string_view text) {
-    constexpr std::size_t kStep = 16;
-    const auto is_plain = [](WCHAR c) {
-        return (c >= 0x20) & (c < 0xD800) & (c != u'&') & (c != u'<') & (c != u'>') & (c != u'"');
-    };
+    constexpr std::size_t kStep = 64;
     std::size_t count = 0;
     for (; text.size() - count >= kStep; count += kStep) {
-        bool all = true;
+        const WCHAR* const step = text.data() + count;
+        std::uint16_t odd = 0;
         for (std::size_t i = 0; i < kStep; ++i) {
-            all &= is_plain(text[count + i]);
+            odd |= is_odd(step[i]);
         }
-        if (!all) break;
+        if (odd != 0) break;
     }
-    while (count < text.size() && is_plain(text[count])) {
+    while (count < text.size() && !is_odd(text[count])) {
         ++count;
     }
     return count;

@@ -191,7 +191,7 @@ TEST_F(Provisioning, SetsTheValuesOfAKeyOneAfterTheOther) {
 }
 
 TEST_F(Provisioning, WritesSignsAsReferencesWhereverTheyStand) {
-    constexpr std::size_t kLength = 40;
+    constexpr std::size_t kLength = 150;
     const std::pair<std::u16string, std::u16string> signs[] = {
         {u"&amp;", u"&amp;"},   {u"&lt;", u"&lt;"},   {u">", u"&gt;"},
         {u"&quot;", u"&quot;"}, {u"&#10;", u"&#10;"}, {u"\U0001F600", u"\U0001F600"},
