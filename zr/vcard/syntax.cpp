@@ -7,6 +7,7 @@
 #include "zr/base/content_line.h"
 #include "zr/base/phone_number.h"
 #include "zr/base/text.h"
+#include "zr/vcard/builder.h"
 #include "zr/vcard/header.h"
 
 namespace zr {
@@ -108,7 +109,8 @@ std::string type_of_media(std::string_view name, std::string_view media) {
     }
     const std::string_view known_class = media_class(name);
     if (media == kUnknownMedia || !media.starts_with(known_class)) return {};
-    return upper(media.substr(known_class.size()));
+    const std::string type = upper(media.substr(known_class.size()));
+    return is_word(type) ? type : std::string();
 }
 
 // A property's parameters, in their order.
@@ -251,6 +253,12 @@ bool split_data_uri(std::string_view value, std::string_view& media, std::string
     return false;
 }
 
+// What a field of the contact is made of, even where a line calls that data.
+bool holds_text(std::string_view name) {
+    const Property property = property_of(name);
+    return property != Property::Unknown && property != Property::Ignored;
+}
+
 bool holds_data(std::string_view name) {
     return is_any(name, {"PHOTO", "LOGO", "SOUND", "KEY"});
 }
@@ -263,13 +271,14 @@ void write_as_uri(std::string_view name, Parameters& parameters, PropertySyntax&
 
 // False when the value is no address that the data stands in.
 bool write_from_uri(std::string_view name, CardVersion version, Parameters& parameters, PropertySyntax& property) {
-    const bool may = holds_data(name) || parameters.has("VALUE", "uri");
+    const bool may = holds_data(name) || (parameters.has("VALUE", "uri") && !holds_text(name));
     std::string_view media;
     std::string_view data;
     if (!may || !split_data_uri(property.value, media, data)) return false;
+    std::string type = type_of_media(name, media);
+    if (type.empty() && media != kUnknownMedia) return false;
     parameters.remove("VALUE", "uri");
     parameters.add("ENCODING", version == CardVersion::V21 ? "BASE64" : "b");
-    std::string type = type_of_media(name, media);
     if (!type.empty()) parameters.add("TYPE", std::move(type));
     property.value = std::string(data);
     property.base64 = true;
@@ -331,10 +340,12 @@ bool in_version(std::string_view line, CardVersion version, PropertySyntax& prop
     const std::string_view name = line.substr(header.name, header.name_end - header.name);
     Parameters parameters(line, header);
     property.value = line.substr(header.value);
+    const bool base64 = header.base64 && !holds_text(name);
     if (header.base64) parameters.remove("VALUE", "uri");  // it is the data itself
-    if (header.base64 && version == CardVersion::V40) {
+    if (header.base64 && !base64) parameters.remove("ENCODING", "b");
+    if (base64 && version == CardVersion::V40) {
         write_as_uri(name, parameters, property);
-    } else if (header.base64) {
+    } else if (base64) {
         property.base64 = true;
         if (version == CardVersion::V21) parameters.replace("ENCODING", "b", "BASE64");
     } else if (version == CardVersion::V40 &&
