@@ -2,6 +2,7 @@
 
 // The test's own process as the host sees it: its threads and its descriptors.
 
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -12,7 +13,14 @@
 #include <system_error>
 #include <thread>
 
+#include "support/instrumented.h"
+
 namespace zr::test {
+
+// What a sanitizer and an emulator (the presets for ARM name its libraries) add to the program's threads.
+inline int added_threads() {
+    return kSanitizerThreads + (getenv("QEMU_LD_PREFIX") != nullptr ? 1 : 0);
+}
 
 inline int count_threads() {
     return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));

@@ -174,7 +174,7 @@ TEST(Together, TakesFewThreadsAndQueuesOfTheHost) {
     EXPECT_TRUE(is_signalled(all.named()));
     changes.set_clock();
     EXPECT_TRUE(is_signalled(all.named()));
-    EXPECT_TRUE(until_threads(1 + kMostThreads + kSanitizerThreads));
+    EXPECT_TRUE(until_threads(1 + kMostThreads + added_threads()));
     EXPECT_LE(queues_of_process(), kMostQueues);
 }
 

@@ -1,11 +1,10 @@
 #include "zr/icalendar/component_reader.h"
 
-#include <libical/ical.h>
-
 #include <algorithm>
 #include <charconv>
 
 #include "zr/base/text.h"
+#include "zr/icalendar/libical.h"
 
 namespace zr {
 namespace {

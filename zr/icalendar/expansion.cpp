@@ -1,7 +1,5 @@
 #include "zr/icalendar/expansion.h"
 
-#include <libical/ical.h>
-
 #include <algorithm>
 #include <map>
 #include <memory>
@@ -9,6 +7,7 @@
 #include <utility>
 
 #include "zr/base/text.h"
+#include "zr/icalendar/libical.h"
 #include "zr/icalendar/recurrence.h"
 
 namespace zr {
@@ -135,7 +134,7 @@ void Expander::remove_excluded() {
 }
 
 Expansion Expander::expand() {
-    icalerror_set_errors_are_fatal(0);
+    start_libical();
     if (set_.rules.empty()) add(set_.start, {});
     for (const std::string& rule : set_.rules) {
         if (!follow(rule, [&](Moment wall) { add(at(wall), {}); })) return result_;

@@ -1,6 +1,5 @@
 #include "zr/icalendar/recurrence.h"
 
-#include <libical/ical.h>
 #include <platform/platform.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "zr/base/text.h"
+#include "zr/icalendar/libical.h"
 
 namespace zr {
 namespace {
@@ -424,7 +424,7 @@ int interval_of_rule(const std::string& value, int most) {
 RulePattern pattern_of_rule(const std::string& value, const RuleStart& start) {
     RulePattern result;
     const int interval = interval_of_rule(value, kMostInterval);
-    icalerror_set_errors_are_fatal(0);
+    start_libical();
     const icalrecurrencetype rule = icalrecurrencetype_from_string(value.c_str());
     if (rule.freq == ICAL_NO_RECURRENCE) {
         result.why = "no rule that can be read";

@@ -1,6 +1,5 @@
 #include "zr/icalendar/zones.h"
 
-#include <libical/ical.h>
 #include <unicode/ucal.h>
 
 #include <algorithm>
@@ -8,6 +7,7 @@
 
 #include "zr/base/content_line.h"
 #include "zr/icalendar/device_zone.h"
+#include "zr/icalendar/libical.h"
 
 namespace zr {
 namespace {
@@ -68,6 +68,19 @@ std::string fault_of(icalcomponent* component) {
     return observances > kMostObservances ? "too many observances" : "";
 }
 
+// ICU's functions carry its version in their names.
+#define ZR_NAME_OF(call) #call
+#define ZR_NAME_IN_LIBRARY(call) ZR_NAME_OF(call)
+decltype(&ucal_getTimeZoneIDForWindowsID) zone_of_windows() {
+    static const auto found = [] {
+        const LoadedLibrary library(ZR_ICU_LIBRARY, "finding the zones of Windows needs the package libicu");
+        decltype(&ucal_getTimeZoneIDForWindowsID) call = nullptr;
+        library.find(ZR_NAME_IN_LIBRARY(ucal_getTimeZoneIDForWindowsID), call);
+        return call;
+    }();
+    return found;
+}
+
 // The system's name of a zone that Windows calls so; empty when it calls none so.
 std::string name_of_windows_zone(const std::string& id) {
     constexpr std::size_t kLongest = 128;
@@ -75,8 +88,8 @@ std::string name_of_windows_zone(const std::string& id) {
     const std::u16string wanted(id.begin(), id.end());
     char16_t name[kLongest] = {};
     UErrorCode error = U_ZERO_ERROR;
-    const int32_t length = ucal_getTimeZoneIDForWindowsID(wanted.data(), static_cast<int32_t>(wanted.size()), nullptr,
-                                                          name, kLongest, &error);
+    const int32_t length =
+        zone_of_windows()(wanted.data(), static_cast<int32_t>(wanted.size()), nullptr, name, kLongest, &error);
     if (U_FAILURE(error) || length <= 0 || static_cast<std::size_t>(length) > kLongest) return {};
     return {name, name + length};
 }
@@ -95,7 +108,7 @@ void CalendarZones::Free::operator()(_icaltimezone* zone) const {
 }
 
 CalendarZones::CalendarZones() : device_id_(device_zone_id()) {
-    icalerror_set_errors_are_fatal(0);
+    start_libical();
 }
 CalendarZones::~CalendarZones() = default;
 
@@ -191,6 +204,7 @@ bool parse_time(const std::string& value, ZonedTime& time) {
                        std::all_of(value.begin(), value.begin() + 8, is_digit) &&
                        std::all_of(value.begin() + 9, value.begin() + 15, is_digit);
     if (!day && !clock) return false;
+    start_libical();
     const icaltimetype parts = icaltime_from_string(value.c_str());
     const year_month_day date(year(parts.year), month(static_cast<unsigned>(parts.month)),
                               std::chrono::day(static_cast<unsigned>(parts.day)));

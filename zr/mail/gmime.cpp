@@ -3,10 +3,22 @@
 #include "zr/base/text.h"
 
 namespace zr {
+namespace {
+
+bool load() {
+    const LoadedLibrary library(ZR_GMIME_LIBRARY, "reading and writing messages needs the package libgmime-3.0");
+    ZR_GMIME_CALLS(ZR_FIND_LOADED_CALL)
+    g_mime_init();
+    return true;
+}
+
+}  // namespace
+
+ZR_GMIME_CALLS(ZR_LOADED_CALL_HERE)
 
 void start_gmime() {
     // Kept for the life of the process: other threads may be inside it at any time.
-    static const bool started = (g_mime_init(), true);
+    static const bool started = load();
     static_cast<void>(started);
 }
 

@@ -223,8 +223,8 @@ void MessageWriter::write(const TakeBytes& take) {
     g_mime_message_set_mime_part(message.get(), body.get());
 
     const File whole = temporary_file();
-    const std::unique_ptr<GMimeFormatOptions, decltype(&g_mime_format_options_free)> format(
-        g_mime_format_options_new(), &g_mime_format_options_free);
+    const std::unique_ptr<GMimeFormatOptions, decltype(g_mime_format_options_free)> format(g_mime_format_options_new(),
+                                                                                           g_mime_format_options_free);
     g_mime_format_options_set_newline_format(format.get(), GMIME_NEWLINE_FORMAT_DOS);
     const GObjectPtr<GMimeStream> stream(g_mime_stream_fs_new(fileno(whole.get())));
     g_mime_stream_fs_set_owner(GMIME_STREAM_FS(stream.get()), FALSE);

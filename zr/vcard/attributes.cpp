@@ -91,7 +91,7 @@ void each_part(std::string_view text, char mark, Visit visit) {
 
 CardAttributes::~CardAttributes() {
     for (void* card : cards_) {
-        g_object_unref(card);
+        evcard().unref(card);
     }
 }
 

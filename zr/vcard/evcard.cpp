@@ -1,35 +1,22 @@
 #include "zr/vcard/evcard.h"
 
-#include <dlfcn.h>
-
-#include "zr/base/failure.h"
+#include "zr/base/loaded_library.h"
 
 namespace zr {
 namespace {
 
-template <class Call>
-void find_call(void* library, const char* name, Call& call) {
-    call = reinterpret_cast<Call>(dlsym(library, name));
-    if (call == nullptr) throw Failure{Exit::StoreFailed, std::string(ZR_EVCARD_LIBRARY) + " has no " + name};
-}
-
 EvcardCalls load() {
-    // It stays: its types are registered with GLib for good.
-    void* const library = dlopen(ZR_EVCARD_LIBRARY, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-    if (library == nullptr) {
-        const char* const reason = dlerror();
-        throw Failure{Exit::StoreFailed, "reading cards needs the package libebook-contacts: " +
-                                             std::string(reason != nullptr ? reason : ZR_EVCARD_LIBRARY)};
-    }
+    const LoadedLibrary library(ZR_EBOOK_CONTACTS_LIBRARY, "reading cards needs the package libebook-contacts");
     EvcardCalls calls = {};
-    find_call(library, "e_vcard_new_from_string", calls.new_from_string);
-    find_call(library, "e_vcard_get_attributes", calls.attributes);
-    find_call(library, "e_vcard_attribute_get_group", calls.group);
-    find_call(library, "e_vcard_attribute_get_name", calls.name);
-    find_call(library, "e_vcard_attribute_get_params", calls.parameters);
-    find_call(library, "e_vcard_attribute_get_values", calls.values);
-    find_call(library, "e_vcard_attribute_param_get_name", calls.parameter_name);
-    find_call(library, "e_vcard_attribute_param_get_values", calls.parameter_values);
+    library.find("e_vcard_new_from_string", calls.new_from_string);
+    library.find("g_object_unref", calls.unref);
+    library.find("e_vcard_get_attributes", calls.attributes);
+    library.find("e_vcard_attribute_get_group", calls.group);
+    library.find("e_vcard_attribute_get_name", calls.name);
+    library.find("e_vcard_attribute_get_params", calls.parameters);
+    library.find("e_vcard_attribute_get_values", calls.values);
+    library.find("e_vcard_attribute_param_get_name", calls.parameter_name);
+    library.find("e_vcard_attribute_param_get_values", calls.parameter_values);
     return calls;
 }
 

@@ -9,6 +9,7 @@ namespace zr {
 
 struct EvcardCalls {
     decltype(&e_vcard_new_from_string) new_from_string;
+    decltype(&g_object_unref) unref;
     decltype(&e_vcard_get_attributes) attributes;
     decltype(&e_vcard_attribute_get_group) group;
     decltype(&e_vcard_attribute_get_name) name;

@@ -215,7 +215,7 @@ TEST_F(NotifyAddr, RefusesWhatItCannotDo) {
 }
 
 TEST_F(NotifyAddr, LeavesNothingBehind) {
-    constexpr int idle = 1 + zr::test::kSanitizerThreads;
+    const int idle = 1 + zr::test::added_threads();
     watch();
     CloseHandle(std::exchange(changes_, nullptr));
     const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
