@@ -44,8 +44,7 @@ void silence_glib() {
                           nullptr, nullptr);
 }
 
-void build_contacts(zr::Command app) {
-    zr::Command contacts = app.add_group("contacts", "Read and change the contact store");
+void fill_contacts(zr::Command contacts) {
     contacts.footer("Example:\n  zr contacts import phone.vcf\n\n'zr contacts COMMAND --help' tells more.");
     zr::add_contacts_import(contacts);
     zr::add_contacts_export(contacts);
@@ -58,8 +57,7 @@ void build_contacts(zr::Command app) {
     zr::add_contacts_remove(contacts);
 }
 
-void build_calendar(zr::Command app) {
-    zr::Command calendar = app.add_group("calendar", "Read and change the calendar and the tasks");
+void fill_calendar(zr::Command calendar) {
     calendar.footer("Example:\n  zr calendar import work.ics\n\n'zr calendar COMMAND --help' tells more.");
     zr::add_calendar_import(calendar);
     zr::add_calendar_export(calendar);
@@ -70,8 +68,7 @@ void build_calendar(zr::Command app) {
     zr::add_calendar_remove(calendar);
 }
 
-void build_reg(zr::Command app) {
-    zr::Command reg = app.add_group("reg", "Read and change the registry");
+void fill_reg(zr::Command reg) {
     reg.footer("Example:\n  zr reg import device.reg\n\n'zr reg COMMAND --help' tells more.");
     zr::add_reg_get(reg);
     zr::add_reg_set(reg);
@@ -87,8 +84,7 @@ void build_reg(zr::Command app) {
     zr::add_reg_export(reg);
 }
 
-void build_store(zr::Command app) {
-    zr::Command store = app.add_group("store", "Examine, back up and bring back what is kept");
+void fill_store(zr::Command store) {
     store.footer("Example:\n  zr store check\n\n'zr store COMMAND --help' tells more.");
     zr::add_store_check(store);
     zr::add_store_backup(store);
@@ -97,15 +93,13 @@ void build_store(zr::Command app) {
     zr::add_store_restore(store);
 }
 
-void build_net(zr::Command app) {
-    zr::Command net = app.add_group("net", "Show the connections of this computer");
+void fill_net(zr::Command net) {
     net.footer("Example:\n  zr net status\n\n'zr net COMMAND --help' tells more.");
     zr::add_net_status(net);
     zr::add_net_watch(net);
 }
 
-void build_proxy(zr::Command app) {
-    zr::Command proxy = app.add_group("proxy", "Show and change the proxies");
+void fill_proxy(zr::Command proxy) {
     proxy.footer("Example:\n  zr proxy list\n\n'zr proxy COMMAND --help' tells more.");
     zr::add_proxy_list(proxy);
     zr::add_proxy_show(proxy);
@@ -115,8 +109,7 @@ void build_proxy(zr::Command app) {
     zr::add_proxy_watch(proxy);
 }
 
-void build_phone(zr::Command app) {
-    zr::Command phone = app.add_group("phone", "Show the calls of this computer, answer, end and make them");
+void fill_phone(zr::Command phone) {
     phone.footer("Example:\n  zr phone watch\n\n'zr phone COMMAND --help' tells more.");
     zr::add_phone_lines(phone);
     zr::add_phone_calls(phone);
@@ -126,8 +119,7 @@ void build_phone(zr::Command app) {
     zr::add_phone_dial(phone);
 }
 
-void build_mail(zr::Command app) {
-    zr::Command mail = app.add_group("mail", "Read and change the message store");
+void fill_mail(zr::Command mail) {
     mail.footer("Example:\n  zr mail import ~/Maildir\n\n'zr mail COMMAND --help' tells more.");
     zr::add_mail_import(mail);
     zr::add_mail_export(mail);
@@ -144,14 +136,12 @@ void build_mail(zr::Command app) {
     zr::add_mail_watch(mail);
 }
 
-void build_log(zr::Command app) {
-    zr::Command log = app.add_group("log", "Read the binary log");
+void fill_log(zr::Command log) {
     log.footer("Example:\n  zr log show client.zrlog");
     zr::add_log_show(log);
 }
 
-void build_screen(zr::Command app) {
-    zr::Command screen = app.add_group("screen", "Show the screen, and fit text into a place on it");
+void fill_screen(zr::Command screen) {
     screen.footer("Example:\n  zr screen fit \"A long line of text\" --width 80");
     zr::add_screen_info(screen);
     zr::add_screen_fit(screen);
@@ -159,19 +149,19 @@ void build_screen(zr::Command app) {
 
 void build(zr::Command app) {
     app.footer(kExitCodes);
-    build_contacts(app);
-    build_calendar(app);
-    build_reg(app);
-    build_store(app);
-    build_net(app);
-    build_proxy(app);
-    build_phone(app);
+    app.add_group("contacts", "Read and change the contact store", fill_contacts);
+    app.add_group("calendar", "Read and change the calendar and the tasks", fill_calendar);
+    app.add_group("reg", "Read and change the registry", fill_reg);
+    app.add_group("store", "Examine, back up and bring back what is kept", fill_store);
+    app.add_group("net", "Show the connections of this computer", fill_net);
+    app.add_group("proxy", "Show and change the proxies", fill_proxy);
+    app.add_group("phone", "Show the calls of this computer, answer, end and make them", fill_phone);
     zr::add_provision(app);
-    build_mail(app);
+    app.add_group("mail", "Read and change the message store", fill_mail);
     zr::add_resolve(app);
-    build_log(app);
+    app.add_group("log", "Read the binary log", fill_log);
     zr::add_modules(app);
-    build_screen(app);
+    app.add_group("screen", "Show the screen, and fit text into a place on it", fill_screen);
     zr::add_html(app);
     zr::add_objects(app);
     zr::add_zone(app);
@@ -223,10 +213,10 @@ int main(int argc, char** argv) {
     silence_glib();
     zr::CommandLine line(
         "Contacts, mail, senders of messages, the registry, the log, named objects and the time zone, at a terminal.",
-        "zr " ZR_VERSION);
+        "zr " ZR_VERSION, argc, argv);
     build(line.root());
     line.otherwise(zr::show_overview);
-    if (const std::optional<int> code = line.parse(argc, argv)) return *code;
+    if (const std::optional<int> code = line.parse()) return *code;
     const zr::Exit code = execute(line.run());
     tell_log_trouble();
     return static_cast<int>(code);

@@ -28,6 +28,7 @@ struct CommandLineParser {
     };
 
     CLI::App app;
+    std::vector<std::string> words;  // of the command line, behind the program's name
     Run run;
     Run otherwise;
     std::vector<Rest> rests;
@@ -35,41 +36,42 @@ struct CommandLineParser {
     bool no_pager = false;  // for --help; it is taken out before the library sees it
 
     // The command that the words begin with, which are then those behind it.
-    const CLI::App* command_of(std::vector<std::string>& words) const;
+    const CLI::App* command_of(std::vector<std::string>& behind) const;
     // The words in front of such an option.
-    std::vector<std::string> without_rest(std::vector<std::string> words) const;
+    std::vector<std::string> without_rest() const;
     // What is wrong with the words, where they name a command or an option that is none. Empty: nothing.
-    std::string mistyped(std::vector<std::string> words) const;
+    std::string mistyped() const;
 };
 
-const CLI::App* CommandLineParser::command_of(std::vector<std::string>& words) const {
+const CLI::App* CommandLineParser::command_of(std::vector<std::string>& behind) const {
     const CLI::App* command = &app;
-    while (!words.empty()) {
+    while (!behind.empty()) {
         const auto below =
-            command->get_subcommands([&](const CLI::App* each) { return each->check_name(words.front()); });
+            command->get_subcommands([&](const CLI::App* each) { return each->check_name(behind.front()); });
         if (below.empty()) break;
         command = below.front();
-        words.erase(words.begin());
+        behind.erase(behind.begin());
     }
     return command;
 }
 
-std::string CommandLineParser::mistyped(std::vector<std::string> words) const {
-    std::erase(words, kNoPager);
-    const CLI::App* const command = command_of(words);
+std::string CommandLineParser::mistyped() const {
+    std::vector<std::string> behind = words;
+    std::erase(behind, kNoPager);
+    const CLI::App* const command = command_of(behind);
     std::vector<std::string> known;
     for (const CLI::App* each : command->get_subcommands({})) {
         known.push_back(each->get_name());
     }
-    if (!known.empty() && !words.empty() && !words.front().starts_with("-"))
-        return "no command '" + words.front() + "'" + did_you_mean(words.front(), known);
+    if (!known.empty() && !behind.empty() && !behind.front().starts_with("-"))
+        return "no command '" + behind.front() + "'" + did_you_mean(behind.front(), known);
     known.clear();
     for (const CLI::Option* each : command->get_options()) {
         for (const std::string& name : each->get_lnames()) {
             known.push_back("--" + name);
         }
     }
-    for (const std::string& word : words) {
+    for (const std::string& word : behind) {
         if (word == "--") break;
         const std::string name = word.substr(0, word.find('='));
         if (!name.starts_with("--") || std::find(known.begin(), known.end(), name) != known.end()) continue;
@@ -78,18 +80,19 @@ std::string CommandLineParser::mistyped(std::vector<std::string> words) const {
     return {};
 }
 
-std::vector<std::string> CommandLineParser::without_rest(std::vector<std::string> words) const {
+std::vector<std::string> CommandLineParser::without_rest() const {
+    std::vector<std::string> front = words;
     std::vector<std::string> behind = words;
     const CLI::App* const command = command_of(behind);
     for (const Rest& rest : rests) {
         if (rest.command != command) continue;
-        const auto found = std::find(words.begin(), words.end(), rest.name);
-        if (found == words.end()) continue;
-        rest.values->assign(found + 1, words.end());
+        const auto found = std::find(front.begin(), front.end(), rest.name);
+        if (found == front.end()) continue;
+        rest.values->assign(found + 1, front.end());
         if (rest.values->empty()) throw CLI::ArgumentMismatch(rest.name + ": nothing follows it");
-        words.erase(found, words.end());
+        front.erase(found, front.end());
     }
-    return words;
+    return front;
 }
 
 Option& Option::required() {
@@ -138,10 +141,10 @@ bool Option::given() const {
     return option_->count() > 0;
 }
 
-Command Command::add_group(const std::string& name, const std::string& description) {
-    Command group = add_command(name, description);
+void Command::add_group(const std::string& name, const std::string& description, void (*fill)(Command group)) {
+    const Command group = add_command(name, description);
     group.app_->require_subcommand(1);
-    return group;
+    if (std::find(parser_->words.begin(), parser_->words.end(), name) != parser_->words.end()) fill(group);
 }
 
 Command Command::add_command(const std::string& name, const std::string& description) {
@@ -188,8 +191,9 @@ void Command::add_rest(const std::string& name, std::vector<std::string>& values
     parser_->rests.push_back({app_, name, &values});
 }
 
-CommandLine::CommandLine(const std::string& description, const std::string& version)
+CommandLine::CommandLine(const std::string& description, const std::string& version, int argc, char** argv)
     : parser_(std::make_unique<CommandLineParser>()) {
+    parser_->words.assign(argv + std::min(argc, 1), argv + argc);
     parser_->app.description(description);
     parser_->app.name("zr");
     parser_->app.require_subcommand(0, 1);
@@ -205,9 +209,9 @@ Command CommandLine::root() {
     return Command(&parser_->app, parser_.get());
 }
 
-std::optional<int> CommandLine::parse(int argc, char** argv) {
+std::optional<int> CommandLine::parse() {
     try {
-        std::vector<std::string> words = parser_->without_rest({argv + 1, argv + argc});
+        std::vector<std::string> words = parser_->without_rest();
         // Anywhere in the command line.
         const auto end = std::find(words.begin(), words.end(), "--");
         const auto refused = std::remove(words.begin(), end, kNoPager);
@@ -231,7 +235,7 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
         }
         const bool unknown = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError) ||
                              error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
-        std::string text = unknown ? parser_->mistyped({argv + 1, argv + argc}) : std::string();
+        std::string text = unknown ? parser_->mistyped() : std::string();
         if (text.empty()) text = error.what();
         complain(text + " (zr --help tells more)");
         return static_cast<int>(Exit::Usage);

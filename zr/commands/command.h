@@ -45,8 +45,9 @@ class Command {
 public:
     Command(CLI::App* app, CommandLineParser* parser) : app_(app), parser_(parser) {}
 
-    // A group takes one of its subcommands.
-    Command add_group(const std::string& name, const std::string& description);
+    // A group takes one of its subcommands. `fill` adds them, when the command line names the group: there are so many
+    // commands that making all of them takes longer than most take to run.
+    void add_group(const std::string& name, const std::string& description, void (*fill)(Command group));
     Command add_command(const std::string& name, const std::string& description);
 
     Option add_flag(const std::string& name, bool& value, const std::string& description);
@@ -71,7 +72,8 @@ private:
 
 class CommandLine {
 public:
-    CommandLine(const std::string& description, const std::string& version);
+    // The arguments of main, which outlive it.
+    CommandLine(const std::string& description, const std::string& version, int argc, char** argv);
     ~CommandLine();
     CommandLine(const CommandLine&) = delete;
     CommandLine& operator=(const CommandLine&) = delete;
@@ -81,7 +83,7 @@ public:
     void otherwise(std::function<Exit(bool as_json)> run);
 
     // The exit code when there is nothing to run: wrong usage, which has been complained about.
-    std::optional<int> parse(int argc, char** argv);
+    std::optional<int> parse();
     const Run& run() const;
 
 private:
