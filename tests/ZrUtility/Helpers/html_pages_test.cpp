@@ -47,6 +47,14 @@ protected:
     }
     ~HtmlPages() override { DestroyWindow(owner); }
 
+    void SetUp() override {
+        const HWND other = CreateWindowExW(0, WC_HTML, nullptr, WS_CHILD, 0, 0, 1, 1, owner, nullptr, nullptr, nullptr);
+        const LRESULT shown = SendMessageW(other, WM_SETTEXT, 0, reinterpret_cast<LPARAM>(u""));
+        const DWORD error = GetLastError();
+        DestroyWindow(other);
+        if (!shown && error == ERROR_MOD_NOT_FOUND) GTEST_SKIP() << "this computer has nothing that shows documents";
+    }
+
     // Handles messages until it is so.
     template <class Condition>
     bool pumped_until(Condition is_so) {
