@@ -16,6 +16,13 @@ Function* real_line(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// What a function's name in the library says of a DWORD_PTR.
+#if __SIZEOF_POINTER__ == 8
+#define ZR_NAMED_PTR "m"
+#else
+#define ZR_NAMED_PTR "j"
+#endif
+
 std::string numbered(const char* event, DWORD number) {
     return std::string(event) + " " + std::to_string(number);
 }
@@ -50,8 +57,9 @@ IN_THE_WAY LONG lineInitialize(LPHLINEAPP session, HINSTANCE instance, LINECALLB
                                LPDWORD lines) {
     FakeTapi* const fake = FakeTapi::current();
     if (!fake)
-        return real_line<decltype(lineInitialize)>("_Z14lineInitializePjP11HINSTANCE__PFvjjmmmmEPKDsS_")(
-            session, instance, callback, name, lines);
+        return real_line<decltype(lineInitialize)>(
+            "_Z14lineInitializePjP11HINSTANCE__PFvjj" ZR_NAMED_PTR ZR_NAMED_PTR ZR_NAMED_PTR ZR_NAMED_PTR
+            "EPKDsS_")(session, instance, callback, name, lines);
     fake->callback = callback;
     *session = 1;
     *lines = static_cast<DWORD>(fake->devices.size());
@@ -96,7 +104,7 @@ IN_THE_WAY LONG lineOpen(HLINEAPP session, DWORD device, LPHLINE line, DWORD ver
                          DWORD_PTR instance, DWORD privileges, DWORD modes, LPLINECALLPARAMS params) {
     FakeTapi* const fake = FakeTapi::current();
     if (!fake) {
-        return real_line<decltype(lineOpen)>("_Z8lineOpenjjPjjjmjjP18linecallparams_tag")(
+        return real_line<decltype(lineOpen)>("_Z8lineOpenjjPjjj" ZR_NAMED_PTR "jjP18linecallparams_tag")(
             session, device, line, version, extension, instance, privileges, modes, params);
     }
     EXPECT_EQ(privileges, LINECALLPRIVILEGE_MONITOR);
