@@ -17,6 +17,9 @@
 
 namespace zr::test {
 
+// A page of fifty megabytes takes a few seconds, and many times as long on a machine with other work.
+inline constexpr DWORD kPageTime = 180'000;
+
 struct Told {
     UINT code;
     std::u16string target;
@@ -55,7 +58,7 @@ public:
     // Shows it and waits until it is whole.
     HRESULT show(const WCHAR* source) {
         const HRESULT begun = begin(source);
-        return FAILED(begun) ? begun : ZrHtmlWait(control_, 60'000);
+        return FAILED(begun) ? begun : ZrHtmlWait(control_, kPageTime);
     }
     Ptr<IDispatchEx> document() {
         Ptr<IDispatch> found;
@@ -157,7 +160,7 @@ inline HRESULT eval(IDispatchEx* document, const WCHAR* script, VARIANT* result)
 inline bool pump_until(const std::function<bool()>& is_so) {
     const DWORD begin = GetTickCount();
     while (!is_so()) {
-        if (GetTickCount() - begin > 60'000) return false;
+        if (GetTickCount() - begin > kPageTime) return false;
         MSG message;
         MsgWaitForMultipleObjectsEx(0, nullptr, 1000, QS_ALLINPUT, MWMO_INPUTAVAILABLE);
         while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
