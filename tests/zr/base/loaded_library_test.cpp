@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <cmath>
+#include <cstdio>
+#include <string>
 
 #include "zr/base/failure.h"
 
@@ -39,6 +41,23 @@ TEST(LoadedLibrary, WithoutAFunctionIsSaidLikewise) {
     } catch (const Failure& failure) {
         EXPECT_EQ(failure.code, zr::Exit::StoreFailed);
         EXPECT_EQ(failure.text, std::string(kNeed) + ": libm.so.6 has no no_such_call");
+    }
+}
+
+// What brings many others along is not there before a command needs it.
+TEST(LoadedLibrary, IsNoneThatTheToolBeginsWith) {
+    std::FILE* const list = popen("LD_TRACE_LOADED_OBJECTS=1 " ZR_TOOL, "r");
+    ASSERT_NE(list, nullptr);
+    std::string all;
+    char line[512];
+    while (std::fgets(line, sizeof line, list) != nullptr) {
+        all += line;
+    }
+    EXPECT_EQ(pclose(list), 0);
+    EXPECT_THAT(all, testing::HasSubstr("libZrUtility"));
+    for (const char* const library :
+         {"libgmime", "libical", "libicu", "libebook", "libgobject", "libxml2", "libpango"}) {
+        EXPECT_THAT(all, testing::Not(testing::HasSubstr(library)));
     }
 }
 
