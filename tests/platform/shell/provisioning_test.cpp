@@ -406,6 +406,17 @@ TEST_F(Provisioning, TakesValuesOf100Kilobytes) {
     EXPECT_NE(done.document.find(large), std::u16string::npos);
 }
 
+// The text is UTF-16 when it comes, whatever it calls itself.
+TEST_F(Provisioning, TakesNoNoticeOfTheEncodingThatADocumentNames) {
+    const std::u16string value = u"J\u00F6 \u65E5\u672C \U0001F600";
+    for (const std::u16string encoding : {u"utf-8", u"utf-16", u"ISO-8859-1", u"no-such-set"}) {
+        const Outcome done = process(u"<?xml version=\"1.0\" encoding=\"" + encoding + u"\"?>" +
+                                     in_key(parm(u"Named", value) + u"<parm-query name=\"Named\" />"));
+        EXPECT_EQ(done.result, S_OK);
+        EXPECT_NE(done.document.find(value), std::u16string::npos);
+    }
+}
+
 TEST_F(Provisioning, RefusesWrongArguments) {
     LPWSTR given = reinterpret_cast<LPWSTR>(this);
     EXPECT_EQ(DMProcessConfigXML(nullptr, CFGFLAG_PROCESS, &given), E_INVALIDARG);
