@@ -10,7 +10,7 @@
 class ZRUTILITY_API RegistryUtilities {
 public:
     // The colours at the positions 9 and 8 of the theme's array.
-    enum COLOR_INDICES { COLOR_AT_9 = 0, COLOR_AT_8 = 1 };
+    enum COLOR_INDICES : int { COLOR_AT_9 = 0, COLOR_AT_8 = 1 };
 
     // The colour as a COLORREF (0x00BBGGRR). The theme is HKEY_LOCAL_MACHINE\Software\Microsoft\Color: the array of
     // 32-bit colours in its binary value "SHColor", and values named by a position, which go before the array. While it
