@@ -85,6 +85,19 @@ if(ZR_SANITIZE)
   target_compile_options(zr_settings INTERFACE -fsanitize=${ZR_SANITIZE} -fno-sanitize-recover=all
                                                -fno-omit-frame-pointer)
   target_link_options(zr_settings INTERFACE -fsanitize=${ZR_SANITIZE})
+  # Linked in, Clang's thread sanitizer would let no program have an operator new of its own.
+  if(ZR_SANITIZE MATCHES thread AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.tsan-${CMAKE_SYSTEM_PROCESSOR}.so
+                    OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+    cmake_path(GET runtime PARENT_PATH folder)
+    target_link_options(zr_settings INTERFACE -shared-libsan -Wl,-rpath,${folder})
+  endif()
+  foreach(sanitizer address thread)
+    if(ZR_SANITIZE MATCHES ${sanitizer})
+      string(TOUPPER ZR_SANITIZE_${sanitizer} defined)
+      target_compile_definitions(zr_settings INTERFACE ${defined})
+    endif()
+  endforeach()
 endif()
 # The fuzzer sees where a run goes in everything that is ours, not only in the target's own file.
 if(ZR_FUZZ)

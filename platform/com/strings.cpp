@@ -27,14 +27,8 @@ constexpr std::size_t kClasses = 17;  // blocks of 32 to 512 bytes
 constexpr std::uint32_t kKept = 64;   // of each size
 
 // The address checker sees a use after free only when blocks are not handed out again at once.
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZR_SANITIZE_ADDRESS)
 constexpr bool kRecycle = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kRecycle = false;
-#else
-constexpr bool kRecycle = true;
-#endif
 #else
 constexpr bool kRecycle = true;
 #endif

@@ -18,6 +18,7 @@
 #include "ZrLog/log_support.h"
 #include "support/child.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -355,7 +356,7 @@ TEST_F(LogPlaceTest, SurvivesAProgramThatClosesAllDescriptors) {
 TEST_F(LogPlaceTest, ForksUnderLoadLogOnInBothProcesses) {
     const Variable size("ZR_LOG_SIZE", "64K");
     const Variable files("ZR_LOG_FILES", "9999");
-    constexpr int kForks = 300;
+    constexpr int kForks = 300 / zr::test::kStride;
     constexpr int kEach = 100;
     ASSERT_TRUE(zrLogSetFile(path_.c_str()));
     std::atomic<std::uint64_t> written{0};

@@ -13,10 +13,11 @@ constexpr int kUnlimited = -1;
 thread_local int successesLeft = kUnlimited;
 thread_local bool lookingUp = false;
 
-// The function of this name behind this program's own: the C library's, or a sanitizer's. Null while it is looked up:
-// the search may want memory itself, and does without.
+// The function of this name behind this program's own: of a sanitizer that is linked into the program, else the next
+// library's. Null while it is looked up: the search may want memory itself, and does without.
 template <class Function>
-Function next(std::atomic<Function>& known, const char* name) {
+Function next(std::atomic<Function>& known, Function linked, const char* name) {
+    if (linked != nullptr) return linked;
     Function function = known.load(std::memory_order_relaxed);
     if (function != nullptr || lookingUp) return function;
     lookingUp = true;
@@ -42,13 +43,16 @@ std::atomic<Realloc> nextRealloc{nullptr};
 
 }  // namespace
 
-extern "C" void* calloc(std::size_t count, std::size_t size) noexcept {
-    const Calloc function = mayAllocate() ? next(nextCalloc, "calloc") : nullptr;
+extern "C" [[gnu::weak]] void* __interceptor_calloc(std::size_t count, std::size_t size);
+extern "C" [[gnu::weak]] void* __interceptor_realloc(void* block, std::size_t size);
+
+extern "C" [[gnu::visibility("default")]] void* calloc(std::size_t count, std::size_t size) noexcept {
+    const Calloc function = mayAllocate() ? next(nextCalloc, &__interceptor_calloc, "calloc") : nullptr;
     return function != nullptr ? function(count, size) : nullptr;
 }
 
-extern "C" void* realloc(void* block, std::size_t size) noexcept {
-    const Realloc function = mayAllocate() ? next(nextRealloc, "realloc") : nullptr;
+extern "C" [[gnu::visibility("default")]] void* realloc(void* block, std::size_t size) noexcept {
+    const Realloc function = mayAllocate() ? next(nextRealloc, &__interceptor_realloc, "realloc") : nullptr;
     return function != nullptr ? function(block, size) : nullptr;
 }
 

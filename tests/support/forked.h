@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_ADDRESS) || defined(ZR_SANITIZE_THREAD)
 #include "support/own_process.h"
 #endif
 
@@ -90,7 +90,7 @@ private:
 // nor does the thread sanitizer's lock one beside a thread that loads a library: the child waits for it for ever. Under
 // one, and only there, all others sleep meanwhile, and loads are between two turns.
 inline pid_t fork_beside_threads() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_ADDRESS) || defined(ZR_SANITIZE_THREAD)
     const std::lock_guard closed(Load::gate());
     while (Load::busy().load() != 0) {
         std::this_thread::yield();

@@ -7,15 +7,15 @@
 
 namespace zr::test {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_ADDRESS) || defined(ZR_SANITIZE_THREAD)
 inline constexpr bool kInstrumented = true;
 #else
 inline constexpr bool kInstrumented = false;
 #endif
 
-// Threads that a sanitizer has of its own from the process's first thread on.
-#if defined(__SANITIZE_THREAD__)
-inline constexpr int kSanitizerThreads = 1;
+// Threads that a sanitizer may have of its own: one from the process's first thread on, and one from a fork on.
+#if defined(ZR_SANITIZE_THREAD)
+inline constexpr int kSanitizerThreads = 2;
 #else
 inline constexpr int kSanitizerThreads = 0;
 #endif

@@ -2,7 +2,7 @@
 
 // While it lives, the leak check passes over what the calling thread allocates: what is lost on purpose.
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZR_SANITIZE_ADDRESS)
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -10,7 +10,7 @@ namespace zr::test {
 
 class LeftBehind {
 public:
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZR_SANITIZE_ADDRESS)
     LeftBehind() {
         __lsan_disable();
     }

@@ -2,12 +2,14 @@
 #include <signal.h>
 
 #include "support/child.h"
+#include "support/each_alone.h"
 #include "support/sandbox.h"
 
-// What the thread sanitizer is told, which looks for these by name. A forked child that starts a thread would be ended.
+// What the thread sanitizer is told, which looks for these by name. A forked child that starts a thread would be ended;
+// and each process would sleep a second before it ends.
 extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options();
 extern "C" const char* __tsan_default_options() {
-    return "die_after_fork=0";
+    return "die_after_fork=0:atexit_sleep_ms=20";
 }
 
 // Pango hands what it asks fontconfig for to a thread of its own. None of these is instrumented, so that not all of
@@ -27,6 +29,7 @@ extern "C" const char* __tsan_default_suppressions() {
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
+    if (zr::test::wants_each_alone(argc, argv)) return zr::test::run_each_alone(argc, argv);
     zr::test::enter_sandbox();
     if (const int result = zr::test::run_as_child(argc, argv); result >= 0) return result;
     testing::InitGoogleTest(&argc, argv);

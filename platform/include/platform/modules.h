@@ -65,12 +65,19 @@ constexpr ZrModuleVersionNote zrModuleVersionNote(DWORD major, DWORD minor, DWOR
              0}};
 }
 
+// The address sanitizer of Clang would put what it watches behind it, which is no note.
+#if defined(__clang__)
+#define ZR_MODULE_NOTE_ALONE __attribute__((no_sanitize("address")))
+#else
+#define ZR_MODULE_NOTE_ALONE
+#endif
+
 // Gives the module that it stands in a version of four 16-bit numbers, and flags (VS_FF_DEBUG or 0). Once per module,
 // at namespace scope.
 #define ZR_MODULE_VERSION(major, minor, build, revision, flags)                                    \
     extern __attribute__((visibility("hidden"))) const ZrModuleVersionNote zr_module_version_note; \
     __attribute__((section(".note.zrutility.version"), used, aligned(4)))                          \
-    const ZrModuleVersionNote zr_module_version_note =                                             \
+    ZR_MODULE_NOTE_ALONE const ZrModuleVersionNote zr_module_version_note =                        \
         zrModuleVersionNote((major), (minor), (build), (revision), (flags));
 
 // Loads a module; the same file twice is one module, to be freed twice. A name without a separator that is no file at

@@ -30,7 +30,7 @@ namespace {
 
 constexpr int kFolders = 10;
 constexpr int kProcesses = 4;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_ADDRESS) || defined(ZR_SANITIZE_THREAD)
 constexpr int kFiles = 10000;
 #else
 constexpr int kFiles = 100000;

@@ -442,7 +442,7 @@ TYPED_TEST(ExcludingLock, AThreadThatIsEndedWhileItWaitsHoldsNothing) {
 }
 
 // Half a minute of sleep, beside other tests. Time cannot be made shorter for it; once, in the plain builds, is enough.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(ZR_SANITIZE_ADDRESS) && !defined(ZR_SANITIZE_THREAD)
 TEST(DebugMutexLockSlow, CarriesOnAfterThirtySeconds) {
     DebugMutexLock lock;
     ASSERT_EQ(lock.Init(), 1);

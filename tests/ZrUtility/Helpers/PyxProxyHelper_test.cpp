@@ -568,18 +568,19 @@ TEST_F(ProxyHelper, AWorkerEndedAtAnyMomentLeavesTheEntriesWhole) {
 
 TEST_F(ProxyHelper, LeavesNothingBehind) {
     have_entries();
-    helper().ChangeProxyConnectionSettings(1, 1);
-    helper().ChangeProxyConnectionSettings(0, 1);
-    helper().UpdateProxyConnectionSettings(0, 1);
+    const auto change_often = [] {
+        for (int round = 0; round < 100; ++round) {
+            helper().ChangeProxyConnectionSettings(1, 1);
+            helper().ChangeProxyConnectionSettings(0, 1);
+        }
+        helper().UpdateProxyConnectionSettings(0, 1);
+    };
+    change_often();  // until all is there that is kept for the next time
     const LONGLONG handles = ZrLiveObjects(ZrLiveKind::Handles);
     const long news = live_news();
-    for (int round = 0; round < 20; ++round) {
-        helper().ChangeProxyConnectionSettings(1, 1);
-        helper().ChangeProxyConnectionSettings(0, 1);
-    }
-    helper().UpdateProxyConnectionSettings(0, 1);
+    change_often();
     EXPECT_LE(ZrLiveObjects(ZrLiveKind::Handles), handles);
-    EXPECT_LE(live_news(), news + 60);  // the documents that this test keeps
+    EXPECT_LE(live_news(), news + 300);  // the 200 documents that this test keeps, and a thread that is ending
 }
 
 TEST_F(ProxyHelper, IsWholeWhenMemoryIsShort) {

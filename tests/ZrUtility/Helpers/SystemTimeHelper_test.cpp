@@ -23,7 +23,7 @@
 #include "support/own_process.h"
 #include "support/time_changes.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZR_SANITIZE_ADDRESS)
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -405,7 +405,7 @@ TEST_F(SystemTime, ACallbackThatCallsNothingIsLeftToItself) {
     EXPECT_EQ(helper().StartListening(busy), 0);
     changes.set_clock();
     EXPECT_TRUE(told_.wait());
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZR_SANITIZE_ADDRESS)
     __lsan_ignore_object(SystemTimeHelper::m_Instance);  // which is left to the thread
 #endif
     const DWORD start = GetTickCount();

@@ -228,7 +228,7 @@ TEST(VirtualMemoryManager, NoMemoryForTheManager) {
     EXPECT_EQ(VirtualMemoryManager::Release(), 0);
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(ZR_SANITIZE_ADDRESS) && !defined(ZR_SANITIZE_THREAD)
 TEST(VirtualMemoryManager, NoRoomForTheStretch) {
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);

@@ -103,7 +103,7 @@ protected:
         return found;
     }
 
-    const StandInsOfTest own_;
+    const StandInsOfTest own_{};
 };
 
 }  // namespace zr::test

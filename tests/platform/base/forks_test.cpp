@@ -23,7 +23,10 @@ const AtFork at_fork{ForkRank::Mapi,
 
 class Forks : public testing::Test {
 protected:
-    void SetUp() override { calls = &told; }
+    void SetUp() override {
+        resume_after_fork();  // the test's own process may have been forked
+        calls = &told;
+    }
     void TearDown() override { calls = nullptr; }
 
     std::string told;

@@ -290,7 +290,7 @@ TEST(Objects, AForkedChildMeasuresOn) {
 }
 
 TEST(Objects, ThreeHundredForksUnderLoad) {
-#if defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_THREAD)
     GTEST_SKIP() << "ThreadSanitizer allows no threads behind a fork";
 #endif
     const Paper paper;

@@ -274,7 +274,7 @@ ZR_CHILD(html_with_few_descriptors) {
 namespace {
 
 TEST(HtmlFaults, WithoutDescriptorsDocumentsFailAndComeBack) {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZR_SANITIZE_ADDRESS)
     GTEST_SKIP() << "the undefined behaviour sanitizer looks at objects through a pipe of its own";
 #endif
     Child child("html_with_few_descriptors");

@@ -8,6 +8,7 @@
 
 #include "platform/kernel/named/support.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 
 using namespace zr::test;
 
@@ -249,7 +250,7 @@ TEST(KernelFork, ThreeHundredForksUnderLoad) {
         use_section();
     };
     const Load load({use_pages, use_handles, use_names});
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 300 / zr::test::kStride; ++i) {
         ASSERT_EQ(in_fork(use_all), 0) << "fork " << i;
         use_all();
     }

@@ -184,7 +184,7 @@ TEST(Thread, ExitThreadUnderSeveralFunctionsThatMayNotThrow) {
 }
 
 TEST(Thread, ExitThreadInAThreadThatOthersMadeUnderNoexcept) {
-#if defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_THREAD)
     GTEST_SKIP() << "the thread sanitizer does not see a thread end this way";
 #endif
     HANDLE real = nullptr;

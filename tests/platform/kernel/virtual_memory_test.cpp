@@ -258,7 +258,7 @@ TEST(VirtualMemory, SuccessLeavesTheLastErrorAlone) {
     EXPECT_EQ(GetLastError(), 1234u);
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(ZR_SANITIZE_ADDRESS) && !defined(ZR_SANITIZE_THREAD)
 TEST(VirtualMemoryDeathTest, TouchingPagesWithoutMemoryEndsTheProgram) {
     const Region region(0x10000, MEM_RESERVE | MEM_COMMIT);
     *region.at(0) = 1;

@@ -17,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_ADDRESS) || defined(ZR_SANITIZE_THREAD)
 constexpr int kTransactions = 500;
 #else
 constexpr int kTransactions = 1000;

@@ -13,6 +13,7 @@
 #include "store_query.h"
 #include "support/child.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -157,11 +158,7 @@ TEST(Forks, AChildsChangesAreRemoteToItsParent) {
 }
 
 TEST(Forks, AChildOfThreadsAtWorkWorksOn) {
-#if defined(__SANITIZE_THREAD__)
-    constexpr int kForks = 60;
-#else
-    constexpr int kForks = 300;
-#endif
+    constexpr int kForks = 300 / zr::test::kStride;
     TestSession session;
     ASSERT_TRUE(save(session, u"first"));
     std::atomic<int> saved{1};

@@ -399,7 +399,7 @@ TEST(RegistryChangesOfProcesses, WhatAKilledWriterLeftIsTold) {
 }
 
 TEST(RegistryChangesOfProcesses, AForkedChildWatchesForItself) {
-#if defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_THREAD)
     GTEST_SKIP() << "ThreadSanitizer allows no threads behind a fork";
 #endif
     const Key key = create(HKEY_CURRENT_USER, u"forked");

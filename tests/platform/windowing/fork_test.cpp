@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include "support/forked.h"
+#include "support/instrumented.h"
 #include "windowing_support.h"
 
 namespace {
@@ -200,7 +201,7 @@ TEST(WindowingFork, ThreeHundredForksUnderLoad) {
                                    SendMessageTimeoutW(window, WM_GETTEXTLENGTH, 0, 0, 0, 1000, &result);
                                    PostMessageW(window, WM_USER, 0, 0);
                                }});
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 300 / zr::test::kStride; ++i) {
         ASSERT_EQ(in_fork([&]() -> int {
                       use_windows();
                       CHECK(!IsWindow(window));

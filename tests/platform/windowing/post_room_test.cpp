@@ -202,7 +202,7 @@ TEST(SendNotify, IsBoundedAsPostsAre) {
 }
 
 TEST(SendNotify, ItsMemoryComesBack) {
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(ZR_SANITIZE_ADDRESS) && !defined(ZR_SANITIZE_THREAD)
     const auto in_use = [] {
         const struct mallinfo2 info = mallinfo2();
         return info.uordblks + info.hblkhd;

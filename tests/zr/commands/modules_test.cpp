@@ -69,7 +69,7 @@ TEST(ZrModules, WhatCrashesIsNamedAndPassedOver) {
         EXPECT_THAT(lines_of(found.out),
                     UnorderedElementsAre("7\t1.2.3.4 debug\t" + path + "/a.so", "7\t-\t" + path + "/d.so"));
         const auto errors = lines_of(found.err);
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(ZR_SANITIZE_ADDRESS)
         const char* const how = "ends the process";  // the sanitizer takes the signal, and ends it so
 #else
         const char* const how = "crashes";

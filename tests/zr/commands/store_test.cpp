@@ -234,7 +234,7 @@ TEST_F(StoreTool, RefusesFilesThatAreNotTheUsersAlone) {
     const std::string list[][3] = {{"registry.db", "reg", "tree"}, {"pim.db", "contacts", "list"}};
     for (const auto& [name, group, verb] : list) {
         const std::string store = path("home") + "/" + name;
-        const auto refused = [&](const std::string& file, const std::string& why) {
+        const auto refused = [&, &group = group, &verb = verb](const std::string& file, const std::string& why) {
             const auto result = zr({group, verb});
             EXPECT_NE(result.code, 0);
             EXPECT_NE(result.err.find(file + ": " + why), std::string::npos) << result.err;

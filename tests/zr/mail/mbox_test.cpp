@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <random>
 #include <vector>
+#include "support/instrumented.h"
 
 namespace mbox_test {
 namespace {
@@ -184,7 +185,8 @@ TEST(Mbox, LongMessagesAreFoundWhole) {
 
 TEST(Mbox, EveryPlaceOfASeparatorIsFound) {
     // Around where one look at the file ends.
-    for (std::size_t size = (std::size_t{256} << 10) - 80; size < (std::size_t{256} << 10) + 80; ++size) {
+    for (std::size_t size = (std::size_t{256} << 10) - 80; size < (std::size_t{256} << 10) + 80;
+         size += zr::test::kStride) {
         const std::string first = "A: 1\n\n" + std::string(size, 'x') + "\n";
         ASSERT_EQ(messages(mailbox({first, "A: 2\n\n"})).size(), 2u) << size;
     }

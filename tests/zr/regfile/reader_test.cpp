@@ -57,7 +57,7 @@ std::string utf16(std::u16string_view text, bool big = false) {
 
 using Lines = std::vector<std::string>;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ZR_SANITIZE_ADDRESS) || defined(ZR_SANITIZE_THREAD)
 constexpr bool kSanitized = true;  // the sanitizers keep freed memory
 #else
 constexpr bool kSanitized = false;
