@@ -91,7 +91,7 @@ void each_part(std::string_view text, char mark, Visit visit) {
 
 CardAttributes::~CardAttributes() {
     for (void* card : cards_) {
-        evcard().unref(card);
+        evcard::g_object_unref(card);
     }
 }
 
@@ -128,12 +128,15 @@ std::string_view CardAttributes::text_of(const Line& line) const {
 
 // The attributes, a GList, that EVCard makes of some lines.
 void* CardAttributes::parse(const std::string& lines) {
-    EVCard* card = evcard().new_from_string(("BEGIN:VCARD\r\nVERSION:3.0\r\n" + lines + "END:VCARD\r\n").c_str());
+    evcard::start();
+    EVCard* card =
+        evcard::e_vcard_new_from_string(("BEGIN:VCARD\r\nVERSION:3.0\r\n" + lines + "END:VCARD\r\n").c_str());
     cards_.push_back(card);
-    GList* attributes = evcard().attributes(card);
+    GList* attributes = evcard::e_vcard_get_attributes(card);
     // The version comes back as the first of them.
     while (attributes &&
-           equal_ignoring_case(view(evcard().name(static_cast<EVCardAttribute*>(attributes->data))), "VERSION")) {
+           equal_ignoring_case(
+               view(evcard::e_vcard_attribute_get_name(static_cast<EVCardAttribute*>(attributes->data))), "VERSION")) {
         attributes = attributes->next;
     }
     return attributes;
@@ -225,17 +228,21 @@ void CardAttributes::split_values(const Line& line) {
 
 void CardAttributes::take_parsed(const Line& line, void* pointer) {
     auto* attribute = static_cast<EVCardAttribute*>(pointer);
-    attributes_.push_back({whole_of(line), view(evcard().group(attribute)), view(evcard().name(attribute)), {}, {}});
+    attributes_.push_back({whole_of(line),
+                           view(evcard::e_vcard_attribute_get_group(attribute)),
+                           view(evcard::e_vcard_attribute_get_name(attribute)),
+                           {},
+                           {}});
     extents_.push_back({parameters_.size(), values_.size()});
     // EVCard keeps them last one first.
-    for (GList* p = g_list_last(evcard().parameters(attribute)); p; p = p->prev) {
+    for (GList* p = g_list_last(evcard::e_vcard_attribute_get_params(attribute)); p; p = p->prev) {
         auto* parameter = static_cast<EVCardAttributeParam*>(p->data);
-        const std::string_view name = view(evcard().parameter_name(parameter));
-        for (GList* v = evcard().parameter_values(parameter); v; v = v->next) {
+        const std::string_view name = view(evcard::e_vcard_attribute_param_get_name(parameter));
+        for (GList* v = evcard::e_vcard_attribute_param_get_values(parameter); v; v = v->next) {
             add_parameter(name, view(static_cast<const char*>(v->data)));
         }
     }
-    for (GList* v = evcard().values(attribute); v; v = v->next) {
+    for (GList* v = evcard::e_vcard_attribute_get_values(attribute); v; v = v->next) {
         values_.push_back(view(static_cast<const char*>(v->data)));
     }
 }

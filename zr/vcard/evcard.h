@@ -1,25 +1,25 @@
 #pragma once
 
-// EVCard. Its library brings some forty others along, which take longer to load than most commands to run, so it is
-// loaded with the first card that needs it. For this room's sources only.
+// EVCard. Its library brings some forty others along, so it is loaded with the first card that needs it. For this
+// room's sources only.
 
 #include <libebook-contacts/libebook-contacts.h>
 
-namespace zr {
+#include "zr/base/loaded_library.h"
 
-struct EvcardCalls {
-    decltype(&e_vcard_new_from_string) new_from_string;
-    decltype(&g_object_unref) unref;
-    decltype(&e_vcard_get_attributes) attributes;
-    decltype(&e_vcard_attribute_get_group) group;
-    decltype(&e_vcard_attribute_get_name) name;
-    decltype(&e_vcard_attribute_get_params) parameters;
-    decltype(&e_vcard_attribute_get_values) values;
-    decltype(&e_vcard_attribute_param_get_name) parameter_name;
-    decltype(&e_vcard_attribute_param_get_values) parameter_values;
-};
+// clang-format off
+#define ZR_EVCARD_CALLS(CALL)                                                                                         \
+    CALL(e_vcard_attribute_get_group) CALL(e_vcard_attribute_get_name) CALL(e_vcard_attribute_get_params)             \
+    CALL(e_vcard_attribute_get_values) CALL(e_vcard_attribute_param_get_name) CALL(e_vcard_attribute_param_get_values) \
+    CALL(e_vcard_get_attributes) CALL(e_vcard_new_from_string) CALL(g_object_unref)
+// clang-format on
 
-// Any thread. Throws Failure (StoreFailed) where the library is not there.
-const EvcardCalls& evcard();
+// Other libraries' rooms declare some of the same names.
+namespace zr::evcard {
 
-}  // namespace zr
+ZR_EVCARD_CALLS(ZR_LOADED_CALL)
+
+// Before the first call of them. Any thread. Throws Failure (StoreFailed) where the library is not there.
+void start();
+
+}  // namespace zr::evcard
