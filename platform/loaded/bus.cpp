@@ -1,16 +1,16 @@
 // The D-Bus module: sdbus-c++ behind the platform's words.
 
-#include <sdbus-c++/sdbus-c++.h>
-
 #include <map>
 #include <memory>
 #include <new>
 
 #include "bus/bus_module.h"
+#include "sdbus_versions.h"
 
 namespace {
 
 using namespace zr::platform;
+using sdbus_versions::signature;
 
 // What no sane service sends.
 constexpr int kMostDepth = 64;
@@ -57,22 +57,22 @@ void write_container(sdbus::Message& message, const BusValue& value) {
     };
     switch (value.type) {
         case 'a':
-            message.openContainer(value.text);
+            message.openContainer(signature(value.text));
             write_items(message, value);
             message.closeContainer();
             break;
         case 'r':
-            message.openStruct(inner());
+            message.openStruct(signature(inner()));
             write_items(message, value);
             message.closeStruct();
             break;
         case 'e':
-            message.openDictEntry(inner());
+            message.openDictEntry(signature(inner()));
             write_items(message, value);
             message.closeDictEntry();
             break;
         case 'v':
-            message.openVariant(inner());
+            message.openVariant(signature(inner()));
             write_items(message, value);
             message.closeVariant();
             break;
@@ -131,13 +131,11 @@ public:
     // All values up to the end of the container that was entered, or of the message.
     std::vector<BusValue> read_all(int depth = 0) {
         std::vector<BusValue> values;
-        std::string type;
-        std::string contents;
         for (;;) {
-            message_.peekType(type, contents);
-            if (type.empty() || type[0] == '\0') return values;
+            const auto [type, contents] = sdbus_versions::peek(message_);
+            if (type == '\0') return values;
             if (++count_ > kMostValues || depth > kMostDepth) throw Nonsense{};
-            values.push_back(read(type[0], contents, depth));
+            values.push_back(read(type, contents, depth));
         }
     }
 
@@ -206,22 +204,22 @@ private:
         switch (value.type) {
             case 'a':
                 value.text = contents;
-                message_.enterContainer(contents);
+                message_.enterContainer(signature(contents));
                 value.items = read_all(depth + 1);
                 message_.exitContainer();
                 break;
             case 'r':
-                message_.enterStruct(contents);
+                message_.enterStruct(signature(contents));
                 value.items = read_all(depth + 1);
                 message_.exitStruct();
                 break;
             case 'e':
-                message_.enterDictEntry(contents);
+                message_.enterDictEntry(signature(contents));
                 value.items = read_all(depth + 1);
                 message_.exitDictEntry();
                 break;
             case 'v':
-                message_.enterVariant(contents);
+                message_.enterVariant(signature(contents));
                 value.items = read_all(depth + 1);
                 message_.exitVariant();
                 break;
@@ -261,22 +259,22 @@ public:
     }
 
     void process() {
-        while (bus_->processPendingRequest()) {
+        while (sdbus_versions::process(*bus_)) {
         }
         finished_.clear();
     }
 
     void call(std::uint64_t id, const BusRequest& request, std::uint64_t microseconds) {
-        auto proxy = sdbus::createProxy(*bus_, request.destination, request.path);
-        auto message = proxy->createMethodCall(request.interface, request.member);
+        auto proxy = sdbus_versions::proxy_of(*bus_, request.destination, request.path);
+        auto message = sdbus_versions::method_call(*proxy, request.interface, request.member);
         for (const BusValue& each : request.arguments) {
             write_value(message, each);
         }
         auto* const sender = proxy.get();
         const auto place = calls_.emplace(id, std::move(proxy)).first;
         try {
-            sender->callMethod(
-                message,
+            sdbus_versions::call(
+                *sender, message,
                 [this, id](sdbus::MethodReply& reply, const sdbus::Error* error) noexcept { answer(id, reply, error); },
                 microseconds);
         } catch (...) {
@@ -286,7 +284,8 @@ public:
     }
 
     void match(std::uint64_t id, const std::string& rule) {
-        matches_[id] = bus_->addMatch(rule, [this, id](sdbus::Message& message) noexcept { tell(id, message); });
+        matches_[id] =
+            sdbus_versions::match(*bus_, rule, [this, id](sdbus::Message& message) noexcept { tell(id, message); });
     }
     void unmatch(std::uint64_t id) { matches_.erase(id); }
 

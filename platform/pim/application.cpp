@@ -233,18 +233,32 @@ HRESULT Application::get_StorePath(BSTR* path) {
     return guarded([&] { return give_text(host_to_wide(session->store().shared().path()), path); });
 }
 
-HRESULT Application::FindByUid(INT folder, LPCWSTR uid, LONG after, LONG* oid) {
-    if (oid == nullptr) return fail(E_POINTER);
-    *oid = 0;
-    if (!is_folder(folder)) return fail(E_INVALIDARG, "There is no such default folder.");
+template <class Find>
+HRESULT Application::find_item(LONG* oid, Find find) {
     const SessionRef session = this->session();
     if (!session) return HRESULT_FROM_WIN32(kNotLoggedOn);
     return guarded([&] {
         Store& store = session->store();
         const auto lock = store.lock();
         const HRESULT result = store.refresh();
-        const std::u16string_view wanted = uid != nullptr ? uid : std::u16string_view();
-        return SUCCEEDED(result) ? store.with_uid(folder, wanted, after, *oid) : result;
+        return SUCCEEDED(result) ? find(store, *oid) : result;
+    });
+}
+
+HRESULT Application::FindByUid(INT folder, LPCWSTR uid, LONG after, LONG* oid) {
+    if (oid == nullptr) return fail(E_POINTER);
+    *oid = 0;
+    if (!is_folder(folder)) return fail(E_INVALIDARG, "There is no such default folder.");
+    return find_item(oid, [&](Store& store, LONG& found) {
+        return store.with_uid(folder, uid != nullptr ? uid : std::u16string_view(), after, found);
+    });
+}
+
+HRESULT Application::FindByEmail(LPCWSTR address, LONG after, LONG* oid) {
+    if (oid == nullptr) return fail(E_POINTER);
+    *oid = 0;
+    return find_item(oid, [&](Store& store, LONG& found) {
+        return store.with_email(address != nullptr ? address : std::u16string_view(), after, found);
     });
 }
 

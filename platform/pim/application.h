@@ -48,12 +48,15 @@ public:
     HRESULT LastErrorText(BSTR* text) override;
     HRESULT get_StorePath(BSTR* path) override;
     HRESULT FindByUid(INT folder, LPCWSTR uid, LONG after, LONG* oid) override;
+    HRESULT FindByEmail(LPCWSTR address, LONG after, LONG* oid) override;
 
 private:
     Application() = default;
     ~Application() = default;
 
     SessionRef session();  // empty when not logged on
+    template <class Find>
+    HRESULT find_item(LONG* oid, Find find);
 
     std::atomic<ULONG> references_{0};
     std::atomic<std::uint32_t> holds_{0};

@@ -257,6 +257,37 @@ HRESULT Store::with_uid(INT folder, std::u16string_view uid, LONG after, LONG& o
     return code == SQLITE_ROW || code == SQLITE_DONE ? S_OK : reader_.result();
 }
 
+HRESULT Store::with_email(std::u16string_view address, LONG after, LONG& oid) {
+    oid = 0;
+    if (address.empty()) return S_OK;
+    const std::u16string wanted = text_key(address);
+    // A letter of ASCII and one of the others are never the same one in two cases.
+    const bool ascii = std::ranges::all_of(wanted, [](char16_t unit) { return unit >= u' ' && unit <= u'~'; });
+    const Use rows = reader_.use(
+        ascii ? "SELECT min(oid) FROM ("
+                "SELECT * FROM (SELECT oid FROM contact WHERE email1 <> '' AND lower(email1) = ?2 AND oid > ?1"
+                " ORDER BY oid LIMIT 1) UNION ALL "
+                "SELECT * FROM (SELECT oid FROM contact WHERE email2 <> '' AND lower(email2) = ?2 AND oid > ?1"
+                " ORDER BY oid LIMIT 1) UNION ALL "
+                "SELECT * FROM (SELECT oid FROM contact WHERE email3 <> '' AND lower(email3) = ?2 AND oid > ?1"
+                " ORDER BY oid LIMIT 1)) HAVING min(oid) IS NOT NULL"
+              : "SELECT oid, email1, email2, email3 FROM contact WHERE (email1 GLOB '*[^ -~]*'"
+                " OR email2 GLOB '*[^ -~]*' OR email3 GLOB '*[^ -~]*') AND oid > ?1 ORDER BY oid");
+    if (!rows) return reader_.result();
+    rows->bind(1, after);
+    if (ascii) rows->bind_text(2, wanted);
+    int code;
+    while ((code = rows->step()) == SQLITE_ROW) {
+        if (!ascii && text_key(rows->text(1)) != wanted && text_key(rows->text(2)) != wanted &&
+            text_key(rows->text(3)) != wanted) {
+            continue;
+        }
+        oid = static_cast<LONG>(rows->integer(0));
+        return S_OK;
+    }
+    return code == SQLITE_DONE ? S_OK : reader_.result();
+}
+
 HRESULT Store::born(LONG oid, LONGLONG& seq) {
     const Use rows = reader_.use(folder_of(oid) == olFolderContacts ? "SELECT born FROM contact WHERE oid = ?1"
                                                                     : "SELECT born FROM entry WHERE oid = ?1");

@@ -81,6 +81,8 @@ public:
     HRESULT exists(LONG oid);
     // The first item behind `after` with this lasting identifier, or without any where it is empty; 0: none.
     HRESULT with_uid(INT folder, std::u16string_view uid, LONG after, LONG& oid);
+    // The first contact behind `after` with this address, ignoring case as _wcsicmp does; 0: none.
+    HRESULT with_email(std::u16string_view address, LONG after, LONG& oid);
     // The change in which the item was made.
     HRESULT born(LONG oid, LONGLONG& seq);
     ContactRows& rows() { return rows_; }

@@ -36,7 +36,7 @@ HWND make_window() {
     return CreateWindowExW(0, u"together.test", nullptr, 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
 }
 
-bool is_signalled(HANDLE handle) {
+bool comes_soon(HANDLE handle) {
     return WaitForSingleObject(handle, kSoon) == WAIT_OBJECT_0;
 }
 
@@ -78,7 +78,7 @@ public:
     }
     ~EveryFamily() {
         EXPECT_TRUE(TerminateProcess(process_.hProcess, 0));
-        EXPECT_TRUE(is_signalled(process_.hProcess));
+        EXPECT_TRUE(comes_soon(process_.hProcess));
         CloseHandle(process_.hProcess);
         CloseHandle(process_.hThread);
         for (const HANDLE timer : timers_) {
@@ -166,14 +166,14 @@ TEST(Together, TakesFewThreadsAndQueuesOfTheHost) {
     const TimeChanges changes;
     const EveryFamily all;
     EXPECT_EQ(all.set_value(1), 0);
-    EXPECT_TRUE(is_signalled(all.registry()));
+    EXPECT_TRUE(comes_soon(all.registry()));
     all.make_file("file");
-    EXPECT_TRUE(is_signalled(all.first_folder()));
+    EXPECT_TRUE(comes_soon(all.first_folder()));
     EXPECT_TRUE(all.window_is_told());
     EXPECT_EQ(Child("event_setter").wait(), 0);
-    EXPECT_TRUE(is_signalled(all.named()));
+    EXPECT_TRUE(comes_soon(all.named()));
     changes.set_clock();
-    EXPECT_TRUE(is_signalled(all.named()));
+    EXPECT_TRUE(comes_soon(all.named()));
     EXPECT_TRUE(until_threads(1 + kMostThreads + added_threads()));
     EXPECT_LE(queues_of_process(), kMostQueues);
 }
@@ -183,7 +183,7 @@ TEST(Together, ALockedStoreDelaysNeitherFoldersNorNamedObjects) {
     const TimeChanges changes;
     const EveryFamily all;
     EXPECT_EQ(all.set_value(1), 0);
-    EXPECT_TRUE(is_signalled(all.registry()));
+    EXPECT_TRUE(comes_soon(all.registry()));
     Child holder("holder");
     ASSERT_EQ(holder.hear(), "held");
     std::atomic<bool> refused{false};
@@ -194,13 +194,13 @@ TEST(Together, ALockedStoreDelaysNeitherFoldersNorNamedObjects) {
     int told = 0;
     for (int i = 0; !refused; ++i) {
         all.make_file(std::to_string(i));
-        EXPECT_TRUE(is_signalled(all.first_folder()));
+        EXPECT_TRUE(comes_soon(all.first_folder()));
         FindNextChangeNotification(all.first_folder());
         EXPECT_TRUE(all.window_is_told());
         EXPECT_EQ(Child("event_setter").wait(), 0);
-        EXPECT_TRUE(is_signalled(all.named()));
+        EXPECT_TRUE(comes_soon(all.named()));
         changes.set_clock();
-        EXPECT_TRUE(is_signalled(all.named()));
+        EXPECT_TRUE(comes_soon(all.named()));
         if (!refused) ++told;
     }
     EXPECT_GE(told, 1) << "before the writer was refused";

@@ -6,16 +6,21 @@
 
 namespace zr {
 
-Answer SenderNames::answer(const std::string& address) {
+// Empty when nobody has the address, or several have.
+std::string SenderNames::contact_name(const std::string& address) {
+    if (failed_) return {};
     try {
-        if (!failed_ && !directory_) directory_.emplace();
-        if (directory_) return directory_->answer(address);
+        if (!contacts_) contacts_.emplace();
+        const LONG oid = contacts_->with_email(address);
+        if (oid == 0 || contacts_->with_email(address, oid) != 0) return {};
+        const ComPtr<IContact> contact = contacts_->with_oid(oid);
+        return contact ? display_name(read_contact(contact.get(), Extent::Line)) : "";
     } catch (const Failure& failure) {
         complain("warning: the names of contacts are left out: " + failure.text);
-        directory_.reset();
+        contacts_.reset();
         failed_ = true;
+        return {};
     }
-    return {Exit::None, {}, {}};
 }
 
 std::string SenderNames::name_of(const MailRow& row) {
@@ -24,8 +29,7 @@ std::string SenderNames::name_of(const MailRow& row) {
     auto known = known_.find(row.address);
     if (known == known_.end()) {
         if (known_.size() >= kMostKept) known_.clear();
-        const Answer found = answer(row.address);
-        known = known_.emplace(row.address, found.code == Exit::Ok ? display_name(found.card) : "").first;
+        known = known_.emplace(row.address, contact_name(row.address)).first;
     }
     return known->second.empty() ? given : known->second;
 }

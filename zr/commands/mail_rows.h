@@ -9,13 +9,13 @@
 
 #include "zr/base/json.h"
 #include "zr/base/table.h"
-#include "zr/stores/directory.h"
+#include "zr/stores/contacts.h"
 #include "zr/stores/mail.h"
 
 namespace zr {
 
-// The names of senders: the contact's where the e-mail index knows one, else what the message says; also where the
-// contacts cannot be read, which is told once.
+// The names of senders: the contact's where one has the address, else what the message says; also where the contacts
+// cannot be read, which is told once.
 class SenderNames {
 public:
     std::string name_of(const MailRow& row);
@@ -23,9 +23,9 @@ public:
 private:
     static constexpr std::size_t kMostKept = 10000;
 
-    Answer answer(const std::string& address);
+    std::string contact_name(const std::string& address);
 
-    std::optional<Directory> directory_;
+    std::optional<Store> contacts_;
     bool failed_ = false;
     std::map<std::string, std::string> known_;  // by address; empty: no contact's
 };

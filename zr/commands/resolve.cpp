@@ -1,7 +1,8 @@
-// zr resolve: the contact behind the sender of a message, found through the library's e-mail index.
+// zr resolve: the contact behind the sender of a message.
 
 #include <sys/stat.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -83,41 +84,43 @@ void add_addresses(const std::string& text, std::vector<Query>& queries) {
     }
 }
 
-const char* word_of(const Answer& answer) {
-    return answer.code == Exit::Ok ? "one" : answer.code == Exit::None ? "none" : "several";
+using Owners = std::vector<Owner>;
+using FindOwners = std::function<Owners(const std::string& address)>;
+
+const char* word_of(const Owners& owners) {
+    return owners.empty() ? "none" : owners.size() == 1 ? "one" : "several";
 }
 
-// `several`: the contacts, where there are several.
-std::string answer_line(const Query& query, const Answer& answer, const std::vector<Answer>& several) {
+Exit code_of(const Owners& owners) {
+    return owners.empty() ? Exit::None : owners.size() == 1 ? Exit::Ok : Exit::Several;
+}
+
+std::string answer_line(const Query& query, const Owners& owners) {
     std::string line;
     if (!query.message.empty()) line = printable(query.message) + ": ";
-    line += printable(query.sender.address) + ": " + word_of(answer);
-    if (answer.code == Exit::Ok) {
-        line += ": " + printable(display_name(answer.card));
-        const std::string& company = answer.card[Field::Company];
-        if (!company.empty()) line += ", " + printable(company);
-        line += " (contact " + std::to_string(answer.oid) + ")";
-    }
-    for (const Answer& each : several) {
-        line += (&each == several.data() ? ": " : ", ") + printable(display_name(each.card)) + " (contact " +
-                std::to_string(each.oid) + ")";
+    line += printable(query.sender.address) + ": " + word_of(owners);
+    for (const Owner& owner : owners) {
+        line += (&owner == owners.data() ? ": " : ", ") + printable(display_name(owner.card));
+        const std::string& company = owner.card[Field::Company];
+        if (owners.size() == 1 && !company.empty()) line += ", " + printable(company);
+        line += " (contact " + std::to_string(owner.oid) + ")";
     }
     return line + "\n";
 }
 
-Json answer_object(const Query& query, const Answer& answer, const std::vector<Answer>& several) {
+Json answer_object(const Query& query, const Owners& owners) {
     Json json;
     if (!query.message.empty()) {
         json.set("message", query.message);
         json.set("subject", query.subject);
     }
     json.set("sender", {{"name", query.sender.name}, {"address", query.sender.address}});
-    json.set("answer", word_of(answer));
-    if (answer.code == Exit::Ok) json.set("contact", contact_json(answer.oid, answer.card));
-    if (answer.code == Exit::Several) {
+    json.set("answer", word_of(owners));
+    if (owners.size() == 1) json.set("contact", contact_json(owners[0].oid, owners[0].card));
+    if (owners.size() > 1) {
         Json contacts = Json::array();
-        for (const Answer& each : several) {
-            contacts.add(contact_json(each.oid, each.card));
+        for (const Owner& owner : owners) {
+            contacts.add(contact_json(owner.oid, owner.card));
         }
         json.set("contacts", std::move(contacts));
     }
@@ -125,15 +128,12 @@ Json answer_object(const Query& query, const Answer& answer, const std::vector<A
 }
 
 // Prints the answers that are not what was printed before.
-Exit print_answers(Directory& directory, std::vector<Query>& queries, bool json) {
+Exit print_answers(const FindOwners& find, std::vector<Query>& queries, bool json) {
     Exit code = Exit::Ok;
     for (Query& query : queries) {
-        const Answer answer = directory.answer(query.sender.address);
-        code = combine(code, answer.code);
-        std::vector<Answer> several;
-        if (answer.code == Exit::Several) several = Directory::all_with(query.sender.address);
-        std::string text =
-            json ? json_text(answer_object(query, answer, several)) + "\n" : answer_line(query, answer, several);
+        const Owners owners = find(query.sender.address);
+        code = combine(code, code_of(owners));
+        std::string text = json ? json_text(answer_object(query, owners)) + "\n" : answer_line(query, owners);
         if (text == query.shown) continue;
         print(text);
         query.shown = std::move(text);
@@ -163,13 +163,15 @@ Exit resolve(const ResolveOptions& options) {
     collect_queries(options, queries, code);
     if (queries.empty()) return code;
     if (!options.watch) {
-        Directory directory;
-        return combine(code, print_answers(directory, queries, options.json));
+        Store store;
+        const FindOwners find = [&store](const std::string& address) { return owners_of(store, address); };
+        return combine(code, print_answers(find, queries, options.json));
     }
     EventLoop loop;
     Directory directory;
+    const FindOwners find = [&directory](const std::string& address) { return directory.owners_of(address); };
     do {
-        print_answers(directory, queries, options.json);
+        print_answers(find, queries, options.json);
     } while (loop.wait({}));
     return code;
 }

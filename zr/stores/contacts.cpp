@@ -131,22 +131,25 @@ void forget_addresses(IContact* contact) {
 
 }  // namespace
 
-Store::Store() : items_(session_.items(olFolderContacts)) {}
+IPOutlookItemCollection* Store::items() {
+    if (!items_) items_ = session_.items(olFolderContacts);
+    return items_.get();
+}
 
 int Store::count() {
     INT count = 0;
-    check(items_->get_Count(&count), "counting the contacts");
+    check(items()->get_Count(&count), "counting the contacts");
     return count;
 }
 
 void Store::sort(const std::u16string& tag, bool descending) {
     std::u16string text = tag;
-    check(items_->Sort(text.data(), descending ? VARIANT_TRUE : VARIANT_FALSE), "sorting the contacts");
+    check(items()->Sort(text.data(), descending ? VARIANT_TRUE : VARIANT_FALSE), "sorting the contacts");
 }
 
 ComPtr<IContact> Store::at(int index) {
     ComPtr<IContact> contact;
-    const HRESULT result = items_->Item(index, contact.out<IDispatch>());
+    const HRESULT result = items()->Item(index, contact.out<IDispatch>());
     if (!is_missing(result)) check(result, "reading a contact");
     return contact;
 }

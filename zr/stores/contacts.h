@@ -21,8 +21,6 @@ struct CardToSave {
 // The contacts, open as long as the object. For one thread.
 class Store {
 public:
-    Store();
-
     int count();
     void sort(const std::u16string& tag, bool descending);  // "[LastName]"
     // The contact at a place of the order, from 1; empty when it is gone meanwhile.
@@ -31,6 +29,9 @@ public:
     // The first contact behind the number `after` with this lasting identifier, or without any where it is empty; 0:
     // there is none.
     LONG with_uid(const std::string& uid, LONG after = 0) { return session_.with_uid(olFolderContacts, uid, after); }
+
+    // The first contact behind the number `after` that has this address, in any letter case; 0: there is none.
+    LONG with_email(const std::string& address, LONG after = 0) { return session_.with_email(address, after); }
 
     // Saves all of the cards at once, and tells the numbers of new ones; one that the store refuses stops none of the
     // others. A contact that is gone meanwhile is a new one.
@@ -46,8 +47,10 @@ private:
     LONG save_new(const Card& card);
     void replace(IContact* contact, const Card& card);
 
+    IPOutlookItemCollection* items();
+
     Session session_;
-    ComPtr<IPOutlookItemCollection> items_;
+    ComPtr<IPOutlookItemCollection> items_;  // empty until asked for: it knows the number of every contact
 };
 
 // How much of a contact is read.

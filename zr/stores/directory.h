@@ -1,25 +1,27 @@
 #pragma once
 
-// Whose address is it? The library's e-mail index over the contacts, kept up to date while messages are pumped.
+// Whose address is it? Every function throws Failure when the store fails.
 
 #include <ZrUtility/ZrUtility.h>
 
 #include <string>
 #include <vector>
 
-#include "zr/base/exit_code.h"
 #include "zr/stores/contacts.h"
 
 namespace zr {
 
-struct Answer {
-    Exit code = Exit::Ok;  // one, none or several contacts
-    LONG oid = 0;          // of the one
-    Card card;
+// A contact that has an address.
+struct Owner {
+    LONG oid;
+    Card card;  // its fields
 };
 
-// The library's contacts manager, with the index, for as long as the object. Every function throws Failure when the
-// store fails.
+// In the order of their numbers, from the store's index of addresses.
+std::vector<Owner> owners_of(Store& store, const std::string& address);
+
+// For a program that stays and asks again: the library's e-mail index, kept up to date while messages are pumped. It
+// knows without the store that an address is nobody's.
 class Directory {
 public:
     Directory();
@@ -27,12 +29,11 @@ public:
     Directory(const Directory&) = delete;
     Directory& operator=(const Directory&) = delete;
 
-    Answer answer(const std::string& address);
-    // The contacts that have an address which several have. Reads all contacts.
-    static std::vector<Answer> all_with(const std::string& address);
+    std::vector<Owner> owners_of(const std::string& address);
 
 private:
     ContactsManager* manager_;
+    Store store_;
 };
 
 }  // namespace zr

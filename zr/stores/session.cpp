@@ -104,6 +104,13 @@ LONG Session::with_uid(OlDefaultFolders folder, const std::string& uid, LONG aft
     return oid;
 }
 
+LONG Session::with_email(const std::string& address, LONG after) {
+    constexpr const char* doing = "looking an address up";
+    LONG oid = 0;
+    check(store(doing)->FindByEmail(to_utf16(address).c_str(), after, &oid), doing);
+    return oid;
+}
+
 std::string made_uid(IDispatch* item, LONG oid) {
     constexpr const char* reading = "reading an item";
     ComPtr<IZrItem> face;

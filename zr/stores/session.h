@@ -44,6 +44,8 @@ public:
     // The first item of a folder behind the identifier `after` that has this lasting identifier, or has none where that
     // is empty; 0: there is none.
     LONG with_uid(OlDefaultFolders folder, const std::string& uid, LONG after = 0);
+    // The first contact behind the number `after` that has this address, in any letter case; 0: there is none.
+    LONG with_email(const std::string& address, LONG after = 0);
     // Keeps all that `saves` stores or nothing of it.
     void batch(const char* doing, const std::function<void()>& saves);
     // Calls `store_one` for each of `count` items and keeps them all at once; where the store refuses one for what it

@@ -550,6 +550,9 @@ struct IZrStore : IUnknown {
     // (ZR_PROPID_CARD_UID of contacts, ZR_PROPID_EVENT_UID of others), unit by unit; where `uid` is null or empty, of
     // one that has none. 0: there is no further one. E_INVALIDARG: no such folder.
     virtual HRESULT FindByUid(INT folder, LPCWSTR uid, LONG after, LONG* oid) = 0;
+    // The lowest identifier above `after` of a stored contact one of whose three addresses is this one, ignoring case
+    // as _wcsicmp does, from an index in the store; 0: there is no further one, or `address` is null or empty.
+    virtual HRESULT FindByEmail(LPCWSTR address, LONG after, LONG* oid) = 0;
 
 protected:
     ~IZrStore() = default;

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "session_support.h"
 #include "store_query.h"
@@ -93,12 +94,17 @@ TEST(Faults, DamageInsideIsReportedAndSetAsideAtTheNextStart) {
     }
     ASSERT_EQ(query(store_path(), "PRAGMA wal_checkpoint(TRUNCATE)"), "0");
     {
-        const auto size = std::filesystem::file_size(store_path());
+        const std::string pages = query(store_path(),
+                                        "SELECT group_concat(pageno, ' ') FROM (SELECT pageno FROM dbstat WHERE name ="
+                                        " 'contact' AND pagetype = 'leaf' ORDER BY path LIMIT 20 OFFSET 20)");
+        std::istringstream numbers(pages);
         std::fstream file(store_path(), std::ios::in | std::ios::out | std::ios::binary);
-        for (std::uintmax_t at = 20 * 4096; at < 40 * 4096 && at + 4096 <= size; at += 4096) {
-            file.seekp(static_cast<std::streamoff>(at));
+        int damaged = 0;
+        for (std::streamoff page = 0; numbers >> page; ++damaged) {
+            file.seekp((page - 1) * 4096);
             file << std::string(100, '\xEE');
         }
+        ASSERT_EQ(damaged, 20) << pages;
     }
     {
         TestSession session;

@@ -1,4 +1,10 @@
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <iterator>
+#include <map>
+#include <random>
+#include <vector>
 
 #include "platform/base.h"
 #include "session_support.h"
@@ -72,6 +78,89 @@ TEST(Properties, ItemsAreFoundByTheirLastingIdentifier) {
     EXPECT_EQ(session.store()->FindByUid(olFolderContacts, u"one", 0, nullptr), E_POINTER);
     LONG none = 0;
     EXPECT_EQ(session.store()->FindByUid(olFolderCities, u"one", 0, &none), E_INVALIDARG);
+}
+
+std::vector<LONG> with_email(const TestSession& session, const WCHAR* address) {
+    const Ptr<IZrStore> store = session.store();
+    std::vector<LONG> found;
+    LONG oid = 0;
+    while (store->FindByEmail(address, oid, &oid) == S_OK && oid != 0) {
+        found.push_back(oid);
+    }
+    return found;
+}
+
+TEST(Properties, ContactsAreFoundByAnAddress) {
+    TestSession session;
+    const LONG first = session.add(u"a", u"b", u"Jo.Doe@Example.com");
+    const LONG second = session.add(u"c", u"d", u"j\u00D6@x.y");
+    const LONG third = session.add(u"e", u"f");
+    const auto contact = session.contact(third);
+    ASSERT_EQ(contact->put_Email2Address(in(u"jo.doe@example.com")), S_OK);
+    ASSERT_EQ(contact->put_Email3Address(in(u"JO.DOE@EXAMPLE.COM")), S_OK);
+    ASSERT_EQ(contact->Save(), S_OK);
+
+    using Oids = std::vector<LONG>;
+    EXPECT_EQ(with_email(session, u"jo.doe@EXAMPLE.com"), (Oids{first, third}));
+    EXPECT_EQ(with_email(session, u"J\u00F6@x.Y"), Oids{second});
+    EXPECT_EQ(with_email(session, u"jo@x.y"), Oids());
+    EXPECT_EQ(with_email(session, u"jo.doe@example.com "), Oids()) << "the whole address";
+    EXPECT_EQ(with_email(session, u"jo.doe@example.co\u212A"), Oids()) << "the sign Kelvin is no letter k";
+    EXPECT_EQ(with_email(session, u""), Oids());
+    EXPECT_EQ(with_email(session, nullptr), Oids());
+    ASSERT_EQ(session.contact(first)->Delete(), S_OK);
+    EXPECT_EQ(with_email(session, u"jo.doe@example.com"), Oids{third});
+    EXPECT_EQ(session.store()->FindByEmail(u"a@b.c", 0, nullptr), E_POINTER);
+    ASSERT_EQ(session.app->Logoff(), S_OK);
+    LONG none = 1;
+    EXPECT_EQ(session.store()->FindByEmail(u"a@b.c", 0, &none), HRESULT_FROM_WIN32(ERROR_NOT_LOGGED_ON));
+    EXPECT_EQ(none, 0);
+    ASSERT_EQ(session.app->Logon(nullptr), S_OK);
+}
+
+// Contacts that come, change and go, beside a look at the three addresses of each.
+TEST(Properties, AddressesAreThoseOfTheContacts) {
+    using Put = HRESULT (IContact::*)(BSTR);
+    constexpr Put puts[] = {&IContact::put_Email1Address, &IContact::put_Email2Address, &IContact::put_Email3Address};
+    TestSession session;
+    std::mt19937 random(22);
+    const auto some_address = [&random] {
+        std::u16string made(random() % 4, u' ');
+        for (WCHAR& unit : made) {
+            unit = u"aAk\u212A\u00E4\u00C4\x7F"[random() % 7];
+        }
+        return made;
+    };
+    std::map<LONG, std::array<std::u16string, 3>> contacts;
+    std::size_t several = 0;
+    for (int step = 0; step < 400; ++step) {
+        if (contacts.size() > 20 && random() % 3 == 0) {
+            const auto gone = std::next(contacts.begin(), static_cast<int>(random() % contacts.size()));
+            ASSERT_EQ(session.contact(gone->first)->Delete(), S_OK);
+            contacts.erase(gone);
+        } else {
+            const LONG oid = contacts.empty() || random() % 2 == 0
+                                 ? session.add(u"a", u"b")
+                                 : std::next(contacts.begin(), static_cast<int>(random() % contacts.size()))->first;
+            const auto contact = session.contact(oid);
+            const std::size_t place = random() % 3;
+            std::u16string address = some_address();
+            ASSERT_EQ((contact.get()->*puts[place])(address.data()), S_OK);
+            ASSERT_EQ(contact->Save(), S_OK);
+            contacts[oid][place] = std::move(address);
+        }
+        const std::u16string wanted = some_address();
+        std::vector<LONG> expected;
+        for (const auto& [oid, addresses] : contacts) {
+            const auto is_wanted = [&](const std::u16string& each) {
+                return !each.empty() && _wcsicmp(each.c_str(), wanted.c_str()) == 0;
+            };
+            if (std::ranges::any_of(addresses, is_wanted)) expected.push_back(oid);
+        }
+        several += expected.size() > 1 ? 1 : 0;
+        ASSERT_EQ(with_email(session, wanted.c_str()), expected) << step;
+    }
+    EXPECT_GT(several, 10u);
 }
 
 TEST(Properties, ItemsAreBornOnce) {

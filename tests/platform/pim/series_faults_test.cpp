@@ -31,7 +31,8 @@ void make_store_of_first_version() {
           "CREATE TABLE contact(oid INTEGER PRIMARY KEY, file_as TEXT, title TEXT, first_name TEXT, middle_name TEXT,"
           " last_name TEXT, suffix TEXT, company TEXT, email1 TEXT, email2 TEXT, email3 TEXT, job_title TEXT,"
           " own_file_as INTEGER NOT NULL);"
-          "INSERT INTO contact(oid, file_as, first_name, last_name, own_file_as) VALUES(1, 'B, A', 'A', 'B', 0);"
+          "INSERT INTO contact(oid, file_as, first_name, last_name, email2, own_file_as)"
+          " VALUES(1, 'B, A', 'A', 'B', 'A@b.c', 0);"
           "CREATE TABLE entry(oid INTEGER PRIMARY KEY);"
           "INSERT INTO entry VALUES((9 << 24) + 1);"
           "CREATE TABLE property(oid INTEGER NOT NULL, id INTEGER NOT NULL, value, PRIMARY KEY(oid, id)) WITHOUT ROWID;"
@@ -47,8 +48,11 @@ TEST(Migration, AStoreOfTheFirstVersionIsTakenOverInPlace) {
     make_store_of_first_version();
     TestSession session;
     ASSERT_EQ(session.logon, S_OK);
-    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "5");
+    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "6");
     EXPECT_EQ(text(*session.contact(1).get(), &IContact::get_FileAs), u"B, A");
+    LONG found = 0;
+    EXPECT_EQ(session.store()->FindByEmail(u"a@b.c", 0, &found), S_OK);
+    EXPECT_EQ(found, 1);
     const auto appointment = stored(session, 0x09000001);
     EXPECT_EQ(text(*appointment.get(), &IAppointment::get_Subject), u"Old");
     EXPECT_EQ(got(*appointment.get(), &IAppointment::get_Duration), 180);
@@ -90,7 +94,7 @@ TEST(Migration, ByManyProcessesAtOnce) {
     for (const auto& child : children) {
         EXPECT_EQ(child->wait(), 0);
     }
-    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "5");
+    EXPECT_EQ(query(store_path(), "PRAGMA user_version"), "6");
 }
 
 // Turns the series of the store to and fro: weekly with exceptions, daily without any. A byte after each save.

@@ -21,7 +21,7 @@ class LogTool : public zr::test::OwnStore {
 protected:
     void log_something() const {
         setenv("ZR_LOG", file("zr.log").c_str(), 1);
-        EXPECT_EQ(zr({"resolve", "a@x.y"}).code, 1);
+        EXPECT_EQ(zr({"contacts", "find", "--exact", "a@x.y"}).code, 1);
         unsetenv("ZR_LOG");
     }
     std::size_t records_since(const std::string& when) const {

@@ -737,7 +737,7 @@ TEST_F(Tool, SaysHowManyAreInWhenTheDiskIsFull) {
 
 TEST_F(Tool, ShowsALog) {
     setenv("ZR_LOG", file("zr.log").c_str(), 1);
-    EXPECT_EQ(zr({"resolve", "a@x.y"}).code, 1);
+    EXPECT_EQ(zr({"contacts", "find", "--exact", "a@x.y"}).code, 1);
     unsetenv("ZR_LOG");
     const Result text = zr({"log", "show", file("zr.log")});
     EXPECT_EQ(text.code, 0);
@@ -755,12 +755,12 @@ TEST_F(Tool, ShowsALog) {
 
 TEST_F(Tool, ShowsALogWithWhatItWasEarlier) {
     setenv("ZR_LOG", file("zr.log").c_str(), 1);
-    EXPECT_EQ(zr({"resolve", "a@x.y"}).code, 1);
+    EXPECT_EQ(zr({"contacts", "find", "--exact", "a@x.y"}).code, 1);
     unsetenv("ZR_LOG");
     const std::size_t records = lines_of(zr({"log", "show", file("zr.log")}).out).size();
     setenv("ZR_LOG", file("zr.log").c_str(), 1);
     ASSERT_EQ(rename(file("zr.log").c_str(), file("zr.log.1").c_str()), 0);
-    EXPECT_EQ(zr({"resolve", "a@x.y"}).code, 1);
+    EXPECT_EQ(zr({"contacts", "find", "--exact", "a@x.y"}).code, 1);
     unsetenv("ZR_LOG");
     EXPECT_EQ(lines_of(zr({"log", "show", file("zr.log")}).out).size(), 2 * records);
     EXPECT_EQ(lines_of(zr({"log", "show", file("zr.log.1")}).out).size(), records);
@@ -769,7 +769,7 @@ TEST_F(Tool, ShowsALogWithWhatItWasEarlier) {
 TEST_F(Tool, SaysThatALogIsNotKept) {
     ASSERT_EQ(symlink("elsewhere", file("zr.log").c_str()), 0);
     setenv("ZR_LOG", file("zr.log").c_str(), 1);
-    const Result result = zr({"resolve", "a@x.y"});
+    const Result result = zr({"contacts", "find", "--exact", "a@x.y"});
     unsetenv("ZR_LOG");
     EXPECT_EQ(result.code, 1);
     EXPECT_NE(result.err.find("zr.log: a symbolic link"), std::string::npos) << result.err;
