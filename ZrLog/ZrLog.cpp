@@ -118,7 +118,7 @@ bool zrLogSetFile(const char* path) noexcept {
 }
 
 const char* zrLogError() noexcept {
-    if (zrLogWanted.load(std::memory_order_relaxed) & kUndecided) decide();
+    if (zrLogWanted.load(std::memory_order_acquire) & kUndecided) decide();
     if (const char* const text = error_text.load(std::memory_order_acquire)) return text;
     const LogFile* const open = file.load(std::memory_order_acquire);
     return open ? open->trouble() : nullptr;

@@ -107,6 +107,12 @@ LogFile::LogFile(int fd, std::string path, const LogLimits& limits) : fd_(fd), p
     }
     fstat(fd_, &file_);
     notice_length(file_);
+    notice_limit();
+}
+
+void LogFile::notice_limit() {
+    rlimit limit;
+    process_limit_ = getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
 }
 
 const char* LogFile::trouble() const {
@@ -224,10 +230,9 @@ bool LogFile::is_look_due(std::uint64_t time, std::size_t length) {
 void LogFile::look(std::uint64_t time) {
     const std::unique_lock one(looking_, std::try_to_lock);
     if (!one) return;
+    notice_limit();
     looked_.store(time, std::memory_order_relaxed);
     bytes_left_.store(kLookBytes, std::memory_order_relaxed);
-    rlimit limit;
-    process_limit_ = getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
     struct stat open {};
     struct stat named {};
     const bool is_open = fstat(fd_, &open) == 0 && same_file(open, file_);

@@ -53,6 +53,7 @@ private:
     void look(std::uint64_t time);
     bool is_cut(const struct stat& status);
     void notice_length(const struct stat& status);
+    void notice_limit();
     void find_again(bool is_open, const struct stat& status);
     bool adopt(HostFd file, bool is_open);
     std::uint64_t size_limit() const;

@@ -78,8 +78,9 @@ void wake_next(const CRITICAL_SECTION* section) noexcept {
     if (!waiter) return;
     Thread& thread = *waiter->thread;
     bucket.remove(*waiter);
-    waiter->queued.store(false, std::memory_order_release);
     ThreadAccess::notify(thread, wakeups);
+    // Last: who sees it may go on without the lock, and end.
+    waiter->queued.store(false, std::memory_order_release);
 }
 
 // Takes the section if it is free now, else queues for it. Who takes it here marks it when others are still queued.

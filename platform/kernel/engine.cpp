@@ -60,12 +60,13 @@ bool Engine::is_satisfied(const Thread& thread) noexcept {
 void Engine::complete(Thread& thread, std::uint32_t index, Wakeups& wakeups) noexcept {
     delist(thread);
     thread.satisfied_ = thread.wait_all_ ? 0 : index;
-    thread.waiting_.store(false, std::memory_order_release);
     if (thread.mixed_) {
         ThreadAccess::notify_anywhere(thread, wakeups);
     } else {
         ThreadAccess::notify(thread, wakeups);
     }
+    // Last: who sees it may go on without the lock, and end.
+    thread.waiting_.store(false, std::memory_order_release);
 }
 
 void Engine::serve(Waitable& object, Wakeups& wakeups) noexcept {

@@ -215,6 +215,8 @@ HRESULT Notifier::add(const void* owner, const Subject& subject, ULONG mask, LPM
     fresh->number = next_++;
     *connection = fresh->number;
     connections_.push_back(std::move(fresh));
+    // Who was told of a change since it was read where the log stands may not have found this one.
+    call_store_watcher(*this);
     return S_OK;
 }
 

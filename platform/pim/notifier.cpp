@@ -56,6 +56,8 @@ HRESULT Notifier::add_place(const void* key, HWND window) {
     }
     windows_.emplace_back(*this, key, window, seq);
     window_count_.store(static_cast<int>(windows_.size()));
+    // Who was told of a change since `seq` may have found no window.
+    call_store_watcher(*this);
     return S_OK;
 }
 

@@ -233,6 +233,11 @@ void learn(File& file, const Byte* header) {
                    std::has_single_bit(static_cast<unsigned>(file.page_size));
 }
 
+bool make_scratch(File& file) {
+    if (file.scratch == nullptr) file.scratch = new (std::nothrow) Byte[static_cast<std::size_t>(file.page_size)];
+    return file.scratch != nullptr;
+}
+
 bool is_page(const File& file, int size, sqlite3_int64 at) {
     return file.checked && size == file.page_size && at % size == 0;
 }
@@ -251,7 +256,24 @@ void hide_marks(Byte* bytes, int size, sqlite3_int64 at) {
     }
 }
 
+// From version 3.45 on SQLite reads the pages behind a long value without its cache, and no more of them than the
+// value.
+bool is_part_of_page(const File& file, int size, sqlite3_int64 at) {
+    return file.checked && at >= file.page_size && at % file.page_size + size < file.page_size;
+}
+
+int read_part_of_page(File& file, void* to, int size, sqlite3_int64 at) {
+    const sqlite3_int64 start = at - at % file.page_size;
+    if (!make_scratch(file)) return SQLITE_IOERR_NOMEM;
+    const int result = file.read(file.scratch, file.page_size, start);
+    if (result == SQLITE_IOERR_SHORT_READ) return SQLITE_IOERR_DATA;
+    if (result != SQLITE_OK) return result;
+    std::memcpy(to, file.scratch + (at - start), static_cast<std::size_t>(size));
+    return verify_page(file, file.scratch, start);
+}
+
 int read_database(File& file, void* to, int size, sqlite3_int64 at) {
+    if (is_part_of_page(file, size, at)) return read_part_of_page(file, to, size, at);
     const int result = file.read(to, size, at);
     // SQLite asks for no page behind the file's end: it was cut off.
     if (result == SQLITE_IOERR_SHORT_READ && at != 0 && is_page(file, size, at)) return SQLITE_IOERR_DATA;
@@ -278,8 +300,7 @@ int write_database(File& file, const void* from, int size, sqlite3_int64 at) {
     // Of a file whose first page is not there yet it is not known whether others need checksums.
     if (file.page_size == 0) return SQLITE_IOERR_WRITE;
     if (!is_page(file, size, at)) return file.write(from, size, at);
-    if (file.scratch == nullptr) file.scratch = new (std::nothrow) Byte[static_cast<std::size_t>(size)];
-    if (file.scratch == nullptr) return SQLITE_IOERR_NOMEM;
+    if (!make_scratch(file)) return SQLITE_IOERR_NOMEM;
     std::memcpy(file.scratch, bytes, static_cast<std::size_t>(size));
     hide_marks(file.scratch, size, at);
     const std::uint64_t sum = checksum(file.scratch, size, static_cast<std::uint64_t>(at / size) + 1);

@@ -346,7 +346,7 @@ void MessageQueue::handle(SendRequest* request) {
     } frame(*this, request);
     const Window* window = Desktop::get().table.find_own(request->window, this);
     if (!window) return;
-    frame.result = call_procedure(window->procedure.load(std::memory_order_relaxed), request->window, request->message,
+    frame.result = call_procedure(window->procedure.load(std::memory_order_acquire), request->window, request->message,
                                   request->wparam, request->lparam);
     frame.handled = true;
 }

@@ -69,7 +69,8 @@ public:
 
     // ---- On the owning thread only ----
     std::uint32_t bits() const noexcept { return bits_.load(std::memory_order_acquire); }
-    void clear_bits(std::uint32_t bits) noexcept { bits_.fetch_and(~bits, std::memory_order_acq_rel); }
+    // Returns what there was before: what arrives meanwhile is either in that or not cleared.
+    std::uint32_t clear_bits(std::uint32_t bits) noexcept { return bits_.fetch_and(~bits, std::memory_order_acq_rel); }
     // These kinds in the queue have been looked at.
     void looked(DWORD kinds) noexcept {
         const std::uint32_t fresh = bits() & arrived(kinds);

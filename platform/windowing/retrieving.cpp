@@ -94,7 +94,7 @@ LRESULT DispatchMessageW(const MSG* message) {
         SetLastError(IsWindow(message->hwnd) ? ERROR_WINDOW_OF_OTHER_THREAD : ERROR_INVALID_WINDOW_HANDLE);
         return 0;
     }
-    return call_procedure(own->procedure.load(std::memory_order_relaxed), message->hwnd, message->message,
+    return call_procedure(own->procedure.load(std::memory_order_acquire), message->hwnd, message->message,
                           message->wParam, message->lParam);
 }
 
@@ -111,8 +111,7 @@ DWORD GetQueueStatus(UINT flags) {
     }
     queue->expire_timers();
     const std::uint32_t kinds = flags;
-    const std::uint32_t bits = queue->bits();
-    queue->clear_bits(MessageQueue::arrived(kinds));
+    const std::uint32_t bits = queue->clear_bits(MessageQueue::arrived(kinds));
     return (bits & kinds) << 16 | (bits >> 16 & kinds);
 }
 

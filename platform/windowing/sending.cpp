@@ -74,7 +74,7 @@ bool wait_for_answer(MessageQueue& sender, const Pending& pending, bool serve, D
 bool send(HWND window, UINT message, WPARAM wparam, LPARAM lparam, bool serve, Deadline deadline, LRESULT& result) {
     cancellation_point();
     if (const Window* own = own_window(window)) {
-        result = call_procedure(own->procedure.load(std::memory_order_relaxed), window, message, wparam, lparam);
+        result = call_procedure(own->procedure.load(std::memory_order_acquire), window, message, wparam, lparam);
         return true;
     }
     MessageQueue* sender = MessageQueue::current();

@@ -90,7 +90,7 @@ HWND add_window(std::unique_ptr<Window> window, const CREATESTRUCTW& how) {
 
 LRESULT call_own(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
     const Window* own = own_window(window);
-    return own ? call_procedure(own->procedure.load(std::memory_order_relaxed), window, message, wparam, lparam) : 0;
+    return own ? call_procedure(own->procedure.load(std::memory_order_acquire), window, message, wparam, lparam) : 0;
 }
 
 // WM_DESTROY to the window and all below it that this thread made. Returns false if that has begun before.

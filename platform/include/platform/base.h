@@ -352,35 +352,44 @@ ZRPLATFORM_API UINT GlobalFlags(HGLOBAL block);
 
 // ---- Interlocked operations -----------------------------------------------------------------------------------
 //
-// Sequentially consistent. Increment and Decrement return the new value, the others the old one.
+// Full barriers: no other access to memory, plain ones included, moves across one of them. Increment and Decrement
+// return the new value, the others the old one.
 
+// On 64-bit ARM an access behind such an operation could overtake its store.
+template <class T>
+inline T ZrFenced(T result) {
+#if defined(__aarch64__)
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+#endif
+    return result;
+}
 inline LONG InterlockedIncrement(LONG volatile* value) {
-    return __atomic_add_fetch(value, 1, __ATOMIC_SEQ_CST);
+    return ZrFenced(__atomic_add_fetch(value, 1, __ATOMIC_SEQ_CST));
 }
 inline LONG InterlockedDecrement(LONG volatile* value) {
-    return __atomic_sub_fetch(value, 1, __ATOMIC_SEQ_CST);
+    return ZrFenced(__atomic_sub_fetch(value, 1, __ATOMIC_SEQ_CST));
 }
 inline LONG InterlockedExchange(LONG volatile* value, LONG desired) {
-    return __atomic_exchange_n(value, desired, __ATOMIC_SEQ_CST);
+    return ZrFenced(__atomic_exchange_n(value, desired, __ATOMIC_SEQ_CST));
 }
 inline LONG InterlockedExchangeAdd(LONG volatile* value, LONG amount) {
-    return __atomic_fetch_add(value, amount, __ATOMIC_SEQ_CST);
+    return ZrFenced(__atomic_fetch_add(value, amount, __ATOMIC_SEQ_CST));
 }
 // Stores `desired` if the value is `expected`.
 inline LONG InterlockedCompareExchange(LONG volatile* value, LONG desired, LONG expected) {
     __atomic_compare_exchange_n(value, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-    return expected;
+    return ZrFenced(expected);
 }
 // The same with the handheld's own order of arguments.
 inline LONG InterlockedTestExchange(LONG volatile* value, LONG expected, LONG desired) {
     return InterlockedCompareExchange(value, desired, expected);
 }
 inline void* InterlockedExchangePointer(void* volatile* value, void* desired) {
-    return __atomic_exchange_n(value, desired, __ATOMIC_SEQ_CST);
+    return ZrFenced(__atomic_exchange_n(value, desired, __ATOMIC_SEQ_CST));
 }
 inline void* InterlockedCompareExchangePointer(void* volatile* value, void* desired, void* expected) {
     __atomic_compare_exchange_n(value, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-    return expected;
+    return ZrFenced(expected);
 }
 
 // ---- Interlocked singly linked lists --------------------------------------------------------------------------

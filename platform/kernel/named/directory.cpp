@@ -207,8 +207,7 @@ std::uint32_t make(Region& region, const NewObject& wanted, std::u16string_view 
     object.protection = wanted.protection;
     object.open = {};
     object.used = {};
-    object.open.add(place);
-    object.used.add(place);
+    join(region, index, place);
     object.state.store(Object::Named, std::memory_order_release);
     hash_in(region, index);
     return index;
@@ -217,6 +216,8 @@ std::uint32_t make(Region& region, const NewObject& wanted, std::u16string_view 
 void join(Region& region, std::uint32_t index, std::uint32_t place) noexcept {
     Object& object = region.at<Object>(index);
     object.used.add(place);
+    // In this order, should the process be killed in between: what only is open is not looked at.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     object.open.add(place);
 }
 

@@ -86,6 +86,8 @@ TEST(WideNumber, AgreesWithTheCLibraryOnRandomText) {
         }
         const int bases[] = {0, 2, 8, 10, 16, 36};
         const int base = bases[random() % std::size(bases)];
+        // From C23 on this is how binary numbers begin.
+        if ((base == 0 || base == 2) && text.find("0b") != std::string::npos) continue;
         char* narrow_end = nullptr;
         const long long expected = std::strtoll(text.c_str(), &narrow_end, base);
         const std::u16string wide = widen(text);

@@ -36,6 +36,46 @@ int flips() {
     return rounds_wanted("ZR_FLIPS", 250, 40);
 }
 
+// --- a page ---
+
+// Newer versions of SQLite read the pages of a long value past their cache, and only as far as the value goes.
+TEST(DamagedPage, IsNoticedWhereAPartOfItIsRead) {
+    constexpr int kPage = 4096;
+    {
+        TestSession session;
+        ASSERT_EQ(session.logon, S_OK);
+        session.add(u"a", u"b");
+    }
+    const fs::path path = sandbox_home() / "pim.db";
+    sqlite3* db = nullptr;
+    sqlite3_file* opened = nullptr;
+    ASSERT_EQ(open_as_the_stores_do(path, &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "SELECT * FROM folder", nullptr, nullptr, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &opened), SQLITE_OK);
+    const auto read = [opened](int size, int at, std::string& bytes) {
+        bytes.assign(static_cast<std::size_t>(size), '?');
+        return opened->pMethods->xRead(opened, bytes.data(), size, at);
+    };
+    const int last = static_cast<int>(fs::file_size(path)) - kPage;
+    std::string whole;
+    std::string part;
+    ASSERT_EQ(read(kPage, last, whole), SQLITE_OK);
+    for (const auto& [size, at] : {std::pair(kPage - 8, 0), std::pair(100, 0), std::pair(4, 3000)}) {
+        EXPECT_EQ(read(size, last + at, part), SQLITE_OK);
+        EXPECT_EQ(part, whole.substr(static_cast<std::size_t>(at), static_cast<std::size_t>(size)));
+    }
+    {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(last + 2000);
+        file.put(static_cast<char>(whole[2000] ^ 8));
+    }
+    for (const auto& [size, at] :
+         {std::pair(kPage, 0), std::pair(kPage - 8, 0), std::pair(100, 0), std::pair(4, 3000)}) {
+        EXPECT_EQ(read(size, last + at, part) & 0xFF, SQLITE_IOERR) << size << ' ' << at;
+    }
+    sqlite3_close(db);
+}
+
 // --- contents ---
 
 constexpr int kContacts = 60;

@@ -1,3 +1,6 @@
+#include <atomic>
+#include <thread>
+
 #include "windowing_support.h"
 
 namespace {
@@ -313,6 +316,36 @@ TEST(QueueStatus, RefusesUnknownKinds) {
     }
     EXPECT_EQ(GetQueueStatus(QS_ALLINPUT), QS_POSTMESSAGE << 16 | QS_POSTMESSAGE);
     EXPECT_EQ(GetQueueStatus(0), 0u);
+}
+
+// Also when a message comes while the status is asked for.
+TEST(QueueStatus, TellsOfEachMessageAsNews) {
+    MSG message{};
+    peek(message);
+    const DWORD thread = GetCurrentThreadId();
+    constexpr int kRounds = 20000;
+    std::atomic<int> wanted = 0;
+    std::thread poster([&] {
+        for (int round = 1; round <= kRounds; ++round) {
+            while (wanted.load() < round) {
+            }
+            PostThreadMessageW(thread, WM_APP, 0, 0);
+        }
+    });
+    int untold = 0;
+    for (int round = 1; round <= kRounds; ++round) {
+        wanted.store(round);
+        DWORD status = 0;
+        bool told = false;
+        while (HIWORD(status) == 0) {
+            status = GetQueueStatus(QS_POSTMESSAGE);
+            told = told || LOWORD(status) != 0;
+        }
+        untold += told ? 0 : 1;
+        EXPECT_TRUE(peek(message));
+    }
+    poster.join();
+    EXPECT_EQ(untold, 0);
 }
 
 // Unlike QS_POSTMESSAGE it stays news until somebody has looked at all messages.
