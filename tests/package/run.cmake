@@ -13,7 +13,7 @@ set(prefix ${WORK}/prefix)
 set(ENV{ZR_HOME} ${WORK}/state)
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
 
-run(${CMAKE_COMMAND} -S ${SOURCE} -B ${WORK}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
+run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE} -B ${WORK}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
     -DCMAKE_CXX_FLAGS=${FLAGS} -DPORTED=${PORTED})
 run(${CMAKE_COMMAND} --build ${WORK}/build)
 run(${WORK}/build/outside)
