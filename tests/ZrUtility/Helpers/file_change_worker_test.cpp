@@ -48,7 +48,8 @@ private:
 };
 
 std::mutex g_mutex;
-std::optional<Script> g_script;  // for the next two calls: one asks for the size, one reads
+// For the next two calls: one asks for the size, one reads. Workers may look as long as the process lives.
+std::optional<Script>& g_script = *new std::optional<Script>;
 
 std::size_t scripted(LPVOID buffer, DWORD size) {
     const std::lock_guard guard(g_mutex);
