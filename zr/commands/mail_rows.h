@@ -19,6 +19,8 @@ namespace zr {
 class SenderNames {
 public:
     std::string name_of(const MailRow& row);
+    // Contacts may have changed since names were asked for.
+    void look_again() { known_.clear(); }
 
 private:
     static constexpr std::size_t kMostKept = 10000;

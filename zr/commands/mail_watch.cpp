@@ -58,6 +58,7 @@ private:
 };
 
 void print_new(MailSession& mail, NewMail& sink, SenderNames& names, bool json) {
+    names.look_again();
     for (; !sink.entries().empty(); sink.entries().pop_front()) {
         try {
             const ComPtr<IMessage> message = mail.message(sink.entries().front());

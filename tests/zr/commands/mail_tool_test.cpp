@@ -611,6 +611,16 @@ TEST_F(MailTool, AWatcherMissesNothing) {
     EXPECT_EQ(watcher.wait(), 0);
 }
 
+TEST_F(MailTool, AWatcherNamesTheSenderAsTheContactIsCalledBy) {
+    zr::test::RunningZr watcher({"mail", "watch"}, zr::test::RunningZr::Errors::ToOutput);
+    EXPECT_THAT(watcher.read_line(), HasSubstr("watching"));
+    ASSERT_EQ(zr({"mail", "import", "-"}, message(1)).code, 0);
+    EXPECT_THAT(watcher.read_line(), HasSubstr("\tJo Doe\tnumber 1"));
+    ASSERT_EQ(zr({"contacts", "add", "--file-as", "Doe, Jo", "--email", "jo@example.com"}).code, 0);
+    ASSERT_EQ(zr({"mail", "import", "-"}, message(2)).code, 0);
+    EXPECT_THAT(watcher.read_line(), HasSubstr("\tDoe, Jo\tnumber 2"));
+}
+
 // Whatever moment an import is killed at: the next one brings the rest, and nothing is there twice or half.
 TEST_F(MailTool, AKilledImportLeavesWholeMessages) {
     std::multiset<std::string> all;
