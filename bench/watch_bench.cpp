@@ -1,4 +1,5 @@
-// From a change in a folder to the listener: ours, beside a bare inotify loop and libuv's watcher. And what merging a
+// From a change in a folder to the listener: ours, beside a bare inotify loop and libuv's watcher, who hear on the
+// thread that reads, and beside the bare loop with one and two threads on the way to the listener. And what merging a
 // batch costs.
 
 #include <benchmark/benchmark.h>
@@ -9,10 +10,15 @@
 #include <uv.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "ZrUtility/Helpers/FileSystemMonitor.h"
 #include "platform/kernel.h"
@@ -139,12 +145,17 @@ public:
 
     void until_heard() {
         while (!listener.heard()) {
-            const ssize_t got = read(inotify_, buffer_, sizeof buffer_);
-            for (ssize_t at = 0; at < got;) {
-                const auto* event = reinterpret_cast<const inotify_event*>(buffer_ + at);
-                listener.hear(event->name);
-                at += static_cast<ssize_t>(sizeof *event + event->len);
-            }
+            read_names([this](const char* name) { listener.hear(name); });
+        }
+    }
+
+    template <class Each>
+    void read_names(Each each) {
+        const ssize_t got = read(inotify_, buffer_, sizeof buffer_);
+        for (ssize_t at = 0; at < got;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(buffer_ + at);
+            each(event->name);
+            at += static_cast<ssize_t>(sizeof *event + event->len);
         }
     }
 
@@ -153,6 +164,77 @@ public:
 private:
     const int inotify_ = inotify_init1(IN_CLOEXEC);
     alignas(inotify_event) char buffer_[65536];
+};
+
+// Names from one thread to another.
+class Pipe {
+public:
+    void put(std::string name) {
+        {
+            const std::lock_guard guard(mutex_);
+            names_.push_back(std::move(name));
+        }
+        filled_.notify_one();
+    }
+    std::string take() {
+        std::unique_lock guard(mutex_);
+        filled_.wait(guard, [this] { return !names_.empty(); });
+        std::string name = std::move(names_.front());
+        names_.pop_front();
+        return name;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable filled_;
+    std::deque<std::string> names_;
+};
+
+// The least that has the listener on a thread of its own: it is woken after so many others, one by the other.
+template <int kThreads>
+class Relayed {
+public:
+    explicit Relayed(const Folder& folder) : end_(folder.file("end")), bare_(folder) {
+        threads_.emplace_back([this] {
+            bool ended = false;
+            while (!ended) {
+                bare_.read_names([&](const char* name) {
+                    pipes_[0].put(name);
+                    ended = ended || std::string_view(name) == "end";
+                });
+            }
+        });
+        for (int i = 1; i < kThreads; ++i) {
+            threads_.emplace_back([this, i] {
+                for (std::string name; name != "end";) {
+                    name = pipes_[i - 1].take();
+                    pipes_[i].put(name);
+                }
+            });
+        }
+    }
+    ~Relayed() {
+        make(end_);
+        for (std::thread& each : threads_) {
+            each.join();
+        }
+    }
+    Relayed(const Relayed&) = delete;
+    Relayed& operator=(const Relayed&) = delete;
+
+    void until_heard() {
+        while (!listener.heard()) {
+            listener.hear(pipes_[kThreads - 1].take());
+        }
+    }
+
+    Listener listener;
+
+private:
+    const std::string end_;
+    Bare bare_;
+    Pipe pipes_[kThreads];
+    std::vector<std::thread> threads_;
 };
 
 class LibUv {
@@ -276,9 +358,13 @@ void merge_batch(benchmark::State& state) {
 
 BENCHMARK(changes<Ours>)->Name("changes_to_listener/ours")->Arg(1000)->UseRealTime();
 BENCHMARK(changes<Bare>)->Name("changes_to_listener/inotify")->Arg(1000)->UseRealTime();
+BENCHMARK(changes<Relayed<1>>)->Name("changes_to_listener/inotify_1_thread")->Arg(1000)->UseRealTime();
+BENCHMARK(changes<Relayed<2>>)->Name("changes_to_listener/inotify_2_threads")->Arg(1000)->UseRealTime();
 BENCHMARK(changes<LibUv>)->Name("changes_to_listener/libuv")->Arg(1000)->UseRealTime();
 BENCHMARK(one_change<Ours>)->Name("one_change/ours")->UseRealTime();
 BENCHMARK(one_change<Bare>)->Name("one_change/inotify")->UseRealTime();
+BENCHMARK(one_change<Relayed<1>>)->Name("one_change/inotify_1_thread")->UseRealTime();
+BENCHMARK(one_change<Relayed<2>>)->Name("one_change/inotify_2_threads")->UseRealTime();
 BENCHMARK(one_change<LibUv>)->Name("one_change/libuv")->UseRealTime();
 BENCHMARK(merge_batch)->Name("merge_batch/ours")->Args({10000, 1})->Args({10000, 10})->UseManualTime();
 
