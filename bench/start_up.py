@@ -61,18 +61,19 @@ def sizes(builds):
 
 
 def private_kilobytes(program):
+    """What only this process has, in KB: pages that it wrote to, and pages of files that no other process uses now."""
     process = subprocess.Popen([program], stdin=subprocess.PIPE)
     while "\nState:\tS" not in open(f"/proc/{process.pid}/status").read():
         pass
     with open(f"/proc/{process.pid}/smaps_rollup") as rollup:
-        total = sum(int(line.split()[1]) for line in rollup if line.startswith("Private_"))
+        pages = {line.split(":")[0]: int(line.split()[1]) for line in rollup if line.startswith("Private_")}
     process.communicate(b"\n")
-    return total
+    return pages["Private_Dirty"], pages["Private_Clean"]
 
 
 def memory(build):
     source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
-    print("private memory, KB")
+    print("private memory, KB: written to, files' pages that nobody else uses")
     with tempfile.TemporaryDirectory() as folder:
         for name, text, libraries in (("an empty program", EMPTY, []),
                                       ("one string function", ONE_FUNCTION, ["-lZrUtility"])):
@@ -81,7 +82,7 @@ def memory(build):
             subprocess.run(["g++", "-std=c++20", "-O2", "-x", "c++", "-", "-o", program, f"-I{source}",
                             f"-I{source}/platform/include", f"-L{lib}", f"-Wl,-rpath,{lib}", *libraries],
                            input=text, text=True, check=True)
-            print(f"  {name:28}", private_kilobytes(program))
+            print(f"  {name:28}", *private_kilobytes(program))
 
 
 def start_up(build):

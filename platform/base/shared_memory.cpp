@@ -15,12 +15,19 @@
 #include <cstring>
 
 namespace zr::platform {
+
+std::atomic<int> unmarked_segment_seconds{10};
+
 namespace {
 
 constexpr std::uint64_t kMagic = 0x79726F6D656D727Au;
 constexpr int kMode = 0600;
 constexpr int kAttempts = 100;
-constexpr time_t kLeftBehind = 10;  // seconds after which a segment that nobody has attached was left by a killed maker
+
+// A segment has a key only from when it is made until it is marked for removal: one of these says whose it was if its
+// maker is killed in between.
+constexpr key_t kKeys = 0x5A720000;
+constexpr key_t kKeyMask = static_cast<key_t>(0xFFFF0000);
 
 // Whose memory it is: the folder that the path lies in, and the name there.
 struct Identity {
@@ -74,8 +81,10 @@ bool is_ours(const shmid_ds& facts, std::size_t size) noexcept {
 
 // A maker was killed before it could mark the segment for removal.
 bool is_left_behind(const shmid_ds& facts) noexcept {
-    return facts.shm_nattch == 0 && (facts.shm_perm.mode & SHM_DEST) == 0 &&
-           time(nullptr) - facts.shm_ctime > kLeftBehind;
+    const ipc_perm& owner = facts.shm_perm;
+    return (owner.__key & kKeyMask) == kKeys && owner.uid == geteuid() && facts.shm_nattch == 0 &&
+           (owner.mode & SHM_DEST) == 0 &&
+           time(nullptr) - facts.shm_ctime > unmarked_segment_seconds.load(std::memory_order_relaxed);
 }
 
 void* attach(int id) noexcept {
@@ -91,8 +100,9 @@ void* look_for(const Identity& identity, std::size_t size, int& error) noexcept 
     for (int index = 0; index <= last; ++index) {
         shmid_ds facts{};
         const int id = shmctl(index, SHM_STAT, &facts);
-        if (id < 0 || !is_ours(facts, size)) continue;
+        if (id < 0) continue;
         if (is_left_behind(facts)) shmctl(id, IPC_RMID, nullptr);
+        if (!is_ours(facts, size)) continue;
         void* const base = facts.shm_nattch > 0 ? attach(id) : nullptr;
         if (base == nullptr) continue;
         const Mark& mark = *static_cast<const Mark*>(base);
@@ -102,10 +112,20 @@ void* look_for(const Identity& identity, std::size_t size, int& error) noexcept 
     return nullptr;
 }
 
+std::uint64_t chance() noexcept {
+    std::uint64_t number = 0;
+    if (getrandom(&number, sizeof number, 0) == sizeof number && number != 0) return number;
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return (static_cast<std::uint64_t>(now.tv_sec) << 32 ^ static_cast<std::uint64_t>(now.tv_nsec)) << 16 |
+           static_cast<std::uint64_t>(getpid());
+}
+
 // Attached, and gone with the last process that is.
 void* new_segment(std::size_t size, int flags, int& id, int& error) noexcept {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        id = shmget(IPC_PRIVATE, size, IPC_CREAT | flags | kMode);
+        id = shmget(kKeys | static_cast<key_t>(chance() & 0xFFFF), size, IPC_CREAT | IPC_EXCL | flags | kMode);
+        if (id < 0 && errno == EEXIST) continue;
         if (id < 0) break;
         void* const base = attach(id);
         error = errno;
@@ -128,15 +148,6 @@ char* keep_part(void* base, std::size_t size, std::size_t offset, std::size_t le
     if (offset > 0) munmap(bytes, offset);
     if (offset + length < size) munmap(bytes + offset + length, size - offset - length);
     return bytes + offset;
-}
-
-std::uint64_t chance() noexcept {
-    std::uint64_t number = 0;
-    if (getrandom(&number, sizeof number, 0) == sizeof number && number != 0) return number;
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return (static_cast<std::uint64_t>(now.tv_sec) << 32 ^ static_cast<std::uint64_t>(now.tv_nsec)) << 16 |
-           static_cast<std::uint64_t>(getpid());
 }
 
 }  // namespace

@@ -7,11 +7,13 @@
 // one, in whatever way that ends: what is in it never comes from an earlier boot or from a copy. At the path stands an
 // empty file, which is locked while the memory is looked for or made, and whose folder says whose memory it is.
 //
-// Behind it stand the host's System V segments: made without a key, marked for removal at once, and found by looking
-// through those that there are for one that is this user's, has the size and carries the path's mark. A process has no
+// Behind it stand the host's System V segments: marked for removal as soon as they are made, by which they lose their
+// key, and found by looking through those that there are for one that is this user's, has the size and carries the
+// path's mark. A process has no
 // descriptor of it, and a child made by fork has it too. Processes of different IPC namespaces (containers) do not
 // share it, whatever files they share.
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +24,10 @@
 #include "platform/export.h"
 
 namespace zr::platform {
+
+// After how long a segment that nobody has and that was not marked was left behind by a maker that was killed: whoever
+// looks for memory then removes it.
+ZRPLATFORM_API extern std::atomic<int> unmarked_segment_seconds;
 
 class ZRPLATFORM_API SharedMemory {
 public:

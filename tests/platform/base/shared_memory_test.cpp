@@ -1,8 +1,10 @@
 #include "base/shared_memory.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -165,6 +167,68 @@ TEST_F(SharedMemoryTest, NothingIsLeftBehind) {
         EXPECT_EQ(segments(), 1);
     }
     EXPECT_EQ(segments(), 0);
+}
+
+constexpr key_t kMakersKey = 0x5A720001;  // one of those that segments have until they are marked for removal
+
+// Of the segments that nobody has, those of a user's other programs are none of ours.
+TEST_F(SharedMemoryTest, WhatAKilledMakerLeftIsRemovedByTheNextWhoLooks) {
+    const auto is_there = [](int id) {
+        shmid_ds facts{};
+        return shmctl(id, IPC_STAT, &facts) == 0;
+    };
+    const int left = shmget(kMakersKey, 12288, IPC_CREAT | IPC_EXCL | 0600);
+    ASSERT_GE(left, 0) << strerror(errno);
+    const int foreign = shmget(IPC_PRIVATE, 4096 + sizeof(Page), IPC_CREAT | 0600);
+    ASSERT_GE(foreign, 0) << strerror(errno);
+    {
+        SharedPage<Page> page;
+        ASSERT_EQ(page.open(path.c_str()), 0);
+        EXPECT_TRUE(is_there(left));  // its maker may be at work
+    }
+    const int usual = unmarked_segment_seconds.exchange(-1);
+    SharedPage<Page> page;
+    EXPECT_EQ(page.open(path.c_str()), 0);
+    unmarked_segment_seconds = usual;
+    EXPECT_FALSE(is_there(left));
+    EXPECT_TRUE(is_there(foreign));
+    shmctl(left, IPC_RMID, nullptr);
+    shmctl(foreign, IPC_RMID, nullptr);
+}
+
+TEST_F(SharedMemoryTest, AKilledMakerLeavesNothingForLong) {
+    const auto segments_of = [](pid_t maker) {
+        int count = 0;
+        shm_info room{};
+        const int last = shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&room));
+        for (int index = 0; index <= last; ++index) {
+            shmid_ds facts{};
+            count += shmctl(index, SHM_STAT, &facts) >= 0 && facts.shm_cpid == maker &&
+                     facts.shm_perm.__key >> 16 == kMakersKey >> 16;
+        }
+        return count;
+    };
+    for (int round = 0; round < 100; ++round) {
+        const pid_t maker = fork();
+        if (maker == 0) {
+            while (true) {
+                SharedSegment segment;
+                if (segment.make(12288) != 0) _exit(1);
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(500 + round * 37));
+        kill(maker, SIGKILL);
+        waitpid(maker, nullptr, 0);
+        // Its memory may be kept a moment longer, as above.
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const int usual = unmarked_segment_seconds.exchange(-1);
+        do {
+            SharedPage<Page> page;
+            EXPECT_EQ(page.open(path.c_str()), 0);
+        } while (segments_of(maker) != 0 && std::chrono::steady_clock::now() < limit);
+        unmarked_segment_seconds = usual;
+        EXPECT_EQ(segments_of(maker), 0) << round;
+    }
 }
 
 TEST_F(SharedMemoryTest, AForkedChildHasItToo) {

@@ -122,7 +122,7 @@ inline std::uintmax_t region_size() {
     std::uintmax_t largest = 0;
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
-        if (line.find("/SYSV00000000") == std::string::npos) continue;
+        if (line.find("/SYSV") == std::string::npos) continue;
         std::uintmax_t begin = 0;
         std::uintmax_t end = 0;
         std::string skip;
