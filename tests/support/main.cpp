@@ -12,8 +12,9 @@ extern "C" const char* __tsan_default_options() {
     return "die_after_fork=0:atexit_sleep_ms=20";
 }
 
-// Pango hands what it asks fontconfig for to a thread of its own; newer versions of libXau free when the process ends what
-// a thread that has ended made. None of these is instrumented, so that not all of what orders their threads is seen.
+// Pango hands what it asks fontconfig for to a thread of its own; newer versions of libXau free when the process ends
+// what a thread that has ended made. None of these is instrumented, so that not all of what orders their threads is
+// seen.
 extern "C" [[gnu::visibility("default")]] const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
     return "called_from_lib:libXau.so\n"
