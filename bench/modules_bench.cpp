@@ -2,8 +2,11 @@
 
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <climits>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -75,9 +78,38 @@ void load_each(benchmark::State& state) {
     }
 }
 
+// The same for modules that are not known before: what the folder holds, by their real paths, and their headers read
+// where the version is asked for before one is loaded.
+void list_and_load(benchmark::State& state, bool reads) {
+    const fs::path folder = fs::path(Modules::get().paths().front()).parent_path();
+    for (auto _ : state) {
+        int found = 0;
+        for (const fs::directory_entry& each : fs::directory_iterator(folder)) {
+            char path[PATH_MAX];
+            if (each.path().extension() != ".so" || realpath(each.path().c_str(), path) == nullptr) continue;
+            if (reads) {
+                char header[4096];
+                const int file = open(path, O_RDONLY | O_CLOEXEC);
+                benchmark::DoNotOptimize(pread(file, header, sizeof header, 0));
+                close(file);
+            }
+            void* const module = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+            if (!module) continue;
+            const auto id = reinterpret_cast<int (*)()>(dlsym(module, "ZrIGetModuleId"));
+            if (id && id() == kId) ++found;
+            dlclose(module);
+        }
+        if (found != kModules) state.SkipWithError("wrong count");
+    }
+}
+
 BENCHMARK_CAPTURE(enumerate, ours, 0)->Name("enumerate_modules/ours")->Unit(benchmark::kMillisecond);
 BENCHMARK(load_each)->Name("enumerate_modules/dlopen")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(list_and_load, listed, false)->Name("enumerate_modules/listed_dlopen")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(enumerate, ours, 1)->Name("enumerate_modules_by_version/ours")->Unit(benchmark::kMillisecond);
 BENCHMARK(load_each)->Name("enumerate_modules_by_version/dlopen")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(list_and_load, read, true)
+    ->Name("enumerate_modules_by_version/read_dlopen")
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

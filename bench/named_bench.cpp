@@ -39,6 +39,7 @@ struct Board {
     std::atomic<bool> stop{false};
     std::atomic<int> ready{0};
     pthread_mutex_t locks[3];
+    std::atomic<int> held[3];
 };
 
 class SharedBoard {
@@ -113,6 +114,26 @@ private:
     pthread_mutex_t* locks_;
 };
 
+// A robust mutex that a handle names: it is held by a count while a call uses it.
+class HeldLocks {
+public:
+    explicit HeldLocks(const SharedBoard& board) : locks_(board), held_(board->held) {}
+    void lock(int i) {
+        held_[i].fetch_add(1, std::memory_order_acquire);
+        locks_.lock(i);
+        held_[i].fetch_sub(1, std::memory_order_release);
+    }
+    void unlock(int i) {
+        held_[i].fetch_add(1, std::memory_order_acquire);
+        locks_.unlock(i);
+        held_[i].fetch_sub(1, std::memory_order_release);
+    }
+
+private:
+    RobustLocks locks_;
+    std::atomic<int>* held_;
+};
+
 // Two processes go round three locks, each taking the next before it gives up the one behind: so neither can go a round
 // without waiting until the other hands it a lock. One iteration is one step.
 template <class Locks>
@@ -157,6 +178,7 @@ void uncontended(benchmark::State& state) {
 }
 BENCHMARK(uncontended<OurLocks>)->Name("named_mutex/ours");
 BENCHMARK(uncontended<RobustLocks>)->Name("named_mutex/robust_mutex");
+BENCHMARK(uncontended<HeldLocks>)->Name("named_mutex/held_robust_mutex");
 
 // --- Events ----------------------------------------------------------------------------------------------------------
 

@@ -120,7 +120,24 @@ void to_local_localtime(benchmark::State& state) {
         benchmark::DoNotOptimize(parts);
     });
 }
+// As the library has it: each of two steps looks whether the zone is still the same one, by TZ and by the time of the
+// last look at its file, and says what it did by a calendar date.
+void to_local_least(benchmark::State& state) {
+    set_zone();
+    go_round(state, [](std::size_t i) {
+        tm parts;
+        for (int step = 0; step < 2; ++step) {
+            timespec now;
+            benchmark::DoNotOptimize(getenv("TZ"));
+            clock_gettime(CLOCK_REALTIME_COARSE, &now);
+            benchmark::DoNotOptimize(now);
+        }
+        benchmark::DoNotOptimize(localtime_r(&times().seconds[i], &parts));
+        benchmark::DoNotOptimize(parts);
+    });
+}
 BENCHMARK(to_local_ours)->Name("utc_to_local/ours");
+BENCHMARK(to_local_least)->Name("utc_to_local/asking_localtime_r");
 BENCHMARK(to_local_localtime)->Name("utc_to_local/localtime_r");
 BENCHMARK(to_local_platform_ours)->Name("utc_to_local_now/ours");
 BENCHMARK(to_local_localtime)->Name("utc_to_local_now/localtime_r");
