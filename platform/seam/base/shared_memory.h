@@ -9,9 +9,8 @@
 //
 // Behind it stand the host's System V segments: marked for removal as soon as they are made, by which they lose their
 // key, and found by looking through those that there are for one that is this user's, has the size and carries the
-// path's mark. A process has no
-// descriptor of it, and a child made by fork has it too. Processes of different IPC namespaces (containers) do not
-// share it, whatever files they share.
+// path's mark. A process has no descriptor of it, and a child made by fork has it too. Processes of different IPC
+// namespaces (containers) do not share it, whatever files they share.
 
 #include <atomic>
 #include <cerrno>
