@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
+
 #include "base/host_error.h"
 #include "base/host_fd.h"
 
@@ -20,6 +23,8 @@ ModuleFile::ModuleFile(const char* path)
         error_ = ERROR_BAD_EXE_FORMAT;
     else
         size_ = static_cast<std::uint64_t>(status.st_size);
+    const std::span<std::byte> head(head_, static_cast<std::size_t>(std::min<std::uint64_t>(size_, sizeof head_)));
+    if (read_host(0, head)) head_size_ = head.size();
 }
 
 ModuleFile::~ModuleFile() {
@@ -28,6 +33,12 @@ ModuleFile::~ModuleFile() {
 
 bool ModuleFile::read(std::uint64_t offset, std::span<std::byte> out) const {
     if (offset > size_ || out.size() > size_ - offset) return false;
+    if (offset > head_size_ || out.size() > head_size_ - offset) return read_host(offset, out);
+    std::memcpy(out.data(), head_ + offset, out.size());
+    return true;
+}
+
+bool ModuleFile::read_host(std::uint64_t offset, std::span<std::byte> out) const {
     while (!out.empty()) {
         const ssize_t got = pread(fd_, out.data(), out.size(), static_cast<off_t>(offset));
         if (got < 0 && errno == EINTR) continue;

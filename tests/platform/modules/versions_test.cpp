@@ -98,6 +98,41 @@ TEST(Versions, FilesCutShortAnywhere) {
     }
 }
 
+// Whether they lie at the beginning, at the end of a large file or where reading it by parts cuts them.
+TEST(Versions, NotesAndHeadersAnywhere) {
+    const ModuleFolder folder;
+    folder.add("seven", "a.so");
+    const std::vector<char> whole = bytes_of(folder.host() / "a.so");
+    ElfW(Ehdr) header;
+    ASSERT_GE(whole.size(), sizeof header);
+    std::memcpy(&header, whole.data(), sizeof header);
+    const std::size_t headers = header.e_phnum * sizeof(ElfW(Phdr));
+    for (std::size_t shift = 0; shift < 4096; shift += 28) {
+        const std::size_t notes_at = (shift + sizeof header + 3) & ~std::size_t{3};
+        const std::size_t headers_at = notes_at + 1024;
+        std::vector<char> file(headers_at + headers, 0);
+        std::vector<char> segments(headers);
+        std::memcpy(segments.data(), whole.data() + header.e_phoff, headers);
+        std::size_t next = notes_at;
+        for (std::size_t i = 0; i < header.e_phnum; ++i) {
+            ElfW(Phdr) segment;
+            std::memcpy(&segment, segments.data() + i * sizeof segment, sizeof segment);
+            if (segment.p_type != PT_NOTE) continue;
+            ASSERT_LE(next + segment.p_filesz, headers_at);
+            std::memcpy(file.data() + next, whole.data() + segment.p_offset, segment.p_filesz);
+            segment.p_offset = next;
+            next += (segment.p_filesz + 7) & ~std::size_t{7};
+            std::memcpy(segments.data() + i * sizeof segment, &segment, sizeof segment);
+        }
+        ElfW(Ehdr) changed = header;
+        changed.e_phoff = headers_at;
+        std::memcpy(file.data(), &changed, sizeof changed);
+        std::memcpy(file.data() + headers_at, segments.data(), headers);
+        put(folder.host() / "moved.so", file);
+        ASSERT_EQ(GetFileVersionInfoSizeW(folder.path("moved.so").c_str(), nullptr), kBlock) << shift;
+    }
+}
+
 // Whatever the headers and notes claim, reading stays within the file.
 TEST(Versions, HeadersThatLie) {
     const ModuleFolder folder;
