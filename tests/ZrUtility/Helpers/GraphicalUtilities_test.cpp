@@ -390,7 +390,7 @@ TEST(Trimming, OfAnyTextIsWhatTheRoundsGive) {
     std::mt19937 random(29);  // NOLINT(bugprone-random-generator-seed)
     for (const char16_t* const face : {u"Monospace", u"DejaVu Sans", u"Serif", u""}) {
         const FontWindow window(face, -13);
-        for (int round = 0; round < 30; ++round) {
+        for (int round = 0; round < 30 / zr::test::kStride; ++round) {
             const std::u16string text = any_text(random);
             const int room = std::uniform_int_distribution(-2, width_of(window, text) + 5)(random);
             ASSERT_EQ(at_end(window, text, room), cut_end_by_rounds(window, text, room)) << room;
@@ -445,7 +445,7 @@ TEST(Trimming, OfAnyLongTextOneMoreWouldNotFit) {
     std::mt19937 random(41);  // NOLINT(bugprone-random-generator-seed)
     for (const char16_t* const face : {u"Monospace", u"DejaVu Sans"}) {
         const FontWindow window(face, -13);
-        for (int round = 0; round < 6; ++round) {
+        for (int round = 0; round < (zr::test::kInstrumented ? 2 : 6); ++round) {
             std::u16string text;
             while (text.size() < 1500) {
                 text += any_text(random);
@@ -508,7 +508,7 @@ TEST(Trimming, OfADestroyedWindowLeavesTheText) {
 
 TEST(Trimming, OfVeryLongTextsIsInTime) {
     const PlainWindow window(0, 0, 100, 100);
-    const std::u16string text(5'000'000, u'm');
+    const std::u16string text(5'000'000 / zr::test::kStride, u'm');
     EXPECT_EQ(at_end(window, text, 100), at_end(window, text.substr(0, 1000), 100));
     EXPECT_EQ(at_start(window, text, 100), at_start(window, text.substr(0, 1000), 100));
 }

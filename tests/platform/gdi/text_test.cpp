@@ -100,7 +100,7 @@ TEST(Measuring, OfPlainLettersIsWhatPangoMeasures) {
     const Paper paper;
     std::mt19937 random(18);  // NOLINT(bugprone-random-generator-seed)
     const auto number = [&](int from, int to) { return std::uniform_int_distribution(from, to)(random); };
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 300 / zr::test::kStride; ++round) {
         std::u16string text;
         for (int size = number(1, 60); size > 0; --size) {
             const int kind = number(0, 9);

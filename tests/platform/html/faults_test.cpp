@@ -15,6 +15,7 @@
 #include "support/child.h"
 #include "support/failing_new.h"
 #include "support/forked.h"
+#include "support/instrumented.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -124,7 +125,7 @@ TEST(HtmlFaults, KilledAtAnyMomentItComesBack) {
         const HRESULT shown = parent.show(u"<p id=p>one</p>");
         ZR_NEEDS_ENGINE(shown);
         std::mt19937 random(17);
-        for (int i = 0; i < 20; ++i) {
+        for (int i = 0; i < (zr::test::kInstrumented ? 8 : 20); ++i) {
             const std::vector<pid_t> processes = engine_processes();
             ASSERT_FALSE(processes.empty());
             const pid_t victim = processes[random() % processes.size()];
