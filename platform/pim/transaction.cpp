@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <span>
+#include <vector>
 
 #include "file_as.h"
 #include "last_error.h"
@@ -18,6 +20,19 @@ constexpr const char* kUpdateContact =
 constexpr const char* kReadContact =
     "SELECT file_as, title, first_name, middle_name, last_name, suffix, company, email1, email2, email3, job_title,"
     " own_file_as FROM contact WHERE oid = ?1";
+
+// Rows of properties, by as many as one statement takes: that is half the work of as many statements.
+struct PutProperties {
+    std::size_t rows;
+    const char* sql;
+};
+constexpr PutProperties kPutProperties[] = {
+    {8,
+     "INSERT OR REPLACE INTO property(oid, id, value) VALUES(?1, ?2, ?3), (?1, ?4, ?5), (?1, ?6, ?7), (?1, ?8, ?9),"
+     " (?1, ?10, ?11), (?1, ?12, ?13), (?1, ?14, ?15), (?1, ?16, ?17)"},
+    {4, "INSERT OR REPLACE INTO property(oid, id, value) VALUES(?1, ?2, ?3), (?1, ?4, ?5), (?1, ?6, ?7), (?1, ?8, ?9)"},
+    {1, "INSERT OR REPLACE INTO property(oid, id, value) VALUES(?1, ?2, ?3)"},
+};
 
 // A contact's columns with what is to be saved laid over them.
 struct Columns {
@@ -244,17 +259,34 @@ HRESULT Transaction::update(LONG oid, const Values& values) {
 }
 
 HRESULT Transaction::write_properties(LONG oid, const Values& values) {
-    for (const auto& [id, value] : values.entries()) {
-        if (is_column(id)) continue;
-        const bool removed = std::holds_alternative<std::monostate>(value);
-        Use statement = db_->use(removed ? "DELETE FROM property WHERE oid = ?1 AND id = ?2"
-                                         : "INSERT OR REPLACE INTO property(oid, id, value) VALUES(?1, ?2, ?3)");
+    std::vector<const Values::Entry*> put;
+    for (const Values::Entry& entry : values.entries()) {
+        if (is_column(entry.first)) continue;
+        if (!std::holds_alternative<std::monostate>(entry.second)) {
+            put.push_back(&entry);
+            continue;
+        }
+        Use statement = db_->use("DELETE FROM property WHERE oid = ?1 AND id = ?2");
         if (!statement) return db_->result();
         statement->bind(1, oid);
-        statement->bind(2, id);
-        if (!removed) bind_value(statement, 3, value);
+        statement->bind(2, entry.first);
         const HRESULT result = db_->run(statement);
         if (FAILED(result)) return result;
+    }
+    for (std::span<const Values::Entry* const> rest = put; !rest.empty();) {
+        const auto& [rows, sql] =
+            *std::ranges::find_if(kPutProperties, [&](const PutProperties& each) { return each.rows <= rest.size(); });
+        Use statement = db_->use(sql);
+        if (!statement) return db_->result();
+        statement->bind(1, oid);
+        for (int i = 0; i < static_cast<int>(rows); ++i) {
+            const auto& [id, value] = *rest[static_cast<std::size_t>(i)];
+            statement->bind(2 * i + 2, id);
+            bind_value(statement, 2 * i + 3, value);
+        }
+        const HRESULT result = db_->run(statement);
+        if (FAILED(result)) return result;
+        rest = rest.subspan(rows);
     }
     return S_OK;
 }
