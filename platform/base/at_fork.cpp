@@ -1,5 +1,6 @@
 #include "base/file_lock.h"
 #include "base/forks.h"
+#include "base/live_count.h"
 #include "heap_store.h"
 #include "interlocked_list.h"
 
@@ -18,6 +19,7 @@ void unlock_all() noexcept {
 
 void begin_child() noexcept {
     close_inherited_locks();
+    free_live_tallies_of_others();
     unlock_all();
 }
 

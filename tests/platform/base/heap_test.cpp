@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
+#include <barrier>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -12,6 +16,7 @@
 #include "guard_page.h"
 #include "platform/base.h"
 #include "platform/diagnostics.h"
+#include "support/forked.h"
 
 namespace {
 
@@ -285,6 +290,79 @@ TEST(Heap, ThreadsShareAHeap) {
     }
     EXPECT_TRUE(HeapDestroy(own));
     EXPECT_EQ(ZrLiveObjects(ZrLiveKind::HeapBlocks), before);
+}
+
+// More threads at a time than have a count of their own, each of which ends with blocks that others free.
+TEST(Heap, BlocksOfManyThreadsAreCounted) {
+    constexpr int kThreads = 300;
+    constexpr int kBlocks = 7;
+    const LONGLONG before = ZrLiveObjects(ZrLiveKind::HeapBlocks);
+    for (int round = 0; round < 2; ++round) {
+        std::vector<void*> blocks(kThreads * kBlocks);
+        std::vector<std::thread> threads;
+        std::barrier all_there(kThreads);
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < kBlocks; ++i) {
+                    blocks[t * kBlocks + i] = HeapAlloc(GetProcessHeap(), 0, 24);
+                }
+                all_there.arrive_and_wait();
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(ZrLiveObjects(ZrLiveKind::HeapBlocks), before + kThreads * kBlocks);
+        for (void* const block : blocks) {
+            EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, block));
+        }
+        EXPECT_EQ(ZrLiveObjects(ZrLiveKind::HeapBlocks), before);
+    }
+}
+
+TEST(Heap, BlocksThatEndWithTheirThreadAreCounted) {
+    struct Block {
+        ~Block() { HeapFree(GetProcessHeap(), 0, bytes); }
+        void* bytes = HeapAlloc(GetProcessHeap(), 0, 24);
+    };
+    const LONGLONG before = ZrLiveObjects(ZrLiveKind::HeapBlocks);
+    pthread_key_t late = 0;  // its destructor runs after the thread's count was given back
+    ASSERT_EQ(pthread_key_create(&late, [](void* block) { delete static_cast<Block*>(block); }), 0);
+    std::thread([late] {
+        thread_local const Block block;
+        EXPECT_NE(block.bytes, nullptr);
+        EXPECT_EQ(pthread_setspecific(late, new Block), 0);
+    }).join();
+    pthread_key_delete(late);
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::HeapBlocks), before);
+}
+
+TEST(Heap, AForkedChildGoesOnCounting) {
+    void* const block = HeapAlloc(GetProcessHeap(), 0, 24);
+    std::mutex gate;
+    gate.lock();
+    void* of_other = nullptr;
+    std::atomic<bool> made = false;
+    std::thread other([&] {
+        of_other = HeapAlloc(GetProcessHeap(), 0, 24);
+        made = true;
+        made.notify_all();
+        const std::lock_guard wait(gate);
+    });
+    made.wait(false);
+    const LONGLONG before = ZrLiveObjects(ZrLiveKind::HeapBlocks);
+    const int result = zr::test::in_fork([&] {
+        if (ZrLiveObjects(ZrLiveKind::HeapBlocks) != before) return 1;
+        HeapFree(GetProcessHeap(), 0, block);
+        HeapFree(GetProcessHeap(), 0, of_other);
+        return ZrLiveObjects(ZrLiveKind::HeapBlocks) == before - 2 ? 0 : 2;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(ZrLiveObjects(ZrLiveKind::HeapBlocks), before);
+    gate.unlock();
+    other.join();
+    EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, block));
+    EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, of_other));
 }
 
 }  // namespace
