@@ -22,7 +22,7 @@ BlockHeader* find_local(HLOCAL block) {
 
 }  // namespace
 
-HANDLE GetProcessHeap() {
+HANDLE GetProcessHeap() noexcept {
     return process_heap();
 }
 

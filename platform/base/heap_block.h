@@ -35,12 +35,20 @@ inline std::size_t block_size(const BlockHeader* header) {
 inline void* block_bytes(BlockHeader* header) {
     return header + 1;
 }
+inline constexpr std::uintptr_t kPage = 4096;
+
+// The slack before a block's header. Only a block that stands kUnit behind the beginning of a page can have any, so the
+// header is rarely read for it: freeing need not wait until what allocating wrote there can be read.
+inline std::size_t slack_of(const BlockHeader* header) {
+    if (reinterpret_cast<std::uintptr_t>(header) % kPage != 0) [[likely]]
+        return 0;
+    return (header->size & 1) != 0 ? kUnit : 0;
+}
 // Where the host's allocation begins.
 inline unsigned char* block_base(BlockHeader* header) {
-    return reinterpret_cast<unsigned char*>(header) - ((header->size & 1) != 0 ? kUnit : 0);
+    return reinterpret_cast<unsigned char*>(header) - slack_of(header);
 }
 
-inline constexpr std::uintptr_t kPage = 4096;
 inline constexpr std::uintptr_t kSealMark = static_cast<std::uintptr_t>(0x9E3779B97F4A7C15u);
 
 inline std::uintptr_t seal_of(const Heap* heap, const void* block) {

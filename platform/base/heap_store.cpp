@@ -3,32 +3,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
+#include <mutex>
 #include <new>
-
-#include "base/live_count.h"
 
 namespace zr::platform {
 
 namespace {
-
-constexpr std::size_t kMostBytes = std::numeric_limits<std::size_t>::max() / 4;
-
-std::atomic<LONGLONG> successes_left{-1};  // negative: no failure is asked for
-
-bool may_allocate() {
-    LONGLONG left = successes_left.load(std::memory_order_relaxed);
-    while (left > 0 && !successes_left.compare_exchange_weak(left, left - 1)) {
-    }
-    return left != 0;
-}
-
-class ProcessHeap final : public Heap {
-protected:
-    void* obtain(std::size_t bytes, bool zero) override { return zero ? std::calloc(1, bytes) : std::malloc(bytes); }
-    void* resize(void* base, std::size_t bytes) override { return std::realloc(base, bytes); }
-    void release(void* base) override { std::free(base); }
-};
 
 // Keeps its blocks in a ring, so that they can go with it.
 class PrivateHeap final : public Heap {
@@ -104,9 +84,6 @@ private:
     std::size_t used_ = 0;
 };
 
-// Never destroyed: blocks are freed while the process ends, too.
-alignas(ProcessHeap) unsigned char place[sizeof(ProcessHeap)];
-
 std::mutex heaps_mutex;
 PrivateHeap* first_heap = nullptr;
 
@@ -121,20 +98,20 @@ PrivateHeap** link_to(const Heap* heap) {
 
 }  // namespace
 
-Heap& the_process_heap = *new (place) ProcessHeap;
+constinit EndlessHeap the_process_heap;
+std::atomic<LONGLONG> heap_successes_left{-1};
 
-void* Heap::allocate(std::size_t bytes, bool zero) {
-    if (bytes > kMostBytes || !may_allocate()) return nullptr;
-    auto* const base = static_cast<unsigned char*>(obtain(bytes + kBlockOverhead, zero));
-    if (base == nullptr) return nullptr;
-    count_live(ZrLiveKind::HeapBlocks, 1);
-    return block_bytes(lay_block(this, base, bytes, 0, 0));
+bool may_allocate_counted() noexcept {
+    LONGLONG left = heap_successes_left.load(std::memory_order_relaxed);
+    while (left > 0 && !heap_successes_left.compare_exchange_weak(left, left - 1)) {
+    }
+    return left != 0;
 }
 
 void* Heap::reallocate(BlockHeader* block, std::size_t bytes, bool zero) {
     if (bytes > kMostBytes || !may_allocate()) return nullptr;
     const std::size_t old_size = block_size(block);
-    const std::size_t slack = (block->size & 1) != 0 ? kUnit : 0;
+    const std::size_t slack = slack_of(block);
     const std::uintptr_t seal = block->seal;
     unseal(block);
     auto* const base = static_cast<unsigned char*>(resize(block_base(block), bytes + kBlockOverhead));
@@ -145,12 +122,6 @@ void* Heap::reallocate(BlockHeader* block, std::size_t bytes, bool zero) {
     void* const result = block_bytes(lay_block(this, base, bytes, slack, std::min(old_size, bytes)));
     if (zero && bytes > old_size) std::memset(static_cast<unsigned char*>(result) + old_size, 0, bytes - old_size);
     return result;
-}
-
-void Heap::free(BlockHeader* block) {
-    unseal(block);
-    release(block_base(block));
-    count_live(ZrLiveKind::HeapBlocks, -1);
 }
 
 Heap* create_heap(std::size_t maximum) {
@@ -196,5 +167,5 @@ void unlock_heaps() noexcept {
 }  // namespace zr::platform
 
 void ZrFailHeapAfter(LONGLONG successes) {
-    zr::platform::successes_left.store(successes < 0 ? -1 : successes);
+    zr::platform::heap_successes_left.store(successes < 0 ? -1 : successes);
 }

@@ -3,16 +3,26 @@
 // Heaps: where blocks get their bytes from.
 
 #include <atomic>
-#include <mutex>
+#include <cstdlib>
+#include <limits>
 
+#include "base/live_count.h"
 #include "heap_block.h"
 #include "platform/types.h"
 
 namespace zr::platform {
 
+extern std::atomic<LONGLONG> heap_successes_left;  // ZrFailHeapAfter; negative: no failure is asked for
+bool may_allocate_counted() noexcept;
+inline bool may_allocate() noexcept {
+    return heap_successes_left.load(std::memory_order_relaxed) < 0 || may_allocate_counted();
+}
+
+inline constexpr std::size_t kMostBytes = std::numeric_limits<std::size_t>::max() / 4;
+
 class Heap {
 public:
-    Heap() = default;
+    constexpr Heap() = default;
     virtual ~Heap() = default;
     Heap(const Heap&) = delete;
     Heap& operator=(const Heap&) = delete;
@@ -28,10 +38,21 @@ protected:
     virtual void release(void* base) = 0;
 };
 
-// The heap of the process, which never ends.
-extern Heap& the_process_heap;
-inline Heap* process_heap() {
-    return &the_process_heap;
+class ProcessHeap final : public Heap {
+public:
+    void* obtain(std::size_t bytes, bool zero) override { return zero ? std::calloc(1, bytes) : std::malloc(bytes); }
+    void* resize(void* base, std::size_t bytes) override { return std::realloc(base, bytes); }
+    void release(void* base) override { std::free(base); }
+};
+// Never destroyed: blocks are freed while the process ends, too.
+union EndlessHeap {
+    constexpr EndlessHeap() : heap() {}
+    ~EndlessHeap() {}
+    ProcessHeap heap;
+};
+extern constinit EndlessHeap the_process_heap;
+inline ProcessHeap* process_heap() {
+    return &the_process_heap.heap;
 }
 // A private heap; null when memory is short. `maximum` 0: no limit.
 Heap* create_heap(std::size_t maximum);
@@ -40,7 +61,28 @@ bool destroy_heap(Heap* heap);
 // The heap behind a handle; null for what is none.
 Heap* find_private_heap(HANDLE handle);
 inline Heap* find_heap(HANDLE handle) {
-    return handle == process_heap() ? process_heap() : find_private_heap(handle);
+    if (handle == process_heap()) [[likely]]
+        return process_heap();
+    return find_private_heap(handle);
+}
+
+// The process's heap is nearly always the one, and then nothing virtual is called.
+inline void* Heap::allocate(std::size_t bytes, bool zero) {
+    if (bytes > kMostBytes || !may_allocate()) [[unlikely]]
+        return nullptr;
+    const std::size_t total = bytes + kBlockOverhead;
+    void* const base = this == process_heap() ? process_heap()->obtain(total, zero) : obtain(total, zero);
+    if (base == nullptr) [[unlikely]]
+        return nullptr;
+    count_live(ZrLiveKind::HeapBlocks, 1);
+    return block_bytes(lay_block(this, static_cast<unsigned char*>(base), bytes, 0, 0));
+}
+
+inline void Heap::free(BlockHeader* block) {
+    unseal(block);
+    void* const base = block_base(block);
+    this == process_heap() ? process_heap()->release(base) : release(base);
+    count_live(ZrLiveKind::HeapBlocks, -1);
 }
 
 // All heaps, while the process forks.

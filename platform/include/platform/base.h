@@ -288,7 +288,8 @@ inline constexpr DWORD HEAP_NO_SERIALIZE = 0x1;
 inline constexpr DWORD HEAP_ZERO_MEMORY = 0x8;
 inline constexpr DWORD HEAP_REALLOC_IN_PLACE_ONLY = 0x10;
 
-ZRPLATFORM_API HANDLE GetProcessHeap();
+// Always the same: a compiler may ask once for several calls.
+[[gnu::const]] ZRPLATFORM_API HANDLE GetProcessHeap() noexcept;
 // A heap of its own. `maximum` 0 lets it grow; otherwise it never holds more than `maximum` bytes. NULL when memory is
 // short. HeapDestroy releases it with every block it still holds; the process heap is refused.
 ZRPLATFORM_API HANDLE HeapCreate(DWORD flags, SIZE_T initial, SIZE_T maximum);
