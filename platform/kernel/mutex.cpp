@@ -32,7 +32,9 @@ bool Mutex::is_exhausted() const noexcept {
 }
 
 Waitable::Attempt Mutex::try_acquire(Thread& self) noexcept {
-    return try_lock(self);
+    const Attempt attempt = try_lock(self);
+    if (attempt != Attempt::No && !has_handle()) keep_while_owned();
+    return attempt;
 }
 
 void Mutex::acquired(Thread& self) noexcept {
@@ -40,12 +42,7 @@ void Mutex::acquired(Thread& self) noexcept {
 }
 
 void Mutex::enlist_owned(Thread& self) noexcept {
-    listed_ = true;
-    Mutex*& first = ThreadAccess::owned(self);
-    previous_ = nullptr;
-    next_ = first;
-    if (first) first->previous_ = this;
-    first = this;
+    link_owned(self);
     if (!has_handle()) keep_while_owned();
 }
 

@@ -23,11 +23,12 @@ public:
     // Gives up one hold; false when the calling thread is not the owner.
     bool unlock(Thread& self) noexcept;
 
-    // What can be done without a lock and without waiting, else nothing is done and the answer is No, or false.
+    // What can be done without a lock and without waiting, else nothing is done and the answer is No, or false. Who
+    // takes it so without holding a handle open (quick_pin.h) looks after that whether it has to be kept.
     Attempt try_lock(Thread& self) noexcept {
         const Attempt attempt = take_free(self);
-        if (attempt != Attempt::No) {
-            enlist_owned(self);
+        if (attempt != Attempt::No) [[likely]] {
+            link_owned(self);
             return attempt;
         }
         if (owner() != self.lock_id()) return Attempt::No;
@@ -65,11 +66,22 @@ private:
             return Attempt::No;
         }
         holds_ = 1;
-        return std::exchange(abandoned_, false) ? Attempt::TakenAbandoned : Attempt::Taken;
+        if (!abandoned_) [[likely]]
+            return Attempt::Taken;
+        abandoned_ = false;
+        return Attempt::TakenAbandoned;
     }
     bool is_left_behind() const noexcept {
         const DWORD now = owner();
         return now != 0 && ThreadAccess::stayed_behind(now);
+    }
+    void link_owned(Thread& self) noexcept {
+        listed_ = true;
+        Mutex*& first = ThreadAccess::owned(self);
+        previous_ = nullptr;
+        next_ = first;
+        if (first) first->previous_ = this;
+        first = this;
     }
     void enlist_owned(Thread& self) noexcept;
     void delist_owned(Thread& self) noexcept;
