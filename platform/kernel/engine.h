@@ -67,6 +67,7 @@ struct ThreadAccess {
     }
     static bool park_on(Thread& self, std::atomic<std::uint32_t>& word, Deadline deadline, FutexScope scope) noexcept;
     static bool& mixed(Thread& thread) noexcept { return thread.mixed_; }
+    static NamedOwner& named_owner(Thread& self) noexcept { return self.named_owner_; }
     static NamedSleeper& named_sleeper(Thread& thread) noexcept { return thread.named_sleeper_; }
 
     // Ending.

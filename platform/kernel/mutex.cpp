@@ -133,6 +133,7 @@ void Mutex::last_handle_closed() noexcept {
 }  // namespace zr::platform
 
 using namespace zr::platform;
+using named::NamedMutex;
 
 HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initial_owner, LPCWSTR name) {
     cancellation_point();
@@ -153,13 +154,26 @@ HANDLE OpenMutexW(DWORD, BOOL, LPCWSTR name) {
     return named::open_mutex(name);
 }
 
-BOOL ReleaseMutex(HANDLE handle) {
-    Thread& self = ThreadAccess::current();
+namespace {
+
+bool release_quickly(Thread& self, HANDLE handle) noexcept {
+    Ref<NamedMutex> left;
     {
         const QuickPin quick(self, handle);
-        Mutex* const mutex = quick.get<Mutex>();
-        if (mutex && mutex->try_unlock(self)) return TRUE;
+        if (Mutex* const mutex = quick.get<Mutex>()) return mutex->try_unlock(self);
+        NamedMutex* const mutex = quick.get<NamedMutex>();
+        if (!mutex || !mutex->try_unlock(self, left)) return false;
     }
+    if (left) left->drop_kept(self);
+    return true;
+}
+
+}  // namespace
+
+BOOL ReleaseMutex(HANDLE handle) {
+    Thread& self = ThreadAccess::current();
+    if (release_quickly(self, handle)) [[likely]]
+        return TRUE;
     Pin pin(handle);
     const ObjectKind kind = pin ? pin.object()->kind() : ObjectKind::Other;
     bool released = false;
@@ -167,7 +181,8 @@ BOOL ReleaseMutex(HANDLE handle) {
         note_use(pin);
         released = static_cast<Mutex*>(pin.object())->unlock(self);
     } else if (kind == ObjectKind::NamedMutex) {
-        released = static_cast<named::NamedMutex*>(pin.object())->unlock(self);
+        note_use(pin);
+        released = static_cast<NamedMutex*>(pin.object())->unlock(self);
     } else {
         report_invalid_handle();
         return FALSE;

@@ -186,6 +186,7 @@ void ThreadAccess::survive_fork() noexcept {
     self.next_ = nullptr;
     bucket(id) = &self;
     self.named_owned_ = nullptr;
+    self.named_owner_ = {};
     self.named_sleeper_ = {};
 }
 

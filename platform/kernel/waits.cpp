@@ -1,6 +1,7 @@
 #include <sched.h>
 
 #include "mutex.h"
+#include "named/objects.h"
 #include "platform/kernel.h"
 #include "quick_pin.h"
 #include "semaphore_object.h"
@@ -15,7 +16,12 @@ Waitable::Attempt take_quickly(Thread& self, HANDLE handle) noexcept {
     if (Mutex* const mutex = quick.get<Mutex>()) return mutex->try_lock(self);
     if (Event* const event = quick.get<Event>()) return event->try_take();
     if (Semaphore* const semaphore = quick.get<Semaphore>()) return semaphore->try_take();
+    if (named::NamedMutex* const mutex = quick.get<named::NamedMutex>()) return mutex->try_lock(self);
     return Waitable::Attempt::No;
+}
+
+bool is_taken_quickly(const Waitable& object) noexcept {
+    return object.kind() <= ObjectKind::Semaphore || object.kind() == ObjectKind::NamedMutex;
 }
 
 }  // namespace
@@ -35,7 +41,7 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
         report_invalid_handle();
         return WAIT_FAILED;
     }
-    if (object->kind() <= ObjectKind::Semaphore) note_use(pin);
+    if (is_taken_quickly(*object)) note_use(pin);
     return wait(*object, Deadline::after(milliseconds)).code();
 }
 

@@ -177,25 +177,13 @@ Waitable::Attempt NamedSemaphore::try_acquire(Thread&) noexcept {
 // --- Mutexes ---------------------------------------------------------------------------------------------------------
 
 Waitable::Attempt NamedMutex::try_acquire(Thread& self) noexcept {
-    if (!member_.is_valid()) return Attempt::No;
-    const std::uint64_t owner = member_.session().owner(self);
-    std::uint64_t seen = word().load(std::memory_order_acquire);
-    if ((seen & kOwner) == owner) return Attempt::Taken;
-    if ((seen & ~kAbandoned) != member_.base()) return Attempt::No;
-    if (!word().compare_exchange_strong(seen, member_.base() | owner, std::memory_order_acq_rel,
-                                        std::memory_order_relaxed)) {
-        return Attempt::No;
-    }
-    return (seen & kAbandoned) != 0 ? Attempt::TakenAbandoned : Attempt::Taken;
+    return member_.is_valid() ? take(member_.session().owner(self)) : Attempt::No;
 }
 
 void NamedMutex::acquired(Thread& self) noexcept {
     if (holds_++ != 0) return;
-    NamedMutex*& first = ThreadAccess::named_owned(self);
-    previous_ = nullptr;
-    next_ = first;
-    if (first) first->previous_ = this;
-    first = this;
+    ThreadAccess::named_owner(self) = {&member_.session(), member_.session().owner(self)};
+    enlist_owned(self);
     if (without_handle_.load(std::memory_order_relaxed)) keep_for_owner();
 }
 
@@ -243,8 +231,7 @@ bool NamedMutex::unlock(Thread& self) noexcept {
 
 // The caller keeps the mutex alive.
 void NamedMutex::give_up(Thread& self, std::uint64_t mark) noexcept {
-    (previous_ ? previous_->next_ : ThreadAccess::named_owned(self)) = next_;
-    if (next_) next_->previous_ = previous_;
+    delist_owned(self);
     holds_ = 0;
     Session& session = member_.session();
     std::uint64_t seen = member_.base() | session.owner(self);

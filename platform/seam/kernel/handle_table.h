@@ -20,7 +20,7 @@ class Event;
 
 // What a handle names. A family that brings a kind of its own adds it here.
 enum class ObjectKind : std::uint32_t {
-    Event,  // these three are quick to take (quick_pin.h)
+    Event,  // these three, and named mutexes, are quick to take (quick_pin.h)
     Mutex,
     Semaphore,
     Timer,

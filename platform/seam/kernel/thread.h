@@ -20,6 +20,12 @@ struct NamedSleeper {
     std::uint32_t index = 0;
 };
 
+// How named mutexes say that a thread owns them, from when it took one for the first time.
+struct NamedOwner {
+    const named::Session* session = nullptr;
+    std::uint64_t id = 0;
+};
+
 // Where families hang what they keep per thread.
 enum class ThreadSlot { Windowing, Com, Shell, Count };
 
@@ -98,6 +104,7 @@ private:
     struct QuickSlot* quick_slot_ = nullptr;
     class Mutex* owned_ = nullptr;
     named::NamedMutex* named_owned_ = nullptr;
+    NamedOwner named_owner_;
     NamedSleeper named_sleeper_;
     struct TlsValues* tls_ = nullptr;
 

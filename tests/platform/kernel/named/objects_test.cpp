@@ -189,6 +189,15 @@ private:
     std::uintmax_t full_ = 0;
 };
 
+// As often as it takes for the handle to be held in the quickest way.
+static void use_often(HANDLE lock) {
+    for (int i = 0; i < 20; ++i) {
+        const DWORD result = WaitForSingleObject(lock, INFINITE);
+        EXPECT_TRUE(result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) << result;
+        EXPECT_TRUE(ReleaseMutex(lock));
+    }
+}
+
 TEST(Named, AMutexClosedWhileItIsOwnedLivesAsLongAsItsOwner) {
     FullTable table;
     for (int round = 0; round < 20; ++round) {
@@ -222,12 +231,67 @@ TEST(Named, AMutexMayBeClosedAtAnyMomentOfItsUse) {
         };
         Worker first(use);
         Worker second(use);
-        while (turns < round % 4) {
+        // Some are closed when they have been used often enough for the quickest way, others before.
+        while (turns < round % 24) {
             sched_yield();
         }
         EXPECT_TRUE(CloseHandle(lock.detach()));
     }
     table.expect_no_growth();
+}
+
+// Each thread's handle may be the last one when it is closed, while another opens the mutex again and uses that.
+TEST(Named, AMutexIsOpenedAgainWhileItIsClosed) {
+    FullTable table;
+    {
+        const auto use = [] {
+            for (int round = 0; round < 100; ++round) {
+                const Handle lock = named_mutex(u"open and closed");
+                use_often(lock);
+            }
+            return DWORD{0};
+        };
+        Worker first(use);
+        Worker second(use);
+        Worker third(use);
+    }
+    table.expect_no_growth();
+}
+
+TEST(Named, AMutexThatIsUsedOftenIsStillCounted) {
+    const Handle lock = named_mutex(u"often");
+    use_often(lock);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(WaitForSingleObject(lock, INFINITE), WAIT_OBJECT_0);
+    }
+    Worker other([&] {
+        EXPECT_FALSE(ReleaseMutex(lock));
+        EXPECT_EQ(GetLastError(), ERROR_NOT_OWNER);
+        return WaitForSingleObject(lock, 0);
+    });
+    EXPECT_EQ(other.join(), WAIT_TIMEOUT);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(ReleaseMutex(lock));
+    }
+    EXPECT_FALSE(ReleaseMutex(lock));
+    EXPECT_EQ(GetLastError(), ERROR_NOT_OWNER);
+    Worker last([&] { return WaitForSingleObject(lock, 0); });  // ends with it
+    EXPECT_EQ(last.join(), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(lock, INFINITE), WAIT_ABANDONED);
+    EXPECT_TRUE(ReleaseMutex(lock));
+    use_often(lock);
+}
+
+TEST(Named, AClosedMutexThatWasUsedOftenIsRefused) {
+    Handle lock = named_mutex(u"stale");
+    use_often(lock);
+    const HANDLE stale = lock;
+    lock = Handle();
+    EXPECT_EQ(WaitForSingleObject(stale, 0), WAIT_FAILED);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    SetLastError(0);
+    EXPECT_FALSE(ReleaseMutex(stale));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
 }
 
 TEST(Named, WaitersAreServedInOrder) {
@@ -429,6 +493,28 @@ TEST(NamedProcesses, AKilledOwnerAbandonsToTheSleepingWaiter) {
     ReleaseMutex(lock);
 }
 
+// At any moment of a loop that takes it and gives it up.
+TEST(NamedProcesses, AUserOfAMutexIsKilled) {
+    const Handle lock = named_mutex(u"used by the dead");
+    use_often(lock);
+    for (int round = 0; round < 20; ++round) {
+        Fork user([] {
+            const Handle mine = named_mutex(u"used by the dead");
+            use_often(mine);
+            Fork::say('u');
+            while (WaitForSingleObject(mine, INFINITE) != WAIT_FAILED && ReleaseMutex(mine)) {
+            }
+            return 1;
+        });
+        ASSERT_EQ(user.hear(), 'u');
+        use_often(lock);
+        user.kill();
+        const DWORD result = WaitForSingleObject(lock, INFINITE);
+        EXPECT_TRUE(result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) << result;
+        EXPECT_TRUE(ReleaseMutex(lock));
+    }
+}
+
 TEST(NamedProcesses, AKilledProcessTakesItsNamesAlong) {
     const Handle anchor = named_event(u"anchor");  // keeps this process among those that share objects
     Fork owner([] {
@@ -539,4 +625,24 @@ TEST(NamedProcesses, ForkedChildHasNoneOfTheHandles) {
     });
     EXPECT_EQ(child.join(), 0);
     EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+}
+
+TEST(NamedProcesses, ForkedChildHasNoMutexThatItsParentUsesOften) {
+    const Handle lock = named_mutex(u"parent's");
+    use_often(lock);
+    EXPECT_EQ(WaitForSingleObject(lock, INFINITE), WAIT_OBJECT_0);
+    Fork child([&] {
+        if (ReleaseMutex(lock)) return 1;
+        if (WaitForSingleObject(lock, 0) != WAIT_FAILED || GetLastError() != ERROR_INVALID_HANDLE) return 2;
+        const Handle own = named_mutex(u"parent's");
+        if (WaitForSingleObject(own, 0) != WAIT_TIMEOUT) return 3;
+        Fork::say('r');
+        if (WaitForSingleObject(own, INFINITE) != WAIT_OBJECT_0 || !ReleaseMutex(own)) return 4;
+        use_often(own);
+        return WaitForSingleObject(lock, 0) == WAIT_FAILED && !ReleaseMutex(lock) ? 0 : 5;
+    });
+    EXPECT_EQ(child.hear(), 'r');
+    EXPECT_TRUE(ReleaseMutex(lock));
+    EXPECT_EQ(child.join(), 0);
+    use_often(lock);
 }
