@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "base/host_error.h"
 #include "base/host_fd.h"
@@ -34,7 +33,7 @@ ModuleFile::~ModuleFile() {
 bool ModuleFile::read(std::uint64_t offset, std::span<std::byte> out) const {
     if (offset > size_ || out.size() > size_ - offset) return false;
     if (offset > head_size_ || out.size() > head_size_ - offset) return read_host(offset, out);
-    std::memcpy(out.data(), head_ + offset, out.size());
+    std::copy_n(head_ + offset, out.size(), out.data());
     return true;
 }
 
