@@ -12,6 +12,7 @@
 #include <mutex>
 #include <new>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/forks.h"
@@ -48,7 +49,7 @@ public:
     // In a child made by fork: listens to what its parent's watchers listened to.
     void resume() noexcept;
 
-    void before_fork() noexcept { mutex_.lock(); }
+    void before_fork() noexcept;
     void after_fork() noexcept { mutex_.unlock(); }
     void after_fork_in_child() noexcept;
 
@@ -57,16 +58,17 @@ private:
     void close_files() noexcept;
     void wake() noexcept;
     void run() noexcept;
-    bool wait(int timeout) noexcept;
+    bool ends() noexcept;
     void take_rings() noexcept;
     void note(int watch, std::uint32_t mask) noexcept;
     void call_all() noexcept;
     int watch_bell(Entry& entry) noexcept;
 
     std::mutex mutex_;
-    std::condition_variable called_;  // a watcher was called
+    std::condition_variable done_;  // a watcher was called, files are closed
     std::vector<Entry> entries_;
     StoreWatcher* calling_ = nullptr;
+    int closing_ = 0;  // threads that close what they listened with
     std::thread::id thread_;
     Worker worker_{"zr-stores"};
     HostFd inotify_;
@@ -94,7 +96,7 @@ void Listener::remove(StoreWatcher& watcher) noexcept {
         std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) { return entry.watch == watch; });
     if (watch >= 0 && !shared) inotify_rm_watch(inotify_.get(), watch);
     if (entries_.empty()) wake();
-    if (thread_ != std::this_thread::get_id()) called_.wait(lock, [&] { return calling_ != &watcher; });
+    if (thread_ != std::this_thread::get_id()) done_.wait(lock, [&] { return calling_ != &watcher; });
 }
 
 void Listener::call(StoreWatcher& watcher) noexcept {
@@ -115,15 +117,21 @@ void Listener::resume() noexcept {
     wake();
 }
 
+void Listener::before_fork() noexcept {
+    std::unique_lock lock(mutex_);
+    done_.wait(lock, [&] { return closing_ == 0; });
+    lock.release();
+}
+
 void Listener::after_fork_in_child() noexcept {
     close_files();
     calling_ = nullptr;
-    new (&called_) std::condition_variable;  // those who waited are not here
+    new (&done_) std::condition_variable;  // those who waited are not here
     for (Entry& entry : entries_) {
         entry.watch = -1;
         entry.again = true;  // for the thread that will be started
     }
-    mutex_.unlock();
+    after_fork();
 }
 
 int Listener::start() {
@@ -157,16 +165,10 @@ void Listener::run() noexcept {
         const std::lock_guard lock(mutex_);
         thread_ = std::this_thread::get_id();
     }
-    for (;;) {
+    while (!ends()) {
         int timeout = -1;
         {
             const std::lock_guard lock(mutex_);
-            if (entries_.empty()) {
-                thread_ = {};
-                worker_.leave();
-                close_files();
-                return;
-            }
             if (std::any_of(entries_.begin(), entries_.end(), [](const Entry& entry) { return entry.again; }))
                 timeout = kRetryMilliseconds;
         }
@@ -175,6 +177,25 @@ void Listener::run() noexcept {
         take_rings();
         call_all();
     }
+}
+
+// Ends when nobody listens any more. The host takes some 15 ms to close what has had watches: who comes to listen
+// meanwhile gets another thread and does not wait; a fork does, whose child would have these files.
+bool Listener::ends() noexcept {
+    std::unique_lock lock(mutex_);
+    if (!entries_.empty()) return false;
+    thread_ = {};
+    worker_.leave();
+    HostFd inotify = std::move(inotify_);
+    HostFd wake = std::move(wake_);
+    ++closing_;
+    lock.unlock();
+    inotify = HostFd();
+    wake = HostFd();
+    lock.lock();
+    --closing_;
+    done_.notify_all();
+    return true;
 }
 
 void Listener::take_rings() noexcept {
@@ -209,7 +230,7 @@ void Listener::call_all() noexcept {
         const bool again = watcher->rang();
         lock.lock();
         calling_ = nullptr;
-        called_.notify_all();
+        done_.notify_all();
         // The list may be another one by now.
         for (Entry& entry : entries_) {
             if (entry.watcher == watcher && again) entry.again = true;

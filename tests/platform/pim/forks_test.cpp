@@ -1,8 +1,11 @@
 // Sessions that a process takes along when it is forked, and stores that are set aside while they are open.
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -19,6 +22,8 @@
 namespace {
 
 using namespace zr::test;
+
+std::atomic<bool> g_threads_close_late{false};
 
 // A byte from one process to another.
 class Pipe {
@@ -208,6 +213,47 @@ TEST(Forks, ABatchIsTheParentsAlone) {
     ASSERT_TRUE(save(session, u"in the batch, too"));
     EXPECT_EQ(store->CommitBatch(), S_OK);
     EXPECT_EQ(contacts_there(), 2);
+}
+
+}  // namespace
+
+// In the place of the C library's, for the platform.
+extern "C" __attribute__((visibility("default"))) int close(int file) {
+    if (g_threads_close_late && gettid() != getpid()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return static_cast<int>(syscall(SYS_close, file));
+}
+
+namespace {
+
+// A session's end leaves it to the listener's thread to close what it listened with. Here that thread takes its time.
+TEST(Forks, AtTheEndOfListeningTheChildHasNoneOfItsFiles) {
+    const auto listens = [] {
+        const std::filesystem::directory_iterator files("/proc/self/fd");
+        return std::any_of(begin(files), end(files), [](const auto& file) {
+            std::error_code closed;
+            return std::filesystem::read_symlink(file.path(), closed) == "anon_inode:inotify";
+        });
+    };
+    const NoteWindow window;
+    for (int round = 0; round < 5; ++round) {
+        {
+            TestSession session(window.window());
+            ASSERT_EQ(session.logon, S_OK);
+            tell_all(session);
+            ASSERT_TRUE(listens());
+            g_threads_close_late = true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(round));
+        const Forked child([&] {
+            g_threads_close_late = false;
+            if (listens()) return 1;
+            TestSession session;
+            return save(session, u"child's") ? 0 : 2;
+        });
+        g_threads_close_late = false;
+        EXPECT_EQ(child.wait(), 0) << round;
+    }
+    EXPECT_EQ(contacts_there(), 5);
 }
 
 // The thread that writes may be inside SQLite, whose locks are those of all stores: then the child has none of them,
