@@ -202,6 +202,30 @@ TEST(HtmlFaults, ForkedChildrenAndOtherThreadsHaveEnginesOfTheirOwn) {
     EXPECT_EQ(folders_left(), 0);
 }
 
+// Whoever showed the document has ended: what the engine is told of that while it goes leaves nothing behind.
+TEST(HtmlFaults, ToldToGoTimeAndAgainItLeavesNothing) {
+    for (int round = 0; round < 3; ++round) {
+        const int shown = in_fork(
+            [] {
+                HtmlParent parent;
+                const HRESULT result = parent.show(u"<p>one</p>");
+                if (result == HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND)) return 1;
+                const pid_t engine = engine_itself();
+                if (FAILED(result) || engine <= 0) return 2;
+                if (fork() != 0) _exit(0);
+                for (int i = 0; i < 3000 && kill(engine, SIGTERM) == 0; ++i) {
+                    usleep(100);
+                }
+                _exit(0);
+            },
+            200);
+        if (shown == 1) GTEST_SKIP() << "no engine";
+        ASSERT_EQ(shown, 0);
+        EXPECT_TRUE(until_no_process());
+        EXPECT_EQ(folders_left(), 0);
+    }
+}
+
 // Whatever allocation fails: an error, no object left behind, and with memory again documents are shown.
 TEST(HtmlFaults, WithoutMemoryCallsFailAndDocumentsComeBack) {
     HtmlParent parent;
