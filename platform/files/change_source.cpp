@@ -29,7 +29,9 @@ constexpr std::size_t kBatch = 1024 * 1024;
 constexpr std::size_t kLargestBatch = 4 * kBatch;
 constexpr std::size_t kMostAhead = 16;        // batches
 constexpr std::size_t kReadAheadEvery = 128;  // events
-constexpr int kRetryMilliseconds = 100;       // until a scan that lacked memory or descriptors is tried again
+constexpr std::size_t kMany = 4;              // events of a batch, when more have come by its end, are no single change
+constexpr unsigned kGatherMicroseconds = 100;
+constexpr int kRetryMilliseconds = 100;  // until a scan that lacked memory or descriptors is tried again
 
 bool has_input(int file) {
     pollfd poll{file, POLLIN, 0};
@@ -163,6 +165,7 @@ void ChangeSource::ready() noexcept {
         if (!ahead_.empty() || has_input(inotify_)) {
             read_batch();
             dispatch();
+            gather();
         } else {
             const std::lock_guard guard(mutex_);
             scan_all();
@@ -173,6 +176,12 @@ void ChangeSource::ready() noexcept {
     }
     if (!ahead_.empty()) return call_host_source(*this, Deadline::at_once());
     retry_later();
+}
+
+// Where changes come faster than they are told, each costs several wake-ups: of this thread, of the folder's, of who
+// listens. Told together they cost as many in all, and who makes them is not held up.
+void ChangeSource::gather() const noexcept {
+    if (events_.size() >= kMany && ahead_.empty() && has_input(inotify_)) usleep(kGatherMicroseconds);
 }
 
 void ChangeSource::retry_later() noexcept {

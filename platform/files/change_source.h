@@ -72,6 +72,7 @@ private:
     DWORD open() noexcept;
     void close() noexcept;
     void report_again();
+    void gather() const noexcept;
     void retry_later() noexcept;
     bool has_place(int watch) const noexcept;
 
